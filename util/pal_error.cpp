@@ -1,0 +1,329 @@
+// The message levels, the fatal exit and the debug channel.
+//
+// Owns PAL_messages and the state of the debug channel. A message is put together in one block and
+// handed to each target by one call, so that messages of several threads don't mix.
+#include "util/pal_error.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include "util/pal_mem.h"
+#include "util/pal_strings.h"
+#include "util/pal_util.h"
+
+constinit PAL_MessageSettings PAL_messages = {nullptr, nullptr, 0, 1, 1, nullptr, nullptr};
+
+namespace {
+
+class ErrnoKeeper {
+ public:
+  ErrnoKeeper() : saved_(errno) {}
+  ~ErrnoKeeper() { errno = saved_; }
+  ErrnoKeeper(const ErrnoKeeper&) = delete;
+  ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
+
+ private:
+  int saved_;
+};
+
+// A formatted text that stays off the heap while it is short: the report of exhausted memory passes
+// through here.
+class MessageText {
+ public:
+  __attribute__((format(printf, 2, 0))) MessageText(const char* format, va_list arguments) {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int length = std::vsnprintf(short_, sizeof short_, format, copy);
+    va_end(copy);
+    text_ = short_;
+    if (length >= static_cast<int>(sizeof short_)) {
+      long_ = PAL_vasprintf(format, arguments);
+      text_ = long_;
+    }
+  }
+  MessageText(const MessageText&) = delete;
+  MessageText& operator=(const MessageText&) = delete;
+
+  [[nodiscard]] std::string_view view() const { return text_; }
+
+ private:
+  char short_[1024] = "";
+  std::string long_;
+  std::string_view text_;
+};
+
+struct TimeText {
+  char text[32];
+};
+
+// Empty unless messages show the time.
+TimeText CurrentTimeText() {
+  TimeText result = {};
+  if (PAL_messages.showTime == 0) return result;
+  const time_t now = std::time(nullptr);
+  if (ctime_r(&now, result.text) == nullptr) return TimeText{};
+  result.text[std::strcspn(result.text, "\n")] = '\0';
+  return result;
+}
+
+// The prefix of each line of a message; as snprintf, the length that it has or would have.
+int FormatPrefix(char* prefix, size_t size, const char* level) {
+  const TimeText now = CurrentTimeText();
+  const char* timeGap = PAL_messages.showTime != 0 ? " " : "";
+  const char* program = PAL_messages.programName != nullptr ? PAL_messages.programName : "";
+  const char* gap = program[0] != '\0' ? " " : "";
+  const char* process = PAL_messages.processName;
+  if (process != nullptr && std::strcmp(process, program) != 0) {
+    return std::snprintf(prefix, size, "[%s%s%s] %s%s%s%s%*s", process, timeGap, now.text, program,
+                         gap, level, ":", 1, "");
+  }
+  return std::snprintf(prefix, size, "%s%s%s%s%s:%*s", now.text, timeGap, program, gap, level, 1,
+                       "");
+}
+
+bool HasVisibleCharacter(std::string_view text) {
+  for (const char c : text) {
+    if (!PAL_IsSpace(c)) return true;
+  }
+  return false;
+}
+
+char* Append(char* to, std::string_view text) {
+  std::memcpy(to, text.data(), text.size());
+  return to + text.size();
+}
+
+// Writes prefix and newline around each non-empty line of `text` into `block`; the end of it.
+char* JoinLines(char* block, std::string_view prefix, std::string_view text) {
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    if (end != 0) {
+      block = Append(block, prefix);
+      block = Append(block, text.substr(0, end));
+      *block++ = '\n';
+    }
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return block;
+}
+
+void WriteToTargets(const char* block, size_t length) {
+  std::fwrite(block, 1, length, stderr);
+  std::fflush(stderr);
+  if (PAL_messages.logStream != nullptr) std::fwrite(block, 1, length, PAL_messages.logStream);
+  if (PAL_messages.logCallback != nullptr) PAL_messages.logCallback(nullptr, block, length);
+}
+
+__attribute__((format(printf, 2, 0))) void WriteMessage(const char* level, const char* format,
+                                                        va_list arguments) {
+  const ErrnoKeeper keeper;
+  const MessageText message(format, arguments);
+  const std::string_view text = message.view();
+  if (!HasVisibleCharacter(text)) return;
+  const int prefixLength = FormatPrefix(nullptr, 0, level);
+  if (prefixLength < 0) return;
+  const size_t prefixSize = static_cast<size_t>(prefixLength) + 1;
+  size_t lines = 1;
+  for (const char c : text) lines += c == '\n' ? 1 : 0;
+  // The prefix stands at the head of the block, the finished lines behind it.
+  PAL_StackBlock block(prefixSize + text.size() + lines * prefixSize);
+  char* prefix = block.as<char>();
+  FormatPrefix(prefix, prefixSize, level);
+  char* start = prefix + prefixSize;
+  const char* end = JoinLines(start, prefix, text);
+  WriteToTargets(start, static_cast<size_t>(end - start));
+}
+
+}  // namespace
+
+void PAL_Info(const char* format, ...) {
+  if (PAL_messages.infoEnabled == 0) return;
+  va_list arguments;
+  va_start(arguments, format);
+  WriteMessage("INFO", format, arguments);
+  va_end(arguments);
+}
+
+void PAL_Warning(const char* format, ...) {
+  if (PAL_messages.infoEnabled == 0) return;
+  va_list arguments;
+  va_start(arguments, format);
+  WriteMessage("WARNING", format, arguments);
+  va_end(arguments);
+}
+
+void PAL_Error(const char* format, ...) {
+  if (PAL_messages.errorEnabled == 0) return;
+  va_list arguments;
+  va_start(arguments, format);
+  WriteMessage("ERROR", format, arguments);
+  va_end(arguments);
+}
+
+void PAL_SetLogStream(FILE* stream) { PAL_messages.logStream = stream; }
+
+void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t length)) {
+  PAL_messages.logCallback = callback;
+}
+
+void PAL_Perror(const char* text) {
+  const ErrnoKeeper keeper;
+  const char* reason = std::strerror(errno);
+  std::string line;
+  if (text != nullptr && text[0] != '\0') line = PAL_Printable(text) + ": ";
+  line += reason;
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stderr);
+  std::fflush(stderr);
+}
+
+std::string PAL_Printable(std::string_view text) {
+  static constexpr char DIGITS[] = "0123456789abcdef";
+  std::string result;
+  result.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      result += {'\\', 'x', DIGITS[byte >> 4], DIGITS[byte & 15]};
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
+// Debug channel -----------------------------------------------------------------------------------
+
+namespace {
+
+constexpr size_t DEBUG_TEXT_BYTES = 2048;
+constexpr size_t DEBUG_TAG_BYTES = 80;
+constexpr size_t DEBUG_NAME_BYTES = 128;
+
+struct DebugChannel {
+  std::mutex mutex;
+  int descriptor = 2;
+  bool ownsDescriptor = false;
+  char openName[DEBUG_NAME_BYTES] = "";  // the process name whose file is open
+  const char* file = "";                 // position of the previous message
+  int line = 0;
+  bool lineOpen = false;  // the previous message left its line without an end
+};
+
+DebugChannel& Channel() {
+  static DebugChannel channel;
+  return channel;
+}
+
+// The thread is inside the channel: what its own calls say there is dropped.
+thread_local bool insideChannel = false;
+
+std::string DebugPrefix(const char* file, int line) {
+  char tag[DEBUG_TAG_BYTES];
+  std::snprintf(tag, sizeof tag, "%s/%p/%d", "init", reinterpret_cast<void*>(pthread_self()),
+                static_cast<int>(getpid()));
+  return PAL_asprintf("[%.6lf %s@%s:%d] ", PAL_Time(), tag, PAL_BaseName(file), line);
+}
+
+std::string DebugFileName(const char* processName) {
+  std::string name = PAL_asprintf("PAL-debug-%s.out", processName);
+  for (char& c : name) {
+    if (c == ' ' || c == '/' || c == '\\') c = '_';
+  }
+  return name;
+}
+
+bool OpenDebugFile(DebugChannel& channel, const char* processName) {
+  const std::string name = DebugFileName(processName);
+  const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (descriptor < 0) {
+    PAL_Warning("cannot open %s in %s", PAL_Printable(name).c_str(),
+                PAL_Printable(PAL_GetCwd().value_or("(null)")).c_str());
+    return false;
+  }
+  if (channel.ownsDescriptor) close(channel.descriptor);
+  channel.descriptor = descriptor;
+  channel.ownsDescriptor = true;
+  std::snprintf(channel.openName, sizeof channel.openName, "%s", processName);
+  return true;
+}
+
+bool IsOpenFor(const DebugChannel& channel, const char* processName) {
+  return channel.ownsDescriptor &&
+         std::strncmp(channel.openName, processName, DEBUG_NAME_BYTES - 1) == 0;
+}
+
+// False if the message has nowhere to go.
+bool PickDescriptor(DebugChannel& channel, int& descriptor) {
+  const char* forced = std::getenv("PAL_DEBUG_FD");
+  if (forced != nullptr) {
+    descriptor = std::atoi(forced);
+    return true;
+  }
+  const char* process = PAL_messages.processName;
+  if (process != nullptr && !IsOpenFor(channel, process) && !OpenDebugFile(channel, process)) {
+    return false;
+  }
+  descriptor = channel.descriptor;
+  return true;
+}
+
+// `text` with the prefix ahead of each line that begins at column 0.
+std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
+                            int line) {
+  std::string result;
+  const bool moved = line != channel.line || std::strcmp(file, channel.file) != 0;
+  if (moved && channel.lineOpen) {
+    result += '\n';
+    channel.lineOpen = false;
+  }
+  const std::string prefix = DebugPrefix(file, line);
+  while (!text.empty()) {
+    const size_t newline = text.find('\n');
+    const size_t end = newline == std::string_view::npos ? text.size() : newline + 1;
+    if (!channel.lineOpen) result += prefix;
+    result += text.substr(0, end);
+    channel.lineOpen = newline == std::string_view::npos;
+    text.remove_prefix(end);
+  }
+  channel.file = file;
+  channel.line = line;
+  return result;
+}
+
+}  // namespace
+
+void PAL_Debug(const char* file, int line, const char* format, ...) {
+  const ErrnoKeeper keeper;
+  if (insideChannel) return;
+  char text[DEBUG_TEXT_BYTES];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  if (length < 0) return;
+  DebugChannel& channel = Channel();
+  const std::lock_guard lock(channel.mutex);
+  insideChannel = true;
+  int descriptor = -1;
+  if (PickDescriptor(channel, descriptor)) {
+    const std::string output = LayOutDebugText(channel, text, file, line);
+    // A failed write of a message has nobody to be told to.
+    [[maybe_unused]] const ssize_t written = write(descriptor, output.data(), output.size());
+  }
+  insideChannel = false;
+}
+
+void PAL_Abort() {
+  PAL_Debug(__builtin_FILE(), __builtin_LINE(), "aborting in PAL_abort()");
+  std::abort();
+}

@@ -1,0 +1,364 @@
+// The allocator hooks, the global operators on top of them, temporary blocks and packing.
+//
+// Owns PAL_allocators. Whatever fails here ends the process through PAL_Error, so nothing on that
+// road may allocate.
+#include "util/pal_mem.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "util/pal_error.h"
+
+constinit PAL_AllocatorTable PAL_allocators = {&std::malloc, &std::calloc, &std::realloc,
+                                               &std::free,   nullptr,      0};
+
+namespace {
+
+[[noreturn]] void EndProcess() {
+  // An exit handler that runs out of memory in its turn must not start over.
+  static bool ending = false;
+  if (ending) _exit(1);
+  ending = true;
+  std::exit(1);
+}
+
+[[noreturn]] void OutOfStackMemory(size_t bytes, const char* file, int line) {
+  PAL_Error("out of stack memory (%d byte) [%s:%d], aborting.", static_cast<int>(bytes), file,
+            line);
+  EndProcess();
+}
+
+bool Retry() { return PAL_allocators.retry != nullptr && PAL_allocators.retry() != 0; }
+
+}  // namespace
+
+void PAL_MemInit() {
+  static bool initialised = false;
+  if (initialised) return;
+  initialised = true;
+  if (PAL_allocators.malloc == nullptr) PAL_allocators.malloc = &std::malloc;
+  if (PAL_allocators.calloc == nullptr) PAL_allocators.calloc = &std::calloc;
+  if (PAL_allocators.realloc == nullptr) PAL_allocators.realloc = &std::realloc;
+  if (PAL_allocators.free == nullptr) PAL_allocators.free = &std::free;
+}
+
+void PAL_OutOfMemory(size_t bytes, const char* file, int line) {
+  PAL_Error("out of memory (%d byte) [%s:%d], aborting.", static_cast<int>(bytes), file, line);
+  EndProcess();
+}
+
+void* PAL_Allocate(size_t bytes, const char* file, int line) {
+  if (bytes == 0) return nullptr;
+  for (;;) {
+    void* block = PAL_allocators.malloc(bytes);
+    if (block != nullptr) [[likely]]
+      return block;
+    if (!Retry()) PAL_OutOfMemory(bytes, file, line);
+  }
+}
+
+void* PAL_AllocateZeroed(size_t count, size_t size, const char* file, int line) {
+  if (count == 0 || size == 0) return nullptr;
+  for (;;) {
+    void* block = PAL_allocators.calloc(count, size);
+    if (block != nullptr) [[likely]]
+      return block;
+    if (!Retry()) PAL_OutOfMemory(count * size, file, line);
+  }
+}
+
+void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line) {
+  if (bytes == 0) {
+    PAL_Release(block);
+    return nullptr;
+  }
+  if (block == nullptr) return PAL_Allocate(bytes, file, line);
+  for (;;) {
+    void* resized = PAL_allocators.realloc(block, bytes);
+    if (resized != nullptr) [[likely]]
+      return resized;
+    if (!Retry()) PAL_OutOfMemory(bytes, file, line);
+  }
+}
+
+void PAL_Release(void* block) {
+  if (block != nullptr && PAL_allocators.noFree == 0) PAL_allocators.free(block);
+}
+
+char* PAL_StrDup(const char* text, const char* file, int line) {
+  if (text == nullptr) return nullptr;
+  const size_t bytes = std::strlen(text) + 1;
+  return static_cast<char*>(std::memcpy(PAL_Allocate(bytes, file, line), text, bytes));
+}
+
+PAL_StackBlock::PAL_StackBlock(size_t bytes, const char* file, int line) {
+  if (bytes == 0) return;
+  unsigned char* base = frame_;
+  uint32_t header = ON_STACK;
+  if (bytes >= PAL_STACK_LIMIT) {
+    header = ON_HEAP;
+    const bool fits = bytes <= SIZE_MAX - HEADER_BYTES;
+    base =
+        fits ? static_cast<unsigned char*>(PAL_allocators.malloc(bytes + HEADER_BYTES)) : nullptr;
+    if (base == nullptr) OutOfStackMemory(bytes, file, line);
+  }
+  std::memcpy(base, &header, sizeof header);
+  block_ = base + HEADER_BYTES;
+}
+
+PAL_StackBlock::~PAL_StackBlock() {
+  if (block_ != nullptr && header() == ON_HEAP) {
+    PAL_Release(static_cast<unsigned char*>(block_) - HEADER_BYTES);
+  }
+}
+
+// Packing -----------------------------------------------------------------------------------------
+
+namespace {
+
+constexpr uint32_t GROWTH = 1024;  // least growth of a buffer, in bytes
+constexpr size_t PAD_BYTES = 8;    // what a padding item clears when it is unpacked
+
+size_t PackedItemSize(uint32_t kind) {
+  switch (kind) {
+    case PAL_PACK_BYTE:
+      return 1;
+    case PAL_PACK_INT32:
+    case PAL_PACK_UINT32:
+      return 4;
+    case PAL_PACK_INT64:
+    case PAL_PACK_UINT64:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
+size_t PackedSize(const PAL_PackType* types) {
+  size_t size = 0;
+  for (; types->kind != PAL_PACK_END; ++types) size += PackedItemSize(types->kind);
+  return size;
+}
+
+bool IsPackedSize(const PAL_PackType* types, size_t count, size_t bytes) {
+  size_t expected;
+  return !__builtin_mul_overflow(PackedSize(types), count, &expected) && expected == bytes;
+}
+
+// Room for `bytes` more bytes; null if the buffer can't become that large.
+unsigned char* Reserve(PAL_Buffer& buffer, size_t bytes) {
+  if (bytes > UINT32_MAX - buffer.length) return nullptr;
+  const auto needed = static_cast<uint32_t>(buffer.length + bytes);
+  if (needed > buffer.capacity) {
+    const uint32_t grown =
+        buffer.capacity > UINT32_MAX - GROWTH ? UINT32_MAX : buffer.capacity + GROWTH;
+    const uint32_t capacity = grown > needed ? grown : needed;
+    PAL_REALLOC(buffer.data, capacity);
+    buffer.capacity = capacity;
+  }
+  return buffer.data + buffer.length;
+}
+
+size_t Remaining(const PAL_Buffer& buffer) {
+  return buffer.length < buffer.capacity ? buffer.capacity - buffer.length : 0;
+}
+
+bool PackNumber(uint32_t value, PAL_Buffer& buffer) {
+  return PAL_Pack(&value, nullptr, 1, sizeof value, buffer);
+}
+
+bool UnpackNumber(uint32_t& value, PAL_Buffer& buffer) {
+  return PAL_Unpack(&value, nullptr, 1, sizeof value, buffer);
+}
+
+// Does the buffer hold `count` elements, so that room for them may be allocated?
+bool HoldsElements(const PAL_Buffer& buffer, size_t count, size_t packedSize, size_t itemSize) {
+  size_t packed;
+  size_t unpacked;
+  return !__builtin_mul_overflow(count, packedSize, &packed) &&
+         !__builtin_mul_overflow(count, itemSize, &unpacked) && packed <= Remaining(buffer) &&
+         (packedSize != 0 || count == 0);
+}
+
+}  // namespace
+
+bool PAL_Pack(const void* source, const PAL_PackType* types, size_t count, size_t bytes,
+              PAL_Buffer& buffer) {
+  if (types != nullptr && !IsPackedSize(types, count, bytes)) return false;
+  if (bytes == 0) return true;
+  unsigned char* to = Reserve(buffer, bytes);
+  if (to == nullptr) return false;
+  buffer.length += static_cast<uint32_t>(bytes);
+  if (types == nullptr) {
+    std::memcpy(to, source, bytes);
+    return true;
+  }
+  const auto* from = static_cast<const unsigned char*>(source);
+  for (size_t i = 0; i < count; ++i) {
+    for (const PAL_PackType* type = types; type->kind != PAL_PACK_END; ++type) {
+      const size_t size = PackedItemSize(type->kind);
+      std::memcpy(to, from, size);
+      to += size;
+      from += type->step;
+    }
+  }
+  return true;
+}
+
+bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t bytes,
+                PAL_Buffer& buffer) {
+  if (types != nullptr && !IsPackedSize(types, count, bytes)) return false;
+  if (bytes > Remaining(buffer)) return false;
+  const unsigned char* from = buffer.data + buffer.length;
+  buffer.length += static_cast<uint32_t>(bytes);
+  if (types == nullptr) {
+    if (bytes != 0) std::memcpy(target, from, bytes);
+    return true;
+  }
+  auto* to = static_cast<unsigned char*>(target);
+  for (size_t i = 0; i < count; ++i) {
+    for (const PAL_PackType* type = types; type->kind != PAL_PACK_END; ++type) {
+      const size_t size = PackedItemSize(type->kind);
+      if (type->kind == PAL_PACK_PAD) {
+        std::memset(to, 0, PAD_BYTES);
+      } else {
+        std::memcpy(to, from, size);
+      }
+      from += size;
+      to += type->step;
+    }
+  }
+  return true;
+}
+
+bool PAL_PackArray(const PAL_Array& array, const PAL_PackType* types, size_t itemSize,
+                   PAL_Buffer& buffer) {
+  const size_t packedSize = types != nullptr ? PackedSize(types) : itemSize;
+  size_t bytes;
+  if (__builtin_mul_overflow(packedSize, size_t{array.length}, &bytes)) return false;
+  const uint32_t start = buffer.length;
+  if (PackNumber(array.length, buffer) &&
+      PAL_Pack(array.data, types, array.length, bytes, buffer)) {
+    return true;
+  }
+  buffer.length = start;
+  return false;
+}
+
+bool PAL_UnpackArray(PAL_Array& array, const PAL_PackType* types, size_t itemSize,
+                     PAL_Buffer& buffer) {
+  const size_t packedSize = types != nullptr ? PackedSize(types) : itemSize;
+  const uint32_t start = buffer.length;
+  uint32_t count;
+  if (!UnpackNumber(count, buffer)) return false;
+  if (!HoldsElements(buffer, count, packedSize, itemSize)) {
+    buffer.length = start;
+    return false;
+  }
+  if (count > array.capacity) {
+    PAL_REALLOC(array.data, count * itemSize);
+    array.capacity = count;
+  }
+  array.length = count;
+  return PAL_Unpack(array.data, types, count, count * packedSize, buffer);
+}
+
+bool PAL_PackString(const char* text, PAL_Buffer& buffer) {
+  const size_t bytes = text != nullptr ? std::strlen(text) + 1 : 0;
+  if (bytes > UINT32_MAX) return false;
+  const uint32_t start = buffer.length;
+  if (PackNumber(static_cast<uint32_t>(bytes), buffer) &&
+      PAL_Pack(text, nullptr, 1, bytes, buffer)) {
+    return true;
+  }
+  buffer.length = start;
+  return false;
+}
+
+const char* PAL_UnpackString(PAL_Buffer& buffer) {
+  const uint32_t start = buffer.length;
+  uint32_t bytes;
+  if (!UnpackNumber(bytes, buffer) || bytes == 0) return nullptr;
+  const unsigned char* text = buffer.data + buffer.length;
+  if (bytes > Remaining(buffer) || text[bytes - 1] != 0) {
+    buffer.length = start;
+    return nullptr;
+  }
+  buffer.length += bytes;
+  return reinterpret_cast<const char*>(text);
+}
+
+void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer) {
+  PAL_FREE(pointer);
+  pointer = PAL_StrDup(PAL_UnpackString(buffer));
+}
+
+// Global operators --------------------------------------------------------------------------------
+//
+// Every form goes through the hooks, the non-throwing ones too: the process never goes on with a
+// failed allocation. The hooks know no alignment, so an over-aligned block lies inside a larger one
+// whose address stands in the word ahead of it.
+
+namespace {
+
+void* NewBlock(size_t bytes) {
+  return PAL_Allocate(bytes != 0 ? bytes : 1, __builtin_FILE(), __builtin_LINE());
+}
+
+void* NewAlignedBlock(size_t bytes, std::align_val_t alignment) {
+  const size_t align = static_cast<size_t>(alignment);
+  const size_t extra = align + sizeof(void*);
+  if (bytes > SIZE_MAX - extra) PAL_OutOfMemory(bytes, __builtin_FILE(), __builtin_LINE());
+  void* base = NewBlock(bytes + extra);
+  const uintptr_t address = reinterpret_cast<uintptr_t>(base) + extra;
+  auto* block = static_cast<unsigned char*>(base) + (extra - address % align);
+  std::memcpy(block - sizeof base, &base, sizeof base);
+  return block;
+}
+
+void DeleteAlignedBlock(void* block) {
+  if (block == nullptr) return;
+  void* base;
+  std::memcpy(&base, static_cast<unsigned char*>(block) - sizeof base, sizeof base);
+  PAL_Release(base);
+}
+
+}  // namespace
+
+void* operator new(size_t bytes) { return NewBlock(bytes); }
+void* operator new[](size_t bytes) { return NewBlock(bytes); }
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept { return NewBlock(bytes); }
+void* operator new[](size_t bytes, const std::nothrow_t&) noexcept { return NewBlock(bytes); }
+void* operator new(size_t bytes, std::align_val_t alignment) {
+  return NewAlignedBlock(bytes, alignment);
+}
+void* operator new[](size_t bytes, std::align_val_t alignment) {
+  return NewAlignedBlock(bytes, alignment);
+}
+void* operator new(size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return NewAlignedBlock(bytes, alignment);
+}
+void* operator new[](size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return NewAlignedBlock(bytes, alignment);
+}
+
+void operator delete(void* block) noexcept { PAL_Release(block); }
+void operator delete[](void* block) noexcept { PAL_Release(block); }
+void operator delete(void* block, size_t) noexcept { PAL_Release(block); }
+void operator delete[](void* block, size_t) noexcept { PAL_Release(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { PAL_Release(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { PAL_Release(block); }
+void operator delete(void* block, std::align_val_t) noexcept { DeleteAlignedBlock(block); }
+void operator delete[](void* block, std::align_val_t) noexcept { DeleteAlignedBlock(block); }
+void operator delete(void* block, size_t, std::align_val_t) noexcept { DeleteAlignedBlock(block); }
+void operator delete[](void* block, size_t, std::align_val_t) noexcept {
+  DeleteAlignedBlock(block);
+}
+void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
+  DeleteAlignedBlock(block);
+}
+void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
+  DeleteAlignedBlock(block);
+}

@@ -1,0 +1,175 @@
+// The one road to heap memory for the whole program.
+//
+// Everything allocates through the four replaceable hooks in PAL_allocators, operator new and
+// delete included, so that standard containers obey the same contract: a failed allocation is
+// retried through the `retry` hook if there is one, and otherwise ends the process with one
+// message and status 1. No caller checks for exhaustion. On top of the hooks stand the scoped
+// temporary block and a pack format for structured data in a growing byte buffer. Failures are
+// told through pal_error.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// The process-wide hooks. `retry` may be null; it is called when an allocation failed and answers
+// nonzero for "try again". A nonzero `noFree` disables every release.
+struct PAL_AllocatorTable {
+  void* (*malloc)(size_t);
+  void* (*calloc)(size_t, size_t);
+  void* (*realloc)(void*, size_t);
+  void (*free)(void*);
+  int (*retry)();
+  int noFree;
+};
+extern PAL_AllocatorTable PAL_allocators;
+
+// Puts the standard library's function into each empty slot of PAL_allocators. Only the first call
+// does anything; the table is usable before it.
+void PAL_MemInit();
+
+// Reports "out of memory" for a request of `bytes` bytes made at `file`:`line` and ends the process
+// with status 1. Needs no memory itself. Exit handlers run, so buffered output is not lost.
+[[noreturn]] void PAL_OutOfMemory(size_t bytes, const char* file, int line);
+
+// The allocations behind the typed operations below. They never return null but for a size of 0,
+// which does not reach a hook.
+[[nodiscard]] void* PAL_Allocate(size_t bytes, const char* file, int line);
+[[nodiscard]] void* PAL_AllocateZeroed(size_t count, size_t size, const char* file, int line);
+[[nodiscard]] void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line);
+void PAL_Release(void* block);
+
+// Points `pointer` to a new block of `bytes` bytes, or makes it null for 0 bytes.
+template <class T>
+void PAL_MALLOC(T*& pointer, size_t bytes, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE()) {
+  pointer = static_cast<T*>(PAL_Allocate(bytes, file, line));
+}
+
+// Points `pointer` to `count` zeroed items of `size` bytes, or makes it null if either is 0.
+template <class T>
+void PAL_CALLOC(T*& pointer, size_t count, size_t size, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE()) {
+  pointer = static_cast<T*>(PAL_AllocateZeroed(count, size, file, line));
+}
+
+// Resizes the block at `pointer`; a null pointer allocates, 0 bytes release and leave null.
+template <class T>
+void PAL_REALLOC(T*& pointer, size_t bytes, const char* file = __builtin_FILE(),
+                 int line = __builtin_LINE()) {
+  pointer = static_cast<T*>(PAL_Reallocate(pointer, bytes, file, line));
+}
+
+// Releases the block at `pointer`, which may be null, and leaves null in every case.
+template <class T>
+void PAL_FREE(T*& pointer) {
+  PAL_Release(pointer);
+  pointer = nullptr;
+}
+
+// A heap copy of `text` that the caller releases with PAL_FREE; null for null.
+[[nodiscard]] char* PAL_StrDup(const char* text, const char* file = __builtin_FILE(),
+                               int line = __builtin_LINE());
+
+// Blocks of this size and more come from the heap, smaller ones from the caller's frame.
+inline constexpr size_t PAL_STACK_LIMIT = 65536;
+
+// A temporary block of `bytes` bytes, aligned to 16, that lives as long as this object, which
+// belongs into a local variable. Below PAL_STACK_LIMIT the block lies inside the object, so that
+// per-record code causes no heap traffic; from there on it is taken from the heap. A word ahead of
+// the block tells which. data() is null for 0 bytes. A failure ends the process.
+class PAL_StackBlock {
+ public:
+  explicit PAL_StackBlock(size_t bytes, const char* file = __builtin_FILE(),
+                          int line = __builtin_LINE());
+  ~PAL_StackBlock();
+  PAL_StackBlock(const PAL_StackBlock&) = delete;
+  PAL_StackBlock& operator=(const PAL_StackBlock&) = delete;
+
+  [[nodiscard]] void* data() { return block_; }
+  template <class T>
+  [[nodiscard]] T* as() {
+    static_assert(alignof(T) <= HEADER_BYTES);
+    return static_cast<T*>(block_);
+  }
+  // The word ahead of the block: ON_STACK or ON_HEAP. The block must not be empty.
+  [[nodiscard]] uint32_t header() const {
+    uint32_t word;
+    std::memcpy(&word, static_cast<const unsigned char*>(block_) - HEADER_BYTES, sizeof word);
+    return word;
+  }
+
+  static constexpr uint32_t ON_HEAP = 0;
+  static constexpr uint32_t ON_STACK = 1;
+
+ private:
+  static constexpr size_t HEADER_BYTES = 16;
+
+  void* block_ = nullptr;  // behind the header, either in frame_ or on the heap
+  alignas(HEADER_BYTES) unsigned char frame_[PAL_STACK_LIMIT + HEADER_BYTES];
+};
+
+// A growing byte buffer. `length` counts the bytes used while packing and is the read position
+// while unpacking, where `capacity` bounds what may be read. `data` is null while `capacity` is 0;
+// the holder releases it with PAL_FREE.
+struct PAL_Buffer {
+  unsigned char* data = nullptr;
+  uint32_t capacity = 0;
+  uint32_t length = 0;
+};
+
+// An array of `length` elements with room for `capacity`, as the pack operations see it.
+struct PAL_Array {
+  void* data = nullptr;
+  uint32_t capacity = 0;
+  uint32_t length = 0;
+};
+
+// The kinds of an item in a type description. PAD packs nothing and unpacks as 8 zero bytes; END
+// closes the description.
+enum PAL_PackKind : uint32_t {
+  PAL_PACK_PAD = 0,
+  PAL_PACK_BYTE = 1,
+  PAL_PACK_INT32 = 2,
+  PAL_PACK_INT64 = 3,
+  PAL_PACK_UINT32 = 4,
+  PAL_PACK_UINT64 = 5,
+  PAL_PACK_END = 6,
+};
+
+// One item of a type description: what stands here, and how many bytes further in the structure
+// the next item stands. Behind the last item's step the next structure begins.
+struct PAL_PackType {
+  uint32_t kind;
+  uint32_t step;
+};
+
+// Appends `bytes` bytes to `buffer`. Without `types` they are copied from `source` as they are;
+// with `types`, `count` structures at `source` are packed in the byte order of the machine, and
+// `bytes` must be their packed size. False, with the buffer as it was, if it isn't, or if the
+// buffer would pass 32 bits.
+[[nodiscard]] bool PAL_Pack(const void* source, const PAL_PackType* types, size_t count,
+                            size_t bytes, PAL_Buffer& buffer);
+
+// The reverse of PAL_Pack, from the buffer's read position, which advances. False, with nothing
+// read, if `bytes` isn't the packed size or the buffer doesn't hold that much.
+[[nodiscard]] bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t bytes,
+                              PAL_Buffer& buffer);
+
+// Packs the 32-bit number of elements, then the elements, `itemSize` bytes apart.
+[[nodiscard]] bool PAL_PackArray(const PAL_Array& array, const PAL_PackType* types, size_t itemSize,
+                                 PAL_Buffer& buffer);
+
+// Reads what PAL_PackArray wrote; reallocates `array` if its capacity is too small. False, with the
+// array and the position as they were, if the buffer doesn't hold what its count promises.
+[[nodiscard]] bool PAL_UnpackArray(PAL_Array& array, const PAL_PackType* types, size_t itemSize,
+                                   PAL_Buffer& buffer);
+
+// Packs the 32-bit length with the closing zero, then the bytes; a null text has length 0.
+[[nodiscard]] bool PAL_PackString(const char* text, PAL_Buffer& buffer);
+
+// The text at the read position, in place, or null for a null text and for one that isn't whole.
+[[nodiscard]] const char* PAL_UnpackString(PAL_Buffer& buffer);
+
+// Releases what `pointer` holds and fills it with a heap copy of the text, or null for length 0.
+void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer);

@@ -1,0 +1,80 @@
+// Character tables and formatting. Owns the tables; knows no locale.
+#include "util/pal_strings.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr size_t FIRST_BUFFER_BYTES = 1024;
+
+struct CharacterTables {
+  std::array<unsigned char, 256> upper = {};
+  std::array<bool, 256> digit = {};
+  std::array<bool, 256> space = {};
+};
+
+constexpr CharacterTables TABLES = [] {
+  CharacterTables tables;
+  for (size_t c = 0; c < 256; ++c) {
+    const bool lower = c >= 'a' && c <= 'z';
+    tables.upper[c] = static_cast<unsigned char>(lower ? c - 'a' + 'A' : c);
+    tables.digit[c] = c >= '0' && c <= '9';
+    tables.space[c] = (c >= '\t' && c <= '\r') || c == ' ';
+  }
+  return tables;
+}();
+
+constexpr size_t Index(char c) { return static_cast<unsigned char>(c); }
+
+}  // namespace
+
+int PAL_StrCaseCmp(const char* a, const char* b) {
+  for (;; ++a, ++b) {
+    const int difference = TABLES.upper[Index(*a)] - TABLES.upper[Index(*b)];
+    if (difference != 0 || *a == '\0') return difference;
+  }
+}
+
+int PAL_IsDigits(const char* text) {
+  if (*text == '\0') return 0;
+  for (; *text != '\0'; ++text) {
+    if (!TABLES.digit[Index(*text)]) return 0;
+  }
+  return 1;
+}
+
+bool PAL_IsSpace(char c) { return TABLES.space[Index(c)]; }
+
+char PAL_ToUpper(char c) { return static_cast<char>(TABLES.upper[Index(c)]); }
+
+const char* PAL_BaseName(const char* path) {
+  const char* separator = std::strrchr(path, '/');
+  if (separator == nullptr) separator = std::strrchr(path, '\\');
+  return separator != nullptr ? separator + 1 : path;
+}
+
+std::string PAL_vasprintf(const char* format, va_list arguments) {
+  std::string text(FIRST_BUFFER_BYTES, '\0');
+  for (;;) {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int result = std::vsnprintf(text.data(), text.size(), format, copy);
+    va_end(copy);
+    // A larger buffer would not help a format that the library refuses.
+    if (result < 0) return format;
+    const auto length = static_cast<size_t>(result);
+    const bool whole = length < text.size();
+    text.resize(whole ? length : length + 1);
+    if (whole) return text;
+  }
+}
+
+std::string PAL_asprintf(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  std::string text = PAL_vasprintf(format, arguments);
+  va_end(arguments);
+  return text;
+}
