@@ -25,8 +25,7 @@ struct PAL_Triplet {
 using PAL_TripletSpan = std::span<const PAL_Triplet>;
 using PAL_Triplets = std::vector<PAL_Triplet>;
 
-// Largest number of numbers that PAL_TripletsExpand writes out, and that the set operations spell
-// out one by one where two strides interleave.
+// Largest number of numbers that PAL_TripletsExpand writes out.
 inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 
 // Reads "first[:last[:stride]]" from the start of `text` up to white space. A piece is a decimal
@@ -51,10 +50,11 @@ inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 // Whether `number` is in the list. Walks the list; for a test per record see PAL_TripletSet.
 [[nodiscard]] bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number);
 
-// Set algebra. Results are sorted and what PAL_TripletsCompress gives for the sorted numbers. Only
-// where strides interleave over more than PAL_TRIPLETS_MAX_EXPANSION numbers does the description
-// differ: see pal_triplets.cpp. An operand with an entry that runs away from its `last` is reported
-// and counts as empty; entries with stride 0 are reported and skipped.
+// Set algebra. Results are sorted and what PAL_TripletsCompress gives for the sorted numbers. The
+// operand whose numbers are walked (`a`; both in a union; `b` in a subset) reports entries with
+// stride 0 and skips them; an entry that runs away from its `last` is reported and makes it empty.
+// In the other operand such entries just hold nothing. Lists whose strides interleave without end
+// (more than 2^20 sections or 2^26 steps) are reported as invalid; the result is empty or false.
 [[nodiscard]] PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b);
@@ -72,40 +72,38 @@ inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
                                                     const int32_t* last, const int32_t* stride);
 
 // A list made ready for one membership test per record. Answers as PAL_TripletsContains does.
-// Up to four entries are walked; a longer list becomes sorted disjoint runs for a binary search,
-// and what doesn't fit in runs (long strided entries) is walked behind them.
+// Up to four sections are walked. A longer list becomes sorted sections without overlaps for a
+// binary search, unless its strides interleave so badly that it is smaller as it is.
 class PAL_TripletSet {
  public:
   PAL_TripletSet() = default;
   explicit PAL_TripletSet(PAL_TripletSpan list);
 
   [[nodiscard]] bool contains(int32_t number) const {
-    for (const Section& section : sections_) {
-      if (section.holds(number)) return true;
+    if (sorted_) return search(number);
+    for (const Stretch& stretch : stretches_) {
+      if (stretch.holds(number)) return true;
     }
-    return !runs_.empty() && inRuns(number);
+    return false;
   }
 
  private:
-  // low, low + step, ... up to low + span, all of it counted modulo 2^32.
-  struct Section {
-    uint32_t low;
+  static constexpr size_t kWalked = 4;
+
+  // low, low + step, ... low + span.
+  struct Stretch {
+    int32_t low;
     uint32_t span;
     uint32_t step;
 
     bool holds(int32_t number) const {
-      const uint32_t distance = static_cast<uint32_t>(number) - low;
+      const uint32_t distance = static_cast<uint32_t>(number) - static_cast<uint32_t>(low);
       return distance <= span && (step == 1 || distance % step == 0);
     }
   };
-  struct Run {
-    int32_t low;
-    int32_t high;
-  };
 
-  bool inRuns(int32_t number) const;
-  void makeRuns(std::vector<Section> all);
+  bool search(int32_t number) const;
 
-  std::vector<Section> sections_;
-  std::vector<Run> runs_;
+  std::vector<Stretch> stretches_;
+  bool sorted_ = false;
 };
