@@ -55,12 +55,11 @@ int Vfd_Stat(int descriptor, struct stat* info);
 int Vfd_Pin(int descriptor, int on);
 
 // The system calls behind all of the above, and the seam for tests: a test that wants the n-th call
-// to fail, or to be cut short, puts a function of its own here and `VfdSystemCalls{}` back after
-// it. Change it only while no other thread is in this module. `open` adds close-on-exec to the
-// flags that it gets, `dup` makes a descriptor that is closed on exec.
+// to fail, or to be cut short, puts a function of its own into Vfd_systemCalls, and Vfd_osCalls
+// back after it. Change it only while no other thread is in this module.
 struct VfdSystemCalls {
-  int (*open)(const char* path, int flags, mode_t mode);
-  int (*dup)(int fd);
+  int (*open)(const char* path, int flags, mode_t mode);  // adds close-on-exec
+  int (*dup)(int fd);                                     // the result is close-on-exec
   int (*close)(int fd);
   ssize_t (*read)(int fd, void* buffer, size_t bytes);
   ssize_t (*write)(int fd, const void* buffer, size_t bytes);
@@ -68,7 +67,6 @@ struct VfdSystemCalls {
   ssize_t (*pwrite)(int fd, const void* buffer, size_t bytes, off_t offset);
   off_t (*lseek)(int fd, off_t offset, int whence);
   int (*fstat)(int fd, struct stat* info);
-
-  VfdSystemCalls();  // the operating system's
 };
-extern VfdSystemCalls Vfd_systemCalls;
+extern const VfdSystemCalls Vfd_osCalls;  // the operating system's
+extern VfdSystemCalls Vfd_systemCalls;    // the ones in use

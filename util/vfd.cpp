@@ -1,0 +1,440 @@
+// The descriptor table, the making of room, and the calls themselves.
+//
+// Which file is closed to make room follows from an order of use: all operating-system descriptors
+// that could be opened again hang on one list, the least recently used first. So making room costs
+// what it frees (and the pinned entries it steps over), however many files there are.
+#include "util/vfd.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+constinit const VfdSystemCalls Vfd_osCalls = {
+    .open = [](const char* path, int flags,
+               mode_t mode) { return ::open(path, flags | O_CLOEXEC, mode); },
+    .dup = [](int fd) { return ::fcntl(fd, F_DUPFD_CLOEXEC, 0); },
+    .close = [](int fd) { return ::close(fd); },
+    .read = [](int fd, void* buffer, size_t bytes) { return ::read(fd, buffer, bytes); },
+    .write = [](int fd, const void* buffer, size_t bytes) { return ::write(fd, buffer, bytes); },
+    .pread = [](int fd, void* buffer, size_t bytes,
+                off_t offset) { return ::pread(fd, buffer, bytes, offset); },
+    .pwrite = [](int fd, const void* buffer, size_t bytes,
+                 off_t offset) { return ::pwrite(fd, buffer, bytes, offset); },
+    .lseek = [](int fd, off_t offset, int whence) { return ::lseek(fd, offset, whence); },
+    .fstat = [](int fd, struct stat* info) { return ::fstat(fd, info); },
+};
+constinit VfdSystemCalls Vfd_systemCalls = Vfd_osCalls;
+
+namespace {
+
+struct VfdEntry;
+struct VfdFile;
+
+// The two neighbours of an entry on one of the lists it can be on.
+struct Link {
+  VfdEntry* previous = nullptr;
+  VfdEntry* next = nullptr;
+};
+
+// One virtual descriptor. Its number is its place in the table, for ever. An entry with fd -1 has a
+// file.
+struct VfdEntry {
+  Link sibling;  // all entries of a file, the newest first
+  Link open;     // those of them that have an fd
+  Link age;      // all entries with a file and an fd, the least recently used first
+  bool inUse = false;
+  int fd = -1;
+  int pinCount = 0;         // operations under way and explicit pins
+  int closeError = 0;       // errno of a close that made room, until a call tells it
+  VfdFile* file = nullptr;  // how to open it again; null if that can't be done
+  off_t offset = 0;         // position at the time of closing
+};
+
+// A doubly linked list through one of the links of its entries.
+template <Link VfdEntry::*link>
+struct List {
+  VfdEntry* first = nullptr;
+  VfdEntry* last = nullptr;
+
+  void prepend(VfdEntry* entry) {
+    (entry->*link) = {nullptr, first};
+    (first != nullptr ? (first->*link).previous : last) = entry;
+    first = entry;
+  }
+  void append(VfdEntry* entry) {
+    (entry->*link) = {last, nullptr};
+    (last != nullptr ? (last->*link).next : first) = entry;
+    last = entry;
+  }
+  void remove(VfdEntry* entry) {
+    const Link hook = entry->*link;
+    (hook.previous != nullptr ? (hook.previous->*link).next : first) = hook.next;
+    (hook.next != nullptr ? (hook.next->*link).previous : last) = hook.previous;
+    (entry->*link) = {};
+  }
+};
+
+struct VfdFile {
+  std::string path;
+  int flags = 0;  // for opening it again: can neither truncate nor create
+  mode_t mode = 0;
+  List<&VfdEntry::sibling> entries;
+  List<&VfdEntry::open> openEntries;  // these share one file position
+};
+
+struct VfdTable {
+  std::mutex mutex;
+  std::deque<VfdEntry> entries;  // by descriptor; an entry keeps its address
+  std::vector<int> freeEntries;  // the last one is handed out first
+  List<&VfdEntry::age> byAge;
+};
+
+// Never destroyed: files may still be written while the process ends.
+VfdTable& table() {
+  static VfdTable* const instance = new VfdTable;
+  return *instance;
+}
+
+// After a signal, Linux has closed the descriptor all the same.
+int closeFd(int fd) {
+  const int result = Vfd_systemCalls.close(fd);
+  return result != 0 && errno == EINTR ? 0 : result;
+}
+
+// --- under the mutex from here to `unpin`
+
+VfdEntry* find(VfdTable& t, int descriptor) {
+  if (descriptor < 0 || static_cast<size_t>(descriptor) >= t.entries.size() ||
+      !t.entries[static_cast<size_t>(descriptor)].inUse) {
+    errno = EBADF;
+    return nullptr;
+  }
+  return &t.entries[static_cast<size_t>(descriptor)];
+}
+
+void setFd(VfdTable& t, VfdEntry* entry, int fd) {
+  entry->fd = fd;
+  if (entry->file != nullptr) {
+    entry->file->openEntries.append(entry);
+    t.byAge.append(entry);
+  }
+}
+
+void clearFd(VfdTable& t, VfdEntry* entry) {
+  if (entry->fd >= 0 && entry->file != nullptr) {
+    entry->file->openEntries.remove(entry);
+    t.byAge.remove(entry);
+  }
+  entry->fd = -1;
+}
+
+void markUsed(VfdTable& t, VfdEntry* entry) {
+  if (entry->file != nullptr && entry->fd >= 0 && t.byAge.last != entry) {
+    t.byAge.remove(entry);
+    t.byAge.append(entry);
+  }
+}
+
+// Closes the entry's descriptor, to be opened again later. False if nothing could be closed; a pipe
+// or terminal has no position to come back to and stays.
+bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
+  const off_t offset = Vfd_systemCalls.lseek(entry->fd, 0, SEEK_CUR);
+  if (offset < 0) return false;
+  const int fd = entry->fd;
+  entry->offset = offset;
+  clearFd(t, entry);
+  // A close that fails has given the descriptor back, and lost data. The next call will tell.
+  if (closeFd(fd) == 0) {
+    ++*succeeded;
+  } else {
+    entry->closeError = errno;
+  }
+  return true;
+}
+
+// Closes a tenth of the table. False if nothing could be closed.
+bool makeRoom(VfdTable& t) {
+  const size_t target = std::max<size_t>(t.entries.size() / 10, 1);
+  size_t succeeded = 0;
+  bool any = false;
+  for (VfdEntry* entry = t.byAge.first; entry != nullptr && succeeded < target;) {
+    VfdEntry* const next = entry->age.next;
+    if (entry->pinCount == 0 && evict(t, entry, &succeeded)) any = true;
+    entry = next;
+  }
+  return any;
+}
+
+// Runs a step that yields a new operating-system descriptor, and makes room for it as often as that
+// is what it lacks. errno is untouched on success.
+template <class Step>
+int withRoom(VfdTable& t, Step&& step) {
+  const int savedErrno = errno;
+  for (;;) {
+    errno = 0;
+    const int fd = step();
+    if (fd >= 0) {
+      errno = savedErrno;
+      return fd;
+    }
+    if (errno != EMFILE) return -1;
+    if (!makeRoom(t)) {
+      errno = EMFILE;
+      return -1;
+    }
+  }
+}
+
+int dupWithRoom(VfdTable& t, int fd) {
+  return withRoom(t, [fd] { return Vfd_systemCalls.dup(fd); });
+}
+
+int openWithRoom(VfdTable& t, const char* path, int flags, mode_t mode) {
+  return withRoom(t, [=] { return Vfd_systemCalls.open(path, flags, mode); });
+}
+
+// A new entry on `file` (which may be null), with no descriptor yet.
+VfdEntry* newEntry(VfdTable& t, VfdFile* file, off_t offset, int* descriptor) {
+  if (t.freeEntries.empty()) {
+    t.freeEntries.push_back(static_cast<int>(t.entries.size()));
+    t.entries.emplace_back();
+  }
+  *descriptor = t.freeEntries.back();
+  t.freeEntries.pop_back();
+  VfdEntry* const entry = &t.entries[static_cast<size_t>(*descriptor)];
+  *entry = VfdEntry{};
+  entry->inUse = true;
+  entry->file = file;
+  entry->offset = offset;
+  if (file != nullptr) file->entries.prepend(entry);
+  return entry;
+}
+
+// Gives an entry its descriptor back: a duplicate of an open sibling's, or the file opened anew.
+bool bringBack(VfdTable& t, VfdEntry* entry) {
+  VfdFile* const file = entry->file;
+  VfdEntry* const sibling = file->openEntries.first;
+  int fd = -1;
+  if (sibling != nullptr) {
+    ++sibling->pinCount;
+    fd = dupWithRoom(t, sibling->fd);
+    --sibling->pinCount;
+    if (fd < 0) return false;
+  } else {
+    fd = openWithRoom(t, file->path.c_str(), file->flags, file->mode);
+    if (fd < 0) return false;
+    if (Vfd_systemCalls.lseek(fd, entry->offset, SEEK_SET) < 0) {
+      const int seekError = errno;
+      closeFd(fd);
+      errno = seekError;
+      return false;
+    }
+  }
+  setFd(t, entry, fd);
+  return true;
+}
+
+// --- end of the part under the mutex
+
+// The entry, open, in use now and pinned; null with errno if that can't be had.
+VfdEntry* acquire(VfdTable& t, int descriptor, int* fd) {
+  const std::lock_guard lock(t.mutex);
+  VfdEntry* const entry = find(t, descriptor);
+  if (entry == nullptr) return nullptr;
+  if (entry->closeError != 0) [[unlikely]] {
+    errno = entry->closeError;
+    entry->closeError = 0;
+    return nullptr;
+  }
+  if (entry->fd < 0 && !bringBack(t, entry)) return nullptr;
+  markUsed(t, entry);
+  ++entry->pinCount;
+  *fd = entry->fd;
+  return entry;
+}
+
+void unpin(VfdTable& t, VfdEntry* entry) {
+  const std::lock_guard lock(t.mutex);
+  if (entry->pinCount > 0) --entry->pinCount;
+}
+
+// Runs `call` on the operating-system descriptor, which stays open meanwhile.
+template <class Call>
+auto withFd(int descriptor, Call&& call) -> decltype(call(0)) {
+  VfdTable& t = table();
+  int fd = -1;
+  VfdEntry* const entry = acquire(t, descriptor, &fd);
+  if (entry == nullptr) return -1;
+  const auto result = call(fd);
+  unpin(t, entry);
+  return result;
+}
+
+// Repeats `transfer`(bytes done so far) until `bytes` are done, the file ends, or it fails.
+template <class Transfer>
+size_t transferFully(size_t bytes, Transfer&& transfer) {
+  const int savedErrno = errno;
+  size_t done = 0;
+  while (done < bytes) {
+    errno = 0;
+    const ssize_t count = transfer(done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return done;
+    done += static_cast<size_t>(count);
+  }
+  errno = savedErrno;
+  return done;
+}
+
+}  // namespace
+
+int Vfd_Open(const char* path, int flags, mode_t mode) {
+  VfdTable& t = table();
+  int fd = -1;
+  {
+    const std::lock_guard lock(t.mutex);
+    fd = openWithRoom(t, path, flags, mode);
+  }
+  if (fd < 0) return -1;
+
+  const int savedErrno = errno;
+  // Appending goes on at the position in force when the file was last closed, so that has to be the
+  // end even if nothing was appended before.
+  const bool appendOnly = (flags & O_APPEND) != 0 && (flags & O_ACCMODE) == O_WRONLY;
+  const off_t start = Vfd_systemCalls.lseek(fd, 0, appendOnly ? SEEK_END : SEEK_CUR);
+  errno = savedErrno;
+  auto* const file = new VfdFile;
+  file->path = path;
+  file->flags = flags & ~(O_CREAT | O_EXCL | O_TRUNC | O_APPEND);
+  file->mode = mode;
+
+  const std::lock_guard lock(t.mutex);
+  int descriptor = -1;
+  setFd(t, newEntry(t, file, std::max<off_t>(start, 0), &descriptor), fd);
+  return descriptor;
+}
+
+int Vfd_Adopt(int osDescriptor) {
+  if (osDescriptor < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  VfdTable& t = table();
+  const std::lock_guard lock(t.mutex);
+  const int fd = dupWithRoom(t, osDescriptor);
+  if (fd < 0) return -1;
+  const int savedErrno = errno;
+  const off_t position = Vfd_systemCalls.lseek(fd, 0, SEEK_CUR);
+  errno = savedErrno;
+  int descriptor = -1;
+  setFd(t, newEntry(t, nullptr, std::max<off_t>(position, 0), &descriptor), fd);
+  return descriptor;
+}
+
+int Vfd_Dup(int descriptor) {
+  VfdTable& t = table();
+  const std::lock_guard lock(t.mutex);
+  VfdEntry* const source = find(t, descriptor);
+  if (source == nullptr) return -1;
+  int result = -1;
+  if (source->file != nullptr) {
+    newEntry(t, source->file, source->file->entries.first->offset, &result);
+    return result;
+  }
+  const int fd = dupWithRoom(t, source->fd);
+  if (fd < 0) return -1;
+  setFd(t, newEntry(t, nullptr, source->offset, &result), fd);
+  return result;
+}
+
+int Vfd_Close(int descriptor) {
+  VfdTable& t = table();
+  int fd = -1;
+  int keptError = 0;
+  VfdFile* unused = nullptr;
+  {
+    const std::lock_guard lock(t.mutex);
+    VfdEntry* const entry = find(t, descriptor);
+    if (entry == nullptr) return -1;
+    fd = entry->fd;
+    keptError = entry->closeError;
+    clearFd(t, entry);
+    if (VfdFile* const file = entry->file; file != nullptr) {
+      file->entries.remove(entry);
+      if (file->entries.first == nullptr) unused = file;
+    }
+    *entry = VfdEntry{};
+    t.freeEntries.push_back(descriptor);
+  }
+  delete unused;
+  const int result = fd >= 0 ? closeFd(fd) : 0;
+  if (keptError == 0) return result;
+  errno = keptError;
+  return -1;
+}
+
+ssize_t Vfd_Read(int descriptor, void* buffer, size_t bytes) {
+  return withFd(descriptor, [=](int fd) { return Vfd_systemCalls.read(fd, buffer, bytes); });
+}
+
+ssize_t Vfd_Write(int descriptor, const void* buffer, size_t bytes) {
+  return withFd(descriptor, [=](int fd) { return Vfd_systemCalls.write(fd, buffer, bytes); });
+}
+
+ssize_t Vfd_PRead(int descriptor, void* buffer, size_t bytes, off_t offset) {
+  return withFd(descriptor,
+                [=](int fd) { return Vfd_systemCalls.pread(fd, buffer, bytes, offset); });
+}
+
+ssize_t Vfd_PWrite(int descriptor, const void* buffer, size_t bytes, off_t offset) {
+  return withFd(descriptor,
+                [=](int fd) { return Vfd_systemCalls.pwrite(fd, buffer, bytes, offset); });
+}
+
+off_t Vfd_Seek(int descriptor, off_t offset, int whence) {
+  return withFd(descriptor, [=](int fd) { return Vfd_systemCalls.lseek(fd, offset, whence); });
+}
+
+int Vfd_Stat(int descriptor, struct stat* info) {
+  return withFd(descriptor, [=](int fd) { return Vfd_systemCalls.fstat(fd, info); });
+}
+
+size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes) {
+  return transferFully(bytes, [=](size_t done) {
+    return Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done);
+  });
+}
+
+size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset) {
+  return transferFully(bytes, [=](size_t done) {
+    return Vfd_PRead(descriptor, static_cast<char*>(buffer) + done, bytes - done,
+                     offset + static_cast<off_t>(done));
+  });
+}
+
+size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes, off_t offset) {
+  return transferFully(bytes, [=](size_t done) {
+    return Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done, bytes - done,
+                      offset + static_cast<off_t>(done));
+  });
+}
+
+int Vfd_Pin(int descriptor, int on) {
+  VfdTable& t = table();
+  const std::lock_guard lock(t.mutex);
+  VfdEntry* const entry = find(t, descriptor);
+  if (entry == nullptr) return -1;
+  if (on != 0) {
+    ++entry->pinCount;
+  } else if (entry->pinCount > 0) {
+    --entry->pinCount;
+  }
+  return 0;
+}
