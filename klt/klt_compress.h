@@ -1,0 +1,45 @@
+// Compressed components: an 8-byte length, then one zlib stream that holds the records.
+//
+//   offset 0   u64  length of the inflated data, in the byte order of the host that wrote it
+//          8        zlib stream
+//
+// The length is only a claim. One that no zlib stream of this size can hold is tried in the other
+// byte order, and then counts as unknown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "klt/klt_io.h"
+
+struct z_stream_s;
+
+class KLT_Inflate {
+ public:
+  static constexpr uint64_t kUnknownLength = ~uint64_t{0};
+
+  // Reads the length field of `file`, which stays the caller's. Null if the field can't be read.
+  [[nodiscard]] static std::unique_ptr<KLT_Inflate> open(KLT_IoFile* file);
+  ~KLT_Inflate();
+  KLT_Inflate(const KLT_Inflate&) = delete;
+  KLT_Inflate& operator=(const KLT_Inflate&) = delete;
+
+  [[nodiscard]] uint64_t length() const { return length_; }
+  // Up to `bytes` inflated bytes; 0 at the end of the stream, at damage, and at the file's end.
+  [[nodiscard]] size_t read(uint8_t* buffer, size_t bytes);
+  // Starts over. False if the file can't be positioned.
+  [[nodiscard]] bool rewind();
+
+ private:
+  static constexpr size_t kBlock = 0x1000;
+
+  explicit KLT_Inflate(KLT_IoFile* file);
+  void finish();
+
+  KLT_IoFile* file_;
+  std::unique_ptr<z_stream_s> stream_;  // null before the first byte and at the end
+  uint64_t length_ = 0;
+  bool done_ = false;
+  uint8_t block_[kBlock];
+};
