@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-constinit const VfdSystemCalls Vfd_osCalls = {
+constexpr VfdSystemCalls Vfd_osCalls = {
     .open = [](const char* path, int flags,
                mode_t mode) { return ::open(path, flags | O_CLOEXEC, mode); },
     .dup = [](int fd) { return ::fcntl(fd, F_DUPFD_CLOEXEC, 0); },
@@ -293,6 +293,12 @@ size_t transferFully(size_t bytes, Transfer&& transfer) {
   return done;
 }
 
+// A write that takes nothing would be tried for ever.
+ssize_t failIfZero(ssize_t count) {
+  if (count == 0) errno = EIO;
+  return count;
+}
+
 }  // namespace
 
 int Vfd_Open(const char* path, int flags, mode_t mode) {
@@ -408,7 +414,7 @@ int Vfd_Stat(int descriptor, struct stat* info) {
 
 size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes) {
   return transferFully(bytes, [=](size_t done) {
-    return Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done);
+    return failIfZero(Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done));
   });
 }
 
@@ -421,8 +427,8 @@ size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset) 
 
 size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes, off_t offset) {
   return transferFully(bytes, [=](size_t done) {
-    return Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done, bytes - done,
-                      offset + static_cast<off_t>(done));
+    return failIfZero(Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done, bytes - done,
+                                 offset + static_cast<off_t>(done)));
   });
 }
 

@@ -43,8 +43,8 @@ off_t Vfd_Seek(int descriptor, off_t offset, int whence);
 int Vfd_Stat(int descriptor, struct stat* info);
 
 // The same transfers carried on after signals and short counts. The result is the number of bytes
-// transferred; it is below `bytes` only at the end of the file, with errno 0, or after a failure,
-// with errno set. errno is untouched when all was transferred.
+// transferred; it is below `bytes` only at the end of a file read, with errno 0, or after a
+// failure, with errno set. errno is untouched when all was transferred.
 [[nodiscard]] size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes);
 [[nodiscard]] size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset);
 [[nodiscard]] size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes,
