@@ -1,0 +1,60 @@
+// The open calls and scopes of every thread, as the event pass sees them.
+//
+// RK_WillyHash holds one state per thread, made when a record first names the thread. Its function
+// stack is moved by RK_FrameEnter and RK_FrameLeave; kltt_events keeps the scopes, and reads the
+// stacks to say where a call returns to and to close what is open at the end of a window. Events of
+// one thread tend to follow each other, so the table remembers the state that it handed out last.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "generic/kltt_idtable.h"
+
+struct RK_ScopeFrame {
+  uint32_t scope;
+  uint32_t seqnr;
+
+  friend bool operator==(const RK_ScopeFrame&, const RK_ScopeFrame&) = default;
+};
+
+struct RK_WillyState {
+  uint32_t gtp = 0;
+  std::vector<uint32_t> functions;    // ids of the open calls, the innermost last
+  std::vector<RK_ScopeFrame> scopes;  // in order of entry
+
+  [[nodiscard]] bool isOpen() const { return !functions.empty() || !scopes.empty(); }
+};
+
+struct RK_WillyHash {
+  KLTT_IdIndex index;                 // by gtp
+  std::vector<RK_WillyState> states;  // in order of first use
+  size_t last = 0;                    // handed out last
+};
+
+// RK_WillyHashGet without the shortcut.
+RK_WillyState& RK_WillyHashLookUp(RK_WillyHash& table, uint32_t gtp);
+
+// The state of a thread, made on first use. The reference holds until the next call.
+inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
+  if (table.last < table.states.size() && table.states[table.last].gtp == gtp)
+    return table.states[table.last];
+  return RK_WillyHashLookUp(table, gtp);
+}
+
+// The state of a thread, null if no record has named it.
+[[nodiscard]] inline RK_WillyState* RK_WillyHashFind(RK_WillyHash& table, uint32_t gtp) {
+  const uint32_t index = table.index.find(gtp);
+  return index == 0 ? nullptr : &table.states[index - 1];
+}
+
+// A call: pushed at its entry, popped at its end.
+inline void RK_FrameEnter(RK_WillyState& willy, uint32_t function) {
+  willy.functions.push_back(function);
+}
+// REQUIRES: a call is open. Returns the function returned to, 0 if none is open any more.
+inline uint32_t RK_FrameLeave(RK_WillyState& willy) {
+  willy.functions.pop_back();
+  return willy.functions.empty() ? 0 : willy.functions.back();
+}

@@ -1,0 +1,216 @@
+// Handlers of collective operations: four records, one algorithm. See kltt_collops.h.
+#include "generic/kltt_collops.h"
+
+#include <algorithm>
+
+#include "generic/RK_conf.h"
+#include "generic/RK_rkf.h"
+#include "generic/RK_wtrace.h"
+#include "generic/kltt_context.h"
+#include "generic/kltt_events.h"
+#include "generic/kltt_exit.h"
+#include "generic/kltt_tables.h"
+
+namespace {
+
+constexpr uint32_t kAbsent = ~uint32_t{0};   // no root, or a size that doesn't apply
+constexpr uint64_t kNoStart = ~uint64_t{0};  // the member took no part
+
+// Where a member's sizes come from. At most one of the two is kAtRoot.
+enum class Sizes {
+  kNone,    // the record has none
+  kArray,   // one for each member
+  kAtRoot,  // one in all, the root's
+};
+
+struct Collop {
+  const char* record;  // the record's name in messages
+  uint64_t time;       // raw
+  uint32_t communicator;
+  uint32_t type;
+  uint32_t n;
+  const uint64_t* starts;
+  const uint64_t* deltas;
+  const uint32_t* scls;  // or null
+
+  bool rooted;
+  uint32_t root;       // gtp, if rooted
+  uint32_t rootBytes;  // the size that is kAtRoot
+
+  Sizes sentFrom;
+  const uint32_t* sent;  // kArray
+  Sizes receivedFrom;
+  const uint32_t* received;  // kArray
+
+  [[nodiscard]] bool tookPart(uint32_t i) const { return starts[i] != kNoStart; }
+};
+
+uint64_t latestEnd(const Collop& op) {
+  uint64_t latest = 0;
+  for (uint32_t i = 0; i < op.n; ++i) {
+    if (op.tookPart(i)) {
+      latest =
+          std::max(latest, KLTT_TimeAfter(KLTT_TimeAfter(op.time, op.starts[i]), op.deltas[i]));
+    }
+  }
+  return latest;
+}
+
+// The array for a matched line: null if there is none.
+const uint32_t* matchedSizes(KLTT_Context& context, const Collop& op,
+                             const KLTT_MemberList& members, Sizes from, const uint32_t* array) {
+  if (from != Sizes::kAtRoot) return array;
+  std::vector<uint32_t>& sizes = context.scratchBytes;
+  sizes.assign(op.n, 0);
+  KLTT_MemberList::Cursor member(members);
+  uint32_t gtp = 0;
+  for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {
+    if (gtp == op.root) sizes[i] = op.rootBytes;
+  }
+  return sizes.data();
+}
+
+int writeMatched(KLTT_Context& context, const Collop& op, const KLTT_MemberList& members,
+                 uint64_t internalTime) {
+  const KLTT_Named* operation = context.collops.find(op.type);
+  RK_Output* text = KLTT_Text(context);
+  if (operation == nullptr || text == nullptr) return 0;
+  const uint32_t* sent = matchedSizes(context, op, members, op.sentFrom, op.sent);
+  const uint32_t* received = matchedSizes(context, op, members, op.receivedFrom, op.received);
+  return RK_WriteCollOp(text, RK_SinkTime(context.sink, internalTime), operation->extra, op.type,
+                        op.communicator, op.rooted ? op.root : kAbsent, op.n, op.starts, op.deltas,
+                        sent, received, op.scls);
+}
+
+uint32_t memberSize(const Collop& op, Sizes from, const uint32_t* array, uint32_t i, bool isRoot) {
+  if (from == Sizes::kAtRoot) return isRoot ? op.rootBytes : kAbsent;
+  return array != nullptr ? array[i] : kAbsent;
+}
+
+void queueMembers(KLTT_Context& context, const Collop& op, const KLTT_MemberList& members) {
+  KLTT_MemberList::Cursor member(members);
+  uint32_t root = op.root;
+  for (uint32_t i = 0; i < op.n; ++i) {
+    uint32_t gtp = 0;
+    const bool isMember = member.next(&gtp);
+    if (i == 0 && !op.rooted) root = gtp;
+    if (!op.tookPart(i)) continue;
+    uint64_t start = op.time + op.starts[i];
+    const uint64_t end = start + op.deltas[i];
+    if (context.inHistory) {
+      if (end < context.historyTime) continue;
+      start = std::max(start, context.historyTime);
+    }
+    if (!isMember) KLTT_Fatal("%s record with undefined communicator id", op.record);
+    KLTT_Delayed& node = context.pending.add(KLTT_InternalTime(context, start));
+    node.kind = KLTT_DelayedKind::kGlobalOp;
+    node.gtp = gtp;
+    node.operation = {.endTime = KLTT_InternalTime(context, end),
+                      .operation = op.type,
+                      .communicator = op.communicator,
+                      .root = root,
+                      .sent = memberSize(op, op.sentFrom, op.sent, i, gtp == op.root),
+                      .received = memberSize(op, op.receivedFrom, op.received, i, gtp == op.root),
+                      .scl = op.scls != nullptr ? op.scls[i] : 0};
+  }
+}
+
+int format(void* user, const Collop& op) {
+  KLTT_Context& context = *static_cast<KLTT_Context*>(user);
+  const KLTT_MemberList& members = KLTT_GetIndexInComm(context, op.communicator, op.record);
+  const uint64_t internalTime = KLTT_InternalTime(context, op.time);
+  if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
+  int result = 0;
+  if (RK_conf.matched_rkf != 0) {
+    result = writeMatched(context, op, members, internalTime);
+  } else {
+    queueMembers(context, op, members);
+  }
+  context.lastEventTime = std::max(context.lastEventTime, latestEnd(op));
+  return result;
+}
+
+}  // namespace
+
+int KLTT_OneToAllCommunication(void* user, uint64_t time, uint32_t sender, uint32_t sent,
+                               uint32_t communicator, uint32_t type, uint32_t n,
+                               const uint64_t* starts, const uint64_t* deltas,
+                               const uint32_t* received, const uint32_t* scls) {
+  return format(user, {.record = "OneToAll",
+                       .time = time,
+                       .communicator = communicator,
+                       .type = type,
+                       .n = n,
+                       .starts = starts,
+                       .deltas = deltas,
+                       .scls = scls,
+                       .rooted = true,
+                       .root = sender,
+                       .rootBytes = sent,
+                       .sentFrom = Sizes::kAtRoot,
+                       .sent = nullptr,
+                       .receivedFrom = Sizes::kArray,
+                       .received = received});
+}
+
+int KLTT_AllToOneCommunication(void* user, uint64_t time, uint32_t receiver, uint32_t recvd,
+                               uint32_t communicator, uint32_t type, uint32_t n,
+                               const uint64_t* starts, const uint64_t* deltas,
+                               const uint32_t* sendSizes, const uint32_t* scls) {
+  return format(user, {.record = "AllToOne",
+                       .time = time,
+                       .communicator = communicator,
+                       .type = type,
+                       .n = n,
+                       .starts = starts,
+                       .deltas = deltas,
+                       .scls = scls,
+                       .rooted = true,
+                       .root = receiver,
+                       .rootBytes = recvd,
+                       .sentFrom = Sizes::kArray,
+                       .sent = sendSizes,
+                       .receivedFrom = Sizes::kAtRoot,
+                       .received = nullptr});
+}
+
+int KLTT_AllToAllCommunication(void* user, uint64_t time, uint32_t communicator, uint32_t type,
+                               uint32_t n, const uint64_t* starts, const uint64_t* deltas,
+                               const uint32_t* sendSizes, const uint32_t* receiveSizes,
+                               const uint32_t* scls) {
+  return format(user, {.record = "AllToAll",
+                       .time = time,
+                       .communicator = communicator,
+                       .type = type,
+                       .n = n,
+                       .starts = starts,
+                       .deltas = deltas,
+                       .scls = scls,
+                       .rooted = false,
+                       .root = kAbsent,
+                       .rootBytes = 0,
+                       .sentFrom = Sizes::kArray,
+                       .sent = sendSizes,
+                       .receivedFrom = Sizes::kArray,
+                       .received = receiveSizes});
+}
+
+int KLTT_AllCommunication(void* user, uint64_t time, uint32_t communicator, uint32_t type,
+                          uint32_t n, const uint64_t* starts, const uint64_t* deltas,
+                          const uint32_t* scls) {
+  return format(user, {.record = "AllToAll",
+                       .time = time,
+                       .communicator = communicator,
+                       .type = type,
+                       .n = n,
+                       .starts = starts,
+                       .deltas = deltas,
+                       .scls = scls,
+                       .rooted = false,
+                       .root = kAbsent,
+                       .rootBytes = 0,
+                       .sentFrom = Sizes::kNone,
+                       .sent = nullptr,
+                       .receivedFrom = Sizes::kNone,
+                       .received = nullptr});
+}

@@ -1,0 +1,182 @@
+// Extraction passes. See kltt_extract.h.
+#include "generic/kltt_extract.h"
+
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "generic/RK_conf.h"
+#include "generic/RK_wtrace.h"
+#include "generic/kltt_collops.h"
+#include "generic/kltt_context.h"
+#include "generic/kltt_events.h"
+#include "generic/kltt_exit.h"
+#include "generic/kltt_messages.h"
+#include "generic/kltt_print.h"
+#include "generic/kltt_requests.h"
+#include "generic/kltt_tables.h"
+#include "generic/kltt_unavailable.h"
+#include "klt/klt.h"
+#include "klt/klt_handlers.h"
+#include "util/pal_error.h"
+
+namespace {
+
+void setTraceHandlers(KLT_HandlerTable& table) {
+  table.begin_of_history = &KLTT_BeginOfHistory;
+  table.end_of_history = &KLTT_EndOfHistory;
+  table.end_of_filter = &KLTT_EndOfFilter;
+  table.function_history = &KLTT_FunctionHistory;
+  table.function_statistics = &KLTT_FunctionStatistics;
+  table.onetoone_statistics = &KLTT_OneToOneStatistics;
+  table.collop_statistics = &KLTT_CollopStatistics;
+  table.class_definition = &KLTT_ClassDefinition;
+  table.collective_operation_definition = &KLTT_CollectiveOperationDefinition;
+  table.communicator_definition = &KLTT_CommunicatorDefinition;
+  table.counter_definition = &KLTT_CounterDefinition;
+  table.file_definition = &KLTT_FileDefinition;
+  table.function_definition = &KLTT_FunctionDefinition;
+  table.group_definition = &KLTT_GroupDefinition;
+  table.process_declaration = &KLTT_ProcessDeclaration;
+  table.scl_definition = &KLTT_SclDefinition;
+  table.scope_definition = &KLTT_ScopeDefinition;
+  table.willy_definition = &KLTT_WillyDefinition;
+  table.willy_name = &KLTT_WillyName;
+  table.one_to_one_communication = &KLTT_OneToOneCommunication;
+  table.one_to_all_communication = &KLTT_OneToAllCommunication;
+  table.all_to_one_communication = &KLTT_AllToOneCommunication;
+  table.all_to_all_communication = &KLTT_AllToAllCommunication;
+  table.all_communication = &KLTT_AllCommunication;
+}
+
+void setEventHandlers(KLT_HandlerTable& table) {
+  table.comment = &KLTT_Comment;
+  table.counter_value = &KLTT_CounterValue;
+  table.enter_function = &KLTT_EnterFunction;
+  table.enter_scope = &KLTT_EnterScope;
+  table.file_io_begin = &KLTT_FileIoBegin;
+  table.file_io_end = &KLTT_FileIoEnd;
+  table.file_io_file_definition = &KLTT_FileIoFileDefinition;
+  table.info = &KLTT_Info;
+  table.leave_function = &KLTT_LeaveFunction;
+  table.leave_scope = &KLTT_LeaveScope;
+  table.opaque_data = &KLTT_OpaqueData;
+}
+
+// Steps readers to their end and keeps the exit status that comes of it.
+class PassRunner {
+ public:
+  PassRunner(KLT_FileHandle* handle, int serial, const KLTT_Context& context)
+      : handle_(handle), serial_(serial), context_(context) {}
+
+  [[nodiscard]] int status() const { return status_; }
+
+  void run(int mode, const KLT_HandlerTable& table, const std::vector<KLT_Request>& requests) {
+    std::vector<const KLT_Request*> pointers;
+    for (const KLT_Request& request : requests) pointers.push_back(&request);
+    KLT_Reader* reader = KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
+                                        pointers.data(), &table, serial_);
+    if (reader == nullptr) judge(KLT_STATUS_ABORTING);
+    judge(KLT_ReaderStatus(reader));
+    int result = 0;
+    while ((result = KLT_ReadEvents(reader, -1)) != KLT_STATUS_FINISHED) judge(result);
+    if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
+    KLT_CloseReader(reader);
+  }
+
+ private:
+  // Results that it doesn't name mean that stepping goes on.
+  void judge(int result) {
+    switch (result) {
+      case KLT_STATUS_CONTINUING:
+      case KLT_STATUS_CORRUPTED:
+        std::fputs("continuing\n", stderr);
+        status_ = KLT_STATUS_CONTINUING;
+        break;
+      case KLT_STATUS_ABORTING:
+        std::fputs("aborting\n", stderr);
+        KLTT_Exit(KLT_STATUS_ABORTING);
+      case KLT_STATUS_HANDLER:
+        // A full disk has been reported by the output; nothing more can be written.
+        if (outputFailed()) KLTT_Exit(1);
+        std::fputs("callback returned error code.\n", stderr);
+        status_ = KLT_STATUS_HANDLER;
+        break;
+      default:
+        break;
+    }
+  }
+
+  [[nodiscard]] bool outputFailed() const {
+    const RK_Output* text = KLTT_Text(context_);
+    return RK_OutputFailed(RK_Stdout()) || (text != nullptr && RK_OutputFailed(text));
+  }
+
+  KLT_FileHandle* handle_;
+  int serial_;
+  const KLTT_Context& context_;
+  int status_ = 0;
+};
+
+// What the options ask for and this build can't do.
+void refuseUnavailable() {
+  if (RK_conf.print_threads != 0) KLTT_Unavailable("--print-threads");
+  if (RK_conf.print_statistics != 0) KLTT_Unavailable("--print-statistics");
+  if (RK_conf.print_reports != 0) KLTT_Unavailable("--print-reports");
+  if (RK_conf.perftest != 0) KLTT_Unavailable("--perftest");
+  if (RK_conf.logfile_name_set && RK_conf.output_format != 0)
+    KLTT_Unavailable("writing a binary trace");
+}
+
+// The sink that the options ask for; null if they ask for none. Ends the process if it can't be
+// opened.
+RK_Sink* openSink(const KLTT_Context& context) {
+  if (!RK_conf.logfile_name_set || RK_conf.remove != 0 || RK_conf.move != 0) return nullptr;
+  RK_Sink* sink = RK_SinkOpenAscii(RK_conf.logfile_name.c_str(), 0);
+  if (sink == nullptr) {
+    std::fprintf(stderr, "Could not open file %s for writing.\n",
+                 PAL_Printable(RK_conf.logfile_name).c_str());
+    KLTT_Exit(1);
+  }
+  sink->timeShift =
+      static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
+  return sink;
+}
+
+}  // namespace
+
+void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t sets) {
+  table = KLT_HandlerTable{};
+  table.user_data = &context;
+  if ((sets & KLTT_SET_TRACE) != 0) setTraceHandlers(table);
+  if ((sets & KLTT_SET_CLOCK) != 0) {
+    table.clock_resolution = &KLTT_ClockResolution;
+    table.duration = &KLTT_Duration;
+  }
+  if ((sets & KLTT_SET_PROCESSES) != 0) table.process_declaration = &KLTT_ProcessDeclaration;
+  if ((sets & KLTT_SET_EVENTS) != 0) setEventHandlers(table);
+}
+
+int KLTT_Extract(KLT_FileHandle* handle, int serial) {
+  refuseUnavailable();
+  KLTT_Context context;
+  KLT_HandlerTable table;
+  PassRunner passes(handle, serial, context);
+
+  KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
+  passes.run(KLT_MODE_DEFINITIONS, table, {});
+
+  RK_Sink* sink = openSink(context);
+  context.sink = sink;
+  KLTT_InitHandlers(table, context,
+                    KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
+  passes.run(KLT_MODE_DEFINITIONS, table, {});
+  if (sink == nullptr) return passes.status();
+  RK_OutputFlush(sink->output);
+
+  passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context));
+  KLTT_DrainDelayed(context);
+  context.sink = nullptr;
+  const bool written = RK_SinkClose(sink, 0) == 0;
+  return passes.status() == 0 && !written ? 1 : passes.status();
+}

@@ -1,0 +1,55 @@
+// The members of a communicator, in rank order.
+//
+// A definition of some thirty bytes can name a million members, so they are kept as runs of equal
+// steps and never written out. Collective handlers walk them with a cursor.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+class KLTT_MemberList {
+ public:
+  class Cursor;
+
+  KLTT_MemberList() = default;
+  // Numbers (gtp) in rank order; repeated ones stay.
+  explicit KLTT_MemberList(std::span<const int32_t> gtps);
+
+  [[nodiscard]] uint32_t size() const { return size_; }
+
+ private:
+  // `count` members, at least one, counted modulo 2^32.
+  struct Run {
+    uint32_t first;
+    uint32_t step;
+    uint32_t count;
+  };
+
+  std::vector<Run> runs_;
+  uint32_t size_ = 0;
+};
+
+// Walks the members from the first. The list must outlive the cursor.
+class KLTT_MemberList::Cursor {
+ public:
+  explicit Cursor(const KLTT_MemberList& list)
+      : run_(list.runs_.data()), end_(run_ + list.runs_.size()) {}
+
+  // Stores the next member in `gtp`; false, and `gtp` stays, behind the last one.
+  bool next(uint32_t* gtp) {
+    if (run_ == end_) return false;
+    *gtp = run_->first + offset_ * run_->step;
+    if (++offset_ == run_->count) {
+      ++run_;
+      offset_ = 0;
+    }
+    return true;
+  }
+
+ private:
+  const Run* run_;
+  const Run* end_;
+  uint32_t offset_ = 0;
+};

@@ -1,0 +1,220 @@
+// Handlers of definition records. See kltt_tables.h.
+#include "generic/kltt_tables.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "generic/RK_rkf.h"
+#include "generic/RK_wtrace.h"
+#include "generic/kltt_context.h"
+#include "generic/kltt_events.h"
+#include "generic/kltt_exit.h"
+#include "util/pal_error.h"
+
+namespace {
+
+KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
+
+const char* shown(const char* text) { return text == nullptr ? "(null)" : text; }
+
+// Names come from the trace: fit for a message to a person.
+std::string printable(const char* text) { return PAL_Printable(shown(text)); }
+
+// The path of a class from the root, checked against what the definition says. Ends the process if
+// the definition contradicts itself.
+std::string fullClassName(const KLTT_Context& context, const char* name, const char* nameSelf,
+                          uint32_t parent) {
+  if (parent == 0) {
+    const char* own = name != nullptr ? name : nameSelf;
+    if (own == nullptr) {
+      KLTT_Fatal("class def: unable to obtain full name: name %s, nameself %s, parent %d",
+                 shown(name), shown(nameSelf), 0);
+    }
+    if (name != nullptr && nameSelf != nullptr && std::string_view(name) != nameSelf) {
+      KLTT_Fatal("class def with different names: %s != %s", printable(nameSelf).c_str(),
+                 printable(name).c_str());
+    }
+    return own;
+  }
+  const KLTT_Named* above = context.classes.find(parent);
+  if (above == nullptr) KLTT_Fatal("class def with invalid parent");
+  if (nameSelf == nullptr) KLTT_Fatal("class def without nameself");
+  std::string full = above->name + ":" + nameSelf;
+  if (name != nullptr && full != name) {
+    KLTT_Fatal("class def with broken hierarchy: %s != %s", printable(full.c_str()).c_str(),
+               printable(name).c_str());
+  }
+  return full;
+}
+
+}  // namespace
+
+const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
+                                           const char* record) {
+  if (id == 0) KLTT_Fatal("%s record without communicator id", record);
+  const KLTT_Communicator* communicator = context.communicators.find(id);
+  if (communicator == nullptr) KLTT_Fatal("%s record with undefined communicator id", record);
+  return communicator->members;
+}
+
+int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
+  KLTT_Context& context = contextOf(user);
+  context.numProcesses = n;
+  context.threadCounts.assign(threads, threads + n);
+  context.totalThreads = 0;
+  for (const uint32_t count : context.threadCounts) context.totalThreads += count;
+
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  const uint32_t shownTotal = static_cast<uint32_t>(context.totalThreads);
+  if (RK_WriteNcpus(text, {&shownTotal, 1}) != 0) return 1;
+  if (context.totalThreads <= n) return 0;
+  return RK_WriteThreadNums(text, context.threadCounts);
+}
+
+int KLTT_WillyName(void* user, uint32_t gtp, const char* name) {
+  RK_Output* text = KLTT_Text(contextOf(user));
+  return text == nullptr ? 0 : RK_WriteCpuSym(text, gtp, name);
+}
+
+int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const char* ip,
+                         uint32_t pid, uint64_t tid, double offset, double skew) {
+  KLTT_Context& context = contextOf(user);
+  if (context.sink == nullptr) return 0;
+  char line[512];  // long names are cut there
+  std::snprintf(line, sizeof line,
+                "process #%u, thread #%u: host \"%s\", ip %s, pid %llu, tid %llu, offset %f, "
+                "skew %f",
+                gtp & 0xffff, gtp >> 16, shown(hostname), shown(ip),
+                static_cast<long long unsigned>(pid), static_cast<long long unsigned>(tid), offset,
+                skew);
+  context.pending.addComment(0, line);
+  return 0;
+}
+
+int KLTT_ClockResolution(void* user, double resolution, uint32_t eventBits) {
+  KLTT_Context& context = contextOf(user);
+  context.eventBits = std::min(eventBits, uint32_t{63});
+  context.counterMask = (uint64_t{1} << context.eventBits) - 1;
+  context.clockPeriod = std::ldexp(resolution, static_cast<int>(context.eventBits));
+  context.ticksPerSecond = 1 / context.clockPeriod;
+  RK_Output* text = KLTT_Text(context);
+  return text == nullptr ? 0 : RK_WriteClock(text, resolution, eventBits);
+}
+
+int KLTT_Duration(void* user, uint64_t start, uint64_t end) {
+  KLTT_Context& context = contextOf(user);
+  context.startTime = static_cast<int64_t>(start);
+  context.endTime = static_cast<int64_t>(end);
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteDuration(text, RK_SinkTime(context.sink, KLTT_InternalTime(context, start)),
+                          RK_SinkTime(context.sink, KLTT_InternalTime(context, end)));
+}
+
+int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* nameSelf,
+                         uint32_t parent) {
+  KLTT_Context& context = contextOf(user);
+  const std::string full = fullClassName(context, name, nameSelf, parent);
+  if (KLTT_TableInsert(context.classes, id, full.c_str(), parent) == 0) {
+    KLTT_Fatal("duplicate class def: %d = %s", static_cast<int>(id),
+               printable(full.c_str()).c_str());
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  if (RK_WriteSampClass(text, id, full.c_str()) != 0) return 1;
+  return RK_WriteAct(text, id, full.c_str());
+}
+
+int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t classId) {
+  KLTT_Context& context = contextOf(user);
+  if (classId == 0) {
+    KLTT_Fatal("class id of function #%d %s is zero", static_cast<int>(id),
+               printable(name).c_str());
+  }
+  if (context.classes.indexOf(classId) == 0) {
+    KLTT_Fatal("function def record with an undefined class id");
+  }
+  KLTT_TableInsert(context.functions, id, name, classId);
+  RK_Output* text = KLTT_Text(context);
+  return text == nullptr ? 0 : RK_WriteState(text, id, classId, name);
+}
+
+int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t classId,
+                         uint32_t startScl, uint32_t endScl) {
+  KLTT_Context& context = contextOf(user);
+  if (classId == 0) {
+    KLTT_Fatal("class id of scope #%d %s is zero", static_cast<int>(id), printable(name).c_str());
+  }
+  if (context.classes.indexOf(classId) == 0) {
+    KLTT_Fatal("scope def record with an undefined class id");
+  }
+  RK_Output* text = KLTT_Text(context);
+  return text == nullptr ? 0 : RK_WriteScope(text, id, classId, name, startScl, endScl);
+}
+
+int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint32_t numTriplets,
+                                const PAL_Triplet* triplets, int32_t leftSize) {
+  KLTT_Context& context = contextOf(user);
+  const std::vector<int32_t> members = PAL_TripletsExpand({triplets, numTriplets});
+  if (KLTT_Communicator* communicator = context.communicators.insert(id)) {
+    communicator->members = KLTT_MemberList(members);
+  }
+  if (context.sink == nullptr) return 0;
+  return RK_SinkDefineCommunicator(context.sink, name, id, static_cast<uint32_t>(members.size()),
+                                   members.data(), static_cast<uint32_t>(leftSize));
+}
+
+int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {
+  KLTT_Context& context = contextOf(user);
+  KLTT_TableInsert(context.collops, id, name, kind);
+  RK_Output* text = KLTT_Text(context);
+  return text == nullptr ? 0 : RK_WriteGlobalOpToken(text, id, name);
+}
+
+int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
+                           const uint64_t* bounds, uint32_t gtp, uint32_t classId,
+                           const char* unit) {
+  KLTT_Context& context = contextOf(user);
+  if (KLTT_Counter* counter = context.counters.insert(id)) counter->flags = flags;
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteSamp(text, id, classId, gtp, flags, bounds, name, unit);
+}
+
+int KLTT_GroupDefinition(void* user, uint32_t id, const char* name, uint32_t count,
+                         const uint32_t* members) {
+  RK_Output* text = KLTT_Text(contextOf(user));
+  return text == nullptr ? 0 : RK_WriteGroup(text, id, name, {members, count});
+}
+
+int KLTT_FileDefinition(void* user, uint32_t id, const char* name) {
+  RK_Sink* sink = contextOf(user).sink;
+  uint32_t outId = 0;
+  return sink == nullptr ? 0 : RK_SinkDefineFile(sink, id, name, &outId);
+}
+
+int KLTT_SclDefinition(void* user, uint32_t id, uint32_t n, const uint32_t* files,
+                       const uint32_t* lines, const char* const* /*symbols*/,
+                       const char* const* /*objects*/) {
+  RK_Output* text = KLTT_Text(contextOf(user));
+  return text == nullptr ? 0 : RK_WriteScl(text, id, n, files, lines);
+}
+
+int KLTT_FileIoFileDefinition(void* user, uint32_t id, uint32_t communicator, const char* name) {
+  RK_Output* text = KLTT_Text(contextOf(user));
+  return text == nullptr ? 0 : RK_WriteIoFile(text, id, communicator, name);
+}
+
+int KLTT_Info(void* user, uint32_t classId, const char* text) {
+  KLTT_Context& context = contextOf(user);
+  if (context.sink == nullptr) return 0;
+  if (classId == 0) KLTT_Fatal("info record without a proper class id");
+  const KLTT_Named* named = context.classes.find(classId);
+  if (named == nullptr) KLTT_Fatal("info record with an undefined class id");
+  context.pending.addComment(0, named->name + ": " + shown(text));
+  return 0;
+}
