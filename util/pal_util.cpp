@@ -1,0 +1,146 @@
+// Working directory, files, time and chance.
+#include "util/pal_util.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "util/pal_error.h"
+#include "util/pal_strings.h"
+#include "util/vfd.h"
+
+namespace {
+
+constexpr size_t CWD_STEP_BYTES = 256;
+constexpr size_t READ_BYTES = 65536;
+
+bool IsDot(const char* directory) {
+  return std::strcmp(directory, ".") == 0 || std::strcmp(directory, "./") == 0;
+}
+
+// `path` as seen from the working directory instead of from `directory`.
+std::string Join(const char* directory, const char* path) {
+  std::string joined = directory;
+  if (!joined.ends_with('/')) joined += '/';
+  return joined += path;
+}
+
+uint32_t ReadRandom() {
+  uint32_t value = 0;
+  const int descriptor = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return 0;
+  if (read(descriptor, &value, sizeof value) != static_cast<ssize_t>(sizeof value)) value = 0;
+  close(descriptor);
+  return value;
+}
+
+uint32_t MixedRand() {
+  const auto part = [] { return static_cast<uint32_t>(std::rand()); };
+  uint32_t value = part() << 24;
+  value ^= part() << 16;
+  value ^= part() << 8;
+  return value ^ part();
+}
+
+}  // namespace
+
+std::optional<std::string> PAL_GetCwd() {
+  for (size_t size = CWD_STEP_BYTES;; size += CWD_STEP_BYTES) {
+    std::string buffer(size, '\0');
+    if (getcwd(buffer.data(), size - 1) != nullptr) {
+      buffer.resize(std::strlen(buffer.c_str()));
+      return buffer;
+    }
+    if (errno != ERANGE) return std::nullopt;
+  }
+}
+
+PAL_DirectoryScope::PAL_DirectoryScope(const char* directory) {
+  if (directory == nullptr || IsDot(directory)) return;
+  std::optional<std::string> current = PAL_GetCwd();
+  if (!current) {
+    PAL_Error("cannot determine cwd: %s", std::strerror(errno));
+    return;
+  }
+  if (*current == directory) return;
+  if (chdir(directory) != 0) {
+    PAL_Error("cannot cd into %s: %s", PAL_Printable(directory).c_str(), std::strerror(errno));
+    return;
+  }
+  previous_ = std::move(current);
+}
+
+PAL_DirectoryScope::~PAL_DirectoryScope() {
+  if (!previous_) return;
+  const int saved = errno;
+  if (chdir(previous_->c_str()) != 0) {
+    PAL_Error("cannot cd back into %s: %s", PAL_Printable(*previous_).c_str(),
+              std::strerror(errno));
+  }
+  errno = saved;
+}
+
+int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode) {
+  if (directory != nullptr && directory[0] != '\0' && path[0] != '/' && !IsDot(directory)) {
+    // An evicted descriptor is opened again by its path from wherever the process then is, so the
+    // path has to hold without the change of directory. It also saves that change.
+    const int descriptor = Vfd_Open(Join(directory, path).c_str(), flags, mode);
+    if (descriptor >= 0) return descriptor;
+  }
+  return PAL_InDir(directory, [&] { return Vfd_Open(path, flags, mode); });
+}
+
+int PAL_RemoveInDir(const char* directory, const char* path) {
+  return PAL_InDir(directory, [&] { return std::remove(path); });
+}
+
+int PAL_IsDir(const char* path, int* error) {
+  struct stat status;
+  const bool failed = stat(path, &status) != 0;
+  if (error != nullptr) *error = failed && errno != ENOENT ? 1 : 0;
+  return !failed && S_ISDIR(status.st_mode) ? 1 : 0;
+}
+
+uint64_t PAL_FileSize(const char* path) {
+  struct stat status;
+  return stat(path, &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
+std::optional<std::string> PAL_ReadFile(const char* path) {
+  const int descriptor = Vfd_Open(path, O_RDONLY, 0);
+  if (descriptor < 0) return std::nullopt;
+  std::string data;
+  size_t length = 0;
+  ssize_t count;
+  do {
+    data.resize(length + READ_BYTES);
+    count = Vfd_Read(descriptor, data.data() + length, READ_BYTES);
+    if (count > 0) length += static_cast<size_t>(count);
+  } while (count > 0);
+  const int saved = errno;
+  Vfd_Close(descriptor);
+  errno = saved;
+  if (count < 0) return std::nullopt;
+  data.resize(length);
+  return data;
+}
+
+int PAL_System(const char* command) { return std::system(command); }
+
+double PAL_Time() {
+  timeval now = {};
+  gettimeofday(&now, nullptr);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1000000;
+}
+
+uint32_t PAL_RandomSeed() {
+  uint32_t seed = ReadRandom();
+  while (seed == 0) seed = MixedRand();
+  return seed;
+}
