@@ -50,6 +50,7 @@ class MessageText {
       text_ = long_;
     }
   }
+  ~MessageText() = default;
   MessageText(const MessageText&) = delete;
   MessageText& operator=(const MessageText&) = delete;
 
@@ -229,7 +230,7 @@ thread_local bool insideChannel = false;
 
 std::string DebugPrefix(const char* file, int line) {
   char tag[DEBUG_TAG_BYTES];
-  std::snprintf(tag, sizeof tag, "%s/%p/%d", "init", reinterpret_cast<void*>(pthread_self()),
+  std::snprintf(tag, sizeof tag, "%s/%#lx/%d", "init", static_cast<unsigned long>(pthread_self()),
                 static_cast<int>(getpid()));
   return PAL_asprintf("[%.6lf %s@%s:%d] ", PAL_Time(), tag, PAL_BaseName(file), line);
 }
@@ -266,7 +267,7 @@ bool IsOpenFor(const DebugChannel& channel, const char* processName) {
 bool PickDescriptor(DebugChannel& channel, int& descriptor) {
   const char* forced = std::getenv("PAL_DEBUG_FD");
   if (forced != nullptr) {
-    descriptor = std::atoi(forced);
+    descriptor = static_cast<int>(std::strtol(forced, nullptr, 10));
     return true;
   }
   const char* process = PAL_messages.processName;

@@ -41,6 +41,8 @@ uint32_t ReadRandom() {
 }
 
 uint32_t MixedRand() {
+  // Weak, but only for a system without a better source.
+  // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp)
   const auto part = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t value = part() << 24;
   value ^= part() << 16;

@@ -20,10 +20,8 @@ using testing::internal::GetCapturedStderr;
 
 class PalError : public testing::Test {
  protected:
-  PalError() : saved_(PAL_messages) {
-    PAL_messages = {"klttool", nullptr, 0, 1, 1, nullptr, nullptr};
-  }
-  ~PalError() override { PAL_messages = saved_; }
+  void SetUp() override { PAL_messages = {"klttool", nullptr, 0, 1, 1, nullptr, nullptr}; }
+  void TearDown() override { PAL_messages = saved_; }
 
   template <class F>
   static std::string Output(F&& call) {
@@ -33,7 +31,7 @@ class PalError : public testing::Test {
   }
 
  private:
-  PAL_MessageSettings saved_;
+  PAL_MessageSettings saved_ = PAL_messages;
 };
 
 TEST_F(PalError, EachLineHasThePrefixOfItsLevel) {

@@ -48,15 +48,15 @@ int Retry() {
 
 class PalMem : public testing::Test {
  protected:
-  PalMem() : saved_(PAL_allocators) {
+  void SetUp() override {
     hooks = {};
     PAL_allocators = {&CountingMalloc, &CountingCalloc, &CountingRealloc,
                       &CountingFree,   nullptr,         0};
   }
-  ~PalMem() override { PAL_allocators = saved_; }
+  void TearDown() override { PAL_allocators = saved_; }
 
  private:
-  PAL_AllocatorTable saved_;
+  PAL_AllocatorTable saved_ = PAL_allocators;
 };
 
 TEST_F(PalMem, SizeZeroYieldsNullWithoutReachingAHook) {

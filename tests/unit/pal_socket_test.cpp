@@ -25,6 +25,7 @@ struct Contact {
 
 Contact Parse(const std::string& text) {
   Contact contact;
+  // The count tells whether all of it was read. NOLINTNEXTLINE(cert-err34-c)
   EXPECT_EQ(std::sscanf(text.c_str(), "%d:%u_%u@%255s", &contact.process, &contact.port,
                         &contact.token, contact.host),
             4)
