@@ -112,6 +112,8 @@ struct RK_Option {
 // The row of a key in any mix of case, or null. The refused key as the table spells it, or null.
 [[nodiscard]] const RK_Option* RK_ConfigFindOption(std::string_view key);
 [[nodiscard]] const char* RK_ConfigFindRefused(std::string_view key);
+// Whether two texts differ in case at most.
+[[nodiscard]] bool RK_ConfigSameText(std::string_view a, std::string_view b);
 // The name of the option's environment variable.
 [[nodiscard]] std::string RK_ConfigEnvironmentName(const char* key);
 
