@@ -1,0 +1,68 @@
+// A finished trace as bytes in memory: damage it, then write it to disk in one of the storage
+// forms.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tb {
+
+// A fresh directory that disappears with its contents at the end of its scope.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] std::string operator/(std::string_view name) const;
+
+ private:
+  std::string path_;
+};
+
+// How components lie in a single file.
+struct ContainerForm {
+  unsigned version = 1;  // 0 has 2-byte fields in its directory
+  size_t extent = 0;     // bytes of an extent, dealt out in turns; 0 gives one extent a component
+  bool padded = false;   // last extents have full length too, their unused part filled
+};
+
+void writeFile(const std::string& path, std::string_view bytes);
+[[nodiscard]] std::string readFile(const std::string& path);
+
+// Components by key, in the order in which they were added: " " is the index, ".f.0" a component.
+class TraceFiles {
+ public:
+  void add(std::string key, std::string bytes);
+  [[nodiscard]] bool contains(std::string_view key) const;
+  // The bytes of a component that exists.
+  [[nodiscard]] std::string& operator[](std::string_view key);
+  [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& parts() const {
+    return parts_;
+  }
+
+  TraceFiles& remove(std::string_view key);
+  // Takes `count` bytes off the end.
+  TraceFiles& truncate(std::string_view key, size_t count);
+  TraceFiles& flip(std::string_view key, size_t offset, unsigned char mask);
+  // Replaces `count` bytes at `offset` by others.
+  TraceFiles& splice(std::string_view key, size_t offset, size_t count, std::string_view bytes);
+
+  // The trace as one container file.
+  [[nodiscard]] std::string container(const ContainerForm& form = {}) const;
+
+  // Write and return the name to open.
+  std::string writePlain(const TempDir& directory, std::string_view base = "t.klt") const;
+  std::string writeContainer(const TempDir& directory, const ContainerForm& form = {},
+                             std::string_view base = "t.klt") const;
+
+ private:
+  std::vector<std::pair<std::string, std::string>> parts_;
+};
+
+}  // namespace tb
