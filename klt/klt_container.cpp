@@ -242,6 +242,10 @@ KLT_Container* newContainer(const char* dir, const char* name, int flags, mode_t
   return container;
 }
 
+// To append is the components' business: with O_APPEND on the container's own descriptor every
+// write would go to the end of the file, whatever its offset.
+int containerFlags(int flags) { return flags & ~O_APPEND; }
+
 // Reports errno on the container's name and gives the container up.
 KLT_Container* refuse(KLT_Container* container) {
   PAL_Perror(container->name.c_str());
@@ -294,8 +298,9 @@ KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int 
   if (isStdout && form != KLT_FORM_SERIAL) PAL_Error("STDOUT only available in SERIAL mode.");
   KLT_Container* const container = newContainer(dir, name, flags, mode, form);
   if (form == KLT_FORM_PLAIN) return container;
-  container->fd = isStdout && form == KLT_FORM_SERIAL ? Vfd_Adopt(STDOUT_FILENO)
-                                                      : PAL_OpenInDir(dir, name, flags, mode);
+  container->fd = isStdout && form == KLT_FORM_SERIAL
+                      ? Vfd_Adopt(STDOUT_FILENO)
+                      : PAL_OpenInDir(dir, name, containerFlags(flags), mode);
   if (container->fd < 0 || !writeHeader(container)) return refuse(container);
   container->end = KLT_CONTAINER_HEADER_BYTES;
   return container;
@@ -307,7 +312,7 @@ KLT_Container* KLT_ContainerOpen(const char* dir, const char* name, int flags, m
   // doesn't. Regular files aren't concerned.
   struct stat info;
   if (KLT_StatIn(dir, name, &info) == 0 && !S_ISREG(info.st_mode)) return container;
-  container->fd = PAL_OpenInDir(dir, name, flags | O_NONBLOCK, mode);
+  container->fd = PAL_OpenInDir(dir, name, containerFlags(flags) | O_NONBLOCK, mode);
   if (container->fd < 0) return refuse(container);
 
   std::array<uint8_t, KLT_CONTAINER_HEADER_BYTES> header;
