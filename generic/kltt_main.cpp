@@ -1,0 +1,273 @@
+// The program's entry: start-up, choice of the operation, exit status.
+//
+// The order of start-up matters: messages, memory and the process group first, then the
+// configuration, whose sources can already speak to the user, then the checks of what was selected,
+// and only then the trace is opened. Extraction is kltt_extract, everything else a call into the
+// operations on traces. Texts about the program itself are kltt_help's.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "generic/RK_conf.h"
+#include "generic/RK_output.h"
+#include "generic/RK_socketpc.h"
+#include "generic/kltt_exit.h"
+#include "generic/kltt_extract.h"
+#include "generic/kltt_guard.h"
+#include "generic/kltt_help.h"
+#include "generic/kltt_unavailable.h"
+#include "klt/klt.h"
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+#include "util/pal_strings.h"
+
+namespace {
+
+enum : int { kSuccess = 0, kCantOpen = 1, kUsageError = 10 };
+
+// A standard descriptor that is closed would be given to the first file that is opened, which would
+// then receive the program's text. Reading-only on 1 makes writing there fail as it should.
+void occupyStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) != -1) continue;
+    const int access = descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY;
+    if (open("/dev/null", access) != descriptor) _exit(kCantOpen);
+  }
+}
+
+// How the readers deliver: nonzero merges all streams by time.
+int32_t deliveryOrder() {
+  const char* text = std::getenv("KLTT_SERIAL");
+  return text == nullptr ? 1 : static_cast<int32_t>(std::atol(text));
+}
+
+// A progress display or a listing that nobody reads any more must not cut the output short.
+void ignoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
+
+bool writesContainerToStandardOutput() {
+  return RK_conf.logfile_name == "-" && RK_conf.logfile_format_set && RK_conf.output_format == 1;
+}
+
+// Characters of the configuration that no line could use are shown to the user, but not in front of
+// a trace.
+void passEcho() {
+  if (writesContainerToStandardOutput())
+    std::fwrite(RK_conf.echo.data(), 1, RK_conf.echo.size(), stderr);
+  else
+    RK_OutputWrite(RK_Stdout(), RK_conf.echo);
+  RK_conf.echo.clear();
+}
+
+[[noreturn]] void usage() {
+  passEcho();
+  std::fputs(KLTT_Banner().c_str(), stderr);
+  std::fwrite(KLTT_UsageText().data(), 1, KLTT_UsageText().size(), stderr);
+  KLTT_Exit(kUsageError);
+}
+
+[[noreturn]] void tellAboutProgram(bool help) {
+  RK_OutputWrite(RK_Stdout(), KLTT_Banner());
+  if (help)
+    RK_OutputWrite(RK_Stdout(), KLTT_HelpText());
+  else
+    RK_OutputWrite(RK_Stdout(), KLTT_VersionLine());
+  KLTT_Exit(kSuccess);
+}
+
+void readConfiguration(int argc, char** argv) {
+  argv[0] = nullptr;
+  argv[1] = nullptr;
+  // The first pass may meet options of the collector in a shared file: nothing to warn of.
+  PAL_messages.infoEnabled = 0;
+  static char rank[] = "RK_CONF_RANK=0";
+  putenv(rank);
+  (void)RK_ConfigInit("rk");
+  PAL_messages.infoEnabled = 1;
+  if (RK_ConfigParseArgs(argc, argv, &usage) != 0) usage();
+}
+
+void checkSelection() {
+  const RK_Conf& c = RK_conf;
+  const bool operation = c.print_errors != 0 || c.remove != 0 || c.print_threads != 0 ||
+                         c.print_files != 0 || c.dump != 0 || c.print_statistics != 0 ||
+                         c.print_reports != 0;
+  const bool summaryOnly = c.sumdata != 0 && c.merge == 0;
+  if (!operation && !c.logfile_name_set && !summaryOnly) {
+    PAL_Error("neither any output file nor any kind of information retrieval selected\n");
+    usage();
+  }
+  if ((c.merge != 0 || c.sumdata != 0) && c.output_format != 1) {
+    PAL_Error("merge & summary operations are applicable to KLT format traces only\n");
+    usage();
+  }
+}
+
+void settleFormat() {
+  if (RK_conf.dump != 0) {
+    RK_conf.logfile_name = "-";
+    RK_conf.logfile_name_set = true;
+    RK_conf.output_format = 0;
+    RK_conf.logfile_format_set = true;
+  } else if (RK_conf.matched_rkf != 0 && RK_conf.output_format != 0) {
+    PAL_Warning("Requested option --matchedrkf only available for RKF-ASCII format. Ignored.");
+    RK_conf.matched_rkf = 0;
+  }
+  if (RK_conf.output_format == 1) RK_conf.matched_rkf = 1;
+}
+
+KLT_FileHandle* openInput(const char* name) {
+  KLT_FileHandle* handle = KLT_Open(name);
+  if (handle != nullptr) return handle;
+  std::fprintf(stderr, "Could not open file %s for reading.\n", PAL_Printable(name).c_str());
+  KLTT_Exit(kCantOpen);
+}
+
+// A name alone doesn't make the output binary, whatever its suffix.
+void settleOutput() {
+  if (!RK_conf.logfile_name_set) return;
+  RK_ConfigOutputName();
+  if (!RK_conf.logfile_format_set) RK_conf.output_format = 0;
+  if (RK_conf.verbose != 0 && RK_conf.move == 0)
+    std::fprintf(stderr, "Writing tracefile %s\n", PAL_Printable(RK_conf.logfile_name).c_str());
+}
+
+[[noreturn]] void failWithoutName(const char* directive) {
+  std::fprintf(stderr, "No output filename selected, use %s or --logfile-name\n", directive);
+  KLTT_Exit(kUsageError);
+}
+
+int extract(KLT_FileHandle* handle, int32_t serial) {
+  const RK_Conf& c = RK_conf;
+  if (c.logfile_name_set && c.remove == 0 && c.move == 0 && c.print_threads == 0) {
+    KLTT_RefuseInput(handle, c.logfile_name.c_str());
+    const bool listing = c.print_statistics != 0 || c.print_reports != 0;
+    if (c.logfile_name != "-" && !listing) ignoreBrokenPipes();
+  }
+  return KLTT_Extract(handle, serial);
+}
+
+void showProgress(RK_Output* stream, int state, int percent) {
+  if (state == 0)
+    RK_OutputPrintf(stream, "\r=== done: %3d (%%)\r", percent);
+  else
+    RK_OutputWrite(stream, "\n");
+  RK_OutputFlush(stream);
+}
+
+// Tells the user why a merge failed, where the merge itself hasn't.
+void explainMerge(int result, const char* input) {
+  switch (result) {
+    case KLTM_WRONG_OPERATION:
+      std::fputs("Wrong operation requested\n", stderr);
+      break;
+    case KLTM_NO_OUTPUT:
+      std::fprintf(stderr, "Could not open file for writing: %s\n",
+                   PAL_Printable(RK_conf.logfile_name).c_str());
+      break;
+    case KLTM_INPUT_NOT_REMOVED:
+      std::fprintf(stderr, "Could not remove input file after merging: %s\n",
+                   PAL_Printable(input).c_str());
+      break;
+    case KLTM_WRONG_TRACE:
+      PAL_Error(RK_conf.sumdata != 0 ? "summary operation isn't applicable to unmerged traces\n"
+                                     : "merge operation isn't applicable to merged traces\n");
+      break;
+    default:
+      break;
+  }
+}
+
+const char* outputDirectory() {
+  return RK_conf.current_dir.empty() ? nullptr : RK_conf.current_dir.c_str();
+}
+
+[[noreturn]] void merge(KLT_FileHandle* handle, const char* input) {
+  const RK_Conf& c = RK_conf;
+  const char* target = c.logfile_name_set ? c.logfile_name.c_str() : nullptr;
+  // A summary alone only names its own files after the target.
+  if (c.merge != 0) KLTT_RefuseInput(handle, target);
+  int flags = 0;
+  if (c.merge != 0) flags |= KLTM_MERGE;
+  if (c.sumdata != 0) flags |= KLTM_SUMMARY;
+  if (c.output_single_file != 0) flags |= KLTM_SINGLE_FILE;
+  if (c.delete_raw_data != 0) flags |= KLTM_DELETE_INPUT;
+  ignoreBrokenPipes();
+  const int result = KLTM_Merge(outputDirectory(), target, handle, flags,
+                                c.verbose != 0 ? &showProgress : nullptr, RK_Stdout());
+  explainMerge(result, input);
+  KLTT_Exit(result == KLTM_DONE ? kSuccess : kCantOpen);
+}
+
+[[noreturn]] void convert(KLT_FileHandle* handle) {
+  KLTT_RefuseInput(handle, RK_conf.logfile_name.c_str());
+  if (RK_conf.logfile_name != "-") ignoreBrokenPipes();
+  KLTT_Exit(KLT_Convert(handle, outputDirectory(), RK_conf.logfile_name.c_str(),
+                        RK_conf.output_single_file));
+}
+
+[[noreturn]] void move(KLT_FileHandle* handle) {
+  if (!RK_conf.logfile_name_set) failWithoutName("--move <filename>");
+  ignoreBrokenPipes();
+  KLTT_Exit(KLT_Move(handle, RK_conf.logfile_name.c_str()));
+}
+
+[[noreturn]] void remove(KLT_FileHandle* handle) {
+  ignoreBrokenPipes();
+  KLTT_Exit(KLT_Remove(handle));
+}
+
+// Convert, merge or summary with binary output.
+[[noreturn]] void rewrite(KLT_FileHandle* handle, const char* input) {
+  const RK_Conf& c = RK_conf;
+  if (!c.logfile_name_set && c.merge != 0)
+    failWithoutName(c.sumdata != 0 ? "--merge <filename> or --sumdata <filename>"
+                                   : "--merge <filename>");
+  if (c.merge != 0 || c.sumdata != 0) merge(handle, input);
+  if (!c.logfile_name_set) failWithoutName("--convert <filename>");
+  convert(handle);
+}
+
+// Runs what the options select and returns the exit status; operations that use up the input end
+// the process themselves.
+int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
+  const RK_Conf& c = RK_conf;
+  if (c.convert != 0 || c.merge != 0 || c.sumdata != 0) {
+    if (c.output_format == 1) rewrite(handle, input);
+    return extract(handle, serial);
+  }
+  if (c.print_files != 0) {
+    KLTT_PrintFiles(handle);
+    return kSuccess;
+  }
+  if (c.move != 0) move(handle);
+  if (c.remove != 0) remove(handle);
+  return extract(handle, serial);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  occupyStandardDescriptors();
+  const int32_t serial = deliveryOrder();
+  PAL_messages.programName = "klttool";
+  PAL_MemInit();
+  RK_IPCInit(HERE);
+  if (argc < 2) usage();
+  const bool help = PAL_StrCaseCmp(argv[1], "--help") == 0;
+  if (help || PAL_StrCaseCmp(argv[1], "--version") == 0) tellAboutProgram(help);
+
+  const char* input = argv[1];
+  readConfiguration(argc, argv);
+  checkSelection();
+  settleFormat();
+  passEcho();
+  KLT_FileHandle* handle = openInput(input);
+  settleOutput();
+  const int status = runOperation(handle, input, serial);
+  KLT_Close(handle);
+  KLTT_Exit(status);
+}
