@@ -28,12 +28,14 @@ struct KLTT_Counter {
 
 struct KLTT_Context {
   // Clock and duration, from the setup pass.
-  int64_t startTime = -1;     // raw
-  int64_t endTime = 0;        // raw
-  double clockPeriod = 0;     // seconds per tick
-  double ticksPerSecond = 0;  // its reciprocal
-  uint32_t eventBits = 0;     // low bits of raw time that count events; at most 63
-  uint64_t counterMask = 0;   // these bits
+  int64_t startTime = -1;       // raw
+  int64_t endTime = 0;          // raw
+  double clockPeriod = 0;       // seconds per tick
+  double ticksPerSecond = 0;    // its reciprocal
+  uint32_t eventBits = 0;       // low bits of raw time that count events; at most 63
+  uint64_t counterMask = 0;     // these bits
+  bool ticksReported = false;   // a time with too many ticks has been reported,
+  bool eventsReported = false;  // or one with too many events
 
   // Process layout. `totalThreads` is declared, not checked: nothing is made per declared thread.
   uint32_t numProcesses = 1;

@@ -90,11 +90,10 @@ int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, const R
 
 }  // namespace
 
-uint64_t KLTT_TruncatedTime(uint64_t rawTime, uint64_t tick, uint64_t counter) {
-  static bool ticksReported = false;
-  static bool eventsReported = false;
+uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t tick,
+                            uint64_t counter) {
   if (tick >= KLTT_MAX_TICKS) {
-    if (!std::exchange(ticksReported, true)) {
+    if (!std::exchange(context.ticksReported, true)) {
       PAL_Error(
           "time stamp %llu exceeds maximum number of clock ticks supported (%llu), truncating time",
           static_cast<long long unsigned>(rawTime),
@@ -103,7 +102,7 @@ uint64_t KLTT_TruncatedTime(uint64_t rawTime, uint64_t tick, uint64_t counter) {
     tick = KLTT_MAX_TICKS - 1;
   }
   if (counter >= KLTT_MAX_EVENTS) {
-    if (!std::exchange(eventsReported, true)) {
+    if (!std::exchange(context.eventsReported, true)) {
       PAL_Error(
           "time stamp %llu exceeds maximum number of events per clock tick supported (%llu), "
           "truncating time",

@@ -17,15 +17,16 @@ inline constexpr uint32_t KLTT_INTERNAL_EVENT_BITS = 13;
 inline constexpr uint64_t KLTT_MAX_EVENTS = uint64_t{1} << KLTT_INTERNAL_EVENT_BITS;
 inline constexpr uint64_t KLTT_MAX_TICKS = uint64_t{1} << 51;
 
-// The rare case of KLTT_InternalTime: cuts what doesn't fit, and says so once in a process.
-uint64_t KLTT_TruncatedTime(uint64_t rawTime, uint64_t tick, uint64_t counter);
+// The rare case of KLTT_InternalTime: cuts what doesn't fit, and says so once.
+uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t tick,
+                            uint64_t counter);
 
 // Raw time as internal time.
-[[nodiscard]] inline uint64_t KLTT_InternalTime(const KLTT_Context& context, uint64_t rawTime) {
+[[nodiscard]] inline uint64_t KLTT_InternalTime(KLTT_Context& context, uint64_t rawTime) {
   const uint64_t tick = rawTime >> context.eventBits;
   const uint64_t counter = rawTime & context.counterMask;
   if (tick >= KLTT_MAX_TICKS || counter >= KLTT_MAX_EVENTS) [[unlikely]]
-    return KLTT_TruncatedTime(rawTime, tick, counter);
+    return KLTT_TruncatedTime(context, rawTime, tick, counter);
   return tick << KLTT_INTERNAL_EVENT_BITS | counter;
 }
 
