@@ -16,7 +16,7 @@ bool KLT_Input::attach(KLT_IoFile* file, const char* base, const char* suffix, u
   suffix_ = suffix;
   const int64_t size = KLT_IoSeek(file, 0, SEEK_END);
   if (size < 0) return false;
-  length_ = static_cast<uint64_t>(size);
+  offset_ = length_ = static_cast<uint64_t>(size);
   return seek(start < length_ ? start : length_);
 }
 
@@ -48,6 +48,10 @@ bool KLT_Input::seek(uint64_t offset) {
     filled_ = pos_ = 0;
     offset_ = 0;
     return inflate_->rewind();
+  }
+  if (offset <= offset_ && offset_ - offset <= filled_) {  // still in the buffer
+    pos_ = filled_ - static_cast<size_t>(offset_ - offset);
+    return true;
   }
   filled_ = pos_ = 0;
   errno = 0;
@@ -92,7 +96,7 @@ bool KLT_Input::refill(size_t bytes) {
     size_t capacity = keep + bytes;
     if (inflate_ != nullptr && capacity > 2 * (filled_ + kBlock)) capacity = 2 * (filled_ + kBlock);
     const uint64_t whole = end() - offset_ + filled_;
-    const size_t block = whole < kBlock ? static_cast<size_t>(whole) : kBlock;
+    const size_t block = whole < block_ ? static_cast<size_t>(whole) : block_;
     if (capacity < block) capacity = block;
     if (capacity > capacity_) {
       PAL_REALLOC(data_, capacity);

@@ -37,6 +37,8 @@ class KLT_Input {
   [[nodiscard]] bool seek(uint64_t offset);
   // Bytes at and behind this offset belong to no request: they aren't read.
   void setLimit(uint64_t offset) { limit_ = offset; }
+  // How much is read at a time; kBlock at first.
+  void setBlock(size_t bytes) { block_ = bytes; }
 
   // Makes `bytes` bytes available at at(). False after a report; the stream ends there.
   [[nodiscard]] bool ensure(size_t bytes) {
@@ -81,5 +83,6 @@ class KLT_Input {
   uint64_t length_ = 0;
   uint64_t limit_ = kNoLimit;
   uint64_t bytesRead_ = 0;
+  size_t block_ = kBlock;
   bool ended_ = false;
 };

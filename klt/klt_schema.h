@@ -90,9 +90,7 @@ struct KLT_Field {
   uint32_t descriptor = 0;     // type code, required and count flags, covered fields of a count
   std::string_view reference;  // definition that the value names; only stored in layouts
 
-  [[nodiscard]] constexpr KLT_Type type() const {
-    return static_cast<KLT_Type>(descriptor & 0xff);
-  }
+  [[nodiscard]] constexpr KLT_Type type() const { return static_cast<KLT_Type>(descriptor & 0xff); }
   [[nodiscard]] constexpr bool required() const { return (descriptor & kKltRequired) != 0; }
   [[nodiscard]] constexpr bool isCount() const { return (descriptor & kKltCount) != 0; }
   [[nodiscard]] constexpr unsigned covered() const { return (descriptor >> 16) & 0xff; }
@@ -464,9 +462,8 @@ constexpr std::string_view until(std::string_view text, char stop) {
 constexpr KLT_Field parseField(std::string_view text) {
   KLT_Field field;
   if (text.front() == '#') {
-    const auto covered = static_cast<uint32_t>(text[1] >= '0' && text[2] == ':'
-                                                   ? text[1] - '0'
-                                                   : (text[1] - '0') * 10 + (text[2] - '0'));
+    const auto covered = static_cast<uint32_t>(
+        text[1] >= '0' && text[2] == ':' ? text[1] - '0' : (text[1] - '0') * 10 + (text[2] - '0'));
     const std::string_view type = text.substr(text.find(':') + 1);
     field.descriptor = kKltCount | covered << 16 | static_cast<uint32_t>(typeNamed(type));
     return field;
@@ -516,10 +513,10 @@ inline constexpr std::array<KLT_Row, kKltRowCount> kKltRows = klt_rows::parseAll
 
 // What the tool prints for the category with this bit number.
 [[nodiscard]] constexpr std::string_view KLT_CategoryName(unsigned bit) {
-  constexpr std::string_view names[] = {"any",        "declarations", "FUNCTIONS", "SCOPES",
-                                        "OPENMP",     "FILEIO",       "COUNTERS",  "MESSAGES",
-                                        "COLLOPS",    "frames",       "thumbnails", "internal",
-                                        "REQUESTS",   "ERRORS",       "???",       "RAW_EVENTS"};
+  constexpr std::string_view names[] = {"any",      "declarations", "FUNCTIONS",  "SCOPES",
+                                        "OPENMP",   "FILEIO",       "COUNTERS",   "MESSAGES",
+                                        "COLLOPS",  "frames",       "thumbnails", "internal",
+                                        "REQUESTS", "ERRORS",       "???",        "RAW_EVENTS"};
   return bit < 16 ? names[bit] : std::string_view("???");
 }
 

@@ -1,0 +1,322 @@
+// Turning records into bytes and back: one set of operations per row, instantiated from the table.
+//
+// On disk a record is its number byte and then its fields in row order, big-endian, each in exactly
+// the bytes of its type. There is no length, padding or end mark. The field "time" of a timed
+// record is a step from the stream's running time. A count is followed by the arrays it covers,
+// whole array after whole array; a string has no terminator.
+//
+//   enter_function 28    1c | 00 05 | 00 00 00 03 | 00 00 00 07      number, step, willy, function
+//
+// Decoding checks the input once for each run of fields whose size is known: for most rows that is
+// once per record.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "klt/klt_input.h"
+#include "klt/klt_record.h"
+#include "klt/klt_schema.h"
+#include "klt/klt_wire.h"
+#include "util/pal_error.h"
+
+enum class KLT_Parse : uint8_t {
+  kRecord,   // a record stands at the buffer's tail, not committed
+  kUnknown,  // a record of a kind this reader doesn't know; only its size and time count
+  kNoData,   // the input ended inside the record, which has been reported
+  kCorrupt,  // reported by whoever asked
+};
+
+namespace klt {
+
+// How a field named "time" moves the running time.
+template <int N>
+[[nodiscard]] inline uint64_t steppedTime(uint64_t time, const uint8_t* field) {
+  if constexpr (N == 1) return time + loadBig32(field);
+  if constexpr (N == 2) return time + loadBig64(field);
+  if constexpr (N == 70) return time - loadBig64(field);
+  return time + loadBig16(field);
+}
+
+// Value of a scalar field as its memory form holds it.
+template <KLT_Type Type>
+[[nodiscard]] inline auto loadScalar(const uint8_t* p) {
+  if constexpr (Type == KLT_Type::kU8 || Type == KLT_Type::kRaw8 || Type == KLT_Type::kChar) {
+    return uint32_t{*p};
+  } else if constexpr (Type == KLT_Type::kU16) {
+    return uint32_t{loadBig16(p)};
+  } else if constexpr (Type == KLT_Type::kRaw32) {
+    return loadNative<uint32_t>(p);
+  } else if constexpr (Type == KLT_Type::kRaw64) {
+    return loadNative<uint64_t>(p);
+  } else if constexpr (KLT_TypeBytes(Type) == 4) {
+    return loadBig32(p);
+  } else {
+    static_assert(KLT_TypeBytes(Type) == 8);
+    return loadBig64(p);
+  }
+}
+
+template <KLT_Type Type>
+inline void loadElements(uint8_t* to, const uint8_t* from, size_t n) {
+  if constexpr (KLT_TypeBytes(Type) == 1 || Type == KLT_Type::kRaw32 || Type == KLT_Type::kRaw64) {
+    if (n != 0) std::memcpy(to, from, n * KLT_TypeBytes(Type));
+    if constexpr (Type == KLT_Type::kChar) to[n] = 0;
+  } else if constexpr (Type == KLT_Type::kU16) {
+    for (size_t i = 0; i < n; ++i) storeNative(to + 4 * i, uint32_t{loadBig16(from + 2 * i)});
+  } else if constexpr (KLT_TypeBytes(Type) == 4) {
+    for (size_t i = 0; i < n; ++i) storeNative(to + 4 * i, loadBig32(from + 4 * i));
+  } else {
+    for (size_t i = 0; i < n; ++i) storeNative(to + 8 * i, loadBig64(from + 8 * i));
+  }
+}
+
+// Warns that a value is cut to its field's width.
+inline void warnNarrowed(uint32_t value, int line) {
+  PAL_Warning("KLT Encoding Error: reducing unsigned 4-byte 0x%x to unsigned 2-byte (%s:%d)", value,
+              "klt_codec.h", line);
+}
+
+template <KLT_Type Type>
+inline void storeScalar(uint8_t* p, const uint8_t* value) {
+  if constexpr (KLT_TypeBytes(Type) == 1) {
+    *p = *value;  // the low byte
+  } else if constexpr (KLT_TypeBytes(Type) == 2) {
+    const auto v = loadNative<uint32_t>(value);
+    if (Type == KLT_Type::kU16 && v > 0xffff) [[unlikely]]
+      warnNarrowed(v, __LINE__);
+    storeBig16(p, static_cast<uint16_t>(v));
+  } else if constexpr (Type == KLT_Type::kRaw32 || Type == KLT_Type::kRaw64) {
+    std::memcpy(p, value, KLT_TypeBytes(Type));
+  } else if constexpr (KLT_TypeBytes(Type) == 4) {
+    storeBig32(p, loadNative<uint32_t>(value));
+  } else {
+    storeBig64(p, loadNative<uint64_t>(value));
+  }
+}
+
+}  // namespace klt
+
+template <int N>
+struct KLT_Codec {
+  using View = KLT_RecordView<N>;
+  static constexpr const KLT_Row& row = kKltRows[N - 1];
+  static constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
+  static constexpr size_t kFields = row.numFields;
+  static constexpr bool kFixedSize = !layout.hasArrays;
+
+  // Disk bytes of the single fields from F on up to the next array.
+  static constexpr size_t runBytes(size_t f) {
+    size_t bytes = 0;
+    for (; f < kFields && !layout.isArray(f); ++f) bytes += KLT_TypeBytes(row.fields[f].type());
+    return bytes;
+  }
+  // Disk bytes of one element of each array that shares the count of array field F.
+  static constexpr size_t groupBytes(size_t f) {
+    size_t bytes = 0;
+    for (size_t i = f; i < kFields && layout.countOf[i] == layout.countOf[f]; ++i) {
+      bytes += KLT_TypeBytes(row.fields[i].type());
+    }
+    return bytes;
+  }
+
+  // Reads the record whose first field is at input.at() to the tail of `out` and adds its step to
+  // `time`. `disk` receives its bytes without the number byte; the input isn't advanced. An untimed
+  // record gets the time unchanged.
+  static KLT_Parse parse(KLT_Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
+    if (!input.ensure(layout.headBytes)) [[unlikely]]
+      return KLT_Parse::kNoData;
+    Cursor c{input, out, input.at(), out.reserve(layout.fixedBytes), 0, layout.fixedBytes};
+    klt::storeNative(c.record + kKltRecordNumberAt, uint32_t{N});
+    if constexpr (row.timed()) {
+      klt::storeNative(c.record + kKltRecordTimeAt, klt::steppedTime<N>(time, c.p));
+    } else {
+      klt::storeNative(c.record + kKltRecordTimeAt, time);
+    }
+    if (!parseFields<0>(c)) [[unlikely]]
+      return KLT_Parse::kNoData;
+    if constexpr (row.timed()) time = KLT_RecordTime(c.record);
+    disk = c.done;
+    return KLT_Parse::kRecord;
+  }
+
+  // Only the size of the record, for one that isn't wanted.
+  static KLT_Parse measure(KLT_Input& input, size_t& disk) {
+    if (!input.ensure(layout.headBytes)) [[unlikely]]
+      return KLT_Parse::kNoData;
+    size_t done = 0;
+    if constexpr (kFixedSize) {
+      done = layout.headBytes;
+    } else if (!measureFields<0>(input, done, 0)) {
+      return KLT_Parse::kNoData;
+    }
+    disk = done;
+    return KLT_Parse::kRecord;
+  }
+
+  // Bytes that encode() writes, number byte included.
+  static size_t encodedBytes(const uint8_t* record) {
+    size_t bytes = 1 + scalarBytes();
+    if constexpr (!kFixedSize) addArrayBytes<0>(record, bytes);
+    return bytes;
+  }
+
+  // Writes the record with `step` as its time step (ignored for an untimed row; for the rows that
+  // only move the time it is the value itself). Values too wide for their field are cut, with a
+  // warning. Returns the bytes written. REQUIRES: encodedBytes(record) bytes at `to`.
+  static size_t encode(const uint8_t* record, uint64_t step, uint8_t* to) {
+    uint8_t* p = to;
+    *p++ = N;
+    encodeFields<0>(record, step, p);
+    return static_cast<size_t>(p - to);
+  }
+
+ private:
+  struct Cursor {
+    KLT_Input& input;
+    KLT_RecordBuffer& out;
+    const uint8_t* p;  // first byte of the record's fields; moves with the input's buffer
+    uint8_t* record;   // moves with the output's buffer
+    size_t done;       // disk bytes read
+    size_t tail;       // memory bytes used
+  };
+
+  static constexpr size_t scalarBytes() {
+    size_t bytes = 0;
+    for (size_t f = 0; f < kFields; ++f) {
+      if (!layout.isArray(f)) bytes += KLT_TypeBytes(row.fields[f].type());
+    }
+    return bytes;
+  }
+
+  static constexpr bool startsGroup(size_t f) {
+    return layout.isArray(f) && layout.countOf[f - 1] != layout.countOf[f];
+  }
+  static constexpr bool startsRun(size_t f) {  // a run behind an array; the head is checked already
+    return f > 0 && !layout.isArray(f) && layout.isArray(f - 1);
+  }
+
+  template <size_t F>
+  static bool parseFields(Cursor& c) {
+    if constexpr (F == kFields) {
+      return true;
+    } else if constexpr (layout.isArray(F)) {
+      constexpr KLT_Type type = row.fields[F].type();
+      const size_t n = View::template count<F>(c.record);
+      if constexpr (startsGroup(F)) {
+        if (!c.input.ensure(c.done + n * groupBytes(F))) [[unlikely]]
+          return false;
+        c.p = c.input.at();
+      }
+      const size_t bytes = View::template arrayBytes<F>(c.record);
+      c.record = c.out.reserve(c.tail + bytes);
+      klt::loadElements<type>(c.record + c.tail, c.p + c.done, n);
+      c.tail += bytes;
+      c.done += n * KLT_TypeBytes(type);
+      return parseFields<F + 1>(c);
+    } else {
+      constexpr KLT_Type type = row.fields[F].type();
+      if constexpr (startsRun(F)) {
+        if (!c.input.ensure(c.done + runBytes(F))) [[unlikely]]
+          return false;
+        c.p = c.input.at();
+      }
+      if constexpr (!(row.timed() && F == 0)) {
+        klt::storeNative(c.record + layout.offset[F], klt::loadScalar<type>(c.p + c.done));
+      }
+      c.done += KLT_TypeBytes(type);
+      return parseFields<F + 1>(c);
+    }
+  }
+
+  template <size_t F>
+  static bool measureFields(KLT_Input& input, size_t& done, size_t n) {
+    if constexpr (F == kFields) {
+      return true;
+    } else if constexpr (layout.isArray(F)) {
+      if constexpr (startsGroup(F)) {
+        if (!input.ensure(done + n * groupBytes(F))) return false;
+        done += n * groupBytes(F);
+      }
+      return measureFields<F + 1>(input, done, n);
+    } else {
+      if constexpr (startsRun(F)) {
+        if (!input.ensure(done + runBytes(F))) return false;
+      }
+      if constexpr (row.fields[F].isCount()) {
+        n = klt::loadScalar<row.fields[F].type()>(input.at() + done);
+      }
+      done += KLT_TypeBytes(row.fields[F].type());
+      return measureFields<F + 1>(input, done, n);
+    }
+  }
+
+  template <size_t F>
+  static void addArrayBytes(const uint8_t* record, size_t& bytes) {
+    if constexpr (F < kFields) {
+      if constexpr (layout.isArray(F)) {
+        bytes += size_t{View::template count<F>(record)} * KLT_TypeBytes(row.fields[F].type());
+      }
+      addArrayBytes<F + 1>(record, bytes);
+    }
+  }
+
+  template <size_t F>
+  static void encodeFields(const uint8_t* record, uint64_t step, uint8_t*& p) {
+    if constexpr (F < kFields) {
+      constexpr KLT_Type type = row.fields[F].type();
+      constexpr size_t width = KLT_TypeBytes(type);
+      if constexpr (layout.isArray(F)) {
+        const size_t n = View::template count<F>(record);
+        const uint8_t* from = record + View::template arrayAt<F>(record);
+        for (size_t i = 0; i < n; ++i, p += width) {
+          klt::storeScalar<type>(p, from + i * KLT_TypeNativeBytes(type));
+        }
+      } else if constexpr (row.timed() && F == 0) {
+        if constexpr (width == 2) klt::storeBig16(p, static_cast<uint16_t>(step));
+        if constexpr (width == 4) klt::storeBig32(p, static_cast<uint32_t>(step));
+        if constexpr (width == 8) klt::storeBig64(p, step);
+        p += width;
+      } else {
+        klt::storeScalar<type>(p, record + layout.offset[F]);
+        p += width;
+      }
+      encodeFields<F + 1>(record, step, p);
+    }
+  }
+};
+
+// Worked sizes, number byte included.
+static_assert(1 + KLT_Codec<28>::layout.headBytes == 11);
+static_assert(1 + KLT_Codec<40>::layout.headBytes == 13);
+static_assert(1 + KLT_Codec<57>::layout.headBytes == 35);
+static_assert(1 + KLT_Codec<22>::layout.headBytes + 2 * KLT_Codec<22>::groupBytes(3) == 28);
+static_assert(1 + KLT_Codec<3>::layout.headBytes + 2 * KLT_Codec<3>::groupBytes(4) == 40);
+static_assert(1 + KLT_Codec<69>::layout.headBytes + 3 == 10);
+
+// Bytes of an encoded record and, where its step needs one, of the time record ahead of it, as the
+// filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.
+[[nodiscard]] inline size_t KLT_TimeRecordBytes(uint64_t outputTime, uint64_t time) {
+  return time - outputTime < 0x10000 ? 0 : 9;
+}
+
+// Writes the time record that is needed between `outputTime` and `time`, none if the step fits a
+// record's own field. Returns its bytes. `step` receives what is left for the record itself.
+// REQUIRES: 9 bytes at `to`.
+[[nodiscard]] inline size_t KLT_EncodeTimeRecord(uint64_t outputTime, uint64_t time, uint64_t& step,
+                                                 uint8_t* to) {
+  step = 0;
+  if (time >= outputTime) {
+    if (time - outputTime < 0x10000) {
+      step = time - outputTime;
+      return 0;
+    }
+    to[0] = 2;
+    klt::storeBig64(to + 1, time - outputTime);
+  } else {
+    to[0] = 70;
+    klt::storeBig64(to + 1, outputTime - time);
+  }
+  return 9;
+}

@@ -1,0 +1,254 @@
+// Telling a consumer what was going on when its request begins, and moving from one request to the
+// next.
+
+#include <algorithm>
+
+#include "klt/klt_codec.h"
+#include "klt/klt_reader.h"
+#include "klt/klt_stream.h"
+
+namespace {
+
+using klt::kAny;
+using klt::kCollops;
+using klt::kCounters;
+using klt::kFunctions;
+using klt::kMessages;
+using klt::kScopes;
+
+// What a history of everything tells.
+constexpr uint32_t kAllHistory = klt::kWholeSelection & ~klt::kDeclarations;
+
+// Samples are told in the order of a table with this many buckets.
+constexpr uint32_t kCounterBuckets = 11;
+
+// Puts together a record of row N at the tail of a buffer: scalars first, then arrays in order.
+template <int N>
+class RecordWriter {
+ public:
+  static constexpr const KLT_Row& row = kKltRows[N - 1];
+  static constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
+
+  RecordWriter(KLT_RecordBuffer& out, uint64_t time) : out_(out), tail_(layout.fixedBytes) {
+    klt::storeNative(out_.reserve(layout.fixedBytes) + kKltRecordNumberAt, uint32_t{N});
+    klt::storeNative(out_.tail() + kKltRecordTimeAt, time);
+  }
+  template <size_t F>
+  void set(uint32_t value) {
+    klt::storeNative(out_.tail() + layout.offset[F], value);
+  }
+  // Makes room for the `n` elements of the next array and returns it.
+  template <class T>
+  [[nodiscard]] T* array(size_t n) {
+    const size_t at = tail_;
+    tail_ += klt::roundUp8(n * sizeof(T));
+    return reinterpret_cast<T*>(out_.reserve(tail_) + at);
+  }
+  [[nodiscard]] size_t bytes() const { return tail_; }
+
+ private:
+  KLT_RecordBuffer& out_;
+  size_t tail_;
+};
+
+// The records of one history, gathered before it is known whether there is room for them.
+struct Gathered {
+  KLT_RecordBuffer records;
+  size_t encoded = 0;
+
+  void add(size_t bytes) {
+    encoded += KLT_EncodedBytes(records.tail());
+    records.commit(bytes);
+  }
+  void add(const std::vector<uint8_t>& record) {
+    std::memcpy(records.reserve(record.size()), record.data(), record.size());
+    add(record.size());
+  }
+};
+
+void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
+  RecordWriter<42> record(out.records, time);
+  const size_t n = state.functions.size();
+  record.set<0>(state.gtp);
+  record.set<1>(static_cast<uint32_t>(n));
+  auto* functions = record.array<uint32_t>(n);
+  for (size_t i = 0; i < n; ++i) functions[i] = state.functions[i].function;
+  auto* scls = record.array<uint32_t>(n);
+  for (size_t i = 0; i < n; ++i) scls[i] = state.functions[i].scl;
+  out.add(record.bytes());
+}
+
+void addScopes(Gathered& out, const KLT_WillyState& state) {
+  for (const KLT_OpenScope& scope : state.scopes) {
+    RecordWriter<30> record(out.records, scope.time);
+    record.set<1>(state.gtp);
+    record.set<2>(scope.scope);
+    record.set<3>(scope.seqnr);
+    out.add(record.bytes());
+  }
+}
+
+void addCounters(Gathered& out, const KLT_WillyState& state) {
+  std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
+  for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
+  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return a->id % kCounterBuckets < b->id % kCounterBuckets;
+  });
+  for (const auto* sample : ordered) {
+    RecordWriter<22> record(out.records, sample->value.time);
+    record.set<1>(state.gtp);
+    record.set<2>(1);
+    *record.array<uint64_t>(1) = sample->value.value;
+    *record.array<uint32_t>(1) = sample->id;
+    out.add(record.bytes());
+  }
+}
+
+void addStored(Gathered& out, const KLT_StoredRecords& stored) {
+  for (const KLT_StoredRecord& record : stored.records()) out.add(record.bytes);
+}
+
+bool tellsCounters(const KLT_StreamRequest& request) {
+  return (request.asked & kCounters) != 0 && (request.asked & (kAny | kMessages | kCollops)) == 0;
+}
+
+void gather(KLT_Stream& s, uint32_t categories, bool brackets, Gathered& out) {
+  const KLT_StreamRequest& request = s.current();
+  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const uint32_t stored = KLT_StoredCategories(s, request.categories);
+  for (const KLT_WillyState* state : s.context.ordered(*s.handle)) {
+    const auto gtp = static_cast<int32_t>(state->gtp);
+    uint32_t mask = 0;
+    if (PAL_TripletsContains(s.addedThreads, gtp)) {
+      mask = stored;
+    } else if (PAL_TripletsContains(request.threads, gtp)) {
+      mask = s.addedCategories;
+    } else {
+      continue;
+    }
+    if ((mask & kFunctions) != 0 && handlers.function_history != nullptr &&
+        !state->functions.empty()) {
+      addFunctions(out, *state, request.start);
+    }
+    if ((mask & kScopes) != 0 && handlers.enter_scope != nullptr) addScopes(out, *state);
+    if ((mask & kCounters) != 0 && handlers.counter_value != nullptr && tellsCounters(request)) {
+      addCounters(out, *state);
+    }
+    if (!brackets) continue;
+    if ((categories & kMessages) != 0) addStored(out, state->messages);
+    if ((categories & kCollops) != 0) addStored(out, state->collectives);
+  }
+}
+
+template <int N>
+void passBracket(KLT_Stream& s, uint64_t time) {
+  const RecordWriter<N> record(s.packed, time);
+  KLT_PassOn(s, record.bytes(), 2, time);
+}
+
+void passGathered(KLT_Stream& s, Gathered& gathered) {
+  for (size_t at = 0; at < gathered.records.used();) {
+    const uint8_t* record = gathered.records.data() + at;
+    const size_t bytes = KLT_RecordBytes(record);
+    std::memcpy(s.packed.reserve(bytes), record, bytes);
+    KLT_PassOn(s, bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
+    at += bytes;
+  }
+}
+
+void markDone(KLT_Stream& s) {
+  s.addedCategories = 0;
+  s.addedThreads.clear();
+  s.historyDone = true;
+  s.keepContext = s.request + 1 < s.requests.size();
+}
+
+// Drops what can't be part of the history at `time`.
+void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
+  for (const auto& state : s.context.states()) {
+    if ((categories & (kAny | kMessages)) != 0) state->messages.prune(time);
+    if ((categories & (kAny | kCollops)) != 0) state->collectives.prune(time);
+  }
+}
+
+// An end_of_filter for what the request selected and the one behind it doesn't.
+void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
+                     const PAL_Triplets& threads) {
+  RecordWriter<26> record(s.packed, time);
+  record.set<1>(categories);
+  record.set<2>(static_cast<uint32_t>(3 * threads.size()));
+  auto* willies = record.array<uint32_t>(3 * threads.size());
+  for (const PAL_Triplet& triplet : threads) {
+    *willies++ = static_cast<uint32_t>(triplet.first);
+    *willies++ = static_cast<uint32_t>(triplet.last);
+    *willies++ = static_cast<uint32_t>(triplet.stride);
+  }
+  KLT_PassOn(s, record.bytes(), KLT_EncodedBytes(s.packed.tail()) - 1, time);
+}
+
+}  // namespace
+
+uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask) {
+  return ((mask & kAny) != 0 ? kAllHistory : mask) & stream.categories;
+}
+
+bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
+  const KLT_StreamRequest& request = s.current();
+  if (request.threads.empty()) {
+    markDone(s);
+    return true;
+  }
+  const uint32_t untold = KLT_StoredCategories(s, request.categories) & ~s.historyClean;
+  pruneContext(s, request.categories, request.start);
+  const uint32_t known = (request.categories & kAny) != 0 ? kAllHistory : request.categories | kAny;
+  const bool brackets = s.reader->handlers.begin_of_history != nullptr &&
+                        s.reader->handlers.end_of_history != nullptr;
+  Gathered gathered;
+  if ((untold != 0 || s.addedCategories != 0 || !s.addedThreads.empty()) && !s.context.empty()) {
+    gather(s, untold, brackets, gathered);
+  }
+  if (gathered.encoded != 0) {
+    constexpr size_t kBracketBytes = 15;
+    constexpr size_t kTimeRecord = 9;
+    const size_t needed =
+        s.packedBytes + gathered.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
+    if (needed > s.packedCapacity && s.serial && !force) {
+      if (s.packedBytes != 0) return false;
+      s.packedCapacity = needed;
+    }
+    if (brackets) passBracket<11>(s, request.start);
+    passGathered(s, gathered);
+    if (brackets) passBracket<27>(s, request.start);
+  }
+  s.historyClean = known;
+  markDone(s);
+  return true;
+}
+
+bool KLT_NextRequest(KLT_Stream& s) {
+  if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);
+  const KLT_StreamRequest& ended = s.current();
+  const size_t next = s.request + 1;
+  uint32_t categories = ended.categories;
+  PAL_Triplets threads = ended.threads;
+  bool dropped = true;
+  if (next < s.requests.size() && s.requests[next].start == ended.end) {
+    const KLT_StreamRequest& following = s.requests[next];
+    categories &= ~following.categories;
+    threads = following.threads.empty() ? PAL_Triplets{}
+                                        : PAL_TripletsSubtract(ended.threads, following.threads);
+    s.historyClean &=
+        (following.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : following.categories;
+    dropped = categories != 0 || !threads.empty();
+  } else {
+    s.historyClean = 0;
+  }
+  if (dropped && s.reader->handlers.end_of_filter != nullptr) {
+    passEndOfFilter(s, ended.end, categories, threads);
+  }
+  if (next == s.requests.size()) {
+    s.request = next;
+    return true;
+  }
+  return KLT_EnterRequest(s, next);
+}

@@ -1,0 +1,212 @@
+// Delivery: running the streams of a reader and calling the handlers, in time order or stream by
+// stream.
+//
+// In time order the stream with the lowest next time is served up to the time of the runner-up,
+// then the runner-up for its records at that time. Of equal times the earlier position in the array
+// of streams wins, and the last stream moves into the place of one that has ended.
+
+#include <algorithm>
+#include <utility>
+
+#include "klt/klt_reader.h"
+
+namespace {
+
+constexpr int kNoStatus = -2;  // go on
+
+enum class Swap : uint8_t { kReady, kFinished, kFailed };
+
+void removeStream(KLT_Reader& reader, size_t index) {
+  KLT_Stream& stream = *reader.streams[index];
+  reader.lostData = reader.lostData || stream.lostData;
+  reader.bytesDone += stream.input.bytesRead();
+  KLT_StreamClose(stream);
+  std::swap(reader.streams[index], reader.streams.back());
+  reader.streams.pop_back();
+}
+
+int afterFailure(KLT_Reader& reader) {
+  return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
+}
+
+// Gets the stream's next records ready once those before are delivered; removes a stream that has
+// none.
+Swap swapIn(KLT_Reader& reader, size_t index) {
+  KLT_Stream& stream = *reader.streams[index];
+  if (!stream.filled) {
+    if (stream.delivered < stream.packed.used()) return Swap::kReady;
+    if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
+  }
+  stream.filled = false;
+  if (stream.status < 0 || stream.packed.empty()) {
+    const bool failed = stream.status < 0;
+    removeStream(reader, index);
+    return failed ? Swap::kFailed : Swap::kFinished;
+  }
+  stream.nextTime = KLT_RecordTime(stream.packed.data());
+  return Swap::kReady;
+}
+
+// Only the outermost history bracket is shown, so that several streams that tell theirs at one
+// moment look like one.
+int deliverRecord(KLT_Reader& reader, KLT_Stream& stream) {
+  constexpr unsigned kBegin = 11;
+  constexpr unsigned kEnd = 27;
+  uint8_t* record = stream.packed.data() + stream.delivered;
+  const unsigned number = KLT_RecordNumber(record);
+  if (number == kBegin && ++reader.historyDepth > 1) [[unlikely]] {
+    stream.delivered += KLT_RecordView<kBegin>::layout.fixedBytes;
+    return 0;
+  }
+  if (number == kEnd && --reader.historyDepth > 0) [[unlikely]] {
+    stream.delivered += KLT_RecordView<kEnd>::layout.fixedBytes;
+    return 0;
+  }
+  size_t bytes = 0;
+  const int result = KLT_Deliver(stream, record, bytes);
+  stream.delivered += bytes;
+  return result;
+}
+
+struct Served {
+  int status = kNoStatus;
+  bool removed = false;
+};
+
+// Removes a stream from the array and from the tournament.
+void leaveOrder(KLT_Reader& reader, size_t index) {
+  // The stream is gone from the array already: its place holds what was the last one.
+  if (index < reader.streams.size()) {
+    reader.order.update(index, reader.streams[index]->nextTime);
+  }
+  reader.order.removeLast();
+}
+
+// Delivers the stream's records up to the time `limit`.
+Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
+  KLT_Stream& stream = *reader.streams[index];
+  for (;;) {
+    const int result = deliverRecord(reader, stream);
+    const bool more = stream.delivered < stream.packed.used();
+    if (more) stream.nextTime = KLT_RecordTime(stream.packed.data() + stream.delivered);
+    if (result != 0) [[unlikely]]
+      return {KLT_STATUS_HANDLER, false};
+    if (!more) {
+      const Swap swap = swapIn(reader, index);
+      if (swap != Swap::kReady) {
+        leaveOrder(reader, index);
+        return {swap == Swap::kFailed ? afterFailure(reader) : kNoStatus, true};
+      }
+    }
+    if (reader.limit.limited()) [[unlikely]] {
+      if (++reader.deliveredRecords % KLT_TimeLimit::kRecordsPerCheck == 0 || !more) {
+        if (reader.limit.reached()) return {KLT_STATUS_TIME, false};
+      }
+    }
+    if (stream.nextTime > limit) break;
+  }
+  reader.order.update(index, stream.nextTime);
+  return {};
+}
+
+// Gets every stream ready. Returns a status, or kNoStatus.
+int prepare(KLT_Reader& reader) {
+  for (size_t i = 0; i < reader.streams.size();) {
+    switch (swapIn(reader, i)) {
+      case Swap::kReady:
+        ++i;
+        break;
+      case Swap::kFinished:
+        break;
+      case Swap::kFailed:
+        return afterFailure(reader);
+    }
+    if (reader.limit.reached()) return KLT_STATUS_TIME;
+  }
+  return kNoStatus;
+}
+
+int readInOrder(KLT_Reader& reader) {
+  const int prepared = prepare(reader);
+  if (prepared != kNoStatus) return prepared;
+  std::vector<uint64_t> times;
+  times.reserve(reader.streams.size());
+  for (const auto& stream : reader.streams) times.push_back(stream->nextTime);
+  reader.order.build(times);
+  while (!reader.streams.empty()) {
+    const size_t best = reader.order.best();
+    const size_t second = reader.order.second(best);
+    const uint64_t limit =
+        second == KLT_MergeTree::kNone ? ~uint64_t{0} : reader.order.time(second);
+    Served served = serve(reader, best, limit);
+    if (served.status == kNoStatus && !served.removed && second != KLT_MergeTree::kNone) {
+      served = serve(reader, second, limit);
+    }
+    if (served.status != kNoStatus) return served.status;
+  }
+  return KLT_STATUS_FINISHED;
+}
+
+// Streams take turns; the first turn of each is short.
+int readInTurns(KLT_Reader& reader) {
+  int status = KLT_STATUS_TIME;
+  for (reader.turn = 0; reader.turn < reader.streams.size();) {
+    KLT_Stream& stream = *reader.streams[reader.turn];
+    stream.turnRecords = 0;
+    const KLT_Fill fill = stream.status < 0 ? KLT_Fill::kFailed : KLT_FillStream(stream);
+    switch (fill) {
+      case KLT_Fill::kTurnOver:
+        ++reader.turn;
+        break;
+      case KLT_Fill::kStopped:
+        stream.stopped = false;
+        return KLT_STATUS_HANDLER;
+      case KLT_Fill::kFailed:
+        removeStream(reader, reader.turn);
+        status = KLT_STATUS_CORRUPTED;
+        break;
+      case KLT_Fill::kFilled:
+        if (stream.finished()) removeStream(reader, reader.turn);
+        break;
+    }
+    if (status == KLT_STATUS_CORRUPTED) return status;
+  }
+  reader.firstRound = false;
+  return reader.streams.empty() ? KLT_STATUS_FINISHED : status;
+}
+
+}  // namespace
+
+bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
+  if (stream.turnRecords < KLT_TimeLimit::kRecordsPerCheck) return false;
+  if (firstRound) return true;
+  stream.turnRecords = 0;
+  return limit.reached();
+}
+
+int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
+  reader->limit.start(timeoutMs);
+  reader->status = reader->serial ? readInOrder(*reader) : readInTurns(*reader);
+  return reader->status;
+}
+
+int KLT_ReaderStatus(const KLT_Reader* reader) { return reader->status; }
+
+double KLT_Progress(const KLT_Reader* reader) {
+  if (reader->status == KLT_STATUS_FINISHED) return 1.0;
+  if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
+  uint64_t read = reader->bytesDone;
+  for (const auto& stream : reader->streams) {
+    read += stream->input.bytesRead();
+    // What lies packed isn't delivered yet.
+    const uint64_t waiting = stream->packed.used() - stream->delivered;
+    read -= std::min(read, std::min<uint64_t>(waiting, stream->packedBytes));
+  }
+  return std::min(1.0, static_cast<double>(read) / static_cast<double>(reader->bytesTotal));
+}
+
+bool KLT_ReaderLostData(const KLT_Reader* reader) {
+  return reader->lostData || reader->file->lostData ||
+         std::any_of(reader->streams.begin(), reader->streams.end(),
+                     [](const auto& stream) { return stream->lostData; });
+}

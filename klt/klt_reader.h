@@ -1,0 +1,70 @@
+// One traversal of a part of a trace: the streams of the components that can hold something wanted.
+//
+// Internal to the reading modules; callers see klt.h. Owns its streams, its copy of the handlers
+// and the order in which streams are served.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <unordered_set>
+#include <vector>
+
+#include "klt/klt.h"
+#include "klt/klt_merge_tree.h"
+#include "klt/klt_stream.h"
+
+// The limit of one call, checked every few records.
+class KLT_TimeLimit {
+ public:
+  static constexpr uint32_t kRecordsPerCheck = 5;
+
+  void start(int timeoutMs) {
+    limited_ = timeoutMs >= 0;
+    if (limited_) begin_ = Clock::now();
+    limit_ = std::chrono::milliseconds(timeoutMs);
+  }
+  [[nodiscard]] bool reached() const { return limited_ && Clock::now() - begin_ >= limit_; }
+  [[nodiscard]] bool limited() const { return limited_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool limited_ = false;
+  Clock::time_point begin_;
+  std::chrono::milliseconds limit_{0};
+};
+
+struct KLT_Reader {
+  KLT_FileHandle* file = nullptr;
+  int mode = KLT_MODE_DEFINITIONS;
+  bool serial = true;
+  KLT_HandlerTable handlers;
+  std::vector<KLT_Request> requests;                 // normalised
+  std::vector<std::unique_ptr<KLT_Stream>> streams;  // in the order in which ties are decided
+  int status = KLT_STATUS_BUILT;
+  int historyDepth = 0;  // open history brackets, of which one is shown
+  bool lostData = false;
+  std::unordered_set<uint32_t> reportedCommunicators;
+
+  // Delivery in time order.
+  KLT_MergeTree order;  // leaf i: next time of stream i
+  KLT_TimeLimit limit;
+  uint64_t deliveredRecords = 0;
+
+  // Delivery without time order.
+  size_t turn = 0;  // the stream whose turn it is
+  bool firstRound = true;
+
+  // Progress: bytes read of streams that are gone, and all bytes there are.
+  uint64_t bytesDone = 0;
+  uint64_t bytesTotal = 0;
+
+  // Scratch for arrays of texts, one vector for each array of a record.
+  std::vector<std::vector<const char*>> texts;
+
+  [[nodiscard]] bool turnIsOver(KLT_Stream& stream);
+};
+
+// Opens the index and reads its header; part of building a reader of mode 4. False after a report.
+[[nodiscard]] bool KLT_OpenIndexStream(KLT_Reader& reader, KLT_Stream& stream);
