@@ -244,7 +244,9 @@ bool KLT_NextRequest(KLT_Stream& s) {
     s.historyClean = 0;
   }
   if (dropped && s.reader->handlers.end_of_filter != nullptr) {
-    passEndOfFilter(s, ended.end, categories, threads);
+    // Without time order this may come ahead of other streams' records: it must close nothing that
+    // isn't this stream's, such as calls where it holds comments only.
+    passEndOfFilter(s, ended.end, s.serial ? categories : categories & s.categories, threads);
   }
   if (next == s.requests.size()) {
     s.request = next;
