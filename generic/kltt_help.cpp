@@ -191,7 +191,8 @@ Supported Directives
 --matched-rkf (off)
   Writes a communication as one line of text, ONETOONE for a message and COLLOP
   for a collective operation, instead of a line for each side or member. Binary
-  output is always matched.
+  output is always matched, and so is text under a name that neither ends in
+  .ark nor is "-", unless --logfile-format ASCII is given.
 
 --verbose [on|off|<level>] (on)
   How much is said on standard error: 0 or off nothing but warnings and errors,

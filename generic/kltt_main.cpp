@@ -42,7 +42,7 @@ void occupyStandardDescriptors() {
 // How the readers deliver: nonzero merges all streams by time.
 int32_t deliveryOrder() {
   const char* text = std::getenv("KLTT_SERIAL");
-  return text == nullptr ? 1 : static_cast<int32_t>(std::atol(text));
+  return text == nullptr ? 1 : static_cast<int32_t>(std::strtol(text, nullptr, 10));
 }
 
 // A progress display or a listing that nobody reads any more must not cut the output short.
