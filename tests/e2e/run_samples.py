@@ -1,0 +1,262 @@
+#!/usr/bin/env python3
+"""Runs klttool on folders of sample traces and compares what comes out, byte for byte.
+
+  run_samples.py --program build/release/klttool                       all of tests/data
+  run_samples.py --program P --samples DIR --mode dump --mode files    some checks of another directory
+  run_samples.py --program P --only stencil --only ring                some folders
+
+Each check has a mode; a folder takes part in a mode if it holds what the mode compares with. What the
+files of a folder mean is told in tests/data/README.md.
+"""
+
+import argparse
+import difflib
+import hashlib
+import itertools
+import json
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+
+TIMEOUT = 120
+INPUT = "t.klt"
+
+
+class Failure(Exception):
+    """A check that failed, with what was wrong as its text."""
+
+
+class Folder:
+    """One sample trace and what is expected of it."""
+
+    def __init__(self, path):
+        self.path = path
+        same = path / "same_as"
+        self.places = [path]
+        if same.exists():
+            self.places.append(path.parent / same.read_text().strip())
+
+    def expected(self, what):
+        """The file expected.`what`, or None."""
+        for place in self.places:
+            file = place / f"expected.{what}"
+            if file.exists():
+                return file
+        return None
+
+    def requests(self):
+        """Pairs of options and file with the expected output."""
+        file = self.path / "requests.txt"
+        if not file.exists():
+            return
+        for line in file.read_text().splitlines():
+            number, *options = shlex.split(line)
+            yield options, self.path / f"expected.request.{number}"
+
+    def copy(self, directory, without=()):
+        """Copies the trace alone; leaves out names that end with one of `without`."""
+        for file in self.path.iterdir():
+            if file.name.startswith(INPUT) and not file.name.endswith(tuple(without) or "\0"):
+                shutil.copy(file, directory)
+
+
+class Program:
+    """The program under test, run with a clean environment."""
+
+    def __init__(self, path):
+        self.path = str(pathlib.Path(path).resolve())
+
+    def run(self, directory, *options, **environment):
+        clean = {k: v for k, v in os.environ.items() if not k.startswith(("RK_", "KLT", "PAL_"))}
+        try:
+            return subprocess.run([self.path, *options], cwd=directory, env=clean | environment,
+                                  stdin=subprocess.DEVNULL, capture_output=True, timeout=TIMEOUT,
+                                  check=False)
+        except subprocess.TimeoutExpired:
+            raise Failure(f"{show(options, environment)}: no end after {TIMEOUT} s") from None
+
+    def output(self, directory, *options, **environment):
+        """Standard output of a run that must succeed in silence."""
+        done = self.run(directory, *options, **environment)
+        if done.returncode != 0 or done.stderr:
+            raise Failure(f"{show(options, environment)}: status {done.returncode}, "
+                          f"standard error:\n{text(done.stderr)}")
+        return done.stdout
+
+
+def show(options, environment):
+    return shlex.join([f"{k}={v}" for k, v in environment.items()] + ["klttool", *options])
+
+
+def text(data):
+    return data.decode("utf-8", "backslashreplace")
+
+
+def compare(what, expected, actual):
+    """Fails with the first lines that differ."""
+    if expected == actual:
+        return
+    want, got = text(expected).splitlines(True), text(actual).splitlines(True)
+    lines = difflib.unified_diff(want, got, "expected", "actual", n=2) if max(
+        len(want), len(got)) < 5000 else first_difference(want, got)
+    shown = "".join(line if line.endswith("\n") else line + "\n"
+                    for line in itertools.islice(lines, 30))
+    raise Failure(f"{what}: output differs\n{shown}")
+
+
+def first_difference(want, got):
+    at = next((i for i, (a, b) in enumerate(zip(want, got)) if a != b), min(len(want), len(got)))
+    yield f"line {at + 1}\n"
+    yield from ("-" + line for line in want[at:at + 3])
+    yield from ("+" + line for line in got[at:at + 3])
+
+
+GENERIC = ({"KLT_GENERIC_ONLY": "0"}, {"KLT_GENERIC_ONLY": "1"})
+DUMPS = {"dump": [], "matched": ["--matched-rkf"], "noext": ["--extended-rkf", "off"]}
+
+
+def check_output(what, options, environments=GENERIC, shape=lambda output: output):
+    """A mode that compares one run with expected.`what`."""
+
+    def check(program, folder):
+        expected = folder.expected(what)
+        for environment in environments:
+            output = program.output(folder.path, INPUT, *options, **environment)
+            compare(show([INPUT, *options], environment), expected.read_bytes(), shape(output))
+
+    return (lambda folder: folder.expected(what) is not None), check
+
+
+def sorted_lines(output):
+    return b"".join(sorted(output.splitlines(True)))
+
+
+def check_unordered(program, folder):
+    """Stream by stream there are as many lines as in time order."""
+    for what, options in DUMPS.items():
+        expected = folder.expected(what)
+        if expected is None:
+            continue
+        output = program.output(folder.path, INPUT, "--dump", *options, KLTT_SERIAL="0")
+        want, got = (data.count(b"\n") for data in (expected.read_bytes(), output))
+        if want != got:
+            raise Failure(f"KLTT_SERIAL=0, {what}: {got} lines, expected {want}")
+
+
+def check_requests(program, folder, directory=None):
+    for environment in GENERIC:
+        for options, expected in folder.requests():
+            output = program.output(directory or folder.path, INPUT, *options, **environment)
+            compare(show([INPUT, *options], environment), expected.read_bytes(), output)
+
+
+def check_requests_without_anchors(program, folder):
+    """Anchors make a window cheap and change nothing else."""
+    with tempfile.TemporaryDirectory() as directory:
+        folder.copy(directory, without=[".anc"])
+        check_requests(program, folder, directory)
+
+
+def check_checksum(program, folder):
+    expected = folder.expected("dump.sha256").read_text().split()[0]
+    output = program.output(folder.path, INPUT, "--dump")
+    actual = hashlib.sha256(output).hexdigest()
+    if actual != expected:
+        raise Failure(f"checksum {actual}, expected {expected}; {len(output.splitlines())} lines")
+
+
+def check_broken(program, folder):
+    """Status, standard error and standard output of a damaged trace as expected.json says."""
+    expected = json.loads(folder.expected("json").read_text())
+    done = program.run(folder.path, INPUT, "--dump")
+    errors = text(done.stderr)
+    if "status" in expected and done.returncode != expected["status"]:
+        raise Failure(f"status {done.returncode}, expected {expected['status']}:\n{errors}")
+    if done.returncode < 0 or "status" not in expected and done.returncode not in (0, 1, 2, 3):
+        raise Failure(f"status {done.returncode}:\n{errors}")
+    if "stderr" in expected:
+        compare("standard error", "".join(f"{line}\n" for line in expected["stderr"]).encode(),
+                done.stderr)
+    for part in expected.get("stderr_contains", []):
+        if part not in errors:
+            raise Failure(f"standard error lacks \"{part}\":\n{errors}")
+    if "stdout" in expected:
+        other = expected["stdout"].removeprefix("same as ")
+        compare("standard output", (folder.path / other).read_bytes(), done.stdout)
+
+
+def check_summary(program, folder):
+    """The five summary files."""
+    with tempfile.TemporaryDirectory() as directory:
+        folder.copy(directory)
+        program.output(directory, INPUT, "--sumdata", "x.klt", "--logfile-format", "KLT")
+        for kind in ("fnc", "cop", "msg", "cnt", "rep"):
+            made = list(pathlib.Path(directory).glob(f"*.sum.{kind}"))
+            if len(made) != 1:
+                raise Failure(f"no file .sum.{kind}")
+            if made[0].read_bytes() != folder.expected(f"sum.{kind}").read_bytes():
+                raise Failure(f"{made[0].name} differs")
+
+
+MODES = {
+    **{what: check_output(what, ["--dump", *options]) for what, options in DUMPS.items()},
+    "unordered": (lambda folder: folder.expected("dump") is not None, check_unordered),
+    "requests": (lambda folder: any(folder.requests()), check_requests),
+    "requests-without-anchors": (lambda folder: any(folder.requests()),
+                                 check_requests_without_anchors),
+    "checksum": (lambda folder: folder.expected("dump.sha256") is not None, check_checksum),
+    "broken": (lambda folder: folder.expected("json") is not None, check_broken),
+    "files": check_output("files", ["--print-files"], [{}], sorted_lines),
+    "threads": check_output("threads", ["--print-threads"]),
+    "statistics": check_output("statistics", ["--print-statistics"]),
+    "reports": check_output("reports", ["--print-reports"]),
+    "summary": (lambda folder: folder.expected("sum.fnc") is not None, check_summary),
+}
+
+
+def folders_of(samples, only):
+    for path in sorted(samples.iterdir()):
+        if (path / INPUT).exists() and (not only or path.name in only):
+            yield Folder(path)
+
+
+def main():
+    default = pathlib.Path(__file__).resolve().parent.parent / "data"
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--program", help="the klttool to run")
+    parser.add_argument("--samples", type=pathlib.Path, default=default, help="directory of folders")
+    parser.add_argument("--only", action="append", metavar="FOLDER", help="folders, all if not given")
+    parser.add_argument("--mode", action="append", choices=MODES, help="modes, all if not given")
+    parser.add_argument("--list", action="store_true", help="print folders and modes, run nothing")
+    arguments = parser.parse_args()
+
+    ran = failed = 0
+    for folder in folders_of(arguments.samples, arguments.only):
+        for mode in arguments.mode or MODES:
+            applies, check = MODES[mode]
+            if not applies(folder):
+                continue
+            if arguments.list:
+                print(folder.path.name, mode)
+                continue
+            if not arguments.program:
+                parser.error("--program is missing")
+            ran += 1
+            try:
+                check(Program(arguments.program), folder)
+            except Failure as failure:
+                failed += 1
+                print(f"{folder.path.name}, {mode}: {failure}\n")
+    if arguments.list:
+        return 0
+    print(f"{ran - failed} of {ran} checks passed")
+    return 1 if failed or not ran else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
