@@ -52,8 +52,8 @@ int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& 
 
 int writeFront(KLTT_Context& context) {
   if (RK_Output* text = KLTT_Text(context)) {
-    const KLTT_Queue& pending = context.pending;
-    if (writeNode(context, text, pending.front(), pending.nextTime()) != 0) return 1;
+    const uint64_t time = context.pending.nextTime();
+    if (writeNode(context, text, context.pending.front(), time) != 0) return 1;
   }
   context.pending.pop();
   return 0;

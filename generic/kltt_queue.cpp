@@ -1,19 +1,8 @@
-// The `pending` queue: sorted runs, and a heap for the rest. See kltt_queue.h.
+// The `pending` queue: a radix queue over a pool of nodes. See kltt_queue.h.
 #include "generic/kltt_queue.h"
 
 #include <algorithm>
-
-void KLTT_Queue::Run::append(const Key& key) {
-  if (count_ == ring_.size()) {
-    std::vector<Key> larger(std::max<size_t>(64, ring_.size() * 2));
-    for (size_t i = 0; i < count_; ++i) larger[i] = ring_[(head_ + i) & (ring_.size() - 1)];
-    ring_.swap(larger);
-    head_ = 0;
-  }
-  ring_[(head_ + count_) & (ring_.size() - 1)] = key;
-  ++count_;
-  lastTime_ = key.time;
-}
+#include <bit>
 
 uint32_t KLTT_Queue::newNode() {
   if (!freeNodes_.empty()) {
@@ -25,81 +14,116 @@ uint32_t KLTT_Queue::newNode() {
   return static_cast<uint32_t>(nodes_.size() - 1);
 }
 
-// The run whose end is closest below the new node, so that the others stay open for earlier ones.
-void KLTT_Queue::sortIn(const Key& key) {
-  size_t best = kHeap;
-  uint64_t bestTime = 0;
-  for (size_t i = 0; i < kRuns; ++i) {
-    const uint64_t last = runs_[i].lastTime();
-    if (last <= key.time && (best == kHeap || last > bestTime)) {
-      best = i;
-      bestTime = last;
-    }
+// REQUIRES: key.time >= now_.
+inline void KLTT_Queue::place(const Key& key) {
+  const uint64_t difference = key.time ^ now_;
+  if (difference == 0) {
+    due_.push_back(key);
+    return;
   }
-  if (best != kHeap) {
-    runs_[best].append(key);
-  } else {
-    heap_.push_back(key);
-    std::push_heap(heap_.begin(), heap_.end(),
-                   [](const Key& a, const Key& b) { return before(b, a); });
-  }
-  if (before(key, fronts_[best])) fronts_[best] = key;
-  if (before(key, next_)) {
-    next_ = key;
-    nextSource_ = best;
-  }
-  ++count_;
+  const int level = (63 - std::countl_zero(difference)) / kDigitBits;
+  const uint64_t digit = key.time >> (level * kDigitBits) & 63;
+  const size_t position = static_cast<size_t>(level);
+  Bucket& bucket = buckets_[position][digit];
+  bucket.leastTime = std::min(bucket.leastTime, key.time);
+  bucket.lastTime = std::max(bucket.lastTime, key.time);
+  bucket.keys.push_back(key);
+  usedDigits_[position] |= uint64_t{1} << digit;
+  usedLevels_ |= uint32_t{1} << level;
+}
+
+// REQUIRES: a bucket holds keys.
+inline KLTT_Queue::Bucket& KLTT_Queue::lowestBucket() {
+  const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
+  return buckets_[level][static_cast<size_t>(std::countr_zero(usedDigits_[level]))];
 }
 
 KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
-  const Key key{.time = time, .sequence = sequence_++, .node = newNode()};
-  sortIn(key);
-  return nodes_[key.node];
+  const uint32_t node = newNode();
+  if (time < now_) [[unlikely]] {
+    if (count_ == 0) {
+      now_ = 0;
+    } else {
+      late_.push_back(LateKey{.time = time, .arrival = arrivals_++, .node = node});
+      std::push_heap(late_.begin(), late_.end());
+    }
+  }
+  if (time >= now_) place(Key{.time = time, .node = node});
+  nextTime_ = std::min(nextTime_, time);
+  ++count_;
+  return nodes_[node];
 }
 
 void KLTT_Queue::addComment(uint64_t time, std::string_view text) {
-  uint32_t place = 0;
+  uint32_t number = 0;
   if (freeTexts_.empty()) {
-    place = static_cast<uint32_t>(texts_.size());
+    number = static_cast<uint32_t>(texts_.size());
     texts_.emplace_back(text);
   } else {
-    place = freeTexts_.back();
+    number = freeTexts_.back();
     freeTexts_.pop_back();
-    texts_[place] = text;
+    texts_[number] = text;
   }
   KLTT_Delayed& node = add(time);
   node.kind = KLTT_DelayedKind::kComment;
   node.gtp = 0;
-  node.text = place;
+  node.text = number;
 }
 
-void KLTT_Queue::refreshFront(size_t source) {
-  if (source == kHeap) {
-    fronts_[kHeap] = heap_.empty() ? kNoKey : heap_.front();
+// Moves `now_` on to the first key there is. REQUIRES: due_ is used up, a bucket holds keys.
+void KLTT_Queue::spreadLowestBucket() {
+  constexpr size_t kKeptKeys = 1024;  // a large bucket gives its memory back
+  due_.clear();
+  dueFirst_ = 0;
+  const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
+  Bucket& bucket = lowestBucket();
+  usedDigits_[level] &= usedDigits_[level] - 1;
+  if (usedDigits_[level] == 0) usedLevels_ &= usedLevels_ - 1;
+  now_ = bucket.leastTime;
+  if (bucket.lastTime == now_) {
+    due_.swap(bucket.keys);
   } else {
-    fronts_[source] = runs_[source].empty() ? kNoKey : runs_[source].front();
+    for (const Key& key : bucket.keys) place(key);
+    bucket.keys.clear();
+  }
+  bucket.leastTime = kNever;
+  bucket.lastTime = 0;
+  if (bucket.keys.capacity() > kKeptKeys) std::vector<Key>().swap(bucket.keys);
+}
+
+uint32_t KLTT_Queue::frontNode() {
+  if (!late_.empty()) [[unlikely]]
+    return late_.front().node;
+  if (dueFirst_ == due_.size()) spreadLowestBucket();
+  return due_[dueFirst_].node;
+}
+
+void KLTT_Queue::findNextTime() {
+  if (!late_.empty()) {
+    nextTime_ = late_.front().time;
+  } else if (dueFirst_ != due_.size()) {
+    nextTime_ = now_;
+  } else if (usedLevels_ != 0) {
+    nextTime_ = lowestBucket().leastTime;
+  } else {
+    nextTime_ = kNever;
   }
 }
 
 void KLTT_Queue::pop() {
-  const KLTT_Delayed& node = nodes_[next_.node];
-  if (node.kind == KLTT_DelayedKind::kComment) {
+  const uint32_t first = frontNode();
+  const KLTT_Delayed& node = nodes_[first];
+  if (node.kind == KLTT_DelayedKind::kComment) [[unlikely]] {
     std::string().swap(texts_[node.text]);
     freeTexts_.push_back(node.text);
   }
-  freeNodes_.push_back(next_.node);
-  if (nextSource_ == kHeap) {
-    std::pop_heap(heap_.begin(), heap_.end(),
-                  [](const Key& a, const Key& b) { return before(b, a); });
-    heap_.pop_back();
+  freeNodes_.push_back(first);
+  if (late_.empty()) [[likely]] {
+    ++dueFirst_;
   } else {
-    runs_[nextSource_].removeFront();
+    std::pop_heap(late_.begin(), late_.end());
+    late_.pop_back();
   }
   --count_;
-  refreshFront(nextSource_);
-  nextSource_ = 0;
-  for (size_t i = 1; i < fronts_.size(); ++i) {
-    if (before(fronts_[i], fronts_[nextSource_])) nextSource_ = i;
-  }
-  next_ = fronts_[nextSource_];
+  findNextTime();
 }

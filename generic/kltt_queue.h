@@ -5,9 +5,12 @@
 // by time, and among equal times in the order in which they came. It owns the nodes, in a pool, and
 // the texts of comments. kltt_events fills it and writes what comes out.
 //
-// Most nodes come in an order that is nearly theirs: sends at the current time, receives after
-// much the same delay. So a node is appended to one of a few sorted runs if it fits behind the last
-// one there, at constant cost, and only what fits nowhere goes to a binary heap.
+// What comes out goes back in time by exception only, and that makes a radix queue fit: times are
+// numbers of 6-bit digits, and a node lies in the bucket of the highest digit in which its time
+// differs from the time last handed out. When that time moves on, the lowest bucket in use is
+// spread over those below it, and no other node changes its bucket. So a node moves once per digit
+// of its delay at most, in sequential memory, and nodes of one time stay in order of arrival by
+// themselves.
 #pragma once
 
 #include <array>
@@ -53,7 +56,7 @@ class KLTT_Queue {
   static constexpr uint64_t kNever = ~uint64_t{0};
 
   // Time of the first node; kNever if there is none. A node may have that time, too.
-  [[nodiscard]] uint64_t nextTime() const { return next_.time; }
+  [[nodiscard]] uint64_t nextTime() const { return nextTime_; }
   [[nodiscard]] bool empty() const { return count_ == 0; }
   [[nodiscard]] size_t size() const { return count_; }
 
@@ -63,7 +66,7 @@ class KLTT_Queue {
   void addComment(uint64_t time, std::string_view text);
 
   // The first node. REQUIRES: not empty.
-  [[nodiscard]] const KLTT_Delayed& front() const { return nodes_[next_.node]; }
+  [[nodiscard]] const KLTT_Delayed& front() { return nodes_[frontNode()]; }
   [[nodiscard]] const std::string& text(const KLTT_Delayed& comment) const {
     return texts_[comment.text];
   }
@@ -73,50 +76,44 @@ class KLTT_Queue {
  private:
   struct Key {
     uint64_t time;
-    uint64_t sequence;  // order of arrival
     uint32_t node;
   };
-  static bool before(const Key& a, const Key& b) {
-    return a.time != b.time ? a.time < b.time : a.sequence < b.sequence;
-  }
-  static constexpr Key kNoKey{.time = kNever, .sequence = ~uint64_t{0}, .node = 0};
-
-  // A sorted sequence that grows at one end and is used up at the other: a ring.
-  class Run {
-   public:
-    [[nodiscard]] bool empty() const { return count_ == 0; }
-    [[nodiscard]] const Key& front() const { return ring_[head_]; }
-    // Time of the last node, or of the last one there was; 0 at first.
-    [[nodiscard]] uint64_t lastTime() const { return lastTime_; }
-    void append(const Key& key);
-    void removeFront() {
-      head_ = (head_ + 1) & (ring_.size() - 1);
-      if (--count_ == 0) lastTime_ = 0;
+  // A node from before `now_`.
+  struct LateKey {
+    uint64_t time;
+    uint64_t arrival;
+    uint32_t node;
+    friend bool operator<(const LateKey& a, const LateKey& b) {  // for a heap: the later one
+      return a.time != b.time ? a.time > b.time : a.arrival > b.arrival;
     }
-
-   private:
-    std::vector<Key> ring_;  // a power of two
-    size_t head_ = 0;
-    size_t count_ = 0;
-    uint64_t lastTime_ = 0;
   };
-
-  // Four runs hold the sends and the receives of three typical delays; more cost more in pop() than
-  // they save in the heap.
-  static constexpr size_t kRuns = 4;
-  static constexpr size_t kHeap = kRuns;
+  struct Bucket {
+    uint64_t leastTime = kNever;
+    uint64_t lastTime = 0;
+    std::vector<Key> keys;
+  };
+  static constexpr int kDigitBits = 6;
+  static constexpr size_t kLevels = 11;  // digits of 64 bits
 
   uint32_t newNode();
-  void sortIn(const Key& key);
-  void refreshFront(size_t source);
+  Bucket& lowestBucket();
+  void place(const Key& key);
+  uint32_t frontNode();
+  void spreadLowestBucket();
+  void findNextTime();
 
-  std::array<Run, kRuns> runs_;
-  std::vector<Key> heap_;
-  std::array<Key, kRuns + 1> fronts_ = {kNoKey, kNoKey, kNoKey, kNoKey, kNoKey};
-  Key next_ = kNoKey;      // the least of fronts_
-  size_t nextSource_ = 0;  // where it stands
-  uint64_t sequence_ = 0;
+  uint64_t nextTime_ = kNever;
   size_t count_ = 0;
+
+  uint64_t now_ = 0;      // time last handed out; no bucket holds an earlier one
+  std::vector<Key> due_;  // keys at `now_`, used up from `dueFirst_` on
+  size_t dueFirst_ = 0;
+  std::array<std::array<Bucket, 64>, kLevels> buckets_;  // by the digit's position and value
+  std::array<uint64_t, kLevels> usedDigits_ = {};        // one bit per bucket that holds keys
+  uint32_t usedLevels_ = 0;                              // one bit per position with such a bucket
+  std::vector<LateKey> late_;                            // a heap; all of it comes before `now_`
+  uint64_t arrivals_ = 0;
+
   std::vector<KLTT_Delayed> nodes_;
   std::vector<uint32_t> freeNodes_;
   std::vector<std::string> texts_;

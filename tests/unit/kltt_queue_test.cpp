@@ -14,16 +14,17 @@ struct Expected {
   uint32_t id;
 };
 
-// Adds nodes and takes out what is due in turns, beside a list that is sorted anew each time.
-void compareWithModel(uint32_t seed, uint32_t spread, bool nearlySorted) {
-  std::mt19937 random(seed);
+// Adds nodes and takes out what is due in turns, beside a list that is sorted anew each time. Nodes
+// come at up to `ahead` behind the current time, or at up to `back` before it.
+void compareWithModel(uint32_t seed, uint64_t ahead, uint64_t back, uint64_t scale) {
+  std::mt19937_64 random(seed);
   KLTT_Queue queue;
   std::vector<Expected> model;
-  uint64_t now = 0;
+  uint64_t now = back;
   uint32_t id = 0;
   for (int step = 0; step < 3000; ++step) {
-    for (uint32_t k = random() % 4; k > 0; --k) {
-      const uint64_t time = now + (nearlySorted ? spread + random() % 3 : random() % spread);
+    for (uint64_t k = random() % 4; k > 0; --k) {
+      const uint64_t time = (now + random() % ahead - random() % (back + 1)) * scale;
       KLTT_Delayed& node = queue.add(time);
       node.kind = KLTT_DelayedKind::kSendMsg;
       node.gtp = id;
@@ -33,7 +34,7 @@ void compareWithModel(uint32_t seed, uint32_t spread, bool nearlySorted) {
                      [](const Expected& a, const Expected& b) { return a.time < b.time; });
     now += random() % 3;
     size_t due = 0;
-    while (due < model.size() && model[due].time < now) {
+    while (due < model.size() && model[due].time < now * scale) {
       ASSERT_EQ(queue.nextTime(), model[due].time);
       ASSERT_EQ(queue.front().gtp, model[due].id);
       queue.pop();
@@ -46,10 +47,16 @@ void compareWithModel(uint32_t seed, uint32_t spread, bool nearlySorted) {
 }
 
 TEST(KlttQueue, OrdersByTimeAndThenByArrival) {
-  compareWithModel(1, 1, false);
-  compareWithModel(2, 5, false);
-  compareWithModel(3, 1000, false);
-  compareWithModel(4, 50, true);
+  compareWithModel(1, 1, 0, 1);
+  compareWithModel(2, 5, 0, 8192);
+  compareWithModel(3, 1000, 0, 1);
+  compareWithModel(4, 3000, 0, uint64_t{1} << 50);
+}
+
+TEST(KlttQueue, OrdersNodesThatComeTooLate) {
+  compareWithModel(5, 1, 20, 1);
+  compareWithModel(6, 40, 3, 8192);
+  compareWithModel(7, 10, 1000, 1);
 }
 
 TEST(KlttQueue, ReversedArrivalComesOutInOrder) {
