@@ -9,6 +9,7 @@
 
 #include "klt/klt_codec.h"
 #include "klt/klt_reader.h"
+#include "klt/klt_spans.h"
 #include "klt/klt_stream.h"
 #include "util/pal_error.h"
 
@@ -67,18 +68,6 @@ bool threadsSelected(KLT_Stream& s, const uint8_t* record) {
   return true;
 }
 
-uint64_t saturatingSum(uint64_t a, uint64_t b) {
-  uint64_t sum = 0;
-  return __builtin_add_overflow(a, b, &sum) ? ~uint64_t{0} : sum;
-}
-
-// When a message is over. One whose other side isn't known never ends.
-uint64_t messageEnd(uint64_t time, uint64_t receiveTime) {
-  constexpr uint64_t kNoReceive = uint64_t{1} << 63;
-  if (receiveTime == kNoReceive || receiveTime == kNoReceive + 1) return ~uint64_t{0};
-  return saturatingSum(time, receiveTime > kNoReceive ? -receiveTime : receiveTime);
-}
-
 template <int N>
 void storeCollective(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<N>;
@@ -88,16 +77,11 @@ void storeCollective(KLT_Stream& s, const uint8_t* record) {
   const int64_t member = commonMember(s, View::template get32<row.find("communicator")>(record));
   if (member < 0) return;
   const uint64_t time = KLT_RecordTime(record);
-  const auto* start = View::template array<uint64_t, starts>(record);
-  const auto* delta = View::template array<uint64_t, deltas>(record);
-  const uint32_t n = View::template count<starts>(record);
-  uint64_t longest = 0;
-  for (uint32_t i = 0; i < n; ++i) {
-    if (start[i] == ~uint64_t{0}) continue;
-    longest = std::max(longest, saturatingSum(start[i], delta[i]));
-  }
+  const uint64_t end = klt::collectiveEnd(time, View::template count<starts>(record),
+                                          View::template array<uint64_t, starts>(record),
+                                          View::template array<uint64_t, deltas>(record));
   s.context.of(static_cast<uint32_t>(member))
-      .collectives.add(time, time, saturatingSum(time, longest), record, View::bytes(record));
+      .collectives.add(time, time, end, record, View::bytes(record));
 }
 
 template <int N>
@@ -136,8 +120,9 @@ void updateContext(KLT_Stream& s, const uint8_t* record) {
     }
   } else if constexpr (row.filter == KLT_FilterClass::kMessage) {
     const uint32_t sender = View::template get32<row.find("sender_gtp")>(record);
-    const uint64_t receive = View::template get64<row.find("receive_time")>(record);
-    s.context.of(sender).messages.add(time, time, messageEnd(time, receive), record,
+    const auto receive =
+        static_cast<int64_t>(View::template get64<row.find("receive_time")>(record));
+    s.context.of(sender).messages.add(time, time, klt::messageEnd(time, receive), record,
                                       View::bytes(record));
   } else if constexpr (row.filter == KLT_FilterClass::kCollective) {
     storeCollective<N>(s, record);

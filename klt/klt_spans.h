@@ -1,0 +1,42 @@
+// How long messages and collective operations stay under way, for the contexts of readers and the
+// histories of writers alike.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+namespace klt {
+
+inline constexpr uint64_t kNever = ~uint64_t{0};
+
+[[nodiscard]] inline uint64_t saturatingSum(uint64_t a, uint64_t b) {
+  uint64_t sum = 0;
+  return __builtin_add_overflow(a, b, &sum) ? kNever : sum;
+}
+
+// The receive times -2^63 and -2^63 + 1 say that a side of the message isn't known.
+[[nodiscard]] constexpr bool isUnknownSide(int64_t receiveTime) {
+  return receiveTime <= -INT64_MAX;
+}
+
+// When a message is over. One whose other side isn't known never is.
+[[nodiscard]] inline uint64_t messageEnd(uint64_t time, int64_t receiveTime) {
+  if (isUnknownSide(receiveTime)) return kNever;
+  return saturatingSum(time, static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
+}
+
+// When a collective operation is over. A start of all ones marks a member that took no part; null
+// arrays count as zeros.
+[[nodiscard]] inline uint64_t collectiveEnd(uint64_t time, size_t n, const uint64_t* starts,
+                                            const uint64_t* deltas) {
+  uint64_t longest = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const uint64_t start = starts == nullptr ? 0 : starts[i];
+    if (start == kNever) continue;
+    longest = std::max(longest, saturatingSum(start, deltas == nullptr ? 0 : deltas[i]));
+  }
+  return saturatingSum(time, longest);
+}
+
+}  // namespace klt
