@@ -16,7 +16,7 @@ namespace {
 
 class KlttGuard : public testing::Test {
  protected:
-  KlttGuard() {
+  void SetUp() override {
     std::filesystem::create_directories(directory_);
     for (const char* name : {"t.klt", "t.klt.f.0", "t.klt.f.0.anc", "other.klt"})
       std::ofstream(path(name)) << name;
@@ -25,7 +25,7 @@ class KlttGuard : public testing::Test {
     handle_.files.insert(2, file("f.0", 1));
     handle_.files.insert(3, file("missing", 0));
   }
-  ~KlttGuard() override { std::filesystem::remove_all(directory_); }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
 
   [[nodiscard]] std::string path(const std::string& name) const { return directory_ + "/" + name; }
   [[nodiscard]] bool refused(const std::string& name) const {

@@ -18,7 +18,7 @@ int usageCalls = 0;
 
 class RkConf : public testing::Test {
  protected:
-  RkConf() {
+  void SetUp() override {
     saved_ = PAL_messages;
     PAL_messages.programName = nullptr;
     PAL_messages.showTime = 0;
@@ -26,7 +26,7 @@ class RkConf : public testing::Test {
     testing::internal::CaptureStderr();
     RK_ConfigDefaults();
   }
-  ~RkConf() override {
+  void TearDown() override {
     testing::internal::GetCapturedStderr();
     for (const std::string& name : environment_) unsetenv(name.c_str());
     PAL_messages = saved_;
@@ -42,13 +42,13 @@ class RkConf : public testing::Test {
     return RK_ConfigParseArgs(static_cast<int>(argv.size()), argv.data(), [] { ++usageCalls; });
   }
   static std::string takeMessages() {
-    const std::string text = testing::internal::GetCapturedStderr();
+    std::string text = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     return text;
   }
 
  private:
-  PAL_MessageSettings saved_;
+  PAL_MessageSettings saved_{};
   std::vector<std::string> environment_;
 };
 
@@ -283,17 +283,18 @@ TEST_F(RkConf, HelpStatesTheDefaults) {
 
 TEST(KlttHelp, VersionLineHasItsShape) {
   const std::string line = KLTT_VersionLine();
-  char version[64] = {};
-  int year = 0;
-  int month = 0;
-  int day = 0;
-  int length = 0;
-  const int fields = sscanf(line.c_str(), "klttool Version %63s Build %4d%2d%2d\n%n", version,
-                            &year, &month, &day, &length);
-  EXPECT_EQ(fields, 4);
-  EXPECT_EQ(size_t(length), line.size());
-  EXPECT_TRUE(month >= 1 && month <= 12 && day >= 1 && day <= 31) << line;
-  EXPECT_EQ(KLTT_Banner(), "klttool " + std::string(version) + " - trace file utility\n\n");
+  const std::string start = "klttool Version ";
+  const size_t build = line.find(" Build ");
+  ASSERT_EQ(line.compare(0, start.size(), start), 0) << line;
+  ASSERT_NE(build, std::string::npos) << line;
+  const std::string date = line.substr(build + 7);
+  ASSERT_EQ(date.size(), 9U) << line;
+  EXPECT_EQ(date.find_first_not_of("0123456789"), 8U) << line;
+  EXPECT_EQ(date[8], '\n');
+  EXPECT_LE(date.substr(4, 2), "12");
+  EXPECT_LE(date.substr(6, 2), "31");
+  const std::string version = line.substr(start.size(), build - start.size());
+  EXPECT_EQ(KLTT_Banner(), "klttool " + version + " - trace file utility\n\n");
 }
 
 }  // namespace

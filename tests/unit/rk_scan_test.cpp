@@ -14,7 +14,7 @@ namespace {
 
 class RkScan : public testing::Test {
  protected:
-  RkScan() {
+  void SetUp() override {
     RK_ConfigDefaults();
     messages_.clear();
     saved_ = PAL_messages;
@@ -24,7 +24,7 @@ class RkScan : public testing::Test {
     };
     testing::internal::CaptureStderr();
   }
-  ~RkScan() override {
+  void TearDown() override {
     testing::internal::GetCapturedStderr();
     PAL_messages = saved_;
   }
@@ -38,7 +38,7 @@ class RkScan : public testing::Test {
   static std::string takeMessages() { return std::exchange(messages_, {}); }
 
  private:
-  PAL_MessageSettings saved_;
+  PAL_MessageSettings saved_{};
   static inline std::string messages_;
 };
 
