@@ -95,3 +95,39 @@ size_t KLT_Inflate::read(uint8_t* buffer, size_t bytes) {
   if (done_) finish();
   return out;
 }
+
+KLT_Deflate::KLT_Deflate() : stream_(std::make_unique<z_stream_s>()) {
+  stream_->zalloc = allocateForZlib;
+  stream_->zfree = releaseForZlib;
+  if (deflateInit(stream_.get(), Z_DEFAULT_COMPRESSION) != Z_OK) stream_.reset();
+}
+
+KLT_Deflate::~KLT_Deflate() {
+  if (stream_ != nullptr) deflateEnd(stream_.get());
+}
+
+bool KLT_Deflate::put(KLT_IoFile* file, const void* data, size_t bytes) {
+  return KLT_IoWrite(file, data, bytes) == static_cast<int64_t>(bytes);
+}
+
+bool KLT_Deflate::write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final) {
+  if (stream_ == nullptr) return false;
+  // The length isn't known before the end: a placeholder keeps its place.
+  if (!begun_) {
+    begun_ = true;
+    if (!put(file, &length_, kLengthField)) return false;
+  }
+  length_ += bytes;
+  stream_->next_in = const_cast<uint8_t*>(data);
+  stream_->avail_in = static_cast<uInt>(bytes);
+  do {
+    stream_->next_out = block_;
+    stream_->avail_out = sizeof block_;
+    if (deflate(stream_.get(), final ? Z_FINISH : Z_NO_FLUSH) == Z_STREAM_ERROR) return false;
+    if (!put(file, block_, sizeof block_ - stream_->avail_out)) return false;
+  } while (stream_->avail_out == 0);
+  if (!final) return true;
+  const int64_t end = KLT_IoSeek(file, 0, SEEK_CUR);
+  return KLT_IoSeek(file, 0, SEEK_SET) == 0 && put(file, &length_, kLengthField) &&
+         KLT_IoSeek(file, end, SEEK_SET) == end;
+}

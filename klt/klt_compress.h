@@ -43,3 +43,26 @@ class KLT_Inflate {
   bool done_ = false;
   uint8_t block_[kBlock];
 };
+
+// The writing side: deflates what it is given into `file`, behind the length field.
+class KLT_Deflate {
+ public:
+  KLT_Deflate();
+  ~KLT_Deflate();
+  KLT_Deflate(const KLT_Deflate&) = delete;
+  KLT_Deflate& operator=(const KLT_Deflate&) = delete;
+
+  // Takes `bytes` bytes; with `final` the stream ends and its length is filled in. False, with
+  // errno, if the file took less.
+  [[nodiscard]] bool write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final);
+
+ private:
+  static constexpr size_t kBlock = 0x1000;
+
+  bool put(KLT_IoFile* file, const void* data, size_t bytes);
+
+  std::unique_ptr<z_stream_s> stream_;
+  uint64_t length_ = 0;
+  bool begun_ = false;
+  uint8_t block_[kBlock];
+};

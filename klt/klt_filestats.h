@@ -1,0 +1,94 @@
+// Profiles of a trace, made while it is written: how often each function was called, each message
+// route used, each collective operation run, and what it cost.
+//
+// Belongs to a writer. Times are held in ticks of the clock (time stamps shifted right by the event
+// bits) and shifted back when the profiles are written. Profiles come out in the order in which
+// their keys were first seen.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+struct KLT_WFileHandle;
+
+// What a writer needs to know to make profiles.
+struct KLT_StatsParameters {
+  // The members of a communicator in rank order and their number; null if it isn't known.
+  const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t* count) = nullptr;
+  void* lookupContext = nullptr;
+  uint32_t eventBits = 0;  // of the time stamps that are written
+};
+
+class KLT_FileStats {
+ public:
+  explicit KLT_FileStats(const KLT_StatsParameters& parameters);
+
+  // The time stamp in ticks.
+  [[nodiscard]] uint64_t ticks(uint64_t time) const { return time >> eventBits_; }
+  [[nodiscard]] int64_t ticks(int64_t span) const { return span >> eventBits_; }
+
+  void function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive);
+
+  struct Message {
+    uint32_t sender, receiver, funcSender, funcReceiver, tag, comm, size;
+    bool operator==(const Message&) const = default;
+  };
+  void message(const Message& key, int64_t duration);
+
+  // One operation of `n` members. `sent` and `received` may be null; a side that is null counts 0
+  // and leaves its extremes and sum alone.
+  void collective(uint32_t type, uint32_t root, uint32_t comm, size_t n, const uint32_t* sent,
+                  const uint32_t* received, const uint64_t* durations);
+
+  // Bytes by member where only the root's are known: `bytes` for the members equal to `root`, 0
+  // for the others. Null, after a report, if the communicator isn't known. Valid until the next
+  // call.
+  [[nodiscard]] const uint32_t* rootOnly(uint32_t communicator, size_t n, uint32_t root,
+                                         uint32_t bytes);
+
+  // Writes the profiles through `writer`. False if a write failed.
+  bool write(KLT_WFileHandle* writer);
+
+ private:
+  struct FunctionStat {
+    uint32_t gtp, function, count;
+    uint64_t minSelf, maxSelf, totalSelf, minInclusive, maxInclusive, totalInclusive;
+  };
+  struct MessageStat {
+    Message key;
+    uint32_t count;
+    int64_t sum, min, max;
+  };
+  struct MessageHash {
+    size_t operator()(const Message& key) const;
+  };
+  struct CollectiveStat {
+    uint32_t type, root, comm;
+    std::vector<uint32_t> exchanges, minSent, maxSent, sumSent, minReceived, maxReceived,
+        sumReceived;
+    std::vector<double> minRate, maxRate, sumRate;
+    std::vector<uint64_t> minDuration, maxDuration, sumDuration;
+    void resize(size_t n);
+  };
+
+  void enterMember(CollectiveStat& stat, size_t i, const uint32_t* sent, const uint32_t* received,
+                   uint64_t duration);
+  void addBytes(uint32_t& sum, uint32_t bytes);
+  bool writeMessages(KLT_WFileHandle* writer);
+  bool writeCollectives(KLT_WFileHandle* writer);
+  bool writeFunctions(KLT_WFileHandle* writer);
+
+  KLT_StatsParameters parameters_;
+  unsigned eventBits_;
+  std::vector<FunctionStat> functions_;
+  std::unordered_map<uint64_t, size_t> functionPlaces_;
+  std::vector<MessageStat> messages_;
+  std::unordered_map<Message, size_t, MessageHash> messagePlaces_;
+  std::vector<CollectiveStat> collectives_;
+  std::unordered_map<std::string, size_t> collectivePlaces_;
+  std::vector<uint32_t> scratch_;
+  bool wrapped_ = false;
+};

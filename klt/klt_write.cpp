@@ -1,0 +1,346 @@
+#include "klt/klt_write.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "util/pal_error.h"
+#include "util/pal_util.h"
+
+namespace {
+
+using klt::kAny;
+
+// Categories that have one component for all threads.
+constexpr uint32_t kShared = klt::kDeclarations | klt::kMessages | klt::kCollops | klt::kInternal |
+                             klt::kErrors | klt::kStatistics;
+constexpr uint32_t kHeaderFlags = 0xb;
+constexpr uint32_t kFirstFileId = 0x10000;
+constexpr size_t kFirstBuffer = 4096;
+// Thread lists are named by 16 bits; id 1 is the list of all threads, which also stands for the
+// threads that found no id left.
+constexpr uint32_t kFirstListId = 2;
+constexpr uint32_t kLastListId = 65535;
+
+unsigned bitOf(uint32_t category) { return static_cast<unsigned>(__builtin_ctz(category)); }
+
+std::string suffixOf(uint32_t categories, const uint32_t* thread) {
+  switch (categories) {
+    case klt::kDeclarations:
+      return "dcl";
+    case klt::kCollops:
+      return "cop";
+    case klt::kMessages:
+      return "msg";
+    case klt::kStatistics:
+      return "sts";
+    case klt::kErrors:
+      return "err";
+    default:
+      break;
+  }
+  std::string letters;
+  if ((categories & klt::kFunctions) != 0) letters += 'f';
+  if ((categories & klt::kFileIo) != 0) letters += 'i';
+  if ((categories & klt::kScopes) != 0) letters += 's';
+  if ((categories & klt::kCounters) != 0) letters += 'c';
+  if ((categories & klt::kRawEvents) != 0) letters += 'r';
+  if (letters.empty()) letters = "x";
+  return letters + '.' + std::to_string(thread == nullptr ? 0 : *thread);
+}
+
+uint32_t listOf(KLT_WFileHandle& writer, uint32_t thread) {
+  const auto [known, isNew] = writer.listIds.try_emplace(thread, 0);
+  if (!isNew) return known->second;
+  const uint32_t id = kFirstListId + static_cast<uint32_t>(writer.willyLists.size());
+  if (id > kLastListId) return 0;
+  const auto gtp = static_cast<int32_t>(thread);
+  writer.willyLists.insert(id, PAL_Triplets{{gtp, gtp, 1}});
+  known->second = id;
+  return id;
+}
+
+const char* dirOf(const KLT_WFileHandle& writer) {
+  return writer.dir.empty() ? nullptr : writer.dir.c_str();
+}
+
+bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
+  const std::string path =
+      writer.dir.empty() || name.front() == '/' ? name : writer.dir + '/' + name;
+  struct stat found {};
+  if (writer.untouchable.empty() || stat(path.c_str(), &found) != 0) return false;
+  const KLT_FileIdentity identity{found.st_dev, found.st_ino};
+  return std::find(writer.untouchable.begin(), writer.untouchable.end(), identity) !=
+         writer.untouchable.end();
+}
+
+// Opens the component `name` in place of an old file of that name.
+KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
+  if (writer.plain) {
+    if (isUntouchable(writer, name)) {
+      errno = EEXIST;
+      return nullptr;
+    }
+    errno = 0;
+    if (PAL_RemoveInDir(dirOf(writer), name.c_str()) != 0 && errno != ENOENT) {
+      PAL_Perror(name.c_str());
+    }
+  }
+  errno = 0;
+  return KLT_IoOpen(writer.container, name.c_str());
+}
+
+// Opens the context's files. An error text, or null.
+const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  const std::string name = writer.name + '.' + context.suffix;
+  context.data.file = openComponent(writer, name);
+  if (context.data.file == nullptr) return "Could not open data file";
+  context.opened = true;
+  context.nextAnchor = KLT_WFileHandle::kChunkBytes;
+  if (context.anchorId != 0) {
+    context.anchors.file = openComponent(writer, name + ".anc");
+    if (context.anchors.file == nullptr) {
+      KLT_IoClose(context.data.file);
+      context.opened = false;
+      return "Could not open an anchor file";
+    }
+  }
+  // A reader inflates if both bits are set, so that is when there is something to inflate.
+  if ((writer.flags & 3) == 3 && (context.categories & (klt::kFunctions | klt::kRawEvents)) != 0) {
+    context.deflate = std::make_unique<KLT_Deflate>();
+  }
+  return nullptr;
+}
+
+KLT_WriteContext* findContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
+  const unsigned bit = bitOf(category);
+  if (thread == ~uint32_t{0}) return writer.wrapped[bit];
+  KLT_WriteContext* const* known = writer.byThread[bit].find(thread + 1);
+  return known == nullptr ? nullptr : *known;
+}
+
+void enterContext(KLT_WFileHandle& writer, KLT_WriteContext* context, uint32_t thread) {
+  const unsigned bit = bitOf(context->categories);
+  if (thread == ~uint32_t{0}) {
+    writer.wrapped[bit] = context;
+  } else {
+    writer.byThread[bit].insert(thread + 1, context);
+  }
+}
+
+// Drops the component: what is written to it from now on is lost.
+void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuffer& buffer) {
+  const std::string suffix = context.suffix.empty() ? "???" : PAL_Printable(context.suffix);
+  if (errno != 0) PAL_Perror(suffix.c_str());
+  PAL_Error("writing to %s failed, file will be incomplete", suffix.c_str());
+  if (buffer.file != nullptr) KLT_IoClose(buffer.file);
+  buffer.lost = true;
+  writer.failed = true;
+}
+
+}  // namespace
+
+KLT_WFileHandle::KLT_WFileHandle() = default;
+
+KLT_WFileHandle::~KLT_WFileHandle() {
+  if (container != nullptr) KLT_ContainerClose(container);
+}
+
+uint32_t KLT_WFileHandle::stringId(const char* text) {
+  if (text == nullptr) return 0;
+  const auto [known, isNew] =
+      stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
+  if (isNew) strings.insert(known->second, text);
+  return known->second;
+}
+
+void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count) {
+  if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
+  PAL_Warning("%s with %llu elements doesn't fit, the rest is left out",
+              std::string(row.name).c_str(), static_cast<unsigned long long>(count));
+}
+
+void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t value) {
+  if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
+  klt::warnNarrowed(value, __LINE__);
+}
+
+KLT_WriteContext* KLT_CreateContext(KLT_WFileHandle& writer, uint32_t categories,
+                                    const uint32_t* thread) {
+  auto context = std::make_unique<KLT_WriteContext>();
+  context->categories = categories;
+  if (categories != klt::kInternal) {
+    context->suffix = suffixOf(categories, thread);
+    if (thread != nullptr) context->listId = listOf(writer, *thread);
+    if (categories != klt::kDeclarations && categories != klt::kStatistics) {
+      context->anchorId = kFirstFileId + ++writer.filesDeclared;
+    }
+    context->fileId = kFirstFileId + ++writer.filesDeclared;
+    context->filetype = categories == klt::kDeclarations ? 2 : 0;
+  }
+  writer.contexts.push_back(std::move(context));
+  return writer.contexts.back().get();
+}
+
+KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
+  KLT_WriteContext* context = findContext(writer, category, thread);
+  if (context != nullptr && context->opened) [[likely]]
+    return context;
+  if (context == nullptr) {
+    context = KLT_CreateContext(writer, category, (category & kShared) == 0 ? &thread : nullptr);
+    enterContext(writer, context, thread);
+  }
+  if (context->broken) return nullptr;
+  const char* error = openContext(writer, *context);
+  if (error == nullptr) return context;
+  context->broken = true;  // told once, not for every record
+  writer.failed = true;
+  if (errno != 0) PAL_Perror((writer.name + '.' + context->suffix).c_str());
+  PAL_Error("%s", error);
+  return nullptr;
+}
+
+KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex, int form,
+                                uint32_t flags, const KLT_StatsParameters* stats,
+                                std::vector<KLT_FileIdentity> untouchable) {
+  auto writer = std::make_unique<KLT_WFileHandle>();
+  writer->dir = dir == nullptr ? "" : dir;
+  writer->name = name;
+  writer->writeIndex = writeIndex != 0;
+  writer->flags = flags & kHeaderFlags;
+  writer->plain = form == KLT_FORM_PLAIN;
+  writer->untouchable = std::move(untouchable);
+  writer->container = KLT_ContainerCreate(dir, O_WRONLY | O_CREAT | O_TRUNC, 0666, form, name);
+  if (writer->container == nullptr) return nullptr;
+  if (writer->writeIndex) {
+    writer->indexFile = KLT_IoOpen(writer->container, name);
+    if (writer->indexFile == nullptr) {
+      PAL_Perror(name);
+      return nullptr;
+    }
+  }
+  if (stats != nullptr) writer->fileStats = std::make_unique<KLT_FileStats>(*stats);
+  // The shared contexts come first and in this order, whether or not they receive a record.
+  for (const uint32_t category :
+       {klt::kMessages, klt::kCollops, klt::kStatistics, klt::kErrors, klt::kDeclarations}) {
+    enterContext(*writer, KLT_CreateContext(*writer, category, nullptr), 0);
+  }
+  return writer.release();
+}
+
+void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool anchors,
+                      bool final) {
+  KLT_WriteBuffer& buffer = anchors ? context.anchors : context.data;
+  size_t& used = anchors ? context.anchorsUsed : context.dataUsed;
+  KLT_Deflate* deflate = anchors ? nullptr : context.deflate.get();
+  const bool hasWork = used != 0 || (final && deflate != nullptr);
+  if (buffer.file != nullptr && hasWork) {
+    errno = 0;
+    const bool taken =
+        deflate != nullptr
+            ? deflate->write(buffer.file, buffer.bytes.data(), used, final)
+            : KLT_IoWrite(buffer.file, buffer.bytes.data(), used) == static_cast<int64_t>(used);
+    if (!taken) {
+      lose(writer, context, buffer);
+    } else if (!anchors) {
+      context.flushed += used;
+    }
+  }
+  used = 0;
+}
+
+uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
+  if (dataUsed + bytes > KLT_WriteBuffer::kFlushBytes)
+    KLT_FlushContext(writer, *this, false, false);
+  if (data.lost) return nullptr;
+  const size_t wanted = dataUsed + bytes;
+  if (data.bytes.size() < wanted) {
+    size_t size = std::max(kFirstBuffer, 2 * data.bytes.size());
+    size = std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes));
+    data.bytes.resize(size);
+  }
+  return data.bytes.data() + dataUsed;
+}
+
+uint8_t* KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes) {
+  const uint64_t step = time - outputTime;
+  size_t timeRecord = 0;
+  if (step >= 0x10000) timeRecord = step >> 32 == 0 ? 5 : 9;
+  // Records of one time are never parted by a seek point.
+  if (step != 0 && nextAnchor < position() + (timeRecord != 0 ? 9 : 0) + bytes) {
+    if (anchorId != 0) {
+      if (const char* error = KLT_SetAnchor(writer, *this)) PAL_Error("%s", error);
+    }
+    nextAnchor += KLT_WFileHandle::kChunkBytes;
+  }
+  if (timeRecord != 0) {
+    uint8_t* to = reserve(writer, timeRecord);
+    if (to == nullptr) return nullptr;
+    if (timeRecord == 5) {
+      to[0] = 1;
+      klt::storeBig32(to + 1, static_cast<uint32_t>(step));
+    } else {
+      to[0] = 2;
+      klt::storeBig64(to + 1, step);
+    }
+    dataUsed += timeRecord;
+    outputTime = time;
+  }
+  return reserve(writer, bytes);
+}
+
+bool KLT_WriteContext::replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,
+                               size_t bytes) {
+  if (data.lost) return false;
+  if (position >= flushed) {
+    std::copy_n(record, bytes, data.bytes.data() + (position - flushed));
+    return true;
+  }
+  errno = 0;
+  if (KLT_IoSeek(data.file, static_cast<int64_t>(position), SEEK_SET) !=
+          static_cast<int64_t>(position) ||
+      KLT_IoWrite(data.file, record, bytes) != static_cast<int64_t>(bytes)) {
+    lose(writer, *this, data);
+    return false;
+  }
+  if (KLT_IoSeek(data.file, 0, SEEK_END) != static_cast<int64_t>(flushed)) {
+    PAL_Error("unexpected file size when writing incomplete data to file.");
+    writer.failed = true;
+  }
+  return true;
+}
+
+void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  KLT_FlushContext(writer, context, true, true);
+  KLT_FlushContext(writer, context, false, true);
+  for (KLT_WriteBuffer* buffer : {&context.anchors, &context.data}) {
+    if (buffer->file == nullptr) continue;
+    errno = 0;
+    if (KLT_IoClose(buffer->file) != 0) lose(writer, context, *buffer);
+    buffer->file = nullptr;
+    buffer->bytes = {};
+  }
+}
+
+bool KLT_WriterFree(KLT_WFileHandle* writer) {
+  for (const auto& context : writer->contexts) KLT_CloseContext(*writer, *context);
+  if (writer->indexFile != nullptr && KLT_IoClose(writer->indexFile) != 0) writer->failed = true;
+  if (KLT_ContainerClose(writer->container) != 0) writer->failed = true;
+  writer->container = nullptr;
+  const bool complete = !writer->failed;
+  delete writer;
+  return complete;
+}
+
+const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
+  if (writer->fileStats != nullptr && !writer->fileStats->write(writer)) {
+    PAL_Error("Writing statistics failed.");
+    writer->failed = true;
+  }
+  const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
+  if (error != nullptr) writer->failed = true;
+  *complete = KLT_WriterFree(writer);
+  return error;
+}

@@ -1,0 +1,151 @@
+// The writer's handle and its output streams. Internal to the writing modules; producers see
+// klt_write.h.
+//
+// One KLT_WriteContext stands for one data component with its anchors. Buffers grow from a few
+// kilobytes to 64 KiB and are flushed there, so that a trace of many small streams stays small.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "klt/klt_compress.h"
+#include "klt/klt_filestats.h"
+#include "klt/klt_idmap.h"
+#include "klt/klt_io.h"
+#include "klt/klt_schema.h"
+#include "klt/klt_write_history.h"
+#include "util/pal_triplets.h"
+
+struct KLT_WFileHandle;
+
+// A file by what it is.
+struct KLT_FileIdentity {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  bool operator==(const KLT_FileIdentity&) const = default;
+};
+
+// A buffered component.
+struct KLT_WriteBuffer {
+  static constexpr size_t kFlushBytes = 0x10000;
+
+  std::vector<uint8_t> bytes;
+  KLT_IoFile* file = nullptr;
+  bool lost = false;  // a write failed; what follows is dropped
+};
+
+struct KLT_WriteContext {
+  uint32_t categories = 0;
+  std::string suffix;  // empty for the index
+  uint32_t filetype = 0;
+  uint32_t fileId = 0;    // 0: no declaration
+  uint32_t anchorId = 0;  // 0: no anchors
+  uint32_t listId = 0;    // willy list; 0: the list of all threads
+  bool opened = false;
+  bool broken = false;  // its files can't be opened
+  uint64_t outputTime = 0;
+  KLT_WriteBuffer data;
+  size_t dataUsed = 0;
+  KLT_WriteBuffer anchors;
+  size_t anchorsUsed = 0;
+  uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
+  uint64_t nextAnchor = 0;  // position that triggers the next seek point
+  uint64_t lastAnchor = 0;  // position of the last one
+  KLT_WriteHistory history;
+  std::unique_ptr<KLT_Deflate> deflate;
+
+  // Position of the next record in the data component.
+  [[nodiscard]] uint64_t position() const { return flushed + dataUsed; }
+  // Room for `bytes` bytes behind the used ones; null if the component is lost.
+  [[nodiscard]] uint8_t* reserve(KLT_WFileHandle& writer, size_t bytes) {
+    if (data.bytes.size() - dataUsed >= bytes) [[likely]]
+      return data.bytes.data() + dataUsed;
+    return makeRoom(writer, bytes);
+  }
+  // Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
+  // they are due; `outputTime` then is the time that the record's step counts from.
+  [[nodiscard]] uint8_t* beginTimed(KLT_WFileHandle& writer, uint64_t time, size_t bytes) {
+    const uint64_t step = time - outputTime;
+    if (step < 0x10000 && nextAnchor >= position() + bytes) [[likely]] {
+      return reserve(writer, bytes);
+    }
+    return beginTimedSlowly(writer, time, bytes);
+  }
+  // Writes over a record at `position`. False if the component is lost.
+  [[nodiscard]] bool replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,
+                             size_t bytes);
+
+ private:
+  uint8_t* makeRoom(KLT_WFileHandle& writer, size_t bytes);
+  uint8_t* beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes);
+};
+
+struct KLT_WFileHandle {
+  static constexpr uint64_t kChunkBytes = 0x10000;  // distance of seek points
+
+  KLT_Container* container = nullptr;
+  std::string dir;  // empty for none
+  std::string name;
+  uint32_t flags = 0;
+  bool writeIndex = false;
+  bool failed = false;  // something hasn't reached its file
+  bool plain = true;
+  KLT_IoFile* indexFile = nullptr;
+  std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
+  std::array<KLT_IdMap<KLT_WriteContext*>, 16> byThread;    // by category bit; key gtp + 1
+  std::array<KLT_WriteContext*, 16> wrapped{};              // that of gtp 0xffffffff
+  KLT_IdMap<std::string> strings;
+  std::unordered_map<std::string, uint32_t> stringIds;
+  KLT_IdMap<PAL_Triplets> willyLists;              // of one thread each
+  std::unordered_map<uint32_t, uint32_t> listIds;  // by thread
+  uint32_t filesDeclared = 0;
+  std::unique_ptr<KLT_FileStats> fileStats;
+  std::vector<KLT_FileIdentity> untouchable;
+
+  KLT_WFileHandle();
+  ~KLT_WFileHandle();
+
+  // The id of a text, 0 for null; new texts are entered.
+  [[nodiscard]] uint32_t stringId(const char* text);
+  [[nodiscard]] KLT_FileStats* stats() const { return fileStats.get(); }
+  [[nodiscard]] uint64_t ticks(uint64_t time) const {
+    return fileStats == nullptr ? 0 : fileStats->ticks(time);
+  }
+  void warnCut(const KLT_Row& row, size_t field, uint64_t count);
+  void warnNarrowed(const KLT_Row& row, size_t field, uint32_t value);
+
+  [[nodiscard]] std::vector<uint32_t>& idScratch(size_t field) { return idScratch_[field]; }
+  [[nodiscard]] std::vector<uint64_t>& durationScratch() { return durations_; }
+  [[nodiscard]] std::vector<uint8_t>& sideBuffer(size_t bytes) {
+    if (side_.size() < bytes) side_.resize(bytes);
+    return side_;
+  }
+
+ private:
+  std::array<std::vector<uint32_t>, kKltMaxFields> idScratch_;
+  std::vector<uint64_t> durations_;
+  std::vector<uint8_t> side_;
+  std::unordered_map<uint32_t, uint64_t> warned_;  // occurrences by row and field
+};
+
+// The context of a category bit and, for categories kept per thread, a thread. Null after a report.
+[[nodiscard]] KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category,
+                                                    uint32_t thread);
+// Hands what is buffered to the components. `final` ends a compressed stream.
+void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool anchors, bool final);
+// Sets a seek point at the context's position. An error text, or null.
+[[nodiscard]] const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context);
+// Writes header, layouts and structure records. An error text, or null.
+[[nodiscard]] const char* KLT_WriteIndex(KLT_WFileHandle& writer);
+// Closes the components of a context.
+void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
+// A new context for the categories and, unless they are shared, one thread; null if the index
+// can't hold another.
+[[nodiscard]] KLT_WriteContext* KLT_CreateContext(KLT_WFileHandle& writer, uint32_t categories,
+                                                  const uint32_t* thread);

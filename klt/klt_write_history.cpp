@@ -1,0 +1,130 @@
+#include "klt/klt_write_history.h"
+
+#include <algorithm>
+
+#include "klt/klt_filestats.h"
+
+namespace {
+
+// Marks an entry that was taken out.
+constexpr uint64_t kGone = 0;
+
+uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32 | seqnr; }
+
+}  // namespace
+
+void KLT_OffsetEntries::append(const KLT_OffsetEntry& entry) {
+  if (entries_.size() >= pruneAt_) {
+    prune(entry.time);
+    pruneAt_ = std::max(kFirstPrune, 2 * entries_.size());
+  }
+  entries_.push_back(entry);
+}
+
+void KLT_OffsetEntries::addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open) {
+  append({time, open ? KLT_OffsetEntry::kNever : end, offset, KLT_OffsetEntry::Kind::kSpan, 0, 0});
+  if (open) open_[offset] = entries_.size() - 1;
+}
+
+void KLT_OffsetEntries::endSpan(uint64_t offset, uint64_t end) {
+  const auto place = open_.find(offset);
+  if (place == open_.end()) return;
+  entries_[place->second].end = end;
+  open_.erase(place);
+}
+
+void KLT_OffsetEntries::setCounter(uint32_t counter, uint64_t time, uint64_t offset) {
+  const auto place = counters_.find(counter);
+  if (place != counters_.end()) {
+    entries_[place->second].time = time;
+    entries_[place->second].offset = offset;
+    return;
+  }
+  append({time, KLT_OffsetEntry::kNever, offset, KLT_OffsetEntry::Kind::kCounter, counter, 0});
+  counters_[counter] = entries_.size() - 1;
+}
+
+void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset) {
+  append({time, KLT_OffsetEntry::kNever, offset, KLT_OffsetEntry::Kind::kScope, scope, seqnr});
+  scopes_[scopeKey(scope, seqnr)].push_back(entries_.size() - 1);
+}
+
+void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
+  const auto places = scopes_.find(scopeKey(scope, seqnr));
+  if (places == scopes_.end()) return;
+  entries_[places->second.front()].end = kGone;
+  places->second.erase(places->second.begin());
+  if (places->second.empty()) scopes_.erase(places);
+}
+
+void KLT_OffsetEntries::prune(uint64_t limit) {
+  const size_t before = entries_.size();
+  std::erase_if(entries_, [limit](const KLT_OffsetEntry& e) {
+    return e.end <= limit && e.end != KLT_OffsetEntry::kNever;
+  });
+  if (entries_.size() != before) reindex();
+}
+
+void KLT_OffsetEntries::reindex() {
+  std::unordered_map<uint64_t, size_t> open;
+  counters_.clear();
+  scopes_.clear();
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    const KLT_OffsetEntry& entry = entries_[i];
+    switch (entry.kind) {
+      case KLT_OffsetEntry::Kind::kSpan:
+        if (open_.contains(entry.offset)) open[entry.offset] = i;
+        break;
+      case KLT_OffsetEntry::Kind::kCounter:
+        counters_[entry.id] = i;
+        break;
+      case KLT_OffsetEntry::Kind::kScope:
+        scopes_[scopeKey(entry.id, entry.seqnr)].push_back(i);
+        break;
+    }
+  }
+  open_ = std::move(open);
+}
+
+KLT_WillyHistory& KLT_WriteHistory::find(uint32_t gtp) {
+  KLT_WillyHistory*& known = byGtp_[gtp];
+  if (known == nullptr) {
+    willies_.push_back(std::make_unique<KLT_WillyHistory>());
+    known = willies_.back().get();
+    known->gtp = gtp;
+  }
+  last_ = known;
+  return *known;
+}
+
+std::vector<KLT_WillyHistory*> KLT_WriteHistory::ordered() {
+  constexpr uint32_t kBuckets = 449;
+  std::vector<KLT_WillyHistory*> result;
+  result.reserve(willies_.size());
+  for (const auto& willy : willies_) result.push_back(willy.get());
+  std::stable_sort(result.begin(), result.end(),
+                   [](const KLT_WillyHistory* a, const KLT_WillyHistory* b) {
+                     return (a->gtp + 1) % kBuckets < (b->gtp + 1) % kBuckets;
+                   });
+  return result;
+}
+
+void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t function,
+                            uint32_t scl, uint64_t ticks) {
+  KLT_WillyHistory& willy = history.of(gtp);
+  willy.calls.push_back({function, scl, ticks, 0});
+  if (scl != 0) ++willy.withScl;
+}
+
+void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
+                              KLT_FileStats* stats) {
+  KLT_WillyHistory& willy = history.of(gtp);
+  if (willy.calls.empty()) return;
+  const KLT_WillyHistory::Call call = willy.calls.back();
+  willy.calls.pop_back();
+  if (call.scl != 0) --willy.withScl;
+  if (stats == nullptr) return;
+  const uint64_t inclusive = ticks - call.start;
+  stats->function(gtp, call.function, inclusive - call.childTime, inclusive);
+  if (!willy.calls.empty()) willy.calls.back().childTime += inclusive;
+}

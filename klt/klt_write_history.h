@@ -1,0 +1,97 @@
+// What a writer remembers of a stream so that a reader can start in the middle of it.
+//
+// One KLT_WriteHistory belongs to each output stream. Per thread it keeps the call stack and the
+// positions of records that stay relevant: messages and collective operations under way, open
+// scopes, the last sample of each counter. At a seek point all of it is written into the anchor
+// component (klt_write). With statistics on, the stack also measures how long calls take.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "klt/klt_idmap.h"
+
+class KLT_FileStats;
+
+// A record of the data component that stays relevant until `end`.
+struct KLT_OffsetEntry {
+  static constexpr uint64_t kNever = ~uint64_t{0};
+
+  enum class Kind : uint8_t { kSpan, kCounter, kScope };
+
+  uint64_t time = 0;  // the stream's output time just before the record
+  uint64_t end = 0;   // absolute; all ones for never
+  uint64_t offset = 0;
+  Kind kind = Kind::kSpan;
+  uint32_t id = 0;     // counter, or scope
+  uint32_t seqnr = 0;  // of a scope
+};
+
+// The offset entries of one thread in order of arrival. All operations take amortised constant
+// time; an entry that is taken out leaves a gap until the next prune.
+class KLT_OffsetEntries {
+ public:
+  void addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open);
+  // Sets the end of the open entry at `offset`; nothing if there is none.
+  void endSpan(uint64_t offset, uint64_t end);
+  // The last sample of a counter replaces the one before, in its place.
+  void setCounter(uint32_t counter, uint64_t time, uint64_t offset);
+  void enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset);
+  void leaveScope(uint32_t scope, uint32_t seqnr);
+  // Takes out what has ended at `limit`.
+  void prune(uint64_t limit);
+  [[nodiscard]] const std::vector<KLT_OffsetEntry>& entries() const { return entries_; }
+
+ private:
+  static constexpr size_t kFirstPrune = 64;
+
+  void append(const KLT_OffsetEntry& entry);
+  void reindex();
+
+  std::vector<KLT_OffsetEntry> entries_;
+  std::unordered_map<uint64_t, size_t> open_;                 // place of the open spans by offset
+  std::unordered_map<uint32_t, size_t> counters_;             // place by counter
+  std::unordered_map<uint64_t, std::vector<size_t>> scopes_;  // places by scope and seqnr
+  size_t pruneAt_ = kFirstPrune;
+};
+
+struct KLT_WillyHistory {
+  struct Call {
+    uint32_t function;
+    uint32_t scl;
+    uint64_t start;      // in ticks
+    uint64_t childTime;  // spent in callees so far
+  };
+
+  uint32_t gtp = 0;
+  std::vector<Call> calls;  // outermost first
+  size_t withScl = 0;       // how many of them have a source location
+  KLT_OffsetEntries offsets;
+};
+
+class KLT_WriteHistory {
+ public:
+  [[nodiscard]] KLT_WillyHistory& of(uint32_t gtp) {
+    if (last_ != nullptr && last_->gtp == gtp) return *last_;
+    return find(gtp);
+  }
+  // All threads in the order in which an anchor tells them.
+  [[nodiscard]] std::vector<KLT_WillyHistory*> ordered();
+
+ private:
+  KLT_WillyHistory& find(uint32_t gtp);
+
+  std::vector<std::unique_ptr<KLT_WillyHistory>> willies_;  // in order of first use
+  std::unordered_map<uint32_t, KLT_WillyHistory*> byGtp_;
+  KLT_WillyHistory* last_ = nullptr;
+};
+
+// A call begins. `ticks` only counts with statistics.
+void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t function,
+                            uint32_t scl, uint64_t ticks);
+// The innermost call ends; with `stats` its times are entered there. Harmless without a call.
+void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
+                              KLT_FileStats* stats);

@@ -1,0 +1,257 @@
+// What ties a written trace together: seek points into its components, and the index.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "klt/klt_write.h"
+#include "util/pal_error.h"
+
+namespace {
+
+constexpr uint32_t kAllThreadsList = 1;
+constexpr size_t kEntriesPerHistory = 255;
+constexpr size_t kLargestStack = 0xffff;
+constexpr uint32_t kTableBuckets = 1021;  // decides the order of strings and lists
+
+// Bytes of what an anchor tells; 0 if it can't be told.
+size_t groupBytes(const std::vector<KLT_WillyHistory*>& willies) {
+  constexpr size_t kAnchorBytes = 17;
+  size_t bytes = kAnchorBytes;
+  for (const KLT_WillyHistory* willy : willies) {
+    const size_t depth = willy->calls.size();
+    if (depth > kLargestStack) return 0;
+    if (depth != 0) bytes += 7 + depth * (willy->withScl != 0 ? 8 : 4);
+    const size_t entries = willy->offsets.entries().size();
+    bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
+  }
+  return bytes;
+}
+
+// Builds records behind the used bytes of the anchor component.
+class AnchorWriter {
+ public:
+  AnchorWriter(KLT_WFileHandle& writer, KLT_WriteContext& context)
+      : writer_(writer), context_(context) {}
+
+  bool stack(const KLT_WillyHistory& willy) {
+    const size_t n = willy.calls.size();
+    const bool scls = willy.withScl != 0;
+    uint8_t* to = reserve(7 + n * (scls ? 8 : 4));
+    if (to == nullptr) return false;
+    *to++ = scls ? 42 : 41;
+    to = put32(to, willy.gtp);
+    klt::storeBig16(to, static_cast<uint16_t>(n));
+    to += 2;
+    for (const auto& call : willy.calls) to = put32(to, call.function);
+    if (scls) {
+      for (const auto& call : willy.calls) to = put32(to, call.scl);
+    }
+    return true;
+  }
+
+  bool offsets(const std::vector<KLT_OffsetEntry>& entries) {
+    size_t at = 0;
+    do {  // a thread without entries still says so
+      const size_t n = std::min(kEntriesPerHistory, entries.size() - at);
+      if (!offsets(entries.data() + at, n)) return false;
+      at += n;
+    } while (at < entries.size());
+    return true;
+  }
+
+  bool anchor() {
+    uint8_t* to = reserve(17);
+    if (to == nullptr) return false;
+    *to++ = 9;
+    to = put64(to, context_.outputTime);
+    put64(to, context_.position());
+    return true;
+  }
+
+ private:
+  static uint8_t* put32(uint8_t* to, uint32_t value) {
+    klt::storeBig32(to, value);
+    return to + 4;
+  }
+  static uint8_t* put64(uint8_t* to, uint64_t value) {
+    klt::storeBig64(to, value);
+    return to + 8;
+  }
+
+  bool offsets(const KLT_OffsetEntry* entries, size_t n) {
+    uint8_t* to = reserve(2 + 20 * n);
+    if (to == nullptr) return false;
+    *to++ = 46;
+    *to++ = static_cast<uint8_t>(n);
+    for (size_t i = 0; i < n; ++i) to = put32(to, context_.fileId);
+    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].offset);
+    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].time);
+    return true;
+  }
+
+  // Takes `bytes` bytes of the anchor buffer; null if the component is lost.
+  uint8_t* reserve(size_t bytes) {
+    KLT_WriteBuffer& buffer = context_.anchors;
+    if (context_.anchorsUsed + bytes > KLT_WriteBuffer::kFlushBytes) {
+      KLT_FlushContext(writer_, context_, true, false);
+    }
+    if (buffer.lost) return nullptr;
+    if (buffer.bytes.size() < context_.anchorsUsed + bytes) {
+      buffer.bytes.resize(std::max(context_.anchorsUsed + bytes, 2 * buffer.bytes.size()));
+    }
+    uint8_t* to = buffer.bytes.data() + context_.anchorsUsed;
+    context_.anchorsUsed += bytes;
+    return to;
+  }
+
+  KLT_WFileHandle& writer_;
+  KLT_WriteContext& context_;
+};
+
+}  // namespace
+
+const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  const std::vector<KLT_WillyHistory*> willies = context.history.ordered();
+  for (KLT_WillyHistory* willy : willies) willy->offsets.prune(context.outputTime);
+  // A seek point that tells more than the data it saves reading waits for the next boundary.
+  const size_t bytes = groupBytes(willies);
+  if (bytes == 0 || bytes > context.position() - context.lastAnchor) return nullptr;
+  AnchorWriter out(writer, context);
+  for (const KLT_WillyHistory* willy : willies) {
+    if (!willy->calls.empty() && !out.stack(*willy)) return "Writing function history failed.";
+    if (!out.offsets(willy->offsets.entries())) return "Writing event history failed.";
+  }
+  context.lastAnchor = context.position();
+  return out.anchor() ? nullptr : "Setting/writing anchor failed.";
+}
+
+namespace {
+
+// --- the index ----------------------------------------------------------------------------------
+
+bool putByte(KLT_WFileHandle& writer, KLT_WriteContext& index, uint8_t byte) {
+  uint8_t* to = index.reserve(writer, 1);
+  if (to == nullptr) return false;
+  *to = byte;
+  ++index.dataUsed;
+  return true;
+}
+
+bool putText(KLT_WFileHandle& writer, KLT_WriteContext& index, std::string_view text) {
+  if (!putByte(writer, index, static_cast<uint8_t>(text.size()))) return false;
+  uint8_t* to = index.reserve(writer, text.size() + 1);
+  if (to == nullptr) return false;
+  std::copy(text.begin(), text.end(), to);
+  index.dataUsed += text.size();
+  return true;
+}
+
+bool putField(KLT_WFileHandle& writer, KLT_WriteContext& index, const KLT_Field& field) {
+  const auto type = static_cast<uint8_t>(field.type());
+  if (field.isCount()) {
+    return putByte(writer, index, kKltCountMark) && putByte(writer, index, type) &&
+           putByte(writer, index, static_cast<uint8_t>(field.covered()));
+  }
+  return putByte(writer, index, type) && putText(writer, index, field.name) &&
+         putText(writer, index, field.reference);
+}
+
+bool putLayouts(KLT_WFileHandle& writer, KLT_WriteContext& index) {
+  for (const KLT_Row& row : kKltRows) {
+    bool put = putByte(writer, index, 0) && putByte(writer, index, row.number) &&
+               putText(writer, index, row.name) && putByte(writer, index, row.numFields);
+    for (size_t f = 0; put && f < row.numFields; ++f) {
+      put = putField(writer, index, row.fields[f]);
+    }
+    if (!put) return false;
+  }
+  return true;
+}
+
+// Entries of a table by id, in the order of its buckets.
+template <class Value>
+std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMap<Value>& table) {
+  std::vector<const typename KLT_IdMap<Value>::Entry*> ordered;
+  for (const auto& entry : table.entries()) ordered.push_back(&entry);
+  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return a->id % kTableBuckets < b->id % kTableBuckets;
+  });
+  return ordered;
+}
+
+void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
+  std::vector<uint32_t> first;
+  std::vector<uint32_t> last;
+  std::vector<int32_t> stride;
+  for (const PAL_Triplet& triplet : list) {
+    first.push_back(static_cast<uint32_t>(triplet.first));
+    last.push_back(static_cast<uint32_t>(triplet.last));
+    stride.push_back(triplet.stride);
+  }
+  KLT_Write<73>(&writer, nullptr, id, static_cast<uint32_t>(list.size()), first.data(), last.data(),
+                stride.data());
+}
+
+// The list of all threads; none if no thread has a component.
+PAL_Triplets allThreads(const KLT_WFileHandle& writer) {
+  std::vector<int32_t> threads;
+  for (const auto& [thread, list] : writer.listIds) threads.push_back(static_cast<int32_t>(thread));
+  return PAL_TripletsCompress(threads, true);
+}
+
+bool isDeclared(const KLT_WriteContext& context) {
+  return context.fileId != 0 && context.opened && !context.data.lost;
+}
+
+void writeStructure(KLT_WFileHandle& writer) {
+  KLT_WFileHandle* w = &writer;
+  const PAL_Triplets all = allThreads(writer);
+  if (!all.empty()) writer.willyLists.insert(kAllThreadsList, all);
+  const uint32_t allId = all.empty() ? 0 : kAllThreadsList;
+  for (const auto& context : writer.contexts) {
+    if (isDeclared(*context)) {
+      KLT_Write<33>(w, nullptr, context->fileId, context->filetype, context->suffix.c_str());
+    }
+  }
+  for (const auto* entry : inTableOrder(writer.strings)) {
+    KLT_Write<69>(w, nullptr, entry->id, entry->value.c_str());
+  }
+  for (const auto* entry : inTableOrder(writer.willyLists)) {
+    writeList(writer, entry->id, entry->value);
+  }
+  for (const auto& context : writer.contexts) {
+    if (context->categories == klt::kStatistics) {
+      KLT_Write<10>(w, nullptr, uint32_t{0}, context->fileId, klt::kStatistics, allId);
+    } else if (context->anchorId != 0 && isDeclared(*context)) {
+      const uint32_t list = context->listId != 0 ? context->listId : allId;
+      KLT_Write<33>(w, nullptr, context->anchorId, uint32_t{1}, context->suffix.c_str());
+      KLT_Write<10>(w, nullptr, context->anchorId, context->fileId, context->categories, list);
+    }
+  }
+}
+
+}  // namespace
+
+const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
+  // What belongs to the components must have reached them before the index names them.
+  for (const auto& context : writer.contexts) {
+    KLT_FlushContext(writer, *context, true, false);
+    KLT_FlushContext(writer, *context, false, false);
+  }
+  KLT_WriteContext* index = KLT_CreateContext(writer, klt::kInternal, nullptr);
+  index->data.file = writer.indexFile;
+  index->opened = true;
+  writer.indexFile = nullptr;
+  writer.byThread[static_cast<size_t>(__builtin_ctz(klt::kInternal))].insert(1, index);
+  const std::array<uint8_t, 11> header = {
+      'K', 'L', 'T', 0x40, 0, 0, 0, static_cast<uint8_t>(writer.flags), 0, 0, 0x14};
+  uint8_t* to = index->reserve(writer, header.size());
+  if (to == nullptr) return "Could not create write context";
+  std::copy(header.begin(), header.end(), to);
+  index->dataUsed += header.size();
+  if (!putLayouts(writer, *index)) return "Writing record layout failed.";
+  writeStructure(writer);
+  KLT_CloseContext(writer, *index);
+  return nullptr;
+}
