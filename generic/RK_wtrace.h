@@ -7,9 +7,13 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "generic/RK_output.h"
 
+struct KLT_FileIdentity;
+struct KLT_StatsParameters;
 struct KLT_WFileHandle;
 
 struct RK_Sink {
@@ -18,11 +22,21 @@ struct RK_Sink {
   int32_t timeShift = 0;              // bits by which internal time is shifted right for text
   KLT_WFileHandle* writer = nullptr;  // kind 1
   std::string name;
+  std::unordered_set<uint32_t> definedFiles;  // kind 1: ids of the files defined so far
 };
 
 // A text sink on the file `name`, opened from the directory that the configuration sets, or on
 // standard output for "-". `kind` is 0. Null if the file can't be opened.
 [[nodiscard]] RK_Sink* RK_SinkOpenAscii(const char* name, int32_t kind);
+
+// The writer of a binary trace `name` in the form that the configuration sets; "-" is standard
+// output, for the single-file form alone. Files in `untouchable` stay as they are. Null after a
+// report if it can't be created.
+[[nodiscard]] KLT_WFileHandle* RK_OpenWriter(const char* name,
+                                             const KLT_StatsParameters& parameters,
+                                             std::vector<KLT_FileIdentity> untouchable);
+// A binary sink on `writer`, which it then owns; null for null.
+[[nodiscard]] RK_Sink* RK_SinkOpenKlt(KLT_WFileHandle* writer, const char* name);
 
 // Completes the output and frees the sink; null is ignored. The second argument is 0. Returns 0, or
 // 1 if the output has failed.

@@ -6,6 +6,7 @@
 #include "generic/RK_conf.h"
 #include "generic/RK_rkf.h"
 #include "generic/RK_wtrace.h"
+#include "generic/kltt_binary.h"
 #include "generic/kltt_context.h"
 #include "generic/kltt_events.h"
 #include "generic/kltt_exit.h"
@@ -70,11 +71,40 @@ const uint32_t* matchedSizes(KLTT_Context& context, const Collop& op,
   return sizes.data();
 }
 
+// The record of the operation's own kind, which may differ from the one read.
+int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Collop& op,
+              const KLTT_MemberList& members, uint32_t kind, uint64_t internalTime) {
+  std::vector<uint64_t> starts;
+  std::vector<uint64_t> deltas;
+  for (uint32_t i = 0; i < op.n; ++i) {
+    const uint64_t rawStart = op.time + op.starts[i];
+    const uint64_t start = op.tookPart(i) ? KLTT_InternalTime(context, rawStart) : 0;
+    starts.push_back(op.tookPart(i) ? start - internalTime : kNoStart);
+    deltas.push_back(op.tookPart(i) ? KLTT_InternalTime(context, rawStart + op.deltas[i]) - start
+                                    : op.deltas[i]);
+  }
+  // Only the form that has a root takes the root's size from a record of that form.
+  enum : uint32_t { kOneToAll = 1, kAllToOne = 2 };
+  uint32_t rootBytes = 0;
+  if (kind == kOneToAll && op.sentFrom == Sizes::kAtRoot) rootBytes = op.rootBytes;
+  if (kind == kAllToOne && op.receivedFrom == Sizes::kAtRoot) rootBytes = op.rootBytes;
+  return KLTT_PutOperationRecord(
+      writer, kind,
+      {internalTime, op.communicator, op.type, op.n, starts.data(), deltas.data(),
+       op.rooted ? op.root : kAbsent, rootBytes,
+       matchedSizes(context, op, members, op.sentFrom, op.sent),
+       matchedSizes(context, op, members, op.receivedFrom, op.received), op.scls});
+}
+
 int writeMatched(KLTT_Context& context, const Collop& op, const KLTT_MemberList& members,
                  uint64_t internalTime) {
   const KLTT_Named* operation = context.collops.find(op.type);
+  if (operation == nullptr) return 0;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return putRecord(context, writer, op, members, operation->extra, internalTime);
+  }
   RK_Output* text = KLTT_Text(context);
-  if (operation == nullptr || text == nullptr) return 0;
+  if (text == nullptr) return 0;
   const uint32_t* sent = matchedSizes(context, op, members, op.sentFrom, op.sent);
   const uint32_t* received = matchedSizes(context, op, members, op.receivedFrom, op.received);
   return RK_WriteCollOp(text, RK_SinkTime(context.sink, internalTime), operation->extra, op.type,

@@ -59,6 +59,7 @@ struct KLTT_Context {
 
   // Room for the arrays of one record.
   std::vector<uint32_t> scratchBytes;
+  std::vector<uint32_t> scratchMembers;
   std::vector<uint8_t> scratchTypes;
 };
 

@@ -6,6 +6,7 @@
 
 #include "generic/RK_rkf.h"
 #include "generic/RK_wtrace.h"
+#include "generic/kltt_binary.h"
 #include "generic/kltt_exit.h"
 #include "util/pal_error.h"
 
@@ -51,6 +52,15 @@ int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& 
 }
 
 int writeFront(KLTT_Context& context) {
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    // Messages and operations go to a binary trace as they come: only comments wait.
+    const KLTT_Delayed& node = context.pending.front();
+    if (node.kind == KLTT_DelayedKind::kComment &&
+        KLTT_PutComment(writer, context.pending.nextTime(), node.gtp,
+                        context.pending.text(node).c_str()) != 0) {
+      return 1;
+    }
+  }
   if (RK_Output* text = KLTT_Text(context)) {
     const uint64_t time = context.pending.nextTime();
     if (writeNode(context, text, context.pending.front(), time) != 0) return 1;
@@ -65,6 +75,9 @@ int enter(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, ui
   if (context.functions.indexOf(function) == 0) [[unlikely]]
     KLTT_Fatal("undefined function #%d", static_cast<int>(function));
   RK_FrameEnter(willy, function);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutEnterFunction(writer, internalTime, willy.gtp, function, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, true, function,
@@ -74,6 +87,9 @@ int enter(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, ui
 // REQUIRES: a call is open on `willy`.
 int leave(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, uint32_t scl) {
   const uint32_t function = RK_FrameLeave(willy);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutLeaveFunction(writer, internalTime, willy.gtp, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, false, function,
@@ -82,6 +98,9 @@ int leave(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, ui
 
 int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, const RK_ScopeFrame& scope,
              uint32_t scl) {
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutLeaveScope(writer, internalTime, gtp, scope.scope, scope.seqnr, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteEndScope(text, KLTT_ShownTime(context, internalTime), gtp, scope.scope,
@@ -187,6 +206,9 @@ int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
   RK_WillyHashGet(context.willys, gtp)
       .scopes.push_back(RK_ScopeFrame{.scope = scope, .seqnr = seqnr});
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutEnterScope(writer, internalTime, gtp, scope, seqnr, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteBeginScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
@@ -212,6 +234,9 @@ int KLTT_Comment(void* user, uint64_t time, uint32_t gtp, const char* text) {
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutComment(writer, internalTime, gtp, text);
+  }
   RK_Output* out = KLTT_Text(context);
   if (out == nullptr) return 0;
   return RK_SinkComment(out, KLTT_ShownTime(context, internalTime), gtp, text);
@@ -222,6 +247,9 @@ int KLTT_OpaqueData(void* user, uint64_t time, uint32_t gtp, uint32_t size, cons
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutOpaque(writer, internalTime, gtp, size, data, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteOpaque(text, KLTT_ShownTime(context, internalTime), gtp, size, data, scl);
@@ -232,6 +260,9 @@ int KLTT_FileIoBegin(void* user, uint64_t time, uint32_t gtp, uint32_t operation
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutFileIo(writer, true, internalTime, gtp, operation, file, bytes, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteFileIoBegin(text, KLTT_ShownTime(context, internalTime), operation, gtp, file,
@@ -243,6 +274,9 @@ int KLTT_FileIoEnd(void* user, uint64_t time, uint32_t gtp, uint32_t operation, 
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutFileIo(writer, false, internalTime, gtp, operation, file, bytes, scl);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteFileIoEnd(text, KLTT_ShownTime(context, internalTime), operation, gtp, file, bytes,
@@ -263,6 +297,9 @@ int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
     types[i] = (counter->flags & 1) != 0 ? 1 : 2;
   }
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutSamples(writer, internalTime, gtp, count, counters, values);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteSamps(text, KLTT_ShownTime(context, internalTime), gtp, count, counters,

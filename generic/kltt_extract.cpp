@@ -1,6 +1,7 @@
 // Extraction passes. See kltt_extract.h.
 #include "generic/kltt_extract.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "generic/kltt_context.h"
 #include "generic/kltt_events.h"
 #include "generic/kltt_exit.h"
+#include "generic/kltt_guard.h"
 #include "generic/kltt_messages.h"
 #include "generic/kltt_print.h"
 #include "generic/kltt_requests.h"
@@ -18,6 +20,8 @@
 #include "generic/kltt_unavailable.h"
 #include "klt/klt.h"
 #include "klt/klt_handlers.h"
+#include "klt/klt_intern.h"
+#include "klt/klt_write.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -124,15 +128,26 @@ void refuseUnavailable() {
   if (RK_conf.print_statistics != 0) KLTT_Unavailable("--print-statistics");
   if (RK_conf.print_reports != 0) KLTT_Unavailable("--print-reports");
   if (RK_conf.perftest != 0) KLTT_Unavailable("--perftest");
-  if (RK_conf.logfile_name_set && RK_conf.output_format != 0)
-    KLTT_Unavailable("writing a binary trace");
 }
 
 // The sink that the options ask for; null if they ask for none. Ends the process if it can't be
 // opened.
-RK_Sink* openSink(const KLTT_Context& context) {
+RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
   if (!RK_conf.logfile_name_set || RK_conf.remove != 0 || RK_conf.move != 0) return nullptr;
-  RK_Sink* sink = RK_SinkOpenAscii(RK_conf.logfile_name.c_str(), 0);
+  const char* name = RK_conf.logfile_name.c_str();
+  RK_Sink* sink = nullptr;
+  if (RK_conf.output_format == 0) {
+    sink = RK_SinkOpenAscii(name, 0);
+  } else {
+    if (handle->flags & 1) {
+      PAL_Warning("raw events of %s are not extracted, merge the trace first",
+                  PAL_Printable(handle->base).c_str());
+    }
+    // What the profiles see are internal times.
+    const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
+                                         std::min(context.eventBits, KLTT_INTERNAL_EVENT_BITS)};
+    sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle)), name);
+  }
   if (sink == nullptr) {
     std::fprintf(stderr, "Could not open file %s for writing.\n",
                  PAL_Printable(RK_conf.logfile_name).c_str());
@@ -166,13 +181,13 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
   passes.run(KLT_MODE_DEFINITIONS, table, {});
 
-  RK_Sink* sink = openSink(context);
+  RK_Sink* sink = openSink(handle, context);
   context.sink = sink;
   KLTT_InitHandlers(table, context,
                     KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
   passes.run(KLT_MODE_DEFINITIONS, table, {});
   if (sink == nullptr) return passes.status();
-  RK_OutputFlush(sink->output);
+  if (sink->output != nullptr) RK_OutputFlush(sink->output);
 
   passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context));
   KLTT_DrainDelayed(context);

@@ -10,6 +10,7 @@
 
 #include "generic/kltt_exit.h"
 #include "klt/klt_intern.h"
+#include "klt/klt_write.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -43,4 +44,17 @@ void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {
   if (!KLTT_OutputIsInput(handle, name)) return;
   std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(name).c_str());
   KLTT_Exit(1);
+}
+
+std::vector<KLT_FileIdentity> KLTT_InputFiles(const KLT_FileHandle* handle) {
+  std::vector<KLT_FileIdentity> files;
+  const auto add = [&files](const std::string& name) {
+    struct stat found {};
+    if (stat(name.c_str(), &found) == 0) files.push_back({found.st_dev, found.st_ino});
+  };
+  add(KLT_ComponentName(*handle, handle->indexEntry, false));
+  for (const auto& entry : handle->files.entries()) {
+    for (const bool anchors : {false, true}) add(KLT_ComponentName(*handle, *entry.value, anchors));
+  }
+  return files;
 }

@@ -4,7 +4,10 @@
 // read. Files are compared by what they are, before anything is opened for writing.
 #pragma once
 
+#include <vector>
+
 struct KLT_FileHandle;
+struct KLT_FileIdentity;
 
 // Whether `name` is the index or container of the open trace, or one of its components, by device
 // and inode. "-" stands for what standard output leads to. A file that doesn't exist is none of
@@ -13,3 +16,6 @@ struct KLT_FileHandle;
 
 // Ends the process with status 1, as for an output that can't be opened, if `name` is the input.
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name);
+
+// The files that the trace consists of, those that are there.
+[[nodiscard]] std::vector<KLT_FileIdentity> KLTT_InputFiles(const KLT_FileHandle* handle);

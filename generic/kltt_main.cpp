@@ -252,6 +252,7 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
 
 int main(int argc, char** argv) {
   occupyStandardDescriptors();
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write, reported as such
   const int32_t serial = deliveryOrder();
   PAL_messages.programName = "klttool";
   PAL_MemInit();

@@ -5,6 +5,7 @@
 
 #include "generic/RK_conf.h"
 #include "generic/RK_rkf.h"
+#include "generic/kltt_binary.h"
 #include "generic/kltt_context.h"
 #include "generic/kltt_events.h"
 
@@ -38,7 +39,21 @@ struct Message {
   }
 };
 
+// A record keeps its own time, whichever side that is; only its span becomes internal.
+int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Message& m) {
+  const uint64_t time = KLTT_InternalTime(context, m.time);
+  int64_t span = m.delta;
+  if (!m.sendUnknown() && !m.receiveUnknown()) {
+    const auto distance = static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - time);
+    span = m.delta < 0 ? -distance : distance;
+  }
+  return KLTT_PutMessage(writer, {time, m.sender, span, m.receiver, m.communicator, m.size, m.tag,
+                                  m.senderScl, m.receiverScl, m.senderChecksum, m.receiverChecksum,
+                                  m.senderFunction, m.receiverFunction});
+}
+
 int writeMatched(KLTT_Context& context, const Message& m) {
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) return putRecord(context, writer, m);
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   const uint64_t ownShown = KLTT_ShownTime(context, KLTT_InternalTime(context, m.time));

@@ -9,6 +9,7 @@
 
 #include "generic/RK_rkf.h"
 #include "generic/RK_wtrace.h"
+#include "generic/kltt_binary.h"
 #include "generic/kltt_context.h"
 #include "generic/kltt_events.h"
 #include "generic/kltt_exit.h"
@@ -60,6 +61,18 @@ const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t
   return communicator->members;
 }
 
+const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator, size_t* count) {
+  KLTT_Context& own = contextOf(context);
+  const KLTT_Communicator* found = own.communicators.find(communicator);
+  if (found == nullptr) return nullptr;
+  std::vector<uint32_t>& gtps = own.scratchMembers;
+  gtps.clear();
+  KLTT_MemberList::Cursor member(found->members);
+  for (uint32_t gtp = 0; member.next(&gtp);) gtps.push_back(gtp);
+  *count = gtps.size();
+  return gtps.data();
+}
+
 int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
   KLTT_Context& context = contextOf(user);
   context.numProcesses = n;
@@ -67,6 +80,9 @@ int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
   context.totalThreads = 0;
   for (const uint32_t count : context.threadCounts) context.totalThreads += count;
 
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutProcesses(writer, context.threadCounts);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   const uint32_t shownTotal = static_cast<uint32_t>(context.totalThreads);
@@ -76,7 +92,11 @@ int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
 }
 
 int KLTT_WillyName(void* user, uint32_t gtp, const char* name) {
-  RK_Output* text = KLTT_Text(contextOf(user));
+  KLTT_Context& context = contextOf(user);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutWillyName(writer, gtp, name);
+  }
+  RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteCpuSym(text, gtp, name);
 }
 
@@ -101,6 +121,9 @@ int KLTT_ClockResolution(void* user, double resolution, uint32_t eventBits) {
   context.counterMask = (uint64_t{1} << context.eventBits) - 1;
   context.clockPeriod = std::ldexp(resolution, static_cast<int>(context.eventBits));
   context.ticksPerSecond = 1 / context.clockPeriod;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutClock(writer, resolution, context.eventBits);
+  }
   RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteClock(text, resolution, eventBits);
 }
@@ -109,6 +132,10 @@ int KLTT_Duration(void* user, uint64_t start, uint64_t end) {
   KLTT_Context& context = contextOf(user);
   context.startTime = static_cast<int64_t>(start);
   context.endTime = static_cast<int64_t>(end);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutDuration(writer, KLTT_InternalTime(context, start),
+                            KLTT_InternalTime(context, end));
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteDuration(text, RK_SinkTime(context.sink, KLTT_InternalTime(context, start)),
@@ -122,6 +149,9 @@ int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* 
   if (KLTT_TableInsert(context.classes, id, full.c_str(), parent) == 0) {
     KLTT_Fatal("duplicate class def: %d = %s", static_cast<int>(id),
                printable(full.c_str()).c_str());
+  }
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutClass(writer, id, full.c_str(), nameSelf, parent);
   }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
@@ -139,6 +169,9 @@ int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t 
     KLTT_Fatal("function def record with an undefined class id");
   }
   KLTT_TableInsert(context.functions, id, name, classId);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutFunction(writer, id, name, classId);
+  }
   RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteState(text, id, classId, name);
 }
@@ -151,6 +184,9 @@ int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t cla
   }
   if (context.classes.indexOf(classId) == 0) {
     KLTT_Fatal("scope def record with an undefined class id");
+  }
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutScope(writer, id, name, classId, startScl, endScl);
   }
   RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteScope(text, id, classId, name, startScl, endScl);
@@ -171,6 +207,9 @@ int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint3
 int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {
   KLTT_Context& context = contextOf(user);
   KLTT_TableInsert(context.collops, id, name, kind);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutOperation(writer, id, name, kind);
+  }
   RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteGlobalOpToken(text, id, name);
 }
@@ -180,6 +219,9 @@ int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t f
                            const char* unit) {
   KLTT_Context& context = contextOf(user);
   if (KLTT_Counter* counter = context.counters.insert(id)) counter->flags = flags;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutCounter(writer, id, name, flags, bounds, gtp, classId, unit);
+  }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   return RK_WriteSamp(text, id, classId, gtp, flags, bounds, name, unit);
@@ -187,7 +229,11 @@ int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t f
 
 int KLTT_GroupDefinition(void* user, uint32_t id, const char* name, uint32_t count,
                          const uint32_t* members) {
-  RK_Output* text = KLTT_Text(contextOf(user));
+  KLTT_Context& context = contextOf(user);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutGroup(writer, id, name, {members, count});
+  }
+  RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteGroup(text, id, name, {members, count});
 }
 
@@ -198,14 +244,22 @@ int KLTT_FileDefinition(void* user, uint32_t id, const char* name) {
 }
 
 int KLTT_SclDefinition(void* user, uint32_t id, uint32_t n, const uint32_t* files,
-                       const uint32_t* lines, const char* const* /*symbols*/,
-                       const char* const* /*objects*/) {
-  RK_Output* text = KLTT_Text(contextOf(user));
+                       const uint32_t* lines, const char* const* symbols,
+                       const char* const* objects) {
+  KLTT_Context& context = contextOf(user);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutScl(writer, id, n, files, lines, symbols, objects);
+  }
+  RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteScl(text, id, n, files, lines);
 }
 
 int KLTT_FileIoFileDefinition(void* user, uint32_t id, uint32_t communicator, const char* name) {
-  RK_Output* text = KLTT_Text(contextOf(user));
+  KLTT_Context& context = contextOf(user);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutIoFile(writer, id, communicator, name);
+  }
+  RK_Output* text = KLTT_Text(context);
   return text == nullptr ? 0 : RK_WriteIoFile(text, id, communicator, name);
 }
 

@@ -17,6 +17,11 @@ class KLTT_MemberList;
 const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
                                            const char* record);
 
+// The members of a communicator for the profiles of a writer; null if it isn't defined. `context`
+// is the driver's. Valid until the next call.
+[[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
+                                                   size_t* count);
+
 int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads);
 int KLTT_WillyName(void* user, uint32_t gtp, const char* name);
 int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const char* ip,
