@@ -83,7 +83,10 @@ class PassRunner {
     if (reader == nullptr) judge(KLT_STATUS_ABORTING);
     judge(KLT_ReaderStatus(reader));
     int result = 0;
-    while ((result = KLT_ReadEvents(reader, -1)) != KLT_STATUS_FINISHED) judge(result);
+    while ((result = KLT_ReadEvents(reader, -1)) != KLT_STATUS_FINISHED) {
+      const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
+      judge(lastFailed ? KLT_STATUS_ABORTING : result);
+    }
     if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
     KLT_CloseReader(reader);
   }

@@ -46,6 +46,8 @@ void KLT_CloseReader(KLT_Reader* reader);
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs);
 // The last result.
 [[nodiscard]] int KLT_ReaderStatus(const KLT_Reader* reader);
+// Whether streams are left to read, for the result that doesn't tell.
+[[nodiscard]] bool KLT_ReaderHasStreams(const KLT_Reader* reader);
 // From 0 to 1.
 [[nodiscard]] double KLT_Progress(const KLT_Reader* reader);
 // A stream of this reader or the trace's index ended ahead of its end, as reported, without a

@@ -192,6 +192,8 @@ int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
 
 int KLT_ReaderStatus(const KLT_Reader* reader) { return reader->status; }
 
+bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.empty(); }
+
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
