@@ -1,3 +1,4 @@
+// Inflating and deflating components with zlib. See klt_compress.h for the format.
 #include "klt/klt_compress.h"
 
 #include <zlib.h>

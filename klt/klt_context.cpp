@@ -1,3 +1,4 @@
+// Keeping what was going on in each thread. See klt_context.h.
 #include "klt/klt_context.h"
 
 #include <algorithm>

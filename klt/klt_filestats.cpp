@@ -1,3 +1,4 @@
+// Profiles made while a trace is written. See klt_filestats.h.
 #include "klt/klt_filestats.h"
 
 #include <algorithm>

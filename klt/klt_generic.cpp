@@ -1,3 +1,4 @@
+// Mapping stored layouts onto rows and reading records by them. See klt_generic.h.
 #include "klt/klt_generic.h"
 
 #include <bit>

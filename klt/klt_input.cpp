@@ -1,3 +1,4 @@
+// Buffered bytes of a component. See klt_input.h.
 #include "klt/klt_input.h"
 
 #include <cerrno>

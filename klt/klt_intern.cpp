@@ -1,3 +1,4 @@
+// The tables of an open trace. See klt_intern.h.
 #include "klt/klt_intern.h"
 
 #include <algorithm>

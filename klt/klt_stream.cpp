@@ -1,3 +1,4 @@
+// Opening streams and positioning them at their requests. See klt_stream.h.
 #include "klt/klt_stream.h"
 
 #include <cerrno>

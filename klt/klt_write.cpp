@@ -1,3 +1,5 @@
+// Output streams: finding, opening, buffering, flushing and closing them. See klt_write.h; the
+// seek points and the index are klt_write_index's.
 #include "klt/klt_write.h"
 
 #include <fcntl.h>

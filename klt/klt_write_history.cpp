@@ -1,3 +1,4 @@
+// What a writer remembers for its seek points. See klt_write_history.h.
 #include "klt/klt_write_history.h"
 
 #include <algorithm>
