@@ -30,13 +30,11 @@ namespace klt {
 
 // Number of the longest row with this name.
 constexpr int longestRow(std::string_view name) {
-  int best = 0;
+  const KLT_Row* best = nullptr;
   for (const KLT_Row& row : kKltRows) {
-    if (row.name == name && (best == 0 || row.numFields >= kKltRows[best - 1].numFields)) {
-      best = row.number;
-    }
+    if (row.name == name && (best == nullptr || row.numFields >= best->numFields)) best = &row;
   }
-  return best;
+  return best == nullptr ? 0 : best->number;
 }
 
 // What a field becomes in an argument list.

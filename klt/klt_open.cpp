@@ -50,7 +50,7 @@ bool acceptHeader(KLT_FileHandle& handle, size_t bytes) {
 
 bool genericOnlyAsked() {
   const char* value = std::getenv("KLT_GENERIC_ONLY");
-  return value != nullptr && std::atoi(value) != 0;
+  return value != nullptr && std::strtol(value, nullptr, 10) != 0;
 }
 
 // --- streams ------------------------------------------------------------------------------------
