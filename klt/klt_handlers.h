@@ -30,11 +30,14 @@ namespace klt {
 
 // Number of the longest row with this name.
 constexpr int longestRow(std::string_view name) {
-  const KLT_Row* best = nullptr;
+  int best = 0;
+  unsigned fields = 0;
   for (const KLT_Row& row : kKltRows) {
-    if (row.name == name && (best == nullptr || row.numFields >= best->numFields)) best = &row;
+    if (row.name != name || row.numFields < fields) continue;
+    best = row.number;
+    fields = row.numFields;
   }
-  return best == nullptr ? 0 : best->number;
+  return best;
 }
 
 // What a field becomes in an argument list.
