@@ -112,6 +112,7 @@ class AnchorWriter {
 }  // namespace
 
 const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  if (context.anchors.lost) return nullptr;  // told when it was lost
   const std::vector<KLT_WillyHistory*> willies = context.history.ordered();
   for (KLT_WillyHistory* willy : willies) willy->offsets.prune(context.outputTime);
   // A seek point that tells more than the data it saves reading waits for the next boundary.
