@@ -99,10 +99,14 @@ const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle) {
   return nullptr;
 }
 
-std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
-                              bool anchors) {
-  std::string name = handle.base;
+std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file, bool anchors) {
+  std::string name = base;
   if (!file.suffix.empty()) name += '.' + file.suffix;
   if (anchors) name += ".anc";
   return name;
+}
+
+std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
+                              bool anchors) {
+  return KLT_ComponentName(handle.base, file, anchors);
 }

@@ -111,5 +111,7 @@ void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t data
 [[nodiscard]] const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle);
 
 // File name of a component: the base name, a dot and the suffix, ".anc" behind it for anchors.
+[[nodiscard]] std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file,
+                                            bool anchors);
 [[nodiscard]] std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
                                             bool anchors);
