@@ -2,6 +2,7 @@
 #include "generic/RK_output.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr int kStandardOutput = 1;
 constexpr mode_t kFileMode = 0666;
 
 // Outputs that are open, in the order of opening. Never destroyed: the process may end anywhere.
@@ -44,6 +44,12 @@ RK_Output* enterOutput(std::unique_ptr<RK_Output> output) {
   return output.release();
 }
 
+RK_Output* openStandard(const char* name, int descriptor) {
+  std::unique_ptr<RK_Output> output = makeOutput(name);
+  output->standard = descriptor;
+  return enterOutput(std::move(output));
+}
+
 // Reports the first failure, by errno.
 void fail(RK_Output* output) {
   if (output->failed) return;
@@ -56,7 +62,7 @@ void fail(RK_Output* output) {
 void writeBytes(RK_Output* output, size_t bytes) {
   if (output->failed || bytes == 0) return;
   errno = 0;
-  if (output->vfd < 0) output->vfd = Vfd_Adopt(kStandardOutput);
+  if (output->vfd < 0) output->vfd = Vfd_Adopt(output->standard);
   if (output->vfd < 0 || Vfd_WriteFully(output->vfd, output->buffer.get(), bytes) < bytes) {
     fail(output);
   }
@@ -72,7 +78,12 @@ void complete(RK_Output* output) {
 }  // namespace
 
 RK_Output* RK_Stdout() {
-  static RK_Output* const output = enterOutput(makeOutput("stdout"));
+  static RK_Output* const output = openStandard("stdout", STDOUT_FILENO);
+  return output;
+}
+
+RK_Output* RK_Stderr() {
+  static RK_Output* const output = openStandard("stderr", STDERR_FILENO);
   return output;
 }
 
@@ -96,7 +107,7 @@ int RK_OutputFlush(RK_Output* output) {
 int RK_OutputClose(RK_Output* output) {
   complete(output);
   const int failed = output->failed;
-  if (output != RK_Stdout()) {
+  if (output->standard < 0) {
     std::erase(registry().open, output);
     delete output;
   }

@@ -21,12 +21,16 @@ struct RK_Output {
   char* limit = nullptr;  // buffer + kBlock; kSlack bytes follow it
   std::unique_ptr<char[]> buffer;
   std::string name;     // "stdout" or the file's name, for the message
-  int vfd = -1;         // virtual descriptor; -1 for standard output
+  int vfd = -1;         // virtual descriptor; -1 while there is none
+  int standard = -1;    // the standard descriptor that it stands for, -1 if it is a file
   bool failed = false;  // a write, flush or close failed
 };
 
 // The process's standard output. Lives to the end of the process.
 [[nodiscard]] RK_Output* RK_Stdout();
+// Standard error as a place for listings while standard output carries a trace. Buffered like the
+// others, so messages don't go through it.
+[[nodiscard]] RK_Output* RK_Stderr();
 
 // Creates or empties a file, its path taken from `directory` (null: the working directory). Null if
 // that fails, with errno. To be closed with RK_OutputClose.
@@ -35,7 +39,7 @@ struct RK_Output {
 // Hands over what is buffered. 0, or 1 if the output has failed, now or earlier.
 int RK_OutputFlush(RK_Output* output);
 
-// Flushes, closes and frees. 0, or 1 if the output has failed. Standard output stays usable.
+// Flushes, closes and frees. 0, or 1 if the output has failed. Standard ones stay usable.
 int RK_OutputClose(RK_Output* output);
 
 // Closes every open output as RK_OutputClose does, for the end of the process. 0, or 1 if any

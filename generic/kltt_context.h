@@ -48,6 +48,7 @@ struct KLTT_Context {
   KLTT_Table<KLTT_Named> classes;    // name: the full name; extra: the parent
   KLTT_Table<KLTT_Named> functions;  // extra: the class
   KLTT_Table<KLTT_Named> collops;    // extra: the kind, 1 one-to-all to 4 all
+  KLTT_Table<KLTT_Named> statistics;
 
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
@@ -56,6 +57,12 @@ struct KLTT_Context {
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
   RK_WillyHash willys;
+
+  // Listings, and which of their header lines have been written.
+  RK_Output* listing = RK_Stdout();
+  bool functionHeader = false;
+  bool messageHeader = false;
+  bool collectiveHeader = false;
 
   // Room for the arrays of one record.
   std::vector<uint32_t> scratchBytes;

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
+#include <utility>
 #include <vector>
 
 #include "generic/RK_conf.h"
@@ -53,6 +53,15 @@ void setTraceHandlers(KLT_HandlerTable& table) {
   table.all_communication = &KLTT_AllCommunication;
 }
 
+void setStatisticsHandlers(KLT_HandlerTable& table) {
+  table.custom_statistics_definition = &KLTT_CustomStatisticsDefinition;
+  table.custom_statistics = &KLTT_CustomStatistics;
+  table.function_profile = &KLTT_FunctionProfile;
+  table.onetoone_profile = &KLTT_OneToOneProfile;
+  table.collop_profile = &KLTT_CollopProfile;
+  table.lw_statistics = &KLTT_LwStatistics;
+}
+
 void setEventHandlers(KLT_HandlerTable& table) {
   table.comment = &KLTT_Comment;
   table.counter_value = &KLTT_CounterValue;
@@ -70,16 +79,22 @@ void setEventHandlers(KLT_HandlerTable& table) {
 // Steps readers to their end and keeps the exit status that comes of it.
 class PassRunner {
  public:
-  PassRunner(KLT_FileHandle* handle, int serial, const KLTT_Context& context)
-      : handle_(handle), serial_(serial), context_(context) {}
+  PassRunner(KLT_FileHandle* handle, const KLTT_Context& context)
+      : handle_(handle), context_(context) {}
 
   [[nodiscard]] int status() const { return status_; }
 
-  void run(int mode, const KLT_HandlerTable& table, const std::vector<KLT_Request>& requests) {
+  // An output that lacks something is a failure, unless a worse one is known.
+  void noteOutput(bool complete) {
+    if (!complete && status_ == 0) status_ = 1;
+  }
+
+  void run(int mode, const KLT_HandlerTable& table, const std::vector<KLT_Request>& requests,
+           int serial) {
     std::vector<const KLT_Request*> pointers;
     for (const KLT_Request& request : requests) pointers.push_back(&request);
     KLT_Reader* reader = KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
-                                        pointers.data(), &table, serial_);
+                                        pointers.data(), &table, serial);
     if (reader == nullptr) judge(KLT_STATUS_ABORTING);
     judge(KLT_ReaderStatus(reader));
     int result = 0;
@@ -116,22 +131,13 @@ class PassRunner {
 
   [[nodiscard]] bool outputFailed() const {
     const RK_Output* text = KLTT_Text(context_);
-    return RK_OutputFailed(RK_Stdout()) || (text != nullptr && RK_OutputFailed(text));
+    return RK_OutputFailed(context_.listing) || (text != nullptr && RK_OutputFailed(text));
   }
 
   KLT_FileHandle* handle_;
-  int serial_;
   const KLTT_Context& context_;
   int status_ = 0;
 };
-
-// What the options ask for and this build can't do.
-void refuseUnavailable() {
-  if (RK_conf.print_threads != 0) KLTT_Unavailable("--print-threads");
-  if (RK_conf.print_statistics != 0) KLTT_Unavailable("--print-statistics");
-  if (RK_conf.print_reports != 0) KLTT_Unavailable("--print-reports");
-  if (RK_conf.perftest != 0) KLTT_Unavailable("--perftest");
-}
 
 // The sink that the options ask for; null if they ask for none. Ends the process if it can't be
 // opened.
@@ -156,9 +162,38 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
                  PAL_Printable(RK_conf.logfile_name).c_str());
     KLTT_Exit(1);
   }
-  sink->timeShift =
-      static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
+  // Definitions alone show internal time.
+  if (RK_conf.print_statistics == 0) {
+    sink->timeShift =
+        static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
+  }
+  // A listing must not get into a trace.
+  if (sink->kind == 1 && sink->name == "-") context.listing = RK_Stderr();
   return sink;
+}
+
+// Completes the output, if there is one. False if it isn't what it should be.
+bool closeSink(KLTT_Context& context) {
+  return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
+}
+
+void listThreads(PassRunner& passes, KLTT_Context& context) {
+  KLT_HandlerTable table;
+  table.user_data = &context;
+  table.willy_definition = &KLTT_ListThread;
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, 1);
+}
+
+// Statistics or reports, by the handlers that print since there is no sink; `table` is that of the
+// definition pass.
+void list(PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
+  KLT_Request request;
+  request.categories = klt::kStatistics;
+  if (RK_conf.print_statistics == 0) {
+    request.categories = klt::kErrors;
+    KLTT_InitHandlers(table, context, KLTT_SET_REPORTS);
+  }
+  passes.run(KLT_MODE_EVENTS, table, {request}, serial);
 }
 
 }  // namespace
@@ -167,34 +202,45 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
   table = KLT_HandlerTable{};
   table.user_data = &context;
   if ((sets & KLTT_SET_TRACE) != 0) setTraceHandlers(table);
+  if ((sets & KLTT_SET_STATISTICS) != 0) setStatisticsHandlers(table);
   if ((sets & KLTT_SET_CLOCK) != 0) {
     table.clock_resolution = &KLTT_ClockResolution;
     table.duration = &KLTT_Duration;
   }
   if ((sets & KLTT_SET_PROCESSES) != 0) table.process_declaration = &KLTT_ProcessDeclaration;
   if ((sets & KLTT_SET_EVENTS) != 0) setEventHandlers(table);
+  if ((sets & KLTT_SET_REPORTS) != 0) table.report = &KLTT_Report;
 }
 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
-  refuseUnavailable();
   KLTT_Context context;
   KLT_HandlerTable table;
-  PassRunner passes(handle, serial, context);
+  PassRunner passes(handle, context);
 
   KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
-  passes.run(KLT_MODE_DEFINITIONS, table, {});
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
+  if (RK_conf.print_threads != 0) {
+    listThreads(passes, context);
+    return passes.status();
+  }
 
+  const bool listing = RK_conf.print_statistics != 0 || RK_conf.print_reports != 0;
+  if (!listing && RK_conf.perftest != 0) KLTT_Unavailable("--perftest");
   RK_Sink* sink = openSink(handle, context);
   context.sink = sink;
-  KLTT_InitHandlers(table, context,
-                    KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
-  passes.run(KLT_MODE_DEFINITIONS, table, {});
-  if (sink == nullptr) return passes.status();
-  if (sink->output != nullptr) RK_OutputFlush(sink->output);
+  uint32_t sets = KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES;
+  if (RK_conf.print_statistics != 0) sets |= KLTT_SET_STATISTICS;
+  KLTT_InitHandlers(table, context, sets);
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
+  if (sink != nullptr && sink->output != nullptr) RK_OutputFlush(sink->output);
 
-  passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context));
-  KLTT_DrainDelayed(context);
-  context.sink = nullptr;
-  const bool written = RK_SinkClose(sink, 0) == 0;
-  return passes.status() == 0 && !written ? 1 : passes.status();
+  if (listing) {
+    passes.noteOutput(closeSink(context));
+    list(passes, context, table, serial);
+  } else if (sink != nullptr) {
+    passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context), serial);
+    KLTT_DrainDelayed(context);
+    passes.noteOutput(closeSink(context));
+  }
+  return passes.status();
 }

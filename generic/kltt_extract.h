@@ -13,10 +13,12 @@ struct KLT_FileHandle;
 struct KLT_HandlerTable;
 
 // Sets of handlers, to be combined.
-inline constexpr uint32_t KLTT_SET_TRACE = 0x001;      // definitions, histories, communication
-inline constexpr uint32_t KLTT_SET_CLOCK = 0x010;      // clock resolution, duration
-inline constexpr uint32_t KLTT_SET_PROCESSES = 0x020;  // process declaration
-inline constexpr uint32_t KLTT_SET_EVENTS = 0x100;     // calls, scopes, file I/O, counters, texts
+inline constexpr uint32_t KLTT_SET_TRACE = 0x001;       // definitions, histories, communication
+inline constexpr uint32_t KLTT_SET_STATISTICS = 0x008;  // precomputed statistics
+inline constexpr uint32_t KLTT_SET_CLOCK = 0x010;       // clock resolution, duration
+inline constexpr uint32_t KLTT_SET_PROCESSES = 0x020;   // process declaration
+inline constexpr uint32_t KLTT_SET_EVENTS = 0x100;      // calls, scopes, file I/O, counters, texts
+inline constexpr uint32_t KLTT_SET_REPORTS = 0x200;     // of a message checker
 
 // Clears `table` and fills it with the handlers of `sets`, for `context`.
 void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t sets);

@@ -19,8 +19,11 @@
 #include "generic/kltt_extract.h"
 #include "generic/kltt_guard.h"
 #include "generic/kltt_help.h"
+#include "generic/kltt_print.h"
 #include "generic/kltt_unavailable.h"
 #include "klt/klt.h"
+#include "klt/klt_files.h"
+#include "klt/klt_write_context.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"
@@ -203,16 +206,15 @@ const char* outputDirectory() {
 }
 
 [[noreturn]] void convert(KLT_FileHandle* handle) {
-  KLTT_RefuseInput(handle, RK_conf.logfile_name.c_str());
   if (RK_conf.logfile_name != "-") ignoreBrokenPipes();
   KLTT_Exit(KLT_Convert(handle, outputDirectory(), RK_conf.logfile_name.c_str(),
-                        RK_conf.output_single_file));
+                        RK_conf.output_single_file, KLTT_InputFiles(handle)));
 }
 
 [[noreturn]] void move(KLT_FileHandle* handle) {
   if (!RK_conf.logfile_name_set) failWithoutName("--move <filename>");
   ignoreBrokenPipes();
-  KLTT_Exit(KLT_Move(handle, RK_conf.logfile_name.c_str()));
+  KLTT_Exit(KLT_Move(handle, RK_conf.logfile_name.c_str(), KLTT_InputFiles(handle)));
 }
 
 [[noreturn]] void remove(KLT_FileHandle* handle) {

@@ -11,16 +11,6 @@ struct KLT_FileHandle;
 // Reports "`what` is not available in this build" and ends the process with status 1.
 [[noreturn]] void KLTT_Unavailable(const char* what);
 
-// Lists the files of a trace with their sizes.
-void KLTT_PrintFiles(KLT_FileHandle* handle);
-
-// Operations on the files of a trace; their results are exit statuses. `directory` is where
-// relative names count from, or null; `single` asks for the single-file form.
-[[nodiscard]] int KLT_Move(KLT_FileHandle* handle, const char* target);
-[[nodiscard]] int KLT_Remove(KLT_FileHandle* handle);
-[[nodiscard]] int KLT_Convert(KLT_FileHandle* handle, const char* directory, const char* target,
-                              int single);
-
 // What KLTM_Merge does: flag bits, and its results.
 enum : int { KLTM_SINGLE_FILE = 1, KLTM_DELETE_INPUT = 2, KLTM_MERGE = 4, KLTM_SUMMARY = 8 };
 enum : int {
