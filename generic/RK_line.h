@@ -40,13 +40,39 @@ inline char* RK_PutBelow1e8(char* p, uint32_t value) {
   return p + 8 - skipped;
 }
 
-inline char* RK_PutU64(char* p, uint64_t value) {
-  constexpr uint32_t kSplit = 100000000;
-  if (value < kSplit) return RK_PutBelow1e8(p, static_cast<uint32_t>(value));
-  const uint64_t high = value / kSplit;
-  p = high < kSplit ? RK_PutBelow1e8(p, static_cast<uint32_t>(high)) : RK_PutU64(p, high);
-  RK_StoreEight(p, RK_EightDigits(static_cast<uint32_t>(value % kSplit)) + kEightZeros);
+inline constexpr uint32_t k1e8 = 100000000;
+
+// Eight digits, with leading zeros.
+inline char* RK_PutEight(char* p, uint32_t value) {
+  RK_StoreEight(p, RK_EightDigits(value) + kEightZeros);
   return p + 8;
+}
+
+// Most numbers of a line are small, and a field tends to keep its length from line to line.
+inline char* RK_PutU32(char* p, uint32_t value) {
+  if (value < 100) {
+    // The second digit goes over the first one if that is a zero.
+    const uint32_t tens = value * 103 >> 10;
+    p[0] = static_cast<char>('0' + tens);
+    p += tens != 0;
+    p[0] = static_cast<char>('0' + (value - 10 * tens));
+    return p + 1;
+  }
+  if (value < k1e8) [[likely]] {
+    return RK_PutBelow1e8(p, value);
+  }
+  return RK_PutEight(RK_PutBelow1e8(p, value / k1e8), value % k1e8);
+}
+
+inline char* RK_PutU64(char* p, uint64_t value) {
+  if (value < k1e8) return RK_PutBelow1e8(p, static_cast<uint32_t>(value));
+  const uint64_t high = value / k1e8;
+  const uint32_t low = static_cast<uint32_t>(value % k1e8);
+  if (high < k1e8) [[likely]] {
+    return RK_PutEight(RK_PutBelow1e8(p, static_cast<uint32_t>(high)), low);
+  }
+  p = RK_PutBelow1e8(p, static_cast<uint32_t>(high / k1e8));
+  return RK_PutEight(RK_PutEight(p, static_cast<uint32_t>(high % k1e8)), low);
 }
 
 class RK_Line {
@@ -65,20 +91,25 @@ class RK_Line {
     p_ = RK_PutU64(p_, value);
     return *this;
   }
-  RK_Line& u32(uint32_t value) { return u64(value); }
+  RK_Line& u32(uint32_t value) {
+    p_ = RK_PutU32(p_, value);
+    return *this;
+  }
 
   // Signed readings of the same bits.
   RK_Line& i64(uint64_t value) {
-    const bool negative = value >> 63 != 0;
-    *p_ = '-';
-    p_ += negative;
-    return u64(negative ? 0 - value : value);
+    if (value >> 63) [[unlikely]] {
+      *p_++ = '-';
+      value = 0 - value;
+    }
+    return u64(value);
   }
   RK_Line& i32(uint32_t value) {
-    const bool negative = value >> 31 != 0;
-    *p_ = '-';
-    p_ += negative;
-    return u64(negative ? 0 - value : value);
+    if (value >> 31) [[unlikely]] {
+      *p_++ = '-';
+      value = 0 - value;
+    }
+    return u32(value);
   }
 
   // As %G does.

@@ -132,7 +132,7 @@ std::vector<KLT_Request> randomRequests(std::mt19937& random, size_t count) {
 
 TEST(KltRequestTest, EachInstantSelectsWhatItsRequestsSelectTogether) {
   std::mt19937 random(7);
-  for (size_t round = 0; round < 1500; round++) {
+  for (size_t round = 0; round < 700; round++) {
     const std::vector<KLT_Request> requests =
         randomRequests(random, round % 50 ? 2 + round % 9 : 90);
     std::vector<const KLT_Request*> pointers;

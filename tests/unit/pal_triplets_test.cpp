@@ -298,16 +298,16 @@ TEST_F(PalTripletsTest, ListsThatInterleaveWithoutEndAreRefused) {
 }
 
 TEST_F(PalTripletsTest, AListForEachProcessMeltsIntoRuns) {
-  // 2,000 processes of 500 threads each, listed process by process.
+  // 1,000 processes of 200 threads each, listed process by process.
   PAL_Triplets byProcess;
   PAL_Triplets byThread;
-  for (int32_t p = 0; p < 2000; p++) byProcess.push_back({p, p + 499 * 65536, 65536});
-  for (int32_t t = 0; t < 500; t++) byThread.push_back({t * 65536, t * 65536 + 1999, 1});
+  for (int32_t p = 0; p < 1000; p++) byProcess.push_back({p, p + 199 * 65536, 65536});
+  for (int32_t t = 0; t < 200; t++) byThread.push_back({t * 65536, t * 65536 + 999, 1});
   EXPECT_EQ(PAL_TripletsUnite(byProcess, {}), byThread);
   EXPECT_TRUE(PAL_TripletsEqual(byProcess, byThread));
   const PAL_TripletSet set(byProcess);
-  EXPECT_TRUE(set.contains(1999 + 499 * 65536));
-  EXPECT_FALSE(set.contains(2000 + 499 * 65536));
+  EXPECT_TRUE(set.contains(999 + 199 * 65536));
+  EXPECT_FALSE(set.contains(1000 + 199 * 65536));
   EXPECT_FALSE(set.contains(-1));
 }
 

@@ -147,6 +147,7 @@ TEST_F(RkOutputTest, WhatCannotBeOpenedIsNull) {
 }
 
 TEST_F(RkOutputTest, ASinkOpensItsNameFromTheConfiguredDirectory) {
+  RK_conf.extended_rkf = 1;
   RK_conf.current_dir = directory_;
   RK_Sink* sink = RK_SinkOpenAscii("s", 0);
   RK_conf.current_dir.clear();
