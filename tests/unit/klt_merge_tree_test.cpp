@@ -1,0 +1,65 @@
+// The order in which streams are served, against a plain search.
+#include "klt/klt_merge_tree.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr size_t kNone = KLT_MergeTree::kNone;
+
+// The earliest position with the lowest time, but for `without`.
+size_t lowest(const std::vector<uint64_t>& times, size_t without = kNone) {
+  size_t best = kNone;
+  for (size_t i = 0; i < times.size(); ++i) {
+    if (i != without && (best == kNone || times[i] < times[best])) best = i;
+  }
+  return best;
+}
+
+TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
+  std::mt19937 random(7);
+  for (size_t streams = 1; streams <= 40; ++streams) {
+    std::vector<uint64_t> times(streams);
+    for (uint64_t& time : times) time = random() % 4;  // ties are the rule
+    KLT_MergeTree tree;
+    tree.build(times);
+    while (!times.empty()) {
+      const size_t best = lowest(times);
+      ASSERT_EQ(tree.best(), best);
+      ASSERT_EQ(tree.second(best), lowest(times, best));
+      for (size_t i = 0; i < times.size(); ++i) {  // the runner-up of whichever was served
+        ASSERT_EQ(tree.second(i), lowest(times, i));
+        ASSERT_EQ(tree.time(i), times[i]);
+      }
+      const size_t changed = random() % 3 == 0 ? random() % times.size() : best;
+      if (random() % 4 == 0) {  // a stream ends: the last one takes its place
+        std::swap(times[changed], times.back());
+        times.pop_back();
+        if (changed < times.size()) tree.update(changed, times[changed]);
+        tree.removeLast();
+      } else {
+        times[changed] += random() % 3;
+        tree.update(changed, times[changed]);
+      }
+    }
+    EXPECT_EQ(tree.best(), kNone);
+  }
+}
+
+TEST(KltMergeTree, CanBeEmptyAndBuiltAgain) {
+  KLT_MergeTree tree;
+  tree.build({});
+  EXPECT_EQ(tree.best(), kNone);
+  tree.build({5, ~uint64_t{0}, 5});
+  EXPECT_EQ(tree.best(), 0U);
+  EXPECT_EQ(tree.second(0), 2U);
+  tree.build({~uint64_t{0}});
+  EXPECT_EQ(tree.best(), 0U);  // the last moment of time is a time, too
+  EXPECT_EQ(tree.second(0), kNone);
+}
+
+}  // namespace
