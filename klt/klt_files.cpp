@@ -309,7 +309,8 @@ class TraceCopy {
   }
 
   static bool fail(const char* format, const std::string& name) {
-    PAL_Error(format, PAL_Printable(name).c_str());  // NOLINT: the formats stand below
+    PAL_Error(format,
+              PAL_Printable(name).c_str());  // NOLINT: the formats are constants of this class
     return false;
   }
 
