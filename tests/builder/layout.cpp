@@ -4,6 +4,7 @@
 // "#n:type" a count that covers the next n fields, "@name" the definition that a value refers to.
 #include "tests/builder/layout.h"
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 
@@ -185,6 +186,15 @@ std::string_view take(std::string_view& text, std::string_view end) {
   return part;
 }
 
+int numberIn(std::string_view text) {
+  int number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc() || result.ptr != text.data() + text.size()) {
+    misuse("not a number", text);
+  }
+  return number;
+}
+
 std::string_view trimmed(std::string_view text) {
   const size_t first = text.find_first_not_of(" \n");
   if (first == std::string_view::npos) return {};
@@ -196,7 +206,7 @@ Field parseField(std::string_view text) {
   if (text.starts_with('#')) {
     text.remove_prefix(1);
     field.isCount = true;
-    field.covers = static_cast<uint8_t>(std::atoi(std::string(take(text, ":")).c_str()));
+    field.covers = static_cast<uint8_t>(numberIn(take(text, ":")));
     field.type = typeNamed(text);
     return field;
   }
@@ -220,7 +230,7 @@ std::vector<Row> parseRows(std::string_view text) {
     text.remove_prefix(end);
 
     Row row;
-    row.number = static_cast<uint8_t>(std::atoi(std::string(take(line, " ")).c_str()));
+    row.number = static_cast<uint8_t>(numberIn(take(line, " ")));
     row.name = take(line, ": ");
     while (!line.empty()) row.fields.push_back(parseField(trimmed(take(line, ";"))));
     rows.push_back(row);
@@ -230,7 +240,7 @@ std::vector<Row> parseRows(std::string_view text) {
 
 // The position of a field by name; "#1" is the first count.
 size_t findField(const Row& row, std::string_view name) {
-  int wanted = name.starts_with('#') ? std::atoi(std::string(name.substr(1)).c_str()) : 0;
+  int wanted = name.starts_with('#') ? numberIn(name.substr(1)) : 0;
   for (size_t i = 0; i < row.fields.size(); ++i) {
     const Field& field = row.fields[i];
     if (wanted > 0 ? field.isCount && --wanted == 0 : !field.isCount && field.name == name) {

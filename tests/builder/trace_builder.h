@@ -126,9 +126,10 @@ enum class Shape { All, AllToAll, AllToOne, OneToAll };
 struct Collective {
   Shape shape = Shape::All;
   uint32_t communicator = 0, operation = 0;
-  uint32_t root = 0, rootBytes = 0;           // of the one side of AllToOne and OneToAll
-  std::vector<uint64_t> start, duration;      // one for each member; start from the record's time
-  std::vector<uint32_t> sent, received, scl;  // the arrays that the shape has
+  uint32_t root = 0, rootBytes = 0;  // of the one side of AllToOne and OneToAll
+  std::vector<uint64_t> start = {},
+                        duration = {};  // one for each member; start from the record's time
+  std::vector<uint32_t> sent = {}, received = {}, scl = {};  // the arrays that the shape has
 };
 
 struct RawMessage {
@@ -245,6 +246,7 @@ class Trace {
  public:
   // Flags 3 make a raw trace with compressed components.
   explicit Trace(unsigned flags = 0);
+  ~Trace() = default;
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 

@@ -155,7 +155,7 @@ std::string TraceFiles::container(const ContainerForm& form) const {
 }
 
 std::string TraceFiles::writePlain(const TempDir& directory, std::string_view base) const {
-  const std::string name = directory / base;
+  std::string name = directory / base;
   for (const auto& [key, bytes] : parts_) writeFile(key == " " ? name : name + key, bytes);
   return name;
 }

@@ -219,6 +219,7 @@ void pass(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& reque
   KLT_HandlerTable table;
   fill(table, seen);
   std::vector<const KLT_Request*> pointers;
+  pointers.reserve(requests.size());
   for (const KLT_Request& request : requests) pointers.push_back(&request);
   KLT_Reader* reader = KLT_OpenReader(trace, mode, static_cast<uint32_t>(pointers.size()),
                                       pointers.data(), &table, serial);
@@ -382,9 +383,11 @@ Options parse(int argc, char** argv) {
 }  // namespace
 
 #ifdef KLT_WITH_ASAN
-// Memory beyond reason is a finding; so is a leak.
+// Memory beyond reason is a finding; so is a leak. The name is the sanitizer's.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
+  // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
   return "max_allocation_size_mb=512:soft_rss_limit_mb=1024:allocator_may_return_null=0";
 }
 #endif
