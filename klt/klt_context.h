@@ -7,8 +7,10 @@
 // stacks and the open scopes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "klt/klt_idmap.h"
@@ -23,6 +25,46 @@ struct KLT_OpenScope {
   uint64_t time;
   uint32_t scope;
   uint32_t seqnr;
+};
+
+// The scopes that a thread has entered and not left, in order of entry. Leaving takes out the
+// oldest one with that scope and sequence number. Few are searched one by one; many are found by
+// key, and what was left stays in place, marked, until it makes up half of the list.
+class KLT_OpenScopes {
+ public:
+  void enter(uint64_t time, uint32_t scope, uint32_t seqnr);
+  // False if there is none.
+  [[nodiscard]] bool leave(uint32_t scope, uint32_t seqnr);
+  void clear();
+  [[nodiscard]] bool empty() const { return open_ == 0; }
+  template <class Visit>
+  void each(Visit visit) const {
+    for (const Entry& entry : entries_) {
+      if (!entry.left) visit(entry.scope);
+    }
+  }
+
+ private:
+  static constexpr size_t kSearched = 32;
+
+  struct Entry {
+    KLT_OpenScope scope;
+    size_t next = 0;  // the next one with the same key, if this isn't the last
+    bool left = false;
+  };
+  // Places of the oldest and the newest entry of a key.
+  struct Chain {
+    size_t first;
+    size_t last;
+  };
+
+  void link(size_t place);
+  void rebuild();
+
+  std::vector<Entry> entries_;
+  size_t open_ = 0;
+  bool indexed_ = false;
+  std::unordered_map<uint64_t, Chain> index_;
 };
 
 struct KLT_CounterSample {
@@ -58,7 +100,7 @@ struct KLT_WillyState {
   uint32_t gtp = 0;
   uint32_t depth = 0;  // of the call stack; `functions` is shorter where only the depth is kept
   std::vector<KLT_StackEntry> functions;
-  std::vector<KLT_OpenScope> scopes;
+  KLT_OpenScopes scopes;
   KLT_StoredRecords messages;
   KLT_StoredRecords collectives;
   KLT_IdMap<KLT_CounterSample> counters;

@@ -79,13 +79,13 @@ void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
 }
 
 void addScopes(Gathered& out, const KLT_WillyState& state) {
-  for (const KLT_OpenScope& scope : state.scopes) {
+  state.scopes.each([&](const KLT_OpenScope& scope) {
     RecordWriter<30> record(out.records, scope.time);
     record.set<1>(state.gtp);
     record.set<2>(scope.scope);
     record.set<3>(scope.seqnr);
     out.add(record.bytes());
-  }
+  });
 }
 
 void addCounters(Gathered& out, const KLT_WillyState& state) {
