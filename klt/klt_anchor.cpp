@@ -192,6 +192,7 @@ class Replay {
   }
 
   [[nodiscard]] bool isCompressed(const KLT_FileEntry& file) const {
+    if (!s_.handle->compressed(KLT_FileHandle::kCompressible)) return false;
     return std::any_of(
         s_.handle->components.begin(), s_.handle->components.end(), [&](const auto& component) {
           return component->dataFile == &file && s_.handle->compressed(component->categories);

@@ -221,6 +221,16 @@ struct Builder {
   }
 };
 
+// Only an integer can be a step of time.
+bool hasUsableTime(const KLT_StoredLayout& layout) {
+  if (layout.timeIndex == layout.fields.size()) return true;
+  const KLT_StoredField& field = layout.fields[layout.timeIndex];
+  if (isInteger(field.type())) return true;
+  PAL_Error("Found wrong map-type when filtering %s.%s", PAL_Printable(layout.name).c_str(),
+            field.name.c_str());
+  return false;
+}
+
 uint64_t movedTime(const KLT_StoredLayout& layout, const uint8_t* input, uint64_t time) {
   if (layout.timeIndex == layout.fields.size() || layout.count[layout.timeIndex] == 0) return time;
   const KLT_StoredField& field = layout.fields[layout.timeIndex];
@@ -339,6 +349,8 @@ KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input, KLT_
   KLT_StoredLayout& layout = *entry.layout;
   const KLT_Parse located = locateFields(layout, input, disk);
   if (located != KLT_Parse::kRecord) return located;
+  if (!hasUsableTime(layout)) [[unlikely]]
+    return KLT_Parse::kCorrupt;
   const uint64_t moved = movedTime(layout, input.at(), time);
   if (layout.row == nullptr) {
     time = moved;

@@ -57,7 +57,7 @@ bool KLT_Input::seek(uint64_t offset) {
   filled_ = pos_ = 0;
   errno = 0;
   if (KLT_IoSeek(file_, static_cast<int64_t>(offset), SEEK_SET) != static_cast<int64_t>(offset)) {
-    if (errno != 0) PAL_Error("read error %s.%s: %s", base_, suffix_, std::strerror(errno));
+    if (errno != 0) reportUnreadable();
     ended_ = true;
     return false;
   }
@@ -65,9 +65,16 @@ bool KLT_Input::seek(uint64_t offset) {
   return true;
 }
 
+void KLT_Input::reportUnreadable() const {
+  const char* reason = std::strerror(errno);
+  PAL_Error("read error %s.%s: %s", PAL_Printable(base_).c_str(), PAL_Printable(suffix_).c_str(),
+            reason);
+}
+
 void KLT_Input::reportMissing(uint64_t bytes) {
   constexpr uint64_t kLargest = 0xffffffff;
-  PAL_Error("truncated file %s.%s, %u bytes missing", base_, suffix_,
+  PAL_Error("truncated file %s.%s, %u bytes missing", PAL_Printable(base_).c_str(),
+            PAL_Printable(suffix_).c_str(),
             static_cast<unsigned>(bytes < kLargest ? bytes : kLargest));
   ended_ = true;
 }
@@ -124,7 +131,7 @@ bool KLT_Input::readInto(size_t want) {
                           ? static_cast<int64_t>(inflate_->read(data_ + filled_, want - came))
                           : KLT_IoRead(file_, data_ + filled_, want - came);
     if (n < 0) {
-      PAL_Error("read error %s.%s: %s", base_, suffix_, std::strerror(errno));
+      reportUnreadable();
       ended_ = true;
       return false;
     }

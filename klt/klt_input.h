@@ -69,6 +69,7 @@ class KLT_Input {
   [[nodiscard]] uint64_t end() const { return limit_ < length_ ? limit_ : length_; }
   bool refill(size_t bytes);
   bool readInto(size_t want);
+  void reportUnreadable() const;  // with errno
   void reportMissing(uint64_t bytes);
 
   KLT_IoFile* file_ = nullptr;

@@ -58,7 +58,8 @@ int deliverRecord(KLT_Reader& reader, KLT_Stream& stream) {
     stream.delivered += KLT_RecordView<kBegin>::layout.fixedBytes;
     return 0;
   }
-  if (number == kEnd && --reader.historyDepth > 0) [[unlikely]] {
+  // An end that nothing began is skipped too: it must not open the way for an inner bracket.
+  if (number == kEnd && (reader.historyDepth == 0 || --reader.historyDepth > 0)) [[unlikely]] {
     stream.delivered += KLT_RecordView<kEnd>::layout.fixedBytes;
     return 0;
   }
