@@ -298,7 +298,7 @@ static_assert(1 + KLT_Codec<69>::layout.headBytes + 3 == 10);
 // Bytes of an encoded record and, where its step needs one, of the time record ahead of it, as the
 // filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.
 [[nodiscard]] inline size_t KLT_TimeRecordBytes(uint64_t outputTime, uint64_t time) {
-  return time - outputTime < 0x10000 ? 0 : 9;
+  return time >= outputTime && time - outputTime < 0x10000 ? 0 : 9;
 }
 
 // Writes the time record that is needed between `outputTime` and `time`, none if the step fits a
