@@ -155,7 +155,6 @@ TEST_F(KltGeneric, OtherWidthsAndOrdersAreConverted) {
   const Lines plain = linesOf();
   EXPECT_EQ(
       difference(plain, linesOf([](tb::Layout& layout) {
-                   layout.retype(28, "time", Type::U64).retype(29, "time", Type::U32);
                    layout.retype(57, "time", Type::U8).retype(48, "willy_gtp", Type::U8);
                    layout.retype(57, "communicator", Type::U8).retype(57, "receive_time", Type::I8);
                    layout.retype(22, "#1", Type::U32).retype(22, "counters", Type::U8);
@@ -184,8 +183,8 @@ TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {
   EXPECT_EQ(mappedRow(29, [](tb::Layout& l) { l.drop(29, "scl"); }), 28U);
   EXPECT_EQ(mappedRow(36, [](tb::Layout& l) { l.drop(36, "scl"); }), 35U);
   EXPECT_EQ(mappedRow(57, [](tb::Layout& l) { l.retype(57, "tag", Type::U32); }), 59U);
-  EXPECT_EQ(mappedRow(61, [](tb::Layout& l) { l.drop(61, "sender_checksum"); }), 61U);
-  EXPECT_EQ(mappedRow(61, [](tb::Layout& l) { l.retype(61, "tag", Type::U16); }), 61U);
+  EXPECT_EQ(mappedRow(61, [](tb::Layout& l) { l.drop(61, "sender_checksum"); }), 60U);
+  EXPECT_EQ(mappedRow(61, [](tb::Layout& l) { l.retype(61, "tag", Type::U16); }), 58U);
   EXPECT_EQ(mappedRow(1, [](tb::Layout& l) { l.retype(1, "time", Type::U64); }), 2U);
   EXPECT_EQ(mappedRow(2, [](tb::Layout& l) { l.retype(2, "time", Type::F64); }), 0U);
   EXPECT_EQ(mappedRow(28, [](tb::Layout& l) { l.drop(28, "willy_gtp"); }), 0U);
@@ -308,7 +307,7 @@ TEST_F(KltGeneric, ACountIsNotBelievedBeforeItsElementsAreThere) {
     int status;
   };
   const Case cases[] = {
-      {"negative, 8 bits", Type::I8, 0xff, "Corrupted data", KLT_STATUS_ABORTING},
+      {"negative, 16 bits", Type::I16, 0xffff, "Corrupted data", KLT_STATUS_ABORTING},
       {"negative, 64 bits", Type::I64, ~uint64_t{0}, "Corrupted data", KLT_STATUS_ABORTING},
       {"single", Type::F32, 2, "Found wrong field-type when filtering counter_value",
        KLT_STATUS_ABORTING},
@@ -353,7 +352,7 @@ TEST_F(KltGeneric, FastDecodersDontBelieveACountEither) {
     EXPECT_LE(LargestBlock::largest, 0x20000U);
     const std::string text = messages.take();
     EXPECT_NE(text.find(".dcl, 262136 bytes missing"), std::string::npos) << text;
-    EXPECT_NE(text.find(".o, 4294967293 bytes missing"), std::string::npos) << text;
+    EXPECT_NE(text.find(".o, 4294967289 bytes missing"), std::string::npos) << text;
   }
 }
 

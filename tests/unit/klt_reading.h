@@ -144,6 +144,7 @@ class OpenTrace {
       : handle_(KLT_Open(files.writePlain(directory_).c_str())) {
     if (handle_ == nullptr) return;
     Recorder recorder;
+    recorder.table.end_of_filter = nullptr;
     const Reader reader(
         KLT_OpenReader(handle_, KLT_MODE_DEFINITIONS, 0, nullptr, &recorder.table, 1));
     (void)KLT_ReadEvents(reader.get(), -1);
