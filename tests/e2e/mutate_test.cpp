@@ -288,12 +288,21 @@ std::vector<Sample> loadSamples(const std::string& directory) {
 
 // Status of the program on the trace; whatever it says, it says it with one of its own statuses.
 void runProgram(Random& random, const Options& options, const std::string& name) {
-  static constexpr const char* kArguments[] = {
-      "--dump", "--dump --matched-rkf", "--dump --extended-rkf off",
-      "--dump --ticks --request 100s:100000s", "--dump --request FUNCTIONS 0:1 SCOPES"};
-  const std::string command = "exec '" + options.program + "' '" + name + "' " +
-                              kArguments[below(random, std::size(kArguments))] +
-                              " >/dev/null </dev/null";
+  static constexpr const char* kArguments[] = {"--dump",
+                                               "--dump --matched-rkf",
+                                               "--dump --extended-rkf off",
+                                               "--dump --ticks --request 100s:100000s",
+                                               "--dump --request FUNCTIONS 0:1 SCOPES",
+                                               "--print-statistics",
+                                               "--print-reports",
+                                               "--print-threads",
+                                               "--print-files",
+                                               "--logfile-format KLT --logfile-name",
+                                               "--logfile-format SINGLEKLT --convert"};
+  const std::string arguments = kArguments[below(random, std::size(kArguments))];
+  const bool writes = arguments.find("KLT") != std::string::npos;
+  const std::string command = "exec '" + options.program + "' '" + name + "' " + arguments +
+                              (writes ? " '" + name + ".out'" : "") + " >/dev/null </dev/null";
   const int result = std::system(command.c_str());
   const int status = WIFEXITED(result) ? WEXITSTATUS(result) : 255;
   static constexpr int kStatuses[] = {0, 1, 2, 3, 4, 10};

@@ -201,6 +201,23 @@ def check_broken(program, folder):
         compare("standard output", (folder.path / other).read_bytes(), done.stdout)
 
 
+def check_convert(program, folder):
+    """A single file dumps the same, and its components are the bytes that went in."""
+    with tempfile.TemporaryDirectory() as directory:
+        folder.copy(directory)
+        program.output(directory, INPUT, "--convert", "one.klt", "--logfile-format", "SINGLEKLT")
+        dump = program.output(directory, "one.klt", "--dump")
+        compare("dump of the single file", folder.expected("dump").read_bytes(), dump)
+        program.output(directory, "one.klt", "--convert", "two.klt", "--logfile-format", "KLT")
+        parts = [file.name for file in folder.path.glob(INPUT + "*")]
+        for name in parts if len(parts) > 1 else []:
+            copy = pathlib.Path(directory) / name.replace(INPUT, "two.klt", 1)
+            if copy.read_bytes() != (folder.path / name).read_bytes():
+                raise Failure(f"{name} is not the same any more")
+        dump = program.output(directory, "two.klt", "--dump")
+        compare("dump of the copy", folder.expected("dump").read_bytes(), dump)
+
+
 def check_summary(program, folder):
     """The five summary files."""
     with tempfile.TemporaryDirectory() as directory:
@@ -226,6 +243,7 @@ MODES = {
     "threads": check_output("threads", ["--print-threads"]),
     "statistics": check_output("statistics", ["--print-statistics"]),
     "reports": check_output("reports", ["--print-reports"]),
+    "convert": (lambda folder: folder.expected("dump") is not None, check_convert),
     "summary": (lambda folder: folder.expected("sum.fnc") is not None, check_summary),
 }
 
