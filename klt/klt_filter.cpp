@@ -374,6 +374,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packed.clear();
   s.packedBytes = 0;
   s.delivered = 0;
+  s.takenBefore = s.input.bytesTaken();
   while (!s.finished()) {
     if (s.input.drained()) [[unlikely]] {
       if (!atBufferEnd(s)) return KLT_Fill::kFailed;

@@ -62,8 +62,8 @@ class KLT_Input {
   [[nodiscard]] uint64_t position() const { return offset_ - (filled_ - pos_); }
   // Place of the byte at at() in the buffer.
   [[nodiscard]] size_t bufferPosition() const { return pos_; }
-  // Bytes read in all.
-  [[nodiscard]] uint64_t bytesRead() const { return bytesRead_; }
+  // Bytes read in all, without those that lie in the buffer still.
+  [[nodiscard]] uint64_t bytesTaken() const { return bytesRead_ - (filled_ - pos_); }
 
  private:
   [[nodiscard]] uint64_t end() const { return limit_ < length_ ? limit_ : length_; }

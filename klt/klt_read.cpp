@@ -19,7 +19,7 @@ enum class Swap : uint8_t { kReady, kFinished, kFailed };
 void removeStream(KLT_Reader& reader, size_t index) {
   KLT_Stream& stream = *reader.streams[index];
   reader.lostData = reader.lostData || stream.lostData;
-  reader.bytesDone += stream.input.bytesRead();
+  reader.bytesDone += stream.input.bytesTaken();
   KLT_StreamClose(stream);
   std::swap(reader.streams[index], reader.streams.back());
   reader.streams.pop_back();
@@ -198,14 +198,18 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
-  uint64_t read = reader->bytesDone;
+  auto done = static_cast<double>(reader->bytesDone);
   for (const auto& stream : reader->streams) {
-    read += stream->input.bytesRead();
-    // What lies packed isn't delivered yet.
-    const uint64_t waiting = stream->packed.used() - stream->delivered;
-    read -= std::min(read, std::min<uint64_t>(waiting, stream->packedBytes));
+    const uint64_t taken = stream->input.bytesTaken();
+    // Of what the last fill took, some may lie packed still.
+    const uint64_t before = std::min(taken, stream->takenBefore);
+    const double delivered = stream->packed.empty()
+                                 ? 1.0
+                                 : static_cast<double>(stream->delivered) /
+                                       static_cast<double>(stream->packed.used());
+    done += static_cast<double>(before) + static_cast<double>(taken - before) * delivered;
   }
-  return std::min(1.0, static_cast<double>(read) / static_cast<double>(reader->bytesTotal));
+  return std::min(1.0, done / static_cast<double>(reader->bytesTotal));
 }
 
 bool KLT_ReaderLostData(const KLT_Reader* reader) {

@@ -81,6 +81,7 @@ struct KLT_Stream {
   size_t packedCapacity = kFillBytes;
   size_t delivered = 0;  // offset in `packed` of the next undelivered record
   uint64_t nextTime = 0;
+  uint64_t takenBefore = 0;  // bytes taken from the input ahead of the last fill
   bool filled = false;       // `packed` is the result of a fill not yet begun with
   int status = 0;            // of the last fill; negative: the stream has failed
   bool lostData = false;     // the input ended early
