@@ -203,10 +203,10 @@ double KLT_Progress(const KLT_Reader* reader) {
     const uint64_t taken = stream->input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
     const uint64_t before = std::min(taken, stream->takenBefore);
-    const double delivered = stream->packed.empty()
-                                 ? 1.0
-                                 : static_cast<double>(stream->delivered) /
-                                       static_cast<double>(stream->packed.used());
+    const double delivered =
+        stream->packed.empty()
+            ? 1.0
+            : static_cast<double>(stream->delivered) / static_cast<double>(stream->packed.used());
     done += static_cast<double>(before) + static_cast<double>(taken - before) * delivered;
   }
   return std::min(1.0, done / static_cast<double>(reader->bytesTotal));
