@@ -1,0 +1,256 @@
+// Traces that the writer makes, as the reader sees them: records, windows behind seek points,
+// profiles, storage forms, and streams that can't be written.
+#include "klt/klt_write.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "klt/klt.h"
+#include "klt/klt_intern.h"
+#include "tests/builder/trace_files.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+template <class... Args>
+std::string line(const char* name, Args... args) {
+  std::string text = name;
+  ((text += ' ' + std::to_string(args)), ...);
+  return text;
+}
+Lines& linesOf(void* user) { return *static_cast<Lines*>(user); }
+
+// Handlers that note what the test writes.
+KLT_HandlerTable notingTable(Lines& lines) {
+  KLT_HandlerTable table;
+  table.user_data = &lines;
+  table.begin_of_history = [](void*, uint64_t, uint32_t, uint32_t, const PAL_Triplet*) {
+    return 0;
+  };
+  table.end_of_history = table.begin_of_history;
+  table.enter_function = [](void* user, uint64_t time, uint32_t gtp, uint32_t function,
+                            uint32_t scl) {
+    linesOf(user).push_back(line("enter", time, gtp, function, scl));
+    return 0;
+  };
+  table.leave_function = [](void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
+    linesOf(user).push_back(line("leave", time, gtp, scl));
+    return 0;
+  };
+  table.function_history = [](void* user, uint64_t time, uint32_t gtp, uint32_t n,
+                              const uint32_t* functions, const uint32_t*) {
+    for (uint32_t i = 0; i < n; ++i) {
+      linesOf(user).push_back(line("stack", time, gtp, functions[i]));
+    }
+    return 0;
+  };
+  table.enter_scope = [](void* user, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                         uint32_t) {
+    linesOf(user).push_back(line("scope", time, gtp, scope, seqnr));
+    return 0;
+  };
+  table.leave_scope = table.enter_scope;
+  table.counter_value = [](void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint32_t* ids,
+                           uint64_t* values) {
+    for (uint32_t i = 0; i < n; ++i) {
+      linesOf(user).push_back(line("sample", time, gtp, ids[i], values[i]));
+    }
+    return 0;
+  };
+  table.one_to_one_communication = [](void* user, uint64_t time, uint32_t sender, int64_t span,
+                                      uint32_t receiver, uint32_t, uint32_t size, uint32_t tag,
+                                      uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
+    linesOf(user).push_back(line("message", time, sender, span, receiver, size, tag));
+    return 0;
+  };
+  table.onetoone_profile = [](void* user, uint32_t sender, uint32_t receiver, uint32_t, uint32_t,
+                              uint32_t tag, uint32_t, uint32_t, uint32_t count, int64_t sum,
+                              int64_t min, int64_t max) {
+    linesOf(user).push_back(line("route", sender, receiver, tag, count, sum, min, max));
+    return 0;
+  };
+  table.function_profile = [](void* user, uint32_t gtp, uint32_t function, uint32_t count,
+                              uint64_t minSelf, uint64_t, uint64_t totalSelf, uint64_t, uint64_t,
+                              uint64_t totalInclusive) {
+    linesOf(user).push_back(
+        line("calls", gtp, function, count, minSelf, totalSelf, totalInclusive));
+    return 0;
+  };
+  return table;
+}
+
+Lines read(const std::string& name, const std::vector<KLT_Request>& requests) {
+  Lines lines;
+  KLT_FileHandle* trace = KLT_Open(name.c_str());
+  EXPECT_NE(trace, nullptr);
+  if (trace == nullptr) return lines;
+  const KLT_HandlerTable table = notingTable(lines);
+  std::vector<const KLT_Request*> pointers;
+  for (const KLT_Request& request : requests) pointers.push_back(&request);
+  KLT_Reader* reader = KLT_OpenReader(
+      trace, KLT_MODE_EVENTS, static_cast<uint32_t>(pointers.size()), pointers.data(), &table, 1);
+  EXPECT_EQ(KLT_ReadEvents(reader, -1), KLT_STATUS_FINISHED);
+  KLT_CloseReader(reader);
+  KLT_Close(trace);
+  return lines;
+}
+
+KLT_Request window(uint64_t start, uint64_t end, uint32_t categories) {
+  return {.start = start, .end = end, .categories = categories, .threads = {}};
+}
+
+constexpr uint64_t kSteps = 20000;
+// Messages whose receive isn't known have no duration and enter no profile.
+constexpr uint64_t kRoutes = kSteps - kSteps / 1000;
+constexpr uint64_t kMissing = uint64_t{1} << 63;
+
+// Streams long enough for several seek points; calls, scopes and messages stay open across them.
+void writeRun(KLT_WFileHandle* writer) {
+  KLT_Write<28>(writer, nullptr, uint64_t{5}, 0U, 1U);
+  KLT_Write<30>(writer, nullptr, uint64_t{5}, 0U, 40U, 1U);
+  for (uint64_t i = 0; i < kSteps; ++i) {
+    const uint64_t t = 10 + 10 * i;
+    const auto n = static_cast<uint32_t>(i);
+    KLT_Write<29>(writer, nullptr, t, 0U, 2U, n % 3);
+    KLT_Write<31>(writer, nullptr, t, 0U, 41U, n, 7U);
+    const auto never = static_cast<int64_t>(kMissing);
+    KLT_Write<57>(writer, nullptr, t + 1, 0U, i % 1000 == 0 ? never : int64_t{3000}, 1U, 1U, 8U, n,
+                  0U, 0U);
+    const uint64_t value = i;
+    const uint32_t counter = 1 + n % 40;
+    KLT_Write<22>(writer, nullptr, t + 2, 0U, 1U, &value, &counter);
+    KLT_Write<50>(writer, nullptr, t + 5, 0U, 41U, n);
+    KLT_Write<48>(writer, nullptr, t + 5, 0U);
+  }
+}
+
+class KltWrite : public testing::Test {
+ protected:
+  std::string path(const char* name) { return directory_ / name; }
+  void write(const std::string& name, int form, uint32_t flags) {
+    const KLT_StatsParameters statistics;
+    KLT_WFileHandle* writer = KLT_WriterOpen(nullptr, name.c_str(), 1, form, flags, &statistics);
+    ASSERT_NE(writer, nullptr);
+    writeRun(writer);
+    bool complete = false;
+    EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+    EXPECT_TRUE(complete);
+  }
+  void removeAnchors() {
+    for (const auto& entry : std::filesystem::directory_iterator(path(""))) {
+      if (entry.path().extension() == ".anc") std::filesystem::remove(entry.path());
+    }
+  }
+
+  tb::TempDir directory_;
+};
+
+TEST_F(KltWrite, EveryFormAndFlagIsReadBackTheSame) {
+  write(path("p.klt"), KLT_FORM_PLAIN, 2);
+  const Lines plain = read(path("p.klt"), {});
+  EXPECT_EQ(plain.size(), 2 + 6 * kSteps + kRoutes + 1);  // the profiles are told too
+  write(path("s.klt"), KLT_FORM_SINGLE, 2);
+  EXPECT_EQ(read(path("s.klt"), {}), plain);
+  write(path("q.klt"), KLT_FORM_SERIAL, 2);
+  EXPECT_EQ(read(path("q.klt"), {}), plain);
+  for (const uint32_t flags : {0U, 1U, 3U}) {
+    write(path("f.klt"), KLT_FORM_PLAIN, flags);
+    EXPECT_EQ(read(path("f.klt"), {}), plain) << flags;
+  }
+}
+
+TEST_F(KltWrite, WindowsDoNotDependOnSeekPoints) {
+  write(path("t.klt"), KLT_FORM_PLAIN, 2);
+  ASSERT_GT(std::filesystem::file_size(path("t.klt.f.0.anc")), 0U);
+  ASSERT_GT(std::filesystem::file_size(path("t.klt.msg.anc")), 0U);
+  std::vector<std::vector<KLT_Request>> windows;
+  for (const uint32_t categories : {0x4U, 0x8U, 0x40U, 0x80U, 0x1U}) {
+    for (const uint64_t start : {60000U, 120004U, 190001U}) {
+      windows.push_back({window(start, start + 50, categories)});
+    }
+  }
+  windows.push_back({window(90000, 90100, 0x4), window(150000, 150100, 0x8c)});
+  std::vector<Lines> with;
+  for (const auto& requests : windows) with.push_back(read(path("t.klt"), requests));
+  removeAnchors();
+  for (size_t i = 0; i < windows.size(); ++i) {
+    EXPECT_EQ(read(path("t.klt"), windows[i]), with[i]) << "window " << i;
+    EXPECT_FALSE(with[i].empty()) << "window " << i;
+  }
+}
+
+TEST_F(KltWrite, ProfilesCountWhatWasWritten) {
+  write(path("t.klt"), KLT_FORM_PLAIN, 2);
+  const Lines lines = read(path("t.klt"), {window(0, ~uint64_t{0}, 0x4000)});
+  ASSERT_EQ(lines.size(), kRoutes + 1);
+  EXPECT_EQ(lines.front(), line("route", 0, 1, 1, 1, 3000, 3000, 3000));
+  EXPECT_EQ(lines.back(), line("calls", 0, 2, kSteps, 5, 5 * kSteps, 5 * kSteps));
+}
+
+TEST_F(KltWrite, ARecordIsCompletedInItsPlace) {
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, nullptr);
+  ASSERT_NE(writer, nullptr);
+  const auto put = [&](KLT_UpdateSlot* slot, uint64_t time, int64_t span) {
+    return KLT_Write<57>(writer, slot, time, 0U, span, 1U, 1U, 8U, 7U, 0U, 0U);
+  };
+  KLT_UpdateSlot flushed;
+  KLT_UpdateSlot buffered;
+  const auto unknown = static_cast<int64_t>(kMissing);
+  EXPECT_EQ(put(&flushed, 100, unknown), 35U);
+  for (uint64_t i = 0; i < 5000; ++i) put(nullptr, 200 + i, 1);
+  EXPECT_EQ(put(&buffered, 90000, unknown), 35U);
+  EXPECT_EQ(put(&flushed, 100, 11), 35U);
+  EXPECT_EQ(put(&buffered, 90000, 12), 35U);
+  put(nullptr, 90001, 1);
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  EXPECT_TRUE(complete);
+  const Lines lines = read(path("t.klt"), {});
+  ASSERT_EQ(lines.size(), 5003U);
+  EXPECT_EQ(lines[0], line("message", 100, 0, 11, 1, 8, 7));
+  EXPECT_EQ(lines[5001], line("message", 90000, 0, 12, 1, 8, 7));
+}
+
+TEST_F(KltWrite, AStreamThatCannotBeOpenedIsToldOnceAndTheOthersGoOn) {
+  std::filesystem::create_directory(path("t.klt.f.0"));
+  std::filesystem::create_directory(path("t.klt.f.0/x"));  // so that it can't be removed
+  testing::internal::CaptureStderr();
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, nullptr);
+  ASSERT_NE(writer, nullptr);
+  for (uint64_t i = 0; i < 10; ++i) {
+    EXPECT_EQ(KLT_Write<28>(writer, nullptr, i, 0U, 1U), 0U);
+    EXPECT_NE(KLT_Write<28>(writer, nullptr, i, 1U, 1U), 0U);
+  }
+  bool complete = true;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  EXPECT_FALSE(complete);
+  const std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_NE(text.find("Could not open data file"), std::string::npos);
+  EXPECT_EQ(text.find("Could not open data file"), text.rfind("Could not open data file"));
+  EXPECT_EQ(read(path("t.klt"), {}).size(), 10U);
+}
+
+TEST_F(KltWrite, FilesOfTheInputStayAsTheyAre) {
+  tb::writeFile(path("t.klt.f.0"), "input");
+  struct stat info {};
+  ASSERT_EQ(stat(path("t.klt.f.0").c_str(), &info), 0);
+  testing::internal::CaptureStderr();
+  KLT_WFileHandle* writer = KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2,
+                                           nullptr, {{info.st_dev, info.st_ino}});
+  ASSERT_NE(writer, nullptr);
+  EXPECT_EQ(KLT_Write<28>(writer, nullptr, uint64_t{1}, 0U, 1U), 0U);
+  bool complete = true;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  EXPECT_FALSE(complete);
+  (void)testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::filesystem::file_size(path("t.klt.f.0")), 5U);
+}
+
+}  // namespace
