@@ -157,7 +157,7 @@ TEST_F(KltGeneric, OtherWidthsAndOrdersAreConverted) {
       difference(plain, linesOf([](tb::Layout& layout) {
                    layout.retype(57, "time", Type::U8).retype(48, "willy_gtp", Type::U8);
                    layout.retype(57, "communicator", Type::U8).retype(57, "receive_time", Type::I8);
-                   layout.retype(22, "#1", Type::U32).retype(22, "counters", Type::U8);
+                   layout.retype(3, "#1", Type::I8).retype(22, "counters", Type::U8);
                    layout.retype(13, "resolution", Type::F32).retype(67, "line", Type::I16);
                    layout.retype(3, "start_time", Type::I8).retype(19, "stride", Type::I8);
                    std::swap(layout.row(30).fields[1], layout.row(30).fields[3]);
