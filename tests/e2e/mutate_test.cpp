@@ -349,6 +349,7 @@ bool runBatch(const Options& options, const std::vector<Sample>& samples, int fi
     std::perror("temporary file");
     return false;
   }
+  std::fflush(stdout);  // or the batch would print it again
   const pid_t child = fork();
   if (child == 0) {
     dup2(fileno(log), STDERR_FILENO);
