@@ -123,15 +123,14 @@ bool onlyMovesTime(unsigned row) { return row == 1 || row == 2 || row == 70; }
 
 std::string builtRecord(unsigned row, size_t n) {
   const tb::Layout layout;
-  const int number = static_cast<int>(row);
   tb::RecordBytes record(layout);
   record.setRunning(kBefore);
   record.at(kBefore);
   if (onlyMovesTime(row)) {
-    record.record(number, {{"time", stepOf(row)}});
+    record.record(row, {{"time", stepOf(row)}});
   } else {
     record.at(timeOf(row));
-    record.record(number, sampleValues(layout.row(number), n));
+    record.record(row, sampleValues(layout.row(row), n));
   }
   return record.contents();
 }
@@ -145,7 +144,7 @@ uint64_t bitsAt(const uint8_t* from, unsigned bytes) {
 // Every field of the record in memory against the values that it was built from.
 void expectFields(unsigned number, const uint8_t* record, size_t n) {
   const tb::Layout layout;
-  const tb::Row& built = layout.row(static_cast<int>(number));
+  const tb::Row& built = layout.row(number);
   const tb::Values values = sampleValues(built, n);
   const KLT_Row& row = kKltRows[number - 1];
   const KLT_Layout& form = kKltLayouts[number - 1];
@@ -233,7 +232,7 @@ void expectCutsAreNoticed(unsigned row, size_t n) {
 
 TEST(KltCodec, EveryRowIsDecodedAndEncodedAsItStands) {
   for (unsigned row = 1; row <= kKltRowCount; ++row) {
-    for (const size_t n : {0, 1, 3, 255}) expectRoundTrip(row, n);
+    for (const unsigned n : {0U, 1U, 3U, 255U}) expectRoundTrip(row, n);
   }
 }
 

@@ -100,7 +100,7 @@ TEST(KltOpen, RefusesAnIndexThatMakesNoSense) {
     EXPECT_EQ(open.handle(), nullptr);
     EXPECT_NE(text.find(c.message), std::string::npos) << text;
   }
-  for (const size_t length : {0, 1, 10}) {
+  for (const size_t length : {size_t{0}, size_t{1}, size_t{10}}) {
     tb::TraceFiles files;
     files.add(" ", std::string("KLT\x40\0\0\0\0\0\0\x14", length));
     Messages messages;
