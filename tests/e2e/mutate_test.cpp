@@ -41,7 +41,7 @@
 namespace {
 
 constexpr unsigned kSecondsOfACase = 20;
-constexpr size_t kMegabytes = 512;  // what a case may have in use at a time
+[[maybe_unused]] constexpr size_t kMegabytes = 512;  // what a case may have in use at a time
 constexpr int kBatch = 25;
 constexpr int kProgramEvery = 8;
 
