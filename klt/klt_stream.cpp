@@ -84,7 +84,7 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
     // What the request before kept of the context is enough, and nothing is to be gained by a jump.
     const bool goesOn = before != nullptr && selectsNoMore(request, *before) &&
                         (request.anchor == nullptr || request.anchor->offset <= s.input.position());
-    if (goesOn || (before != nullptr && s.input.compressed())) {
+    if (goesOn) {
       s.seenUntil = before->end;
       s.input.setLimit(request.limit);
       return true;
