@@ -273,6 +273,24 @@ TEST(KltRequests, AdjacentOnesTellWhatIsAddedAndEndWhatIsDropped) {
              "end_of_filter 30 4 1 0:0:1"}));
 }
 
+TEST(KltRequests, WhatWasDeliveredIsNotToldAgainWhenSomethingIsAdded) {
+  tb::Trace trace;
+  tb::Stream& s = trace.stream("e", FUNCTIONS | MESSAGES, {0});
+  s.at(1).enter(0, 10).at(6).message({.receiveTime = 90, .tag = 1}).at(12).leave(0);
+  OpenTrace open(trace);
+  const std::string bracket = " 132 1 0:0:1";
+  EXPECT_EQ(
+      open.read({window(5, 10, MESSAGES), window(10, 20, FUNCTIONS | MESSAGES)}),
+      (Lines{"one_to_one_communication 6 0 90 0 0 0 1 0 0 0 0 0 0", "begin_of_history 10" + bracket,
+             "function_history 10 0 1 [10] [0]", "end_of_history 10" + bracket,
+             "leave_function 12 0 0", "end_of_filter 20 132 1 0:0:1"}));
+  // Behind a gap it is.
+  EXPECT_EQ(only(open.read({window(5, 10, MESSAGES), window(11, 20, MESSAGES)}),
+                 {"one_to_one_communication"})
+                .size(),
+            2U);
+}
+
 TEST(KltRequests, AGapEndsAllAndTellsAllAgain) {
   tb::Trace trace;
   fillTwo(trace);
