@@ -25,7 +25,7 @@ RK_Sink* RK_SinkOpenAscii(const char* name, int32_t kind) {
 }
 
 KLT_WFileHandle* RK_OpenWriter(const char* name, const KLT_StatsParameters& parameters,
-                               std::vector<KLT_FileIdentity> untouchable) {
+                               KLT_FileSet untouchable) {
   constexpr uint32_t kFlags = 0x2;  // streams may be compressed, but only in a raw trace
   int form = KLT_FORM_PLAIN;
   if (RK_conf.output_single_file != 0) {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "generic/RK_output.h"
+#include "klt/klt_fileset.h"
 
-struct KLT_FileIdentity;
 struct KLT_StatsParameters;
 struct KLT_WFileHandle;
 
@@ -34,7 +34,7 @@ struct RK_Sink {
 // report if it can't be created.
 [[nodiscard]] KLT_WFileHandle* RK_OpenWriter(const char* name,
                                              const KLT_StatsParameters& parameters,
-                                             std::vector<KLT_FileIdentity> untouchable);
+                                             KLT_FileSet untouchable);
 // A binary sink on `writer`, which it then owns; null for null.
 [[nodiscard]] RK_Sink* RK_SinkOpenKlt(KLT_WFileHandle* writer, const char* name);
 

@@ -4,10 +4,9 @@
 // read. Files are compared by what they are, before anything is opened for writing.
 #pragma once
 
-#include <vector>
+#include "klt/klt_fileset.h"
 
 struct KLT_FileHandle;
-struct KLT_FileIdentity;
 
 // Whether `name` is the index or container of the open trace, or one of its components, by device
 // and inode. "-" stands for what standard output leads to. A file that doesn't exist is none of
@@ -18,4 +17,4 @@ struct KLT_FileIdentity;
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name);
 
 // The files that the trace consists of, those that are there.
-[[nodiscard]] std::vector<KLT_FileIdentity> KLTT_InputFiles(const KLT_FileHandle* handle);
+[[nodiscard]] KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle);

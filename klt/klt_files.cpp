@@ -16,7 +16,6 @@
 
 #include "klt/klt_intern.h"
 #include "klt/klt_io.h"
-#include "klt/klt_write_context.h"
 #include "util/pal_error.h"
 #include "util/pal_strings.h"
 #include "util/pal_util.h"
@@ -68,32 +67,6 @@ void closeStorage(KLT_FileHandle& handle) {
   KLT_ContainerClose(handle.container);
   handle.container = nullptr;
 }
-
-// A set of files by what they are.
-class FileSet {
- public:
-  explicit FileSet(const std::vector<KLT_FileIdentity>& files) {
-    for (const KLT_FileIdentity& file : files) files_.emplace_back(file.device, file.inode);
-    std::sort(files_.begin(), files_.end());
-  }
-
-  [[nodiscard]] bool contains(const std::string& path) const {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && containsFile(info);
-  }
-  [[nodiscard]] bool containsStandardOutput() const {
-    struct stat info {};
-    return fstat(STDOUT_FILENO, &info) == 0 && S_ISREG(info.st_mode) && containsFile(info);
-  }
-
- private:
-  [[nodiscard]] bool containsFile(const struct stat& info) const {
-    return std::binary_search(files_.begin(), files_.end(),
-                              std::pair<uint64_t, uint64_t>(info.st_dev, info.st_ino));
-  }
-
-  std::vector<std::pair<uint64_t, uint64_t>> files_;
-};
 
 uint64_t sizeOf(const KLT_FileHandle& handle, const KLT_FileEntry& file) {
   KLT_IoFile* component = KLT_IoOpen(handle.container, nameOf(handle, file).c_str());
@@ -190,7 +163,7 @@ int moveFile(const KLT_FileHandle& handle, const KLT_FileEntry& file, const Move
 }
 
 bool wouldOverwrite(const KLT_FileHandle& handle, const std::vector<const KLT_FileEntry*>& files,
-                    const MoveTarget& target, const FileSet& untouchable) {
+                    const MoveTarget& target, const KLT_FileSet& untouchable) {
   for (const KLT_FileEntry* file : files) {
     const std::string place = target.placeOf(nameOf(handle, *file), nameUnder(target.name, *file));
     if (!untouchable.contains(place)) continue;
@@ -202,8 +175,7 @@ bool wouldOverwrite(const KLT_FileHandle& handle, const std::vector<const KLT_Fi
 
 }  // namespace
 
-int KLT_Move(KLT_FileHandle* handle, const char* target,
-             const std::vector<KLT_FileIdentity>& untouchable) {
+int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& untouchable) {
   MoveTarget to{plainName(target), false};
   int failed = 0;
   errno = 0;
@@ -218,7 +190,7 @@ int KLT_Move(KLT_FileHandle* handle, const char* target,
     closeStorage(*handle);
   else
     files = indexLast(*handle);
-  if (wouldOverwrite(*handle, files, to, FileSet(untouchable))) return 1;
+  if (wouldOverwrite(*handle, files, to, untouchable)) return 1;
   for (const KLT_FileEntry* file : files) {
     if (const int status = moveFile(*handle, *file, to)) return status;
   }
@@ -247,7 +219,7 @@ namespace {
 class TraceCopy {
  public:
   TraceCopy(const KLT_FileHandle& input, const char* directory, const char* target,
-            const std::vector<KLT_FileIdentity>& untouchable)
+            const KLT_FileSet& untouchable)
       : input_(input), directory_(directory), target_(target), untouchable_(untouchable) {}
 
   // Nothing has been copied, created or emptied if this fails.
@@ -283,7 +255,7 @@ class TraceCopy {
 
   [[nodiscard]] bool wouldOverwrite(int form) const {
     if (form == KLT_FORM_SERIAL) {
-      return target_ == "-" ? untouchable_.containsStandardOutput()
+      return target_ == "-" ? untouchable_.containsOpen(STDOUT_FILENO)
                             : untouchable_.contains(pathOf(target_));
     }
     const std::vector<const KLT_FileEntry*> files = indexLast(input_);
@@ -360,7 +332,7 @@ class TraceCopy {
   const KLT_FileHandle& input_;
   const char* directory_;
   std::string target_;
-  FileSet untouchable_;
+  const KLT_FileSet& untouchable_;
   KLT_Container* output_ = nullptr;
   std::unique_ptr<uint8_t[]> block_ = std::make_unique_for_overwrite<uint8_t[]>(kBlockBytes);
 };
@@ -368,7 +340,7 @@ class TraceCopy {
 }  // namespace
 
 int KLT_Convert(const KLT_FileHandle* handle, const char* directory, const char* target, int single,
-                const std::vector<KLT_FileIdentity>& untouchable) {
+                const KLT_FileSet& untouchable) {
   TraceCopy copy(*handle, directory, target, untouchable);
   return copy.create(single != 0 ? KLT_FORM_SERIAL : KLT_FORM_PLAIN) && copy.run() ? 0 : 1;
 }

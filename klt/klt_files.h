@@ -11,8 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "klt/klt_fileset.h"
+
 struct KLT_FileHandle;
-struct KLT_FileIdentity;
 
 // Names (without directory) and sizes in bytes of all components, either of which may be null: the
 // index first, then the others in the order of the file table. A component that can't be opened has
@@ -25,7 +26,7 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 // by mv itself or by a message: an exit status, errno if `target` can't be examined. 0 if all files
 // have been moved.
 [[nodiscard]] int KLT_Move(KLT_FileHandle* handle, const char* target,
-                           const std::vector<KLT_FileIdentity>& untouchable);
+                           const KLT_FileSet& untouchable);
 
 // Removes all files of the trace; anchors that aren't there are passed over. 0, or -1 after a
 // message at the first file that can't be removed.
@@ -36,5 +37,4 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 // into a file for each component. Files in `untouchable` are not overwritten. 0, or 1 after a
 // message; what has been copied until then stays, without an index.
 [[nodiscard]] int KLT_Convert(const KLT_FileHandle* handle, const char* directory,
-                              const char* target, int single,
-                              const std::vector<KLT_FileIdentity>& untouchable);
+                              const char* target, int single, const KLT_FileSet& untouchable);

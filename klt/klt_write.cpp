@@ -3,7 +3,6 @@
 #include "klt/klt_write.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,8 +11,6 @@
 #include "util/pal_util.h"
 
 namespace {
-
-using klt::kAny;
 
 // Categories that have one component for all threads.
 constexpr uint32_t kShared = klt::kDeclarations | klt::kMessages | klt::kCollops | klt::kInternal |
@@ -69,13 +66,8 @@ const char* dirOf(const KLT_WFileHandle& writer) {
 }
 
 bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
-  const std::string path =
-      writer.dir.empty() || name.front() == '/' ? name : writer.dir + '/' + name;
-  struct stat found {};
-  if (writer.untouchable.empty() || stat(path.c_str(), &found) != 0) return false;
-  const KLT_FileIdentity identity{found.st_dev, found.st_ino};
-  return std::find(writer.untouchable.begin(), writer.untouchable.end(), identity) !=
-         writer.untouchable.end();
+  const bool resolved = writer.dir.empty() || name.front() == '/';
+  return writer.untouchable.contains(resolved ? name : writer.dir + '/' + name);
 }
 
 // Opens the component `name` in place of an old file of that name.
@@ -206,7 +198,7 @@ KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category
 
 KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex, int form,
                                 uint32_t flags, const KLT_StatsParameters* stats,
-                                std::vector<KLT_FileIdentity> untouchable) {
+                                KLT_FileSet untouchable) {
   auto writer = std::make_unique<KLT_WFileHandle>();
   writer->dir = dir == nullptr ? "" : dir;
   writer->name = name;

@@ -42,7 +42,7 @@ struct KLT_UpdateSlot {
 [[nodiscard]] KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex,
                                               int form, uint32_t flags,
                                               const KLT_StatsParameters* stats,
-                                              std::vector<KLT_FileIdentity> untouchable = {});
+                                              KLT_FileSet untouchable = {});
 
 // Writes profiles and index, and frees the handle. `complete` receives whether everything has
 // reached its file. Returns the text of an error, or null.

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "klt/klt_compress.h"
+#include "klt/klt_fileset.h"
 #include "klt/klt_filestats.h"
 #include "klt/klt_idmap.h"
 #include "klt/klt_io.h"
@@ -23,13 +24,6 @@
 #include "util/pal_triplets.h"
 
 struct KLT_WFileHandle;
-
-// A file by what it is.
-struct KLT_FileIdentity {
-  uint64_t device = 0;
-  uint64_t inode = 0;
-  bool operator==(const KLT_FileIdentity&) const = default;
-};
 
 // A buffered component.
 struct KLT_WriteBuffer {
@@ -106,7 +100,7 @@ struct KLT_WFileHandle {
   std::unordered_map<uint32_t, uint32_t> listIds;  // by thread
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
-  std::vector<KLT_FileIdentity> untouchable;
+  KLT_FileSet untouchable;
 
   KLT_WFileHandle();
   ~KLT_WFileHandle();
