@@ -28,7 +28,7 @@ struct RK_WillyState {
 };
 
 struct RK_WillyHash {
-  KLTT_IdIndex index;                 // by gtp
+  KLT_IdIndex index{KLTT_DIRECT_IDS};  // by gtp
   std::vector<RK_WillyState> states;  // in order of first use
   size_t last = 0;                    // handed out last
 };

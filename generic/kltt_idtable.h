@@ -1,48 +1,18 @@
 // Tables by id for the driver: definitions, and whatever else is found by a number from the trace.
 //
-// Ids are any 32-bit numbers that a file likes to contain. Small ones, the usual case, index an
-// array; the others go through open addressing with a hash that a file's author can't foresee. A
-// table gives its entries dense indices from 1 in order of arrival, keeps them in that order and
+// A table gives its entries dense indices from 1 in order of arrival, keeps them in that order and
 // never removes one. Id 0 means "none" everywhere in the format: it is never stored and never
-// found.
+// found. Small ids, the usual case, are found through an array (klt_idmap).
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-// id -> dense index.
-class KLTT_IdIndex {
- public:
-  // The index stored for `id`, 0 if there is none.
-  [[nodiscard]] uint32_t find(uint32_t id) const {
-    if (id < direct_.size()) [[likely]]
-      return direct_[id];
-    return sparse_.empty() ? 0 : findSparse(id);
-  }
+#include "klt/klt_idmap.h"
 
-  // Stores `index` for an `id` that isn't there yet.
-  void add(uint32_t id, uint32_t index);
-
- private:
-  // Ids below this are looked up in an array, which grows as far as they reach: at most 256 KiB.
-  static constexpr uint32_t kDirectLimit = 65536;
-
-  struct Slot {
-    uint32_t id;
-    uint32_t index;  // 0: free
-  };
-
-  uint32_t findSparse(uint32_t id) const;
-  size_t slotOf(uint32_t id) const;
-  void place(uint32_t id, uint32_t index);
-  void growSparse();
-
-  std::vector<uint32_t> direct_;
-  std::vector<Slot> sparse_;  // a power of two, at most half full
-  size_t sparseCount_ = 0;
-  uint64_t seed_ = 0;
-};
+// Ids below this are looked up in an array of at most 256 KiB.
+inline constexpr uint32_t KLTT_DIRECT_IDS = 65536;
 
 // A definition with a name. `extra` is what the definition adds to it: the parent of a class, the
 // class of a function, the kind of a collective operation.
@@ -82,7 +52,7 @@ class KLTT_Table {
   [[nodiscard]] std::vector<Entry>& entries() { return entries_; }
 
  private:
-  KLTT_IdIndex index_;
+  KLT_IdIndex index_{KLTT_DIRECT_IDS};
   std::vector<Entry> entries_;
 };
 

@@ -1,7 +1,9 @@
-// A map from 32-bit ids to values with a fixed walk order: that of insertion.
+// Finding things by 32-bit ids from a file.
 //
-// The first entry of an id stays; id 0 is never stored. Open addressing over a dense vector of
-// entries, so that lookups are one or two loads and walks touch only entries.
+// Ids are any numbers that a file likes to contain. KLT_IdIndex finds the dense index of an id:
+// open addressing with a hash that a file's author can't foresee, and, where asked for, an array
+// for small ids. KLT_IdMap keeps values on top of it, with a fixed walk order: that of insertion.
+// The first entry of an id stays.
 #pragma once
 
 #include <cstddef>
@@ -9,6 +11,41 @@
 #include <utility>
 #include <vector>
 
+// id -> dense index.
+class KLT_IdIndex {
+ public:
+  // Ids below `directLimit` are looked up in an array, which grows as far as they reach: a large
+  // table is worth 4 bytes for each of them, one of many small ones isn't.
+  explicit KLT_IdIndex(uint32_t directLimit = 0) : directLimit_(directLimit) {}
+
+  // The index stored for `id`, 0 if there is none.
+  [[nodiscard]] uint32_t find(uint32_t id) const {
+    if (id < direct_.size()) [[likely]]
+      return direct_[id];
+    return sparse_.empty() ? 0 : findSparse(id);
+  }
+
+  // Stores `index`, which isn't 0, for an `id` that isn't there yet.
+  void add(uint32_t id, uint32_t index);
+
+ private:
+  struct Slot {
+    uint32_t id;
+    uint32_t index;  // 0: free
+  };
+
+  [[nodiscard]] uint32_t findSparse(uint32_t id) const;
+  [[nodiscard]] size_t slotOf(uint32_t id) const;
+  void place(uint32_t id, uint32_t index);
+  void growSparse();
+
+  std::vector<uint32_t> direct_;
+  std::vector<Slot> sparse_;  // a power of two, at most half full
+  size_t sparseCount_ = 0;
+  uint32_t directLimit_;
+};
+
+// Values by id. Id 0 means "none" in the format: it is never stored.
 template <class Value>
 class KLT_IdMap {
  public:
@@ -18,12 +55,12 @@ class KLT_IdMap {
   };
 
   [[nodiscard]] Value* find(uint32_t id) {
-    const uint32_t index = lookup(id);
-    return index == kEmpty ? nullptr : &entries_[index].value;
+    const uint32_t index = index_.find(id);
+    return index == 0 ? nullptr : &entries_[index - 1].value;
   }
   [[nodiscard]] const Value* find(uint32_t id) const {
-    const uint32_t index = lookup(id);
-    return index == kEmpty ? nullptr : &entries_[index].value;
+    const uint32_t index = index_.find(id);
+    return index == 0 ? nullptr : &entries_[index - 1].value;
   }
 
   // The value under `id`, made by default on first use. REQUIRES: id != 0. Moves when entries are
@@ -35,7 +72,7 @@ class KLT_IdMap {
 
   // Null if the id was there already, or is 0.
   Value* insert(uint32_t id, Value value) {
-    if (id == 0 || lookup(id) != kEmpty) return nullptr;
+    if (id == 0 || index_.find(id) != 0) return nullptr;
     return &add(id, std::move(value));
   }
 
@@ -45,42 +82,16 @@ class KLT_IdMap {
   [[nodiscard]] std::vector<Entry>& entries() { return entries_; }
   void clear() {
     entries_.clear();
-    slots_.clear();
+    index_ = KLT_IdIndex();
   }
 
  private:
-  static constexpr uint32_t kEmpty = ~uint32_t{0};
-
-  [[nodiscard]] size_t home(uint32_t id) const {
-    return (id * uint64_t{0x9e3779b97f4a7c15} >> 32) & (slots_.size() - 1);
-  }
-
-  [[nodiscard]] uint32_t lookup(uint32_t id) const {
-    if (slots_.empty()) return kEmpty;
-    for (size_t i = home(id);; i = (i + 1) & (slots_.size() - 1)) {
-      const uint32_t index = slots_[i];
-      if (index == kEmpty || entries_[index].id == id) return index;
-    }
-  }
-
   Value& add(uint32_t id, Value value) {
-    if (slots_.size() < 2 * (entries_.size() + 1)) rehash();
     entries_.push_back(Entry{id, std::move(value)});
-    place(static_cast<uint32_t>(entries_.size() - 1));
+    index_.add(id, static_cast<uint32_t>(entries_.size()));
     return entries_.back().value;
   }
 
-  void place(uint32_t index) {
-    size_t i = home(entries_[index].id);
-    while (slots_[i] != kEmpty) i = (i + 1) & (slots_.size() - 1);
-    slots_[i] = index;
-  }
-
-  void rehash() {
-    slots_.assign(slots_.empty() ? 8 : 2 * slots_.size(), kEmpty);
-    for (uint32_t i = 0; i < entries_.size(); ++i) place(i);
-  }
-
   std::vector<Entry> entries_;
-  std::vector<uint32_t> slots_;
+  KLT_IdIndex index_;
 };

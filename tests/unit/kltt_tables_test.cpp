@@ -25,19 +25,26 @@ TEST(KlttIdIndex, AgreesWithAMapForAnyIds) {
   std::mt19937 engine(5);
   const auto random = [&] { return static_cast<uint32_t>(engine()); };
   std::unordered_map<uint32_t, uint32_t> model;
-  KLTT_IdIndex index;
+  KLT_IdIndex index(KLTT_DIRECT_IDS);
+  KLT_IdIndex hashed;  // without an array for small ids
   std::vector<uint32_t> ids = {0, 1, 63, 64, 65535, 65536, 0x7fffffff, 0xffffffff};
   for (int i = 0; i < 20000; ++i) ids.push_back(random() >> (random() % 32));
   for (uint32_t k = 0; k < 20000; ++k) ids.push_back(k << 16);  // equal low bits
   uint32_t next = 1;
   for (const uint32_t id : ids) {
-    if (model.emplace(id, next).second) index.add(id, next++);
+    if (!model.emplace(id, next).second) continue;
+    index.add(id, next);
+    hashed.add(id, next++);
   }
-  for (const auto& [id, dense] : model) ASSERT_EQ(index.find(id), dense);
+  for (const auto& [id, dense] : model) {
+    ASSERT_EQ(index.find(id), dense);
+    ASSERT_EQ(hashed.find(id), dense);
+  }
   for (int i = 0; i < 20000; ++i) {
     const uint32_t id = random();
     const auto entry = model.find(id);
     ASSERT_EQ(index.find(id), entry == model.end() ? 0 : entry->second);
+    ASSERT_EQ(hashed.find(id), entry == model.end() ? 0 : entry->second);
   }
 }
 
