@@ -11,26 +11,20 @@
 #include <vector>
 
 #include "generic/kltt_idtable.h"
-
-struct RK_ScopeFrame {
-  uint32_t scope;
-  uint32_t seqnr;
-
-  friend bool operator==(const RK_ScopeFrame&, const RK_ScopeFrame&) = default;
-};
+#include "klt/klt_scopes.h"
 
 struct RK_WillyState {
   uint32_t gtp = 0;
-  std::vector<uint32_t> functions;    // ids of the open calls, the innermost last
-  std::vector<RK_ScopeFrame> scopes;  // in order of entry
+  std::vector<uint32_t> functions;  // ids of the open calls, the innermost last
+  KLT_OpenScopes scopes;
 
   [[nodiscard]] bool isOpen() const { return !functions.empty() || !scopes.empty(); }
 };
 
 struct RK_WillyHash {
   KLT_IdIndex index{KLTT_DIRECT_IDS};  // by gtp
-  std::vector<RK_WillyState> states;  // in order of first use
-  size_t last = 0;                    // handed out last
+  std::vector<RK_WillyState> states;   // in order of first use
+  size_t last = 0;                     // handed out last
 };
 
 // RK_WillyHashGet without the shortcut.

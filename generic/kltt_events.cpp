@@ -96,15 +96,14 @@ int leave(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, ui
                           scl);
 }
 
-int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, const RK_ScopeFrame& scope,
-             uint32_t scl) {
+int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, uint32_t scope,
+             uint32_t seqnr, uint32_t scl) {
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutLeaveScope(writer, internalTime, gtp, scope.scope, scope.seqnr, scl);
+    return KLTT_PutLeaveScope(writer, internalTime, gtp, scope, seqnr, scl);
   }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
-  return RK_WriteEndScope(text, KLTT_ShownTime(context, internalTime), gtp, scope.scope,
-                          scope.seqnr, scl);
+  return RK_WriteEndScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
 }
 
 }  // namespace
@@ -204,8 +203,7 @@ int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
-  RK_WillyHashGet(context.willys, gtp)
-      .scopes.push_back(RK_ScopeFrame{.scope = scope, .seqnr = seqnr});
+  RK_WillyHashGet(context.willys, gtp).scopes.enter(internalTime, scope, seqnr);
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
     return KLTT_PutEnterScope(writer, internalTime, gtp, scope, seqnr, scl);
   }
@@ -219,15 +217,10 @@ int KLTT_LeaveScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
-  std::vector<RK_ScopeFrame>& scopes = RK_WillyHashGet(context.willys, gtp).scopes;
-  const RK_ScopeFrame left{.scope = scope, .seqnr = seqnr};
-  const auto entry = std::find(scopes.begin(), scopes.end(), left);
-  if (entry != scopes.end()) {
-    scopes.erase(entry);
-  } else {
+  if (!RK_WillyHashGet(context.willys, gtp).scopes.leave(scope, seqnr)) {
     PAL_Error("Leaving scope %u/%u which was never entered.", scope, seqnr);
   }
-  return endScope(context, gtp, internalTime, left, scl);
+  return endScope(context, gtp, internalTime, scope, seqnr, scl);
 }
 
 int KLTT_Comment(void* user, uint64_t time, uint32_t gtp, const char* text) {
@@ -317,10 +310,11 @@ int closeThread(KLTT_Context& context, uint64_t internalTime, RK_WillyState& wil
     }
   }
   if ((categories & kScopes) != 0) {
-    while (!willy.scopes.empty()) {
-      const RK_ScopeFrame scope = willy.scopes.back();
-      willy.scopes.pop_back();
-      if (endScope(context, willy.gtp, internalTime, scope, 0) != 0) return 1;
+    std::vector<KLT_OpenScope> open;
+    willy.scopes.each([&open](const KLT_OpenScope& scope) { open.push_back(scope); });
+    willy.scopes.clear();
+    for (auto scope = open.rbegin(); scope != open.rend(); ++scope) {
+      if (endScope(context, willy.gtp, internalTime, scope->scope, scope->seqnr, 0) != 0) return 1;
     }
   }
   return 0;

@@ -6,80 +6,12 @@
 #include "klt/klt_schema.h"
 #include "util/pal_error.h"
 
-namespace {
-
-uint64_t scopeKey(const KLT_OpenScope& scope) { return uint64_t{scope.scope} << 32 | scope.seqnr; }
-
-}  // namespace
-
-void KLT_OpenScopes::enter(uint64_t time, uint32_t scope, uint32_t seqnr) {
-  entries_.push_back({{time, scope, seqnr}});
-  ++open_;
-  if (indexed_) {
-    link(entries_.size() - 1);
-  } else if (entries_.size() > kSearched) {
-    rebuild();
-  }
-}
-
-bool KLT_OpenScopes::leave(uint32_t scope, uint32_t seqnr) {
-  const uint64_t key = scopeKey({0, scope, seqnr});
-  if (!indexed_) {
-    const auto oldest = std::find_if(entries_.begin(), entries_.end(), [key](const Entry& entry) {
-      return scopeKey(entry.scope) == key;
-    });
-    if (oldest == entries_.end()) return false;
-    entries_.erase(oldest);
-    --open_;
-    return true;
-  }
-  const auto found = index_.find(key);
-  if (found == index_.end()) return false;
-  Chain& chain = found->second;
-  Entry& oldest = entries_[chain.first];
-  if (chain.first == chain.last) {
-    index_.erase(found);
-  } else {
-    chain.first = oldest.next;
-  }
-  oldest.left = true;
-  --open_;
-  while (!entries_.empty() && entries_.back().left) entries_.pop_back();
-  if (entries_.size() > 2 * open_ + kSearched || entries_.size() <= kSearched / 2) rebuild();
-  return true;
-}
-
-void KLT_OpenScopes::clear() {
-  entries_.clear();
-  index_.clear();
-  open_ = 0;
-  indexed_ = false;
-}
-
-// Of one key the entries are left in order, so the one that a chain goes on with is still there.
-void KLT_OpenScopes::link(size_t place) {
-  const auto [chain, isNew] =
-      index_.try_emplace(scopeKey(entries_[place].scope), Chain{place, place});
-  if (isNew) return;
-  entries_[chain->second.last].next = place;
-  chain->second.last = place;
-}
-
-void KLT_OpenScopes::rebuild() {
-  std::erase_if(entries_, [](const Entry& entry) { return entry.left; });
-  index_.clear();
-  indexed_ = entries_.size() > kSearched / 2;
-  for (size_t i = 0; indexed_ && i < entries_.size(); ++i) link(i);
-}
-
-void KLT_StoredRecords::add(uint64_t now, uint64_t start, uint64_t end, const uint8_t* record,
-                            size_t bytes) {
+void KLT_StoredRecords::add(uint64_t now, uint64_t end, const uint8_t* record, size_t bytes) {
   if (records_.size() >= pruneAt_) {
     prune(now);
     pruneAt_ = std::max(kFirstPrune, 2 * records_.size());
   }
   KLT_StoredRecord& stored = records_.emplace_back();
-  stored.start = start;
   stored.end = end;
   stored.bytes.assign(record, record + bytes);
 }

@@ -10,61 +10,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "klt/klt_idmap.h"
 #include "klt/klt_intern.h"
+#include "klt/klt_scopes.h"
 
 struct KLT_StackEntry {
   uint32_t function;
   uint32_t scl;  // 0 for none
-};
-
-struct KLT_OpenScope {
-  uint64_t time;
-  uint32_t scope;
-  uint32_t seqnr;
-};
-
-// The scopes that a thread has entered and not left, in order of entry. Leaving takes out the
-// oldest one with that scope and sequence number. Few are searched one by one; many are found by
-// key, and what was left stays in place, marked, until it makes up half of the list.
-class KLT_OpenScopes {
- public:
-  void enter(uint64_t time, uint32_t scope, uint32_t seqnr);
-  // False if there is none.
-  [[nodiscard]] bool leave(uint32_t scope, uint32_t seqnr);
-  void clear();
-  [[nodiscard]] bool empty() const { return open_ == 0; }
-  template <class Visit>
-  void each(Visit visit) const {
-    for (const Entry& entry : entries_) {
-      if (!entry.left) visit(entry.scope);
-    }
-  }
-
- private:
-  static constexpr size_t kSearched = 32;
-
-  struct Entry {
-    KLT_OpenScope scope;
-    size_t next = 0;  // the next one with the same key, if this isn't the last
-    bool left = false;
-  };
-  // Places of the oldest and the newest entry of a key.
-  struct Chain {
-    size_t first;
-    size_t last;
-  };
-
-  void link(size_t place);
-  void rebuild();
-
-  std::vector<Entry> entries_;
-  size_t open_ = 0;
-  bool indexed_ = false;
-  std::unordered_map<uint64_t, Chain> index_;
 };
 
 struct KLT_CounterSample {
@@ -74,7 +28,6 @@ struct KLT_CounterSample {
 
 // A copy of a record that stays relevant until `end`; all ones is for ever.
 struct KLT_StoredRecord {
-  uint64_t start = 0;
   uint64_t end = 0;
   std::vector<uint8_t> bytes;
 };
@@ -83,7 +36,7 @@ struct KLT_StoredRecord {
 // since the last time, so that adding costs amortised constant time.
 class KLT_StoredRecords {
  public:
-  void add(uint64_t now, uint64_t start, uint64_t end, const uint8_t* record, size_t bytes);
+  void add(uint64_t now, uint64_t end, const uint8_t* record, size_t bytes);
   // Drops the records with an end at or before `time`.
   void prune(uint64_t time);
   void clear();

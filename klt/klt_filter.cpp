@@ -81,7 +81,7 @@ void storeCollective(KLT_Stream& s, const uint8_t* record) {
                                           View::template array<uint64_t, starts>(record),
                                           View::template array<uint64_t, deltas>(record));
   s.context.of(static_cast<uint32_t>(member))
-      .collectives.add(time, time, end, record, View::bytes(record));
+      .collectives.add(time, end, record, View::bytes(record));
 }
 
 template <int N>
@@ -122,7 +122,7 @@ void updateContext(KLT_Stream& s, const uint8_t* record) {
     const uint32_t sender = View::template get32<row.find("sender_gtp")>(record);
     const auto receive =
         static_cast<int64_t>(View::template get64<row.find("receive_time")>(record));
-    s.context.of(sender).messages.add(time, time, klt::messageEnd(time, receive), record,
+    s.context.of(sender).messages.add(time, klt::messageEnd(time, receive), record,
                                       View::bytes(record));
   } else if constexpr (row.filter == KLT_FilterClass::kCollective) {
     storeCollective<N>(s, record);
