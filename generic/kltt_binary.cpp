@@ -59,17 +59,11 @@ int KLTT_PutScope(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32
 
 int KLTT_PutCommunicator(KLT_WFileHandle* writer, uint32_t id, const char* name,
                          std::span<const PAL_Triplet> members, uint32_t leftSize) {
-  std::vector<uint32_t> first;
-  std::vector<uint32_t> last;
-  std::vector<int32_t> stride;
-  for (const PAL_Triplet& triplet : members) {
-    first.push_back(static_cast<uint32_t>(triplet.first));
-    last.push_back(static_cast<uint32_t>(triplet.last));
-    stride.push_back(triplet.stride);
-  }
-  return result(KLT_Write<19>(writer, nullptr, id, name, static_cast<uint32_t>(members.size()),
-                              first.data(), last.data(), stride.data(),
-                              static_cast<int32_t>(leftSize)));
+  const size_t n = members.size();
+  const std::vector<int32_t> parts = PAL_TripletsToParallel(members);
+  const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
+  return result(KLT_Write<19>(writer, nullptr, id, name, static_cast<uint32_t>(n), gtps, gtps + n,
+                              parts.data() + 2 * n, static_cast<int32_t>(leftSize)));
 }
 
 int KLTT_PutOperation(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t kind) {

@@ -11,45 +11,31 @@
 
 namespace {
 
-// The arguments of KLTT_OneToOneCommunication, in order.
-struct Message {
-  uint64_t time;
-  uint32_t sender;
-  int64_t delta;
-  uint32_t receiver;
-  uint32_t communicator;
-  uint32_t size;
-  uint32_t tag;
-  uint32_t senderScl;
-  uint32_t receiverScl;
-  uint32_t senderChecksum;
-  uint32_t receiverChecksum;
-  uint32_t senderFunction;
-  uint32_t receiverFunction;
-
+// The arguments of KLTT_OneToOneCommunication: raw time and a raw span in `time`, `receiveTime`.
+struct Message : KLTT_MessageRecord {
   [[nodiscard]] bool sendUnknown() const {
-    return static_cast<uint64_t>(delta) == KLTT_SEND_UNKNOWN;
+    return static_cast<uint64_t>(receiveTime) == KLTT_SEND_UNKNOWN;
   }
   [[nodiscard]] bool receiveUnknown() const {
-    return static_cast<uint64_t>(delta) == KLTT_RECEIVE_UNKNOWN;
+    return static_cast<uint64_t>(receiveTime) == KLTT_RECEIVE_UNKNOWN;
   }
-  // Raw time of the other, later side. `time` is the receive if `delta` is negative.
+  // Raw time of the other, later side. `time` is the receive if the span is negative.
   [[nodiscard]] uint64_t otherTime() const {
-    return KLTT_TimeAfter(time, static_cast<uint64_t>(delta < 0 ? -delta : delta));
+    return KLTT_TimeAfter(time,
+                          static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
   }
 };
 
 // A record keeps its own time, whichever side that is; only its span becomes internal.
 int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Message& m) {
-  const uint64_t time = KLTT_InternalTime(context, m.time);
-  int64_t span = m.delta;
+  KLTT_MessageRecord record = m;
+  record.time = KLTT_InternalTime(context, m.time);
   if (!m.sendUnknown() && !m.receiveUnknown()) {
-    const auto distance = static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - time);
-    span = m.delta < 0 ? -distance : distance;
+    const auto distance =
+        static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - record.time);
+    record.receiveTime = m.receiveTime < 0 ? -distance : distance;
   }
-  return KLTT_PutMessage(writer, {time, m.sender, span, m.receiver, m.communicator, m.size, m.tag,
-                                  m.senderScl, m.receiverScl, m.senderChecksum, m.receiverChecksum,
-                                  m.senderFunction, m.receiverFunction});
+  return KLTT_PutMessage(writer, record);
 }
 
 int writeMatched(KLTT_Context& context, const Message& m) {
@@ -58,11 +44,11 @@ int writeMatched(KLTT_Context& context, const Message& m) {
   if (text == nullptr) return 0;
   const uint64_t ownShown = KLTT_ShownTime(context, KLTT_InternalTime(context, m.time));
   uint64_t sendTime = ownShown;
-  int64_t delta = m.delta;
+  int64_t delta = m.receiveTime;
   if (m.sendUnknown()) {
     sendTime = KLTT_SEND_UNKNOWN;
     delta = static_cast<int64_t>(ownShown);
-  } else if (m.delta < 0 && !m.receiveUnknown()) {
+  } else if (m.receiveTime < 0 && !m.receiveUnknown()) {
     sendTime = KLTT_ShownTime(context, KLTT_InternalTime(context, m.otherTime()));
   }
   return RK_WriteOneToOne(text, sendTime, m.sender, m.receiver, delta, m.communicator, m.size,
@@ -99,7 +85,7 @@ void queueUnmatched(KLTT_Context& context, const Message& m, uint64_t ownInterna
     queueSend(context, m, ownInternalTime);
   } else if (m.sendUnknown()) {
     queueReceive(context, m, ownInternalTime);
-  } else if (m.delta < 0) {
+  } else if (m.receiveTime < 0) {
     queueReceive(context, m, ownInternalTime);
     queueSend(context, m, KLTT_InternalTime(context, m.otherTime()));
   } else {
@@ -116,19 +102,8 @@ int KLTT_OneToOneCommunication(void* user, uint64_t time, uint32_t sender, int64
                                uint32_t senderChecksum, uint32_t receiverChecksum,
                                uint32_t senderFunction, uint32_t receiverFunction) {
   KLTT_Context& context = *static_cast<KLTT_Context*>(user);
-  const Message m{time,
-                  sender,
-                  delta,
-                  receiver,
-                  communicator,
-                  size,
-                  tag,
-                  senderScl,
-                  receiverScl,
-                  senderChecksum,
-                  receiverChecksum,
-                  senderFunction,
-                  receiverFunction};
+  const Message m{{time, sender, delta, receiver, communicator, size, tag, senderScl, receiverScl,
+                   senderChecksum, receiverChecksum, senderFunction, receiverFunction}};
   const uint64_t ownInternalTime = KLTT_InternalTime(context, KLTT_EventTime(context, time));
   if (!m.sendUnknown() && !m.receiveUnknown())
     context.lastEventTime = std::max(context.lastEventTime, m.otherTime());

@@ -90,6 +90,12 @@ bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& 
   }
 }
 
+void ignoreAnchors(const KLT_FileHandle& handle, KLT_Component& component) {
+  PAL_Warning("Ignoring anchors in %s.%s.anc.", PAL_Printable(handle.base).c_str(),
+              PAL_Printable(component.dataFile->suffix).c_str());
+  component.anchors.clear();
+}
+
 // The last anchor that lies ahead of `time`: records at an anchor's own time stand ahead of it.
 const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t time) {
   const auto behind = std::lower_bound(anchors.begin(), anchors.end(), time,
@@ -140,9 +146,7 @@ class Replay {
   }
 
   bool reportUnopened(const KLT_FileEntry& file, bool anchors) const {
-    const std::string name = KLT_ComponentName(*s_.handle, file, anchors);
-    PAL_Perror(name.c_str());
-    PAL_Error("Could not open file %s for reading.", PAL_Printable(name).c_str());
+    KLT_ReportUnopened(KLT_ComponentName(*s_.handle, file, anchors));
     return false;
   }
 
@@ -200,10 +204,7 @@ class Replay {
   }
 
   void reportEntry(const KLT_FileEntry* file, unsigned number, uint64_t offset) const {
-    PAL_Error("Found corrupted data while filtering %s.%s (rectype %d, offset %u).",
-              PAL_Printable(s_.handle->base).c_str(),
-              PAL_Printable(file == nullptr ? "" : file->suffix).c_str(), static_cast<int>(number),
-              static_cast<unsigned>(offset));
+    KLT_ReportCorrupted(*s_.handle, file == nullptr ? "" : file->suffix, number, offset);
   }
 
   void replayRecord(uint64_t offset, uint64_t time) {
@@ -250,9 +251,7 @@ void KLT_LoadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
   OpenInput file;
   if (!file.open(handle, *component.dataFile, true)) return;  // a trace needs no anchors
   if (readAnchors(handle, file.input, component)) return;
-  PAL_Warning("Ignoring anchors in %s.%s.anc.", PAL_Printable(handle.base).c_str(),
-              PAL_Printable(component.dataFile->suffix).c_str());
-  component.anchors.clear();
+  ignoreAnchors(handle, component);
 }
 
 void KLT_PlanRequests(KLT_Stream& s) {
@@ -260,9 +259,7 @@ void KLT_PlanRequests(KLT_Stream& s) {
   KLT_LoadAnchors(*s.handle, component);
   if (s.input.compressed()) return;
   if (!component.anchors.empty() && component.anchors.back().offset > s.input.length()) {
-    PAL_Warning("Ignoring anchors in %s.%s.anc.", PAL_Printable(s.handle->base).c_str(),
-                PAL_Printable(component.dataFile->suffix).c_str());
-    component.anchors.clear();
+    ignoreAnchors(*s.handle, component);
   }
   for (KLT_StreamRequest& request : s.requests) {
     const auto& anchors = component.anchors;

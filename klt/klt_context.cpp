@@ -31,25 +31,15 @@ bool KLT_WillyState::empty() const {
 }
 
 KLT_WillyState& KLT_Context::find(uint32_t gtp) {
-  const uint32_t key = gtp + 1;
-  KLT_WillyState* found = nullptr;
-  if (key == 0) {
-    found = wrapped_;
-  } else if (KLT_WillyState* const* entry = byGtp_.find(key)) {
-    found = *entry;
-  }
-  if (found == nullptr) {
+  uint32_t place = byGtp_.find(gtp);
+  if (place == 0) {
     states_.push_back(std::make_unique<KLT_WillyState>());
-    found = states_.back().get();
-    found->gtp = gtp;
-    if (key == 0) {
-      wrapped_ = found;
-    } else {
-      byGtp_.insert(key, found);
-    }
+    states_.back()->gtp = gtp;
+    place = static_cast<uint32_t>(states_.size());
+    byGtp_.add(gtp, place);
   }
-  last_ = found;
-  return *found;
+  last_ = states_[place - 1].get();
+  return *last_;
 }
 
 void KLT_Context::clear(uint32_t categories) {

@@ -80,8 +80,7 @@ class KLT_Context {
   KLT_WillyState& find(uint32_t gtp);
 
   std::vector<std::unique_ptr<KLT_WillyState>> states_;  // in order of first use
-  KLT_IdMap<KLT_WillyState*> byGtp_;                     // all but the thread whose key is 0
-  KLT_WillyState* wrapped_ = nullptr;                    // that of gtp 0xffffffff
+  KLT_IdIndex byGtp_;                                    // to the place in `states_`, from 1
   KLT_WillyState* last_ = nullptr;
 };
 

@@ -303,12 +303,6 @@ void loseRest(KLT_Stream& s) {
   s.request = s.requests.size();
 }
 
-void reportCorrupted(const KLT_Stream& s, unsigned number) {
-  PAL_Error("Found corrupted data while filtering %s.%s (rectype %d, offset %u).",
-            PAL_Printable(s.handle->base).c_str(), PAL_Printable(s.suffix()).c_str(),
-            static_cast<int>(number), static_cast<unsigned>(s.input.bufferPosition()));
-}
-
 KLT_Fill fail(KLT_Stream& s) {
   // Without time order the consumer has the records already: its filter is closed.
   if (!s.serial && !s.finished()) (void)KLT_NextRequest(s);
@@ -343,7 +337,7 @@ KLT_Step step(KLT_Stream& s, unsigned number) {
     return entry.filter(s, entry);
   if (number == 0 && s.reader->mode == KLT_MODE_INTERNAL) return readLayout(s);
   s.input.stepBack();
-  reportCorrupted(s, number);
+  KLT_ReportCorrupted(*s.handle, s.suffix(), number, s.input.bufferPosition());
   s.input.advance(1);
   return KLT_Step::kCorrupt;
 }

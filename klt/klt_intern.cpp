@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "klt/klt_generic.h"
+#include "util/pal_error.h"
 
 KLT_FileHandle::KLT_FileHandle() {
   indexEntry.filetype = static_cast<uint32_t>(KLT_FileType::kIndex);
@@ -109,4 +110,16 @@ std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file
 std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
                               bool anchors) {
   return KLT_ComponentName(handle.base, file, anchors);
+}
+
+void KLT_ReportUnopened(const std::string& name) {
+  PAL_Perror(name.c_str());
+  PAL_Error("Could not open file %s for reading.", PAL_Printable(name).c_str());
+}
+
+void KLT_ReportCorrupted(const KLT_FileHandle& handle, const std::string& suffix, unsigned number,
+                         uint64_t offset) {
+  PAL_Error("Found corrupted data while filtering %s.%s (rectype %d, offset %u).",
+            PAL_Printable(handle.base).c_str(), PAL_Printable(suffix).c_str(),
+            static_cast<int>(number), static_cast<unsigned>(offset));
 }

@@ -104,6 +104,12 @@ void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t data
 [[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
                                std::string_view suffix);
 
+// Tells that the component can't be opened, with the system's text for errno.
+void KLT_ReportUnopened(const std::string& name);
+// Tells that the record `number` of the component `suffix`, at `offset`, makes no sense.
+void KLT_ReportCorrupted(const KLT_FileHandle& handle, const std::string& suffix, unsigned number,
+                         uint64_t offset);
+
 // The components in the order in which streams on them stand: by bucket, then by arrival.
 [[nodiscard]] std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle);
 

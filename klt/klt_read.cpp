@@ -151,23 +151,23 @@ int readInOrder(KLT_Reader& reader) {
 // Streams take turns; the first turn of each is short.
 int readInTurns(KLT_Reader& reader) {
   int status = KLT_STATUS_TIME;
-  for (reader.turn = 0; reader.turn < reader.streams.size();) {
-    KLT_Stream& stream = *reader.streams[reader.turn];
+  for (size_t turn = 0; turn < reader.streams.size();) {
+    KLT_Stream& stream = *reader.streams[turn];
     stream.turnRecords = 0;
     const KLT_Fill fill = stream.status < 0 ? KLT_Fill::kFailed : KLT_FillStream(stream);
     switch (fill) {
       case KLT_Fill::kTurnOver:
-        ++reader.turn;
+        ++turn;
         break;
       case KLT_Fill::kStopped:
         stream.stopped = false;
         return KLT_STATUS_HANDLER;
       case KLT_Fill::kFailed:
-        removeStream(reader, reader.turn);
+        removeStream(reader, turn);
         status = KLT_STATUS_CORRUPTED;
         break;
       case KLT_Fill::kFilled:
-        if (stream.finished()) removeStream(reader, reader.turn);
+        if (stream.finished()) removeStream(reader, turn);
         break;
     }
     if (status == KLT_STATUS_CORRUPTED) return status;

@@ -53,7 +53,6 @@ struct KLT_Reader {
   uint64_t deliveredRecords = 0;
 
   // Delivery without time order.
-  size_t turn = 0;  // the stream whose turn it is
   bool firstRound = true;
 
   // Progress: bytes read of streams that are gone, and all bytes there are.

@@ -96,16 +96,6 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
   return true;
 }
 
-namespace {
-
-bool failedToOpen(const std::string& name) {
-  PAL_Perror(name.c_str());
-  PAL_Error("Could not open file %s for reading.", PAL_Printable(name).c_str());
-  return false;
-}
-
-}  // namespace
-
 bool KLT_StreamOpen(KLT_Stream& s) {
   if (s.file == nullptr) {
     PAL_Error("Corrupted file.");
@@ -114,14 +104,18 @@ bool KLT_StreamOpen(KLT_Stream& s) {
   const std::string name = KLT_ComponentName(*s.handle, *s.file, false);
   errno = 0;
   s.io = KLT_IoOpen(s.handle->container, name.c_str());
-  if (s.io == nullptr) return failedToOpen(name);
+  if (s.io == nullptr) {
+    KLT_ReportUnopened(name);
+    return false;
+  }
   errno = 0;
   const bool attached = s.component != nullptr && s.handle->compressed(s.component->categories)
                             ? s.input.attachCompressed(s.io, s.handle->base.c_str(), s.suffix())
                             : s.input.attach(s.io, s.handle->base.c_str(), s.suffix());
   if (!attached) {
     if (errno == 0) errno = EIO;
-    return failedToOpen(name);
+    KLT_ReportUnopened(name);
+    return false;
   }
   if (s.component != nullptr && s.reader->mode == KLT_MODE_EVENTS) KLT_PlanRequests(s);
   return KLT_EnterRequest(s, 0);

@@ -25,7 +25,7 @@ constexpr uint32_t kLastListId = 65535;
 
 unsigned bitOf(uint32_t category) { return static_cast<unsigned>(__builtin_ctz(category)); }
 
-std::string suffixOf(uint32_t categories, const uint32_t* thread) {
+std::string suffixOf(uint32_t categories, uint32_t thread) {
   switch (categories) {
     case klt::kDeclarations:
       return "dcl";
@@ -47,7 +47,7 @@ std::string suffixOf(uint32_t categories, const uint32_t* thread) {
   if ((categories & klt::kCounters) != 0) letters += 'c';
   if ((categories & klt::kRawEvents) != 0) letters += 'r';
   if (letters.empty()) letters = "x";
-  return letters + '.' + std::to_string(thread == nullptr ? 0 : *thread);
+  return letters + '.' + std::to_string(thread);
 }
 
 uint32_t listOf(KLT_WFileHandle& writer, uint32_t thread) {
@@ -72,7 +72,7 @@ bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
 
 // Opens the component `name` in place of an old file of that name.
 KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
-  if (writer.plain) {
+  if (KLT_ContainerForm(writer.container) == KLT_FORM_PLAIN) {
     if (isUntouchable(writer, name)) {
       errno = EEXIST;
       return nullptr;
@@ -108,20 +108,9 @@ const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   return nullptr;
 }
 
-KLT_WriteContext* findContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
-  const unsigned bit = bitOf(category);
-  if (thread == ~uint32_t{0}) return writer.wrapped[bit];
-  KLT_WriteContext* const* known = writer.byThread[bit].find(thread + 1);
-  return known == nullptr ? nullptr : *known;
-}
-
-void enterContext(KLT_WFileHandle& writer, KLT_WriteContext* context, uint32_t thread) {
-  const unsigned bit = bitOf(context->categories);
-  if (thread == ~uint32_t{0}) {
-    writer.wrapped[bit] = context;
-  } else {
-    writer.byThread[bit].insert(thread + 1, context);
-  }
+KLT_WriteContext* findContext(const KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
+  const uint32_t place = writer.byThread[bitOf(category)].find(thread);
+  return place == 0 ? nullptr : writer.contexts[place - 1].get();
 }
 
 // Drops the component: what is written to it from now on is lost.
@@ -161,31 +150,27 @@ void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t va
   klt::warnNarrowed(value, __LINE__);
 }
 
-KLT_WriteContext* KLT_CreateContext(KLT_WFileHandle& writer, uint32_t categories,
-                                    const uint32_t* thread) {
+KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
   auto context = std::make_unique<KLT_WriteContext>();
-  context->categories = categories;
-  if (categories != klt::kInternal) {
-    context->suffix = suffixOf(categories, thread);
-    if (thread != nullptr) context->listId = listOf(writer, *thread);
-    if (categories != klt::kDeclarations && categories != klt::kStatistics) {
+  context->categories = category;
+  if (category != klt::kInternal) {
+    context->suffix = suffixOf(category, thread);
+    if ((category & kShared) == 0) context->listId = listOf(writer, thread);
+    if (category != klt::kDeclarations && category != klt::kStatistics) {
       context->anchorId = kFirstFileId + ++writer.filesDeclared;
     }
     context->fileId = kFirstFileId + ++writer.filesDeclared;
-    context->filetype = categories == klt::kDeclarations ? 2 : 0;
   }
   writer.contexts.push_back(std::move(context));
-  return writer.contexts.back().get();
+  writer.byThread[bitOf(category)].add(thread, static_cast<uint32_t>(writer.contexts.size()));
+  return *writer.contexts.back();
 }
 
 KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
   KLT_WriteContext* context = findContext(writer, category, thread);
   if (context != nullptr && context->opened) [[likely]]
     return context;
-  if (context == nullptr) {
-    context = KLT_CreateContext(writer, category, (category & kShared) == 0 ? &thread : nullptr);
-    enterContext(writer, context, thread);
-  }
+  if (context == nullptr) context = &KLT_CreateContext(writer, category, thread);
   if (context->broken) return nullptr;
   const char* error = openContext(writer, *context);
   if (error == nullptr) return context;
@@ -204,7 +189,6 @@ KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeInde
   writer->name = name;
   writer->writeIndex = writeIndex != 0;
   writer->flags = flags & kHeaderFlags;
-  writer->plain = form == KLT_FORM_PLAIN;
   writer->untouchable = std::move(untouchable);
   writer->container = KLT_ContainerCreate(dir, O_WRONLY | O_CREAT | O_TRUNC, 0666, form, name);
   if (writer->container == nullptr) return nullptr;
@@ -219,7 +203,7 @@ KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeInde
   // The shared contexts come first and in this order, whether or not they receive a record.
   for (const uint32_t category :
        {klt::kMessages, klt::kCollops, klt::kStatistics, klt::kErrors, klt::kDeclarations}) {
-    enterContext(*writer, KLT_CreateContext(*writer, category, nullptr), 0);
+    KLT_CreateContext(*writer, category, 0);
   }
   return writer.release();
 }

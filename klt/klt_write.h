@@ -246,7 +246,7 @@ class RowWriter {
     encode(to, time - before);
     if (slot != nullptr) *slot = {offset + 1, before};
     remember(context, before, offset, slot != nullptr);
-    profile(context, slot == nullptr);
+    profile(slot == nullptr);
     context.dataUsed += bytes;
     context.outputTime = time;
     return static_cast<uint32_t>(bytes);
@@ -261,7 +261,7 @@ class RowWriter {
                   row.filter == KLT_FilterClass::kCollective) {
       context.history.of(0).offsets.endSpan(slot.position - 1, spanEnd());
     }
-    profile(context, true);
+    profile(true);
     return static_cast<uint32_t>(bytes);
   }
 
@@ -300,7 +300,7 @@ class RowWriter {
     }
   }
 
-  void profile(KLT_WriteContext&, bool complete) {
+  void profile(bool complete) {
     if (!complete || writer_.stats() == nullptr) return;
     if constexpr (row.filter == KLT_FilterClass::kMessage) profileMessage(*writer_.stats());
     if constexpr (row.filter == KLT_FilterClass::kCollective) profileCollective(*writer_.stats());

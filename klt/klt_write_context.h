@@ -36,8 +36,7 @@ struct KLT_WriteBuffer {
 
 struct KLT_WriteContext {
   uint32_t categories = 0;
-  std::string suffix;  // empty for the index
-  uint32_t filetype = 0;
+  std::string suffix;     // empty for the index
   uint32_t fileId = 0;    // 0: no declaration
   uint32_t anchorId = 0;  // 0: no anchors
   uint32_t listId = 0;    // willy list; 0: the list of all threads
@@ -89,11 +88,9 @@ struct KLT_WFileHandle {
   uint32_t flags = 0;
   bool writeIndex = false;
   bool failed = false;  // something hasn't reached its file
-  bool plain = true;
   KLT_IoFile* indexFile = nullptr;
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
-  std::array<KLT_IdMap<KLT_WriteContext*>, 16> byThread;    // by category bit; key gtp + 1
-  std::array<KLT_WriteContext*, 16> wrapped{};              // that of gtp 0xffffffff
+  std::array<KLT_IdIndex, 16> byThread;  // by category bit: gtp to place in `contexts`, from 1
   KLT_IdMap<std::string> strings;
   std::unordered_map<std::string, uint32_t> stringIds;
   KLT_IdMap<PAL_Triplets> willyLists;              // of one thread each
@@ -139,7 +136,6 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
 [[nodiscard]] const char* KLT_WriteIndex(KLT_WFileHandle& writer);
 // Closes the components of a context.
 void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
-// A new context for the categories and, unless they are shared, one thread; null if the index
-// can't hold another.
-[[nodiscard]] KLT_WriteContext* KLT_CreateContext(KLT_WFileHandle& writer, uint32_t categories,
-                                                  const uint32_t* thread);
+// A new context for a category bit and, unless the category is shared, a thread. Its files aren't
+// open yet.
+KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread);

@@ -88,14 +88,15 @@ void KLT_OffsetEntries::reindex() {
 }
 
 KLT_WillyHistory& KLT_WriteHistory::find(uint32_t gtp) {
-  KLT_WillyHistory*& known = byGtp_[gtp];
-  if (known == nullptr) {
+  uint32_t place = byGtp_.find(gtp);
+  if (place == 0) {
     willies_.push_back(std::make_unique<KLT_WillyHistory>());
-    known = willies_.back().get();
-    known->gtp = gtp;
+    willies_.back()->gtp = gtp;
+    place = static_cast<uint32_t>(willies_.size());
+    byGtp_.add(gtp, place);
   }
-  last_ = known;
-  return *known;
+  last_ = willies_[place - 1].get();
+  return *last_;
 }
 
 std::vector<KLT_WillyHistory*> KLT_WriteHistory::ordered() {

@@ -85,7 +85,7 @@ class KLT_WriteHistory {
   KLT_WillyHistory& find(uint32_t gtp);
 
   std::vector<std::unique_ptr<KLT_WillyHistory>> willies_;  // in order of first use
-  std::unordered_map<uint32_t, KLT_WillyHistory*> byGtp_;
+  KLT_IdIndex byGtp_;                                       // to the place in `willies_`, from 1
   KLT_WillyHistory* last_ = nullptr;
 };
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 
+#include "klt/klt_intern.h"
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
 
@@ -182,16 +183,11 @@ std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMa
 }
 
 void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
-  std::vector<uint32_t> first;
-  std::vector<uint32_t> last;
-  std::vector<int32_t> stride;
-  for (const PAL_Triplet& triplet : list) {
-    first.push_back(static_cast<uint32_t>(triplet.first));
-    last.push_back(static_cast<uint32_t>(triplet.last));
-    stride.push_back(triplet.stride);
-  }
-  KLT_Write<73>(&writer, nullptr, id, static_cast<uint32_t>(list.size()), first.data(), last.data(),
-                stride.data());
+  const size_t n = list.size();
+  const std::vector<int32_t> parts = PAL_TripletsToParallel(list);
+  const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
+  KLT_Write<73>(&writer, nullptr, id, static_cast<uint32_t>(n), gtps, gtps + n,
+                parts.data() + 2 * n);
 }
 
 // The list of all threads; none if no thread has a component.
@@ -205,6 +201,11 @@ bool isDeclared(const KLT_WriteContext& context) {
   return context.fileId != 0 && context.opened && !context.data.lost;
 }
 
+uint32_t filetypeOf(const KLT_WriteContext& context) {
+  return static_cast<uint32_t>(
+      context.categories == klt::kDeclarations ? KLT_FileType::kDeclarations : KLT_FileType::kData);
+}
+
 void writeStructure(KLT_WFileHandle& writer) {
   KLT_WFileHandle* w = &writer;
   const PAL_Triplets all = allThreads(writer);
@@ -212,7 +213,7 @@ void writeStructure(KLT_WFileHandle& writer) {
   const uint32_t allId = all.empty() ? 0 : kAllThreadsList;
   for (const auto& context : writer.contexts) {
     if (isDeclared(*context)) {
-      KLT_Write<33>(w, nullptr, context->fileId, context->filetype, context->suffix.c_str());
+      KLT_Write<33>(w, nullptr, context->fileId, filetypeOf(*context), context->suffix.c_str());
     }
   }
   for (const auto* entry : inTableOrder(writer.strings)) {
@@ -226,7 +227,8 @@ void writeStructure(KLT_WFileHandle& writer) {
       KLT_Write<10>(w, nullptr, uint32_t{0}, context->fileId, klt::kStatistics, allId);
     } else if (context->anchorId != 0 && isDeclared(*context)) {
       const uint32_t list = context->listId != 0 ? context->listId : allId;
-      KLT_Write<33>(w, nullptr, context->anchorId, uint32_t{1}, context->suffix.c_str());
+      KLT_Write<33>(w, nullptr, context->anchorId, static_cast<uint32_t>(KLT_FileType::kAnchors),
+                    context->suffix.c_str());
       KLT_Write<10>(w, nullptr, context->anchorId, context->fileId, context->categories, list);
     }
   }
@@ -240,11 +242,10 @@ const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
     KLT_FlushContext(writer, *context, true, false);
     KLT_FlushContext(writer, *context, false, false);
   }
-  KLT_WriteContext* index = KLT_CreateContext(writer, klt::kInternal, nullptr);
+  KLT_WriteContext* index = &KLT_CreateContext(writer, klt::kInternal, 0);
   index->data.file = writer.indexFile;
   index->opened = true;
   writer.indexFile = nullptr;
-  writer.byThread[static_cast<size_t>(__builtin_ctz(klt::kInternal))].insert(1, index);
   const std::array<uint8_t, 11> header = {
       'K', 'L', 'T', 0x40, 0, 0, 0, static_cast<uint8_t>(writer.flags), 0, 0, 0x14};
   uint8_t* to = index->reserve(writer, header.size());
