@@ -22,6 +22,9 @@ struct OpenInput {
   KLT_Input input;
   std::string suffix;
 
+  OpenInput() = default;
+  OpenInput(const OpenInput&) = delete;
+  OpenInput& operator=(const OpenInput&) = delete;
   ~OpenInput() { close(); }
   void close() {
     input.detach();

@@ -121,10 +121,8 @@ auto argument(KLT_Stream& s, const uint8_t* record) {
   constexpr const KLT_Row& longest = kKltRows[L - 1];
   constexpr klt::ArgumentKind kind = klt::argumentKind(longest, F, klt::isArrayField(longest, F));
   constexpr size_t field = fieldOf<N, L, F>();
-  if constexpr (kind == klt::ArgumentKind::kNone) {
-    return Tuple{};
-  } else if constexpr (field >= kKltRows[N - 1].numFields) {
-    return Tuple{};  // 0, or null
+  if constexpr (kind == klt::ArgumentKind::kNone || field >= kKltRows[N - 1].numFields) {
+    return Tuple{};  // nothing, 0, or null
   } else if constexpr (longest.timed() && F == 0) {
     return Tuple{KLT_RecordTime(record)};
   } else {

@@ -22,6 +22,11 @@ bool sameSizeClass(KLT_Type a, KLT_Type b) {
   return bytes <= 2 || (isInteger(a) && isInteger(b));
 }
 
+bool countsAlike(const KLT_StoredField& stored, const KLT_Field& field) {
+  return isInteger(stored.type()) && !isSigned(stored.type()) &&
+         stored.covered() == field.covered();
+}
+
 struct Candidate {
   const KLT_Row* row = nullptr;
   int score = 0;
@@ -329,19 +334,23 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
   Candidate best = bestRow(layout);
   if (best.row == nullptr || !bindCounts(best, layout)) return;
   size_t exactness = 0;
+  bool sameCounts = true;
   for (size_t i = 0; i < best.row->numFields; ++i) {
     const int j = best.source[i];
     if (j < 0) continue;
     KLT_StoredField& stored = layout.fields[static_cast<size_t>(j)];
     stored.map = static_cast<int>(i);
     if (static_cast<size_t>(j) != i) continue;
-    exactness += sameSizeClass(stored.type(), best.row->fields[i].type()) ? 2 : 1;
+    const KLT_Field& field = best.row->fields[i];
+    exactness += sameSizeClass(stored.type(), field.type()) ? 2 : 1;
+    // A row's decoder takes a count as unsigned and as the number of elements of the row's fields.
+    if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
   // Not one field in its place still is a mapping as long as fields are paired at all.
   layout.row = best.row;
   layout.source = best.source;
-  layout.exact =
-      exactness == 2 * layout.fields.size() && exactness == 2 * size_t{best.row->numFields};
+  layout.exact = sameCounts && exactness == 2 * layout.fields.size() &&
+                 exactness == 2 * size_t{best.row->numFields};
 }
 
 KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input, KLT_RecordBuffer& out,

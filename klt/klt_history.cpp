@@ -171,9 +171,14 @@ void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
   }
 }
 
-// An end_of_filter for what the request selected and the one behind it doesn't.
+// An end_of_filter for what the request selected and the one behind it doesn't. No threads means
+// all of them.
 void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
                      const PAL_Triplets& threads) {
+  if (s.reader->handlers.end_of_filter == nullptr) return;
+  // Without time order this may come ahead of other streams' records: it must close nothing that
+  // isn't this stream's, such as calls where it holds comments only.
+  if (!s.serial) categories &= s.categories;
   RecordWriter<26> record(s.packed, time);
   record.set<1>(categories);
   record.set<2>(static_cast<uint32_t>(3 * threads.size()));
@@ -229,24 +234,20 @@ bool KLT_NextRequest(KLT_Stream& s) {
   if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);
   const KLT_StreamRequest& ended = s.current();
   const size_t next = s.request + 1;
-  uint32_t categories = ended.categories;
-  PAL_Triplets threads = ended.threads;
-  bool dropped = true;
   if (next < s.requests.size() && s.requests[next].start == ended.end) {
     const KLT_StreamRequest& following = s.requests[next];
-    categories &= ~following.categories;
-    threads = following.threads.empty() ? PAL_Triplets{}
-                                        : PAL_TripletsSubtract(ended.threads, following.threads);
     s.historyClean &=
         (following.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : following.categories;
-    dropped = categories != 0 || !threads.empty();
+    const PAL_Triplets threads = following.threads.empty()
+                                     ? PAL_Triplets{}
+                                     : PAL_TripletsSubtract(ended.threads, following.threads);
+    const uint32_t categories = ended.categories & ~following.categories;
+    // Threads that leave take everything with them, those that stay only what isn't asked any more.
+    if (!threads.empty()) passEndOfFilter(s, ended.end, ended.categories, threads);
+    if (categories != 0) passEndOfFilter(s, ended.end, categories, {});
   } else {
     s.historyClean = 0;
-  }
-  if (dropped && s.reader->handlers.end_of_filter != nullptr) {
-    // Without time order this may come ahead of other streams' records: it must close nothing that
-    // isn't this stream's, such as calls where it holds comments only.
-    passEndOfFilter(s, ended.end, s.serial ? categories : categories & s.categories, threads);
+    passEndOfFilter(s, ended.end, ended.categories, ended.threads);
   }
   if (next == s.requests.size()) {
     s.request = next;

@@ -28,6 +28,7 @@ bool KLT_Input::attachCompressed(KLT_IoFile* file, const char* base, const char*
   suffix_ = suffix;
   inflate_ = KLT_Inflate::open(file);
   if (inflate_ == nullptr) return false;
+  setBlock(kInflatedBlock);
   length_ = inflate_->length();
   return inflate_->rewind();
 }
@@ -39,6 +40,7 @@ void KLT_Input::detach() {
   capacity_ = filled_ = pos_ = 0;
   offset_ = length_ = 0;
   limit_ = kNoLimit;
+  block_ = kBlock;
   ended_ = false;
 }
 
@@ -116,7 +118,8 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : bytes - (filled_ - pos_));
+      // Only compressed data ends ahead of its length: what the length promises is missing.
+      reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
       return false;
     }
   }

@@ -16,6 +16,8 @@
 class KLT_Input {
  public:
   static constexpr size_t kBlock = 0x10000;
+  // Smaller where the inflating needs memory of its own.
+  static constexpr size_t kInflatedBlock = 0x4000;
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
 
   KLT_Input() = default;
@@ -37,7 +39,7 @@ class KLT_Input {
   [[nodiscard]] bool seek(uint64_t offset);
   // Bytes at and behind this offset belong to no request: they aren't read.
   void setLimit(uint64_t offset) { limit_ = offset; }
-  // How much is read at a time; kBlock at first.
+  // How much is read at a time of the component at hand; kBlock, or kInflatedBlock, at first.
   void setBlock(size_t bytes) { block_ = bytes; }
 
   // Makes `bytes` bytes available at at(). False after a report; the stream ends there.

@@ -37,8 +37,8 @@ class ThreadSets {
   int idOf(const PAL_Triplets& list) {
     if (list.empty()) return kAll;
     // A list that stands for no thread must not turn into the empty list, which stands for all.
-    PAL_Triplets canonical = PAL_TripletsUnite(list, {});
-    return intern(canonical.empty() ? list : std::move(canonical));
+    const PAL_Triplets canonical = PAL_TripletsUnite(list, {});
+    return intern(canonical.empty() ? list : canonical);
   }
 
   // The union of several sets, whose ids are sorted.

@@ -100,6 +100,8 @@ struct KLT_WFileHandle {
   KLT_FileSet untouchable;
 
   KLT_WFileHandle();
+  KLT_WFileHandle(const KLT_WFileHandle&) = delete;
+  KLT_WFileHandle& operator=(const KLT_WFileHandle&) = delete;
   ~KLT_WFileHandle();
 
   // The id of a text, 0 for null; new texts are entered.

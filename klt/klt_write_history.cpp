@@ -47,15 +47,15 @@ void KLT_OffsetEntries::setCounter(uint32_t counter, uint64_t time, uint64_t off
 
 void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset) {
   append({time, KLT_OffsetEntry::kNever, offset, KLT_OffsetEntry::Kind::kScope, scope, seqnr});
-  scopes_[scopeKey(scope, seqnr)].push_back(entries_.size() - 1);
+  scopes_[scopeKey(scope, seqnr)].all.push_back(entries_.size() - 1);
 }
 
 void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
-  const auto places = scopes_.find(scopeKey(scope, seqnr));
-  if (places == scopes_.end()) return;
-  entries_[places->second.front()].end = kGone;
-  places->second.erase(places->second.begin());
-  if (places->second.empty()) scopes_.erase(places);
+  const auto found = scopes_.find(scopeKey(scope, seqnr));
+  if (found == scopes_.end()) return;
+  Places& places = found->second;
+  entries_[places.all[places.first++]].end = kGone;
+  if (places.first == places.all.size()) scopes_.erase(found);
 }
 
 void KLT_OffsetEntries::prune(uint64_t limit) {
@@ -80,7 +80,7 @@ void KLT_OffsetEntries::reindex() {
         counters_[entry.id] = i;
         break;
       case KLT_OffsetEntry::Kind::kScope:
-        scopes_[scopeKey(entry.id, entry.seqnr)].push_back(i);
+        scopes_[scopeKey(entry.id, entry.seqnr)].all.push_back(i);
         break;
     }
   }

@@ -48,13 +48,19 @@ class KLT_OffsetEntries {
  private:
   static constexpr size_t kFirstPrune = 64;
 
+  // Places in `entries_`, oldest first; those ahead of `first` have been taken.
+  struct Places {
+    std::vector<size_t> all;
+    size_t first = 0;
+  };
+
   void append(const KLT_OffsetEntry& entry);
   void reindex();
 
   std::vector<KLT_OffsetEntry> entries_;
-  std::unordered_map<uint64_t, size_t> open_;                 // place of the open spans by offset
-  std::unordered_map<uint32_t, size_t> counters_;             // place by counter
-  std::unordered_map<uint64_t, std::vector<size_t>> scopes_;  // places by scope and seqnr
+  std::unordered_map<uint64_t, size_t> open_;      // place of the open spans by offset
+  std::unordered_map<uint32_t, size_t> counters_;  // place by counter
+  std::unordered_map<uint64_t, Places> scopes_;    // by scope and seqnr
   size_t pruneAt_ = kFirstPrune;
 };
 

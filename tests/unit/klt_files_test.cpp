@@ -44,7 +44,7 @@ std::vector<std::string> namesOf(const std::string& directory) {
   return names;
 }
 
-std::string sorted(std::vector<std::string> names) {
+std::string inLines(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += name + '\n';
   return text;
@@ -173,9 +173,9 @@ TEST_F(KltFiles, MovesASingleFile) {
   const std::string name = single("a.klt");
   fs::create_directory(path("dir"));
   ASSERT_EQ(move(name, path("b.klt")), 0);
-  EXPECT_EQ(sorted(namesOf(directory_.path())), "b.klt\n");
+  EXPECT_EQ(inLines(namesOf(directory_.path())), "b.klt\n");
   ASSERT_EQ(move(path("b.klt"), path("dir")), 0);
-  EXPECT_EQ(sorted(namesOf(directory_.path())), "dir/b.klt\n");
+  EXPECT_EQ(inLines(namesOf(directory_.path())), "dir/b.klt\n");
   EXPECT_NE(move(path("dir/b.klt"), path("nowhere/b.klt")), 0);
   EXPECT_TRUE(fs::exists(path("dir/b.klt")));
 }
@@ -249,9 +249,9 @@ TEST_F(KltFiles, RemovesEveryFile) {
   fs::remove(path("t.klt.f.0.anc"));
   tb::writeFile(path("t.klt.notes"), "not of the trace");
   EXPECT_EQ(remove(name), 0);
-  EXPECT_EQ(sorted(namesOf(directory_.path())), "t.klt.notes\n");
+  EXPECT_EQ(inLines(namesOf(directory_.path())), "t.klt.notes\n");
   EXPECT_EQ(remove(single()), 0);
-  EXPECT_EQ(sorted(namesOf(directory_.path())), "t.klt.notes\n");
+  EXPECT_EQ(inLines(namesOf(directory_.path())), "t.klt.notes\n");
 }
 
 TEST_F(KltFiles, ARemovalThatFailsLeavesTheIndex) {

@@ -307,6 +307,7 @@ TEST_F(KltGeneric, ACountIsNotBelievedBeforeItsElementsAreThere) {
     int status;
   };
   const Case cases[] = {
+      {"negative, 8 bits", Type::I8, 0xff, "Corrupted data", KLT_STATUS_ABORTING},
       {"negative, 16 bits", Type::I16, 0xffff, "Corrupted data", KLT_STATUS_ABORTING},
       {"negative, 64 bits", Type::I64, ~uint64_t{0}, "Corrupted data", KLT_STATUS_ABORTING},
       {"single", Type::F32, 2, "Found wrong field-type when filtering counter_value",

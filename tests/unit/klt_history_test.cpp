@@ -269,8 +269,16 @@ TEST(KltRequests, AdjacentOnesTellWhatIsAddedAndEndWhatIsDropped) {
              "end_of_history 5" + bracket, "begin_of_history 10" + bracket, "enter_scope 1 0 2 1 0",
              "function_history 10 1 1 [11] [0]", "enter_scope 1 1 3 1 0",
              "end_of_history 10" + bracket, "enter_function 10 0 12 0", "enter_function 10 1 13 0",
-             "leave_function 15 1 0", "end_of_filter 20 8 1 1:1:1", "leave_function 20 0 0",
-             "end_of_filter 30 4 1 0:0:1"}));
+             "leave_function 15 1 0", "end_of_filter 20 12 1 1:1:1", "end_of_filter 20 8 0",
+             "leave_function 20 0 0", "end_of_filter 30 4 1 0:0:1"}));
+  // A thread that leaves is closed, so that it can be told afresh when it comes back.
+  EXPECT_EQ(
+      open.read({window(5, 10, FUNCTIONS), window(10, 15, FUNCTIONS, {0}), window(15, 20, SCOPES)}),
+      (Lines{"begin_of_history 5" + bracket, "function_history 5 0 1 [10] [0]",
+             "function_history 5 1 1 [11] [0]", "end_of_history 5" + bracket,
+             "end_of_filter 10 4 1 1:1:1", "enter_function 10 0 12 0", "end_of_filter 15 4 0",
+             "begin_of_history 15" + bracket, "enter_scope 1 0 2 1 0", "enter_scope 1 1 3 1 0",
+             "end_of_history 15" + bracket, "end_of_filter 20 8 1 0:1:1"}));
 }
 
 TEST(KltRequests, WhatWasDeliveredIsNotToldAgainWhenSomethingIsAdded) {
@@ -532,11 +540,9 @@ class StackKeeper {
     for (uint64_t function = 0; words >> function;) stack.push_back(function);
     return "";
   }
-  // The categories are asked for no more, of the threads named or of all; without categories the
-  // threads are selected no more.
+  // The categories are asked for no more, of the threads named or of all.
   void forget(const std::string& line) {
-    const uint64_t categories = fieldOf(line, 2);
-    if (categories != 0 && (categories & FUNCTIONS) == 0) return;
+    if ((fieldOf(line, 2) & FUNCTIONS) == 0) return;
     if (fieldOf(line, 3) == 0) known_.clear();
     std::istringstream words(line);
     for (std::string word; words >> word;) {

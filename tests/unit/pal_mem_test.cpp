@@ -107,6 +107,7 @@ TEST_F(PalMem, RetryIsAskedUntilTheAllocationSucceeds) {
 }
 
 TEST_F(PalMem, InitFillsOnlyEmptySlots) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process in which nothing was filled yet
   PAL_allocators.calloc = nullptr;
   EXPECT_EXIT(
       {
