@@ -150,6 +150,16 @@ void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t va
   klt::warnNarrowed(value, __LINE__);
 }
 
+void KLT_WFileHandle::tellWarned() const {
+  for (const auto& [key, occurrences] : warned_) {
+    if (occurrences < 2) continue;
+    const KLT_Row& row = kKltRows[(key >> 8) - 1];
+    const std::string field(row.fields[key & 0xff].name);
+    PAL_Warning("%s.%s didn't fit %llu times in all", std::string(row.name).c_str(), field.c_str(),
+                static_cast<unsigned long long>(occurrences));
+  }
+}
+
 KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
   auto context = std::make_unique<KLT_WriteContext>();
   context->categories = category;
@@ -319,6 +329,7 @@ const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   }
   const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
   if (error != nullptr) writer->failed = true;
+  writer->tellWarned();
   *complete = KLT_WriterFree(writer);
   return error;
 }

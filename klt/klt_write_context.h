@@ -8,10 +8,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "klt/klt_compress.h"
@@ -112,6 +112,8 @@ struct KLT_WFileHandle {
   }
   void warnCut(const KLT_Row& row, size_t field, uint64_t count);
   void warnNarrowed(const KLT_Row& row, size_t field, uint32_t value);
+  // How often each field that was warned of didn't fit.
+  void tellWarned() const;
 
   [[nodiscard]] std::vector<uint32_t>& idScratch(size_t field) { return idScratch_[field]; }
   [[nodiscard]] std::vector<uint64_t>& durationScratch() { return durations_; }
@@ -124,7 +126,7 @@ struct KLT_WFileHandle {
   std::array<std::vector<uint32_t>, kKltMaxFields> idScratch_;
   std::vector<uint64_t> durations_;
   std::vector<uint8_t> side_;
-  std::unordered_map<uint32_t, uint64_t> warned_;  // occurrences by row and field
+  std::map<uint32_t, uint64_t> warned_;  // occurrences by row and field
 };
 
 // The context of a category bit and, for categories kept per thread, a thread. Null after a report.

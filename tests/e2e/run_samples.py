@@ -254,21 +254,21 @@ def folders_of(samples, only):
             yield Folder(path)
 
 
-def main():
+def main(modes, description):
     default = pathlib.Path(__file__).resolve().parent.parent / "data"
-    parser = argparse.ArgumentParser(description=__doc__,
+    parser = argparse.ArgumentParser(description=description,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--program", help="the klttool to run")
     parser.add_argument("--samples", type=pathlib.Path, default=default, help="directory of folders")
     parser.add_argument("--only", action="append", metavar="FOLDER", help="folders, all if not given")
-    parser.add_argument("--mode", action="append", choices=MODES, help="modes, all if not given")
+    parser.add_argument("--mode", action="append", choices=modes, help="modes, all if not given")
     parser.add_argument("--list", action="store_true", help="print folders and modes, run nothing")
     arguments = parser.parse_args()
 
     ran = failed = 0
     for folder in folders_of(arguments.samples, arguments.only):
-        for mode in arguments.mode or MODES:
-            applies, check = MODES[mode]
+        for mode in arguments.mode or modes:
+            applies, check = modes[mode]
             if not applies(folder):
                 continue
             if arguments.list:
@@ -289,4 +289,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(MODES, __doc__))

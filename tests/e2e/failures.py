@@ -1,0 +1,229 @@
+#!/usr/bin/env python3
+"""Runs klttool where something can't work: full disks, missing parts, outputs onto inputs, windows
+that select nothing. A run that lost something must say so and end with a status other than 0, and
+no input may change.
+
+  failures.py --program build/release/klttool [--only CASE] [--list]
+"""
+
+import argparse
+import os
+import pathlib
+import resource
+import shutil
+import subprocess
+import sys
+import tempfile
+
+from run_samples import INPUT, Failure, Folder, Program, compare, text
+
+DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
+BINARY = ("--logfile-format", "KLT")
+SINGLE = ("--logfile-format", "SINGLEKLT")
+
+
+def contents(directory):
+    """Bytes by name; a link stands for what it points to."""
+    return {file.name: file.read_bytes() for file in pathlib.Path(directory).iterdir()
+            if file.is_file()}
+
+
+class Place:
+    """A directory with a copy of a sample trace that must stay as it is."""
+
+    def __init__(self, program, directory, sample="stencil"):
+        self.program = program
+        self.path = pathlib.Path(directory, "in")
+        self.path.mkdir()
+        Folder(DATA / sample).copy(self.path)
+        self.before = contents(self.path)
+
+    def run(self, *options, status, says="", stdout=subprocess.PIPE, limit=None, shell=None):
+        """Runs the program on the copy and returns its standard output."""
+        def confine():
+            if limit is not None:
+                resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
+        command = [self.program, INPUT, *options]
+        if shell is not None:
+            command = ["sh", "-c", shell, "sh", *command]
+        done = subprocess.run(command, cwd=self.path, stdin=subprocess.DEVNULL, stdout=stdout,
+                              stderr=subprocess.PIPE, preexec_fn=confine, timeout=120, check=False)
+        shown = f"klttool {' '.join(options)}: "
+        if done.returncode != status:
+            raise Failure(f"{shown}status {done.returncode}, expected {status}\n{text(done.stderr)}")
+        if says.encode() not in done.stderr:
+            raise Failure(f"{shown}standard error lacks \"{says}\":\n{text(done.stderr)}")
+        return done.stdout
+
+    def check_input(self):
+        after = contents(self.path)
+        for name, data in self.before.items():
+            if after.get(name) != data:
+                raise Failure(f"input {name} has changed")
+
+
+def full_disk(place):
+    """A file that may not grow, at several sizes: some of the streams, all, or the index are cut."""
+    whole = place.run("--dump", status=0)
+    for limit in (1, 700, 5000, 12000):
+        for form in (BINARY, SINGLE):
+            place.run("--logfile-name", "../out.klt", *form, status=1, limit=limit)
+        place.run("--logfile-name", "../out.rkf", status=1, limit=limit,
+                  says="klttool ERROR: writing to ../out.rkf failed: File too large\n")
+        place.run("--convert", "../copy.klt", *SINGLE, status=1, limit=limit)
+    place.run("--logfile-name", "../out.klt", *BINARY, status=1, limit=700,
+              says="klttool ERROR: writing to msg failed, file will be incomplete\n")
+    # With room everything is there.
+    place.run("--logfile-name", "../out.rkf", status=0, limit=len(whole))
+
+
+def full_device(place):
+    with open("/dev/full", "wb") as full:
+        place.run("--dump", status=1, stdout=full,
+                  says="klttool ERROR: writing to stdout failed: No space left on device\n")
+        place.run("--convert", "-", *SINGLE, status=1, stdout=full)
+        place.run("--logfile-name", "-", *SINGLE, status=1, stdout=full)
+        for listing in ("--print-files", "--print-threads"):
+            place.run(listing, status=1, stdout=full, says="writing to stdout failed")
+
+
+def closed_output(place):
+    place.run("--dump", status=1, shell='"$@" >&-', says="writing to stdout failed")
+    place.run("--logfile-name", "../out.klt", *BINARY, status=0, shell='"$@" >&- <&-')
+    # A reader that has seen enough ends the run in silence.
+    done = subprocess.run(f"'{place.program}' {INPUT} --dump 2>err | head -n 1", shell=True,
+                          cwd=place.path, stdout=subprocess.PIPE, check=True)
+    if b"ERROR" in (place.path / "err").read_bytes() or done.stdout.count(b"\n") != 1:
+        raise Failure("a closed pipe is reported")
+
+
+def no_target(place):
+    for name in ("../none/out.klt", "../in"):
+        for form in (BINARY, SINGLE):
+            place.run("--logfile-name", name, *form, status=1)
+            place.run("--convert", name, *form, status=1)
+        place.run("--logfile-name", name, status=1,
+                  says=f"Could not open file {name} for writing.\n")
+    place.run("--move", status=10, says="neither any output file nor any kind of")
+    place.run("--move", "--remove", status=10,
+              says="No output filename selected, use --move <filename> or --logfile-name\n")
+    place.run("--logfile-name", "a\nREMOVE\n", status=10)
+
+
+def onto_input(place):
+    """By name, by another path, and through links to the index or to a component alone."""
+    os.symlink(INPUT, place.path / "link.klt")
+    os.symlink(place.path, place.path.parent / "again")
+    os.link(place.path / "t.klt.f.0", place.path / "hard.klt.f.0")
+    for name in (INPUT, f"./{INPUT}", "link.klt", f"../again/{INPUT}", "hard.klt"):
+        place.run("--logfile-name", name, *BINARY, status=1)
+        place.check_input()
+        if name != "hard.klt":  # of which only a component is an input
+            place.run("--logfile-name", name, *SINGLE, status=1)
+            place.run("--logfile-name", name, status=1,
+                      says=f"Could not open file {name} for writing.\n")
+            place.run("--convert", name, *SINGLE, status=1)
+        place.run("--convert", name, *BINARY, status=1)
+        place.check_input()
+    place.run("--logfile-name", "t.klt.f.0", status=1, says="for writing.\n")
+
+
+def missing_component(place):
+    """What is gone is told, and what remains can be listed, copied in part, moved and removed."""
+    (place.path / "t.klt.msg").unlink()
+    del place.before["t.klt.msg"]
+    place.run("--dump", status=2, says="continuing\n")
+    if [b"t.klt.msg", b"0", b"bytes"] not in map(
+            bytes.split, place.run("--print-files", status=0).splitlines()):
+        raise Failure("the listing leaves out the missing component")
+    place.run("--convert", "../copy.klt", *BINARY, status=1,
+              says="Could not open t.klt.msg for reading. Aborting.")
+    place.check_input()
+    # The index goes last: a trace that couldn't be moved or removed whole can still be opened.
+    place.run("--move", "../moved.klt", status=1)
+    place.run("--remove", status=255)
+    if not (place.path / INPUT).exists():
+        raise Failure("the index is gone")
+    place.before = {}
+
+
+def missing_anchors(place):
+    for file in place.path.glob("*.anc"):
+        file.unlink()
+        del place.before[file.name]
+    place.run("--convert", "../copy.klt", *BINARY, status=0,
+              says="Could not find anchor-file t.klt.f.0.anc, skipping it.")
+    place.check_input()
+    place.run("--remove", status=0)
+    if list(place.path.glob(f"{INPUT}*")):
+        raise Failure("parts of the trace are left")
+    place.before = {}
+
+
+def damaged_anchors(place):
+    """Whatever an anchor file holds, windows stay the same."""
+    options = ("--dump", "--request", "0.002s:0.004s")
+    expected = place.run(*options, status=0)
+    for damage in (lambda b: b"", lambda b: b"\xff" * len(b), lambda b: b[:len(b) // 2],
+                   lambda b: b[:3] + b"\x7f" + b[4:], lambda b: b * 2, lambda b: b"\x09" + b):
+        for file in place.path.glob("*.anc"):
+            file.write_bytes(damage(place.before[file.name]))
+        compare("window with damaged anchors", expected, place.run(*options, status=0))
+    for file in place.path.glob("*.anc"):
+        file.write_bytes(place.before[file.name])
+
+
+def odd_windows(place):
+    """Inverted windows have no end; ones that select nothing are no error."""
+    dump = ("--dump", "--request")
+    inverted = place.run(*dump, "0.004s:0.002s", status=0)
+    compare("inverted window", place.run(*dump, "0.004s:0.001s", status=0), inverted)
+    if not inverted.splitlines()[-1].startswith(b"19136 "):
+        raise Failure("an inverted window doesn't reach the end of the run")
+    header = place.run(*dump, "1000s:2000s,FRAMES", status=0)
+    for window in ("0.001s:0.001s,SCOPES", "1000s:2000s,COUNTERS", "0s:1s,OPENMP,0:1"):
+        output = place.run(*dump, window, status=0)
+        if output.count(b"\n") > header.count(b"\n") + 200:
+            raise Failure(f"{window} selects something")
+    for window in ("1e300s:2e300s", "0s:1e300s", "-1s:1e-300s"):
+        place.run(*dump, window, status=0)
+    place.run("--logfile-name", "../none.klt", *BINARY, "--request", "1000s:2000s,COUNTERS",
+              status=0)
+    done = place.program
+    if subprocess.run([done, "none.klt", "--dump"], cwd=place.path.parent,
+                      capture_output=True, check=False).returncode != 0:
+        raise Failure("an extraction of nothing can't be read")
+
+
+CASES = (full_disk, full_device, closed_output, no_target, onto_input, missing_component,
+         missing_anchors, damaged_anchors, odd_windows)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--program", help="the klttool to run")
+    parser.add_argument("--only", choices=[case.__name__ for case in CASES], help="one case")
+    parser.add_argument("--list", action="store_true", help="print the cases, run nothing")
+    arguments = parser.parse_args()
+    failed = 0
+    for case in CASES:
+        name = case.__name__
+        if arguments.only not in (None, name):
+            continue
+        if arguments.list:
+            print(name)
+            continue
+        with tempfile.TemporaryDirectory() as directory:
+            try:
+                place = Place(Program(arguments.program).path, directory)
+                case(place)
+                place.check_input()
+            except Failure as failure:
+                failed += 1
+                print(f"{name}: {failure}\n")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
