@@ -16,53 +16,50 @@ class KLT_MergeTree {
   void build(const std::vector<uint64_t>& times) {
     leaves_ = 1;
     while (leaves_ < times.size()) leaves_ *= 2;
-    times_ = times;
-    winner_.assign(2 * leaves_, kNoLeaf);
-    for (uint32_t i = 0; i < times.size(); ++i) winner_[leaves_ + i] = i;
-    for (size_t node = leaves_ - 1; node >= 1; --node) play(node);
+    count_ = times.size();
+    nodes_.assign(2 * leaves_, kNobody);
+    for (size_t i = 0; i < times.size(); ++i) nodes_[leaves_ + i] = entry(i, times[i]);
+    for (size_t node = leaves_ - 1; node >= 1; --node) {
+      nodes_[node] = earlier(nodes_[2 * node], nodes_[2 * node + 1]);
+    }
   }
 
   // The position with the lowest time; kNone if none is left.
-  [[nodiscard]] size_t best() const {
-    const uint32_t leaf = winner_[1];
-    return leaf == kNoLeaf ? kNone : leaf;
-  }
+  [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
   // The position with the lowest time but for `best`, or kNone.
   [[nodiscard]] size_t second(size_t best) const {
-    uint32_t found = kNoLeaf;
-    for (size_t node = leaves_ + best; node > 1; node /= 2)
-      found = better(found, winner_[node ^ 1]);
-    return found == kNoLeaf ? kNone : found;
+    Entry found = kNobody;
+    for (size_t node = leaves_ + best; node > 1; node /= 2) {
+      found = earlier(found, nodes_[node ^ 1]);
+    }
+    return positionOf(found);
   }
-  [[nodiscard]] uint64_t time(size_t position) const { return times_[position]; }
+  [[nodiscard]] uint64_t time(size_t position) const {
+    return static_cast<uint64_t>(nodes_[leaves_ + position] >> 64);
+  }
 
-  void update(size_t position, uint64_t time) {
-    times_[position] = time;
-    replay(position);
-  }
+  void update(size_t position, uint64_t time) { replay(position, entry(position, time)); }
   // Takes the last position out, which then has no time.
-  void removeLast() {
-    const size_t last = times_.size() - 1;
-    winner_[leaves_ + last] = kNoLeaf;
-    replay(last);
-    times_.pop_back();
-  }
+  void removeLast() { replay(--count_, kNobody); }
 
  private:
-  static constexpr uint32_t kNoLeaf = ~uint32_t{0};
+  // Time and position as one number, so that a game is decided without a branch: which stream comes
+  // next can't be predicted.
+  __extension__ using Entry = unsigned __int128;
+  static constexpr Entry kNobody = ~Entry{0};
 
-  [[nodiscard]] uint32_t better(uint32_t a, uint32_t b) const {
-    if (a == kNoLeaf) return b;
-    if (b == kNoLeaf) return a;
-    if (times_[a] != times_[b]) return times_[a] < times_[b] ? a : b;
-    return a < b ? a : b;
-  }
-  void play(size_t node) { winner_[node] = better(winner_[2 * node], winner_[2 * node + 1]); }
-  void replay(size_t position) {
-    for (size_t node = (leaves_ + position) / 2; node >= 1; node /= 2) play(node);
+  static Entry entry(size_t position, uint64_t time) { return Entry{time} << 64 | position; }
+  static size_t positionOf(Entry entry) { return static_cast<size_t>(entry); }
+  static Entry earlier(Entry a, Entry b) { return b < a ? b : a; }
+  void replay(size_t position, Entry winner) {
+    nodes_[leaves_ + position] = winner;
+    for (size_t node = leaves_ + position; node > 1; node /= 2) {
+      winner = earlier(winner, nodes_[node ^ 1]);
+      nodes_[node / 2] = winner;
+    }
   }
 
-  std::vector<uint64_t> times_;
-  std::vector<uint32_t> winner_;  // by node; leaves from `leaves_` on
+  std::vector<Entry> nodes_;  // the winner of each game; leaves from `leaves_` on
   size_t leaves_ = 1;
+  size_t count_ = 0;
 };
