@@ -75,6 +75,17 @@ inline char* RK_PutU64(char* p, uint64_t value) {
   return RK_PutEight(RK_PutEight(p, static_cast<uint32_t>(high % k1e8)), low);
 }
 
+// The four digits of `value`, which is below 10^4.
+inline char* RK_PutFour(char* p, uint32_t value) {
+  const uint32_t high = value * 5243 >> 19;  // divided by 100
+  const uint32_t pairs = (value - 100 * high) << 16 | high;
+  const uint32_t tens = ((pairs * 103) >> 10) & 0x000f000f;
+  uint32_t digits = tens + ((pairs - 10 * tens) << 8) + 0x30303030U;
+  if constexpr (std::endian::native == std::endian::big) digits = __builtin_bswap32(digits);
+  memcpy(p, &digits, sizeof digits);
+  return p + 4;
+}
+
 class RK_Line {
  public:
   explicit RK_Line(RK_Output* output) : output_(output), p_(output->pos) {}
@@ -110,6 +121,27 @@ class RK_Line {
       value = 0 - value;
     }
     return u32(value);
+  }
+
+  // The time that a line begins with, signed. Lines come in order of time, so that all but the last
+  // digits are most often those of the line before, and where the next field begins is known early.
+  RK_Line& time(uint64_t value) {
+    const uint64_t high = value / 10000;
+    if (high == output_->timeHigh && high != 0) [[likely]] {
+      memcpy(p_, output_->timeText, sizeof output_->timeText);
+      p_ = RK_PutFour(p_ + output_->timeDigits, static_cast<uint32_t>(value - 10000 * high));
+      return *this;
+    }
+    if (value >> 63) [[unlikely]]
+      return i64(value);
+    char* const begin = p_;
+    u64(value);
+    if (high != 0 && value >> 62 == 0) {  // no negative value has the same leading digits
+      output_->timeHigh = high;
+      output_->timeDigits = static_cast<size_t>(p_ - begin) - 4;
+      memcpy(output_->timeText, begin, sizeof output_->timeText);
+    }
+    return *this;
   }
 
   // As %G does.

@@ -24,6 +24,11 @@ struct RK_Output {
   int vfd = -1;         // virtual descriptor; -1 while there is none
   int standard = -1;    // the standard descriptor that it stands for, -1 if it is a file
   bool failed = false;  // a write, flush or close failed
+
+  // The digits of the last line's time but for the last four (RK_line.h).
+  uint64_t timeHigh = 0;
+  size_t timeDigits = 0;
+  char timeText[16] = {};
 };
 
 // The process's standard output. Lives to the end of the process.

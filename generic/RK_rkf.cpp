@@ -65,7 +65,7 @@ int writeScopeEvent(RK_Output* out, uint64_t time, const char (&keyword)[N], uin
                     uint32_t scope, uint32_t seqnr, uint32_t scl) {
   if (!RK_conf.extended_rkf) return RK_OutputFailed(out);
   RK_Line line(out);
-  line.i64(time).fixed(keyword).u32(gtp + 1);
+  line.time(time).fixed(keyword).u32(gtp + 1);
   line.fixed(" SCOPE ").u32(scope).fixed(" SEQNR ").u32(seqnr);
   if (isScl(scl)) line.fixed(" SCL ").u32(scl);
   return line.end();
@@ -261,7 +261,7 @@ int RK_WriteComDef(RK_Output* out, uint32_t communicator, uint32_t memberCount,
 int RK_WriteExchange(RK_Output* out, uint64_t time, uint32_t gtp, bool enter, uint32_t function,
                      uint32_t scl) {
   RK_Line line(out);
-  line.i64(time).fixed(" EXCHEXT CPU ").i32(gtp + 1);
+  line.time(time).fixed(" EXCHEXT CPU ").i32(gtp + 1);
   if (enter) {
     line.fixed(" DOWNTO ");
   } else {
@@ -279,7 +279,7 @@ int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32
                     uint32_t sender, uint32_t receiver, uint32_t size, uint32_t scl,
                     uint32_t function) {
   RK_Line line(out);
-  line.i64(time).fixed(" SENDMSG ").i32(communicator).fixed(" ").i32(tag);
+  line.time(time).fixed(" SENDMSG ").i32(communicator).fixed(" ").i32(tag);
   line.fixed(" FROM ").i32(sender + 1).fixed(" TO ").i32(receiver + 1).fixed(" LEN ").i32(size);
   putScl(line, scl);
   putFunction(line, function);
@@ -290,7 +290,7 @@ int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32
                     uint32_t receiver, uint32_t sender, uint32_t size, uint32_t scl,
                     uint32_t function) {
   RK_Line line(out);
-  line.i64(time).fixed(" RECVMSG ").i32(communicator).fixed(" ").i32(tag);
+  line.time(time).fixed(" RECVMSG ").i32(communicator).fixed(" ").i32(tag);
   line.fixed(" BY ").i32(receiver + 1).fixed(" FROM ").i32(sender + 1).fixed(" LEN ").i32(size);
   putScl(line, scl);
   putFunction(line, function);
@@ -301,7 +301,7 @@ int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t operation, uint32_t
                      uint32_t communicator, uint32_t root, uint32_t bytesSent,
                      uint32_t bytesReceived, int64_t duration, uint32_t scl) {
   RK_Line line(out);
-  line.i64(time).fixed(" GLOBALOP ").i32(operation).fixed(" ON ").i32(gtp + 1);
+  line.time(time).fixed(" GLOBALOP ").i32(operation).fixed(" ON ").i32(gtp + 1);
   line.fixed(" ").i32(communicator).fixed(" ").i32(root + 1);
   line.fixed(" ").i32(bytesSent).fixed(" ").i32(bytesReceived);
   line.fixed(" ").i64(static_cast<uint64_t>(duration));
@@ -311,7 +311,7 @@ int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t operation, uint32_t
 int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
                   const uint32_t* counters, const uint8_t* types, const uint64_t* values) {
   RK_Line line(out);
-  line.i64(time);
+  line.time(time);
   if (gtp >> 31) {
     line.fixed(" SAMP GROUP ");
   } else {
@@ -333,13 +333,13 @@ int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
 
 int RK_WriteComment(RK_Output* out, uint64_t time, const char* text) {
   RK_Line line(out);
-  return line.i64(time).fixed(" C ").text(text, true).end();
+  return line.time(time).fixed(" C ").text(text, true).end();
 }
 
 int RK_WriteOpaque(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
                    uint32_t scl) {
   RK_Line line(out);
-  line.i64(time).fixed(" KPARREGBARSUM 1 CPU ").i32(gtp + 1);
+  line.time(time).fixed(" KPARREGBARSUM 1 CPU ").i32(gtp + 1);
   line.fixed(" SEQN 0 OSIZE ").i32(size).fixed(" OSTREAM ");
   for (uint32_t i = 0; i < size; i++) line.hexByte(data[i]).room();
   return finish(line, scl);
@@ -348,7 +348,7 @@ int RK_WriteOpaque(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t size, c
 int RK_WriteFileIoBegin(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
                         uint32_t file, uint32_t bytes, uint32_t scl) {
   RK_Line line(out);
-  line.i64(time).fixed(" FILEIOBEGIN ");
+  line.time(time).fixed(" FILEIOBEGIN ");
   putOperation(line, operation);
   line.fixed(" ON CPUID ").i32(gtp + 1).fixed(" ").i32(file).fixed(" ").i32(bytes);
   return finish(line, scl);
@@ -357,7 +357,7 @@ int RK_WriteFileIoBegin(RK_Output* out, uint64_t time, uint32_t operation, uint3
 int RK_WriteFileIoEnd(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
                       uint32_t file, uint32_t bytes, uint32_t scl) {
   RK_Line line(out);
-  line.i64(time).fixed(" FILEIOEND ");
+  line.time(time).fixed(" FILEIOEND ");
   putOperation(line, operation);
   line.fixed(" on CPUID ").i32(gtp + 1).fixed(" ").i32(file).fixed(" ").i32(bytes);
   return finish(line, scl);

@@ -4,6 +4,12 @@
 #include <algorithm>
 #include <bit>
 
+namespace {
+
+constexpr size_t kKeptKeys = 1024;  // a large list gives its memory back
+
+}  // namespace
+
 uint32_t KLTT_Queue::newNode() {
   if (!freeNodes_.empty()) {
     const uint32_t node = freeNodes_.back();
@@ -39,6 +45,12 @@ inline KLTT_Queue::Bucket& KLTT_Queue::lowestBucket() {
 }
 
 KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
+  if (present_.empty() ? time < nextTime_ : time == presentTime_) {
+    presentTime_ = time;
+    nextTime_ = std::min(nextTime_, time);
+    ++count_;
+    return present_.emplace_back();
+  }
   const uint32_t node = newNode();
   if (time < now_) [[unlikely]] {
     if (count_ == 0) {
@@ -72,7 +84,6 @@ void KLTT_Queue::addComment(uint64_t time, std::string_view text) {
 
 // Moves `now_` on to the first key there is. REQUIRES: due_ is used up, a bucket holds keys.
 void KLTT_Queue::spreadLowestBucket() {
-  constexpr size_t kKeptKeys = 1024;  // a large bucket gives its memory back
   due_.clear();
   dueFirst_ = 0;
   const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
@@ -98,25 +109,34 @@ uint32_t KLTT_Queue::frontNode() {
   return due_[dueFirst_].node;
 }
 
-void KLTT_Queue::findNextTime() {
-  if (!late_.empty()) {
-    nextTime_ = late_.front().time;
-  } else if (dueFirst_ != due_.size()) {
-    nextTime_ = now_;
-  } else if (usedLevels_ != 0) {
-    nextTime_ = lowestBucket().leastTime;
-  } else {
-    nextTime_ = kNever;
-  }
+// Time of the first node that isn't present.
+uint64_t KLTT_Queue::waitingTime() {
+  if (!late_.empty()) [[unlikely]]
+    return late_.front().time;
+  if (dueFirst_ != due_.size()) return now_;
+  return usedLevels_ == 0 ? kNever : lowestBucket().leastTime;
+}
+
+void KLTT_Queue::forgetText(const KLTT_Delayed& node) {
+  if (node.kind != KLTT_DelayedKind::kComment) [[likely]]
+    return;
+  std::string().swap(texts_[node.text]);
+  freeTexts_.push_back(node.text);
 }
 
 void KLTT_Queue::pop() {
-  const uint32_t first = frontNode();
-  const KLTT_Delayed& node = nodes_[first];
-  if (node.kind == KLTT_DelayedKind::kComment) [[unlikely]] {
-    std::string().swap(texts_[node.text]);
-    freeTexts_.push_back(node.text);
+  --count_;
+  if (headsTheQueue()) {
+    forgetText(present_[presentFirst_++]);
+    if (presentFirst_ != present_.size()) return;
+    present_.clear();
+    if (present_.capacity() > kKeptKeys) std::vector<KLTT_Delayed>().swap(present_);
+    presentFirst_ = 0;
+    nextTime_ = waitingTime();
+    return;
   }
+  const uint32_t first = frontNode();
+  forgetText(nodes_[first]);
   freeNodes_.push_back(first);
   if (late_.empty()) [[likely]] {
     ++dueFirst_;
@@ -124,6 +144,6 @@ void KLTT_Queue::pop() {
     std::pop_heap(late_.begin(), late_.end());
     late_.pop_back();
   }
-  --count_;
-  findNextTime();
+  nextTime_ = waitingTime();
+  if (!present_.empty()) nextTime_ = std::min(nextTime_, presentTime_);
 }

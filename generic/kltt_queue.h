@@ -5,6 +5,9 @@
 // by time, and among equal times in the order in which they came. It owns the nodes, in a pool, and
 // the texts of comments. kltt_events fills it and writes what comes out.
 //
+// Half of the nodes happen at the very time of their record, which is ahead of all that waits:
+// these stand in a plain list until the next time comes.
+//
 // What comes out goes back in time by exception only, and that makes a radix queue fit: times are
 // numbers of 6-bit digits, and a node lies in the bucket of the highest digit in which its time
 // differs from the time last handed out. When that time moves on, the lowest bucket in use is
@@ -66,7 +69,9 @@ class KLTT_Queue {
   void addComment(uint64_t time, std::string_view text);
 
   // The first node. REQUIRES: not empty.
-  [[nodiscard]] const KLTT_Delayed& front() { return nodes_[frontNode()]; }
+  [[nodiscard]] const KLTT_Delayed& front() {
+    return headsTheQueue() ? present_[presentFirst_] : nodes_[frontNode()];
+  }
   [[nodiscard]] const std::string& text(const KLTT_Delayed& comment) const {
     return texts_[comment.text];
   }
@@ -95,15 +100,26 @@ class KLTT_Queue {
   static constexpr int kDigitBits = 6;
   static constexpr size_t kLevels = 11;  // digits of 64 bits
 
+  // Whether the present nodes come first. No other node has their time.
+  [[nodiscard]] bool headsTheQueue() const {
+    return presentFirst_ != present_.size() && presentTime_ == nextTime_;
+  }
   uint32_t newNode();
   Bucket& lowestBucket();
   void place(const Key& key);
   uint32_t frontNode();
   void spreadLowestBucket();
-  void findNextTime();
+  [[nodiscard]] uint64_t waitingTime();
+  void forgetText(const KLTT_Delayed& node);
 
   uint64_t nextTime_ = kNever;
   size_t count_ = 0;
+
+  // Nodes of one time that was ahead of all others when the first of them came; used up from
+  // `presentFirst_` on.
+  uint64_t presentTime_ = 0;
+  std::vector<KLTT_Delayed> present_;
+  size_t presentFirst_ = 0;
 
   uint64_t now_ = 0;      // time last handed out; no bucket holds an earlier one
   std::vector<Key> due_;  // keys at `now_`, used up from `dueFirst_` on

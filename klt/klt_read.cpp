@@ -74,16 +74,16 @@ struct Served {
   bool removed = false;
 };
 
-// Removes a stream from the array and from the tournament.
+// Takes a stream out of the tournament that has left the array: its place holds what was the last
+// one.
 void leaveOrder(KLT_Reader& reader, size_t index) {
-  // The stream is gone from the array already: its place holds what was the last one.
   if (index < reader.streams.size()) {
     reader.order.update(index, reader.streams[index]->nextTime);
   }
   reader.order.removeLast();
 }
 
-// Delivers the stream's records up to the time `limit`.
+// Delivers the stream's records up to the time `limit`. The tournament is the caller's.
 Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
   KLT_Stream& stream = *reader.streams[index];
   for (;;) {
@@ -95,7 +95,6 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
     if (!more) {
       const Swap swap = swapIn(reader, index);
       if (swap != Swap::kReady) {
-        leaveOrder(reader, index);
         return {swap == Swap::kFailed ? afterFailure(reader) : kNoStatus, true};
       }
     }
@@ -104,10 +103,28 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
         if (reader.limit.reached()) return {KLT_STATUS_TIME, false};
       }
     }
-    if (stream.nextTime > limit) break;
+    if (stream.nextTime > limit) return {};
   }
-  reader.order.update(index, stream.nextTime);
-  return {};
+}
+
+// Serves the stream with the lowest next time, then the runner-up. Returns a status, or kNoStatus.
+int serveNext(KLT_Reader& reader) {
+  KLT_MergeTree& order = reader.order;
+  const size_t best = order.best();
+  const size_t second = order.second(best);
+  if (second == KLT_MergeTree::kNone) return serve(reader, best, ~uint64_t{0}).status;
+  const uint64_t limit = order.time(second);
+  const Served first = serve(reader, best, limit);
+  if (first.removed) leaveOrder(reader, best);
+  if (first.removed || first.status != kNoStatus) return first.status;
+  const Served next = serve(reader, second, limit);
+  if (!next.removed) {
+    order.update(best, reader.streams[best]->nextTime, second, reader.streams[second]->nextTime);
+  } else {
+    if (best < reader.streams.size()) order.update(best, reader.streams[best]->nextTime);
+    leaveOrder(reader, second);
+  }
+  return next.status;
 }
 
 // Gets every stream ready. Returns a status, or kNoStatus.
@@ -135,15 +152,8 @@ int readInOrder(KLT_Reader& reader) {
   for (const auto& stream : reader.streams) times.push_back(stream->nextTime);
   reader.order.build(times);
   while (!reader.streams.empty()) {
-    const size_t best = reader.order.best();
-    const size_t second = reader.order.second(best);
-    const uint64_t limit =
-        second == KLT_MergeTree::kNone ? ~uint64_t{0} : reader.order.time(second);
-    Served served = serve(reader, best, limit);
-    if (served.status == kNoStatus && !served.removed && second != KLT_MergeTree::kNone) {
-      served = serve(reader, second, limit);
-    }
-    if (served.status != kNoStatus) return served.status;
+    const int status = serveNext(reader);
+    if (status != kNoStatus) return status;
   }
   return KLT_STATUS_FINISHED;
 }

@@ -41,6 +41,10 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
         times.pop_back();
         if (changed < times.size()) tree.update(changed, times[changed]);
         tree.removeLast();
+      } else if (const size_t other = random() % times.size(); other != changed) {
+        times[changed] += random() % 3;
+        times[other] += random() % 3;
+        tree.update(changed, times[changed], other, times[other]);
       } else {
         times[changed] += random() % 3;
         tree.update(changed, times[changed]);
