@@ -330,11 +330,9 @@ KLT_Step readLayout(KLT_Stream& s) {
   }
 }
 
-KLT_Step step(KLT_Stream& s, unsigned number) {
-  const KLT_DecoderEntry& entry = s.handle->decoders->entries[number];
+// The record at hand has a number without a decoder.
+KLT_Step stepUndecoded(KLT_Stream& s, unsigned number) {
   s.input.advance(1);
-  if (entry.filter != nullptr) [[likely]]
-    return entry.filter(s, entry);
   if (number == 0 && s.reader->mode == KLT_MODE_INTERNAL) return readLayout(s);
   s.input.stepBack();
   KLT_ReportCorrupted(*s.handle, s.suffix(), number, s.input.bufferPosition());
@@ -369,11 +367,23 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packedBytes = 0;
   s.delivered = 0;
   s.takenBefore = s.input.bytesTaken();
+  const KLT_DecoderEntry* const entries = s.handle->decoders->entries.data();
   while (!s.finished()) {
     if (s.input.drained()) [[unlikely]] {
       if (!atBufferEnd(s)) return KLT_Fill::kFailed;
     } else {
-      switch (step(s, *s.input.at())) {
+      KLT_Step step = KLT_Step::kConsumed;
+      do {
+        const unsigned number = *s.input.at();
+        const KLT_DecoderEntry& entry = entries[number];
+        if (entry.filter == nullptr) [[unlikely]] {
+          step = stepUndecoded(s, number);
+          break;
+        }
+        s.input.advance(1);
+        step = entry.filter(s, entry);
+      } while (step == KLT_Step::kConsumed && s.serial && !s.input.drained());
+      switch (step) {
         case KLT_Step::kConsumed:
           break;
         case KLT_Step::kConsumedLast:

@@ -45,8 +45,10 @@ class KLT_MergeTree {
     size_t node2 = leaves_ + position2;
     nodes_[node1] = winner1;
     nodes_[node2] = winner2;
-    if (std::bit_width(node1) > std::bit_width(node2)) node1 = play(node1, winner1);
-    if (std::bit_width(node2) > std::bit_width(node1)) node2 = play(node2, winner2);
+    const bool deep1 = node1 >= deep_;
+    const bool deep2 = node2 >= deep_;
+    if (deep1 && !deep2) node1 = play(node1, winner1);
+    if (deep2 && !deep1) node2 = play(node2, winner2);
     while (node1 / 2 != node2 / 2) {
       node1 = play(node1, winner1);
       node2 = play(node2, winner2);
@@ -73,6 +75,7 @@ class KLT_MergeTree {
 
   void plant(const std::vector<Entry>& entries) {
     leaves_ = count_ = entries.size();
+    deep_ = std::bit_ceil(leaves_);
     nodes_.assign(2 * std::max<size_t>(leaves_, 1), kNobody);
     std::copy(entries.begin(), entries.end(),
               nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_));
@@ -97,4 +100,5 @@ class KLT_MergeTree {
   std::vector<Entry> nodes_ = std::vector<Entry>(2, kNobody);
   size_t leaves_ = 0;
   size_t count_ = 0;
+  size_t deep_ = 1;  // leaves from here on lie a level below the others
 };
