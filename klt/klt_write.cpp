@@ -125,7 +125,8 @@ void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuf
 
 }  // namespace
 
-KLT_WFileHandle::KLT_WFileHandle() = default;
+// Every record looks its stream up: by array for the main threads of processes.
+KLT_WFileHandle::KLT_WFileHandle() { byThread.fill(KLT_IdIndex(0x10000)); }
 
 KLT_WFileHandle::~KLT_WFileHandle() {
   if (container != nullptr) KLT_ContainerClose(container);
