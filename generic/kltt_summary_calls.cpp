@@ -1,10 +1,4 @@
 // Call trees of the summary data. See kltt_summary_calls.h.
-//
-// A block of the file holds for each thread, all in the byte order of the machine:
-//   u64 start and width of the bin, u32 thread, function events, number of tree records, 0
-// and its tree, level by level from the root:
-//   u32 0, function; u64 self time, inclusive time; u32 calls, scl, children, distance to the first
-//   child, whether a sibling follows, distance back to the parent
 #include "generic/kltt_summary_calls.h"
 
 #include <algorithm>
@@ -16,6 +10,30 @@
 
 namespace {
 
+// A block of the file holds for each thread a record and its tree, level by level from the root,
+// in the byte order of the machine.
+struct ThreadRecord {
+  uint64_t binStart;
+  uint64_t binWidth;
+  uint32_t thread;
+  uint32_t events;
+  uint32_t records;  // of its tree
+  uint32_t zero;
+};
+struct TreeRecord {
+  uint32_t zero;
+  uint32_t function;
+  uint64_t self;
+  uint64_t inclusive;  // of the root: that of the level below it
+  uint32_t calls;
+  uint32_t scl;
+  uint32_t children;
+  uint32_t firstChild;    // so many records further on; 0 without children
+  uint32_t moreSiblings;  // 1 if one follows; 1 in the root, too
+  uint32_t parent;        // so many records back
+};
+static_assert(sizeof(ThreadRecord) == 32 && sizeof(TreeRecord) == 48);
+
 // Time that was told backwards doesn't count.
 uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
 
@@ -24,37 +42,24 @@ uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0;
 KLTT_CallTrees::KLTT_CallTrees()
     : index_(KLTT_DIRECT_IDS), buckets_(KLTT_SUM_BUCKETS), slots_(64), seed_(PAL_RandomSeed()) {}
 
-uint32_t KLTT_CallTrees::threadIndex(uint32_t gtp) {
-  uint32_t index = index_.find(gtp);
-  if (index == 0) {
-    threads_.push_back({.gtp = gtp, .calls = {}});
-    index = static_cast<uint32_t>(threads_.size());
-    index_.add(gtp, index);
-    const auto root = static_cast<uint32_t>(nodes_.size());
-    nodes_.emplace_back().parent = root;
-    threads_.back().calls.push_back({root, 0, 0});
-    buckets_[gtp % KLTT_SUM_BUCKETS].push_back(index - 1);
-  }
-  return index - 1;
+KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
+  const auto index = static_cast<uint32_t>(threads_.size());
+  const auto root = static_cast<uint32_t>(nodes_.size());
+  nodes_.emplace_back().parent = root;
+  threads_.push_back({.gtp = gtp, .calls = {{root, 0, 0, 0}}});
+  index_.add(gtp, index + 1);
+  buckets_[gtp % KLTT_SUM_BUCKETS].push_back(index);
+  return threads_.back();
 }
 
-// A component mostly holds one thread.
-KLTT_CallTrees::Thread& KLTT_CallTrees::threadOf(uint32_t gtp) {
-  if (lastThread_ >= threads_.size() || threads_[lastThread_].gtp != gtp) {
-    lastThread_ = threadIndex(gtp);
-  }
-  return threads_[lastThread_];
-}
-
-// The parents of what is touched are touched by the end of the bin: a call that ends touches the
-// one below it, and the calls that are open then are all touched.
-void KLTT_CallTrees::touch(uint32_t node) {
-  Node& entry = nodes_[node];
-  if (entry.touched) return;
-  entry.touched = true;
-  if (entry.parent == node) return;
-  entry.touchedSibling = nodes_[entry.parent].touchedChild;
-  nodes_[entry.parent].touchedChild = node;
+// The parents of what is touched are touched by the end of the bin, since a call is touched when it
+// ends, and when it is still open then.
+void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
+  node.touched = true;
+  if (node.parent == index) return;
+  Node& parent = nodes_[node.parent];
+  node.touchedSibling = parent.touchedChild;
+  parent.touchedChild = index;
 }
 
 size_t KLTT_CallTrees::slotOf(uint32_t parent, uint32_t function) const {
@@ -75,9 +80,7 @@ void KLTT_CallTrees::growSlots() {
   }
 }
 
-uint32_t KLTT_CallTrees::childOf(uint32_t parent, uint32_t function) {
-  const uint32_t last = nodes_[parent].lastChild;
-  if (last != 0 && nodes_[last].function == function) return last;
+uint32_t KLTT_CallTrees::findChild(uint32_t parent, uint32_t function) {
   size_t slot = slotOf(parent, function);
   for (; slots_[slot] != 0; slot = (slot + 1) & (slots_.size() - 1)) {
     const Node& node = nodes_[slots_[slot]];
@@ -98,37 +101,37 @@ uint32_t KLTT_CallTrees::childOf(uint32_t parent, uint32_t function) {
 void KLTT_CallTrees::enter(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) {
   Thread& thread = threadOf(gtp);
   ++thread.events;
-  const Call& top = thread.calls.back();
-  nodes_[top.node].self += elapsed(top.resumed, time);
-  touch(top.node);
+  Call& top = thread.calls.back();
+  top.self += elapsed(top.resumed, time);
   const uint32_t child = childOf(top.node, function);
-  touch(child);
   Node& node = nodes_[child];
+  touch(node, child);
   ++node.calls;
   if (node.scl == 0) node.scl = scl;
-  thread.calls.push_back({child, time, time});
+  thread.calls.push_back({.node = child, .resumed = time, .entered = time, .self = 0});
 }
 
 void KLTT_CallTrees::leave(uint64_t time, uint32_t gtp) {
   Thread& thread = threadOf(gtp);
   ++thread.events;
   if (thread.calls.size() == 1) return;
-  const Call& call = thread.calls.back();
-  nodes_[call.node].self += elapsed(call.resumed, time);
-  nodes_[call.node].inclusive += elapsed(call.entered, time);
-  touch(call.node);
+  close(thread.calls.back(), time);
   thread.calls.pop_back();
-  touch(thread.calls.back().node);
   thread.calls.back().resumed = time;
 }
 
+void KLTT_CallTrees::close(const Call& call, uint64_t time) {
+  Node& node = nodes_[call.node];
+  node.self += call.self + elapsed(call.resumed, time);
+  node.inclusive += elapsed(call.entered, time);
+  touch(node, call.node);
+}
+
 // A call below the top counts the time since it was last resumed, that of its callee included.
-void KLTT_CallTrees::closeCalls(Thread& thread, uint64_t binEnd) {
+void KLTT_CallTrees::closeAll(Thread& thread, uint64_t binEnd) {
   for (Call& call : thread.calls) {
-    nodes_[call.node].self += elapsed(call.resumed, binEnd);
-    nodes_[call.node].inclusive += elapsed(call.entered, binEnd);
-    call.resumed = call.entered = binEnd;
-    touch(call.node);
+    close(call, binEnd);
+    call = {.node = call.node, .resumed = binEnd, .entered = binEnd, .self = 0};
   }
 }
 
@@ -142,9 +145,10 @@ void KLTT_CallTrees::appendChildren(uint32_t place) {
   if (end == first) return;
   places_[place].firstChild = first;
   places_[place].children = end - first;
-  std::sort(places_.begin() + first, places_.end(), [this](const Place& a, const Place& b) {
-    return nodes_[a.node].function < nodes_[b.node].function;
-  });
+  if (end - first > 1)
+    std::sort(places_.begin() + first, places_.end(), [this](const Place& a, const Place& b) {
+      return nodes_[a.node].function < nodes_[b.node].function;
+    });
   places_.back().moreSiblings = false;
 }
 
@@ -160,6 +164,8 @@ void KLTT_CallTrees::layOut(uint32_t root) {
     places_[1].moreSiblings = false;
   }
   for (uint32_t place = 1; place < places_.size(); ++place) appendChildren(place);
+  nodes_[root].self = 0;
+  nodes_[root].inclusive = places_.size() > 1 ? nodes_[places_[1].node].inclusive : 0;
   for (size_t i = 0; i < beside_.size(); ++i) {
     for (uint32_t child = nodes_[beside_[i]].touchedChild; child != 0;
          child = nodes_[child].touchedSibling) {
@@ -170,26 +176,25 @@ void KLTT_CallTrees::layOut(uint32_t root) {
 
 void KLTT_CallTrees::writeThread(KLTT_SumFile& file, const Thread& thread, uint64_t binStart,
                                  uint64_t binWidth) {
-  file.put(binStart);
-  file.put(binWidth);
-  file.put(thread.gtp);
-  file.put(thread.events);
-  file.put(static_cast<uint32_t>(places_.size()));
-  file.put(uint32_t{0});
+  file.put(ThreadRecord{.binStart = binStart,
+                        .binWidth = binWidth,
+                        .thread = thread.gtp,
+                        .events = thread.events,
+                        .records = static_cast<uint32_t>(places_.size()),
+                        .zero = 0});
   for (uint32_t i = 0; i < places_.size(); ++i) {
     const Place& place = places_[i];
     const Node& node = nodes_[place.node];
-    const uint64_t below = places_.size() > 1 ? nodes_[places_[1].node].inclusive : 0;
-    file.put(uint32_t{0});
-    file.put(node.function);
-    file.put(i == 0 ? uint64_t{0} : node.self);
-    file.put(i == 0 ? below : node.inclusive);
-    file.put(node.calls);
-    file.put(node.scl);
-    file.put(place.children);
-    file.put(place.children == 0 ? uint32_t{0} : place.firstChild - i);
-    file.put(static_cast<uint32_t>(place.moreSiblings));
-    file.put(i - place.parent);
+    file.put(TreeRecord{.zero = 0,
+                        .function = node.function,
+                        .self = node.self,
+                        .inclusive = node.inclusive,
+                        .calls = node.calls,
+                        .scl = node.scl,
+                        .children = place.children,
+                        .firstChild = place.children == 0 ? 0 : place.firstChild - i,
+                        .moreSiblings = place.moreSiblings,
+                        .parent = i - place.parent});
   }
 }
 
@@ -212,7 +217,7 @@ void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEn
   for (const std::vector<uint32_t>& bucket : buckets_) {
     for (const uint32_t index : bucket) {
       Thread& thread = threads_[index];
-      closeCalls(thread, binEnd);
+      closeAll(thread, binEnd);
       layOut(thread.calls.front().node);
       writeThread(file, thread, binStart, binWidth);
       clear();

@@ -43,12 +43,13 @@ class KLTT_CallTrees {
     uint32_t touchedSibling = 0;
     bool touched = false;
   };
-  // The node of an open call, since when it has counted time, and since when it has been open, both
-  // moved up to the start of the bin.
+  // An open call: since when it counts time of its own, since when it has been open, both moved up
+  // to the start of the bin, and the time of its own that its node doesn't have yet.
   struct Call {
     uint32_t node;
     uint64_t resumed;
     uint64_t entered;
+    uint64_t self;
   };
   struct Thread {
     uint32_t gtp;
@@ -64,13 +65,24 @@ class KLTT_CallTrees {
     bool moreSiblings;
   };
 
-  [[nodiscard]] uint32_t threadIndex(uint32_t gtp);
-  [[nodiscard]] Thread& threadOf(uint32_t gtp);
-  void touch(uint32_t node);
-  [[nodiscard]] uint32_t childOf(uint32_t parent, uint32_t function);
+  [[nodiscard]] Thread& threadOf(uint32_t gtp) {
+    const uint32_t index = index_.find(gtp);
+    return index == 0 ? newThread(gtp) : threads_[index - 1];
+  }
+  Thread& newThread(uint32_t gtp);
+  void touch(Node& node, uint32_t index) {
+    if (!node.touched) firstTouch(node, index);
+  }
+  void firstTouch(Node& node, uint32_t index);
+  [[nodiscard]] uint32_t childOf(uint32_t parent, uint32_t function) {
+    const uint32_t last = nodes_[parent].lastChild;
+    return nodes_[last].function == function && last != 0 ? last : findChild(parent, function);
+  }
+  [[nodiscard]] uint32_t findChild(uint32_t parent, uint32_t function);
   [[nodiscard]] size_t slotOf(uint32_t parent, uint32_t function) const;
   void growSlots();
-  void closeCalls(Thread& thread, uint64_t binEnd);
+  void close(const Call& call, uint64_t time);
+  void closeAll(Thread& thread, uint64_t binEnd);
   void layOut(uint32_t root);
   void appendChildren(uint32_t place);
   void writeThread(KLTT_SumFile& file, const Thread& thread, uint64_t binStart, uint64_t binWidth);
@@ -78,7 +90,6 @@ class KLTT_CallTrees {
 
   std::vector<Thread> threads_;
   KLT_IdIndex index_;
-  uint32_t lastThread_ = 0;
   std::vector<std::vector<uint32_t>>
       buckets_;  // of threads, in the order in which they are written
   std::vector<Node> nodes_;

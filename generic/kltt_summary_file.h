@@ -22,7 +22,8 @@ class KLTT_SumFile {
   void begin();
   template <class T>
   void put(T value) {
-    static_assert(std::is_arithmetic_v<T>);
+    static_assert(std::has_unique_object_representations_v<T> || std::is_floating_point_v<T>,
+                  "no padding in a file");
     if (buffer_.size() - used_ < sizeof value) [[unlikely]]
       spill();
     std::memcpy(buffer_.data() + used_, &value, sizeof value);
