@@ -7,6 +7,7 @@
 // what a line shows (RK_SinkTime of internal time).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -24,6 +25,12 @@ struct KLTT_Communicator {
 struct KLTT_Counter {
   uint32_t key = 0;
   uint32_t flags = 0;  // bit 0: integer values
+};
+
+// A member's entry into a collective operation.
+struct KLTT_PerfMember {
+  uint32_t gtp;
+  uint64_t time;  // raw
 };
 
 struct KLTT_Context {
@@ -63,6 +70,11 @@ struct KLTT_Context {
   bool functionHeader = false;
   bool messageHeader = false;
   bool collectiveHeader = false;
+
+  // What a performance test asks for (kltt_perf): the members of all operations, one operation
+  // behind the other, and for each the end of its members.
+  std::vector<KLTT_PerfMember> perfMembers;
+  std::vector<size_t> perfEnds;
 
   // Room for the arrays of one record.
   std::vector<uint32_t> scratchBytes;

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 #include <utility>
-#include <vector>
 
 #include "generic/RK_conf.h"
 #include "generic/RK_wtrace.h"
@@ -14,10 +14,11 @@
 #include "generic/kltt_exit.h"
 #include "generic/kltt_guard.h"
 #include "generic/kltt_messages.h"
+#include "generic/kltt_pass.h"
+#include "generic/kltt_perf.h"
 #include "generic/kltt_print.h"
 #include "generic/kltt_requests.h"
 #include "generic/kltt_tables.h"
-#include "generic/kltt_unavailable.h"
 #include "klt/klt.h"
 #include "klt/klt_handlers.h"
 #include "klt/klt_intern.h"
@@ -76,68 +77,12 @@ void setEventHandlers(KLT_HandlerTable& table) {
   table.opaque_data = &KLTT_OpaqueData;
 }
 
-// Steps readers to their end and keeps the exit status that comes of it.
-class PassRunner {
- public:
-  PassRunner(KLT_FileHandle* handle, const KLTT_Context& context)
-      : handle_(handle), context_(context) {}
-
-  [[nodiscard]] int status() const { return status_; }
-
-  // An output that lacks something is a failure, unless a worse one is known.
-  void noteOutput(bool complete) {
-    if (!complete && status_ == 0) status_ = 1;
-  }
-
-  void run(int mode, const KLT_HandlerTable& table, const std::vector<KLT_Request>& requests,
-           int serial) {
-    std::vector<const KLT_Request*> pointers;
-    for (const KLT_Request& request : requests) pointers.push_back(&request);
-    KLT_Reader* reader = KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
-                                        pointers.data(), &table, serial);
-    if (reader == nullptr) judge(KLT_STATUS_ABORTING);
-    judge(KLT_ReaderStatus(reader));
-    int result = 0;
-    while ((result = KLT_ReadEvents(reader, -1)) != KLT_STATUS_FINISHED) {
-      const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
-      judge(lastFailed ? KLT_STATUS_ABORTING : result);
-    }
-    if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
-    KLT_CloseReader(reader);
-  }
-
- private:
-  // Results that it doesn't name mean that stepping goes on.
-  void judge(int result) {
-    switch (result) {
-      case KLT_STATUS_CONTINUING:
-      case KLT_STATUS_CORRUPTED:
-        std::fputs("continuing\n", stderr);
-        status_ = KLT_STATUS_CONTINUING;
-        break;
-      case KLT_STATUS_ABORTING:
-        std::fputs("aborting\n", stderr);
-        KLTT_Exit(KLT_STATUS_ABORTING);
-      case KLT_STATUS_HANDLER:
-        // A full disk has been reported by the output; nothing more can be written.
-        if (outputFailed()) KLTT_Exit(1);
-        std::fputs("callback returned error code.\n", stderr);
-        status_ = KLT_STATUS_HANDLER;
-        break;
-      default:
-        break;
-    }
-  }
-
-  [[nodiscard]] bool outputFailed() const {
-    const RK_Output* text = KLTT_Text(context_);
-    return RK_OutputFailed(context_.listing) || (text != nullptr && RK_OutputFailed(text));
-  }
-
-  KLT_FileHandle* handle_;
-  const KLTT_Context& context_;
-  int status_ = 0;
-};
+void setGatheringHandlers(KLT_HandlerTable& table) {
+  table.one_to_all_communication = &KLTT_GatherOneToAll;
+  table.all_to_one_communication = &KLTT_GatherAllToOne;
+  table.all_to_all_communication = &KLTT_GatherAllToAll;
+  table.all_communication = &KLTT_GatherAll;
+}
 
 // The sink that the options ask for; null if they ask for none. Ends the process if it can't be
 // opened.
@@ -177,7 +122,7 @@ bool closeSink(KLTT_Context& context) {
   return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
 }
 
-void listThreads(PassRunner& passes, KLTT_Context& context) {
+void listThreads(KLTT_PassRunner& passes, KLTT_Context& context) {
   KLT_HandlerTable table;
   table.user_data = &context;
   table.willy_definition = &KLTT_ListThread;
@@ -186,14 +131,14 @@ void listThreads(PassRunner& passes, KLTT_Context& context) {
 
 // Statistics or reports, by the handlers that print since there is no sink; `table` is that of the
 // definition pass.
-void list(PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
+void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
   KLT_Request request;
   request.categories = klt::kStatistics;
   if (RK_conf.print_statistics == 0) {
     request.categories = klt::kErrors;
     KLTT_InitHandlers(table, context, KLTT_SET_REPORTS);
   }
-  passes.run(KLT_MODE_EVENTS, table, {request}, serial);
+  passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
 }
 
 }  // namespace
@@ -209,13 +154,14 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
   }
   if ((sets & KLTT_SET_PROCESSES) != 0) table.process_declaration = &KLTT_ProcessDeclaration;
   if ((sets & KLTT_SET_EVENTS) != 0) setEventHandlers(table);
+  if ((sets & KLTT_SET_PERFTEST) != 0) setGatheringHandlers(table);
   if ((sets & KLTT_SET_REPORTS) != 0) table.report = &KLTT_Report;
 }
 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   KLTT_Context context;
   KLT_HandlerTable table;
-  PassRunner passes(handle, context);
+  KLTT_PassRunner passes(handle, context);
 
   KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
   passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
@@ -225,7 +171,6 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   }
 
   const bool listing = RK_conf.print_statistics != 0 || RK_conf.print_reports != 0;
-  if (!listing && RK_conf.perftest != 0) KLTT_Unavailable("--perftest");
   RK_Sink* sink = openSink(handle, context);
   context.sink = sink;
   uint32_t sets = KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES;
@@ -237,6 +182,9 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   if (listing) {
     passes.noteOutput(closeSink(context));
     list(passes, context, table, serial);
+  } else if (sink != nullptr && RK_conf.perftest != 0) {
+    KLTT_RunPerfTests(passes, context, serial);
+    passes.noteOutput(closeSink(context));
   } else if (sink != nullptr) {
     passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context), serial);
     KLTT_DrainDelayed(context);

@@ -17,6 +17,7 @@ inline constexpr uint32_t KLTT_SET_TRACE = 0x001;       // definitions, historie
 inline constexpr uint32_t KLTT_SET_STATISTICS = 0x008;  // precomputed statistics
 inline constexpr uint32_t KLTT_SET_CLOCK = 0x010;       // clock resolution, duration
 inline constexpr uint32_t KLTT_SET_PROCESSES = 0x020;   // process declaration
+inline constexpr uint32_t KLTT_SET_PERFTEST = 0x080;    // collective operations are gathered
 inline constexpr uint32_t KLTT_SET_EVENTS = 0x100;      // calls, scopes, file I/O, counters, texts
 inline constexpr uint32_t KLTT_SET_REPORTS = 0x200;     // of a message checker
 

@@ -1,0 +1,158 @@
+// Summary data: the bins. See kltt_summary.h.
+//
+// A bin ends when a later time comes; a time equal to its end still belongs to it. The number of
+// bins is twice the square root of the number of events, less two. What happens behind the last
+// bin, which is at most the remainder of the division of the span, isn't written.
+#include "generic/kltt_summary.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include "generic/kltt_summary_calls.h"
+#include "generic/kltt_summary_file.h"
+#include "generic/kltt_summary_tables.h"
+
+struct KLTT_Summary {
+  uint32_t eventBits = 0;
+  uint64_t binStart = 0;
+  uint64_t binEnd = 0;
+  uint64_t binWidth = 0;
+  uint64_t binCount = 0;
+  uint64_t binIndex = 0;
+  KLTT_CallTrees calls;
+  KLTT_SumTables tables;
+  KLTT_SumFile callFile;
+  KLTT_SumFile collectiveFile;
+  KLTT_SumFile messageFile;
+  KLTT_SumFile counterFile;
+  KLTT_SumFile reportFile;
+};
+
+namespace {
+
+// The smallest `k` with k * k >= events, for a positive number.
+uint64_t rootAbove(uint64_t events) {
+  auto k = static_cast<uint64_t>(std::sqrt(static_cast<long double>(events)));
+  while (k > 1 && (k - 1) * (k - 1) >= events) --k;
+  while (k < (uint64_t{1} << 32) && k * k < events) ++k;
+  return k;
+}
+
+void flushBin(KLTT_Summary& summary) {
+  if (!summary.calls.empty()) {
+    summary.calls.flush(summary.callFile, summary.binStart, summary.binEnd, summary.binWidth);
+  }
+  summary.tables.flushCollectives(summary.collectiveFile);
+  summary.tables.flushMessages(summary.messageFile);
+  summary.tables.flushCounters(summary.counterFile);
+  ++summary.binIndex;
+  summary.binStart = summary.binEnd;
+  summary.binEnd += std::min(summary.binWidth, ~summary.binEnd);
+}
+
+// The time in the unit of the summary, with the bins behind it that end before it written.
+uint64_t advance(KLTT_Summary& summary, uint64_t time) {
+  const uint64_t t = time >> summary.eventBits;
+  while (summary.binEnd < t && summary.binIndex < summary.binCount) [[unlikely]] flushBin(summary);
+  return t;
+}
+
+// All bins have been written: what comes now belongs to none that will be.
+bool isOver(const KLTT_Summary& summary) { return summary.binIndex >= summary.binCount; }
+
+}  // namespace
+
+KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span, int32_t eventBits,
+                           uint64_t events, std::span<const uint32_t> threads) {
+  auto summary = std::make_unique<KLTT_Summary>();
+  summary->eventBits = std::min(static_cast<uint32_t>(eventBits), uint32_t{63});
+  span >>= summary->eventBits;
+  summary->binCount = events < 2 ? 1 : 2 * (rootAbove(events) - 1);
+  summary->binWidth = std::max(span / summary->binCount, uint64_t{1});
+  summary->binStart = start >> summary->eventBits;
+  summary->binEnd = summary->binStart + std::min(summary->binWidth, ~summary->binStart);
+  for (const uint32_t thread : threads) summary->calls.addThread(thread);
+  const std::string base = std::string(target) + ".sum.";
+  summary->callFile.create(base + "fnc", summary->binWidth);
+  summary->collectiveFile.create(base + "cop", summary->binWidth);
+  summary->messageFile.create(base + "msg", summary->binWidth);
+  summary->counterFile.create(base + "cnt", summary->binWidth);
+  summary->reportFile.create(base + "rep", summary->binWidth);
+  return summary.release();
+}
+
+bool KLTT_SumClose(KLTT_Summary* summary) {
+  const std::unique_ptr<KLTT_Summary> owner(summary);
+  if (!isOver(*summary)) flushBin(*summary);
+  const std::array files = {&summary->callFile, &summary->collectiveFile, &summary->messageFile,
+                            &summary->counterFile, &summary->reportFile};
+  return std::all_of(files.begin(), files.end(),
+                     [](const KLTT_SumFile* file) { return file->complete(); });
+}
+
+void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
+                      uint32_t scl, bool entering) {
+  const uint64_t t = advance(summary, time);
+  if (isOver(summary)) return;
+  if (entering)
+    summary.calls.enter(t, thread, function, scl);
+  else
+    summary.calls.leave(t, thread);
+}
+
+void KLTT_SumCollective(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t communicator,
+                        uint32_t type, const KLTT_SumMembers& members) {
+  const uint64_t t = advance(summary, time);
+  if (isOver(summary)) return;
+  summary.tables.collective(t, root, communicator, type, summary.eventBits, members);
+}
+
+void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& m) {
+  const uint64_t t = advance(summary, m.time);
+  if (isOver(summary)) return;
+  summary.tables.message({.time = t,
+                          .duration = static_cast<uint64_t>(m.duration >> summary.eventBits),
+                          .sender = m.sender,
+                          .receiver = m.receiver,
+                          .communicator = m.communicator,
+                          .size = m.size,
+                          .tag = m.tag,
+                          .senderFunction = m.senderFunction,
+                          .receiverFunction = m.receiverFunction,
+                          .senderScl = m.senderScl,
+                          .receiverScl = m.receiverScl});
+}
+
+void KLTT_SumDefineCounter(KLTT_Summary& summary, uint32_t id, uint32_t type) {
+  summary.tables.defineCounter(id, type);
+}
+
+void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t n,
+                      const uint32_t* counters, const uint64_t* values) {
+  const uint64_t t = advance(summary, time);
+  if (isOver(summary)) return;
+  for (uint32_t i = 0; i < n; ++i) summary.tables.counter(t, thread, counters[i], values[i]);
+}
+
+// u64 time; u32 thread, n; texts type, level, description; n times each: u64 times, u32 threads,
+// texts headers, u32 functions, texts calls, u32 scls. A text is its length as u32 and its bytes.
+void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& r) {
+  KLTT_SumFile& file = summary.reportFile;
+  const uint64_t t = advance(summary, r.time);
+  file.begin();
+  file.put(t);
+  file.put(r.thread);
+  file.put(r.n);
+  for (const char* text : {r.type, r.level, r.description}) file.putText(text);
+  for (uint32_t i = 0; i < r.n; ++i) file.put(r.times[i] >> summary.eventBits);
+  for (uint32_t i = 0; i < r.n; ++i) file.put(r.willys[i]);
+  for (uint32_t i = 0; i < r.n; ++i) file.putText(r.headers[i]);
+  for (uint32_t i = 0; i < r.n; ++i) file.put(r.functions[i]);
+  for (uint32_t i = 0; i < r.n; ++i) file.putText(r.calls[i]);
+  for (uint32_t i = 0; i < r.n; ++i) file.put(r.scls[i]);
+  file.end(1);
+}
