@@ -1,0 +1,83 @@
+// Summary data: five files that show a whole run at a glance.
+//
+// The run is cut into bins of equal width; for each bin the files hold what the threads did in it:
+// call trees (.fnc), collective operations (.cop), messages (.msg), counters (.cnt). Reports (.rep)
+// are stored as they come. Memory is bounded by one bin plus the call trees. Times and differences
+// are given as they stand in the trace's records, and shifted here.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+struct KLTT_Summary;  // owned by the caller, freed by KLTT_SumClose
+
+// No root, for KLTT_SumCollective.
+inline constexpr uint32_t kKlttNoRoot = 0xffffffff;
+
+// Creates `target`.sum.fnc and its four companions and returns the handle, never null. `start` and
+// `span` are the run's first time and its length in trace times, `eventBits` the bits by which
+// times are shifted right, `events` the declared number of events (the number of bins follows from
+// it), `threads` the declared threads in the order in which they are written. A file that exists or
+// can't be created is left alone and reported at once; the other files go on.
+[[nodiscard]] KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span,
+                                         int32_t eventBits, uint64_t events,
+                                         std::span<const uint32_t> threads);
+
+// Writes what is open, frees `summary`, and returns true if every file was created and holds all.
+[[nodiscard]] bool KLTT_SumClose(KLTT_Summary* summary);
+
+// A call begins (`entering`) or ends; `function` is only looked at where it begins.
+void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
+                      uint32_t scl, bool entering);
+
+// The arrays of a collective operation, a number for each of `n` members; null if the record has
+// none.
+struct KLTT_SumMembers {
+  uint32_t n = 0;
+  const uint64_t* start_time = nullptr;
+  const uint64_t* delta = nullptr;
+  const uint32_t* send_size = nullptr;
+  const uint32_t* receive_size = nullptr;
+  const uint32_t* scl = nullptr;
+};
+void KLTT_SumCollective(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t communicator,
+                        uint32_t type, const KLTT_SumMembers& members);
+
+// A message; `time` and `duration` as its record has them, sentinels included.
+struct KLTT_SumMessage {
+  uint64_t time = 0;
+  int64_t duration = 0;
+  uint32_t sender = 0;
+  uint32_t receiver = 0;
+  uint32_t communicator = 0;
+  uint32_t size = 0;
+  uint32_t tag = 0;
+  uint32_t senderScl = 0;
+  uint32_t receiverScl = 0;
+  uint32_t senderFunction = 0;
+  uint32_t receiverFunction = 0;
+};
+void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& message);
+
+// `type` as the counter_definition record has it: bit 0 tells integers from floating point.
+void KLTT_SumDefineCounter(KLTT_Summary& summary, uint32_t id, uint32_t type);
+// `values` are the samples' 8 bytes as read, in the byte order of the record's handler.
+void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t n,
+                      const uint32_t* counters, const uint64_t* values);
+
+// A report with its `n` entries; null texts are empty.
+struct KLTT_SumReport {
+  uint64_t time = 0;
+  uint32_t thread = 0;
+  const char* type = nullptr;
+  const char* level = nullptr;
+  const char* description = nullptr;
+  uint32_t n = 0;
+  const uint64_t* times = nullptr;
+  const uint32_t* willys = nullptr;
+  const char* const* headers = nullptr;
+  const uint32_t* functions = nullptr;
+  const char* const* calls = nullptr;
+  const uint32_t* scls = nullptr;
+};
+void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& report);
