@@ -19,6 +19,13 @@ class KLTT_MemberList {
 
   [[nodiscard]] uint32_t size() const { return size_; }
 
+  static constexpr uint32_t kNoMember = 0xffffffff;
+  // Whether indexOf() answers in a few steps: there are few runs, and none meets a number twice.
+  [[nodiscard]] bool isRegular() const;
+  // The place of the first member with this number, from 0; kNoMember if there is none.
+  // REQUIRES: isRegular().
+  [[nodiscard]] uint32_t indexOf(uint32_t gtp) const;
+
  private:
   // `count` members, at least one, counted modulo 2^32.
   struct Run {

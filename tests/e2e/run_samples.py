@@ -18,6 +18,7 @@ import os
 import pathlib
 import shlex
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -261,6 +262,136 @@ def has_sums(folder):
             and b"UNKNOWN" not in text_of.read_bytes())
 
 
+# Fields behind the number of the rows that a merge writes messages in: time step, sender, receive
+# time, receiver, communicator, size, tag, then locations and functions.
+MESSAGE_ROWS = {57: (">HIqIHIHII", 0), 58: (">HIqIHIHIIII", 0), 59: (">HIqIHIIII", 0),
+                60: (">HIqIHIIIIII", 0)}
+# The same of collective operations up to the count of members, and the bytes of each member.
+COLLECTIVE_ROWS = {4: (">HHBH", 20), 6: (">HHBH", 28), 8: (">HIIHBH", 24), 56: (">HIIHBH", 24)}
+TIME_ROWS = {1: ">I", 2: ">Q"}
+UNKNOWN_SIDE = (-2**63, -2**63 + 1)
+
+
+def records(data, rows):
+    """Time, number and fields of each record of a component."""
+    at = time = 0
+    while at < len(data):
+        number = data[at]
+        at += 1
+        form, per_member = rows[number] if number in rows else (TIME_ROWS[number], 0)
+        values = struct.unpack_from(form, data, at)
+        at += struct.calcsize(form)
+        time += values[0]
+        if number in TIME_ROWS:
+            continue
+        at += values[-1] * per_member
+        yield time, number, values[1:]
+
+
+def ordered(what, times):
+    times = list(times)
+    for before, after in itertools.pairwise(times):
+        if after < before:
+            raise Failure(f"{what}: time {after} behind {before}")
+
+
+def component(directory, name, suffix):
+    file = pathlib.Path(directory) / f"{name}.{suffix}"
+    return file.read_bytes() if file.exists() else b""
+
+
+def without_communication(dump):
+    """The lines that a merge copies; the count of events is another one afterwards."""
+    kinds = (b"SENDMSG", b"RECVMSG", b"GLOBALOP")
+    return b"".join(sorted(line for line in dump.splitlines(True)
+                           if line.split()[1:2] not in [[kind] for kind in kinds]
+                           and b"number of events: " not in line))
+
+
+def check_merge(program, folder):
+    """Every storage form of a raw trace gives the same merged trace, and that holds what it should."""
+    with tempfile.TemporaryDirectory() as directory:
+        folder.copy(directory)
+        quiet = {"RK_VERBOSE": "0"}
+        program.output(directory, INPUT, "--merge", "m.klt", "--logfile-format", "KLT", **quiet)
+        messages = list(records(component(directory, "m.klt", "msg"), MESSAGE_ROWS))
+        operations = list(records(component(directory, "m.klt", "cop"), COLLECTIVE_ROWS))
+        ordered("messages", (time for time, *_ in messages))
+        ordered("collective operations", (time for time, *_ in operations))
+        check_messages(folder, messages)
+        check_truth(folder, messages, operations)
+        check_profiles(program, directory, messages)
+        check_merged_dump(program, directory)
+        check_merge_forms(program, directory, quiet)
+
+
+def check_messages(folder, messages):
+    expected = folder.expected("messages")
+    if expected is None:
+        return
+    lines = []
+    for time, _, (sender, receive, receiver, comm, size, tag, *rest) in messages:
+        fields = (time, receive, sender, receiver, comm, tag, size, *rest[-2:])
+        lines.append(" ".join(map(str, fields)) + "\n")
+    compare("messages", sorted_lines(expected.read_bytes()), "".join(sorted(lines)).encode())
+
+
+def check_truth(folder, messages, operations):
+    file = folder.path / "truth.json"
+    if not file.exists():
+        return
+    truth = json.loads(file.read_text())
+    unmatched = sum(fields[1] in UNKNOWN_SIDE for _, _, fields in messages)
+    got = {"sends": len(messages), "collectives": len(operations), "unmatched": unmatched}
+    want = {"sends": truth["sends"], "collectives": truth["collectives"], "unmatched": 0}
+    if got != want:
+        raise Failure(f"{got}, expected {want}")
+
+
+def check_profiles(program, directory, messages):
+    """The profiles count the complete messages."""
+    want = {}
+    for _, _, (sender, receive, receiver, comm, size, tag, *rest) in messages:
+        if receive not in UNKNOWN_SIDE:
+            key = ":".join(map(str, (sender, receiver, *rest[-2:], tag, comm, size)))
+            want.setdefault(key, []).append(receive)
+    want = {f"INFO ONE2ONE_PROFILE {key}:{len(t)}:{min(t)}:{max(t)}:{sum(t)}"
+            for key, t in want.items()}
+    output = text(program.output(directory, "m.klt", "--print-statistics"))
+    got = {line for line in output.splitlines() if line.startswith("INFO ONE2ONE_PROFILE ")}
+    if got != want:
+        raise Failure(f"message profiles differ: {sorted(got ^ want)[:6]}")
+
+
+def check_merged_dump(program, directory):
+    """What isn't communication is copied; windows agree with and without seek points."""
+    raw, merged = (program.output(directory, name, "--dump") for name in (INPUT, "m.klt"))
+    compare("copied lines", without_communication(raw), without_communication(merged))
+    times = [int(line.split()[0]) for line in merged.splitlines() if line[:1].isdigit()]
+    middle = times[len(times) // 2]
+    window = ["--dump", "--ticks", "--request", f"{middle}:{times[3 * len(times) // 4]}"]
+    with_anchors = program.output(directory, "m.klt", *window)
+    for file in pathlib.Path(directory).glob("m.klt*.anc"):
+        file.rename(file.with_name("kept." + file.name))
+    compare("window without seek points", with_anchors, program.output(directory, "m.klt", *window))
+    for file in pathlib.Path(directory).glob("kept.*"):
+        file.rename(file.with_name(file.name.removeprefix("kept.")))
+
+
+def check_merge_forms(program, directory, quiet):
+    """From and to a single file."""
+    trace = {file.name: file.read_bytes() for file in pathlib.Path(directory).glob("m.klt*")}
+    program.output(directory, INPUT, "--convert", "one.klt", "--logfile-format", "SINGLEKLT")
+    program.output(directory, "one.klt", "--merge", "single.klt", "--logfile-format", "SINGLEKLT",
+                   **quiet)
+    for name in trace:
+        (pathlib.Path(directory) / name).unlink()
+    program.output(directory, "single.klt", "--convert", "m.klt", "--logfile-format", "KLT")
+    for name, contents in trace.items():
+        if (pathlib.Path(directory) / name).read_bytes() != contents:
+            raise Failure(f"{name} is another one by way of single files")
+
+
 MODES = {
     **{what: check_output(what, ["--dump", *options]) for what, options in DUMPS.items()},
     "unordered": (lambda folder: folder.expected("dump") is not None, check_unordered),
@@ -274,6 +405,8 @@ MODES = {
     "statistics": check_output("statistics", ["--print-statistics"]),
     "reports": check_output("reports", ["--print-reports"]),
     "convert": (lambda folder: folder.expected("dump") is not None, check_convert),
+    "merge": (lambda folder: folder.expected("messages") is not None
+              or (folder.path / "truth.json").exists(), check_merge),
     "summary": (lambda folder: folder.expected("sum.fnc") is not None, check_summary),
     "summary-sums": (has_sums, check_summary_sums),
 }
