@@ -90,8 +90,9 @@ bool KLTT_SumClose(KLTT_Summary* summary) {
   if (!isOver(*summary)) flushBin(*summary);
   const std::array files = {&summary->callFile, &summary->collectiveFile, &summary->messageFile,
                             &summary->counterFile, &summary->reportFile};
+  for (KLTT_SumFile* file : files) file->flush();
   return std::all_of(files.begin(), files.end(),
-                     [](const KLTT_SumFile* file) { return file->complete(); });
+                     [](const KLTT_SumFile* file) { return file->isComplete(); });
 }
 
 void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
@@ -143,7 +144,6 @@ void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uin
 void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& r) {
   KLTT_SumFile& file = summary.reportFile;
   const uint64_t t = advance(summary, r.time);
-  file.begin();
   file.put(t);
   file.put(r.thread);
   file.put(r.n);
@@ -154,5 +154,6 @@ void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& r) {
   for (uint32_t i = 0; i < r.n; ++i) file.put(r.functions[i]);
   for (uint32_t i = 0; i < r.n; ++i) file.putText(r.calls[i]);
   for (uint32_t i = 0; i < r.n; ++i) file.put(r.scls[i]);
-  file.end(1);
+  file.endBlock(1);
+  file.flush();
 }

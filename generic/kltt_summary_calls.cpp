@@ -213,7 +213,6 @@ void KLTT_CallTrees::clear() {
 
 void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd,
                            uint64_t binWidth) {
-  file.begin();
   for (const std::vector<uint32_t>& bucket : buckets_) {
     for (const uint32_t index : bucket) {
       Thread& thread = threads_[index];
@@ -224,5 +223,5 @@ void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEn
       thread.events = 0;
     }
   }
-  file.end(threads_.size());
+  file.endBlock(threads_.size());
 }

@@ -14,7 +14,8 @@ namespace {
 
 constexpr uint64_t kVersion = 1;
 constexpr mode_t kFileMode = 0644;
-constexpr size_t kBufferBytes = 65536;
+constexpr size_t kWriteBytes = 65536;  // that are worth a write
+constexpr size_t kBufferBytes = 2 * kWriteBytes;
 
 }  // namespace
 
@@ -31,14 +32,7 @@ void KLTT_SumFile::create(std::string path, uint64_t binWidth) {
   }
   good_ = true;
   end_ = 3 * sizeof(uint64_t);
-  end(0);
-}
-
-void KLTT_SumFile::begin() {
-  if (!good_) return;
-  descriptor_ = Vfd_Open(path_.c_str(), O_RDWR, 0);
-  if (descriptor_ < 0) return fail();
-  Vfd_Pin(descriptor_, 1);
+  complete();
 }
 
 void KLTT_SumFile::putText(const char* text) {
@@ -47,11 +41,14 @@ void KLTT_SumFile::putText(const char* text) {
   append(text, length);
 }
 
-void KLTT_SumFile::end(uint64_t records) {
-  spill();
+void KLTT_SumFile::endBlock(uint64_t records) {
   records_ += records;
-  if (good_ && !writeHeader()) fail();
-  if (descriptor_ >= 0 && Vfd_Close(std::exchange(descriptor_, -1)) < 0) fail();
+  if (descriptor_ >= 0 || used_ >= kWriteBytes) flush();
+}
+
+void KLTT_SumFile::flush() {
+  spill();
+  if (descriptor_ >= 0) complete();
 }
 
 // Texts may be longer than the buffer.
@@ -70,15 +67,26 @@ void KLTT_SumFile::append(const void* bytes, size_t count) {
 void KLTT_SumFile::spill() {
   const size_t bytes = std::exchange(used_, 0);
   if (!good_ || bytes == 0) return;
-  if (Vfd_PWriteFully(descriptor_, buffer_.data(), bytes, static_cast<off_t>(end_)) < bytes) {
-    return fail();
+  if (descriptor_ < 0) {
+    descriptor_ = Vfd_Open(path_.c_str(), O_RDWR, 0);
+    if (descriptor_ < 0) return fail();
+    Vfd_Pin(descriptor_, 1);
   }
+  writeAt(end_, buffer_.data(), bytes);
   end_ += bytes;
 }
 
-bool KLTT_SumFile::writeHeader() {
+void KLTT_SumFile::writeAt(uint64_t offset, const void* bytes, size_t count) {
+  if (good_ && Vfd_PWriteFully(descriptor_, bytes, count, static_cast<off_t>(offset)) < count) {
+    fail();
+  }
+}
+
+// Writes the header and gives the descriptor back.
+void KLTT_SumFile::complete() {
   const uint64_t header[] = {kVersion, binWidth_, records_};
-  return Vfd_PWriteFully(descriptor_, header, sizeof header, 0) == sizeof header;
+  writeAt(0, header, sizeof header);
+  if (Vfd_Close(std::exchange(descriptor_, -1)) < 0) fail();
 }
 
 // Reports the first failure, by errno.

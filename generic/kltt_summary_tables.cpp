@@ -89,7 +89,6 @@ void KLTT_SumTables::collective(uint64_t time, uint32_t root, uint32_t communica
 void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
   if (collectives_.empty()) return;
   const auto bucket = [](const auto& key) { return key[0] + 4 * key[2] + 2 * key[1]; };
-  file.begin();
   collectives_.walk(bucket, [&](const auto& entry) {
     const auto& [key, sums] = entry;
     file.put(sums.time);
@@ -110,7 +109,7 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
       }
     }
   });
-  file.end(collectives_.size());
+  file.endBlock(collectives_.size());
   collectives_.clear();
   members_.clear();
 }
@@ -140,7 +139,6 @@ void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
     return sender + 256 * communicator + 16 * size + 4096 * tag + 65536 * receiver +
            1048576 * senderFunction + 16777216 * receiverFunction;
   };
-  file.begin();
   messages_.walk(bucket, [&](const auto& entry) {
     const auto [sender, receiver, communicator, size, tag, senderFunction, receiverFunction] =
         entry.key;
@@ -155,7 +153,7 @@ void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
       file.put(word);
     }
   });
-  file.end(messages_.size());
+  file.endBlock(messages_.size());
   messages_.clear();
 }
 
@@ -207,7 +205,6 @@ void KLTT_SumTables::counter(uint64_t time, uint32_t thread, uint32_t id, uint64
 void KLTT_SumTables::flushCounters(KLTT_SumFile& file) {
   if (counters_.empty()) return;
   const auto bucket = [](const auto& key) { return key[0] + 2 * key[1]; };
-  file.begin();
   counters_.walk(bucket, [&](const auto& entry) {
     const auto& [key, sums] = entry;
     file.put(key[1]);
@@ -220,6 +217,6 @@ void KLTT_SumTables::flushCounters(KLTT_SumFile& file) {
       file.put(value);
     }
   });
-  file.end(counters_.size());
+  file.endBlock(counters_.size());
   counters_.clear();
 }

@@ -38,7 +38,7 @@ class KLTT_BinTable {
     size_t slot = slotOf(key);
     for (; slots_[slot].bin == bin_; slot = (slot + 1) & (slots_.size() - 1)) {
       Entry& entry = entries_[slots_[slot].entry];
-      if (entry.key == key) return {entry.value, false};
+      if (same(entry.key, key)) return {entry.value, false};
     }
     slots_[slot] = {bin_, static_cast<uint32_t>(entries_.size())};
     entries_.push_back({key, Value{}});
@@ -72,6 +72,13 @@ class KLTT_BinTable {
     uint32_t bin = 0;
     uint32_t entry = 0;
   };
+
+  // A few words: less than a call of memcmp costs.
+  static bool same(const Key& a, const Key& b) {
+    uint32_t differing = 0;
+    for (size_t i = 0; i < Words; ++i) differing |= a[i] ^ b[i];
+    return differing == 0;
+  }
 
   [[nodiscard]] size_t slotOf(const Key& key) const {
     uint64_t hash = seed_;

@@ -10,6 +10,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <vector>
@@ -542,10 +544,16 @@ TEST_F(SummaryTest, AFileThatExistsIsLeftAloneAndTheOthersGoOn) {
 int failingWrites = 0;
 
 TEST_F(SummaryTest, AFailedWriteIsToldOnceAndTheHeaderCountsWhatIsThere) {
+  constexpr uint32_t kWorthAWrite = 1000;
   KLTT_Summary& summary = open({0});
-  KLTT_SumMessageEvent(summary, {.time = 1});
-  KLTT_SumMessageEvent(summary, {.time = 11});
-  failingWrites = 2;  // the trees' block, then the messages'
+  const auto messages = [&](uint64_t time) {
+    for (uint32_t tag = 0; tag < kWorthAWrite; ++tag) {
+      KLTT_SumMessageEvent(summary, {.time = time, .tag = tag});
+    }
+  };
+  messages(1);
+  messages(11);
+  failingWrites = 1;  // the second block of messages
   Vfd_systemCalls.pwrite = [](int fd, const void* buffer, size_t bytes, off_t offset) -> ssize_t {
     if (failingWrites-- > 0) {
       errno = ENOSPC;
@@ -554,21 +562,35 @@ TEST_F(SummaryTest, AFailedWriteIsToldOnceAndTheHeaderCountsWhatIsThere) {
     return Vfd_osCalls.pwrite(fd, buffer, bytes, offset);
   };
   testing::internal::CaptureStderr();
-  KLTT_SumMessageEvent(summary, {.time = 21});
-  KLTT_SumMessageEvent(summary, {.time = 31});
-  KLTT_SumReportEvent(summary, {.time = 31});
+  messages(21);
+  messages(31);
+  failingWrites = 1;  // the trees
   const bool complete = close();
   Vfd_systemCalls = Vfd_osCalls;
   EXPECT_FALSE(complete);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "ERROR: writing to " + path("fnc") + " failed: No space left on device\n" +
-                "ERROR: writing to " + path("msg") + " failed: No space left on device\n");
-  EXPECT_EQ(threads().size(), 1U);
+            "ERROR: writing to " + path("msg") + " failed: No space left on device\n" +
+                "ERROR: writing to " + path("fnc") + " failed: No space left on device\n");
   uint64_t records = 0;
   (void)body("msg", &records);
-  EXPECT_EQ(records, 1U);
-  (void)body("rep", &records);
-  EXPECT_EQ(records, 1U);
+  EXPECT_EQ(records, kWorthAWrite);
+  EXPECT_TRUE(threads().empty());
+}
+
+TEST_F(SummaryTest, NoDescriptorIsHeldBetweenWrites) {
+  const auto openFiles = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = openFiles();
+  KLTT_Summary& summary = open({0});
+  EXPECT_EQ(openFiles(), before);
+  for (uint32_t i = 0; i < 1500; ++i) {
+    KLTT_SumMessageEvent(summary, {.time = i / 500 * 10, .tag = i});
+    KLTT_SumReportEvent(summary, {.time = i / 500 * 10});
+  }
+  EXPECT_EQ(openFiles(), before);
+  ASSERT_TRUE(close());
 }
 
 }  // namespace
