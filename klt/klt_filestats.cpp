@@ -6,9 +6,29 @@
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
+#include "util/pal_util.h"
 
+namespace {
+
+uint32_t hashOf(const KLT_FileStats::Message& key, uint32_t seed) {
+  const auto pair = [](uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; };
+  uint64_t hash = seed ^ pair(key.sender, key.receiver);
+  for (const uint64_t part :
+       {pair(key.funcSender, key.funcReceiver), pair(key.tag, key.size), uint64_t{key.comm}}) {
+    hash *= 0x9e3779b97f4a7c15;
+    hash = (hash ^ hash >> 32) ^ part;
+  }
+  hash *= 0xd6e8feb86659fd93;
+  return static_cast<uint32_t>(hash >> 32);
+}
+
+}  // namespace
+
+// The seed keeps a file from being made in which all keys meet in one place.
 KLT_FileStats::KLT_FileStats(const KLT_StatsParameters& parameters)
-    : parameters_(parameters), eventBits_(std::min(parameters.eventBits, 63U)) {}
+    : parameters_(parameters),
+      eventBits_(std::min(parameters.eventBits, 63U)),
+      seed_(PAL_RandomSeed()) {}
 
 void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive) {
   const uint64_t key = uint64_t{gtp} << 32 | function;
@@ -27,28 +47,38 @@ void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uin
   stat.totalInclusive += inclusive;
 }
 
-size_t KLT_FileStats::MessageHash::operator()(const Message& key) const {
-  uint64_t hash = 0;
-  for (const uint32_t part :
-       {key.sender, key.receiver, key.funcSender, key.funcReceiver, key.tag, key.comm, key.size}) {
-    hash = (hash ^ part) * 0x9e3779b97f4a7c15;
-    hash ^= hash >> 32;
+void KLT_FileStats::growMessageSlots() {
+  constexpr size_t kFirst = 64;
+  std::vector<MessageSlot> old(std::max(kFirst, 4 * messageSlots_.size()));
+  old.swap(messageSlots_);
+  const size_t mask = messageSlots_.size() - 1;
+  for (const MessageSlot& slot : old) {
+    if (slot.entry == 0) continue;
+    size_t at = slot.hash & mask;
+    while (messageSlots_[at].entry != 0) at = (at + 1) & mask;
+    messageSlots_[at] = slot;
   }
-  return hash;
 }
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
-  const auto [place, isNew] = messagePlaces_.try_emplace(key, messages_.size());
-  if (isNew) {
-    messages_.push_back({key, 1, duration, duration, duration});
+  if (2 * messages_.size() >= messageSlots_.size()) [[unlikely]]
+    growMessageSlots();
+  const uint32_t hash = hashOf(key, seed_);
+  const size_t mask = messageSlots_.size() - 1;
+  size_t at = hash & mask;
+  for (; messageSlots_[at].entry != 0; at = (at + 1) & mask) {
+    if (messageSlots_[at].hash != hash) continue;
+    MessageStat& stat = messages_[messageSlots_[at].entry - 1];
+    if (!(stat.key == key)) continue;
+    ++stat.count;
+    stat.sum =
+        static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(duration));
+    stat.min = std::min(stat.min, duration);
+    stat.max = std::max(stat.max, duration);
     return;
   }
-  MessageStat& stat = messages_[place->second];
-  ++stat.count;
-  stat.sum =
-      static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(duration));
-  stat.min = std::min(stat.min, duration);
-  stat.max = std::max(stat.max, duration);
+  messages_.push_back({key, 1, duration, duration, duration});
+  messageSlots_[at] = {hash, static_cast<uint32_t>(messages_.size())};
 }
 
 void KLT_FileStats::CollectiveStat::resize(size_t n) {

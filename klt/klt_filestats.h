@@ -62,8 +62,10 @@ class KLT_FileStats {
     uint32_t count;
     int64_t sum, min, max;
   };
-  struct MessageHash {
-    size_t operator()(const Message& key) const;
+  // A place of the table that finds messages by key. The hash spares the look at other keys.
+  struct MessageSlot {
+    uint32_t hash = 0;
+    uint32_t entry = 0;  // place in `messages_`, from 1; 0: free
   };
   struct CollectiveStat {
     uint32_t type, root, comm;
@@ -76,6 +78,7 @@ class KLT_FileStats {
 
   void enterMember(CollectiveStat& stat, size_t i, const uint32_t* sent, const uint32_t* received,
                    uint64_t duration);
+  void growMessageSlots();
   void addBytes(uint32_t& sum, uint32_t bytes);
   bool writeMessages(KLT_WFileHandle* writer);
   bool writeCollectives(KLT_WFileHandle* writer);
@@ -83,10 +86,11 @@ class KLT_FileStats {
 
   KLT_StatsParameters parameters_;
   unsigned eventBits_;
+  uint32_t seed_;  // of the hashes
   std::vector<FunctionStat> functions_;
   std::unordered_map<uint64_t, size_t> functionPlaces_;
   std::vector<MessageStat> messages_;
-  std::unordered_map<Message, size_t, MessageHash> messagePlaces_;
+  std::vector<MessageSlot> messageSlots_;  // a power of two, at most half full
   std::vector<CollectiveStat> collectives_;
   std::unordered_map<std::string, size_t> collectivePlaces_;
   std::vector<uint32_t> scratch_;

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Runs klttool where something can't work: full disks, missing parts, outputs onto inputs, windows
-that select nothing. A run that lost something must say so and end with a status other than 0, and
+that select nothing, merges that are stopped. A run that lost something must say so and end with a status other than 0, and
 no input may change.
 
   failures.py --program build/release/klttool [--only CASE] [--list]
@@ -11,9 +11,11 @@ import os
 import pathlib
 import resource
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 from run_samples import INPUT, Failure, Folder, Program, compare, text
 
@@ -195,8 +197,85 @@ def odd_windows(place):
         raise Failure("an extraction of nothing can't be read")
 
 
+def raw(case):
+    """Marks a case that runs on a raw trace."""
+    case.sample = "raw_ring"
+    return case
+
+
+def check_no_trace(place, name):
+    """What is there under this name isn't taken for a trace."""
+    done = subprocess.run([place.program, name, "--dump"], cwd=place.path, capture_output=True,
+                          check=False)
+    if done.returncode == 0:
+        raise Failure(f"{name} can be opened")
+
+
+@raw
+def merge_full_disk(place):
+    """Cut at any size the output is no trace, and the input stays."""
+    for limit in (0, 100, 700, 2000, 5000, 8000):
+        for form in (BINARY, SINGLE):
+            place.run("--merge", "../out.klt", *form, "--delete-raw-data", status=1, limit=limit)
+            check_no_trace(place, "../out.klt")
+            place.check_input()
+    for form in (BINARY, SINGLE):
+        place.run("--merge", "../out.klt", *form, status=0)
+        subprocess.run([place.program, "../out.klt", "--dump"], cwd=place.path, check=True,
+                       capture_output=True)
+
+
+@raw
+def merge_results(place):
+    """Each way to fail has its words and status 1."""
+    os.symlink(INPUT, place.path / "link.klt")
+    for name in (INPUT, f"./{INPUT}", "link.klt"):
+        place.run("--merge", name, *BINARY, status=1, says=f"Could not open file {name} for writing.\n")
+    place.run("--merge", "../none/m.klt", *BINARY, status=1,
+              says="Could not open file for writing: ../none/m.klt\n")
+    place.run("--sumdata", "../s.klt", *BINARY, status=1,
+              says="ERROR: summary operation isn't applicable to unmerged traces\n")
+    place.check_input()
+    # Anchors that can't be unlinked: merged, but the input isn't gone.
+    anchors = place.path / f"{INPUT}.r.0.anc"
+    anchors.unlink()
+    anchors.mkdir()
+    place.run("--merge", "../m.klt", *BINARY, "--delete-raw-data", status=1,
+              says=f"Could not remove input file after merging: {INPUT}\n")
+    place.before = {}
+    done = subprocess.run([place.program, "m.klt", "--merge", "n.klt", *BINARY],
+                          cwd=place.path.parent, capture_output=True, check=False)
+    if done.returncode != 1 or b"isn't applicable to merged traces" not in done.stderr:
+        raise Failure(f"a merged trace is merged: {text(done.stderr)}")
+
+
+@raw
+def merge_interrupted(place):
+    """Whenever it is stopped: there is a whole trace or none, and the input stays."""
+    stopped = 0
+    for step in range(40):
+        for kind in (signal.SIGINT, signal.SIGTERM):
+            out = place.path.parent / "stopped.klt"
+            run = subprocess.Popen([place.program, INPUT, "--merge", str(out), *BINARY],
+                                   cwd=place.path, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL)
+            time.sleep(step * 0.0005)
+            run.send_signal(kind)
+            if run.wait() == -kind:
+                stopped += 1
+                if out.exists() and out.stat().st_size != 0:
+                    subprocess.run([place.program, str(out), "--dump"], check=True,
+                                   capture_output=True)
+            for file in place.path.parent.glob("stopped.klt*"):
+                file.unlink()
+            place.check_input()
+    if stopped == 0:
+        raise Failure("no run was stopped")
+
+
 CASES = (full_disk, full_device, closed_output, no_target, onto_input, missing_component,
-         missing_anchors, damaged_anchors, odd_windows)
+         missing_anchors, damaged_anchors, odd_windows, merge_full_disk, merge_results,
+         merge_interrupted)
 
 
 def main():
@@ -216,7 +295,8 @@ def main():
             continue
         with tempfile.TemporaryDirectory() as directory:
             try:
-                place = Place(Program(arguments.program).path, directory)
+                place = Place(Program(arguments.program).path, directory,
+                              getattr(case, "sample", "stencil"))
                 case(place)
                 place.check_input()
             except Failure as failure:
