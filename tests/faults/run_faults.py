@@ -26,6 +26,9 @@ OPERATIONS = {
     "extract-single": ("io", ["--logfile-name", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
     "convert": ("ring", ["--convert", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
     "convert-plain": ("ring_sklt", ["--convert", "out/o.klt", "--logfile-format", "KLT"]),
+    "merge": ("raw_ring", ["--merge", "out/o.klt", "--logfile-format", "KLT", "--sumdata"]),
+    "merge-compressed": ("raw_compressed", ["--merge", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
+    "summary": ("stencil", ["--sumdata", "out/o.klt", "--logfile-format", "KLT"]),
     "statistics": ("stats", ["--print-statistics"]),
     "files": ("ring", ["--print-files"]),
 }
