@@ -1,9 +1,11 @@
-// The program's entry: start-up, choice of the operation, exit status.
+// Start-up, choice of the operation, exit status. See kltt_main.h.
 //
 // The order of start-up matters: messages, memory and the process group first, then the
 // configuration, whose sources can already speak to the user, then the checks of what was selected,
 // and only then the trace is opened. Extraction is kltt_extract, everything else a call into the
 // operations on traces. Texts about the program itself are kltt_help's.
+#include "generic/kltt_main.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -243,7 +245,7 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
   }
   if (c.print_files != 0) {
     KLTT_PrintFiles(handle);
-    return kSuccess;
+    return KLT_FilesAreKnown(handle) ? kSuccess : kCantOpen;
   }
   if (c.move != 0) move(handle);
   if (c.remove != 0) remove(handle);
@@ -252,7 +254,7 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+void KLTT_Main(int argc, char** argv) {
   occupyStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write, reported as such
   const int32_t serial = deliveryOrder();

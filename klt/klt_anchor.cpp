@@ -122,13 +122,19 @@ class Replay {
     if (!group.open(*s_.handle, *s_.component->dataFile, true)) {
       return reportUnopened(*s_.component->dataFile, true);
     }
-    if (!group.input.seek(anchor.historyOffset)) return true;
+    if (!group.input.seek(anchor.historyOffset)) {
+      noteLoss(group.input);
+      return true;
+    }
     const uint64_t end = anchor.historyOffset + anchor.historyBytes;
     group.input.setLimit(end);
     KLT_RecordBuffer record;
     while (group.input.position() < end) {
       const Walk walk = nextRecord(*s_.handle, group.input, record);
-      if (walk == Walk::kEnd) return true;
+      if (walk == Walk::kEnd) {
+        noteLoss(group.input);
+        return true;
+      }
       if (walk == Walk::kCorrupt) {
         PAL_Error("Found corrupted data while unpacking %s.%s (rectype %i, offset %u).",
                   PAL_Printable(s_.handle->base).c_str(), PAL_Printable(s_.suffix()).c_str(),
@@ -198,6 +204,9 @@ class Replay {
     return true;
   }
 
+  // What the window should have been told at its start can't be read.
+  void noteLoss(const KLT_Input& input) { s_.lostData = s_.lostData || input.ended(); }
+
   [[nodiscard]] bool isCompressed(const KLT_FileEntry& file) const {
     if (!s_.handle->compressed(KLT_FileHandle::kCompressible)) return false;
     return std::any_of(
@@ -216,7 +225,10 @@ class Replay {
       reportEntry(file_, 0, offset);
       return;
     }
-    if (!input.seek(offset) || !input.ensure(1)) return;
+    if (!input.seek(offset) || !input.ensure(1)) {
+      noteLoss(input);
+      return;
+    }
     const unsigned number = *input.at();
     const KLT_DecoderEntry& entry = s_.handle->decoders->entries[number];
     input.advance(1);
@@ -227,7 +239,10 @@ class Replay {
       return;
     }
     const KLT_Parse parsed = entry.parse(entry, input, record_, time, disk);
-    if (parsed == KLT_Parse::kNoData) return;
+    if (parsed == KLT_Parse::kNoData) {
+      noteLoss(input);
+      return;
+    }
     if (parsed != KLT_Parse::kRecord || !canBeReplayed(KLT_RecordNumber(record_.data()))) {
       reportEntry(file_, number, offset);
       return;

@@ -175,7 +175,15 @@ bool wouldOverwrite(const KLT_FileHandle& handle, const std::vector<const KLT_Fi
 
 }  // namespace
 
+bool KLT_FilesAreKnown(const KLT_FileHandle* handle) {
+  if (!handle->lostData) return true;
+  PAL_Error("The index of %s couldn't be read to its end, there may be more files.",
+            PAL_Printable(handle->base).c_str());
+  return false;
+}
+
 int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& untouchable) {
+  if (!isSingleFile(*handle) && !KLT_FilesAreKnown(handle)) return 1;
   MoveTarget to{plainName(target), false};
   int failed = 0;
   errno = 0;
@@ -198,6 +206,7 @@ int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& unto
 }
 
 int KLT_Remove(KLT_FileHandle* handle) {
+  if (!isSingleFile(*handle) && !KLT_FilesAreKnown(handle)) return 1;
   std::vector<const KLT_FileEntry*> files{&handle->indexEntry};
   if (isSingleFile(*handle))
     closeStorage(*handle);
@@ -342,5 +351,6 @@ class TraceCopy {
 int KLT_Convert(const KLT_FileHandle* handle, const char* directory, const char* target, int single,
                 const KLT_FileSet& untouchable) {
   TraceCopy copy(*handle, directory, target, untouchable);
-  return copy.create(single != 0 ? KLT_FORM_SERIAL : KLT_FORM_PLAIN) && copy.run() ? 0 : 1;
+  const bool copied = copy.create(single != 0 ? KLT_FORM_SERIAL : KLT_FORM_PLAIN) && copy.run();
+  return copied && KLT_FilesAreKnown(handle) ? 0 : 1;
 }

@@ -21,6 +21,10 @@ struct KLT_FileHandle;
 size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* names,
                     std::vector<uint64_t>* sizes);
 
+// Whether all files of the trace are known; false after a message if its index couldn't be read to
+// the end. Then nothing can be moved or removed but a single file, and no listing or copy is whole.
+[[nodiscard]] bool KLT_FilesAreKnown(const KLT_FileHandle* handle);
+
 // Moves the trace to the base name `target`, or into the directory of that name, as mv(1) does it.
 // Files in `untouchable`, those of the input, are not overwritten. Stops at the first failure, told
 // by mv itself or by a message: an exit status, errno if `target` can't be examined. 0 if all files

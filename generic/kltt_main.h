@@ -1,0 +1,5 @@
+// The program behind its `main`.
+#pragma once
+
+// Runs the program with the arguments of a `main` and ends the process.
+[[noreturn]] void KLTT_Main(int argc, char** argv);

@@ -1,0 +1,127 @@
+#!/usr/bin/env python3
+"""Lets each system call and allocation of the program fail in turn, until a run is over before its
+turn comes. After each run: no signal; a status other than 0 and a message, or the output of an
+undisturbed run; the input as it was.
+
+  run_faults.py --program faulty_klttool --operation dump [--stride 7]
+
+With a stride only every k-th allocation fails; the others always do.
+"""
+
+import argparse
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
+TIMEOUT = 120
+
+OPERATIONS = {
+    "dump": ("stencil", ["--dump"]),
+    "dump-single": ("stencil_split", ["--dump", "--request", "0.001s:0.003s"]),
+    "dump-file": ("threads", ["--logfile-name", "out/o.rkf"]),
+    "extract": ("stencil", ["--logfile-name", "out/o.klt", "--logfile-format", "KLT"]),
+    "extract-single": ("io", ["--logfile-name", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
+    "convert": ("ring", ["--convert", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
+    "convert-plain": ("ring_sklt", ["--convert", "out/o.klt", "--logfile-format", "KLT"]),
+    "statistics": ("stats", ["--print-statistics"]),
+    "files": ("ring", ["--print-files"]),
+}
+
+# What can go wrong with each call. Some must have no effect at all.
+HARMLESS = {("read", "EINTR"), ("read", "short"), ("write", "EINTR"), ("write", "short")}
+# A file that can't be looked at is listed with size 0; seek points that can't be opened are left out
+# of a copy, with a warning.
+EXCUSED = {("files", "open"), ("files", "seek"), ("convert", "open")}
+FAULTS = [("open", "EACCES"), ("open", "EMFILE"), ("read", "EIO"), ("read", "EINTR"),
+          ("read", "short"), ("write", "ENOSPC"), ("write", "ENOSPC:on"), ("write", "EINTR"),
+          ("write", "short"), ("write", "short:on"), ("seek", "EIO"), ("close", "EIO"),
+          ("stat", "EIO"), ("alloc", "ENOMEM")]
+
+
+def files(directory):
+    return {str(file.relative_to(directory)): file.read_bytes()
+            for file in pathlib.Path(directory).rglob("*") if file.is_file()}
+
+
+class Runner:
+    def __init__(self, program, operation):
+        self.program = str(pathlib.Path(program).resolve())
+        self.operation = operation
+        sample, self.options = OPERATIONS[operation]
+        self.input = {file.name: file.read_bytes() for file in (DATA / sample).glob("t.klt*")}
+        self.failures = []
+
+    def run(self, fault=None):
+        """Status, standard output and error, output files, and whether the fault's turn came."""
+        with tempfile.TemporaryDirectory() as directory:
+            place = pathlib.Path(directory)
+            (place / "out").mkdir()
+            for name, data in self.input.items():
+                (place / name).write_bytes(data)
+            environment = dict(os.environ, ASAN_OPTIONS="abort_on_error=1",
+                               UBSAN_OPTIONS="abort_on_error=1", RK_VERBOSE="0")
+            if fault is not None:
+                environment |= {"KLT_FAULT": fault, "KLT_FAULT_HIT": str(place / "hit")}
+            done = subprocess.run([self.program, "t.klt", *self.options], cwd=place, timeout=TIMEOUT,
+                                  env=environment, stdin=subprocess.DEVNULL, capture_output=True,
+                                  check=False)
+            after = files(place)
+            hit = after.pop("hit", None) is not None
+            changed = [name for name, data in self.input.items() if after.pop(name, None) != data]
+            return done, after, hit, changed
+
+    def check(self, fault, harmless):
+        """False if the run was over before the fault's turn."""
+        done, outputs, hit, changed = self.run(fault)
+        if not hit:
+            return False
+        same = done.stdout == self.stdout and outputs == self.outputs
+        problem = None
+        if changed:
+            problem = f"changed {changed}"
+        elif done.returncode < 0 or done.returncode > 255:
+            problem = "ended by a signal"
+        elif harmless and (done.returncode != 0 or not same):
+            problem = "not taken in its stride"
+        elif done.returncode == 0 and not same and (self.operation, fault.split(":")[0]) not in EXCUSED:
+            problem = "success with other output"
+        elif done.returncode != 0 and not done.stderr:
+            problem = "failure without a message"
+        if problem:
+            message = done.stderr.decode("utf-8", "backslashreplace")[-2000:]
+            self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")
+        return True
+
+    def run_all(self, stride):
+        done, self.outputs, _, _ = self.run()
+        self.stdout = done.stdout
+        if done.returncode != 0:
+            sys.exit(f"undisturbed: status {done.returncode}\n{done.stderr.decode()}")
+        for call, what in FAULTS:
+            n = 1
+            while self.check(f"{call}:{n}:{what}", (call, what.split(":")[0]) in HARMLESS):
+                n += stride if call == "alloc" else 1
+            print(f"{call} {what}: {n - 1} runs", flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--program", required=True)
+    parser.add_argument("--operation", choices=OPERATIONS, required=True)
+    parser.add_argument("--stride", type=int, default=1)
+    arguments = parser.parse_args()
+    runner = Runner(arguments.program, arguments.operation)
+    runner.run_all(arguments.stride)
+    for failure in runner.failures[:10]:
+        print(failure)
+    if runner.failures:
+        print(f"{len(runner.failures)} failures")
+    return 1 if runner.failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
