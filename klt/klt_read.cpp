@@ -69,9 +69,6 @@ int deliverRecord(KLT_Reader& reader, KLT_Stream& stream) {
   return result;
 }
 
-// About two records ahead.
-constexpr size_t kPrefetchBytes = 128;
-
 struct Served {
   int status = kNoStatus;
   bool removed = false;
