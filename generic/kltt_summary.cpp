@@ -10,11 +10,15 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <numeric>
 #include <string>
+#include <vector>
 
 #include "generic/kltt_summary_calls.h"
 #include "generic/kltt_summary_file.h"
 #include "generic/kltt_summary_tables.h"
+#include "klt/klt_files.h"
+#include "klt/klt_intern.h"
 
 struct KLTT_Summary {
   uint32_t eventBits = 0;
@@ -65,6 +69,15 @@ uint64_t advance(KLTT_Summary& summary, uint64_t time) {
 bool isOver(const KLTT_Summary& summary) { return summary.binIndex >= summary.binCount; }
 
 }  // namespace
+
+uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events) {
+  constexpr uint64_t kSmallestEvent = 7;  // code, time step and thread
+  if (input->compressed(KLT_FileHandle::kCompressible)) return events;
+  std::vector<uint64_t> sizes;
+  KLT_FileList(input, nullptr, &sizes);
+  return std::min(events,
+                  std::accumulate(sizes.begin(), sizes.end(), uint64_t{0}) / kSmallestEvent);
+}
 
 KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span, int32_t eventBits,
                            uint64_t events, std::span<const uint32_t> threads) {

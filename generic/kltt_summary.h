@@ -2,17 +2,23 @@
 //
 // The run is cut into bins of equal width; for each bin the files hold what the threads did in it:
 // call trees (.fnc), collective operations (.cop), messages (.msg), counters (.cnt). Reports (.rep)
-// are stored as they come. Memory is bounded by one bin plus the call trees. Times and differences
-// are given as they stand in the trace's records, and shifted here.
+// are stored as they come. Memory is bounded by one bin, the call trees and a buffer for each file.
+// Times and differences are given as they stand in the trace's records, and shifted here.
 #pragma once
 
 #include <cstdint>
 #include <span>
 
+struct KLT_FileHandle;
 struct KLTT_Summary;  // owned by the caller, freed by KLTT_SumClose
 
 // No root, for KLTT_SumCollective.
 inline constexpr uint32_t kKlttNoRoot = 0xffffffff;
+
+// The number of events that `input` declares, cut to what its files can hold: with a number out of
+// thin air there would be more bins than any disk has room for. A trace with compressed components
+// is believed.
+[[nodiscard]] uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events);
 
 // Creates `target`.sum.fnc and its four companions and returns the handle, never null. `start` and
 // `span` are the run's first time and its length in trace times, `eventBits` the bits by which
