@@ -37,7 +37,6 @@ uint64_t kindOf(uint32_t operation, uint32_t root) { return uint64_t{operation} 
 }  // namespace
 
 // --- what is open
-// ---------------------------------------------------------------------------------
 
 void KLTM_OpenCollops::add(KLTM_Collop& collop) {
   constexpr size_t kFew = 8;
@@ -91,7 +90,6 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
 }
 
 // --- matching
-// -------------------------------------------------------------------------------------
 
 void KLTM_CollopTable::event(const KLTM_CollopEvent& event) {
   KLTM_CollopState* state = stateOf(event.comm);
@@ -223,7 +221,6 @@ void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
 }
 
 // --- writing
-// --------------------------------------------------------------------------------------
 
 uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
   const uint32_t n = collop.n;

@@ -24,6 +24,7 @@
 #include <string>
 
 #include "generic/RK_conf.h"
+#include "generic/RK_hint.h"
 #include "util/pal_error.h"
 #include "util/pal_strings.h"
 
@@ -249,10 +250,12 @@ struct Line {
 };
 
 void reportUnknown(const Line& line) {
-  if (line.mode == RK_ScanMode::parameter)
+  if (line.mode == RK_ScanMode::parameter) {
     PAL_Error("unknown parameter \"--%s\"", line.keyword.c_str());
-  else
-    PAL_Error("unknown config option \"%s\" in line %zu", line.keyword.c_str(), line.number);
+    RK_HintOption(line.keyword);
+    return;
+  }
+  PAL_Error("unknown config option \"%s\" in line %zu", line.keyword.c_str(), line.number);
 }
 
 void reportMissing(const Line& line) {
@@ -318,8 +321,10 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   if (option.set != nullptr) RK_conf.*option.set = true;
   if (option.type == RK_OptionType::request) {
     const std::string_view rest = readRequest(value, RK_conf.request.emplace_back());
-    if (!rest.empty()) reportTrailing(line, rest);
-    return rest.empty();
+    if (rest.empty()) return true;
+    reportTrailing(line, rest);
+    if (line.mode == RK_ScanMode::parameter) RK_HintRequest();
+    return false;
   }
   if (value.empty()) {
     RK_conf.*std::get<int32_t RK_Conf::*>(option.field) = 1;

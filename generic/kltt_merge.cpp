@@ -110,9 +110,9 @@ class Merge {
     }
     const KLTM_Context::Counts& c = context_.counts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
-    context_.summary =
-        KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,
-                     static_cast<int32_t>(context_.eventBits), events, context_.threads);
+    context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,
+                                    static_cast<int32_t>(context_.eventBits),
+                                    KLTT_SumEventLimit(input_, events), context_.threads);
   }
 
   // Reads the input once. False if there is no going on.

@@ -162,6 +162,23 @@ TEST_F(RkScan, KeywordsCountOnlyInTheFirstColumnAndAsWholeWords) {
   EXPECT_EQ(takeMessages(), "");
 }
 
+TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
+  const auto hint = [&](const char* argument) {
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(scan(argument));
+    return testing::internal::GetCapturedStderr();
+  };
+  EXPECT_EQ(hint("dumps"), "Did you mean --dump?\n");
+  EXPECT_EQ(hint("verbose=2"), "Did you mean --verbose VALUE?\n");
+  EXPECT_EQ(hint("mtached-rkf"), "Did you mean --matched-rkf?\n");
+  EXPECT_EQ(hint("logfile"), "Did you mean --logfile-name?\n");
+  EXPECT_EQ(hint("PRINT-STATISTIC"), "Did you mean --print-statistics?\n");
+  EXPECT_EQ(hint("output"), "");
+  EXPECT_EQ(hint("x"), "");
+  EXPECT_EQ(hint(std::string(70000, 'x').c_str()), "");
+  EXPECT_NE(hint("request 0:3 {"), "");
+}
+
 TEST_F(RkScan, StrayCharactersArePassedThrough) {
   EXPECT_FALSE(scan(" # VERBOSE 2"));
   EXPECT_EQ(RK_conf.echo, " ");

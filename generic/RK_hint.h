@@ -1,0 +1,9 @@
+// What a user may have meant: help that stands behind the message about a wrong option.
+#pragma once
+
+#include <string_view>
+
+// On standard error, the option that `keyword` is most like; nothing if it is like none.
+void RK_HintOption(std::string_view keyword);
+// On standard error, the forms that a request may have.
+void RK_HintRequest();
