@@ -164,9 +164,10 @@ TEST_F(RkScan, KeywordsCountOnlyInTheFirstColumnAndAsWholeWords) {
 
 TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   const auto hint = [&](const char* argument) {
-    testing::internal::CaptureStderr();
     EXPECT_FALSE(scan(argument));
-    return testing::internal::GetCapturedStderr();
+    const std::string shown = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return shown.substr(shown.find('\n') + 1);  // behind the message
   };
   EXPECT_EQ(hint("dumps"), "Did you mean --dump?\n");
   EXPECT_EQ(hint("verbose=2"), "Did you mean --verbose VALUE?\n");
