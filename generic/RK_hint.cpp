@@ -53,7 +53,8 @@ void RK_HintOption(std::string_view keyword) {
     const std::string name = lowerCase(option.key);
     size_t distance = distanceOf(meant, name);
     if (meant.size() >= 3 && name.starts_with(meant)) distance = std::min<size_t>(distance, 1);
-    if (distance > least || (distance == least && !nearest.empty())) continue;
+    const bool isShorter = nearest.empty() || name.size() < nearest.size();
+    if (distance > least || (distance == least && !isShorter)) continue;
     least = distance;
     nearest = name;
   }
