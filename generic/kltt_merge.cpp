@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -126,7 +127,7 @@ class Merge {
       status = KLT_ReadEvents(reader, shown ? kStepMilliseconds : -1);
       judge(status);
       if (!shown) continue;
-      const int now = static_cast<int>(KLT_Progress(reader) * 100 + 0.5);
+      const int now = static_cast<int>(std::lround(KLT_Progress(reader) * 100));
       if (now != percent) show(0, now);
       percent = now;
     }

@@ -59,9 +59,12 @@ uint32_t writeAs(KLT_WFileHandle* writer, const klt::WriteArguments<Long>& argum
 }
 
 constexpr int shortestRow(std::string_view name) {
-  int best = klt::longestRow(name);
+  int best = 0;
+  unsigned fields = kKltMaxFields + 1;
   for (const KLT_Row& row : kKltRows) {
-    if (row.name == name && row.numFields < kKltRows[best - 1].numFields) best = row.number;
+    if (row.name != name || row.numFields >= fields) continue;
+    best = row.number;
+    fields = row.numFields;
   }
   return best;
 }
