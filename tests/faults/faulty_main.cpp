@@ -1,8 +1,10 @@
 // The program on a system that fails: the n-th call of a kind goes wrong, as the environment says.
 //
 //   KLT_FAULT=CALL:N:WHAT[:on]   CALL open, read, write, seek, close, stat or alloc; N from 1;
-//                                WHAT an error's name (EIO, ENOSPC, EINTR, EAGAIN, EMFILE, EACCES)
-//                                or `short`, which transfers less; `on` repeats it for ever
+//                                WHAT an error's name (EIO, ENOSPC, EINTR, EAGAIN, EMFILE,
+//                                EACCES), or `short`, which transfers less, `kill`, which ends the
+//                                process ahead of the call, or `torn`, which does after a short
+//                                transfer; `on` repeats it for ever
 //   KLT_FAULT_HIT=FILE           is created once the call was reached
 //
 // Everything else is the program itself.
@@ -10,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +29,8 @@ struct Fault {
   char call[16] = {};
   unsigned long at = 0;
   int error = 0;  // 0: a short transfer
+  bool kills = false;
+  bool tears = false;
   bool stays = false;
   unsigned long calls = 0;
 } fault;
@@ -38,8 +43,15 @@ bool strikes(const char* call) {
   if (fault.calls == fault.at) {
     if (const char* file = std::getenv("KLT_FAULT_HIT")) close(creat(file, 0666));
   }
+  if (fault.kills) kill(getpid(), SIGKILL);
   errno = fault.error;
   return true;
+}
+
+// The transfer that a torn call is cut down to, behind which the process ends.
+ssize_t tornOr(ssize_t result) {
+  if (fault.tears && fault.calls == fault.at) kill(getpid(), SIGKILL);
+  return result;
 }
 
 // The result of a call that fails, or fewer bytes to transfer.
@@ -68,10 +80,12 @@ void install() {
     return failed("read", bytes) ? -1 : Vfd_osCalls.pread(fd, buffer, bytes, offset);
   };
   Vfd_systemCalls.write = [](int fd, const void* buffer, size_t bytes) {
-    return failed("write", bytes) ? -1 : Vfd_osCalls.write(fd, buffer, bytes);
+    if (failed("write", bytes)) return ssize_t{-1};
+    return tornOr(Vfd_osCalls.write(fd, buffer, bytes));
   };
   Vfd_systemCalls.pwrite = [](int fd, const void* buffer, size_t bytes, off_t offset) {
-    return failed("write", bytes) ? -1 : Vfd_osCalls.pwrite(fd, buffer, bytes, offset);
+    if (failed("write", bytes)) return ssize_t{-1};
+    return tornOr(Vfd_osCalls.pwrite(fd, buffer, bytes, offset));
   };
   Vfd_systemCalls.lseek = [](int fd, off_t offset, int whence) {
     return strikes("seek") ? off_t{-1} : Vfd_osCalls.lseek(fd, offset, whence);
@@ -111,6 +125,8 @@ void configure(const char* text) {
     std::_Exit(99);
   }
   fault.error = errorOf(what);
+  fault.kills = std::string_view(what) == "kill";
+  fault.tears = std::string_view(what) == "torn" && std::string_view(fault.call) == "write";
   fault.stays = std::string_view(stays) == "on";
 }
 

@@ -3,6 +3,9 @@
 turn comes. After each run: no signal; a status other than 0 and a message, or the output of an
 undisturbed run; the input as it was.
 
+Then the process is killed at each call that may change a file: the input is as it was, and a trace
+that is left as output is complete, or refused with a message.
+
   run_faults.py --program faulty_klttool --operation dump [--stride 7]
 
 With a stride only every k-th allocation fails; the others always do.
@@ -44,6 +47,11 @@ FAULTS = [("open", "EACCES"), ("open", "EMFILE"), ("read", "EIO"), ("read", "EIN
           ("stat", "EIO"), ("alloc", "ENOMEM")]
 
 
+KILLS = [("open", "kill"), ("write", "kill"), ("write", "torn"), ("seek", "kill"),
+         ("close", "kill")]
+TRACE_OUTPUT = "out/o.klt"
+
+
 def files(directory):
     return {str(file.relative_to(directory)): file.read_bytes()
             for file in pathlib.Path(directory).rglob("*") if file.is_file()}
@@ -56,13 +64,15 @@ class Runner:
         sample, self.options = OPERATIONS[operation]
         self.input = {file.name: file.read_bytes() for file in (DATA / sample).glob("t.klt*")}
         self.failures = []
+        self.older = {}  # a trace under the output's name that is there already
 
-    def run(self, fault=None):
-        """Status, standard output and error, output files, and whether the fault's turn came."""
+    def run(self, fault=None, look=None):
+        """Status, standard output and error, output files, and whether the fault's turn came.
+        `look` is called with the directory before it is gone."""
         with tempfile.TemporaryDirectory() as directory:
             place = pathlib.Path(directory)
             (place / "out").mkdir()
-            for name, data in self.input.items():
+            for name, data in (self.input | self.older).items():
                 (place / name).write_bytes(data)
             environment = dict(os.environ, ASAN_OPTIONS="abort_on_error=1",
                                UBSAN_OPTIONS="abort_on_error=1", RK_VERBOSE="0")
@@ -71,6 +81,8 @@ class Runner:
             done = subprocess.run([self.program, "t.klt", *self.options], cwd=place, timeout=TIMEOUT,
                                   env=environment, stdin=subprocess.DEVNULL, capture_output=True,
                                   check=False)
+            if look is not None:
+                look(place)
             after = files(place)
             hit = after.pop("hit", None) is not None
             changed = [name for name, data in self.input.items() if after.pop(name, None) != data]
@@ -98,6 +110,52 @@ class Runner:
             self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")
         return True
 
+    def check_killed(self, fault):
+        """False if the run was over before its turn."""
+        problem = None
+
+        def look(place):
+            nonlocal problem
+            if not (place / TRACE_OUTPUT).exists():
+                return
+            dump = subprocess.run([self.program, TRACE_OUTPUT, "--dump"], cwd=place, timeout=TIMEOUT,
+                                  stdin=subprocess.DEVNULL, capture_output=True, check=False)
+            if dump.returncode < 0:
+                problem = "reading what is left ended by a signal"
+            elif dump.returncode == 0 and dump.stdout not in self.dumps:
+                problem = "what is left passes for a whole trace"
+            elif dump.returncode != 0 and not dump.stderr:
+                problem = "what is left is refused without a message"
+
+        done, _, hit, changed = self.run(fault, look)
+        if changed:
+            problem = f"changed {changed}"
+        elif hit and done.returncode != -9:
+            problem = f"not killed: status {done.returncode}"
+        if problem:
+            self.failures.append(f"{fault}: {problem}")
+        return hit
+
+    def kill_all(self, older):
+        """With a trace of the sample `older` in the output's place, unless that is None."""
+        self.dumps = []
+
+        def look(place):
+            if (place / TRACE_OUTPUT).exists():
+                self.dumps.append(subprocess.run([self.program, TRACE_OUTPUT, "--dump"], cwd=place,
+                                                 capture_output=True, check=True).stdout)
+
+        if older is not None:
+            self.older = {TRACE_OUTPUT + file.name[len("t.klt"):]: file.read_bytes()
+                          for file in (DATA / older).glob("t.klt*")}
+            self.run("open:1:EACCES", look)  # leaves all as it is
+        self.run(None, look)
+        for call, what in KILLS:
+            n = 1
+            while self.check_killed(f"{call}:{n}:{what}"):
+                n += 1
+            print(f"{call} {what}: {n - 1} runs", flush=True)
+
     def run_all(self, stride):
         done, self.outputs, _, _ = self.run()
         self.stdout = done.stdout
@@ -119,6 +177,8 @@ def main():
     arguments = parser.parse_args()
     runner = Runner(arguments.program, arguments.operation)
     runner.run_all(arguments.stride)
+    for older in (None, "io"):
+        runner.kill_all(older)
     for failure in runner.failures[:10]:
         print(failure)
     if runner.failures:
