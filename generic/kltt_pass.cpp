@@ -1,13 +1,48 @@
 // Running passes of the reader. See kltt_pass.h.
 #include "generic/kltt_pass.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <vector>
 
+#include "generic/RK_conf.h"
 #include "generic/RK_output.h"
 #include "generic/kltt_context.h"
 #include "generic/kltt_exit.h"
 #include "klt/klt.h"
+
+namespace {
+
+constexpr int kNoLimit = -1;
+constexpr int kStepMilliseconds = 500;
+
+// Somebody watches a run that writes into a file, and has asked for it.
+bool isWatched(int mode) {
+  return mode == KLT_MODE_EVENTS && RK_conf.verbose >= 2 && RK_conf.logfile_name_set &&
+         RK_conf.logfile_name != "-" && isatty(STDERR_FILENO) == 1;
+}
+
+// Progress on one line, which the next call writes over. A short run shows none.
+class ProgressLine {
+ public:
+  ~ProgressLine() {
+    if (shown_) std::fputs("\r      \r", stderr);
+  }
+  ProgressLine() = default;
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void show(double progress) {
+    std::fprintf(stderr, "\r%3d %%", static_cast<int>(progress * 100));
+    shown_ = true;
+  }
+
+ private:
+  bool shown_ = false;
+};
+
+}  // namespace
 
 void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                           std::span<const KLT_Request> requests, int serial) {
@@ -17,8 +52,12 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                                       pointers.data(), &table, serial);
   if (reader == nullptr) judge(KLT_STATUS_ABORTING);
   judge(KLT_ReaderStatus(reader));
+  const bool watched = isWatched(mode);
+  ProgressLine line;
   int result = 0;
-  while ((result = KLT_ReadEvents(reader, -1)) != KLT_STATUS_FINISHED) {
+  while ((result = KLT_ReadEvents(reader, watched ? kStepMilliseconds : kNoLimit)) !=
+         KLT_STATUS_FINISHED) {
+    if (watched && result == KLT_STATUS_TIME) line.show(KLT_Progress(reader));
     const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
     judge(lastFailed ? KLT_STATUS_ABORTING : result);
   }
