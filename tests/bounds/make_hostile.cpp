@@ -1,0 +1,153 @@
+// Makes traces that ask for more than they should: deep, wide, long, contradictory.
+//
+// Usage: make_hostile CASE DIRECTORY SIZE       the trace is DIRECTORY/t.klt
+//        make_hostile --list
+//
+// SIZE scales the cases that grow: how many calls, definitions, scopes, messages there are.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/builder/trace_builder.h"
+
+namespace {
+
+constexpr uint64_t kLatest = ~uint64_t{0};
+
+void basics(tb::Trace& trace) {
+  trace.clock(1e-6, 0).processes({1, 1}).defineClass(1, "A").function(1, "f", 1);
+}
+
+void deepStack(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  tb::Stream& s = trace.stream("f.0", tb::FUNCTIONS, {0});
+  for (uint64_t i = 1; i <= size; ++i) s.at(i).enter(0, 1);
+}
+
+void openScopes(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  trace.scope(1, "s", 1);
+  tb::Stream& s = trace.stream("s.0", tb::SCOPES, {0});
+  for (uint64_t i = 1; i <= size; ++i) s.at(i).enterScope(0, 1, static_cast<uint32_t>(i));
+  for (uint64_t i = 1; i <= size; ++i) s.at(size + i).leaveScope(0, 1, static_cast<uint32_t>(i));
+}
+
+void endlessMessages(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  trace.communicator(1, "c", {{0, 1, 1}});
+  tb::Stream& s = trace.stream("msg", tb::MESSAGES);
+  for (uint64_t i = 1; i <= size; ++i) {
+    s.at(i).message({.receiver = 1, .receiveTime = tb::NO_RECEIVE, .communicator = 1});
+  }
+}
+
+void definitions(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  for (uint64_t i = 2; i <= size; ++i) trace.function(static_cast<uint32_t>(i), "g", 1);
+  trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(2).leave(0);
+}
+
+void threads(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  tb::Stream& s = trace.stream("f", tb::FUNCTIONS);
+  for (uint64_t i = 1; i <= size; ++i) {
+    s.at(i).enter(static_cast<uint32_t>(i * 2654435761U), 1);
+  }
+}
+
+void wildTimes(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  trace.duration(0, kLatest);
+  trace.declarations().record(
+      47, {{"info_class", 1},
+           {"info",
+            "number of events: 4000000000 functions, 1 onetoones, 0 collectives, 0 scopes, "
+            "0 counters"}});
+  tb::Stream& s = trace.stream("f.0", tb::FUNCTIONS, {0}).anchorEvery(0x1000);
+  for (uint64_t i = 0; i < size; ++i) {
+    s.at(i).enter(0, 1).at(i % 3 == 0 ? kLatest - i : i + 1).leave(0);
+  }
+  s.at(kLatest).enter(0, 1);
+}
+
+void hugeDeclarations(tb::Trace& trace, uint64_t) {
+  trace.clock(0, 63);
+  trace.processes(std::vector<uint32_t>(65535, 0xffffffff));
+  for (const tb::Triplet& t :
+       {tb::Triplet{0, 2147483647, 1}, tb::Triplet{-2147483647 - 1, 2147483647, 1},
+        tb::Triplet{0, 5, 0}, tb::Triplet{2147483647, -2147483647, -2147483647 - 1}}) {
+    trace.communicator(1, "c", {t});
+    trace.streamOf("f." + std::to_string(t.first), tb::FUNCTIONS, {t}).at(1).enter(0, 1);
+  }
+}
+
+void names(tb::Trace& trace, uint64_t) {
+  using namespace std::string_view_literals;
+  basics(trace);
+  trace.function(2, std::string(65535, 'n'), 1)
+      .function(3, "a\0b"sv, 1)
+      .function(4, "\"quoted\"\n\r\x1b[31mred\x07\\", 1)
+      .counter(1, "\x1b]0;title\x07", {});
+  trace.willyName(0, "\x1b[2J");
+  tb::Stream& s = trace.stream("f.\x1b[31m", tb::FUNCTIONS, {0});
+  s.at(1).enter(0, 4).bytes("\xfe\xff");
+}
+
+void rawCrowd(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  trace.communicator(1, "c", {{0, 1, 1}});
+  tb::Stream& s = trace.stream("r.0", tb::RAW_EVENTS, {0});
+  for (uint64_t i = 1; i <= size; ++i) {  // receives that nothing is sent for, collectives of one
+    s.at(i).rawMessage({.kind = 8, .other = 1, .tag = static_cast<uint32_t>(i % 7)});
+    if (i % 4 == 0) {
+      s.rawCollective({.kind = 10,
+                       .operation = static_cast<uint32_t>(i % 50),
+                       .communicator = 1,
+                       .counter = static_cast<uint32_t>(i),
+                       .end = -5});
+    }
+  }
+}
+
+struct Case {
+  std::string_view name;
+  void (*make)(tb::Trace&, uint64_t size);
+  unsigned flags = 0;
+};
+constexpr Case kCases[] = {{"deep_stack", deepStack},
+                           {"open_scopes", openScopes},
+                           {"endless_messages", endlessMessages},
+                           {"definitions", definitions},
+                           {"threads", threads},
+                           {"wild_times", wildTimes},
+                           {"huge_declarations", hugeDeclarations},
+                           {"names", names},
+                           {"raw_crowd", rawCrowd, 1}};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view wanted = argc > 1 ? argv[1] : "";
+  if (wanted == "--list") {
+    for (const Case& c : kCases)
+      std::printf("%.*s\n", static_cast<int>(c.name.size()), c.name.data());
+    return 0;
+  }
+  for (const Case& c : kCases) {
+    if (c.name != wanted || argc != 4) continue;
+    tb::Trace trace(c.flags);
+    c.make(trace, std::strtoull(argv[3], nullptr, 10));
+    std::filesystem::create_directories(argv[2]);
+    const tb::TraceFiles files = trace.files();
+    for (const auto& [key, bytes] : files.parts()) {
+      tb::writeFile(std::string(argv[2]) + "/t.klt" + (key == " " ? "" : key), bytes);
+    }
+    return 0;
+  }
+  std::fputs("usage: make_hostile CASE DIRECTORY SIZE\n", stderr);
+  return 1;
+}
