@@ -71,7 +71,7 @@ class SumFile:
             return
         with self.path.open("rb") as file:
             file.seek(HEADER)
-            self.file, self.left = file, self.size - HEADER
+            self.file, self.left, self.damage = file, self.size - HEADER, None
             read = {"fnc": self._threads, "cop": self._operations, "msg": self._messages,
                     "cnt": self._samples, "rep": self._reports}[self.word]
             count = 0
@@ -134,12 +134,16 @@ class SumFile:
             behind = self._behind(48, nodes)
             yield Thread(start, width, thread, events, nodes), self._nodes(nodes)
             self._skip_to(behind)
+            if self.damage:
+                raise self.damage
 
     def _nodes(self, count):
         nodes = self._each("4xI8xQI16xI", count)
         for index, (function, inclusive, calls, back) in enumerate(nodes):
             if back > index:
-                raise Damaged("has a call without a caller")
+                # Who reads the calls isn't who reads the file: the next record tells.
+                self.damage = Damaged("has a call without a caller")
+                return
             yield Node(function, inclusive, calls, back)
 
     def _operations(self):

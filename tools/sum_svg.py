@@ -50,7 +50,8 @@ class TimeText:
                     break
 
     def __call__(self, ticks):
-        return f"{ticks * self.factor:.4g} {self.unit}"
+        value = ticks * self.factor
+        return f"{value:.4g} {self.unit}" if value < 9999.5 else f"{value:,.0f} {self.unit}"
 
 
 def coordinate(value):
@@ -166,12 +167,10 @@ def lanes(scale, cells, times, names, series):
 
 def most(cell, keys):
     """The key of the function with most time: None for others, "idle" where there is no time."""
-    sums = {}
-    for key, own in (cell or {}).items():
-        key = key if key in keys else None
-        sums[key] = sums.get(key, 0) + own
-    best = max(sums, key=sums.get, default="idle")
-    return best if best == "idle" or sums[best] > 0 else "idle"
+    best = max(cell or (), key=lambda key: cell[key], default=None)
+    if not cell or not cell[best]:
+        return "idle"
+    return best if best in keys else None
 
 
 def matrix(cells, names, what, show):
