@@ -30,6 +30,11 @@ def number(value):
     return f"{value:.4g}"
 
 
+def count_text(value):
+    """A whole number, exactly unless it is long."""
+    return f"{value:,}" if value < 10**9 else number(value)
+
+
 def bytes_text(value):
     for factor, unit in ((2**40, "TiB"), (2**30, "GiB"), (2**20, "MiB"), (2**10, "KiB")):
         if value >= factor:
@@ -39,19 +44,30 @@ def bytes_text(value):
 
 
 class TimeText:
-    """Shows ticks: in the unit that fits a span where the tick's seconds are known."""
+    """Shows ticks: in the unit that fits the span of the run where the tick's seconds are known."""
 
     def __init__(self, tick, span):
-        self.factor, self.unit = 1, "ticks"
-        if tick:
-            for self.factor, self.unit in ((tick, "s"), (tick * 1e3, "ms"), (tick * 1e6, "µs"),
-                                           (tick * 1e9, "ns")):
-                if span * self.factor >= 1:
-                    break
+        self.tick, self.unit = tick, self._unit(tick, span)
+
+    @staticmethod
+    def _unit(tick, span):
+        """What ticks are multiplied with, and the unit that gives."""
+        if not tick:
+            return 1, "ticks"
+        units = ((tick, "s"), (tick * 1e3, "ms"), (tick * 1e6, "µs"), (tick * 1e9, "ns"))
+        return next((unit for unit in units if span * unit[0] >= 1), units[-1])
+
+    @staticmethod
+    def _show(ticks, unit):
+        value = ticks * unit[0]
+        return f"{value:.4g} {unit[1]}" if value < 9999.5 else f"{value:,.0f} {unit[1]}"
 
     def __call__(self, ticks):
-        value = ticks * self.factor
-        return f"{value:.4g} {self.unit}" if value < 9999.5 else f"{value:,.0f} {self.unit}"
+        return self._show(ticks, self.unit)
+
+    def short(self, ticks):
+        """A duration, in the unit that fits it."""
+        return self._show(ticks, self._unit(self.tick, ticks))
 
 
 def coordinate(value):
