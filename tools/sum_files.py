@@ -2,15 +2,16 @@
 
 All files begin with version 1, the width of a bin and the number of records (uint64 each), in the
 byte order of the machine that wrote them, which the version tells. Times are ticks of the trace's
-clock. Records are read in blocks; every length is checked against the bytes that are there before it
-is used. What is wrong with a file is told by `problem` after reading; the records up to there count.
+clock. Records are read in blocks; every length is checked against the bytes that are there before
+it is used. What is wrong with a file is told by `problem` after reading; the records up to there
+count.
 
   .fnc   thread header, then its call tree      .cop   operation header, then its members
   .msg   76 bytes a key                         .cnt   76 bytes a key
   .rep   reports with their texts
 
-Of a call tree's records the self times are left aside: calls that are open at the end of a bin count
-twice in them. The time of a call less that of the calls it made says the same exactly.
+Of a call tree's records the self times are left aside: calls that are open at the end of a bin
+count twice in them. The time of a call less that of the calls it made says the same exactly.
 """
 
 import collections
@@ -28,8 +29,8 @@ Member = collections.namedtuple(
     "Member", "scl start end total shortest longest low_rate high_rate sent fewest_sent most_sent "
     "received fewest_received most_received")
 Messages = collections.namedtuple(
-    "Messages", "count send_times total shortest longest sender receiver communicator tag size bytes "
-    "sender_function receiver_function sender_scl receiver_scl")
+    "Messages", "count send_times total shortest longest sender receiver communicator tag size "
+    "bytes sender_function receiver_function sender_scl receiver_scl")
 Samples = collections.namedtuple(
     "Samples", "counter first last thread count low high mean low_rate high_rate mean_rate")
 Report = collections.namedtuple("Report", "time thread type level description places")
@@ -65,8 +66,8 @@ class SumFile:
         self.problem, self.size = "isn't a summary file of version 1", 0
 
     def records(self):
-        """The records, of `Thread` with an iterable of `Node`, of `Operation` with one of `Member` (each
-        to be used up or left before the next record), of `Messages`, of `Samples`, of `Report`."""
+        """The records, of `Thread` with an iterable of `Node`, of `Operation` with one of `Member`
+        (each to be used up or left before the next record), `Messages`, `Samples`, or `Report`."""
         if not self.size:
             return
         with self.path.open("rb") as file:

@@ -1,8 +1,8 @@
 """Condenses the summary files of a run to what fits on a page.
 
 Time is cut into at most `COLUMNS` columns of whole bins, threads into at most `ROWS` groups of
-neighbours. Tables that grow with what the files name are bounded: what is beyond a limit counts under
-the key None, "others".
+neighbours. Tables that grow with what the files name are bounded: what is beyond a limit counts
+under the key None, "others".
 """
 
 import array
@@ -96,7 +96,7 @@ class Functions:
 
 
 def own_times(nodes):
-    """Function, own time and calls of each node but the root. Callers come before what they call."""
+    """Function, own time and calls of each node but the root. Callers come before callees."""
     functions, calls = array.array("I"), array.array("I")
     own = array.array("Q")
     for node in nodes:

@@ -85,7 +85,8 @@ def text(x, y, words, anchor="end"):
 
 def titled_rect(x, y, width, height, kind, title):
     return (f'<rect class="{kind}" x="{coordinate(x)}" y="{coordinate(y)}" '
-            f'width="{coordinate(width)}" height="{coordinate(height)}"><title>{title}</title></rect>')
+            f'width="{coordinate(width)}" height="{coordinate(height)}">'
+            f"<title>{title}</title></rect>")
 
 
 class TimeScale:
@@ -106,8 +107,8 @@ class TimeScale:
         for k in range(5):
             column = self.axis.count * k / 4
             anchor = ("start", "middle", "middle", "middle", "end")[k]
-            yield text(self.x(column), y, self.time_text(self.axis.start + column * self.axis.width),
-                       anchor)
+            time = self.axis.start + column * self.axis.width
+            yield text(self.x(column), y, self.time_text(time), anchor)
 
 
 def stacked(scale, columns, available, series):
@@ -130,9 +131,9 @@ def stacked(scale, columns, available, series):
             share = min(value / available[column], 1 - base[column]) if available[column] else 0
             if share > 0:
                 y = top + height * (1 - base[column] - share)
+                width = coordinate(max(scale.step - gap, .5))
                 marks.append(f"M{coordinate(scale.x(column))} {coordinate(y)}"
-                             f"h{coordinate(max(scale.step - gap, .5))}v{coordinate(height * share)}"
-                             f"h-{coordinate(max(scale.step - gap, .5))}z")
+                             f"h{width}v{coordinate(height * share)}h-{width}z")
                 base[column] += share
         if marks:
             kind = f"s{place}" if key is not None else "s0"
@@ -145,7 +146,8 @@ def stacked(scale, columns, available, series):
         rest = sum(v for k, v in own.items() if k not in keys)
         if rest:
             lines.append(f"others: {rest / max(available[column], 1):.1%}")
-        parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover", "\n".join(lines)))
+        parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover",
+                                 "\n".join(lines)))
     parts += scale.labels(top + height + 18)
     return svg(top + height + 26, "Share of functions over time", parts)
 
@@ -214,12 +216,13 @@ def matrix(cells, names, what, show):
     if cells:
         what += f", {show(min(cells.values()))} to {show(max(cells.values()))}"
     return (f'<figure><figcaption>{what}</figcaption><svg viewBox="0 0 {width} '
-            f'{coordinate(height)}" role="img" aria-label="{what}">{"".join(parts)}</svg></figure>\n')
+            f'{coordinate(height)}" role="img" aria-label="{what}">{"".join(parts)}</svg>'
+            "</figure>\n")
 
 
 def lines(scale, curves, band, label):
-    """Curves over time: pairs of name and Curve. `band`, a Curve or None, is drawn from its lowest to
-    its highest values."""
+    """Curves over time: pairs of name and Curve. `band`, a Curve or None, is drawn from its lowest
+    to its highest values."""
     height, top = 130, 8
     drawn = [(name, means(curve)) for name, curve in curves]
     extent = [v for _, points in drawn for v in points if v is not None]

@@ -10,6 +10,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 TOOL = ROOT / "tools" / "sum-report"
 DATA = ROOT / "tests" / "data"
 WORDS = ("fnc", "cop", "msg", "cnt", "rep")
+NODE = "IIQQIIIIII"
 
 
 def report(run, *options, status=0):
@@ -38,13 +39,13 @@ def thread(start, width, number, calls, order="<"):
     second level of one call below the first where an entry has a third part of that form."""
     level1, level2 = [], []
     for index, (function, time, *callee) in enumerate(calls):
-        level1.append(struct.pack(order + "IIQQIIIIII", 0, function, 0, time, 1, 0, len(callee), 0, 0,
+        level1.append(struct.pack(order + NODE, 0, function, 0, time, 1, 0, len(callee), 0, 0,
                                   index + 1))
         for sub, sub_time in callee:
             back = len(calls) - index + len(level2)
-            level2.append(struct.pack(order + "IIQQIIIIII", 0, sub, 0, sub_time, 1, 0, 0, 0, 0, back))
-    root = struct.pack(order + "IIQQIIIIII", 0, 0, 0, sum(c[1] for c in calls), 0, 0, len(calls), 1, 1,
-                       0)
+            level2.append(struct.pack(order + NODE, 0, sub, 0, sub_time, 1, 0, 0, 0, 0, back))
+    whole = sum(call[1] for call in calls)
+    root = struct.pack(order + NODE, 0, 0, 0, whole, 0, 0, len(calls), 1, 1, 0)
     nodes = [root, *level1, *level2]
     return struct.pack(order + "QQIIII", start, width, number, 0, len(nodes), 0) + b"".join(nodes)
 
@@ -68,7 +69,7 @@ def complaint(time, number, *texts):
 
 
 def pixels(png):
-    """How often each colour, a tuple of red, green and blue, is in a PNG file of 8 bits a channel."""
+    """How often each colour (red, green, blue) is in a PNG file of 8 bits a channel."""
     data = png.read_bytes()
     assert data[:8] == b"\x89PNG\r\n\x1a\n", "no PNG"
     at, packed = 8, b""

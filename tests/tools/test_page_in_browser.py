@@ -1,4 +1,4 @@
-"""Shows a page of tools/sum-report in a headless Chromium and looks for its marks in the picture."""
+"""Shows a page of tools/sum-report in a headless Chromium and looks for its marks."""
 
 import os
 import pathlib
@@ -10,7 +10,8 @@ import unittest
 
 from page_builder import pixels, sample
 
-BROWSER = next(filter(None, map(shutil.which, ("chromium", "chromium-browser", "google-chrome"))), None)
+NAMES = ("chromium", "chromium-browser", "google-chrome")
+BROWSER = next(filter(None, map(shutil.which, NAMES)), None)
 SIZE = "1100,2600"
 LIGHT, DARK = 1, 0  # the browser's numbers for schemes of colours
 
@@ -31,11 +32,12 @@ class Browser(unittest.TestCase):
             (place / "page.html").write_text(page)
             command = [BROWSER, "--headless", "--no-sandbox", "--disable-gpu", "--hide-scrollbars",
                        f"--user-data-dir={place / 'profile'}", "--disable-dev-shm-usage",
-                       f"--blink-settings=preferredColorScheme={scheme}", "--force-color-profile=srgb",
-                       f"--window-size={SIZE}", f"--screenshot={place / 'page.png'}",
+                       f"--blink-settings=preferredColorScheme={scheme}",
+                       "--force-color-profile=srgb", f"--window-size={SIZE}",
+                       f"--screenshot={place / 'page.png'}",
                        (place / "page.html").as_uri()]
-            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, timeout=240,
-                                  check=False, env={**os.environ, "HOME": directory})
+            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True,
+                                  timeout=240, check=False, env=os.environ | {"HOME": directory})
             self.assertTrue((place / "page.png").exists(), done.stderr.decode(errors="replace"))
             return pixels(place / "page.png")
 
@@ -44,8 +46,8 @@ class Browser(unittest.TestCase):
         for scheme in (LIGHT, DARK):
             with self.subTest(scheme="light" if scheme == LIGHT else "dark"):
                 want, seen = colours(page, scheme), self.screenshot(page, scheme)
-                # Four functions as bars and lanes, in their order of time, cells of the matrix, lines
-                # of counters; on the page's own background.
+                # Four functions as bars and lanes, in their order of time, cells of the matrix,
+                # lines of counters; on the page's own background.
                 for name, least in (("s1", 20000), ("s2", 10000), ("s3", 5000), ("s4", 5000),
                                     ("q7", 2000), ("page", 50000), ("card", 50000)):
                     self.assertGreater(seen.get(want[name], 0), least, name)

@@ -75,7 +75,7 @@ class Samples(unittest.TestCase):
                 separate, matched = (convert((DATA / name / f"expected.{kind}").read_text())[0]
                                      for kind in ("dump", "matched"))
                 self.assertEqual(arrows(separate), arrows(matched))
-                slices = [sorted(e for e in shown(events, "b", "e")) for events in (separate, matched)]
+                slices = [sorted(shown(events, "b", "e")) for events in (separate, matched)]
                 self.assertEqual(*slices)
 
     def test_calls_nest_in_every_thread(self):
@@ -96,8 +96,10 @@ class Lines(unittest.TestCase):
     def test_times_are_microseconds_of_the_clock(self):
         # Six digits of the period aren't enough for 2^-13 ns; the tick they mean is 1 ns.
         events, _ = convert('CLKPERIOD 1.2207E-13\nEVENTBITS 13\nDEFSTATE 10 ACT 1 "main"\n'
-                            "8192000000 EXCHEXT CPU 1 DOWNTO 10\n8192008192 EXCHEXT CPU 1 UPTO NOACT\n")
-        self.assertEqual(shown(events, "B", "E"), [(1000, 1, "B", "main"), (1000.001, 1, "E", None)])
+                            "8192000000 EXCHEXT CPU 1 DOWNTO 10\n"
+                            "8192008192 EXCHEXT CPU 1 UPTO NOACT\n")
+        self.assertEqual(shown(events, "B", "E"),
+                         [(1000, 1, "B", "main"), (1000.001, 1, "E", None)])
 
     def test_names_come_from_the_definitions_and_stay_text(self):
         events, _ = convert(HEADER + 'DEFSTATE 11 ACT 1 "say "hi"\\ \u00e9 </script>"\n'
@@ -132,26 +134,30 @@ class Lines(unittest.TestCase):
                    " RCVDS 0 0\n")
         for line in (matched, "9 GLOBALOP 4 ON 1 1 2 16 0 4\n"):
             events, _ = convert(HEADER + line)
-            self.assertEqual(shown(events, "b", "e"), [(9, 1, "b", "reduce"), (13, 1, "e", "reduce")])
+            self.assertEqual(shown(events, "b", "e"),
+                             [(9, 1, "b", "reduce"), (13, 1, "e", "reduce")])
             args = next(e["args"] for e in events if e["ph"] == "b")
             self.assertEqual(args, {"communicator": "world", "thread": 1, "root": 2,
                                     "bytes sent": 16, "bytes received": 0})
 
     def test_counters_of_threads_and_groups(self):
         events, _ = convert(
-            HEADER + 'DEFGROUP 8 "All" NMEMBS 1 1\nDEFSAMP 2 CLASS 2 CPUSAMP FOR 1 TYPE FLOAT MIN 0 '
-            'MAX 1 DIFF 0 RHINT 1 NAME "load" UNIT "%"\n'
-            "5 SAMP CPU 65538 DEF 2 FLOAT 1.5 DEF 3 UINT 1 2\n6 SAMP GROUP 2147483656 DEF 2 FLOAT NAN\n"
+            HEADER + 'DEFGROUP 8 "All" NMEMBS 1 1\nDEFSAMP 2 CLASS 2 CPUSAMP FOR 1 TYPE FLOAT MIN '
+            '0 MAX 1 DIFF 0 RHINT 1 NAME "load" UNIT "%"\n'
+            "5 SAMP CPU 65538 DEF 2 FLOAT 1.5 DEF 3 UINT 1 2\n"
+            "6 SAMP GROUP 2147483656 DEF 2 FLOAT NAN\n"
             "7 SAMP GROUP 2147483656 DEF 2 FLOAT -1E+3\n")
-        tracks = [(e["ts"], e["pid"], e["name"], e["args"]["value"]) for e in events if e["ph"] == "C"]
+        tracks = [(e["ts"], e["pid"], e["name"], e["args"]["value"])
+                  for e in events if e["ph"] == "C"]
         self.assertEqual(tracks, [(5, 2, "load, thread 1 [%]", 1.5),
                                   (5, 2, "counter 3, thread 1", 2**32 + 2),
                                   (7, 65544, "load [%]", -1000.0)])
 
     def test_cut_and_damaged_text(self):
         events, errors = convert(HEADER + "5 EXCHEXT CPU 1 UPTO NOACT\n1 EXCHEXT CPU 1 DOWNTO 10\n"
-                                 "5 EXCHEXT CPU x DOWNTO 10\nnonsense\n6 WHAT 3\n9 GLOBALOP 4 ON 1\n"
-                                 "7 COLLOP ALL 4 COM 9 TIMES 1 DELTAS 1\n8 EXCHEXT CPU 1 DOWNTO 99\n",
+                                 "5 EXCHEXT CPU x DOWNTO 10\nnonsense\n6 WHAT 3\n"
+                                 "9 GLOBALOP 4 ON 1\n7 COLLOP ALL 4 COM 9 TIMES 1 DELTAS 1\n"
+                                 "8 EXCHEXT CPU 1 DOWNTO 99\n",
                                  status=2)
         self.assertEqual(shown(events, "B", "E"), [(1, 1, "B", "main"), (8, 1, "B", "function 99"),
                                                    (8, 1, "E", None), (8, 1, "E", None)])
@@ -175,9 +181,10 @@ class Lines(unittest.TestCase):
                   "print(open('/proc/self/status').read().split('VmHWM:')[1].split()[0])")
         peaks = []
         for count in (500, 50000):
-            lines = [HEADER] + [f"{k} EXCHEXT CPU 1 DOWNTO 10\n{k} SENDMSG 1 {k} FROM 1 TO 2 LEN 8\n"
-                                f"{k} RECVMSG 1 {k} BY 2 FROM 1 LEN 8\n{k} EXCHEXT CPU 1 UPTO NOACT\n"
-                                for k in range(count)]
+            lines = [HEADER]
+            for k in range(count):
+                lines.append(f"{k} EXCHEXT CPU 1 DOWNTO 10\n{k} SENDMSG 1 {k} FROM 1 TO 2 LEN 8\n")
+                lines.append(f"{k} RECVMSG 1 {k} BY 2 FROM 1 LEN 8\n{k} EXCHEXT CPU 1 UPTO NOACT\n")
             done = subprocess.run([sys.executable, "-c", script], input="".join(lines).encode(),
                                   capture_output=True, timeout=120, check=True, cwd=TOOL.parent,
                                   env={"PYTHONPATH": str(TOOL.parent)})

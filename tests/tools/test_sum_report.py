@@ -1,4 +1,4 @@
-"""What tools/sum-report says about the sample summaries, and about made ones that are large or wrong."""
+"""What tools/sum-report says about sample summaries, and about large and wrong ones."""
 
 import html.parser
 import pathlib
@@ -57,7 +57,8 @@ class Samples(unittest.TestCase):
     def test_every_time_of_a_bin_is_in_its_column(self):
         # Own times of all calls that are open over a whole bin fill it.
         page = sample("counters")
-        column = next(t for t in Outline(page).titles if t.startswith("0.127 \u00b5s to 0.254 \u00b5s\n"))
+        span = "0.127 \u00b5s to 0.254 \u00b5s\n"
+        column = next(title for title in Outline(page).titles if title.startswith(span))
         shares = [float(s) for s in re.findall(r": ([\d.]+)%", column)]
         self.assertAlmostEqual(sum(shares), 100, delta=0.5)
 
