@@ -4,6 +4,9 @@ The program under test is named by KLTTOOL in the environment.
 """
 
 import collections
+import importlib.machinery
+import importlib.util
+import io
 import os
 import pathlib
 import re
@@ -84,6 +87,26 @@ class ParallelWindows(unittest.TestCase):
                         if kind == "dump":
                             times = [int(time) for time in re.findall(rb"^(\d+) ", joined, re.M)]
                             self.assertEqual(times, sorted(times))
+
+    def test_blocks_that_are_copied_whole_are_those_without_seams(self):
+        loader = importlib.machinery.SourceFileLoader("parallel_windows", str(SCRIPT))
+        spec = importlib.util.spec_from_loader(loader.name, loader)
+        module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+        for name, kind in (("stencil", "dump"), ("stencil", "matched"), ("negative", "dump"),
+                           ("threads", "dump")):
+            options = ["--matched-rkf"] if kind == "matched" else []
+            pieces = self.directory / f"{name}.{kind}"
+            script("plan", "-n", 4, "--program", self.program, DATA / name / "t.klt", pieces, "--",
+                   *options)
+            for index in range(5):
+                script("window", pieces, index)
+            for module.BLOCK in (1, 200, 1000, 5000):
+                with self.subTest(trace=name, kind=kind, block=module.BLOCK):
+                    output = io.BytesIO()
+                    module.Join(pieces, output).run()
+                    expected = (DATA / name / f"expected.{kind}").read_bytes()
+                    self.check_same_events(expected, output.getvalue())
 
     def test_selections_are_cut_the_same_way(self):
         trace = DATA / "counters" / "t.klt"
