@@ -50,10 +50,11 @@ void define(tb::Trace& trace, const Run& run) {
       .function(2, "exchange", 1)
       .communicator(1, "world", {{0, static_cast<int32_t>(run.processes) - 1, 1}});
   const uint64_t messages = run.iterations * run.processes;
-  trace.declarations().record(47, {{"info_class", 1},
-                                   {"info", "number of events: " + std::to_string(2 * messages) +
-                                                " functions, " + std::to_string(messages) +
-                                                " onetoones, 0 collectives, 0 scopes, 0 counters"}});
+  trace.declarations().record(
+      47,
+      {{"info_class", 1},
+       {"info", "number of events: " + std::to_string(2 * messages) + " functions, " +
+                    std::to_string(messages) + " onetoones, 0 collectives, 0 scopes, 0 counters"}});
 }
 
 void calls(tb::Trace& trace, const Run& run) {

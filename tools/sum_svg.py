@@ -1,0 +1,283 @@
+"""Draws the pictures of sum-report as SVG text. Colours come from the page's style: series have the
+classes s1 to s8 and s0, "others"; cells of a matrix q1 to q7. What a mark stands for is in its
+<title>, which browsers show as a tooltip.
+"""
+
+import html
+import math
+
+WIDTH = 960
+LEFT = 150      # room for labels
+RIGHT = 12
+PLOT = WIDTH - LEFT - RIGHT
+NAME = 60       # characters of a name that are shown
+
+
+def name_text(name, limit=NAME):
+    """A name as HTML text; what can't be shown becomes a replacement character."""
+    shown = "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name[:limit])
+    return html.escape(shown) + ("…" if len(name) > limit else "")
+
+
+def number(value):
+    """A number in at most six characters or so."""
+    for factor, sign in ((1e12, "T"), (1e9, "G"), (1e6, "M"), (1e3, "k")):
+        if factor <= abs(value) < 1e15:
+            return f"{value / factor:.3g}{sign}" if abs(value) < 999.5 * factor else \
+                f"{value / factor:.0f}{sign}"
+    if isinstance(value, int) and abs(value) < 1000:
+        return str(value)
+    return f"{value:.4g}"
+
+
+def count_text(value):
+    """A whole number, exactly unless it is long."""
+    return f"{value:,}" if value < 10**9 else number(value)
+
+
+def bytes_text(value):
+    for factor, unit in ((2**40, "TiB"), (2**30, "GiB"), (2**20, "MiB"), (2**10, "KiB")):
+        if value >= factor:
+            return f"{value / factor:.3g} {unit}" if value < 1000 * factor else \
+                f"{value / factor:.0f} {unit}"
+    return f"{value} B"
+
+
+class TimeText:
+    """Shows ticks: in the unit that fits the span of the run where the tick's seconds are known."""
+
+    def __init__(self, tick, span):
+        self.tick, self.unit = tick, self._unit(tick, span)
+
+    @staticmethod
+    def _unit(tick, span):
+        """What ticks are multiplied with, and the unit that gives."""
+        if not tick:
+            return 1, "ticks"
+        units = ((tick, "s"), (tick * 1e3, "ms"), (tick * 1e6, "µs"), (tick * 1e9, "ns"))
+        return next((unit for unit in units if span * unit[0] >= 1), units[-1])
+
+    @staticmethod
+    def _show(ticks, unit):
+        value = ticks * unit[0]
+        return f"{value:.4g} {unit[1]}" if value < 9999.5 else f"{value:,.0f} {unit[1]}"
+
+    def __call__(self, ticks):
+        return self._show(ticks, self.unit)
+
+    def short(self, ticks):
+        """A duration, in the unit that fits it."""
+        return self._show(ticks, self._unit(self.tick, ticks))
+
+
+def coordinate(value):
+    return f"{value:.1f}".removesuffix(".0")
+
+
+def svg(height, label, content):
+    return (f'<svg viewBox="0 0 {WIDTH} {coordinate(height)}" role="img" aria-label="{label}">'
+            f'{"".join(content)}</svg>\n')
+
+
+def text(x, y, words, anchor="end"):
+    return f'<text x="{coordinate(x)}" y="{coordinate(y)}" text-anchor="{anchor}">{words}</text>'
+
+
+def titled_rect(x, y, width, height, kind, title):
+    return (f'<rect class="{kind}" x="{coordinate(x)}" y="{coordinate(y)}" '
+            f'width="{coordinate(width)}" height="{coordinate(height)}">'
+            f"<title>{title}</title></rect>")
+
+
+class TimeScale:
+    """Where the columns of an axis lie."""
+
+    def __init__(self, axis, time_text):
+        self.axis, self.time_text = axis, time_text
+        self.step = PLOT / axis.count
+
+    def x(self, column):
+        return LEFT + column * self.step
+
+    def span(self, column):
+        start = self.axis.start + column * self.axis.width
+        return f"{self.time_text(start)} to {self.time_text(start + self.axis.width)}"
+
+    def labels(self, y):
+        for k in range(5):
+            column = self.axis.count * k / 4
+            anchor = ("start", "middle", "middle", "middle", "end")[k]
+            time = self.axis.start + column * self.axis.width
+            yield text(self.x(column), y, self.time_text(time), anchor)
+
+
+def stacked(scale, columns, available, series):
+    """The share of functions in the time of all threads, column by column. `series` are pairs of
+    key and name; what is under other keys is "others"."""
+    height, top = 220, 8
+    parts = []
+    for percent in (0, 25, 50, 75, 100):
+        y = top + height * (1 - percent / 100)
+        parts.append(f'<path class="grid" d="M{LEFT} {coordinate(y)}h{PLOT}"/>')
+        parts.append(text(LEFT - 8, y + 4, f"{percent} %"))
+    keys = [key for key, _ in series]
+    base = [0.0] * len(columns)
+    gap = 1 if scale.step > 4 else 0
+    for place, key in enumerate(keys + [None], 1):
+        marks = []
+        for column, own in enumerate(columns):
+            value = own.get(key, 0) if key is not None else \
+                sum(v for k, v in own.items() if k not in keys)
+            share = min(value / available[column], 1 - base[column]) if available[column] else 0
+            if share > 0:
+                y = top + height * (1 - base[column] - share)
+                width = coordinate(max(scale.step - gap, .5))
+                marks.append(f"M{coordinate(scale.x(column))} {coordinate(y)}"
+                             f"h{width}v{coordinate(height * share)}h-{width}z")
+                base[column] += share
+        if marks:
+            kind = f"s{place}" if key is not None else "s0"
+            parts.append(f'<path class="{kind} layer" d="{"".join(marks)}"/>')
+    for column, own in enumerate(columns):
+        lines = [scale.span(column)]
+        for key, name in series:
+            if own.get(key):
+                lines.append(f"{name}: {own[key] / max(available[column], 1):.1%}")
+        rest = sum(v for k, v in own.items() if k not in keys)
+        if rest:
+            lines.append(f"others: {rest / max(available[column], 1):.1%}")
+        parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover",
+                                 "\n".join(lines)))
+    parts += scale.labels(top + height + 18)
+    return svg(top + height + 26, "Share of functions over time", parts)
+
+
+def lanes(scale, cells, times, names, series):
+    """For each group of threads and column the function with most time. `names` are of groups."""
+    row, top = 18 if len(names) <= 16 else 12, 4
+    keys = {key: place for place, (key, _) in enumerate(series, 1)}
+    labels = dict(series)
+    parts = []
+    for group, name in enumerate(names):
+        y = top + group * row
+        parts.append(text(LEFT - 8, y + row - 5, name))
+        column = 0
+        while column < scale.axis.count:
+            main = most(cells.get((group, column)), keys)
+            start, own, time = column, 0, 0
+            while column < scale.axis.count and most(cells.get((group, column)), keys) == main:
+                cell = cells.get((group, column), {})
+                own += cell.get(main, 0) if main is not None else \
+                    sum(v for k, v in cell.items() if k not in keys)
+                time += times.get((group, column), 0)
+                column += 1
+            if main == "idle":
+                continue
+            title = (f"{name}, {scale.span(start).split(' to ')[0]} to "
+                     f"{scale.span(column - 1).split(' to ')[1]}\n"
+                     f"{labels.get(main, 'others')}: {own / max(time, 1):.1%}")
+            parts.append(titled_rect(scale.x(start), y, (column - start) * scale.step, row - 2,
+                                     f"s{keys.get(main, 0)}", title))
+    height = top + len(names) * row
+    parts += scale.labels(height + 14)
+    return svg(height + 22, "Main function of each thread over time", parts)
+
+
+def most(cell, keys):
+    """The key of the function with most time: None for others, "idle" where there is no time."""
+    best = max(cell or (), key=lambda key: cell[key], default=None)
+    if not cell or not cell[best]:
+        return "idle"
+    return best if best in keys else None
+
+
+def matrix(cells, names, what, show):
+    """A square of cells: rows send, columns receive. `cells` are numbers by pair of groups, `show`
+    makes text of one. Shades are logarithmic, from the smallest number to the largest."""
+    width, top = 460, 34
+    left = 120
+    step = min((width - left - 4) / max(len(names), 1), 70)
+    cells = {key: value for key, value in cells.items() if value and None not in key}
+    low, high = (math.log(f(cells.values(), default=1)) for f in (min, max))
+    parts = [text(left, 12, "receiver →", "start"), text(left - 8, top - 6, "sender ↓")]
+    for group, name in enumerate(names):
+        if step >= 12 or group % 2 == 0:
+            parts.append(text(left - 8, top + (group + .5) * step + 4, name))
+    stride = max(math.ceil(60 / step), 1)
+    for group in range(0, len(names), stride):
+        if group == 0 or left + group * step < width - 55:
+            parts.append(text(left + group * step, top - 6, names[group], "start"))
+    for (sender, receiver), value in sorted(cells.items()):
+        shade = 1 + round(6 * (math.log(value) - low) / (high - low)) if high > low else 7
+        parts.append(titled_rect(left + receiver * step, top + sender * step, max(step - 1, 1),
+                                 max(step - 1, 1), f"q{shade}",
+                                 f"{names[sender]} → {names[receiver]}: {show(value)}"))
+    height = top + len(names) * step + 4
+    if cells:
+        what += f", {show(min(cells.values()))} to {show(max(cells.values()))}"
+    return (f'<figure><figcaption>{what}</figcaption><svg viewBox="0 0 {width} '
+            f'{coordinate(height)}" role="img" aria-label="{what}">{"".join(parts)}</svg>'
+            "</figure>\n")
+
+
+def lines(scale, curves, band, label):
+    """Curves over time: pairs of name and Curve. `band`, a Curve or None, is drawn from its lowest
+    to its highest values."""
+    height, top = 130, 8
+    drawn = [(name, means(curve)) for name, curve in curves]
+    extent = [v for _, points in drawn for v in points if v is not None]
+    if band:
+        extent += [v for point in band.points if point for v in point[2:4]]
+    if not extent:
+        return ""
+    low, high = min(extent), max(extent)
+    # Halved, since a difference of large numbers may be beyond the largest.
+    room = (high / 2 - low / 2) or 1.0
+
+    def y(value):
+        return top + height * (1 - min(max((value / 2 - low / 2) / room, 0.0), 1.0))
+
+    parts = []
+    for k in range(3):
+        value = low + room * k
+        parts.append(f'<path class="grid" d="M{LEFT} {coordinate(y(value))}h{PLOT}"/>')
+        parts.append(text(LEFT - 8, y(value) + 4, number(value)))
+    if band:
+        for column, point in enumerate(band.points):
+            if point:
+                parts.append(f'<path class="s1 band" d="M{coordinate(scale.x(column))} '
+                             f'{coordinate(y(point[3]))}h{coordinate(scale.step)}'
+                             f'V{coordinate(y(point[2]))}h-{coordinate(scale.step)}z"/>')
+    for place, (_, points) in enumerate(drawn, 1):
+        path = "".join(path_of(scale, points, y))
+        parts.append(f'<path class="line l{place}" d="{path}"/>')
+    for column in range(scale.axis.count):
+        values = [f"{name}: {number(points[column])}" for name, points in drawn
+                  if points[column] is not None]
+        if band and band.points[column]:
+            values.append(f"{number(band.points[column][2])} to {number(band.points[column][3])}")
+        if values:
+            parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover",
+                                     "\n".join([scale.span(column), *values])))
+    parts += scale.labels(top + height + 18)
+    return svg(top + height + 26, label, parts)
+
+
+def means(curve):
+    values = [point and point[1] / point[0] for point in curve.points]
+    return [v if v is not None and math.isfinite(v) else None for v in values]
+
+
+def path_of(scale, points, y):
+    """A line through neighbours; a point that stands alone is a short dash."""
+    pen_down = False
+    for column, value in enumerate(points):
+        if value is None:
+            pen_down = False
+            continue
+        x = scale.x(column + .5)
+        alone = not pen_down and (column + 1 == len(points) or points[column + 1] is None)
+        yield f"{'L' if pen_down else 'M'}{coordinate(x)} {coordinate(y(value))}"
+        if alone:
+            yield "h3"
+        pen_down = True
