@@ -117,12 +117,14 @@ TEST(OptionDocuments, NoDocumentNamesAnOptionThatDoesntExist) {
   const std::regex option(R"(--([a-z][a-z0-9-]*))");
   const std::string root = KLT_TEST_DATA "/../../";
   std::vector<std::string> documents{root + "README.md", root + "man/klttool.1"};
-  for (const auto& entry : std::filesystem::directory_iterator(root + "docs"))
-    documents.push_back(entry.path());
+  for (const auto& entry : std::filesystem::directory_iterator(root + "docs")) {
+    // Launchers of parallel jobs have options of their own.
+    if (entry.path().filename() != "scaling.md") documents.push_back(entry.path());
+  }
   for (const std::string& document : documents) {
     std::istringstream text(tb::readFile(document));
     for (std::string line; std::getline(text, line);) {
-      if (std::regex_search(line, std::regex("cmake|bench/"))) continue;
+      if (std::regex_search(line, std::regex("cmake|bench/|stride|tests/"))) continue;
       line = withoutEscapes(line);
       for (std::sregex_iterator at(line.begin(), line.end(), option), end; at != end; ++at)
         EXPECT_TRUE(known.contains((*at)[1])) << document << ": " << line;
