@@ -63,6 +63,14 @@ void RK_HintOption(std::string_view keyword) {
   std::fprintf(stderr, "Did you mean --%s%s?\n", nearest.c_str(), isValued ? " VALUE" : "");
 }
 
+void RK_HintName(std::string_view keyword) {
+  std::fprintf(
+      stderr,
+      "A name with blanks needs quotes of its own: --%.*s \"'my file'\". One with quotes in "
+      "it can't be given.\n",
+      static_cast<int>(keyword.size()), keyword.data());
+}
+
 void RK_HintRequest() {
   std::fputs(
       "A request names any of these, separated by blanks or commas:\n"

@@ -5,5 +5,7 @@
 
 // On standard error, the option that `keyword` is most like; nothing if it is like none.
 void RK_HintOption(std::string_view keyword);
+// On standard error, how a name with blanks is given to the option `keyword`.
+void RK_HintName(std::string_view keyword);
 // On standard error, the forms that a request may have.
 void RK_HintRequest();

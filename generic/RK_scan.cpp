@@ -332,6 +332,9 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   }
   if (readValue(option, value)) return true;
   reportInvalid(line, value);
+  const bool isName =
+      option.type == RK_OptionType::string || option.type == RK_OptionType::toggleOrFile;
+  if (isName && line.mode == RK_ScanMode::parameter) RK_HintName(line.keyword);
   return false;
 }
 

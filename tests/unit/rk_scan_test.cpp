@@ -178,6 +178,8 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   EXPECT_EQ(hint("x"), "");
   EXPECT_EQ(hint(std::string(70000, 'x').c_str()), "");
   EXPECT_NE(hint("request 0:3 {"), "");
+  EXPECT_NE(hint("logfile-name my file"), "");
+  EXPECT_EQ(hint("verbose loud"), "");
 }
 
 TEST_F(RkScan, StrayCharactersArePassedThrough) {
