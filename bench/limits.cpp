@@ -1,5 +1,6 @@
 // What the machine can do at best: nanoseconds to form a line of trace text, and to decode a
 // record. Prints both, in this order, on one line.
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -28,10 +29,10 @@ double lineTime(int n) {
     }
     char* p = buffer.data() + used;
     p = std::to_chars(p, p + 30, int64_t{i} * 977).ptr;
-    std::memcpy(p, " EXCHEXT CPU ", 13);
-    p = std::to_chars(p + 13, p + 25, i & 15).ptr;
-    std::memcpy(p, " DOWNTO ", 8);
-    p = std::to_chars(p + 8, p + 20, i & 3).ptr;
+    p = std::copy_n(" EXCHEXT CPU ", 13, p);
+    p = std::to_chars(p, p + 12, i & 15).ptr;
+    p = std::copy_n(" DOWNTO ", 8, p);
+    p = std::to_chars(p, p + 12, i & 3).ptr;
     *p++ = '\n';
     used = static_cast<size_t>(p - buffer.data());
   }
