@@ -6,6 +6,7 @@
 #include "util/vfd.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -293,10 +294,21 @@ size_t transferFully(size_t bytes, Transfer&& transfer) {
   return done;
 }
 
-// A write that takes nothing would be tried for ever.
-ssize_t failIfZero(ssize_t count) {
+// Waits until a pipe or terminal that takes nothing at the moment can be written. Fails with EINTR,
+// for another try.
+ssize_t waitUntilWritable(int descriptor) {
+  withFd(descriptor, [](int fd) {
+    pollfd wanted{.fd = fd, .events = POLLOUT, .revents = 0};
+    return poll(&wanted, 1, -1);
+  });
+  errno = EINTR;
+  return -1;
+}
+
+// The result of a write as transferFully takes it: one that takes nothing would be tried for ever.
+ssize_t judgeWrite(int descriptor, ssize_t count) {
   if (count == 0) errno = EIO;
-  return count;
+  return count < 0 && errno == EAGAIN ? waitUntilWritable(descriptor) : count;
 }
 
 }  // namespace
@@ -414,7 +426,8 @@ int Vfd_Stat(int descriptor, struct stat* info) {
 
 size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes) {
   return transferFully(bytes, [=](size_t done) {
-    return failIfZero(Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done));
+    return judgeWrite(descriptor,
+                      Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done));
   });
 }
 
@@ -427,8 +440,8 @@ size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset) 
 
 size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes, off_t offset) {
   return transferFully(bytes, [=](size_t done) {
-    return failIfZero(Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done, bytes - done,
-                                 offset + static_cast<off_t>(done)));
+    return judgeWrite(descriptor, Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done,
+                                             bytes - done, offset + static_cast<off_t>(done)));
   });
 }
 

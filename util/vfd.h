@@ -42,7 +42,8 @@ int Vfd_Close(int descriptor);
 off_t Vfd_Seek(int descriptor, off_t offset, int whence);
 int Vfd_Stat(int descriptor, struct stat* info);
 
-// The same transfers carried on after signals and short counts. The result is the number of bytes
+// The same transfers carried on after signals and short counts, and, when a write would block, once
+// it can go on. The result is the number of bytes
 // transferred; it is below `bytes` only at the end of a file read, with errno 0, or after a
 // failure, with errno set. errno is untouched when all was transferred.
 [[nodiscard]] size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes);

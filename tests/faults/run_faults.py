@@ -6,9 +6,9 @@ undisturbed run; the input as it was.
 Then the process is killed at each call that may change a file: the input is as it was, and a trace
 that is left as output is complete, or refused with a message.
 
-  run_faults.py --program faulty_klttool --operation dump [--stride 7]
+  run_faults.py --program faulty_klttool --operation dump [--stride 7] [--call-stride 1] [--no-kills]
 
-With a stride only every k-th allocation fails; the others always do.
+Only every k-th allocation and system call fails, with the strides given.
 """
 
 import argparse
@@ -37,13 +37,14 @@ OPERATIONS = {
 }
 
 # What can go wrong with each call. Some must have no effect at all.
-HARMLESS = {("read", "EINTR"), ("read", "short"), ("write", "EINTR"), ("write", "short")}
+HARMLESS = {("read", "EINTR"), ("read", "short"), ("write", "EINTR"), ("write", "short"),
+            ("write", "EAGAIN")}
 # A file that can't be looked at is listed with size 0; seek points that can't be opened are left out
 # of a copy, with a warning.
 EXCUSED = {("files", "open"), ("files", "seek"), ("convert", "open")}
 FAULTS = [("open", "EACCES"), ("open", "EMFILE"), ("read", "EIO"), ("read", "EINTR"),
           ("read", "short"), ("write", "ENOSPC"), ("write", "ENOSPC:on"), ("write", "EINTR"),
-          ("write", "short"), ("write", "short:on"), ("seek", "EIO"), ("close", "EIO"),
+          ("write", "EAGAIN"), ("write", "short"), ("write", "short:on"), ("seek", "EIO"), ("close", "EIO"),
           ("stat", "EIO"), ("alloc", "ENOMEM")]
 
 
@@ -156,7 +157,7 @@ class Runner:
                 n += 1
             print(f"{call} {what}: {n - 1} runs", flush=True)
 
-    def run_all(self, stride):
+    def run_all(self, stride, call_stride):
         done, self.outputs, _, _ = self.run()
         self.stdout = done.stdout
         if done.returncode != 0:
@@ -164,7 +165,7 @@ class Runner:
         for call, what in FAULTS:
             n = 1
             while self.check(f"{call}:{n}:{what}", (call, what.split(":")[0]) in HARMLESS):
-                n += stride if call == "alloc" else 1
+                n += stride if call == "alloc" else call_stride
             print(f"{call} {what}: {n - 1} runs", flush=True)
 
 
@@ -174,10 +175,12 @@ def main():
     parser.add_argument("--program", required=True)
     parser.add_argument("--operation", choices=OPERATIONS, required=True)
     parser.add_argument("--stride", type=int, default=1)
+    parser.add_argument("--call-stride", type=int, default=1)
+    parser.add_argument("--no-kills", action="store_true")
     arguments = parser.parse_args()
     runner = Runner(arguments.program, arguments.operation)
-    runner.run_all(arguments.stride)
-    for older in (None, "io"):
+    runner.run_all(arguments.stride, arguments.call_stride)
+    for older in () if arguments.no_kills else (None, "io"):
         runner.kill_all(older)
     for failure in runner.failures[:10]:
         print(failure)

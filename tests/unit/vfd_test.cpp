@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -398,6 +399,28 @@ TEST_F(VfdTest, FullTransfersGoOnAfterSignalsAndShortCounts) {
   EXPECT_EQ(Vfd_WriteFully(file, "x", 1), 0U);
   EXPECT_NE(errno, 0);
   EXPECT_EQ(Vfd_Close(file), 0);
+}
+
+TEST_F(VfdTest, AFullPipeThatDoesNotBlockIsWaitedFor) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  const std::string text(1 << 20, 'x');  // far more than a pipe holds
+  std::string read;
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::vector<char> buffer(4096);
+    while (read.size() < text.size()) {
+      const ssize_t count = ::read(ends[0], buffer.data(), buffer.size());
+      if (count > 0) read.append(buffer.data(), static_cast<size_t>(count));
+    }
+  });
+  const int descriptor = Vfd_Adopt(ends[1]);
+  EXPECT_EQ(Vfd_WriteFully(descriptor, text.data(), text.size()), text.size());
+  reader.join();
+  EXPECT_EQ(read, text);
+  EXPECT_EQ(Vfd_Close(descriptor), 0);
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST_F(VfdTest, ThreadsMayUseTheTableAtOnceUnderALowLimit) {
