@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -117,17 +118,27 @@ int errorOf(std::string_view name) {
   return 0;
 }
 
-void configure(const char* text) {
-  char what[16] = {};
-  char stays[8] = {};
-  if (std::sscanf(text, "%15[^:]:%lu:%15[^:]:%7s", fault.call, &fault.at, what, stays) < 3) {
+// The next part of CALL:N:WHAT[:on].
+std::string nextPart(std::string_view& text) {
+  const size_t end = std::min(text.find(':'), text.size());
+  std::string part(text.substr(0, end));
+  text.remove_prefix(std::min(end + 1, text.size()));
+  return part;
+}
+
+void configure(std::string_view text) {
+  const std::string call = nextPart(text);
+  call.copy(fault.call, sizeof fault.call - 1);
+  fault.at = std::strtoul(nextPart(text).c_str(), nullptr, 10);
+  const std::string what = nextPart(text);
+  if (fault.at == 0 || what.empty()) {
     std::fputs("KLT_FAULT makes no sense\n", stderr);
     std::_Exit(99);
   }
   fault.error = errorOf(what);
-  fault.kills = std::string_view(what) == "kill";
-  fault.tears = std::string_view(what) == "torn" && std::string_view(fault.call) == "write";
-  fault.stays = std::string_view(stays) == "on";
+  fault.kills = what == "kill";
+  fault.tears = what == "torn" && call == "write";
+  fault.stays = nextPart(text) == "on";
 }
 
 }  // namespace
