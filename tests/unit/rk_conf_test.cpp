@@ -85,7 +85,9 @@ TEST_F(RkConf, EnvironmentValuesArentQuoted) {
   set("RK_DUMP", "\n");
   RK_ConfigInit("rk");
   EXPECT_EQ(takeMessages(),
-            "ERROR: parameter error after --LOGFILE-NAME, invalid parameters \"a b\"\n");
+            "ERROR: parameter error after --LOGFILE-NAME, invalid parameters \"a b\"\n"
+            "A name with blanks needs quotes of its own: --LOGFILE-NAME \"'my file'\". One with "
+            "quotes in it can't be given.\n");
   EXPECT_EQ(RK_conf.nmcmd, "nm -D");
   EXPECT_EQ(RK_conf.dump, 0);
   EXPECT_TRUE(RK_conf.logfile_name_set);
