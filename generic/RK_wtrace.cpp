@@ -69,6 +69,11 @@ int RK_SinkClose(RK_Sink* sink, int32_t) {
   return sink && sink->output ? RK_OutputClose(sink->output) : 0;
 }
 
+void RK_SinkAbandon(RK_Sink* sink) {
+  const std::unique_ptr<RK_Sink> owner(sink);
+  if (sink && sink->writer) KLT_WriterFree(sink->writer);
+}
+
 int RK_SinkDefineFile(RK_Sink* sink, uint32_t id, const char* path, uint32_t* outId) {
   *outId = id;
   if (sink->writer != nullptr) {

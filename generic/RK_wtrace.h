@@ -41,6 +41,9 @@ struct RK_Sink {
 // Completes the output and frees the sink; null is ignored. The second argument is 0. Returns 0, or
 // 1 if the output has failed.
 int RK_SinkClose(RK_Sink* sink, int32_t reserved);
+// Frees the sink of an output that stays incomplete; a binary one gets no index. A text has been
+// closed with all outputs (RK_OutputCloseAll). Null is ignored.
+void RK_SinkAbandon(RK_Sink* sink);
 
 // Internal time as the text shows it: shifted by `timeShift` (to the left if negative). The two
 // values that stand for an unknown time pass unchanged.

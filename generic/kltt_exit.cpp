@@ -7,8 +7,11 @@
 
 #include "generic/RK_output.h"
 
+void (*KLTT_exitHook)(int status) = nullptr;
+
 void KLTT_Exit(int status) {
   if (RK_OutputCloseAll() != 0 && status == 0) status = 1;
+  if (KLTT_exitHook != nullptr) KLTT_exitHook(status);
   std::exit(status);
 }
 

@@ -122,6 +122,18 @@ bool closeSink(KLTT_Context& context) {
   return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
 }
 
+// Where the end of the process is only an end of this call (KLTT_exitHook), nothing is left behind.
+class SinkKeeper {
+ public:
+  explicit SinkKeeper(KLTT_Context& context) : context_(context) {}
+  ~SinkKeeper() { RK_SinkAbandon(context_.sink); }
+  SinkKeeper(const SinkKeeper&) = delete;
+  SinkKeeper& operator=(const SinkKeeper&) = delete;
+
+ private:
+  KLTT_Context& context_;
+};
+
 void listThreads(KLTT_PassRunner& passes, KLTT_Context& context) {
   KLT_HandlerTable table;
   table.user_data = &context;
@@ -160,6 +172,7 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   KLTT_Context context;
+  const SinkKeeper keeper(context);
   KLT_HandlerTable table;
   KLTT_PassRunner passes(handle, context);
 

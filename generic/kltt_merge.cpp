@@ -6,7 +6,9 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "generic/RK_conf.h"
 #include "generic/kltt_guard.h"
@@ -48,6 +50,13 @@ class Merge {
         flags_(flags),
         progress_(progress),
         stream_(stream) {}
+  // What an end ahead of close() leaves.
+  ~Merge() {
+    if (context_.summary != nullptr) (void)KLTT_SumClose(context_.summary);
+    if (context_.writer != nullptr) KLT_WriterFree(context_.writer);
+  }
+  Merge(const Merge&) = delete;
+  Merge& operator=(const Merge&) = delete;
 
   int run() {
     if (!flag(KLTM_MERGE) && !flag(KLTM_SUMMARY)) return KLTM_WRONG_OPERATION;
@@ -120,7 +129,9 @@ class Merge {
   bool pass(int mode, const KLT_HandlerTable& table) {
     constexpr int kStepMilliseconds = 250;
     const bool shown = progress_ != nullptr && mode == KLT_MODE_EVENTS;
-    KLT_Reader* reader = KLT_OpenReader(input_, mode, 0, nullptr, &table, 1);
+    const std::unique_ptr<KLT_Reader, void (*)(KLT_Reader*)> owner(
+        KLT_OpenReader(input_, mode, 0, nullptr, &table, 1), &KLT_CloseReader);
+    KLT_Reader* const reader = owner.get();
     judge(reader == nullptr ? KLT_STATUS_ABORTING : KLT_ReaderStatus(reader));
     int percent = -1;
     for (int status = KLT_STATUS_BUILT; goingOn() && status != KLT_STATUS_FINISHED;) {
@@ -133,7 +144,6 @@ class Merge {
     }
     if (reader == nullptr) return false;
     if (goingOn() && KLT_ReaderLostData(reader)) result_ = KLTM_INCOMPLETE;
-    KLT_CloseReader(reader);
     return goingOn();
   }
 
@@ -158,7 +168,8 @@ class Merge {
   }
 
   void close() {
-    if (context_.summary != nullptr && !KLTT_SumClose(context_.summary) && result_ == KLTM_DONE) {
+    KLTT_Summary* const summary = std::exchange(context_.summary, nullptr);
+    if (summary != nullptr && !KLTT_SumClose(summary) && result_ == KLTM_DONE) {
       result_ = KLTM_INCOMPLETE;
     }
     if (context_.writer != nullptr) closeWriter();
@@ -167,14 +178,15 @@ class Merge {
   // An output that lacks something gets no index, so that nobody takes it for a trace.
   void closeWriter() {
     const SignalsHeld held;
-    if (!goingOn() || context_.writer->failed) {
-      KLT_WriterFree(context_.writer);
+    KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);
+    if (!goingOn() || writer->failed) {
+      KLT_WriterFree(writer);
       emptyIndex();
       if (goingOn()) result_ = KLTM_NOT_WRITTEN;
       return;
     }
     bool complete = false;
-    if (const char* error = KLT_WriterClose(context_.writer, &complete)) PAL_Error("%s", error);
+    if (const char* error = KLT_WriterClose(writer, &complete)) PAL_Error("%s", error);
     if (complete) return;
     emptyIndex();
     result_ = KLTM_NOT_WRITTEN;
@@ -201,7 +213,6 @@ class Merge {
 
 int KLTM_Merge(const char* prefix, const char* target, KLT_FileHandle* input, int flags,
                KLTM_Progress progress, RK_Output* stream) {
-  const int result = Merge(prefix, target, input, flags, progress, stream).run();
-  KLT_Close(input);
-  return result;
+  const std::unique_ptr<KLT_FileHandle, void (*)(KLT_FileHandle*)> owner(input, &KLT_Close);
+  return Merge(prefix, target, input, flags, progress, stream).run();
 }

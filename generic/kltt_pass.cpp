@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <vector>
 
 #include "generic/RK_conf.h"
@@ -48,8 +49,11 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                           std::span<const KLT_Request> requests, int serial) {
   std::vector<const KLT_Request*> pointers;
   for (const KLT_Request& request : requests) pointers.push_back(&request);
-  KLT_Reader* reader = KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
-                                      pointers.data(), &table, serial);
+  const std::unique_ptr<KLT_Reader, void (*)(KLT_Reader*)> owner(
+      KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()), pointers.data(), &table,
+                     serial),
+      &KLT_CloseReader);
+  KLT_Reader* const reader = owner.get();
   if (reader == nullptr) judge(KLT_STATUS_ABORTING);
   judge(KLT_ReaderStatus(reader));
   const bool watched = isWatched(mode);
@@ -62,7 +66,6 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
     judge(lastFailed ? KLT_STATUS_ABORTING : result);
   }
   if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
-  KLT_CloseReader(reader);
 }
 
 // Results that it doesn't name mean that stepping goes on.
