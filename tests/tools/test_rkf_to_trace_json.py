@@ -99,7 +99,7 @@ class Lines(unittest.TestCase):
                             "8192000000 EXCHEXT CPU 1 DOWNTO 10\n"
                             "8192008192 EXCHEXT CPU 1 UPTO NOACT\n")
         self.assertEqual(shown(events, "B", "E"),
-                         [(1000, 1, "B", "main"), (1000.001, 1, "E", None)])
+                         [(1000, 1, "B", "main"), (1000.001, 1, "E", "main")])
 
     def test_names_come_from_the_definitions_and_stay_text(self):
         events, _ = convert(HEADER + 'DEFSTATE 11 ACT 1 "say "hi"\\ \u00e9 </script>"\n'
@@ -160,7 +160,7 @@ class Lines(unittest.TestCase):
                                  "8 EXCHEXT CPU 1 DOWNTO 99\n",
                                  status=2)
         self.assertEqual(shown(events, "B", "E"), [(1, 1, "B", "main"), (8, 1, "B", "function 99"),
-                                                   (8, 1, "E", None), (8, 1, "E", None)])
+                                                   (8, 1, "E", "function 99"), (8, 1, "E", "main")])
         self.assertIn("lines that can't be read: 4", errors)
         self.assertIn("lines that aren't RKF: 1", errors)
         self.assertIn("ends of calls that never began: 1", errors)
