@@ -85,6 +85,21 @@ void hugeDeclarations(tb::Trace& trace, uint64_t) {
   }
 }
 
+// Components whose threads nobody can write out, for requests of a few threads.
+void threadLists(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kShare = 50;
+  basics(trace);
+  for (uint64_t i = 0; i < 1 + size / kShare; ++i) {
+    const auto k = static_cast<int32_t>(i);
+    trace
+        .streamOf("f." + std::to_string(i), tb::FUNCTIONS,
+                  {{0, 2147483647, 2}, {k, 2147483647, 3}, {1, 2147483647, 5}, {2, 2147483647, 7}})
+        .at(1)
+        .enter(0, 1)
+        .leave(0);
+  }
+}
+
 void names(tb::Trace& trace, uint64_t) {
   using namespace std::string_view_literals;
   basics(trace);
@@ -125,6 +140,7 @@ constexpr Case kCases[] = {{"deep_stack", deepStack},
                            {"threads", threads},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},
+                           {"thread_lists", threadLists},
                            {"names", names},
                            {"raw_crowd", rawCrowd, 1}};
 

@@ -32,6 +32,7 @@ OPERATIONS = {
     "matched": ["--dump", "--matched-rkf"],
     "window": ["--dump", "--ticks", "--request", "1000s:1001s"],
     "late window": ["--dump", "--ticks", "--request", "9000000s:9000001s"],
+    "some threads": ["--dump", "--request", "0:1000:3"],
     "unordered": ["--dump"],
     "threads": ["--print-threads"],
     "statistics": ["--print-statistics"],

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
 #include <iterator>
 #include <random>
@@ -295,6 +296,27 @@ TEST_F(PalTripletsTest, ListsThatInterleaveWithoutEndAreRefused) {
   EXPECT_TRUE(PAL_TripletsUnite(sieve, {}).empty());
   EXPECT_FALSE(PAL_TripletsEqual(sieve, sieve));
   EXPECT_EQ(messagesWith("Invalid triplet data.\n"), 2U);
+}
+
+// A file may name such lists thousands of times.
+TEST_F(PalTripletsTest, FewNumbersOfListsThatInterleaveAreImmediate) {
+  const PAL_Triplets sieve{
+      {0, INT32_MAX, 2}, {0, INT32_MAX, 3}, {1, INT32_MAX, 5}, {2, INT32_MAX, 7}};
+  const PAL_Triplets few{{0, 12, 1}, {65535, 65536 * 50 + 65535, 65536}};
+  const auto begin = std::chrono::steady_clock::now();
+  for (int round = 0; round < 1000; round++) {
+    const PAL_Triplets both = PAL_TripletsIntersect(few, sieve);
+    ASSERT_EQ(PAL_TripletsIntersect(sieve, few), both);
+    ASSERT_TRUE(PAL_TripletsOverlap(few, sieve));
+    ASSERT_FALSE(PAL_TripletsEqual(few, sieve));
+    if (round > 0) continue;
+    for (const int32_t number : PAL_TripletsExpand(few)) {
+      EXPECT_EQ(PAL_TripletsContains(both, number), PAL_TripletsContains(sieve, number)) << number;
+    }
+    EXPECT_LE(PAL_TripletsCount(both), PAL_TripletsCount(few));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_EQ(messagesWith("Invalid triplet data.\n"), 0U);
 }
 
 TEST_F(PalTripletsTest, AListForEachProcessMeltsIntoRuns) {
