@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "generic/RK_conf.h"
+#include "util/pal_error.h"
 
 namespace {
 
@@ -41,26 +42,56 @@ std::string nameIn(std::string_view keyword) {
   return lowerCase(keyword.substr(0, keyword.find('=')));
 }
 
+// The name that `meant`, in lower case, is most like; empty if it is like none. A short name goes
+// before a long one that is as near.
+class Nearest {
+ public:
+  explicit Nearest(const std::string& meant) : meant_(meant), least_(1 + meant.size() / 3) {}
+
+  void consider(std::string_view candidate) {
+    const std::string name = lowerCase(candidate);
+    size_t distance = distanceOf(meant_, name);
+    if (meant_.size() >= 3 && name.starts_with(meant_)) distance = std::min<size_t>(distance, 1);
+    const bool isShorter = nearest_.empty() || name.size() < nearest_.size();
+    if (distance > least_ || (distance == least_ && !isShorter)) return;
+    least_ = distance;
+    nearest_ = candidate;
+  }
+  [[nodiscard]] const std::string& name() const { return nearest_; }
+
+ private:
+  const std::string& meant_;
+  size_t least_;  // no more letters may differ
+  std::string nearest_;
+};
+
+constexpr size_t kLongest = 64;
+
 }  // namespace
 
 void RK_HintOption(std::string_view keyword) {
-  constexpr size_t kLongest = 64;
   const std::string meant = nameIn(keyword);
   if (meant.empty() || meant.size() > kLongest) return;
-  size_t least = 1 + meant.size() / 3;  // no more letters may differ
-  std::string nearest;
-  for (const RK_Option& option : RK_ConfigOptions()) {
-    const std::string name = lowerCase(option.key);
-    size_t distance = distanceOf(meant, name);
-    if (meant.size() >= 3 && name.starts_with(meant)) distance = std::min<size_t>(distance, 1);
-    const bool isShorter = nearest.empty() || name.size() < nearest.size();
-    if (distance > least || (distance == least && !isShorter)) continue;
-    least = distance;
-    nearest = name;
-  }
-  if (nearest.empty()) return;
+  Nearest nearest(meant);
+  for (const RK_Option& option : RK_ConfigOptions()) nearest.consider(option.key);
+  if (nearest.name().empty()) return;
   const bool isValued = keyword.find('=') != std::string_view::npos;
-  std::fprintf(stderr, "Did you mean --%s%s?\n", nearest.c_str(), isValued ? " VALUE" : "");
+  std::fprintf(stderr, "Did you mean --%s%s?\n", lowerCase(nearest.name()).c_str(),
+               isValued ? " VALUE" : "");
+}
+
+void RK_HintRequestWord(std::string_view word, std::span<const std::string_view> categories) {
+  const std::string meant = lowerCase(word);
+  std::fprintf(stderr, "\"%s\" in a request selects nothing.\n", PAL_Printable(word).c_str());
+  Nearest nearest(meant);
+  // Several words in one set of quotes are not a name that was mistyped.
+  if (meant.size() <= kLongest && meant.find_first_of(" ,:") == std::string::npos) {
+    for (const std::string_view category : categories) nearest.consider(category);
+  }
+  if (nearest.name().empty())
+    RK_HintRequest();
+  else
+    std::fprintf(stderr, "Did you mean %s?\n", nearest.name().c_str());
 }
 
 void RK_HintName(std::string_view keyword) {

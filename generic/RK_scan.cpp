@@ -313,6 +313,18 @@ bool readValue(const RK_Option& option, std::string_view value) {
   return readString(value, &(RK_conf.*std::get<std::string RK_Conf::*>(option.field)));
 }
 
+// A word that selects nothing is allowed, but rarely meant.
+void hintRequest(const RK_Request& request, bool isWhole) {
+  if (!isWhole) {
+    RK_HintRequest();
+  } else if (request.type) {
+    std::array<std::string_view, std::size(kCategories)> names;
+    std::transform(std::begin(kCategories), std::end(kCategories), names.begin(),
+                   [](const Category& category) { return category.name; });
+    RK_HintRequestWord(*request.type, names);
+  }
+}
+
 bool readOption(const Line& line, const RK_Option& option, std::string_view value) {
   if (value.empty() && !isToggle(option.type)) {
     reportMissing(line);
@@ -320,11 +332,11 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   }
   if (option.set != nullptr) RK_conf.*option.set = true;
   if (option.type == RK_OptionType::request) {
-    const std::string_view rest = readRequest(value, RK_conf.request.emplace_back());
-    if (rest.empty()) return true;
-    reportTrailing(line, rest);
-    if (line.mode == RK_ScanMode::parameter) RK_HintRequest();
-    return false;
+    RK_Request& request = RK_conf.request.emplace_back();
+    const std::string_view rest = readRequest(value, request);
+    if (!rest.empty()) reportTrailing(line, rest);
+    if (line.mode == RK_ScanMode::parameter) hintRequest(request, rest.empty());
+    return rest.empty();
   }
   if (value.empty()) {
     RK_conf.*std::get<int32_t RK_Conf::*>(option.field) = 1;

@@ -180,6 +180,18 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   EXPECT_NE(hint("request 0:3 {"), "");
   EXPECT_NE(hint("logfile-name my file"), "");
   EXPECT_EQ(hint("verbose loud"), "");
+
+  // Words of a request that select nothing are allowed.
+  const auto remark = [&](const char* argument) {
+    EXPECT_TRUE(scan(argument));
+    const std::string shown = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    return shown;
+  };
+  EXPECT_EQ(remark("request 0:3 function"),
+            "\"function\" in a request selects nothing.\nDid you mean FUNCTIONS?\n");
+  EXPECT_TRUE(remark("request '1s:2s FUNCTIONS'").ends_with("SCOPES FILEIO COUNTERS\n"));
+  EXPECT_EQ(remark("request 1s:2s, FUNCTIONS 0:3"), "");
 }
 
 TEST_F(RkScan, StrayCharactersArePassedThrough) {
