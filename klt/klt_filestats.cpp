@@ -10,8 +10,15 @@
 
 namespace {
 
+constexpr uint64_t pair(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
+
+uint32_t hashOf(uint32_t gtp, uint32_t function, uint32_t seed) {
+  uint64_t hash = (pair(gtp, function) ^ seed) * 0x9e3779b97f4a7c15;
+  hash = (hash ^ hash >> 32) * 0xd6e8feb86659fd93;
+  return static_cast<uint32_t>(hash >> 32);
+}
+
 uint32_t hashOf(const KLT_FileStats::Message& key, uint32_t seed) {
-  const auto pair = [](uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; };
   uint64_t hash = seed ^ pair(key.sender, key.receiver);
   for (const uint64_t part :
        {pair(key.funcSender, key.funcReceiver), pair(key.tag, key.size), uint64_t{key.comm}}) {
@@ -30,14 +37,37 @@ KLT_FileStats::KLT_FileStats(const KLT_StatsParameters& parameters)
       eventBits_(std::min(parameters.eventBits, 63U)),
       seed_(PAL_RandomSeed()) {}
 
+void KLT_FileStats::Table::put(const Slot& slot) {
+  const size_t mask = slots_.size() - 1;
+  size_t at = slot.hash & mask;
+  while (slots_[at].place != 0) at = (at + 1) & mask;
+  slots_[at] = slot;
+}
+
+void KLT_FileStats::Table::add(uint32_t hash) {
+  constexpr size_t kFirst = 64;
+  if (2 * size_t{count_} >= slots_.size()) {
+    std::vector<Slot> old(std::max(kFirst, 4 * slots_.size()));
+    old.swap(slots_);
+    for (const Slot& slot : old) {
+      if (slot.place != 0) put(slot);
+    }
+  }
+  put({hash, ++count_});
+}
+
 void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive) {
-  const uint64_t key = uint64_t{gtp} << 32 | function;
-  const auto [place, isNew] = functionPlaces_.try_emplace(key, functions_.size());
-  if (isNew) {
+  const uint32_t hash = hashOf(gtp, function, seed_);
+  const uint32_t place = functionPlaces_.find(hash, [&](uint32_t candidate) {
+    const FunctionStat& stat = functions_[candidate - 1];
+    return stat.gtp == gtp && stat.function == function;
+  });
+  if (place == 0) {
     functions_.push_back({gtp, function, 1, self, self, self, inclusive, inclusive, inclusive});
+    functionPlaces_.add(hash);
     return;
   }
-  FunctionStat& stat = functions_[place->second];
+  FunctionStat& stat = functions_[place - 1];
   ++stat.count;
   stat.minSelf = std::min(stat.minSelf, self);
   stat.maxSelf = std::max(stat.maxSelf, self);
@@ -47,38 +77,21 @@ void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uin
   stat.totalInclusive += inclusive;
 }
 
-void KLT_FileStats::growMessageSlots() {
-  constexpr size_t kFirst = 64;
-  std::vector<MessageSlot> old(std::max(kFirst, 4 * messageSlots_.size()));
-  old.swap(messageSlots_);
-  const size_t mask = messageSlots_.size() - 1;
-  for (const MessageSlot& slot : old) {
-    if (slot.entry == 0) continue;
-    size_t at = slot.hash & mask;
-    while (messageSlots_[at].entry != 0) at = (at + 1) & mask;
-    messageSlots_[at] = slot;
-  }
-}
-
 void KLT_FileStats::message(const Message& key, int64_t duration) {
-  if (2 * messages_.size() >= messageSlots_.size()) [[unlikely]]
-    growMessageSlots();
   const uint32_t hash = hashOf(key, seed_);
-  const size_t mask = messageSlots_.size() - 1;
-  size_t at = hash & mask;
-  for (; messageSlots_[at].entry != 0; at = (at + 1) & mask) {
-    if (messageSlots_[at].hash != hash) continue;
-    MessageStat& stat = messages_[messageSlots_[at].entry - 1];
-    if (!(stat.key == key)) continue;
-    ++stat.count;
-    stat.sum =
-        static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(duration));
-    stat.min = std::min(stat.min, duration);
-    stat.max = std::max(stat.max, duration);
+  const uint32_t place = messagePlaces_.find(
+      hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
+  if (place == 0) {
+    messages_.push_back({key, 1, duration, duration, duration});
+    messagePlaces_.add(hash);
     return;
   }
-  messages_.push_back({key, 1, duration, duration, duration});
-  messageSlots_[at] = {hash, static_cast<uint32_t>(messages_.size())};
+  MessageStat& stat = messages_[place - 1];
+  ++stat.count;
+  stat.sum =
+      static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(duration));
+  stat.min = std::min(stat.min, duration);
+  stat.max = std::max(stat.max, duration);
 }
 
 void KLT_FileStats::CollectiveStat::resize(size_t n) {

@@ -62,10 +62,33 @@ class KLT_FileStats {
     uint32_t count;
     int64_t sum, min, max;
   };
-  // A place of the table that finds messages by key. The hash spares the look at other keys.
-  struct MessageSlot {
-    uint32_t hash = 0;
-    uint32_t entry = 0;  // place in `messages_`, from 1; 0: free
+  // Finds the entries of a list by the hash of their keys, most of the time without a look at
+  // another key.
+  class Table {
+   public:
+    // The place from 1 of the entry for which `isIt(place)` holds, among those with that hash; 0 if
+    // there is none.
+    template <class IsIt>
+    [[nodiscard]] uint32_t find(uint32_t hash, const IsIt& isIt) const {
+      if (slots_.empty()) return 0;
+      const size_t mask = slots_.size() - 1;
+      for (size_t at = hash & mask; slots_[at].place != 0; at = (at + 1) & mask) {
+        if (slots_[at].hash == hash && isIt(slots_[at].place)) return slots_[at].place;
+      }
+      return 0;
+    }
+    // Adds the next entry, which gets the place behind the last one.
+    void add(uint32_t hash);
+
+   private:
+    struct Slot {
+      uint32_t hash = 0;
+      uint32_t place = 0;  // 0: free
+    };
+    void put(const Slot& slot);
+
+    std::vector<Slot> slots_;  // a power of two, at most half full
+    uint32_t count_ = 0;
   };
   struct CollectiveStat {
     uint32_t type, root, comm;
@@ -78,7 +101,6 @@ class KLT_FileStats {
 
   void enterMember(CollectiveStat& stat, size_t i, const uint32_t* sent, const uint32_t* received,
                    uint64_t duration);
-  void growMessageSlots();
   void addBytes(uint32_t& sum, uint32_t bytes);
   bool writeMessages(KLT_WFileHandle* writer);
   bool writeCollectives(KLT_WFileHandle* writer);
@@ -88,9 +110,9 @@ class KLT_FileStats {
   unsigned eventBits_;
   uint32_t seed_;  // of the hashes
   std::vector<FunctionStat> functions_;
-  std::unordered_map<uint64_t, size_t> functionPlaces_;
+  Table functionPlaces_;
   std::vector<MessageStat> messages_;
-  std::vector<MessageSlot> messageSlots_;  // a power of two, at most half full
+  Table messagePlaces_;
   std::vector<CollectiveStat> collectives_;
   std::unordered_map<std::string, size_t> collectivePlaces_;
   std::vector<uint32_t> scratch_;

@@ -57,9 +57,16 @@ inline void storeNative(uint8_t* p, T v) {
   }
 }
 
-inline void storeBig16(uint8_t* p, uint16_t v) { storeNative(p, swapBytes(v)); }
-inline void storeBig32(uint8_t* p, uint32_t v) { storeNative(p, swapBytes(v)); }
-inline void storeBig64(uint8_t* p, uint64_t v) { storeNative(p, swapBytes(v)); }
+// A call in their place costs more than they do, and would be one for each field.
+[[gnu::always_inline]] inline void storeBig16(uint8_t* p, uint16_t v) {
+  storeNative(p, swapBytes(v));
+}
+[[gnu::always_inline]] inline void storeBig32(uint8_t* p, uint32_t v) {
+  storeNative(p, swapBytes(v));
+}
+[[gnu::always_inline]] inline void storeBig64(uint8_t* p, uint64_t v) {
+  storeNative(p, swapBytes(v));
+}
 
 [[nodiscard]] constexpr size_t roundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
 

@@ -177,10 +177,9 @@ KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, 
   return *writer.contexts.back();
 }
 
-KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
+KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
+                                       uint32_t thread) {
   KLT_WriteContext* context = findContext(writer, category, thread);
-  if (context != nullptr && context->opened) [[likely]]
-    return context;
   if (context == nullptr) context = &KLT_CreateContext(writer, category, thread);
   if (context->broken) return nullptr;
   const char* error = openContext(writer, *context);

@@ -165,6 +165,7 @@ class RowWriter {
   }
 
   [[nodiscard]] size_t encodedBytes() const {
+    if constexpr (!layout.hasArrays) return 1 + layout.headBytes;
     size_t bytes = 1;
     for (size_t f = 0; f < row.numFields; ++f) {
       const size_t n = layout.isArray(f) ? counts_[layout.countOf[f]] : 1;
@@ -354,10 +355,17 @@ class RowWriter {
     stats.collective(type, root, comm, n, sent, received, durations.data());
   }
 
+  static constexpr bool hasStrings() {
+    return std::any_of(row.fields.begin(), row.fields.begin() + row.numFields,
+                       [](const KLT_Field& field) { return field.reference == "klt_string.id"; });
+  }
+
   KLT_WFileHandle& writer_;
   const Arguments& arguments_;
-  std::array<uint64_t, kKltMaxFields> counts_{};
-  std::array<uint32_t, kKltMaxFields> ids_{};
+  // By field; most rows have neither, and clearing these for each record takes longer than all
+  // else.
+  std::array<uint64_t, layout.hasArrays ? row.numFields : 0> counts_{};
+  std::array<uint32_t, hasStrings() ? row.numFields : 0> ids_{};
 };
 
 }  // namespace klt

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -20,6 +21,7 @@
 #include "klt/klt_idmap.h"
 #include "klt/klt_io.h"
 #include "klt/klt_schema.h"
+#include "klt/klt_wire.h"
 #include "klt/klt_write_history.h"
 #include "util/pal_triplets.h"
 
@@ -35,22 +37,24 @@ struct KLT_WriteBuffer {
 };
 
 struct KLT_WriteContext {
+  // What every record touches, side by side.
+  uint64_t outputTime = 0;
+  uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
+  uint64_t nextAnchor = 0;  // position that triggers the next seek point
+  size_t dataUsed = 0;
+  KLT_WriteBuffer data;
+  bool opened = false;
+  bool broken = false;  // its files can't be opened
+  KLT_WriteHistory history;
+
   uint32_t categories = 0;
   std::string suffix;     // empty for the index
   uint32_t fileId = 0;    // 0: no declaration
   uint32_t anchorId = 0;  // 0: no anchors
   uint32_t listId = 0;    // willy list; 0: the list of all threads
-  bool opened = false;
-  bool broken = false;  // its files can't be opened
-  uint64_t outputTime = 0;
-  KLT_WriteBuffer data;
-  size_t dataUsed = 0;
   KLT_WriteBuffer anchors;
   size_t anchorsUsed = 0;
-  uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
-  uint64_t nextAnchor = 0;  // position that triggers the next seek point
   uint64_t lastAnchor = 0;  // position of the last one
-  KLT_WriteHistory history;
   std::unique_ptr<KLT_Deflate> deflate;
 
   // Position of the next record in the data component.
@@ -63,10 +67,23 @@ struct KLT_WriteContext {
   }
   // Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
   // they are due; `outputTime` then is the time that the record's step counts from.
-  [[nodiscard]] uint8_t* beginTimed(KLT_WFileHandle& writer, uint64_t time, size_t bytes) {
+  [[nodiscard, gnu::always_inline]] uint8_t* beginTimed(KLT_WFileHandle& writer, uint64_t time,
+                                                        size_t bytes) {
+    constexpr size_t kShortTime = 5;
+    constexpr size_t kLongTime = 9;
     const uint64_t step = time - outputTime;
-    if (step < 0x10000 && nextAnchor >= position() + bytes) [[likely]] {
-      return reserve(writer, bytes);
+    if (step >> 32 == 0 && nextAnchor >= position() + kLongTime + bytes &&
+        data.bytes.size() - dataUsed >= kShortTime + bytes) [[likely]] {
+      // Whether a step needs a time record can't be predicted, so it is written in any case and
+      // written over where it isn't needed.
+      uint8_t* to = data.bytes.data() + dataUsed;
+      to[0] = 1;
+      klt::storeBig32(to + 1, static_cast<uint32_t>(step));
+      const bool needed = step >= 0x10000;
+      const size_t taken = needed ? kShortTime : 0;
+      dataUsed += taken;
+      outputTime = needed ? time : outputTime;
+      return to + taken;
     }
     return beginTimedSlowly(writer, time, bytes);
   }
@@ -129,9 +146,18 @@ struct KLT_WFileHandle {
   std::map<uint32_t, uint64_t> warned_;  // occurrences by row and field
 };
 
-// The context of a category bit and, for categories kept per thread, a thread. Null after a report.
-[[nodiscard]] KLT_WriteContext* KLT_GetWriteContext(KLT_WFileHandle& writer, uint32_t category,
-                                                    uint32_t thread);
+// The context of a category bit and, for categories kept per thread, a thread, made and opened on
+// first use. Null after a report.
+[[nodiscard]] KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
+                                                     uint32_t thread);
+[[nodiscard, gnu::always_inline]] inline KLT_WriteContext* KLT_GetWriteContext(
+    KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
+  const auto bit = static_cast<size_t>(std::countr_zero(category));
+  const uint32_t place = writer.byThread[bit].find(thread);
+  if (place != 0 && writer.contexts[place - 1]->opened) [[likely]]
+    return writer.contexts[place - 1].get();
+  return KLT_OpenWriteContext(writer, category, thread);
+}
 // Hands what is buffered to the components. `final` ends a compressed stream.
 void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool anchors, bool final);
 // Sets a seek point at the context's position. An error text, or null.

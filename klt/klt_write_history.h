@@ -90,9 +90,9 @@ class KLT_WriteHistory {
  private:
   KLT_WillyHistory& find(uint32_t gtp);
 
+  KLT_WillyHistory* last_ = nullptr;
   std::vector<std::unique_ptr<KLT_WillyHistory>> willies_;  // in order of first use
   KLT_IdIndex byGtp_;                                       // to the place in `willies_`, from 1
-  KLT_WillyHistory* last_ = nullptr;
 };
 
 // A call begins. `ticks` only counts with statistics.
