@@ -188,6 +188,7 @@ void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* c
 
 // Opens the streams and, for delivery in time order, fills the first buffer of each.
 void openStreams(KLT_Reader& reader) {
+  if (reader.serial) reader.makeLanes();
   for (const auto& stream : reader.streams) {
     if (stream->io == nullptr && !KLT_StreamOpen(*stream)) {
       stream->status = kKltStreamFailed;

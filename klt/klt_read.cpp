@@ -6,6 +6,7 @@
 // of streams wins, and the last stream moves into the place of one that has ended.
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "klt/klt_reader.h"
@@ -23,18 +24,40 @@ void removeStream(KLT_Reader& reader, size_t index) {
   KLT_StreamClose(stream);
   std::swap(reader.streams[index], reader.streams.back());
   reader.streams.pop_back();
+  if (reader.lanes.empty()) return;
+  reader.lanes[index] = reader.lanes.back();
+  reader.lanes.pop_back();
 }
 
 int afterFailure(KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
+// Gets the lane's next packed records; false if there are none.
+bool takeRecords(KLT_Lane& lane) {
+  KLT_Stream& stream = *lane.stream;
+  if (stream.delivered == stream.packed.used()) return false;
+  const size_t end =
+      stream.mark < stream.marks.size() ? stream.marks[stream.mark++] : stream.packed.used();
+  const size_t bytes = end - stream.delivered;
+  lane.next = stream.packed.data() + stream.delivered;
+  if (stream.window != nullptr && bytes <= KLT_Stream::kWindowBytes) {
+    std::memcpy(stream.window, lane.next, bytes);
+    lane.next = stream.window;
+  }
+  stream.delivered = end;
+  lane.end = lane.next + bytes;
+  lane.nextTime = KLT_RecordTime(lane.next);
+  return true;
+}
+
 // Gets the stream's next records ready once those before are delivered; removes a stream that has
 // none.
 Swap swapIn(KLT_Reader& reader, size_t index) {
-  KLT_Stream& stream = *reader.streams[index];
+  KLT_Lane& lane = reader.lanes[index];
+  KLT_Stream& stream = *lane.stream;
   if (!stream.filled) {
-    if (stream.delivered < stream.packed.used()) return Swap::kReady;
+    if (lane.next != lane.end || takeRecords(lane)) return Swap::kReady;
     if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
   }
   stream.filled = false;
@@ -43,29 +66,29 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
     removeStream(reader, index);
     return failed ? Swap::kFailed : Swap::kFinished;
   }
-  stream.nextTime = KLT_RecordTime(stream.packed.data());
+  (void)takeRecords(lane);
   return Swap::kReady;
 }
 
 // Only the outermost history bracket is shown, so that several streams that tell theirs at one
 // moment look like one.
-int deliverRecord(KLT_Reader& reader, KLT_Stream& stream) {
+int deliverRecord(KLT_Reader& reader, KLT_Lane& lane) {
   constexpr unsigned kBegin = 11;
   constexpr unsigned kEnd = 27;
-  uint8_t* record = stream.packed.data() + stream.delivered;
+  uint8_t* const record = lane.next;
   const unsigned number = KLT_RecordNumber(record);
   if (number == kBegin && ++reader.historyDepth > 1) [[unlikely]] {
-    stream.delivered += KLT_RecordView<kBegin>::layout.fixedBytes;
+    lane.next += KLT_RecordView<kBegin>::layout.fixedBytes;
     return 0;
   }
   // An end that nothing began is skipped too: it must not open the way for an inner bracket.
   if (number == kEnd && (reader.historyDepth == 0 || --reader.historyDepth > 0)) [[unlikely]] {
-    stream.delivered += KLT_RecordView<kEnd>::layout.fixedBytes;
+    lane.next += KLT_RecordView<kEnd>::layout.fixedBytes;
     return 0;
   }
   size_t bytes = 0;
-  const int result = KLT_Deliver(stream, record, bytes);
-  stream.delivered += bytes;
+  const int result = KLT_Deliver(*lane.stream, record, bytes);
+  lane.next += bytes;
   return result;
 }
 
@@ -78,24 +101,18 @@ struct Served {
 // one.
 void leaveOrder(KLT_Reader& reader, size_t index) {
   if (index < reader.streams.size()) {
-    reader.order.update(index, reader.streams[index]->nextTime);
+    reader.order.update(index, reader.lanes[index].nextTime);
   }
   reader.order.removeLast();
 }
 
-// How far ahead of the next record memory is fetched.
-constexpr size_t kAhead = 96;
-
 // Delivers the stream's records up to the time `limit`. The tournament is the caller's.
 Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
-  KLT_Stream& stream = *reader.streams[index];
+  KLT_Lane& lane = reader.lanes[index];
   for (;;) {
-    const int result = deliverRecord(reader, stream);
-    const bool more = stream.delivered < stream.packed.used();
-    // Among thousands of streams a record has left the caches before its turn comes: a dump of
-    // 4096 takes 0.9 of the time with this.
-    __builtin_prefetch(stream.packed.data() + stream.delivered + kAhead);
-    if (more) stream.nextTime = KLT_RecordTime(stream.packed.data() + stream.delivered);
+    const int result = deliverRecord(reader, lane);
+    const bool more = lane.next != lane.end || takeRecords(lane);
+    if (more) lane.nextTime = KLT_RecordTime(lane.next);
     if (result != 0) [[unlikely]]
       return {KLT_STATUS_HANDLER, false};
     if (!more) {
@@ -109,7 +126,7 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
         if (reader.limit.reached()) return {KLT_STATUS_TIME, false};
       }
     }
-    if (stream.nextTime > limit) return {};
+    if (lane.nextTime > limit) return {};
   }
 }
 
@@ -125,9 +142,9 @@ int serveNext(KLT_Reader& reader) {
   if (first.removed || first.status != kNoStatus) return first.status;
   const Served next = serve(reader, second, limit);
   if (!next.removed) {
-    order.update(best, reader.streams[best]->nextTime, second, reader.streams[second]->nextTime);
+    order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
   } else {
-    if (best < reader.streams.size()) order.update(best, reader.streams[best]->nextTime);
+    if (best < reader.streams.size()) order.update(best, reader.lanes[best].nextTime);
     leaveOrder(reader, second);
   }
   return next.status;
@@ -154,8 +171,8 @@ int readInOrder(KLT_Reader& reader) {
   const int prepared = prepare(reader);
   if (prepared != kNoStatus) return prepared;
   std::vector<uint64_t> times;
-  times.reserve(reader.streams.size());
-  for (const auto& stream : reader.streams) times.push_back(stream->nextTime);
+  times.reserve(reader.lanes.size());
+  for (const KLT_Lane& lane : reader.lanes) times.push_back(lane.nextTime);
   reader.order.build(times);
   while (!reader.streams.empty()) {
     const int status = serveNext(reader);
@@ -194,6 +211,17 @@ int readInTurns(KLT_Reader& reader) {
 
 }  // namespace
 
+void KLT_Reader::makeLanes() {
+  constexpr size_t kManyStreams = 512;
+  const size_t count = streams.size();
+  if (count >= kManyStreams) windows.resize(count * KLT_Stream::kWindowBytes);
+  lanes.resize(count);
+  for (size_t i = 0; i < count; ++i) {
+    lanes[i].stream = streams[i].get();
+    if (!windows.empty()) streams[i]->window = windows.data() + i * KLT_Stream::kWindowBytes;
+  }
+}
+
 bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
   if (stream.turnRecords < KLT_TimeLimit::kRecordsPerCheck) return false;
   if (firstRound) return true;
@@ -215,14 +243,19 @@ double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
   auto done = static_cast<double>(reader->bytesDone);
-  for (const auto& stream : reader->streams) {
-    const uint64_t taken = stream->input.bytesTaken();
+  for (size_t i = 0; i < reader->streams.size(); ++i) {
+    const KLT_Stream& stream = *reader->streams[i];
+    const uint64_t taken = stream.input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
-    const uint64_t before = std::min(taken, stream->takenBefore);
+    const uint64_t before = std::min(taken, stream.takenBefore);
+    size_t waiting = stream.packed.used() - stream.delivered;
+    if (i < reader->lanes.size()) {
+      waiting += static_cast<size_t>(reader->lanes[i].end - reader->lanes[i].next);
+    }
     const double delivered =
-        stream->packed.empty()
+        stream.packed.empty()
             ? 1.0
-            : static_cast<double>(stream->delivered) / static_cast<double>(stream->packed.used());
+            : 1.0 - static_cast<double>(waiting) / static_cast<double>(stream.packed.used());
     done += static_cast<double>(before) + static_cast<double>(taken - before) * delivered;
   }
   return std::min(1.0, done / static_cast<double>(reader->bytesTotal));

@@ -35,6 +35,14 @@ class KLT_TimeLimit {
   std::chrono::milliseconds limit_{0};
 };
 
+// A stream as delivery in time order sees it: the records that come next.
+struct KLT_Lane {
+  uint8_t* next = nullptr;
+  uint8_t* end = nullptr;
+  uint64_t nextTime = 0;
+  KLT_Stream* stream = nullptr;
+};
+
 struct KLT_Reader {
   KLT_FileHandle* file = nullptr;
   int mode = KLT_MODE_DEFINITIONS;
@@ -48,7 +56,9 @@ struct KLT_Reader {
   std::unordered_set<uint32_t> reportedCommunicators;
 
   // Delivery in time order.
-  KLT_MergeTree order;  // leaf i: next time of stream i
+  std::vector<KLT_Lane> lanes;   // of each stream
+  std::vector<uint8_t> windows;  // one behind the other; empty with few streams
+  KLT_MergeTree order;           // leaf i: next time of stream i
   KLT_TimeLimit limit;
   uint64_t deliveredRecords = 0;
 
@@ -62,6 +72,8 @@ struct KLT_Reader {
   // Scratch for arrays of texts, one vector for each array of a record.
   std::vector<std::vector<const char*>> texts;
 
+  // Once all streams are there, for delivery in time order.
+  void makeLanes();
   [[nodiscard]] bool turnIsOver(KLT_Stream& stream);
 };
 

@@ -79,13 +79,29 @@ struct KLT_Stream {
   KLT_RecordBuffer packed;
   size_t packedBytes = 0;  // in encoded form
   size_t packedCapacity = kFillBytes;
-  size_t delivered = 0;  // offset in `packed` of the next undelivered record
-  uint64_t nextTime = 0;
-  uint64_t takenBefore = 0;  // bytes taken from the input ahead of the last fill
-  bool filled = false;       // `packed` is the result of a fill not yet begun with
-  int status = 0;            // of the last fill; negative: the stream has failed
-  bool lostData = false;     // the input ended early
-  uint32_t turnRecords = 0;  // records of the current turn, without time order
+  size_t delivered = 0;  // offset in `packed` of the records that no lane has taken yet
+  // With thousands of streams the records at hand lie all over the memory, each on a page of its
+  // own, and finding a page takes longer than all that is done with the record. So each stream
+  // delivers from a small window, where its next records are copied to, and the windows lie side by
+  // side. A dump of 4096 takes 0.8 of the time with this. Null with few streams.
+  static constexpr size_t kWindowBytes = 512;
+  uint8_t* window = nullptr;
+  std::vector<size_t> marks;  // offsets in `packed` up to which records fit into a window
+  size_t mark = 0;            // the next one
+  size_t marked = 0;          // the last one that was set
+  uint64_t takenBefore = 0;   // bytes taken from the input ahead of the last fill
+  bool filled = false;        // `packed` is the result of a fill not yet begun with
+  int status = 0;             // of the last fill; negative: the stream has failed
+  bool lostData = false;      // the input ended early
+  uint32_t turnRecords = 0;   // records of the current turn, without time order
+
+  // Sets the marks that a record of `bytes` bytes at the tail of `packed` needs.
+  void markWindow(size_t bytes) {
+    const size_t begin = packed.used();
+    if (begin + bytes - marked <= kWindowBytes) return;
+    if (begin != marked) marks.push_back(marked = begin);
+    if (bytes > kWindowBytes) marks.push_back(marked = begin + bytes);
+  }
 
   [[nodiscard]] const KLT_StreamRequest& current() const { return requests[request]; }
   [[nodiscard]] bool finished() const { return request == requests.size(); }
@@ -152,6 +168,7 @@ inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded, uint64_
     stream.outTime = time;
     return;
   }
+  if (stream.window != nullptr) stream.markWindow(bytes);
   stream.packed.commit(bytes);
   stream.packedBytes += 1 + encoded + KLT_TimeRecordBytes(stream.outTime, time);
   stream.outTime = time;

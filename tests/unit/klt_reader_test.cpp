@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <string>
 #include <utility>
@@ -367,6 +368,46 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
     }
     ASSERT_EQ(difference(servedOrder(streams), deliveredOrder(streams)), "") << round;
   }
+}
+
+// Records that wait for delivery take another way then, large ones yet another.
+TEST(KltOrder, HundredsOfStreamsWithRecordsOfAllSizes) {
+  constexpr size_t kStreams = 600;
+  constexpr size_t kRecords = 40;
+  std::vector<uint64_t> times(kStreams * kRecords);
+  std::iota(times.begin(), times.end(), uint64_t{1});
+  std::mt19937 random(12);
+  std::shuffle(times.begin(), times.end(), random);
+  tb::Trace trace;
+  Lines expected(times.size());
+  for (size_t i = 0; i < kStreams; ++i) {
+    const auto first = times.begin() + static_cast<ptrdiff_t>(i * kRecords);
+    std::sort(first, first + kRecords);
+    tb::Stream& stream = trace.stream("x." + std::to_string(i), tb::ANY);
+    for (size_t k = 0; k < kRecords; ++k) {
+      const uint64_t time = times[i * kRecords + k];
+      const std::string text(random() % 8 == 0 ? random() % 3000 : random() % 100, 'x');
+      stream.at(time).comment(static_cast<uint32_t>(i), text);
+      expected[time - 1] =
+          "comment " + std::to_string(time) + ' ' + std::to_string(i) + " '" + text + '\'';
+    }
+  }
+  OpenTrace open(trace);
+  Recorder recorder;
+  recorder.table.end_of_filter = nullptr;
+  EXPECT_EQ(difference(expected, open.read(recorder)), "");
+
+  // Stopped in between, it goes on where it was.
+  Recorder stopping;
+  stopping.table.end_of_filter = nullptr;
+  const reading::Reader reader = open.reader(stopping.table);
+  for (size_t at = 1; at < expected.size(); at += 997) {
+    stopping.stopAt = at;
+    ASSERT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_HANDLER);
+    ASSERT_EQ(stopping.lines.size(), at);
+  }
+  EXPECT_EQ(KLT_ReadEvents(reader.get(), -1), kFinished);
+  EXPECT_EQ(difference(expected, stopping.lines), "");
 }
 
 TEST(KltOrder, StreamsStandInTheOrderOfTheirBuckets) {
