@@ -54,7 +54,7 @@ inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 // operand whose numbers are walked (`a`; both in a union; `b` in a subset) reports entries with
 // stride 0 and skips them; an entry that runs away from its `last` is reported and makes it empty.
 // In the other operand such entries just hold nothing. Lists whose strides interleave without end
-// (more than 2^20 sections or 2^26 steps) are reported as invalid; the result is empty or false.
+// (more than 2^20 sections or 2^23 steps) are reported as invalid; the result is empty or false.
 [[nodiscard]] PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b);

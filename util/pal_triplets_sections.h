@@ -31,7 +31,7 @@ using Sections = std::vector<Section>;
 // Limits on one operation: numbers of sections in a set, and steps to get there.
 struct Budget {
   size_t maxSections = size_t{1} << 20;
-  int64_t steps = int64_t{1} << 26;
+  int64_t steps = int64_t{1} << 23;
 };
 
 // An entry whose `last` is on the wrong side of `first`.
