@@ -96,12 +96,7 @@ struct KLT_Stream {
   uint32_t turnRecords = 0;   // records of the current turn, without time order
 
   // Sets the marks that a record of `bytes` bytes at the tail of `packed` needs.
-  void markWindow(size_t bytes) {
-    const size_t begin = packed.used();
-    if (begin + bytes - marked <= kWindowBytes) return;
-    if (begin != marked) marks.push_back(marked = begin);
-    if (bytes > kWindowBytes) marks.push_back(marked = begin + bytes);
-  }
+  void markWindow(size_t bytes);
 
   [[nodiscard]] const KLT_StreamRequest& current() const { return requests[request]; }
   [[nodiscard]] bool finished() const { return request == requests.size(); }
@@ -162,13 +157,15 @@ inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded, uint64_
 
 void KLT_DeliverNow(KLT_Stream& stream);
 
-inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded, uint64_t time) {
+[[gnu::always_inline]] inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded,
+                                              uint64_t time) {
   if (!stream.serial) [[unlikely]] {
     KLT_DeliverNow(stream);
     stream.outTime = time;
     return;
   }
-  if (stream.window != nullptr) stream.markWindow(bytes);
+  if (stream.window != nullptr) [[unlikely]]
+    stream.markWindow(bytes);
   stream.packed.commit(bytes);
   stream.packedBytes += 1 + encoded + KLT_TimeRecordBytes(stream.outTime, time);
   stream.outTime = time;
