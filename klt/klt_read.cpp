@@ -41,9 +41,9 @@ bool takeRecords(KLT_Lane& lane) {
       stream.mark < stream.marks.size() ? stream.marks[stream.mark++] : stream.packed.used();
   const size_t bytes = end - stream.delivered;
   lane.next = stream.packed.data() + stream.delivered;
-  if (stream.window != nullptr && bytes <= KLT_Stream::kWindowBytes) {
-    std::memcpy(stream.window, lane.next, bytes);
-    lane.next = stream.window;
+  if (stream.staging != nullptr && bytes <= KLT_Stream::kStagingBytes) {
+    std::memcpy(stream.staging, lane.next, bytes);
+    lane.next = stream.staging;
   }
   stream.delivered = end;
   lane.end = lane.next + bytes;
@@ -214,11 +214,11 @@ int readInTurns(KLT_Reader& reader) {
 void KLT_Reader::makeLanes() {
   constexpr size_t kManyStreams = 512;
   const size_t count = streams.size();
-  if (count >= kManyStreams) windows.resize(count * KLT_Stream::kWindowBytes);
+  if (count >= kManyStreams) stagings.resize(count * KLT_Stream::kStagingBytes);
   lanes.resize(count);
   for (size_t i = 0; i < count; ++i) {
     lanes[i].stream = streams[i].get();
-    if (!windows.empty()) streams[i]->window = windows.data() + i * KLT_Stream::kWindowBytes;
+    if (!stagings.empty()) streams[i]->staging = stagings.data() + i * KLT_Stream::kStagingBytes;
   }
 }
 

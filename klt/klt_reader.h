@@ -56,9 +56,9 @@ struct KLT_Reader {
   std::unordered_set<uint32_t> reportedCommunicators;
 
   // Delivery in time order.
-  std::vector<KLT_Lane> lanes;   // of each stream
-  std::vector<uint8_t> windows;  // one behind the other; empty with few streams
-  KLT_MergeTree order;           // leaf i: next time of stream i
+  std::vector<KLT_Lane> lanes;    // of each stream
+  std::vector<uint8_t> stagings;  // one behind the other; empty with few streams
+  KLT_MergeTree order;            // leaf i: next time of stream i
   KLT_TimeLimit limit;
   uint64_t deliveredRecords = 0;
 

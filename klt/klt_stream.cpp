@@ -96,11 +96,11 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
   return true;
 }
 
-void KLT_Stream::markWindow(size_t bytes) {
+void KLT_Stream::markStaged(size_t bytes) {
   const size_t begin = packed.used();
-  if (begin + bytes - marked <= kWindowBytes) return;
+  if (begin + bytes - marked <= kStagingBytes) return;
   if (begin != marked) marks.push_back(marked = begin);
-  if (bytes > kWindowBytes) marks.push_back(marked = begin + bytes);
+  if (bytes > kStagingBytes) marks.push_back(marked = begin + bytes);
 }
 
 bool KLT_StreamOpen(KLT_Stream& s) {

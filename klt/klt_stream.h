@@ -82,11 +82,11 @@ struct KLT_Stream {
   size_t delivered = 0;  // offset in `packed` of the records that no lane has taken yet
   // With thousands of streams the records at hand lie all over the memory, each on a page of its
   // own, and finding a page takes longer than all that is done with the record. So each stream
-  // delivers from a small window, where its next records are copied to, and the windows lie side by
-  // side. A dump of 4096 takes 0.8 of the time with this. Null with few streams.
-  static constexpr size_t kWindowBytes = 512;
-  uint8_t* window = nullptr;
-  std::vector<size_t> marks;  // offsets in `packed` up to which records fit into a window
+  // delivers from a small buffer where its next records are copied to, and these buffers lie side
+  // by side. A dump of 4096 takes 0.8 of the time with this. Null with few streams.
+  static constexpr size_t kStagingBytes = 512;
+  uint8_t* staging = nullptr;
+  std::vector<size_t> marks;  // offsets in `packed` up to which records fit into `staging`
   size_t mark = 0;            // the next one
   size_t marked = 0;          // the last one that was set
   uint64_t takenBefore = 0;   // bytes taken from the input ahead of the last fill
@@ -96,7 +96,7 @@ struct KLT_Stream {
   uint32_t turnRecords = 0;   // records of the current turn, without time order
 
   // Sets the marks that a record of `bytes` bytes at the tail of `packed` needs.
-  void markWindow(size_t bytes);
+  void markStaged(size_t bytes);
 
   [[nodiscard]] const KLT_StreamRequest& current() const { return requests[request]; }
   [[nodiscard]] bool finished() const { return request == requests.size(); }
@@ -164,8 +164,8 @@ void KLT_DeliverNow(KLT_Stream& stream);
     stream.outTime = time;
     return;
   }
-  if (stream.window != nullptr) [[unlikely]]
-    stream.markWindow(bytes);
+  if (stream.staging != nullptr) [[unlikely]]
+    stream.markStaged(bytes);
   stream.packed.commit(bytes);
   stream.packedBytes += 1 + encoded + KLT_TimeRecordBytes(stream.outTime, time);
   stream.outTime = time;
