@@ -17,14 +17,8 @@
 #include "fuzz/fuzz_records.h"
 #include "fuzz/fuzz_target.h"
 #include "tests/builder/trace_files.h"
+#include "tests/builder/with_asan.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define KLT_WITH_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KLT_WITH_ASAN 1
-#endif
-#endif
 #ifdef KLT_WITH_ASAN
 #include <sanitizer/common_interface_defs.h>
 #endif

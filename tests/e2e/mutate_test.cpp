@@ -28,14 +28,7 @@
 #include "klt/klt_request.h"
 #include "tests/builder/touching.h"
 #include "tests/builder/trace_files.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define KLT_WITH_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KLT_WITH_ASAN 1
-#endif
-#endif
+#include "tests/builder/with_asan.h"
 
 namespace {
 
