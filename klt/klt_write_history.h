@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -73,8 +74,8 @@ struct KLT_WillyHistory {
   };
 
   uint32_t gtp = 0;
-  std::vector<Call> calls;  // outermost first
-  size_t withScl = 0;       // how many of them have a source location
+  std::deque<Call> calls;  // outermost first; never moved, however deep
+  size_t withScl = 0;      // how many of them have a source location
   KLT_OffsetEntries offsets;
 };
 
