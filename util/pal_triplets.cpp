@@ -42,24 +42,47 @@ Sections walkedSections(PAL_TripletSpan list) {
   return sections;
 }
 
-// Lists from files may interleave over the whole range of numbers, while a user asks for few.
-// Taking the sections in pairs costs their product, but no more for the numbers than both lists
-// have in common; it is what is done when sets of the lists would cost more than their sections
-// warrant.
+struct Sets {
+  Sections x, y;
+};
+
+// The sets of two lists given as sections, or nothing when the budget ran out.
+std::optional<Sets> makeSets(const Sections& a, const Sections& b, Budget& budget) {
+  std::optional<Sections> x = makeSet(a, budget);
+  std::optional<Sections> y = x ? makeSet(b, budget) : std::nullopt;
+  if (!y) return std::nullopt;
+  return Sets{std::move(*x), std::move(*y)};
+}
+
+// The same with the whole budget; that it ran out is reported.
+std::optional<Sets> makeSetsOrReport(const Sections& a, const Sections& b) {
+  Budget budget;
+  std::optional<Sets> sets = makeSets(a, b, budget);
+  if (!sets) PAL_Error(kInvalidData);
+  return sets;
+}
+
+// The result of an operation on two lists given as sections, or nothing when the budget ran out.
+std::optional<PAL_Triplets> combine(Operation operation, const Sections& a, const Sections& b,
+                                    Budget budget = {}) {
+  const std::optional<Sets> sets = makeSets(a, b, budget);
+  return sets ? pal::combineSets(operation, sets->x, sets->y, budget) : std::nullopt;
+}
+
+// What an operation gives whose budget may have run out, which is reported.
+PAL_Triplets orReport(std::optional<PAL_Triplets>&& result) {
+  if (!result) PAL_Error(kInvalidData);
+  return std::move(result).value_or(PAL_Triplets());
+}
+
+// The steps that two lists warrant by their sizes. Lists from files may interleave over the whole
+// range of numbers, while a user asks for few: where this budget runs out, sections are taken in
+// pairs. That costs the product of their numbers, but nothing for what isn't in both lists.
+constexpr Budget kCheap{.steps = 4096};
+
 bool pairsAreFew(const Sections& a, const Sections& b) {
   constexpr size_t kMostPairs = size_t{1} << 20;
   return a.empty() || b.size() <= kMostPairs / a.size();
-}
-
-// Both sets, made with no more steps than the sizes of the lists warrant.
-bool makeCheapSets(const Sections& a, const Sections& b, Sections& x, Sections& y) {
-  Budget budget{.maxSections = size_t{1} << 20, .steps = 4096};
-  std::optional<Sections> first = makeSet(Sections(a), budget);
-  std::optional<Sections> second = first ? makeSet(Sections(b), budget) : std::nullopt;
-  if (!second) return false;
-  x = std::move(*first);
-  y = std::move(*second);
-  return true;
 }
 
 // The common numbers of each pair of sections that has any; stops when visit(section) is true.
@@ -74,30 +97,14 @@ bool anyCommonPair(const Sections& a, const Sections& b, Visit&& visit) {
   return false;
 }
 
-// The result of an operation on two lists given as sections, or nothing when the budget ran out,
-// which is reported.
-std::optional<PAL_Triplets> combine(Operation operation, Sections&& a, Sections&& b) {
-  Budget budget;
-  const std::optional<Sections> x = makeSet(std::move(a), budget);
-  const std::optional<Sections> y = makeSet(std::move(b), budget);
-  std::optional<PAL_Triplets> result;
-  if (x && y) result = pal::combineSets(operation, *x, *y, budget);
-  if (!result) PAL_Error(kInvalidData);
-  return result;
-}
-
-// Both sets, or false when the budget ran out, which is reported.
-bool makeSets(Sections&& a, Sections&& b, Sections& x, Sections& y) {
-  Budget budget;
-  std::optional<Sections> first = makeSet(std::move(a), budget);
-  std::optional<Sections> second = makeSet(std::move(b), budget);
-  if (!first || !second) {
-    PAL_Error(kInvalidData);
+std::optional<PAL_Triplets> intersectPairs(const Sections& a, const Sections& b) {
+  if (!pairsAreFew(a, b)) return std::nullopt;
+  Sections pairs;
+  anyCommonPair(a, b, [&](const Section& both) {
+    pairs.push_back(both);
     return false;
-  }
-  x = std::move(*first);
-  y = std::move(*second);
-  return true;
+  });
+  return combine(Operation::kUnite, pairs, {});
 }
 
 // Calls visit(x, y) for each pair of sections of two sets that share a stretch; stops on true.
@@ -239,27 +246,20 @@ bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number) {
 }
 
 PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b) {
-  Sections x = walkedSections(a);
-  Sections y = testedSections(b);
-  Sections u, v;
-  if (!makeCheapSets(x, y, u, v) && pairsAreFew(x, y)) {
-    Sections pairs;
-    anyCommonPair(x, y, [&](const Section& both) {
-      pairs.push_back(both);
-      return false;
-    });
-    return combine(Operation::kUnite, std::move(pairs), {}).value_or(PAL_Triplets());
-  }
-  return combine(Operation::kIntersect, std::move(x), std::move(y)).value_or(PAL_Triplets());
+  const Sections x = walkedSections(a);
+  const Sections y = testedSections(b);
+  std::optional<PAL_Triplets> result = combine(Operation::kIntersect, x, y, kCheap);
+  if (!result) result = intersectPairs(x, y);
+  if (!result) result = combine(Operation::kIntersect, x, y);
+  return orReport(std::move(result));
 }
 
 PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b) {
-  return combine(Operation::kUnite, walkedSections(a), walkedSections(b)).value_or(PAL_Triplets());
+  return orReport(combine(Operation::kUnite, walkedSections(a), walkedSections(b)));
 }
 
 PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b) {
-  return combine(Operation::kSubtract, walkedSections(a), testedSections(b))
-      .value_or(PAL_Triplets());
+  return orReport(combine(Operation::kSubtract, walkedSections(a), testedSections(b)));
 }
 
 bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* number) {
@@ -294,35 +294,33 @@ bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* numb
 }
 
 bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
-  Sections walked = walkedSections(a);
-  Sections tested = testedSections(b);
-  Sections x, y;
-  if (!makeCheapSets(walked, tested, x, y) && pairsAreFew(walked, tested)) {
-    return anyCommonPair(walked, tested, [](const Section&) { return true; });
+  const Sections x = walkedSections(a);
+  const Sections y = testedSections(b);
+  Budget budget = kCheap;
+  std::optional<Sets> sets = makeSets(x, y, budget);
+  if (!sets && pairsAreFew(x, y)) {
+    return anyCommonPair(x, y, [](const Section&) { return true; });
   }
-  return makeSets(std::move(walked), std::move(tested), x, y) &&
-         anyOverlapping(
-             x, y, [](const Section& p, const Section& q) { return common(p, q).has_value(); });
+  if (!sets) sets = makeSetsOrReport(x, y);
+  return sets && anyOverlapping(sets->x, sets->y, [](const Section& p, const Section& q) {
+           return common(p, q).has_value();
+         });
 }
 
 bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b) {
-  Sections walkedA = walkedSections(a);
-  Sections walkedB = walkedSections(b);
+  const Sections x = walkedSections(a);
+  const Sections y = walkedSections(b);
   // Neither can be equal to a set with fewer numbers than one of its sections has.
-  if (largestCount(walkedA) > countNumbers(walkedB) ||
-      largestCount(walkedB) > countNumbers(walkedA)) {
-    return false;
-  }
-  Sections x, y;
-  if (!makeSets(std::move(walkedA), std::move(walkedB), x, y)) return false;
-  const int64_t count = countNumbers(x);
-  return count == countNumbers(y) && count == countCommon(x, y);
+  if (largestCount(x) > countNumbers(y) || largestCount(y) > countNumbers(x)) return false;
+  const std::optional<Sets> sets = makeSetsOrReport(x, y);
+  if (!sets) return false;
+  const int64_t count = countNumbers(sets->x);
+  return count == countNumbers(sets->y) && count == countCommon(sets->x, sets->y);
 }
 
 bool PAL_TripletsSubset(PAL_TripletSpan a, PAL_TripletSpan b) {
-  Sections x, y;
-  return makeSets(testedSections(a), walkedSections(b), x, y) &&
-         countCommon(x, y) == countNumbers(y);
+  const std::optional<Sets> sets = makeSetsOrReport(testedSections(a), walkedSections(b));
+  return sets && countCommon(sets->x, sets->y) == countNumbers(sets->y);
 }
 
 std::vector<int32_t> PAL_TripletsToParallel(PAL_TripletSpan list) {
@@ -348,8 +346,7 @@ PAL_TripletSet::PAL_TripletSet(PAL_TripletSpan list) {
   if (sections.size() > kWalked) {
     // A set larger than its list by much isn't worth its memory in every stream.
     Budget budget{.maxSections = size_t{1} << 14, .steps = int64_t{1} << 22};
-    Sections copy = sections;
-    if (std::optional<Sections> set = makeSet(std::move(copy), budget)) {
+    if (std::optional<Sections> set = makeSet(sections, budget)) {
       sections = std::move(*set);
       sorted_ = sections.size() > kWalked;
     }

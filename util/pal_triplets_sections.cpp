@@ -209,12 +209,12 @@ std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budg
 
 }  // namespace
 
-std::optional<Sections> makeSet(Sections&& sections, Budget& budget) {
-  std::sort(sections.begin(), sections.end(), [](const Section& a, const Section& b) {
-    return a.low != b.low ? a.low < b.low : a.high < b.high;
-  });
+std::optional<Sections> makeSet(Sections sections, Budget& budget) {
   budget.maxSections = std::max(budget.maxSections, 2 * sections.size());
   budget.steps += 64 * static_cast<int64_t>(sections.size());
+  // Equal sections count once, wherever they stand: united in each half they would cost each time.
+  std::sort(sections.begin(), sections.end());
+  sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
   return makeSorted(std::span<const Section>(sections), budget);
 }
 

@@ -6,6 +6,7 @@
 // interleave in one stretch. That work is bounded (see Budget).
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -24,6 +25,7 @@ struct Section {
   int64_t step;
 
   [[nodiscard]] int64_t count() const { return (high - low) / step + 1; }
+  friend auto operator<=>(const Section&, const Section&) = default;
 };
 
 using Sections = std::vector<Section>;
@@ -44,7 +46,7 @@ struct Budget {
 enum class Operation { kIntersect, kUnite, kSubtract };
 
 // The set of all numbers of some sections; nothing if the budget ran out.
-[[nodiscard]] std::optional<Sections> makeSet(Sections&& sections, Budget& budget);
+[[nodiscard]] std::optional<Sections> makeSet(Sections sections, Budget& budget);
 // An operation on two sets, compressed; nothing if the budget ran out.
 [[nodiscard]] std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a,
                                                       const Sections& b, Budget& budget);

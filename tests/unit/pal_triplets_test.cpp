@@ -319,6 +319,16 @@ TEST_F(PalTripletsTest, FewNumbersOfListsThatInterleaveAreImmediate) {
   EXPECT_EQ(messagesWith("Invalid triplet data.\n"), 0U);
 }
 
+TEST_F(PalTripletsTest, RepeatedEntriesAndTheOrderOfOperandsDontMatter) {
+  const PAL_Triplets all(4, {0, INT32_MAX - 1, 1});
+  const PAL_Triplets interleaved{{0, 3000000, 2}, {0, 3000000, 3}};
+  const PAL_Triplets expected = PAL_TripletsUnite(interleaved, {});
+  EXPECT_EQ(expected.size(), 1000001U);
+  EXPECT_EQ(PAL_TripletsIntersect(all, interleaved), expected);
+  EXPECT_EQ(PAL_TripletsIntersect(interleaved, all), expected);
+  EXPECT_EQ(messagesWith("Invalid triplet data.\n"), 0U);
+}
+
 TEST_F(PalTripletsTest, AListForEachProcessMeltsIntoRuns) {
   // 1,000 processes of 200 threads each, listed process by process.
   PAL_Triplets byProcess;
