@@ -367,7 +367,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packedBytes = 0;
   s.delivered = 0;
   s.marks.clear();
-  s.mark = s.marked = 0;
+  s.mark = 0;
   s.takenBefore = s.input.bytesTaken();
   const KLT_DecoderEntry* const entries = s.handle->decoders->entries.data();
   while (!s.finished()) {

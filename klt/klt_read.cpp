@@ -57,7 +57,7 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];
   KLT_Stream& stream = *lane.stream;
   if (!stream.filled) {
-    if (lane.next != lane.end || takeRecords(lane)) return Swap::kReady;
+    if (lane.next < lane.end || takeRecords(lane)) return Swap::kReady;
     if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
   }
   stream.filled = false;
@@ -111,8 +111,11 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
   KLT_Lane& lane = reader.lanes[index];
   for (;;) {
     const int result = deliverRecord(reader, lane);
-    const bool more = lane.next != lane.end || takeRecords(lane);
-    if (more) lane.nextTime = KLT_RecordTime(lane.next);
+    bool more = true;
+    if (lane.next < lane.end)
+      lane.nextTime = KLT_RecordTime(lane.next);
+    else
+      more = takeRecords(lane);
     if (result != 0) [[unlikely]]
       return {KLT_STATUS_HANDLER, false};
     if (!more) {

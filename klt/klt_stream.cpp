@@ -98,9 +98,10 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
 
 void KLT_Stream::markStaged(size_t bytes) {
   const size_t begin = packed.used();
-  if (begin + bytes - marked <= kStagingBytes) return;
-  if (begin != marked) marks.push_back(marked = begin);
-  if (bytes > kStagingBytes) marks.push_back(marked = begin + bytes);
+  const size_t last = marks.empty() ? 0 : marks.back();
+  if (begin + bytes - last <= kStagingBytes) return;
+  if (begin != last) marks.push_back(begin);
+  if (bytes > kStagingBytes) marks.push_back(begin + bytes);
 }
 
 bool KLT_StreamOpen(KLT_Stream& s) {

@@ -88,7 +88,6 @@ struct KLT_Stream {
   uint8_t* staging = nullptr;
   std::vector<size_t> marks;  // offsets in `packed` up to which records fit into `staging`
   size_t mark = 0;            // the next one
-  size_t marked = 0;          // the last one that was set
   uint64_t takenBefore = 0;   // bytes taken from the input ahead of the last fill
   bool filled = false;        // `packed` is the result of a fill not yet begun with
   int status = 0;             // of the last fill; negative: the stream has failed
