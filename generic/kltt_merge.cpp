@@ -6,7 +6,6 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <utility>
 
@@ -129,8 +128,7 @@ class Merge {
   bool pass(int mode, const KLT_HandlerTable& table) {
     constexpr int kStepMilliseconds = 250;
     const bool shown = progress_ != nullptr && mode == KLT_MODE_EVENTS;
-    const std::unique_ptr<KLT_Reader, void (*)(KLT_Reader*)> owner(
-        KLT_OpenReader(input_, mode, 0, nullptr, &table, 1), &KLT_CloseReader);
+    const KLT_OwnedReader owner(KLT_OpenReader(input_, mode, 0, nullptr, &table, 1));
     KLT_Reader* const reader = owner.get();
     judge(reader == nullptr ? KLT_STATUS_ABORTING : KLT_ReaderStatus(reader));
     int percent = -1;
@@ -213,6 +211,6 @@ class Merge {
 
 int KLTM_Merge(const char* prefix, const char* target, KLT_FileHandle* input, int flags,
                KLTM_Progress progress, RK_Output* stream) {
-  const std::unique_ptr<KLT_FileHandle, void (*)(KLT_FileHandle*)> owner(input, &KLT_Close);
+  const KLT_OwnedTrace owner(input);
   return Merge(prefix, target, input, flags, progress, stream).run();
 }

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
 #include <vector>
 
 #include "generic/RK_conf.h"
@@ -49,10 +48,8 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                           std::span<const KLT_Request> requests, int serial) {
   std::vector<const KLT_Request*> pointers;
   for (const KLT_Request& request : requests) pointers.push_back(&request);
-  const std::unique_ptr<KLT_Reader, void (*)(KLT_Reader*)> owner(
-      KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()), pointers.data(), &table,
-                     serial),
-      &KLT_CloseReader);
+  const KLT_OwnedReader owner(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
+                                             pointers.data(), &table, serial));
   KLT_Reader* const reader = owner.get();
   if (reader == nullptr) judge(KLT_STATUS_ABORTING);
   judge(KLT_ReaderStatus(reader));

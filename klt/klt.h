@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "klt/klt_handlers.h"
 #include "klt/klt_request.h"
@@ -40,6 +41,14 @@ void KLT_Close(KLT_FileHandle* handle);
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);
 void KLT_CloseReader(KLT_Reader* reader);
+
+// A trace and a reader that are closed where their owner ends.
+struct KLT_Closer {
+  void operator()(KLT_FileHandle* handle) const { KLT_Close(handle); }
+  void operator()(KLT_Reader* reader) const { KLT_CloseReader(reader); }
+};
+using KLT_OwnedTrace = std::unique_ptr<KLT_FileHandle, KLT_Closer>;
+using KLT_OwnedReader = std::unique_ptr<KLT_Reader, KLT_Closer>;
 
 // Delivers records until the end, a stop or the limit of `timeoutMs` milliseconds; a negative limit
 // is none. Can be called again after every result but 1 and 3.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
@@ -12,18 +13,11 @@ namespace {
 
 constexpr uint64_t pair(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
 
-uint32_t hashOf(uint32_t gtp, uint32_t function, uint32_t seed) {
-  uint64_t hash = (pair(gtp, function) ^ seed) * 0x9e3779b97f4a7c15;
-  hash = (hash ^ hash >> 32) * 0xd6e8feb86659fd93;
-  return static_cast<uint32_t>(hash >> 32);
-}
-
-uint32_t hashOf(const KLT_FileStats::Message& key, uint32_t seed) {
-  uint64_t hash = seed ^ pair(key.sender, key.receiver);
-  for (const uint64_t part :
-       {pair(key.funcSender, key.funcReceiver), pair(key.tag, key.size), uint64_t{key.comm}}) {
-    hash *= 0x9e3779b97f4a7c15;
-    hash = (hash ^ hash >> 32) ^ part;
+uint32_t hashOf(uint32_t seed, std::initializer_list<uint64_t> parts) {
+  uint64_t hash = seed;
+  for (const uint64_t part : parts) {
+    hash = (hash ^ part) * 0x9e3779b97f4a7c15;
+    hash ^= hash >> 32;
   }
   hash *= 0xd6e8feb86659fd93;
   return static_cast<uint32_t>(hash >> 32);
@@ -57,7 +51,7 @@ void KLT_FileStats::Table::add(uint32_t hash) {
 }
 
 void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive) {
-  const uint32_t hash = hashOf(gtp, function, seed_);
+  const uint32_t hash = hashOf(seed_, {pair(gtp, function)});
   const uint32_t place = functionPlaces_.find(hash, [&](uint32_t candidate) {
     const FunctionStat& stat = functions_[candidate - 1];
     return stat.gtp == gtp && stat.function == function;
@@ -78,7 +72,9 @@ void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uin
 }
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
-  const uint32_t hash = hashOf(key, seed_);
+  const uint32_t hash =
+      hashOf(seed_, {pair(key.sender, key.receiver), pair(key.funcSender, key.funcReceiver),
+                     pair(key.tag, key.size), key.comm});
   const uint32_t place = messagePlaces_.find(
       hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
   if (place == 0) {

@@ -23,8 +23,6 @@ constexpr size_t kFirstBuffer = 4096;
 constexpr uint32_t kFirstListId = 2;
 constexpr uint32_t kLastListId = 65535;
 
-unsigned bitOf(uint32_t category) { return static_cast<unsigned>(__builtin_ctz(category)); }
-
 std::string suffixOf(uint32_t categories, uint32_t thread) {
   switch (categories) {
     case klt::kDeclarations:
@@ -108,11 +106,6 @@ const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   return nullptr;
 }
 
-KLT_WriteContext* findContext(const KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
-  const uint32_t place = writer.byThread[bitOf(category)].find(thread);
-  return place == 0 ? nullptr : writer.contexts[place - 1].get();
-}
-
 // Drops the component: what is written to it from now on is lost.
 void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuffer& buffer) {
   const std::string suffix = context.suffix.empty() ? "???" : PAL_Printable(context.suffix);
@@ -173,13 +166,14 @@ KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, 
     context->fileId = kFirstFileId + ++writer.filesDeclared;
   }
   writer.contexts.push_back(std::move(context));
-  writer.byThread[bitOf(category)].add(thread, static_cast<uint32_t>(writer.contexts.size()));
+  writer.byThread[static_cast<size_t>(std::countr_zero(category))].add(
+      thread, static_cast<uint32_t>(writer.contexts.size()));
   return *writer.contexts.back();
 }
 
 KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
                                        uint32_t thread) {
-  KLT_WriteContext* context = findContext(writer, category, thread);
+  KLT_WriteContext* context = writer.contextOf(category, thread);
   if (context == nullptr) context = &KLT_CreateContext(writer, category, thread);
   if (context->broken) return nullptr;
   const char* error = openContext(writer, *context);

@@ -165,13 +165,16 @@ class RowWriter {
   }
 
   [[nodiscard]] size_t encodedBytes() const {
-    if constexpr (!layout.hasArrays) return 1 + layout.headBytes;
-    size_t bytes = 1;
-    for (size_t f = 0; f < row.numFields; ++f) {
-      const size_t n = layout.isArray(f) ? counts_[layout.countOf[f]] : 1;
-      bytes += n * KLT_TypeBytes(row.fields[f].type());
+    if constexpr (!layout.hasArrays) {
+      return 1 + layout.headBytes;
+    } else {
+      size_t bytes = 1;
+      for (size_t f = 0; f < row.numFields; ++f) {
+        const size_t n = layout.isArray(f) ? counts_[layout.countOf[f]] : 1;
+        bytes += n * KLT_TypeBytes(row.fields[f].type());
+      }
+      return bytes;
     }
-    return bytes;
   }
 
   void encode(uint8_t* to, uint64_t step) {

@@ -121,6 +121,11 @@ struct KLT_WFileHandle {
   KLT_WFileHandle& operator=(const KLT_WFileHandle&) = delete;
   ~KLT_WFileHandle();
 
+  // The context that KLT_GetWriteContext has made, or null.
+  [[nodiscard]] KLT_WriteContext* contextOf(uint32_t category, uint32_t thread) const {
+    const uint32_t place = byThread[static_cast<size_t>(std::countr_zero(category))].find(thread);
+    return place == 0 ? nullptr : contexts[place - 1].get();
+  }
   // The id of a text, 0 for null; new texts are entered.
   [[nodiscard]] uint32_t stringId(const char* text);
   [[nodiscard]] KLT_FileStats* stats() const { return fileStats.get(); }
@@ -152,10 +157,9 @@ struct KLT_WFileHandle {
                                                      uint32_t thread);
 [[nodiscard, gnu::always_inline]] inline KLT_WriteContext* KLT_GetWriteContext(
     KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
-  const auto bit = static_cast<size_t>(std::countr_zero(category));
-  const uint32_t place = writer.byThread[bit].find(thread);
-  if (place != 0 && writer.contexts[place - 1]->opened) [[likely]]
-    return writer.contexts[place - 1].get();
+  KLT_WriteContext* context = writer.contextOf(category, thread);
+  if (context != nullptr && context->opened) [[likely]]
+    return context;
   return KLT_OpenWriteContext(writer, category, thread);
 }
 // Hands what is buffered to the components. `final` ends a compressed stream.

@@ -8,7 +8,6 @@
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -131,10 +130,7 @@ inline Recorder::Recorder() {
 #undef CATCH
 }
 
-struct ReaderCloser {
-  void operator()(KLT_Reader* reader) const { KLT_CloseReader(reader); }
-};
-using Reader = std::unique_ptr<KLT_Reader, ReaderCloser>;
+using Reader = KLT_OwnedReader;
 
 // A trace on disk, open; its definitions have been read into `definitions`.
 class OpenTrace {
