@@ -5,8 +5,6 @@
 //          any other | operations of 3 bytes: what, component, number
 #include <fcntl.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <map>
 
 #include "fuzz/fuzz_target.h"
@@ -16,12 +14,6 @@
 namespace {
 
 const char* const kComponents[] = {"t.klt", "t.klt.a", "t.klt.b", "t.klt.c"};
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "the container differs: %s\n", what);
-  std::abort();
-}
 
 void readEverything(KLT_Container* container, const std::string& base) {
   constexpr size_t kMostComponents = 64;
@@ -64,7 +56,7 @@ class Operations {
   explicit Operations(int form) : form_(form) {
     container_ = KLT_ContainerCreate(fuzz::directory().path().c_str(), O_RDWR | O_CREAT | O_TRUNC,
                                      0600, form, "t.klt");
-    require(container_ != nullptr, "it can't be created");
+    fuzz::require(container_ != nullptr, "it can't be created");
   }
 
   void run(std::string_view steps) {
@@ -73,14 +65,14 @@ class Operations {
            static_cast<uint8_t>(steps[2]));
     }
     for (Open& open : open_) close(open);
-    require(KLT_ContainerClose(container_) == 0, "it can't be completed");
+    fuzz::require(KLT_ContainerClose(container_) == 0, "it can't be completed");
     compare();
   }
 
  private:
   static void close(Open& open) {
     if (open.file == nullptr) return;
-    require(KLT_IoClose(open.file) == 0, "a component can't be closed");
+    fuzz::require(KLT_IoClose(open.file) == 0, "a component can't be closed");
     open = {};
   }
 
@@ -89,7 +81,7 @@ class Operations {
     std::string& content = contents_[index];
     if (open.file == nullptr) {
       open.file = KLT_IoOpen(container_, kComponents[index]);
-      require(open.file != nullptr, "a component can't be opened");
+      fuzz::require(open.file != nullptr, "a component can't be opened");
       used_[index] = true;
       content.clear();  // O_TRUNC
     }
@@ -104,9 +96,9 @@ class Operations {
       default:
         if (form_ != KLT_FORM_SERIAL && !content.empty()) {
           open.position = number * content.size() / 255;
-          require(KLT_IoSeek(open.file, static_cast<int64_t>(open.position), SEEK_SET) ==
-                      static_cast<int64_t>(open.position),
-                  "a seek ends elsewhere");
+          fuzz::require(KLT_IoSeek(open.file, static_cast<int64_t>(open.position), SEEK_SET) ==
+                            static_cast<int64_t>(open.position),
+                        "a seek ends elsewhere");
         }
         break;
     }
@@ -119,8 +111,8 @@ class Operations {
     }
     std::string text(bytes, '\0');
     for (char& c : text) c = static_cast<char>(++written_);
-    require(KLT_IoWrite(open.file, text.data(), bytes) == static_cast<int64_t>(bytes),
-            "a write is short");
+    fuzz::require(KLT_IoWrite(open.file, text.data(), bytes) == static_cast<int64_t>(bytes),
+                  "a write is short");
     if (content.size() < open.position + bytes) content.resize(open.position + bytes);
     content.replace(open.position, bytes, text);
     open.position += bytes;
@@ -129,16 +121,16 @@ class Operations {
   void compare() const {
     const std::string base = fuzz::directory() / "t.klt";
     KLT_Container* container = KLT_ContainerOpen(nullptr, base.c_str(), O_RDONLY, 0);
-    require(container != nullptr, "it can't be opened");
+    fuzz::require(container != nullptr, "it can't be opened");
     for (size_t i = 0; i < 4; ++i) {
       if (!used_[i]) continue;
       const std::string name = fuzz::directory() / kComponents[i];
       KLT_IoFile* file = KLT_IoOpen(container, name.c_str());
-      require(file != nullptr, "a component is missing");
+      fuzz::require(file != nullptr, "a component is missing");
       std::string got(contents_[i].size() + 1, '\0');
       const int64_t came = KLT_IoRead(file, got.data(), got.size());
       got.resize(came < 0 ? 0 : static_cast<size_t>(came));
-      require(got == contents_[i], "a component has other bytes");
+      fuzz::require(got == contents_[i], "a component has other bytes");
       KLT_IoClose(file);
     }
     KLT_ContainerClose(container);
@@ -172,8 +164,7 @@ size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t limit, unsigne
     return LLVMFuzzerMutate(data, size, limit);
   // The directory is what counts: change a number in it, or one of its bytes.
   const size_t end = input.size() - 8;
-  uint64_t directory = 0;
-  for (const char c : input.substr(end)) directory = directory << 8 | static_cast<uint8_t>(c);
+  const uint64_t directory = fuzz::load(input, end, 8);
   const size_t begin = directory < end - 1 && fuzz::below(random, 8) != 0 ? 1 + directory : 1;
   std::string part = input.substr(begin);
   fuzz::mutateBytes(random, part);

@@ -1,28 +1,27 @@
 // An index with its layouts, over components in the standard layout: what the index says decides
 // how their bytes are taken.
-#include "fuzz/fuzz_pass.h"
 #include "fuzz/fuzz_target.h"
 #include "fuzz/fuzz_trace_bytes.h"
 #include "klt/klt_files.h"
+#include "tests/builder/touching.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   tb::TraceFiles files = fuzz::baseTrace();
   files[" "] = fuzz::view(data, size);
   const std::string name = files.writeContainer(fuzz::directory());
   (void)KLT_IsTrace(name.c_str());
-  KLT_FileHandle* trace = KLT_Open(name.c_str());
+  const KLT_OwnedTrace trace(KLT_Open(name.c_str()));
   if (trace == nullptr) return 0;
   std::vector<std::string> names;
   std::vector<uint64_t> sizes;
-  KLT_FileList(trace, &names, &sizes);
-  (void)KLT_FilesAreKnown(trace);
-  fuzz::runPass(trace, KLT_MODE_DEFINITIONS, {}, 1);
-  fuzz::runPass(trace, KLT_MODE_EVENTS, {}, 1);
+  KLT_FileList(trace.get(), &names, &sizes);
+  (void)KLT_FilesAreKnown(trace.get());
+  tb::touchAll(trace.get(), KLT_MODE_DEFINITIONS, {}, 1);
+  tb::touchAll(trace.get(), KLT_MODE_EVENTS, {}, 1);
   KLT_Request late;
   late.start = 1100;
   late.categories = 1;
-  fuzz::runPass(trace, KLT_MODE_EVENTS, {late}, 1);
-  KLT_Close(trace);
+  tb::touchAll(trace.get(), KLT_MODE_EVENTS, {late}, 1);
   return 0;
 }
 

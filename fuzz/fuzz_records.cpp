@@ -22,12 +22,6 @@ const std::array<const tb::Row*, 256>& rows() {
   return table;
 }
 
-uint64_t load(std::string_view bytes, size_t at, size_t width) {
-  uint64_t value = 0;
-  for (size_t i = 0; i < width; ++i) value = value << 8 | static_cast<uint8_t>(bytes[at + i]);
-  return value;
-}
-
 void store(std::string& bytes, size_t at, uint64_t value, size_t width) {
   for (size_t i = 0; i < width; ++i) {
     bytes[at + i] = static_cast<char>(value >> (8 * (width - 1 - i)));
@@ -172,8 +166,11 @@ uint64_t anyNumber(Random& random) {
       const uint64_t limit = uint64_t{1} << below(random, 64);
       return limit + below(random, 3) - 1;
     }
-    case 1:
-      return (uint64_t{random()} << 32 | random()) >> below(random, 64);
+    case 1: {
+      const uint64_t high = random();  // one after the other, whatever the compiler
+      const uint64_t low = random();
+      return (high << 32 | low) >> below(random, 64);
+    }
     case 2:  // another thread of a process
       return below(random, 3) << 16 | below(random, 4);
     case 3:

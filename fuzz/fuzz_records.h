@@ -12,12 +12,20 @@
 #include <string_view>
 #include <vector>
 
+#include "klt/klt_wire.h"
+
 namespace fuzz {
 
 using Random = std::mt19937;
 
 [[nodiscard]] inline size_t below(Random& random, size_t limit) {
   return limit == 0 ? 0 : random() % limit;
+}
+
+// The number of 1, 2, 4 or 8 bytes at `at`, which are there.
+[[nodiscard]] inline uint64_t load(std::string_view bytes, size_t at, size_t width) {
+  return klt::loadBig(reinterpret_cast<const uint8_t*>(bytes.data()) + at,
+                      static_cast<unsigned>(width));
 }
 
 // The bytes in front of an index's first record.

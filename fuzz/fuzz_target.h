@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -26,6 +28,13 @@ namespace fuzz {
 
 [[nodiscard]] inline std::string_view view(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
+}
+
+// A finding that no sanitizer sees.
+inline void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "wrong: %s\n", what);
+  std::abort();
 }
 
 // Hands an input over to libFuzzer; 0 if it is too long.

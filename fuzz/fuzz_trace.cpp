@@ -4,8 +4,6 @@
 //
 // Bits of the options: 0 to 2 which requests, 3 delivery in time order, 4 matched text, 5 a single
 // file as output.
-#include <cstdio>
-#include <cstdlib>
 
 #include "fuzz/fuzz_target.h"
 #include "fuzz/fuzz_trace_bytes.h"
@@ -58,18 +56,20 @@ class Run {
     RK_conf.print_statistics = 1;
     return extract(name);
   }
-  int mergeOrSummarise(const std::string& name) const {
+  // Whether there is a merged trace: a summary is all that others give.
+  bool mergeOrSummarise(const std::string& name) const {
     RK_ConfigDefaults();
     KLT_FileHandle* trace = KLT_Open(name.c_str());
-    if (trace == nullptr) return -1;
+    if (trace == nullptr) return false;
     const bool raw = (trace->flags & 1) != 0;
     int flags = raw ? KLTM_MERGE : KLTM_SUMMARY;
     if (raw && (options_ & 0x10) != 0) flags |= KLTM_SUMMARY;
     if ((options_ & 0x20) != 0) flags |= KLTM_SINGLE_FILE;
-    return ended([&] {
+    const int result = ended([&] {
       return KLTM_Merge(nullptr, (fuzz::directory() / "merged.klt").c_str(), trace, flags, nullptr,
                         nullptr);
     });
+    return raw && result == KLTM_DONE;
   }
 
  private:
@@ -103,27 +103,22 @@ class Run {
   uint8_t options_;
 };
 
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
-
 }  // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   KLTT_exitHook = [](int status) { throw Ended{status}; };
+  fuzz::clearDirectory();  // summary files aren't overwritten
   const std::string name = fuzz::directory() / "t.klt";
   tb::writeFile(name, fuzz::view(data, size).substr(1));
   const Run run(data[0]);
   if (run.dump(name) == -1) return 0;
   if (run.write(name) == 0) {
     const int status = Run(0).dump(fuzz::directory() / "out.klt");
-    require(status != -1, "a complete extraction can't be opened");
+    fuzz::require(status != -1, "a complete extraction can't be opened");
   }
   (void)run.print(name);
-  if (run.mergeOrSummarise(name) == KLTM_DONE) (void)Run(0).dump(fuzz::directory() / "merged.klt");
+  if (run.mergeOrSummarise(name)) (void)Run(0).dump(fuzz::directory() / "merged.klt");
   return 0;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <utility>
 #include <vector>
 
@@ -17,9 +18,8 @@ class Numbers {
   explicit Numbers(std::string_view bytes) : bytes_(bytes) {}
 
   uint64_t next(size_t width) {
-    uint64_t value = 0;
-    for (const char c : text(width)) value = value << 8 | static_cast<uint8_t>(c);
-    return value;
+    const std::string_view bytes = text(width);
+    return bytes.size() < width ? 0 : load(bytes, 0, width);
   }
   std::string_view text(size_t length) {
     failed_ |= length > bytes_.size();
@@ -96,6 +96,7 @@ tb::TraceFiles buildBase() {
   communication.anchorEvery(60);
   addEvents(communication, false);
   tb::Stream& raw = trace.stream("f.3", tb::RAW_EVENTS | tb::FUNCTIONS, {0, 1});
+  raw.anchorEvery(60);
   addEvents(raw, true);
   return trace.files();
 }
@@ -168,6 +169,12 @@ void crossTraces(Random& random, tb::TraceFiles& files, const tb::TraceFiles& do
 const tb::TraceFiles& baseTrace() {
   static const tb::TraceFiles files = buildBase();
   return files;
+}
+
+void clearDirectory() {
+  for (const auto& file : std::filesystem::directory_iterator(directory().path())) {
+    std::filesystem::remove_all(file);
+  }
 }
 
 const tb::TempDir& directory() {

@@ -26,5 +26,7 @@ void crossTraces(Random& random, tb::TraceFiles& files, const tb::TraceFiles& do
 
 // A directory for the files of this process, gone at its end.
 [[nodiscard]] const tb::TempDir& directory();
+// Removes what earlier inputs have left there.
+void clearDirectory();
 
 }  // namespace fuzz

@@ -55,7 +55,7 @@ void shorten(tb::TraceFiles& files) {
 }
 
 void addComponents(Seeds& seeds, const tb::TraceFiles& files) {
-  // flags, requests of calls of some threads and of a window
+  // A request from time 32 on, of all categories, of processes 0 to 3 by twos.
   static constexpr char kRequest[] = "\0\0\0\x20\xff\xff\xff\xff\x00\x01\x00\x03\x82\x00";
   for (const auto& [key, bytes] : files.parts()) {
     if (key == " " || key.ends_with(".anc")) continue;

@@ -1,11 +1,13 @@
-// Handlers that look at every byte they are given, so that a sanitizer sees what is wrong with it.
+// Handlers that look at every byte they are given, so that a sanitizer sees what is wrong with it,
+// and passes that use them.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <vector>
 
-#include "klt/klt_handlers.h"
+#include "klt/klt.h"
 
 namespace tb {
 
@@ -102,6 +104,24 @@ inline KLT_HandlerTable touchingTable(Seen& seen) {
   table.willy_definition = &touch;
   table.willy_name = &touch;
   return table;
+}
+
+// One pass to its end. A stream that fails leaves the others; corruption without time order may be
+// met once a stream.
+inline void touchAll(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& requests,
+                     int serial) {
+  constexpr int kMostFailures = 1000;
+  Seen seen;
+  const KLT_HandlerTable table = touchingTable(seen);
+  std::vector<const KLT_Request*> pointers;
+  pointers.reserve(requests.size());
+  for (const KLT_Request& request : requests) pointers.push_back(&request);
+  const KLT_OwnedReader reader(KLT_OpenReader(trace, mode, static_cast<uint32_t>(pointers.size()),
+                                              pointers.data(), &table, serial));
+  for (int step = 0; reader != nullptr && step < kMostFailures; ++step) {
+    const int status = KLT_ReadEvents(reader.get(), -1);
+    if (status == KLT_STATUS_FINISHED || status == KLT_STATUS_ABORTING) break;
+  }
 }
 
 }  // namespace tb

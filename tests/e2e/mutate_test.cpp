@@ -115,23 +115,6 @@ void damage(Random& random, tb::TraceFiles& files, const tb::TraceFiles& donor) 
 
 // --- Reading -------------------------------------------------------------------------------------
 
-void pass(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& requests, int serial) {
-  tb::Seen seen;
-  const KLT_HandlerTable table = tb::touchingTable(seen);
-  std::vector<const KLT_Request*> pointers;
-  pointers.reserve(requests.size());
-  for (const KLT_Request& request : requests) pointers.push_back(&request);
-  KLT_Reader* reader = KLT_OpenReader(trace, mode, static_cast<uint32_t>(pointers.size()),
-                                      pointers.data(), &table, serial);
-  if (reader == nullptr) return;
-  // A stream that fails leaves the others; corruption without time order may be met once a stream.
-  for (int step = 0; step < 1000; ++step) {
-    const int status = KLT_ReadEvents(reader, -1);
-    if (status == KLT_STATUS_FINISHED || status == KLT_STATUS_ABORTING) break;
-  }
-  KLT_CloseReader(reader);
-}
-
 // Windows over all magnitudes of time, single threads and categories.
 std::vector<KLT_Request> someRequests(Random& random) {
   std::vector<KLT_Request> requests(below(random, 4));
@@ -156,9 +139,9 @@ void read(Random& random, const std::string& name) {
   if (!KLT_IsTrace(name.c_str()) && below(random, 4) != 0) return;
   KLT_FileHandle* trace = KLT_Open(name.c_str());
   if (trace == nullptr) return;
-  pass(trace, KLT_MODE_DEFINITIONS, {}, 1);
-  pass(trace, KLT_MODE_EVENTS, {}, below(random, 4) != 0);
-  pass(trace, KLT_MODE_EVENTS, someRequests(random), below(random, 4) != 0);
+  tb::touchAll(trace, KLT_MODE_DEFINITIONS, {}, 1);
+  tb::touchAll(trace, KLT_MODE_EVENTS, {}, below(random, 4) != 0);
+  tb::touchAll(trace, KLT_MODE_EVENTS, someRequests(random), below(random, 4) != 0);
   KLT_Close(trace);
 }
 
