@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <numeric>
 #include <span>
+#include <tuple>
 
 namespace pal {
 namespace {
@@ -213,7 +214,9 @@ std::optional<Sections> makeSet(Sections sections, Budget& budget) {
   budget.maxSections = std::max(budget.maxSections, 2 * sections.size());
   budget.steps += 64 * static_cast<int64_t>(sections.size());
   // Equal sections count once, wherever they stand: united in each half they would cost each time.
-  std::sort(sections.begin(), sections.end());
+  std::sort(sections.begin(), sections.end(), [](const Section& a, const Section& b) {
+    return std::tie(a.low, a.high, a.step) < std::tie(b.low, b.high, b.step);
+  });
   sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
   return makeSorted(std::span<const Section>(sections), budget);
 }

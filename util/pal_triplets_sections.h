@@ -6,7 +6,6 @@
 // interleave in one stretch. That work is bounded (see Budget).
 #pragma once
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -25,7 +24,7 @@ struct Section {
   int64_t step;
 
   [[nodiscard]] int64_t count() const { return (high - low) / step + 1; }
-  friend auto operator<=>(const Section&, const Section&) = default;
+  friend bool operator==(const Section&, const Section&) = default;
 };
 
 using Sections = std::vector<Section>;

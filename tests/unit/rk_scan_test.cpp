@@ -184,7 +184,7 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   // Words of a request that select nothing are allowed.
   const auto remark = [&](const char* argument) {
     EXPECT_TRUE(scan(argument));
-    const std::string shown = testing::internal::GetCapturedStderr();
+    std::string shown = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     return shown;
   };
