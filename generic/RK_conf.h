@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,8 +21,8 @@ struct RK_Request {
   PAL_Triplets triplets;    // threads; empty means all
   double time = 0;          // a single time; selects nothing
   double window_start = 0;
-  double window_end = -1.0;         // negative: open
-  std::optional<std::string> type;  // quoted text or unknown word; selects nothing
+  double window_end = -1.0;        // negative: open
+  std::vector<std::string> types;  // quoted texts and unknown words; they select nothing
 };
 
 // One member per option, its key in lower case with "_" for "-". A switch is 0 or 1.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "generic/RK_conf.h"
+#include "klt/klt_schema.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -67,6 +68,25 @@ class Nearest {
 
 constexpr size_t kLongest = 64;
 
+// Calls `take` with each category that selects events.
+template <class Take>
+void forEachCategory(Take take) {
+  constexpr uint32_t kSelects = klt::kWholeSelection & ~(klt::kAny | klt::kDeclarations);
+  for (unsigned bit = 0; bit < 16; ++bit) {
+    if ((kSelects >> bit & 1) != 0) take(KLT_CategoryName(bit));
+  }
+}
+
+// The category that `word` is most like; empty if it is like none.
+std::string nearestCategory(std::string_view word) {
+  const std::string meant = lowerCase(word);
+  // Several words in one set of quotes are not a name that was mistyped.
+  if (meant.size() > kLongest || meant.find_first_of(" ,:") != std::string::npos) return {};
+  Nearest nearest(meant);
+  forEachCategory([&](std::string_view name) { nearest.consider(name); });
+  return nearest.name();
+}
+
 }  // namespace
 
 void RK_HintOption(std::string_view keyword) {
@@ -80,20 +100,6 @@ void RK_HintOption(std::string_view keyword) {
                isValued ? " VALUE" : "");
 }
 
-void RK_HintRequestWord(std::string_view word, std::span<const std::string_view> categories) {
-  const std::string meant = lowerCase(word);
-  std::fprintf(stderr, "\"%s\" in a request selects nothing.\n", PAL_Printable(word).c_str());
-  Nearest nearest(meant);
-  // Several words in one set of quotes are not a name that was mistyped.
-  if (meant.size() <= kLongest && meant.find_first_of(" ,:") == std::string::npos) {
-    for (const std::string_view category : categories) nearest.consider(category);
-  }
-  if (nearest.name().empty())
-    RK_HintRequest();
-  else
-    std::fprintf(stderr, "Did you mean %s?\n", nearest.name().c_str());
-}
-
 void RK_HintName(std::string_view keyword) {
   std::fprintf(
       stderr,
@@ -102,12 +108,28 @@ void RK_HintName(std::string_view keyword) {
       static_cast<int>(keyword.size()), keyword.data());
 }
 
-void RK_HintRequest() {
+void RK_HintRequest(std::span<const std::string> words, bool isBroken) {
+  bool needsForms = isBroken;
+  for (const std::string& word : words) {
+    std::fprintf(stderr, "\"%s\" in a request selects nothing.\n", PAL_Printable(word).c_str());
+    const std::string category = nearestCategory(word);
+    if (category.empty())
+      needsForms = true;
+    else if (RK_ConfigSameText(word, category))
+      std::fprintf(stderr, "A category has no quotes: %s.\n", category.c_str());
+    else
+      std::fprintf(stderr, "Did you mean %s?\n", category.c_str());
+  }
+  if (!needsForms) return;
   std::fputs(
       "A request names any of these, separated by blanks or commas:\n"
       "  a window     10s:20s  1.5s:2s  1h+30m:2h  (units s, l 1/1000 s, c 1/1000000 s, m, h, d, "
       "w)\n"
       "  threads      5  0:3  0:15:4               (first:last:stride)\n"
-      "  categories   FUNCTIONS MESSAGES COLLOPS SCOPES FILEIO COUNTERS\n",
+      "  categories  ",
       stderr);
+  forEachCategory([](std::string_view name) {
+    std::fprintf(stderr, " %.*s", static_cast<int>(name.size()), name.data());
+  });
+  std::fputs("\n", stderr);
 }

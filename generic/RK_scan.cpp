@@ -17,7 +17,6 @@
 #include "generic/RK_scan.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -25,6 +24,7 @@
 
 #include "generic/RK_conf.h"
 #include "generic/RK_hint.h"
+#include "klt/klt_schema.h"
 #include "util/pal_error.h"
 #include "util/pal_strings.h"
 
@@ -160,22 +160,12 @@ bool readToggleOrFile(std::string_view text, int32_t* value) {
   return true;
 }
 
-// Categories by name; the bits are those of the records' category masks.
-struct Category {
-  const char* name;
-  uint32_t bit;
-};
-constexpr Category kCategories[] = {
-    {"FUNCTIONS", 2}, {"SCOPES", 3},  {"OPENMP", 4},     {"FILEIO", 5},      {"COUNTERS", 6},
-    {"MESSAGES", 7},  {"COLLOPS", 8}, {"frames", 9},     {"thumbnails", 10}, {"internal", 11},
-    {"REQUESTS", 12}, {"ERRORS", 13}, {"RAW_EVENTS", 15}};
-
 void takeType(RK_Request& request, std::string_view text) {
-  if (request.type) {
+  if (!request.types.empty()) {
     PAL_Warning("overwriting old type \"%s\" of frame with \"%s\"",
-                PAL_Printable(*request.type).c_str(), PAL_Printable(text).c_str());
+                PAL_Printable(request.types.back()).c_str(), PAL_Printable(text).c_str());
   }
-  request.type = std::string(text);
+  request.types.emplace_back(text);
 }
 
 void takeQuoted(RK_Request& request, std::string_view text) {
@@ -201,9 +191,10 @@ void takeTime(RK_Request& request, std::string_view text) {
 }
 
 void takeName(RK_Request& request, std::string_view text) {
-  for (const Category& category : kCategories) {
-    if (!RK_ConfigSameText(text, category.name)) continue;
-    request.categories |= uint32_t{1} << category.bit;
+  constexpr unsigned kFirstCategory = 2;  // those before it are no words of a request
+  for (unsigned bit = kFirstCategory; bit < 16; ++bit) {
+    if (!RK_ConfigSameText(text, KLT_CategoryName(bit))) continue;
+    request.categories |= uint32_t{1} << bit;
     return;
   }
   takeType(request, text);
@@ -313,18 +304,6 @@ bool readValue(const RK_Option& option, std::string_view value) {
   return readString(value, &(RK_conf.*std::get<std::string RK_Conf::*>(option.field)));
 }
 
-// A word that selects nothing is allowed, but rarely meant.
-void hintRequest(const RK_Request& request, bool isWhole) {
-  if (!isWhole) {
-    RK_HintRequest();
-  } else if (request.type) {
-    std::array<std::string_view, std::size(kCategories)> names;
-    std::transform(std::begin(kCategories), std::end(kCategories), names.begin(),
-                   [](const Category& category) { return category.name; });
-    RK_HintRequestWord(*request.type, names);
-  }
-}
-
 bool readOption(const Line& line, const RK_Option& option, std::string_view value) {
   if (value.empty() && !isToggle(option.type)) {
     reportMissing(line);
@@ -335,7 +314,7 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
     RK_Request& request = RK_conf.request.emplace_back();
     const std::string_view rest = readRequest(value, request);
     if (!rest.empty()) reportTrailing(line, rest);
-    if (line.mode == RK_ScanMode::parameter) hintRequest(request, rest.empty());
+    if (line.mode == RK_ScanMode::parameter) RK_HintRequest(request.types, !rest.empty());
     return rest.empty();
   }
   if (value.empty()) {

@@ -52,7 +52,7 @@ std::string describe(const RK_Request& request) {
   snprintf(numbers, sizeof numbers, "[%g %g] %g %x", request.window_start, request.window_end,
            request.time, request.categories);
   text += numbers;
-  if (request.type) text += " '" + *request.type + "'";
+  if (!request.types.empty()) text += " '" + request.types.back() + "'";
   return text;
 }
 
@@ -190,7 +190,14 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   };
   EXPECT_EQ(remark("request 0:3 function"),
             "\"function\" in a request selects nothing.\nDid you mean FUNCTIONS?\n");
-  EXPECT_TRUE(remark("request '1s:2s FUNCTIONS'").ends_with("SCOPES FILEIO COUNTERS\n"));
+  EXPECT_TRUE(remark("request 'collops' messagse")
+                  .ends_with("\"collops\" in a request selects nothing.\n"
+                             "A category has no quotes: COLLOPS.\n"
+                             "\"messagse\" in a request selects nothing.\n"
+                             "Did you mean MESSAGES?\n"));
+  EXPECT_TRUE(remark("request frame").ends_with("COUNTERS MESSAGES COLLOPS\n"));
+  EXPECT_TRUE(remark("request '1s:2s FUNCTIONS'").ends_with("COUNTERS MESSAGES COLLOPS\n"));
+  EXPECT_EQ(remark("request OPENMP frames"), "");
   EXPECT_EQ(remark("request 1s:2s, FUNCTIONS 0:3"), "");
 }
 
