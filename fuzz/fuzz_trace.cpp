@@ -1,9 +1,12 @@
-// A whole trace through dump, extraction, merge and summary.
+// A whole trace through dump, listings, extraction, copy, merge and summary.
 //
 //   input: options | a container
 //
 // Bits of the options: 0 to 2 which requests, 3 delivery in time order, 4 matched text, 5 a single
 // file as output.
+
+#include <filesystem>
+#include <string>
 
 #include "fuzz/fuzz_target.h"
 #include "fuzz/fuzz_trace_bytes.h"
@@ -11,8 +14,11 @@
 #include "generic/RK_scan.h"
 #include "generic/kltt_exit.h"
 #include "generic/kltt_extract.h"
+#include "generic/kltt_guard.h"
 #include "generic/kltt_merge.h"
+#include "generic/kltt_print.h"
 #include "klt/klt.h"
+#include "klt/klt_files.h"
 #include "klt/klt_intern.h"
 
 namespace {
@@ -45,16 +51,34 @@ class Run {
     output("out.ark", 0);
     return extract(name);
   }
+  // What the last dump wrote. One that fails early creates no file.
+  static std::string text() {
+    const std::string name = fuzz::directory() / "out.ark";
+    return std::filesystem::exists(name) ? tb::readFile(name) : std::string();
+  }
   int write(const std::string& name) const {
     configure();
     RK_conf.matched_rkf = 1;
     output("out.klt", 1);
     return extract(name);
   }
-  int print(const std::string& name) const {
-    RK_ConfigDefaults();
-    RK_conf.print_statistics = 1;
-    return extract(name);
+  void list(const std::string& name) const {
+    for (const auto what :
+         {&RK_Conf::print_statistics, &RK_Conf::print_reports, &RK_Conf::print_threads}) {
+      RK_ConfigDefaults();
+      RK_conf.*what = 1;
+      (void)extract(name);
+    }
+  }
+  // Copies the trace into files of its own.
+  bool copy(const std::string& name) const {
+    KLT_FileHandle* trace = KLT_Open(name.c_str());
+    if (trace == nullptr) return false;
+    KLTT_PrintFiles(trace);
+    const std::string target = fuzz::directory() / "copy.klt";
+    const int status = KLT_Convert(trace, nullptr, target.c_str(), 0, KLTT_InputFiles(trace));
+    KLT_Close(trace);
+    return status == 0;
   }
   // Whether there is a merged trace: a summary is all that others give.
   bool mergeOrSummarise(const std::string& name) const {
@@ -112,12 +136,19 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string name = fuzz::directory() / "t.klt";
   tb::writeFile(name, fuzz::view(data, size).substr(1));
   const Run run(data[0]);
-  if (run.dump(name) == -1) return 0;
-  if (run.write(name) == 0) {
-    const int status = Run(0).dump(fuzz::directory() / "out.klt");
-    fuzz::require(status != -1, "a complete extraction can't be opened");
+  const int status = run.dump(name);
+  if (status == -1) return 0;
+  if (run.copy(name)) {
+    const std::string text = Run::text();
+    const int again = run.dump(fuzz::directory() / "copy.klt");
+    fuzz::require(again == status, "a complete copy gives another status");
+    fuzz::require(Run::text() == text, "a copy has another text");
   }
-  (void)run.print(name);
+  run.list(name);
+  if (run.write(name) == 0) {
+    const int again = Run(0).dump(fuzz::directory() / "out.klt");
+    fuzz::require(again != -1, "a complete extraction can't be opened");
+  }
   if (run.mergeOrSummarise(name)) (void)Run(0).dump(fuzz::directory() / "merged.klt");
   return 0;
 }

@@ -6,12 +6,22 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "fuzz/fuzz_trace_bytes.h"
 
 namespace {
 
 constexpr size_t kLargest = 16000;
+
+// What a folder contains, in the same order everywhere.
+std::vector<std::filesystem::path> entriesOf(const std::filesystem::path& folder) {
+  std::vector<std::filesystem::path> entries;
+  for (const auto& entry : std::filesystem::directory_iterator(folder))
+    entries.push_back(entry.path());
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
 
 class Seeds {
  public:
@@ -36,8 +46,8 @@ tb::TraceFiles load(const std::filesystem::path& folder) {
     return fuzz::takeApart(tb::readFile(base)).value_or(files);
   }
   files.add(" ", tb::readFile(base));
-  for (const auto& file : std::filesystem::directory_iterator(folder)) {
-    const std::string name = file.path().string();
+  for (const auto& file : entriesOf(folder)) {
+    const std::string name = file.string();
     if (name.starts_with(base) && name != base)
       files.add(name.substr(base.size()), tb::readFile(name));
   }
@@ -106,8 +116,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   Seeds seeds(argv[2]);
-  for (const auto& folder : std::filesystem::directory_iterator(argv[1])) {
-    if (std::filesystem::exists(folder.path() / "t.klt")) addTrace(seeds, folder.path());
+  for (const auto& folder : entriesOf(argv[1])) {
+    if (std::filesystem::exists(folder / "t.klt")) addTrace(seeds, folder);
   }
   tb::TraceFiles base = fuzz::baseTrace();
   seeds.add("index", base[" "]);

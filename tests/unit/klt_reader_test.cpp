@@ -370,44 +370,67 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
   }
 }
 
-// Records that wait for delivery take another way then, large ones yet another.
-TEST(KltOrder, HundredsOfStreamsWithRecordsOfAllSizes) {
-  constexpr size_t kStreams = 600;
-  constexpr size_t kRecords = 40;
-  std::vector<uint64_t> times(kStreams * kRecords);
+// With 512 streams or more, records wait for delivery in small buffers, large ones elsewhere. Some
+// streams hold more than is read ahead at once, some records are about as large as such a buffer.
+Lines fillWithSizesOfAllKinds(tb::Trace& trace, size_t streams) {
+  const auto recordsOf = [](size_t stream) { return stream % 64 == 5 ? size_t{400} : size_t{12}; };
+  size_t total = 0;
+  for (size_t i = 0; i < streams; ++i) total += recordsOf(i);
+  std::vector<uint64_t> times(total);
   std::iota(times.begin(), times.end(), uint64_t{1});
   std::mt19937 random(12);
   std::shuffle(times.begin(), times.end(), random);
-  tb::Trace trace;
-  Lines expected(times.size());
-  for (size_t i = 0; i < kStreams; ++i) {
-    const auto first = times.begin() + static_cast<ptrdiff_t>(i * kRecords);
-    std::sort(first, first + kRecords);
+  Lines expected(total);
+  auto first = times.begin();
+  for (size_t i = 0; i < streams; ++i) {
+    const auto last = first + static_cast<ptrdiff_t>(recordsOf(i));
+    std::sort(first, last);
     tb::Stream& stream = trace.stream("x." + std::to_string(i), tb::ANY);
-    for (size_t k = 0; k < kRecords; ++k) {
-      const uint64_t time = times[i * kRecords + k];
-      const std::string text(random() % 8 == 0 ? random() % 3000 : random() % 100, 'x');
-      stream.at(time).comment(static_cast<uint32_t>(i), text);
-      expected[time - 1] =
-          "comment " + std::to_string(time) + ' ' + std::to_string(i) + " '" + text + '\'';
+    for (; first != last; ++first) {
+      const size_t kinds[] = {random() % 100, 440 + random() % 90, random() % 3000};
+      const std::string text(kinds[random() % 3], 'x');
+      stream.at(*first).comment(static_cast<uint32_t>(i), text);
+      expected[*first - 1] =
+          "comment " + std::to_string(*first) + ' ' + std::to_string(i) + " '" + text + '\'';
     }
   }
-  OpenTrace open(trace);
-  Recorder recorder;
-  recorder.table.end_of_filter = nullptr;
-  EXPECT_EQ(difference(expected, open.read(recorder)), "");
+  // One stream ends within a record, another makes no sense from its start.
+  trace.stream("cut", tb::ANY).at(total + 1).comment(7, "last").bytes("\x12");
+  trace.stream("bad", tb::ANY).bytes("\x7f");
+  expected.push_back("comment " + std::to_string(total + 1) + " 7 'last'");
+  return expected;
+}
 
-  // Stopped in between, it goes on where it was.
-  Recorder stopping;
-  stopping.table.end_of_filter = nullptr;
-  const reading::Reader reader = open.reader(stopping.table);
-  for (size_t at = 1; at < expected.size(); at += 997) {
-    stopping.stopAt = at;
-    ASSERT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_HANDLER);
-    ASSERT_EQ(stopping.lines.size(), at);
+TEST(KltOrder, HundredsOfStreamsWithRecordsOfAllSizes) {
+  for (const size_t streams : {509U, 510U, 530U}) {
+    tb::Trace trace;
+    const Lines expected = fillWithSizesOfAllKinds(trace, streams);
+    OpenTrace open(trace);
+    Recorder recorder;
+    recorder.table.end_of_filter = nullptr;
+    Messages messages;
+    EXPECT_EQ(difference(expected, open.read(recorder)), "") << streams;
+    EXPECT_EQ(open.statuses, (std::vector<int>{KLT_STATUS_CONTINUING, kFinished}));
+    EXPECT_TRUE(open.lostData);
+
+    // Stopped in between by the handler or by the clock, it goes on where it was.
+    Recorder stopping;
+    stopping.table.end_of_filter = nullptr;
+    const reading::Reader reader = open.reader(stopping.table);
+    ASSERT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_CONTINUING);
+    double progress = 0;
+    int status = KLT_STATUS_TIME;
+    for (size_t round = 0; status != kFinished && round < expected.size(); ++round) {
+      stopping.stopAt = round % 2 == 0 ? stopping.lines.size() + 997 : 0;
+      status = KLT_ReadEvents(reader.get(), round % 2 == 0 ? -1 : 1);
+      const bool stopped = stopping.lines.size() == stopping.stopAt;
+      EXPECT_EQ(status == KLT_STATUS_HANDLER, stopped);
+      EXPECT_GE(KLT_Progress(reader.get()), progress);
+      progress = KLT_Progress(reader.get());
+    }
+    EXPECT_EQ(progress, 1.0);
+    EXPECT_EQ(difference(expected, stopping.lines), "") << streams;
   }
-  EXPECT_EQ(KLT_ReadEvents(reader.get(), -1), kFinished);
-  EXPECT_EQ(difference(expected, stopping.lines), "");
 }
 
 TEST(KltOrder, StreamsStandInTheOrderOfTheirBuckets) {
