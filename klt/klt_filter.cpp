@@ -413,5 +413,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
       if (s.reader->turnIsOver(s)) return KLT_Fill::kTurnOver;
     }
   }
+  // The next stream takes the buffer over while what is delivered waits.
+  if (s.input.drained()) s.input.freeBuffer();
   return KLT_Fill::kFilled;
 }

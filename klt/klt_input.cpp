@@ -44,6 +44,11 @@ void KLT_Input::detach() {
   ended_ = false;
 }
 
+void KLT_Input::freeBuffer() {
+  PAL_FREE(data_);
+  capacity_ = filled_ = pos_ = 0;
+}
+
 bool KLT_Input::seek(uint64_t offset) {
   ended_ = false;
   if (inflate_ != nullptr) {

@@ -8,39 +8,60 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
-class KLT_MergeTree {
+// A tournament of numbers that hold a time above a position, so that a game is decided without a
+// branch: which stream comes next can't be predicted. 64 bits hold the time since `start` in most
+// traces and take half the time of 128, which hold any time.
+template <class Key>
+class KLT_Tournament {
  public:
   static constexpr size_t kNone = ~size_t{0};
 
-  // A tree over `times`, one leaf for each.
-  void build(const std::vector<uint64_t>& times) {
-    std::vector<Entry> entries;
-    entries.reserve(times.size());
-    for (const uint64_t time : times) entries.push_back(entry(entries.size(), time));
-    plant(entries);
+  KLT_Tournament() = default;
+  // REQUIRES: fits() for each time.
+  KLT_Tournament(const std::vector<uint64_t>& times, uint64_t start, unsigned positionBits)
+      : start_(start), positionBits_(positionBits) {
+    std::vector<Key> keys;
+    keys.reserve(times.size());
+    for (const uint64_t time : times) keys.push_back(key(keys.size(), time));
+    plant(keys);
   }
 
-  // The position with the lowest time; kNone if none is left.
+  [[nodiscard]] static bool fits(uint64_t time, uint64_t start, unsigned positionBits) {
+    return time >= start && time - start < (~uint64_t{0} >> positionBits);
+  }
+  [[nodiscard]] bool fits(uint64_t time) const { return fits(time, start_, positionBits_); }
+
   [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
-  // The position with the lowest time but for `best`, or kNone.
   [[nodiscard]] size_t second(size_t best) const {
-    Entry found = kNobody;
-    for (size_t node = leaves_ + best; node > 1; node /= 2) {
-      found = earlier(found, nodes_[node ^ 1]);
+    // The losers to `best` in two lines, for the sake of the processor's pipeline.
+    Key one = kNobody;
+    Key other = kNobody;
+    size_t node = leaves_ + best;
+    for (; node > 3; node /= 4) {
+      one = earlier(one, nodes_[node ^ 1]);
+      other = earlier(other, nodes_[(node / 2) ^ 1]);
     }
-    return positionOf(found);
+    if (node > 1) one = earlier(one, nodes_[node ^ 1]);
+    return positionOf(earlier(one, other));
   }
   [[nodiscard]] uint64_t time(size_t position) const {
-    return static_cast<uint64_t>(nodes_[leaves_ + position] >> 64);
+    return start_ + static_cast<uint64_t>(nodes_[leaves_ + position] >> positionBits_);
+  }
+  [[nodiscard]] std::vector<uint64_t> times() const {
+    std::vector<uint64_t> times(count_);
+    for (size_t i = 0; i < count_; ++i) times[i] = time(i);
+    return times;
   }
 
-  void update(size_t position, uint64_t time) { replay(position, entry(position, time)); }
+  void update(size_t position, uint64_t time) { replay(position, key(position, time)); }
   // Two updates, of different positions. Games that concern both are played once.
   void update(size_t position1, uint64_t time1, size_t position2, uint64_t time2) {
-    Entry winner1 = entry(position1, time1);
-    Entry winner2 = entry(position2, time2);
+    Key winner1 = key(position1, time1);
+    Key winner2 = key(position2, time2);
     size_t node1 = leaves_ + position1;
     size_t node2 = leaves_ + position2;
     nodes_[node1] = winner1;
@@ -55,50 +76,114 @@ class KLT_MergeTree {
     }
     while (node1 > 1) node1 = play(node1, winner1);
   }
-  // Takes the last position out, which then has no time.
   void removeLast() {
     replay(--count_, kNobody);
     if (2 * count_ > leaves_ || count_ == 0) return;
     const auto first = nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_);
-    plant(std::vector<Entry>(first, first + static_cast<std::ptrdiff_t>(count_)));
+    plant(std::vector<Key>(first, first + static_cast<std::ptrdiff_t>(count_)));
   }
 
  private:
-  // Time and position as one number, so that a game is decided without a branch: which stream comes
-  // next can't be predicted.
-  __extension__ using Entry = unsigned __int128;
-  static constexpr Entry kNobody = ~Entry{0};
+  static constexpr Key kNobody = ~Key{0};
 
-  static Entry entry(size_t position, uint64_t time) { return Entry{time} << 64 | position; }
-  static size_t positionOf(Entry entry) { return static_cast<size_t>(entry); }
-  static Entry earlier(Entry a, Entry b) { return b < a ? b : a; }
+  static Key earlier(Key a, Key b) { return b < a ? b : a; }
+  [[nodiscard]] Key key(size_t position, uint64_t time) const {
+    return Key{time - start_} << positionBits_ | position;
+  }
+  [[nodiscard]] size_t positionOf(Key key) const {
+    if (key == kNobody) return kNone;
+    return static_cast<size_t>(key & ((Key{1} << positionBits_) - 1));
+  }
 
-  void plant(const std::vector<Entry>& entries) {
-    leaves_ = count_ = entries.size();
+  void plant(const std::vector<Key>& keys) {
+    leaves_ = count_ = keys.size();
     deep_ = std::bit_ceil(leaves_);
     nodes_.assign(2 * std::max<size_t>(leaves_, 1), kNobody);
-    std::copy(entries.begin(), entries.end(),
-              nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_));
+    std::copy(keys.begin(), keys.end(), nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_));
     for (size_t node = leaves_; node-- > 1;) {
       nodes_[node] = earlier(nodes_[2 * node], nodes_[2 * node + 1]);
     }
   }
-  // The game of `node`, where `winner` came from below, and its neighbour. Returns the node above.
-  size_t play(size_t node, Entry& winner) {
-    winner = earlier(winner, nodes_[node ^ 1]);
-    nodes_[node / 2] = winner;
-    return node / 2;
-  }
-  void replay(size_t position, Entry winner) {
+  void replay(size_t position, Key winner) {
     size_t node = leaves_ + position;
     nodes_[node] = winner;
     while (node > 1) node = play(node, winner);
   }
+  // The game of `node`, where `winner` came from below, and its neighbour. Returns the node above.
+  size_t play(size_t node, Key& winner) {
+    winner = earlier(winner, nodes_[node ^ 1]);
+    nodes_[node / 2] = winner;
+    return node / 2;
+  }
 
   // The winner of each game: of node n, that of 2n against 2n + 1. Leaves follow from `leaves_` on,
   // whatever their number, so the tree is no deeper than it must be.
-  std::vector<Entry> nodes_ = std::vector<Entry>(2, kNobody);
+  std::vector<Key> nodes_ = std::vector<Key>(2, kNobody);
   size_t leaves_ = 0;
   size_t count_ = 0;
   size_t deep_ = 1;  // leaves from here on lie a level below the others
+  uint64_t start_ = 0;
+  unsigned positionBits_ = 1;
+};
+
+class KLT_MergeTree {
+ public:
+  static constexpr size_t kNone = ~size_t{0};
+
+  // A tree over `times`, one leaf for each.
+  void build(const std::vector<uint64_t>& times) {
+    const auto bits = static_cast<unsigned>(std::bit_width(times.size()));
+    const auto earliest = std::min_element(times.begin(), times.end());
+    const uint64_t start = earliest == times.end() ? 0 : *earliest;
+    isWide_ = std::any_of(times.begin(), times.end(), [&](uint64_t time) {
+      return !KLT_Tournament<uint64_t>::fits(time, start, bits);
+    });
+    if (isWide_)
+      wide_ = KLT_Tournament<Wide>(times, 0, kWideBits);
+    else
+      narrow_ = KLT_Tournament<uint64_t>(times, start, bits);
+  }
+
+  // The position with the lowest time; kNone if none is left.
+  [[nodiscard]] size_t best() const { return isWide_ ? wide_.best() : narrow_.best(); }
+  // The position with the lowest time but for `best`, or kNone.
+  [[nodiscard]] size_t second(size_t best) const {
+    return isWide_ ? wide_.second(best) : narrow_.second(best);
+  }
+  [[nodiscard]] uint64_t time(size_t position) const {
+    return isWide_ ? wide_.time(position) : narrow_.time(position);
+  }
+
+  void update(size_t position, uint64_t time) {
+    if (!isWide_ && !narrow_.fits(time)) [[unlikely]]
+      widen();
+    if (isWide_) [[unlikely]]
+      wide_.update(position, time);
+    else
+      narrow_.update(position, time);
+  }
+  // Two updates, of different positions.
+  void update(size_t position1, uint64_t time1, size_t position2, uint64_t time2) {
+    if (!isWide_ && (!narrow_.fits(time1) || !narrow_.fits(time2))) [[unlikely]]
+      widen();
+    if (isWide_) [[unlikely]]
+      wide_.update(position1, time1, position2, time2);
+    else
+      narrow_.update(position1, time1, position2, time2);
+  }
+  // Takes the last position out, which then has no time.
+  void removeLast() { isWide_ ? wide_.removeLast() : narrow_.removeLast(); }
+
+ private:
+  __extension__ using Wide = unsigned __int128;
+  static constexpr unsigned kWideBits = 64;
+
+  void widen() {
+    wide_ = KLT_Tournament<Wide>(narrow_.times(), 0, kWideBits);
+    isWide_ = true;
+  }
+
+  KLT_Tournament<uint64_t> narrow_;
+  KLT_Tournament<Wide> wide_;
+  bool isWide_ = false;
 };

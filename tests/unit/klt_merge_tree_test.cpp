@@ -21,10 +21,17 @@ size_t lowest(const std::vector<uint64_t>& times, size_t without = kNone) {
 }
 
 TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
-  std::mt19937 random(7);
+  std::mt19937_64 random(7);
   for (size_t streams = 1; streams <= 40; ++streams) {
+    // Steps on; at times one to any moment, ahead of the first one or far behind it.
+    const auto step = [&](uint64_t& time) {
+      if (streams % 4 == 0 && random() % 16 == 0)
+        time = random() >> random() % 64;
+      else
+        time += random() % 3;
+    };
     std::vector<uint64_t> times(streams);
-    for (uint64_t& time : times) time = random() % 4;  // ties are the rule
+    for (uint64_t& time : times) time = 100 + random() % 4;  // ties are the rule
     KLT_MergeTree tree;
     tree.build(times);
     while (!times.empty()) {
@@ -42,11 +49,11 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
         if (changed < times.size()) tree.update(changed, times[changed]);
         tree.removeLast();
       } else if (const size_t other = random() % times.size(); other != changed) {
-        times[changed] += random() % 3;
-        times[other] += random() % 3;
+        step(times[changed]);
+        step(times[other]);
         tree.update(changed, times[changed], other, times[other]);
       } else {
-        times[changed] += random() % 3;
+        step(times[changed]);
         tree.update(changed, times[changed]);
       }
     }
