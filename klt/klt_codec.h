@@ -127,6 +127,13 @@ struct KLT_Codec {
   static KLT_Parse parse(KLT_Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
       return KLT_Parse::kNoData;
+    if constexpr (row.timed() && kFixedSize) {
+      uint8_t* record = out.reserve(layout.fixedBytes);
+      time = klt::steppedTime<N>(time, input.at());
+      loadFixed(input.at(), time, record);
+      disk = layout.headBytes;
+      return KLT_Parse::kRecord;
+    }
     Cursor c{input, out, input.at(), out.reserve(layout.fixedBytes), 0, layout.fixedBytes};
     klt::storeNative(c.record + kKltRecordNumberAt, uint32_t{N});
     if constexpr (row.timed()) {
@@ -139,6 +146,15 @@ struct KLT_Codec {
     if constexpr (row.timed()) time = KLT_RecordTime(c.record);
     disk = c.done;
     return KLT_Parse::kRecord;
+  }
+
+  // Loads a timed record of fixed size, whose first field is at `p` and which happens at `time`.
+  // REQUIRES: headBytes bytes at `p`, fixedBytes bytes at `record`.
+  static void loadFixed(const uint8_t* p, uint64_t time, uint8_t* record) {
+    static_assert(row.timed() && kFixedSize);
+    klt::storeNative(record + kKltRecordNumberAt, uint32_t{N});
+    klt::storeNative(record + kKltRecordTimeAt, time);
+    loadFields<1>(p + KLT_TypeBytes(row.fields[0].type()), record);
   }
 
   // Only the size of the record, for one that isn't wanted.
@@ -195,6 +211,15 @@ struct KLT_Codec {
   }
   static constexpr bool startsRun(size_t f) {  // a run behind an array; the head is checked already
     return f > 0 && !layout.isArray(f) && layout.isArray(f - 1);
+  }
+
+  template <size_t F>
+  static void loadFields(const uint8_t* p, uint8_t* record) {
+    if constexpr (F < kFields) {
+      constexpr KLT_Type type = row.fields[F].type();
+      klt::storeNative(record + layout.offset[F], klt::loadScalar<type>(p));
+      loadFields<F + 1>(p + KLT_TypeBytes(type), record);
+    }
   }
 
   template <size_t F>

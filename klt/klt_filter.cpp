@@ -376,6 +376,10 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
     } else {
       KLT_Step step = KLT_Step::kConsumed;
       do {
+        if (s.isPlain()) {
+          KLT_FilterPlain(s);
+          if (s.input.drained()) break;
+        }
         const unsigned number = *s.input.at();
         const KLT_DecoderEntry& entry = entries[number];
         if (entry.filter == nullptr) [[unlikely]] {

@@ -51,6 +51,8 @@ class KLT_Input {
     return refill(bytes);
   }
   [[nodiscard]] const uint8_t* at() const { return data_ + pos_; }
+  // Bytes available there without reading.
+  [[nodiscard]] size_t available() const { return filled_ - pos_; }
   void advance(size_t bytes) { pos_ += bytes; }
   void stepBack() { --pos_; }
 

@@ -179,6 +179,8 @@ class KLT_RecordBuffer {
     return data_ + used_;
   }
   [[nodiscard]] uint8_t* tail() { return data_ + used_; }
+  // Bytes from there on that are there without growing.
+  [[nodiscard]] size_t room() const { return capacity_ - used_; }
   void commit(size_t bytes) { used_ += bytes; }
 
  private:

@@ -59,6 +59,7 @@ void setFilter(KLT_Stream& s, const KLT_StreamRequest& request) {
     }
     s.wanted[row.number] = wanted;
   }
+  s.plainRows = KLT_PlainRows(s);
 }
 
 }  // namespace
@@ -96,8 +97,7 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
   return true;
 }
 
-void KLT_Stream::markStaged(size_t bytes) {
-  const size_t begin = packed.used();
+void KLT_Stream::markStaged(size_t begin, size_t bytes) {
   const size_t last = marks.empty() ? 0 : marks.back();
   if (begin + bytes - last <= kStagingBytes) return;
   if (begin != last) marks.push_back(begin);

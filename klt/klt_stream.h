@@ -64,6 +64,7 @@ struct KLT_Stream {
   bool serial = true;
   bool stopped = false;                             // a handler wants to stop, without time order
   std::array<bool, kKltRowCount + 1> wanted{};      // category test by row, for this request
+  uint64_t plainRows = 0;                           // those that KLT_FilterPlain may take, by bit
   std::array<bool, kKltRowCount + 1> possible{};    // rows that can occur at all
   std::array<bool, kKltRowCount + 1> hasHandler{};  // rows with a handler
 
@@ -94,8 +95,12 @@ struct KLT_Stream {
   bool lostData = false;      // the input ended early
   uint32_t turnRecords = 0;   // records of the current turn, without time order
 
-  // Sets the marks that a record of `bytes` bytes at the tail of `packed` needs.
-  void markStaged(size_t bytes);
+  // Sets the marks that a record of `bytes` bytes at `begin` in `packed` needs.
+  void markStaged(size_t begin, size_t bytes);
+  // Whether no record needs more than the tests of KLT_FilterPlain now.
+  [[nodiscard]] bool isPlain() const {
+    return plainRows != 0 && historyDone && !keepContext && !testThreads && serial && time >= start;
+  }
 
   [[nodiscard]] const KLT_StreamRequest& current() const { return requests[request]; }
   [[nodiscard]] bool finished() const { return request == requests.size(); }
@@ -131,6 +136,12 @@ void KLT_PlanRequests(KLT_Stream& stream);
 // stream's turn ends.
 enum class KLT_Fill : uint8_t { kFilled, kFailed, kStopped, kTurnOver };
 [[nodiscard]] KLT_Fill KLT_FillStream(KLT_Stream& stream);
+// Takes records from the input as long as they are calls, messages and the like, of which nothing
+// is asked but that the request wants them. Anything else is left to the other operations.
+// REQUIRES: isPlain().
+void KLT_FilterPlain(KLT_Stream& stream);
+// The rows that KLT_FilterPlain takes with this stream's decoders and request, by bit.
+[[nodiscard]] uint64_t KLT_PlainRows(const KLT_Stream& stream);
 // Updates the context with a record of the selected threads.
 void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record);
 // Whether the record's thread, or a member of its communicator, is selected.
@@ -164,7 +175,7 @@ void KLT_DeliverNow(KLT_Stream& stream);
     return;
   }
   if (stream.staging != nullptr) [[unlikely]]
-    stream.markStaged(bytes);
+    stream.markStaged(stream.packed.used(), bytes);
   stream.packed.commit(bytes);
   stream.packedBytes += 1 + encoded + KLT_TimeRecordBytes(stream.outTime, time);
   stream.outTime = time;
