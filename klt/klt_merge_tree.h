@@ -12,6 +12,12 @@
 #include <utility>
 #include <vector>
 
+// A stream and its time.
+struct KLT_NextStream {
+  size_t position;
+  uint64_t time;
+};
+
 // A tournament of numbers that hold a time above a position, so that a game is decided without a
 // branch: which stream comes next can't be predicted. 64 bits hold the time since `start` in most
 // traces and take half the time of 128, which hold any time.
@@ -36,7 +42,7 @@ class KLT_Tournament {
   [[nodiscard]] bool fits(uint64_t time) const { return fits(time, start_, positionBits_); }
 
   [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
-  [[nodiscard]] size_t second(size_t best) const {
+  [[nodiscard]] KLT_NextStream second(size_t best) const {
     // The losers to `best` in two lines, for the sake of the processor's pipeline.
     Key one = kNobody;
     Key other = kNobody;
@@ -46,10 +52,11 @@ class KLT_Tournament {
       other = earlier(other, nodes_[(node / 2) ^ 1]);
     }
     if (node > 1) one = earlier(one, nodes_[node ^ 1]);
-    return positionOf(earlier(one, other));
+    const Key key = earlier(one, other);
+    return {positionOf(key), timeOf(key)};
   }
   [[nodiscard]] uint64_t time(size_t position) const {
-    return start_ + static_cast<uint64_t>(nodes_[leaves_ + position] >> positionBits_);
+    return timeOf(nodes_[leaves_ + position]);
   }
   [[nodiscard]] std::vector<uint64_t> times() const {
     std::vector<uint64_t> times(count_);
@@ -93,6 +100,10 @@ class KLT_Tournament {
   [[nodiscard]] size_t positionOf(Key key) const {
     if (key == kNobody) return kNone;
     return static_cast<size_t>(key & ((Key{1} << positionBits_) - 1));
+  }
+
+  [[nodiscard]] uint64_t timeOf(Key key) const {
+    return start_ + static_cast<uint64_t>(key >> positionBits_);
   }
 
   void plant(const std::vector<Key>& keys) {
@@ -146,8 +157,8 @@ class KLT_MergeTree {
 
   // The position with the lowest time; kNone if none is left.
   [[nodiscard]] size_t best() const { return isWide_ ? wide_.best() : narrow_.best(); }
-  // The position with the lowest time but for `best`, or kNone.
-  [[nodiscard]] size_t second(size_t best) const {
+  // The position with the lowest time but for `best`, with that time, or kNone.
+  [[nodiscard]] KLT_NextStream second(size_t best) const {
     return isWide_ ? wide_.second(best) : narrow_.second(best);
   }
   [[nodiscard]] uint64_t time(size_t position) const {

@@ -33,21 +33,28 @@ int afterFailure(KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
-// Gets the lane's next packed records; false if there are none.
-bool takeRecords(KLT_Lane& lane) {
+// How many bytes can be taken at once from the records at `lane.waiting`.
+void seeWhatWaits(KLT_Lane& lane) {
   KLT_Stream& stream = *lane.stream;
-  if (stream.delivered == stream.packed.used()) return false;
+  const auto begin = static_cast<size_t>(lane.waiting - stream.packed.data());
   const size_t end =
       stream.mark < stream.marks.size() ? stream.marks[stream.mark++] : stream.packed.used();
-  const size_t bytes = end - stream.delivered;
-  lane.next = stream.packed.data() + stream.delivered;
-  if (stream.staging != nullptr && bytes <= KLT_Stream::kStagingBytes) {
-    std::memcpy(stream.staging, lane.next, bytes);
-    lane.next = stream.staging;
+  lane.waitingBytes = end - begin;
+}
+
+// Gets the lane's next packed records; false if there are none.
+bool takeRecords(KLT_Lane& lane) {
+  const size_t bytes = lane.waitingBytes;
+  if (bytes == 0) return false;
+  lane.next = lane.waiting;
+  if (lane.staging != nullptr && bytes <= KLT_Stream::kStagingBytes) {
+    std::memcpy(lane.staging, lane.waiting, bytes);
+    lane.next = lane.staging;
   }
-  stream.delivered = end;
   lane.end = lane.next + bytes;
   lane.nextTime = KLT_RecordTime(lane.next);
+  lane.waiting += bytes;
+  seeWhatWaits(lane);
   return true;
 }
 
@@ -61,11 +68,13 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
     if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
   }
   stream.filled = false;
+  lane.waiting = stream.packed.data();
   if (stream.status < 0 || stream.packed.empty()) {
     const bool failed = stream.status < 0;
     removeStream(reader, index);
     return failed ? Swap::kFailed : Swap::kFinished;
   }
+  seeWhatWaits(lane);
   (void)takeRecords(lane);
   return Swap::kReady;
 }
@@ -137,9 +146,8 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
 int serveNext(KLT_Reader& reader) {
   KLT_MergeTree& order = reader.order;
   const size_t best = order.best();
-  const size_t second = order.second(best);
+  const auto [second, limit] = order.second(best);
   if (second == KLT_MergeTree::kNone) return serve(reader, best, ~uint64_t{0}).status;
-  const uint64_t limit = order.time(second);
   const Served first = serve(reader, best, limit);
   if (first.removed) leaveOrder(reader, best);
   if (first.removed || first.status != kNoStatus) return first.status;
@@ -221,7 +229,9 @@ void KLT_Reader::makeLanes() {
   lanes.resize(count);
   for (size_t i = 0; i < count; ++i) {
     lanes[i].stream = streams[i].get();
-    if (!stagings.empty()) streams[i]->staging = stagings.data() + i * KLT_Stream::kStagingBytes;
+    if (stagings.empty()) continue;
+    lanes[i].staging = stagings.data() + i * KLT_Stream::kStagingBytes;
+    streams[i]->staged = true;
   }
 }
 
@@ -251,9 +261,11 @@ double KLT_Progress(const KLT_Reader* reader) {
     const uint64_t taken = stream.input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
     const uint64_t before = std::min(taken, stream.takenBefore);
-    size_t waiting = stream.packed.used() - stream.delivered;
-    if (i < reader->lanes.size()) {
-      waiting += static_cast<size_t>(reader->lanes[i].end - reader->lanes[i].next);
+    size_t waiting = stream.packed.used();
+    if (i < reader->lanes.size() && reader->lanes[i].waiting != nullptr) {
+      const KLT_Lane& lane = reader->lanes[i];
+      waiting -= static_cast<size_t>(lane.waiting - stream.packed.data());
+      waiting += static_cast<size_t>(lane.end - lane.next);
     }
     const double delivered =
         stream.packed.empty()

@@ -35,11 +35,15 @@ class KLT_TimeLimit {
   std::chrono::milliseconds limit_{0};
 };
 
-// A stream as delivery in time order sees it: the records that come next.
-struct KLT_Lane {
+// A stream as delivery in time order sees it: the records that come next. All that most deliveries
+// touch of a stream is in here.
+struct alignas(64) KLT_Lane {
   uint8_t* next = nullptr;
   uint8_t* end = nullptr;
   uint64_t nextTime = 0;
+  uint8_t* waiting = nullptr;  // what follows in the stream's `packed`
+  size_t waitingBytes = 0;     // as far as it goes at once
+  uint8_t* staging = nullptr;  // null with few streams
   KLT_Stream* stream = nullptr;
 };
 
