@@ -1,19 +1,26 @@
 // Outputs and the input. See kltt_guard.h.
 #include "generic/kltt_guard.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <string_view>
+#include <unordered_set>
 
 #include "generic/kltt_exit.h"
 #include "klt/klt_intern.h"
 #include "util/pal_error.h"
 
+// An output that isn't there yet, or is no file, needs no look at the input's many files.
 bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
-  if (std::strcmp(name, "-") == 0) return KLTT_InputFiles(handle).containsOpen(STDOUT_FILENO);
-  // An output that isn't there yet needs no look at the input's many files.
-  return access(name, F_OK) == 0 && KLTT_InputFiles(handle).contains(name);
+  struct stat info {};
+  const bool isStandard = std::strcmp(name, "-") == 0;
+  if ((isStandard ? fstat(STDOUT_FILENO, &info) : stat(name, &info)) != 0) return false;
+  if (!S_ISREG(info.st_mode)) return false;
+  const KLT_FileSet files = KLTT_InputFiles(handle);
+  return isStandard ? files.containsOpen(STDOUT_FILENO) : files.contains(name);
 }
 
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {
@@ -25,8 +32,10 @@ void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {
 KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle) {
   KLT_FileSet files;
   files.add(KLT_ComponentName(*handle, handle->indexEntry, false));
+  std::unordered_set<std::string_view> seen;
   for (const auto& entry : handle->files.entries()) {
-    // Which of the two a file is shows only in its use.
+    // Which of the two a file is shows only in its use; most names stand for both.
+    if (!seen.insert(entry.value->suffix).second) continue;
     for (const bool anchors : {false, true}) {
       files.add(KLT_ComponentName(*handle, *entry.value, anchors));
     }
