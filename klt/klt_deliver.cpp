@@ -104,18 +104,18 @@ constexpr size_t fieldOf() {
   }
 }
 
-const char* const* textArray(KLT_Stream& s, const uint32_t* ids, size_t n, size_t field) {
-  std::vector<std::vector<const char*>>& texts = s.reader->texts;
+const char* const* textArray(KLT_Reader& reader, const uint32_t* ids, size_t n, size_t field) {
+  std::vector<std::vector<const char*>>& texts = reader.texts;
   if (texts.size() <= field) texts.resize(field + 1);
   std::vector<const char*>& array = texts[field];
   array.resize(n + 1);  // never empty: a handler gets a pointer
-  for (size_t i = 0; i < n; ++i) array[i] = KLT_StringOf(*s.handle, ids[i]);
+  for (size_t i = 0; i < n; ++i) array[i] = KLT_StringOf(*reader.file, ids[i]);
   return array.data();
 }
 
 // Field F of the longest variant L as the argument that the handler gets for a record of row N.
 template <int N, int L, size_t F>
-auto argument(KLT_Stream& s, const uint8_t* record) {
+auto argument(KLT_Reader& reader, const uint8_t* record) {
   using View = KLT_RecordView<N>;
   using Tuple = decltype(klt::argumentTuple<L, F>());
   constexpr const KLT_Row& longest = kKltRows[L - 1];
@@ -131,9 +131,9 @@ auto argument(KLT_Stream& s, const uint8_t* record) {
     if constexpr (kind == klt::ArgumentKind::kText) {
       return Tuple{View::template array<char, field>(record)};
     } else if constexpr (kind == klt::ArgumentKind::kString) {
-      return Tuple{KLT_StringOf(*s.handle, View::template get32<field>(record))};
+      return Tuple{KLT_StringOf(*reader.file, View::template get32<field>(record))};
     } else if constexpr (kind == klt::ArgumentKind::kStrings) {
-      return Tuple{textArray(s, View::template array<uint32_t, field>(record),
+      return Tuple{textArray(reader, View::template array<uint32_t, field>(record),
                              View::template count<field>(record), F)};
     } else if constexpr (kind == klt::ArgumentKind::kArray) {
       using Element = std::remove_const_t<std::remove_pointer_t<Value>>;
@@ -147,13 +147,13 @@ auto argument(KLT_Stream& s, const uint8_t* record) {
 }
 
 template <int N, size_t... F>
-int callHandler(KLT_Stream& s, const uint8_t* record, std::index_sequence<F...>) {
+int callHandler(KLT_Reader& reader, const uint8_t* record, std::index_sequence<F...>) {
   constexpr int kLongest = klt::longestRow(kKltRows[N - 1].name);
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_HandlerTable& handlers = reader.handlers;
   const auto handler = handlers.*slotOf<N>();
   if (handler == nullptr) return 0;
   return std::apply(handler, std::tuple_cat(std::tuple{handlers.user_data},
-                                            argument<N, kLongest, F>(s, record)...));
+                                            argument<N, kLongest, F>(reader, record)...));
 }
 
 // --- records that need more ---------------------------------------------------------------------
@@ -292,12 +292,12 @@ int tellBracket(KLT_Stream& s, const uint8_t* record, KLT_Handler<"begin_of_hist
 }
 
 template <int N>
-int deliver(KLT_Stream& s, uint8_t* record, size_t& bytes) {
+int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t* record, size_t& bytes) {
   bytes = KLT_RecordView<N>::bytes(record);
   if constexpr (N == 10)
     return declareComponent(s, record);
   else if constexpr (N == 11)
-    return tellBracket(s, record, s.reader->handlers.begin_of_history);
+    return tellBracket(s, record, reader.handlers.begin_of_history);
   else if constexpr (N == 19)
     return defineCommunicator(s, record);
   else if constexpr (N == 20)
@@ -307,7 +307,7 @@ int deliver(KLT_Stream& s, uint8_t* record, size_t& bytes) {
   else if constexpr (N == 26)
     return tellEndOfFilter(s, record);
   else if constexpr (N == 27)
-    return tellBracket(s, record, s.reader->handlers.end_of_history);
+    return tellBracket(s, record, reader.handlers.end_of_history);
   else if constexpr (N == 33)
     return declareFile(s, record);
   else if constexpr (N == 41 || N == 42)
@@ -322,7 +322,8 @@ int deliver(KLT_Stream& s, uint8_t* record, size_t& bytes) {
     if constexpr (N == 45) declareGroup(s, record);
     if constexpr (N == 65) declareProcesses(s, record);
     constexpr int kLongest = klt::longestRow(kKltRows[N - 1].name);
-    return callHandler<N>(s, record, std::make_index_sequence<kKltRows[kLongest - 1].numFields>());
+    return callHandler<N>(reader, record,
+                          std::make_index_sequence<kKltRows[kLongest - 1].numFields>());
   }
 }
 
@@ -334,7 +335,8 @@ bool hasHandler(const KLT_HandlerTable& handlers) {
 
 template <int... N>
 constexpr auto deliverers(std::integer_sequence<int, N...>) {
-  return std::array<int (*)(KLT_Stream&, uint8_t*, size_t&), sizeof...(N)>{&deliver<N + 1>...};
+  return std::array<int (*)(KLT_Reader&, KLT_Stream&, uint8_t*, size_t&), sizeof...(N)>{
+      &deliver<N + 1>...};
 }
 template <int... N>
 constexpr auto handlerTests(std::integer_sequence<int, N...>) {
@@ -347,8 +349,8 @@ constexpr auto kHandlerTests = handlerTests(AllRows{});
 
 }  // namespace
 
-int KLT_Deliver(KLT_Stream& stream, uint8_t* record, size_t& bytes) {
-  return kDeliverers[KLT_RecordNumber(record) - 1](stream, record, bytes);
+int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t* record, size_t& bytes) {
+  return kDeliverers[KLT_RecordNumber(record) - 1](reader, stream, record, bytes);
 }
 
 bool KLT_HasHandler(const KLT_HandlerTable& handlers, unsigned row) {

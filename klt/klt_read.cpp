@@ -96,7 +96,7 @@ int deliverRecord(KLT_Reader& reader, KLT_Lane& lane) {
     return 0;
   }
   size_t bytes = 0;
-  const int result = KLT_Deliver(*lane.stream, record, bytes);
+  const int result = KLT_Deliver(reader, *lane.stream, record, bytes);
   lane.next += bytes;
   return result;
 }
