@@ -1,6 +1,7 @@
 // What the merge does with each record. See kltt_merge_handlers.h.
 #include "generic/kltt_merge_handlers.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <string>
@@ -287,13 +288,23 @@ int oneToOneStatistics(void* /*user*/, uint32_t, uint32_t, uint32_t, uint32_t, u
   return 0;
 }
 
-// --- the scan
-// -------------------------------------------------------------------------------------
+// --- the scan ------------------------------------------------------------------------------------
 
-// Reads a number behind `ahead` and moves `text` behind it.
+void skipBlanks(std::string_view& text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+}
+
+// Reads a number behind `ahead`, in which a blank stands for any number of them, and moves `text`
+// behind it.
 bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) {
-  if (!text.starts_with(ahead)) return false;
-  text.remove_prefix(ahead.size());
+  for (const char c : ahead) {
+    if (c == ' ') {
+      skipBlanks(text);
+    } else {
+      if (!text.starts_with(c)) return false;
+      text.remove_prefix(1);
+    }
+  }
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
   text.remove_prefix(static_cast<size_t>(end - text.data()));
   return error == std::errc();

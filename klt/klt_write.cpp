@@ -45,7 +45,7 @@ std::string suffixOf(uint32_t categories, uint32_t thread) {
   if ((categories & klt::kCounters) != 0) letters += 'c';
   if ((categories & klt::kRawEvents) != 0) letters += 'r';
   if (letters.empty()) letters = "x";
-  return letters + '.' + std::to_string(thread);
+  return letters + '.' + std::to_string(static_cast<int32_t>(thread));
 }
 
 uint32_t listOf(KLT_WFileHandle& writer, uint32_t thread) {

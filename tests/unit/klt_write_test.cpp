@@ -236,6 +236,20 @@ TEST_F(KltWrite, AStreamThatCannotBeOpenedIsToldOnceAndTheOthersGoOn) {
   EXPECT_EQ(read(path("t.klt"), {}).size(), 10U);
 }
 
+TEST_F(KltWrite, AComponentIsNamedAfterItsCategoriesAndThread) {
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t").c_str(), 1, KLT_FORM_PLAIN, 0, nullptr);
+  ASSERT_NE(writer, nullptr);
+  KLT_Write<28>(writer, nullptr, uint64_t{1}, 65537U, 1U);
+  KLT_Write<50>(writer, nullptr, uint64_t{1}, 0x80000001U, 1U, 1U);
+  KLT_Write<18>(writer, nullptr, uint64_t{1}, 7U, "text");
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  for (const char* name : {"t.f.65537", "t.s.-2147483647", "t.x.7"}) {
+    EXPECT_TRUE(std::filesystem::exists(path(name))) << name;
+  }
+}
+
 TEST_F(KltWrite, FilesOfTheInputStayAsTheyAre) {
   tb::writeFile(path("t.klt.f.0"), "input");
   KLT_FileSet input;

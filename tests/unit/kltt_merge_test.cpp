@@ -144,7 +144,7 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
       trace.declarations().record(
           47, {{"info_class", 3},
                {"info",
-                "number of events: 4 functions, 1 onetoones, 2 collectives, 5 scopes, 6 "
+                "number of events:4 functions,\t 1 onetoones, 2  collectives, 5 scopes, 6 "
                 "counters"}});
     }
     tb::Stream& raw = trace.stream("r.0", tb::RAW_EVENTS);
