@@ -2,13 +2,15 @@
 // wants all threads, and a record is a call, a message or a step in time. Such records are decoded
 // one after another with the stream's state in registers.
 //
-// A decoding pass takes 0.8 of the time with this. The outcome is that of klt_filter.
+// A decoding pass takes 0.74 of the time with this. The outcome is that of klt_filter.
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "klt/klt_codec.h"
 #include "klt/klt_generic.h"
-#include "klt/klt_reader.h"
 #include "klt/klt_stream.h"
 
 namespace {

@@ -8,8 +8,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
-#include <utility>
 #include <vector>
 
 // A stream and its time.
@@ -55,9 +53,7 @@ class KLT_Tournament {
     const Key key = earlier(one, other);
     return {positionOf(key), timeOf(key)};
   }
-  [[nodiscard]] uint64_t time(size_t position) const {
-    return timeOf(nodes_[leaves_ + position]);
-  }
+  [[nodiscard]] uint64_t time(size_t position) const { return timeOf(nodes_[leaves_ + position]); }
   [[nodiscard]] std::vector<uint64_t> times() const {
     std::vector<uint64_t> times(count_);
     for (size_t i = 0; i < count_; ++i) times[i] = time(i);
