@@ -9,7 +9,6 @@
 // one line for each option.
 #include <algorithm>
 #include <cctype>
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -21,7 +20,6 @@
 #include "generic/RK_conf.h"
 #include "generic/RK_scan.h"
 #include "generic/kltt_help.h"
-#include "klt/klt_schema.h"
 
 namespace {
 
@@ -73,21 +71,6 @@ std::vector<std::string> wordsOf(std::string_view heading) {
   return words;
 }
 
-// The categories that select events, as far as the request grammar takes their names.
-std::vector<std::string> categories() {
-  std::vector<std::string> names;
-  for (unsigned bit = 2; bit < 16; ++bit) {
-    if ((klt::kWholeSelection >> bit & 1) == 0) continue;
-    const std::string name(KLT_CategoryName(bit));
-    RK_conf.request.clear();
-    if (!RK_ScanLine("REQUEST " + name, RK_ScanMode::parameter, 0)) continue;
-    if (RK_conf.request.size() == 1 && RK_conf.request[0].categories == uint32_t{1} << bit)
-      names.push_back(name);
-  }
-  RK_conf.request.clear();
-  return names;
-}
-
 void describeValue(const RK_Option& row, std::string_view heading, Option& option) {
   switch (row.type) {
     case RK_OptionType::toggle:
@@ -105,7 +88,7 @@ void describeValue(const RK_Option& row, std::string_view heading, Option& optio
       option.takesFile = option.words.empty();
       break;
     case RK_OptionType::request:
-      option.words = categories();
+      for (const std::string_view name : RK_ScanCategories()) option.words.emplace_back(name);
       option.takesMany = true;
       break;
     case RK_OptionType::integer:

@@ -55,10 +55,13 @@ class Run {
   [[nodiscard]] bool hasWindow() const {
     return std::string_view(kRequests[options_ & 7]).find("TICKS") != std::string_view::npos;
   }
-  // What the last dump wrote. One that fails early creates no file.
-  static std::string text() {
+  // What the last dump wrote, which is gone then. One that fails early creates no file.
+  static std::string takeText() {
     const std::string name = fuzz::directory() / "out.ark";
-    return std::filesystem::exists(name) ? tb::readFile(name) : std::string();
+    if (!std::filesystem::exists(name)) return {};
+    std::string text = tb::readFile(name);
+    std::filesystem::remove(name);
+    return text;
   }
   int write(const std::string& name) const {
     configure();
@@ -145,10 +148,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Anchors are found by name; those that the index doesn't declare aren't copied. They don't
   // matter without a window.
   if (run.copy(name) && !run.hasWindow()) {
-    const std::string text = Run::text();
+    const std::string text = Run::takeText();
     const int again = run.dump(fuzz::directory() / "copy.klt");
     fuzz::require(again == status, "a complete copy gives another status");
-    fuzz::require(Run::text() == text, "a copy has another text");
+    fuzz::require(Run::takeText() == text, "a copy has another text");
   }
   run.list(name);
   if (run.write(name) == 0) {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "generic/RK_conf.h"
-#include "klt/klt_schema.h"
+#include "generic/RK_scan.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -68,22 +68,13 @@ class Nearest {
 
 constexpr size_t kLongest = 64;
 
-// Calls `take` with each category that selects events.
-template <class Take>
-void forEachCategory(Take take) {
-  constexpr uint32_t kSelects = klt::kWholeSelection & ~(klt::kAny | klt::kDeclarations);
-  for (unsigned bit = 0; bit < 16; ++bit) {
-    if ((kSelects >> bit & 1) != 0) take(KLT_CategoryName(bit));
-  }
-}
-
 // The category that `word` is most like; empty if it is like none.
 std::string nearestCategory(std::string_view word) {
   const std::string meant = lowerCase(word);
   // Several words in one set of quotes are not a name that was mistyped.
   if (meant.size() > kLongest || meant.find_first_of(" ,:") != std::string::npos) return {};
   Nearest nearest(meant);
-  forEachCategory([&](std::string_view name) { nearest.consider(name); });
+  for (const std::string_view name : RK_ScanCategories()) nearest.consider(name);
   return nearest.name();
 }
 
@@ -128,8 +119,7 @@ void RK_HintRequest(std::span<const std::string> words, bool isBroken) {
       "  threads      5  0:3  0:15:4               (first:last:stride)\n"
       "  categories  ",
       stderr);
-  forEachCategory([](std::string_view name) {
+  for (const std::string_view name : RK_ScanCategories())
     std::fprintf(stderr, " %.*s", static_cast<int>(name.size()), name.data());
-  });
   std::fputs("\n", stderr);
 }

@@ -190,9 +190,12 @@ void takeTime(RK_Request& request, std::string_view text) {
   request.time = RK_ConfigParseTime(std::string(text).c_str());
 }
 
+// Category bits whose names are words of a request.
+constexpr unsigned kFirstCategory = 2;
+constexpr unsigned kCategoriesEnd = 16;
+
 void takeName(RK_Request& request, std::string_view text) {
-  constexpr unsigned kFirstCategory = 2;  // those before it are no words of a request
-  for (unsigned bit = kFirstCategory; bit < 16; ++bit) {
+  for (unsigned bit = kFirstCategory; bit < kCategoriesEnd; ++bit) {
     if (!RK_ConfigSameText(text, KLT_CategoryName(bit))) continue;
     request.categories |= uint32_t{1} << bit;
     return;
@@ -358,6 +361,14 @@ std::string_view withoutEnd(std::string_view text) {
 }
 
 }  // namespace
+
+std::vector<std::string_view> RK_ScanCategories() {
+  std::vector<std::string_view> names;
+  for (unsigned bit = kFirstCategory; bit < kCategoriesEnd; ++bit) {
+    if ((klt::kWholeSelection >> bit & 1) != 0) names.push_back(KLT_CategoryName(bit));
+  }
+  return names;
+}
 
 bool RK_ScanLine(std::string_view text, RK_ScanMode mode, size_t number) {
   Line line{mode, number, {}};

@@ -7,9 +7,13 @@
 
 #include <cstddef>
 #include <string_view>
+#include <vector>
 
 // Where a text comes from, which decides how messages speak of it.
 enum class RK_ScanMode { config, parameter };
+
+// The words of a request for the categories that an extraction writes events of.
+[[nodiscard]] std::vector<std::string_view> RK_ScanCategories();
 
 // Reads one line, without its line feed. `number` is shown in messages of mode config. False if the
 // line counts as a failure of its source.

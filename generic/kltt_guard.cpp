@@ -18,9 +18,7 @@ bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
   struct stat info {};
   const bool isStandard = std::strcmp(name, "-") == 0;
   if ((isStandard ? fstat(STDOUT_FILENO, &info) : stat(name, &info)) != 0) return false;
-  if (!S_ISREG(info.st_mode)) return false;
-  const KLT_FileSet files = KLTT_InputFiles(handle);
-  return isStandard ? files.containsOpen(STDOUT_FILENO) : files.contains(name);
+  return S_ISREG(info.st_mode) && KLTT_InputFiles(handle).contains(info);
 }
 
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {

@@ -294,8 +294,8 @@ void skipBlanks(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
 }
 
-// Reads a number behind `ahead`, in which a blank stands for any number of them, and moves `text`
-// behind it.
+// Reads a number behind `ahead`, in which a blank stands for any number of them, none included, and
+// moves `text` behind it.
 bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) {
   for (const char c : ahead) {
     if (c == ' ') {

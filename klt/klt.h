@@ -50,8 +50,9 @@ struct KLT_Closer {
 using KLT_OwnedTrace = std::unique_ptr<KLT_FileHandle, KLT_Closer>;
 using KLT_OwnedReader = std::unique_ptr<KLT_Reader, KLT_Closer>;
 
-// Delivers records until the end, a stop or the limit of `timeoutMs` milliseconds; a negative limit
-// is none. Can be called again after every result but 1 and 3.
+// Delivers records until the end, a stop or the limit of `timeoutMs` milliseconds, which may be
+// reached a few milliseconds early; a negative limit is none. Can be called again after every
+// result but 1 and 3.
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs);
 // The last result.
 [[nodiscard]] int KLT_ReaderStatus(const KLT_Reader* reader);

@@ -127,34 +127,28 @@ struct KLT_Codec {
   static KLT_Parse parse(KLT_Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
       return KLT_Parse::kNoData;
-    if constexpr (row.timed() && kFixedSize) {
-      uint8_t* record = out.reserve(layout.fixedBytes);
-      time = klt::steppedTime<N>(time, input.at());
-      loadFixed(input.at(), time, record);
-      disk = layout.headBytes;
-      return KLT_Parse::kRecord;
+    uint8_t* const record = out.reserve(layout.fixedBytes);
+    uint64_t recordTime = time;
+    if constexpr (row.timed()) recordTime = klt::steppedTime<N>(time, input.at());
+    loadHead(input.at(), recordTime, record);
+    disk = layout.headBytes;
+    if constexpr (!kFixedSize) {
+      Cursor c{input, out, input.at(), record, layout.headBytes, layout.fixedBytes};
+      if (!parseFields<firstArray()>(c)) [[unlikely]]
+        return KLT_Parse::kNoData;
+      disk = c.done;
     }
-    Cursor c{input, out, input.at(), out.reserve(layout.fixedBytes), 0, layout.fixedBytes};
-    klt::storeNative(c.record + kKltRecordNumberAt, uint32_t{N});
-    if constexpr (row.timed()) {
-      klt::storeNative(c.record + kKltRecordTimeAt, klt::steppedTime<N>(time, c.p));
-    } else {
-      klt::storeNative(c.record + kKltRecordTimeAt, time);
-    }
-    if (!parseFields<0>(c)) [[unlikely]]
-      return KLT_Parse::kNoData;
-    if constexpr (row.timed()) time = KLT_RecordTime(c.record);
-    disk = c.done;
+    time = recordTime;
     return KLT_Parse::kRecord;
   }
 
-  // Loads a timed record of fixed size, whose first field is at `p` and which happens at `time`.
-  // REQUIRES: headBytes bytes at `p`, fixedBytes bytes at `record`.
-  static void loadFixed(const uint8_t* p, uint64_t time, uint8_t* record) {
-    static_assert(row.timed() && kFixedSize);
+  // Loads what stands ahead of the first array, for most rows the whole record, of one that happens
+  // at `time` and whose first field is at `p`. REQUIRES: headBytes bytes at `p`, fixedBytes bytes
+  // at `record`.
+  static void loadHead(const uint8_t* p, uint64_t time, uint8_t* record) {
     klt::storeNative(record + kKltRecordNumberAt, uint32_t{N});
     klt::storeNative(record + kKltRecordTimeAt, time);
-    loadFields<1>(p + KLT_TypeBytes(row.fields[0].type()), record);
+    loadFields<0>(p, record);
   }
 
   // Only the size of the record, for one that isn't wanted.
@@ -213,12 +207,25 @@ struct KLT_Codec {
     return f > 0 && !layout.isArray(f) && layout.isArray(f - 1);
   }
 
+  static constexpr size_t firstArray() {  // or the number of fields
+    size_t f = 0;
+    while (f < kFields && !layout.isArray(f)) ++f;
+    return f;
+  }
+
+  template <size_t F>
+  static void loadField(const uint8_t* p, uint8_t* record) {
+    if constexpr (!(row.timed() && F == 0)) {
+      klt::storeNative(record + layout.offset[F], klt::loadScalar<row.fields[F].type()>(p));
+    }
+  }
+
+  // Fields from F up to the first array.
   template <size_t F>
   static void loadFields(const uint8_t* p, uint8_t* record) {
-    if constexpr (F < kFields) {
-      constexpr KLT_Type type = row.fields[F].type();
-      klt::storeNative(record + layout.offset[F], klt::loadScalar<type>(p));
-      loadFields<F + 1>(p + KLT_TypeBytes(type), record);
+    if constexpr (F < firstArray()) {
+      loadField<F>(p, record);
+      loadFields<F + 1>(p + KLT_TypeBytes(row.fields[F].type()), record);
     }
   }
 
@@ -241,16 +248,13 @@ struct KLT_Codec {
       c.done += n * KLT_TypeBytes(type);
       return parseFields<F + 1>(c);
     } else {
-      constexpr KLT_Type type = row.fields[F].type();
       if constexpr (startsRun(F)) {
         if (!c.input.ensure(c.done + runBytes(F))) [[unlikely]]
           return false;
         c.p = c.input.at();
       }
-      if constexpr (!(row.timed() && F == 0)) {
-        klt::storeNative(c.record + layout.offset[F], klt::loadScalar<type>(c.p + c.done));
-      }
-      c.done += KLT_TypeBytes(type);
+      loadField<F>(c.p + c.done, c.record);
+      c.done += KLT_TypeBytes(row.fields[F].type());
       return parseFields<F + 1>(c);
     }
   }

@@ -4,6 +4,8 @@
 // read. A set compares device and inode.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <set>
 #include <string>
@@ -13,6 +15,8 @@ class KLT_FileSet {
  public:
   // Enters the file that `path` leads to, if there is one.
   void add(const std::string& path);
+  // Whether the file of this status is one of the set.
+  [[nodiscard]] bool contains(const struct stat& info) const;
   // Whether `path` leads to a file of the set.
   [[nodiscard]] bool contains(const std::string& path) const;
   // Whether `descriptor` is open on a regular file of the set.

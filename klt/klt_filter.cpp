@@ -375,7 +375,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
     } else {
       KLT_Step step = KLT_Step::kConsumed;
       do {
-        if (s.isPlain()) {
+        if (s.isPlain(*s.input.at())) {
           KLT_FilterPlain(s);
           if (s.input.drained()) break;
         }
@@ -416,7 +416,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
       if (s.reader->turnIsOver(s)) return KLT_Fill::kTurnOver;
     }
   }
-  // The next stream takes the buffer over while what is delivered waits.
+  // Its memory serves the next stream while what is delivered waits.
   if (s.input.drained()) s.input.freeBuffer();
   return KLT_Fill::kFilled;
 }

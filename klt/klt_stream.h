@@ -62,8 +62,9 @@ struct KLT_Stream {
   bool historyDone = false;
   bool keepContext = true;  // a history may still have to be told
   bool serial = true;
-  bool stopped = false;                             // a handler wants to stop, without time order
-  std::array<bool, kKltRowCount + 1> wanted{};      // category test by row, for this request
+  bool stopped = false;                         // a handler wants to stop, without time order
+  std::array<bool, kKltRowCount + 1> wanted{};  // category test by row, for this request
+  static constexpr unsigned kPlainRowBits = 64;
   uint64_t plainRows = 0;                           // those that KLT_FilterPlain may take, by bit
   std::array<bool, kKltRowCount + 1> possible{};    // rows that can occur at all
   std::array<bool, kKltRowCount + 1> hasHandler{};  // rows with a handler
@@ -96,9 +97,10 @@ struct KLT_Stream {
 
   // Sets the marks that a record of `bytes` bytes at `begin` in `packed` needs.
   void markStaged(size_t begin, size_t bytes);
-  // Whether no record needs more than the tests of KLT_FilterPlain now.
-  [[nodiscard]] bool isPlain() const {
-    return plainRows != 0 && historyDone && !keepContext && !testThreads && serial && time >= start;
+  // Whether KLT_FilterPlain may take a record with this number now.
+  [[nodiscard]] bool isPlain(unsigned number) const {
+    return number < kPlainRowBits && (plainRows >> number & 1) != 0 && historyDone &&
+           !keepContext && !testThreads && serial && time >= start;
   }
 
   [[nodiscard]] const KLT_StreamRequest& current() const { return requests[request]; }
@@ -135,9 +137,9 @@ void KLT_PlanRequests(KLT_Stream& stream);
 // stream's turn ends.
 enum class KLT_Fill : uint8_t { kFilled, kFailed, kStopped, kTurnOver };
 [[nodiscard]] KLT_Fill KLT_FillStream(KLT_Stream& stream);
-// Takes records from the input as long as they are calls, messages and the like, of which nothing
-// is asked but that the request wants them. Anything else is left to the other operations.
-// REQUIRES: isPlain().
+// Takes records from the input as long as they are plain: calls, messages and the like, of which
+// nothing is asked but that the request wants them. Anything else is left to the other operations.
+// REQUIRES: isPlain() for the record at hand.
 void KLT_FilterPlain(KLT_Stream& stream);
 // The rows that KLT_FilterPlain takes with this stream's decoders and request, by bit.
 [[nodiscard]] uint64_t KLT_PlainRows(const KLT_Stream& stream);
