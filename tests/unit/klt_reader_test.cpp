@@ -387,11 +387,16 @@ Lines fillWithSizesOfAllKinds(tb::Trace& trace, size_t streams) {
     std::sort(first, last);
     tb::Stream& stream = trace.stream("x." + std::to_string(i), tb::ANY);
     for (; first != last; ++first) {
+      const std::string start = std::to_string(*first) + ' ' + std::to_string(i);
+      if (random() % 3 == 0) {
+        stream.at(*first).enter(static_cast<uint32_t>(i), 7);
+        expected[*first - 1] = "enter_function " + start + " 7 0";
+        continue;
+      }
       const size_t kinds[] = {random() % 100, 440 + random() % 90, random() % 3000};
       const std::string text(kinds[random() % 3], 'x');
       stream.at(*first).comment(static_cast<uint32_t>(i), text);
-      expected[*first - 1] =
-          "comment " + std::to_string(*first) + ' ' + std::to_string(i) + " '" + text + '\'';
+      expected[*first - 1] = "comment " + start + " '" + text + '\'';
     }
   }
   // One stream ends within a record, another makes no sense from its start.
