@@ -1,14 +1,9 @@
-// The per-thread states: the lookup behind the remembered one. See RK_framewrite.h.
+// The per-thread states: new threads. See RK_framewrite.h.
 #include "generic/RK_framewrite.h"
 
-RK_WillyState& RK_WillyHashLookUp(RK_WillyHash& table, uint32_t gtp) {
-  uint32_t index = table.index.find(gtp);
-  if (index == 0) {
-    table.states.emplace_back();
-    table.states.back().gtp = gtp;
-    index = static_cast<uint32_t>(table.states.size());
-    table.index.add(gtp, index);
-  }
-  table.last = index - 1;
-  return table.states[table.last];
+RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp) {
+  table.states.emplace_back();
+  table.states.back().gtp = gtp;
+  table.index.add(gtp, static_cast<uint32_t>(table.states.size()));
+  return table.states.back();
 }

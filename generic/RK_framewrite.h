@@ -2,8 +2,7 @@
 //
 // RK_WillyHash holds one state per thread, made when a record first names the thread. Its function
 // stack is moved by RK_FrameEnter and RK_FrameLeave; kltt_events keeps the scopes, and reads the
-// stacks to say where a call returns to and to close what is open at the end of a window. Events of
-// one thread tend to follow each other, so the table remembers the state that it handed out last.
+// stacks to say where a call returns to and to close what is open at the end of a window.
 #pragma once
 
 #include <cstddef>
@@ -24,17 +23,17 @@ struct RK_WillyState {
 struct RK_WillyHash {
   KLT_IdIndex index{KLTT_DIRECT_IDS};  // by gtp
   std::vector<RK_WillyState> states;   // in order of first use
-  size_t last = 0;                     // handed out last
 };
 
-// RK_WillyHashGet without the shortcut.
-RK_WillyState& RK_WillyHashLookUp(RK_WillyHash& table, uint32_t gtp);
+// A state for a thread that no record has named before.
+RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp);
 
 // The state of a thread, made on first use. The reference holds until the next call.
 inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
-  if (table.last < table.states.size() && table.states[table.last].gtp == gtp)
-    return table.states[table.last];
-  return RK_WillyHashLookUp(table, gtp);
+  const uint32_t index = table.index.find(gtp);
+  if (index == 0) [[unlikely]]
+    return RK_WillyHashAdd(table, gtp);
+  return table.states[index - 1];
 }
 
 // The state of a thread, null if no record has named it.

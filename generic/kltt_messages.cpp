@@ -27,18 +27,17 @@ struct Message : KLTT_MessageRecord {
 };
 
 // A record keeps its own time, whichever side that is; only its span becomes internal.
-int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Message& m) {
-  KLTT_MessageRecord record = m;
-  record.time = KLTT_InternalTime(context, m.time);
+int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, Message& m) {
+  const uint64_t time = KLTT_InternalTime(context, m.time);
   if (!m.sendUnknown() && !m.receiveUnknown()) {
-    const auto distance =
-        static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - record.time);
-    record.receiveTime = m.receiveTime < 0 ? -distance : distance;
+    const auto distance = static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - time);
+    m.receiveTime = m.receiveTime < 0 ? -distance : distance;
   }
-  return KLTT_PutMessage(writer, record);
+  m.time = time;
+  return KLTT_PutMessage(writer, m);
 }
 
-int writeMatched(KLTT_Context& context, const Message& m) {
+int writeMatched(KLTT_Context& context, Message& m) {
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) return putRecord(context, writer, m);
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
@@ -102,8 +101,8 @@ int KLTT_OneToOneCommunication(void* user, uint64_t time, uint32_t sender, int64
                                uint32_t senderChecksum, uint32_t receiverChecksum,
                                uint32_t senderFunction, uint32_t receiverFunction) {
   KLTT_Context& context = *static_cast<KLTT_Context*>(user);
-  const Message m{{time, sender, delta, receiver, communicator, size, tag, senderScl, receiverScl,
-                   senderChecksum, receiverChecksum, senderFunction, receiverFunction}};
+  Message m{{time, sender, delta, receiver, communicator, size, tag, senderScl, receiverScl,
+             senderChecksum, receiverChecksum, senderFunction, receiverFunction}};
   const uint64_t ownInternalTime = KLTT_InternalTime(context, KLTT_EventTime(context, time));
   if (!m.sendUnknown() && !m.receiveUnknown())
     context.lastEventTime = std::max(context.lastEventTime, m.otherTime());

@@ -2,8 +2,8 @@
 #include "klt/klt_filestats.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
-#include <initializer_list>
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
@@ -13,23 +13,32 @@ namespace {
 
 constexpr uint64_t pair(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
 
-uint32_t hashOf(uint32_t seed, std::initializer_list<uint64_t> parts) {
-  uint64_t hash = seed;
-  for (const uint64_t part : parts) {
-    hash = (hash ^ part) * 0x9e3779b97f4a7c15;
-    hash ^= hash >> 32;
-  }
-  hash *= 0xd6e8feb86659fd93;
+// The products are independent of each other: a hash of four parts takes little longer than of one.
+template <size_t N>
+uint32_t hashOf(const std::array<uint64_t, 4>& factors, const std::array<uint64_t, N>& parts) {
+  static_assert(N <= 4);
+  uint64_t hash = 0;
+  for (size_t i = 0; i < N; ++i) hash += factors[i] * parts[i];
+  hash = (hash ^ hash >> 32) * 0xd6e8feb86659fd93;
   return static_cast<uint32_t>(hash >> 32);
+}
+
+// Odd numbers that can't be foreseen: they keep a file from being made in which all keys meet in
+// one place.
+std::array<uint64_t, 4> randomFactors() {
+  std::array<uint64_t, 4> factors{};
+  for (uint64_t& factor : factors) {
+    factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed() | 1;
+  }
+  return factors;
 }
 
 }  // namespace
 
-// The seed keeps a file from being made in which all keys meet in one place.
 KLT_FileStats::KLT_FileStats(const KLT_StatsParameters& parameters)
     : parameters_(parameters),
       eventBits_(std::min(parameters.eventBits, 63U)),
-      seed_(PAL_RandomSeed()) {}
+      factors_(randomFactors()) {}
 
 void KLT_FileStats::Table::put(const Slot& slot) {
   const size_t mask = slots_.size() - 1;
@@ -50,18 +59,20 @@ void KLT_FileStats::Table::add(uint32_t hash) {
   put({hash, ++count_});
 }
 
-void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive) {
-  const uint32_t hash = hashOf(seed_, {pair(gtp, function)});
-  const uint32_t place = functionPlaces_.find(hash, [&](uint32_t candidate) {
-    const FunctionStat& stat = functions_[candidate - 1];
-    return stat.gtp == gtp && stat.function == function;
-  });
-  if (place == 0) {
-    functions_.push_back({gtp, function, 1, self, self, self, inclusive, inclusive, inclusive});
-    functionPlaces_.add(hash);
-    return;
+void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive,
+                             uint32_t& hint) {
+  if (hint - 1 >= functions_.size() || !functions_[hint - 1].isOf(gtp, function)) {
+    const uint32_t hash = hashOf<1>(factors_, {pair(gtp, function)});
+    hint = functionPlaces_.find(
+        hash, [&](uint32_t candidate) { return functions_[candidate - 1].isOf(gtp, function); });
+    if (hint == 0) {
+      functions_.push_back({gtp, function, 1, self, self, self, inclusive, inclusive, inclusive});
+      functionPlaces_.add(hash);
+      hint = static_cast<uint32_t>(functions_.size());
+      return;
+    }
   }
-  FunctionStat& stat = functions_[place - 1];
+  FunctionStat& stat = functions_[hint - 1];
   ++stat.count;
   stat.minSelf = std::min(stat.minSelf, self);
   stat.maxSelf = std::max(stat.maxSelf, self);
@@ -73,8 +84,8 @@ void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uin
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
   const uint32_t hash =
-      hashOf(seed_, {pair(key.sender, key.receiver), pair(key.funcSender, key.funcReceiver),
-                     pair(key.tag, key.size), key.comm});
+      hashOf<4>(factors_, {pair(key.sender, key.receiver), pair(key.funcSender, key.funcReceiver),
+                           pair(key.tag, key.size), key.comm});
   const uint32_t place = messagePlaces_.find(
       hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
   if (place == 0) {

@@ -6,6 +6,7 @@
 // their keys were first seen.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -30,7 +31,8 @@ class KLT_FileStats {
   [[nodiscard]] uint64_t ticks(uint64_t time) const { return time >> eventBits_; }
   [[nodiscard]] int64_t ticks(int64_t span) const { return span >> eventBits_; }
 
-  void function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive);
+  // One call. `hint` is where the function's profile may be, at first 0; it receives where it is.
+  void function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive, uint32_t& hint);
 
   struct Message {
     uint32_t sender, receiver, funcSender, funcReceiver, tag, comm, size;
@@ -53,9 +55,12 @@ class KLT_FileStats {
   bool write(KLT_WFileHandle* writer);
 
  private:
-  struct FunctionStat {
+  struct alignas(64) FunctionStat {
     uint32_t gtp, function, count;
     uint64_t minSelf, maxSelf, totalSelf, minInclusive, maxInclusive, totalInclusive;
+    [[nodiscard]] bool isOf(uint32_t thread, uint32_t id) const {
+      return gtp == thread && function == id;
+    }
   };
   struct MessageStat {
     Message key;
@@ -108,7 +113,7 @@ class KLT_FileStats {
 
   KLT_StatsParameters parameters_;
   unsigned eventBits_;
-  uint32_t seed_;  // of the hashes
+  std::array<uint64_t, 4> factors_;  // of the hashes
   std::vector<FunctionStat> functions_;
   Table functionPlaces_;
   std::vector<MessageStat> messages_;

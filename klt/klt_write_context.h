@@ -36,15 +36,15 @@ struct KLT_WriteBuffer {
   bool lost = false;  // a write failed; what follows is dropped
 };
 
-struct KLT_WriteContext {
+struct alignas(64) KLT_WriteContext {
   // What every record touches, side by side.
+  bool opened = false;
+  bool broken = false;  // its files can't be opened
   uint64_t outputTime = 0;
   uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
   uint64_t nextAnchor = 0;  // position that triggers the next seek point
   size_t dataUsed = 0;
   KLT_WriteBuffer data;
-  bool opened = false;
-  bool broken = false;  // its files can't be opened
   KLT_WriteHistory history;
 
   uint32_t categories = 0;

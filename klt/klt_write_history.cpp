@@ -88,22 +88,27 @@ void KLT_OffsetEntries::reindex() {
 }
 
 KLT_WillyHistory& KLT_WriteHistory::find(uint32_t gtp) {
-  uint32_t place = byGtp_.find(gtp);
-  if (place == 0) {
-    willies_.push_back(std::make_unique<KLT_WillyHistory>());
-    willies_.back()->gtp = gtp;
-    place = static_cast<uint32_t>(willies_.size());
-    byGtp_.add(gtp, place);
+  if (!first_.isUsed) {
+    first_.gtp = gtp;
+    first_.isUsed = true;
+    return first_;
   }
-  last_ = willies_[place - 1].get();
-  return *last_;
+  const uint32_t place = byGtp_.find(gtp);
+  if (place != 0) return *others_[place - 1];
+  others_.push_back(std::make_unique<KLT_WillyHistory>());
+  others_.back()->gtp = gtp;
+  others_.back()->isUsed = true;
+  byGtp_.add(gtp, static_cast<uint32_t>(others_.size()));
+  return *others_.back();
 }
 
 std::vector<KLT_WillyHistory*> KLT_WriteHistory::ordered() {
   constexpr uint32_t kBuckets = 449;
   std::vector<KLT_WillyHistory*> result;
-  result.reserve(willies_.size());
-  for (const auto& willy : willies_) result.push_back(willy.get());
+  if (!first_.isUsed) return result;
+  result.reserve(1 + others_.size());
+  result.push_back(&first_);
+  for (const auto& willy : others_) result.push_back(willy.get());
   std::stable_sort(result.begin(), result.end(),
                    [](const KLT_WillyHistory* a, const KLT_WillyHistory* b) {
                      return (a->gtp + 1) % kBuckets < (b->gtp + 1) % kBuckets;
@@ -115,18 +120,20 @@ void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t fu
                             uint32_t scl, uint64_t ticks) {
   KLT_WillyHistory& willy = history.of(gtp);
   willy.calls.push_back({function, scl, ticks, 0});
-  if (scl != 0) ++willy.withScl;
 }
 
 void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
                               KLT_FileStats* stats) {
   KLT_WillyHistory& willy = history.of(gtp);
   if (willy.calls.empty()) return;
-  const KLT_WillyHistory::Call call = willy.calls.back();
-  willy.calls.pop_back();
-  if (call.scl != 0) --willy.withScl;
-  if (stats == nullptr) return;
+  // Field by field: the call may have begun a moment ago, and what has just been stored as parts
+  // can't be loaded as one before it has left the core.
+  const KLT_WillyHistory::Call& call = willy.calls.back();
+  const uint32_t function = call.function;
   const uint64_t inclusive = ticks - call.start;
-  stats->function(gtp, call.function, inclusive - call.childTime, inclusive);
+  const uint64_t self = inclusive - call.childTime;
+  willy.calls.pop_back();
+  if (stats == nullptr) return;
+  stats->function(gtp, function, self, inclusive, willy.profileHint(function));
   if (!willy.calls.empty()) willy.calls.back().childTime += inclusive;
 }

@@ -6,9 +6,10 @@
 // component (klt_write). With statistics on, the stack also measures how long calls take.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -65,7 +66,7 @@ class KLT_OffsetEntries {
   size_t pruneAt_ = kFirstPrune;
 };
 
-struct KLT_WillyHistory {
+struct alignas(64) KLT_WillyHistory {
   struct Call {
     uint32_t function;
     uint32_t scl;
@@ -73,16 +74,29 @@ struct KLT_WillyHistory {
     uint64_t childTime;  // spent in callees so far
   };
 
+  // All that a call touches: with thousands of threads it is the reach for another line of memory
+  // that takes the time.
   uint32_t gtp = 0;
-  std::deque<Call> calls;  // outermost first; never moved, however deep
-  size_t withScl = 0;      // how many of them have a source location
+  bool isUsed = false;
+  std::vector<Call> calls;                 // outermost first
+  std::array<uint32_t, 8> profileHints{};  // where the functions called last have their profiles
+
   KLT_OffsetEntries offsets;
+
+  [[nodiscard]] uint32_t& profileHint(uint32_t function) {
+    return profileHints[function % profileHints.size()];
+  }
+  // Whether any of the calls has a source location.
+  [[nodiscard]] bool hasLocations() const {
+    return std::any_of(calls.begin(), calls.end(), [](const Call& call) { return call.scl != 0; });
+  }
 };
 
 class KLT_WriteHistory {
  public:
   [[nodiscard]] KLT_WillyHistory& of(uint32_t gtp) {
-    if (last_ != nullptr && last_->gtp == gtp) return *last_;
+    if (first_.gtp == gtp && first_.isUsed) [[likely]]
+      return first_;
     return find(gtp);
   }
   // All threads in the order in which an anchor tells them.
@@ -91,9 +105,9 @@ class KLT_WriteHistory {
  private:
   KLT_WillyHistory& find(uint32_t gtp);
 
-  KLT_WillyHistory* last_ = nullptr;
-  std::vector<std::unique_ptr<KLT_WillyHistory>> willies_;  // in order of first use
-  KLT_IdIndex byGtp_;                                       // to the place in `willies_`, from 1
+  KLT_WillyHistory first_;  // of most streams the only one
+  std::vector<std::unique_ptr<KLT_WillyHistory>> others_;  // in order of first use
+  KLT_IdIndex byGtp_;                                      // to the place in `others_`, from 1
 };
 
 // A call begins. `ticks` only counts with statistics.

@@ -22,7 +22,7 @@ size_t groupBytes(const std::vector<KLT_WillyHistory*>& willies) {
   for (const KLT_WillyHistory* willy : willies) {
     const size_t depth = willy->calls.size();
     if (depth > kLargestStack) return 0;
-    if (depth != 0) bytes += 7 + depth * (willy->withScl != 0 ? 8 : 4);
+    if (depth != 0) bytes += 7 + depth * (willy->hasLocations() ? 8 : 4);
     const size_t entries = willy->offsets.entries().size();
     bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
   }
@@ -37,7 +37,7 @@ class AnchorWriter {
 
   bool stack(const KLT_WillyHistory& willy) {
     const size_t n = willy.calls.size();
-    const bool scls = willy.withScl != 0;
+    const bool scls = willy.hasLocations();
     uint8_t* to = reserve(7 + n * (scls ? 8 : 4));
     if (to == nullptr) return false;
     *to++ = scls ? 42 : 41;
