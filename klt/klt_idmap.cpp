@@ -8,14 +8,17 @@
 
 namespace {
 
-// Makes the order of slots differ from run to run, so that a file can't be made in which all ids
-// meet in one place. Nothing is ever walked in the order of the slots.
-uint64_t seed() {
-  static const uint64_t value = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed();
-  return value;
+// Odd, and another one in each run, so that a file can't be made in which all ids meet in one
+// place. Nothing is ever walked in the order of the slots.
+uint64_t randomFactor() {
+  static const uint64_t factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed() | 1;
+  return factor;
 }
 
 }  // namespace
+
+KLT_IdIndex::KLT_IdIndex(uint32_t directLimit)
+    : factor_(randomFactor()), directLimit_(directLimit) {}
 
 void KLT_IdIndex::add(uint32_t id, uint32_t index) {
   if (id < directLimit_) {
@@ -28,20 +31,6 @@ void KLT_IdIndex::add(uint32_t id, uint32_t index) {
   ++sparseCount_;
 }
 
-size_t KLT_IdIndex::slotOf(uint32_t id) const {
-  uint64_t hash = (seed() ^ id) * 0x9e3779b97f4a7c15u;
-  hash ^= hash >> 32;
-  hash *= 0xd6e8feb86659fd93u;
-  return static_cast<size_t>(hash >> 32) & (sparse_.size() - 1);
-}
-
-uint32_t KLT_IdIndex::findSparse(uint32_t id) const {
-  const size_t mask = sparse_.size() - 1;
-  for (size_t slot = slotOf(id);; slot = (slot + 1) & mask) {
-    if (sparse_[slot].id == id || sparse_[slot].index == 0) return sparse_[slot].index;
-  }
-}
-
 void KLT_IdIndex::place(uint32_t id, uint32_t index) {
   const size_t mask = sparse_.size() - 1;
   size_t slot = slotOf(id);
@@ -52,6 +41,7 @@ void KLT_IdIndex::place(uint32_t id, uint32_t index) {
 void KLT_IdIndex::growSparse() {
   std::vector<Slot> old(std::max<size_t>(8, sparse_.size() * 2));
   old.swap(sparse_);
+  shift_ = 64 - static_cast<uint32_t>(std::countr_zero(sparse_.size()));
   for (const Slot& slot : old) {
     if (slot.index != 0) place(slot.id, slot.index);
   }

@@ -16,7 +16,7 @@ class KLT_IdIndex {
  public:
   // Ids below `directLimit` are looked up in an array, which grows as far as they reach: a large
   // table is worth 4 bytes for each of them, one of many small ones isn't.
-  explicit KLT_IdIndex(uint32_t directLimit = 0) : directLimit_(directLimit) {}
+  explicit KLT_IdIndex(uint32_t directLimit = 0);
 
   // The index stored for `id`, 0 if there is none.
   [[nodiscard]] uint32_t find(uint32_t id) const {
@@ -34,14 +34,23 @@ class KLT_IdIndex {
     uint32_t index;  // 0: free
   };
 
-  [[nodiscard]] uint32_t findSparse(uint32_t id) const;
-  [[nodiscard]] size_t slotOf(uint32_t id) const;
+  [[nodiscard]] uint32_t findSparse(uint32_t id) const {
+    const size_t mask = sparse_.size() - 1;
+    for (size_t slot = slotOf(id);; slot = (slot + 1) & mask) {
+      if (sparse_[slot].id == id || sparse_[slot].index == 0) return sparse_[slot].index;
+    }
+  }
+  [[nodiscard]] size_t slotOf(uint32_t id) const {
+    return static_cast<size_t>((id * factor_) >> shift_);
+  }
   void place(uint32_t id, uint32_t index);
   void growSparse();
 
   std::vector<uint32_t> direct_;
   std::vector<Slot> sparse_;  // a power of two, at most half full
   size_t sparseCount_ = 0;
+  uint64_t factor_;
+  uint32_t shift_ = 64;  // by which a product is cut to a place in `sparse_`
   uint32_t directLimit_;
 };
 

@@ -105,7 +105,7 @@ class KLT_WriteHistory {
  private:
   KLT_WillyHistory& find(uint32_t gtp);
 
-  KLT_WillyHistory first_;  // of most streams the only one
+  KLT_WillyHistory first_;                                 // of most streams the only one
   std::vector<std::unique_ptr<KLT_WillyHistory>> others_;  // in order of first use
   KLT_IdIndex byGtp_;                                      // to the place in `others_`, from 1
 };
