@@ -19,7 +19,8 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
 
 // The opening of a handler: the record's internal time, and what was due before it is written.
 // False after an output error.
-bool open(KLTT_Context& context, uint64_t rawTime, uint64_t* internalTime) {
+[[gnu::always_inline]] inline bool open(KLTT_Context& context, uint64_t rawTime,
+                                        uint64_t* internalTime) {
   *internalTime = KLTT_InternalTime(context, rawTime);
   context.lastEventTime = std::max(context.lastEventTime, rawTime);
   return KLTT_LogFormatRecord(context, *internalTime) == 0;

@@ -222,8 +222,8 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
     errno = 0;
     const bool taken =
         deflate != nullptr
-            ? deflate->write(buffer.file, buffer.bytes.data(), used, final)
-            : KLT_IoWrite(buffer.file, buffer.bytes.data(), used) == static_cast<int64_t>(used);
+            ? deflate->write(buffer.file, buffer.bytes.get(), used, final)
+            : KLT_IoWrite(buffer.file, buffer.bytes.get(), used) == static_cast<int64_t>(used);
     if (!taken) {
       lose(writer, context, buffer);
     } else if (!anchors) {
@@ -238,12 +238,11 @@ uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
     KLT_FlushContext(writer, *this, false, false);
   if (data.lost) return nullptr;
   const size_t wanted = dataUsed + bytes;
-  if (data.bytes.size() < wanted) {
-    size_t size = std::max(kFirstBuffer, 2 * data.bytes.size());
-    size = std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes));
-    data.bytes.resize(size);
+  if (data.size < wanted) {
+    const size_t size = std::max(kFirstBuffer, 2 * data.size);
+    data.grow(std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes)), dataUsed);
   }
-  return data.bytes.data() + dataUsed;
+  return data.bytes.get() + dataUsed;
 }
 
 uint8_t* KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes) {
@@ -277,7 +276,7 @@ bool KLT_WriteContext::replace(KLT_WFileHandle& writer, uint64_t position, const
                                size_t bytes) {
   if (data.lost) return false;
   if (position >= flushed) {
-    std::copy_n(record, bytes, data.bytes.data() + (position - flushed));
+    std::copy_n(record, bytes, data.bytes.get() + (position - flushed));
     return true;
   }
   errno = 0;
@@ -302,7 +301,7 @@ void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
     errno = 0;
     if (KLT_IoClose(buffer->file) != 0) lose(writer, context, *buffer);
     buffer->file = nullptr;
-    buffer->bytes = {};
+    buffer->release();
   }
 }
 

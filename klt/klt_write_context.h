@@ -5,6 +5,7 @@
 // kilobytes to 64 KiB and are flushed there, so that a trace of many small streams stays small.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "klt/klt_compress.h"
@@ -31,9 +33,23 @@ struct KLT_WFileHandle;
 struct KLT_WriteBuffer {
   static constexpr size_t kFlushBytes = 0x10000;
 
-  std::vector<uint8_t> bytes;
+  std::unique_ptr<uint8_t[]> bytes;
+  size_t size = 0;
   KLT_IoFile* file = nullptr;
   bool lost = false;  // a write failed; what follows is dropped
+
+  // Makes it larger, and keeps the first `used` bytes. The others aren't cleared: with thousands of
+  // streams, memory that is never written to stays untaken.
+  void grow(size_t newSize, size_t used) {
+    auto larger = std::make_unique_for_overwrite<uint8_t[]>(newSize);
+    std::copy_n(bytes.get(), used, larger.get());
+    bytes = std::move(larger);
+    size = newSize;
+  }
+  void release() {
+    bytes = nullptr;
+    size = 0;
+  }
 };
 
 struct alignas(64) KLT_WriteContext {
@@ -61,8 +77,8 @@ struct alignas(64) KLT_WriteContext {
   [[nodiscard]] uint64_t position() const { return flushed + dataUsed; }
   // Room for `bytes` bytes behind the used ones; null if the component is lost.
   [[nodiscard]] uint8_t* reserve(KLT_WFileHandle& writer, size_t bytes) {
-    if (data.bytes.size() - dataUsed >= bytes) [[likely]]
-      return data.bytes.data() + dataUsed;
+    if (data.size - dataUsed >= bytes) [[likely]]
+      return data.bytes.get() + dataUsed;
     return makeRoom(writer, bytes);
   }
   // Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
@@ -73,10 +89,10 @@ struct alignas(64) KLT_WriteContext {
     constexpr size_t kLongTime = 9;
     const uint64_t step = time - outputTime;
     if (step >> 32 == 0 && nextAnchor >= position() + kLongTime + bytes &&
-        data.bytes.size() - dataUsed >= kShortTime + bytes) [[likely]] {
+        data.size - dataUsed >= kShortTime + bytes) [[likely]] {
       // Whether a step needs a time record can't be predicted, so it is written in any case and
       // written over where it isn't needed.
-      uint8_t* to = data.bytes.data() + dataUsed;
+      uint8_t* to = data.bytes.get() + dataUsed;
       to[0] = 1;
       klt::storeBig32(to + 1, static_cast<uint32_t>(step));
       const bool needed = step >= 0x10000;
@@ -122,7 +138,8 @@ struct KLT_WFileHandle {
   ~KLT_WFileHandle();
 
   // The context that KLT_GetWriteContext has made, or null.
-  [[nodiscard]] KLT_WriteContext* contextOf(uint32_t category, uint32_t thread) const {
+  [[nodiscard, gnu::always_inline]] KLT_WriteContext* contextOf(uint32_t category,
+                                                                uint32_t thread) const {
     const uint32_t place = byThread[static_cast<size_t>(std::countr_zero(category))].find(thread);
     return place == 0 ? nullptr : contexts[place - 1].get();
   }

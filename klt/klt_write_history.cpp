@@ -14,16 +14,20 @@ uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32
 
 }  // namespace
 
-void KLT_OffsetEntries::append(const KLT_OffsetEntry& entry) {
+KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time) {
   if (entries_.size() >= pruneAt_) {
-    prune(entry.time);
+    prune(time);
     pruneAt_ = std::max(kFirstPrune, 2 * entries_.size());
   }
-  entries_.push_back(entry);
+  KLT_OffsetEntry& entry = entries_.emplace_back();
+  entry.time = time;
+  return entry;
 }
 
 void KLT_OffsetEntries::addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open) {
-  append({time, open ? KLT_OffsetEntry::kNever : end, offset, KLT_OffsetEntry::Kind::kSpan, 0, 0});
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = open ? KLT_OffsetEntry::kNever : end;
+  entry.offset = offset;
   if (open) open_[offset] = entries_.size() - 1;
 }
 
@@ -41,12 +45,21 @@ void KLT_OffsetEntries::setCounter(uint32_t counter, uint64_t time, uint64_t off
     entries_[place->second].offset = offset;
     return;
   }
-  append({time, KLT_OffsetEntry::kNever, offset, KLT_OffsetEntry::Kind::kCounter, counter, 0});
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = KLT_OffsetEntry::kNever;
+  entry.offset = offset;
+  entry.kind = KLT_OffsetEntry::Kind::kCounter;
+  entry.id = counter;
   counters_[counter] = entries_.size() - 1;
 }
 
 void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset) {
-  append({time, KLT_OffsetEntry::kNever, offset, KLT_OffsetEntry::Kind::kScope, scope, seqnr});
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = KLT_OffsetEntry::kNever;
+  entry.offset = offset;
+  entry.kind = KLT_OffsetEntry::Kind::kScope;
+  entry.id = scope;
+  entry.seqnr = seqnr;
   scopes_[scopeKey(scope, seqnr)].all.push_back(entries_.size() - 1);
 }
 

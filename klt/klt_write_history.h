@@ -56,7 +56,8 @@ class KLT_OffsetEntries {
     size_t first = 0;
   };
 
-  void append(const KLT_OffsetEntry& entry);
+  // A new entry, all zeros but for the time; an entry is stored part by part.
+  KLT_OffsetEntry& append(uint64_t time);
   void reindex();
 
   std::vector<KLT_OffsetEntry> entries_;

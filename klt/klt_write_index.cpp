@@ -98,10 +98,9 @@ class AnchorWriter {
       KLT_FlushContext(writer_, context_, true, false);
     }
     if (buffer.lost) return nullptr;
-    if (buffer.bytes.size() < context_.anchorsUsed + bytes) {
-      buffer.bytes.resize(std::max(context_.anchorsUsed + bytes, 2 * buffer.bytes.size()));
-    }
-    uint8_t* to = buffer.bytes.data() + context_.anchorsUsed;
+    const size_t wanted = context_.anchorsUsed + bytes;
+    if (buffer.size < wanted) buffer.grow(std::max(wanted, 2 * buffer.size), context_.anchorsUsed);
+    uint8_t* to = buffer.bytes.get() + context_.anchorsUsed;
     context_.anchorsUsed += bytes;
     return to;
   }
