@@ -365,8 +365,6 @@ void KLT_DeliverNow(KLT_Stream& stream) {
 KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packed.clear();
   s.packedBytes = 0;
-  s.marks.clear();
-  s.mark = 0;
   s.takenBefore = s.input.bytesTaken();
   const KLT_DecoderEntry* const entries = s.handle->decoders->entries.data();
   while (!s.finished()) {

@@ -109,8 +109,6 @@ class Plain {
           if (!changeDepth<N>()) [[unlikely]]
             return false;
         }
-        if (s_.staged) [[unlikely]]
-          s_.markStaged(static_cast<size_t>(out_ - s_.packed.data()), layout.fixedBytes);
         packedBytes_ += 1 + layout.headBytes + KLT_TimeRecordBytes(outTime_, time);
         outTime_ = time;
         out_ += layout.fixedBytes;

@@ -266,14 +266,9 @@ template <int N>
 struct EncodedBytes {
   static constexpr size_t (*function)(const uint8_t*) = &KLT_Codec<N>::encodedBytes;
 };
-template <int N>
-struct RecordBytes {
-  static constexpr size_t (*function)(const uint8_t*) = &KLT_RecordView<N>::bytes;
-};
 
 constexpr auto kParseExact = perRow<ParseExact>();
 constexpr auto kEncodedBytes = perRow<EncodedBytes>();
-constexpr auto kRecordBytes = perRow<RecordBytes>();
 
 KLT_Parse corruptLayout(const char* text) {
   PAL_Error("%s", text);
@@ -422,8 +417,4 @@ KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool ge
 
 size_t KLT_EncodedBytes(const uint8_t* record) {
   return kEncodedBytes[KLT_RecordNumber(record) - 1](record);
-}
-
-size_t KLT_RecordBytes(const uint8_t* record) {
-  return kRecordBytes[KLT_RecordNumber(record) - 1](record);
 }

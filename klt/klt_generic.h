@@ -99,8 +99,6 @@ void KLT_SetDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> l
 
 // Bytes in encoded form of a record, by its number.
 [[nodiscard]] size_t KLT_EncodedBytes(const uint8_t* record);
-// Bytes in memory of a record, by its number.
-[[nodiscard]] size_t KLT_RecordBytes(const uint8_t* record);
 
 // Operations per row for the decoder table; defined by the filter.
 [[nodiscard]] KLT_DecoderEntry::Filter KLT_FastFilter(unsigned row);

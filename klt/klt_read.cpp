@@ -3,10 +3,10 @@
 //
 // In time order the stream with the lowest next time is served up to the time of the runner-up,
 // then the runner-up for its records at that time. Of equal times the earlier position in the array
-// of streams wins, and the last stream moves into the place of one that has ended.
+// of streams wins, and the last stream moves into the place of one that has ended. A tournament
+// (klt_merge_tree) finds that order, with hundreds of streams a sort (klt_slice).
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "klt/klt_reader.h"
@@ -33,72 +33,54 @@ int afterFailure(KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
-// How many bytes can be taken at once from the records at `lane.waiting`.
-void seeWhatWaits(KLT_Lane& lane) {
-  KLT_Stream& stream = *lane.stream;
-  const auto begin = static_cast<size_t>(lane.waiting - stream.packed.data());
-  const size_t end =
-      stream.mark < stream.marks.size() ? stream.marks[stream.mark++] : stream.packed.used();
-  lane.waitingBytes = end - begin;
-}
-
-// Gets the lane's next packed records; false if there are none.
-bool takeRecords(KLT_Lane& lane) {
-  const size_t bytes = lane.waitingBytes;
-  if (bytes == 0) return false;
-  lane.next = lane.waiting;
-  if (lane.staging != nullptr && bytes <= KLT_Stream::kStagingBytes) {
-    std::memcpy(lane.staging, lane.waiting, bytes);
-    lane.next = lane.staging;
-  }
-  lane.end = lane.next + bytes;
-  lane.nextTime = KLT_RecordTime(lane.next);
-  lane.waiting += bytes;
-  seeWhatWaits(lane);
-  return true;
-}
-
 // Gets the stream's next records ready once those before are delivered; removes a stream that has
 // none.
 Swap swapIn(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];
   KLT_Stream& stream = *lane.stream;
   if (!stream.filled) {
-    if (lane.next < lane.end || takeRecords(lane)) return Swap::kReady;
+    if (lane.next < lane.end) return Swap::kReady;
     if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
   }
   stream.filled = false;
-  lane.waiting = stream.packed.data();
+  ++reader.fills;
   if (stream.status < 0 || stream.packed.empty()) {
     const bool failed = stream.status < 0;
     removeStream(reader, index);
     return failed ? Swap::kFailed : Swap::kFinished;
   }
-  seeWhatWaits(lane);
-  (void)takeRecords(lane);
+  lane.next = stream.packed.data();
+  lane.end = lane.next + stream.packed.used();
+  lane.nextTime = KLT_RecordTime(lane.next);
+  lane.lastTime = stream.outTime;
   return Swap::kReady;
 }
 
 // Only the outermost history bracket is shown, so that several streams that tell theirs at one
 // moment look like one.
-int deliverRecord(KLT_Reader& reader, KLT_Lane& lane) {
+int deliverRecord(KLT_Reader& reader, KLT_Stream& stream, uint8_t* record, size_t& bytes) {
   constexpr unsigned kBegin = 11;
   constexpr unsigned kEnd = 27;
-  uint8_t* const record = lane.next;
   const unsigned number = KLT_RecordNumber(record);
   if (number == kBegin && ++reader.historyDepth > 1) [[unlikely]] {
-    lane.next += KLT_RecordView<kBegin>::layout.fixedBytes;
+    bytes = KLT_RecordView<kBegin>::layout.fixedBytes;
     return 0;
   }
   // An end that nothing began is skipped too: it must not open the way for an inner bracket.
   if (number == kEnd && (reader.historyDepth == 0 || --reader.historyDepth > 0)) [[unlikely]] {
-    lane.next += KLT_RecordView<kEnd>::layout.fixedBytes;
+    bytes = KLT_RecordView<kEnd>::layout.fixedBytes;
     return 0;
   }
-  size_t bytes = 0;
-  const int result = KLT_Deliver(reader, *lane.stream, record, bytes);
-  lane.next += bytes;
-  return result;
+  return KLT_Deliver(reader, stream, record, bytes);
+}
+
+// Whether the time of this call is up, looked at every few records and after a fill.
+bool timeIsUp(KLT_Reader& reader, bool atOnce) {
+  if (!reader.limit.limited()) [[likely]]
+    return false;
+  ++reader.deliveredRecords;
+  const bool look = atOnce || reader.deliveredRecords % KLT_TimeLimit::kRecordsPerCheck == 0;
+  return look && reader.limit.reached();
 }
 
 struct Served {
@@ -119,12 +101,11 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
 Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
   KLT_Lane& lane = reader.lanes[index];
   for (;;) {
-    const int result = deliverRecord(reader, lane);
-    bool more = true;
-    if (lane.next < lane.end)
-      lane.nextTime = KLT_RecordTime(lane.next);
-    else
-      more = takeRecords(lane);
+    size_t bytes = 0;
+    const int result = deliverRecord(reader, *lane.stream, lane.next, bytes);
+    lane.next += bytes;
+    const bool more = lane.next < lane.end;
+    if (more) lane.nextTime = KLT_RecordTime(lane.next);
     if (result != 0) [[unlikely]]
       return {KLT_STATUS_HANDLER, false};
     if (!more) {
@@ -133,24 +114,26 @@ Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
         return {swap == Swap::kFailed ? afterFailure(reader) : kNoStatus, true};
       }
     }
-    if (reader.limit.limited()) [[unlikely]] {
-      if (++reader.deliveredRecords % KLT_TimeLimit::kRecordsPerCheck == 0 || !more) {
-        if (reader.limit.reached()) return {KLT_STATUS_TIME, false};
-      }
-    }
+    if (timeIsUp(reader, !more)) [[unlikely]]
+      return {KLT_STATUS_TIME, false};
     if (lane.nextTime > limit) return {};
   }
 }
 
-// Serves the stream with the lowest next time, then the runner-up. Returns a status, or kNoStatus.
+// Serves the stream with the lowest next time, then the runner-up. If a slice ended while a stream
+// was being served, that one takes the part of the first. Returns a status, or kNoStatus.
 int serveNext(KLT_Reader& reader) {
   KLT_MergeTree& order = reader.order;
-  const size_t best = order.best();
+  const size_t running = reader.slice.running();
+  reader.slice.endTurn();
+  const size_t best = running == KLT_Slice::kNone ? order.best() : running;
   const auto [second, limit] = order.second(best);
   if (second == KLT_MergeTree::kNone) return serve(reader, best, ~uint64_t{0}).status;
-  const Served first = serve(reader, best, limit);
-  if (first.removed) leaveOrder(reader, best);
-  if (first.removed || first.status != kNoStatus) return first.status;
+  if (reader.lanes[best].nextTime <= limit) [[likely]] {
+    const Served first = serve(reader, best, limit);
+    if (first.removed) leaveOrder(reader, best);
+    if (first.removed || first.status != kNoStatus) return first.status;
+  }
   const Served next = serve(reader, second, limit);
   if (!next.removed) {
     order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
@@ -159,6 +142,30 @@ int serveNext(KLT_Reader& reader) {
     leaveOrder(reader, second);
   }
   return next.status;
+}
+
+// Delivers what the slice holds. Returns a status, or kNoStatus.
+int serveSlice(KLT_Reader& reader) {
+  KLT_Slice& slice = reader.slice;
+  for (;;) {
+    const KLT_Slice::Record next = slice.next();
+    if (next.record == nullptr) return kNoStatus;
+    size_t bytes = 0;
+    const int result =
+        deliverRecord(reader, *reader.lanes[next.position].stream, next.record, bytes);
+    slice.delivered(next, bytes);
+    if (result != 0 || timeIsUp(reader, false)) [[unlikely]] {
+      slice.endTurn();
+      return result != 0 ? KLT_STATUS_HANDLER : KLT_STATUS_TIME;
+    }
+  }
+}
+
+void buildOrder(KLT_Reader& reader) {
+  std::vector<uint64_t> times;
+  times.reserve(reader.lanes.size());
+  for (const KLT_Lane& lane : reader.lanes) times.push_back(lane.nextTime);
+  reader.order.build(times);
 }
 
 // Gets every stream ready. Returns a status, or kNoStatus.
@@ -179,14 +186,22 @@ int prepare(KLT_Reader& reader) {
 }
 
 int readInOrder(KLT_Reader& reader) {
+  constexpr size_t kManyStreams = 256;
   const int prepared = prepare(reader);
   if (prepared != kNoStatus) return prepared;
-  std::vector<uint64_t> times;
-  times.reserve(reader.lanes.size());
-  for (const KLT_Lane& lane : reader.lanes) times.push_back(lane.nextTime);
-  reader.order.build(times);
+  KLT_Slice& slice = reader.slice;
+  bool isBuilt = false;
   while (!reader.streams.empty()) {
-    const int status = serveNext(reader);
+    int status = kNoStatus;
+    if (!slice.empty() ||
+        (reader.streams.size() >= kManyStreams && slice.gather(reader.lanes, reader.fills))) {
+      isBuilt = false;
+      status = serveSlice(reader);
+    } else {
+      if (!isBuilt) buildOrder(reader);
+      isBuilt = true;
+      status = serveNext(reader);
+    }
     if (status != kNoStatus) return status;
   }
   return KLT_STATUS_FINISHED;
@@ -223,16 +238,8 @@ int readInTurns(KLT_Reader& reader) {
 }  // namespace
 
 void KLT_Reader::makeLanes() {
-  constexpr size_t kManyStreams = 512;
-  const size_t count = streams.size();
-  if (count >= kManyStreams) stagings.resize(count * KLT_Stream::kStagingBytes);
-  lanes.resize(count);
-  for (size_t i = 0; i < count; ++i) {
-    lanes[i].stream = streams[i].get();
-    if (stagings.empty()) continue;
-    lanes[i].staging = stagings.data() + i * KLT_Stream::kStagingBytes;
-    streams[i]->staged = true;
-  }
+  lanes.resize(streams.size());
+  for (size_t i = 0; i < streams.size(); ++i) lanes[i].stream = streams[i].get();
 }
 
 bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
@@ -256,16 +263,19 @@ double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
   auto done = static_cast<double>(reader->bytesDone);
+  std::vector<size_t> inSlice(reader->streams.size());  // bytes
+  reader->slice.eachWaiting([&](size_t position, const uint8_t* record) {
+    inSlice[position] += KLT_RecordBytes(record);
+  });
   for (size_t i = 0; i < reader->streams.size(); ++i) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
     const uint64_t before = std::min(taken, stream.takenBefore);
     size_t waiting = stream.packed.used();
-    if (i < reader->lanes.size() && reader->lanes[i].waiting != nullptr) {
+    if (i < reader->lanes.size() && reader->lanes[i].next != nullptr) {
       const KLT_Lane& lane = reader->lanes[i];
-      waiting -= static_cast<size_t>(lane.waiting - stream.packed.data());
-      waiting += static_cast<size_t>(lane.end - lane.next);
+      waiting = inSlice[i] + static_cast<size_t>(lane.end - lane.next);
     }
     const double delivered =
         stream.packed.empty()

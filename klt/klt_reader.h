@@ -12,6 +12,7 @@
 
 #include "klt/klt.h"
 #include "klt/klt_merge_tree.h"
+#include "klt/klt_slice.h"
 #include "klt/klt_stream.h"
 
 // The limit of one call, checked every few records.
@@ -39,18 +40,6 @@ class KLT_TimeLimit {
   int64_t end_ = 0;
 };
 
-// A stream as delivery in time order sees it: the records that come next. All that most deliveries
-// touch of a stream is in here.
-struct alignas(64) KLT_Lane {
-  uint8_t* next = nullptr;
-  uint8_t* end = nullptr;
-  uint64_t nextTime = 0;
-  uint8_t* waiting = nullptr;  // what follows in the stream's `packed`
-  size_t waitingBytes = 0;     // as far as it goes at once
-  uint8_t* staging = nullptr;  // null with few streams
-  KLT_Stream* stream = nullptr;
-};
-
 struct KLT_Reader {
   KLT_FileHandle* file = nullptr;
   int mode = KLT_MODE_DEFINITIONS;
@@ -64,9 +53,10 @@ struct KLT_Reader {
   std::unordered_set<uint32_t> reportedCommunicators;
 
   // Delivery in time order.
-  std::vector<KLT_Lane> lanes;    // of each stream
-  std::vector<uint8_t> stagings;  // one behind the other; empty with few streams
-  KLT_MergeTree order;            // leaf i: next time of stream i
+  std::vector<KLT_Lane> lanes;  // of each stream
+  KLT_MergeTree order;          // leaf i: next time of stream i
+  KLT_Slice slice;
+  uint64_t fills = 1;  // how often a stream was filled or has left
   KLT_TimeLimit limit;
   uint64_t deliveredRecords = 0;
 

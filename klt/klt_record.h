@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "klt/klt_schema.h"
 #include "klt/klt_wire.h"
@@ -153,6 +154,24 @@ struct KLT_RecordView {
     }
   }
 };
+
+namespace klt {
+
+template <int... N>
+constexpr std::array<size_t (*)(const uint8_t*), sizeof...(N)> recordSizes(
+    std::integer_sequence<int, N...>) {
+  return {&KLT_RecordView<N + 1>::bytes...};
+}
+inline constexpr auto kRecordSizes = recordSizes(std::make_integer_sequence<int, kKltRowCount>{});
+
+}  // namespace klt
+
+// Size of a record in memory.
+[[nodiscard]] inline size_t KLT_RecordBytes(const uint8_t* record) {
+  const size_t index = KLT_RecordNumber(record) - 1;
+  const KLT_Layout& layout = kKltLayouts[index];
+  return layout.hasArrays ? klt::kRecordSizes[index](record) : layout.fixedBytes;
+}
 
 // Records one behind the other. Blocks are aligned to 16 and move when the buffer grows.
 class KLT_RecordBuffer {

@@ -97,13 +97,6 @@ bool KLT_EnterRequest(KLT_Stream& s, size_t index) {
   return true;
 }
 
-void KLT_Stream::markStaged(size_t begin, size_t bytes) {
-  const size_t last = marks.empty() ? 0 : marks.back();
-  if (begin + bytes - last <= kStagingBytes) return;
-  if (begin != last) marks.push_back(begin);
-  if (bytes > kStagingBytes) marks.push_back(begin + bytes);
-}
-
 bool KLT_StreamOpen(KLT_Stream& s) {
   if (s.file == nullptr) {
     PAL_Error("Corrupted file.");

@@ -81,22 +81,12 @@ struct KLT_Stream {
   KLT_RecordBuffer packed;
   size_t packedBytes = 0;  // in encoded form
   size_t packedCapacity = kFillBytes;
-  // With thousands of streams the records at hand lie all over the memory, each on a page of its
-  // own, and finding a page takes longer than all that is done with the record. So each stream
-  // delivers from a small buffer where its next records are copied to, and these buffers lie side
-  // by side. A dump of 4096 takes 0.8 of the time with this.
-  static constexpr size_t kStagingBytes = 512;
-  bool staged = false;
-  std::vector<size_t> marks;  // offsets in `packed` up to which records fit into such a buffer
-  size_t mark = 0;            // the next one
-  uint64_t takenBefore = 0;   // bytes taken from the input ahead of the last fill
-  bool filled = false;        // `packed` is the result of a fill not yet begun with
-  int status = 0;             // of the last fill; negative: the stream has failed
-  bool lostData = false;      // the input ended early
-  uint32_t turnRecords = 0;   // records of the current turn, without time order
+  uint64_t takenBefore = 0;  // bytes taken from the input ahead of the last fill
+  bool filled = false;       // `packed` is the result of a fill not yet begun with
+  int status = 0;            // of the last fill; negative: the stream has failed
+  bool lostData = false;     // the input ended early
+  uint32_t turnRecords = 0;  // records of the current turn, without time order
 
-  // Sets the marks that a record of `bytes` bytes at `begin` in `packed` needs.
-  void markStaged(size_t begin, size_t bytes);
   // Whether KLT_FilterPlain may take a record with this number now.
   [[nodiscard]] bool isPlain(unsigned number) const {
     return number < kPlainRowBits && (plainRows >> number & 1) != 0 && historyDone &&
@@ -178,8 +168,6 @@ void KLT_DeliverNow(KLT_Stream& stream);
     stream.outTime = time;
     return;
   }
-  if (stream.staged) [[unlikely]]
-    stream.markStaged(stream.packed.used(), bytes);
   stream.packed.commit(bytes);
   stream.packedBytes += 1 + encoded + KLT_TimeRecordBytes(stream.outTime, time);
   stream.outTime = time;

@@ -4,6 +4,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -283,15 +284,20 @@ TEST(KltDeliver, StructureInADataComponentChangesNothing) {
 
 // --- order ---------------------------------------------------------------------------------------
 
-// What the rules make of streams of times, as texts "stream.record".
-Lines servedOrder(std::vector<std::pair<size_t, std::vector<uint64_t>>> streams) {
+using TimedStreams = std::vector<std::pair<size_t, std::vector<uint64_t>>>;
+
+// What the rules make of streams of times, as texts "stream.record". A reader that stops after
+// every `stopEach` records begins a new turn each time.
+Lines servedOrder(TimedStreams streams, size_t stopEach = 0) {
   Lines result;
   std::vector<size_t> next(streams.size());
   std::erase_if(streams, [](const auto& stream) { return stream.second.empty(); });
   const auto time = [&](size_t i) { return streams[i].second[next[streams[i].first]]; };
-  // Serves position i up to the limit; true if its stream has ended.
+  const auto stops = [&] { return stopEach != 0 && result.size() % stopEach == 0; };
+  // Serves position i up to the limit; true if the turn is over with it: its stream has ended, or
+  // the reader stops.
   const auto serve = [&](size_t i, uint64_t limit) {
-    const auto [name, times] = streams[i];
+    const auto& [name, times] = streams[i];
     do {
       result.push_back(std::to_string(name) + "." + std::to_string(next[name]++));
       if (next[name] == times.size()) {
@@ -299,6 +305,7 @@ Lines servedOrder(std::vector<std::pair<size_t, std::vector<uint64_t>>> streams)
         streams.pop_back();
         return true;
       }
+      if (stops()) return true;
     } while (times[next[name]] <= limit);
     return false;
   };
@@ -317,7 +324,7 @@ Lines servedOrder(std::vector<std::pair<size_t, std::vector<uint64_t>>> streams)
 }
 
 // The same as the reader delivers it, read from streams of comments.
-Lines deliveredOrder(const std::vector<std::pair<size_t, std::vector<uint64_t>>>& streams) {
+Lines deliveredOrder(const TimedStreams& streams, size_t stopEach = 0) {
   tb::Trace trace;
   for (const auto& [name, times] : streams) {
     tb::Stream& stream = trace.stream("x." + std::to_string(name), tb::ANY);
@@ -325,10 +332,15 @@ Lines deliveredOrder(const std::vector<std::pair<size_t, std::vector<uint64_t>>>
       stream.at(times[i]).comment(0, std::to_string(name) + "." + std::to_string(i));
     }
   }
-  Lines result;
   Recorder recorder;
   recorder.table.end_of_filter = nullptr;
-  for (const std::string& line : OpenTrace(trace).read(recorder)) {
+  OpenTrace open(trace);
+  const reading::Reader reader = open.reader(recorder.table);
+  do {
+    if (stopEach != 0) recorder.stopAt = recorder.lines.size() + stopEach;
+  } while (KLT_ReadEvents(reader.get(), -1) == KLT_STATUS_HANDLER);
+  Lines result;
+  for (const std::string& line : recorder.lines) {
     const size_t quote = line.find('\'');
     result.push_back(line.substr(quote + 1, line.size() - quote - 2));
   }
@@ -358,7 +370,7 @@ TEST(KltOrder, TheLastStreamTakesThePlaceOfOneThatEnds) {
 TEST(KltOrder, FollowsTheRulesForAnyTimes) {
   std::mt19937 random(11);
   for (int round = 0; round < 60; ++round) {
-    std::vector<std::pair<size_t, std::vector<uint64_t>>> streams;
+    TimedStreams streams;
     const size_t count = 1 + random() % 7;
     for (size_t i = 0; i < count; ++i) {
       std::vector<uint64_t> times(1 + random() % 12);
@@ -370,8 +382,31 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
   }
 }
 
-// With 512 streams or more, records wait for delivery in small buffers, large ones elsewhere. Some
-// streams hold more than is read ahead at once, some records are about as large as such a buffer.
+// From 256 streams on, records up to a near time are gathered and sorted. Equal times are many
+// here, and turns that last from one such slice to the next, or into what comes behind the last of
+// them.
+TEST(KltOrder, FollowsTheRulesForHundredsOfStreams) {
+  std::mt19937 random(13);
+  for (int round = 0; round < 24; ++round) {
+    TimedStreams streams;
+    const size_t count = 250 + random() % 60;
+    const uint64_t spread = std::array<uint64_t, 4>{40, 300, 5000, uint64_t{1} << 40}[round % 4];
+    const uint64_t early = random() % 2 == 0 ? spread / 8 : spread;  // some may end before others
+    for (size_t i = 0; i < count; ++i) {
+      const uint64_t end = random() % 16 == 0 ? early : spread;
+      std::vector<uint64_t> times(1 + random() % (i % 32 == 0 ? 200 : 12));
+      for (uint64_t& time : times) time = 1 + random() % end;
+      if (round % 6 != 5 || random() % 8 != 0) std::sort(times.begin(), times.end());
+      if (end == spread) times.push_back(spread + random() % 3);
+      streams.emplace_back(i, times);
+    }
+    const size_t stopEach = round % 3 == 0 ? 1 + random() % 5 : 0;
+    ASSERT_EQ(difference(servedOrder(streams, stopEach), deliveredOrder(streams, stopEach)), "")
+        << round;
+  }
+}
+
+// Some streams hold more than is read ahead at once; records are small and large.
 Lines fillWithSizesOfAllKinds(tb::Trace& trace, size_t streams) {
   const auto recordsOf = [](size_t stream) { return stream % 64 == 5 ? size_t{400} : size_t{12}; };
   size_t total = 0;
@@ -407,7 +442,7 @@ Lines fillWithSizesOfAllKinds(tb::Trace& trace, size_t streams) {
 }
 
 TEST(KltOrder, HundredsOfStreamsWithRecordsOfAllSizes) {
-  for (const size_t streams : {509U, 510U, 530U}) {
+  for (const size_t streams : {253U, 254U, 270U, 530U}) {
     tb::Trace trace;
     const Lines expected = fillWithSizesOfAllKinds(trace, streams);
     OpenTrace open(trace);
@@ -432,6 +467,8 @@ TEST(KltOrder, HundredsOfStreamsWithRecordsOfAllSizes) {
       EXPECT_EQ(status == KLT_STATUS_HANDLER, stopped);
       EXPECT_GE(KLT_Progress(reader.get()), progress);
       progress = KLT_Progress(reader.get());
+      const auto lines = static_cast<double>(stopping.lines.size());
+      EXPECT_NEAR(progress, lines / static_cast<double>(expected.size()), 0.1) << streams;
     }
     EXPECT_EQ(progress, 1.0);
     EXPECT_EQ(difference(expected, stopping.lines), "") << streams;
