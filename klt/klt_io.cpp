@@ -47,32 +47,39 @@ bool isPresent(const KLT_IoFile* file) {
   return false;
 }
 
-// Why something that isn't a regular file can't be read as a component; 0 if nothing speaks against
-// opening it.
-int refusalOf(const KLT_Container* container, const char* fileName) {
-  struct stat info;
-  if (KLT_StatIn(container->directoryName(), fileName, &info) != 0) return 0;
+// Why a file of this kind can't be read as a component; 0 for a regular one.
+int refusalOf(const struct stat& info) {
   if (S_ISREG(info.st_mode)) return 0;
   return S_ISDIR(info.st_mode) ? EISDIR : ESPIPE;
 }
 
+// A descriptor for reading a component; -1 with errno or, if it isn't a regular file, with the
+// reason in `refusal`. Thousands are opened in a row: looking at the name first, which O_NONBLOCK
+// makes needless for a FIFO, would cost as much as opening it once more.
+int openForReading(const KLT_Container* container, const char* fileName, int* refusal) {
+  const char* const dir = container->directoryName();
+  const int fd = PAL_OpenInDir(dir, fileName, container->flags | O_NONBLOCK, container->mode);
+  struct stat info;
+  if (fd < 0) {
+    const int savedErrno = errno;
+    if (KLT_StatIn(dir, fileName, &info) == 0) *refusal = refusalOf(info);
+    errno = savedErrno;
+    return -1;
+  }
+  if (Vfd_Stat(fd, &info) == 0) *refusal = refusalOf(info);
+  if (*refusal == 0) return fd;
+  Vfd_Close(fd);
+  return -1;
+}
+
 KLT_IoFile* openPlain(KLT_Container* container, const char* fileName) {
-  int flags = container->flags;
   int refusal = 0;
-  if (isReadOnly(container)) {
-    flags |= O_NONBLOCK;
-    refusal = refusalOf(container, fileName);
-  }
+  const int fd = isReadOnly(container) ? openForReading(container, fileName, &refusal)
+                                       : PAL_OpenInDir(container->directoryName(), fileName,
+                                                       container->flags, container->mode);
   // An index that is no file has no bytes, which its reader tells as it tells of an empty one.
-  if (refusal != 0 && container->name != fileName) {
-    errno = refusal;
-    return nullptr;
-  }
-  int fd = -1;
-  if (refusal == 0) {
-    fd = PAL_OpenInDir(container->directoryName(), fileName, flags, container->mode);
-    if (fd < 0) return nullptr;
-  }
+  if (refusal != 0 && container->name != fileName) errno = refusal;
+  if (fd < 0 && (refusal == 0 || container->name != fileName)) return nullptr;
   auto* const file = new KLT_IoFile;
   file->container = container;
   file->fd = fd;

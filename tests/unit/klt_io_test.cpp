@@ -551,7 +551,7 @@ TEST_F(KltIoTest, WhatIsNoContainerIsTheIndexOfAPlainTrace) {
   EXPECT_EQ(KLT_ContainerClose(trace), 0);
 }
 
-TEST_F(KltIoTest, FifosAndDirectoriesAreNotOpened) {
+TEST_F(KltIoTest, FifosAndDirectoriesAreRefused) {
   ASSERT_EQ(mkfifo(path("t.klt").c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(path("t.klt.fifo").c_str(), 0600), 0);
   std::filesystem::create_directory(path("t.klt.dir"));
