@@ -16,15 +16,17 @@ size_t wantedRecords(size_t streams) { return std::clamp<size_t>(8 * streams, 20
 
 }  // namespace
 
-// A look at all streams costs about as much as the delivery of a quarter of a record each.
+// Looking at all streams costs some time for each, which must be won back: by slices that hold
+// records of many streams. Otherwise the tournament delivers a good many records before the next
+// attempt.
 bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
-  constexpr size_t kRecordsPerTurn = 2;
-  credit_ = std::min(credit_, 4 * lanes.size());
-  if (fills == fillsSeen_ || credit_ < lanes.size() / 4) {
+  constexpr int64_t kRecordsPerTurn = 2;
+  const auto cost = static_cast<int64_t>(lanes.size());
+  if (fills == fillsSeen_ || credit_ < cost) {
     credit_ += kRecordsPerTurn;
     return false;
   }
-  credit_ -= lanes.size() / 4;
+  credit_ = std::min(credit_, 64 * cost) - cost;
 
   uint64_t last = ~uint64_t{0};
   start_ = ~uint64_t{0};
@@ -44,24 +46,28 @@ bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
   }
   positionBits_ = static_cast<unsigned>(std::bit_width(lanes.size()));
   const uint64_t span = std::min(last - start_, width_);
-  if (!collect(lanes, start_ + span)) {
+  size_t sources = 0;  // streams that have records in the slice
+  if (!collect(lanes, start_ + span, &sources)) {
     for (KLT_Lane& lane : lanes) {
       lane.next = lane.beforeSlice;
       lane.nextTime = KLT_RecordTime(lane.next);
     }
+    credit_ -= static_cast<int64_t>(count_);
     at_ = count_ = 0;
     width_ = width_ / 8 + 1;
     return false;
   }
-  credit_ += count_;
+  const bool isNarrow = span == width_ && count_ < wanted / 2;
   if (span == width_) adaptWidth(wanted);
+  const bool isOfFew = sources < lanes.size() / 8 && !isNarrow;
+  credit_ += isOfFew ? -4 * cost : 2 * static_cast<int64_t>(count_);
   sort(span);
   return true;
 }
 
 // The records are copied to where they lie side by side: most streams' records lie on pages of
 // their own, and finding a page takes longer than all that is done with a record.
-bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
+bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources) {
   constexpr size_t kLanesAhead = 6;
   constexpr size_t kBytesAhead = 256;
   constexpr size_t kLine = 64;
@@ -89,6 +95,7 @@ bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
       if (lane.next == lane.end) [[unlikely]]
         return false;
     }
+    *sources += lane.next != lane.beforeSlice ? 1 : 0;
     // With the head of the record that stays.
     const auto bytes = static_cast<size_t>(lane.next - lane.beforeSlice) + kHead;
     if (bytes > static_cast<size_t>(copies_.data() + copies_.size() - to)) [[unlikely]]

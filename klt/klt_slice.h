@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -110,7 +111,7 @@ class KLT_Slice {
   [[nodiscard]] bool isAhead(const Entry& entry) const {
     return positionOf(entry) == ahead_ && entry.record < aheadEnd_;
   }
-  [[nodiscard]] bool collect(std::span<KLT_Lane> lanes, uint64_t end);
+  [[nodiscard]] bool collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources);
   void adaptWidth(size_t wanted);
   void sort(uint64_t span);
 
@@ -130,7 +131,8 @@ class KLT_Slice {
   const uint8_t* aheadEnd_ = nullptr;
 
   // When to gather: looking at all streams must pay.
-  uint64_t width_ = 1;          // of a slice, in time
-  uint64_t fillsSeen_ = 0;      // a stream must have been filled since
-  size_t credit_ = ~size_t{0};  // records delivered that a look has not been paid with yet
+  uint64_t width_ = 1;      // of a slice, in time
+  uint64_t fillsSeen_ = 0;  // a stream must have been filled since
+  // Records delivered that no look and no attempt in vain has been set against.
+  int64_t credit_ = std::numeric_limits<int64_t>::max();
 };
