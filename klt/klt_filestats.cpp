@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <tuple>
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
@@ -11,25 +12,23 @@
 
 namespace {
 
-constexpr uint64_t pair(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
+using Factors = std::array<uint64_t, 8>;
 
-// The products are independent of each other: a hash of four parts takes little longer than of one.
-template <size_t N>
-uint32_t hashOf(const std::array<uint64_t, 4>& factors, const std::array<uint64_t, N>& parts) {
-  static_assert(N <= 4);
-  uint64_t hash = 0;
-  for (size_t i = 0; i < N; ++i) hash += factors[i] * parts[i];
-  hash = (hash ^ hash >> 32) * 0xd6e8feb86659fd93;
+// Two keys meet in one hash with the least chance there can be, whatever they are: the factors, one
+// for each number and one that is added, can't be foreseen. The products are independent of each
+// other, so that many take little longer than one.
+template <class... Numbers>
+uint32_t hashOf(const Factors& factors, Numbers... numbers) {
+  static_assert(sizeof...(numbers) < std::tuple_size_v<Factors>);
+  uint64_t hash = factors[0];
+  size_t i = 1;
+  ((hash += factors[i++] * uint32_t{numbers}), ...);
   return static_cast<uint32_t>(hash >> 32);
 }
 
-// Odd numbers that can't be foreseen: they keep a file from being made in which all keys meet in
-// one place.
-std::array<uint64_t, 4> randomFactors() {
-  std::array<uint64_t, 4> factors{};
-  for (uint64_t& factor : factors) {
-    factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed() | 1;
-  }
+Factors randomFactors() {
+  Factors factors{};
+  for (uint64_t& factor : factors) factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed();
   return factors;
 }
 
@@ -62,7 +61,7 @@ void KLT_FileStats::Table::add(uint32_t hash) {
 void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive,
                              uint32_t& hint) {
   if (hint - 1 >= functions_.size() || !functions_[hint - 1].isOf(gtp, function)) {
-    const uint32_t hash = hashOf<1>(factors_, {pair(gtp, function)});
+    const uint32_t hash = hashOf(factors_, gtp, function);
     hint = functionPlaces_.find(
         hash, [&](uint32_t candidate) { return functions_[candidate - 1].isOf(gtp, function); });
     if (hint == 0) {
@@ -83,9 +82,8 @@ void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uin
 }
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
-  const uint32_t hash =
-      hashOf<4>(factors_, {pair(key.sender, key.receiver), pair(key.funcSender, key.funcReceiver),
-                           pair(key.tag, key.size), key.comm});
+  const uint32_t hash = hashOf(factors_, key.sender, key.receiver, key.funcSender, key.funcReceiver,
+                               key.tag, key.comm, key.size);
   const uint32_t place = messagePlaces_.find(
       hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
   if (place == 0) {

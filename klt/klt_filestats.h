@@ -113,7 +113,7 @@ class KLT_FileStats {
 
   KLT_StatsParameters parameters_;
   unsigned eventBits_;
-  std::array<uint64_t, 4> factors_;  // of the hashes
+  std::array<uint64_t, 8> factors_;  // of the hashes
   std::vector<FunctionStat> functions_;
   Table functionPlaces_;
   std::vector<MessageStat> messages_;

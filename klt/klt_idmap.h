@@ -41,7 +41,9 @@ class KLT_IdIndex {
     }
   }
   [[nodiscard]] size_t slotOf(uint32_t id) const {
-    return static_cast<size_t>((id * factor_) >> shift_);
+    uint64_t hash = id * factor_;
+    hash = (hash ^ hash >> 32) * 0x9e3779b97f4a7c15;
+    return static_cast<size_t>(hash >> shift_);
   }
   void place(uint32_t id, uint32_t index);
   void growSparse();
@@ -50,7 +52,7 @@ class KLT_IdIndex {
   std::vector<Slot> sparse_;  // a power of two, at most half full
   size_t sparseCount_ = 0;
   uint64_t factor_;
-  uint32_t shift_ = 64;  // by which a product is cut to a place in `sparse_`
+  uint32_t shift_ = 64;  // by which a hash is cut to a place in `sparse_`
   uint32_t directLimit_;
 };
 

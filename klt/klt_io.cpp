@@ -54,11 +54,13 @@ int refusalOf(const struct stat& info) {
 }
 
 // A descriptor for reading a component; -1 with errno or, if it isn't a regular file, with the
-// reason in `refusal`. Thousands are opened in a row: looking at the name first, which O_NONBLOCK
-// makes needless for a FIFO, would cost as much as opening it once more.
+// reason in `refusal`. Thousands are opened in a row, and a look at the name first would cost as
+// much as opening it once more. So a FIFO or a device that bears the name of a component is opened
+// for a moment, which with these flags neither waits nor takes a terminal over.
 int openForReading(const KLT_Container* container, const char* fileName, int* refusal) {
   const char* const dir = container->directoryName();
-  const int fd = PAL_OpenInDir(dir, fileName, container->flags | O_NONBLOCK, container->mode);
+  const int fd =
+      PAL_OpenInDir(dir, fileName, container->flags | O_NONBLOCK | O_NOCTTY, container->mode);
   struct stat info;
   if (fd < 0) {
     const int savedErrno = errno;

@@ -168,9 +168,11 @@ void buildOrder(KLT_Reader& reader) {
   reader.order.build(times);
 }
 
-// Gets every stream ready. Returns a status, or kNoStatus.
+// Gets every stream ready. Returns a status, or kNoStatus. However short the time, a call fills
+// one.
 int prepare(KLT_Reader& reader) {
   for (size_t i = 0; i < reader.streams.size();) {
+    const uint64_t fills = reader.fills;
     switch (swapIn(reader, i)) {
       case Swap::kReady:
         ++i;
@@ -180,7 +182,7 @@ int prepare(KLT_Reader& reader) {
       case Swap::kFailed:
         return afterFailure(reader);
     }
-    if (reader.limit.reached()) return KLT_STATUS_TIME;
+    if (reader.fills != fills && reader.limit.reached()) return KLT_STATUS_TIME;
   }
   return kNoStatus;
 }

@@ -21,12 +21,13 @@ size_t wantedRecords(size_t streams) { return std::clamp<size_t>(8 * streams, 20
 // attempt.
 bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
   constexpr int64_t kRecordsPerTurn = 2;
+  constexpr int64_t kMostLooks = 64;  // that can be won in advance
   const auto cost = static_cast<int64_t>(lanes.size());
   if (fills == fillsSeen_ || credit_ < cost) {
     credit_ += kRecordsPerTurn;
     return false;
   }
-  credit_ = std::min(credit_, 64 * cost) - cost;
+  credit_ = std::min(credit_, kMostLooks * cost) - cost;
 
   uint64_t last = ~uint64_t{0};
   start_ = ~uint64_t{0};
@@ -40,14 +41,14 @@ bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
   }
   const size_t wanted = wantedRecords(lanes.size());
   if (entries_.size() < 4 * wanted) {
-    entries_.resize(4 * wanted + kFetchedAhead);
+    entries_.resize(4 * wanted + kFetchedAhead + 1);
     sorted_.resize(entries_.size());
     copies_.resize(entries_.size() * kUsualBytes);
   }
   positionBits_ = static_cast<unsigned>(std::bit_width(lanes.size()));
   const uint64_t span = std::min(last - start_, width_);
-  size_t sources = 0;  // streams that have records in the slice
-  if (!collect(lanes, start_ + span, &sources)) {
+  const Collected collected = collect(lanes, start_ + span);
+  if (!collected.complete) {
     for (KLT_Lane& lane : lanes) {
       lane.next = lane.beforeSlice;
       lane.nextTime = KLT_RecordTime(lane.next);
@@ -57,17 +58,21 @@ bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
     width_ = width_ / 8 + 1;
     return false;
   }
+  // The runner-up's turn is over: its records of that time were in the slice before.
+  if (phase_ == Phase::kSecond) phase_ = Phase::kBegin;
+  constexpr size_t kFewOf = 8;  // an eighth
+  constexpr int64_t kLooksLost = 4;
   const bool isNarrow = span == width_ && count_ < wanted / 2;
-  if (span == width_) adaptWidth(wanted);
-  const bool isOfFew = sources < lanes.size() / 8 && !isNarrow;
-  credit_ += isOfFew ? -4 * cost : 2 * static_cast<int64_t>(count_);
+  const bool isOfFew = collected.sources < lanes.size() / kFewOf && !isNarrow;
+  credit_ += isOfFew ? -kLooksLost * cost : kRecordsPerTurn * static_cast<int64_t>(count_);
+  if (span == width_) adaptWidth(wanted, collected.bytes);
   sort(span);
   return true;
 }
 
 // The records are copied to where they lie side by side: most streams' records lie on pages of
 // their own, and finding a page takes longer than all that is done with a record.
-bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources) {
+KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
   constexpr size_t kLanesAhead = 6;
   constexpr size_t kBytesAhead = 256;
   constexpr size_t kLine = 64;
@@ -75,8 +80,9 @@ bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources
   at_ = count_ = 0;
   ahead_ = kNone;
   for (KLT_Lane& lane : lanes) lane.beforeSlice = lane.next;
-  const size_t most = entries_.size() - kFetchedAhead;
+  const size_t most = entries_.size() - kFetchedAhead - 1;
   uint8_t* to = copies_.data();
+  size_t sources = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
     if (i + kLanesAhead < lanes.size()) {
       const uint8_t* const next = lanes[i + kLanesAhead].next;
@@ -87,30 +93,31 @@ bool KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources
     for (uint64_t before = start_; lane.nextTime < end; lane.nextTime = KLT_RecordTime(lane.next)) {
       // Times that lead back are for the tournament, as is more than there is room for.
       if (lane.nextTime < before || count_ == most) [[unlikely]]
-        return false;
+        return {};
       before = lane.nextTime;
       entries_[count_++] = {(before - start_) << positionBits_ | i,
                             to + (lane.next - lane.beforeSlice)};
       lane.next += KLT_RecordBytes(lane.next);
       if (lane.next == lane.end) [[unlikely]]
-        return false;
+        return {};
     }
-    *sources += lane.next != lane.beforeSlice ? 1 : 0;
+    sources += lane.next != lane.beforeSlice ? 1 : 0;
     // With the head of the record that stays.
     const auto bytes = static_cast<size_t>(lane.next - lane.beforeSlice) + kHead;
     if (bytes > static_cast<size_t>(copies_.data() + copies_.size() - to)) [[unlikely]]
-      return false;
+      return {};
     std::memcpy(to, lane.beforeSlice, bytes);
     to += bytes;
   }
-  return true;
+  return {true, sources, static_cast<size_t>(to - copies_.data())};
 }
 
-void KLT_Slice::adaptWidth(size_t wanted) {
+void KLT_Slice::adaptWidth(size_t wanted, size_t bytes) {
   const uint64_t widest = uint64_t{1} << (62 - positionBits_);
-  if (count_ > 2 * wanted) width_ = width_ / 2 + 1;
-  if (count_ < wanted / 2) width_ = std::min(widest, 2 * width_);
-  if (count_ < wanted / 16) width_ = std::min(widest, 8 * width_);
+  const size_t room = copies_.size();
+  if (count_ > 2 * wanted || bytes > room / 2) width_ = width_ / 2 + 1;
+  if (count_ < wanted / 2 && bytes < room / 4) width_ = std::min(widest, 2 * width_);
+  if (count_ < wanted / 16 && bytes < room / 32) width_ = std::min(widest, 8 * width_);
 }
 
 // By digits of the time, the lowest first. Entries of one time stay as they were gathered: in the

@@ -39,9 +39,9 @@ class KLT_Slice {
     uint8_t* record = nullptr;
   };
 
-  // Takes the records of the next slice out of the lanes. False, with nothing changed, if it is too
-  // early for one: `fills` counts how often a stream was filled or left.
-  // REQUIRES: the slice before is used up.
+  // Takes the records of the next slice out of the lanes. False, with the lanes as they were, if it
+  // is too early for one or too much happens at one time: then the tournament goes on. `fills`
+  // counts how often a stream was filled or left. REQUIRES: the slice before is used up.
   [[nodiscard]] bool gather(std::span<KLT_Lane> lanes, uint64_t fills);
 
   // The next record in order; its size is told to `delivered`.
@@ -111,8 +111,14 @@ class KLT_Slice {
   [[nodiscard]] bool isAhead(const Entry& entry) const {
     return positionOf(entry) == ahead_ && entry.record < aheadEnd_;
   }
-  [[nodiscard]] bool collect(std::span<KLT_Lane> lanes, uint64_t end, size_t* sources);
-  void adaptWidth(size_t wanted);
+  // What it collected; `sources` are the streams that have records in the slice.
+  struct Collected {
+    bool complete = false;
+    size_t sources = 0;
+    size_t bytes = 0;
+  };
+  [[nodiscard]] Collected collect(std::span<KLT_Lane> lanes, uint64_t end);
+  void adaptWidth(size_t wanted, size_t bytes);
   void sort(uint64_t span);
 
   std::vector<Entry> entries_;
@@ -126,7 +132,7 @@ class KLT_Slice {
   Phase phase_ = Phase::kBegin;
   size_t best_ = kNone;
   uint8_t* afterBest_ = nullptr;  // that stream's next record
-  uint64_t secondKey_ = 0;
+  uint64_t secondKey_ = 0;        // of the runner-up's records
   size_t ahead_ = kNone;
   const uint8_t* aheadEnd_ = nullptr;
 

@@ -100,53 +100,23 @@ void KLT_OffsetEntries::reindex() {
   open_ = std::move(open);
 }
 
-KLT_WillyHistory& KLT_WriteHistory::find(uint32_t gtp) {
-  if (!first_.isUsed) {
-    first_.gtp = gtp;
-    first_.isUsed = true;
-    return first_;
-  }
-  const uint32_t place = byGtp_.find(gtp);
-  if (place != 0) return *others_[place - 1];
-  others_.push_back(std::make_unique<KLT_WillyHistory>());
-  others_.back()->gtp = gtp;
-  others_.back()->isUsed = true;
-  byGtp_.add(gtp, static_cast<uint32_t>(others_.size()));
-  return *others_.back();
-}
-
-std::vector<KLT_WillyHistory*> KLT_WriteHistory::ordered() {
-  constexpr uint32_t kBuckets = 449;
-  std::vector<KLT_WillyHistory*> result;
-  if (!first_.isUsed) return result;
-  result.reserve(1 + others_.size());
-  result.push_back(&first_);
-  for (const auto& willy : others_) result.push_back(willy.get());
-  std::stable_sort(result.begin(), result.end(),
-                   [](const KLT_WillyHistory* a, const KLT_WillyHistory* b) {
-                     return (a->gtp + 1) % kBuckets < (b->gtp + 1) % kBuckets;
-                   });
-  return result;
-}
-
 void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t function,
                             uint32_t scl, uint64_t ticks) {
-  KLT_WillyHistory& willy = history.of(gtp);
-  willy.calls.push_back({function, scl, ticks, 0});
+  history.of(gtp).calls.push_back({function, scl, ticks, 0});
 }
 
 void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
                               KLT_FileStats* stats) {
-  KLT_WillyHistory& willy = history.of(gtp);
-  if (willy.calls.empty()) return;
+  std::vector<KLT_WriteHistory::Call>& calls = history.of(gtp).calls;
+  if (calls.empty()) return;
   // Field by field: the call may have begun a moment ago, and what has just been stored as parts
   // can't be loaded as one before it has left the core.
-  const KLT_WillyHistory::Call& call = willy.calls.back();
+  const KLT_WriteHistory::Call& call = calls.back();
   const uint32_t function = call.function;
   const uint64_t inclusive = ticks - call.start;
   const uint64_t self = inclusive - call.childTime;
-  willy.calls.pop_back();
+  calls.pop_back();
   if (stats == nullptr) return;
-  stats->function(gtp, function, self, inclusive, willy.profileHint(function));
-  if (!willy.calls.empty()) willy.calls.back().childTime += inclusive;
+  stats->function(gtp, function, self, inclusive, history.profileHint(function));
+  if (!calls.empty()) calls.back().childTime += inclusive;
 }

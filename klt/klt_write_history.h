@@ -1,20 +1,17 @@
 // What a writer remembers of a stream so that a reader can start in the middle of it.
 //
-// One KLT_WriteHistory belongs to each output stream. Per thread it keeps the call stack and the
-// positions of records that stay relevant: messages and collective operations under way, open
-// scopes, the last sample of each counter. At a seek point all of it is written into the anchor
-// component (klt_write). With statistics on, the stack also measures how long calls take.
+// One KLT_WriteHistory belongs to each output stream. It keeps the call stack of the stream's
+// thread and the positions of records that stay relevant: messages and collective operations under
+// way, open scopes, the last sample of each counter. At a seek point all of it is written into the
+// anchor component (klt_write). With statistics on, the stack also measures how long calls take.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <unordered_map>
 #include <vector>
-
-#include "klt/klt_idmap.h"
 
 class KLT_FileStats;
 
@@ -32,7 +29,7 @@ struct KLT_OffsetEntry {
   uint32_t seqnr = 0;  // of a scope
 };
 
-// The offset entries of one thread in order of arrival. All operations take amortised constant
+// Offset entries in order of arrival. All operations take amortised constant
 // time; an entry that is taken out leaves a gap until the next prune.
 class KLT_OffsetEntries {
  public:
@@ -67,7 +64,7 @@ class KLT_OffsetEntries {
   size_t pruneAt_ = kFirstPrune;
 };
 
-struct alignas(64) KLT_WillyHistory {
+struct alignas(64) KLT_WriteHistory {
   struct Call {
     uint32_t function;
     uint32_t scl;
@@ -78,12 +75,18 @@ struct alignas(64) KLT_WillyHistory {
   // All that a call touches: with thousands of threads it is the reach for another line of memory
   // that takes the time.
   uint32_t gtp = 0;
-  bool isUsed = false;
+  bool isUsed = false;                     // an anchor has something to tell, if only the thread
   std::vector<Call> calls;                 // outermost first
   std::array<uint32_t, 8> profileHints{};  // where the functions called last have their profiles
 
   KLT_OffsetEntries offsets;
 
+  // The history, which is that of `thread`. A stream has records of one thread, or of none: 0.
+  [[nodiscard]] KLT_WriteHistory& of(uint32_t thread) {
+    gtp = thread;
+    isUsed = true;
+    return *this;
+  }
   [[nodiscard]] uint32_t& profileHint(uint32_t function) {
     return profileHints[function % profileHints.size()];
   }
@@ -91,24 +94,6 @@ struct alignas(64) KLT_WillyHistory {
   [[nodiscard]] bool hasLocations() const {
     return std::any_of(calls.begin(), calls.end(), [](const Call& call) { return call.scl != 0; });
   }
-};
-
-class KLT_WriteHistory {
- public:
-  [[nodiscard]] KLT_WillyHistory& of(uint32_t gtp) {
-    if (first_.gtp == gtp && first_.isUsed) [[likely]]
-      return first_;
-    return find(gtp);
-  }
-  // All threads in the order in which an anchor tells them.
-  [[nodiscard]] std::vector<KLT_WillyHistory*> ordered();
-
- private:
-  KLT_WillyHistory& find(uint32_t gtp);
-
-  KLT_WillyHistory first_;                                 // of most streams the only one
-  std::vector<std::unique_ptr<KLT_WillyHistory>> others_;  // in order of first use
-  KLT_IdIndex byGtp_;                                      // to the place in `others_`, from 1
 };
 
 // A call begins. `ticks` only counts with statistics.

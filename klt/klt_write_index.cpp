@@ -15,18 +15,18 @@ constexpr size_t kEntriesPerHistory = 255;
 constexpr size_t kLargestStack = 0xffff;
 constexpr uint32_t kTableBuckets = 1021;  // decides the order of strings and lists
 
-// Bytes of what an anchor tells; 0 if it can't be told.
-size_t groupBytes(const std::vector<KLT_WillyHistory*>& willies) {
+// Whether an anchor can tell the history, in at most `most` bytes.
+bool canTell(const KLT_WriteHistory& history, uint64_t most) {
   constexpr size_t kAnchorBytes = 17;
+  const size_t depth = history.calls.size();
+  if (depth > kLargestStack || 4 * depth > most) return false;
   size_t bytes = kAnchorBytes;
-  for (const KLT_WillyHistory* willy : willies) {
-    const size_t depth = willy->calls.size();
-    if (depth > kLargestStack) return 0;
-    if (depth != 0) bytes += 7 + depth * (willy->hasLocations() ? 8 : 4);
-    const size_t entries = willy->offsets.entries().size();
+  if (depth != 0) bytes += 7 + depth * (history.hasLocations() ? 8 : 4);
+  if (history.isUsed) {
+    const size_t entries = history.offsets.entries().size();
     bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
   }
-  return bytes;
+  return bytes <= most;
 }
 
 // Builds records behind the used bytes of the anchor component.
@@ -35,18 +35,18 @@ class AnchorWriter {
   AnchorWriter(KLT_WFileHandle& writer, KLT_WriteContext& context)
       : writer_(writer), context_(context) {}
 
-  bool stack(const KLT_WillyHistory& willy) {
-    const size_t n = willy.calls.size();
-    const bool scls = willy.hasLocations();
+  bool stack(const KLT_WriteHistory& history) {
+    const size_t n = history.calls.size();
+    const bool scls = history.hasLocations();
     uint8_t* to = reserve(7 + n * (scls ? 8 : 4));
     if (to == nullptr) return false;
     *to++ = scls ? 42 : 41;
-    to = put32(to, willy.gtp);
+    to = put32(to, history.gtp);
     klt::storeBig16(to, static_cast<uint16_t>(n));
     to += 2;
-    for (const auto& call : willy.calls) to = put32(to, call.function);
+    for (const auto& call : history.calls) to = put32(to, call.function);
     if (scls) {
-      for (const auto& call : willy.calls) to = put32(to, call.scl);
+      for (const auto& call : history.calls) to = put32(to, call.scl);
     }
     return true;
   }
@@ -113,15 +113,14 @@ class AnchorWriter {
 
 const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   if (context.anchors.lost) return nullptr;  // told when it was lost
-  const std::vector<KLT_WillyHistory*> willies = context.history.ordered();
-  for (KLT_WillyHistory* willy : willies) willy->offsets.prune(context.outputTime);
+  KLT_WriteHistory& history = context.history;
+  history.offsets.prune(context.outputTime);
   // A seek point that tells more than the data it saves reading waits for the next boundary.
-  const size_t bytes = groupBytes(willies);
-  if (bytes == 0 || bytes > context.position() - context.lastAnchor) return nullptr;
+  if (!canTell(history, context.position() - context.lastAnchor)) return nullptr;
   AnchorWriter out(writer, context);
-  for (const KLT_WillyHistory* willy : willies) {
-    if (!willy->calls.empty() && !out.stack(*willy)) return "Writing function history failed.";
-    if (!out.offsets(willy->offsets.entries())) return "Writing event history failed.";
+  if (!history.calls.empty() && !out.stack(history)) return "Writing function history failed.";
+  if (history.isUsed && !out.offsets(history.offsets.entries())) {
+    return "Writing event history failed.";
   }
   context.lastAnchor = context.position();
   return out.anchor() ? nullptr : "Setting/writing anchor failed.";

@@ -4,7 +4,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <numeric>
 #include <random>
@@ -387,22 +386,58 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
 // them.
 TEST(KltOrder, FollowsTheRulesForHundredsOfStreams) {
   std::mt19937 random(13);
-  for (int round = 0; round < 24; ++round) {
+  const std::vector<uint64_t> spreads = {40, 300, 5000, uint64_t{1} << 40};
+  for (int round = 0; round < 36; ++round) {
     TimedStreams streams;
     const size_t count = 250 + random() % 60;
-    const uint64_t spread = std::array<uint64_t, 4>{40, 300, 5000, uint64_t{1} << 40}[round % 4];
+    const uint64_t spread = spreads[random() % spreads.size()];
     const uint64_t early = random() % 2 == 0 ? spread / 8 : spread;  // some may end before others
+    const size_t busy = round % 2 == 0 ? count : 2 + random() % 5;   // the others only end
     for (size_t i = 0; i < count; ++i) {
       const uint64_t end = random() % 16 == 0 ? early : spread;
-      std::vector<uint64_t> times(1 + random() % (i % 32 == 0 ? 200 : 12));
+      const size_t most = busy < count || i % 32 == 0 ? 200 : 12;
+      std::vector<uint64_t> times(i < busy ? 1 + random() % most : 0);
       for (uint64_t& time : times) time = 1 + random() % end;
       if (round % 6 != 5 || random() % 8 != 0) std::sort(times.begin(), times.end());
-      if (end == spread) times.push_back(spread + random() % 3);
+      if (end == spread || times.empty()) times.push_back(spread + random() % 3);
       streams.emplace_back(i, times);
     }
     const size_t stopEach = round % 3 == 0 ? 1 + random() % 5 : 0;
     ASSERT_EQ(difference(servedOrder(streams, stopEach), deliveredOrder(streams, stopEach)), "")
         << round;
+  }
+}
+
+// Stream 1 is the runner-up of the first slice and the best of the second one.
+TEST(KltOrder, ATurnThatIsOverDoesNotReachIntoTheNextSlice) {
+  TimedStreams streams = {{0, {10, 30, 1000, 2000}}, {1, {10, 20, 30, 1000, 2000}}};
+  for (size_t i = 2; i < 256; ++i) streams.emplace_back(i, std::vector<uint64_t>{1000, 2000});
+  EXPECT_EQ(difference(servedOrder(streams), deliveredOrder(streams)), "");
+}
+
+// As much at one time as there is room for, and more.
+TEST(KltOrder, ManyRecordsOfOneTimeFillASlice) {
+  constexpr size_t kStreams = 256;
+  for (const size_t records : {31U, 32U, 33U, 200U}) {
+    tb::Trace trace;
+    Lines expected;
+    for (size_t i = 0; i < kStreams; ++i) {
+      const auto thread = static_cast<uint32_t>(i);
+      tb::Stream& stream = trace.stream("x." + std::to_string(i), tb::ANY);
+      for (size_t n = 0; n < records; ++n) {
+        stream.at(10).enter(thread, static_cast<uint32_t>(n));
+        expected.push_back("enter_function 10 " + std::to_string(i) + ' ' + std::to_string(n) +
+                           " 0");
+      }
+      stream.at(1000 + i).leave(thread);
+    }
+    for (size_t i = 0; i < kStreams; ++i) {
+      expected.push_back("leave_function " + std::to_string(1000 + i) + ' ' + std::to_string(i) +
+                         " 0");
+    }
+    Recorder recorder;
+    recorder.table.end_of_filter = nullptr;
+    EXPECT_EQ(difference(expected, OpenTrace(trace).read(recorder)), "") << records;
   }
 }
 
@@ -592,6 +627,8 @@ TEST(KltStatus, ATimeLimitInterruptsAndLosesNothing) {
   EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), KLT_STATUS_TIME);
   EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), KLT_STATUS_TIME);
   EXPECT_EQ(recorder.lines, Lines{});
+  EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), KLT_STATUS_TIME);
+  EXPECT_FALSE(recorder.lines.empty()) << "no time at all still brings it on";
   double progress = KLT_Progress(reader.get());
   int status = KLT_STATUS_TIME;
   for (int calls = 0; status == KLT_STATUS_TIME && calls < 100000; ++calls) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -189,6 +190,50 @@ TEST_F(KltWrite, ProfilesCountWhatWasWritten) {
   ASSERT_EQ(lines.size(), kRoutes + 1);
   EXPECT_EQ(lines.front(), line("route", 0, 1, 1, 1, 3000, 3000, 3000));
   EXPECT_EQ(lines.back(), line("calls", 0, 2, kSteps, 5, 5 * kSteps, 5 * kSteps));
+}
+
+// Functions and threads that meet in whatever finds their profiles quickly.
+TEST_F(KltWrite, ProfilesKeepFunctionsAndThreadsApart) {
+  const KLT_StatsParameters stats;
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, &stats);
+  ASSERT_NE(writer, nullptr);
+  uint64_t time = 0;
+  for (int round = 0; round < 3; ++round) {
+    for (const uint32_t function : {2U, 10U, 18U}) {
+      for (const uint32_t thread : {0U, 1U}) {
+        EXPECT_NE(KLT_Write<28>(writer, nullptr, time, thread, function), 0U);
+        time += function + thread;
+        EXPECT_NE(KLT_Write<48>(writer, nullptr, time, thread), 0U);
+      }
+    }
+  }
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  EXPECT_EQ(read(path("t.klt"), {window(0, ~uint64_t{0}, 0x4000)}),
+            (Lines{line("calls", 0, 2, 3, 2, 6, 6), line("calls", 1, 2, 3, 3, 9, 9),
+                   line("calls", 0, 10, 3, 10, 30, 30), line("calls", 1, 10, 3, 11, 33, 33),
+                   line("calls", 0, 18, 3, 18, 54, 54), line("calls", 1, 18, 3, 19, 57, 57)}));
+}
+
+// Numbers that a file likes to contain don't make profiles slow: here all low bits are zero.
+TEST_F(KltWrite, ProfilesOfManyRoutesTakeLinearTime) {
+  const KLT_StatsParameters stats;
+  const auto timeFor = [&](unsigned shift) {
+    KLT_WFileHandle* writer =
+        KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, &stats);
+    const std::clock_t begin = std::clock();
+    for (uint32_t i = 0; i < 1U << 18; ++i) {
+      const uint32_t sender = (i & 63) << shift;
+      const uint32_t function = (i >> 6 & 63) << shift;
+      const uint32_t tag = i >> 12 << shift;
+      writer->stats()->message({sender, 0, function, 0, tag, 1, 8}, 1);
+    }
+    const std::clock_t taken = std::clock() - begin;
+    KLT_WriterFree(writer);
+    return static_cast<double>(taken) / CLOCKS_PER_SEC;
+  };
+  EXPECT_LT(timeFor(26), 8 * timeFor(0) + 0.5);
 }
 
 TEST_F(KltWrite, ARecordIsCompletedInItsPlace) {
