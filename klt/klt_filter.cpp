@@ -415,6 +415,6 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
     }
   }
   // Its memory serves the next stream while what is delivered waits.
-  if (s.input.drained()) s.input.freeBuffer();
+  s.input.freeBuffer();
   return KLT_Fill::kFilled;
 }

@@ -45,6 +45,8 @@ void KLT_Input::detach() {
 }
 
 void KLT_Input::freeBuffer() {
+  offset_ = position();
+  bytesRead_ = bytesTaken();
   PAL_FREE(data_);
   capacity_ = filled_ = pos_ = 0;
 }
