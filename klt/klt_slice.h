@@ -2,7 +2,7 @@
 //
 // There the next record is nearly always another stream's, and a tournament waits for memory at
 // each. So what all streams hold up to a near time is gathered stream by stream, sorted, and then
-// handed out while what comes next is on its way: a dump of 4,096 streams takes 0.69 of the time.
+// handed out while what comes next is on its way: a dump of 4,096 streams takes 0.58 of the time.
 //
 // A slice ends before any stream runs out of records, so that no stream is filled, and none leaves,
 // while it lasts. The order is that of a tournament: see klt_read.
