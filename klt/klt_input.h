@@ -33,8 +33,8 @@ class KLT_Input {
   [[nodiscard]] bool attachCompressed(KLT_IoFile* file, const char* base, const char* suffix);
   // Forgets the component and frees the buffer.
   void detach();
-  // Frees the buffer of a component that has been read as far as it will be. What is in it counts as
-  // not read.
+  // Frees the buffer of a component that has been read as far as it will be. What is in it counts
+  // as not read.
   void freeBuffer();
 
   // Empties the buffer and goes on reading at `offset`. False after a failed seek, which is
