@@ -25,21 +25,19 @@ struct RK_WillyHash {
   std::vector<RK_WillyState> states;   // in order of first use
 };
 
+// The state of a thread, null if no record has named it.
+[[nodiscard]] inline RK_WillyState* RK_WillyHashFind(RK_WillyHash& table, uint32_t gtp) {
+  const uint32_t index = table.index.find(gtp);
+  return index == 0 ? nullptr : &table.states[index - 1];
+}
+
 // A state for a thread that no record has named before.
 RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp);
 
 // The state of a thread, made on first use. The reference holds until the next call.
 inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
-  const uint32_t index = table.index.find(gtp);
-  if (index == 0) [[unlikely]]
-    return RK_WillyHashAdd(table, gtp);
-  return table.states[index - 1];
-}
-
-// The state of a thread, null if no record has named it.
-[[nodiscard]] inline RK_WillyState* RK_WillyHashFind(RK_WillyHash& table, uint32_t gtp) {
-  const uint32_t index = table.index.find(gtp);
-  return index == 0 ? nullptr : &table.states[index - 1];
+  RK_WillyState* const known = RK_WillyHashFind(table, gtp);
+  return known != nullptr ? *known : RK_WillyHashAdd(table, gtp);
 }
 
 // A call: pushed at its entry, popped at its end.

@@ -38,7 +38,7 @@ KLTM_MessageTable::KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summ
     : writer_(writer),
       summary_(summary),
       arena_(blockBytes),
-      seed_(uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed()),
+      seed_(PAL_RandomSeed64()),
       buckets_(kFirstBuckets) {}
 
 // The seed keeps a file from being made in which all keys meet in one bucket.

@@ -28,7 +28,7 @@ uint32_t hashOf(const Factors& factors, Numbers... numbers) {
 
 Factors randomFactors() {
   Factors factors{};
-  for (uint64_t& factor : factors) factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed();
+  for (uint64_t& factor : factors) factor = PAL_RandomSeed64();
   return factors;
 }
 

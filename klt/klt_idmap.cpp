@@ -11,7 +11,7 @@ namespace {
 // Odd, and another one in each run, so that a file can't be made in which all ids meet in one
 // place. Nothing is ever walked in the order of the slots.
 uint64_t randomFactor() {
-  static const uint64_t factor = uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed() | 1;
+  static const uint64_t factor = PAL_RandomSeed64() | 1;
   return factor;
 }
 

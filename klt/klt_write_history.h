@@ -29,8 +29,8 @@ struct KLT_OffsetEntry {
   uint32_t seqnr = 0;  // of a scope
 };
 
-// Offset entries in order of arrival. All operations take amortised constant
-// time; an entry that is taken out leaves a gap until the next prune.
+// Offset entries in order of arrival. All operations take amortised constant time; an entry that is
+// taken out leaves a gap until the next prune.
 class KLT_OffsetEntries {
  public:
   void addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open);

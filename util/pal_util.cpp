@@ -146,3 +146,5 @@ uint32_t PAL_RandomSeed() {
   while (seed == 0) seed = MixedRand();
   return seed;
 }
+
+uint64_t PAL_RandomSeed64() { return uint64_t{PAL_RandomSeed()} << 32 | PAL_RandomSeed(); }

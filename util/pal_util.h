@@ -61,3 +61,5 @@ int PAL_System(const char* command);
 
 // A nonzero number from the system's source of randomness.
 [[nodiscard]] uint32_t PAL_RandomSeed();
+// 64 bits of it.
+[[nodiscard]] uint64_t PAL_RandomSeed64();
