@@ -73,7 +73,16 @@ int KLTT_PutOperation(KLT_WFileHandle* writer, uint32_t id, const char* name, ui
 int KLTT_PutCounter(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t flags,
                     const uint64_t* bounds, uint32_t gtp, uint32_t classId, const char* unit) {
   constexpr uint32_t kDifferential = 0x80;
-  return result(KLT_Write<20>(writer, nullptr, id, name, flags & ~kDifferential,
+  constexpr uint32_t kInteger = 1;
+  constexpr uint32_t kFloating = 2;
+  uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
+  // One hint at the rate, by the same preference as in text.
+  for (const uint32_t hint : {0x10U, 0x04U, 0x08U}) {
+    if ((flags & hint) == 0) continue;
+    type |= hint;
+    break;
+  }
+  return result(KLT_Write<20>(writer, nullptr, id, name, type,
                               uint32_t{(flags & kDifferential) != 0}, storedBytes(bounds[0]),
                               storedBytes(bounds[1]), gtp, classId, unit));
 }

@@ -62,7 +62,7 @@ const uint32_t* matchedSizes(KLTT_Context& context, const Collop& op,
                              const KLTT_MemberList& members, Sizes from, const uint32_t* array) {
   if (from != Sizes::kAtRoot) return array;
   std::vector<uint32_t>& sizes = context.scratchBytes;
-  sizes.assign(op.n, 0);
+  sizes.assign(size_t{op.n} + 1, 0);  // never empty: null would stand for sizes that aren't known
   KLTT_MemberList::Cursor member(members);
   uint32_t gtp = 0;
   for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {

@@ -97,8 +97,21 @@ TEST_F(KlttCollops, MatchedLeavesOutUnknownOperationsAndForgivesMissingMembers) 
   EXPECT_EQ(text(),
             "100 COLLOP ONETOALL 1 COM 7 ROOT 2 TIMES 105 100 UNKNOWN DELTAS 10 20 UNKNOWN SENTS 0 "
             "0 0 RCVDS 1 2 3 SCLS 0 6 2147483647\n");
-  all(200, 4, 2, 0);
-  EXPECT_EQ(text(), "200 COLLOP ALL 4 COM 2 TIMES DELTAS\n");
+}
+
+// Which sizes are known doesn't depend on how many members there are, nor on what came before.
+TEST_F(KlttCollops, MatchedWithoutMembersStillNamesWhatItKnows) {
+  RK_conf.matched_rkf = 1;
+  const uint32_t none = 0;
+  KLTT_AllToOneCommunication(&context, 100, 2, 99, 2, 2, 0, starts_.data(), deltas_.data(), &none,
+                             nullptr);
+  KLTT_OneToAllCommunication(&context, 200, 2, 99, 2, 1, 0, starts_.data(), deltas_.data(), &none,
+                             nullptr);
+  all(300, 4, 2, 0);
+  EXPECT_EQ(text(),
+            "100 COLLOP ALLTOONE 2 COM 2 ROOT 2 TIMES DELTAS SENTS RCVDS\n"
+            "200 COLLOP ONETOALL 1 COM 2 ROOT 2 TIMES DELTAS SENTS RCVDS\n"
+            "300 COLLOP ALL 4 COM 2 TIMES DELTAS\n");
 }
 
 TEST_F(KlttCollops, HistoryCutsMembersAtTheStartOfTheWindow) {

@@ -8,8 +8,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "generic/kltt_binary.h"
 #include "generic/kltt_print.h"
+#include "klt/klt.h"
+#include "klt/klt_write.h"
 #include "kltt_fixture.h"
+#include "tests/builder/trace_files.h"
 
 namespace {
 
@@ -218,6 +222,39 @@ TEST_F(KlttTables, RemainingDefinitionsBecomeLines) {
             "FILETOKEN 1 \"a.c\"\n"
             "DEFSCL 2 NLOCS 2 LOCS 1:-1 2:12\n"
             "IOFILE 1 2 \"out.dat\"\n");
+}
+
+// Whatever bits a file sets: an integer or a floating value, one hint at the rate, differential.
+TEST_F(KlttTables, ABinaryCounterHasOneKindOfValueAndOneHint) {
+  tb::TempDir directory;
+  const std::string name = directory.path() + "/c.klt";
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, name.c_str(), 1, KLT_FORM_PLAIN, 0, nullptr, {});
+  ASSERT_NE(writer, nullptr);
+  const uint64_t bounds[] = {0, 1};
+  uint32_t id = 0;
+  for (const uint32_t flags : {0x00U, 0x01U, 0x02U, 0x03U, 0x62U, 0x85U, 0x0dU, 0x1fU, 0x0aU}) {
+    KLTT_PutCounter(writer, ++id, "c", flags, bounds, 0, 1, "u");
+  }
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  EXPECT_TRUE(complete);
+
+  std::vector<uint32_t> stored;
+  KLT_HandlerTable table;
+  table.user_data = &stored;
+  table.counter_definition = [](void* user, uint32_t, const char*, uint32_t type, const uint64_t*,
+                                uint32_t, uint32_t, const char*) {
+    static_cast<std::vector<uint32_t>*>(user)->push_back(type);
+    return 0;
+  };
+  KLT_FileHandle* trace = KLT_Open(name.c_str());
+  ASSERT_NE(trace, nullptr);
+  KLT_Reader* reader = KLT_OpenReader(trace, KLT_MODE_DEFINITIONS, 0, nullptr, &table, 1);
+  EXPECT_EQ(KLT_ReadEvents(reader, -1), KLT_STATUS_FINISHED);
+  KLT_CloseReader(reader);
+  KLT_Close(trace);
+  EXPECT_EQ(stored, (std::vector<uint32_t>{0x02, 0x01, 0x02, 0x01, 0x02, 0x85, 0x05, 0x11, 0x0a}));
 }
 
 }  // namespace
