@@ -1,6 +1,7 @@
 // Buffered bytes of a component. See klt_input.h.
 #include "klt/klt_input.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -41,6 +42,7 @@ void KLT_Input::detach() {
   offset_ = length_ = 0;
   limit_ = kNoLimit;
   block_ = kBlock;
+  blockStart_ = blockEnd_ = 0;
   ended_ = false;
 }
 
@@ -56,7 +58,7 @@ bool KLT_Input::seek(uint64_t offset) {
   if (inflate_ != nullptr) {
     if (offset >= position()) return true;
     filled_ = pos_ = 0;
-    offset_ = 0;
+    offset_ = blockStart_ = blockEnd_ = 0;
     return inflate_->rewind();
   }
   if (offset <= offset_ && offset_ - offset <= filled_) {  // still in the buffer
@@ -104,6 +106,11 @@ bool KLT_Input::refill(size_t bytes) {
     return false;
   }
   const size_t keep = pos_ > 0 ? 1 : 0;
+  if (inflate_ != nullptr && position() + bytes > blockEnd_) {
+    const uint64_t size = std::max({uint64_t{kBlock}, keep + bytes, blockEnd_ - blockStart_});
+    blockStart_ = position() - keep;
+    blockEnd_ = blockStart_ + size;
+  }
   if (keep + have != 0) std::memmove(data_, data_ + pos_ - keep, keep + have);
   pos_ = keep;
   filled_ = keep + have;
@@ -121,6 +128,7 @@ bool KLT_Input::refill(size_t bytes) {
     }
     uint64_t want = capacity_ - filled_;
     if (want > end() - offset_) want = end() - offset_;
+    if (inflate_ != nullptr) want = std::min(want, blockEnd_ - offset_);
     const size_t before = filled_;
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;

@@ -67,8 +67,11 @@ class KLT_Input {
   [[nodiscard]] bool compressed() const { return inflate_ != nullptr; }
   // Offset in the component of the byte at at().
   [[nodiscard]] uint64_t position() const { return offset_ - (filled_ - pos_); }
-  // Place of the byte at at() in the buffer.
-  [[nodiscard]] size_t bufferPosition() const { return pos_; }
+  // Place of the byte at at() in the buffer; of a compressed component, in that of a plain one with
+  // the same records.
+  [[nodiscard]] size_t bufferPosition() const {
+    return inflate_ == nullptr ? pos_ : static_cast<size_t>(position() - blockStart_);
+  }
   // Bytes read in all, without those that lie in the buffer still.
   [[nodiscard]] uint64_t bytesTaken() const { return bytesRead_ - (filled_ - pos_); }
 
@@ -92,5 +95,8 @@ class KLT_Input {
   uint64_t limit_ = kNoLimit;
   uint64_t bytesRead_ = 0;
   size_t block_ = kBlock;
+  // Of a compressed component: what a plain one's buffer would hold.
+  uint64_t blockStart_ = 0;
+  uint64_t blockEnd_ = 0;
   bool ended_ = false;
 };
