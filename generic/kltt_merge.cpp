@@ -64,7 +64,7 @@ class Merge {
     if (flag(KLTM_MERGE) && !openWriter()) return KLTM_NO_OUTPUT;
     show(-1, 0);
     read();
-    show(1, 0);
+    if (goingOn()) show(1, 0);
     close();
     if (result_ == KLTM_DONE && flag(KLTM_MERGE) && flag(KLTM_DELETE_INPUT) &&
         KLT_Remove(input_) != 0) {
@@ -173,28 +173,18 @@ class Merge {
     if (context_.writer != nullptr) closeWriter();
   }
 
-  // An output that lacks something gets no index, so that nobody takes it for a trace.
+  // An output that ends in the middle gets no index, so that nobody takes it for a trace; one that
+  // has lost streams keeps the others.
   void closeWriter() {
     const SignalsHeld held;
     KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);
-    if (!goingOn() || writer->failed) {
+    if (!goingOn()) {
       KLT_WriterFree(writer);
-      emptyIndex();
-      if (goingOn()) result_ = KLTM_NOT_WRITTEN;
       return;
     }
     bool complete = false;
     if (const char* error = KLT_WriterClose(writer, &complete)) PAL_Error("%s", error);
-    if (complete) return;
-    emptyIndex();
-    result_ = KLTM_NOT_WRITTEN;
-  }
-
-  // Of a single file the index is a part; nothing of it is left then.
-  void emptyIndex() const {
-    std::string name = target_;
-    if (prefix_ != nullptr && !name.starts_with('/')) name = std::string(prefix_) + '/' + name;
-    if (truncate(name.c_str(), 0) != 0) return;  // not a file of ours
+    if (!complete) result_ = KLTM_NOT_WRITTEN;
   }
 
   const char* prefix_;

@@ -3,6 +3,7 @@
 #include "klt/klt_write.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -315,6 +316,18 @@ bool KLT_WriterFree(KLT_WFileHandle* writer) {
   return complete;
 }
 
+namespace {
+
+// What there is of an index must not be taken for one: empties its file. Of a container nothing is
+// left then.
+void emptyIndex(const std::string& dir, const std::string& name) {
+  if (name == "-") return;  // standard output
+  const std::string path = dir.empty() || name.starts_with('/') ? name : dir + '/' + name;
+  if (truncate(path.c_str(), 0) != 0) PAL_Perror(path.c_str());
+}
+
+}  // namespace
+
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   if (writer->fileStats != nullptr && !writer->fileStats->write(writer)) {
     PAL_Error("Writing statistics failed.");
@@ -322,7 +335,12 @@ const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   }
   const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
   if (error != nullptr) writer->failed = true;
+  const bool indexLost =
+      writer->writeIndex && (error != nullptr || writer->contexts.back()->data.lost);
   writer->tellWarned();
+  const std::string dir = writer->dir;
+  const std::string name = writer->name;
   *complete = KLT_WriterFree(writer);
+  if (indexLost) emptyIndex(dir, name);
   return error;
 }

@@ -64,12 +64,24 @@ class Place:
                 raise Failure(f"input {name} has changed")
 
 
+def check_no_trace(place, name):
+    """What is there under this name isn't taken for a trace."""
+    done = subprocess.run([place.program, name, "--dump"], cwd=place.path, capture_output=True,
+                          check=False)
+    if done.returncode == 0:
+        raise Failure(f"{name} can be opened")
+
+
 def full_disk(place):
     """A file that may not grow, at several sizes: some of the streams, all, or the index are cut."""
     whole = place.run("--dump", status=0)
     for limit in (1, 700, 5000, 12000):
         for form in (BINARY, SINGLE):
             place.run("--logfile-name", "../out.klt", *form, status=1, limit=limit)
+            if limit < 8000:  # too little for an index
+                check_no_trace(place, "../out.klt")
+                if form is BINARY and (place.path.parent / "out.klt").stat().st_size != 0:
+                    raise Failure("a part of an index is left")
         place.run("--logfile-name", "../out.rkf", status=1, limit=limit,
                   says="klttool ERROR: writing to ../out.rkf failed: File too large\n")
         place.run("--convert", "../copy.klt", *SINGLE, status=1, limit=limit)
@@ -203,14 +215,6 @@ def raw(case):
     return case
 
 
-def check_no_trace(place, name):
-    """What is there under this name isn't taken for a trace."""
-    done = subprocess.run([place.program, name, "--dump"], cwd=place.path, capture_output=True,
-                          check=False)
-    if done.returncode == 0:
-        raise Failure(f"{name} can be opened")
-
-
 @raw
 def merge_full_disk(place):
     """Cut at any size the output is no trace, and the input stays."""
@@ -223,6 +227,18 @@ def merge_full_disk(place):
         place.run("--merge", "../out.klt", *form, status=0)
         subprocess.run([place.program, "../out.klt", "--dump"], cwd=place.path, check=True,
                        capture_output=True)
+
+
+@raw
+def merge_lost_stream(place):
+    """One stream that can't be written: the others and the index are there, the input stays."""
+    pathlib.Path(place.path.parent, "lost.klt.msg", "full").mkdir(parents=True)
+    place.run("--merge", "../lost.klt", *BINARY, "--delete-raw-data", status=1,
+              says="lost.klt.msg: Is a directory\nklttool ERROR: Could not open data file")
+    done = subprocess.run([place.program, "lost.klt", "--dump"], cwd=place.path.parent, check=True,
+                          capture_output=True)
+    if b"EXCHEXT" not in done.stdout or b"SENDMSG" in done.stdout:
+        raise Failure("the calls are lost with the messages")
 
 
 @raw
@@ -274,8 +290,8 @@ def merge_interrupted(place):
 
 
 CASES = (full_disk, full_device, closed_output, no_target, onto_input, missing_component,
-         missing_anchors, damaged_anchors, odd_windows, merge_full_disk, merge_results,
-         merge_interrupted)
+         missing_anchors, damaged_anchors, odd_windows, merge_full_disk, merge_lost_stream,
+         merge_results, merge_interrupted)
 
 
 def main():
