@@ -216,6 +216,7 @@ int readInTurns(KLT_Reader& reader) {
     KLT_Stream& stream = *reader.streams[turn];
     stream.turnRecords = 0;
     const KLT_Fill fill = stream.status < 0 ? KLT_Fill::kFailed : KLT_FillStream(stream);
+    stream.hadTurn = true;
     switch (fill) {
       case KLT_Fill::kTurnOver:
         ++turn;
@@ -233,7 +234,6 @@ int readInTurns(KLT_Reader& reader) {
     }
     if (status == KLT_STATUS_CORRUPTED) return status;
   }
-  reader.firstRound = false;
   return reader.streams.empty() ? KLT_STATUS_FINISHED : status;
 }
 
@@ -246,7 +246,7 @@ void KLT_Reader::makeLanes() {
 
 bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
   if (stream.turnRecords < KLT_TimeLimit::kRecordsPerCheck) return false;
-  if (firstRound) return true;
+  if (!stream.hadTurn) return true;
   stream.turnRecords = 0;
   return limit.reached();
 }

@@ -60,9 +60,6 @@ struct KLT_Reader {
   KLT_TimeLimit limit;
   uint64_t deliveredRecords = 0;
 
-  // Delivery without time order.
-  bool firstRound = true;
-
   // Progress: bytes read of streams that are gone, and all bytes there are.
   uint64_t bytesDone = 0;
   uint64_t bytesTotal = 0;

@@ -86,6 +86,7 @@ struct KLT_Stream {
   int status = 0;            // of the last fill; negative: the stream has failed
   bool lostData = false;     // the input ended early
   uint32_t turnRecords = 0;  // records of the current turn, without time order
+  bool hadTurn = false;
 
   // Whether KLT_FilterPlain may take a record with this number now.
   [[nodiscard]] bool isPlain(unsigned number) const {

@@ -658,6 +658,26 @@ TEST(KltStatus, WithoutTimeOrderStreamsTakeTurns) {
   EXPECT_EQ(open.statuses, (Statuses{KLT_STATUS_TIME, kFinished}));
 }
 
+TEST(KltStatus, OnlyTheFirstTurnOfAStreamIsShort) {
+  tb::Trace trace;
+  comments(trace.stream("a", tb::ANY), 12);
+  comments(trace.stream("b", tb::ANY), 1);
+  comments(trace.stream("c", tb::ANY), 7);
+  tb::TraceFiles files = trace.files();
+  files[".b"][0] = '\x7f';
+  OpenTrace open(files);
+  Messages messages;
+  Recorder recorder;
+  recorder.table.end_of_filter = nullptr;
+  std::string times;
+  for (const std::string& line : open.read(recorder, {}, 0)) {
+    times += line.substr(7, line.find(' ', 8) - 7);
+  }
+  // A damaged stream ends the call; the next one begins with the first stream's second turn.
+  EXPECT_EQ(times, " 1 2 3 4 5 6 7 8 9 10 11 12 1 2 3 4 5 6 7");
+  EXPECT_EQ(open.statuses, (Statuses{kDamaged, KLT_STATUS_TIME, kFinished}));
+}
+
 TEST(KltStatus, AStreamThatFailsLeavesTheOthersGoingOn) {
   tb::Trace trace;
   comments(trace.stream("a", tb::ANY), 3);
@@ -801,6 +821,27 @@ TEST(KltDamage, ADamagedCompressedComponentGivesWhatCameBefore) {
     OpenTrace open(files);
     Messages messages;
     EXPECT_EQ(difference(expected, only(open.read(), {"enter_function"})), "");
+  }
+}
+
+// The place that a message names doesn't depend on how the component is stored.
+TEST(KltDamage, APlaceInACompressedComponentIsThatInAPlainOne) {
+  const auto place = [](unsigned flags, uint64_t records) {
+    tb::Trace trace(flags);
+    tb::Stream& f = trace.stream("f", tb::FUNCTIONS, {0});
+    for (uint64_t i = 1; i <= records; ++i) f.at(i * i).enter(0, static_cast<uint32_t>(i));
+    f.bytes("\x7f");
+    f.at(records * records + 1).enter(0, 1);
+    OpenTrace open(trace);
+    Messages messages;
+    (void)open.read();
+    const std::string text = messages.take();
+    return text.substr(std::min(text.find("(rectype 127"), text.size()));
+  };
+  for (const uint64_t records : {100U, 2000U, 4500U, 9000U, 20000U}) {
+    const std::string plain = place(1, records);
+    EXPECT_NE(plain, "");
+    EXPECT_EQ(place(3, records), plain);
   }
 }
 
