@@ -11,10 +11,11 @@
 
 #include "generic/kltt_idtable.h"
 #include "klt/klt_scopes.h"
+#include "util/pal_stack.h"
 
 struct RK_WillyState {
   uint32_t gtp = 0;
-  std::vector<uint32_t> functions;  // ids of the open calls, the innermost last
+  PAL_Stack<uint32_t> functions;  // ids of the open calls
   KLT_OpenScopes scopes;
 
   [[nodiscard]] bool isOpen() const { return !functions.empty() || !scopes.empty(); }
@@ -32,20 +33,20 @@ struct RK_WillyHash {
 }
 
 // A state for a thread that no record has named before.
-RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp);
+[[gnu::cold]] RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp);
 
 // The state of a thread, made on first use. The reference holds until the next call.
 inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
-  RK_WillyState* const known = RK_WillyHashFind(table, gtp);
-  return known != nullptr ? *known : RK_WillyHashAdd(table, gtp);
+  const uint32_t index = table.index.find(gtp);
+  return index != 0 ? table.states[index - 1] : RK_WillyHashAdd(table, gtp);
 }
 
 // A call: pushed at its entry, popped at its end.
 inline void RK_FrameEnter(RK_WillyState& willy, uint32_t function) {
-  willy.functions.push_back(function);
+  willy.functions.push(function);
 }
 // REQUIRES: a call is open. Returns the function returned to, 0 if none is open any more.
 inline uint32_t RK_FrameLeave(RK_WillyState& willy) {
-  willy.functions.pop_back();
-  return willy.functions.empty() ? 0 : willy.functions.back();
+  willy.functions.pop();
+  return willy.functions.empty() ? 0 : willy.functions.top();
 }

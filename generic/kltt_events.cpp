@@ -71,8 +71,8 @@ int writeFront(KLTT_Context& context) {
 }
 
 // A function that begins on `willy`, or that is found begun.
-int enter(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, uint32_t function,
-          uint32_t scl) {
+[[gnu::always_inline]] inline int enter(KLTT_Context& context, RK_WillyState& willy,
+                                        uint64_t internalTime, uint32_t function, uint32_t scl) {
   if (context.functions.indexOf(function) == 0) [[unlikely]]
     KLTT_Fatal("undefined function #%d", static_cast<int>(function));
   RK_FrameEnter(willy, function);
@@ -86,7 +86,8 @@ int enter(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, ui
 }
 
 // REQUIRES: a call is open on `willy`.
-int leave(KLTT_Context& context, RK_WillyState& willy, uint64_t internalTime, uint32_t scl) {
+[[gnu::always_inline]] inline int leave(KLTT_Context& context, RK_WillyState& willy,
+                                        uint64_t internalTime, uint32_t scl) {
   const uint32_t function = RK_FrameLeave(willy);
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
     return KLTT_PutLeaveFunction(writer, internalTime, willy.gtp, scl);

@@ -283,21 +283,34 @@ int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
                                 static_cast<uint32_t>(triplets.size()), triplets.data());
 }
 
-int tellBracket(KLT_Stream& s, const uint8_t* record, KLT_Handler<"begin_of_history"> handler) {
+// In time order only the outermost bracket of histories is shown, so that several streams that tell
+// theirs at one moment look like one. An end that nothing began is skipped too: it must not open
+// the way for an inner bracket.
+bool isOutermost(KLT_Reader& reader, bool begins) {
+  if (!reader.serial) return true;
+  if (begins) return reader.historyDepth++ == 0;
+  return reader.historyDepth != 0 && --reader.historyDepth == 0;
+}
+
+int tellBracket(KLT_Stream& s, const uint8_t* record, bool begins) {
+  if (!isOutermost(*s.reader, begins)) return 0;
+  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const auto handler = begins ? handlers.begin_of_history : handlers.end_of_history;
   if (handler == nullptr) return 0;
   const PAL_Triplets* willies = s.component == nullptr ? nullptr : s.component->willies;
-  return handler(s.reader->handlers.user_data, KLT_RecordTime(record), s.categories,
+  return handler(handlers.user_data, KLT_RecordTime(record), s.categories,
                  willies == nullptr ? 0 : static_cast<uint32_t>(willies->size()),
                  willies == nullptr ? nullptr : willies->data());
 }
 
 template <int N>
-int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t* record, size_t& bytes) {
-  bytes = KLT_RecordView<N>::bytes(record);
+int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
+  uint8_t* const record = next;
+  next += KLT_RecordView<N>::bytes(record);
   if constexpr (N == 10)
     return declareComponent(s, record);
   else if constexpr (N == 11)
-    return tellBracket(s, record, reader.handlers.begin_of_history);
+    return tellBracket(s, record, true);
   else if constexpr (N == 19)
     return defineCommunicator(s, record);
   else if constexpr (N == 20)
@@ -307,7 +320,7 @@ int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t* record, size_t& bytes) {
   else if constexpr (N == 26)
     return tellEndOfFilter(s, record);
   else if constexpr (N == 27)
-    return tellBracket(s, record, reader.handlers.end_of_history);
+    return tellBracket(s, record, false);
   else if constexpr (N == 33)
     return declareFile(s, record);
   else if constexpr (N == 41 || N == 42)
@@ -335,8 +348,7 @@ bool hasHandler(const KLT_HandlerTable& handlers) {
 
 template <int... N>
 constexpr auto deliverers(std::integer_sequence<int, N...>) {
-  return std::array<int (*)(KLT_Reader&, KLT_Stream&, uint8_t*, size_t&), sizeof...(N)>{
-      &deliver<N + 1>...};
+  return std::array<int (*)(KLT_Reader&, KLT_Stream&, uint8_t*&), sizeof...(N)>{&deliver<N + 1>...};
 }
 template <int... N>
 constexpr auto handlerTests(std::integer_sequence<int, N...>) {
@@ -349,8 +361,8 @@ constexpr auto kHandlerTests = handlerTests(AllRows{});
 
 }  // namespace
 
-int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t* record, size_t& bytes) {
-  return kDeliverers[KLT_RecordNumber(record) - 1](reader, stream, record, bytes);
+int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next) {
+  return kDeliverers[KLT_RecordNumber(next) - 1](reader, stream, next);
 }
 
 bool KLT_HasHandler(const KLT_HandlerTable& handlers, unsigned row) {

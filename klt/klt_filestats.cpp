@@ -58,39 +58,29 @@ void KLT_FileStats::Table::add(uint32_t hash) {
   put({hash, ++count_});
 }
 
-void KLT_FileStats::function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive,
-                             uint32_t& hint) {
-  if (hint - 1 >= functions_.size() || !functions_[hint - 1].isOf(gtp, function)) {
-    const uint32_t hash = hashOf(factors_, gtp, function);
-    hint = functionPlaces_.find(
-        hash, [&](uint32_t candidate) { return functions_[candidate - 1].isOf(gtp, function); });
-    if (hint == 0) {
-      functions_.push_back({gtp, function, 1, self, self, self, inclusive, inclusive, inclusive});
-      functionPlaces_.add(hash);
-      hint = static_cast<uint32_t>(functions_.size());
-      return;
-    }
-  }
-  FunctionStat& stat = functions_[hint - 1];
-  ++stat.count;
-  stat.minSelf = std::min(stat.minSelf, self);
-  stat.maxSelf = std::max(stat.maxSelf, self);
-  stat.totalSelf += self;
-  stat.minInclusive = std::min(stat.minInclusive, inclusive);
-  stat.maxInclusive = std::max(stat.maxInclusive, inclusive);
-  stat.totalInclusive += inclusive;
+uint32_t KLT_FileStats::functionPlace(uint32_t gtp, uint32_t function) {
+  const uint32_t hash = hashOf(factors_, gtp, function);
+  const uint32_t place = functionPlaces_.find(
+      hash, [&](uint32_t candidate) { return functions_[candidate - 1].isOf(gtp, function); });
+  if (place != 0) return place;
+  functions_.push_back({gtp, function});
+  functionPlaces_.add(hash);
+  return static_cast<uint32_t>(functions_.size());
+}
+
+uint32_t KLT_FileStats::addMessage(const Message& key, uint32_t hash) {
+  messages_.push_back({key});
+  messagePlaces_.add(hash);
+  return static_cast<uint32_t>(messages_.size());
 }
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
   const uint32_t hash = hashOf(factors_, key.sender, key.receiver, key.funcSender, key.funcReceiver,
                                key.tag, key.comm, key.size);
-  const uint32_t place = messagePlaces_.find(
+  uint32_t place = messagePlaces_.find(
       hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
-  if (place == 0) {
-    messages_.push_back({key, 1, duration, duration, duration});
-    messagePlaces_.add(hash);
-    return;
-  }
+  if (place == 0) [[unlikely]]
+    place = addMessage(key, hash);
   MessageStat& stat = messages_[place - 1];
   ++stat.count;
   stat.sum =

@@ -6,9 +6,11 @@
 // their keys were first seen.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -32,7 +34,20 @@ class KLT_FileStats {
   [[nodiscard]] int64_t ticks(int64_t span) const { return span >> eventBits_; }
 
   // One call. `hint` is where the function's profile may be, at first 0; it receives where it is.
-  void function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive, uint32_t& hint);
+  void function(uint32_t gtp, uint32_t function, uint64_t self, uint64_t inclusive,
+                uint32_t& hint) {
+    if (hint - 1 >= functions_.size() || !functions_[hint - 1].isOf(gtp, function)) {
+      hint = functionPlace(gtp, function);
+    }
+    FunctionStat& stat = functions_[hint - 1];
+    ++stat.count;
+    stat.minSelf = std::min(stat.minSelf, self);
+    stat.maxSelf = std::max(stat.maxSelf, self);
+    stat.totalSelf += self;
+    stat.minInclusive = std::min(stat.minInclusive, inclusive);
+    stat.maxInclusive = std::max(stat.maxInclusive, inclusive);
+    stat.totalInclusive += inclusive;
+  }
 
   struct Message {
     uint32_t sender, receiver, funcSender, funcReceiver, tag, comm, size;
@@ -56,16 +71,19 @@ class KLT_FileStats {
 
  private:
   struct alignas(64) FunctionStat {
-    uint32_t gtp, function, count;
-    uint64_t minSelf, maxSelf, totalSelf, minInclusive, maxInclusive, totalInclusive;
+    uint32_t gtp, function, count = 0;
+    uint64_t minSelf = ~uint64_t{0}, maxSelf = 0, totalSelf = 0;
+    uint64_t minInclusive = ~uint64_t{0}, maxInclusive = 0, totalInclusive = 0;
     [[nodiscard]] bool isOf(uint32_t thread, uint32_t id) const {
       return gtp == thread && function == id;
     }
   };
   struct MessageStat {
     Message key;
-    uint32_t count;
-    int64_t sum, min, max;
+    uint32_t count = 0;
+    int64_t sum = 0;
+    int64_t min = std::numeric_limits<int64_t>::max();
+    int64_t max = std::numeric_limits<int64_t>::min();
   };
   // Finds the entries of a list by the hash of their keys, most of the time without a look at
   // another key.
@@ -104,6 +122,10 @@ class KLT_FileStats {
     void resize(size_t n);
   };
 
+  // The place from 1 of a function's profile, made if there is none.
+  uint32_t functionPlace(uint32_t gtp, uint32_t function);
+  // The place from 1 of the new profile of messages whose hash that is.
+  [[gnu::cold]] uint32_t addMessage(const Message& key, uint32_t hash);
   void enterMember(CollectiveStat& stat, size_t i, const uint32_t* sent, const uint32_t* received,
                    uint64_t duration);
   void addBytes(uint32_t& sum, uint32_t bytes);

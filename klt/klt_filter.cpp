@@ -357,8 +357,8 @@ void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record) {
 }
 
 void KLT_DeliverNow(KLT_Stream& stream) {
-  size_t bytes = 0;
-  if (KLT_Deliver(*stream.reader, stream, stream.packed.tail(), bytes) != 0) stream.stopped = true;
+  uint8_t* record = stream.packed.tail();
+  if (KLT_Deliver(*stream.reader, stream, record) != 0) stream.stopped = true;
   ++stream.turnRecords;
 }
 

@@ -22,7 +22,8 @@ KLT_IdIndex::KLT_IdIndex(uint32_t directLimit)
 
 void KLT_IdIndex::add(uint32_t id, uint32_t index) {
   if (id < directLimit_) {
-    if (id >= direct_.size()) direct_.resize(std::bit_ceil(std::max(id + 1, uint32_t{64})));
+    if (id >= directSize_) direct_.resize(std::bit_ceil(std::max(id + 1, uint32_t{64})));
+    directSize_ = direct_.size();
     direct_[id] = index;
     return;
   }

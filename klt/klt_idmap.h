@@ -20,7 +20,7 @@ class KLT_IdIndex {
 
   // The index stored for `id`, 0 if there is none.
   [[nodiscard]] uint32_t find(uint32_t id) const {
-    if (id < direct_.size()) [[likely]]
+    if (id < directSize_) [[likely]]
       return direct_[id];
     return sparse_.empty() ? 0 : findSparse(id);
   }
@@ -49,6 +49,7 @@ class KLT_IdIndex {
   void growSparse();
 
   std::vector<uint32_t> direct_;
+  size_t directSize_ = 0;
   std::vector<Slot> sparse_;  // a power of two, at most half full
   size_t sparseCount_ = 0;
   uint64_t factor_;

@@ -56,24 +56,6 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
   return Swap::kReady;
 }
 
-// Only the outermost history bracket is shown, so that several streams that tell theirs at one
-// moment look like one.
-int deliverRecord(KLT_Reader& reader, KLT_Stream& stream, uint8_t* record, size_t& bytes) {
-  constexpr unsigned kBegin = 11;
-  constexpr unsigned kEnd = 27;
-  const unsigned number = KLT_RecordNumber(record);
-  if (number == kBegin && ++reader.historyDepth > 1) [[unlikely]] {
-    bytes = KLT_RecordView<kBegin>::layout.fixedBytes;
-    return 0;
-  }
-  // An end that nothing began is skipped too: it must not open the way for an inner bracket.
-  if (number == kEnd && (reader.historyDepth == 0 || --reader.historyDepth > 0)) [[unlikely]] {
-    bytes = KLT_RecordView<kEnd>::layout.fixedBytes;
-    return 0;
-  }
-  return KLT_Deliver(reader, stream, record, bytes);
-}
-
 // Whether the time of this call is up, looked at every few records and after a fill.
 bool timeIsUp(KLT_Reader& reader, bool atOnce) {
   if (!reader.limit.limited()) [[likely]]
@@ -101,9 +83,7 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
 Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
   KLT_Lane& lane = reader.lanes[index];
   for (;;) {
-    size_t bytes = 0;
-    const int result = deliverRecord(reader, *lane.stream, lane.next, bytes);
-    lane.next += bytes;
+    const int result = KLT_Deliver(reader, *lane.stream, lane.next);
     const bool more = lane.next < lane.end;
     if (more) lane.nextTime = KLT_RecordTime(lane.next);
     if (result != 0) [[unlikely]]
@@ -150,10 +130,9 @@ int serveSlice(KLT_Reader& reader) {
   for (;;) {
     const KLT_Slice::Record next = slice.next();
     if (next.record == nullptr) return kNoStatus;
-    size_t bytes = 0;
-    const int result =
-        deliverRecord(reader, *reader.lanes[next.position].stream, next.record, bytes);
-    slice.delivered(next, bytes);
+    uint8_t* behind = next.record;
+    const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, behind);
+    slice.delivered(behind);
     if (result != 0 || timeIsUp(reader, false)) [[unlikely]] {
       slice.endTurn();
       return result != 0 ? KLT_STATUS_HANDLER : KLT_STATUS_TIME;

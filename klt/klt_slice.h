@@ -44,7 +44,7 @@ class KLT_Slice {
   // counts how often a stream was filled or left. REQUIRES: the slice before is used up.
   [[nodiscard]] bool gather(std::span<KLT_Lane> lanes, uint64_t fills);
 
-  // The next record in order; its size is told to `delivered`.
+  // The next record in order; `delivered` is told where it ends.
   [[nodiscard, gnu::always_inline]] Record next() {
     __builtin_prefetch(entries_[at_ + kFetchedAhead].record);
     for (; at_ != count_; ++at_) {
@@ -70,9 +70,9 @@ class KLT_Slice {
     }
     return {};
   }
-  void delivered(const Record& record, size_t bytes) {
+  void delivered(uint8_t* behind) {
     if (phase_ != Phase::kBest) return;
-    afterBest_ = record.record + bytes;
+    afterBest_ = behind;
     if (ahead_ == best_) [[unlikely]]
       aheadEnd_ = afterBest_;
   }

@@ -150,13 +150,12 @@ void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record);
 // without time order, delivers it. `encoded` are its bytes on disk without the number byte.
 inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded, uint64_t time);
 
-// Calls the record's handler and lets a structure record change the trace's tables (klt_deliver).
-// Returns the handler's result; -1 for a structure record that makes no sense, which is reported.
-// `bytes` receives the record's size. Its opaque values may be changed. `reader` is the stream's:
-// most records are delivered without a look at the stream, which with thousands of them is far
-// away.
-[[nodiscard]] int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t* record,
-                              size_t& bytes);
+// Calls the handler of the record at `next` and lets a structure record change the trace's tables
+// (klt_deliver). Returns the handler's result; -1 for a structure record that makes no sense, which
+// is reported. `next` moves behind the record, whose opaque values may be changed. `reader` is the
+// stream's: most records are delivered without a look at the stream, which with thousands of them
+// is far away.
+[[nodiscard]] int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next);
 // Whether the table has a handler for the row.
 [[nodiscard]] bool KLT_HasHandler(const KLT_HandlerTable& handlers, unsigned row);
 

@@ -85,15 +85,16 @@ KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
   return KLT_IoOpen(writer.container, name.c_str());
 }
 
-// Opens the context's files. An error text, or null.
-const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
-  const std::string name = writer.name + '.' + context.suffix;
+// Opens the context's files. An error text, or null; `name` is that of the file at fault.
+const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context, std::string& name) {
+  name = writer.name + '.' + context.suffix;
   context.data.file = openComponent(writer, name);
   if (context.data.file == nullptr) return "Could not open data file";
   context.opened = true;
   context.nextAnchor = KLT_WFileHandle::kChunkBytes;
   if (context.anchorId != 0) {
-    context.anchors.file = openComponent(writer, name + ".anc");
+    name += ".anc";
+    context.anchors.file = openComponent(writer, name);
     if (context.anchors.file == nullptr) {
       KLT_IoClose(context.data.file);
       context.opened = false;
@@ -174,14 +175,16 @@ KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, 
 
 KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
                                        uint32_t thread) {
-  KLT_WriteContext* context = writer.contextOf(category, thread);
-  if (context == nullptr) context = &KLT_CreateContext(writer, category, thread);
+  const uint32_t place = writer.placeOf(category, thread);
+  KLT_WriteContext* context =
+      place != 0 ? writer.contexts[place - 1].get() : &KLT_CreateContext(writer, category, thread);
   if (context->broken) return nullptr;
-  const char* error = openContext(writer, *context);
+  std::string name;
+  const char* error = openContext(writer, *context, name);
   if (error == nullptr) return context;
   context->broken = true;  // told once, not for every record
   writer.failed = true;
-  if (errno != 0) PAL_Perror((writer.name + '.' + context->suffix).c_str());
+  if (errno != 0) PAL_Perror(name.c_str());
   PAL_Error("%s", error);
   return nullptr;
 }
@@ -232,6 +235,7 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
     }
   }
   used = 0;
+  context.setPlainUntil();
 }
 
 uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
@@ -242,24 +246,27 @@ uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
   if (data.size < wanted) {
     const size_t size = std::max(kFirstBuffer, 2 * data.size);
     data.grow(std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes)), dataUsed);
+    setPlainUntil();
   }
   return data.bytes.get() + dataUsed;
 }
 
-uint8_t* KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes) {
+KLT_WriteContext::Place KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time,
+                                                           size_t bytes) {
   const uint64_t step = time - outputTime;
   size_t timeRecord = 0;
   if (step >= 0x10000) timeRecord = step >> 32 == 0 ? 5 : 9;
   // Records of one time are never parted by a seek point.
-  if (step != 0 && nextAnchor < position() + (timeRecord != 0 ? 9 : 0) + bytes) {
+  if (step != 0 && nextAnchor < position() + (timeRecord != 0 ? kLongTime : 0) + bytes) {
     if (anchorId != 0) {
       if (const char* error = KLT_SetAnchor(writer, *this)) PAL_Error("%s", error);
     }
     nextAnchor += KLT_WFileHandle::kChunkBytes;
+    setPlainUntil();
   }
   if (timeRecord != 0) {
     uint8_t* to = reserve(writer, timeRecord);
-    if (to == nullptr) return nullptr;
+    if (to == nullptr) return {nullptr, 0};
     if (timeRecord == 5) {
       to[0] = 1;
       klt::storeBig32(to + 1, static_cast<uint32_t>(step));
@@ -268,9 +275,8 @@ uint8_t* KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t ti
       klt::storeBig64(to + 1, step);
     }
     dataUsed += timeRecord;
-    outputTime = time;
   }
-  return reserve(writer, bytes);
+  return {reserve(writer, bytes), timeRecord != 0 ? 0 : step};
 }
 
 bool KLT_WriteContext::replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,

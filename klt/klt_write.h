@@ -244,11 +244,12 @@ class RowWriter {
   uint32_t writeTimed(KLT_WriteContext& context, KLT_UpdateSlot* slot, size_t bytes) {
     const uint64_t time = std::get<0>(arguments_);
     if (slot != nullptr && slot->position != 0) return rewrite(context, *slot, bytes, time);
-    uint8_t* to = context.beginTimed(writer_, time, bytes);
-    if (to == nullptr) return 0;
-    const uint64_t before = context.outputTime;
+    const auto [to, step] = context.beginTimed(writer_, time, bytes);
+    if (to == nullptr) [[unlikely]]
+      return 0;
+    const uint64_t before = time - step;
     const uint64_t offset = context.position();
-    encode(to, time - before);
+    encode(to, step);
     if (slot != nullptr) *slot = {offset + 1, before};
     remember(context, before, offset, slot != nullptr);
     profile(slot == nullptr);

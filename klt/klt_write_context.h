@@ -57,12 +57,13 @@ struct alignas(64) KLT_WriteContext {
   bool opened = false;
   bool broken = false;  // its files can't be opened
   uint64_t outputTime = 0;
-  uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
-  uint64_t nextAnchor = 0;  // position that triggers the next seek point
   size_t dataUsed = 0;
+  size_t plainUntil = 0;  // records up to here find room, and need no seek point
   KLT_WriteBuffer data;
   KLT_WriteHistory history;
 
+  uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
+  uint64_t nextAnchor = 0;  // position that triggers the next seek point
   uint32_t categories = 0;
   std::string suffix;     // empty for the index
   uint32_t fileId = 0;    // 0: no declaration
@@ -81,35 +82,43 @@ struct alignas(64) KLT_WriteContext {
       return data.bytes.get() + dataUsed;
     return makeRoom(writer, bytes);
   }
+  // Where a timed record goes, and the step in time that it tells itself.
+  struct Place {
+    uint8_t* to;  // null if the component is lost
+    uint64_t step;
+  };
   // Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
-  // they are due; `outputTime` then is the time that the record's step counts from.
-  [[nodiscard, gnu::always_inline]] uint8_t* beginTimed(KLT_WFileHandle& writer, uint64_t time,
-                                                        size_t bytes) {
+  // they are due.
+  [[nodiscard, gnu::always_inline]] Place beginTimed(KLT_WFileHandle& writer, uint64_t time,
+                                                     size_t bytes) {
     constexpr size_t kShortTime = 5;
-    constexpr size_t kLongTime = 9;
     const uint64_t step = time - outputTime;
-    if (step >> 32 == 0 && nextAnchor >= position() + kLongTime + bytes &&
-        data.size - dataUsed >= kShortTime + bytes) [[likely]] {
+    if (step >> 32 == 0 && dataUsed + kLongTime + bytes <= plainUntil) [[likely]] {
       // Whether a step needs a time record can't be predicted, so it is written in any case and
       // written over where it isn't needed.
       uint8_t* to = data.bytes.get() + dataUsed;
       to[0] = 1;
       klt::storeBig32(to + 1, static_cast<uint32_t>(step));
-      const bool needed = step >= 0x10000;
-      const size_t taken = needed ? kShortTime : 0;
-      dataUsed += taken;
-      outputTime = needed ? time : outputTime;
-      return to + taken;
+      const uint64_t needed = -uint64_t{step >= 0x10000};
+      dataUsed += needed & kShortTime;
+      return {to + (needed & kShortTime), step & ~needed};
     }
     return beginTimedSlowly(writer, time, bytes);
+  }
+  // Sets `plainUntil`: to be called when the buffer or the next seek point have moved.
+  void setPlainUntil() {
+    plainUntil = static_cast<size_t>(
+        std::min<uint64_t>(data.size, nextAnchor > flushed ? nextAnchor - flushed : 0));
   }
   // Writes over a record at `position`. False if the component is lost.
   [[nodiscard]] bool replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,
                              size_t bytes);
 
  private:
+  static constexpr size_t kLongTime = 9;
+
   uint8_t* makeRoom(KLT_WFileHandle& writer, size_t bytes);
-  uint8_t* beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes);
+  [[gnu::cold]] Place beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes);
 };
 
 struct KLT_WFileHandle {
@@ -137,11 +146,9 @@ struct KLT_WFileHandle {
   KLT_WFileHandle& operator=(const KLT_WFileHandle&) = delete;
   ~KLT_WFileHandle();
 
-  // The context that KLT_GetWriteContext has made, or null.
-  [[nodiscard, gnu::always_inline]] KLT_WriteContext* contextOf(uint32_t category,
-                                                                uint32_t thread) const {
-    const uint32_t place = byThread[static_cast<size_t>(std::countr_zero(category))].find(thread);
-    return place == 0 ? nullptr : contexts[place - 1].get();
+  // The place of a stream among `contexts`, from 1; 0 if there is none yet.
+  [[nodiscard, gnu::always_inline]] uint32_t placeOf(uint32_t category, uint32_t thread) const {
+    return byThread[static_cast<size_t>(std::countr_zero(category))].find(thread);
   }
   // The id of a text, 0 for null; new texts are entered.
   [[nodiscard]] uint32_t stringId(const char* text);
@@ -170,13 +177,15 @@ struct KLT_WFileHandle {
 
 // The context of a category bit and, for categories kept per thread, a thread, made and opened on
 // first use. Null after a report.
-[[nodiscard]] KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
-                                                     uint32_t thread);
+[[nodiscard, gnu::cold]] KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer,
+                                                                uint32_t category, uint32_t thread);
 [[nodiscard, gnu::always_inline]] inline KLT_WriteContext* KLT_GetWriteContext(
     KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
-  KLT_WriteContext* context = writer.contextOf(category, thread);
-  if (context != nullptr && context->opened) [[likely]]
-    return context;
+  if (const uint32_t place = writer.placeOf(category, thread)) [[likely]] {
+    KLT_WriteContext& context = *writer.contexts[place - 1];
+    if (context.opened) [[likely]]
+      return &context;
+  }
   return KLT_OpenWriteContext(writer, category, thread);
 }
 // Hands what is buffered to the components. `final` ends a compressed stream.

@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "klt/klt_filestats.h"
-
 namespace {
 
 // Marks an entry that was taken out.
@@ -98,25 +96,4 @@ void KLT_OffsetEntries::reindex() {
     }
   }
   open_ = std::move(open);
-}
-
-void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t function,
-                            uint32_t scl, uint64_t ticks) {
-  history.of(gtp).calls.push_back({function, scl, ticks, 0});
-}
-
-void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
-                              KLT_FileStats* stats) {
-  std::vector<KLT_WriteHistory::Call>& calls = history.of(gtp).calls;
-  if (calls.empty()) return;
-  // Field by field: the call may have begun a moment ago, and what has just been stored as parts
-  // can't be loaded as one before it has left the core.
-  const KLT_WriteHistory::Call& call = calls.back();
-  const uint32_t function = call.function;
-  const uint64_t inclusive = ticks - call.start;
-  const uint64_t self = inclusive - call.childTime;
-  calls.pop_back();
-  if (stats == nullptr) return;
-  stats->function(gtp, function, self, inclusive, history.profileHint(function));
-  if (!calls.empty()) calls.back().childTime += inclusive;
 }

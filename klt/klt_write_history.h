@@ -13,7 +13,8 @@
 #include <unordered_map>
 #include <vector>
 
-class KLT_FileStats;
+#include "klt/klt_filestats.h"
+#include "util/pal_stack.h"
 
 // A record of the data component that stays relevant until `end`.
 struct KLT_OffsetEntry {
@@ -76,7 +77,7 @@ struct alignas(64) KLT_WriteHistory {
   // that takes the time.
   uint32_t gtp = 0;
   bool isUsed = false;                     // an anchor has something to tell, if only the thread
-  std::vector<Call> calls;                 // outermost first
+  PAL_Stack<Call> calls;                   // outermost first
   std::array<uint32_t, 8> profileHints{};  // where the functions called last have their profiles
 
   KLT_OffsetEntries offsets;
@@ -97,8 +98,25 @@ struct alignas(64) KLT_WriteHistory {
 };
 
 // A call begins. `ticks` only counts with statistics.
-void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint32_t function,
-                            uint32_t scl, uint64_t ticks);
+[[gnu::always_inline]] inline void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp,
+                                                          uint32_t function, uint32_t scl,
+                                                          uint64_t ticks) {
+  history.of(gtp).calls.push({function, scl, ticks, 0});
+}
+
 // The innermost call ends; with `stats` its times are entered there. Harmless without a call.
-void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp, uint64_t ticks,
-                              KLT_FileStats* stats);
+[[gnu::always_inline]] inline void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp,
+                                                            uint64_t ticks, KLT_FileStats* stats) {
+  PAL_Stack<KLT_WriteHistory::Call>& calls = history.of(gtp).calls;
+  if (calls.empty()) return;
+  // Field by field: the call may have begun a moment ago, and what has just been stored as parts
+  // can't be loaded as one before it has left the core.
+  const KLT_WriteHistory::Call& call = calls.top();
+  const uint32_t function = call.function;
+  const uint64_t inclusive = ticks - call.start;
+  const uint64_t self = inclusive - call.childTime;
+  calls.pop();
+  if (stats == nullptr) return;
+  stats->function(gtp, function, self, inclusive, history.profileHint(function));
+  if (!calls.empty()) calls.top().childTime += inclusive;
+}
