@@ -348,7 +348,7 @@ bool hasHandler(const KLT_HandlerTable& handlers) {
 
 template <int... N>
 constexpr auto deliverers(std::integer_sequence<int, N...>) {
-  return std::array<int (*)(KLT_Reader&, KLT_Stream&, uint8_t*&), sizeof...(N)>{&deliver<N + 1>...};
+  return std::array<KLT_Deliverer, sizeof...(N)>{&deliver<N + 1>...};
 }
 template <int... N>
 constexpr auto handlerTests(std::integer_sequence<int, N...>) {
@@ -356,14 +356,11 @@ constexpr auto handlerTests(std::integer_sequence<int, N...>) {
 }
 
 using AllRows = std::make_integer_sequence<int, kKltRowCount>;
-constexpr auto kDeliverers = deliverers(AllRows{});
 constexpr auto kHandlerTests = handlerTests(AllRows{});
 
 }  // namespace
 
-int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next) {
-  return kDeliverers[KLT_RecordNumber(next) - 1](reader, stream, next);
-}
+constexpr std::array<KLT_Deliverer, kKltRowCount> kKltDeliverers = deliverers(AllRows{});
 
 bool KLT_HasHandler(const KLT_HandlerTable& handlers, unsigned row) {
   return kHandlerTests[row - 1](handlers);

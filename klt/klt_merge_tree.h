@@ -27,7 +27,10 @@ class KLT_Tournament {
   KLT_Tournament() = default;
   // REQUIRES: fits() for each time.
   KLT_Tournament(const std::vector<uint64_t>& times, uint64_t start, unsigned positionBits)
-      : start_(start), positionBits_(positionBits) {
+      : start_(start),
+        positionBits_(positionBits),
+        positionMask_((Key{1} << positionBits) - 1),
+        steps_(stepsThatFit(start, positionBits)) {
     std::vector<Key> keys;
     keys.reserve(times.size());
     for (const uint64_t time : times) keys.push_back(key(keys.size(), time));
@@ -35,9 +38,9 @@ class KLT_Tournament {
   }
 
   [[nodiscard]] static bool fits(uint64_t time, uint64_t start, unsigned positionBits) {
-    return time >= start && time - start < (~uint64_t{0} >> positionBits);
+    return time - start < stepsThatFit(start, positionBits);
   }
-  [[nodiscard]] bool fits(uint64_t time) const { return fits(time, start_, positionBits_); }
+  [[nodiscard]] bool fits(uint64_t time) const { return time - start_ < steps_; }
 
   [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
   [[nodiscard]] KLT_NextStream second(size_t best) const {
@@ -62,7 +65,8 @@ class KLT_Tournament {
 
   void update(size_t position, uint64_t time) { replay(position, key(position, time)); }
   // Two updates, of different positions. Games that concern both are played once.
-  void update(size_t position1, uint64_t time1, size_t position2, uint64_t time2) {
+  [[gnu::always_inline]] void update(size_t position1, uint64_t time1, size_t position2,
+                                     uint64_t time2) {
     Key winner1 = key(position1, time1);
     Key winner2 = key(position2, time2);
     size_t node1 = leaves_ + position1;
@@ -89,13 +93,17 @@ class KLT_Tournament {
  private:
   static constexpr Key kNobody = ~Key{0};
 
+  // Times this far from `start`, and none ahead of it: no sum with it goes past 64 bits.
+  static constexpr uint64_t stepsThatFit(uint64_t start, unsigned positionBits) {
+    return std::min(~uint64_t{0} >> std::min(positionBits, 63U), ~uint64_t{0} - start);
+  }
   static Key earlier(Key a, Key b) { return b < a ? b : a; }
   [[nodiscard]] Key key(size_t position, uint64_t time) const {
     return Key{time - start_} << positionBits_ | position;
   }
   [[nodiscard]] size_t positionOf(Key key) const {
     if (key == kNobody) return kNone;
-    return static_cast<size_t>(key & ((Key{1} << positionBits_) - 1));
+    return static_cast<size_t>(key & positionMask_);
   }
 
   [[nodiscard]] uint64_t timeOf(Key key) const {
@@ -131,6 +139,8 @@ class KLT_Tournament {
   size_t deep_ = 1;  // leaves from here on lie a level below the others
   uint64_t start_ = 0;
   unsigned positionBits_ = 1;
+  Key positionMask_ = 1;
+  uint64_t steps_ = 0;
 };
 
 class KLT_MergeTree {
@@ -157,9 +167,6 @@ class KLT_MergeTree {
   [[nodiscard]] KLT_NextStream second(size_t best) const {
     return isWide_ ? wide_.second(best) : narrow_.second(best);
   }
-  [[nodiscard]] uint64_t time(size_t position) const {
-    return isWide_ ? wide_.time(position) : narrow_.time(position);
-  }
 
   void update(size_t position, uint64_t time) {
     if (!isWide_ && !narrow_.fits(time)) [[unlikely]]
@@ -170,7 +177,8 @@ class KLT_MergeTree {
       narrow_.update(position, time);
   }
   // Two updates, of different positions.
-  void update(size_t position1, uint64_t time1, size_t position2, uint64_t time2) {
+  [[gnu::always_inline]] void update(size_t position1, uint64_t time1, size_t position2,
+                                     uint64_t time2) {
     if (!isWide_ && (!narrow_.fits(time1) || !narrow_.fits(time2))) [[unlikely]]
       widen();
     if (isWide_) [[unlikely]]

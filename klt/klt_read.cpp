@@ -29,7 +29,7 @@ void removeStream(KLT_Reader& reader, size_t index) {
   reader.lanes.pop_back();
 }
 
-int afterFailure(KLT_Reader& reader) {
+int afterFailure(const KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
@@ -65,10 +65,54 @@ bool timeIsUp(KLT_Reader& reader, bool atOnce) {
   return look && reader.limit.reached();
 }
 
-struct Served {
-  int status = kNoStatus;
-  bool removed = false;
-};
+// What may come of serving a stream.
+enum class Served : uint8_t { kGoesOn, kHandlerStops, kTimeIsUp, kFinished, kFailed };
+
+bool hasLeft(Served served) { return served == Served::kFinished || served == Served::kFailed; }
+
+int statusOf(const KLT_Reader& reader, Served served) {
+  switch (served) {
+    case Served::kHandlerStops:
+      return KLT_STATUS_HANDLER;
+    case Served::kTimeIsUp:
+      return KLT_STATUS_TIME;
+    case Served::kFailed:
+      return afterFailure(reader);
+    case Served::kGoesOn:
+    case Served::kFinished:
+      break;
+  }
+  return kNoStatus;
+}
+
+// What seldom follows a record: its handler stops the reader, the stream must be filled, the time
+// of the call is up.
+[[gnu::noinline, gnu::cold]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
+  if (result != 0) return Served::kHandlerStops;
+  const bool runsOut = reader.lanes[index].next == reader.lanes[index].end;
+  if (runsOut) {
+    const Swap swap = swapIn(reader, index);
+    if (swap == Swap::kFailed) return Served::kFailed;
+    if (swap == Swap::kFinished) return Served::kFinished;
+  }
+  return timeIsUp(reader, runsOut) ? Served::kTimeIsUp : Served::kGoesOn;
+}
+
+// Delivers the stream's records up to the time `limit`. The tournament is the caller's.
+[[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
+  KLT_Lane& lane = reader.lanes[index];
+  for (;;) {
+    const int result = KLT_Deliver(reader, *lane.stream, lane.next);
+    const bool more = lane.next < lane.end;
+    if (more) [[likely]]
+      lane.nextTime = KLT_RecordTime(lane.next);
+    if (result != 0 || !more || reader.limit.limited()) [[unlikely]] {
+      const Served served = afterRecord(reader, index, result);
+      if (served != Served::kGoesOn) return served;
+    }
+    if (lane.nextTime > limit) return Served::kGoesOn;
+  }
+}
 
 // Takes a stream out of the tournament that has left the array: its place holds what was the last
 // one.
@@ -79,49 +123,29 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
   reader.order.removeLast();
 }
 
-// Delivers the stream's records up to the time `limit`. The tournament is the caller's.
-Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
-  KLT_Lane& lane = reader.lanes[index];
-  for (;;) {
-    const int result = KLT_Deliver(reader, *lane.stream, lane.next);
-    const bool more = lane.next < lane.end;
-    if (more) lane.nextTime = KLT_RecordTime(lane.next);
-    if (result != 0) [[unlikely]]
-      return {KLT_STATUS_HANDLER, false};
-    if (!more) {
-      const Swap swap = swapIn(reader, index);
-      if (swap != Swap::kReady) {
-        return {swap == Swap::kFailed ? afterFailure(reader) : kNoStatus, true};
-      }
-    }
-    if (timeIsUp(reader, !more)) [[unlikely]]
-      return {KLT_STATUS_TIME, false};
-    if (lane.nextTime > limit) return {};
-  }
-}
-
-// Serves the stream with the lowest next time, then the runner-up. If a slice ended while a stream
-// was being served, that one takes the part of the first. Returns a status, or kNoStatus.
-int serveNext(KLT_Reader& reader) {
+// One turn: serves the stream with the lowest next time, `best`, then the runner-up. Returns a
+// status, or kNoStatus.
+[[gnu::always_inline]] inline int takeTurn(KLT_Reader& reader, size_t best) {
   KLT_MergeTree& order = reader.order;
-  const size_t running = reader.slice.running();
-  reader.slice.endTurn();
-  const size_t best = running == KLT_Slice::kNone ? order.best() : running;
   const auto [second, limit] = order.second(best);
-  if (second == KLT_MergeTree::kNone) return serve(reader, best, ~uint64_t{0}).status;
+  if (second == KLT_MergeTree::kNone) [[unlikely]] {
+    return statusOf(reader, serve(reader, best, ~uint64_t{0}));
+  }
   if (reader.lanes[best].nextTime <= limit) [[likely]] {
     const Served first = serve(reader, best, limit);
-    if (first.removed) leaveOrder(reader, best);
-    if (first.removed || first.status != kNoStatus) return first.status;
+    if (first != Served::kGoesOn) [[unlikely]] {
+      if (hasLeft(first)) leaveOrder(reader, best);
+      return statusOf(reader, first);
+    }
   }
   const Served next = serve(reader, second, limit);
-  if (!next.removed) {
-    order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
-  } else {
+  if (hasLeft(next)) [[unlikely]] {
     if (best < reader.streams.size()) order.update(best, reader.lanes[best].nextTime);
     leaveOrder(reader, second);
+  } else {
+    order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
   }
-  return next.status;
+  return next == Served::kGoesOn ? kNoStatus : statusOf(reader, next);
 }
 
 // Delivers what the slice holds. Returns a status, or kNoStatus.
@@ -140,11 +164,26 @@ int serveSlice(KLT_Reader& reader) {
   }
 }
 
-void buildOrder(KLT_Reader& reader) {
+// Whether there are so many streams that a slice may pay, and it does.
+bool gatherSlice(KLT_Reader& reader) {
+  constexpr size_t kManyStreams = 256;
+  return reader.streams.size() >= kManyStreams && reader.slice.gather(reader.lanes, reader.fills);
+}
+
+// Serves streams by turns until the next slice or the end. If the slice before ended while a stream
+// was being served, that one takes the part of the first. Returns a status, or kNoStatus.
+int serveByTournament(KLT_Reader& reader) {
   std::vector<uint64_t> times;
   times.reserve(reader.lanes.size());
   for (const KLT_Lane& lane : reader.lanes) times.push_back(lane.nextTime);
   reader.order.build(times);
+  const size_t running = reader.slice.running();
+  reader.slice.endTurn();
+  int status = takeTurn(reader, running == KLT_Slice::kNone ? reader.order.best() : running);
+  while (status == kNoStatus && !reader.streams.empty() && !gatherSlice(reader)) {
+    status = takeTurn(reader, reader.order.best());
+  }
+  return status;
 }
 
 // Gets every stream ready. Returns a status, or kNoStatus. However short the time, a call fills
@@ -167,25 +206,12 @@ int prepare(KLT_Reader& reader) {
 }
 
 int readInOrder(KLT_Reader& reader) {
-  constexpr size_t kManyStreams = 256;
-  const int prepared = prepare(reader);
-  if (prepared != kNoStatus) return prepared;
-  KLT_Slice& slice = reader.slice;
-  bool isBuilt = false;
-  while (!reader.streams.empty()) {
-    int status = kNoStatus;
-    if (!slice.empty() ||
-        (reader.streams.size() >= kManyStreams && slice.gather(reader.lanes, reader.fills))) {
-      isBuilt = false;
-      status = serveSlice(reader);
-    } else {
-      if (!isBuilt) buildOrder(reader);
-      isBuilt = true;
-      status = serveNext(reader);
-    }
-    if (status != kNoStatus) return status;
+  int status = prepare(reader);
+  while (status == kNoStatus && !reader.streams.empty()) {
+    const bool isSliced = !reader.slice.empty() || gatherSlice(reader);
+    status = isSliced ? serveSlice(reader) : serveByTournament(reader);
   }
-  return KLT_STATUS_FINISHED;
+  return status == kNoStatus ? KLT_STATUS_FINISHED : status;
 }
 
 // Streams take turns; the first turn of each is short.

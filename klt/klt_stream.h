@@ -155,7 +155,11 @@ inline void KLT_PassOn(KLT_Stream& stream, size_t bytes, size_t encoded, uint64_
 // is reported. `next` moves behind the record, whose opaque values may be changed. `reader` is the
 // stream's: most records are delivered without a look at the stream, which with thousands of them
 // is far away.
-[[nodiscard]] int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next);
+using KLT_Deliverer = int (*)(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next);
+extern const std::array<KLT_Deliverer, kKltRowCount> kKltDeliverers;  // by row number - 1
+[[nodiscard]] inline int KLT_Deliver(KLT_Reader& reader, KLT_Stream& stream, uint8_t*& next) {
+  return kKltDeliverers[KLT_RecordNumber(next) - 1](reader, stream, next);
+}
 // Whether the table has a handler for the row.
 [[nodiscard]] bool KLT_HasHandler(const KLT_HandlerTable& handlers, unsigned row);
 

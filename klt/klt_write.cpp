@@ -159,6 +159,7 @@ void KLT_WFileHandle::tellWarned() const {
 KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
   auto context = std::make_unique<KLT_WriteContext>();
   context->categories = category;
+  context->history.gtp = thread;
   if (category != klt::kInternal) {
     context->suffix = suffixOf(category, thread);
     if ((category & kShared) == 0) context->listId = listOf(writer, thread);

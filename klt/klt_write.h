@@ -265,7 +265,7 @@ class RowWriter {
     if (!context.replace(writer_, slot.position - 1, side.data(), bytes)) return 0;
     if constexpr (row.filter == KLT_FilterClass::kMessage ||
                   row.filter == KLT_FilterClass::kCollective) {
-      context.history.of(0).offsets.endSpan(slot.position - 1, spanEnd());
+      context.history.offsets.endSpan(slot.position - 1, spanEnd());
     }
     profile(true);
     return static_cast<uint32_t>(bytes);
@@ -284,24 +284,28 @@ class RowWriter {
 
   // Keeps what a seek point behind this record has to tell.
   void remember(KLT_WriteContext& context, uint64_t before, uint64_t offset, bool open) {
-    if constexpr (row.filter == KLT_FilterClass::kMessage ||
-                  row.filter == KLT_FilterClass::kCollective) {
-      context.history.of(0).offsets.addSpan(before, spanEnd(), offset, open);
+    constexpr bool kIsSpan =
+        row.filter == KLT_FilterClass::kMessage || row.filter == KLT_FilterClass::kCollective;
+    if constexpr (kIsSpan || row.filter == KLT_FilterClass::kCallStack ||
+                  row.filter == KLT_FilterClass::kCounterSample) {
+      context.history.isUsed = true;
+    }
+    if constexpr (kIsSpan) {
+      context.history.offsets.addSpan(before, spanEnd(), offset, open);
     } else if constexpr (row.name == "enter_function") {
       uint32_t scl = 0;
       if constexpr (N == 29) scl = argument<3>();
-      KLT_AddFunctionHistory(context.history, argument<1>(), argument<2>(), scl,
+      KLT_AddFunctionHistory(context.history, argument<2>(), scl,
                              writer_.ticks(std::get<0>(arguments_)));
     } else if constexpr (row.name == "leave_function") {
-      KLT_LeaveFunctionHistory(context.history, argument<1>(),
-                               writer_.ticks(std::get<0>(arguments_)), writer_.stats());
+      KLT_LeaveFunctionHistory(context.history, writer_.ticks(std::get<0>(arguments_)),
+                               writer_.stats());
     } else if constexpr (row.name == "enter_scope") {
-      context.history.of(argument<1>())
-          .offsets.enterScope(argument<2>(), argument<3>(), before, offset);
+      context.history.offsets.enterScope(argument<2>(), argument<3>(), before, offset);
     } else if constexpr (row.name == "leave_scope") {
-      context.history.of(argument<1>()).offsets.leaveScope(argument<2>(), argument<3>());
+      context.history.offsets.leaveScope(argument<2>(), argument<3>());
     } else if constexpr (row.filter == KLT_FilterClass::kCounterSample) {
-      KLT_OffsetEntries& offsets = context.history.of(argument<1>()).offsets;
+      KLT_OffsetEntries& offsets = context.history.offsets;
       for (size_t i = counts_[2]; i-- > 0;) offsets.setCounter(argument<4>()[i], before, offset);
     }
   }

@@ -75,19 +75,13 @@ struct alignas(64) KLT_WriteHistory {
 
   // All that a call touches: with thousands of threads it is the reach for another line of memory
   // that takes the time.
-  uint32_t gtp = 0;
+  uint32_t gtp = 0;                        // the stream's thread, 0 for none
   bool isUsed = false;                     // an anchor has something to tell, if only the thread
   PAL_Stack<Call> calls;                   // outermost first
   std::array<uint32_t, 8> profileHints{};  // where the functions called last have their profiles
 
   KLT_OffsetEntries offsets;
 
-  // The history, which is that of `thread`. A stream has records of one thread, or of none: 0.
-  [[nodiscard]] KLT_WriteHistory& of(uint32_t thread) {
-    gtp = thread;
-    isUsed = true;
-    return *this;
-  }
   [[nodiscard]] uint32_t& profileHint(uint32_t function) {
     return profileHints[function % profileHints.size()];
   }
@@ -98,16 +92,16 @@ struct alignas(64) KLT_WriteHistory {
 };
 
 // A call begins. `ticks` only counts with statistics.
-[[gnu::always_inline]] inline void KLT_AddFunctionHistory(KLT_WriteHistory& history, uint32_t gtp,
+[[gnu::always_inline]] inline void KLT_AddFunctionHistory(KLT_WriteHistory& history,
                                                           uint32_t function, uint32_t scl,
                                                           uint64_t ticks) {
-  history.of(gtp).calls.push({function, scl, ticks, 0});
+  history.calls.push({function, scl, ticks, 0});
 }
 
 // The innermost call ends; with `stats` its times are entered there. Harmless without a call.
-[[gnu::always_inline]] inline void KLT_LeaveFunctionHistory(KLT_WriteHistory& history, uint32_t gtp,
+[[gnu::always_inline]] inline void KLT_LeaveFunctionHistory(KLT_WriteHistory& history,
                                                             uint64_t ticks, KLT_FileStats* stats) {
-  PAL_Stack<KLT_WriteHistory::Call>& calls = history.of(gtp).calls;
+  PAL_Stack<KLT_WriteHistory::Call>& calls = history.calls;
   if (calls.empty()) return;
   // Field by field: the call may have begun a moment ago, and what has just been stored as parts
   // can't be loaded as one before it has left the core.
@@ -117,6 +111,6 @@ struct alignas(64) KLT_WriteHistory {
   const uint64_t self = inclusive - call.childTime;
   calls.pop();
   if (stats == nullptr) return;
-  stats->function(gtp, function, self, inclusive, history.profileHint(function));
+  stats->function(history.gtp, function, self, inclusive, history.profileHint(function));
   if (!calls.empty()) calls.top().childTime += inclusive;
 }
