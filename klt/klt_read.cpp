@@ -56,15 +56,6 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
   return Swap::kReady;
 }
 
-// Whether the time of this call is up, looked at every few records and after a fill.
-bool timeIsUp(KLT_Reader& reader, bool atOnce) {
-  if (!reader.limit.limited()) [[likely]]
-    return false;
-  ++reader.deliveredRecords;
-  const bool look = atOnce || reader.deliveredRecords % KLT_TimeLimit::kRecordsPerCheck == 0;
-  return look && reader.limit.reached();
-}
-
 // What may come of serving a stream.
 enum class Served : uint8_t { kGoesOn, kHandlerStops, kTimeIsUp, kFinished, kFailed };
 
@@ -85,17 +76,21 @@ int statusOf(const KLT_Reader& reader, Served served) {
   return kNoStatus;
 }
 
-// What seldom follows a record: its handler stops the reader, the stream must be filled, the time
-// of the call is up.
-[[gnu::noinline, gnu::cold]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
+void countAnew(KLT_Reader& reader) {
+  reader.recordsToLook = reader.limit.limited() ? KLT_TimeLimit::kRecordsPerCheck : ~uint64_t{0};
+}
+
+// What doesn't follow each record: its handler stops the reader, the stream must be filled, the
+// clock is looked at.
+[[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
+  if (reader.recordsToLook == 0) countAnew(reader);
   if (result != 0) return Served::kHandlerStops;
-  const bool runsOut = reader.lanes[index].next == reader.lanes[index].end;
-  if (runsOut) {
+  if (reader.lanes[index].next == reader.lanes[index].end) {
     const Swap swap = swapIn(reader, index);
     if (swap == Swap::kFailed) return Served::kFailed;
     if (swap == Swap::kFinished) return Served::kFinished;
   }
-  return timeIsUp(reader, runsOut) ? Served::kTimeIsUp : Served::kGoesOn;
+  return reader.limit.reached() ? Served::kTimeIsUp : Served::kGoesOn;
 }
 
 // Delivers the stream's records up to the time `limit`. The tournament is the caller's.
@@ -106,7 +101,7 @@ int statusOf(const KLT_Reader& reader, Served served) {
     const bool more = lane.next < lane.end;
     if (more) [[likely]]
       lane.nextTime = KLT_RecordTime(lane.next);
-    if (result != 0 || !more || reader.limit.limited()) [[unlikely]] {
+    if (--reader.recordsToLook == 0 || result != 0 || !more) [[unlikely]] {
       const Served served = afterRecord(reader, index, result);
       if (served != Served::kGoesOn) return served;
     }
@@ -157,7 +152,9 @@ int serveSlice(KLT_Reader& reader) {
     uint8_t* behind = next.record;
     const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, behind);
     slice.delivered(behind);
-    if (result != 0 || timeIsUp(reader, false)) [[unlikely]] {
+    if (--reader.recordsToLook == 0 || result != 0) [[unlikely]] {
+      if (reader.recordsToLook == 0) countAnew(reader);
+      if (result == 0 && !reader.limit.reached()) continue;
       slice.endTurn();
       return result != 0 ? KLT_STATUS_HANDLER : KLT_STATUS_TIME;
     }
@@ -258,6 +255,7 @@ bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
 
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
   reader->limit.start(timeoutMs);
+  countAnew(*reader);
   reader->status = reader->serial ? readInOrder(*reader) : readInTurns(*reader);
   return reader->status;
 }

@@ -58,7 +58,7 @@ struct KLT_Reader {
   KLT_Slice slice;
   uint64_t fills = 1;  // how often a stream was filled or has left
   KLT_TimeLimit limit;
-  uint64_t deliveredRecords = 0;
+  uint64_t recordsToLook = 0;  // until the clock is asked whether the time of the call is up
 
   // Progress: bytes read of streams that are gone, and all bytes there are.
   uint64_t bytesDone = 0;
