@@ -3,7 +3,6 @@
 
 #include "generic/kltt_summary.h"
 #include "klt/klt_write.h"
-#include "util/pal_util.h"
 
 namespace {
 
@@ -35,28 +34,14 @@ uint8_t rowOf(const KLTM_Message& m) {
 
 KLTM_MessageTable::KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
                                      uint64_t blockBytes)
-    : writer_(writer),
-      summary_(summary),
-      arena_(blockBytes),
-      seed_(PAL_RandomSeed64()),
-      buckets_(kFirstBuckets) {}
-
-// The seed keeps a file from being made in which all keys meet in one bucket.
-uint64_t KLTM_MessageTable::hashOf(uint32_t sender, uint32_t receiver, uint32_t comm, uint32_t tag,
-                                   uint32_t size) const {
-  uint64_t hash = seed_ ^ (uint64_t{comm} << 32 | receiver << 16 | sender);
-  hash *= 0x9e3779b97f4a7c15;
-  hash ^= hash >> 32;
-  hash = (hash ^ (uint64_t{size} << 32 | tag)) * 0xd6e8feb86659fd93;
-  return hash ^ hash >> 32;
-}
+    : writer_(writer), summary_(summary), arena_(blockBytes), buckets_(kFirstBuckets) {}
 
 void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
   const uint32_t own = processOf(event.gtp);
   const uint32_t peer = processOf(event.other);
   const uint32_t sender = event.sent ? own : peer;
   const uint32_t receiver = event.sent ? peer : own;
-  const uint64_t hash = hashOf(sender, receiver, event.comm, event.tag, event.size);
+  const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
   KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as a new one would
   for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
     KLTM_Message& m = **link;
@@ -85,7 +70,7 @@ void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
   add(event, hash, equal);
 }
 
-void KLTM_MessageTable::add(const KLTM_MessageEvent& event, uint64_t hash, KLTM_Message* equal) {
+void KLTM_MessageTable::add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_Message* equal) {
   KLTM_Message& m = arena_.append(*this, KLTM_Message::bytes(), event.time);
   ++added_;
   m.time = m.lastTime = event.time;
@@ -115,7 +100,7 @@ void KLTM_MessageTable::growBuckets() {
       KLTM_Message& m = *head;
       head = m.chainNext;
       KLTM_Message*& bucket = bucketOf(
-          hashOf(processOf(m.sender.gtp), processOf(m.receiver.gtp), m.comm, m.tag, m.size));
+          hash_({processOf(m.sender.gtp), processOf(m.receiver.gtp), m.comm, m.tag, m.size}));
       m.chainNext = bucket;
       bucket = &m;
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "generic/RK_logmerge_arena.h"
+#include "util/pal_hash.h"
 
 struct KLTT_Summary;
 
@@ -67,18 +68,16 @@ class KLTM_MessageTable {
 
   void write(KLTM_Message& message);
   void release(KLTM_Message& /*message*/) {}
-  void add(const KLTM_MessageEvent& event, uint64_t hash, KLTM_Message* equal);
-  [[nodiscard]] KLTM_Message*& bucketOf(uint64_t hash) {
+  void add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_Message* equal);
+  [[nodiscard]] KLTM_Message*& bucketOf(uint32_t hash) {
     return buckets_[hash & (buckets_.size() - 1)];
   }
-  [[nodiscard]] uint64_t hashOf(uint32_t sender, uint32_t receiver, uint32_t comm, uint32_t tag,
-                                uint32_t size) const;
   void growBuckets();
 
   KLT_WFileHandle* writer_;
   KLTT_Summary* summary_;
   KLTM_Arena<KLTM_Message> arena_;
-  uint64_t seed_;
+  PAL_Hash<5> hash_;  // of sender, receiver, communicator, tag, size
   uint32_t added_ = 0;
   size_t keys_ = 0;                     // in the chains
   std::vector<KLTM_Message*> buckets_;  // a power of two

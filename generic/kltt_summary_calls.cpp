@@ -6,7 +6,6 @@
 #include "generic/kltt_idtable.h"
 #include "generic/kltt_summary_file.h"
 #include "generic/kltt_summary_tables.h"
-#include "util/pal_util.h"
 
 namespace {
 
@@ -40,7 +39,7 @@ uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0;
 }  // namespace
 
 KLTT_CallTrees::KLTT_CallTrees()
-    : index_(KLTT_DIRECT_IDS), buckets_(KLTT_SUM_BUCKETS), slots_(64), seed_(PAL_RandomSeed()) {}
+    : index_(KLTT_DIRECT_IDS), buckets_(KLTT_SUM_BUCKETS), slots_(64) {}
 
 KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   const auto index = static_cast<uint32_t>(threads_.size());
@@ -60,13 +59,6 @@ void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
   Node& parent = nodes_[node.parent];
   node.touchedSibling = parent.touchedChild;
   parent.touchedChild = index;
-}
-
-size_t KLTT_CallTrees::slotOf(uint32_t parent, uint32_t function) const {
-  uint64_t hash = ((uint64_t{parent} << 32 | function) ^ seed_) * 0x9e3779b97f4a7c15u;
-  hash ^= hash >> 32;
-  hash *= 0xd6e8feb86659fd93u;
-  return static_cast<size_t>(hash >> 32) & (slots_.size() - 1);
 }
 
 void KLTT_CallTrees::growSlots() {

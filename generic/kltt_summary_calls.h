@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "klt/klt_idmap.h"
+#include "util/pal_hash.h"
 
 class KLTT_SumFile;
 
@@ -79,7 +80,9 @@ class KLTT_CallTrees {
     return nodes_[last].function == function && last != 0 ? last : findChild(parent, function);
   }
   [[nodiscard]] uint32_t findChild(uint32_t parent, uint32_t function);
-  [[nodiscard]] size_t slotOf(uint32_t parent, uint32_t function) const;
+  [[nodiscard]] size_t slotOf(uint32_t parent, uint32_t function) const {
+    return hash_({parent, function}) & (slots_.size() - 1);
+  }
   void growSlots();
   void close(const Call& call, uint64_t time);
   void closeAll(Thread& thread, uint64_t binEnd);
@@ -95,7 +98,7 @@ class KLTT_CallTrees {
   std::vector<Node> nodes_;
   std::vector<uint32_t> slots_;  // nodes by parent and function; a power of two, at most half full
   size_t slotsUsed_ = 0;
-  uint64_t seed_;
+  PAL_Hash<2> hash_;
   std::vector<Place> places_;     // of the tree that is being written
   std::vector<uint32_t> beside_;  // touched, not written
 };

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "klt/klt_idmap.h"
-#include "util/pal_util.h"
+#include "util/pal_hash.h"
 
 class KLTT_SumFile;
 struct KLTT_SumMembers;
@@ -80,15 +80,7 @@ class KLTT_BinTable {
     return differing == 0;
   }
 
-  [[nodiscard]] size_t slotOf(const Key& key) const {
-    uint64_t hash = seed_;
-    for (size_t i = 0; i < Words; i += 2) {
-      const uint64_t pair = uint64_t{key[i]} << 32 | (i + 1 < Words ? key[i + 1] : 0);
-      hash = (hash ^ pair) * 0x9e3779b97f4a7c15u;
-      hash ^= hash >> 32;
-    }
-    return static_cast<size_t>(hash) & (slots_.size() - 1);
-  }
+  [[nodiscard]] size_t slotOf(const Key& key) const { return hash_(key) & (slots_.size() - 1); }
 
   void growSlots() {
     slots_.assign(slots_.size() * 2, Slot{});
@@ -103,8 +95,7 @@ class KLTT_BinTable {
   std::vector<Slot> slots_{64};  // a power of two, at most half of them of this bin
   std::vector<uint32_t> order_;
   uint32_t bin_ = 1;
-  // Keys come from a file, which must not be able to make them all meet in one place.
-  uint64_t seed_ = PAL_RandomSeed();
+  PAL_Hash<Words> hash_;
 };
 
 class KLTT_SumTables {

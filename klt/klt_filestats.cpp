@@ -8,36 +8,9 @@
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
-#include "util/pal_util.h"
-
-namespace {
-
-using Factors = std::array<uint64_t, 8>;
-
-// Two keys meet in one hash with the least chance there can be, whatever they are: the factors, one
-// for each number and one that is added, can't be foreseen. The products are independent of each
-// other, so that many take little longer than one.
-template <class... Numbers>
-uint32_t hashOf(const Factors& factors, Numbers... numbers) {
-  static_assert(sizeof...(numbers) < std::tuple_size_v<Factors>);
-  uint64_t hash = factors[0];
-  size_t i = 1;
-  ((hash += factors[i++] * uint32_t{numbers}), ...);
-  return static_cast<uint32_t>(hash >> 32);
-}
-
-Factors randomFactors() {
-  Factors factors{};
-  for (uint64_t& factor : factors) factor = PAL_RandomSeed64();
-  return factors;
-}
-
-}  // namespace
 
 KLT_FileStats::KLT_FileStats(const KLT_StatsParameters& parameters)
-    : parameters_(parameters),
-      eventBits_(std::min(parameters.eventBits, 63U)),
-      factors_(randomFactors()) {}
+    : parameters_(parameters), eventBits_(std::min(parameters.eventBits, 63U)) {}
 
 void KLT_FileStats::Table::put(const Slot& slot) {
   const size_t mask = slots_.size() - 1;
@@ -59,7 +32,7 @@ void KLT_FileStats::Table::add(uint32_t hash) {
 }
 
 uint32_t KLT_FileStats::functionPlace(uint32_t gtp, uint32_t function) {
-  const uint32_t hash = hashOf(factors_, gtp, function);
+  const uint32_t hash = functionHash_({gtp, function});
   const uint32_t place = functionPlaces_.find(
       hash, [&](uint32_t candidate) { return functions_[candidate - 1].isOf(gtp, function); });
   if (place != 0) return place;
@@ -75,8 +48,8 @@ uint32_t KLT_FileStats::addMessage(const Message& key, uint32_t hash) {
 }
 
 void KLT_FileStats::message(const Message& key, int64_t duration) {
-  const uint32_t hash = hashOf(factors_, key.sender, key.receiver, key.funcSender, key.funcReceiver,
-                               key.tag, key.comm, key.size);
+  const uint32_t hash = messageHash_(
+      {key.sender, key.receiver, key.funcSender, key.funcReceiver, key.tag, key.comm, key.size});
   uint32_t place = messagePlaces_.find(
       hash, [&](uint32_t candidate) { return messages_[candidate - 1].key == key; });
   if (place == 0) [[unlikely]]

@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "util/pal_hash.h"
+
 struct KLT_WFileHandle;
 
 // What a writer needs to know to make profiles.
@@ -135,7 +137,8 @@ class KLT_FileStats {
 
   KLT_StatsParameters parameters_;
   unsigned eventBits_;
-  std::array<uint64_t, 8> factors_;  // of the hashes
+  PAL_Hash<2> functionHash_;
+  PAL_Hash<7> messageHash_;
   std::vector<FunctionStat> functions_;
   Table functionPlaces_;
   std::vector<MessageStat> messages_;

@@ -84,8 +84,11 @@ void countAnew(KLT_Reader& reader) {
 // clock is looked at.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
   if (reader.recordsToLook == 0) countAnew(reader);
+  KLT_Lane& lane = reader.lanes[index];
+  const bool runsOut = lane.next == lane.end;
+  if (!runsOut) lane.nextTime = KLT_RecordTime(lane.next);
   if (result != 0) return Served::kHandlerStops;
-  if (reader.lanes[index].next == reader.lanes[index].end) {
+  if (runsOut) {
     const Swap swap = swapIn(reader, index);
     if (swap == Swap::kFailed) return Served::kFailed;
     if (swap == Swap::kFinished) return Served::kFinished;
@@ -98,12 +101,11 @@ void countAnew(KLT_Reader& reader) {
   KLT_Lane& lane = reader.lanes[index];
   for (;;) {
     const int result = KLT_Deliver(reader, *lane.stream, lane.next);
-    const bool more = lane.next < lane.end;
-    if (more) [[likely]]
-      lane.nextTime = KLT_RecordTime(lane.next);
-    if (--reader.recordsToLook == 0 || result != 0 || !more) [[unlikely]] {
+    if (--reader.recordsToLook == 0 || result != 0 || lane.next == lane.end) [[unlikely]] {
       const Served served = afterRecord(reader, index, result);
       if (served != Served::kGoesOn) return served;
+    } else {
+      lane.nextTime = KLT_RecordTime(lane.next);
     }
     if (lane.nextTime > limit) return Served::kGoesOn;
   }
