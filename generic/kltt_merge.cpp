@@ -174,7 +174,7 @@ class Merge {
   }
 
   // An output that ends in the middle gets no index, so that nobody takes it for a trace; one that
-  // has lost streams keeps the others.
+  // has lost messages or operations keeps the other streams.
   void closeWriter() {
     const SignalsHeld held;
     KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);

@@ -21,7 +21,7 @@ enum : int {
   KLTM_WRONG_TRACE = 5,        // a merged one to be merged, a raw one to be summarised
   KLTM_INCOMPLETE = 6,         // part of the input couldn't be read, or of the summary written
   KLTM_ABORTED = 7,            // nothing of the input could be read further; there is no index
-  KLTM_NOT_WRITTEN = 8         // the output couldn't be written; there is no index
+  KLTM_NOT_WRITTEN = 8         // the output couldn't be written, or has lost streams
 };
 
 // Tells how far a merge is: state -1 before it begins, 0 with a percentage, 1 at the end.

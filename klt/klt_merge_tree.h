@@ -93,7 +93,8 @@ class KLT_Tournament {
  private:
   static constexpr Key kNobody = ~Key{0};
 
-  // Times this far from `start`, and none ahead of it: no sum with it goes past 64 bits.
+  // How many steps from `start` fit: neither a key nor a time goes past 64 bits. A time ahead of
+  // `start` is further from it than that. (Wide keys, with 64 bits for positions, hold all times.)
   static constexpr uint64_t stepsThatFit(uint64_t start, unsigned positionBits) {
     return std::min(~uint64_t{0} >> std::min(positionBits, 63U), ~uint64_t{0} - start);
   }

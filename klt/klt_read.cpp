@@ -76,14 +76,19 @@ int statusOf(const KLT_Reader& reader, Served served) {
   return kNoStatus;
 }
 
-void countAnew(KLT_Reader& reader) {
+void countRecordsAnew(KLT_Reader& reader) {
   reader.recordsToLook = reader.limit.limited() ? KLT_TimeLimit::kRecordsPerCheck : ~uint64_t{0};
+}
+
+// Whether it is time to look at the clock, after a record.
+[[gnu::always_inline]] inline bool isTimeToLook(KLT_Reader& reader) {
+  return --reader.recordsToLook == 0;
 }
 
 // What doesn't follow each record: its handler stops the reader, the stream must be filled, the
 // clock is looked at.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
-  if (reader.recordsToLook == 0) countAnew(reader);
+  if (reader.recordsToLook == 0) countRecordsAnew(reader);
   KLT_Lane& lane = reader.lanes[index];
   const bool runsOut = lane.next == lane.end;
   if (!runsOut) lane.nextTime = KLT_RecordTime(lane.next);
@@ -101,7 +106,7 @@ void countAnew(KLT_Reader& reader) {
   KLT_Lane& lane = reader.lanes[index];
   for (;;) {
     const int result = KLT_Deliver(reader, *lane.stream, lane.next);
-    if (--reader.recordsToLook == 0 || result != 0 || lane.next == lane.end) [[unlikely]] {
+    if (isTimeToLook(reader) || result != 0 || lane.next == lane.end) [[unlikely]] {
       const Served served = afterRecord(reader, index, result);
       if (served != Served::kGoesOn) return served;
     } else {
@@ -154,8 +159,8 @@ int serveSlice(KLT_Reader& reader) {
     uint8_t* behind = next.record;
     const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, behind);
     slice.delivered(behind);
-    if (--reader.recordsToLook == 0 || result != 0) [[unlikely]] {
-      if (reader.recordsToLook == 0) countAnew(reader);
+    if (isTimeToLook(reader) || result != 0) [[unlikely]] {
+      if (reader.recordsToLook == 0) countRecordsAnew(reader);
       if (result == 0 && !reader.limit.reached()) continue;
       slice.endTurn();
       return result != 0 ? KLT_STATUS_HANDLER : KLT_STATUS_TIME;
@@ -257,7 +262,7 @@ bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
 
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
   reader->limit.start(timeoutMs);
-  countAnew(*reader);
+  countRecordsAnew(*reader);
   reader->status = reader->serial ? readInOrder(*reader) : readInTurns(*reader);
   return reader->status;
 }

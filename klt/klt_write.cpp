@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "util/pal_error.h"
 #include "util/pal_util.h"
@@ -236,7 +237,7 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
     }
   }
   used = 0;
-  context.setPlainUntil();
+  if (!anchors) context.setPlainUntil();
 }
 
 uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
@@ -311,29 +312,32 @@ void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
     buffer->file = nullptr;
     buffer->release();
   }
-}
-
-bool KLT_WriterFree(KLT_WFileHandle* writer) {
-  for (const auto& context : writer->contexts) KLT_CloseContext(*writer, *context);
-  if (writer->indexFile != nullptr && KLT_IoClose(writer->indexFile) != 0) writer->failed = true;
-  if (KLT_ContainerClose(writer->container) != 0) writer->failed = true;
-  writer->container = nullptr;
-  const bool complete = !writer->failed;
-  delete writer;
-  return complete;
+  context.setPlainUntil();
 }
 
 namespace {
 
 // What there is of an index must not be taken for one: empties its file. Of a container nothing is
 // left then.
-void emptyIndex(const std::string& dir, const std::string& name) {
-  if (name == "-") return;  // standard output
-  const std::string path = dir.empty() || name.starts_with('/') ? name : dir + '/' + name;
-  if (truncate(path.c_str(), 0) != 0) PAL_Perror(path.c_str());
+void emptyIndex(const KLT_WFileHandle& writer, int form) {
+  if (form == KLT_FORM_SERIAL) return;  // standard output
+  const bool resolved = writer.dir.empty() || writer.name.starts_with('/');
+  const std::string path = resolved ? writer.name : writer.dir + '/' + writer.name;
+  if (truncate(path.c_str(), 0) != 0) return;  // no regular file: a device, a pipe
 }
 
 }  // namespace
+
+bool KLT_WriterFree(KLT_WFileHandle* writer) {
+  const std::unique_ptr<KLT_WFileHandle> owner(writer);
+  for (const auto& context : writer->contexts) KLT_CloseContext(*writer, *context);
+  if (writer->indexFile != nullptr && KLT_IoClose(writer->indexFile) != 0) writer->failed = true;
+  const int form = KLT_ContainerForm(writer->container);
+  const bool closed = KLT_ContainerClose(std::exchange(writer->container, nullptr)) == 0;
+  if (!closed) writer->failed = true;
+  if (writer->writeIndex && !(writer->hasIndex && closed)) emptyIndex(*writer, form);
+  return !writer->failed;
+}
 
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   if (writer->fileStats != nullptr && !writer->fileStats->write(writer)) {
@@ -342,12 +346,8 @@ const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   }
   const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
   if (error != nullptr) writer->failed = true;
-  const bool indexLost =
-      writer->writeIndex && (error != nullptr || writer->contexts.back()->data.lost);
+  writer->hasIndex = error == nullptr && !writer->contexts.back()->data.lost;
   writer->tellWarned();
-  const std::string dir = writer->dir;
-  const std::string name = writer->name;
   *complete = KLT_WriterFree(writer);
-  if (indexLost) emptyIndex(dir, name);
   return error;
 }

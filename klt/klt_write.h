@@ -45,11 +45,11 @@ struct KLT_UpdateSlot {
                                               KLT_FileSet untouchable = {});
 
 // Writes profiles and index, and frees the handle. `complete` receives whether everything has
-// reached its file; an index that couldn't be written whole is emptied. Returns the text of an
-// error, or null.
+// reached its file. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);
 
 // Flushes and frees without writing profiles and index. False if something hasn't reached its file.
+// Here as there an index that isn't there, or not whole, leaves an empty file.
 bool KLT_WriterFree(KLT_WFileHandle* writer);
 
 namespace klt {

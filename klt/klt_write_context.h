@@ -53,7 +53,7 @@ struct KLT_WriteBuffer {
 };
 
 struct alignas(64) KLT_WriteContext {
-  // What every record touches, side by side.
+  // What every call touches, side by side.
   bool opened = false;
   bool broken = false;  // its files can't be opened
   uint64_t outputTime = 0;
@@ -129,7 +129,8 @@ struct KLT_WFileHandle {
   std::string name;
   uint32_t flags = 0;
   bool writeIndex = false;
-  bool failed = false;  // something hasn't reached its file
+  bool hasIndex = false;  // it is written, and has reached its file
+  bool failed = false;    // something hasn't reached its file
   KLT_IoFile* indexFile = nullptr;
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
   std::array<KLT_IdIndex, 16> byThread;  // by category bit: gtp to place in `contexts`, from 1

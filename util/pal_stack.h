@@ -25,7 +25,7 @@ class PAL_Stack {
     return *this;
   }
 
-  void push(const T& item) {
+  void push(T item) {
     if (size_ == room_) [[unlikely]]
       grow();
     items_[size_++] = item;
