@@ -16,9 +16,9 @@ bool KLT_Input::attach(KLT_IoFile* file, const char* base, const char* suffix, u
   file_ = file;
   base_ = base;
   suffix_ = suffix;
-  const int64_t size = KLT_IoSeek(file, 0, SEEK_END);
+  const int64_t size = KLT_IoSize(file);
   if (size < 0) return false;
-  offset_ = length_ = static_cast<uint64_t>(size);
+  length_ = static_cast<uint64_t>(size);
   return seek(start < length_ ? start : length_);
 }
 

@@ -25,8 +25,9 @@ class KLT_Input {
   KLT_Input& operator=(const KLT_Input&) = delete;
   ~KLT_Input();
 
-  // Takes over reading `file`, whose records start at `start`. `base` and `suffix` (may be empty)
-  // name it in messages and must outlive this object. False if the length can't be found out.
+  // Takes over reading `file`, whose records start at `start`; for 0 it has just been opened.
+  // `base` and `suffix` (may be empty) name it in messages and must outlive this object. False if
+  // the length can't be found out.
   [[nodiscard]] bool attach(KLT_IoFile* file, const char* base, const char* suffix,
                             uint64_t start = 0);
   // The same for a compressed component.

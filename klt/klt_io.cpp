@@ -26,6 +26,7 @@ struct KLT_IoFile {
   uint64_t pos = 0;    // position inside it
   int fd = -1;         // virtual descriptor; may be the container's own
   std::string name;    // file name, in the plain form
+  int64_t size = -1;   // of a plain file when it was opened for reading; -1 if it isn't known
   // In the plain form, why the file was left alone and reads fail, or 0.
   int refusal = 0;
   bool toldCut = false;  // a missing end of the container was reported
@@ -57,7 +58,8 @@ int refusalOf(const struct stat& info) {
 // reason in `refusal`. Thousands are opened in a row, and a look at the name first would cost as
 // much as opening it once more. So a FIFO or a device that bears the name of a component is opened
 // for a moment, which with these flags neither waits nor takes a terminal over.
-int openForReading(const KLT_Container* container, const char* fileName, int* refusal) {
+int openForReading(const KLT_Container* container, const char* fileName, int* refusal,
+                   int64_t* size) {
   const char* const dir = container->directoryName();
   const int fd =
       PAL_OpenInDir(dir, fileName, container->flags | O_NONBLOCK | O_NOCTTY, container->mode);
@@ -68,7 +70,10 @@ int openForReading(const KLT_Container* container, const char* fileName, int* re
     errno = savedErrno;
     return -1;
   }
-  if (Vfd_Stat(fd, &info) == 0) *refusal = refusalOf(info);
+  if (Vfd_Stat(fd, &info) == 0) {
+    *refusal = refusalOf(info);
+    *size = info.st_size;
+  }
   if (*refusal == 0) return fd;
   Vfd_Close(fd);
   return -1;
@@ -76,7 +81,8 @@ int openForReading(const KLT_Container* container, const char* fileName, int* re
 
 KLT_IoFile* openPlain(KLT_Container* container, const char* fileName) {
   int refusal = 0;
-  const int fd = isReadOnly(container) ? openForReading(container, fileName, &refusal)
+  int64_t size = -1;
+  const int fd = isReadOnly(container) ? openForReading(container, fileName, &refusal, &size)
                                        : PAL_OpenInDir(container->directoryName(), fileName,
                                                        container->flags, container->mode);
   // An index that is no file has no bytes, which its reader tells as it tells of an empty one.
@@ -87,6 +93,7 @@ KLT_IoFile* openPlain(KLT_Container* container, const char* fileName) {
   file->fd = fd;
   file->name = fileName;
   file->refusal = refusal;
+  file->size = refusal == 0 ? size : 0;
   return file;
 }
 
@@ -375,6 +382,16 @@ int64_t KLT_IoSeek(KLT_IoFile* file, int64_t offset, int whence) {
   if (!isPresent(file)) return 0;
   return file->entry != nullptr ? seekExtents(file, offset, whence)
                                 : seekPlain(file, offset, whence);
+}
+
+int64_t KLT_IoSize(KLT_IoFile* file) {
+  if (!isPresent(file)) return 0;
+  if (file->entry != nullptr) return static_cast<int64_t>(file->entry->length());
+  if (file->size < 0) {
+    file->size = seekPlain(file, 0, SEEK_END);
+    if (seekPlain(file, 0, SEEK_SET) != 0) return -1;
+  }
+  return file->size;
 }
 
 int KLT_IoStat(KLT_IoFile* file, struct stat* info) {

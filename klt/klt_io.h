@@ -69,5 +69,9 @@ int KLT_IoClose(KLT_IoFile*& file);
 // negative one gives -1 with EINVAL. Clears errno on success.
 int64_t KLT_IoSeek(KLT_IoFile* file, int64_t offset, int whence);
 
+// The bytes of a component that was opened for reading; negative if they can't be told. Moves to
+// its start, if it has to look.
+[[nodiscard]] int64_t KLT_IoSize(KLT_IoFile* file);
+
 // fstat of the file behind the component: its own in the plain form, else the container.
 int KLT_IoStat(KLT_IoFile* file, struct stat* info);

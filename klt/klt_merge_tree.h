@@ -24,17 +24,15 @@ class KLT_Tournament {
  public:
   static constexpr size_t kNone = ~size_t{0};
 
-  KLT_Tournament() = default;
-  // REQUIRES: fits() for each time.
-  KLT_Tournament(const std::vector<uint64_t>& times, uint64_t start, unsigned positionBits)
-      : start_(start),
-        positionBits_(positionBits),
-        positionMask_((Key{1} << positionBits) - 1),
-        steps_(stepsThatFit(start, positionBits)) {
-    std::vector<Key> keys;
-    keys.reserve(times.size());
-    for (const uint64_t time : times) keys.push_back(key(keys.size(), time));
-    plant(keys);
+  // A new tournament of `count` positions with the times timeOf(position). REQUIRES: fits() for
+  // each of them.
+  template <class TimeOf>
+  void build(size_t count, uint64_t start, unsigned positionBits, const TimeOf& timeOf) {
+    start_ = start;
+    positionBits_ = positionBits;
+    positionMask_ = (Key{1} << positionBits) - 1;
+    steps_ = stepsThatFit(start, positionBits);
+    plant(count, [&](size_t i) { return key(i, timeOf(i)); });
   }
 
   [[nodiscard]] static bool fits(uint64_t time, uint64_t start, unsigned positionBits) {
@@ -57,11 +55,7 @@ class KLT_Tournament {
     return {positionOf(key), timeOf(key)};
   }
   [[nodiscard]] uint64_t time(size_t position) const { return timeOf(nodes_[leaves_ + position]); }
-  [[nodiscard]] std::vector<uint64_t> times() const {
-    std::vector<uint64_t> times(count_);
-    for (size_t i = 0; i < count_; ++i) times[i] = time(i);
-    return times;
-  }
+  [[nodiscard]] size_t count() const { return count_; }
 
   void update(size_t position, uint64_t time) { replay(position, key(position, time)); }
   // Two updates, of different positions. Games that concern both are played once.
@@ -86,8 +80,8 @@ class KLT_Tournament {
   void removeLast() {
     replay(--count_, kNobody);
     if (2 * count_ > leaves_ || count_ == 0) return;
-    const auto first = nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_);
-    plant(std::vector<Key>(first, first + static_cast<std::ptrdiff_t>(count_)));
+    const size_t first = leaves_;
+    plant(count_, [&](size_t i) { return nodes_[first + i]; });
   }
 
  private:
@@ -111,12 +105,15 @@ class KLT_Tournament {
     return start_ + static_cast<uint64_t>(key >> positionBits_);
   }
 
-  void plant(const std::vector<Key>& keys) {
-    leaves_ = count_ = keys.size();
-    deep_ = std::bit_ceil(leaves_);
-    nodes_.assign(2 * std::max<size_t>(leaves_, 1), kNobody);
-    std::copy(keys.begin(), keys.end(), nodes_.begin() + static_cast<std::ptrdiff_t>(leaves_));
-    for (size_t node = leaves_; node-- > 1;) {
+  // keyOf(i) may look at leaves that stand behind the new one of i.
+  template <class KeyOf>
+  void plant(size_t count, const KeyOf& keyOf) {
+    leaves_ = count_ = count;
+    deep_ = std::bit_ceil(count);
+    if (nodes_.size() < 2 * count) nodes_.resize(2 * count);
+    nodes_[1] = kNobody;
+    for (size_t i = 0; i < count; ++i) nodes_[count + i] = keyOf(i);
+    for (size_t node = count; node-- > 1;) {
       nodes_[node] = earlier(nodes_[2 * node], nodes_[2 * node + 1]);
     }
   }
@@ -148,18 +145,21 @@ class KLT_MergeTree {
  public:
   static constexpr size_t kNone = ~size_t{0};
 
-  // A tree over `times`, one leaf for each.
-  void build(const std::vector<uint64_t>& times) {
-    const auto bits = static_cast<unsigned>(std::bit_width(times.size()));
-    const auto earliest = std::min_element(times.begin(), times.end());
-    const uint64_t start = earliest == times.end() ? 0 : *earliest;
-    isWide_ = std::any_of(times.begin(), times.end(), [&](uint64_t time) {
-      return !KLT_Tournament<uint64_t>::fits(time, start, bits);
-    });
+  // A tree over `count` positions with the times timeOf(position).
+  template <class TimeOf>
+  void build(size_t count, const TimeOf& timeOf) {
+    const auto bits = static_cast<unsigned>(std::bit_width(count));
+    uint64_t earliest = ~uint64_t{0};
+    uint64_t latest = 0;
+    for (size_t i = 0; i < count; ++i) {
+      earliest = std::min<uint64_t>(earliest, timeOf(i));
+      latest = std::max<uint64_t>(latest, timeOf(i));
+    }
+    isWide_ = !KLT_Tournament<uint64_t>::fits(latest, earliest, bits);
     if (isWide_)
-      wide_ = KLT_Tournament<Wide>(times, 0, kWideBits);
+      wide_.build(count, 0, kWideBits, timeOf);
     else
-      narrow_ = KLT_Tournament<uint64_t>(times, start, bits);
+      narrow_.build(count, earliest, bits, timeOf);
   }
 
   // The position with the lowest time; kNone if none is left.
@@ -195,7 +195,7 @@ class KLT_MergeTree {
   static constexpr unsigned kWideBits = 64;
 
   void widen() {
-    wide_ = KLT_Tournament<Wide>(narrow_.times(), 0, kWideBits);
+    wide_.build(narrow_.count(), 0, kWideBits, [this](size_t i) { return narrow_.time(i); });
     isWide_ = true;
   }
 

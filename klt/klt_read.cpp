@@ -177,10 +177,8 @@ bool gatherSlice(KLT_Reader& reader) {
 // Serves streams by turns until the next slice or the end. If the slice before ended while a stream
 // was being served, that one takes the part of the first. Returns a status, or kNoStatus.
 int serveByTournament(KLT_Reader& reader) {
-  std::vector<uint64_t> times;
-  times.reserve(reader.lanes.size());
-  for (const KLT_Lane& lane : reader.lanes) times.push_back(lane.nextTime);
-  reader.order.build(times);
+  const std::vector<KLT_Lane>& lanes = reader.lanes;
+  reader.order.build(lanes.size(), [&](size_t i) { return lanes[i].nextTime; });
   const size_t running = reader.slice.running();
   reader.slice.endTurn();
   int status = takeTurn(reader, running == KLT_Slice::kNone ? reader.order.best() : running);

@@ -326,7 +326,7 @@ int Vfd_Open(const char* path, int flags, mode_t mode) {
   // Appending goes on at the position in force when the file was last closed, so that has to be the
   // end even if nothing was appended before.
   const bool appendOnly = (flags & O_APPEND) != 0 && (flags & O_ACCMODE) == O_WRONLY;
-  const off_t start = Vfd_systemCalls.lseek(fd, 0, appendOnly ? SEEK_END : SEEK_CUR);
+  const off_t start = appendOnly ? Vfd_systemCalls.lseek(fd, 0, SEEK_END) : 0;
   errno = savedErrno;
   auto* const file = new VfdFile;
   file->path = path;

@@ -20,6 +20,10 @@ size_t lowest(const std::vector<uint64_t>& times, size_t without = kNone) {
   return best;
 }
 
+void build(KLT_MergeTree& tree, const std::vector<uint64_t>& times) {
+  tree.build(times.size(), [&](size_t i) { return times[i]; });
+}
+
 TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
   std::mt19937_64 random(7);
   for (size_t streams = 1; streams <= 40; ++streams) {
@@ -34,7 +38,7 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
     const uint64_t start = streams % 3 == 0 ? ~uint64_t{0} - 9 : 100;  // some pass the end of time
     for (uint64_t& time : times) time = start + random() % 4;          // ties are the rule
     KLT_MergeTree tree;
-    tree.build(times);
+    build(tree, times);
     while (!times.empty()) {
       const size_t best = lowest(times);
       ASSERT_EQ(tree.best(), best);
@@ -65,12 +69,12 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
 
 TEST(KltMergeTree, CanBeEmptyAndBuiltAgain) {
   KLT_MergeTree tree;
-  tree.build({});
+  build(tree, {});
   EXPECT_EQ(tree.best(), kNone);
-  tree.build({5, ~uint64_t{0}, 5});
+  build(tree, {5, ~uint64_t{0}, 5});
   EXPECT_EQ(tree.best(), 0U);
   EXPECT_EQ(tree.second(0).position, 2U);
-  tree.build({~uint64_t{0}});
+  build(tree, {~uint64_t{0}});
   EXPECT_EQ(tree.best(), 0U);  // the last moment of time is a time, too
   EXPECT_EQ(tree.second(0).position, kNone);
 }
