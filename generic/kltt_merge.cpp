@@ -64,7 +64,6 @@ class Merge {
     if (flag(KLTM_MERGE) && !openWriter()) return KLTM_NO_OUTPUT;
     show(-1, 0);
     read();
-    if (goingOn()) show(1, 0);
     close();
     if (result_ == KLTM_DONE && flag(KLTM_MERGE) && flag(KLTM_DELETE_INPUT) &&
         KLT_Remove(input_) != 0) {
@@ -102,7 +101,9 @@ class Merge {
     if (flag(KLTM_MERGE)) {
       context_.matching.start(context_.writer, context_.summary, RK_Conf::mem_blocksize);
     }
-    if (!pass(KLT_MODE_EVENTS, table) || !flag(KLTM_MERGE)) return;
+    const bool isRead = pass(KLT_MODE_EVENTS, table);
+    show(1, 0);  // ends the line of the percentages, however far they came
+    if (!isRead || !flag(KLTM_MERGE)) return;
     if (context_.countsSeen) {
       context_.counts.oneToOnes += context_.matching.messagesAdded();
       context_.counts.collectives += context_.matching.collopsAdded();

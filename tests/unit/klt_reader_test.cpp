@@ -641,6 +641,13 @@ TEST(KltStatus, ATimeLimitInterruptsAndLosesNothing) {
   EXPECT_EQ(difference(whole, recorder.lines), "");
 }
 
+// The times of comments, each behind a blank.
+std::string timesOf(const Lines& lines) {
+  std::string times;
+  for (const std::string& line : lines) times += line.substr(7, line.find(' ', 8) - 7);
+  return times;
+}
+
 TEST(KltStatus, WithoutTimeOrderStreamsTakeTurns) {
   tb::Trace trace;
   comments(trace.stream("a", tb::ANY), 8);
@@ -649,10 +656,7 @@ TEST(KltStatus, WithoutTimeOrderStreamsTakeTurns) {
   OpenTrace open(trace);
   Recorder recorder;
   recorder.table.end_of_filter = nullptr;
-  std::string times;
-  for (const std::string& line : open.read(recorder, {}, 0)) {
-    times += line.substr(7, line.find(' ', 8) - 7);
-  }
+  const std::string times = timesOf(open.read(recorder, {}, 0));
   // Five of each, then as much as there is; the stream that ends gives its place to the last.
   EXPECT_EQ(times, " 1 2 3 4 5 100 1 2 3 4 5 6 7 8 6 7 8 9 10 11 12");
   EXPECT_EQ(open.statuses, (Statuses{KLT_STATUS_TIME, kFinished}));
@@ -669,10 +673,7 @@ TEST(KltStatus, OnlyTheFirstTurnOfAStreamIsShort) {
   Messages messages;
   Recorder recorder;
   recorder.table.end_of_filter = nullptr;
-  std::string times;
-  for (const std::string& line : open.read(recorder, {}, 0)) {
-    times += line.substr(7, line.find(' ', 8) - 7);
-  }
+  const std::string times = timesOf(open.read(recorder, {}, 0));
   // A damaged stream ends the call; the next one begins with the first stream's second turn.
   EXPECT_EQ(times, " 1 2 3 4 5 6 7 8 9 10 11 12 1 2 3 4 5 6 7");
   EXPECT_EQ(open.statuses, (Statuses{kDamaged, KLT_STATUS_TIME, kFinished}));
