@@ -101,18 +101,23 @@ void countRecordsAnew(KLT_Reader& reader) {
   return reader.limit.reached() ? Served::kTimeIsUp : Served::kGoesOn;
 }
 
-// Delivers the stream's records up to the time `limit`. The tournament is the caller's.
-[[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit) {
+// Delivers the stream's records up to the time `limit`. The tournament is the caller's. The clock
+// stops it at the end, or where it is the best of its turn and still ahead of all others: the next
+// call goes on with the same stream there, so the order doesn't depend on the clock.
+[[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit,
+                                           bool isBest) {
   KLT_Lane& lane = reader.lanes[index];
+  Served outcome = Served::kGoesOn;
   for (;;) {
     const int result = KLT_Deliver(reader, *lane.stream, lane.next);
     if (isTimeToLook(reader) || result != 0 || lane.next == lane.end) [[unlikely]] {
-      const Served served = afterRecord(reader, index, result);
-      if (served != Served::kGoesOn) return served;
+      outcome = afterRecord(reader, index, result);
+      const bool waits = outcome == Served::kTimeIsUp && !(isBest && lane.nextTime < limit);
+      if (outcome != Served::kGoesOn && !waits) return outcome;
     } else {
       lane.nextTime = KLT_RecordTime(lane.next);
     }
-    if (lane.nextTime > limit) return Served::kGoesOn;
+    if (lane.nextTime > limit) return outcome;
   }
 }
 
@@ -131,23 +136,26 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
   KLT_MergeTree& order = reader.order;
   const auto [second, limit] = order.second(best);
   if (second == KLT_MergeTree::kNone) [[unlikely]] {
-    return statusOf(reader, serve(reader, best, ~uint64_t{0}));
+    return statusOf(reader, serve(reader, best, ~uint64_t{0}, true));
   }
+  Served first = Served::kGoesOn;
   if (reader.lanes[best].nextTime <= limit) [[likely]] {
-    const Served first = serve(reader, best, limit);
-    if (first != Served::kGoesOn) [[unlikely]] {
+    first = serve(reader, best, limit, true);
+    const bool isServed = first == Served::kTimeIsUp && reader.lanes[best].nextTime > limit;
+    if (first != Served::kGoesOn && !isServed) [[unlikely]] {
       if (hasLeft(first)) leaveOrder(reader, best);
       return statusOf(reader, first);
     }
   }
-  const Served next = serve(reader, second, limit);
+  const Served next = serve(reader, second, limit, false);
   if (hasLeft(next)) [[unlikely]] {
     if (best < reader.streams.size()) order.update(best, reader.lanes[best].nextTime);
     leaveOrder(reader, second);
   } else {
     order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
   }
-  return next == Served::kGoesOn ? kNoStatus : statusOf(reader, next);
+  const Served outcome = next == Served::kGoesOn ? first : next;
+  return outcome == Served::kGoesOn ? kNoStatus : statusOf(reader, outcome);
 }
 
 // Delivers what the slice holds. Returns a status, or kNoStatus.
@@ -161,9 +169,11 @@ int serveSlice(KLT_Reader& reader) {
     slice.delivered(behind);
     if (isTimeToLook(reader) || result != 0) [[unlikely]] {
       if (reader.recordsToLook == 0) countRecordsAnew(reader);
-      if (result == 0 && !reader.limit.reached()) continue;
-      slice.endTurn();
-      return result != 0 ? KLT_STATUS_HANDLER : KLT_STATUS_TIME;
+      if (result != 0) {
+        slice.endTurn();
+        return KLT_STATUS_HANDLER;
+      }
+      if (reader.limit.reached()) return KLT_STATUS_TIME;
     }
   }
 }

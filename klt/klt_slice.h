@@ -76,8 +76,8 @@ class KLT_Slice {
     if (ahead_ == best_) [[unlikely]]
       aheadEnd_ = afterBest_;
   }
-  // The turn of the stream that is being served is over: the reader has stopped, or the tournament
-  // has seen to the runner-up.
+  // The turn of the stream that is being served is over: a handler has stopped the reader, or the
+  // tournament has seen to the runner-up.
   void endTurn() { phase_ = Phase::kBegin; }
   [[nodiscard]] bool empty() const { return at_ == count_; }
 
