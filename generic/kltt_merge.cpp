@@ -1,8 +1,6 @@
 // Passes of a merge or summary, and what becomes of their outputs. See kltt_merge.h.
 #include "generic/kltt_merge.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -17,8 +15,8 @@
 #include "klt/klt_files.h"
 #include "klt/klt_intern.h"
 #include "klt/klt_write.h"
-#include "klt/klt_write_context.h"
 #include "util/pal_error.h"
+#include "util/pal_util.h"
 
 namespace {
 
@@ -114,10 +112,7 @@ class Merge {
 
   void openSummary() {
     std::string name = target_ == nullptr ? input_->base : target_;
-    if (prefix_ != nullptr && name.find('/') == std::string::npos) {
-      const std::string directory = prefix_;
-      name.insert(0, directory.ends_with('/') ? directory : directory + '/');
-    }
+    if (name.find('/') == std::string::npos) name = PAL_PathInDir(prefix_, name);
     const KLTM_Context::Counts& c = context_.counts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
     context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,

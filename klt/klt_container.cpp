@@ -288,8 +288,7 @@ std::vector<const KLT_DirEntry*> KLT_NameTable::walk() const {
 }
 
 int KLT_StatIn(const char* dir, const char* name, struct stat* info) {
-  if (dir == nullptr || name[0] == '/') return stat(name, info);
-  return stat((std::string(dir) + '/' + name).c_str(), info);
+  return stat(PAL_PathInDir(dir, name).c_str(), info);
 }
 
 KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int form,

@@ -257,19 +257,14 @@ class TraceCopy {
   }
 
  private:
-  [[nodiscard]] std::string pathOf(const std::string& name) const {
-    if (directory_ == nullptr || name.starts_with('/')) return name;
-    return std::string(directory_) + '/' + name;
-  }
-
   [[nodiscard]] bool wouldOverwrite(int form) const {
     if (form == KLT_FORM_SERIAL) {
       return target_ == "-" ? untouchable_.containsOpen(STDOUT_FILENO)
-                            : untouchable_.contains(pathOf(target_));
+                            : untouchable_.contains(PAL_PathInDir(directory_, target_));
     }
     const std::vector<const KLT_FileEntry*> files = indexLast(input_);
     return std::any_of(files.begin(), files.end(), [this](const KLT_FileEntry* file) {
-      return untouchable_.contains(pathOf(nameUnder(target_, *file)));
+      return untouchable_.contains(PAL_PathInDir(directory_, nameUnder(target_, *file)));
     });
   }
 

@@ -66,8 +66,7 @@ const char* dirOf(const KLT_WFileHandle& writer) {
 }
 
 bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
-  const bool resolved = writer.dir.empty() || name.front() == '/';
-  return writer.untouchable.contains(resolved ? name : writer.dir + '/' + name);
+  return writer.untouchable.contains(PAL_PathInDir(dirOf(writer), name));
 }
 
 // Opens the component `name` in place of an old file of that name.
@@ -321,8 +320,7 @@ namespace {
 // left then.
 void emptyIndex(const KLT_WFileHandle& writer, int form) {
   if (form == KLT_FORM_SERIAL) return;  // standard output
-  const bool resolved = writer.dir.empty() || writer.name.starts_with('/');
-  const std::string path = resolved ? writer.name : writer.dir + '/' + writer.name;
+  const std::string path = PAL_PathInDir(dirOf(writer), writer.name);
   if (truncate(path.c_str(), 0) != 0) return;  // no regular file: a device, a pipe
 }
 
@@ -346,7 +344,6 @@ const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   }
   const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
   if (error != nullptr) writer->failed = true;
-  writer->hasIndex = error == nullptr && !writer->contexts.back()->data.lost;
   writer->tellWarned();
   *complete = KLT_WriterFree(writer);
   return error;

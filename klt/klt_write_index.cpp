@@ -253,5 +253,6 @@ const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
   if (!putLayouts(writer, *index)) return "Writing record layout failed.";
   writeStructure(writer);
   KLT_CloseContext(writer, *index);
+  writer.hasIndex = !index->data.lost;
   return nullptr;
 }

@@ -24,13 +24,6 @@ bool IsDot(const char* directory) {
   return std::strcmp(directory, ".") == 0 || std::strcmp(directory, "./") == 0;
 }
 
-// `path` as seen from the working directory instead of from `directory`.
-std::string Join(const char* directory, const char* path) {
-  std::string joined = directory;
-  if (!joined.ends_with('/')) joined += '/';
-  return joined += path;
-}
-
 uint32_t ReadRandom() {
   uint32_t value = 0;
   const int descriptor = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
@@ -88,11 +81,18 @@ PAL_DirectoryScope::~PAL_DirectoryScope() {
   errno = saved;
 }
 
+std::string PAL_PathInDir(const char* directory, const std::string& path) {
+  if (directory == nullptr || path.starts_with('/')) return path;
+  std::string joined = directory;
+  if (!joined.ends_with('/')) joined += '/';
+  return joined += path;
+}
+
 int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode) {
   if (directory != nullptr && directory[0] != '\0' && path[0] != '/' && !IsDot(directory)) {
     // An evicted descriptor is opened again by its path from wherever the process then is, so the
     // path has to hold without the change of directory. It also saves that change.
-    const int descriptor = Vfd_Open(Join(directory, path).c_str(), flags, mode);
+    const int descriptor = Vfd_Open(PAL_PathInDir(directory, path).c_str(), flags, mode);
     if (descriptor >= 0) return descriptor;
   }
   return PAL_InDir(directory, [&] { return Vfd_Open(path, flags, mode); });

@@ -36,6 +36,9 @@ auto PAL_InDir(const char* directory, F&& call) {
   return std::forward<F>(call)();
 }
 
+// `path` as it counts from `directory`; as it is if that is null or the path absolute.
+[[nodiscard]] std::string PAL_PathInDir(const char* directory, const std::string& path);
+
 // Opens `path`, which counts from `directory` if that isn't null; a virtual descriptor, or -1 and
 // errno. The descriptor finds its file again after an eviction.
 [[nodiscard]] int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode);
