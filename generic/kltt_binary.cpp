@@ -75,14 +75,10 @@ int KLTT_PutCounter(KLT_WFileHandle* writer, uint32_t id, const char* name, uint
   constexpr uint32_t kDifferential = 0x80;
   constexpr uint32_t kInteger = 1;
   constexpr uint32_t kFloating = 2;
-  uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
+  const uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
   // One hint at the rate, by the same preference as in text.
-  for (const uint32_t hint : {0x10U, 0x04U, 0x08U}) {
-    if ((flags & hint) == 0) continue;
-    type |= hint;
-    break;
-  }
-  return result(KLT_Write<20>(writer, nullptr, id, name, type,
+  const uint32_t hint = flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
+  return result(KLT_Write<20>(writer, nullptr, id, name, type | hint,
                               uint32_t{(flags & kDifferential) != 0}, storedBytes(bounds[0]),
                               storedBytes(bounds[1]), gtp, classId, unit));
 }

@@ -2,9 +2,7 @@
 #include "klt/klt_filestats.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <tuple>
 
 #include "klt/klt_write.h"
 #include "util/pal_error.h"

@@ -82,13 +82,15 @@ void countRecordsAnew(KLT_Reader& reader) {
 
 // Whether it is time to look at the clock, after a record.
 [[gnu::always_inline]] inline bool isTimeToLook(KLT_Reader& reader) {
-  return --reader.recordsToLook == 0;
+  if (--reader.recordsToLook != 0) [[likely]]
+    return false;
+  countRecordsAnew(reader);
+  return true;
 }
 
 // What doesn't follow each record: its handler stops the reader, the stream must be filled, the
 // clock is looked at.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
-  if (reader.recordsToLook == 0) countRecordsAnew(reader);
   KLT_Lane& lane = reader.lanes[index];
   const bool runsOut = lane.next == lane.end;
   if (!runsOut) lane.nextTime = KLT_RecordTime(lane.next);
@@ -154,8 +156,7 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
   } else {
     order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
   }
-  const Served outcome = next == Served::kGoesOn ? first : next;
-  return outcome == Served::kGoesOn ? kNoStatus : statusOf(reader, outcome);
+  return statusOf(reader, next == Served::kGoesOn ? first : next);
 }
 
 // Delivers what the slice holds. Returns a status, or kNoStatus.
@@ -168,7 +169,6 @@ int serveSlice(KLT_Reader& reader) {
     const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, behind);
     slice.delivered(behind);
     if (isTimeToLook(reader) || result != 0) [[unlikely]] {
-      if (reader.recordsToLook == 0) countRecordsAnew(reader);
       if (result != 0) {
         slice.endTurn();
         return KLT_STATUS_HANDLER;

@@ -10,10 +10,9 @@
 
 #include "generic/kltt_binary.h"
 #include "generic/kltt_print.h"
-#include "klt/klt.h"
 #include "klt/klt_write.h"
 #include "kltt_fixture.h"
-#include "tests/builder/trace_files.h"
+#include "tests/unit/klt_reading.h"
 
 namespace {
 
@@ -240,21 +239,21 @@ TEST_F(KlttTables, ABinaryCounterHasOneKindOfValueAndOneHint) {
   EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
   EXPECT_TRUE(complete);
 
-  std::vector<uint32_t> stored;
-  KLT_HandlerTable table;
-  table.user_data = &stored;
-  table.counter_definition = [](void* user, uint32_t, const char*, uint32_t type, const uint64_t*,
-                                uint32_t, uint32_t, const char*) {
-    static_cast<std::vector<uint32_t>*>(user)->push_back(type);
-    return 0;
-  };
+  reading::Lines expected;
+  for (const uint32_t type : {0x02U, 0x01U, 0x02U, 0x01U, 0x02U, 0x85U, 0x05U, 0x11U, 0x0aU}) {
+    expected.push_back("counter_definition " + std::to_string(expected.size() + 1) + " 'c' " +
+                       std::to_string(type) + " [0 1] 0 1 'u'");
+  }
+  reading::Recorder recorder;
   KLT_FileHandle* trace = KLT_Open(name.c_str());
   ASSERT_NE(trace, nullptr);
-  KLT_Reader* reader = KLT_OpenReader(trace, KLT_MODE_DEFINITIONS, 0, nullptr, &table, 1);
-  EXPECT_EQ(KLT_ReadEvents(reader, -1), KLT_STATUS_FINISHED);
-  KLT_CloseReader(reader);
+  {
+    const reading::Reader reader(
+        KLT_OpenReader(trace, KLT_MODE_DEFINITIONS, 0, nullptr, &recorder.table, 1));
+    EXPECT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_FINISHED);
+  }
   KLT_Close(trace);
-  EXPECT_EQ(stored, (std::vector<uint32_t>{0x02, 0x01, 0x02, 0x01, 0x02, 0x85, 0x05, 0x11, 0x0a}));
+  EXPECT_EQ(reading::only(recorder.lines, {"counter_definition"}), expected);
 }
 
 }  // namespace
