@@ -29,6 +29,10 @@ need_build_tools() {
 need_test_tools() {
   need python3 python3
   need /usr/include/gtest/gtest.h libgtest-dev
+  # The tests of bounds measure peak memory; those of the packages build them.
+  need /usr/bin/time time
+  need file file
+  need dpkg-shlibdeps dpkg-dev
 }
 
 install_needed() {
