@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "generic/kltt_events.h"
@@ -180,6 +181,27 @@ int KLTT_PutMessage(KLT_WFileHandle* writer, const KLTT_MessageRecord& m) {
   const bool shortTag = m.tag < 0x10000;
   if (scls) return result(shortTag ? located.operator()<58>() : located.operator()<60>());
   return result(shortTag ? plain.operator()<57>() : plain.operator()<59>());
+}
+
+KLTT_HeldRecords::Put KLTT_OperationPut(uint32_t kind, const KLTT_OperationRecord& op) {
+  const auto copy = [n = op.n](const auto* array) {
+    using Element = std::remove_cvref_t<decltype(*array)>;
+    return array == nullptr ? std::vector<Element>{} : std::vector<Element>(array, array + n);
+  };
+  // An array that isn't there must not become one without elements.
+  const auto data = [](bool present, const auto& array) {
+    return present ? array.data() : nullptr;
+  };
+  return [kind, op, data, starts = copy(op.starts), deltas = copy(op.deltas), sent = copy(op.sent),
+          received = copy(op.received), scls = copy(op.scls)](KLT_WFileHandle* writer) {
+    KLTT_OperationRecord own = op;
+    own.starts = starts.data();
+    own.deltas = deltas.data();
+    own.sent = data(op.sent != nullptr, sent);
+    own.received = data(op.received != nullptr, received);
+    own.scls = data(op.scls != nullptr, scls);
+    return KLTT_PutOperationRecord(writer, kind, own);
+  };
 }
 
 int KLTT_PutOperationRecord(KLT_WFileHandle* writer, uint32_t kind, const KLTT_OperationRecord& o) {

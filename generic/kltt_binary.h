@@ -79,6 +79,7 @@ struct KLTT_MessageRecord {
 };
 int KLTT_PutMessage(KLT_WFileHandle* writer, const KLTT_MessageRecord& message);
 
+// The arrays belong to the caller.
 struct KLTT_OperationRecord {
   uint64_t time;
   uint32_t communicator;
@@ -94,3 +95,6 @@ struct KLTT_OperationRecord {
 };
 // In the form of the operation's `kind`, 1 one-to-all to 4 all; any other kind writes nothing.
 int KLTT_PutOperationRecord(KLT_WFileHandle* writer, uint32_t kind, const KLTT_OperationRecord& op);
+// What writes such a record later; it keeps copies of the arrays.
+[[nodiscard]] KLTT_HeldRecords::Put KLTT_OperationPut(uint32_t kind,
+                                                      const KLTT_OperationRecord& op);

@@ -88,12 +88,20 @@ int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Collop& op,
   uint32_t rootBytes = 0;
   if (kind == kOneToAll && op.sentFrom == Sizes::kAtRoot) rootBytes = op.rootBytes;
   if (kind == kAllToOne && op.receivedFrom == Sizes::kAtRoot) rootBytes = op.rootBytes;
-  return KLTT_PutOperationRecord(
-      writer, kind,
-      {internalTime, op.communicator, op.type, op.n, starts.data(), deltas.data(),
-       op.rooted ? op.root : kAbsent, rootBytes,
-       matchedSizes(context, op, members, op.sentFrom, op.sent),
-       matchedSizes(context, op, members, op.receivedFrom, op.received), op.scls});
+  const KLTT_OperationRecord record{
+      internalTime,
+      op.communicator,
+      op.type,
+      op.n,
+      starts.data(),
+      deltas.data(),
+      op.rooted ? op.root : kAbsent,
+      rootBytes,
+      matchedSizes(context, op, members, op.sentFrom, op.sent),
+      matchedSizes(context, op, members, op.receivedFrom, op.received),
+      op.scls};
+  if (!KLTT_MustWait(context, internalTime)) return KLTT_PutOperationRecord(writer, kind, record);
+  return KLTT_Hold(context, internalTime, KLTT_OperationPut(kind, record));
 }
 
 int writeMatched(KLTT_Context& context, const Collop& op, const KLTT_MemberList& members,

@@ -13,6 +13,7 @@
 
 #include "generic/RK_framewrite.h"
 #include "generic/RK_wtrace.h"
+#include "generic/kltt_held.h"
 #include "generic/kltt_idtable.h"
 #include "generic/kltt_members.h"
 #include "generic/kltt_queue.h"
@@ -63,6 +64,7 @@ struct KLTT_Context {
   uint64_t historyTime = 0;    // raw
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
+  KLTT_HeldRecords held;  // a node of `pending` is due when they are
   RK_WillyHash willys;
 
   // Listings, and which of their header lines have been written.

@@ -48,18 +48,24 @@ int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& 
     }
     case KLTT_DelayedKind::kComment:
       return RK_SinkComment(text, time, node.gtp, context.pending.text(node).c_str());
+    case KLTT_DelayedKind::kHeld:  // of a binary trace
+      break;
   }
   return 0;
 }
 
 int writeFront(KLTT_Context& context) {
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    // Messages and operations go to a binary trace as they come: only comments wait.
+    // Messages and operations go to a binary trace as they come: only comments wait, and what
+    // histories tell.
     const KLTT_Delayed& node = context.pending.front();
     if (node.kind == KLTT_DelayedKind::kComment &&
         KLTT_PutComment(writer, context.pending.nextTime(), node.gtp,
                         context.pending.text(node).c_str()) != 0) {
       return 1;
+    }
+    if (node.kind == KLTT_DelayedKind::kHeld) {
+      context.held.write(context.pending.nextTime(), writer);
     }
   }
   if (RK_Output* text = KLTT_Text(context)) {
@@ -137,6 +143,15 @@ uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t ti
 int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
   while (context.pending.nextTime() < upTo) {
     if (writeFront(context) != 0) return 1;
+  }
+  return 0;
+}
+
+int KLTT_Hold(KLTT_Context& context, uint64_t internalTime, KLTT_HeldRecords::Put put) {
+  const uint64_t moment =
+      context.inHistory ? KLTT_InternalTime(context, context.historyTime) : internalTime;
+  if (context.held.add(moment, internalTime, std::move(put))) {
+    context.pending.add(moment).kind = KLTT_DelayedKind::kHeld;
   }
   return 0;
 }
@@ -293,7 +308,15 @@ int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
   }
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutSamples(writer, internalTime, gtp, count, counters, values);
+    if (!KLTT_MustWait(context, internalTime)) {
+      return KLTT_PutSamples(writer, internalTime, gtp, count, counters, values);
+    }
+    return KLTT_Hold(context, internalTime,
+                     [=, ids = std::vector<uint32_t>(counters, counters + count),
+                      samples = std::vector<uint64_t>(values, values + count)](auto* to) {
+                       return KLTT_PutSamples(to, internalTime, gtp, count, ids.data(),
+                                              samples.data());
+                     });
   }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;

@@ -57,6 +57,15 @@ inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
   return KLTT_WriteDelayed(context, upTo);
 }
 
+// Whether a record of a binary trace has to wait for those that histories may still put ahead of
+// it.
+[[nodiscard]] inline bool KLTT_MustWait(const KLTT_Context& context, uint64_t internalTime) {
+  return context.inHistory || context.held.waitFor(internalTime);
+}
+// Has such a record written by `put`, in order of time, when a later record comes. `put` owns all
+// that it writes. Returns 0.
+int KLTT_Hold(KLTT_Context& context, uint64_t internalTime, KLTT_HeldRecords::Put put);
+
 // Writes all delayed records, for the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);
 

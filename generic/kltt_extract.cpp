@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <span>
 #include <utility>
+#include <vector>
 
 #include "generic/RK_conf.h"
 #include "generic/RK_wtrace.h"
@@ -117,6 +118,16 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
   return sink;
 }
 
+// The threads that any of the requests selects, empty for all.
+PAL_Triplets selectedThreads(const std::vector<KLT_Request>& requests) {
+  PAL_Triplets all;
+  for (const KLT_Request& request : requests) {
+    if (request.threads.empty()) return {};
+    all.insert(all.end(), request.threads.begin(), request.threads.end());
+  }
+  return PAL_TripletsUnite(all, {});
+}
+
 // Completes the output, if there is one. False if it isn't what it should be.
 bool closeSink(KLTT_Context& context) {
   return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
@@ -199,7 +210,11 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
     KLTT_RunPerfTests(passes, context, serial);
     passes.noteOutput(closeSink(context));
   } else if (sink != nullptr) {
-    passes.run(KLT_MODE_EVENTS, table, KLTT_BuildRequests(context), serial);
+    const std::vector<KLT_Request> requests = KLTT_BuildRequests(context);
+    if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
+    // A trace holds each record once, whichever of its windows show it.
+    const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
+    passes.run(mode, table, requests, serial);
     KLTT_DrainDelayed(context);
     passes.noteOutput(closeSink(context));
   }

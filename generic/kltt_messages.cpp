@@ -34,7 +34,10 @@ int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, Message& m) {
     m.receiveTime = m.receiveTime < 0 ? -distance : distance;
   }
   m.time = time;
-  return KLTT_PutMessage(writer, m);
+  if (!KLTT_MustWait(context, time)) return KLTT_PutMessage(writer, m);
+  return KLTT_Hold(context, time, [record = KLTT_MessageRecord(m)](auto* to) {
+    return KLTT_PutMessage(to, record);
+  });
 }
 
 int writeMatched(KLTT_Context& context, Message& m) {

@@ -19,7 +19,7 @@ constexpr int kStepMilliseconds = 500;
 
 // Somebody watches a run that writes into a file, and has asked for it.
 bool isWatched(int mode) {
-  return mode == KLT_MODE_EVENTS && RK_conf.verbose >= 2 && RK_conf.logfile_name_set &&
+  return mode != KLT_MODE_DEFINITIONS && RK_conf.verbose >= 2 && RK_conf.logfile_name_set &&
          RK_conf.logfile_name != "-" && isatty(STDERR_FILENO) == 1;
 }
 

@@ -23,7 +23,8 @@
 #include <string_view>
 #include <vector>
 
-enum class KLTT_DelayedKind : uint32_t { kSendMsg, kRecvMsg, kGlobalOp, kComment };
+// kHeld: what KLTT_HeldRecords holds for this time.
+enum class KLTT_DelayedKind : uint32_t { kSendMsg, kRecvMsg, kGlobalOp, kComment, kHeld };
 
 struct KLTT_DelayedMessage {
   uint32_t peer;  // gtp of the other side

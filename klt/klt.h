@@ -13,8 +13,15 @@
 struct KLT_FileHandle;
 struct KLT_Reader;
 
-// What a reader reads.
-enum : int { KLT_MODE_DEFINITIONS = 0, KLT_MODE_EVENTS = 2, KLT_MODE_INTERNAL = 4 };
+// What a reader reads. KLT_MODE_EVENTS_ONCE is for callers that put the events of all requests into
+// one place: the history of a request leaves out messages, collective operations and counter
+// samples that an earlier request has delivered.
+enum : int {
+  KLT_MODE_DEFINITIONS = 0,
+  KLT_MODE_EVENTS = 2,
+  KLT_MODE_EVENTS_ONCE = 3,
+  KLT_MODE_INTERNAL = 4
+};
 
 // Results of KLT_ReadEvents.
 enum : int {
@@ -34,9 +41,9 @@ enum : int {
 [[nodiscard]] KLT_FileHandle* KLT_Open(const char* name);
 void KLT_Close(KLT_FileHandle* handle);
 
-// Builds a reader: definitions (mode 0) or events (mode 2) that match any of the requests; without
-// requests all events. Table and requests are copied. Nonzero `serial` delivers all streams merged
-// by time, zero stream by stream. Null if the index can't be read.
+// Builds a reader: definitions (mode 0) or events (modes 2 and 3) that match any of the requests;
+// without requests all events. Table and requests are copied. Nonzero `serial` delivers all streams
+// merged by time, zero stream by stream. Null if the index can't be read.
 [[nodiscard]] KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);

@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "klt/klt_reader.h"
 #include "klt/klt_stream.h"
@@ -116,15 +119,29 @@ class Replay {
  public:
   Replay(KLT_Stream& stream, uint32_t categories) : s_(stream), categories_(categories) {}
 
-  // False if a file can't be opened.
-  bool run(const KLT_Anchor& anchor) {
+  void run(const KLT_Anchor& anchor) {
+    readGroup(anchor);
+    replayEntries(anchor.offset);
+  }
+
+ private:
+  // An entry of a `history` record.
+  struct Entry {
+    size_t file;  // place in `files_`
+    uint64_t offset;
+    uint64_t time;
+  };
+
+  // Takes over the call stacks of the group, and notes its entries.
+  void readGroup(const KLT_Anchor& anchor) {
     OpenInput group;
     if (!group.open(*s_.handle, *s_.component->dataFile, true)) {
-      return reportUnopened(*s_.component->dataFile, true);
+      noteUnopened(*s_.component->dataFile, true);
+      return;
     }
     if (!group.input.seek(anchor.historyOffset)) {
       noteLoss(group.input);
-      return true;
+      return;
     }
     const uint64_t end = anchor.historyOffset + anchor.historyBytes;
     group.input.setLimit(end);
@@ -133,30 +150,28 @@ class Replay {
       const Walk walk = nextRecord(*s_.handle, group.input, record);
       if (walk == Walk::kEnd) {
         noteLoss(group.input);
-        return true;
+        return;
       }
       if (walk == Walk::kCorrupt) {
         PAL_Error("Found corrupted data while unpacking %s.%s (rectype %i, offset %u).",
                   PAL_Printable(s_.handle->base).c_str(), PAL_Printable(s_.suffix()).c_str(),
                   *group.input.at(), static_cast<unsigned>(group.input.bufferPosition()));
-        return true;
+        return;
       }
       const unsigned number = KLT_RecordNumber(record.data());
       if (number == 41) pushStack<41>(record.data());
       if (number == 42) pushStack<42>(record.data());
-      if (number == kHistoryRow && wantsEntries() && !replayEntries(record.data())) return false;
+      if (number == kHistoryRow && wantsEntries()) noteEntries(record.data());
     }
-    return true;
   }
 
- private:
   [[nodiscard]] bool wantsEntries() const {
     return (categories_ & (klt::kScopes | klt::kCounters | klt::kMessages | klt::kCollops)) != 0;
   }
 
-  bool reportUnopened(const KLT_FileEntry& file, bool anchors) const {
+  void noteUnopened(const KLT_FileEntry& file, bool anchors) {
     KLT_ReportUnopened(KLT_ComponentName(*s_.handle, file, anchors));
-    return false;
+    s_.lostData = true;
   }
 
   template <int N>
@@ -173,7 +188,7 @@ class Replay {
     }
   }
 
-  bool replayEntries(const uint8_t* record) {
+  void noteEntries(const uint8_t* record) {
     using View = KLT_RecordView<kHistoryRow>;
     const uint32_t n = View::count<1>(record);
     const auto* files = View::array<uint32_t, 1>(record);
@@ -186,10 +201,31 @@ class Replay {
         reportEntry(nullptr, 0, offsets[i]);
         continue;
       }
-      if (!useFile(**file)) return false;
-      if (usable_) replayRecord(offsets[i], times[i]);
+      const size_t place = places_.try_emplace(file->get(), files_.size()).first->second;
+      if (place == files_.size()) files_.push_back(file->get());
+      entries_.push_back({place, offsets[i], times[i]});
     }
-    return true;
+  }
+
+  // Replays each record once and in the order of the file, whatever the order of the list, as a
+  // stream that reads from the start meets them. Of its own file the stream reads on from
+  // `behind`.
+  void replayEntries(uint64_t behind) {
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+      return std::pair(a.file, a.offset) < std::pair(b.file, b.offset);
+    });
+    const auto isSame = [](const Entry& a, const Entry& b) {
+      return a.file == b.file && a.offset == b.offset;
+    };
+    entries_.erase(std::unique(entries_.begin(), entries_.end(), isSame), entries_.end());
+    for (const Entry& entry : entries_) {
+      const KLT_FileEntry& file = *files_[entry.file];
+      if (!useFile(file)) {
+        noteUnopened(file, false);
+        return;
+      }
+      if (usable_) replayRecord(entry.offset, entry.time, behind);
+    }
   }
 
   // Makes `file` the one that entries are read from. False if it can't be opened.
@@ -199,8 +235,8 @@ class Replay {
     usable_ = !isCompressed(file);
     if (!usable_) return true;
     constexpr size_t kReadAtOnce = 0x400;
-    if (!entries_.open(*s_.handle, file, false)) return reportUnopened(file, false);
-    entries_.input.setBlock(kReadAtOnce);
+    if (!data_.open(*s_.handle, file, false)) return false;
+    data_.input.setBlock(kReadAtOnce);
     return true;
   }
 
@@ -219,12 +255,13 @@ class Replay {
     KLT_ReportCorrupted(*s_.handle, file == nullptr ? "" : file->suffix, number, offset);
   }
 
-  void replayRecord(uint64_t offset, uint64_t time) {
-    KLT_Input& input = entries_.input;
+  void replayRecord(uint64_t offset, uint64_t time, uint64_t behind) {
+    KLT_Input& input = data_.input;
     if (offset >= input.length()) {
       reportEntry(file_, 0, offset);
       return;
     }
+    if (file_ == s_.file && offset >= behind) return;  // the stream comes to it
     if (!input.seek(offset) || !input.ensure(1)) {
       noteLoss(input);
       return;
@@ -249,12 +286,16 @@ class Replay {
     }
     const KLT_Row& row = *KLT_RowOf(KLT_RecordNumber(record_.data()));
     if ((row.categories() & categories_) == 0) return;
+    if (time >= s_.start) return;  // no history of this window
     if (KLT_ThreadsSelected(s_, record_.data())) KLT_UpdateContext(s_, record_.data());
   }
 
   KLT_Stream& s_;
   uint32_t categories_;
-  OpenInput entries_;
+  std::vector<const KLT_FileEntry*> files_;  // in the order in which the entries name them
+  std::unordered_map<const KLT_FileEntry*, size_t> places_;
+  std::vector<Entry> entries_;
+  OpenInput data_;
   const KLT_FileEntry* file_ = nullptr;
   bool usable_ = false;
   KLT_RecordBuffer record_;
@@ -296,7 +337,6 @@ void KLT_PlanRequests(KLT_Stream& s) {
   }
 }
 
-bool KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories) {
-  if (categories == 0) return true;
-  return Replay(stream, categories).run(anchor);
+void KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories) {
+  if (categories != 0) Replay(stream, categories).run(anchor);
 }

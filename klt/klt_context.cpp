@@ -6,13 +6,15 @@
 #include "klt/klt_schema.h"
 #include "util/pal_error.h"
 
-void KLT_StoredRecords::add(uint64_t now, uint64_t end, const uint8_t* record, size_t bytes) {
+void KLT_StoredRecords::add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record,
+                            size_t bytes) {
   if (records_.size() >= pruneAt_) {
     prune(now);
     pruneAt_ = std::max(kFirstPrune, 2 * records_.size());
   }
   KLT_StoredRecord& stored = records_.emplace_back();
   stored.end = end;
+  stored.partner = partner;
   stored.bytes.assign(record, record + bytes);
 }
 
@@ -26,8 +28,8 @@ void KLT_StoredRecords::clear() {
 }
 
 bool KLT_WillyState::empty() const {
-  return functions.empty() && scopes.empty() && messages.records().empty() &&
-         collectives.records().empty() && counters.empty();
+  return functions.empty() && scopes.empty() && messages.records().empty() && counters.empty() &&
+         operations.empty();
 }
 
 KLT_WillyState& KLT_Context::find(uint32_t gtp) {
@@ -51,8 +53,8 @@ void KLT_Context::clear(uint32_t categories) {
     if ((categories & klt::kScopes) != 0) state->scopes.clear();
     if ((categories & klt::kCounters) != 0) state->counters.clear();
     if ((categories & klt::kMessages) != 0) state->messages.clear();
-    if ((categories & klt::kCollops) != 0) state->collectives.clear();
   }
+  if ((categories & klt::kCollops) != 0) collectives_.clear();
 }
 
 std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) {
@@ -72,7 +74,7 @@ std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) 
     const bool declared =
         process < handle.threadsPerProcess.size() && thread < handle.threadsPerProcess[process];
     places.push_back({((key & 0xffff) + (key >> 16)) % kBuckets, !declared,
-                      declared ? uint64_t{process} << 16 | thread : places.size(), state.get()});
+                      uint64_t{process} << 16 | thread, state.get()});
   }
   std::stable_sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
     if (a.bucket != b.bucket) return a.bucket < b.bucket;

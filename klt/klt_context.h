@@ -29,6 +29,7 @@ struct KLT_CounterSample {
 // A copy of a record that stays relevant until `end`; all ones is for ever.
 struct KLT_StoredRecord {
   uint64_t end = 0;
+  uint32_t partner = 0;  // the receiver of a message, the communicator of a collective operation
   std::vector<uint8_t> bytes;
 };
 
@@ -36,7 +37,7 @@ struct KLT_StoredRecord {
 // since the last time, so that adding costs amortised constant time.
 class KLT_StoredRecords {
  public:
-  void add(uint64_t now, uint64_t end, const uint8_t* record, size_t bytes);
+  void add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record, size_t bytes);
   // Drops the records with an end at or before `time`.
   void prune(uint64_t time);
   void clear();
@@ -54,10 +55,11 @@ struct KLT_WillyState {
   uint32_t depth = 0;  // of the call stack; `functions` is shorter where only the depth is kept
   std::vector<KLT_StackEntry> functions;
   KLT_OpenScopes scopes;
-  KLT_StoredRecords messages;
-  KLT_StoredRecords collectives;
+  KLT_StoredRecords messages;  // that this thread sends
   KLT_IdMap<KLT_CounterSample> counters;
+  std::vector<const KLT_StoredRecord*> operations;  // while a history is put together
 
+  // Whether there is nothing to tell of it.
   [[nodiscard]] bool empty() const;
 };
 
@@ -71,10 +73,13 @@ class KLT_Context {
   }
   // Empties what belongs to `categories`, of all threads.
   void clear(uint32_t categories);
-  // All states, in the order of the table that a reader with all threads declared would have.
+  // All states, in the order of the table that a reader with all threads declared would have. It
+  // doesn't depend on which thread was met first.
   [[nodiscard]] std::vector<KLT_WillyState*> ordered(const KLT_FileHandle& handle);
-  [[nodiscard]] bool empty() const { return states_.empty(); }
+  [[nodiscard]] bool empty() const { return states_.empty() && collectives_.records().empty(); }
   [[nodiscard]] std::vector<std::unique_ptr<KLT_WillyState>>& states() { return states_; }
+  // Of all threads: which of its members an operation is told with depends on the request.
+  [[nodiscard]] KLT_StoredRecords& collectives() { return collectives_; }
 
  private:
   KLT_WillyState& find(uint32_t gtp);
@@ -82,6 +87,7 @@ class KLT_Context {
   std::vector<std::unique_ptr<KLT_WillyState>> states_;  // in order of first use
   KLT_IdIndex byGtp_;                                    // to the place in `states_`, from 1
   KLT_WillyState* last_ = nullptr;
+  KLT_StoredRecords collectives_;
 };
 
 // Updates by record, for records of the filter pass. `full` keeps all that a history may need.

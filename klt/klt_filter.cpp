@@ -15,30 +15,6 @@
 
 namespace {
 
-constexpr int64_t kNoMember = -1;
-constexpr int64_t kUndefined = -2;
-
-// The first member of the communicator that the request selects; remembered per request.
-int64_t commonMember(KLT_Stream& s, uint32_t communicator) {
-  const auto known = s.commonMembers.find(communicator);
-  if (known != s.commonMembers.end()) return known->second;
-  int64_t member = kNoMember;
-  int32_t number = 0;
-  const PAL_Triplets* members = s.handle->communicators.find(communicator);
-  if (members == nullptr || members->empty()) {
-    if (s.reader->reportedCommunicators.insert(communicator).second) {
-      PAL_Warning("Requesting unkown or undefined communicator\n");
-    }
-    member = kUndefined;
-  } else if (!s.testThreads) {
-    member = static_cast<uint32_t>(members->front().first);
-  } else if (PAL_TripletsFirstCommon(*members, s.current().threads, &number)) {
-    member = static_cast<uint32_t>(number);
-  }
-  s.commonMembers.emplace(communicator, member);
-  return member;
-}
-
 bool isSelected(const KLT_Stream& s, uint32_t gtp) {
   return s.current().set.contains(static_cast<int32_t>(gtp));
 }
@@ -63,7 +39,8 @@ bool threadsSelected(KLT_Stream& s, const uint8_t* record) {
            isSelected(s, View::template get32<row.find("receiver_gtp")>(record));
   }
   if constexpr (test == KLT_ThreadTest::kCommunicator || test == KLT_ThreadTest::kThreadAndComm) {
-    return commonMember(s, View::template get32<communicatorField<N>()>(record)) != kNoMember;
+    return KLT_CommonMember(s, View::template get32<communicatorField<N>()>(record)) !=
+           kKltNoMember;
   }
   return true;
 }
@@ -74,14 +51,13 @@ void storeCollective(KLT_Stream& s, const uint8_t* record) {
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr size_t starts = row.find("start_time");
   constexpr size_t deltas = row.find("delta");
-  const int64_t member = commonMember(s, View::template get32<row.find("communicator")>(record));
-  if (member < 0) return;
+  const uint32_t communicator = View::template get32<row.find("communicator")>(record);
+  if (KLT_CommonMember(s, communicator) < 0) return;
   const uint64_t time = KLT_RecordTime(record);
   const uint64_t end = klt::collectiveEnd(time, View::template count<starts>(record),
                                           View::template array<uint64_t, starts>(record),
                                           View::template array<uint64_t, deltas>(record));
-  s.context.of(static_cast<uint32_t>(member))
-      .collectives.add(time, end, record, View::bytes(record));
+  s.context.collectives().add(time, end, communicator, record, View::bytes(record));
 }
 
 template <int N>
@@ -116,14 +92,19 @@ void updateContext(KLT_Stream& s, const uint8_t* record) {
     const auto* counter = View::template array<uint32_t, row.find("counters")>(record);
     KLT_WillyState& state = s.context.of(View::template get32<row.find("willy_gtp")>(record));
     for (uint32_t i = 0; i < View::template count<values>(record); ++i) {
-      if (counter[i] != 0) state.counters[counter[i]] = {time, value[i]};
+      if (counter[i] == 0) continue;
+      // Where times lead back, and among the entries of a seek point, the last record needn't hold
+      // the last sample.
+      KLT_CounterSample& sample = state.counters[counter[i]];
+      if (time >= sample.time) sample = {time, value[i]};
     }
   } else if constexpr (row.filter == KLT_FilterClass::kMessage) {
     const uint32_t sender = View::template get32<row.find("sender_gtp")>(record);
     const auto receive =
         static_cast<int64_t>(View::template get64<row.find("receive_time")>(record));
-    s.context.of(sender).messages.add(time, klt::messageEnd(time, receive), record,
-                                      View::bytes(record));
+    s.context.of(sender).messages.add(time, klt::messageEnd(time, receive),
+                                      View::template get32<row.find("receiver_gtp")>(record),
+                                      record, View::bytes(record));
   } else if constexpr (row.filter == KLT_FilterClass::kCollective) {
     storeCollective<N>(s, record);
   }
@@ -346,6 +327,29 @@ KLT_DecoderEntry::Filter KLT_FastFilter(unsigned row) { return kFastFilters[row 
 
 KLT_DecoderEntry::Filter KLT_GenericFilter(unsigned row) {
   return row == 0 ? &filterUnknown : kGenericFilters[row - 1];
+}
+
+// Remembered per request.
+int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
+  const auto known = s.commonMembers.find(communicator);
+  if (known != s.commonMembers.end()) return known->second;
+  int64_t member = kKltNoMember;
+  int32_t number = 0;
+  const PAL_Triplets* members = s.handle->communicators.find(communicator);
+  if (members == nullptr || members->empty()) {
+    if (s.reader->reportedCommunicators.insert(communicator).second) {
+      PAL_Warning("Requesting unkown or undefined communicator\n");
+    }
+    member = kKltUndefined;
+  } else if (!s.testThreads && PAL_TripletsContains(s.current().threads, members->front().first)) {
+    member = static_cast<uint32_t>(members->front().first);
+  } else if (PAL_TripletsFirstCommon(*members, s.current().threads, &number)) {
+    member = static_cast<uint32_t>(number);
+  } else if (!s.testThreads) {  // of a communicator that has nobody in the component's list
+    member = static_cast<uint32_t>(members->front().first);
+  }
+  s.commonMembers.emplace(communicator, member);
+  return member;
 }
 
 bool KLT_ThreadsSelected(KLT_Stream& stream, const uint8_t* record) {

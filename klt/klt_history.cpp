@@ -2,6 +2,8 @@
 // next.
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 #include "klt/klt_codec.h"
 #include "klt/klt_reader.h"
@@ -88,13 +90,74 @@ void addScopes(Gathered& out, const KLT_WillyState& state) {
   });
 }
 
-void addCounters(Gathered& out, const KLT_WillyState& state) {
+// --- what an earlier request has delivered ------------------------------------------------------
+
+bool selectsThread(const KLT_StreamRequest& request, uint32_t gtp) {
+  return !request.testThreads || request.set.contains(static_cast<int32_t>(gtp));
+}
+
+// Whether the history at the request's start is told of this thread's state.
+bool tellsStateOf(const KLT_StreamRequest& request, uint32_t gtp) {
+  return PAL_TripletsContains(request.threads, static_cast<int32_t>(gtp));
+}
+
+bool hasDeliveredMessage(const KLT_StreamRequest& request, uint32_t sender,
+                         const KLT_StoredRecord& message) {
+  const uint64_t time = KLT_RecordTime(message.bytes.data());
+  if (time < request.start) return message.end > request.start && tellsStateOf(request, sender);
+  return time < request.end &&
+         (selectsThread(request, sender) || selectsThread(request, message.partner));
+}
+
+bool hasDeliveredCollective(const KLT_Stream& s, const KLT_StreamRequest& request,
+                            const KLT_StoredRecord& operation) {
+  const uint64_t time = KLT_RecordTime(operation.bytes.data());
+  const bool isUnderWay = time < request.end && operation.end > request.start;
+  if (!isUnderWay || (time < request.start && request.threads.empty())) return false;
+  if (!request.testThreads) return true;
+  const PAL_Triplets* members = s.handle->communicators.find(operation.partner);
+  return members != nullptr && PAL_TripletsOverlap(*members, request.threads);
+}
+
+// A sample that is the last one at the current request's start.
+bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t time) {
+  if (time < request.start) return KLT_TellsCounters(request) && tellsStateOf(request, gtp);
+  return time < request.end && selectsThread(request, gtp);
+}
+
+// Whether the consumer has a record of `category` and `time` from an earlier request, for which
+// `hasDelivered` decides. A gap between requests ends what is counted as one series, unless the
+// consumer gathers all of them.
+template <class HasDelivered>
+bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered hasDelivered) {
+  uint64_t start = s.current().start;
+  for (size_t i = s.request; i-- > 0;) {
+    const KLT_StreamRequest& request = s.requests[i];
+    if (request.end != start && !s.reader->once) return false;
+    if ((KLT_StoredCategories(s, request.categories) & category) != 0 && hasDelivered(request)) {
+      return true;
+    }
+    if (time >= request.end) return false;
+    start = request.start;
+  }
+  return false;
+}
+
+// --- gathering a history ------------------------------------------------------------------------
+
+void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state) {
   std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
   for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
-  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
-    return a->id % kCounterBuckets < b->id % kCounterBuckets;
+  // Not by the order of their first samples, which differs where reading starts at a seek point.
+  std::sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return std::pair(a->id % kCounterBuckets, a->id) < std::pair(b->id % kCounterBuckets, b->id);
   });
   for (const auto* sample : ordered) {
+    const bool known =
+        s.reader->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {
+          return hasDeliveredSample(request, state.gtp, sample->value.time);
+        });
+    if (known) continue;
     RecordWriter<22> record(out.records, sample->value.time);
     record.set<1>(state.gtp);
     record.set<2>(1);
@@ -104,39 +167,62 @@ void addCounters(Gathered& out, const KLT_WillyState& state) {
   }
 }
 
-void addStored(Gathered& out, const KLT_StoredRecords& stored) {
-  for (const KLT_StoredRecord& record : stored.records()) out.add(record.bytes);
+void addMessages(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+  for (const KLT_StoredRecord& message : state.messages.records()) {
+    const auto hasDelivered = [&](const KLT_StreamRequest& request) {
+      return hasDeliveredMessage(request, state.gtp, message);
+    };
+    const uint64_t time = KLT_RecordTime(message.bytes.data());
+    if (!onlyNew || !isKnown(s, kMessages, time, hasDelivered)) out.add(message.bytes);
+  }
 }
 
-bool tellsCounters(const KLT_StreamRequest& request) {
-  return (request.asked & kCounters) != 0 && (request.asked & (kAny | kMessages | kCollops)) == 0;
+void addCollectives(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+  for (const KLT_StoredRecord* operation : state.operations) {
+    const auto hasDelivered = [&](const KLT_StreamRequest& request) {
+      return hasDeliveredCollective(s, request, *operation);
+    };
+    const uint64_t time = KLT_RecordTime(operation->bytes.data());
+    if (!onlyNew || !isKnown(s, kCollops, time, hasDelivered)) out.add(operation->bytes);
+  }
 }
 
-void gather(KLT_Stream& s, uint32_t categories, bool brackets, Gathered& out) {
+// Gives the collective operations under way to the threads with whose state they are told: the
+// first member of the communicator that the request selects.
+void assignCollectives(KLT_Stream& s) {
+  for (const auto& state : s.context.states()) state->operations.clear();
+  for (const KLT_StoredRecord& operation : s.context.collectives().records()) {
+    const int64_t member = KLT_CommonMember(s, operation.partner);
+    if (member < 0) continue;
+    s.context.of(static_cast<uint32_t>(member)).operations.push_back(&operation);
+  }
+}
+
+void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
   const KLT_StreamRequest& request = s.current();
   const KLT_HandlerTable& handlers = s.reader->handlers;
   const uint32_t stored = KLT_StoredCategories(s, request.categories);
+  if ((stored & kCollops) != 0) assignCollectives(s);
   for (const KLT_WillyState* state : s.context.ordered(*s.handle)) {
     const auto gtp = static_cast<int32_t>(state->gtp);
-    uint32_t mask = 0;
-    if (PAL_TripletsContains(s.addedThreads, gtp)) {
-      mask = stored;
-    } else if (PAL_TripletsContains(request.threads, gtp)) {
-      mask = s.addedCategories;
-    } else {
-      continue;
-    }
+    const bool isAdded = PAL_TripletsContains(s.addedThreads, gtp);
+    if (!isAdded && !tellsStateOf(request, state->gtp)) continue;
+    const uint32_t mask = isAdded ? stored : s.addedCategories;
+    // What is under way: a thread that is added may take part in what has been delivered already.
+    const uint32_t underWay = isAdded ? stored : untold;
+    const bool onlyNew = isAdded || s.reader->once;
     if ((mask & kFunctions) != 0 && handlers.function_history != nullptr &&
         !state->functions.empty()) {
       addFunctions(out, *state, request.start);
     }
     if ((mask & kScopes) != 0 && handlers.enter_scope != nullptr) addScopes(out, *state);
-    if ((mask & kCounters) != 0 && handlers.counter_value != nullptr && tellsCounters(request)) {
-      addCounters(out, *state);
+    if ((mask & kCounters) != 0 && handlers.counter_value != nullptr &&
+        KLT_TellsCounters(request)) {
+      addCounters(s, out, *state);
     }
     if (!brackets) continue;
-    if ((categories & kMessages) != 0) addStored(out, state->messages);
-    if ((categories & kCollops) != 0) addStored(out, state->collectives);
+    if ((underWay & kMessages) != 0) addMessages(s, out, *state, onlyNew);
+    if ((underWay & kCollops) != 0) addCollectives(s, out, *state, onlyNew);
   }
 }
 
@@ -165,10 +251,10 @@ void markDone(KLT_Stream& s) {
 
 // Drops what can't be part of the history at `time`.
 void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
-  for (const auto& state : s.context.states()) {
-    if ((categories & (kAny | kMessages)) != 0) state->messages.prune(time);
-    if ((categories & (kAny | kCollops)) != 0) state->collectives.prune(time);
+  if ((categories & (kAny | kMessages)) != 0) {
+    for (const auto& state : s.context.states()) state->messages.prune(time);
   }
+  if ((categories & (kAny | kCollops)) != 0) s.context.collectives().prune(time);
 }
 
 // An end_of_filter for what the request selected and the one behind it doesn't. No threads means
@@ -192,6 +278,10 @@ void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
 }
 
 }  // namespace
+
+bool KLT_TellsCounters(const KLT_StreamRequest& request) {
+  return (request.asked & kCounters) != 0 && (request.asked & (kAny | kMessages | kCollops)) == 0;
+}
 
 uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask) {
   return ((mask & kAny) != 0 ? kAllHistory : mask) & stream.categories;
@@ -230,6 +320,8 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
   return true;
 }
 
+static bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
+
 bool KLT_NextRequest(KLT_Stream& s) {
   if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);
   const KLT_StreamRequest& ended = s.current();
@@ -241,10 +333,20 @@ bool KLT_NextRequest(KLT_Stream& s) {
     const PAL_Triplets threads = following.threads.empty()
                                      ? PAL_Triplets{}
                                      : PAL_TripletsSubtract(ended.threads, following.threads);
-    const uint32_t categories = ended.categories & ~following.categories;
-    // Threads that leave take everything with them, those that stay only what isn't asked any more.
-    if (!threads.empty()) passEndOfFilter(s, ended.end, ended.categories, threads);
-    if (categories != 0) passEndOfFilter(s, ended.end, categories, {});
+    uint32_t categories = ended.categories & ~following.categories;
+    // Streams that have no part in a request without length go on without a break: what this one
+    // drops there concerns its own records alone.
+    const bool ownOnly = isInstant(ended) || isInstant(following);
+    if (ownOnly) categories &= s.categories;
+    const uint32_t leaving = ownOnly ? ended.categories & s.categories : ended.categories;
+    // Two records rather than one that names both: threads that leave lose all categories, those
+    // that stay only the ones that aren't asked any more. A single record with the latter, perhaps
+    // none, would leave the calls of a leaving thread open, and a request that asks for the thread
+    // again later would deliver a second call stack for it.
+    if (!threads.empty()) passEndOfFilter(s, ended.end, leaving, threads);
+    if (categories != 0) {
+      passEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
+    }
   } else {
     s.historyClean = 0;
     passEndOfFilter(s, ended.end, ended.categories, ended.threads);

@@ -110,7 +110,6 @@ void addRequest(KLT_Stream& stream, KLT_StreamRequest&& request) {
     if (last.categories == request.categories && request.start <= last.end &&
         PAL_TripletsEqual(last.threads, request.threads)) {
       last.end = std::max(last.end, request.end);
-      last.asked |= request.asked;
       return;
     }
   }
@@ -257,7 +256,8 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
                            int serial) {
   auto reader = std::make_unique<KLT_Reader>();
   reader->file = handle;
-  reader->mode = mode;
+  reader->mode = mode == KLT_MODE_EVENTS_ONCE ? KLT_MODE_EVENTS : mode;
+  reader->once = mode == KLT_MODE_EVENTS_ONCE;
   reader->serial = serial != 0;
   reader->handlers = *table;
   copyRequests(*reader, numRequests, requests);

@@ -42,7 +42,8 @@ class KLT_TimeLimit {
 
 struct KLT_Reader {
   KLT_FileHandle* file = nullptr;
-  int mode = KLT_MODE_DEFINITIONS;
+  int mode = KLT_MODE_DEFINITIONS;  // KLT_MODE_EVENTS for both modes of events
+  bool once = false;                // KLT_MODE_EVENTS_ONCE
   bool serial = true;
   KLT_HandlerTable handlers;
   std::vector<KLT_Request> requests;                 // normalised

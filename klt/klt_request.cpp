@@ -86,15 +86,23 @@ bool sameSelection(const Window& a, const Window& b) {
   return a.threads == b.threads && sameCategories(a.request.categories, b.request.categories);
 }
 
-// Whether all that `inner` selects at an instant is selected by `outer`.
-bool selects(const Window& outer, const Window& inner) {
+bool holdsCategories(const Window& outer, const Window& inner) {
   const uint32_t categories = outer.request.categories;
-  if ((categories & kAllCategories) == 0 && (inner.request.categories & ~categories) != 0) {
-    return false;
-  }
+  return (categories & kAllCategories) != 0 || (inner.request.categories & ~categories) == 0;
+}
+
+bool holdsThreads(const Window& outer, const Window& inner) {
   if (outer.threads == inner.threads || outer.threads == ThreadSets::kAll) return true;
   return inner.threads != ThreadSets::kAll &&
          PAL_TripletsSubset(outer.request.threads, inner.request.threads);
+}
+
+// Whether `inner` differs from `outer` at most by fewer categories or by fewer threads. One that
+// has less of both is a selection of its own.
+bool selects(const Window& outer, const Window& inner) {
+  if (outer.threads == inner.threads) return holdsCategories(outer, inner);
+  return sameCategories(outer.request.categories, inner.request.categories) &&
+         holdsThreads(outer, inner);
 }
 
 class Normaliser {
@@ -111,11 +119,14 @@ class Normaliser {
     };
     std::stable_sort(open_.begin(), open_.end(), byTime);
     std::stable_sort(empty_.begin(), empty_.end(), byTime);
+    for (const Window& window : open_) ends_.push_back(window.request.end);
+    std::sort(ends_.begin(), ends_.end());
   }
 
   std::vector<KLT_Request> run() {
     sweep();
     insertEmptyWindows();
+    joinNeighbours();
     std::vector<KLT_Request> result;
     result.reserve(pieces_.size());
     for (Window& piece : pieces_) result.push_back(std::move(piece.request));
@@ -172,11 +183,6 @@ class Normaliser {
   }
 
   void append(uint64_t start, uint64_t end, Window piece) {
-    if (!pieces_.empty() && pieces_.back().request.end == start &&
-        sameSelection(pieces_.back(), piece)) {
-      pieces_.back().request.end = end;
-      return;
-    }
     piece.request.start = start;
     piece.request.end = end;
     pieces_.push_back(std::move(piece));
@@ -184,7 +190,7 @@ class Normaliser {
 
   // A window without length delivers no event, but it does deliver the state of its instant, so it
   // stays: as a piece in front of those that start there, the windows of one instant united. It
-  // goes if a piece surrounds the instant, or touches it and selects as much.
+  // goes if another window surrounds the instant, or a piece touches it that selects as much.
   void insertEmptyWindows() {
     std::vector<Window> result;
     auto piece = pieces_.begin();
@@ -197,7 +203,7 @@ class Normaliser {
       for (; first != empty_.end() && first->request.start == instant; ++first) {
         if (!coveredBefore(result, *first)) kept.push_back(&*first);
       }
-      if (kept.empty()) continue;
+      if (kept.empty() || isSurrounded(instant)) continue;
       Window joined = join(kept);
       joined.request.start = joined.request.end = instant;
       const bool coveredAfter =
@@ -209,14 +215,36 @@ class Normaliser {
   }
 
   static bool coveredBefore(const std::vector<Window>& before, const Window& window) {
-    if (before.empty()) return false;
-    const Window& last = before.back();
-    const uint64_t instant = window.request.start;
-    return last.request.end > instant || (last.request.end == instant && selects(last, window));
+    return !before.empty() && before.back().request.end == window.request.start &&
+           selects(before.back(), window);
+  }
+
+  // Whether a window begins before the instant and ends after it.
+  [[nodiscard]] bool isSurrounded(uint64_t instant) const {
+    const auto started = std::partition_point(
+        open_.begin(), open_.end(), [&](const Window& w) { return w.request.start < instant; });
+    const auto ended = std::upper_bound(ends_.begin(), ends_.end(), instant);
+    return started - open_.begin() > ended - ends_.begin();
+  }
+
+  // Neighbours with the same selection become one, unless a window without length parts them.
+  void joinNeighbours() {
+    std::vector<Window> result;
+    for (Window& piece : pieces_) {
+      const bool follows = !result.empty() && result.back().request.end == piece.request.start &&
+                           sameSelection(result.back(), piece);
+      if (follows) {
+        result.back().request.end = piece.request.end;
+      } else {
+        result.push_back(std::move(piece));
+      }
+    }
+    pieces_ = std::move(result);
   }
 
   ThreadSets threadSets_;
   std::vector<Window> open_;
+  std::vector<uint64_t> ends_;  // of those, sorted
   std::vector<Window> empty_;
   std::vector<Window> pieces_;
 };

@@ -1,6 +1,7 @@
 // Opening streams and positioning them at their requests. See klt_stream.h.
 #include "klt/klt_stream.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -17,18 +18,29 @@ bool selectsNoMore(const KLT_StreamRequest& request, const KLT_StreamRequest& th
   return !request.threads.empty() && PAL_TripletsSubset(than.threads, request.threads);
 }
 
+// Whether samples are to be told and the seek point lists none: it may come from someone who
+// doesn't keep them, and only a look at all records can tell.
+bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
+  if ((KLT_StoredCategories(s, request.categories) & klt::kCounters) == 0) return false;
+  if (!KLT_TellsCounters(request)) return false;
+  const auto& states = s.context.states();
+  return std::all_of(states.begin(), states.end(),
+                     [](const auto& state) { return state->counters.entries().empty(); });
+}
+
 // Empties the context and goes to where the request's reading starts.
 bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
   s.context.clear(~uint32_t{0});
-  if (request.anchor == nullptr) {
-    s.time = 0;
-    return s.input.seek(s.firstOffset);
+  if (request.anchor != nullptr) {
+    KLT_ReplayAnchor(s, *request.anchor, KLT_StoredCategories(s, request.categories));
+    if (!lacksSamples(s, request)) {
+      s.time = request.anchor->time;
+      return s.input.seek(request.anchor->offset);
+    }
+    s.context.clear(~uint32_t{0});
   }
-  if (!KLT_ReplayAnchor(s, *request.anchor, KLT_StoredCategories(s, request.categories))) {
-    return false;
-  }
-  s.time = request.anchor->time;
-  return s.input.seek(request.anchor->offset);
+  s.time = 0;
+  return s.input.seek(s.firstOffset);
 }
 
 // What the request asks for beyond the one that ends where it starts.

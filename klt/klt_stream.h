@@ -27,7 +27,7 @@ struct KLT_StreamRequest {
   uint64_t start = 0;
   uint64_t end = ~uint64_t{0};
   uint32_t categories = 0;
-  uint32_t asked = 0;                    // the categories as the caller gave them
+  uint32_t asked = 0;                    // the categories as the caller gave them for its start
   PAL_Triplets threads;                  // empty: no selection on either side
   bool testThreads = false;              // the selection doesn't cover all threads of the component
   PAL_TripletSet set;                    // of `threads`, if they are tested
@@ -104,6 +104,9 @@ struct KLT_Stream {
 // Status of a stream that has failed.
 inline constexpr int kKltStreamFailed = -1;
 
+// Whether the request tells the last samples of counters at its start: only those do that ask for
+// counters and for neither messages, collective operations nor everything.
+[[nodiscard]] bool KLT_TellsCounters(const KLT_StreamRequest& request);
 // Categories of `mask` that this stream's component stores, with the any bit resolved.
 [[nodiscard]] uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask);
 
@@ -120,9 +123,10 @@ void KLT_StreamClose(KLT_Stream& stream);
 void KLT_LoadAnchors(KLT_FileHandle& handle, KLT_Component& component);
 // Chooses where each request of the stream starts and ends in the file.
 void KLT_PlanRequests(KLT_Stream& stream);
-// Rebuilds the stream's context at `anchor`. False if a file can't be opened.
-[[nodiscard]] bool KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor,
-                                    uint32_t categories);
+// Rebuilds the stream's context at `anchor`, as far as the files can be read; what can't be read is
+// reported and noted as lost. Records at or after the current request's start are left to the
+// stream.
+void KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories);
 
 // The filter pass (klt_filter): fills `packed`, or delivers directly without time order until the
 // stream's turn ends.
@@ -136,6 +140,11 @@ void KLT_FilterPlain(KLT_Stream& stream);
 [[nodiscard]] uint64_t KLT_PlainRows(const KLT_Stream& stream);
 // Updates the context with a record of the selected threads.
 void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record);
+// The first member of the communicator that the current request selects: its gtp, kKltNoMember, or
+// kKltUndefined for a communicator that isn't defined or has no members, which is reported.
+inline constexpr int64_t kKltNoMember = -1;
+inline constexpr int64_t kKltUndefined = -2;
+[[nodiscard]] int64_t KLT_CommonMember(KLT_Stream& stream, uint32_t communicator);
 // Whether the record's thread, or a member of its communicator, is selected.
 [[nodiscard]] bool KLT_ThreadsSelected(KLT_Stream& stream, const uint8_t* record);
 

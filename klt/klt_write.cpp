@@ -190,6 +190,11 @@ KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t categor
   return nullptr;
 }
 
+void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection) {
+  writer->listsDeclared = true;
+  writer->selectedThreads = std::move(selection);
+}
+
 KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex, int form,
                                 uint32_t flags, const KLT_StatsParameters* stats,
                                 KLT_FileSet untouchable) {
@@ -254,11 +259,14 @@ uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
 
 KLT_WriteContext::Place KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time,
                                                            size_t bytes) {
-  const uint64_t step = time - outputTime;
+  const bool isBack = time < outputTime;
+  if (isBack) lastTime = std::max(lastTime, outputTime);
+  const uint64_t step = isBack ? outputTime - time : time - outputTime;
   size_t timeRecord = 0;
-  if (step >= 0x10000) timeRecord = step >> 32 == 0 ? 5 : 9;
-  // Records of one time are never parted by a seek point.
-  if (step != 0 && nextAnchor < position() + (timeRecord != 0 ? kLongTime : 0) + bytes) {
+  if (isBack || step >= 0x10000) timeRecord = isBack || step >> 32 != 0 ? kLongTime : kShortTime;
+  // Records of one time are never parted by a seek point, and those of seek points never go back.
+  if (step != 0 && outputTime >= lastTime &&
+      nextAnchor < position() + (timeRecord != 0 ? kLongTime : 0) + bytes) {
     if (anchorId != 0) {
       if (const char* error = KLT_SetAnchor(writer, *this)) PAL_Error("%s", error);
     }
@@ -268,11 +276,12 @@ KLT_WriteContext::Place KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writ
   if (timeRecord != 0) {
     uint8_t* to = reserve(writer, timeRecord);
     if (to == nullptr) return {nullptr, 0};
-    if (timeRecord == 5) {
+    if (timeRecord == kShortTime) {
       to[0] = 1;
       klt::storeBig32(to + 1, static_cast<uint32_t>(step));
     } else {
-      to[0] = 2;
+      constexpr auto kStepBack = static_cast<uint8_t>(klt::longestRow("sub_time"));
+      to[0] = isBack ? kStepBack : 2;
       klt::storeBig64(to + 1, step);
     }
     dataUsed += timeRecord;

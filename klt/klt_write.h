@@ -44,6 +44,11 @@ struct KLT_UpdateSlot {
                                               const KLT_StatsParameters* stats,
                                               KLT_FileSet untouchable = {});
 
+// Makes the declared threads that are in `selection`, all for an empty one, part of the list of all
+// threads. Components without a list of their own (messages, collective operations, reports) hold
+// records of these threads, whether or not they have a component as well.
+void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
+
 // Writes profiles and index, and frees the handle. `complete` receives whether everything has
 // reached its file. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);
@@ -92,6 +97,9 @@ class RowWriter {
     if (context == nullptr) return 0;
     intern<0>();
     const size_t bytes = encodedBytes();
+    if constexpr (row.name == "process_declaration") {
+      writer_.declaredThreads.assign(argument<1>(), argument<1>() + counts_[0]);
+    }
     if constexpr (!row.timed()) {
       uint8_t* to = context->reserve(writer_, bytes);
       if (to == nullptr) return 0;

@@ -64,6 +64,7 @@ struct alignas(64) KLT_WriteContext {
 
   uint64_t flushed = 0;     // bytes of the data component that left the buffer, uncompressed
   uint64_t nextAnchor = 0;  // position that triggers the next seek point
+  uint64_t lastTime = 0;    // the largest output time ahead of the last step back, 0 without one
   uint32_t categories = 0;
   std::string suffix;     // empty for the index
   uint32_t fileId = 0;    // 0: no declaration
@@ -91,7 +92,6 @@ struct alignas(64) KLT_WriteContext {
   // they are due.
   [[nodiscard, gnu::always_inline]] Place beginTimed(KLT_WFileHandle& writer, uint64_t time,
                                                      size_t bytes) {
-    constexpr size_t kShortTime = 5;
     const uint64_t step = time - outputTime;
     if (step >> 32 == 0 && dataUsed + kLongTime + bytes <= plainUntil) [[likely]] {
       // Whether a step needs a time record can't be predicted, so it is written in any case and
@@ -115,6 +115,8 @@ struct alignas(64) KLT_WriteContext {
                              size_t bytes);
 
  private:
+  // Sizes of time records, for steps of 32 and 64 bits.
+  static constexpr size_t kShortTime = 5;
   static constexpr size_t kLongTime = 9;
 
   uint8_t* makeRoom(KLT_WFileHandle& writer, size_t bytes);
@@ -138,6 +140,9 @@ struct KLT_WFileHandle {
   std::unordered_map<std::string, uint32_t> stringIds;
   KLT_IdMap<PAL_Triplets> willyLists;              // of one thread each
   std::unordered_map<uint32_t, uint32_t> listIds;  // by thread
+  std::vector<uint32_t> declaredThreads;           // of each process
+  PAL_Triplets selectedThreads;                    // by KLT_WriterListThreads; empty for all
+  bool listsDeclared = false;                      // it has been called
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
   KLT_FileSet untouchable;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <numeric>
 
 #include "klt/klt_intern.h"
 #include "klt/klt_write.h"
@@ -188,11 +189,42 @@ void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
                 parts.data() + 2 * n);
 }
 
-// The list of all threads; none if no thread has a component.
+// The threads of the declared processes. A few bytes can declare billions of them: where there are
+// many for each process, each process has entries of its own.
+PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
+  constexpr uint32_t kDistance = 0x10000;  // of two threads of a process
+  constexpr uint32_t kPositive = 0x8000;   // threads whose numbers are positive as signed ones
+  constexpr size_t kMany = 64;
+  PAL_Triplets byProcess;
+  std::vector<int32_t> threads;
+  const size_t processes = std::min<size_t>(writer.declaredThreads.size(), kDistance);
+  for (uint32_t p = 0; p < processes; ++p) {
+    const uint32_t n = std::min(writer.declaredThreads[p], kDistance);
+    const auto gtp = [p](uint32_t thread) { return static_cast<int32_t>(p | thread * kDistance); };
+    const auto addRange = [&](uint32_t from, uint32_t to) {
+      if (from < to) byProcess.push_back({gtp(from), gtp(to - 1), kDistance});
+    };
+    addRange(0, std::min(n, kPositive));
+    addRange(kPositive, n);
+    const bool isFew = threads.size() + n <= kMany * processes;
+    for (uint32_t t = 0; isFew && t < n; ++t) threads.push_back(gtp(t));
+  }
+  const uint64_t total = std::accumulate(
+      writer.declaredThreads.begin(),
+      writer.declaredThreads.begin() + static_cast<ptrdiff_t>(processes), uint64_t{0});
+  return threads.size() == total ? PAL_TripletsCompress(threads, true) : byProcess;
+}
+
+// The list of all threads: those with a component, those whose records the trace was said to hold,
+// and where there are neither, those declared.
 PAL_Triplets allThreads(const KLT_WFileHandle& writer) {
   std::vector<int32_t> threads;
   for (const auto& [thread, list] : writer.listIds) threads.push_back(static_cast<int32_t>(thread));
-  return PAL_TripletsCompress(threads, true);
+  const PAL_Triplets own = PAL_TripletsCompress(threads, true);
+  if (!own.empty() && !writer.listsDeclared) return own;
+  const PAL_Triplets declared = declaredThreads(writer);
+  if (writer.selectedThreads.empty()) return PAL_TripletsUnite(own, declared);
+  return PAL_TripletsUnite(own, PAL_TripletsIntersect(declared, writer.selectedThreads));
 }
 
 bool isDeclared(const KLT_WriteContext& context) {

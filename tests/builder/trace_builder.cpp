@@ -457,6 +457,8 @@ std::vector<Stream::Remembered> Stream::relevant(Told told) {
   if (told == Told::NoScopes) {
     std::erase_if(entries, [](const auto& e) { return e.kind == Remembered::Kind::Scope; });
   }
+  // No order is promised.
+  std::reverse(entries.begin(), entries.end());
   return entries;
 }
 

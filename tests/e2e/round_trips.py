@@ -133,25 +133,36 @@ def check_extract(program, folder):
                 file.unlink()
 
 
-def windows(folder, program, directory):
-    """Requests in seconds: those of the folder, and some that cut the run into pieces."""
-    for options, _ in folder.requests():
-        if "--ticks" not in options:
-            yield options
+def tenths(program, directory):
+    """A request's window from one tenth of the run to another; None where times aren't exact."""
     header = dump(program, directory, INPUT).decode("utf-8", "backslashreplace")
     duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
     period = float(re.search(r"^CLKPERIOD (\S+)$", header, re.M).group(1))
     # The period is printed with six digits only: no such window may begin or end near a record.
     if duration is None or re.search(r"^CLKPERIOD 1E-\d+$", header, re.M) is None:
-        return
+        return None
     # What is still open at the last event ends there in an extraction.
     first = int(duration.group(1))
     times = map(int, re.findall(r"^(\d+) ", header, re.M))
     last = max((time for time in times if time < EXACT_SECONDS), default=first)
-    for tenth in range(0, 7, 2):
-        cut = [(first + (last - first) * (tenth + k) // 10 + 0.5) * period for k in (0, 4)]
-        for selection in ("", ",0:1", ",FUNCTIONS", ",MESSAGES,COUNTERS", ",SCOPES,COLLOPS"):
-            yield ["--request", f"{cut[0]:.15g}s:{cut[1]:.15g}s{selection}"]
+
+    def window(begin, end, selection):
+        cut = [(first + (last - first) * tenth // 10 + 0.5) * period for tenth in (begin, end)]
+        return ["--request", f"{cut[0]:.15g}s:{cut[1]:.15g}s{selection}"]
+
+    return window
+
+
+def windows(folder, program, directory):
+    """Requests in seconds: those of the folder, and some that cut the run into pieces."""
+    for options, _ in folder.requests():
+        if "--ticks" not in options:
+            yield [option for option in options if option != "--dump"]
+    window = tenths(program, directory)
+    if window is not None:
+        for tenth in range(0, 7, 2):
+            for selection in ("", ",0:1", ",FUNCTIONS", ",MESSAGES,COUNTERS", ",SCOPES,COLLOPS"):
+                yield window(tenth, tenth + 4, selection)
 
 
 def check_windows(program, folder):
@@ -165,7 +176,6 @@ def check_windows(program, folder):
             if file.suffix != ".anc":
                 shutil.copy(file, bare)
         for options in windows(folder, program, directory):
-            options = [option for option in options if option != "--dump"]
             expected = dump(program, directory, INPUT, *options)
             got = dump(program, directory, "e.klt", *options)
             compare_records(" ".join(options), expected, got, COMMENT)
@@ -173,14 +183,57 @@ def check_windows(program, folder):
                 raise Failure(f"{options}: other lines without seek points")
 
 
+def spans(text):
+    """How often each message and operation of a matched dump is there, whatever its durations."""
+    return collections.Counter({key: len(all) for key, all in Records(text).lines.items()
+                                if key[1].startswith(("ONETOONE ", "COLLOP "))})
+
+
+def check_slices(program, folder):
+    """A window of a slice, and of a slice of that, is the window of the source. A slice of two
+    windows holds each message and operation of theirs once."""
+    window = tenths(program, folder.path)
+    if window is None:
+        return
+    for selection in ("", ",0:1", ",MESSAGES", ",COLLOPS,SCOPES", ",COUNTERS", ",1:2,MESSAGES"):
+        with tempfile.TemporaryDirectory() as directory:
+            folder.copy(directory)
+            one, two = window(1, 4, selection), window(6, 8, selection)
+            for source, target, request, form in ((INPUT, "a.klt", window(1, 9, selection), "KLT"),
+                                                  ("a.klt", "b.klt", window(2, 8, selection),
+                                                   "SINGLEKLT"),
+                                                  (INPUT, "c.klt", one + two, "KLT")):
+                program.output(directory, source, *request, "--logfile-name", target,
+                               "--logfile-format", form)
+            for mode in ([], ["--matched-rkf"]):
+                for name, request in (("a.klt", window(1, 9, selection)),
+                                      ("a.klt", window(4, 6, selection)),
+                                      ("b.klt", window(2, 8, selection)),
+                                      ("b.klt", window(3, 7, selection)), ("c.klt", one),
+                                      ("c.klt", two)):
+                    compare_records(f"{name} {mode} {request}",
+                                    dump(program, directory, INPUT, *mode, *request),
+                                    dump(program, directory, name, *mode, *request), COMMENT)
+            expected = spans(dump(program, directory, INPUT, "--matched-rkf", *one))
+            expected |= spans(dump(program, directory, INPUT, "--matched-rkf", *two))
+            got = spans(dump(program, directory, "c.klt", "--matched-rkf"))
+            if got != expected:
+                raise Failure(f"{one} {two}: {got - expected} added, {expected - got} missing")
+
+
 def whole(folder):
     return folder.expected("dump") is not None
 
 
+def faithful(folder):
+    return whole(folder) and folder.path.name not in LOSSY
+
+
 MODES = {
     "extract": (whole, check_extract),
-    "extract-windows": (lambda folder: whole(folder) and folder.path.name not in LOSSY,
-                        check_windows),
+    "extract-windows": (faithful, check_windows),
+    "extract-slices": (lambda folder: faithful(folder) and not folder.path.name.startswith("raw_"),
+                       check_slices),
 }
 
 if __name__ == "__main__":

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -116,6 +117,10 @@ TEST(KltHistory, TellsCountersOnlyToThoseWhoAskForThemAlone) {
   EXPECT_EQ(told(COUNTERS | MESSAGES), Lines{});
   EXPECT_EQ(told(COUNTERS | COLLOPS), Lines{});
   EXPECT_EQ(told(1), Lines{});
+  // What is asked for later doesn't matter.
+  for (const KLT_Request& later : {window(20, 30, COUNTERS | MESSAGES), window(15, 30)}) {
+    EXPECT_EQ(only(open.read({window(10, 20, COUNTERS), later}), {"counter_value"}).size(), 3U);
+  }
 }
 
 TEST(KltHistory, DependsOnTheHandlersThatThereAre) {
@@ -225,7 +230,8 @@ TEST(KltHistory, ThreadsStandInTheOrderOfTheirTable) {
   KLT_FileHandle handle;
   handle.threadsPerProcess.assign(1022, 2);
   KLT_Context context;
-  // Undeclared threads come behind declared ones of their bucket, in order of first use.
+  // Undeclared threads come after declared ones of their bucket. Which was met first doesn't
+  // matter.
   const uint32_t undeclared = gtp(2041), another = gtp(3062);
   for (const uint32_t thread : {another, gtp(1), undeclared, gtp(1021), gtp(1020, 1), gtp(0),
                                 gtp(1020), ~uint32_t{0}, gtp(5)}) {
@@ -237,7 +243,7 @@ TEST(KltHistory, ThreadsStandInTheOrderOfTheirTable) {
   }
   std::vector<uint32_t> order;
   for (const KLT_WillyState* state : context.ordered(handle)) order.push_back(state->gtp);
-  EXPECT_EQ(order, (std::vector<uint32_t>{gtp(1020), another, undeclared, ~uint32_t{0}, gtp(0),
+  EXPECT_EQ(order, (std::vector<uint32_t>{gtp(1020), undeclared, another, ~uint32_t{0}, gtp(0),
                                           gtp(1020, 1), gtp(1021), gtp(1)}));
 }
 
@@ -318,8 +324,7 @@ TEST(KltRequests, AGapEndsAllAndTellsAllAgain) {
 
 // --- anchors and storage -------------------------------------------------------------------------
 
-// A run with a bit of everything, which is never quiet. Counters of one thread fall into different
-// buckets, so that their order doesn't depend on which was sampled first.
+// A run with a bit of everything, which is never quiet. Counters share records and buckets.
 class BusyTrace {
  public:
   explicit BusyTrace(unsigned flags, tb::Told told = tb::Told::Everything) : trace(flags) {
@@ -408,7 +413,7 @@ class BusyTrace {
   void counters(tb::Told told) {
     tb::Stream& s = trace.stream("c", COUNTERS, {0, 1}).anchorEvery(kAnchorBytes, told);
     for (uint64_t i = 0; i < 80; ++i) {
-      step(s).counters(up_to(2), {{1 + up_to(5), i}, {6 + up_to(5), ~i}});
+      step(s).counters(up_to(2), {{1 + up_to(5), i}, {12 + up_to(5), ~i}});
     }
     note(s);
   }
@@ -427,7 +432,8 @@ TEST(KltAnchors, AWindowAtAnyAnchorIsTheSameWithoutAnchors) {
     for (const uint64_t time : busy.anchorTimes) {
       for (const uint32_t categories :
            {1U, FUNCTIONS | SCOPES, uint32_t{COUNTERS}, MESSAGES | COLLOPS}) {
-        const Requests requests[] = {{window(time, time + 400, categories)},
+        const Requests requests[] = {{window(time - 1, time, categories, {0, 2})},
+                                     {window(time, time + 400, categories)},
                                      {window(time + 1, kOpenEnd, categories, {1, 2})}};
         for (const Requests& request : requests) {
           ASSERT_EQ(difference(plain.read(request), anchored.read(request)), "")
@@ -439,7 +445,7 @@ TEST(KltAnchors, AWindowAtAnyAnchorIsTheSameWithoutAnchors) {
   }
 }
 
-// Up to four requests of random selections, some adjacent, some with gaps, in the last 9/10.
+// Up to four requests of random selections, some adjacent, some with gaps, some without length.
 Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& instants) {
   Requests requests;
   std::vector<uint64_t> times;
@@ -455,6 +461,9 @@ Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& insta
                               COLLOPS | SCOPES | FUNCTIONS};
     KLT_Request request = window(times[2 * i], times[2 * i + 1], masks[random() % 6]);
     if (i != 0 && random() % 2 == 0) request.start = requests.back().end;
+    // Two of one instant would select what neither selects alone.
+    const bool isSecond = i != 0 && requests.back().start == request.start;
+    if (random() % 6 == 0 && !isSecond) request.end = request.start;
     if (random() % 8 == 0 && i + 1 == count) request.end = kOpenEnd;
     for (const int32_t thread : {0, 1, 2, 65536}) {
       if (random() % 3 != 0) request.threads.push_back({thread, thread, 1});
@@ -601,6 +610,55 @@ Lines eventsOf(const Lines& lines) {
   return without(events, {"end_of_filter"});
 }
 
+// All lines that any of the requests alone draws, each as often as one of them has it.
+Lines unionOf(OpenTrace& open, const Requests& requests, Lines (*part)(const Lines&)) {
+  Lines all;
+  for (const KLT_Request& request : requests) {
+    Lines lines = part(open.read({request}));
+    std::sort(lines.begin(), lines.end());
+    Lines joined;
+    std::set_union(all.begin(), all.end(), lines.begin(), lines.end(), std::back_inserter(joined));
+    all = std::move(joined);
+  }
+  return all;
+}
+
+// Messages and collective operations, those under way at the start of a window as well.
+Lines spansOf(const Lines& lines) {
+  return only(lines, {"one_to_one_communication", "all_communication"});
+}
+
+TEST(KltRequests, DeliverTogetherWhatEachDeliversAlone) {
+  const BusyTrace busy(0);
+  OpenTrace anchored(busy.trace);
+  OpenTrace plain(withoutAnchors(busy.trace.files()));
+  std::mt19937 random(17);
+  Recorder recorder;
+  for (int round = 0; round < 300; ++round) {
+    const Requests requests = randomRequests(random, busy.anchorTimes);
+    for (OpenTrace* open : {&anchored, &plain}) {
+      const auto sorted = [](Lines lines) {
+        std::sort(lines.begin(), lines.end());
+        return lines;
+      };
+      ASSERT_EQ(
+          difference(unionOf(*open, requests, eventsOf), sorted(eventsOf(open->read(requests)))),
+          "")
+          << described(requests);
+      const bool isSeries = requests.size() == 2 && requests[0].end == requests[1].start;
+      if (isSeries) {
+        ASSERT_EQ(
+            difference(unionOf(*open, requests, spansOf), sorted(spansOf(open->read(requests)))),
+            "")
+            << described(requests);
+      }
+      const Lines once = open->read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE);
+      ASSERT_EQ(difference(unionOf(*open, requests, spansOf), sorted(spansOf(once))), "")
+          << described(requests);
+    }
+  }
+}
+
 TEST(KltAnchors, WindowsThatTileTimeDeliverEachEventOnce) {
   const BusyTrace busy(0);
   OpenTrace open(busy.trace);
@@ -663,6 +721,7 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
       {"an anchor", 1, 9, "Found corrupted data while filtering"},
       {"a history", 1, 26, "Found corrupted data while filtering"},
       {"cut off by the end", 1, 58, "truncated file"},
+      {"a file that isn't there", 4, 0, "Could not open"},
   };
   for (const Hostile& c : cases) {
     SCOPED_TRACE(c.what);
@@ -671,14 +730,17 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
     tb::Stream& m = trace.stream("m", MESSAGES, {0});
     m.comment(0, "").record(9, {{"offset", 1}});
     m.record(46, {{"file", m.fileId()}, {"offset", 26}, {"prevtime", 0}});
-    const uint64_t files[] = {99, m.fileId(), m.fileId() + 1, 0x10001};
+    const uint64_t gone = trace.stream("gone", tb::ERRORS, {0}).fileId();
+    const uint64_t files[] = {99, m.fileId(), m.fileId() + 1, 0x10001, gone};
     m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[c.file])},
                         {"offset", std::vector<uint64_t>(44, c.offset)},
                         {"prevtime", std::vector<uint64_t>(44, 3)}});
     m.at(4).anchor(tb::Told::Nothing).at(0x20).comment(0, "9");
     m.bytes("\x1c");  // the start of an enter
-    OpenTrace plain(withoutAnchors(trace.files()));
-    OpenTrace open(trace);
+    tb::TraceFiles parts = trace.files();
+    parts.remove(".gone");
+    OpenTrace plain(withoutAnchors(parts));
+    OpenTrace open(parts);
     Messages ofPlain;
     const Lines expected = plain.read({window(5, 0x21, MESSAGES)});
     (void)ofPlain.take();

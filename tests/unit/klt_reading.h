@@ -154,16 +154,17 @@ class OpenTrace {
 
   // A reader of events.
   [[nodiscard]] Reader reader(const KLT_HandlerTable& table,
-                              const std::vector<KLT_Request>& requests = {}, int serial = 1) const {
+                              const std::vector<KLT_Request>& requests = {}, int serial = 1,
+                              int mode = KLT_MODE_EVENTS) const {
     std::vector<const KLT_Request*> pointers;
     for (const KLT_Request& request : requests) pointers.push_back(&request);
-    return Reader(KLT_OpenReader(handle_, KLT_MODE_EVENTS, static_cast<uint32_t>(requests.size()),
+    return Reader(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(requests.size()),
                                  pointers.data(), &table, serial));
   }
   // The lines of one pass up to the end, errors passed over. `statuses` gets all results.
   [[nodiscard]] Lines read(Recorder& recorder, const std::vector<KLT_Request>& requests = {},
-                           int serial = 1) {
-    const Reader open = reader(recorder.table, requests, serial);
+                           int serial = 1, int mode = KLT_MODE_EVENTS) {
+    const Reader open = reader(recorder.table, requests, serial, mode);
     statuses.clear();
     do {
       statuses.push_back(KLT_ReadEvents(open.get(), -1));

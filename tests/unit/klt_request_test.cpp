@@ -70,8 +70,7 @@ TEST(KltRequestTest, WhatAnotherRequestHoldsDisappears) {
   EXPECT_EQ(normalised({{1, 20, 1, {}}, {5, 9, 4, {{1, 2, 1}}}}), (Lines{"1-20 1"}));
   EXPECT_EQ(normalised({{1, 20, 4, {{7, 7, 1}, {1, 3, 1}}}, {5, 20, 4, {{2, 3, 1}}}}),
             (Lines{"1-20 4 7:7:1 1:3:1"}));
-  EXPECT_EQ(normalised({{1, 5, 12, {}}, {5, 9, 12, {}}, {9, 9, 4, {{1, 1, 1}}}}),
-            (Lines{"1-9 12"}));
+  EXPECT_EQ(normalised({{1, 5, 12, {}}, {5, 9, 12, {}}, {9, 9, 4, {}}}), (Lines{"1-9 12"}));
 }
 
 TEST(KltRequestTest, EmptyWindowsStayWhereNothingElseTellsTheirState) {
@@ -80,6 +79,9 @@ TEST(KltRequestTest, EmptyWindowsStayWhereNothingElseTellsTheirState) {
   EXPECT_EQ(normalised({{7, 7, 8, {}}, {7, 7, 4, {}}}), (Lines{"7-7 12"}));
   EXPECT_EQ(normalised({{1, 9, 4, {}}, {5, 5, 8, {}}}), (Lines{"1-9 4"}));
   EXPECT_EQ(normalised({{5, 5, 8, {{1, 1, 1}}}, {5, 9, 8, {}}}), (Lines{"5-9 8"}));
+  // Fewer threads and fewer categories at once are a selection of its own.
+  EXPECT_EQ(normalised({{1, 5, 12, {}}, {5, 5, 4, {{1, 1, 1}}}, {5, 9, 12, {}}}),
+            (Lines{"1-5 12", "5-5 4 1:1:1", "5-9 12"}));
 }
 
 TEST(KltRequestTest, ThreadsThatNameNobodyDontBecomeAllThreads) {

@@ -184,6 +184,35 @@ TEST_F(KltWrite, WindowsDoNotDependOnSeekPoints) {
   }
 }
 
+// As for a second window, whose history goes back to before the end of the first. There is no other
+// component, so the threads are those of the declared processes.
+TEST_F(KltWrite, StepsBackLeaveSeekPointsInOrder) {
+  constexpr uint32_t kMany = 5000;  // of 26 bytes and more
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, nullptr);
+  const std::vector<uint32_t> threads = {1, 1};
+  KLT_Write<65>(writer, nullptr, 2U, threads.data());
+  const auto message = [&](uint64_t time, int64_t span, uint32_t tag) {
+    KLT_Write<57>(writer, nullptr, time, 0U, span, 1U, 1U, 8U, tag, 0U, 0U);
+  };
+  for (uint32_t i = 0; i < kMany; ++i) message(10 * i, 100, i);
+  for (uint32_t i = 0; i < kMany; ++i) message(5000 + i, 60000, kMany + i);
+  for (uint32_t i = 0; i < kMany; ++i) message(60000 + 10 * i, 100, 2 * kMany + i);
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+  ASSERT_GT(std::filesystem::file_size(path("t.klt.msg.anc")), 0U);
+  testing::internal::CaptureStderr();
+  const KLT_Request windows[] = {window(60000, 60001, 0x80), window(66000, 66500, 0x80),
+                                 window(30000, 30010, 0x80), window(100000, 100010, 0x80)};
+  std::vector<Lines> with;
+  for (const KLT_Request& request : windows) with.push_back(read(path("t.klt"), {request}));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(with[0].size(), kMany + 1);
+  EXPECT_EQ(with[3].size(), 10U);
+  removeAnchors();
+  for (size_t i = 0; i < with.size(); ++i) EXPECT_EQ(read(path("t.klt"), {windows[i]}), with[i]);
+}
+
 TEST_F(KltWrite, ProfilesCountWhatWasWritten) {
   write(path("t.klt"), KLT_FORM_PLAIN, 2);
   const Lines lines = read(path("t.klt"), {window(0, ~uint64_t{0}, 0x4000)});
