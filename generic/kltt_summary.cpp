@@ -129,7 +129,7 @@ void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& m) {
   const uint64_t t = advance(summary, m.time);
   if (isOver(summary)) return;
   summary.tables.message({.time = t,
-                          .duration = static_cast<uint64_t>(m.duration >> summary.eventBits),
+                          .duration = m.duration >> summary.eventBits,
                           .sender = m.sender,
                           .receiver = m.receiver,
                           .communicator = m.communicator,

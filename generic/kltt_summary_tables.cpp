@@ -122,16 +122,16 @@ void KLTT_SumTables::message(const Message& m) {
                                         m.senderFunction, m.receiverFunction}];
   ++sums.count;
   sums.times += m.time;
-  sums.durations += m.duration;
+  sums.durations += static_cast<uint64_t>(m.duration);
   sums.shortest = isNew ? m.duration : std::min(sums.shortest, m.duration);
-  sums.longest = std::max(sums.longest, m.duration);
+  sums.longest = isNew ? m.duration : std::max(sums.longest, m.duration);
   addBytes(sums.bytes, m.size);
   if (sums.senderScl == 0) sums.senderScl = m.senderScl;
   if (sums.receiverScl == 0) sums.receiverScl = m.receiverScl;
 }
 
-// u32 messages; u64 sum of send times, sum of durations, shortest, longest; u32 sender, receiver,
-// communicator, tag, size, sum of sizes, function of sender and receiver, scl of both.
+// u32 messages; u64 sum of send times; i64 sum of durations, shortest, longest; u32 sender,
+// receiver, communicator, tag, size, sum of sizes, function of sender and receiver, scl of both.
 void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
   if (messages_.empty()) return;
   const auto bucket = [](const auto& key) {
@@ -144,9 +144,8 @@ void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
         entry.key;
     const MessageSums& sums = entry.value;
     file.put(sums.count);
-    for (const uint64_t time : {sums.times, sums.durations, sums.shortest, sums.longest}) {
-      file.put(time);
-    }
+    for (const uint64_t time : {sums.times, sums.durations}) file.put(time);
+    for (const int64_t duration : {sums.shortest, sums.longest}) file.put(duration);
     for (const uint32_t word :
          {sender, receiver, communicator, tag, size, sums.bytes, senderFunction, receiverFunction,
           sums.senderScl, sums.receiverScl}) {

@@ -105,7 +105,7 @@ class KLTT_SumTables {
 
   struct Message {
     uint64_t time;
-    uint64_t duration;
+    int64_t duration;  // negative if the receive came first
     uint32_t sender, receiver, communicator, size, tag;
     uint32_t senderFunction, receiverFunction, senderScl, receiverScl;
   };
@@ -139,7 +139,8 @@ class KLTT_SumTables {
     uint32_t count = 0;
     uint32_t bytes = 0;
     uint64_t times = 0;
-    uint64_t durations = 0, shortest = 0, longest = 0;
+    uint64_t durations = 0;  // modulo 2^64
+    int64_t shortest = 0, longest = 0;
     uint32_t senderScl = 0, receiverScl = 0;
   };
   struct CounterSums {

@@ -156,7 +156,7 @@ class SumFile:
             self._skip_to(behind)
 
     def _messages(self):
-        return map(Messages._make, self._fixed("IQQQQIIIIIIIIII"))
+        return map(Messages._make, self._fixed("IQqqqIIIIIIIIII"))
 
     def _samples(self):
         return map(Samples._make, self._fixed("IQQIIdddddd"))

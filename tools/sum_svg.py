@@ -67,7 +67,7 @@ class TimeText:
 
     def short(self, ticks):
         """A duration, in the unit that fits it."""
-        return self._show(ticks, self._unit(self.tick, ticks))
+        return self._show(ticks, self._unit(self.tick, abs(ticks)))
 
 
 def coordinate(value):

@@ -12,7 +12,7 @@ import re
 import struct
 import sys
 
-CODES = {"u32": "I", "u64": "Q", "f64": "d"}
+CODES = {"u32": "I", "u64": "Q", "i64": "q", "f64": "d"}
 
 
 def tables_in(document):

@@ -50,8 +50,8 @@ def thread(start, width, number, calls, order="<"):
     return struct.pack(order + "QQIIII", start, width, number, 0, len(nodes), 0) + b"".join(nodes)
 
 
-def message(sender, receiver, count, size):
-    return struct.pack("<IQQQQIIIIIIIIII", count, 10, 20, 1, 19, sender, receiver, 1, 7, size,
+def message(sender, receiver, count, size, total=20):
+    return struct.pack("<IQqqqIIIIIIIIII", count, 10, total, 1, 19, sender, receiver, 1, 7, size,
                        count * size % 2**32, 10, 10, 0, 0)
 
 

@@ -108,10 +108,12 @@ class MadeFiles(unittest.TestCase):
             self.assertEqual(rows, {"function 1": "160 ticks", "function 2": "10 ticks",
                                     "function 3": "30 ticks"})
 
-    def test_byte_sums_do_not_wrap(self):
+    def test_byte_sums_do_not_wrap_and_times_have_a_sign(self):
         self.empty("fnc", "cop", "cnt", "rep")
-        write(self.directory, "msg", 10, [message(0, 1, 4096, 2**20)])
-        self.assertIn("4 GiB", Outline(report(self.run_name)[0]).cells)
+        write(self.directory, "msg", 10, [message(0, 1, 4096, 2**20, -8192)])
+        cells = Outline(report(self.run_name)[0]).cells
+        self.assertIn("4 GiB", cells)
+        self.assertIn("-2 ticks", cells)
 
     def test_names_are_escaped(self):
         self.empty("cop", "cnt")
