@@ -193,8 +193,6 @@ const char* outputDirectory() {
 [[noreturn]] void merge(KLT_FileHandle* handle, const char* input) {
   const RK_Conf& c = RK_conf;
   const char* target = c.logfile_name_set ? c.logfile_name.c_str() : nullptr;
-  // A summary alone only names its own files after the target.
-  if (c.merge != 0) KLTT_RefuseInput(handle, target);
   int flags = 0;
   if (c.merge != 0) flags |= KLTM_MERGE;
   if (c.sumdata != 0) flags |= KLTM_SUMMARY;

@@ -80,6 +80,7 @@ class Merge {
   }
 
   bool openWriter() {
+    if (KLTT_OutputIsInput(input_, PAL_PathInDir(prefix_, target_).c_str())) return false;
     // Opened ahead of the first pass, so the profiles count in undivided times.
     const KLT_StatsParameters statistics{&KLTM_GetIndexInComm, &context_, 0};
     const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;

@@ -16,7 +16,7 @@ enum : int { KLTM_SINGLE_FILE = 1, KLTM_DELETE_INPUT = 2, KLTM_MERGE = 4, KLTM_S
 enum : int {
   KLTM_DONE = 0,
   KLTM_WRONG_OPERATION = 1,    // neither merge nor summary was asked for
-  KLTM_NO_OUTPUT = 3,          // the output can't be created
+  KLTM_NO_OUTPUT = 3,          // the output can't be created, or is the input
   KLTM_INPUT_NOT_REMOVED = 4,  // but the output is complete
   KLTM_WRONG_TRACE = 5,        // a merged one to be merged, a raw one to be summarised
   KLTM_INCOMPLETE = 6,         // part of the input couldn't be read, or of the summary written

@@ -246,7 +246,8 @@ def merge_results(place):
     """Each way to fail has its words and status 1."""
     os.symlink(INPUT, place.path / "link.klt")
     for name in (INPUT, f"./{INPUT}", "link.klt"):
-        place.run("--merge", name, *BINARY, status=1, says=f"Could not open file {name} for writing.\n")
+        place.run("--merge", name, *BINARY, status=1,
+                  says=f"Could not open file for writing: {name}\n")
     place.run("--merge", "../none/m.klt", *BINARY, status=1,
               says="Could not open file for writing: ../none/m.klt\n")
     place.run("--sumdata", "../s.klt", *BINARY, status=1,
