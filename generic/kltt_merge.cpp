@@ -92,11 +92,7 @@ class Merge {
   // The passes: what there is to know, then the definitions, then the events.
   void read() {
     KLT_HandlerTable table;
-    KLTM_SetScanHandlers(table, context_);
-    if (!pass(KLT_MODE_DEFINITIONS, table)) return;
-    if (flag(KLTM_SUMMARY)) openSummary();
-    KLTM_SetCopyHandlers(table, context_);
-    if (!pass(KLT_MODE_DEFINITIONS, table)) return;
+    if (!readDefinitions(table)) return;
     if (flag(KLTM_MERGE)) {
       context_.matching.start(context_.writer, context_.summary, RK_Conf::mem_blocksize);
     }
@@ -109,6 +105,17 @@ class Merge {
       if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
     }
     context_.matching.finish();
+  }
+
+  // Both passes find the same faults, which are told once. False if there is no going on.
+  bool readDefinitions(KLT_HandlerTable& table) {
+    PAL_MessagesOnce messages;
+    KLTM_SetScanHandlers(table, context_);
+    if (!pass(KLT_MODE_DEFINITIONS, table)) return false;
+    messages.beginSecond();
+    if (flag(KLTM_SUMMARY)) openSummary();
+    KLTM_SetCopyHandlers(table, context_);
+    return pass(KLT_MODE_DEFINITIONS, table);
   }
 
   void openSummary() {

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <unordered_map>
 
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"
@@ -61,6 +62,40 @@ class MessageText {
   std::string long_;
   std::string_view text_;
 };
+
+// What PAL_MessagesOnce knows.
+struct GivenMessages {
+  enum class Stage { kNone, kFirst, kSecond };
+
+  std::mutex mutex;
+  Stage stage = Stage::kNone;
+  std::unordered_map<std::string, uint64_t> texts;  // how often each was given
+};
+
+GivenMessages& Given() {
+  static GivenMessages given;
+  return given;
+}
+
+// Whether a message of the first time is given again. Taking note of one needs memory: a complaint
+// of its exhaustion goes past.
+bool IsRepeated(std::string_view text) {
+  static thread_local bool isInside = false;
+  if (isInside) return false;
+  GivenMessages& given = Given();
+  const std::lock_guard lock(given.mutex);
+  if (given.stage == GivenMessages::Stage::kNone) return false;
+  isInside = true;
+  bool isRepeated = false;
+  if (given.stage == GivenMessages::Stage::kFirst) {
+    ++given.texts[std::string(text)];
+  } else if (const auto found = given.texts.find(std::string(text)); found != given.texts.end()) {
+    isRepeated = found->second > 0;
+    if (isRepeated) --found->second;
+  }
+  isInside = false;
+  return isRepeated;
+}
 
 struct TimeText {
   char text[32];
@@ -129,7 +164,7 @@ __attribute__((format(printf, 2, 0))) void WriteMessage(const char* level, const
   const ErrnoKeeper keeper;
   const MessageText message(format, arguments);
   const std::string_view text = message.view();
-  if (!HasVisibleCharacter(text)) return;
+  if (!HasVisibleCharacter(text) || IsRepeated(text)) return;
   const int prefixLength = FormatPrefix(nullptr, 0, level);
   if (prefixLength < 0) return;
   const size_t prefixSize = static_cast<size_t>(prefixLength) + 1;
@@ -168,6 +203,22 @@ void PAL_Error(const char* format, ...) {
   va_start(arguments, format);
   WriteMessage("ERROR", format, arguments);
   va_end(arguments);
+}
+
+PAL_MessagesOnce::PAL_MessagesOnce() {
+  const std::lock_guard lock(Given().mutex);
+  Given().stage = GivenMessages::Stage::kFirst;
+}
+
+void PAL_MessagesOnce::beginSecond() {
+  const std::lock_guard lock(Given().mutex);
+  Given().stage = GivenMessages::Stage::kSecond;
+}
+
+PAL_MessagesOnce::~PAL_MessagesOnce() {
+  const std::lock_guard lock(Given().mutex);
+  Given().stage = GivenMessages::Stage::kNone;
+  Given().texts.clear();
 }
 
 void PAL_SetLogStream(FILE* stream) { PAL_messages.logStream = stream; }

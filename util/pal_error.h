@@ -28,6 +28,17 @@ void PAL_Info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// What is read twice would be complained of twice: while this lives, a message of the second time
+// is left out if the first time gave it. There is one at a time.
+class PAL_MessagesOnce {
+ public:
+  PAL_MessagesOnce();  // the first time begins
+  ~PAL_MessagesOnce();
+  void beginSecond();
+  PAL_MessagesOnce(const PAL_MessagesOnce&) = delete;
+  PAL_MessagesOnce& operator=(const PAL_MessagesOnce&) = delete;
+};
+
 void PAL_SetLogStream(FILE* stream);
 void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t length));
 

@@ -51,6 +51,25 @@ TEST_F(PalError, ProcessNameStandsInBracketsUnlessItIsTheProgram) {
   EXPECT_EQ(Output([] { PAL_Error("e"); }), "klttool ERROR: e\n");
 }
 
+TEST_F(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
+  const auto say = [](const char* texts) {
+    for (; *texts != '\0'; ++texts) PAL_Warning("%c", *texts);
+  };
+  const std::string told = Output([&] {
+    say("a");
+    {
+      PAL_MessagesOnce messages;
+      say("aab");
+      messages.beginSecond();
+      say("acaa");
+    }
+    say("b");
+  });
+  std::string letters;
+  for (size_t i = 0; i < told.size(); ++i) letters += told[i] == '\n' ? told.substr(i - 1, 1) : "";
+  EXPECT_EQ(letters, "aaabcab");
+}
+
 bool Matches(const std::string& text, const std::string& pattern) {
   regex_t compiled;
   if (regcomp(&compiled, ("^" + pattern + "$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
