@@ -310,6 +310,7 @@ bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) 
   return error == std::errc();
 }
 
+// Read without a summary, too: the merged trace gets its count from either record.
 int scanInfo(void* user, uint32_t /*classId*/, const char* text) {
   KLTM_Context& context = contextOf(user);
   if (context.countsSeen || !isCountsText(text)) return 0;
