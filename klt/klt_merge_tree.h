@@ -67,6 +67,7 @@ class KLT_Tournament {
     size_t node2 = leaves_ + position2;
     nodes_[node1] = winner1;
     nodes_[node2] = winner2;
+    // Paths of different depth wouldn't meet, and both would be walked to the end.
     const bool deep1 = node1 >= deep_;
     const bool deep2 = node2 >= deep_;
     if (deep1 && !deep2) node1 = play(node1, winner1);

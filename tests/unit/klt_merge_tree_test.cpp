@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -64,6 +65,46 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
       }
     }
     EXPECT_EQ(tree.best(), kNone);
+  }
+}
+
+// A number that counts the games of a tournament.
+struct CountingKey {
+  uint64_t bits;
+  static inline size_t games = 0;
+
+  constexpr CountingKey(uint64_t value = 0) : bits(value) {}  // implicit, as of numbers
+  constexpr explicit operator uint64_t() const { return bits; }
+  constexpr CountingKey operator~() const { return ~bits; }
+  constexpr CountingKey operator<<(unsigned by) const { return bits << by; }
+  constexpr CountingKey operator>>(unsigned by) const { return bits >> by; }
+  constexpr CountingKey operator|(CountingKey other) const { return bits | other.bits; }
+  constexpr CountingKey operator&(CountingKey other) const { return bits & other.bits; }
+  constexpr CountingKey operator-(CountingKey other) const { return bits - other.bits; }
+  constexpr bool operator==(const CountingKey&) const = default;
+  bool operator<(CountingKey other) const {
+    ++games;
+    return bits < other.bits;
+  }
+};
+
+// Leaves of both depths included, which a number of streams between powers of two has.
+TEST(KltMergeTree, GamesOfTwoChangesArePlayedOnce) {
+  for (size_t streams = 2; streams <= 20; ++streams) {
+    KLT_Tournament<CountingKey> tournament;
+    tournament.build(streams, 0, 8, [](size_t) { return 5; });
+    for (size_t a = 0; a < streams; ++a) {
+      for (size_t b = 0; b < streams; ++b) {
+        if (a == b) continue;
+        std::set<size_t> games;
+        for (size_t node : {streams + a, streams + b}) {
+          while ((node /= 2) > 0) games.insert(node);
+        }
+        CountingKey::games = 0;
+        tournament.update(a, 6, b, 5);
+        EXPECT_EQ(CountingKey::games, games.size()) << a << " and " << b << " of " << streams;
+      }
+    }
   }
 }
 
