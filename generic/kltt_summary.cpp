@@ -1,8 +1,10 @@
 // Summary data: the bins. See kltt_summary.h.
 //
 // A bin ends when a later time comes; a time equal to its end still belongs to it. The number of
-// bins is twice the square root of the number of events, less two. What happens behind the last
-// bin, which is at most the remainder of the division of the span, isn't written.
+// whole bins is twice the square root of the number of events, less two. The division of the span
+// leaves a remainder, for which bins go on up to the one with the declared end; that one takes all
+// later times too, so that a wild time makes no bins. At the close the open bin's tables are
+// written, its call trees only if it is one of the whole bins.
 #include "generic/kltt_summary.h"
 
 #include <algorithm>
@@ -27,6 +29,7 @@ struct KLTT_Summary {
   uint64_t binWidth = 0;
   uint64_t binCount = 0;
   uint64_t binIndex = 0;
+  uint64_t declaredEnd = 0;
   KLTT_CallTrees calls;
   KLTT_SumTables tables;
   KLTT_SumFile callFile;
@@ -46,27 +49,28 @@ uint64_t rootAbove(uint64_t events) {
   return k;
 }
 
+void flushTables(KLTT_Summary& summary) {
+  summary.tables.flushCollectives(summary.collectiveFile);
+  summary.tables.flushMessages(summary.messageFile);
+  summary.tables.flushCounters(summary.counterFile);
+}
+
 void flushBin(KLTT_Summary& summary) {
   if (!summary.calls.empty()) {
     summary.calls.flush(summary.callFile, summary.binStart, summary.binEnd, summary.binWidth);
   }
-  summary.tables.flushCollectives(summary.collectiveFile);
-  summary.tables.flushMessages(summary.messageFile);
-  summary.tables.flushCounters(summary.counterFile);
+  flushTables(summary);
   ++summary.binIndex;
   summary.binStart = summary.binEnd;
   summary.binEnd += std::min(summary.binWidth, ~summary.binEnd);
 }
 
-// The time in the unit of the summary, with the bins behind it that end before it written.
+// The time in the unit of the summary, with the bins written that end before it.
 uint64_t advance(KLTT_Summary& summary, uint64_t time) {
   const uint64_t t = time >> summary.eventBits;
-  while (summary.binEnd < t && summary.binIndex < summary.binCount) [[unlikely]] flushBin(summary);
+  while (summary.binEnd < t && summary.binEnd < summary.declaredEnd) [[unlikely]] flushBin(summary);
   return t;
 }
-
-// All bins have been written: what comes now belongs to none that will be.
-bool isOver(const KLTT_Summary& summary) { return summary.binIndex >= summary.binCount; }
 
 }  // namespace
 
@@ -83,10 +87,13 @@ KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span, in
                            uint64_t events, std::span<const uint32_t> threads) {
   auto summary = std::make_unique<KLTT_Summary>();
   summary->eventBits = std::min(static_cast<uint32_t>(eventBits), uint32_t{63});
-  span >>= summary->eventBits;
-  summary->binCount = events < 2 ? 1 : 2 * (rootAbove(events) - 1);
-  summary->binWidth = std::max(span / summary->binCount, uint64_t{1});
+  summary->declaredEnd = (start + std::min(span, ~start)) >> summary->eventBits;
   summary->binStart = start >> summary->eventBits;
+  // Without a number of events one bin holds it all, whatever the shifts cut off.
+  const bool isOne = events < 2;
+  span = isOne ? summary->declaredEnd - summary->binStart : span >> summary->eventBits;
+  summary->binCount = isOne ? 1 : 2 * (rootAbove(events) - 1);
+  summary->binWidth = std::max(span / summary->binCount, uint64_t{1});
   summary->binEnd = summary->binStart + std::min(summary->binWidth, ~summary->binStart);
   for (const uint32_t thread : threads) summary->calls.addThread(thread);
   const std::string base = std::string(target) + ".sum.";
@@ -100,7 +107,10 @@ KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span, in
 
 bool KLTT_SumClose(KLTT_Summary* summary) {
   const std::unique_ptr<KLTT_Summary> owner(summary);
-  if (!isOver(*summary)) flushBin(*summary);
+  if (summary->binIndex < summary->binCount)
+    flushBin(*summary);
+  else
+    flushTables(*summary);
   const std::array files = {&summary->callFile, &summary->collectiveFile, &summary->messageFile,
                             &summary->counterFile, &summary->reportFile};
   for (KLTT_SumFile* file : files) file->flush();
@@ -111,7 +121,6 @@ bool KLTT_SumClose(KLTT_Summary* summary) {
 void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
                       uint32_t scl, bool entering) {
   const uint64_t t = advance(summary, time);
-  if (isOver(summary)) return;
   if (entering)
     summary.calls.enter(t, thread, function, scl);
   else
@@ -121,13 +130,11 @@ void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uin
 void KLTT_SumCollective(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t communicator,
                         uint32_t type, const KLTT_SumMembers& members) {
   const uint64_t t = advance(summary, time);
-  if (isOver(summary)) return;
   summary.tables.collective(t, root, communicator, type, summary.eventBits, members);
 }
 
 void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& m) {
   const uint64_t t = advance(summary, m.time);
-  if (isOver(summary)) return;
   summary.tables.message({.time = t,
                           .duration = m.duration >> summary.eventBits,
                           .sender = m.sender,
@@ -148,7 +155,6 @@ void KLTT_SumDefineCounter(KLTT_Summary& summary, uint32_t id, uint32_t type) {
 void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t n,
                       const uint32_t* counters, const uint64_t* values) {
   const uint64_t t = advance(summary, time);
-  if (isOver(summary)) return;
   for (uint32_t i = 0; i < n; ++i) summary.tables.counter(t, thread, counters[i], values[i]);
 }
 

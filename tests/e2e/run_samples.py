@@ -16,6 +16,7 @@ import itertools
 import json
 import os
 import pathlib
+import re
 import shlex
 import shutil
 import struct
@@ -255,6 +256,48 @@ def check_summary_sums(program, folder):
             raise Failure(str(wrong)) from None
 
 
+def check_merge_summary(program, folder):
+    """What is summed up while it is merged is what the merged trace holds, wherever the bins end."""
+    told = folder.expected("matched").read_bytes()
+    declared = int(re.search(rb"^DURATION 0 (\d+)$", told, re.MULTILINE)[1])
+    last = max(int(time) for time in re.findall(rb"^(\d+) ", told, re.MULTILINE))
+    for end in (declared, last + 4, last, last // 3):
+        with tempfile.TemporaryDirectory() as directory:
+            folder.copy(directory)
+            definitions = pathlib.Path(directory) / f"{INPUT}.dcl"
+            parts = definitions.read_bytes().split(struct.pack(">Q", declared))
+            if len(parts) != 2:
+                raise Failure("the end of the run isn't in one place")
+            definitions.write_bytes(struct.pack(">Q", end).join(parts))
+            program.output(directory, INPUT, "--merge", "m.klt", "--sumdata", "--logfile-format",
+                           "KLT", RK_VERBOSE="0")
+            compare_with_records(directory, summary_reader.Trace(
+                told.replace(b"DURATION 0 %d\n" % declared, b"DURATION 0 %d\n" % end)))
+
+
+def compare_with_records(directory, trace):
+    messages, operations = {}, {}
+    bits = trace.event_bits
+    for time, _, (sender, delta, receiver, comm, size, tag, *rest) in records(
+            component(directory, "m.klt", "msg"), MESSAGE_ROWS):
+        sums = messages.setdefault((sender, receiver, comm, size, tag, *rest[-2:]), [0] * 4)
+        for i, value in enumerate((1, time >> bits, delta >> bits, size)):
+            sums[i] += value
+        sums[3] &= summary_reader.MASK
+    for _, row, fields in records(component(directory, "m.klt", "cop"), COLLECTIVE_ROWS):
+        key = (fields[-2], fields[-3], fields[0] if row in ROOTED_ROWS else summary_reader.MASK)
+        operations[key] = operations.get(key, 0) + 1
+    base = pathlib.Path(directory) / "m.klt"
+    try:
+        summary_reader.check_calls(base, trace)
+        summary_reader.check_samples(base, trace)
+        summary_reader.expect("messages", messages, dict(summary_reader.messages(base)))
+        found = {key: sums[0] for key, sums in summary_reader.collectives(base).items()}
+        summary_reader.expect("collective operations", operations, found)
+    except summary_reader.Wrong as wrong:
+        raise Failure(str(wrong)) from None
+
+
 def has_sums(folder):
     """Merged traces, unless their text leaves a time open."""
     text_of = folder.expected("matched")
@@ -268,6 +311,7 @@ MESSAGE_ROWS = {57: (">HIqIHIHII", 0), 58: (">HIqIHIHIIII", 0), 59: (">HIqIHIIII
                 60: (">HIqIHIIIIII", 0)}
 # The same of collective operations up to the count of members, and the bytes of each member.
 COLLECTIVE_ROWS = {4: (">HHBH", 20), 6: (">HHBH", 28), 8: (">HIIHBH", 24), 56: (">HIIHBH", 24)}
+ROOTED_ROWS = (8, 56)
 TIME_ROWS = {1: ">I", 2: ">Q"}
 UNKNOWN_SIDE = (-2**63, -2**63 + 1)
 
@@ -407,6 +451,7 @@ MODES = {
     "convert": (lambda folder: folder.expected("dump") is not None, check_convert),
     "merge": (lambda folder: folder.expected("messages") is not None
               or (folder.path / "truth.json").exists(), check_merge),
+    "merge-summary": (lambda folder: folder.expected("messages") is not None, check_merge_summary),
     "summary": (lambda folder: folder.expected("sum.fnc") is not None, check_summary),
     "summary-sums": (has_sums, check_summary_sums),
 }

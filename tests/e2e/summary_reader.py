@@ -3,8 +3,7 @@
 
   summary_reader.py BASE DUMP     BASE.sum.fnc and so on against the text of --dump --matched-rkf
 
-What happens behind the last bin, in the remainder that the division of the span leaves, isn't in the
-files; the text tells how many bins there are, so the reader knows where they end.
+Only calls can be missing: those behind the last bin of the call trees, which needn't reach the end.
 """
 
 import collections
@@ -18,7 +17,7 @@ THREAD = struct.Struct("=2Q4I")
 CALL = struct.Struct("=2I2Q6I")
 COLLECTIVE = struct.Struct("=Q6I")
 MEMBER = struct.Struct("=2I5Q2d6I")
-MESSAGE = struct.Struct("=I4Q10I")
+MESSAGE = struct.Struct("=IQ3q10I")
 SAMPLES = struct.Struct("=I2Q2I6d")
 MASK = (1 << 32) - 1
 
@@ -123,10 +122,11 @@ class Trace:
             elif words[1:6] == ["C", "Application:", "number", "of", "events:"]:
                 functions, messages, collectives = (int(words[i]) for i in (6, 8, 10))
                 events = 2 * functions + messages + collectives
-        span >>= self.event_bits
+        end = self.start + span >> self.event_bits
+        self.start >>= self.event_bits
         self.bins = max(1, 2 * (math.isqrt(max(events - 1, 0)))) if events > 1 else 1
-        self.width = max(1, span // self.bins)
-        self.end = (self.start >> self.event_bits) + self.bins * self.width
+        self.width = max(1, (span >> self.event_bits) // self.bins if events > 1 else end - self.start)
+        self.most_bins = max(self.bins, -(-(end - self.start) // self.width))
         self.lines = [(int(words[0]), words[1:]) for words in lines if words[0].isdigit()]
         # A text closes what is still open at its end; nothing in the trace stands behind these lines.
         self.closing = collections.Counter()
@@ -137,19 +137,21 @@ class Trace:
                 self.closing[thread_of(words[2])] += 1
 
     def events(self, kind):
-        """Shifted time and words of the lines of a kind that lie in a bin."""
+        """Shifted time and words of the lines of a kind."""
         for time, words in self.lines:
-            if words[0] == kind and time >> self.event_bits <= self.end:
+            if words[0] == kind:
                 yield time >> self.event_bits, words
+
+    def bins_before(self, time):
+        """How many bins end before a shifted time."""
+        return min(max(-(-(time - self.start) // self.width) - 1, 0), self.most_bins - 1)
 
     def messages(self):
         """Shifted time, shifted duration and words. A record's time is that of the side that came first."""
         for time, words in self.lines:
             if words[0] == "ONETOONE":
                 delta = int(words[words.index("DELTA") + 1])
-                time = (time + min(delta, 0)) >> self.event_bits
-                if time <= self.end:
-                    yield time, delta >> self.event_bits, words
+                yield (time + min(delta, 0)) >> self.event_bits, delta >> self.event_bits, words
 
 
 def thread_of(cpu):
@@ -168,31 +170,57 @@ def numbers(words, key):
     return values
 
 
+def collectives(base):
+    """Number, time, bytes sent and received of all bins, by operation, communicator and root."""
+    found = collections.defaultdict(lambda: [0, 0, 0, 0])
+    for key, count, members in File(base, "cop").records(read_collective):
+        for i, value in enumerate((count, *(sum(m[at] for m in members) for at in (4, 9, 12)))):
+            found[key][i] += value
+    return found
+
+
+def messages(base):
+    """Number, times, durations and bytes of all bins, by what tells messages apart."""
+    found = collections.defaultdict(lambda: [0, 0, 0, 0])
+    for record in File(base, "msg").records(lambda file: file.take(MESSAGE)):
+        (count, times, durations, _, _, sender, receiver, communicator, tag, size, total, sender_function,
+         receiver_function, _, _) = record
+        sums = found[sender, receiver, communicator, size, tag, sender_function, receiver_function]
+        for i, value in enumerate((count, times, durations, total)):
+            sums[i] += value
+    return found
+
+
 def check_calls(base, trace):
+    file = File(base, "fnc")
+    expect("width of a bin", trace.width, file.width)
+    trees = list(file.records(read_tree))
+    bins = len({tree.start for tree in trees})
+    events = [(trace.bins_before(time), words) for time, words in trace.events("EXCHEXT")]
+    # A bin is written when something later comes, and at the end if it is one of the whole ones.
+    last = max((before for before, _ in events[:len(events) - sum(trace.closing.values())]), default=0)
+    if trees and not last + (last < trace.bins) <= bins <= trace.most_bins:
+        raise Wrong(f"{bins} bins of {trace.most_bins}, events behind {last}")
     expected = collections.Counter()
     entered = collections.Counter()
-    for _, words in trace.events("EXCHEXT"):
+    for before, words in events:
+        if before >= bins:
+            continue
         expected[thread_of(words[2])] += 1
         if words[3] == "DOWNTO":
             entered[thread_of(words[2]), int(words[4])] += 1
     found = collections.Counter()
     calls = collections.Counter()
-    bins = collections.Counter()
-    file = File(base, "fnc")
-    expect("width of a bin", trace.width, file.width)
-    for tree in file.records(read_tree):
+    for tree in trees:
         found[tree.thread] += tree.events
-        bins[tree.start] += 1
         for call in tree.calls[1:]:
             calls[tree.thread, call[1]] += call[4]
     for thread in expected | found:
         if not expected[thread] - trace.closing[thread] <= found[thread] <= expected[thread]:
             raise Wrong(f"function events of thread {thread}: {found[thread]}, expected "
                         f"{expected[thread]}, of which {trace.closing[thread]} may close the text")
-    if len(bins) > trace.bins:
-        raise Wrong(f"{len(bins)} bins, expected at most {trace.bins}")
     # A bin shows the calls below one outermost function. Where there is only one, it shows all.
-    outermost = {tree.calls[1][1] for tree in File(base, "fnc").records(read_tree) if tree.calls[1:]}
+    outermost = {tree.calls[1][1] for tree in trees if tree.calls[1:]}
     for key, count in calls.items():
         if count > entered[key] or len(outermost) == 1 and count != entered[key]:
             raise Wrong(f"calls of thread and function {key}: {count}, expected {entered[key]}")
@@ -210,10 +238,7 @@ def check_collectives(base, trace):
             sums[2] += sum(numbers(words, "SENTS"))
         if words[1] != "ALLTOONE":
             sums[3] += sum(numbers(words, "RCVDS"))
-    found = collections.defaultdict(lambda: [0, 0, 0, 0])
-    for key, count, members in File(base, "cop").records(read_collective):
-        for i, value in enumerate((count, *(sum(m[at] for m in members) for at in (4, 9, 12)))):
-            found[key][i] += value
+    found = collectives(base)
     for sums in (*expected.values(), *found.values()):
         sums[2:] = [value & MASK for value in sums[2:]]
     expect("collective operations: number, time, bytes sent and received", dict(expected), dict(found))
@@ -227,13 +252,7 @@ def check_messages(base, trace):
         sums = expected[thread_of(words[2]), thread_of(words[4]), *fields]
         for i, value in enumerate((1, time, delta, fields[1])):
             sums[i] += value
-    found = collections.defaultdict(lambda: [0, 0, 0, 0])
-    for record in File(base, "msg").records(lambda file: file.take(MESSAGE)):
-        (count, times, durations, _, _, sender, receiver, communicator, tag, size, total, sender_function,
-         receiver_function, _, _) = record
-        sums = found[sender, receiver, communicator, size, tag, sender_function, receiver_function]
-        for i, value in enumerate((count, times, durations, total)):
-            sums[i] += value
+    found = messages(base)
     for sums in (*expected.values(), *found.values()):
         sums[1:] = [sums[1] % 2**64, sums[2] % 2**64, sums[3] & MASK]
     expect("messages: number, times, durations, bytes", dict(expected), dict(found))
