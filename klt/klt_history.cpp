@@ -277,6 +277,8 @@ void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
   KLT_PassOn(s, record.bytes(), KLT_EncodedBytes(s.packed.tail()) - 1, time);
 }
 
+bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
+
 }  // namespace
 
 bool KLT_TellsCounters(const KLT_StreamRequest& request) {
@@ -319,8 +321,6 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
   markDone(s);
   return true;
 }
-
-static bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
 
 bool KLT_NextRequest(KLT_Stream& s) {
   if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);

@@ -120,8 +120,8 @@ TEST(TraceBuilder, AnchorsPointToMessagesThatAreOnTheirWay) {
   // The first has arrived, the second never does, the third is under way.
   const std::string& anchors = files[".msg.anc"];
   EXPECT_EQ(hex(anchors.substr(0, 2)), "2e 02");
-  EXPECT_EQ(hex(anchors.substr(10, 16)), "00 00 00 00 00 00 00 28 00 00 00 00 00 00 00 4b");
-  EXPECT_EQ(hex(anchors.substr(26, 16)), "00 00 00 00 00 02 00 00 00 00 00 00 00 02 00 05");
+  EXPECT_EQ(hex(anchors.substr(10, 16)), "00 00 00 00 00 00 00 4b 00 00 00 00 00 00 00 28");
+  EXPECT_EQ(hex(anchors.substr(26, 16)), "00 00 00 00 00 02 00 05 00 00 00 00 00 02 00 00");
 }
 
 TEST(TraceBuilder, ContainersHoldTheComponentsInExtents) {
