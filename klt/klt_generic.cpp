@@ -341,7 +341,8 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
     // A row's decoder takes a count as unsigned and as the number of elements of the row's fields.
     if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
-  // Not one field in its place still is a mapping as long as fields are paired at all.
+  // With not one field in its place, what is alike in the two are names by chance.
+  if (exactness == 0) return;
   layout.row = best.row;
   layout.source = best.source;
   layout.exact = sameCounts && exactness == 2 * layout.fields.size() &&

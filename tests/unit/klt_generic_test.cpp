@@ -192,6 +192,8 @@ TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {
   EXPECT_EQ(mappedRow(28, [](tb::Layout& l) { l.drop(28, "willy_gtp"); }), 0U);
   EXPECT_EQ(mappedRow(28, [](tb::Layout& l) { l.row(28).name = "enter_functio"; }), 0U);
   EXPECT_EQ(mappedRow(28, [](tb::Layout& l) { l.row(28).name = ""; }), 0U);
+  // All fields are there, but none in its place.
+  EXPECT_EQ(mappedRow(28, [&](tb::Layout& l) { l.insert(28, "time", scl); }), 0U);
   // Nothing is left that the count would count.
   EXPECT_EQ(mappedRow(3, [](tb::Layout& l) { l.drop(3, "start_time").drop(3, "delta"); }), 0U);
 }
@@ -228,6 +230,7 @@ TEST_F(KltGeneric, MissingFieldsHaveTheirDefaults) {
   tb::Trace trace;
   trace.layout().drop(19, "left_size").drop(19, "stride").drop(71, "skew").drop(71, "pid");
   trace.layout().drop(35, "type").drop(35, "bytes").drop(52, "bytes_sent").drop(52, "comm_size");
+  trace.layout().insert(25, "end", {.name = "begin", .type = Type::U64});
   trace.layout().drop(25, "start").drop(3, "start_time").drop(67, "line").drop(73, "stride");
   trace.communicator(5, "c", {{0, 4, 2}, {7, 7, 3}}).scl(1, {{2, 10}});
   trace.declarations().record(71, {{"tid", 4}, {"offset", 2.0}}).record(25, {{"end", 6}});
