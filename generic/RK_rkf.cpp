@@ -6,12 +6,12 @@
 
 #include "generic/RK_conf.h"
 #include "generic/RK_line.h"
+#include "klt/klt_spans.h"
 
 namespace {
 
 constexpr uint64_t kUnknownReceive = uint64_t{1} << 63;  // as a time difference
 constexpr uint64_t kUnknownSend = kUnknownReceive + 1;   // as a time
-constexpr uint64_t kNoStart = ~uint64_t{0};
 
 bool isScl(uint32_t scl) { return scl != 0 && scl != 0x7fffffff; }
 
@@ -87,7 +87,7 @@ void putArray(RK_Line& line, const char (&keyword)[N], const uint32_t* values, u
 void putTimes(RK_Line& line, const uint64_t* starts, const uint64_t* values, uint64_t offset,
               uint32_t n) {
   for (uint32_t i = 0; i < n; i++) {
-    if (starts[i] >= kNoStart - 1) {
+    if (klt::isUnknownStart(starts[i])) {
       line.fixed(" UNKNOWN");
     } else {
       line.fixed(" ").u64(values[i] + offset);

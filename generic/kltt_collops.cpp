@@ -11,11 +11,11 @@
 #include "generic/kltt_events.h"
 #include "generic/kltt_exit.h"
 #include "generic/kltt_tables.h"
+#include "klt/klt_spans.h"
 
 namespace {
 
-constexpr uint32_t kAbsent = ~uint32_t{0};   // no root, or a size that doesn't apply
-constexpr uint64_t kNoStart = ~uint64_t{0};  // the member took no part
+constexpr uint32_t kAbsent = ~uint32_t{0};  // no root, or a size that doesn't apply
 
 // Where a member's sizes come from. At most one of the two is kAtRoot.
 enum class Sizes {
@@ -43,13 +43,13 @@ struct Collop {
   Sizes receivedFrom;
   const uint32_t* received;  // kArray
 
-  [[nodiscard]] bool tookPart(uint32_t i) const { return starts[i] != kNoStart; }
+  [[nodiscard]] bool hasTimes(uint32_t i) const { return !klt::isUnknownStart(starts[i]); }
 };
 
 uint64_t latestEnd(const Collop& op) {
   uint64_t latest = 0;
   for (uint32_t i = 0; i < op.n; ++i) {
-    if (op.tookPart(i)) {
+    if (op.hasTimes(i)) {
       latest =
           std::max(latest, KLTT_TimeAfter(KLTT_TimeAfter(op.time, op.starts[i]), op.deltas[i]));
     }
@@ -77,11 +77,15 @@ int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Collop& op,
   std::vector<uint64_t> starts;
   std::vector<uint64_t> deltas;
   for (uint32_t i = 0; i < op.n; ++i) {
+    if (!op.hasTimes(i)) {
+      starts.push_back(op.starts[i]);
+      deltas.push_back(op.deltas[i]);
+      continue;
+    }
     const uint64_t rawStart = op.time + op.starts[i];
-    const uint64_t start = op.tookPart(i) ? KLTT_InternalTime(context, rawStart) : 0;
-    starts.push_back(op.tookPart(i) ? start - internalTime : kNoStart);
-    deltas.push_back(op.tookPart(i) ? KLTT_InternalTime(context, rawStart + op.deltas[i]) - start
-                                    : op.deltas[i]);
+    const uint64_t start = KLTT_InternalTime(context, rawStart);
+    starts.push_back(start - internalTime);
+    deltas.push_back(KLTT_InternalTime(context, rawStart + op.deltas[i]) - start);
   }
   // Only the form that has a root takes the root's size from a record of that form.
   enum : uint32_t { kOneToAll = 1, kAllToOne = 2 };
@@ -105,17 +109,15 @@ int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Collop& op,
 }
 
 int writeMatched(KLTT_Context& context, const Collop& op, const KLTT_MemberList& members,
-                 uint64_t internalTime) {
-  const KLTT_Named* operation = context.collops.find(op.type);
-  if (operation == nullptr) return 0;
+                 uint32_t kind, uint64_t internalTime) {
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return putRecord(context, writer, op, members, operation->extra, internalTime);
+    return putRecord(context, writer, op, members, kind, internalTime);
   }
   RK_Output* text = KLTT_Text(context);
   if (text == nullptr) return 0;
   const uint32_t* sent = matchedSizes(context, op, members, op.sentFrom, op.sent);
   const uint32_t* received = matchedSizes(context, op, members, op.receivedFrom, op.received);
-  return RK_WriteCollOp(text, RK_SinkTime(context.sink, internalTime), operation->extra, op.type,
+  return RK_WriteCollOp(text, RK_SinkTime(context.sink, internalTime), kind, op.type,
                         op.communicator, op.rooted ? op.root : kAbsent, op.n, op.starts, op.deltas,
                         sent, received, op.scls);
 }
@@ -132,7 +134,7 @@ void queueMembers(KLTT_Context& context, const Collop& op, const KLTT_MemberList
     uint32_t gtp = 0;
     const bool isMember = member.next(&gtp);
     if (i == 0 && !op.rooted) root = gtp;
-    if (!op.tookPart(i)) continue;
+    if (!op.hasTimes(i)) continue;
     uint64_t start = op.time + op.starts[i];
     const uint64_t end = start + op.deltas[i];
     if (context.inHistory) {
@@ -160,7 +162,10 @@ int format(void* user, const Collop& op) {
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
   int result = 0;
   if (RK_conf.matched_rkf != 0) {
-    result = writeMatched(context, op, members, internalTime);
+    // An operation that the output doesn't define happens nowhere in it.
+    const KLTT_Named* operation = context.collops.find(op.type);
+    if (operation == nullptr || context.sink == nullptr) return 0;
+    result = writeMatched(context, op, members, operation->extra, internalTime);
   } else {
     queueMembers(context, op, members);
   }

@@ -19,11 +19,10 @@
 #include "klt/klt_handlers.h"
 #include "klt/klt_request.h"
 #include "klt/klt_schema.h"
+#include "klt/klt_spans.h"
 #include "util/pal_util.h"
 
 namespace {
-
-constexpr uint64_t kNoStart = ~uint64_t{0};  // the member took no part
 
 // What a request asks for: the state of a thread, nothing that belongs to several.
 constexpr uint32_t kCategories =
@@ -41,7 +40,7 @@ int gather(void* user, const char* record, uint64_t time, uint32_t communicator,
   uint32_t gtp = 0;
   for (uint32_t i = 0; i < n && member.next(&gtp); ++i) {
     // Time 0 stands for no part, too.
-    if (starts[i] == kNoStart || time + starts[i] == 0) continue;
+    if (klt::isUnknownStart(starts[i]) || time + starts[i] == 0) continue;
     context.perfMembers.push_back({.gtp = gtp, .time = time + starts[i]});
   }
   context.perfEnds.push_back(context.perfMembers.size());

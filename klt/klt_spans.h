@@ -26,14 +26,17 @@ inline constexpr uint64_t kNever = ~uint64_t{0};
   return saturatingSum(time, static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
 }
 
-// When a collective operation is over. A start of all ones marks a member that took no part; null
-// arrays count as zeros.
+// All ones as a member's start in a collective operation say that it took no part; one less says
+// that its start isn't known. Either way the member has no times.
+[[nodiscard]] constexpr bool isUnknownStart(uint64_t start) { return start >= kNever - 1; }
+
+// When a collective operation is over for all members that have times; null arrays count as zeros.
 [[nodiscard]] inline uint64_t collectiveEnd(uint64_t time, size_t n, const uint64_t* starts,
                                             const uint64_t* deltas) {
   uint64_t longest = 0;
   for (size_t i = 0; i < n; ++i) {
     const uint64_t start = starts == nullptr ? 0 : starts[i];
-    if (start == kNever) continue;
+    if (isUnknownStart(start)) continue;
     longest = std::max(longest, saturatingSum(start, deltas == nullptr ? 0 : deltas[i]));
   }
   return saturatingSum(time, longest);

@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
+#include "generic/kltt_extract.h"
+#include "klt/klt.h"
 #include "kltt_fixture.h"
+#include "tests/unit/klt_reading.h"
 
 namespace {
 
@@ -92,7 +96,7 @@ TEST_F(KlttCollops, MatchedLeavesOutUnknownOperationsAndForgivesMissingMembers) 
   RK_conf.matched_rkf = 1;
   EXPECT_EQ(oneToAll(100, 9), 0);
   EXPECT_EQ(text(), "");
-  EXPECT_EQ(context.lastEventTime, 120u);
+  EXPECT_EQ(context.lastEventTime, 0u);
   EXPECT_EQ(oneToAll(100, 1, 7), 0);
   EXPECT_EQ(text(),
             "100 COLLOP ONETOALL 1 COM 7 ROOT 2 TIMES 105 100 UNKNOWN DELTAS 10 20 UNKNOWN SENTS 0 "
@@ -128,10 +132,58 @@ TEST_F(KlttCollops, NothingToQueueForNoMembers) {
 }
 
 TEST_F(KlttCollops, TheLastTimeSaturates) {
-  const uint64_t starts[] = {kOut - 2, kOut};
+  const uint64_t starts[] = {kOut - 3, kOut};
   const uint64_t deltas[] = {5, kOut};
   KLTT_AllCommunication(&context, 1, 2, 4, 2, starts, deltas, nullptr);
   EXPECT_EQ(context.lastEventTime, ~uint64_t{0});
+}
+
+// A start of all ones minus one is passed on and counts nowhere.
+TEST_F(KlttCollops, AMemberWhoseStartIsNotKnownHasNoTimes) {
+  tb::Trace trace;
+  trace.clock(1e-6, 13).processes({1, 1, 1}).communicator(1, "", {{0, 2, 1}}).operation(4, "B", 4);
+  trace.streamOf("cop", tb::COLLOPS, {{0, 2, 1}})
+      .at(8192)
+      .collective(
+          {.communicator = 1, .operation = 4, .start = {5, kOut - 1, kOut}, .duration = {6, 7, 8}})
+      .at(9000)
+      .collective({.communicator = 1, .operation = 4, .start = {0, 0, 0}, .duration = {1, 1, 1}});
+  const std::string first =
+      "all_communication 8192 1 4 3 [5 18446744073709551614 "
+      "18446744073709551615] [6 7 8] [null]";
+  const std::string second = "all_communication 9000 1 4 3 [0 0 0] [1 1 1] [null]";
+  reading::OpenTrace open(trace);
+  const auto lines = [](reading::OpenTrace& from, const std::vector<KLT_Request>& requests) {
+    return reading::only(from.read(requests), {"all_communication"});
+  };
+  EXPECT_EQ(lines(open, {reading::window(8202, 9500)}), (reading::Lines{first, second}));
+  EXPECT_EQ(lines(open, {reading::window(8203, 9500)}), reading::Lines{second});
+
+  const tb::TempDir directory;
+  RK_conf.logfile_name = directory / "out.klt";
+  RK_conf.logfile_name_set = true;
+  RK_conf.output_format = 1;
+  RK_conf.matched_rkf = 1;
+  EXPECT_EQ(KLTT_Extract(open.handle(), 1), 0);
+  KLT_FileHandle* slice = KLT_Open(RK_conf.logfile_name.c_str());
+  ASSERT_NE(slice, nullptr);
+  reading::Recorder recorder;
+  {
+    const reading::Reader reader(
+        KLT_OpenReader(slice, KLT_MODE_EVENTS, 0, nullptr, &recorder.table, 1));
+    EXPECT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_FINISHED);
+  }
+  KLT_Close(slice);
+  EXPECT_EQ(reading::only(recorder.lines, {"all_communication"}), (reading::Lines{first, second}));
+
+  const uint64_t starts[] = {5, kOut - 1, kOut};
+  KLTT_AllCommunication(&context, 100, 2, 4, 3, starts, deltas_.data(), nullptr);
+  RK_conf.matched_rkf = 0;
+  KLTT_AllCommunication(&context, 100, 2, 4, 3, starts, deltas_.data(), nullptr);
+  EXPECT_EQ(drained(),
+            "100 COLLOP ALL 4 COM 2 TIMES 105 UNKNOWN UNKNOWN DELTAS 10 UNKNOWN UNKNOWN\n"
+            "105 GLOBALOP 4 ON 5 2 5 -1 -1 10\n");
+  EXPECT_EQ(context.lastEventTime, 115u);
 }
 
 TEST_F(KlttCollopsDeathTest, UnknownCommunicatorsAndMembersEndTheProcess) {

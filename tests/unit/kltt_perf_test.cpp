@@ -92,7 +92,7 @@ TEST_F(PerfTest, WithoutOperationsNothingIsMeasured) {
 
 TEST_F(PerfTest, OperationsAreTakenInTurnAndCountOnlyWhoTookPart) {
   tb::Stream& stream = trace_.stream("cop", tb::COLLOPS);
-  operation(stream, 10, {0, 3, tb::NOT_STARTED});
+  operation(stream, 10, {0, 3, tb::NOT_STARTED - 1});
   operation(stream, 20, {tb::NOT_STARTED, 0, tb::NOT_STARTED});
   operation(stream, 30, {0, 0, 0});
   trace_.stream("f.0", tb::FUNCTIONS, {0}).at(5).enter(0, 1).at(10).leave(0).at(30).enter(0, 1);
