@@ -216,10 +216,19 @@ TEST_F(KlttEvents, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "ERROR: Wrong triplet syntax, stride == 0, ignoring triplet.\n");
   EXPECT_EQ(text(), "6 EXCHEXT CPU 8 UPTO NOACT\n");
-  endOfFilter(7, {{INT32_MIN, INT32_MAX, 1}});  // more numbers than threads
+  // More numbers than threads, from either end.
+  enter(7, 0x80000001, 10);
+  text();
+  endOfFilter(7, {{1001, -2147483647, -2}});
   EXPECT_EQ(text(),
-            "7 EXCHEXT CPU 1 UPTO NOACT\n7 EXCHEXT CPU 2 UPTO NOACT\n7 EXCHEXT CPU 4 UPTO NOACT\n"
-            "7 EXCHEXT CPU 6 UPTO NOACT\n");
+            "7 EXCHEXT CPU 6 UPTO NOACT\n7 EXCHEXT CPU 4 UPTO NOACT\n7 EXCHEXT CPU 2 UPTO NOACT\n"
+            "7 EXCHEXT CPU -2147483646 UPTO NOACT\n");
+  for (const uint32_t gtp : {5, 1, 3}) enter(8, gtp, 10);
+  text();
+  endOfFilter(8, {{INT32_MIN, INT32_MAX, 1}});
+  EXPECT_EQ(text(),
+            "8 EXCHEXT CPU 1 UPTO NOACT\n8 EXCHEXT CPU 2 UPTO NOACT\n8 EXCHEXT CPU 4 UPTO NOACT\n"
+            "8 EXCHEXT CPU 6 UPTO NOACT\n");
 }
 
 TEST_F(KlttEvents, EndOfFilterWithoutTripletsGoesThroughTheDeclaredThreads) {
