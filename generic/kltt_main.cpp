@@ -109,6 +109,11 @@ void checkSelection() {
     PAL_Error("merge & summary operations are applicable to KLT format traces only\n");
     usage();
   }
+  // The name "-" would become that of the files.
+  if (c.move != 0 && (c.dump != 0 || (c.logfile_name_set && c.logfile_name == "-"))) {
+    PAL_Error("a trace can't be moved to standard output\n");
+    usage();
+  }
 }
 
 void settleFormat() {

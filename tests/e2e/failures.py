@@ -121,6 +121,10 @@ def no_target(place):
     place.run("--move", status=10, says="neither any output file nor any kind of")
     place.run("--move", "--remove", status=10,
               says="No output filename selected, use --move <filename> or --logfile-name\n")
+    for options in (("--dump",), ("--logfile-name", "-"), ("--dump", "--logfile-name", "x.klt")):
+        place.run("--move", *options, status=10, says="can't be moved to standard output\n")
+    place.run("--move", "-", status=10, says="Usage: klttool <input file> <config options>\n")
+    place.check_input()
     place.run("--logfile-name", "a\nREMOVE\n", status=10)
 
 
