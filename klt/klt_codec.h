@@ -72,10 +72,12 @@ inline void loadElements(uint8_t* to, const uint8_t* from, size_t n) {
   }
 }
 
-// Warns that a value is cut to its field's width.
-inline void warnNarrowed(uint32_t value, int line) {
-  PAL_Warning("KLT Encoding Error: reducing unsigned 4-byte 0x%x to unsigned 2-byte (%s:%d)", value,
-              "klt_codec.h", line);
+// Warns that a value is cut to its field's width, at the encoder's place.
+inline void warnNarrowed(uint64_t value, unsigned bytes, const char* file = __builtin_FILE(),
+                         int line = __builtin_LINE()) {
+  const unsigned held = value >> 32 == 0 ? 4 : 8;
+  PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
+              held, static_cast<unsigned long long>(value), bytes, file, line);
 }
 
 template <KLT_Type Type>
@@ -85,7 +87,7 @@ inline void storeScalar(uint8_t* p, const uint8_t* value) {
   } else if constexpr (KLT_TypeBytes(Type) == 2) {
     const auto v = loadNative<uint32_t>(value);
     if (Type == KLT_Type::kU16 && v > 0xffff) [[unlikely]]
-      warnNarrowed(v, __LINE__);
+      warnNarrowed(v, 2);
     storeBig16(p, static_cast<uint16_t>(v));
   } else if constexpr (Type == KLT_Type::kRaw32 || Type == KLT_Type::kRaw64) {
     std::memcpy(p, value, KLT_TypeBytes(Type));

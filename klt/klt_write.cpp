@@ -135,15 +135,19 @@ uint32_t KLT_WFileHandle::stringId(const char* text) {
   return known->second;
 }
 
-void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count) {
+void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count, const char* file,
+                              int line) {
+  failed = true;
   if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  PAL_Warning("%s with %llu elements doesn't fit, the rest is left out",
-              std::string(row.name).c_str(), static_cast<unsigned long long>(count));
+  klt::warnNarrowed(count, KLT_TypeBytes(row.fields[field].type()), file, line);
+  PAL_Error("%s with %llu elements doesn't fit, the rest is left out",
+            std::string(row.name).c_str(), static_cast<unsigned long long>(count));
 }
 
-void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t value) {
+void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t value,
+                                   const char* file, int line) {
   if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  klt::warnNarrowed(value, __LINE__);
+  klt::warnNarrowed(value, KLT_TypeBytes(row.fields[field].type()), file, line);
 }
 
 void KLT_WFileHandle::tellWarned() const {

@@ -162,8 +162,12 @@ struct KLT_WFileHandle {
   [[nodiscard]] uint64_t ticks(uint64_t time) const {
     return fileStats == nullptr ? 0 : fileStats->ticks(time);
   }
-  void warnCut(const KLT_Row& row, size_t field, uint64_t count);
-  void warnNarrowed(const KLT_Row& row, size_t field, uint32_t value);
+  // Reports what doesn't fit its field, at the place that finds it: a count, which costs the output
+  // the elements beyond it, or a number.
+  void warnCut(const KLT_Row& row, size_t field, uint64_t count,
+               const char* file = __builtin_FILE(), int line = __builtin_LINE());
+  void warnNarrowed(const KLT_Row& row, size_t field, uint32_t value,
+                    const char* file = __builtin_FILE(), int line = __builtin_LINE());
   // How often each field that was warned of didn't fit.
   void tellWarned() const;
 

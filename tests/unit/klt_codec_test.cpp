@@ -341,7 +341,7 @@ TEST(KltCodec, ValuesTooWideForTheirFieldAreCutWithAWarning) {
   const std::string text = messages.take();
   for (const char* value : {"0x12345", "0x10000"}) {
     EXPECT_NE(text.find("KLT Encoding Error: reducing unsigned 4-byte " + std::string(value) +
-                        " to unsigned 2-byte ("),
+                        " to unsigned 2-byte (klt/klt_codec.h:"),
               std::string::npos)
         << text;
   }

@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -321,6 +322,54 @@ TEST_F(KltWrite, AComponentIsNamedAfterItsCategoriesAndThread) {
   EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
   for (const char* name : {"t.f.65537", "t.s.-2147483647", "t.x.7"}) {
     EXPECT_TRUE(std::filesystem::exists(path(name))) << name;
+  }
+}
+
+// What a field can't count is left out, told with the place that finds it, and missed at the end.
+TEST_F(KltWrite, WhatDoesNotFitIsToldAndCostsTheOutputItsCompleteness) {
+  struct Case {
+    const char* told;
+    bool isLost;
+    std::function<uint32_t(KLT_WFileHandle*)> write;
+  };
+  const std::string text(65536, 'x');
+  const std::vector<uint32_t> ids(70000, 1);
+  const std::vector<uint64_t> values(256, 1);
+  const Case cases[] = {
+      {"0x10000 to unsigned 2-byte", true,
+       [&](KLT_WFileHandle* w) {
+         return KLT_Write<18>(w, nullptr, uint64_t{1}, 0U, text.c_str());
+       }},
+      {"0x11170 to unsigned 2-byte", true,
+       [&](KLT_WFileHandle* w) {
+         return KLT_Write<45>(w, nullptr, 1U, "g", static_cast<uint32_t>(ids.size()), ids.data());
+       }},
+      {"0x10000 to unsigned 2-byte", true,
+       [&](KLT_WFileHandle* w) { return KLT_Write<40>(w, nullptr, 1U, text.c_str(), 1U); }},
+      {"0x100 to unsigned 1-byte", true,
+       [&](KLT_WFileHandle* w) {
+         return KLT_Write<22>(w, nullptr, uint64_t{1}, 0U, 256U, values.data(), ids.data());
+       }},
+      {"0x10001 to unsigned 2-byte", false,
+       [&](KLT_WFileHandle* w) {
+         return KLT_Write<57>(w, nullptr, uint64_t{1}, 0U, int64_t{1}, 1U, 1U, 8U, 0x10001U, 0U,
+                              0U);
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.told);
+    testing::internal::CaptureStderr();
+    KLT_WFileHandle* writer =
+        KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 0, nullptr);
+    ASSERT_NE(writer, nullptr);
+    EXPECT_NE(c.write(writer), 0U);
+    bool complete = c.isLost;
+    EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+    EXPECT_NE(complete, c.isLost);
+    const std::string message = testing::internal::GetCapturedStderr();
+    const std::string expected = std::string("KLT Encoding Error: reducing unsigned 4-byte ") +
+                                 c.told + " (klt/klt_write.h:";
+    EXPECT_NE(message.find(expected), std::string::npos) << message;
   }
 }
 
