@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "generic/kltt_events.h"
+#include "generic/kltt_tables.h"
 #include "klt/klt_write.h"
 
 namespace {
@@ -43,9 +44,19 @@ int KLTT_PutDuration(KLT_WFileHandle* writer, uint64_t start, uint64_t end) {
   return result(KLT_Write<25>(writer, nullptr, start, end));
 }
 
-int KLTT_PutClass(KLT_WFileHandle* writer, uint32_t id, const char* fullName, const char* nameSelf,
+uint32_t KLTT_PutClassPath(KLT_WFileHandle* writer, const KLTT_Context& context,
+                           const KLTT_Class& of) {
+  constexpr uint64_t kLongest = 0xffff;
+  constexpr uint64_t kShort = 256;  // takes no more memory in one piece
+  if (of.parent == 0) return writer->stringId(of.own);
+  if (of.pathBytes > kLongest) return 0;
+  if (of.pathBytes <= kShort) return writer->stringId(KLTT_ClassPath(context, of).c_str());
+  return writer->joinedId(context.classes.find(of.parent)->outputPath, std::string(":") + of.own);
+}
+
+int KLTT_PutClass(KLT_WFileHandle* writer, uint32_t id, uint32_t path, const char* nameSelf,
                   uint32_t parent) {
-  return result(KLT_Write<12>(writer, nullptr, id, fullName, nameSelf, parent));
+  return result(KLT_Write<12>(writer, nullptr, id, KLT_WriteText::known(path), nameSelf, parent));
 }
 
 int KLTT_PutFunction(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t classId) {

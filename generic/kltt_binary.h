@@ -24,7 +24,11 @@ int KLTT_PutProcesses(KLT_WFileHandle* writer, std::span<const uint32_t> threads
 int KLTT_PutWillyName(KLT_WFileHandle* writer, uint32_t gtp, const char* name);
 int KLTT_PutClock(KLT_WFileHandle* writer, double resolution, uint32_t eventBits);
 int KLTT_PutDuration(KLT_WFileHandle* writer, uint64_t start, uint64_t end);
-int KLTT_PutClass(KLT_WFileHandle* writer, uint32_t id, const char* fullName, const char* nameSelf,
+// Enters the path of a class as a text of the output and returns the text's id. 0 for one that is
+// too long for a text: the names of the class and its parents tell the path as well.
+[[nodiscard]] uint32_t KLTT_PutClassPath(KLT_WFileHandle* writer, const KLTT_Context& context,
+                                         const KLTT_Class& of);
+int KLTT_PutClass(KLT_WFileHandle* writer, uint32_t id, uint32_t path, const char* nameSelf,
                   uint32_t parent);
 int KLTT_PutFunction(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t classId);
 int KLTT_PutScope(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t classId,

@@ -23,6 +23,15 @@ struct KLTT_Communicator {
   KLTT_MemberList members;
 };
 
+// A class is kept without its parents' names, which would add up to the square of a chain's length.
+struct KLTT_Class {
+  uint32_t key = 0;
+  uint32_t parent = 0;      // 0: none
+  const char* own = "";     // the last part of the path
+  uint64_t pathBytes = 0;   // of KLTT_ClassPath
+  uint32_t outputPath = 0;  // the text of the path in a binary output; 0 if it has none
+};
+
 struct KLTT_Counter {
   uint32_t key = 0;
   uint32_t flags = 0;  // bit 0: integer values
@@ -53,7 +62,8 @@ struct KLTT_Context {
   // Definitions by id.
   KLTT_Table<KLTT_Counter> counters;
   KLTT_Table<KLTT_Communicator> communicators;
-  KLTT_Table<KLTT_Named> classes;    // name: the full name; extra: the parent
+  KLTT_Names names;  // of all definitions
+  KLTT_Table<KLTT_Class> classes;
   KLTT_Table<KLTT_Named> functions;  // extra: the class
   KLTT_Table<KLTT_Named> collops;    // extra: the kind, 1 one-to-all to 4 all
   KLTT_Table<KLTT_Named> statistics;

@@ -2,12 +2,14 @@
 #include "generic/kltt_events.h"
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "generic/RK_rkf.h"
 #include "generic/RK_wtrace.h"
 #include "generic/kltt_binary.h"
 #include "generic/kltt_exit.h"
+#include "generic/kltt_tables.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -24,6 +26,13 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
   *internalTime = KLTT_InternalTime(context, rawTime);
   context.lastEventTime = std::max(context.lastEventTime, rawTime);
   return KLTT_LogFormatRecord(context, *internalTime) == 0;
+}
+
+std::string commentText(const KLTT_Context& context, const KLTT_Delayed& node,
+                        size_t limit = SIZE_MAX) {
+  const std::string& text = context.pending.text(node);
+  const KLTT_Class* about = context.classes.find(node.comment.infoClass);
+  return about == nullptr ? text : KLTT_ClassPath(context, *about, limit) + ": " + text;
 }
 
 int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& node,
@@ -47,7 +56,7 @@ int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& 
           static_cast<int64_t>(KLTT_ShownTime(context, op.endTime) - time), op.scl);
     }
     case KLTT_DelayedKind::kComment:
-      return RK_SinkComment(text, time, node.gtp, context.pending.text(node).c_str());
+      return RK_SinkComment(text, time, node.gtp, commentText(context, node).c_str());
     case KLTT_DelayedKind::kHeld:  // of a binary trace
       break;
   }
@@ -58,10 +67,11 @@ int writeFront(KLTT_Context& context) {
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
     // Messages and operations go to a binary trace as they come: only comments wait, and what
     // histories tell.
+    constexpr size_t kLongest = 0xffff;
     const KLTT_Delayed& node = context.pending.front();
     if (node.kind == KLTT_DelayedKind::kComment &&
         KLTT_PutComment(writer, context.pending.nextTime(), node.gtp,
-                        context.pending.text(node).c_str()) != 0) {
+                        commentText(context, node, kLongest + 1).c_str()) != 0) {
       return 1;
     }
     if (node.kind == KLTT_DelayedKind::kHeld) {

@@ -2,11 +2,13 @@
 //
 // A table gives its entries dense indices from 1 in order of arrival, keeps them in that order and
 // never removes one. Id 0 means "none" everywhere in the format: it is never stored and never
-// found. Small ids, the usual case, are found through an array (klt_idmap).
+// found. Small ids, the usual case, are found through an array (klt_idmap). Names are kept apart,
+// as many definitions of a trace can share one.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "klt/klt_idmap.h"
@@ -14,12 +16,24 @@
 // Ids below this are looked up in an array of at most 256 KiB.
 inline constexpr uint32_t KLTT_DIRECT_IDS = 65536;
 
-// A definition with a name. `extra` is what the definition adds to it: the parent of a class, the
-// class of a function, the kind of a collective operation.
+// A definition with a name. `extra` is what the definition adds to it: the class of a function, the
+// kind of a collective operation.
 struct KLTT_Named {
   uint32_t key = 0;
   uint32_t extra = 0;
-  std::string name;
+  const char* name = "";  // of a KLTT_Names
+};
+
+// The names of definitions, each once.
+class KLTT_Names {
+ public:
+  // A copy of `text` (null: an empty text) that lives as long as this object.
+  [[nodiscard]] const char* keep(const char* text) {
+    return text == nullptr ? "" : texts_.emplace(text).first->c_str();
+  }
+
+ private:
+  std::unordered_set<std::string> texts_;
 };
 
 template <class Entry>
@@ -56,6 +70,7 @@ class KLTT_Table {
   std::vector<Entry> entries_;
 };
 
-// Inserts a named entry with a copy of `name` (null: an empty name). 1 if the key is new, 0 if it
-// exists: then the first entry stays. Key 0 counts as new and is not stored.
-int KLTT_TableInsert(KLTT_Table<KLTT_Named>& table, uint32_t key, const char* name, uint32_t extra);
+// Inserts a named entry, its name kept in `names`. 1 if the key is new, 0 if it exists: then the
+// first entry stays. Key 0 counts as new and is not stored.
+int KLTT_TableInsert(KLTT_Table<KLTT_Named>& table, KLTT_Names& names, uint32_t key,
+                     const char* name, uint32_t extra);

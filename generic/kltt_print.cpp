@@ -10,6 +10,7 @@
 #include "generic/kltt_binary.h"
 #include "generic/kltt_context.h"
 #include "generic/kltt_exit.h"
+#include "generic/kltt_tables.h"
 #include "klt/klt_files.h"
 
 namespace {
@@ -83,16 +84,20 @@ int KLTT_FunctionStatistics(void* user, uint32_t function, uint32_t gtp, uint32_
   if (named == nullptr) {
     KLTT_Fatal("statistics for undefined function #%d", static_cast<int>(function));
   }
-  const KLTT_Named* classOf = context.classes.find(named->extra);
+  const KLTT_Class* classOf = context.classes.find(named->extra);
   if (classOf == nullptr) {
     KLTT_Fatal("statistics for function #%d with undefined class", static_cast<int>(function));
   }
   const auto seconds = [&](uint64_t ticks) {
     return static_cast<double>(static_cast<int64_t>(ticks)) * context.clockPeriod;
   };
-  RK_OutputPrintf(context.listing, "INFO ACTSTATS %s:%s:%u:%u:%e:%e:%e:%e:%e:%e\n",
-                  classOf->name.c_str(), named->name.c_str(), gtp, calls, seconds(minSelf),
-                  seconds(maxSelf), seconds(totalSelf), seconds(minInclusive),
+  RK_OutputWrite(context.listing, "INFO ACTSTATS ");
+  for (const char* part : KLTT_ClassParts(context, *classOf)) {
+    RK_OutputWrite(context.listing, part);
+    RK_OutputWrite(context.listing, ":");
+  }
+  RK_OutputPrintf(context.listing, "%s:%u:%u:%e:%e:%e:%e:%e:%e\n", named->name, gtp, calls,
+                  seconds(minSelf), seconds(maxSelf), seconds(totalSelf), seconds(minInclusive),
                   seconds(maxInclusive), seconds(totalInclusive));
   return result(context.listing);
 }
@@ -118,7 +123,7 @@ int KLTT_CustomStatisticsDefinition(void* user, uint32_t id, const char* name, u
     return KLTT_PutStatisticsDefinition(writer, id, name, count, labels, units);
   }
   if (context.sink != nullptr) return 0;
-  KLTT_TableInsert(context.statistics, id, shown(name), 0);
+  KLTT_TableInsert(context.statistics, context.names, id, shown(name), 0);
   RK_Output* out = context.listing;
   RK_OutputPrintf(out, "# %s ", shown(name));
   for (uint32_t i = 0; i < count; ++i) {
@@ -138,7 +143,7 @@ int KLTT_CustomStatistics(void* user, uint32_t id, const char* name, uint32_t co
     KLTT_Fatal("entry for undefined statistics #%d", static_cast<int>(id));
   }
   RK_Output* out = context.listing;
-  RK_OutputPrintf(out, "INFO %s \"%s\"", statistics->name.c_str(), shown(name));
+  RK_OutputPrintf(out, "INFO %s \"%s\"", statistics->name, shown(name));
   for (uint32_t i = 0; i < count; ++i) RK_OutputPrintf(out, ":%e", values[i]);
   RK_OutputWrite(out, "\n");
   return result(out);

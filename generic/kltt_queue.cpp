@@ -66,7 +66,7 @@ KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
   return nodes_[node];
 }
 
-void KLTT_Queue::addComment(uint64_t time, std::string_view text) {
+void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoClass) {
   uint32_t number = 0;
   if (freeTexts_.empty()) {
     number = static_cast<uint32_t>(texts_.size());
@@ -79,7 +79,7 @@ void KLTT_Queue::addComment(uint64_t time, std::string_view text) {
   KLTT_Delayed& node = add(time);
   node.kind = KLTT_DelayedKind::kComment;
   node.gtp = 0;
-  node.text = number;
+  node.comment = {.text = number, .infoClass = infoClass};
 }
 
 // Moves `now_` on to the first key there is. REQUIRES: due_ is used up, a bucket holds keys.
@@ -120,8 +120,8 @@ uint64_t KLTT_Queue::waitingTime() {
 void KLTT_Queue::forgetText(const KLTT_Delayed& node) {
   if (node.kind != KLTT_DelayedKind::kComment) [[likely]]
     return;
-  std::string().swap(texts_[node.text]);
-  freeTexts_.push_back(node.text);
+  std::string().swap(texts_[node.comment.text]);
+  freeTexts_.push_back(node.comment.text);
 }
 
 void KLTT_Queue::pop() {

@@ -45,13 +45,18 @@ struct KLTT_DelayedOperation {
   uint32_t scl;
 };
 
+struct KLTT_DelayedComment {
+  uint32_t text;       // a number for KLTT_Queue::text
+  uint32_t infoClass;  // whose path and a colon come ahead of the text; 0: none
+};
+
 struct KLTT_Delayed {
   KLTT_DelayedKind kind;
   uint32_t gtp;  // the thread that it happens to; 0 for a comment
   union {
     KLTT_DelayedMessage message;      // kSendMsg, kRecvMsg
     KLTT_DelayedOperation operation;  // kGlobalOp
-    uint32_t text;                    // kComment: a number for KLTT_Queue::text
+    KLTT_DelayedComment comment;      // kComment
   };
 };
 
@@ -67,14 +72,14 @@ class KLTT_Queue {
   // Sorts in a node at `time` (internal time). To be filled by the caller; the reference holds
   // until the next call of add or addComment.
   KLTT_Delayed& add(uint64_t time);
-  void addComment(uint64_t time, std::string_view text);
+  void addComment(uint64_t time, std::string_view text, uint32_t infoClass = 0);
 
   // The first node. REQUIRES: not empty.
   [[nodiscard]] const KLTT_Delayed& front() {
     return headsTheQueue() ? present_[presentFirst_] : nodes_[frontNode()];
   }
   [[nodiscard]] const std::string& text(const KLTT_Delayed& comment) const {
-    return texts_[comment.text];
+    return texts_[comment.comment.text];
   }
   // Removes the first node. REQUIRES: not empty.
   void pop();

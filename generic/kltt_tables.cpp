@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "generic/RK_rkf.h"
 #include "generic/RK_wtrace.h"
@@ -24,10 +26,10 @@ const char* shown(const char* text) { return text == nullptr ? "(null)" : text; 
 // Names come from the trace: fit for a message to a person.
 std::string printable(const char* text) { return PAL_Printable(shown(text)); }
 
-// The path of a class from the root, checked against what the definition says. Ends the process if
-// the definition contradicts itself.
-std::string fullClassName(const KLTT_Context& context, const char* name, const char* nameSelf,
-                          uint32_t parent) {
+// What the definition says, without what it doesn't need to say. Ends the process if it contradicts
+// itself.
+KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, const char* nameSelf,
+                        uint32_t parent) {
   if (parent == 0) {
     const char* own = name != nullptr ? name : nameSelf;
     if (own == nullptr) {
@@ -38,20 +40,41 @@ std::string fullClassName(const KLTT_Context& context, const char* name, const c
       KLTT_Fatal("class def with different names: %s != %s", printable(nameSelf).c_str(),
                  printable(name).c_str());
     }
-    return own;
+    return {.key = id, .own = context.names.keep(own), .pathBytes = std::strlen(own)};
   }
-  const KLTT_Named* above = context.classes.find(parent);
+  const KLTT_Class* above = context.classes.find(parent);
   if (above == nullptr) KLTT_Fatal("class def with invalid parent");
   if (nameSelf == nullptr) KLTT_Fatal("class def without nameself");
-  std::string full = above->name + ":" + nameSelf;
-  if (name != nullptr && full != name) {
-    KLTT_Fatal("class def with broken hierarchy: %s != %s", printable(full.c_str()).c_str(),
-               printable(name).c_str());
+  const KLTT_Class result{.key = id,
+                          .parent = parent,
+                          .own = context.names.keep(nameSelf),
+                          .pathBytes = above->pathBytes + 1 + std::strlen(nameSelf)};
+  if (name != nullptr &&
+      (std::strlen(name) != result.pathBytes || KLTT_ClassPath(context, result) != name)) {
+    KLTT_Fatal("class def with broken hierarchy: %s != %s",
+               printable(KLTT_ClassPath(context, result).c_str()).c_str(), printable(name).c_str());
   }
-  return full;
+  return result;
 }
 
 }  // namespace
+
+std::vector<const char*> KLTT_ClassParts(const KLTT_Context& context, const KLTT_Class& of) {
+  std::vector<const char*> parts{of.own};
+  for (const KLTT_Class* at = &of; at->parent != 0;) {
+    at = context.classes.find(at->parent);
+    parts.push_back(at->own);
+  }
+  std::reverse(parts.begin(), parts.end());
+  return parts;
+}
+
+std::string KLTT_ClassPath(const KLTT_Context& context, const KLTT_Class& of, size_t limit) {
+  const std::vector<const char*> parts = KLTT_ClassParts(context, of);
+  std::string path = parts[0];
+  for (size_t i = 1; i < parts.size() && path.size() < limit; ++i) (path += ':') += parts[i];
+  return path;
+}
 
 const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
                                            const char* record) {
@@ -145,18 +168,22 @@ int KLTT_Duration(void* user, uint64_t start, uint64_t end) {
 int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* nameSelf,
                          uint32_t parent) {
   KLTT_Context& context = contextOf(user);
-  const std::string full = fullClassName(context, name, nameSelf, parent);
-  if (KLTT_TableInsert(context.classes, id, full.c_str(), parent) == 0) {
+  KLTT_Class defined = checkedClass(context, id, name, nameSelf, parent);
+  if (context.classes.indexOf(id) != 0) {
     KLTT_Fatal("duplicate class def: %d = %s", static_cast<int>(id),
-               printable(full.c_str()).c_str());
+               printable(KLTT_ClassPath(context, defined).c_str()).c_str());
   }
+  int result = 0;
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutClass(writer, id, full.c_str(), nameSelf, parent);
+    defined.outputPath = KLTT_PutClassPath(writer, context, defined);
+    result = KLTT_PutClass(writer, id, defined.outputPath, nameSelf, parent);
+  } else if (RK_Output* text = KLTT_Text(context)) {
+    const std::string path = KLTT_ClassPath(context, defined);
+    result = RK_WriteSampClass(text, id, path.c_str());
+    if (result == 0) result = RK_WriteAct(text, id, path.c_str());
   }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  if (RK_WriteSampClass(text, id, full.c_str()) != 0) return 1;
-  return RK_WriteAct(text, id, full.c_str());
+  if (KLTT_Class* entry = context.classes.insert(id)) *entry = defined;
+  return result;
 }
 
 int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t classId) {
@@ -168,7 +195,7 @@ int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t 
   if (context.classes.indexOf(classId) == 0) {
     KLTT_Fatal("function def record with an undefined class id");
   }
-  KLTT_TableInsert(context.functions, id, name, classId);
+  KLTT_TableInsert(context.functions, context.names, id, name, classId);
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
     return KLTT_PutFunction(writer, id, name, classId);
   }
@@ -206,7 +233,7 @@ int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint3
 
 int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {
   KLTT_Context& context = contextOf(user);
-  KLTT_TableInsert(context.collops, id, name, kind);
+  KLTT_TableInsert(context.collops, context.names, id, name, kind);
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
     return KLTT_PutOperation(writer, id, name, kind);
   }
@@ -267,8 +294,9 @@ int KLTT_Info(void* user, uint32_t classId, const char* text) {
   KLTT_Context& context = contextOf(user);
   if (context.sink == nullptr) return 0;
   if (classId == 0) KLTT_Fatal("info record without a proper class id");
-  const KLTT_Named* named = context.classes.find(classId);
-  if (named == nullptr) KLTT_Fatal("info record with an undefined class id");
-  context.pending.addComment(0, named->name + ": " + shown(text));
+  if (context.classes.indexOf(classId) == 0) {
+    KLTT_Fatal("info record with an undefined class id");
+  }
+  context.pending.addComment(0, shown(text), classId);
   return 0;
 }

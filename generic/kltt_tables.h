@@ -5,12 +5,24 @@
 // 0, or 1 if the output failed. A definition that breaks the rules ends the process: KLTT_Fatal.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "util/pal_triplets.h"
 
+struct KLTT_Class;
 struct KLTT_Context;
 class KLTT_MemberList;
+
+// The own names of a class and those above it, from the root on.
+[[nodiscard]] std::vector<const char*> KLTT_ClassParts(const KLTT_Context& context,
+                                                       const KLTT_Class& of);
+// The full name of a class: its parts joined by ":". What comes after the part that reaches `limit`
+// bytes is left out.
+[[nodiscard]] std::string KLTT_ClassPath(const KLTT_Context& context, const KLTT_Class& of,
+                                         size_t limit = SIZE_MAX);
 
 // The members of a communicator, for the handlers of collective operations and for statistics.
 // Ends the process with a message that begins with `record` if `id` is 0 or unknown.

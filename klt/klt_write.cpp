@@ -131,8 +131,24 @@ uint32_t KLT_WFileHandle::stringId(const char* text) {
   if (text == nullptr) return 0;
   const auto [known, isNew] =
       stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, text);
+  if (isNew) strings.insert(known->second, {.above = 0, .rest = text});
   return known->second;
+}
+
+uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
+  // No text has a zero in it, so no other text has this key.
+  const std::string key = std::string(rest) + '\0' + std::to_string(above);
+  const auto [known, isNew] = stringIds.try_emplace(key, static_cast<uint32_t>(strings.size() + 1));
+  if (isNew) strings.insert(known->second, {.above = above, .rest = std::string(rest)});
+  return known->second;
+}
+
+std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
+  std::vector<const KLT_JoinedText*> parts{&text};
+  while (parts.back()->above != 0) parts.push_back(strings.find(parts.back()->above));
+  std::string whole;
+  for (auto part = parts.rbegin(); part != parts.rend(); ++part) whole += (*part)->rest;
+  return whole;
 }
 
 void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count, const char* file,

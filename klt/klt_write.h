@@ -57,6 +57,19 @@ void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 // Here as there an index that isn't there, or not whole, leaves an empty file.
 bool KLT_WriterFree(KLT_WFileHandle* writer);
 
+// A text to write: itself (null: none), or the id under which the writer knows it.
+struct KLT_WriteText {
+  KLT_WriteText(const char* given) : text(given) {}  // NOLINT(google-explicit-constructor)
+  [[nodiscard]] static KLT_WriteText known(uint32_t id) {
+    KLT_WriteText result(nullptr);
+    result.id = id;
+    return result;
+  }
+
+  const char* text;
+  uint32_t id = 0;
+};
+
 namespace klt {
 
 // Index of the argument that field F of row N is given by.
@@ -70,9 +83,18 @@ constexpr size_t argumentIndex(size_t field) {
   return index;
 }
 
+template <int N, size_t F>
+auto writeArgument() {
+  constexpr const KLT_Row& row = kKltRows[N - 1];
+  if constexpr (argumentKind(row, F, isArrayField(row, F)) == ArgumentKind::kString)
+    return std::tuple<KLT_WriteText>{nullptr};
+  else
+    return argumentTuple<N, F>();
+}
+
 template <int N, size_t... F>
 auto writeArguments(std::index_sequence<F...>)
-    -> decltype(std::tuple_cat(argumentTuple<N, F>()...));
+    -> decltype(std::tuple_cat(writeArgument<N, F>()...));
 
 // The argument list of row N.
 template <int N>
@@ -161,7 +183,10 @@ class RowWriter {
   template <size_t F>
   void intern() {
     if constexpr (F < row.numFields) {
-      if constexpr (isString<F>() && !layout.isArray(F)) ids_[F] = writer_.stringId(argument<F>());
+      if constexpr (isString<F>() && !layout.isArray(F)) {
+        const KLT_WriteText given = argument<F>();
+        ids_[F] = given.text == nullptr ? given.id : writer_.stringId(given.text);
+      }
       if constexpr (isString<F>() && layout.isArray(F)) {
         std::vector<uint32_t>& ids = writer_.idScratch(F);
         ids.clear();

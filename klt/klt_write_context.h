@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -123,6 +124,12 @@ struct alignas(64) KLT_WriteContext {
   [[gnu::cold]] Place beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes);
 };
 
+// A text of the output, in two parts: the text of another id and what follows it.
+struct KLT_JoinedText {
+  uint32_t above = 0;  // 0: none
+  std::string rest;
+};
+
 struct KLT_WFileHandle {
   static constexpr uint64_t kChunkBytes = 0x10000;  // distance of seek points
 
@@ -136,13 +143,13 @@ struct KLT_WFileHandle {
   KLT_IoFile* indexFile = nullptr;
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
   std::array<KLT_IdIndex, 16> byThread;  // by category bit: gtp to place in `contexts`, from 1
-  KLT_IdMap<std::string> strings;
-  std::unordered_map<std::string, uint32_t> stringIds;
-  KLT_IdMap<PAL_Triplets> willyLists;              // of one thread each
-  std::unordered_map<uint32_t, uint32_t> listIds;  // by thread
-  std::vector<uint32_t> declaredThreads;           // of each process
-  PAL_Triplets selectedThreads;                    // by KLT_WriterListThreads; empty for all
-  bool listsDeclared = false;                      // it has been called
+  KLT_IdMap<KLT_JoinedText> strings;
+  std::unordered_map<std::string, uint32_t> stringIds;  // of joined texts by joinedKey
+  KLT_IdMap<PAL_Triplets> willyLists;                   // of one thread each
+  std::unordered_map<uint32_t, uint32_t> listIds;       // by thread
+  std::vector<uint32_t> declaredThreads;                // of each process
+  PAL_Triplets selectedThreads;  // by KLT_WriterListThreads; empty for all
+  bool listsDeclared = false;    // it has been called
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
   KLT_FileSet untouchable;
@@ -158,6 +165,10 @@ struct KLT_WFileHandle {
   }
   // The id of a text, 0 for null; new texts are entered.
   [[nodiscard]] uint32_t stringId(const char* text);
+  // The id of the text `above` with `rest` behind it. The two stay apart until the text is written:
+  // a chain of texts, each a part of the next, takes memory with its length.
+  [[nodiscard]] uint32_t joinedId(uint32_t above, std::string_view rest);
+  [[nodiscard]] std::string textOf(const KLT_JoinedText& text) const;
   [[nodiscard]] KLT_FileStats* stats() const { return fileStats.get(); }
   [[nodiscard]] uint64_t ticks(uint64_t time) const {
     return fileStats == nullptr ? 0 : fileStats->ticks(time);

@@ -247,7 +247,7 @@ void writeStructure(KLT_WFileHandle& writer) {
     }
   }
   for (const auto* entry : inTableOrder(writer.strings)) {
-    KLT_Write<69>(w, nullptr, entry->id, entry->value.c_str());
+    KLT_Write<69>(w, nullptr, entry->id, writer.textOf(entry->value).c_str());
   }
   for (const auto* entry : inTableOrder(writer.willyLists)) {
     writeList(writer, entry->id, entry->value);

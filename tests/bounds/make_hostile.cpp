@@ -51,6 +51,24 @@ void definitions(tb::Trace& trace, uint64_t size) {
   trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(2).leave(0);
 }
 
+// Names that add up to far more than the trace holds: paths of a chain, one name for many.
+void longNames(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kChainShare = 10;
+  constexpr uint64_t kOthersShare = 50;
+  basics(trace);
+  const uint32_t self = trace.text("c");
+  const auto deepest = static_cast<uint32_t>(2 + size / kChainShare);
+  for (uint32_t id = 2; id <= deepest; ++id) {
+    trace.declarations().record(12, {{"id", id}, {"nameself", self}, {"parent", id - 1}});
+  }
+  const std::string name(65535, 'n');
+  for (uint32_t i = 0; i < size / kOthersShare; ++i) {
+    trace.function(2 + i, name, 1);
+    trace.declarations().record(47, {{"info_class", deepest}, {"info", "i"}});
+  }
+  trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(2).leave(0);
+}
+
 void threads(tb::Trace& trace, uint64_t size) {
   basics(trace);
   tb::Stream& s = trace.stream("f", tb::FUNCTIONS);
@@ -137,6 +155,7 @@ constexpr Case kCases[] = {{"deep_stack", deepStack},
                            {"open_scopes", openScopes},
                            {"endless_messages", endlessMessages},
                            {"definitions", definitions},
+                           {"long_names", longNames},
                            {"threads", threads},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "generic/kltt_binary.h"
+#include "generic/kltt_extract.h"
 #include "generic/kltt_print.h"
 #include "klt/klt_write.h"
 #include "kltt_fixture.h"
@@ -52,14 +53,15 @@ TEST(KlttIdIndex, AgreesWithAMapForAnyIds) {
 }
 
 TEST(KlttTable, FirstEntryStaysAndIdZeroIsNeverStored) {
+  KLTT_Names names;
   KLTT_Table<KLTT_Named> table;
-  EXPECT_EQ(KLTT_TableInsert(table, 7, "first", 1), 1);
-  EXPECT_EQ(KLTT_TableInsert(table, 7, "second", 2), 0);
-  EXPECT_EQ(table.find(7)->name, "first");
+  EXPECT_EQ(KLTT_TableInsert(table, names, 7, "first", 1), 1);
+  EXPECT_EQ(KLTT_TableInsert(table, names, 7, "second", 2), 0);
+  EXPECT_STREQ(table.find(7)->name, "first");
   EXPECT_EQ(table.find(7)->extra, 1u);
-  EXPECT_EQ(KLTT_TableInsert(table, 0, "none", 1), 1);
+  EXPECT_EQ(KLTT_TableInsert(table, names, 0, "none", 1), 1);
   EXPECT_EQ(table.find(0), nullptr);
-  EXPECT_EQ(KLTT_TableInsert(table, 0xfffffffe, nullptr, 3), 1);
+  EXPECT_EQ(KLTT_TableInsert(table, names, 0xfffffffe, nullptr, 3), 1);
   EXPECT_EQ(table.indexOf(0xfffffffe), 2u);
   EXPECT_EQ(table.count(), 2u);
 }
@@ -139,7 +141,7 @@ TEST_F(KlttTables, ARepeatedFunctionKeepsItsFirstClass) {
   text();
   EXPECT_EQ(KLTT_FunctionDefinition(&context, 10, "other", 2), 0);
   EXPECT_EQ(text(), "DEFSTATE 10 ACT 2 \"other\"\n");
-  EXPECT_EQ(context.functions.find(10)->name, "main");
+  EXPECT_STREQ(context.functions.find(10)->name, "main");
   EXPECT_EQ(context.functions.find(10)->extra, 1u);
 }
 
@@ -254,6 +256,52 @@ TEST_F(KlttTables, ABinaryCounterHasOneKindOfValueAndOneHint) {
   }
   KLT_Close(trace);
   EXPECT_EQ(reading::only(recorder.lines, {"counter_definition"}), expected);
+}
+
+// Paths of all lengths, and one name for many, read back from a slice as they are in the original.
+TEST_F(KlttTables, AChainOfClassesKeepsItsNamesInASlice) {
+  tb::Trace trace;
+  trace.clock(1, 0).processes({1}).defineClass(1, "root").defineClass(2, "root:a", 1);
+  const std::string part(16000, 'p');
+  for (uint32_t id = 3; id < 10; ++id) {
+    trace.declarations().record(
+        12, {{"id", id}, {"nameself", trace.text(part)}, {"parent", id < 8 ? id - 1 : 6}});
+  }
+  trace.declarations().record(47, {{"info_class", 4}, {"info", "deep"}});
+  trace.stream("f", tb::FUNCTIONS).at(1).enter(0, 1);
+  trace.function(1, "f", 9);
+
+  const tb::TempDir directory;
+  const auto extract = [&](KLT_FileHandle* handle, const std::string& name, int format) {
+    RK_conf.logfile_name = directory / name;
+    RK_conf.logfile_name_set = true;
+    RK_conf.output_format = format;
+    RK_conf.matched_rkf = format;
+    EXPECT_EQ(KLTT_Extract(handle, 1), 0);
+    return tb::readFile(directory / name);
+  };
+  reading::OpenTrace open(trace);
+  const std::string text = extract(open.handle(), "a.rkf", 0);
+  std::string path = "root:a";
+  for (uint32_t id = 3; id < 8; ++id) {
+    path += ':' + part;
+    EXPECT_NE(text.find("\nDEFACT " + std::to_string(id) + " \"" + path + "\"\n"), text.npos) << id;
+  }
+  EXPECT_NE(text.find("\n0 C root:a:" + part + ':' + part + ": deep\n"), text.npos);
+  (void)extract(open.handle(), "b.klt", 1);
+  KLT_FileHandle* slice = KLT_Open((directory / "b.klt").c_str());
+  ASSERT_NE(slice, nullptr);
+  size_t longest = 0;
+  for (const auto& entry : slice->strings.entries()) {
+    longest = std::max(longest, entry.value.size());
+  }
+  EXPECT_EQ(longest, 6 + 4 * (1 + part.size()));  // a fifth part wouldn't fit
+  const auto definitions = [](const std::string& whole) {
+    const size_t begin = whole.find("\nNCPUS");
+    return whole.substr(begin, whole.find("\n0 C") - begin);
+  };
+  EXPECT_TRUE(definitions(extract(slice, "c.rkf", 0)) == definitions(text));
+  KLT_Close(slice);
 }
 
 }  // namespace
