@@ -8,6 +8,7 @@
 #include "generic/kltt_events.h"
 #include "generic/kltt_tables.h"
 #include "klt/klt_write.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -164,6 +165,7 @@ int KLTT_PutFileIo(KLT_WFileHandle* writer, bool begin, uint64_t time, uint32_t 
 
 int KLTT_PutSamples(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t count,
                     const uint32_t* counters, const uint64_t* values) {
+  const PAL_Place here;
   std::vector<uint64_t> stored;
   stored.reserve(count);
   for (uint32_t i = 0; i < count; ++i) stored.push_back(storedBytes(values[i]));

@@ -12,6 +12,7 @@
 #include "generic/kltt_exit.h"
 #include "generic/kltt_tables.h"
 #include "klt/klt_spans.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -74,6 +75,7 @@ const uint32_t* matchedSizes(KLTT_Context& context, const Collop& op,
 // The record of the operation's own kind, which may differ from the one read.
 int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, const Collop& op,
               const KLTT_MemberList& members, uint32_t kind, uint64_t internalTime) {
+  const PAL_Place here;
   std::vector<uint64_t> starts;
   std::vector<uint64_t> deltas;
   for (uint32_t i = 0; i < op.n; ++i) {

@@ -11,6 +11,7 @@
 #include "generic/kltt_exit.h"
 #include "generic/kltt_tables.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -28,8 +29,8 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
   return KLTT_LogFormatRecord(context, *internalTime) == 0;
 }
 
-std::string commentText(const KLTT_Context& context, const KLTT_Delayed& node,
-                        size_t limit = SIZE_MAX) {
+[[gnu::noinline]] std::string commentText(const KLTT_Context& context, const KLTT_Delayed& node,
+                                          size_t limit = SIZE_MAX) {
   const std::string& text = context.pending.text(node);
   const KLTT_Class* about = context.classes.find(node.comment.infoClass);
   return about == nullptr ? text : KLTT_ClassPath(context, *about, limit) + ": " + text;
@@ -419,6 +420,7 @@ int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet
 // anything is open on it.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   const bool openEnd = static_cast<int64_t>(time) < 0;
   const uint64_t internalTime = KLTT_InternalTime(context, openEnd ? context.lastEventTime : time);

@@ -25,6 +25,7 @@
 #include "klt/klt_intern.h"
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -88,6 +89,7 @@ void setGatheringHandlers(KLT_HandlerTable& table) {
 // The sink that the options ask for; null if they ask for none. Ends the process if it can't be
 // opened.
 RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
+  const PAL_Place here;
   if (!RK_conf.logfile_name_set || RK_conf.remove != 0 || RK_conf.move != 0) return nullptr;
   const char* name = RK_conf.logfile_name.c_str();
   RK_Sink* sink = nullptr;
@@ -182,6 +184,7 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
 }
 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
+  const PAL_Place here;
   KLTT_Context context;
   const SinkKeeper keeper(context);
   KLT_HandlerTable table;

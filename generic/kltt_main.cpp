@@ -84,6 +84,7 @@ void passEcho() {
 }
 
 void readConfiguration(int argc, char** argv) {
+  const PAL_Place here;
   argv[0] = nullptr;
   argv[1] = nullptr;
   // The first pass may meet options of the collector in a shared file: nothing to warn of.
@@ -130,6 +131,7 @@ void settleFormat() {
 }
 
 KLT_FileHandle* openInput(const char* name) {
+  const PAL_Place here;
   KLT_FileHandle* handle = KLT_Open(name);
   if (handle != nullptr) return handle;
   std::fprintf(stderr, "Could not open file %s for reading.\n", PAL_Printable(name).c_str());
@@ -196,6 +198,7 @@ const char* outputDirectory() {
 }
 
 [[noreturn]] void merge(KLT_FileHandle* handle, const char* input) {
+  const PAL_Place here;
   const RK_Conf& c = RK_conf;
   const char* target = c.logfile_name_set ? c.logfile_name.c_str() : nullptr;
   int flags = 0;
@@ -211,18 +214,21 @@ const char* outputDirectory() {
 }
 
 [[noreturn]] void convert(KLT_FileHandle* handle) {
+  const PAL_Place here;
   if (RK_conf.logfile_name != "-") ignoreBrokenPipes();
   KLTT_Exit(KLT_Convert(handle, outputDirectory(), RK_conf.logfile_name.c_str(),
                         RK_conf.output_single_file, KLTT_InputFiles(handle)));
 }
 
 [[noreturn]] void move(KLT_FileHandle* handle) {
+  const PAL_Place here;
   if (!RK_conf.logfile_name_set) failWithoutName("--move <filename>");
   ignoreBrokenPipes();
   KLTT_Exit(KLT_Move(handle, RK_conf.logfile_name.c_str(), KLTT_InputFiles(handle)));
 }
 
 [[noreturn]] void remove(KLT_FileHandle* handle) {
+  const PAL_Place here;
   ignoreBrokenPipes();
   KLTT_Exit(KLT_Remove(handle));
 }
@@ -258,6 +264,7 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
 }  // namespace
 
 void KLTT_Main(int argc, char** argv) {
+  const PAL_Place here;
   occupyStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write, reported as such
   const int32_t serial = deliveryOrder();

@@ -11,6 +11,7 @@
 #include "generic/kltt_context.h"
 #include "generic/kltt_exit.h"
 #include "klt/klt.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -46,6 +47,7 @@ class ProgressLine {
 
 void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                           std::span<const KLT_Request> requests, int serial) {
+  const PAL_Place here;
   std::vector<const KLT_Request*> pointers;
   for (const KLT_Request& request : requests) pointers.push_back(&request);
   const KLT_OwnedReader owner(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),

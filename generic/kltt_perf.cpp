@@ -20,6 +20,7 @@
 #include "klt/klt_request.h"
 #include "klt/klt_schema.h"
 #include "klt/klt_spans.h"
+#include "util/pal_mem.h"
 #include "util/pal_util.h"
 
 namespace {
@@ -41,6 +42,7 @@ int gather(void* user, const char* record, uint64_t time, uint32_t communicator,
   for (uint32_t i = 0; i < n && member.next(&gtp); ++i) {
     // Time 0 stands for no part, too.
     if (klt::isUnknownStart(starts[i]) || time + starts[i] == 0) continue;
+    PAL_MakeRoom(context.perfMembers);
     context.perfMembers.push_back({.gtp = gtp, .time = time + starts[i]});
   }
   context.perfEnds.push_back(context.perfMembers.size());

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <bit>
 
+#include "util/pal_mem.h"
+
 namespace {
 
 constexpr size_t kKeptKeys = 1024;  // a large list gives its memory back
@@ -16,6 +18,7 @@ uint32_t KLTT_Queue::newNode() {
     freeNodes_.pop_back();
     return node;
   }
+  PAL_MakeRoom(nodes_);
   nodes_.emplace_back();
   return static_cast<uint32_t>(nodes_.size() - 1);
 }
@@ -24,6 +27,7 @@ uint32_t KLTT_Queue::newNode() {
 inline void KLTT_Queue::place(const Key& key) {
   const uint64_t difference = key.time ^ now_;
   if (difference == 0) {
+    PAL_MakeRoom(due_);
     due_.push_back(key);
     return;
   }
@@ -33,6 +37,7 @@ inline void KLTT_Queue::place(const Key& key) {
   Bucket& bucket = buckets_[position][digit];
   bucket.leastTime = std::min(bucket.leastTime, key.time);
   bucket.lastTime = std::max(bucket.lastTime, key.time);
+  PAL_MakeRoom(bucket.keys);
   bucket.keys.push_back(key);
   usedDigits_[position] |= uint64_t{1} << digit;
   usedLevels_ |= uint32_t{1} << level;
@@ -49,6 +54,7 @@ KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
     presentTime_ = time;
     nextTime_ = std::min(nextTime_, time);
     ++count_;
+    PAL_MakeRoom(present_);
     return present_.emplace_back();
   }
   const uint32_t node = newNode();
@@ -137,6 +143,7 @@ void KLTT_Queue::pop() {
   }
   const uint32_t first = frontNode();
   forgetText(nodes_[first]);
+  PAL_MakeRoom(freeNodes_);
   freeNodes_.push_back(first);
   if (late_.empty()) [[likely]] {
     ++dueFirst_;

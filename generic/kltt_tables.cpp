@@ -16,6 +16,7 @@
 #include "generic/kltt_events.h"
 #include "generic/kltt_exit.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -97,6 +98,7 @@ const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator, size_
 }
 
 int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   context.numProcesses = n;
   context.threadCounts.assign(threads, threads + n);
@@ -125,6 +127,7 @@ int KLTT_WillyName(void* user, uint32_t gtp, const char* name) {
 
 int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const char* ip,
                          uint32_t pid, uint64_t tid, double offset, double skew) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (context.sink == nullptr) return 0;
   char line[512];  // long names are cut there
@@ -167,6 +170,7 @@ int KLTT_Duration(void* user, uint64_t start, uint64_t end) {
 
 int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* nameSelf,
                          uint32_t parent) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   KLTT_Class defined = checkedClass(context, id, name, nameSelf, parent);
   if (context.classes.indexOf(id) != 0) {
@@ -187,6 +191,7 @@ int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* 
 }
 
 int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t classId) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (classId == 0) {
     KLTT_Fatal("class id of function #%d %s is zero", static_cast<int>(id),
@@ -221,6 +226,7 @@ int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t cla
 
 int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint32_t numTriplets,
                                 const PAL_Triplet* triplets, int32_t leftSize) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   const std::vector<int32_t> members = PAL_TripletsExpand({triplets, numTriplets});
   if (KLTT_Communicator* communicator = context.communicators.insert(id)) {
@@ -232,6 +238,7 @@ int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint3
 }
 
 int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   KLTT_TableInsert(context.collops, context.names, id, name, kind);
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
@@ -244,6 +251,7 @@ int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name
 int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
                            const uint64_t* bounds, uint32_t gtp, uint32_t classId,
                            const char* unit) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (KLTT_Counter* counter = context.counters.insert(id)) counter->flags = flags;
   if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
@@ -291,6 +299,7 @@ int KLTT_FileIoFileDefinition(void* user, uint32_t id, uint32_t communicator, co
 }
 
 int KLTT_Info(void* user, uint32_t classId, const char* text) {
+  const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (context.sink == nullptr) return 0;
   if (classId == 0) KLTT_Fatal("info record without a proper class id");

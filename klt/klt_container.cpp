@@ -19,6 +19,7 @@
 #include "klt/klt_io.h"
 #include "klt/klt_wire.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 #include "util/pal_util.h"
 #include "util/vfd.h"
 
@@ -133,6 +134,7 @@ bool readEntry(DirectoryReader& reader, uint64_t version, uint64_t end, KLT_DirE
 
 // Fills the container's table and sets its end. False if the directory makes no sense.
 bool loadDirectory(KLT_Container* container) {
+  const PAL_Place here;
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
   constexpr uint64_t kLeast = KLT_CONTAINER_HEADER_BYTES + kTrailerBytes;
   if (size < static_cast<off_t>(kLeast)) return false;
@@ -216,6 +218,7 @@ bool placeDirectory(const KLT_Container* container, uint64_t bytes, uint64_t* of
 }
 
 bool writeDirectory(const KLT_Container* container) {
+  const PAL_Place here;
   DirectoryWriter out;
   for (const KLT_DirEntry* entry : container->directory.walk()) writeEntry(*entry, &out);
   const uint64_t bytes = out.bytes().size() + kTrailerBytes;
@@ -233,6 +236,7 @@ bool writeDirectory(const KLT_Container* container) {
 }
 
 KLT_Container* newContainer(const char* dir, const char* name, int flags, mode_t mode, int form) {
+  const PAL_Place here;
   auto* const container = new KLT_Container;
   if (dir != nullptr) container->dir = dir;
   container->name = name;
@@ -276,6 +280,7 @@ KLT_DirEntry* KLT_NameTable::enter(std::string&& name) {
 }
 
 std::vector<const KLT_DirEntry*> KLT_NameTable::walk() const {
+  const PAL_Place here;
   std::vector<std::pair<uint32_t, const KLT_DirEntry*>> order;
   order.reserve(entries_.size());
   for (const KLT_DirEntry& entry : entries_) order.emplace_back(bucketOf(entry.name), &entry);

@@ -12,6 +12,7 @@
 #include "klt/klt_reader.h"
 #include "klt/klt_stream.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -194,6 +195,7 @@ int declareComponent(KLT_Stream& s, const uint8_t* record) {
 }
 
 int declareString(KLT_Stream& s, const uint8_t* record) {
+  const PAL_Place here;
   using View = KLT_RecordView<69>;
   s.handle->strings.insert(View::get32<0>(record),
                            std::string(View::array<char, 2>(record), View::count<2>(record)));
@@ -201,18 +203,21 @@ int declareString(KLT_Stream& s, const uint8_t* record) {
 }
 
 int declareWillyList(KLT_Stream& s, const uint8_t* record) {
+  const PAL_Place here;
   s.handle->willyLists.insert(KLT_RecordView<73>::get32<0>(record),
                               std::make_unique<PAL_Triplets>(tripletsOf<73>(record)));
   return 0;
 }
 
 void declareProcesses(KLT_Stream& s, const uint8_t* record) {
+  const PAL_Place here;
   using View = KLT_RecordView<65>;
   const auto* counts = View::array<uint32_t, 1>(record);
   s.handle->threadsPerProcess.assign(counts, counts + View::count<1>(record));
 }
 
 void declareGroup(KLT_Stream& s, const uint8_t* record) {
+  const PAL_Place here;
   using View = KLT_RecordView<45>;
   KLT_Group group;
   group.name.assign(View::array<char, 2>(record), View::count<2>(record));
@@ -222,6 +227,7 @@ void declareGroup(KLT_Stream& s, const uint8_t* record) {
 }
 
 int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
+  const PAL_Place here;
   using View = KLT_RecordView<19>;
   const uint32_t id = View::get32<0>(record);
   const PAL_Triplets members = tripletsOf<19>(record);

@@ -7,6 +7,7 @@
 
 #include "klt/klt_wire.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -398,6 +399,7 @@ void KLT_SetDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> l
 }
 
 KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool genericOnly) {
+  const PAL_Place here;
   size_t done = 1;
   if (!input.ensure(1)) return KLT_Parse::kNoData;
   const uint8_t number = input.at()[0];

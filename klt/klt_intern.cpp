@@ -5,6 +5,7 @@
 
 #include "klt/klt_generic.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 KLT_FileHandle::KLT_FileHandle() {
   indexEntry.filetype = static_cast<uint32_t>(KLT_FileType::kIndex);
@@ -50,6 +51,7 @@ void enterComponent(KLT_FileHandle& handle, std::unique_ptr<KLT_Component> compo
 
 void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
                       uint32_t categories, uint32_t willies) {
+  const PAL_Place here;
   auto component = std::make_unique<KLT_Component>();
   component->anchorFile = fileOf(handle, anchorFile);
   component->dataFile = fileOf(handle, dataFile);
@@ -62,6 +64,7 @@ void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t data
 }
 
 bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype, std::string_view suffix) {
+  const PAL_Place here;
   if (!KLT_SuffixIsSafe(suffix)) return false;
   auto file = std::make_unique<KLT_FileEntry>();
   file->suffix = suffix;
@@ -78,6 +81,7 @@ bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype, std::st
 }
 
 std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle) {
+  const PAL_Place here;
   constexpr uint32_t kBuckets = 1021;
   const auto bucket = [](const KLT_Component* component) {
     return (component->listId + component->categories) % kBuckets;

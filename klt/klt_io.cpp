@@ -14,6 +14,7 @@
 
 #include "klt/klt_container.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 #include "util/pal_util.h"
 #include "util/vfd.h"
 
@@ -80,6 +81,7 @@ int openForReading(const KLT_Container* container, const char* fileName, int* re
 }
 
 KLT_IoFile* openPlain(KLT_Container* container, const char* fileName) {
+  const PAL_Place here;
   int refusal = 0;
   int64_t size = -1;
   const int fd = isReadOnly(container) ? openForReading(container, fileName, &refusal, &size)
@@ -119,6 +121,7 @@ void truncate(const KLT_Container* container, KLT_DirEntry* entry) {
 }
 
 KLT_IoFile* openInContainer(KLT_Container* container, std::string_view fileName) {
+  const PAL_Place here;
   const size_t at = fileName.find(container->name);
   if (at == std::string_view::npos) {
     PAL_Error("Cannot open file which does not contain basename %s\n",
@@ -195,6 +198,7 @@ int64_t readExtents(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
 // Puts the next extent of a component in use, for a request of `bytes`: an earlier allocation if
 // one is left, else the space at the container's end. False if the file can't grow by that much.
 bool allocate(KLT_IoFile* file, uint64_t bytes) {
+  const PAL_Place here;
   KLT_Container* const container = file->container;
   KLT_DirEntry* const entry = file->entry;
   if (entry->used == std::numeric_limits<uint32_t>::max()) return false;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "klt/klt_reader.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -269,6 +270,7 @@ bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
 }
 
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
+  const PAL_Place here;
   reader->limit.start(timeoutMs);
   countRecordsAnew(*reader);
   reader->status = reader->serial ? readInOrder(*reader) : readInTurns(*reader);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 #include "util/pal_util.h"
 
 namespace {
@@ -128,6 +129,7 @@ KLT_WFileHandle::~KLT_WFileHandle() {
 }
 
 uint32_t KLT_WFileHandle::stringId(const char* text) {
+  const PAL_Place here;
   if (text == nullptr) return 0;
   const auto [known, isNew] =
       stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
@@ -136,6 +138,7 @@ uint32_t KLT_WFileHandle::stringId(const char* text) {
 }
 
 uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
+  const PAL_Place here;
   // No text has a zero in it, so no other text has this key.
   const std::string key = std::string(rest) + '\0' + std::to_string(above);
   const auto [known, isNew] = stringIds.try_emplace(key, static_cast<uint32_t>(strings.size() + 1));
@@ -144,6 +147,7 @@ uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
 }
 
 std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
+  const PAL_Place here;
   std::vector<const KLT_JoinedText*> parts{&text};
   while (parts.back()->above != 0) parts.push_back(strings.find(parts.back()->above));
   std::string whole;
@@ -196,6 +200,7 @@ KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, 
 
 KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
                                        uint32_t thread) {
+  const PAL_Place here;
   const uint32_t place = writer.placeOf(category, thread);
   KLT_WriteContext* context =
       place != 0 ? writer.contexts[place - 1].get() : &KLT_CreateContext(writer, category, thread);
@@ -218,6 +223,7 @@ void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection) {
 KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex, int form,
                                 uint32_t flags, const KLT_StatsParameters* stats,
                                 KLT_FileSet untouchable) {
+  const PAL_Place here;
   auto writer = std::make_unique<KLT_WFileHandle>();
   writer->dir = dir == nullptr ? "" : dir;
   writer->name = name;
@@ -265,6 +271,7 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
 }
 
 uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
+  const PAL_Place here;
   if (dataUsed + bytes > KLT_WriteBuffer::kFlushBytes)
     KLT_FlushContext(writer, *this, false, false);
   if (data.lost) return nullptr;
@@ -356,6 +363,7 @@ void emptyIndex(const KLT_WFileHandle& writer, int form) {
 }  // namespace
 
 bool KLT_WriterFree(KLT_WFileHandle* writer) {
+  const PAL_Place here;
   const std::unique_ptr<KLT_WFileHandle> owner(writer);
   for (const auto& context : writer->contexts) KLT_CloseContext(*writer, *context);
   if (writer->indexFile != nullptr && KLT_IoClose(writer->indexFile) != 0) writer->failed = true;
@@ -367,6 +375,7 @@ bool KLT_WriterFree(KLT_WFileHandle* writer) {
 }
 
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
+  const PAL_Place here;
   if (writer->fileStats != nullptr && !writer->fileStats->write(writer)) {
     PAL_Error("Writing statistics failed.");
     writer->failed = true;

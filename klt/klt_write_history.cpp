@@ -1,5 +1,6 @@
 // What a writer remembers for its seek points. See klt_write_history.h.
 #include "klt/klt_write_history.h"
+#include "util/pal_mem.h"
 
 #include <algorithm>
 
@@ -17,6 +18,7 @@ KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time) {
     prune(time);
     pruneAt_ = std::max(kFirstPrune, 2 * entries_.size());
   }
+  PAL_MakeRoom(entries_);
   KLT_OffsetEntry& entry = entries_.emplace_back();
   entry.time = time;
   return entry;
@@ -78,6 +80,7 @@ void KLT_OffsetEntries::prune(uint64_t limit) {
 }
 
 void KLT_OffsetEntries::reindex() {
+  const PAL_Place here;
   std::unordered_map<uint64_t, size_t> open;
   counters_.clear();
   scopes_.clear();

@@ -8,6 +8,7 @@
 #include "klt/klt_intern.h"
 #include "klt/klt_write.h"
 #include "util/pal_error.h"
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -113,6 +114,7 @@ class AnchorWriter {
 }  // namespace
 
 const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  const PAL_Place here;
   if (context.anchors.lost) return nullptr;  // told when it was lost
   KLT_WriteHistory& history = context.history;
   history.offsets.prune(context.outputTime);
@@ -267,6 +269,7 @@ void writeStructure(KLT_WFileHandle& writer) {
 }  // namespace
 
 const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
+  const PAL_Place here;
   // What belongs to the components must have reached them before the index names them.
   for (const auto& context : writer.contexts) {
     KLT_FlushContext(writer, *context, true, false);

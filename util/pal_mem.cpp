@@ -304,13 +304,13 @@ void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer) {
 namespace {
 
 void* NewBlock(size_t bytes) {
-  return PAL_Allocate(bytes != 0 ? bytes : 1, __builtin_FILE(), __builtin_LINE());
+  return PAL_Allocate(bytes != 0 ? bytes : 1, PAL_Place::file(), PAL_Place::line());
 }
 
 void* NewAlignedBlock(size_t bytes, std::align_val_t alignment) {
   const size_t align = static_cast<size_t>(alignment);
   const size_t extra = align + sizeof(void*);
-  if (bytes > SIZE_MAX - extra) PAL_OutOfMemory(bytes, __builtin_FILE(), __builtin_LINE());
+  if (bytes > SIZE_MAX - extra) PAL_OutOfMemory(bytes, PAL_Place::file(), PAL_Place::line());
   void* base = NewBlock(bytes + extra);
   const uintptr_t address = reinterpret_cast<uintptr_t>(base) + extra;
   auto* block = static_cast<unsigned char*>(base) + (extra - address % align);

@@ -39,6 +39,48 @@ void PAL_MemInit();
 [[nodiscard]] void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line);
 void PAL_Release(void* block);
 
+// Where the program is, for the report of containers that find no memory: operator new can't know
+// who calls it. Names the place of its declaration as long as it lives, in all that is called from
+// there, unless that has a place of its own.
+class PAL_Place {
+ public:
+  explicit PAL_Place(const char* file = __builtin_FILE(), int line = __builtin_LINE())
+      : outerFile_(file_), outerLine_(line_) {
+    file_ = file;
+    line_ = line;
+  }
+  ~PAL_Place() {
+    file_ = outerFile_;
+    line_ = outerLine_;
+  }
+  PAL_Place(const PAL_Place&) = delete;
+  PAL_Place& operator=(const PAL_Place&) = delete;
+
+  [[nodiscard]] static const char* file() { return file_; }
+  [[nodiscard]] static int line() { return line_; }
+
+ private:
+  static inline constinit thread_local const char* file_ = __builtin_FILE();
+  static inline constinit thread_local int line_ = __builtin_LINE();
+
+  const char* outerFile_;
+  int outerLine_;
+};
+
+template <class Vector>
+[[gnu::cold, gnu::noinline]] void PAL_DoubleRoom(Vector& vector, const char* file, int line) {
+  const PAL_Place here(file, line);
+  vector.reserve(vector.empty() ? 1 : 2 * vector.size());
+}
+// Makes room in `vector` for one more element, at a place of its own. For what is too frequent for
+// a PAL_Place.
+template <class Vector>
+[[gnu::always_inline]] inline void PAL_MakeRoom(Vector& vector, const char* file = __builtin_FILE(),
+                                                int line = __builtin_LINE()) {
+  if (vector.size() == vector.capacity()) [[unlikely]]
+    PAL_DoubleRoom(vector, file, line);
+}
+
 // Points `pointer` to a new block of `bytes` bytes, or makes it null for 0 bytes.
 template <class T>
 void PAL_MALLOC(T*& pointer, size_t bytes, const char* file = __builtin_FILE(),

@@ -14,6 +14,7 @@ Only every k-th allocation and system call fails, with the strides given.
 import argparse
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
@@ -47,6 +48,9 @@ FAULTS = [("open", "EACCES"), ("open", "EMFILE"), ("read", "EIO"), ("read", "EIN
           ("write", "EAGAIN"), ("write", "short"), ("write", "short:on"), ("seek", "EIO"), ("close", "EIO"),
           ("stat", "EIO"), ("alloc", "ENOMEM")]
 
+
+# Where memory was missed: in the program's own code, by its path in the source tree.
+PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)\w+\.(cpp|h):\d+\], aborting\.\n")
 
 KILLS = [("open", "kill"), ("write", "kill"), ("write", "torn"), ("seek", "kill"),
          ("close", "kill")]
@@ -106,6 +110,8 @@ class Runner:
             problem = "success with other output"
         elif done.returncode != 0 and not done.stderr:
             problem = "failure without a message"
+        elif fault.startswith("alloc") and not PLACE.search(done.stderr):
+            problem = "no place of the program that missed the memory"
         if problem:
             message = done.stderr.decode("utf-8", "backslashreplace")[-2000:]
             self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")

@@ -164,6 +164,29 @@ TEST_F(PalMemDeathTest, StandardContainersObeyTheContract) {
         bytes.resize(1000);
       },
       testing::ExitedWithCode(1), "out of memory \\(1000 byte\\)");
+  // Named is the innermost place that is still there.
+  EXPECT_EXIT(
+      {
+        std::vector<char> bytes;
+        const PAL_Place outer("outer.cpp", 1);
+        { const PAL_Place inner("inner.cpp", 2); }
+        Exhaust();
+        bytes.resize(1000);
+      },
+      testing::ExitedWithCode(1), "\\[outer\\.cpp:1\\], aborting");
+  EXPECT_EXIT(
+      {
+        std::vector<char> bytes(3);
+        const PAL_Place outer("outer.cpp", 1);
+        PAL_MakeRoom(bytes, "room.cpp", 3);
+        bytes.clear();
+        Exhaust();
+        for (int i = 0; i < 100; ++i) {
+          PAL_MakeRoom(bytes, "room.cpp", 4);
+          bytes.push_back(0);
+        }
+      },
+      testing::ExitedWithCode(1), "out of memory \\(12 byte\\) \\[room\\.cpp:4\\], aborting");
   EXPECT_EXIT(
       {
         Exhaust();
