@@ -174,8 +174,10 @@ void KLT_WFileHandle::tellWarned() const {
   for (const auto& [key, occurrences] : warned_) {
     if (occurrences < 2) continue;
     const KLT_Row& row = kKltRows[(key >> 8) - 1];
-    const std::string field(row.fields[key & 0xff].name);
-    PAL_Warning("%s.%s didn't fit %llu times in all", std::string(row.name).c_str(), field.c_str(),
+    const std::string_view field = row.fields[key & 0xff].name;  // empty for a count
+    const std::string record = std::string(row.name) + (field.empty() ? "" : ".");
+    PAL_Warning("%s%.*s didn't fit %llu times in all", record.c_str(),
+                static_cast<int>(field.size()), field.data(),
                 static_cast<unsigned long long>(occurrences));
   }
 }
