@@ -164,7 +164,7 @@ int format(void* user, const Collop& op) {
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
   int result = 0;
   if (RK_conf.matched_rkf != 0) {
-    // An operation that the output doesn't define happens nowhere in it.
+    // An operation without a definition is neither written nor an event that counts as the last.
     const KLTT_Named* operation = context.collops.find(op.type);
     if (operation == nullptr || context.sink == nullptr) return 0;
     result = writeMatched(context, op, members, operation->extra, internalTime);

@@ -342,7 +342,7 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
     // A row's decoder takes a count as unsigned and as the number of elements of the row's fields.
     if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
-  // With not one field in its place, what is alike in the two are names by chance.
+  // A layout in which no field has its own position shares no more than names with the row.
   if (exactness == 0) return;
   layout.row = best.row;
   layout.source = best.source;
