@@ -149,7 +149,10 @@ uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
 std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
   const PAL_Place here;
   std::vector<const KLT_JoinedText*> parts{&text};
-  while (parts.back()->above != 0) parts.push_back(strings.find(parts.back()->above));
+  // Ids are given in the order of the entries, from 1.
+  while (parts.back()->above != 0) {
+    parts.push_back(&strings.entries()[parts.back()->above - 1].value);
+  }
   std::string whole;
   for (auto part = parts.rbegin(); part != parts.rend(); ++part) whole += (*part)->rest;
   return whole;
