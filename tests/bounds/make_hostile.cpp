@@ -1,7 +1,6 @@
 // Makes traces that ask for more than they should: deep, wide, long, contradictory.
 //
 // Usage: make_hostile CASE DIRECTORY SIZE       the trace is DIRECTORY/t.klt
-//        make_hostile --list
 //
 // SIZE scales the cases that grow: how many calls, definitions, scopes, messages there are.
 #include <cstdint>
@@ -167,11 +166,6 @@ constexpr Case kCases[] = {{"deep_stack", deepStack},
 
 int main(int argc, char** argv) {
   const std::string_view wanted = argc > 1 ? argv[1] : "";
-  if (wanted == "--list") {
-    for (const Case& c : kCases)
-      std::printf("%.*s\n", static_cast<int>(c.name.size()), c.name.data());
-    return 0;
-  }
   for (const Case& c : kCases) {
     if (c.name != wanted || argc != 4) continue;
     tb::Trace trace(c.flags);

@@ -178,12 +178,18 @@ class Runner:
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--program", required=True)
-    parser.add_argument("--operation", choices=OPERATIONS, required=True)
+    parser.add_argument("--program")
+    parser.add_argument("--operation", choices=OPERATIONS)
+    parser.add_argument("--list", action="store_true", help="print the operations, run nothing")
     parser.add_argument("--stride", type=int, default=1)
     parser.add_argument("--call-stride", type=int, default=1)
     parser.add_argument("--no-kills", action="store_true")
     arguments = parser.parse_args()
+    if arguments.list:
+        print("\n".join(OPERATIONS))
+        return 0
+    if arguments.program is None or arguments.operation is None:
+        parser.error("--program and --operation are needed")
     runner = Runner(arguments.program, arguments.operation)
     runner.run_all(arguments.stride, arguments.call_stride)
     for older in () if arguments.no_kills else (None, "io"):
