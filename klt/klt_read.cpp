@@ -57,16 +57,24 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
   return Swap::kReady;
 }
 
-// What may come of serving a stream.
-enum class Served : uint8_t { kGoesOn, kHandlerStops, kTimeIsUp, kFinished, kFailed };
+// What may come of serving a stream. A stream that has finished can take the rest of the time.
+enum class Served : uint8_t {
+  kGoesOn,
+  kHandlerStops,
+  kTimeIsUp,
+  kFinished,
+  kFinishedTimeIsUp,
+  kFailed
+};
 
-bool hasLeft(Served served) { return served == Served::kFinished || served == Served::kFailed; }
+bool hasLeft(Served served) { return served >= Served::kFinished; }
 
 int statusOf(const KLT_Reader& reader, Served served) {
   switch (served) {
     case Served::kHandlerStops:
       return KLT_STATUS_HANDLER;
     case Served::kTimeIsUp:
+    case Served::kFinishedTimeIsUp:
       return KLT_STATUS_TIME;
     case Served::kFailed:
       return afterFailure(reader);
@@ -99,7 +107,9 @@ void countRecordsAnew(KLT_Reader& reader) {
   if (runsOut) {
     const Swap swap = swapIn(reader, index);
     if (swap == Swap::kFailed) return Served::kFailed;
-    if (swap == Swap::kFinished) return Served::kFinished;
+    if (swap == Swap::kFinished) {
+      return reader.limit.reached() ? Served::kFinishedTimeIsUp : Served::kFinished;
+    }
   }
   return reader.limit.reached() ? Served::kTimeIsUp : Served::kGoesOn;
 }
@@ -220,6 +230,7 @@ int prepare(KLT_Reader& reader) {
 
 int readInOrder(KLT_Reader& reader) {
   int status = prepare(reader);
+  if (status == kNoStatus) reader.hasDelivered = true;
   while (status == kNoStatus && !reader.streams.empty()) {
     const bool isSliced = !reader.slice.empty() || gatherSlice(reader);
     status = isSliced ? serveSlice(reader) : serveByTournament(reader);
@@ -284,6 +295,8 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
+  // What was skipped so far, whole streams or all in front of a window, is no progress.
+  if (reader->serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
   std::vector<size_t> inSlice(reader->streams.size());  // bytes
   reader->slice.eachWaiting([&](size_t position, const uint8_t* record) {

@@ -61,7 +61,9 @@ struct KLT_Reader {
   KLT_TimeLimit limit;
   uint64_t recordsToLook = 0;  // until the clock is asked whether the time of the call is up
 
-  // Progress: bytes read of streams that are gone, and all bytes there are.
+  // Progress: whether delivery in time order has begun, bytes read of streams that are gone, and
+  // all bytes there are.
+  bool hasDelivered = false;
   uint64_t bytesDone = 0;
   uint64_t bytesTotal = 0;
 

@@ -657,6 +657,29 @@ TEST(KltStatus, ATimeLimitInterruptsAndLosesNothing) {
   EXPECT_EQ(difference(whole, recorder.lines), "");
 }
 
+TEST(KltStatus, TheTimeCountsWhenAStreamLeavesToo) {
+  tb::Trace trace;
+  comments(trace.stream("a", tb::ANY), 1);           // leaves as the first of its turn
+  trace.stream("b", tb::ANY).at(3).comment(1, "b");  // as the second, behind 2
+  trace.stream("c", tb::ANY).at(2).comment(1, "c").at(4).comment(1, "c");  // as the last
+  trace.stream("d", tb::ANY).at(1).comment(9, "d");                        // has nothing to deliver
+  OpenTrace open(trace);
+  Recorder recorder;
+  recorder.table.end_of_filter = nullptr;
+  const reading::Reader reader = open.reader(recorder.table, {window(0, 1000, 1, {0, 1})});
+  for (int stream = 0; stream < 4; ++stream) {
+    EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), KLT_STATUS_TIME);
+    EXPECT_EQ(KLT_Progress(reader.get()), 0.0) << "nothing is delivered yet";
+  }
+  EXPECT_EQ(recorder.lines, Lines{});
+  for (const size_t lines : {1U, 3U, 4U}) {
+    EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), KLT_STATUS_TIME);
+    EXPECT_EQ(recorder.lines.size(), lines);
+  }
+  EXPECT_EQ(KLT_ReadEvents(reader.get(), 0), kFinished);
+  EXPECT_EQ(recorder.lines.size(), 4U);
+}
+
 // The times of comments, each behind a blank.
 std::string timesOf(const Lines& lines) {
   std::string times;
