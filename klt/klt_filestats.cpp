@@ -121,12 +121,13 @@ void KLT_FileStats::collective(uint32_t type, uint32_t root, uint32_t comm, size
 
 const uint32_t* KLT_FileStats::rootOnly(uint32_t communicator, size_t n, uint32_t root,
                                         uint32_t bytes) {
-  size_t count = 0;
+  constexpr size_t kUnknown = ~size_t{0};
+  size_t count = kUnknown;
   const uint32_t* members =
       parameters_.memberLookup == nullptr
           ? nullptr
           : parameters_.memberLookup(parameters_.lookupContext, communicator, &count);
-  if (members == nullptr) {
+  if (count == kUnknown) {
     PAL_Error("Could not retrieve communicator definiton for FileStats.");
     return nullptr;
   }

@@ -20,7 +20,8 @@ struct KLT_WFileHandle;
 
 // What a writer needs to know to make profiles.
 struct KLT_StatsParameters {
-  // The members of a communicator in rank order and their number; null if it isn't known.
+  // The members of a communicator in rank order and their number, which stays as it is if the
+  // communicator isn't known. Null for no members.
   const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t* count) = nullptr;
   void* lookupContext = nullptr;
   uint32_t eventBits = 0;  // of the time stamps that are written

@@ -246,6 +246,29 @@ TEST_F(KltWrite, ProfilesKeepFunctionsAndThreadsApart) {
                    line("calls", 0, 18, 3, 18, 54, 54), line("calls", 1, 18, 3, 19, 57, 57)}));
 }
 
+TEST_F(KltWrite, OnlyACommunicatorThatIsNotDefinedIsMissed) {
+  KLT_StatsParameters stats;
+  stats.memberLookup = [](void*, uint32_t communicator, size_t* count) -> const uint32_t* {
+    if (communicator == 1) *count = 0;
+    return nullptr;
+  };
+  KLT_WFileHandle* writer =
+      KLT_WriterOpen(nullptr, path("t.klt").c_str(), 1, KLT_FORM_PLAIN, 2, &stats);
+  ASSERT_NE(writer, nullptr);
+  const uint64_t times[] = {0, 0};
+  const uint32_t received[] = {3, 4};
+  for (const uint32_t communicator : {1U, 2U}) {
+    testing::internal::CaptureStderr();
+    KLT_Write<55>(writer, nullptr, uint64_t{5}, 0U, 8U, communicator, 1U, 2U, times, times,
+                  received);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("Could not retrieve communicator") ==
+                  std::string::npos,
+              communicator == 1);
+  }
+  bool complete = false;
+  EXPECT_EQ(KLT_WriterClose(writer, &complete), nullptr);
+}
+
 // Numbers that a file likes to contain don't make profiles slow: here all low bits are zero.
 TEST_F(KltWrite, ProfilesOfManyRoutesTakeLinearTime) {
   const KLT_StatsParameters stats;
