@@ -8,6 +8,7 @@
 #include <string>
 
 #include "generic/kltt_exit.h"
+#include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"
 
@@ -55,7 +56,8 @@ int RK_IPCInit(const char*, int) {
   comm->rank = OWN_RANK;
   comm->size = GROUP_SIZE;
   // Nothing travels through the pair in a group of one, so the group does without it if it must.
-  [[maybe_unused]] const int reported = PAL_SocketPair(comm->sockets);
+  const int result = PAL_SocketPair(comm->sockets);
+  if (result != 0) PAL_Debug(HERE, "%s = %d\n", "PAL_SocketPair(comm->sockets)", result);
   RK_IPCcommworld = comm;
   return 0;
 }

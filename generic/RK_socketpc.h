@@ -36,8 +36,8 @@ inline constexpr RK_IPCOperation RK_IPC_MIN = RK_IPCOperation::MIN;
 inline constexpr RK_IPCOperation RK_IPC_MAX = RK_IPCOperation::MAX;
 inline constexpr RK_IPCOperation RK_IPC_BOR = RK_IPCOperation::BOR;
 
-// Forms the group of one; only the first call does anything. The group stands even if its socket
-// pair could not be made, which is reported.
+// Forms the group of one; only the first call does anything. The group is formed even if its socket
+// pair can't be made, which is reported, on the debug channel too.
 int RK_IPCInit(const char* file, int line);
 
 // The host's name as recorded by RK_IPCInit, or "process_0" where the host has none to tell.

@@ -20,6 +20,7 @@
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"
 #include "util/pal_util.h"
+#include "util/vfd.h"
 
 constinit PAL_MessageSettings PAL_messages = {nullptr, nullptr, 0, 1, 1, nullptr, nullptr};
 
@@ -263,11 +264,10 @@ constexpr size_t DEBUG_NAME_BYTES = 128;
 
 struct DebugChannel {
   std::mutex mutex;
-  int descriptor = 2;
-  bool ownsDescriptor = false;
+  int file = -1;                         // virtual descriptor of the file that is open, or -1
   char openName[DEBUG_NAME_BYTES] = "";  // the process name whose file is open
-  const char* file = "";                 // position of the previous message
-  int line = 0;
+  const char* sourceFile = "";           // position of the previous message
+  int sourceLine = 0;
   bool lineOpen = false;  // the previous message left its line without an end
 };
 
@@ -296,44 +296,45 @@ std::string DebugFileName(const char* processName) {
 
 bool OpenDebugFile(DebugChannel& channel, const char* processName) {
   const std::string name = DebugFileName(processName);
-  const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (descriptor < 0) {
+  const int file = Vfd_Open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  if (file < 0) {
     PAL_Warning("cannot open %s in %s", PAL_Printable(name).c_str(),
                 PAL_Printable(PAL_GetCwd().value_or("(null)")).c_str());
     return false;
   }
-  if (channel.ownsDescriptor) close(channel.descriptor);
-  channel.descriptor = descriptor;
-  channel.ownsDescriptor = true;
+  if (channel.file >= 0) Vfd_Close(channel.file);
+  channel.file = file;
   std::snprintf(channel.openName, sizeof channel.openName, "%s", processName);
   return true;
 }
 
 bool IsOpenFor(const DebugChannel& channel, const char* processName) {
-  return channel.ownsDescriptor &&
+  return channel.file >= 0 &&
          std::strncmp(channel.openName, processName, DEBUG_NAME_BYTES - 1) == 0;
 }
 
-// False if the message has nowhere to go.
-bool PickDescriptor(DebugChannel& channel, int& descriptor) {
+// Where messages go: to a descriptor, or to the channel's file.
+enum class DebugTarget : uint8_t { kNowhere, kDescriptor, kFile };
+
+DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
   const char* forced = std::getenv("PAL_DEBUG_FD");
   if (forced != nullptr) {
     descriptor = static_cast<int>(std::strtol(forced, nullptr, 10));
-    return true;
+    return DebugTarget::kDescriptor;
   }
   const char* process = PAL_messages.processName;
   if (process != nullptr && !IsOpenFor(channel, process) && !OpenDebugFile(channel, process)) {
-    return false;
+    return DebugTarget::kNowhere;
   }
-  descriptor = channel.descriptor;
-  return true;
+  descriptor = STDERR_FILENO;
+  return channel.file >= 0 ? DebugTarget::kFile : DebugTarget::kDescriptor;
 }
 
 // `text` with the prefix ahead of each line that begins at column 0.
 std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
                             int line) {
   std::string result;
-  const bool moved = line != channel.line || std::strcmp(file, channel.file) != 0;
+  const bool moved = line != channel.sourceLine || std::strcmp(file, channel.sourceFile) != 0;
   if (moved && channel.lineOpen) {
     result += '\n';
     channel.lineOpen = false;
@@ -347,8 +348,8 @@ std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const 
     channel.lineOpen = newline == std::string_view::npos;
     text.remove_prefix(end);
   }
-  channel.file = file;
-  channel.line = line;
+  channel.sourceFile = file;
+  channel.sourceLine = line;
   return result;
 }
 
@@ -367,10 +368,13 @@ void PAL_Debug(const char* file, int line, const char* format, ...) {
   const std::lock_guard lock(channel.mutex);
   insideChannel = true;
   int descriptor = -1;
-  if (PickDescriptor(channel, descriptor)) {
+  const DebugTarget target = PickTarget(channel, descriptor);
+  if (target != DebugTarget::kNowhere) {
     const std::string output = LayOutDebugText(channel, text, file, line);
     // A failed write of a message has nobody to be told to.
-    [[maybe_unused]] const ssize_t written = write(descriptor, output.data(), output.size());
+    [[maybe_unused]] const ssize_t written =
+        target == DebugTarget::kFile ? Vfd_Write(channel.file, output.data(), output.size())
+                                     : write(descriptor, output.data(), output.size());
   }
   insideChannel = false;
 }

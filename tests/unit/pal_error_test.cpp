@@ -1,8 +1,10 @@
 // The message format, its gates and targets, and the debug channel.
 #include "util/pal_error.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <regex.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <string>
 
 #include "util/pal_util.h"
+#include "util/vfd.h"
 
 namespace {
 
@@ -171,7 +174,7 @@ TEST_F(PalErrorDeathTest, DebugPrefixesWhatBeginsALine) {
       "^\\[.*@a\\.cpp:1\\] one line\n\\[.*@a\\.cpp:1\\] two\n\\[.*@a\\.cpp:2\\] call = 34\n$");
 }
 
-TEST_F(PalErrorDeathTest, DebugOpensAFileForANamedProcess) {
+TEST_F(PalErrorDeathTest, DebugOpensAFileForANamedProcessHoweverManyThereAre) {
   const std::string directory = testing::TempDir() + "pal_error_debug";
   std::filesystem::create_directory(directory);
   EXPECT_EXIT(
@@ -179,7 +182,12 @@ TEST_F(PalErrorDeathTest, DebugOpensAFileForANamedProcess) {
         unsetenv("PAL_DEBUG_FD");
         if (chdir(directory.c_str()) != 0) std::_Exit(2);
         PAL_messages.processName = "a b/c\\d";
+        rlimit few{};
+        few.rlim_cur = few.rlim_max = 16;
+        setrlimit(RLIMIT_NOFILE, &few);
+        for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
         PAL_Debug("x.cpp", 1, "first\n");
+        for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
         PAL_Debug("x.cpp", 1, "second\n");
         std::_Exit(0);
       },

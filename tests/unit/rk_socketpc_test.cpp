@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "util/pal_error.h"
@@ -77,6 +79,19 @@ TEST_F(RkSocketpc, FreeClosesThePairAndForgetsTheWorld) {
   EXPECT_EQ(RK_IPCcommworld, nullptr);
   EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
   EXPECT_EQ(RK_IPCCommFree(HERE, &comm), 0);
+}
+
+TEST(RkSocketpcDeathTest, ACallThatFailsIsReportedOnTheDebugChannel) {
+  EXPECT_EXIT(
+      {
+        rlimit none{};
+        none.rlim_cur = none.rlim_max = 3;
+        setrlimit(RLIMIT_NOFILE, &none);
+        std::_Exit(RK_IPCInit(HERE));
+      },
+      testing::ExitedWithCode(0),
+      "cannot create socket pair: .*\n\\[.*@RK_socketpc\\.cpp:[0-9]+\\] "
+      "PAL_SocketPair\\(comm->sockets\\) = 1\n$");
 }
 
 TEST(RkSocketpcDeathTest, AbortEndsWithTheLowByteOfTheStatus) {
