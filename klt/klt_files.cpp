@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "klt/klt_intern.h"
@@ -136,6 +137,12 @@ bool renamed(const std::string& from, const std::string& to) {
   return PAL_IsDir(to.c_str(), nullptr) == 0 && std::rename(from.c_str(), to.c_str()) == 0;
 }
 
+// Tells why the last call failed for a file; the exit status for it.
+int failedFor(const std::string& name) {
+  PAL_Perror(name.c_str());
+  return 1;
+}
+
 int moveByCommand(const std::string& from, const std::string& to) {
   const NoInput noInput;
   const int result = PAL_System(("mv " + quoted(from) + ' ' + quoted(to) + '\n').c_str());
@@ -144,33 +151,97 @@ int moveByCommand(const std::string& from, const std::string& to) {
   return status != 0 ? status : 1;
 }
 
+// A file of a trace with its way under a new base name or into a directory.
+struct Move {
+  std::string from;
+  std::string place;     // where it goes
+  std::string argument;  // what mv is told
+  bool isAnchors;
+};
+
 // Where the files of a trace go.
 struct MoveTarget {
   std::string name;
   bool isDirectory;
 
-  // The place of a file that is called `from` now and would be `renamedTo` under a new base name.
-  [[nodiscard]] std::string placeOf(const std::string& from, const std::string& renamedTo) const {
-    return isDirectory ? name + '/' + PAL_BaseName(from.c_str()) : renamedTo;
+  // The ways of `files`, which stay in their order, each name once.
+  [[nodiscard]] std::vector<Move> waysOf(const KLT_FileHandle& handle,
+                                         const std::vector<const KLT_FileEntry*>& files) const {
+    std::vector<Move> ways;
+    std::unordered_set<std::string> seen;
+    for (const KLT_FileEntry* file : files) {
+      const std::string from = plainName(nameOf(handle, *file));
+      if (!seen.insert(from).second) continue;
+      const std::string newName = nameUnder(name, *file);
+      if (isDirectory) {
+        ways.push_back({from, name + '/' + PAL_BaseName(from.c_str()), name, holdsAnchors(*file)});
+      } else {
+        ways.push_back({from, newName, newName, holdsAnchors(*file)});
+      }
+    }
+    return ways;
+  }
+
+  // The directory that receives the files.
+  [[nodiscard]] std::string directory() const {
+    if (isDirectory) return name;
+    const size_t slash = name.rfind('/');
+    return slash == std::string::npos ? "." : name.substr(0, slash + 1);
   }
 };
 
-int moveFile(const KLT_FileHandle& handle, const KLT_FileEntry& file, const MoveTarget& target) {
-  const std::string from = plainName(nameOf(handle, file));
-  const std::string newName = nameUnder(target.name, file);
-  if (renamed(from, target.placeOf(from, newName))) return 0;
-  return moveByCommand(from, target.isDirectory ? target.name : newName);
+bool isThere(const std::string& name) {
+  struct stat info {};
+  return lstat(name.c_str(), &info) == 0;
 }
 
-bool wouldOverwrite(const KLT_FileHandle& handle, const std::vector<const KLT_FileEntry*>& files,
-                    const MoveTarget& target, const KLT_FileSet& untouchable) {
-  for (const KLT_FileEntry* file : files) {
-    const std::string place = target.placeOf(nameOf(handle, *file), nameUnder(target.name, *file));
-    if (!untouchable.contains(place)) continue;
-    std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(place).c_str());
+int moveFile(const Move& way) {
+  if (way.isAnchors && !isThere(way.from)) {
+    // Anchors of a trace that was there before would be taken for those of this one.
+    return unlink(way.place.c_str()) == 0 || errno == ENOENT ? 0 : failedFor(way.place);
+  }
+  if (renamed(way.from, way.place)) return 0;
+  return moveByCommand(way.from, way.argument);
+}
+
+bool wouldOverwrite(const std::vector<Move>& ways, const KLT_FileSet& untouchable) {
+  for (const Move& way : ways) {
+    if (!untouchable.contains(way.place)) continue;
+    std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(way.place).c_str());
     return true;
   }
   return false;
+}
+
+// Whether nothing is known that would stop a move halfway; each hindrance is told.
+bool canMove(const std::vector<Move>& ways, const MoveTarget& target) {
+  bool can = true;
+  for (const Move& way : ways) {
+    if (!way.isAnchors && !isThere(way.from)) can = failedFor(way.from) == 0;
+    if (PAL_IsDir(way.place.c_str(), nullptr) == 0) continue;
+    errno = EISDIR;
+    can = failedFor(way.place) == 0;
+  }
+  const std::string directory = target.directory();
+  if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+    can = failedFor(directory) == 0;
+  }
+  return can;
+}
+
+// After a move that failed: the trace can only be put together again by someone who knows where its
+// files are.
+void tellPlaces(const std::vector<Move>& ways) {
+  std::string text = "The move has stopped. Files that are at their old place:\n";
+  std::string moved = "Files that have been moved:\n";
+  for (const Move& way : ways) {
+    if (isThere(way.from)) {
+      text += "  " + PAL_Printable(way.from) + '\n';
+    } else if (isThere(way.place)) {
+      moved += "  " + PAL_Printable(way.place) + '\n';
+    }
+  }
+  PAL_Error("%s%s", text.c_str(), moved.c_str());
 }
 
 }  // namespace
@@ -198,9 +269,13 @@ int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& unto
     closeStorage(*handle);
   else
     files = indexLast(*handle);
-  if (wouldOverwrite(*handle, files, to, untouchable)) return 1;
-  for (const KLT_FileEntry* file : files) {
-    if (const int status = moveFile(*handle, *file, to)) return status;
+  const std::vector<Move> ways = to.waysOf(*handle, files);
+  if (wouldOverwrite(ways, untouchable) || !canMove(ways, to)) return 1;
+  for (const Move& way : ways) {
+    const int status = moveFile(way);
+    if (status == 0) continue;
+    tellPlaces(ways);
+    return status;
   }
   return 0;
 }
@@ -212,12 +287,18 @@ int KLT_Remove(KLT_FileHandle* handle) {
     closeStorage(*handle);
   else
     files = indexLast(*handle);
+  std::unordered_set<std::string> seen;
+  std::string missing;
   for (const KLT_FileEntry* file : files) {
     const std::string name = nameOf(*handle, *file);
-    if (unlink(name.c_str()) == 0 || (holdsAnchors(*file) && errno == ENOENT)) continue;
-    PAL_Perror(name.c_str());
-    return -1;
+    if (!seen.insert(name).second || unlink(name.c_str()) == 0) continue;
+    if (errno != ENOENT) {
+      PAL_Perror(name.c_str());
+      return -1;
+    }
+    if (!holdsAnchors(*file)) missing += "  " + PAL_Printable(name) + '\n';
   }
+  if (!missing.empty()) PAL_Warning("Files of the trace that weren't there:\n%s", missing.c_str());
   return 0;
 }
 

@@ -26,14 +26,15 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 [[nodiscard]] bool KLT_FilesAreKnown(const KLT_FileHandle* handle);
 
 // Moves the trace to the base name `target`, or into the directory of that name, as mv(1) does it.
-// Files in `untouchable`, those of the input, are not overwritten. Stops at the first failure, told
-// by mv itself or by a message: an exit status, errno if `target` can't be examined. 0 if all files
-// have been moved.
+// Anchors that aren't there are passed over. Nothing is moved unless all other files are there, the
+// target is a place to write to, and none of the files in `untouchable`, those of the input, would
+// be overwritten. A move that fails later stops there and tells where each file is. 0, or an exit
+// status after a message: errno if `target` can't be examined.
 [[nodiscard]] int KLT_Move(KLT_FileHandle* handle, const char* target,
                            const KLT_FileSet& untouchable);
 
-// Removes all files of the trace; anchors that aren't there are passed over. 0, or -1 after a
-// message at the first file that can't be removed.
+// Removes all files of the trace that are there; those that aren't are told, but for anchors. 0, or
+// -1 after a message at the first file that can't be removed.
 [[nodiscard]] int KLT_Remove(KLT_FileHandle* handle);
 
 // Copies the trace byte for byte to `target`, resolved in `directory` unless that is null: into a

@@ -143,7 +143,13 @@ def onto_input(place):
             place.run("--convert", name, *SINGLE, status=1)
         place.run("--convert", name, *BINARY, status=1)
         place.check_input()
-    place.run("--logfile-name", "t.klt.f.0", status=1, says="for writing.\n")
+    for name in ("t.klt.f.0", "t.klt.dcl"):
+        place.run("--logfile-name", name, status=1, says="for writing.\n")
+    other = Place(place.program, place.path, "stats")
+    for name in ("t.klt.dcl", "t.klt.sts"):  # files without anchors
+        other.run("--logfile-name", name, status=1, says="for writing.\n")
+        other.run("--convert", name, *SINGLE, status=1)
+    other.check_input()
 
 
 def missing_component(place):
@@ -157,11 +163,11 @@ def missing_component(place):
     place.run("--convert", "../copy.klt", *BINARY, status=1,
               says="Could not open t.klt.msg for reading. Aborting.")
     place.check_input()
-    # The index goes last: a trace that couldn't be moved or removed whole can still be opened.
-    place.run("--move", "../moved.klt", status=1)
-    place.run("--remove", status=255)
-    if not (place.path / INPUT).exists():
-        raise Failure("the index is gone")
+    place.run("--move", "../moved.klt", status=1, says="t.klt.msg: No such file or directory\n")
+    place.check_input()
+    place.run("--remove", status=0, says="t.klt.msg\n")
+    if list(place.path.glob(f"{INPUT}*")):
+        raise Failure("parts of the trace are left")
     place.before = {}
 
 

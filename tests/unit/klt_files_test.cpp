@@ -211,13 +211,52 @@ TEST_F(KltFiles, ANameThatBeginsLikeAnOptionIsAName) {
   EXPECT_TRUE(fs::exists(path("-n.f.1")));
 }
 
-TEST_F(KltFiles, AMoveThatFailsLeavesTheIndex) {
+TEST_F(KltFiles, NothingIsMovedUnlessAllCanBe) {
   const std::string name = plain();
-  EXPECT_NE(move(name, path("nowhere/t.klt")), 0);
-  EXPECT_TRUE(fs::exists(name));
+  fs::create_directories(path("u.klt.f.1"));
+  fs::create_directories(path("dir/t.klt"));
+  auto before = contents();
+  for (const char* target : {"nowhere/t.klt", "u.klt", "dir"}) {
+    EXPECT_EQ(move(name, path(target)), 1) << target;
+    EXPECT_EQ(contents(), before) << target;
+  }
   EXPECT_EQ(move(name, path("t.klt.dcl/t.klt")), ENOTDIR);
   fs::remove(path("t.klt.f.1"));
+  fs::remove(path("t.klt.f.0"));
+  before = contents();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(move(name, path("v.klt")), 1);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find("t.klt.f.0: No such file or directory\n"), std::string::npos);
+  EXPECT_NE(said.find("t.klt.f.1: No such file or directory\n"), std::string::npos);
+  EXPECT_EQ(contents(), before);
+}
+
+TEST_F(KltFiles, MovesWithoutAnchors) {
+  const std::string name = plain();
+  fs::remove(path("t.klt.f.0.anc"));
+  tb::writeFile(path("u.klt.f.0.anc"), "of an earlier trace");
+  EXPECT_EQ(move(name, path("u.klt")), 0);
+  EXPECT_EQ(inLines(namesOf(directory_.path())),
+            "u.klt\nu.klt.dcl\nu.klt.f.0\nu.klt.f.1\nu.klt.f.1.anc\n");
+}
+
+TEST_F(KltFiles, AMoveThatStopsTellsWhereTheFilesAre) {
+  const std::string name = plain();
+  fs::remove(path("t.klt.f.1"));
+  fs::create_directory(path("t.klt.f.1"));  // doesn't replace a file
+  tb::writeFile(path("u.klt.f.1"), "");
+  testing::internal::CaptureStderr();
   EXPECT_EQ(move(name, path("u.klt")), 1);
+  const std::string said = testing::internal::GetCapturedStderr();
+  const size_t moved = said.find("Files that have been moved:");
+  ASSERT_NE(moved, std::string::npos) << said;
+  for (const char* file : {"", ".dcl", ".f.0", ".f.1", ".f.0.anc", ".f.1.anc"}) {
+    const bool isOld = fs::exists(path("t.klt") + file);
+    const std::string place = path(isOld ? "t.klt" : "u.klt") + file;
+    EXPECT_EQ(said.find("  " + place + "\n") < moved, isOld) << place << '\n' << said;
+    EXPECT_NE(said.find("  " + place + "\n"), std::string::npos) << place << '\n' << said;
+  }
   EXPECT_TRUE(fs::exists(name));
   EXPECT_FALSE(fs::exists(path("u.klt")));
 }
@@ -257,8 +296,15 @@ TEST_F(KltFiles, RemovesEveryFile) {
 TEST_F(KltFiles, ARemovalThatFailsLeavesTheIndex) {
   const std::string name = plain();
   fs::remove(path("t.klt.f.1"));
+  fs::create_directory(path("t.klt.f.1"));
   EXPECT_EQ(remove(name), -1);
   EXPECT_TRUE(fs::exists(name));
+  fs::remove(path("t.klt.f.1"));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(remove(name), 0);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find("t.klt.f.1\n"), std::string::npos) << said;
+  EXPECT_EQ(inLines(namesOf(directory_.path())), "");
 }
 
 TEST_F(KltFiles, CopiesBetweenFormsAreByteForByte) {
