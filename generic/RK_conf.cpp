@@ -195,14 +195,12 @@ void assignPreset(const RK_Option& option) {
   }
 }
 
-// A line of input for each line of the value; empty ones are nothing.
+// A line of input for each line of the value, empty ones too. A line feed at the end begins none.
 void scanEnvironmentValue(const RK_Option& option, std::string_view value) {
   while (!value.empty()) {
     const size_t end = std::min(value.find('\n'), value.size());
-    if (end > 0) {
-      const std::string line = option.key + (" " + std::string(value.substr(0, end)));
-      (void)RK_ScanLine(line, RK_ScanMode::parameter, 0);
-    }
+    const std::string line = option.key + (" " + std::string(value.substr(0, end)));
+    (void)RK_ScanLine(line, RK_ScanMode::environment, 0);
     value.remove_prefix(std::min(end + 1, value.size()));
   }
 }

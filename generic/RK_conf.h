@@ -16,13 +16,18 @@
 #include "util/pal_triplets.h"
 
 // One REQUEST as the user wrote it: times in seconds, or in ticks with TICKS.
+struct RK_RequestText {
+  std::string text;
+  bool isQuoted;
+};
+
 struct RK_Request {
   uint32_t categories = 0;  // one bit per category; 0 means all
   PAL_Triplets triplets;    // threads; empty means all
   double time = 0;          // a single time; selects nothing
   double window_start = 0;
-  double window_end = -1.0;        // negative: open
-  std::vector<std::string> types;  // quoted texts and unknown words; they select nothing
+  double window_end = -1.0;           // negative: open
+  std::vector<RK_RequestText> types;  // quoted texts and unknown words; they select nothing
 };
 
 // One member per option, its key in lower case with "_" for "-". A switch is 0 or 1.

@@ -71,8 +71,7 @@ constexpr size_t kLongest = 64;
 // The category that `word` is most like; empty if it is like none.
 std::string nearestCategory(std::string_view word) {
   const std::string meant = lowerCase(word);
-  // Several words in one set of quotes are not a name that was mistyped.
-  if (meant.size() > kLongest || meant.find_first_of(" ,:") != std::string::npos) return {};
+  if (meant.size() > kLongest) return {};
   Nearest nearest(meant);
   for (const std::string_view name : RK_ScanCategories()) nearest.consider(name);
   return nearest.name();
@@ -80,23 +79,41 @@ std::string nearestCategory(std::string_view word) {
 
 }  // namespace
 
-void RK_HintOption(std::string_view keyword) {
+void RK_HintOption(std::string_view keyword, bool hasDashes) {
   const std::string meant = nameIn(keyword);
   if (meant.empty() || meant.size() > kLongest) return;
+  if (!hasDashes && RK_ConfigFindOption(keyword) != nullptr) {
+    std::fprintf(stderr, "An option begins with two dashes: --%s\n", meant.c_str());
+    return;
+  }
   Nearest nearest(meant);
   for (const RK_Option& option : RK_ConfigOptions()) nearest.consider(option.key);
   if (nearest.name().empty()) return;
-  const bool isValued = keyword.find('=') != std::string_view::npos;
-  std::fprintf(stderr, "Did you mean --%s%s?\n", lowerCase(nearest.name()).c_str(),
-               isValued ? " VALUE" : "");
+  const std::string name = lowerCase(nearest.name());
+  // Of a name that is right, what follows it at once is wrong.
+  const bool isValued = keyword.find('=') != std::string_view::npos || name == meant;
+  std::fprintf(stderr, "Did you mean --%s%s?\n", name.c_str(), isValued ? " VALUE" : "");
 }
 
-void RK_HintName(std::string_view keyword) {
-  std::fprintf(
-      stderr,
-      "A name with blanks needs quotes of its own: --%.*s \"'my file'\". One with quotes in "
-      "it can't be given.\n",
-      static_cast<int>(keyword.size()), keyword.data());
+void RK_HintQuotes(std::string_view keyword, std::string_view value, bool isEnvironment) {
+  const std::string shown = PAL_Printable(value);
+  if (isEnvironment)
+    std::fprintf(stderr, "A text with blanks needs quotes in the value: %s='\"%s\"'\n",
+                 RK_ConfigEnvironmentName(std::string(keyword).c_str()).c_str(), shown.c_str());
+  else
+    std::fprintf(stderr, "A text with blanks needs quotes: --%s '%s'\n", lowerCase(keyword).c_str(),
+                 shown.c_str());
+}
+
+void RK_HintNoQuotes(std::string_view keyword, std::string_view text, bool isEnvironment) {
+  const std::string shown = PAL_Printable(text);
+  std::fprintf(stderr,
+               "\"%s\" in a request selects nothing. Without quotes it does: ", shown.c_str());
+  if (isEnvironment)
+    std::fprintf(stderr, "%s='%s'\n",
+                 RK_ConfigEnvironmentName(std::string(keyword).c_str()).c_str(), shown.c_str());
+  else
+    std::fprintf(stderr, "--%s %s\n", lowerCase(keyword).c_str(), shown.c_str());
 }
 
 void RK_HintRequest(std::span<const std::string> words, bool isBroken) {
@@ -106,8 +123,6 @@ void RK_HintRequest(std::span<const std::string> words, bool isBroken) {
     const std::string category = nearestCategory(word);
     if (category.empty())
       needsForms = true;
-    else if (RK_ConfigSameText(word, category))
-      std::fprintf(stderr, "A category has no quotes: %s.\n", category.c_str());
     else
       std::fprintf(stderr, "Did you mean %s?\n", category.c_str());
   }

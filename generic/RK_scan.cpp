@@ -160,16 +160,16 @@ bool readToggleOrFile(std::string_view text, int32_t* value) {
   return true;
 }
 
-void takeType(RK_Request& request, std::string_view text) {
+void takeType(RK_Request& request, const RK_RequestText& type) {
   if (!request.types.empty()) {
     PAL_Warning("overwriting old type \"%s\" of frame with \"%s\"",
-                PAL_Printable(request.types.back()).c_str(), PAL_Printable(text).c_str());
+                PAL_Printable(request.types.back().text).c_str(), PAL_Printable(type.text).c_str());
   }
-  request.types.emplace_back(text);
+  request.types.push_back(type);
 }
 
 void takeQuoted(RK_Request& request, std::string_view text) {
-  takeType(request, text.substr(1, text.size() - 2));
+  takeType(request, {std::string(text.substr(1, text.size() - 2)), true});
 }
 
 void takeTriplet(RK_Request& request, std::string_view text) {
@@ -194,13 +194,18 @@ void takeTime(RK_Request& request, std::string_view text) {
 constexpr unsigned kFirstCategory = 2;
 constexpr unsigned kCategoriesEnd = 16;
 
-void takeName(RK_Request& request, std::string_view text) {
+// The bit of the category that is called `text`, or 0.
+uint32_t categoryBit(std::string_view text) {
   for (unsigned bit = kFirstCategory; bit < kCategoriesEnd; ++bit) {
-    if (!RK_ConfigSameText(text, KLT_CategoryName(bit))) continue;
-    request.categories |= uint32_t{1} << bit;
-    return;
+    if (RK_ConfigSameText(text, KLT_CategoryName(bit))) return uint32_t{1} << bit;
   }
-  takeType(request, text);
+  return 0;
+}
+
+void takeName(RK_Request& request, std::string_view text) {
+  const uint32_t bit = categoryBit(text);
+  request.categories |= bit;
+  if (bit == 0) takeType(request, {std::string(text), false});
 }
 
 struct RequestItem {
@@ -243,17 +248,19 @@ struct Line {
   std::string keyword;  // as the user wrote it
 };
 
-void reportUnknown(const Line& line) {
-  if (line.mode == RK_ScanMode::parameter) {
+bool isFromFile(const Line& line) { return line.mode == RK_ScanMode::config; }
+
+void reportUnknown(const Line& line, bool hasDashes = true) {
+  if (!isFromFile(line)) {
     PAL_Error("unknown parameter \"--%s\"", line.keyword.c_str());
-    RK_HintOption(line.keyword);
+    RK_HintOption(line.keyword, hasDashes);
     return;
   }
   PAL_Error("unknown config option \"%s\" in line %zu", line.keyword.c_str(), line.number);
 }
 
 void reportMissing(const Line& line) {
-  if (line.mode == RK_ScanMode::parameter)
+  if (!isFromFile(line))
     PAL_Error("parameter error after %s, missing parameters", line.keyword.c_str());
   else
     PAL_Error("config error after %s, missing parameters in line %zu", line.keyword.c_str(),
@@ -262,7 +269,7 @@ void reportMissing(const Line& line) {
 
 void reportInvalid(const Line& line, std::string_view value) {
   const std::string shown = PAL_Printable(value);
-  if (line.mode == RK_ScanMode::parameter)
+  if (!isFromFile(line))
     PAL_Error("parameter error after --%s, invalid parameters \"%s\"", line.keyword.c_str(),
               shown.c_str());
   else
@@ -272,7 +279,7 @@ void reportInvalid(const Line& line, std::string_view value) {
 
 void reportTrailing(const Line& line, std::string_view rest) {
   const std::string shown = PAL_Printable(rest);
-  if (line.mode == RK_ScanMode::parameter)
+  if (!isFromFile(line))
     PAL_Error("parameter error after --%s, unrecognized text: %s", line.keyword.c_str(),
               shown.c_str());
   else
@@ -307,6 +314,47 @@ bool readValue(const RK_Option& option, std::string_view value) {
   return readString(value, &(RK_conf.*std::get<std::string RK_Conf::*>(option.field)));
 }
 
+// Whether the option takes texts that may well have blanks in them.
+bool takesFreeText(const RK_Option& option) {
+  return option.type == RK_OptionType::toggleOrFile ||
+         (option.type == RK_OptionType::string && option.set != &RK_Conf::logfile_format_set);
+}
+
+// Quotes help with blanks. What else a word can't hold, a quoted text can't hold either.
+void adviseOnText(const Line& line, std::string_view value) {
+  const bool isQuotable = std::all_of(value.begin(), value.end(),
+                                      [](char c) { return isWordCharacter(c) || isBlank(c); });
+  if (isQuotable) RK_HintQuotes(line.keyword, value, line.mode == RK_ScanMode::environment);
+}
+
+// Whether a quoted text looks like what selects something without quotes: it has a window or a
+// category among its words, or nothing but threads.
+bool looksSelective(std::string_view text) {
+  bool hasThreads = false;
+  bool hasOthers = false;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find_first_of(" \t,"), text.size());
+    const std::string_view word = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (word.empty()) continue;
+    const bool isThreads = matchTriplet(word) == word.size();
+    if (categoryBit(word) != 0 || (!isThreads && matchWindow(word) == word.size())) return true;
+    (isThreads ? hasThreads : hasOthers) = true;
+  }
+  return hasThreads && !hasOthers;
+}
+
+void adviseOnRequest(const Line& line, const RK_Request& request, bool isBroken) {
+  std::vector<std::string> words;
+  for (const RK_RequestText& type : request.types) {
+    if (!type.isQuoted)
+      words.push_back(type.text);
+    else if (looksSelective(type.text))
+      RK_HintNoQuotes(line.keyword, type.text, line.mode == RK_ScanMode::environment);
+  }
+  RK_HintRequest(words, isBroken);
+}
+
 bool readOption(const Line& line, const RK_Option& option, std::string_view value) {
   if (value.empty() && !isToggle(option.type)) {
     reportMissing(line);
@@ -317,7 +365,7 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
     RK_Request& request = RK_conf.request.emplace_back();
     const std::string_view rest = readRequest(value, request);
     if (!rest.empty()) reportTrailing(line, rest);
-    if (line.mode == RK_ScanMode::parameter) RK_HintRequest(request.types, !rest.empty());
+    if (!isFromFile(line)) adviseOnRequest(line, request, !rest.empty());
     return rest.empty();
   }
   if (value.empty()) {
@@ -326,9 +374,7 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   }
   if (readValue(option, value)) return true;
   reportInvalid(line, value);
-  const bool isName =
-      option.type == RK_OptionType::string || option.type == RK_OptionType::toggleOrFile;
-  if (isName && line.mode == RK_ScanMode::parameter) RK_HintName(line.keyword);
+  if (takesFreeText(option) && !isFromFile(line)) adviseOnText(line, value);
   return false;
 }
 
@@ -339,7 +385,7 @@ bool readStrayLine(Line& line, std::string_view text) {
   RK_conf.echo += text.substr(0, stray);
   line.keyword = text.substr(stray, matchWord(text.substr(stray)));
   if (line.keyword.empty()) return true;
-  reportUnknown(line);
+  reportUnknown(line, false);
   return false;
 }
 

@@ -9,8 +9,9 @@
 #include <string_view>
 #include <vector>
 
-// Where a text comes from, which decides how messages speak of it.
-enum class RK_ScanMode { config, parameter };
+// Where a text comes from: the configuration file, the environment, the command line. Messages
+// speak of the latter two alike, advice doesn't.
+enum class RK_ScanMode { config, environment, parameter };
 
 // The words of a request for the categories that an extraction writes events of.
 [[nodiscard]] std::vector<std::string_view> RK_ScanCategories();

@@ -23,8 +23,9 @@ klttool --version
 Description
 ===========
 
-klttool works on traces of parallel programs in the binary format KLT, as the
-trace collector MOR writes them and the analyser NEP reads them. A trace is an
+klttool works on traces of parallel programs in the binary format KLT. Two other
+programs share them: MOR, the collector, writes a trace while a program runs,
+and NEP, the analyser, shows it in timelines and profiles. A trace is an
 index file with component files beside it (run.klt, run.klt.dcl, run.klt.f.0,
 ...) or one single file that holds all of them. klttool extracts all of a trace
 or a part of it, as text in the format RKF or as a new binary trace; converts a
@@ -161,8 +162,10 @@ Supported Directives
   m (minutes), h (hours), d (days) and w (weeks), and may be a sum: 1h+30m. A
   number without a unit is in seconds, but at least one of the two times needs a
   unit or a fraction: 10s:20 is a window, 10:20 a triplet. At the start of a
-  window the calls, scopes, counters and messages that are open there are
-  written first, and at its end the open calls and scopes are closed.
+  window the calls and scopes that are open there, the messages on their way and
+  the collective operations that run are written first; the last samples of the
+  counters only if the request names COUNTERS and neither MESSAGES nor COLLOPS.
+  At its end the open calls and scopes are closed.
 
     --request 1s:2s
     --request 250l:1.5s 0:3 FUNCTIONS MESSAGES
@@ -186,7 +189,7 @@ Supported Directives
 --extended-rkf (off in MOR, on in klttool)
   Text has lines and parts beyond the standard of the format: EVENTBITS,
   DURATION, DEFSCOPE, BEGINSCOPE and ENDSCOPE lines, the names of communicators
-  and the functions of messages.
+  and the functions of messages. MOR, the collector, has the same option.
 
 --matched-rkf (off)
   Writes a communication as one line of text, ONETOONE for a message and COLLOP
@@ -195,10 +198,11 @@ Supported Directives
   .ark nor is "-", unless --logfile-format ASCII is given.
 
 --verbose [on|off|<level>] (on)
-  How much is said on standard error: 0 or off nothing but warnings and errors,
-  1 or on the name of the output, 2 progress as well, 3 and above more detail,
-  with date and time on each message. The level must be given: --verbose alone
-  is an error that changes nothing.
+  How much is said on standard error: 0 or off nothing but warnings and errors;
+  1 or on the name of the output as well, and the progress of a merge, this on
+  standard output; 2 the progress of an extraction into a file, too, if standard
+  error is a terminal; 3 and above date and time on each message. The level must
+  be given: --verbose alone is an error that changes nothing.
 )HELP";
 
 }  // namespace

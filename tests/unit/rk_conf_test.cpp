@@ -66,7 +66,7 @@ TEST_F(RkConf, LaterSourcesOverrideAndRequestsAddUp) {
   set("RK_CONFIG", file);
   set("RK_CLASS_HASHSIZE", "11");
   set("RK_VERBOSE", "");
-  set("RK_REQUEST", "1\n\n2\n");
+  set("RK_REQUEST", "1\n2\n");
   EXPECT_EQ(RK_ConfigInit("rk"), 0);
   remove(file.c_str());
   EXPECT_EQ(parse({"--class-hashsize", "5", "--request", "3", "--ticks", "off"}), 0);
@@ -83,13 +83,20 @@ TEST_F(RkConf, EnvironmentValuesArentQuoted) {
   set("RK_LOGFILE_NAME", "a b");
   set("RK_NMCMD", "'nm -D'\r");
   set("RK_DUMP", "\n");
+  set("RK_MOVE", "it's b");
+  set("RK_LOGFILE_FORMAT", "KLT ");
+  set("RK_REQUEST", "'1s:2s FUNCTIONS'\n\n3");
   RK_ConfigInit("rk");
   EXPECT_EQ(takeMessages(),
             "ERROR: parameter error after --LOGFILE-NAME, invalid parameters \"a b\"\n"
-            "A name with blanks needs quotes of its own: --LOGFILE-NAME \"'my file'\". One with "
-            "quotes in it can't be given.\n");
+            "A text with blanks needs quotes in the value: RK_LOGFILE_NAME='\"a b\"'\n"
+            "ERROR: parameter error after --MOVE, invalid parameters \"it's b\"\n"
+            "\"1s:2s FUNCTIONS\" in a request selects nothing. Without quotes it does: "
+            "RK_REQUEST='1s:2s FUNCTIONS'\n"
+            "ERROR: parameter error after REQUEST, missing parameters\n");
   EXPECT_EQ(RK_conf.nmcmd, "nm -D");
-  EXPECT_EQ(RK_conf.dump, 0);
+  EXPECT_EQ(RK_conf.dump, 1) << "an empty line is a switch without a value";
+  EXPECT_EQ(RK_conf.request.size(), 2U);
   EXPECT_TRUE(RK_conf.logfile_name_set);
   RK_ConfigOutputName();
   EXPECT_EQ(RK_conf.logfile_name, "rk.klt");

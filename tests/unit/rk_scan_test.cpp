@@ -52,7 +52,7 @@ std::string describe(const RK_Request& request) {
   snprintf(numbers, sizeof numbers, "[%g %g] %g %x", request.window_start, request.window_end,
            request.time, request.categories);
   text += numbers;
-  if (!request.types.empty()) text += " '" + request.types.back() + "'";
+  if (!request.types.empty()) text += " '" + request.types.back().text + "'";
   return text;
 }
 
@@ -178,7 +178,14 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   EXPECT_EQ(hint("x"), "");
   EXPECT_EQ(hint(std::string(70000, 'x').c_str()), "");
   EXPECT_NE(hint("request 0:3 {"), "");
-  EXPECT_NE(hint("logfile-name my file"), "");
+  EXPECT_EQ(hint("Logfile-Name my file"),
+            "A text with blanks needs quotes: --logfile-name 'my file'\n");
+  for (const char* hopeless : {"it's b", "caf\xc3\xa9 b", "<a> b", "'a' b"})
+    EXPECT_EQ(hint((std::string("convert ") + hopeless).c_str()), "") << hopeless;
+  EXPECT_EQ(hint("logfile-format KLT SINGLE"), "") << "no format has blanks";
+  EXPECT_EQ(hint(" Dump"), "An option begins with two dashes: --dump\n");
+  EXPECT_EQ(hint(" dumps"), "Did you mean --dump?\n");
+  EXPECT_EQ(hint("dump{on"), "Did you mean --dump VALUE?\n");
   EXPECT_EQ(hint("verbose loud"), "");
 
   // Words of a request that select nothing are allowed.
@@ -191,12 +198,16 @@ TEST_F(RkScan, MistakesAreAnsweredWithWhatWasMeant) {
   EXPECT_EQ(remark("request 0:3 function"),
             "\"function\" in a request selects nothing.\nDid you mean FUNCTIONS?\n");
   EXPECT_TRUE(remark("request 'collops' messagse")
-                  .ends_with("\"collops\" in a request selects nothing.\n"
-                             "A category has no quotes: COLLOPS.\n"
+                  .ends_with("\"collops\" in a request selects nothing. Without quotes it does: "
+                             "--request collops\n"
                              "\"messagse\" in a request selects nothing.\n"
                              "Did you mean MESSAGES?\n"));
   EXPECT_TRUE(remark("request frame").ends_with("COUNTERS MESSAGES COLLOPS\n"));
-  EXPECT_TRUE(remark("request '1s:2s FUNCTIONS'").ends_with("COUNTERS MESSAGES COLLOPS\n"));
+  for (const char* meant : {"1s:2s FUNCTION", "0:3,5", "my COUNTERS"})
+    EXPECT_TRUE(remark((std::string("request '") + meant + '\'').c_str())
+                    .ends_with(std::string("does: --request ") + meant + "\n"));
+  for (const char* type : {"\"foo\"", "'one word 5:6'", "\"foo1\" 0:3", "'  '"})
+    EXPECT_EQ(remark((std::string("request ") + type).c_str()), "") << type;
   EXPECT_EQ(remark("request OPENMP frames"), "");
   EXPECT_EQ(remark("request 1s:2s, FUNCTIONS 0:3"), "");
 }
