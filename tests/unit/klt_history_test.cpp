@@ -125,6 +125,12 @@ TEST(KltHistory, TellsCountersOnlyToThoseWhoAskForThemAlone) {
     EXPECT_EQ(only(openOwn.read({window(30, 40, COUNTERS), later}), {"counter_value"}),
               Lines{"counter_value 20 0 1 [1] [7]"});
   }
+  // A seek point that lists no samples may come from someone who doesn't keep them.
+  tb::Trace bare;
+  bare.stream("c", COUNTERS, {0}).at(5).counters(0, {{1, 9}}).anchor(tb::Told::Nothing).at(40);
+  OpenTrace openBare(bare);
+  EXPECT_EQ(only(openBare.read({window(30, 40, COUNTERS)}), {"counter_value"}),
+            Lines{"counter_value 5 0 1 [1] [9]"});
 }
 
 TEST(KltHistory, DependsOnTheHandlersThatThereAre) {
@@ -758,6 +764,25 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
     } else {
       EXPECT_NE(text.find(c.message), std::string::npos) << text;
     }
+  }
+}
+
+TEST(KltAnchors, EntriesOfLaterRecordsAreLeftToTheStreams) {
+  tb::Trace trace;
+  tb::Stream& m = trace.stream("m", MESSAGES, {0});
+  tb::Stream& n = trace.stream("n", MESSAGES, {0});
+  m.at(1).message({.receiveTime = 50, .tag = 1});
+  m.anchorRecord(46, {{"file", std::vector<uint64_t>{m.fileId(), m.fileId(), n.fileId()}},
+                      {"offset", std::vector<uint64_t>{m.size(), 0, 0}},
+                      {"prevtime", std::vector<uint64_t>{1, 0, 0}}});
+  m.anchor(tb::Told::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
+  n.at(25).message({.receiveTime = 50, .tag = 3});
+  OpenTrace plain(withoutAnchors(trace.files()));
+  OpenTrace open(trace);
+  for (const uint64_t start : {11U, 20U}) {
+    const Lines lines = open.read({window(start, 60, MESSAGES)});
+    EXPECT_EQ(difference(plain.read({window(start, 60, MESSAGES)}), lines), "") << start;
+    EXPECT_EQ(only(lines, {"one_to_one_communication"}).size(), 3U);
   }
 }
 
