@@ -16,73 +16,22 @@
 
 namespace {
 
-// The slot of each record name.
-template <class Member>
-struct Slot {
-  std::string_view name;
-  Member member;
-};
-template <class Member>
-Slot(const char*, Member) -> Slot<Member>;
-
-constexpr auto kSlots = std::tuple{
-    Slot{"all_to_all_communication", &KLT_HandlerTable::all_to_all_communication},
-    Slot{"all_to_one_communication", &KLT_HandlerTable::all_to_one_communication},
-    Slot{"begin_of_history", &KLT_HandlerTable::begin_of_history},
-    Slot{"class_definition", &KLT_HandlerTable::class_definition},
-    Slot{"clock_resolution", &KLT_HandlerTable::clock_resolution},
-    Slot{"all_communication", &KLT_HandlerTable::all_communication},
-    Slot{"collective_operation_definition", &KLT_HandlerTable::collective_operation_definition},
-    Slot{"collop_statistics", &KLT_HandlerTable::collop_statistics},
-    Slot{"collop_profile", &KLT_HandlerTable::collop_profile},
-    Slot{"collop_raw_event", &KLT_HandlerTable::collop_raw_event},
-    Slot{"comment", &KLT_HandlerTable::comment},
-    Slot{"communicator_definition", &KLT_HandlerTable::communicator_definition},
-    Slot{"counter_definition", &KLT_HandlerTable::counter_definition},
-    Slot{"counter_value", &KLT_HandlerTable::counter_value},
-    Slot{"custom_statistics_definition", &KLT_HandlerTable::custom_statistics_definition},
-    Slot{"custom_statistics", &KLT_HandlerTable::custom_statistics},
-    Slot{"duration", &KLT_HandlerTable::duration},
-    Slot{"end_of_filter", &KLT_HandlerTable::end_of_filter},
-    Slot{"end_of_history", &KLT_HandlerTable::end_of_history},
-    Slot{"enter_function", &KLT_HandlerTable::enter_function},
-    Slot{"enter_scope", &KLT_HandlerTable::enter_scope},
-    Slot{"event_summary", &KLT_HandlerTable::event_summary},
-    Slot{"file_io_begin", &KLT_HandlerTable::file_io_begin},
-    Slot{"file_io_end", &KLT_HandlerTable::file_io_end},
-    Slot{"file_io_file_definition", &KLT_HandlerTable::file_io_file_definition},
-    Slot{"function_profile", &KLT_HandlerTable::function_profile},
-    Slot{"function_definition", &KLT_HandlerTable::function_definition},
-    Slot{"function_history", &KLT_HandlerTable::function_history},
-    Slot{"function_statistics", &KLT_HandlerTable::function_statistics},
-    Slot{"group_definition", &KLT_HandlerTable::group_definition},
-    Slot{"info", &KLT_HandlerTable::info},
-    Slot{"leave_function", &KLT_HandlerTable::leave_function},
-    Slot{"leave_scope", &KLT_HandlerTable::leave_scope},
-    Slot{"lw_statistics", &KLT_HandlerTable::lw_statistics},
-    Slot{"message_raw_event", &KLT_HandlerTable::message_raw_event},
-    Slot{"one_to_all_communication", &KLT_HandlerTable::one_to_all_communication},
-    Slot{"one_to_one_communication", &KLT_HandlerTable::one_to_one_communication},
-    Slot{"onetoone_profile", &KLT_HandlerTable::onetoone_profile},
-    Slot{"onetoone_statistics", &KLT_HandlerTable::onetoone_statistics},
-    Slot{"opaque_data", &KLT_HandlerTable::opaque_data},
-    Slot{"report", &KLT_HandlerTable::report},
-    Slot{"scl_definition", &KLT_HandlerTable::scl_definition},
-    Slot{"file_definition", &KLT_HandlerTable::file_definition},
-    Slot{"scope_definition", &KLT_HandlerTable::scope_definition},
-    Slot{"process_declaration", &KLT_HandlerTable::process_declaration},
-    Slot{"willy_definition", &KLT_HandlerTable::willy_definition},
-    Slot{"willy_name", &KLT_HandlerTable::willy_name}};
-
-template <int N, size_t I = 0>
-constexpr auto slotOf() {
-  if constexpr (I == std::tuple_size_v<decltype(kSlots)>) {
-    return nullptr;
-  } else if constexpr (std::get<I>(kSlots).name == kKltRows[N - 1].name) {
-    return std::get<I>(kSlots).member;
+// The member of the table that records of row N go to; null if there is none.
+template <int N>
+constexpr auto slotIn(klt::SlotList<>) {
+  return nullptr;
+}
+template <int N, class Slot, class... Others>
+constexpr auto slotIn(klt::SlotList<Slot, Others...>) {
+  if constexpr (Slot::name == kKltRows[N - 1].name) {
+    return Slot::member;
   } else {
-    return slotOf<N, I + 1>();
+    return slotIn<N>(klt::SlotList<Others...>{});
   }
+}
+template <int N>
+constexpr auto slotOf() {
+  return slotIn<N>(klt::AllSlots{});
 }
 
 template <int N>

@@ -214,7 +214,81 @@ struct KLT_HandlerTable {
   KLT_Handler<"willy_definition"> willy_definition = nullptr;
   KLT_Handler<"willy_name"> willy_name = nullptr;
 };
-static_assert(sizeof(KLT_HandlerTable) == 48 * sizeof(void*));
+
+namespace klt {
+
+// A slot of the table: the record's name, and the member as a constant.
+template <KLT_NameText Name, auto Member>
+struct Slot {
+  static constexpr std::string_view name = Name.view();
+  static constexpr auto member = Member;
+};
+template <class... Slots>
+struct SlotList {
+  static constexpr size_t size = sizeof...(Slots);
+};
+
+// All of them.
+using AllSlots = SlotList<
+    Slot<"all_to_all_communication", &KLT_HandlerTable::all_to_all_communication>,
+    Slot<"all_to_one_communication", &KLT_HandlerTable::all_to_one_communication>,
+    Slot<"begin_of_history", &KLT_HandlerTable::begin_of_history>,
+    Slot<"class_definition", &KLT_HandlerTable::class_definition>,
+    Slot<"clock_resolution", &KLT_HandlerTable::clock_resolution>,
+    Slot<"all_communication", &KLT_HandlerTable::all_communication>,
+    Slot<"collective_operation_definition", &KLT_HandlerTable::collective_operation_definition>,
+    Slot<"collop_statistics", &KLT_HandlerTable::collop_statistics>,
+    Slot<"collop_profile", &KLT_HandlerTable::collop_profile>,
+    Slot<"collop_raw_event", &KLT_HandlerTable::collop_raw_event>,
+    Slot<"comment", &KLT_HandlerTable::comment>,
+    Slot<"communicator_definition", &KLT_HandlerTable::communicator_definition>,
+    Slot<"counter_definition", &KLT_HandlerTable::counter_definition>,
+    Slot<"counter_value", &KLT_HandlerTable::counter_value>,
+    Slot<"custom_statistics_definition", &KLT_HandlerTable::custom_statistics_definition>,
+    Slot<"custom_statistics", &KLT_HandlerTable::custom_statistics>,
+    Slot<"duration", &KLT_HandlerTable::duration>,
+    Slot<"end_of_filter", &KLT_HandlerTable::end_of_filter>,
+    Slot<"end_of_history", &KLT_HandlerTable::end_of_history>,
+    Slot<"enter_function", &KLT_HandlerTable::enter_function>,
+    Slot<"enter_scope", &KLT_HandlerTable::enter_scope>,
+    Slot<"event_summary", &KLT_HandlerTable::event_summary>,
+    Slot<"file_io_begin", &KLT_HandlerTable::file_io_begin>,
+    Slot<"file_io_end", &KLT_HandlerTable::file_io_end>,
+    Slot<"file_io_file_definition", &KLT_HandlerTable::file_io_file_definition>,
+    Slot<"function_profile", &KLT_HandlerTable::function_profile>,
+    Slot<"function_definition", &KLT_HandlerTable::function_definition>,
+    Slot<"function_history", &KLT_HandlerTable::function_history>,
+    Slot<"function_statistics", &KLT_HandlerTable::function_statistics>,
+    Slot<"group_definition", &KLT_HandlerTable::group_definition>,
+    Slot<"info", &KLT_HandlerTable::info>,
+    Slot<"leave_function", &KLT_HandlerTable::leave_function>,
+    Slot<"leave_scope", &KLT_HandlerTable::leave_scope>,
+    Slot<"lw_statistics", &KLT_HandlerTable::lw_statistics>,
+    Slot<"message_raw_event", &KLT_HandlerTable::message_raw_event>,
+    Slot<"one_to_all_communication", &KLT_HandlerTable::one_to_all_communication>,
+    Slot<"one_to_one_communication", &KLT_HandlerTable::one_to_one_communication>,
+    Slot<"onetoone_profile", &KLT_HandlerTable::onetoone_profile>,
+    Slot<"onetoone_statistics", &KLT_HandlerTable::onetoone_statistics>,
+    Slot<"opaque_data", &KLT_HandlerTable::opaque_data>, Slot<"report", &KLT_HandlerTable::report>,
+    Slot<"scl_definition", &KLT_HandlerTable::scl_definition>,
+    Slot<"file_definition", &KLT_HandlerTable::file_definition>,
+    Slot<"scope_definition", &KLT_HandlerTable::scope_definition>,
+    Slot<"process_declaration", &KLT_HandlerTable::process_declaration>,
+    Slot<"willy_definition", &KLT_HandlerTable::willy_definition>,
+    Slot<"willy_name", &KLT_HandlerTable::willy_name>>;
+static_assert(sizeof(KLT_HandlerTable) == (1 + AllSlots::size) * sizeof(void*));
+
+template <class Table, class F, class... Slots>
+constexpr void forEachSlot(Table& table, F&& f, SlotList<Slots...>) {
+  (f(Slots{}, table.*Slots::member), ...);
+}
+// Calls f(slot, handler) for each slot of a table and the handler in it.
+template <class Table, class F>
+constexpr void forEachSlot(Table& table, F&& f) {
+  forEachSlot(table, std::forward<F>(f), AllSlots{});
+}
+
+}  // namespace klt
 
 // A table with all slots empty, owned by the caller.
 [[nodiscard]] KLT_HandlerTable* KLT_HandlerTableAlloc();
