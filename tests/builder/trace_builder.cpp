@@ -5,74 +5,23 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace tb {
 namespace {
 
-// Rows of the standard layout that the builder writes.
-enum Number : unsigned {
-  kAddTime32 = 1,
-  kAddTime64 = 2,
-  kAllCommunication = 3,
-  kAnchor = 9,
-  kAnchorFileDeclaration = 10,
-  kClass = 12,
-  kClock = 13,
-  kOperation = 14,
-  kRawCollective = 16,
-  kComment = 18,
-  kCommunicator = 19,
-  kCounter = 20,
-  kCounterValue = 22,
-  kDuration = 25,
-  kEnter = 28,
-  kEnterScope = 30,
-  kFileDeclaration = 33,
-  kFile = 34,
-  kIoBegin = 35,
-  kIoEnd = 37,
-  kIoFile = 39,
-  kFunction = 40,
-  kFunctionHistory = 41,
-  kGroup = 45,
-  kHistory = 46,
-  kLeave = 48,
-  kLeaveScope = 50,
-  kRawMessage = 53,
-  kMessage = 57,
-  kOpaque = 64,
-  kProcesses = 65,
-  kScl = 67,
-  kScope = 68,
-  kText = 69,
-  kSubTime = 70,
-  kWillyList = 73,
-  kWillyName = 74,
-};
-
 constexpr uint64_t kNever = ~uint64_t{0};
 
-[[noreturn]] void misuse(std::string_view what, std::string_view about) {
-  std::fprintf(stderr, "trace builder: %.*s: %.*s\n", static_cast<int>(what.size()), what.data(),
-               static_cast<int>(about.size()), about.data());
-  std::abort();
+const Layout& standardLayout() {
+  static const Layout layout;
+  return layout;
 }
 
-void put(std::string& out, uint64_t bits, unsigned bytes) {
-  for (unsigned i = bytes; i-- > 0;) out += static_cast<char>(bits >> (8 * i));
-}
-
-const Field* timeField(const Row& row) {
+const Field* fieldOf(const Row& row, std::string_view name) {
   const auto at = std::find_if(row.fields.begin(), row.fields.end(),
-                               [](const Field& field) { return field.name == "time"; });
+                               [&](const Field& field) { return field.name == name; });
   return at == row.fields.end() ? nullptr : &*at;
-}
-
-bool movesTimeOnly(unsigned number) {
-  return number == kAddTime32 || number == kAddTime64 || number == kSubTime;
 }
 
 const Value* find(const Values& values, std::string_view name) {
@@ -82,63 +31,55 @@ const Value* find(const Values& values, std::string_view name) {
   return nullptr;
 }
 
-// The number of elements of a count's arrays: as stated, else what the longest array has.
-size_t countOf(const Row& row, size_t count, unsigned nth, const Values& values) {
-  if (const Value* stated = find(values, "#" + std::to_string(nth)))
-    return stated->bits(0, Type::U64);
+bool hasRoom(const Value& value, Type type) {
+  const unsigned bits = 8 * bytesOf(type);
+  for (size_t i = 0; bits < 64 && i < value.size(); ++i) {
+    if (value.bits(i, type) >> bits != 0) return false;
+  }
+  return true;
+}
+
+// The number of elements of the longest array that a count covers.
+size_t longestArray(const Row& row, size_t count, const Values& values) {
   size_t elements = 0;
   for (size_t i = 1; i <= row.fields[count].covers && count + i < row.fields.size(); ++i) {
-    if (const Value* value = find(values, row.fields[count + i].name)) {
-      elements = std::max(elements, value->size());
-    }
+    const Value* value = find(values, row.fields[count + i].name);
+    if (value != nullptr) elements = std::max(elements, value->size());
   }
   return elements;
 }
 
-void refuseUnknownFields(const Row& standard, const Values& values) {
-  for (const auto& entry : values) {
-    const bool known = entry.first.starts_with('#') ||
-                       std::any_of(standard.fields.begin(), standard.fields.end(),
-                                   [&](const Field& field) { return field.name == entry.first; });
-    if (!known) misuse("no field of " + standard.name, entry.first);
-  }
-}
-
 uint64_t later(uint64_t time, uint64_t span) { return span > kNever - time ? kNever : time + span; }
 
-std::vector<Triplet> tripletsOf(const std::vector<uint32_t>& threads) {
-  std::vector<Triplet> list;
-  for (uint32_t thread : threads) {
-    const auto number = static_cast<int32_t>(thread);
-    if (!list.empty() && list.back().last + 1 == number) {
-      list.back().last = number;
-    } else {
-      list.push_back({number, number, 1});
-    }
+Values withMembers(Values values, const std::vector<Triplet>& members) {
+  std::vector<int32_t> first, last, stride;
+  for (const Triplet& triplet : members) {
+    first.push_back(triplet.first);
+    last.push_back(triplet.last);
+    stride.push_back(triplet.stride);
   }
-  return list;
+  values.emplace_back("first_id_gtp", first);
+  values.emplace_back("last_id_gtp", last);
+  values.emplace_back("stride", stride);
+  return values;
 }
 
-struct ParallelTriplets {
-  std::vector<int32_t> first, last, stride;
-  explicit ParallelTriplets(const std::vector<Triplet>& triplets) {
-    for (const Triplet& triplet : triplets) {
-      first.push_back(triplet.first);
-      last.push_back(triplet.last);
-      stride.push_back(triplet.stride);
-    }
-  }
-};
+// The place of an element in a list that begins with 1; what isn't there is added.
+template <class T>
+uint32_t idIn(std::vector<T>& list, const T& element) {
+  auto at = std::find(list.begin(), list.end(), element);
+  if (at == list.end()) at = list.insert(at, element);
+  return static_cast<uint32_t>(at - list.begin()) + 1;
+}
 
 // A compressed component: the length in the host's byte order, then one zlib stream.
 std::string compressed(const std::string& bytes) {
   const uint64_t length = bytes.size();
-  uLongf room = compressBound(static_cast<uLong>(length));
+  uLongf room = compressBound(length);
   std::string out(sizeof length + room, '\0');
   std::memcpy(out.data(), &length, sizeof length);
-  auto* target = reinterpret_cast<Bytef*>(out.data() + sizeof length);
-  if (compress(target, &room, reinterpret_cast<const Bytef*>(bytes.data()),
-               static_cast<uLong>(length)) != Z_OK) {
+  if (compress(reinterpret_cast<Bytef*>(out.data() + sizeof length), &room,
+               reinterpret_cast<const Bytef*>(bytes.data()), length) != Z_OK) {
     misuse("zlib", "compress failed");
   }
   out.resize(sizeof length + room);
@@ -147,79 +88,94 @@ std::string compressed(const std::string& bytes) {
 
 }  // namespace
 
-Value::Value(std::string_view text) {
-  for (char character : text) integers_.push_back(static_cast<unsigned char>(character));
+bool Value::isZero() const {
+  return std::all_of(elements_.begin(), elements_.end(),
+                     [](const Element& e) { return e.integer == 0 && e.real == 0; });
 }
 
 uint64_t Value::bits(size_t index, Type type) const {
   if (index >= size()) return 0;
-  const bool real = !reals_.empty();
-  if (type == Type::F64 || type == Type::F32) {
-    const double number =
-        real ? reals_[index] : static_cast<double>(static_cast<int64_t>(integers_[index]));
-    return type == Type::F64 ? std::bit_cast<uint64_t>(number)
-                             : std::bit_cast<uint32_t>(static_cast<float>(number));
-  }
-  return real ? static_cast<uint64_t>(static_cast<int64_t>(reals_[index])) : integers_[index];
+  const Element& element = elements_[index];
+  if (type == Type::F64) return std::bit_cast<uint64_t>(element.real);
+  if (type == Type::F32) return std::bit_cast<uint32_t>(static_cast<float>(element.real));
+  return static_cast<uint64_t>(element.integer);
 }
 
 // --- Records -------------------------------------------------------------------------------------
 
+unsigned RecordBytes::rowFor(std::string_view name, const Values& values) {
+  constexpr unsigned kMissing = 100;  // is worse than any number of fields that are too narrow
+  unsigned best = 0, least = ~0U;
+  for (unsigned number = 1; number <= standardLayout().size(); ++number) {
+    const Row& row = standardLayout().row(number);
+    if (row.name != name) continue;
+    unsigned faults = 0;
+    for (const auto& [key, value] : values) {
+      if (value.isZero()) continue;
+      const Field* field = fieldOf(row, key);
+      faults += field == nullptr ? kMissing : hasRoom(value, field->type) ? 0 : 1;
+    }
+    if (faults >= least) continue;
+    best = number;
+    least = faults;
+  }
+  return best;
+}
+
 void RecordBytes::catchUp(const Row& row) {
-  const Field* field = timeField(row);
+  const Field* field = fieldOf(row, "time");
   if (field == nullptr || time_ == running_) return;
-  const unsigned bits = 8 * bytesOf(field->type);
-  const uint64_t step = time_ - running_;
-  if (time_ > running_ && (bits == 64 || step >> bits == 0)) return;
   if (time_ < running_) {
-    record(kSubTime, {{"time", running_ - time_}});
-  } else {
-    record(step >> 32 == 0 ? kAddTime32 : kAddTime64, {{"time", step}});
+    record("sub_time", {{"time", running_ - time_}});
+  } else if (const uint64_t step = time_ - running_; !hasRoom(step, field->type)) {
+    record("add_time", {{"time", step}});
   }
 }
 
 void RecordBytes::record(unsigned number, const Values& values) {
-  static const Layout standard;
-  refuseUnknownFields(standard.row(number), values);
+  const Row& standard = standardLayout().row(number);
+  for (const auto& [name, value] : values) {
+    if (!name.starts_with('#') && fieldOf(standard, name) == nullptr && !value.isZero())
+      misuse("no field of " + standard.name, name);
+  }
   const Row& row = layout_->row(number);
   uint64_t delta = 0;
-  if (movesTimeOnly(number)) {
+  if (standard.name == "add_time" || standard.name == "sub_time") {
     const Value* step = find(values, "time");
     delta = step == nullptr ? 0 : step->bits(0, Type::U64);
-    running_ = number == kSubTime ? running_ - delta : running_ + delta;
+    running_ += standard.name == "add_time" ? delta : 0 - delta;
     time_ = running_;
-  } else if (timeField(row) != nullptr) {
+  } else if (fieldOf(row, "time") != nullptr) {
     catchUp(row);
     delta = time_ - running_;
     running_ = time_;
   }
 
-  bytes_ += static_cast<char>(row.number);
-  unsigned counts = 0;
+  put(bytes_, row.number, 1);
+  unsigned counts = 0, covered = 0;
   size_t elements = 1;
-  unsigned covered = 0;
+  bool stated = false;
   for (size_t i = 0; i < row.fields.size(); ++i) {
     const Field& field = row.fields[i];
     const unsigned width = bytesOf(field.type);
+    const Value* value = find(values, field.isCount ? "#" + std::to_string(++counts) : field.name);
     if (field.isCount) {
-      elements = countOf(row, i, ++counts, values);
       covered = field.covers;
-      put(bytes_, elements, width);
-      continue;
-    }
-    if (field.name == "time") {
+      elements = longestArray(row, i, values);
+      stated = value != nullptr;
+      if (!stated && width < 8 && elements >> (8 * width) != 0) misuse("too long", row.name);
+      put(bytes_, stated ? value->bits(0, Type::U64) : elements, width);
+    } else if (field.name == "time") {
       put(bytes_, delta, width);
-      continue;
+    } else {
+      // A stated count says nothing about how many elements really follow.
+      const size_t present = value == nullptr ? 0 : value->size();
+      const size_t written = covered == 0 ? 1 : stated ? present : elements;
+      for (size_t k = 0; k < written; ++k) {
+        put(bytes_, value == nullptr ? 0 : value->bits(k, field.type), width);
+      }
+      if (covered > 0) --covered;
     }
-    const Value* value = find(values, field.name);
-    const bool stated = find(values, "#" + std::to_string(std::max(counts, 1U))) != nullptr;
-    // A stated count says nothing about how many elements really follow.
-    const size_t present = value == nullptr ? 0 : value->size();
-    const size_t written = covered == 0 ? 1 : stated ? present : elements;
-    for (size_t k = 0; k < written; ++k) {
-      put(bytes_, value == nullptr ? 0 : value->bits(k, field.type), width);
-    }
-    if (covered > 0) --covered;
   }
 }
 
@@ -234,12 +190,7 @@ Stream::Stream(Trace& trace, std::string suffix, uint32_t categories, uint32_t t
       data_(trace.layout()),
       anchorData_(trace.layout()) {}
 
-Stream& Stream::at(uint64_t time) {
-  data_.at(time);
-  return *this;
-}
-
-void Stream::event(unsigned number, const Values& values) {
+Stream& Stream::record(unsigned number, const Values& values) {
   if (chunk_ != 0 && data_.time() != data_.running() && size() - lastAnchor_ >= chunk_) {
     anchor(told_);
   }
@@ -247,75 +198,28 @@ void Stream::event(unsigned number, const Values& values) {
   recordOffset_ = size();
   recordPrevtime_ = data_.running();
   data_.record(number, values);
-}
-
-Stream& Stream::record(unsigned number, const Values& values) {
-  event(number, values);
   return *this;
 }
 
-Stream& Stream::bytes(std::string_view raw) {
-  data_.bytes(raw);
+Stream& Stream::remember(const Key& key, uint64_t end) {
+  remembered_.push_back({key, end, recordOffset_, recordPrevtime_});
   return *this;
 }
 
-void Stream::remember(Remembered entry) {
-  entry.offset = recordOffset_;
-  entry.prevtime = recordPrevtime_;
-  remembered_.push_back(entry);
-}
-
-Stream& Stream::enter(uint32_t thread, uint32_t function, uint32_t scl) {
-  if (scl == 0) {
-    event(kEnter, {{"willy_gtp", thread}, {"function", function}});
-  } else {
-    event(kEnter + 1, {{"willy_gtp", thread}, {"function", function}, {"scl", scl}});
-  }
-  calls_[thread].push_back({function, scl});
+Stream& Stream::forget(const Key& key) {
+  const auto at = std::find_if(remembered_.begin(), remembered_.end(),
+                               [&](const Remembered& entry) { return entry.key == key; });
+  if (at != remembered_.end()) remembered_.erase(at);
   return *this;
 }
 
 Stream& Stream::leave(uint32_t thread, uint32_t scl) {
-  if (scl == 0) {
-    event(kLeave, {{"willy_gtp", thread}});
-  } else {
-    event(kLeave + 1, {{"willy_gtp", thread}, {"scl", scl}});
-  }
-  if (!calls_[thread].empty()) calls_[thread].pop_back();
+  record("leave_function", {{"willy_gtp", thread}, {"scl", scl}});
+  auto& [functions, scls] = calls_[thread];
+  if (functions.empty()) return *this;
+  functions.pop_back();
+  scls.pop_back();
   return *this;
-}
-
-Stream& Stream::enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl) {
-  Values values{{"willy_gtp", thread}, {"scope", scope}, {"seqnr", sequence}};
-  if (scl != 0) values.emplace_back("scl", scl);
-  event(kEnterScope + (scl != 0), values);
-  remember({.kind = Remembered::Kind::Scope, .thread = thread, .id = scope, .sequence = sequence});
-  return *this;
-}
-
-Stream& Stream::leaveScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl) {
-  Values values{{"willy_gtp", thread}, {"scope", scope}, {"seqnr", sequence}};
-  if (scl != 0) values.emplace_back("scl", scl);
-  event(kLeaveScope + (scl != 0), values);
-  const auto open = std::find_if(remembered_.begin(), remembered_.end(), [&](const auto& entry) {
-    return entry.kind == Remembered::Kind::Scope && entry.thread == thread && entry.id == scope &&
-           entry.sequence == sequence;
-  });
-  if (open != remembered_.end()) remembered_.erase(open);
-  return *this;
-}
-
-Stream& Stream::ioBegin(uint32_t thread, uint32_t type, uint32_t file, uint32_t size,
-                        uint32_t scl) {
-  Values values{{"willy_gtp", thread}, {"type", type}, {"file", file}, {"bytes", size}};
-  if (scl != 0) values.emplace_back("scl", scl);
-  return record(kIoBegin + (scl != 0), values);
-}
-
-Stream& Stream::ioEnd(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl) {
-  Values values{{"willy_gtp", thread}, {"type", type}, {"file", file}, {"bytes", size}};
-  if (scl != 0) values.emplace_back("scl", scl);
-  return record(kIoEnd + (scl != 0), values);
 }
 
 Stream& Stream::counters(uint32_t thread,
@@ -326,190 +230,124 @@ Stream& Stream::counters(uint32_t thread,
     ids.push_back(id);
     values.push_back(value);
   }
-  event(kCounterValue, {{"willy_gtp", thread}, {"values", values}, {"counters", ids}});
-  for (uint32_t id : ids) {
-    std::erase_if(remembered_, [&](const Remembered& entry) {
-      return entry.kind == Remembered::Kind::Counter && entry.thread == thread && entry.id == id;
-    });
-    remember({.kind = Remembered::Kind::Counter, .thread = thread, .id = id});
+  record("counter_value", {{"willy_gtp", thread}, {"values", values}, {"counters", ids}});
+  for (const uint32_t id : ids) {
+    forget({Kind::Counter, thread, id}).remember({Kind::Counter, thread, id});
   }
   return *this;
 }
 
-Stream& Stream::comment(uint32_t thread, std::string_view text) {
-  return record(kComment, {{"willy_gtp", thread}, {"text", text}});
-}
-
-Stream& Stream::opaque(uint32_t thread, std::string_view data, uint32_t scl) {
-  return record(kOpaque, {{"willy_gtp", thread}, {"data", data}, {"scl", scl}});
-}
-
-// Rows 57 to 61: a 16-bit tag, one with locations, a 32-bit tag, one with locations, with
-// checksums.
 Stream& Stream::message(const Message& message) {
-  const bool checked = message.senderChecksum != 0 || message.receiverChecksum != 0;
-  const bool placed = message.senderScl != 0 || message.receiverScl != 0;
-  Values values{{"sender_gtp", message.sender},
-                {"receive_time", message.receiveTime},
-                {"receiver_gtp", message.receiver},
-                {"communicator", message.communicator},
-                {"size", message.size},
-                {"tag", message.tag},
-                {"sender_function", message.senderFunction},
-                {"receiver_function", message.receiverFunction}};
-  if (placed || checked) {
-    values.emplace_back("sender_scl", message.senderScl);
-    values.emplace_back("receiver_scl", message.receiverScl);
-  }
-  unsigned number = kMessage + (placed ? 1 : 0) + (message.tag > 0xffff ? 2 : 0);
-  if (checked) {
-    values.emplace_back("sender_checksum", message.senderChecksum);
-    values.emplace_back("receiver_checksum", message.receiverChecksum);
-    number = kMessage + 4;
-  }
-  event(number, values);
-
-  uint64_t end = kNever;
-  if (message.receiveTime != NO_RECEIVE && message.receiveTime != NO_SEND) {
-    end = later(time(), static_cast<uint64_t>(std::abs(message.receiveTime)));
-  }
-  remember({.end = end});
-  return *this;
+  record("one_to_one_communication", {{"sender_gtp", message.sender},
+                                      {"receive_time", message.receiveTime},
+                                      {"receiver_gtp", message.receiver},
+                                      {"communicator", message.communicator},
+                                      {"size", message.size},
+                                      {"tag", message.tag},
+                                      {"sender_scl", message.senderScl},
+                                      {"receiver_scl", message.receiverScl},
+                                      {"sender_checksum", message.senderChecksum},
+                                      {"receiver_checksum", message.receiverChecksum},
+                                      {"sender_function", message.senderFunction},
+                                      {"receiver_function", message.receiverFunction}});
+  if (message.receiveTime == NO_RECEIVE || message.receiveTime == NO_SEND)
+    return remember({Kind::Communication});
+  const auto span = static_cast<uint64_t>(std::abs(message.receiveTime));
+  return remember({Kind::Communication}, later(time(), span));
 }
 
 Stream& Stream::collective(const Collective& c) {
-  const bool placed = !c.scl.empty();
+  constexpr std::string_view kNames[] = {"all_communication", "all_to_all_communication",
+                                         "all_to_one_communication", "one_to_all_communication"};
   Values values{{"communicator", c.communicator},
                 {"type", c.operation},
                 {"start_time", c.start},
-                {"delta", c.duration}};
-  unsigned number = kAllCommunication;
-  switch (c.shape) {
-    case Shape::All:
-      break;
-    case Shape::AllToAll:
-      number += 2;
-      values.emplace_back("send_size", c.sent);
-      values.emplace_back("receive_size", c.received);
-      break;
-    case Shape::AllToOne:
-      number += 4;
-      values.emplace_back("receiver_gtp", c.root);
-      values.emplace_back("recvd", c.rootBytes);
-      values.emplace_back("send_size", c.sent);
-      break;
-    case Shape::OneToAll:
-      number = 55;
-      values.emplace_back("sender_gtp", c.root);
-      values.emplace_back("sent", c.rootBytes);
-      values.emplace_back("receive_size", c.received);
-      break;
+                {"delta", c.duration},
+                {"scl", c.scl}};
+  if (c.shape == Shape::AllToOne) {
+    values.emplace_back("receiver_gtp", c.root);
+    values.emplace_back("recvd", c.rootBytes);
+  } else if (c.shape == Shape::OneToAll) {
+    values.emplace_back("sender_gtp", c.root);
+    values.emplace_back("sent", c.rootBytes);
   }
-  if (placed) values.emplace_back("scl", c.scl);
-  event(number + (placed ? 1 : 0), values);
+  if (c.shape == Shape::AllToAll || c.shape == Shape::AllToOne)
+    values.emplace_back("send_size", c.sent);
+  if (c.shape == Shape::AllToAll || c.shape == Shape::OneToAll)
+    values.emplace_back("receive_size", c.received);
+  record(kNames[static_cast<size_t>(c.shape)], values);
 
   uint64_t span = 0;
   for (size_t i = 0; i < c.start.size() && i < c.duration.size(); ++i) {
     if (c.start[i] != NOT_STARTED) span = std::max(span, later(c.start[i], c.duration[i]));
   }
-  remember({.end = later(time(), span)});
-  return *this;
+  return remember({Kind::Communication}, later(time(), span));
 }
 
 Stream& Stream::rawMessage(const RawMessage& event) {
-  return record(kRawMessage + (event.tag > 0xffff), {{"willy_gtp", event.thread},
-                                                     {"kind", event.kind},
-                                                     {"other_gtp", event.other},
-                                                     {"tag", event.tag},
-                                                     {"size", event.size},
-                                                     {"comm", event.communicator},
-                                                     {"function", event.function},
-                                                     {"scl", event.scl}});
+  return record("message_raw_event", {{"willy_gtp", event.thread},
+                                      {"kind", event.kind},
+                                      {"other_gtp", event.other},
+                                      {"tag", event.tag},
+                                      {"size", event.size},
+                                      {"comm", event.communicator},
+                                      {"function", event.function},
+                                      {"scl", event.scl}});
 }
 
 Stream& Stream::rawCollective(const RawCollective& event) {
-  return record(kRawCollective, {{"willy_gtp", event.thread},
-                                 {"kind", event.kind},
-                                 {"operation", event.operation},
-                                 {"comm", event.communicator},
-                                 {"counter", event.counter},
-                                 {"root_gtp", event.root},
-                                 {"send_size", event.sent},
-                                 {"receive_size", event.received},
-                                 {"endtime", event.end},
-                                 {"scl", event.scl}});
+  return record("collop_raw_event", {{"willy_gtp", event.thread},
+                                     {"kind", event.kind},
+                                     {"operation", event.operation},
+                                     {"comm", event.communicator},
+                                     {"counter", event.counter},
+                                     {"root_gtp", event.root},
+                                     {"send_size", event.sent},
+                                     {"receive_size", event.received},
+                                     {"endtime", event.end},
+                                     {"scl", event.scl}});
 }
 
 // --- Anchors -------------------------------------------------------------------------------------
 
-Stream& Stream::anchorEvery(size_t bytes, Told told) {
-  chunk_ = bytes;
-  told_ = told;
-  return *this;
+void Stream::tellStacks() {
+  for (const auto& [thread, calls] : calls_) {
+    if (calls.functions.empty()) continue;
+    anchorData_.record(
+        "function_history",
+        {{"willy_gtp", thread}, {"function_stack", calls.functions}, {"scls", calls.scls}});
+  }
 }
 
-// What an anchor here has to point to; forgets what has ended.
-std::vector<Stream::Remembered> Stream::relevant(Told told) {
-  std::erase_if(remembered_, [&](const Remembered& entry) {
-    return entry.kind == Remembered::Kind::Ending && data_.running() >= entry.end;
-  });
-  std::vector<Remembered> entries = remembered_;
+// Also forgets what has ended.
+void Stream::tellRemembered(Told told) {
+  std::erase_if(remembered_, [&](const auto& entry) { return data_.running() >= entry.end; });
+  std::vector<Remembered> entries(remembered_.rbegin(), remembered_.rend());  // in any order
   if (told == Told::NoScopes) {
-    std::erase_if(entries, [](const auto& e) { return e.kind == Remembered::Kind::Scope; });
+    std::erase_if(entries, [](const auto& entry) { return entry.key.kind == Kind::Scope; });
+  } else if (entries.empty() && (categories_ & SCOPES) != 0) {
+    anchorData_.record("history", {});  // there are none
   }
-  // No order is promised.
-  std::reverse(entries.begin(), entries.end());
-  return entries;
+  constexpr size_t kEntriesOfARecord = 255;
+  for (size_t i = 0; i < entries.size();) {
+    std::vector<uint64_t> offsets, prevtimes;
+    for (; i < entries.size() && offsets.size() < kEntriesOfARecord; ++i) {
+      offsets.push_back(entries[i].offset);
+      prevtimes.push_back(entries[i].prevtime);
+    }
+    const std::vector<uint32_t> files(offsets.size(), fileId_);
+    anchorData_.record("history", {{"file", files}, {"offset", offsets}, {"prevtime", prevtimes}});
+  }
 }
 
 Stream& Stream::anchor(Told told) {
   if (told != Told::Nothing) {
-    for (const auto& [thread, calls] : calls_) {
-      std::vector<uint32_t> functions, scls;
-      for (const Call& call : calls) {
-        functions.push_back(call.function);
-        scls.push_back(call.scl);
-      }
-      if (functions.size() > 0xffff) misuse("too many open calls for an anchor", suffix_);
-      if (functions.empty()) continue;
-      const bool placed = std::any_of(scls.begin(), scls.end(), [](uint32_t s) { return s != 0; });
-      Values values{{"willy_gtp", thread}, {"function_stack", functions}};
-      if (placed) values.emplace_back("scls", scls);
-      anchorData_.record(kFunctionHistory + (placed ? 1 : 0), values);
-    }
-    const std::vector<Remembered> entries = relevant(told);
-    constexpr size_t kEntriesOfARecord = 255;
-    const bool tellsScopes = told == Told::Everything && (categories_ & SCOPES) != 0;
-    for (size_t i = 0; i < entries.size() || (i == 0 && tellsScopes); i += kEntriesOfARecord) {
-      const size_t count = std::min(entries.size() - i, kEntriesOfARecord);
-      std::vector<uint64_t> offsets, prevtimes;
-      for (size_t k = i; k < i + count; ++k) {
-        offsets.push_back(entries[k].offset);
-        prevtimes.push_back(entries[k].prevtime);
-      }
-      anchorData_.record(kHistory, {{"file", std::vector<uint32_t>(count, fileId_)},
-                                    {"offset", offsets},
-                                    {"prevtime", prevtimes}});
-    }
+    tellStacks();
+    tellRemembered(told);
   }
-  anchorData_.record(kAnchor, {{"time_prev", data_.running()}, {"offset", size()}});
+  anchorData_.record("anchor", {{"time_prev", data_.running()}, {"offset", size()}});
   anchors_.emplace_back(data_.running(), size());
   lastAnchor_ = size();
-  return *this;
-}
-
-Stream& Stream::anchorRecord(unsigned number, const Values& values) {
-  anchorData_.record(number, values);
-  return *this;
-}
-
-Stream& Stream::withoutAnchorFile() {
-  hasAnchorFile_ = false;
-  return *this;
-}
-
-Stream& Stream::fileType(uint32_t type) {
-  fileType_ = type;
   return *this;
 }
 
@@ -520,99 +358,25 @@ Trace::Trace(unsigned flags) : flags_(flags), extraIndex_(layout_) {
   declarations_->fileType(2);
 }
 
-uint32_t Trace::text(std::string_view text) {
-  auto at = std::find(texts_.begin(), texts_.end(), text);
-  if (at == texts_.end()) at = texts_.insert(at, std::string(text));
-  return static_cast<uint32_t>(at - texts_.begin()) + 1;
-}
+uint32_t Trace::text(std::string_view text) { return idIn(texts_, std::string(text)); }
 
-uint32_t Trace::threadList(const std::vector<Triplet>& list) {
-  const auto same = [&](const std::vector<Triplet>& other) {
-    return std::equal(list.begin(), list.end(), other.begin(), other.end(),
-                      [](const Triplet& a, const Triplet& b) {
-                        return a.first == b.first && a.last == b.last && a.stride == b.stride;
-                      });
-  };
-  auto at = std::find_if(lists_.begin(), lists_.end(), same);
-  if (at == lists_.end()) at = lists_.insert(at, list);
-  return static_cast<uint32_t>(at - lists_.begin()) + 1;
-}
-
-Trace& Trace::clock(double resolution, uint32_t eventBits) {
-  declarations_->record(kClock, {{"resolution", resolution}, {"eventbits", eventBits}});
-  return *this;
-}
-
-Trace& Trace::duration(uint64_t start, uint64_t end) {
-  declarations_->record(kDuration, {{"start", start}, {"end", end}});
-  return *this;
-}
-
-Trace& Trace::processes(const std::vector<uint32_t>& threadsOfEach) {
-  declarations_->record(kProcesses, {{"thread_numbers_gtp", threadsOfEach}});
-  return *this;
-}
-
-Trace& Trace::function(uint32_t id, std::string_view name, uint32_t functionClass) {
-  declarations_->record(kFunction, {{"id", id}, {"name", text(name)}, {"class", functionClass}});
-  return *this;
-}
-
-Trace& Trace::defineClass(uint32_t id, std::string_view name, uint32_t parent) {
-  const std::string_view self = name.substr(name.rfind(':') + 1);
-  declarations_->record(
-      kClass, {{"id", id}, {"name", text(name)}, {"nameself", text(self)}, {"parent", parent}});
-  return *this;
-}
+uint32_t Trace::threadList(const std::vector<Triplet>& list) { return idIn(lists_, list); }
 
 Trace& Trace::communicator(uint32_t id, std::string_view name, const std::vector<Triplet>& members,
                            int32_t leftSize) {
-  const ParallelTriplets lists(members);
-  declarations_->record(kCommunicator, {{"id", id},
-                                        {"name", name},
-                                        {"first_id_gtp", lists.first},
-                                        {"last_id_gtp", lists.last},
-                                        {"stride", lists.stride},
-                                        {"left_size", leftSize}});
-  return *this;
-}
-
-Trace& Trace::operation(uint32_t id, std::string_view name, uint32_t type) {
-  declarations_->record(kOperation, {{"id", id}, {"name", name}, {"type", type}});
-  return *this;
+  return define("communicator_definition",
+                withMembers({{"id", id}, {"name", name}, {"left_size", leftSize}}, members));
 }
 
 Trace& Trace::counter(uint32_t id, std::string_view name, const Counter& counter) {
-  declarations_->record(kCounter, {{"id", id},
-                                   {"name", text(name)},
-                                   {"type", counter.type},
-                                   {"lower_bound", counter.low},
-                                   {"upper_bound", counter.high},
-                                   {"willy_gtp", counter.thread},
-                                   {"class", counter.counterClass},
-                                   {"unit", counter.unit}});
-  return *this;
-}
-
-Trace& Trace::scope(uint32_t id, std::string_view name, uint32_t scopeClass) {
-  declarations_->record(kScope, {{"id", id}, {"name", text(name)}, {"class", scopeClass}});
-  return *this;
-}
-
-Trace& Trace::group(uint32_t id, std::string_view name, const std::vector<uint32_t>& members) {
-  declarations_->record(kGroup, {{"id", id}, {"name", name}, {"willies_gtp", members}});
-  return *this;
-}
-
-Trace& Trace::sourceFile(uint32_t id, std::string_view name) {
-  declarations_->record(kFile, {{"id", id}, {"file", name}});
-  return *this;
-}
-
-Trace& Trace::ioFile(uint32_t id, std::string_view name, uint32_t communicator) {
-  declarations_->record(kIoFile,
-                        {{"id", id}, {"communicator", communicator}, {"name", text(name)}});
-  return *this;
+  return define("counter_definition", {{"id", id},
+                                       {"name", text(name)},
+                                       {"type", counter.type},
+                                       {"lower_bound", counter.low},
+                                       {"upper_bound", counter.high},
+                                       {"willy_gtp", counter.thread},
+                                       {"class", counter.counterClass},
+                                       {"unit", counter.unit}});
 }
 
 Trace& Trace::scl(uint32_t id, const std::vector<Place>& places) {
@@ -621,18 +385,21 @@ Trace& Trace::scl(uint32_t id, const std::vector<Place>& places) {
     files.push_back(place.file);
     lines.push_back(place.line);
   }
-  declarations_->record(kScl, {{"id", id}, {"file", files}, {"line", lines}});
-  return *this;
-}
-
-Trace& Trace::willyName(uint32_t thread, std::string_view name) {
-  declarations_->record(kWillyName, {{"willy_gtp", thread}, {"name", text(name)}});
-  return *this;
+  return define("scl_definition", {{"id", id}, {"file", files}, {"line", lines}});
 }
 
 Stream& Trace::stream(std::string_view suffix, uint32_t categories,
                       const std::vector<uint32_t>& threads) {
-  return streamOf(suffix, categories, tripletsOf(threads));
+  std::vector<Triplet> list;
+  for (const uint32_t thread : threads) {
+    const auto number = static_cast<int32_t>(thread);
+    if (!list.empty() && list.back().last + 1 == number) {
+      list.back().last = number;
+    } else {
+      list.push_back({number, number, 1});
+    }
+  }
+  return streamOf(suffix, categories, list);
 }
 
 Stream& Trace::streamOf(std::string_view suffix, uint32_t categories,
@@ -646,29 +413,25 @@ Stream& Trace::streamOf(std::string_view suffix, uint32_t categories,
 std::string Trace::index() const {
   RecordBytes records(layout_);
   const auto declareFile = [&](uint32_t id, uint32_t type, const std::string& suffix) {
-    records.record(kFileDeclaration, {{"id", id}, {"filetype", type}, {"suffix", suffix}});
+    records.record("file_declaration", {{"id", id}, {"filetype", type}, {"suffix", suffix}});
   };
   declareFile(declarations_->fileId_, declarations_->fileType_, declarations_->suffix_);
   for (const auto& stream : streams_) {
     declareFile(stream->fileId_, stream->fileType_, stream->suffix_);
   }
   for (size_t i = 0; i < texts_.size(); ++i) {
-    records.record(kText, {{"id", i + 1}, {"string", texts_[i]}});
+    records.record("klt_string", {{"id", i + 1}, {"string", texts_[i]}});
   }
   for (size_t i = 0; i < lists_.size(); ++i) {
-    const ParallelTriplets lists(lists_[i]);
-    records.record(kWillyList, {{"id", i + 1},
-                                {"first_id_gtp", lists.first},
-                                {"last_id_gtp", lists.last},
-                                {"stride", lists.stride}});
+    records.record("willy_list", withMembers({{"id", i + 1}}, lists_[i]));
   }
   for (const auto& stream : streams_) {
     if (stream->fileType_ != 0) continue;
     declareFile(stream->anchorId_, 1, stream->suffix_);
-    records.record(kAnchorFileDeclaration, {{"anchor_file", stream->anchorId_},
-                                            {"data_file", stream->fileId_},
-                                            {"categories", stream->categories_},
-                                            {"willies", stream->threadList_}});
+    records.record("anchor_file_declaration", {{"anchor_file", stream->anchorId_},
+                                               {"data_file", stream->fileId_},
+                                               {"categories", stream->categories_},
+                                               {"willies", stream->threadList_}});
   }
   std::string header("KLT\x40\0\0\0\0\0\0\x14", 11);
   header[7] = static_cast<char>(flags_);

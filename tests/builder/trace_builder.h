@@ -54,31 +54,41 @@ inline constexpr uint64_t NOT_STARTED = ~uint64_t{0};
 
 struct Triplet {
   int32_t first = 0, last = 0, stride = 1;
+  bool operator==(const Triplet&) const = default;
 };
 
 // The value of a field: a number, a text, or an array of numbers.
 class Value {
  public:
   template <class T>
-  requires std::is_integral_v<T> || std::is_enum_v<T> Value(T number)
-      : integers_{static_cast<uint64_t>(number)} {}
-  Value(double number) : reals_{number} {}
-  Value(const char* text) : Value(std::string_view(text)) {}
-  Value(std::string_view text);
-  Value(const std::string& text) : Value(std::string_view(text)) {}
-  Value(std::vector<double> numbers) : reals_(std::move(numbers)) {}
+  requires std::is_arithmetic_v<T> || std::is_enum_v<T> Value(T number) { add(number); }
   template <class T>
-  requires std::is_integral_v<T> Value(const std::vector<T>& numbers) {
-    for (T number : numbers) integers_.push_back(static_cast<uint64_t>(number));
+  requires std::is_arithmetic_v<T> Value(const std::vector<T>& numbers) {
+    for (const T number : numbers) add(number);
+  }
+  template <class T>
+  requires std::is_convertible_v<const T&, std::string_view> Value(const T& text) {
+    for (const char character : std::string_view(text)) add(static_cast<unsigned char>(character));
   }
 
-  [[nodiscard]] size_t size() const { return integers_.size() + reals_.size(); }
+  [[nodiscard]] size_t size() const { return elements_.size(); }
+  [[nodiscard]] bool isZero() const;
   // The bits of element `index` as a file holds them in a field of this type.
   [[nodiscard]] uint64_t bits(size_t index, Type type) const;
 
  private:
-  std::vector<uint64_t> integers_;
-  std::vector<double> reals_;
+  struct Element {
+    int64_t integer;
+    double real;
+  };
+  template <class T>
+  void add(T number) {
+    const auto integer = static_cast<int64_t>(number);
+    elements_.push_back({integer, std::is_floating_point_v<T> ? static_cast<double>(number)
+                                                              : static_cast<double>(integer)});
+  }
+
+  std::vector<Element> elements_;
 };
 
 // Field values by name; fields that aren't named are 0, arrays empty. "#1" states the first count
@@ -94,6 +104,9 @@ class RecordBytes {
   void at(uint64_t time) { time_ = time; }
   // A record by the number of its row in the standard layout.
   void record(unsigned number, const Values& values = {});
+  // A record by its name: the first variant that can hold the values that aren't 0.
+  void record(std::string_view name, const Values& values) { record(rowFor(name, values), values); }
+  [[nodiscard]] static unsigned rowFor(std::string_view name, const Values& values);
   void bytes(std::string_view raw) { bytes_ += raw; }
   // Writes the time record that a record at the current time needs, if it needs one.
   void catchUp(const Row& row);
@@ -159,35 +172,76 @@ class Stream {
   Stream(Trace& trace, std::string suffix, uint32_t categories, uint32_t threadList);
 
   // Times are raw: ticks shifted by the trace's event bits.
-  Stream& at(uint64_t time);
-  // Any record; keeps no history.
+  Stream& at(uint64_t time) {
+    data_.at(time);
+    return *this;
+  }
+  // Any record; anchors don't know of it.
   Stream& record(unsigned number, const Values& values = {});
-  Stream& bytes(std::string_view raw);
+  Stream& record(std::string_view name, const Values& values) {
+    return record(RecordBytes::rowFor(name, values), values);
+  }
+  Stream& bytes(std::string_view raw) {
+    data_.bytes(raw);
+    return *this;
+  }
 
-  // Rows with a source location are chosen where one is given.
-  Stream& enter(uint32_t thread, uint32_t function, uint32_t scl = 0);
+  // The variants with a source location are chosen where one is given.
+  Stream& enter(uint32_t thread, uint32_t function, uint32_t scl = 0) {
+    record("enter_function", {{"willy_gtp", thread}, {"function", function}, {"scl", scl}});
+    calls_[thread].functions.push_back(function);
+    calls_[thread].scls.push_back(scl);
+    return *this;
+  }
   Stream& leave(uint32_t thread, uint32_t scl = 0);
-  Stream& enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0);
-  Stream& leaveScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0);
-  Stream& ioBegin(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0);
-  Stream& ioEnd(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0);
+  Stream& enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0) {
+    changeScope("enter_scope", thread, scope, sequence, scl);
+    return remember({Kind::Scope, thread, scope, sequence});
+  }
+  Stream& leaveScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0) {
+    changeScope("leave_scope", thread, scope, sequence, scl);
+    return forget({Kind::Scope, thread, scope, sequence});
+  }
+  Stream& ioBegin(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0) {
+    return io("file_io_begin", thread, type, file, size, scl);
+  }
+  Stream& ioEnd(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0) {
+    return io("file_io_end", thread, type, file, size, scl);
+  }
   Stream& counters(uint32_t thread, std::initializer_list<std::pair<uint32_t, uint64_t>> samples);
-  Stream& comment(uint32_t thread, std::string_view text);
-  Stream& opaque(uint32_t thread, std::string_view data, uint32_t scl = 0);
+  Stream& comment(uint32_t thread, std::string_view text) {
+    return record("comment", {{"willy_gtp", thread}, {"text", text}});
+  }
+  Stream& opaque(uint32_t thread, std::string_view data, uint32_t scl = 0) {
+    return record("opaque_data", {{"willy_gtp", thread}, {"data", data}, {"scl", scl}});
+  }
   Stream& message(const Message& message);
   Stream& collective(const Collective& collective);
   Stream& rawMessage(const RawMessage& event);
   Stream& rawCollective(const RawCollective& event);
 
-  // An anchor at the first change of time behind every `bytes` bytes, from here on.
-  Stream& anchorEvery(size_t bytes, Told told = Told::Everything);
+  // An anchor at the first change of time after every `bytes` bytes, from here on.
+  Stream& anchorEvery(size_t bytes, Told told = Told::Everything) {
+    chunk_ = bytes;
+    told_ = told;
+    return *this;
+  }
   // An anchor at this point, or any records for the anchor file.
   Stream& anchor(Told told = Told::Everything);
-  Stream& anchorRecord(unsigned number, const Values& values);
+  Stream& anchorRecord(unsigned number, const Values& values) {
+    anchorData_.record(number, values);
+    return *this;
+  }
   // The anchor file is declared but isn't there.
-  Stream& withoutAnchorFile();
+  Stream& withoutAnchorFile() {
+    hasAnchorFile_ = false;
+    return *this;
+  }
   // Changes what the index says of the component.
-  Stream& fileType(uint32_t type);
+  Stream& fileType(uint32_t type) {
+    fileType_ = type;
+    return *this;
+  }
 
   [[nodiscard]] size_t size() const { return data_.contents().size(); }
   [[nodiscard]] uint64_t time() const { return data_.time(); }
@@ -200,21 +254,39 @@ class Stream {
 
  private:
   friend class Trace;
-  // A record that later anchors may have to point to.
-  struct Remembered {
-    enum class Kind { Ending, Counter, Scope } kind = Kind::Ending;
-    uint64_t offset = 0, prevtime = 0;
-    uint64_t end = 0;     // Ending: the time from which it doesn't matter any more
-    uint32_t thread = 0;  // Counter, Scope
-    uint32_t id = 0, sequence = 0;
+  // Records that later anchors may have to point to.
+  enum class Kind { Communication, Counter, Scope };
+  struct Key {
+    Kind kind;
+    uint32_t thread = 0, id = 0, sequence = 0;
+    bool operator==(const Key&) const = default;
   };
-  struct Call {
-    uint32_t function, scl;
+  struct Remembered {
+    Key key;
+    uint64_t end;  // from then on it doesn't matter any more
+    uint64_t offset, prevtime;
+  };
+  struct Calls {
+    std::vector<uint32_t> functions, scls;
   };
 
-  void event(unsigned number, const Values& values);
-  void remember(Remembered entry);
-  [[nodiscard]] std::vector<Remembered> relevant(Told told);
+  Stream& changeScope(std::string_view name, uint32_t thread, uint32_t scope, uint32_t sequence,
+                      uint32_t scl) {
+    return record(name,
+                  {{"willy_gtp", thread}, {"scope", scope}, {"seqnr", sequence}, {"scl", scl}});
+  }
+  Stream& io(std::string_view name, uint32_t thread, uint32_t type, uint32_t file, uint32_t size,
+             uint32_t scl) {
+    return record(
+        name,
+        {{"willy_gtp", thread}, {"type", type}, {"file", file}, {"bytes", size}, {"scl", scl}});
+  }
+  // The record that was written last.
+  Stream& remember(const Key& key, uint64_t end = ~uint64_t{0});
+  Stream& forget(const Key& key);
+  // What anchors say about calls and about what is remembered.
+  void tellStacks();
+  void tellRemembered(Told told);
 
   std::string suffix_;
   uint32_t categories_;
@@ -227,10 +299,10 @@ class Stream {
   size_t chunk_ = 0;
   size_t lastAnchor_ = 0;
   Told told_ = Told::Everything;
-  size_t recordOffset_ = 0;  // of the record written last, behind its time record
+  size_t recordOffset_ = 0;  // of the record written last, after its time record
   uint64_t recordPrevtime_ = 0;
   std::vector<std::pair<uint64_t, uint64_t>> anchors_;
-  std::map<uint32_t, std::vector<Call>> calls_;
+  std::map<uint32_t, Calls> calls_;
   std::vector<Remembered> remembered_;
 };
 
@@ -254,24 +326,50 @@ class Trace {
   [[nodiscard]] Layout& layout() { return layout_; }
 
   // Definitions, in the order of the calls.
-  Trace& clock(double resolution, uint32_t eventBits);
-  Trace& duration(uint64_t start, uint64_t end);
-  Trace& processes(const std::vector<uint32_t>& threadsOfEach);
-  Trace& function(uint32_t id, std::string_view name, uint32_t functionClass = 0);
-  Trace& defineClass(uint32_t id, std::string_view name, uint32_t parent = 0);
+  Trace& clock(double resolution, uint32_t eventBits) {
+    return define("clock_resolution", {{"resolution", resolution}, {"eventbits", eventBits}});
+  }
+  Trace& duration(uint64_t start, uint64_t end) {
+    return define("duration", {{"start", start}, {"end", end}});
+  }
+  Trace& processes(const std::vector<uint32_t>& threadsOfEach) {
+    return define("process_declaration", {{"thread_numbers_gtp", threadsOfEach}});
+  }
+  Trace& function(uint32_t id, std::string_view name, uint32_t functionClass = 0) {
+    return define("function_definition",
+                  {{"id", id}, {"name", text(name)}, {"class", functionClass}});
+  }
+  Trace& defineClass(uint32_t id, std::string_view name, uint32_t parent = 0) {
+    const std::string_view self = name.substr(name.rfind(':') + 1);
+    return define("class_definition",
+                  {{"id", id}, {"name", text(name)}, {"nameself", text(self)}, {"parent", parent}});
+  }
   Trace& communicator(uint32_t id, std::string_view name, const std::vector<Triplet>& members,
                       int32_t leftSize = -2);
-  Trace& operation(uint32_t id, std::string_view name, uint32_t type = 0);
+  Trace& operation(uint32_t id, std::string_view name, uint32_t type = 0) {
+    return define("collective_operation_definition", {{"id", id}, {"name", name}, {"type", type}});
+  }
   Trace& counter(uint32_t id, std::string_view name, const Counter& counter = {});
-  Trace& scope(uint32_t id, std::string_view name, uint32_t scopeClass = 0);
-  Trace& group(uint32_t id, std::string_view name, const std::vector<uint32_t>& members);
-  Trace& sourceFile(uint32_t id, std::string_view name);
-  Trace& ioFile(uint32_t id, std::string_view name, uint32_t communicator = 0);
+  Trace& scope(uint32_t id, std::string_view name, uint32_t scopeClass = 0) {
+    return define("scope_definition", {{"id", id}, {"name", text(name)}, {"class", scopeClass}});
+  }
+  Trace& group(uint32_t id, std::string_view name, const std::vector<uint32_t>& members) {
+    return define("group_definition", {{"id", id}, {"name", name}, {"willies_gtp", members}});
+  }
+  Trace& sourceFile(uint32_t id, std::string_view name) {
+    return define("file_definition", {{"id", id}, {"file", name}});
+  }
+  Trace& ioFile(uint32_t id, std::string_view name, uint32_t communicator = 0) {
+    return define("file_io_file_definition",
+                  {{"id", id}, {"communicator", communicator}, {"name", text(name)}});
+  }
   struct Place {
     uint32_t file, line;
   };
   Trace& scl(uint32_t id, const std::vector<Place>& places);
-  Trace& willyName(uint32_t thread, std::string_view name);
+  Trace& willyName(uint32_t thread, std::string_view name) {
+    return define("willy_name", {{"willy_gtp", thread}, {"name", text(name)}});
+  }
 
   // The declarations component, for definitions without a method here.
   [[nodiscard]] Stream& declarations() { return *declarations_; }
@@ -294,6 +392,10 @@ class Trace {
  private:
   friend class Stream;
   uint32_t nextFileId() { return ++lastFileId_; }
+  Trace& define(std::string_view record, const Values& values) {
+    declarations_->record(record, values);
+    return *this;
+  }
   [[nodiscard]] std::string index() const;
 
   unsigned flags_;

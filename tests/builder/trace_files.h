@@ -3,12 +3,18 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 namespace tb {
+
+// Ends the process with a message: the builder is used in a way that makes no sense.
+[[noreturn]] void misuse(std::string_view what, std::string_view about);
+// Appends a big-endian number.
+void put(std::string& out, uint64_t bits, unsigned bytes);
 
 // A fresh directory that disappears with its contents at the end of its scope.
 class TempDir {
@@ -19,7 +25,9 @@ class TempDir {
   TempDir& operator=(const TempDir&) = delete;
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  [[nodiscard]] std::string operator/(std::string_view name) const;
+  [[nodiscard]] std::string operator/(std::string_view name) const {
+    return path_ + '/' + std::string(name);
+  }
 
  private:
   std::string path_;
@@ -38,7 +46,9 @@ void writeFile(const std::string& path, std::string_view bytes);
 // Components by key, in the order in which they were added: " " is the index, ".f.0" a component.
 class TraceFiles {
  public:
-  void add(std::string key, std::string bytes);
+  void add(std::string key, std::string bytes) {
+    parts_.emplace_back(std::move(key), std::move(bytes));
+  }
   [[nodiscard]] bool contains(std::string_view key) const;
   // The bytes of a component that exists.
   [[nodiscard]] std::string& operator[](std::string_view key);
@@ -47,11 +57,20 @@ class TraceFiles {
   }
 
   TraceFiles& remove(std::string_view key);
-  // Takes `count` bytes off the end.
-  TraceFiles& truncate(std::string_view key, size_t count);
-  TraceFiles& flip(std::string_view key, size_t offset, unsigned char mask);
   // Replaces `count` bytes at `offset` by others.
-  TraceFiles& splice(std::string_view key, size_t offset, size_t count, std::string_view bytes);
+  TraceFiles& splice(std::string_view key, size_t offset, size_t count, std::string_view bytes) {
+    (*this)[key].replace(offset, count, bytes);
+    return *this;
+  }
+  // Takes `count` bytes off the end.
+  TraceFiles& truncate(std::string_view key, size_t count) {
+    return splice(key, (*this)[key].size() - count, count, "");
+  }
+  TraceFiles& flip(std::string_view key, size_t offset, unsigned char mask) {
+    char& byte = (*this)[key].at(offset);
+    byte = static_cast<char>(byte ^ mask);
+    return *this;
+  }
 
   // The trace as one container file.
   [[nodiscard]] std::string container(const ContainerForm& form = {}) const;
