@@ -228,54 +228,26 @@ struct SlotList {
   static constexpr size_t size = sizeof...(Slots);
 };
 
-// All of them.
+// All of them. The macro keeps a name and its member together.
+#define KLT_SLOT(name) Slot<#name, &KLT_HandlerTable::name>
 using AllSlots = SlotList<
-    Slot<"all_to_all_communication", &KLT_HandlerTable::all_to_all_communication>,
-    Slot<"all_to_one_communication", &KLT_HandlerTable::all_to_one_communication>,
-    Slot<"begin_of_history", &KLT_HandlerTable::begin_of_history>,
-    Slot<"class_definition", &KLT_HandlerTable::class_definition>,
-    Slot<"clock_resolution", &KLT_HandlerTable::clock_resolution>,
-    Slot<"all_communication", &KLT_HandlerTable::all_communication>,
-    Slot<"collective_operation_definition", &KLT_HandlerTable::collective_operation_definition>,
-    Slot<"collop_statistics", &KLT_HandlerTable::collop_statistics>,
-    Slot<"collop_profile", &KLT_HandlerTable::collop_profile>,
-    Slot<"collop_raw_event", &KLT_HandlerTable::collop_raw_event>,
-    Slot<"comment", &KLT_HandlerTable::comment>,
-    Slot<"communicator_definition", &KLT_HandlerTable::communicator_definition>,
-    Slot<"counter_definition", &KLT_HandlerTable::counter_definition>,
-    Slot<"counter_value", &KLT_HandlerTable::counter_value>,
-    Slot<"custom_statistics_definition", &KLT_HandlerTable::custom_statistics_definition>,
-    Slot<"custom_statistics", &KLT_HandlerTable::custom_statistics>,
-    Slot<"duration", &KLT_HandlerTable::duration>,
-    Slot<"end_of_filter", &KLT_HandlerTable::end_of_filter>,
-    Slot<"end_of_history", &KLT_HandlerTable::end_of_history>,
-    Slot<"enter_function", &KLT_HandlerTable::enter_function>,
-    Slot<"enter_scope", &KLT_HandlerTable::enter_scope>,
-    Slot<"event_summary", &KLT_HandlerTable::event_summary>,
-    Slot<"file_io_begin", &KLT_HandlerTable::file_io_begin>,
-    Slot<"file_io_end", &KLT_HandlerTable::file_io_end>,
-    Slot<"file_io_file_definition", &KLT_HandlerTable::file_io_file_definition>,
-    Slot<"function_profile", &KLT_HandlerTable::function_profile>,
-    Slot<"function_definition", &KLT_HandlerTable::function_definition>,
-    Slot<"function_history", &KLT_HandlerTable::function_history>,
-    Slot<"function_statistics", &KLT_HandlerTable::function_statistics>,
-    Slot<"group_definition", &KLT_HandlerTable::group_definition>,
-    Slot<"info", &KLT_HandlerTable::info>,
-    Slot<"leave_function", &KLT_HandlerTable::leave_function>,
-    Slot<"leave_scope", &KLT_HandlerTable::leave_scope>,
-    Slot<"lw_statistics", &KLT_HandlerTable::lw_statistics>,
-    Slot<"message_raw_event", &KLT_HandlerTable::message_raw_event>,
-    Slot<"one_to_all_communication", &KLT_HandlerTable::one_to_all_communication>,
-    Slot<"one_to_one_communication", &KLT_HandlerTable::one_to_one_communication>,
-    Slot<"onetoone_profile", &KLT_HandlerTable::onetoone_profile>,
-    Slot<"onetoone_statistics", &KLT_HandlerTable::onetoone_statistics>,
-    Slot<"opaque_data", &KLT_HandlerTable::opaque_data>, Slot<"report", &KLT_HandlerTable::report>,
-    Slot<"scl_definition", &KLT_HandlerTable::scl_definition>,
-    Slot<"file_definition", &KLT_HandlerTable::file_definition>,
-    Slot<"scope_definition", &KLT_HandlerTable::scope_definition>,
-    Slot<"process_declaration", &KLT_HandlerTable::process_declaration>,
-    Slot<"willy_definition", &KLT_HandlerTable::willy_definition>,
-    Slot<"willy_name", &KLT_HandlerTable::willy_name>>;
+    KLT_SLOT(all_to_all_communication), KLT_SLOT(all_to_one_communication),
+    KLT_SLOT(begin_of_history), KLT_SLOT(class_definition), KLT_SLOT(clock_resolution),
+    KLT_SLOT(all_communication), KLT_SLOT(collective_operation_definition),
+    KLT_SLOT(collop_statistics), KLT_SLOT(collop_profile), KLT_SLOT(collop_raw_event),
+    KLT_SLOT(comment), KLT_SLOT(communicator_definition), KLT_SLOT(counter_definition),
+    KLT_SLOT(counter_value), KLT_SLOT(custom_statistics_definition), KLT_SLOT(custom_statistics),
+    KLT_SLOT(duration), KLT_SLOT(end_of_filter), KLT_SLOT(end_of_history), KLT_SLOT(enter_function),
+    KLT_SLOT(enter_scope), KLT_SLOT(event_summary), KLT_SLOT(file_io_begin), KLT_SLOT(file_io_end),
+    KLT_SLOT(file_io_file_definition), KLT_SLOT(function_profile), KLT_SLOT(function_definition),
+    KLT_SLOT(function_history), KLT_SLOT(function_statistics), KLT_SLOT(group_definition),
+    KLT_SLOT(info), KLT_SLOT(leave_function), KLT_SLOT(leave_scope), KLT_SLOT(lw_statistics),
+    KLT_SLOT(message_raw_event), KLT_SLOT(one_to_all_communication),
+    KLT_SLOT(one_to_one_communication), KLT_SLOT(onetoone_profile), KLT_SLOT(onetoone_statistics),
+    KLT_SLOT(opaque_data), KLT_SLOT(report), KLT_SLOT(scl_definition), KLT_SLOT(file_definition),
+    KLT_SLOT(scope_definition), KLT_SLOT(process_declaration), KLT_SLOT(willy_definition),
+    KLT_SLOT(willy_name)>;
+#undef KLT_SLOT
 static_assert(sizeof(KLT_HandlerTable) == (1 + AllSlots::size) * sizeof(void*));
 
 template <class Table, class F, class... Slots>

@@ -447,9 +447,8 @@ TraceFiles Trace::files() const {
         (flags_ & 3) == 3 && (stream->categories_ & (FUNCTIONS | RAW_EVENTS)) != 0;
     const std::string& bytes = stream->data_.contents();
     files.add("." + stream->suffix_, compress ? compressed(bytes) : bytes);
-    if (stream->fileType_ == 0 && stream->hasAnchorFile_) {
+    if (stream->fileType_ == 0)
       files.add("." + stream->suffix_ + ".anc", stream->anchorData_.contents());
-    }
   }
   return files;
 }

@@ -232,11 +232,6 @@ class Stream {
     anchorData_.record(number, values);
     return *this;
   }
-  // The anchor file is declared but isn't there.
-  Stream& withoutAnchorFile() {
-    hasAnchorFile_ = false;
-    return *this;
-  }
   // Changes what the index says of the component.
   Stream& fileType(uint32_t type) {
     fileType_ = type;
@@ -293,7 +288,6 @@ class Stream {
   uint32_t threadList_;
   uint32_t fileId_, anchorId_;
   uint32_t fileType_ = 0;
-  bool hasAnchorFile_ = true;
   RecordBytes data_;
   RecordBytes anchorData_;
   size_t chunk_ = 0;
