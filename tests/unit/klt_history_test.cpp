@@ -274,6 +274,9 @@ struct BusyTrace {
     fill("c", COUNTERS, {0, 1}, 80, [&](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
       s.counters(thread, {{1 + upTo(5), i}, {12 + upTo(5), ~i}});
     });
+    fill("x", ANY, {0}, 40, [](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
+      s.comment(thread, std::to_string(i));
+    });
   }
 
   Trace trace;
@@ -414,6 +417,7 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
     OpenTrace anchored(busy.trace), compressed(deflated.trace);
     OpenTrace plain(withoutAnchors(busy.trace.files()));
     const Lines whole = plain.read({window(0, kOpenEnd)});
+    EXPECT_GT(busy.anchorTimes.size(), 40U);
     std::mt19937 random(5);
     Recorder recorder;
     Messages messages;
