@@ -1,4 +1,4 @@
-// Turning records into bytes and back: one set of operations per row, instantiated from the table.
+// Turning bytes into records: one set of operations per row, instantiated from the table.
 //
 // On disk a record is its number byte and then its fields in row order, big-endian, each in exactly
 // the bytes of its type. There is no length, padding or end mark. The field "time" of a timed
@@ -19,7 +19,6 @@
 #include "klt/klt_record.h"
 #include "klt/klt_schema.h"
 #include "klt/klt_wire.h"
-#include "util/pal_error.h"
 
 enum class KLT_Parse : uint8_t {
   kRecord,   // a record stands at the buffer's tail, not committed
@@ -69,32 +68,6 @@ inline void loadElements(uint8_t* to, const uint8_t* from, size_t n) {
     for (size_t i = 0; i < n; ++i) storeNative(to + 4 * i, loadBig32(from + 4 * i));
   } else {
     for (size_t i = 0; i < n; ++i) storeNative(to + 8 * i, loadBig64(from + 8 * i));
-  }
-}
-
-// Warns that a value is cut to its field's width, at the encoder's place.
-inline void warnNarrowed(uint64_t value, unsigned bytes, const char* file = __builtin_FILE(),
-                         int line = __builtin_LINE()) {
-  const unsigned held = value >> 32 == 0 ? 4 : 8;
-  PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
-              held, static_cast<unsigned long long>(value), bytes, file, line);
-}
-
-template <KLT_Type Type>
-inline void storeScalar(uint8_t* p, const uint8_t* value) {
-  if constexpr (KLT_TypeBytes(Type) == 1) {
-    *p = *value;  // the low byte
-  } else if constexpr (KLT_TypeBytes(Type) == 2) {
-    const auto v = loadNative<uint32_t>(value);
-    if (Type == KLT_Type::kU16 && v > 0xffff) [[unlikely]]
-      warnNarrowed(v, 2);
-    storeBig16(p, static_cast<uint16_t>(v));
-  } else if constexpr (Type == KLT_Type::kRaw32 || Type == KLT_Type::kRaw64) {
-    std::memcpy(p, value, KLT_TypeBytes(Type));
-  } else if constexpr (KLT_TypeBytes(Type) == 4) {
-    storeBig32(p, loadNative<uint32_t>(value));
-  } else {
-    storeBig64(p, loadNative<uint64_t>(value));
   }
 }
 
@@ -167,21 +140,11 @@ struct KLT_Codec {
     return KLT_Parse::kRecord;
   }
 
-  // Bytes that encode() writes, number byte included.
+  // Bytes of the record in encoded form, number byte included.
   static size_t encodedBytes(const uint8_t* record) {
     size_t bytes = 1 + scalarBytes();
     if constexpr (!kFixedSize) addArrayBytes<0>(record, bytes);
     return bytes;
-  }
-
-  // Writes the record with `step` as its time step (ignored for an untimed row; for the rows that
-  // only move the time it is the value itself). Values too wide for their field are cut, with a
-  // warning. Returns the bytes written. REQUIRES: encodedBytes(record) bytes at `to`.
-  static size_t encode(const uint8_t* record, uint64_t step, uint8_t* to) {
-    uint8_t* p = to;
-    *p++ = N;
-    encodeFields<0>(record, step, p);
-    return static_cast<size_t>(p - to);
   }
 
  private:
@@ -292,30 +255,6 @@ struct KLT_Codec {
       addArrayBytes<F + 1>(record, bytes);
     }
   }
-
-  template <size_t F>
-  static void encodeFields(const uint8_t* record, uint64_t step, uint8_t*& p) {
-    if constexpr (F < kFields) {
-      constexpr KLT_Type type = row.fields[F].type();
-      constexpr size_t width = KLT_TypeBytes(type);
-      if constexpr (layout.isArray(F)) {
-        const size_t n = View::template count<F>(record);
-        const uint8_t* from = record + View::template arrayAt<F>(record);
-        for (size_t i = 0; i < n; ++i, p += width) {
-          klt::storeScalar<type>(p, from + i * KLT_TypeNativeBytes(type));
-        }
-      } else if constexpr (row.timed() && F == 0) {
-        if constexpr (width == 2) klt::storeBig16(p, static_cast<uint16_t>(step));
-        if constexpr (width == 4) klt::storeBig32(p, static_cast<uint32_t>(step));
-        if constexpr (width == 8) klt::storeBig64(p, step);
-        p += width;
-      } else {
-        klt::storeScalar<type>(p, record + layout.offset[F]);
-        p += width;
-      }
-      encodeFields<F + 1>(record, step, p);
-    }
-  }
 };
 
 // Worked sizes, number byte included.
@@ -330,24 +269,4 @@ static_assert(1 + KLT_Codec<69>::layout.headBytes + 3 == 10);
 // filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.
 [[nodiscard]] inline size_t KLT_TimeRecordBytes(uint64_t outputTime, uint64_t time) {
   return time >= outputTime && time - outputTime < 0x10000 ? 0 : 9;
-}
-
-// Writes the time record that is needed between `outputTime` and `time`, none if the step fits a
-// record's own field. Returns its bytes. `step` receives what is left for the record itself.
-// REQUIRES: 9 bytes at `to`.
-[[nodiscard]] inline size_t KLT_EncodeTimeRecord(uint64_t outputTime, uint64_t time, uint64_t& step,
-                                                 uint8_t* to) {
-  step = 0;
-  if (time >= outputTime) {
-    if (time - outputTime < 0x10000) {
-      step = time - outputTime;
-      return 0;
-    }
-    to[0] = 2;
-    klt::storeBig64(to + 1, time - outputTime);
-  } else {
-    to[0] = 70;
-    klt::storeBig64(to + 1, outputTime - time);
-  }
-  return 9;
 }

@@ -109,6 +109,13 @@ const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context, std:
   return nullptr;
 }
 
+// Warns that a value is cut to the width of its field, with the place of the encoder.
+void reportNarrowed(uint64_t value, unsigned bytes, const char* file, int line) {
+  const unsigned held = value >> 32 == 0 ? 4 : 8;
+  PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
+              held, static_cast<unsigned long long>(value), bytes, file, line);
+}
+
 // Drops the component: what is written to it from now on is lost.
 void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuffer& buffer) {
   const std::string suffix = context.suffix.empty() ? "???" : PAL_Printable(context.suffix);
@@ -162,7 +169,7 @@ void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count, 
                               int line) {
   failed = true;
   if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  klt::warnNarrowed(count, KLT_TypeBytes(row.fields[field].type()), file, line);
+  reportNarrowed(count, KLT_TypeBytes(row.fields[field].type()), file, line);
   PAL_Error("%s with %llu elements doesn't fit, the rest is left out",
             std::string(row.name).c_str(), static_cast<unsigned long long>(count));
 }
@@ -170,7 +177,7 @@ void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count, 
 void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t value,
                                    const char* file, int line) {
   if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  klt::warnNarrowed(value, KLT_TypeBytes(row.fields[field].type()), file, line);
+  reportNarrowed(value, KLT_TypeBytes(row.fields[field].type()), file, line);
 }
 
 void KLT_WFileHandle::tellWarned() const {
