@@ -397,11 +397,3 @@ int64_t KLT_IoSize(KLT_IoFile* file) {
   }
   return file->size;
 }
-
-int KLT_IoStat(KLT_IoFile* file, struct stat* info) {
-  if (!isPresent(file)) return 0;
-  if (file->refusal != 0) {
-    return KLT_StatIn(file->container->directoryName(), file->name.c_str(), info);
-  }
-  return Vfd_Stat(file->entry != nullptr ? file->container->fd : file->fd, info);
-}

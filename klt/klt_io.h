@@ -9,7 +9,6 @@
 // top. One thread at a time works on a container and its components.
 #pragma once
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -72,6 +71,3 @@ int64_t KLT_IoSeek(KLT_IoFile* file, int64_t offset, int whence);
 // The bytes of a component that was opened for reading; negative if they can't be told. Moves to
 // its start, if it has to look.
 [[nodiscard]] int64_t KLT_IoSize(KLT_IoFile* file);
-
-// fstat of the file behind the component: its own in the plain form, else the container.
-int KLT_IoStat(KLT_IoFile* file, struct stat* info);
