@@ -3,93 +3,64 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include "generic/RK_conf.h"
-#include "kltt_fixture.h"
+#include "generic/kltt_context.h"
+#include "generic/kltt_tables.h"
 
 namespace {
 
-constexpr uint64_t kEndOfTime = ~uint64_t{0};
+constexpr uint64_t kNoEnd = ~uint64_t{0};
 constexpr uint64_t kLastTick = ~uint64_t{0} >> 1;
 
-class KlttRequests : public KlttFixture {
- protected:
-  KLT_Request window(double start, double end) {
-    RK_Request wanted{};
-    wanted.window_start = start;
-    wanted.window_end = end;
-    RK_conf.request = {wanted};
+TEST(KlttRequests, WindowsBecomeRawTimes) {
+  constexpr double kTick = 1.0 / 1048576;
+  const struct {
+    double clock;
+    uint32_t eventBits;
+    int ticks;
+    double start, end;
+    uint64_t rawStart, rawEnd;
+  } rows[] = {
+      {kTick / 4, 2, 0, 1, 2, 4 << 20, 8 << 20},
+      {kTick / 4, 2, 0, 1.9 * kTick, 3.5 * kTick, 1 << 2, 3 << 2},  // whole ticks
+      {kTick / 4, 2, 0, 0, -1, 0, kNoEnd},
+      {1e-6, 4, 1, 1.5, 2, 1, 2},
+      {1e-6, 4, 1, 0, -1, 0, kNoEnd},
+      {1e-6, 4, 1, -3, 1e300, 0, kLastTick},
+      {10, 0, 0, 15, -1, 1, kNoEnd},  // whose product with -1 is no whole tick
+      {10, 0, 0, -0.5, -0.001, 0, kNoEnd},
+      {1e-6, 0, 0, 1e300, INFINITY, kLastTick, kLastTick},
+      {1e-6, 0, 0, NAN, NAN, 0, 0},
+      {1e-6, 3, 0, 1e300, 1e14, kNoEnd, kNoEnd},
+      {0, 0, 0, 0, 1, 0, kLastTick},  // infinitely many ticks
+      {NAN, 63, 0, 5, 6, 0, 0},
+  };
+  for (const auto& row : rows) {
+    RK_ConfigDefaults();
+    KLTT_Context context;
+    KLTT_ClockResolution(&context, row.clock, row.eventBits);
+    RK_conf.ticks = row.ticks;
+    RK_conf.request.assign(2, {});
+    RK_conf.request[1].categories = 0x84;
+    RK_conf.request[1].triplets = {{0, 3, 1}, {7, 7, 1}};
+    for (RK_Request& wanted : RK_conf.request) {
+      wanted.window_start = row.start;
+      wanted.window_end = row.end;
+    }
     const std::vector<KLT_Request> requests = KLTT_BuildRequests(context);
-    return requests.size() == 1 ? requests.front() : KLT_Request{};
+    ASSERT_EQ(requests.size(), 2U);
+    for (size_t i = 0; i < 2; ++i) {
+      EXPECT_EQ(requests[i].start, row.rawStart) << row.start;
+      EXPECT_EQ(requests[i].end, row.rawEnd) << row.end;
+      EXPECT_EQ(requests[i].categories, i == 0 ? 1 : 0x84U);
+      EXPECT_EQ(requests[i].threads, RK_conf.request[i].triplets);
+    }
+    RK_conf.merge = 1;  // takes the whole trace
+    EXPECT_TRUE(KLTT_BuildRequests(context).empty());
   }
-  void expectWindow(double start, double end, uint64_t rawStart, uint64_t rawEnd) {
-    const KLT_Request request = window(start, end);
-    EXPECT_EQ(request.start, rawStart) << start;
-    EXPECT_EQ(request.end, rawEnd) << end;
-  }
-};
-
-TEST_F(KlttRequests, SecondsBecomeWholeTicksOfTheClock) {
-  setClock(1.0 / 4 / 1048576, 2);  // ticks of 2^-20 seconds
-  expectWindow(1, 2, 4 << 20, 8 << 20);
-  expectWindow(1.9 / 1048576, 3.5 / 1048576, 1 << 2, 3 << 2);
-  expectWindow(0, -1, 0, kEndOfTime);
-}
-
-TEST_F(KlttRequests, TicksAreRawTimeWithoutTheirFraction) {
-  RK_conf.ticks = 1;
-  setClock(1e-6, 4);
-  expectWindow(1.5, 2, 1, 2);
-  expectWindow(0, -1, 0, kEndOfTime);
-  expectWindow(-3, 1e300, 0, kLastTick);
-}
-
-TEST_F(KlttRequests, AnOpenEndStaysOpenWithASlowClock) {
-  setClock(10, 0);
-  expectWindow(15, -1, 1, kEndOfTime);
-  expectWindow(-0.5, -0.001, 0, kEndOfTime);
-}
-
-TEST_F(KlttRequests, WildWindowsAndClocksAreClamped) {
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  setClock(1e-6, 0);
-  expectWindow(1e300, kInfinity, kLastTick, kLastTick);
-  expectWindow(std::nan(""), std::nan(""), 0, 0);
-  setClock(1e-6, 3);
-  expectWindow(1e300, 1e14, kEndOfTime, kEndOfTime);
-  setClock(0, 0);  // infinitely many ticks
-  expectWindow(0, 1, 0, kLastTick);
-  setClock(std::nan(""), 63);
-  expectWindow(5, 6, 0, 0);
-}
-
-TEST_F(KlttRequests, CategoriesThreadsAndOrderAreKept) {
-  RK_Request all{};
-  all.window_end = -1;
-  RK_Request some = all;
-  some.categories = 0x84;
-  some.triplets = {{0, 3, 1}, {7, 7, 1}};
-  RK_conf.request = {all, some};
-  const std::vector<KLT_Request> requests = KLTT_BuildRequests(context);
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].categories, 1u);
-  EXPECT_TRUE(requests[0].threads.empty());
-  EXPECT_EQ(requests[1].categories, 0x84u);
-  EXPECT_EQ(requests[1].threads, some.triplets);
-}
-
-TEST_F(KlttRequests, ConversionAndMergeTakeTheWholeTrace) {
-  RK_conf.request = {RK_Request{}};
-  RK_conf.convert = 1;
-  EXPECT_TRUE(KLTT_BuildRequests(context).empty());
-  RK_conf.convert = 0;
-  RK_conf.merge = 1;
-  EXPECT_TRUE(KLTT_BuildRequests(context).empty());
-  RK_conf.merge = 0;
-  RK_conf.request.clear();
-  EXPECT_TRUE(KLTT_BuildRequests(context).empty());
+  RK_ConfigDefaults();
 }
 
 }  // namespace

@@ -1,349 +1,283 @@
-// Summary data: how bins end, what call trees hold, and that a bad file harms no other. The files
-// of whole traces are compared end to end.
+// Summary data of events that a test states: where bins end, what only odd events show, and files
+// that fail. The files of whole traces are compared end to end.
 #include "generic/kltt_summary.h"
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
-#include <filesystem>
-#include <iterator>
-#include <limits>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "klt/klt.h"
-#include "klt/klt_intern.h"
-#include "tests/builder/trace_builder.h"
-#include "tests/builder/trace_files.h"
-#include "tests/unit/kltt_summary_fixture.h"
+#include "tests/unit/klt_reading.h"
 #include "util/vfd.h"
 
 namespace {
 
-void call(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
-          uint32_t scl = 0) {
-  KLTT_SumFunction(summary, time, thread, function, scl, true);
-}
-void leave(KLTT_Summary& summary, uint64_t time, uint32_t thread) {
-  KLTT_SumFunction(summary, time, thread, 0, 0, false);
-}
+constexpr uint64_t kEndOfTime = ~uint64_t{0};
 
-// --- Bins
-// -----------------------------------------------------------------------------------------
-
-TEST_F(SummaryTest, ATimeAtTheEndOfABinBelongsToIt) {
-  KLTT_Summary& summary = open({7});
-  call(summary, 1, 7, 1);
-  leave(summary, 10, 7);
-  call(summary, 11, 7, 1);
-  leave(summary, 12, 7);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 2U);
-  EXPECT_EQ(width_, 10U);
-  EXPECT_EQ(bins[0].start, 0U);
-  EXPECT_EQ(bins[0].events, 2U);
-  EXPECT_EQ(bins[1].start, 10U);
-  EXPECT_EQ(bins[1].events, 2U);
-}
-
-TEST_F(SummaryTest, TheNumberOfBinsFollowsFromTheRootOfTheEvents) {
-  const struct {
-    uint64_t events, bins;
-  } cases[] = {{2, 2}, {4, 2}, {5, 4}, {961, 60}, {962, 62}, {1000, 62}, {1024, 62}, {1025, 64}};
-  for (const auto& [events, bins] : cases) {
-    KLTT_Summary& summary = open(0, 6400, 0, events, {0});
-    call(summary, 1'000'000, 0, 1);  // ends all bins
-    ASSERT_TRUE(close());
-    EXPECT_EQ(threads().size(), bins) << events;
-    EXPECT_EQ(width_, 6400 / bins) << events;
-    removeFiles();
+class KlttSummary : public testing::Test {
+ protected:
+  // 1,000 events give 62 bins. They are 10 ticks wide here, and 3 ticks remain.
+  void open(uint64_t start = 0, uint64_t span = 623, int32_t eventBits = 0, uint64_t events = 1000,
+            const std::vector<uint32_t>& threads = {0}) {
+    base_ = directory_ / std::to_string(++runs_);
+    summary_ = KLTT_SumOpen(base_.c_str(), start, span, eventBits, events, threads);
   }
-}
+  void close(bool complete = true) { EXPECT_EQ(KLTT_SumClose(summary_), complete); }
+  void call(uint64_t time, uint32_t function, uint32_t scl = 0, uint32_t thread = 0) {
+    KLTT_SumFunction(*summary_, time, thread, function, scl, true);
+  }
+  void leave(uint64_t time, uint32_t thread = 0) {
+    KLTT_SumFunction(*summary_, time, thread, 0, 0, false);
+  }
+  void message(const KLTT_SumMessage& message) { KLTT_SumMessageEvent(*summary_, message); }
+  void sample(uint64_t time, uint32_t counter, uint64_t bits) {
+    KLTT_SumCounters(*summary_, time, 2, 1, &counter, &bits);
+  }
 
-TEST_F(SummaryTest, WithoutACountOfEventsOneBinSpansTheRun) {
-  KLTT_Summary& summary = open((100 << 4) + 15, (500 << 4) + 1, 4, 0, {3});
-  call(summary, 100 << 4, 3, 1);
-  leave(summary, 601 << 4, 3);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 1U);
-  EXPECT_EQ(bins[0].start, 100U);
-  EXPECT_EQ(bins[0].width, 501U);
-  EXPECT_EQ(bins[0].events, 2U);
-  EXPECT_EQ(bins[0].calls.at(1).inclusive, 501U);
-}
-
-// The division leaves a remainder of 38 ticks behind 62 bins of one tick.
-TEST_F(SummaryTest, BinsGoOnToTheDeclaredEndAndOnlyCallsCanBeMissing) {
-  const struct {
-    uint64_t last;
-    size_t bins;
-  } cases[] = {{61, 61}, {62, 62}, {63, 62}, {80, 79}, {100, 99}, {1'000'000, 99}};
-  for (const auto& [last, bins] : cases) {
-    KLTT_Summary& summary = open(0, 100, 0, kEvents, {0});
-    const uint32_t counter = 1;
-    const uint64_t value = 2;
-    for (const uint64_t time : {last, uint64_t{1}}) {  // the second one is told late
-      call(summary, time, 0, 1);
-      KLTT_SumMessageEvent(summary, {.time = time});
-      KLTT_SumCollective(summary, time, 0, 1, 1, {});
-      KLTT_SumCounters(summary, time, 0, 1, &counter, &value);
+  // The records of a file, a line each, with what is counted in them after bars. I and Q stand for
+  // 4 and 8 bytes, d for a real number, s for a text, # for the count of the groups that follow.
+  std::string records(const std::string& kind) {
+    static const std::map<std::string, std::string> kFields = {{"fnc", "QQII#I |IIQQIIIIII"},
+                                                               {"cop", "QIIII#I |IIQQQQQddIIIIII"},
+                                                               {"msg", "IQQQQIIIIIIIIII"},
+                                                               {"cnt", "IQQIIdddddd"},
+                                                               {"rep", "QI#sss |Q |I |s |I |s |I"}};
+    std::istringstream file(tb::readFile(base_ + ".sum." + kind));
+    std::ostringstream lines;
+    uint32_t count = 1;
+    const auto take = [&](auto value) {
+      EXPECT_TRUE(file.read(reinterpret_cast<char*>(&value), sizeof value)) << kind;
+      return value;
+    };
+    const auto put = [&](char field) {
+      if (field == '|') lines << "| ";
+      if (field == 'd') lines << std::abs(take(double{})) << ' ';  // what is no number has no sign
+      if (field == 'Q') lines << take(int64_t{}) << ' ';
+      if (field == 'I') lines << take(uint32_t{}) << ' ';
+      if (field == '#') lines << (count = take(uint32_t{})) << ' ';
+      if (field != 's') return;
+      std::string text(take(uint32_t{}), '?');
+      lines << (file.read(text.data(), static_cast<std::streamsize>(text.size())), text) << ' ';
+    };
+    EXPECT_EQ(take(uint64_t{}), 1U);
+    width_ = take(uint64_t{});
+    records_ = take(uint64_t{});
+    for (uint64_t i = 0; i < records_; ++i, lines << '\n') {
+      uint32_t times = 1;
+      std::istringstream groups(kFields.at(kind));
+      for (std::string group; groups >> group; times = count) {
+        for (uint32_t k = 0; k < times; ++k) std::for_each(group.begin(), group.end(), put);
+      }
     }
-    ASSERT_TRUE(close());
-    EXPECT_EQ(threads().size(), bins) << last;
-    EXPECT_EQ(body("msg").u32(), 2U) << last;
-    SummaryBytes operations = body("cop");
-    operations.skip(20);
-    EXPECT_EQ(operations.u32(), 2U) << last;
-    SummaryBytes samples = body("cnt");
-    samples.skip(24);
-    EXPECT_EQ(samples.u32(), 2U) << last;
-    removeFiles();
+    EXPECT_EQ(file.peek(), EOF) << kind;
+    return lines.str();
   }
-}
+  uint64_t count(const char* kind) { return (void)records(kind), records_; }
 
-TEST_F(SummaryTest, WildTimesMakeNoBins) {
-  KLTT_Summary& summary = open({1, 2});
-  const uint64_t last = std::numeric_limits<uint64_t>::max();
-  call(summary, last, 1, 1);
-  call(summary, 5, 2, 1);  // too late for its bin
-  KLTT_SumMessageEvent(summary, {.time = last});
-  KLTT_SumReportEvent(summary, {.time = last});
-  ASSERT_TRUE(close());
-  EXPECT_EQ(threads().size(), 2U * 62);
-  EXPECT_FALSE(body("msg").atEnd());
-  EXPECT_FALSE(body("rep").atEnd());
-}
+  tb::TempDir directory_;
+  std::string base_;
+  int runs_ = 0;
+  KLTT_Summary* summary_ = nullptr;
+  uint64_t width_ = 0;    // of a bin, and
+  uint64_t records_ = 0;  // how many there are, in the header read last
+};
 
-TEST_F(SummaryTest, NoMoreEventsAreBelievedThanTheFilesCanHold) {
-  for (const unsigned flags : {0U, 3U}) {
-    tb::Trace trace(flags);
-    tb::Stream& stream = trace.stream("f.0", tb::FUNCTIONS, {0});
-    for (uint64_t i = 0; i < 1000; ++i) stream.at(i).enter(0, 1).leave(0);
-    KLT_FileHandle* handle = KLT_Open(trace.files().writePlain(directory_).c_str());
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(KLTT_SumEventLimit(handle, 2000), 2000U);
-    if (flags == 0)
-      EXPECT_LT(KLTT_SumEventLimit(handle, 1ULL << 34), 10'000U);
-    else
-      EXPECT_EQ(KLTT_SumEventLimit(handle, 1ULL << 34), 1ULL << 34);
-    KLT_Close(handle);
-  }
-}
-
-TEST_F(SummaryTest, BinsAreAtLeastOneTickWideAndEndAtTheEndOfTime) {
-  for (const uint64_t start : {uint64_t{0}, std::numeric_limits<uint64_t>::max() - 3}) {
-    KLTT_Summary& summary = open(start, 0, 0, kEvents, {0});
-    call(summary, start + 2, 0, 1);
-    leave(summary, std::numeric_limits<uint64_t>::max(), 0);
-    ASSERT_TRUE(close());
-    EXPECT_LE(threads().size(), 62U);
-    EXPECT_EQ(width_, 1U);
-    removeFiles();
-  }
-}
-
-// --- Call trees
-// -----------------------------------------------------------------------------------
-
-TEST_F(SummaryTest, TreesLieLevelByLevelWithChildrenInOrder) {
-  KLTT_Summary& summary = open({0});
-  call(summary, 0, 0, 5);
-  uint32_t places = 0;
-  for (const uint32_t function : {9U, 2U, 9U}) {
-    // The first place of a function in a bin counts, not that of its next call.
-    call(summary, 1, 0, function, 30 + function + 10 * places++);
-    call(summary, 2, 0, 5);
-    leave(summary, 3, 0);
-    leave(summary, 4, 0);
-  }
-  leave(summary, 6, 0);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 1U);
-  EXPECT_EQ(bins[0].events, 14U);
-  const std::vector<SummaryCall>& calls = bins[0].calls;
-  ASSERT_EQ(calls.size(), 6U);
-  const auto expectCall = [&](size_t at, const SummaryCall& want) {
-    const SummaryCall& is = calls[at];
-    EXPECT_EQ(is.function, want.function) << at;
-    EXPECT_EQ(is.self, want.self) << at;
-    EXPECT_EQ(is.inclusive, want.inclusive) << at;
-    EXPECT_EQ(is.calls, want.calls) << at;
-    EXPECT_EQ(is.scl, want.scl) << at;
-    EXPECT_EQ(is.children, want.children) << at;
-    EXPECT_EQ(is.firstChild, want.firstChild) << at;
-    EXPECT_EQ(is.moreSiblings, want.moreSiblings) << at;
-    EXPECT_EQ(is.parent, want.parent) << at;
+TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
+  const struct {
+    uint64_t start, span, events, last, bins, width;
+    int32_t eventBits = 0;
+  } rows[] = {
+      {0, 6400, 2, 1000000, 2, 3200},
+      {0, 6400, 5, 1000000, 4, 1600},
+      {0, 6400, 961, 1000000, 60, 106},
+      {0, 6400, 962, 1000000, 62, 103},
+      // A time at the end of a bin belongs to it. After the 62 bins of one tick 38 ticks remain,
+      // whose last bin isn't written, for calls.
+      {0, 100, 1000, 61, 61, 1},
+      {0, 100, 1000, 63, 62, 1},
+      {0, 100, 1000, 80, 79, 1},
+      {0, 100, 1000, 1000000, 99, 1},
+      {0, 623, 1000, kEndOfTime, 62, 10},
+      {0, 0, 1000, kEndOfTime, 1, 1},
+      {kEndOfTime - 3, 100, 1000, kEndOfTime, 3, 1},
+      {(100 << 4) + 15, (500 << 4) + 1, 0, 601 << 4, 1, 501, 4},
   };
-  expectCall(0, {0, 0, 6, 0, 0, 1, 1, 1, 0});
-  expectCall(1, {5, 3, 6, 1, 0, 2, 1, 0, 1});
-  expectCall(2, {2, 2, 3, 1, 42, 1, 2, 1, 1});
-  expectCall(3, {9, 4, 6, 2, 39, 1, 2, 0, 2});
-  expectCall(4, {5, 1, 1, 1, 0, 0, 0, 0, 2});
-  expectCall(5, {5, 2, 2, 2, 0, 0, 0, 0, 2});
-}
-
-TEST_F(SummaryTest, AnOpenCallStandsInEachBinWithItsPart) {
-  KLTT_Summary& summary = open({0});
-  call(summary, 4, 0, 1, 8);
-  call(summary, 6, 0, 2);
-  call(summary, 33, 0, 3);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 4U);
-  for (size_t i = 0; i < bins.size(); ++i) {
-    ASSERT_EQ(bins[i].calls.size(), i < 3 ? 3U : 4U);
-    const SummaryCall& outer = bins[i].calls[1];
-    EXPECT_EQ(outer.inclusive, i == 0 ? 6U : 10U);
-    EXPECT_EQ(outer.calls, i == 0 ? 1U : 0U);
-    EXPECT_EQ(outer.scl, i == 0 ? 8U : 0U) << "the place belongs to the bin of the call";
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.events) + " events to " + std::to_string(row.last));
+    open(row.start, row.span, row.eventBits, row.events);
+    for (const uint64_t time : {row.last, uint64_t{1}}) {  // the second one comes too late
+      call(time, 1);
+      message({.time = time});
+      KLTT_SumCollective(*summary_, time, 0, 1, 1, {});
+      sample(time, 1, 0);
+    }
+    close();
+    EXPECT_EQ(count("fnc"), row.bins);
+    EXPECT_EQ(width_, row.width);
+    // There is one record, of both events.
+    EXPECT_EQ(records("msg").substr(0, 2), "2 ");
+    EXPECT_EQ(records("cop").substr(records("cop").find(" 1 1 0 ")), " 1 1 0 2 0 0 \n");
+    EXPECT_NE(records("cnt").find(" 2 2 "), std::string::npos);
+    for (const char* kind : {"msg", "cop", "cnt"}) EXPECT_EQ(count(kind), 1U);
   }
-  // A call below another one counts the time since it last ran, too.
-  EXPECT_EQ(bins[0].calls[1].self, 2U + 6U);
-  EXPECT_EQ(bins[3].calls[2].self, 3U + 10U);
 }
 
-TEST_F(SummaryTest, OfSeveralOutermostCallsTheLowestIsShown) {
-  KLTT_Summary& summary = open({0});
+// After the times, the thread and its events: function, own time and all of it, calls, location,
+// children, distance of the first, whether a sibling follows, distance of the parent.
+TEST_F(KlttSummary, TreesOfCalls) {
+  open(0, 623, 0, 1000, {0, 31, 62, 33, 2, 33});  // the order is by the remainder of 31
+  call(0, 5);
+  for (const uint32_t scl : {9U, 8U, 7U}) {  // the first location in a bin counts
+    call(1, 12 - scl % 2, scl);
+    leave(4);
+  }
+  // An open call is in each bin with its part, but for its location. One below the top counts the
+  // time since it last went on.
+  call(4, 1, 8, 31);
+  call(6, 2, 0, 31);
+  // Of several outermost calls the lowest is shown.
   for (const uint32_t function : {6U, 4U, 5U}) {
-    call(summary, 1, 0, function);
-    call(summary, 1, 0, 1);
-    leave(summary, 3, 0);
-    leave(summary, 3, 0);
+    call(1, function, 0, 62);
+    call(1, 1, 0, 62);
+    leave(3, 62);
+    leave(3, 62);
   }
-  call(summary, 12, 0, 6);
-  leave(summary, 14, 0);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 2U);
-  ASSERT_EQ(bins[0].calls.size(), 3U);
-  EXPECT_EQ(bins[0].events, 12U);
-  EXPECT_EQ(bins[0].calls[0].children, 1U);
-  EXPECT_EQ(bins[0].calls[1].function, 4U);
-  EXPECT_EQ(bins[0].calls[1].moreSiblings, 0U);
-  // What wasn't shown isn't carried over.
-  ASSERT_EQ(bins[1].calls.size(), 2U);
-  EXPECT_EQ(bins[1].calls[1].function, 6U);
-  EXPECT_EQ(bins[1].calls[1].calls, 1U);
-  EXPECT_EQ(bins[1].calls[1].inclusive, 2U);
+  leave(1, 95);  // a thread that isn't declared, with no call open
+  call(12, 6, 0, 62);
+  leave(3, 62);  // time that goes backwards adds nothing
+  close();
+  const std::string idle = " 0 1 0 | 0 0 0 0 0 0 0 0 1 0 \n";
+  EXPECT_EQ(records("fnc"),
+            "0 10 0 7 4 0 | 0 0 0 10 0 0 1 1 1 0 | 0 5 7 10 1 0 2 1 0 1 "
+            "| 0 11 6 6 2 9 0 0 1 1 | 0 12 3 3 1 8 0 0 0 2 \n"
+            "0 10 31 2 3 0 | 0 0 0 6 0 0 1 1 1 0 | 0 1 8 6 1 8 1 1 0 1 | 0 2 4 4 1 0 0 0 0 1 \n"
+            "0 10 62 12 3 0 | 0 0 0 2 0 0 1 1 1 0 | 0 4 0 2 1 0 1 1 0 1 | 0 1 2 2 1 0 0 0 0 1 \n"
+            "0 10 33" +
+                idle + "0 10 2" + idle +
+                "0 10 95 1 1 0 | 0 0 0 0 0 0 0 0 1 0 \n"
+                "10 10 0 0 2 0 | 0 0 0 10 0 0 1 1 1 0 | 0 5 10 10 0 0 0 0 0 1 \n"
+                "10 10 31 0 3 0 | 0 0 0 10 0 0 1 1 1 0 | 0 1 10 10 0 0 1 1 0 1 "
+                "| 0 2 10 10 0 0 0 0 0 1 \n"
+                "10 10 62 2 2 0 | 0 0 0 0 0 0 1 1 1 0 | 0 6 0 0 1 0 0 0 0 1 \n"
+                "10 10 33" +
+                idle + "10 10 2" + idle + "10 10 95" + idle);
 }
 
-TEST_F(SummaryTest, ThreadsStandByBucketAndArrivalWithUnlistedOnesLast) {
-  KLTT_Summary& summary = open({33, 2, 33, 65536});  // 65536 % 31 is 2
-  leave(summary, 1, 95);                             // nothing to leave; 95 % 31 is 2
-  call(summary, 2, 0xffffffff, 1);                   // modulo 31: 3
-  ASSERT_TRUE(close());
-  std::vector<uint32_t> order;
-  for (const SummaryThread& thread : threads()) order.push_back(thread.thread);
-  EXPECT_EQ(order, (std::vector<uint32_t>{33, 2, 65536, 95, 0xffffffff}));
-  EXPECT_EQ(threads()[3].events, 1U);
-  EXPECT_EQ(threads()[3].calls.size(), 1U);
-  EXPECT_EQ(threads()[0].calls.size(), 1U) << "an idle thread has its root";
-}
-
-TEST_F(SummaryTest, DeepAndWideTreesAreWritten) {
-  constexpr uint32_t kMany = 100'000;
-  KLTT_Summary& summary = open(0, 1000, 0, 0);
-  for (uint32_t i = 0; i < kMany; ++i) call(summary, 1, 0, 7);
-  call(summary, 1, 1, 1);
-  for (uint32_t i = kMany; i > 0; --i) {
-    call(summary, 1, 1, i * 7);
-    leave(summary, 2, 1);
+TEST_F(KlttSummary, ManyCallsAndMessagesKeepTheirKeysApart) {
+  constexpr uint32_t kMany = 20'000;
+  open(0, 1000, 0, 0);
+  std::ostringstream tree;
+  std::ostringstream sums;
+  tree << "0 1000 0 " << 2 * kMany << ' ' << kMany + 1 << " 0 | 0 0 0 999 0 0 1 1 1 0 "
+       << "| 0 1 998 999 1 0 " << kMany << " 1 0 1 ";
+  call(1, 1);
+  for (uint32_t i = 0; i < kMany; ++i) {
+    call(1, (kMany - i) * 7);
+    leave(2);
+    for (const uint64_t time : {0, 1}) message({.time = time, .tag = i * 31});
+    tree << "| 0 " << (i + 1) * 7 << " 1 1 1 0 0 0 " << (i < kMany - 1) << ' ' << i + 1 << ' ';
+    sums << "2 1 0 0 0 0 0 0 " << i * 31 << " 0 0 0 0 0 0 \n";
   }
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 2U);
-  ASSERT_EQ(bins[0].calls.size(), kMany + 1);
-  EXPECT_EQ(bins[0].calls[kMany].parent, 1U);
-  EXPECT_EQ(bins[0].calls[kMany].inclusive, 999U);
-  ASSERT_EQ(bins[1].calls.size(), kMany + 2);
-  EXPECT_EQ(bins[1].calls[2].function, 7U);
-  EXPECT_EQ(bins[1].calls[kMany + 1].function, kMany * 7);
-  EXPECT_EQ(bins[1].calls[kMany + 1].parent, kMany);
+  close();
+  EXPECT_TRUE(records("fnc") == tree.str() + '\n');
+  EXPECT_TRUE(records("msg") == sums.str());
 }
 
-TEST_F(SummaryTest, TimeThatGoesBackwardsAddsNothing) {
-  KLTT_Summary& summary = open({0});
-  call(summary, 25, 0, 1);
-  leave(summary, 3, 0);
-  ASSERT_TRUE(close());
-  const std::vector<SummaryThread> bins = threads();
-  ASSERT_EQ(bins.size(), 3U);
-  EXPECT_EQ(bins[2].calls.at(1).self, 0U);
-  EXPECT_EQ(bins[2].calls.at(1).inclusive, 0U);
-}
-
-// --- Files that fail
-// ------------------------------------------------------------------------------
-
-TEST_F(SummaryTest, AFileThatExistsIsLeftAloneAndTheOthersGoOn) {
-  tb::writeFile(path("msg"), "precious");
-  testing::internal::CaptureStderr();
-  KLTT_Summary& summary = open({0});
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "ERROR: could not create summary file " + path("msg") + ": File exists\n");
-  testing::internal::CaptureStderr();
-  call(summary, 1, 0, 1);
-  KLTT_SumMessageEvent(summary, {});
-  EXPECT_FALSE(close());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(tb::readFile(path("msg")), "precious");
-  EXPECT_EQ(threads().size(), 1U);
+TEST_F(KlttSummary, MessagesOperationsCountersAndReportsAddUp) {
+  const uint64_t starts[] = {0, 8, 4};
+  const uint64_t deltas[] = {8, 0, 40};
+  const uint32_t sizes[] = {10, 0, 0xffffffff};
+  const uint32_t places[] = {0, 3, 0};
+  const std::string longText(200'000, 'x');  // more than is buffered
+  const char* texts[] = {longText.c_str(), nullptr};
+  reading::Messages told;
+  open(0, 623 << 2, 2);
+  message({.time = 20, .duration = 20, .sender = 40, .size = 2});
+  message({.time = 20, .duration = -1, .sender = 40, .size = 2, .senderScl = 11});
+  message({.time = 36, .sender = 40, .size = 2, .senderScl = 12, .receiverScl = 13});
+  for (int i = 0; i < 5; ++i) message({.size = 0x80000001});
+  KLTT_SumCollective(*summary_, 16, 2, 1, 9, {2, starts, deltas, sizes, nullptr, places});
+  KLTT_SumCollective(*summary_, 12, 2, 1, 9, {3, starts, starts, nullptr, sizes, nullptr});
+  KLTT_SumCollective(*summary_, 20, 2, 1, 9, {});
+  KLTT_SumDefineCounter(*summary_, 4, 0);
+  KLTT_SumDefineCounter(*summary_, 4, 0x101);  // integers
+  sample(4, 4, 10);
+  sample(8, 4, ~uint64_t{3});
+  sample(16, 4, 6);
+  sample(14, 9, std::bit_cast<uint64_t>(2.5));  // not defined
+  KLTT_SumReportEvent(
+      *summary_, {16, 5, "GLOBAL", nullptr, "d", 2, deltas, sizes, texts, sizes, texts, places});
+  EXPECT_TRUE(records("rep") == "4 5 2 GLOBAL  d | 2 | 0 | 10 | 0 | " + longText +
+                                    " |  | 10 | 0 | " + longText + " |  | 0 | 3 \n");  // at once
+  close();
+  EXPECT_EQ(records("msg"),
+            "3 19 4 -1 5 40 0 0 0 2 6 0 0 11 13 \n"
+            "5 0 0 0 0 0 0 0 0 2147483649 2147483653 0 0 0 0 \n");
+  // The first rate of the second member is no number, which no other replaces.
+  EXPECT_EQ(records("cop"),
+            "3 1 9 2 3 2 0 | 0 0 3 6 2 0 2 5 inf 10 0 10 10 0 10 "
+            "| 0 3 5 7 2 0 2 nan nan 0 0 0 0 0 0 \n");
+  EXPECT_EQ(records("cnt"), "4 1 4 2 3 -4 10 4 -14 5 -4.5 \n9 3 3 2 1 2.5 2.5 2.5 0 0 0 \n");
+  EXPECT_EQ(
+      told.take(),
+      "WARNING: sums of bytes in the summary data have passed 32 bits, they count modulo 2^32\n");
 }
 
 int failingWrites = 0;
 
-TEST_F(SummaryTest, AFailedWriteIsToldOnceAndTheHeaderCountsWhatIsThere) {
-  constexpr uint32_t kWorthAWrite = 1000;
-  KLTT_Summary& summary = open({0});
-  const auto messages = [&](uint64_t time) {
-    for (uint32_t tag = 0; tag < kWorthAWrite; ++tag) {
-      KLTT_SumMessageEvent(summary, {.time = time, .tag = tag});
-    }
+TEST_F(KlttSummary, AFileThatFailsIsReportedOnceAndHarmsNoOther) {
+  open();
+  const auto messages = [&](uint64_t time) {  // worth a write
+    for (uint32_t tag = 0; tag < 1000; ++tag) message({.time = time, .tag = tag});
   };
+  call(1, 1);
   messages(1);
   messages(11);
   failingWrites = 1;  // the second block of messages
   Vfd_systemCalls.pwrite = [](int fd, const void* buffer, size_t bytes, off_t offset) -> ssize_t {
-    if (failingWrites-- > 0) {
-      errno = ENOSPC;
-      return -1;
-    }
-    return Vfd_osCalls.pwrite(fd, buffer, bytes, offset);
+    if (failingWrites-- <= 0) return Vfd_osCalls.pwrite(fd, buffer, bytes, offset);
+    errno = ENOSPC;
+    return -1;
   };
-  testing::internal::CaptureStderr();
+  reading::Messages told;
   messages(21);
   messages(31);
-  failingWrites = 1;  // the trees
-  const bool complete = close();
+  close(false);
   Vfd_systemCalls = Vfd_osCalls;
-  EXPECT_FALSE(complete);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "ERROR: writing to " + path("msg") + " failed: No space left on device\n" +
-                "ERROR: writing to " + path("fnc") + " failed: No space left on device\n");
-  uint64_t records = 0;
-  (void)body("msg", &records);
-  EXPECT_EQ(records, kWorthAWrite);
-  EXPECT_TRUE(threads().empty());
+  EXPECT_EQ(count("msg"), 1000U);
+  EXPECT_EQ(count("fnc"), 4U);
+
+  tb::writeFile(directory_ / "2.sum.msg", "precious");
+  open();
+  call(1, 1);
+  message({});
+  close(false);
+  EXPECT_EQ(tb::readFile(directory_ / "2.sum.msg"), "precious");
+  EXPECT_EQ(count("fnc"), 1U);
+  EXPECT_EQ(
+      told.take(),
+      "ERROR: writing to " + directory_.path() +
+          "/1.sum.msg failed: No space left on device\nERROR: could not create summary file " +
+          directory_.path() + "/2.sum.msg: File exists\n");
 }
 
-TEST_F(SummaryTest, NoDescriptorIsHeldBetweenWrites) {
-  const auto openFiles = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                         std::filesystem::directory_iterator());
-  };
-  const auto before = openFiles();
-  KLTT_Summary& summary = open({0});
-  EXPECT_EQ(openFiles(), before);
-  for (uint32_t i = 0; i < 1500; ++i) {
-    KLTT_SumMessageEvent(summary, {.time = i / 500 * 10, .tag = i});
-    KLTT_SumReportEvent(summary, {.time = i / 500 * 10});
+TEST_F(KlttSummary, NoMoreEventsAreBelievedThanTheFilesCanHold) {
+  constexpr uint64_t kWild = uint64_t{1} << 34;
+  for (const unsigned flags : {0U, 3U}) {  // 3: with compressed components
+    tb::Trace trace(flags);
+    tb::Stream& stream = trace.stream("f.0", tb::FUNCTIONS, {0});
+    for (uint64_t i = 0; i < 1000; ++i) stream.at(i).enter(0, 1).leave(0);
+    const reading::OpenTrace open(trace);
+    EXPECT_EQ(KLTT_SumEventLimit(open.handle(), 2000), 2000U);
+    const uint64_t limit = KLTT_SumEventLimit(open.handle(), kWild);
+    EXPECT_TRUE(flags == 0 ? limit < 10'000 : limit == kWild) << limit;
   }
-  EXPECT_EQ(openFiles(), before);
-  ASSERT_TRUE(close());
 }
 
 }  // namespace
