@@ -3,216 +3,121 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <regex.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <string>
+#include <regex>
+#include <sstream>
 
-#include "util/pal_util.h"
+#include "tests/builder/trace_files.h"
 #include "util/vfd.h"
 
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
+std::string told;  // to the callback
 
-class PalError : public testing::Test {
- protected:
-  void SetUp() override { PAL_messages = {"klttool", nullptr, 0, 1, 1, nullptr, nullptr}; }
-  void TearDown() override { PAL_messages = saved_; }
-
-  template <class F>
-  static std::string Output(F&& call) {
-    CaptureStderr();
-    call();
-    return GetCapturedStderr();
-  }
-
- private:
-  PAL_MessageSettings saved_ = PAL_messages;
-};
-
-TEST_F(PalError, EachLineHasThePrefixOfItsLevel) {
-  EXPECT_EQ(Output([] { PAL_Error("first %d\nsecond\n", 1); }),
-            "klttool ERROR: first 1\nklttool ERROR: second\n");
-  EXPECT_EQ(Output([] { PAL_Warning("\n\nw\n\n\nx"); }),
-            "klttool WARNING: w\nklttool WARNING: x\n");
-  EXPECT_EQ(Output([] { PAL_Info("%s", " \t\n"); }), "");
-  PAL_messages.programName = nullptr;
-  EXPECT_EQ(Output([] { PAL_Info("i"); }), "INFO: i\n");
-}
-
-TEST_F(PalError, ProcessNameStandsInBracketsUnlessItIsTheProgram) {
-  PAL_messages.processName = "p 3";
-  EXPECT_EQ(Output([] { PAL_Error("e"); }), "[p 3] klttool ERROR: e\n");
-  PAL_messages.processName = "klttool";
-  EXPECT_EQ(Output([] { PAL_Error("e"); }), "klttool ERROR: e\n");
-}
-
-TEST_F(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
-  const auto say = [](const char* texts) {
-    for (; *texts != '\0'; ++texts) PAL_Warning("%c", *texts);
-  };
-  const std::string told = Output([&] {
-    say("a");
-    {
-      PAL_MessagesOnce messages;
-      say("aab");
-      messages.beginSecond();
-      say("acaa");
-    }
-    say("b");
-  });
-  std::string letters;
-  for (size_t i = 0; i < told.size(); ++i) letters += told[i] == '\n' ? told.substr(i - 1, 1) : "";
-  EXPECT_EQ(letters, "aaabcab");
-}
-
-bool Matches(const std::string& text, const std::string& pattern) {
-  regex_t compiled;
-  if (regcomp(&compiled, ("^" + pattern + "$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
-    return false;
-  }
-  const bool matches = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-  regfree(&compiled);
-  return matches;
-}
-
-TEST_F(PalError, TimeStandsAheadOfTheProgramOrBehindTheProcess) {
-  PAL_messages.showTime = 1;
-  const std::string stamp = "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9]{4}";
-  const std::string plain = Output([] { PAL_Error("e\nf"); });
-  EXPECT_TRUE(Matches(plain, stamp + " klttool ERROR: e\n" + stamp + " klttool ERROR: f\n"))
-      << plain;
-  PAL_messages.processName = "p";
-  const std::string named = Output([] { PAL_Error("e"); });
-  EXPECT_TRUE(Matches(named, "\\[p " + stamp + "\\] klttool ERROR: e\n")) << named;
-}
-
-TEST_F(PalError, GatesDropWhatIsDisabled) {
-  PAL_messages.infoEnabled = 0;
-  EXPECT_EQ(Output([] {
-              PAL_Info("i");
-              PAL_Warning("w");
-              PAL_Error("e");
-            }),
-            "klttool ERROR: e\n");
-  PAL_messages.errorEnabled = 0;
-  EXPECT_EQ(Output([] { PAL_Error("e"); }), "");
-}
-
-TEST_F(PalError, LongTextsAreNotCut) {
-  const std::string line(3000, 'x');
-  for (const size_t size : {1023U, 1024U, 3000U}) {
-    const std::string text = line.substr(0, size);
-    EXPECT_EQ(Output([&] { PAL_Error("%s", text.c_str()); }), "klttool ERROR: " + text + "\n");
-  }
-  std::string lines;
-  std::string expected;
-  for (int i = 0; i < 30000; ++i) {
-    lines += "a\n";
-    expected += "klttool INFO: a\n";
-  }
-  EXPECT_EQ(Output([&] { PAL_Info("%s", lines.c_str()); }), expected);
-}
-
-std::string callbackText;
-
-TEST_F(PalError, FurtherTargetsGetTheSameBlockAndErrnoIsKept) {
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* stream = open_memstream(&text, &size);
-  PAL_SetLogStream(stream);
-  PAL_SetLogCallback([](void* context, const char* block, size_t length) {
-    EXPECT_EQ(context, nullptr);
-    callbackText.assign(block, length);
+// What the levels say about `text`, with times left out.
+std::string said(const PAL_MessageSettings& settings, const char* text) {
+  const PAL_MessageSettings saved = std::exchange(PAL_messages, settings);
+  PAL_SetLogCallback([](void*, const char* block, size_t length) {
+    told.append(block, length);
     errno = EBADF;
   });
+  testing::internal::CaptureStderr();
+  told.clear();
   errno = ENOTDIR;
-  const std::string output = Output([] { PAL_Error("a\nb"); });
+  PAL_Info("%s", text);
+  PAL_Warning("%s", text);
+  PAL_Error("%s", text);
   EXPECT_EQ(errno, ENOTDIR);
-  std::fclose(stream);
-  EXPECT_EQ(output, "klttool ERROR: a\nklttool ERROR: b\n");
-  EXPECT_EQ(text, output);
-  EXPECT_EQ(callbackText, output);
-  std::free(text);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), told);
+  PAL_messages = saved;
+  const std::regex time("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d [0-9:]{8} \\d{4}");
+  return std::regex_replace(told, time, "TIME");
 }
 
-TEST_F(PalError, ControlBytesOfNamesAreEscaped) {
-  EXPECT_EQ(PAL_Printable(std::string_view("a\n\x1b[2J\x7f\0\xc3\xa9", 10)),
-            "a\\x0a\\x1b[2J\\x7f\\x00\xc3\xa9");
+TEST(PalError, EachLineOfALevelThatIsOnHasThePrefixOfTheSettings) {
+  const std::pair<PAL_MessageSettings, std::string> cases[] = {
+      {{nullptr, nullptr, 0, 1, 1, nullptr, nullptr}, ""},
+      {{"tool", nullptr, 0, 0, 1, nullptr, nullptr}, "tool "},
+      {{"tool", "tool", 0, 1, 0, nullptr, nullptr}, "tool "},
+      {{"tool", "p 3", 0, 1, 1, nullptr, nullptr}, "[p 3] tool "},
+      {{"tool", nullptr, 1, 1, 1, nullptr, nullptr}, "TIME tool "},
+      {{"tool", "p", 1, 1, 1, nullptr, nullptr}, "[p TIME] tool "}};
+  std::string texts[] = {"\n\na\n\n\nb", std::string(1023, 'x'), std::string(1024, 'x'), ""};
+  for (int i = 0; i < 6000; ++i) texts[3] += "a\n";
+  for (const auto& [settings, prefix] : cases) {
+    for (const std::string& text : texts) {
+      std::string expected;
+      for (const std::string level : {"INFO: ", "WARNING: ", "ERROR: "}) {
+        if ((level == "ERROR: " ? settings.errorEnabled : settings.infoEnabled) == 0) continue;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+          if (!line.empty()) expected += prefix + level + line + '\n';
+      }
+      EXPECT_EQ(said(settings, text.c_str()), expected);
+    }
+    EXPECT_EQ(said(settings, " \t\n"), "");
+  }
+}
+
+TEST(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
+  const auto say = [](const char* texts) {
+    testing::internal::CaptureStderr();
+    for (; *texts != '\0'; ++texts) PAL_Warning("%c", *texts);
+    return std::regex_replace(testing::internal::GetCapturedStderr(), std::regex(".*: |\n"), "");
+  };
+  PAL_MessagesOnce messages;
+  EXPECT_EQ(say("aab"), "aab");
+  messages.beginSecond();
+  EXPECT_EQ(say("acaa"), "ca");
+}
+
+TEST(PalError, ControlBytesOfNamesAreEscaped) {
+  EXPECT_EQ(PAL_Printable({"\x1f\x7f\0 \xc3", 5}), "\\x1f\\x7f\\x00 \xc3");
+  testing::internal::CaptureStderr();
   errno = ENOENT;
-  EXPECT_EQ(Output([] { PAL_Perror("t\r.klt"); }), "t\\x0d.klt: No such file or directory\n");
-  EXPECT_EQ(Output([] { PAL_Perror(nullptr); }), "No such file or directory\n");
+  PAL_Perror("t\r");
+  PAL_Perror(nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "t\\x0d: No such file or directory\nNo such file or directory\n");
 }
 
 // The channel remembers its descriptor and position, so each case runs in a process of its own.
-using PalErrorDeathTest = PalError;
-
-TEST_F(PalErrorDeathTest, AbortSaysSoOnTheDebugChannel) {
+TEST(PalErrorDeathTest, DebugChannelIsADescriptorOrTheFileOfTheProcess) {
   EXPECT_EXIT(PAL_Abort(), testing::KilledBySignal(SIGABRT),
-              "\\[[0-9]+\\.[0-9]{6} init/0x[0-9a-f]+/[0-9]+@pal_error\\.cpp:[0-9]+\\] aborting in "
-              "PAL_abort\\(\\)");
-}
+              "^\\[[0-9]+\\.[0-9]{6} init/0x[0-9a-f]+/[0-9]+@pal_error\\.cpp:[0-9]+\\] aborting in "
+              "PAL_abort\\(\\)$");
+  const auto debug = [](const char* descriptor) {
+    if (descriptor != nullptr) setenv("PAL_DEBUG_FD", descriptor, 1);
+    errno = ERANGE;
+    PAL_Debug("d/a.cpp", 1, "one ");
+    PAL_Debug("d/a.cpp", 1, "line\ntwo");
+    for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
+    PAL_Debug("d/a.cpp", 2, "%s = %d\n", "call", errno);
+    std::_Exit(0);
+  };
+  const std::string text = "^\\[.*@a\\.cpp:1\\] one line\n\\[.*:1\\] two\n\\[.*:2\\] call = 34\n$";
+  EXPECT_EXIT(debug("2"), testing::ExitedWithCode(0), text);
 
-TEST_F(PalErrorDeathTest, DebugPrefixesWhatBeginsALine) {
-  EXPECT_EXIT(
-      {
-        setenv("PAL_DEBUG_FD", "2", 1);
-        errno = ERANGE;
-        PAL_Debug("d/a.cpp", 1, "one ");
-        PAL_Debug("d/a.cpp", 1, "line\ntwo");
-        PAL_Debug("d/a.cpp", 2, "%s = %d\n", "call", errno);
-        std::_Exit(errno == ERANGE ? 0 : 1);
-      },
-      testing::ExitedWithCode(0),
-      "^\\[.*@a\\.cpp:1\\] one line\n\\[.*@a\\.cpp:1\\] two\n\\[.*@a\\.cpp:2\\] call = 34\n$");
-}
-
-TEST_F(PalErrorDeathTest, DebugOpensAFileForANamedProcessHoweverManyThereAre) {
-  const std::string directory = testing::TempDir() + "pal_error_debug";
-  std::filesystem::create_directory(directory);
-  EXPECT_EXIT(
-      {
-        unsetenv("PAL_DEBUG_FD");
-        if (chdir(directory.c_str()) != 0) std::_Exit(2);
-        PAL_messages.processName = "a b/c\\d";
-        rlimit few{};
-        few.rlim_cur = few.rlim_max = 16;
-        setrlimit(RLIMIT_NOFILE, &few);
-        for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
-        PAL_Debug("x.cpp", 1, "first\n");
-        for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
-        PAL_Debug("x.cpp", 1, "second\n");
-        std::_Exit(0);
-      },
-      testing::ExitedWithCode(0), "^$");
-  const std::string name = directory + "/PAL-debug-a_b_c_d.out";
-  struct stat status = {};
-  ASSERT_EQ(stat(name.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600U);
-  const std::string text = PAL_ReadFile(name.c_str()).value_or("");
-  EXPECT_NE(text.find("first\n["), std::string::npos) << text;
-  EXPECT_TRUE(text.ends_with("] second\n")) << text;
-  std::filesystem::remove(name);
-
-  std::filesystem::create_directory(name);
-  EXPECT_EXIT(
-      {
-        unsetenv("PAL_DEBUG_FD");
-        if (chdir(directory.c_str()) != 0) std::_Exit(2);
-        PAL_messages.processName = "a b/c\\d";
-        PAL_Debug("x.cpp", 1, "dropped\n");
-        std::_Exit(0);
-      },
-      testing::ExitedWithCode(0),
-      "WARNING: cannot open PAL-debug-a_b_c_d\\.out in .*pal_error_debug\n$");
-  std::filesystem::remove_all(directory);
+  const tb::TempDir directory;
+  const std::string file = directory / "PAL-debug-a_b_c_d.out";
+  const auto debugAs = [&] {
+    const rlimit few{16, 16};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::filesystem::current_path(directory.path());
+    PAL_messages.processName = "a b/c\\d";
+    debug(nullptr);
+  };
+  EXPECT_EXIT(debugAs(), testing::ExitedWithCode(0), "^$");
+  EXPECT_TRUE(std::regex_match(tb::readFile(file), std::regex(text)));
+  EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms{0600});
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);
+  EXPECT_EXIT(debugAs(), testing::ExitedWithCode(0),
+              "^([^\n]* WARNING: cannot open PAL-debug-a_b_c_d\\.out in [^\n]*\n){3}$");
 }
 
 }  // namespace

@@ -1,129 +1,107 @@
-// Endpoints listen where their contact string says, and leave nothing open.
+// Endpoints, and the group operations when there is nobody else.
 #include "util/pal_socket.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <regex>
 #include <string>
+
+#include "generic/RK_socketpc.h"
 
 namespace {
 
-struct Contact {
-  int process = -1;
-  unsigned port = 0;
-  unsigned token = 0;
-  char host[256] = "";
-};
+bool isOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-Contact Parse(const std::string& text) {
-  Contact contact;
-  // The count tells whether all of it was read. NOLINTNEXTLINE(cert-err34-c)
-  EXPECT_EQ(std::sscanf(text.c_str(), "%d:%u_%u@%255s", &contact.process, &contact.port,
-                        &contact.token, contact.host),
-            4)
-      << text;
-  return contact;
-}
-
-bool CanConnect(unsigned port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const int peer = socket(AF_INET, SOCK_STREAM, 0);
-  const bool connected =
-      connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(peer);
-  return connected;
-}
-
-// A bare system may lack a hosts file, and then no name resolves.
-bool HasNames() {
-  addrinfo* addresses = nullptr;
-  if (getaddrinfo("localhost", nullptr, nullptr, &addresses) != 0) return false;
-  freeaddrinfo(addresses);
-  return true;
-}
-
-TEST(PalSocket, EndpointsListenOnDifferentPorts) {
-  if (!HasNames()) GTEST_SKIP() << "the name of the loopback doesn't resolve here";
+TEST(PalSocket, EndpointsListenWhereTheirContactsSay) {
+  const std::regex contact("(\\d+):(\\d+)_([1-9]\\d*)@(.*)");
+  // Both are numbers, which need no look-up. The loopback's name is preferred to its address.
+  std::smatch parts[2];
   std::string texts[2];
   PAL_Socket* sockets[2];
-  ASSERT_EQ(PAL_SocketListen(0, 2, "localhost", texts[0], sockets[0]), 0);
-  ASSERT_EQ(PAL_SocketListen(7, 2, "localhost", texts[1], sockets[1]), 0);
-  const Contact first = Parse(texts[0]);
-  const Contact second = Parse(texts[1]);
-  EXPECT_EQ(first.process, 0);
-  EXPECT_EQ(second.process, 7);
-  EXPECT_GE(first.port, 1025U);
-  EXPECT_GT(second.port, first.port);
-  EXPECT_NE(first.token, 0U);
-  EXPECT_EQ(first.token, sockets[0]->token);
-  EXPECT_TRUE(CanConnect(first.port));
-  EXPECT_TRUE(CanConnect(second.port));
-  for (PAL_Socket* socket : sockets) PAL_SocketClose(socket);
-  EXPECT_FALSE(CanConnect(first.port));
-}
-
-TEST(PalSocket, ContactPrefersAnAddressToTheNameOfTheLoopback) {
-  if (!HasNames()) GTEST_SKIP() << "the name of the loopback doesn't resolve here";
-  std::string text;
-  PAL_Socket* socket;
-  ASSERT_EQ(PAL_SocketListen(0, 2, "localhost", text, socket), 0);
-  EXPECT_STREQ(Parse(text).host, "localhost");
-  PAL_SocketClose(socket);
-  ASSERT_EQ(PAL_SocketListen(0, 2, "127.0.0.2", text, socket), 0);
-  EXPECT_STREQ(Parse(text).host, "127.0.0.2");
-  PAL_SocketClose(socket);
-}
-
-TEST(PalSocket, PairIsConnected) {
-  PAL_Socket* sockets[2];
-  ASSERT_EQ(PAL_SocketPair(sockets), 0);
-  EXPECT_EQ(write(sockets[0]->descriptor, "ping", 4), 4);
-  char text[8] = "";
-  EXPECT_EQ(read(sockets[1]->descriptor, text, sizeof text), 4);
-  EXPECT_STREQ(text, "ping");
-  const int descriptor = sockets[0]->descriptor;
-  for (PAL_Socket* socket : sockets) PAL_SocketClose(socket);
-  EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
+  for (const int i : {0, 1}) {
+    ASSERT_EQ(PAL_SocketListen(7 + i, 2, i == 0 ? "127.1" : "127.2", texts[i], sockets[i]), 0);
+    ASSERT_TRUE(std::regex_match(texts[i], parts[i], contact)) << texts[i];
+    EXPECT_EQ(parts[i][1], std::to_string(7 + i));
+    EXPECT_EQ(parts[i][3], std::to_string(sockets[i]->token));
+    EXPECT_EQ(parts[i][4], i == 0 ? "127.1" : "127.0.0.2");
+    const auto port = static_cast<uint16_t>(std::stoul(parts[i][2]));
+    EXPECT_GE(port, 1025U);
+    const sockaddr_in address = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    const int peer = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    close(peer);
+  }
+  EXPECT_NE(parts[0][2], parts[1][2]);
+  for (PAL_Socket* socket : sockets) {
+    const int descriptor = socket->descriptor;
+    PAL_SocketClose(socket);
+    EXPECT_FALSE(isOpen(descriptor));
+  }
   PAL_SocketClose(nullptr);
 }
 
-void ForbidDescriptors() {
-  const rlimit none = {3, 3};
-  setrlimit(RLIMIT_NOFILE, &none);
+TEST(PalSocketDeathTest, FailuresAreToldAndLeaveNothing) {
+  const auto withoutDescriptors = [](auto call) {
+    const rlimit none = {3, 3};
+    setrlimit(RLIMIT_NOFILE, &none);
+    std::_Exit(call() ? 0 : 1);
+  };
+  const auto listen = [] {
+    std::string text = "old";
+    PAL_Socket* socket = nullptr;
+    return PAL_SocketListen(0, 2, "127.1", text, socket) != 0 && text.empty() && !socket;
+  };
+  const auto join = [] { return RK_IPCInit(HERE) == 0 && !RK_IPCcommworld->sockets[0]; };
+  EXPECT_EXIT(withoutDescriptors(listen), testing::ExitedWithCode(0),
+              "^ERROR: cannot create socket: socket\\(\\): Too many open files\n$");
+  EXPECT_EXIT(withoutDescriptors(join), testing::ExitedWithCode(0),
+              "^ERROR: cannot create socket pair: socketpair\\(\\): Too many open files\n"
+              "\\[.*@RK_socketpc\\.cpp:[0-9]+\\] PAL_SocketPair\\(comm->sockets\\) = 1\n$");
 }
 
-TEST(PalSocketDeathTest, FailuresGiveOneMessageAndNoOutput) {
-  EXPECT_EXIT(
-      {
-        ForbidDescriptors();
-        PAL_Socket* sockets[2];
-        std::_Exit(PAL_SocketPair(sockets) == 1 && sockets[0] == nullptr ? 5 : 6);
-      },
-      testing::ExitedWithCode(5),
-      "^ERROR: cannot create socket pair: socketpair\\(\\): Too many open files\n$");
-  EXPECT_EXIT(
-      {
-        std::string text = "old";
-        PAL_Socket* socket = nullptr;
-        ForbidDescriptors();
-        // A numeric host needs no look-up, so the socket is the first to fail.
-        const int result = PAL_SocketListen(0, 2, "127.0.0.1", text, socket);
-        std::_Exit(result != 0 && text.empty() && socket == nullptr ? 5 : 6);
-      },
-      testing::ExitedWithCode(5),
-      "^ERROR: cannot create socket: socket\\(\\): Too many open files\n$");
+TEST(RkSocketpc, GroupOfOneKeepsItsDataAndClosesItsPair) {
+  ASSERT_EQ(RK_IPCInit(HERE), 0);
+  RK_IPCComm* comm = RK_IPCcommworld;
+  EXPECT_EQ(RK_IPCInit(HERE), 0);
+  EXPECT_EQ(RK_IPCcommworld, comm);
+  int32_t rank = -1, size = -1;
+  EXPECT_EQ(RK_IPCCommRank(HERE, comm, &rank) + rank, 0);
+  EXPECT_EQ(RK_IPCCommSize(HERE, comm, &size) + size, 1);
+  EXPECT_STRNE(RK_IPCHostName(), "");
+  const std::pair<RK_IPCType, size_t> types[] = {{RK_IPC_CHAR, 1},
+                                                 {RK_IPC_BYTE, 1},
+                                                 {RK_IPC_INT32, 4},
+                                                 {RK_IPC_INT64, 8},
+                                                 {RK_IPC_FLOAT64, 8}};
+  for (const auto& [type, bytes] : types) {
+    std::string text(24, 'x');
+    EXPECT_EQ(RK_IPCBcast(HERE, text.data(), 2, type, 0, comm), 0);
+    EXPECT_EQ(RK_IPCReduce(HERE, "abcdefghijklmnop", text.data(), 2, type, RK_IPC_SUM, 0, comm), 0);
+    EXPECT_EQ(text, std::string("abcdefghijklmnop", 2 * bytes) + std::string(24 - 2 * bytes, 'x'));
+    EXPECT_EQ(RK_IPCAllreduce(HERE, "zzzzzzzz", text.data(), 1, type, RK_IPC_BOR, comm), 0);
+    EXPECT_EQ(text.find_first_not_of('z'), bytes);
+  }
+  EXPECT_EQ(RK_IPCReduce(HERE, nullptr, nullptr, 0, RK_IPC_CHAR, RK_IPC_MAX, 0, comm), 0);
+  const int ends[] = {comm->sockets[0]->descriptor, comm->sockets[1]->descriptor};
+  char text[5] = "";
+  EXPECT_EQ(write(ends[0], "ping", 4), 4);
+  EXPECT_EQ(read(ends[1], text, 4), 4);
+  EXPECT_STREQ(text, "ping");
+  // Nothing can be reached from outside.
+  int listens = -1;
+  socklen_t length = sizeof listens;
+  EXPECT_EQ(getsockopt(ends[0], SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) + listens, 0);
+  EXPECT_EXIT(RK_IPCAbort(HERE, 999), testing::ExitedWithCode(999 & 0xff), "");
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(RK_IPCCommFree(HERE, &comm), 0);
+  EXPECT_EQ(comm, nullptr);
+  EXPECT_EQ(RK_IPCcommworld, nullptr);
+  EXPECT_FALSE(isOpen(ends[0]) || isOpen(ends[1]));
 }
 
 }  // namespace
