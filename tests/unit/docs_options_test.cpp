@@ -1,14 +1,12 @@
-// The manual page and the help text against the option table.
+// The manual page, the help and the other documents against the option table.
 #include <gtest/gtest.h>
 
 #include <cctype>
 #include <filesystem>
 #include <map>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "generic/RK_conf.h"
 #include "generic/kltt_help.h"
@@ -16,120 +14,86 @@
 
 namespace {
 
-using Names = std::set<std::string>;
+using Texts = std::map<std::string, std::string>;  // by option
+const std::string kRoot = KLT_TEST_DATA "/../../";
 
 std::string lowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
 
-std::string presetText(const RK_Option& option) {
-  if (option.type == RK_OptionType::request) return "none";
-  if (const auto* text = std::get_if<const char*>(&option.preset))
-    return **text == '\0' ? "none" : *text;
-  if (const auto* real = std::get_if<double>(&option.preset)) {
+// The first group of each match with the second.
+Texts found(const std::string& text, const char* pattern) {
+  const std::regex regex(pattern);
+  Texts result;
+  for (std::sregex_iterator at(text.begin(), text.end(), regex), end; at != end; ++at)
+    result[(*at)[1]] += (*at)[2];
+  return result;
+}
+
+Texts defaults() {
+  Texts result;
+  for (const RK_Option& option : RK_ConfigOptions()) {
     std::ostringstream shown;
-    shown << *real;
-    return shown.str();
-  }
-  const int32_t number = std::get<int32_t>(option.preset);
-  const bool isSwitch =
-      option.type == RK_OptionType::toggle || option.type == RK_OptionType::toggleOrFile;
-  return isSwitch ? (number != 0 ? "on" : "off") : std::to_string(number);
-}
-
-// Options of the table with their defaults.
-std::map<std::string, std::string> tableOptions() {
-  std::map<std::string, std::string> options;
-  for (const RK_Option& option : RK_ConfigOptions())
-    options[lowerCase(option.key)] = presetText(option);
-  return options;
-}
-
-Names helpOptions() {
-  Names names;
-  std::istringstream help{std::string(KLTT_HelpText())};
-  for (std::string line; std::getline(help, line);) {
-    if (!line.starts_with("--")) continue;
-    names.insert(line.substr(2, line.find_first_of(" [", 2) - 2));
-  }
-  return names;
-}
-
-// A line of the manual page with its hyphens plain.
-std::string withoutEscapes(const std::string& line) {
-  return std::regex_replace(line, std::regex(R"(\\-)"), "-");
-}
-
-struct Manual {
-  std::map<std::string, std::string> defaults;  // of all options that have an entry
-  Names common;                                 // those ahead of the less common ones
-};
-
-// Entries of the section OPTIONS: ".TP", a line with the option, text with its default.
-Manual manual() {
-  Manual result;
-  std::istringstream page(tb::readFile(KLT_TEST_DATA "/../../man/klttool.1"));
-  std::string section;
-  std::string option;
-  bool lessCommon = false;
-  bool isHead = false;
-  for (std::string line; std::getline(page, line);) {
-    line = withoutEscapes(line);
-    if (line.starts_with(".SH ")) section = line.substr(4);
-    if (section != "OPTIONS") continue;
-    lessCommon = lessCommon || line == ".SS Less common options";
-    std::smatch match;
-    if (isHead && std::regex_search(line, match, std::regex(R"(^\.BR? --([a-z-]+))"))) {
-      option = match[1];
-      EXPECT_TRUE(result.defaults.emplace(option, "").second) << option << " has two entries";
-      if (!lessCommon) result.common.insert(option);
-    }
-    isHead = line == ".TP";
-    if (line.starts_with("Default: ")) result.defaults[option] = line.substr(9, line.size() - 10);
+    std::visit([&](auto preset) { shown << preset; }, option.preset);
+    std::string preset = shown.str();
+    if (option.type == RK_OptionType::toggle || option.type == RK_OptionType::toggleOrFile)
+      preset = preset == "0" ? "off" : "on";
+    if (preset.empty() || option.type == RK_OptionType::request) preset = "none";
+    result[lowerCase(option.key)] = preset;
   }
   return result;
 }
 
-TEST(OptionDocuments, ManualHasAllOptionsOfTheTableWithTheirDefaults) {
-  EXPECT_EQ(manual().defaults, tableOptions());
-}
-
-TEST(OptionDocuments, HelpAndManualExplainTheSameOptions) {
-  EXPECT_EQ(helpOptions(), manual().common);
-}
-
-TEST(OptionDocuments, ManualNamesNoVariableThatNobodyReads) {
-  const std::string page = tb::readFile(KLT_TEST_DATA "/../../man/klttool.1");
-  const std::regex variable(R"(RK_[A-Z_]+)");
-  Names known{"RK_CONFIG"};
-  for (const RK_Option& option : RK_ConfigOptions())
-    known.insert(RK_ConfigEnvironmentName(option.key));
-  for (std::sregex_iterator at(page.begin(), page.end(), variable), end; at != end; ++at)
-    EXPECT_TRUE(known.contains(at->str())) << at->str();
-}
-
-// Lines about building or measuring show options of other programs.
-TEST(OptionDocuments, NoDocumentNamesAnOptionThatDoesntExist) {
-  Names known{"help", "version"};
-  for (const auto& [name, preset] : tableOptions()) known.insert(name);
-  for (const char* key : RK_ConfigRefusedKeys()) known.insert(lowerCase(key));
-  const std::regex option(R"(--([a-z][a-z0-9-]*))");
-  const std::string root = KLT_TEST_DATA "/../../";
-  std::vector<std::string> documents{root + "README.md", root + "man/klttool.1"};
-  for (const auto& entry : std::filesystem::directory_iterator(root + "docs")) {
-    // Launchers of parallel jobs have options of their own.
-    if (entry.path().filename() != "scaling.md") documents.push_back(entry.path());
+TEST(OptionDocuments, ManualAndHelpHaveTheOptionsOfTheTableWithTheirDefaults) {
+  const std::string manual =
+      std::regex_replace(tb::readFile(kRoot + "man/klttool.1"), std::regex(R"(\\-)"), "-");
+  const char* entry = R"(\.TP\n\.BR? --([a-z-]+)[^]*?\nDefault: (.*)\.\n)";
+  const size_t begin = manual.find(".SH OPTIONS"), rare = manual.find(".SS Less common options");
+  EXPECT_EQ(found(manual.substr(begin, manual.find(".SH ", rare) - begin), entry), defaults());
+  // The help has those that are common.
+  const Texts common = found(manual.substr(begin, rare - begin), entry);
+  const Texts headings = found(std::string(KLTT_HelpText()), R"(\n--([a-z-]+)(.*)\n  )");
+  for (const auto& [name, preset] : common) {
+    ASSERT_TRUE(headings.contains(name)) << name;
+    const char* end = preset == "off" ? "(off)" : preset == "on" ? ", on in klttool)" : "";
+    EXPECT_TRUE(headings.at(name).ends_with(end)) << name;
   }
-  for (const std::string& document : documents) {
-    std::istringstream text(tb::readFile(document));
-    for (std::string line; std::getline(text, line);) {
-      if (std::regex_search(line, std::regex("cmake|bench/|stride|tests/"))) continue;
-      line = withoutEscapes(line);
-      for (std::sregex_iterator at(line.begin(), line.end(), option), end; at != end; ++at)
-        EXPECT_TRUE(known.contains((*at)[1])) << document << ": " << line;
+  EXPECT_EQ(headings.size(), common.size());
+
+  Texts variables{{"RK_CONFIG", ""}};
+  for (const RK_Option& option : RK_ConfigOptions())
+    variables[RK_ConfigEnvironmentName(option.key)] = "";
+  for (const auto& [name, none] : found(manual, "(RK_[A-Z_]+)()"))
+    EXPECT_TRUE(variables.contains(name)) << name;
+}
+
+TEST(OptionDocuments, NoDocumentNamesAnOptionThatDoesntExist) {
+  Texts known = defaults();
+  for (const char* key : {"help", "version"}) known[key] = "";
+  for (const char* key : RK_ConfigRefusedKeys()) known[lowerCase(key)] = "";
+  for (const char* part : {"", "man", "docs"}) {
+    for (const auto& file : std::filesystem::directory_iterator(kRoot + part)) {
+      // Launchers of parallel jobs have options of their own, and what is gone isn't known.
+      const std::string name = file.path().filename();
+      if (!std::regex_match(name, std::regex("(?!scaling|CHANGELOG).*\\.(md|1)"))) continue;
+      std::istringstream text(tb::readFile(file.path()));
+      for (std::string line; std::getline(text, line);) {
+        // Lines about building or measuring show options of other programs.
+        if (std::regex_search(line, std::regex("cmake|bench/|stride|tests/"))) continue;
+        line = std::regex_replace(line, std::regex(R"(\\-)"), "-");
+        for (const auto& [option, none] : found(line, "--([a-z][a-z0-9-]*)()"))
+          EXPECT_TRUE(known.contains(option)) << name << ": " << line;
+      }
     }
   }
+}
+
+TEST(OptionDocuments, VersionHasItsShape) {
+  const Texts line =
+      found(KLTT_VersionLine(), R"(^klttool Version (\S+) Build (\d{4}[01]\d[0-3]\d)\n$)");
+  ASSERT_EQ(line.size(), 1U) << KLTT_VersionLine();
+  EXPECT_EQ(KLTT_Banner(), "klttool " + line.begin()->first + " - trace file utility\n\n");
 }
 
 }  // namespace

@@ -1,0 +1,312 @@
+// The options: what each line, variable and argument makes of them, and what is said.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "generic/RK_conf.h"
+#include "generic/RK_scan.h"
+#include "tests/builder/trace_files.h"
+#include "util/pal_error.h"
+
+namespace {
+
+// What a request took in.
+std::ostream& operator<<(std::ostream& out, const RK_Request& request) {
+  for (const PAL_Triplet& t : request.triplets)
+    out << t.first << ':' << t.last << ':' << t.stride << ' ';
+  if (request.window_start != 0 || request.window_end != -1)
+    out << '[' << request.window_start << ' ' << request.window_end << "] ";
+  if (request.time != 0) out << request.time << "s ";
+  if (request.categories != 0) out << std::hex << "0x" << request.categories << std::dec << ' ';
+  if (!request.types.empty()) out << '\'' << request.types.back().text << "' ";
+  return out;
+}
+
+// The options that aren't as by default, "!" behind those with a flag that is set; what was passed
+// through.
+std::string changes() {
+  const RK_Conf now = RK_conf;
+  RK_ConfigDefaults();
+  std::ostringstream out;
+  out.precision(12);
+  for (const RK_Option& option : RK_ConfigOptions()) {
+    const bool isSet = option.set != nullptr && now.*option.set;
+    const auto show = [&](auto field) {
+      if constexpr (std::is_same_v<decltype(field), decltype(&RK_Conf::request)>) {
+        for (const RK_Request& request : now.request) out << "REQUEST " << request;
+      } else if (isSet || now.*field != RK_conf.*field) {
+        out << option.key << (isSet ? "!=" : "=") << now.*field << ' ';
+      }
+    };
+    std::visit(show, option.field);
+  }
+  RK_conf = now;
+  if (!now.echo.empty()) out << "echo=" << now.echo << ' ';
+  return out.str();
+}
+
+class RkOptions : public testing::Test {
+ protected:
+  RkOptions() {
+    PAL_messages.programName = nullptr;
+    RK_ConfigDefaults();
+    testing::internal::CaptureStderr();
+  }
+  ~RkOptions() override {
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    PAL_messages = saved_;
+  }
+  // The messages since the last time, without the forms of a request.
+  static std::string told() {
+    std::string text = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    const size_t forms = text.find("A request names any of these");
+    if (forms == std::string::npos) return text;
+    EXPECT_TRUE(text.ends_with(" COUNTERS MESSAGES COLLOPS\n"));
+    return text.substr(0, forms) + "FORMS\n";
+  }
+  // What a line of parameters changes; "fails" behind it if it does.
+  static std::string scan(const std::string& line) {
+    RK_ConfigDefaults();
+    const bool isValid = RK_ScanArguments(line);
+    return changes() + (isValid ? "" : "fails");
+  }
+
+ private:
+  PAL_MessageSettings saved_ = PAL_messages;
+};
+
+struct Row {
+  std::string line;
+  const char *outcome, *messages = "";
+};
+
+TEST_F(RkOptions, LinesAreReadByTheGrammar) {
+  std::string threads = "0";
+  for (int i = 1; i < 20000; ++i) threads += "," + std::to_string(i);
+  const Row rows[] = {
+      {"print-statistics", "PRINT-STATISTICS=1 "},
+      {"PRINT-STATISTICS on", "PRINT-STATISTICS=1 "},
+      {"Print-Statistics TRUE", "PRINT-STATISTICS=1 "},
+      {"extended-rkf \t OFF ", "EXTENDED-RKF=0 "},
+      {"convert on", "CONVERT=1 "},
+      {"move 'a b.klt'", "LOGFILE-NAME!=a b.klt MOVE=1 "},
+      {"merge \"off\"", "LOGFILE-NAME!=off MERGE=1 "},
+      {"logfile-name \"a\t b\"", "LOGFILE-NAME!=a\t b "},
+      {"match-hashsize +99999999999999999999", "MATCH-HASHSIZE!=2147483647 "},
+      {"perftest -99999999999999999999", "PERFTEST=-2147483648 "},
+      {"verbose 3", "VERBOSE=3 "},
+      {"verbose off", "VERBOSE=0 "},
+      {"info this and 'that", ""},
+      {"# dump", ""},
+      {"   \t", ""},
+      {"{\xff\x01> \t", "echo={\xff\x01> "},
+      // Times are sums of pieces with units.
+      {"os-counter-delay 1w+1d+1h+1m+1s+1l+1c", "OS-COUNTER-DELAY=694861.001001 "},
+      {"os-counter-delay 2.5e-1s+-1", "OS-COUNTER-DELAY=-0.75 "},
+      {"os-counter-delay 1e+3", "OS-COUNTER-DELAY=3 ", "WARNING: cannot decode time\n"},
+      {"os-counter-delay 1H", "OS-COUNTER-DELAY=0 ", "WARNING: cannot decode time\n"},
+      // The longest item of a request wins, then the first. They follow each other in any order.
+      {"request 10:20", "REQUEST 10:20:1 "},
+      {"request 10s:20", "REQUEST [10 20] "},
+      {"request 10:20s", "REQUEST [10 20] "},
+      {"request 1.5:2", "REQUEST [1.5 2] "},
+      {"request 1h+30m:2h", "REQUEST [5400 7200] "},
+      {"request 5", "REQUEST 5:5:1 "},
+      {"request 5s", "REQUEST 5s "},
+      {"request 1+2", "REQUEST 3s "},
+      {"request 1h-5m", "REQUEST -300s "},
+      {"request 0:10:2", "REQUEST 0:10:2 "},
+      {"request 1:2:3:4", "REQUEST 1:2:3 "},
+      {"request 2:n", "REQUEST 2:0:1 "},
+      {"request N", "REQUEST 0:0:1 "},
+      {"request 1:2:-1", "REQUEST "},
+      {"request -1s:2", "REQUEST [-1 2] "},
+      {"request 0:3,5:7FUNCTIONS 9", "REQUEST 0:3:1 5:7:1 9:9:1 0x4 "},
+      {"request , scopes ,\"a\",raw_Events 1s:2s , 3s:4s,,", "REQUEST [3 4] 0x8008 'a' "},
+      {"request FUNCTIONS SCOPES OPENMP FILEIO COUNTERS MESSAGES COLLOPS", "REQUEST 0x1fc "},
+      {"request frames thumbnails INTERNAL REQUESTS ERRORS RAW_EVENTS", "REQUEST 0xbe00 "},
+      {"request \"one\" \"two\"", "REQUEST 'two' ",
+       "WARNING: overwriting old type \"one\" of frame with \"two\"\n"},
+      // A value that is missing stops nothing.
+      {"Logfile-Name", "", "ERROR: parameter error after Logfile-Name, missing parameters\n"},
+      {"request  ", "", "ERROR: parameter error after request, missing parameters\n"},
+      // What is refused.
+      {"activity x", "fails", "WARNING: Option ACTIVITY not supported.\n"},
+      {"SLIB-DIR", "fails", "WARNING: Option slib-dir not supported.\n"},
+      {"info numprocs 4", "fails", "WARNING: Option INFO NUMPROCS not supported.\n"},
+      {"info numprocessors 4", ""},
+      {"INFO", "fails", "ERROR: unknown parameter \"--INFO\"\n"},
+      {" # VERBOSE 2", "echo=  fails", "ERROR: unknown parameter \"--#\"\n"},
+      {"dump\nREMOVE", "fails", "ERROR: unknown parameter \"--dump\\x0aREMOVE\"\n"},
+      {"dump\r\n", "fails", "ERROR: unknown parameter \"--dump\\x0d\\x0a\"\n"},
+      {"nmcmd 'a\nREMOVE\n'", "fails",
+       "ERROR: parameter error after --nmcmd, invalid parameters \"'a\\x0aREMOVE\\x0a'\"\n"},
+      {"Request 1:2:3:4:5", "REQUEST 1:2:3 fails",
+       "ERROR: parameter error after --Request, unrecognized text: :5\nFORMS\n"},
+      {"request 5 \t6", "REQUEST 5:5:1 fails",
+       "ERROR: parameter error after --request, unrecognized text: \\x096\nFORMS\n"},
+      // What was meant.
+      {"dumps", "fails", "ERROR: unknown parameter \"--dumps\"\nDid you mean --dump?\n"},
+      {"verbose=2", "fails",
+       "ERROR: unknown parameter \"--verbose=2\"\nDid you mean --verbose VALUE?\n"},
+      {"mtached-rkf", "fails",
+       "ERROR: unknown parameter \"--mtached-rkf\"\nDid you mean --matched-rkf?\n"},
+      {"logfile", "fails",
+       "ERROR: unknown parameter \"--logfile\"\nDid you mean --logfile-name?\n"},
+      {"x", "fails", "ERROR: unknown parameter \"--x\"\n"},
+      {" Dump", "echo=  fails",
+       "ERROR: unknown parameter \"--Dump\"\nAn option begins with two dashes: --dump\n"},
+      {"dump{on", "fails", "ERROR: unknown parameter \"--dump\"\nDid you mean --dump VALUE?\n"},
+      {"Convert my file", "fails",
+       "ERROR: parameter error after --Convert, invalid parameters \"my file\"\n"
+       "A text with blanks needs quotes: --convert 'my file'\n"},
+      {"logfile-format KLT A", "LOGFILE-FORMAT!=KLT fails",
+       "ERROR: parameter error after --logfile-format, invalid parameters \"KLT A\"\n"},
+      {"request function", "REQUEST 'function' ",
+       "\"function\" in a request selects nothing.\nDid you mean FUNCTIONS?\n"},
+      {"request frame", "REQUEST 'frame' ", "\"frame\" in a request selects nothing.\nFORMS\n"},
+      {"request '1s:2s'", "REQUEST '1s:2s' ",
+       "\"1s:2s\" in a request selects nothing. Without quotes it does: --request 1s:2s\n"},
+      {"request '0:3,5'", "REQUEST '0:3,5' ",
+       "\"0:3,5\" in a request selects nothing. Without quotes it does: --request 0:3,5\n"},
+      {"request 'one word 5:6'", "REQUEST 'one word 5:6' "},
+      {"request '  '", "REQUEST '  ' "},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(scan(row.line), row.outcome) << row.line;
+    EXPECT_EQ(told(), row.messages) << row.line;
+  }
+  // Lines have no limit, but mistakes in long ones have no answer.
+  (void)scan("request " + threads);
+  EXPECT_EQ(RK_conf.request.back().triplets.size(), 20000U);
+  EXPECT_EQ(scan(std::string(70000, 'x')), "fails");
+  EXPECT_EQ(told(), "ERROR: unknown parameter \"--" + std::string(70000, 'x') + "\"\n");
+}
+
+TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"print-statistics", {"yes", "1", "on off", "'on'", "on # comment"}},
+      {"class-hashsize", {"-1", "0x10", "12k", "+", "1 2"}},
+      {"VERBOSE", {"2 # two", "loud"}},
+      {"OS-counter-delay", {"1e", "1.", "s", "1s+", "1s 2s", "1ss"}},
+      {"logfile-name", {"it's", "''", "\"a'b\"", "'a\tb' c", "caf\xc3\xa9", "<x>"}},
+  };
+  for (const auto& [key, values] : cases) {
+    for (const std::string& value : values) {
+      EXPECT_EQ(scan(key + ' ' + value), key == "logfile-name" ? "LOGFILE-NAME!= fails" : "fails");
+      EXPECT_EQ(told(), "ERROR: parameter error after --" + key + ", invalid parameters \"" +
+                            PAL_Printable(value) + "\"\n");
+    }
+  }
+}
+
+// Runs the passes and shows what they make of the options, with the format of the output.
+std::string configured(const std::vector<std::pair<std::string, std::string>>& environment,
+                       std::vector<std::string> arguments) {
+  RK_ConfigDefaults();
+  for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+  if (!environment.empty()) RK_ConfigInit("/usr/bin/tool");
+  for (const auto& [name, value] : environment) unsetenv(name.c_str());
+  std::vector<char*> argv = {nullptr};
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  const int status = RK_ConfigParseArgs(static_cast<int>(argv.size()), argv.data(),
+                                        [] { RK_conf.echo += "usage"; });
+  const char* form = RK_conf.output_single_file ? "single " : RK_conf.output_format ? "" : "text ";
+  return changes() + form + (status == 0 ? "" : status == -13 ? "fails" : "?");
+}
+
+TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
+  const tb::TempDir directory;
+  tb::writeFile(directory / "c",
+                "# comment\r\n\nnonsense 1\nVERBOSE\nVERBOSE loud\nREQUEST 5 {x}\n"
+                "VERBOSE 2\r\nTICKS\nCLASS-HASHSIZE 7\n");
+  EXPECT_EQ(
+      configured({{"RK_CONFIG", directory / "c"},
+                  {"RK_CLASS_HASHSIZE", "11"},
+                  {"RK_VERBOSE", ""},
+                  {"RK_REQUEST", "'1s:2s FUNCTIONS'\n\n1\n"},
+                  {"RK_SYMBOL_HASHSIZE", "5000"},
+                  {"RK_LOGFILE_NAME", "a b"},
+                  {"RK_NMCMD", "'nm -D'\r"},
+                  {"RK_DUMP", "\n"}},
+                 {"--class-hashsize", "5", "--request", "3", "--ticks", "off"}),
+      "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= NMCMD=nm -D REQUEST 5:5:1 REQUEST '1s:2s FUNCTIONS' "
+      "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
+  EXPECT_EQ(told(),
+            "ERROR: unknown config option \"nonsense\" in line 3\n"
+            "ERROR: config error after VERBOSE, missing parameters in line 4\n"
+            "ERROR: config error after VERBOSE, invalid parameters \"loud\" in line 5\n"
+            "ERROR: config error after REQUEST, ignoring unrecognized text in line 6: {x}\n"
+            "ERROR: parameter error after --LOGFILE-NAME, invalid parameters \"a b\"\n"
+            "A text with blanks needs quotes in the value: RK_LOGFILE_NAME='\"a b\"'\n"
+            "\"1s:2s FUNCTIONS\" in a request selects nothing. Without quotes it does: "
+            "RK_REQUEST='1s:2s FUNCTIONS'\n"
+            "ERROR: parameter error after REQUEST, missing parameters\n");
+  RK_ConfigOutputName();
+  EXPECT_EQ(RK_conf.logfile_name, "tool.klt");
+  (void)configured({{"RK_CONFIG", directory / "none"}}, {"--logfile-format", "SINGLEKLT"});
+  RK_ConfigOutputName();
+  EXPECT_EQ(RK_conf.logfile_name, "");
+  RK_conf.logfile_name_set = true;
+  RK_ConfigOutputName();
+  EXPECT_EQ(RK_conf.logfile_name, "tool.single.klt");
+}
+
+TEST_F(RkOptions, ArgumentsAreLinesAndChooseTheFormat) {
+  const struct {
+    std::vector<std::string> arguments;
+    const char *outcome, *messages = "";
+  } rows[] = {
+      {{"--logfile-name", "a b.ark", "--REQUEST", "0:3,", "1s:2s", "FUNCTIONS"},
+       "LOGFILE-NAME!=a b.ark REQUEST 0:3:1 [1 2] 0x4 text "},
+      {{"--nmcmd", "it's b"},
+       "fails",
+       "ERROR: parameter error after --nmcmd, invalid parameters \"it's b\"\n"},
+      {{"stray", "--dump"}, "DUMP=1 echo=  fails", "ERROR: unknown parameter \"--stray\"\n"},
+      {{"--dump", "--Help", "--nonsense"}, "echo=usage text fails"},
+      {{"--dump"}, "DUMP=1 "},
+      {{"--logfile-name", "out.single.klt"}, "LOGFILE-NAME!=out.single.klt single "},
+      {{"--logfile-name", "out.KLT.single"}, "LOGFILE-NAME!=out.KLT.single single "},
+      {{"--convert", "OUT.ARK"}, "CONVERT=1 LOGFILE-NAME!=OUT.ARK text "},
+      {{"--move", "-"}, "LOGFILE-NAME!=- MOVE=1 text "},
+      {{"--move", "out.txt"}, "LOGFILE-NAME!=out.txt MOVE=1 "},
+      {{"--move", "o.ark", "--logfile-format", "klt"},
+       "LOGFILE-FORMAT!=klt LOGFILE-NAME!=o.ark MOVE=1 "},
+      {{"--logfile-format", "SINGLEKLT"}, "LOGFILE-FORMAT!=SINGLEKLT single "},
+      {{"--logfile-format", "KltSingle"}, "LOGFILE-FORMAT!=KltSingle single "},
+      {{"--logfile-format", "KltAscii"}, "LOGFILE-FORMAT!=KltAscii "},
+      {{"--logfile-format", "ascii"}, "LOGFILE-FORMAT!=ascii text "},
+      {{"--logfile-format", "XML"},
+       "LOGFILE-FORMAT!=XML fails",
+       "WARNING: invalid value for LOGFILE-FORMAT: XML\n"},
+      {{"--verbose", "2"}, "VERBOSE=2 "},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(configured({}, row.arguments), row.outcome);
+    EXPECT_EQ(told(), row.messages);
+  }
+  EXPECT_EQ(PAL_messages.showTime, 0);
+  (void)configured({}, {"--verbose", "3"});
+  EXPECT_EQ(PAL_messages.showTime, 1);
+}
+
+TEST_F(RkOptions, HashSizeIsThatOfItsDefinition) {
+  const uint32_t rows[][3] = {{0, 4096, 1},
+                              {1024, 4096, 1031},
+                              {4091, 4096, 4091},
+                              {4094, 4096, 4001},
+                              {13, 13, 3},
+                              {100, 98, 97},
+                              {101, 101, 1},
+                              {2, 2, 1},
+                              {2147483647, 4096, 4049},
+                              {2147483647, 0xffffffff, 2147483647}};
+  for (const auto& [value, limit, prime] : rows) EXPECT_EQ(PAL_HashSize(value, limit), prime);
+}
+
+}  // namespace
