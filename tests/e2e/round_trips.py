@@ -1,22 +1,19 @@
-#!/usr/bin/env python3
 """Takes extractions of the sample traces and checks that nothing changed on the way.
 
 An extraction counts time in finer units than its source, and components stand in another order. So
 records are compared by the ticks of their times, in any order where they happen at one time.
-
-Usage as run_samples.py.
 """
 
 import collections
 import pathlib
 import re
 import shutil
-import sys
 import tempfile
 
-from run_samples import INPUT, Failure, main
+from harness import INPUT, Failure, compare, expect, text_of
 
 FORMATS = ("KLT", "SINGLEKLT")
+MATCHED = ["--matched-rkf"]
 
 # Operations of no known kind, and fields that the kind of an operation has no place for, don't
 # survive an extraction.
@@ -35,190 +32,187 @@ DURATIONS = re.compile(r"(?<=DELTA )-?\d+|(?<=TIMES )[^A-Z]*(?:UNKNOWN [^A-Z]*)*
                        r"|(?<=DELTAS )[^A-Z]*(?:UNKNOWN [^A-Z]*)*"
                        r"|(?<=GLOBALOP )[^S]* (-?\d+)(?= SCL|$)")
 
+# Parts of a trace; each folder takes some of them in turn.
+SELECTIONS = ("0:1", "MESSAGES", "COLLOPS,SCOPES", "FUNCTIONS", "MESSAGES,COUNTERS",
+              "1:2,MESSAGES", "COUNTERS", "SCOPES,COLLOPS")
 
-class Records:
+
+def some_selections(folder, count):
+    """The whole trace and, depending on the name of the folder, `count` parts of it."""
+    first = sum(folder.name.encode())
+    return ["", *("," + SELECTIONS[(first + i) % len(SELECTIONS)] for i in range(count))]
+
+
+def records(dump):
     """The lines of a dump by tick and text, with the durations that each of them names."""
-
-    def __init__(self, dump):
-        lines = dump.decode("utf-8", "backslashreplace").splitlines()
-        bits = [int(line.split()[1]) for line in lines if line.startswith("EVENTBITS ")]
-        self.shift = bits[0] if bits else 0
-        self.lines = collections.defaultdict(list)
-        for line in lines:
-            if not LEFT_OUT.match(line):
-                self.add(line)
-
-    def add(self, line):
+    lines = text_of(dump).splitlines()
+    shift = next((int(line.split()[1]) for line in lines if line.startswith("EVENTBITS ")), 0)
+    found = collections.defaultdict(list)
+    for line in lines:
         durations = []
 
-        def take(match):
+        def take(match, durations=durations):
             whole = match.group(0)
-            if match.group(1) is not None:  # of a GLOBALOP line, behind the rest
+            if match.group(1) is not None:  # of a GLOBALOP line, after the rest
                 durations.append(match.group(1))
                 return whole[:-len(match.group(1))] + "~"
             durations.extend(whole.split())
             return "~ "
 
+        if LEFT_OUT.match(line):
+            continue
         time, _, rest = line.partition(" ")
         if time.removeprefix("-").isdigit():  # shown as signed
-            key = (int(time) % 2**64 >> self.shift, DURATIONS.sub(take, rest))
+            key = (int(time) % 2**64 >> shift, DURATIONS.sub(take, rest))
         elif time == "UNKNOWN":  # a message without its send
             key = (-1, DURATIONS.sub(take, line))
         else:
             key = (-1, line)
-        self.lines[key].append([d if d == "UNKNOWN" else int(d) >> self.shift for d in durations])
+        # An unknown duration comes before all others.
+        found[key].append([(0, 0) if d == "UNKNOWN" else (1, int(d) >> shift) for d in durations])
+    return {key: sorted(durations) for key, durations in found.items()}
 
 
-def same_duration(a, b):
+def same_durations(a, b):
     """Differences of times lose what lies below the tick in either unit."""
-    return a == b or "UNKNOWN" not in (a, b) and abs(a - b) <= 1
-
-
-def order(durations):
-    return [(d == "UNKNOWN", 0 if d == "UNKNOWN" else d) for d in durations]
+    return len(a) == len(b) and all(x[0] == y[0] and abs(x[1] - y[1]) <= 1 for x, y in zip(a, b))
 
 
 def compare_records(what, expected, actual, ignored=None):
-    want, got = Records(expected).lines, Records(actual).lines
+    want, got = records(expected), records(actual)
     for key in want.keys() | got.keys():
-        if ignored is not None and ignored.match(key[1]):
-            continue
-        a, b = sorted(want.get(key, []), key=order), sorted(got.get(key, []), key=order)
-        same = len(a) == len(b) and all(
-            len(x) == len(y) and all(map(same_duration, x, y)) for x, y in zip(a, b))
-        if not same:
+        a, b = want.get(key, []), got.get(key, [])
+        ignore = ignored is not None and ignored.match(key[1])
+        if not ignore and not (len(a) == len(b) and all(map(same_durations, a, b))):
             raise Failure(f"{what}: at tick {key[0]} \"{key[1]}\"\n expected {a}\n got {b}")
 
 
-def extract(program, directory, source, target, form):
-    done = program.run(directory, source, "--logfile-name", target, "--logfile-format", form)
-    if done.returncode != 0:
-        raise Failure(f"extraction as {form}: status {done.returncode}\n{done.stderr.decode()}")
+class Place:
+    """A directory with a copy of a sample; dumps of it are kept."""
 
-
-def components(directory, name):
-    """Bytes by suffix, but for the index, which names the other files, and the statistics, whose
-    times are cut to other ticks."""
-    return {
-        file.name[len(name):]: file.read_bytes()
-        for file in pathlib.Path(directory).glob(name + ".*") if file.suffix != ".sts"
-    }
-
-
-def dump(program, directory, name, *options):
-    done = program.run(directory, name, "--dump", *options)
-    if done.returncode != 0:
-        raise Failure(f"dump of {name} {options}: status {done.returncode}\n{done.stderr.decode()}")
-    return done.stdout
-
-
-def check_extract(program, folder):
-    """An extraction dumps as its source does, and extracting it again gives the same bytes."""
-    with tempfile.TemporaryDirectory() as directory:
+    def __init__(self, program, folder, directory):
+        self.program = program
+        self.path = pathlib.Path(directory)
+        self.of_input = {}
         folder.copy(directory)
-        for form in FORMATS:
-            extract(program, directory, INPUT, "e.klt", form)
-            for options in ([], ["--matched-rkf"]) if folder.path.name not in LOSSY else ():
-                compare_records(f"{form} {options}", dump(program, directory, INPUT, *options),
-                                dump(program, directory, "e.klt", *options))
-            extract(program, directory, "e.klt", "again.klt", "KLT")
-            program.output(directory, "e.klt", "--convert", "parts.klt", "--logfile-format", "KLT")
-            first, second = (components(directory, name) for name in ("parts.klt", "again.klt"))
-            if not first or first.keys() != second.keys():
-                raise Failure(f"{form}: components {sorted(first)} became {sorted(second)}")
-            for suffix, data in first.items():
-                if second[suffix] != data:
-                    raise Failure(f"{form}: extracting again changes {suffix}")
-            for file in pathlib.Path(directory).glob("[!t]*"):
-                file.unlink()
+
+    def run(self, *options):
+        done = self.program.run(self.path, *options)
+        if done.returncode != 0:
+            raise Failure(f"{options}: status {done.returncode}\n{text_of(done.stderr)}")
+        return done.stdout
+
+    def dump(self, name, *options):
+        if name == INPUT and options in self.of_input:
+            return self.of_input[options]
+        text = self.run(name, "--dump", *options)
+        if name == INPUT:
+            self.of_input[options] = text
+        return text
+
+    def extract(self, source, target, form, *options):
+        self.run(source, *options, "--logfile-name", target, "--logfile-format", form)
+
+    def components(self, name):
+        """Bytes by suffix, but for the index, which names the other files, and the statistics,
+        whose times are cut to other ticks."""
+        return {file.name[len(name):]: file.read_bytes() for file in self.path.glob(name + ".*")
+                if file.suffix != ".sts"}
+
+    def tenths(self):
+        """A request's window from one tenth of the run to another; None if times aren't exact."""
+        header = text_of(self.dump(INPUT))
+        duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
+        # The period is printed with six digits only: no such window may begin or end near a record.
+        period = re.search(r"^CLKPERIOD (1E-\d+)$", header, re.M)
+        if duration is None or period is None:
+            return None
+        # What is still open at the last event ends there in an extraction.
+        first = int(duration.group(1))
+        times = map(int, re.findall(r"^(\d+) ", header, re.M))
+        last = max((time for time in times if time < EXACT_SECONDS), default=first)
+
+        def window(begin, end, selection):
+            cut = [(first + (last - first) * tenth // 10 + 0.5) * float(period.group(1))
+                   for tenth in (begin, end)]
+            return ["--request", f"{cut[0]:.15g}s:{cut[1]:.15g}s{selection}"]
+
+        return window
 
 
-def tenths(program, directory):
-    """A request's window from one tenth of the run to another; None where times aren't exact."""
-    header = dump(program, directory, INPUT).decode("utf-8", "backslashreplace")
-    duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
-    period = float(re.search(r"^CLKPERIOD (\S+)$", header, re.M).group(1))
-    # The period is printed with six digits only: no such window may begin or end near a record.
-    if duration is None or re.search(r"^CLKPERIOD 1E-\d+$", header, re.M) is None:
-        return None
-    # What is still open at the last event ends there in an extraction.
-    first = int(duration.group(1))
-    times = map(int, re.findall(r"^(\d+) ", header, re.M))
-    last = max((time for time in times if time < EXACT_SECONDS), default=first)
-
-    def window(begin, end, selection):
-        cut = [(first + (last - first) * tenth // 10 + 0.5) * period for tenth in (begin, end)]
-        return ["--request", f"{cut[0]:.15g}s:{cut[1]:.15g}s{selection}"]
-
-    return window
+def check_extract(place, folder):
+    """An extraction dumps as its source does, and extracting it again gives the same bytes."""
+    for form in FORMATS:
+        place.extract(INPUT, "e.klt", form)
+        for options in ([], MATCHED) if folder.name not in LOSSY else ():
+            compare_records(f"{form} {options}", place.dump(INPUT, *options),
+                            place.dump("e.klt", *options))
+        place.extract("e.klt", "again.klt", "KLT")
+        place.run("e.klt", "--convert", "parts.klt", "--logfile-format", "KLT")
+        first, second = (place.components(name) for name in ("parts.klt", "again.klt"))
+        expect(f"{form}: components", sorted(first), sorted(second))
+        for suffix, data in first.items():
+            compare(f"{form}, extracted again: {suffix}", data, second[suffix])
+        for file in place.path.glob("[!t]*"):
+            file.unlink()
 
 
-def windows(folder, program, directory):
+def windows(folder, place):
     """Requests in seconds: those of the folder, and some that cut the run into pieces."""
     for options, _ in folder.requests():
         if "--ticks" not in options:
             yield [option for option in options if option != "--dump"]
-    window = tenths(program, directory)
+    window = place.tenths()
     if window is not None:
-        for tenth in range(0, 7, 2):
-            for selection in ("", ",0:1", ",FUNCTIONS", ",MESSAGES,COUNTERS", ",SCOPES,COLLOPS"):
-                yield window(tenth, tenth + 4, selection)
+        for tenth, selection in zip((0, 2, 4, 6), some_selections(folder, 4)[1:]):
+            yield window(tenth, tenth + 4, "")
+            yield window(tenth, tenth + 4, selection)
 
 
-def check_windows(program, folder):
+def check_windows(place, folder):
     """A window of an extraction is the window of its source, with seek points and without."""
-    with tempfile.TemporaryDirectory() as directory:
-        folder.copy(directory)
-        extract(program, directory, INPUT, "e.klt", "KLT")
-        bare = pathlib.Path(directory, "bare")
-        bare.mkdir()
-        for file in pathlib.Path(directory).glob("e.klt*"):
-            if file.suffix != ".anc":
-                shutil.copy(file, bare)
-        for options in windows(folder, program, directory):
-            expected = dump(program, directory, INPUT, *options)
-            got = dump(program, directory, "e.klt", *options)
-            compare_records(" ".join(options), expected, got, COMMENT)
-            if dump(program, bare, "e.klt", *options) != got:
-                raise Failure(f"{options}: other lines without seek points")
+    place.extract(INPUT, "e.klt", "KLT")
+    (place.path / "bare").mkdir()
+    for file in place.path.glob("e.klt*"):
+        if file.suffix != ".anc":
+            shutil.copy(file, place.path / "bare")
+    for options in windows(folder, place):
+        got = place.dump("e.klt", *options)
+        compare_records(" ".join(options), place.dump(INPUT, *options), got, COMMENT)
+        compare(f"{options} without seek points", got, place.dump("bare/e.klt", *options))
 
 
 def spans(text):
     """How often each message and operation of a matched dump is there, whatever its durations."""
-    return collections.Counter({key: len(all) for key, all in Records(text).lines.items()
+    return collections.Counter({key: len(all) for key, all in records(text).items()
                                 if key[1].startswith(("ONETOONE ", "COLLOP "))})
 
 
-def check_slices(program, folder):
+def check_slices(place, folder):
     """A window of a slice, and of a slice of that, is the window of the source. A slice of two
     windows holds each message and operation of theirs once."""
-    window = tenths(program, folder.path)
-    if window is None:
-        return
-    for selection in ("", ",0:1", ",MESSAGES", ",COLLOPS,SCOPES", ",COUNTERS", ",1:2,MESSAGES"):
+    window = place.tenths()
+    for selection in some_selections(folder, 2) if window is not None else ():
+        one, two = window(1, 4, selection), window(6, 8, selection)
+        place.extract(INPUT, "a.klt", "KLT", *window(1, 9, selection))
+        place.extract("a.klt", "b.klt", "SINGLEKLT", *window(2, 8, selection))
+        place.extract(INPUT, "c.klt", "KLT", *one, *two)
+        for mode in ([], MATCHED):
+            for name, request in (("a.klt", window(1, 9, selection)), ("b.klt", window(3, 7, selection)),
+                                  ("c.klt", one), ("c.klt", two)):
+                compare_records(f"{name} {mode} {request}", place.dump(INPUT, *mode, *request),
+                                place.dump(name, *mode, *request), COMMENT)
+        expected = spans(place.dump(INPUT, *MATCHED, *one)) | spans(place.dump(INPUT, *MATCHED, *two))
+        expect(f"{one} {two}", expected, spans(place.dump("c.klt", *MATCHED)))
+        for file in place.path.glob("[!t]*"):
+            file.unlink()
+
+
+def in_a_place(check):
+    def run(program, folder):
         with tempfile.TemporaryDirectory() as directory:
-            folder.copy(directory)
-            one, two = window(1, 4, selection), window(6, 8, selection)
-            for source, target, request, form in ((INPUT, "a.klt", window(1, 9, selection), "KLT"),
-                                                  ("a.klt", "b.klt", window(2, 8, selection),
-                                                   "SINGLEKLT"),
-                                                  (INPUT, "c.klt", one + two, "KLT")):
-                program.output(directory, source, *request, "--logfile-name", target,
-                               "--logfile-format", form)
-            for mode in ([], ["--matched-rkf"]):
-                for name, request in (("a.klt", window(1, 9, selection)),
-                                      ("a.klt", window(4, 6, selection)),
-                                      ("b.klt", window(2, 8, selection)),
-                                      ("b.klt", window(3, 7, selection)), ("c.klt", one),
-                                      ("c.klt", two)):
-                    compare_records(f"{name} {mode} {request}",
-                                    dump(program, directory, INPUT, *mode, *request),
-                                    dump(program, directory, name, *mode, *request), COMMENT)
-            expected = spans(dump(program, directory, INPUT, "--matched-rkf", *one))
-            expected |= spans(dump(program, directory, INPUT, "--matched-rkf", *two))
-            got = spans(dump(program, directory, "c.klt", "--matched-rkf"))
-            if got != expected:
-                raise Failure(f"{one} {two}: {got - expected} added, {expected - got} missing")
+            check(Place(program, folder, directory), folder)
+    return run
 
 
 def whole(folder):
@@ -226,15 +220,12 @@ def whole(folder):
 
 
 def faithful(folder):
-    return whole(folder) and folder.path.name not in LOSSY
+    return whole(folder) and folder.name not in LOSSY
 
 
-MODES = {
-    "extract": (whole, check_extract),
-    "extract-windows": (faithful, check_windows),
-    "extract-slices": (lambda folder: faithful(folder) and not folder.path.name.startswith("raw_"),
-                       check_slices),
+CHECKS = {
+    "extract": (whole, in_a_place(check_extract)),
+    "windows": (faithful, in_a_place(check_windows)),
+    "slices": (lambda folder: faithful(folder) and not folder.name.startswith("raw_"),
+               in_a_place(check_slices)),
 }
-
-if __name__ == "__main__":
-    sys.exit(main(MODES, __doc__))
