@@ -1,263 +1,239 @@
-// Splitting and changing records. See fuzz_records.h.
+// Splitting and changing records and traces. See fuzz_records.h.
 #include "fuzz/fuzz_records.h"
 
-#include <algorithm>
-#include <array>
+#include <fcntl.h>
 
+#include <algorithm>
+#include <vector>
+
+#include "klt/klt_io.h"
 #include "tests/builder/layout.h"
 
 namespace fuzz {
 namespace {
 
+constexpr unsigned kRows = 74;
 constexpr size_t kLargestInsertion = 4096;
 
-// Rows by record number; null for numbers without one.
-const std::array<const tb::Row*, 256>& rows() {
+const tb::Row& rowOf(size_t number) {
   static const tb::Layout layout;
-  static const auto table = [] {
-    std::array<const tb::Row*, 256> result{};
-    for (unsigned number = 1; number <= 74; ++number) result[number] = &layout.row(number);
-    return result;
-  }();
-  return table;
+  return layout.row(static_cast<unsigned>(number));
 }
 
-void store(std::string& bytes, size_t at, uint64_t value, size_t width) {
-  for (size_t i = 0; i < width; ++i) {
-    bytes[at + i] = static_cast<char>(value >> (8 * (width - 1 - i)));
-  }
-}
-
-// One number in a record.
-struct Place {
-  size_t at;
-  size_t width;
-  bool isCount;
-  bool isText;
-};
-
-// Walks the record at `at`; its end, or 0 if it isn't whole. `places` may be null.
-size_t walkRecord(std::string_view bytes, size_t at, std::vector<Place>* places) {
-  const tb::Row* row = rows()[static_cast<uint8_t>(bytes[at])];
-  if (row == nullptr) return 0;
-  size_t pos = at + 1;
+// Calls `visit` for each field with the number of its elements; its result is the value of a count.
+template <class Visit>
+void walkFields(const tb::Row& row, Visit visit) {
   uint64_t elements = 1;
   unsigned covered = 0;
-  for (const tb::Field& field : row->fields) {
-    const size_t width = tb::bytesOf(field.type);
-    const uint64_t count = field.isCount || covered == 0 ? 1 : elements;
-    if (count > (bytes.size() - pos) / width) return 0;
-    for (uint64_t i = 0; places != nullptr && i < std::min<uint64_t>(count, 64); ++i) {
-      places->push_back({pos + i * width, width, field.isCount, field.type == tb::Type::Char});
-    }
+  for (const tb::Field& field : row.fields) {
+    const uint64_t value = visit(field, field.isCount || covered == 0 ? 1 : elements);
     if (field.isCount) {
-      elements = load(bytes, pos, width);
+      elements = value;
       covered = field.covers;
     } else if (covered > 0) {
       --covered;
     }
-    pos += count * width;
   }
-  return pos;
 }
 
-// A layout entry of an index: 0, number, name, fields. Its end, or 0 if it isn't whole.
-size_t walkLayout(std::string_view bytes, size_t at) {
-  size_t pos = at + 2;
-  const auto skipText = [&] {
-    if (pos < bytes.size()) pos += 1 + static_cast<uint8_t>(bytes[pos]);
-  };
-  skipText();
-  if (pos >= bytes.size()) return 0;
-  for (unsigned fields = static_cast<uint8_t>(bytes[pos++]); fields > 0; --fields) {
-    if (pos >= bytes.size()) return 0;
-    if (static_cast<uint8_t>(bytes[pos]) == 0xfe) {
-      pos += 3;
+// A number that can be changed.
+struct Place {
+  size_t at, width;
+  enum { number, text, type } kind;
+};
+
+// One record, or one layout entry of an index: 0, number, name, fields.
+struct Record {
+  size_t begin, end;  // end 0 if it isn't whole
+  std::vector<Place> places = {};
+
+  Record(std::string_view bytes, size_t at) : begin(at), end(at + 1) {
+    const auto number = static_cast<uint8_t>(bytes[at]);
+    if (number > kRows) {
+      end = 0;
+    } else if (number > 0) {
+      walkFields(rowOf(number), [&](const tb::Field& field, uint64_t count) {
+        return take(bytes, tb::bytesOf(field.type), count,
+                    field.type == tb::Type::Char ? Place::text : Place::number);
+      });
     } else {
-      ++pos;
-      skipText();
-      skipText();
+      take(bytes, 1, 1, Place::number);
+      takeText(bytes);
+      for (uint64_t fields = take(bytes, 1, 1, Place::number); end != 0 && fields > 0; --fields) {
+        if (take(bytes, 1, 1, Place::type) == 0xfe) {
+          take(bytes, 1, 2, Place::number);
+        } else {
+          takeText(bytes);
+          takeText(bytes);
+        }
+      }
     }
   }
-  return pos <= bytes.size() ? pos : 0;
+
+ private:
+  // The first of `count` numbers, which follow.
+  uint64_t take(std::string_view bytes, size_t width, uint64_t count, decltype(Place::kind) kind) {
+    if (end == 0 || count > (bytes.size() - end) / width) {
+      end = 0;
+      return 0;
+    }
+    const uint64_t value = load(bytes, end, width);
+    for (uint64_t i = 0; i < std::min<uint64_t>(count, 64); ++i) {
+      places.push_back({end + i * width, width, kind});
+    }
+    end += count * width;
+    return value;
+  }
+  void takeText(std::string_view bytes) {
+    take(bytes, 1, take(bytes, 1, 1, Place::number), Place::text);
+  }
+};
+
+// The whole records from `start` on.
+std::vector<Record> recordsIn(std::string_view bytes, size_t start) {
+  std::vector<Record> records;
+  for (size_t at = start; at < bytes.size(); at = records.back().end) {
+    Record record(bytes, at);
+    if (record.end == 0) break;
+    records.push_back(std::move(record));
+  }
+  return records;
 }
 
-void appendElement(Random& random, std::string& record, const tb::Field& field) {
-  const size_t width = tb::bytesOf(field.type);
-  const size_t at = record.size();
-  record.append(width, '\0');
-  if (field.type == tb::Type::Char) {
-    record[at] = static_cast<char>('a' + below(random, 26));
-  } else {
-    store(record, at, anyNumber(random), width);
-  }
+void store(std::string& bytes, size_t at, uint64_t value, size_t width) {
+  for (size_t i = width; i > 0; value >>= 8) bytes[at + --i] = static_cast<char>(value);
 }
 
 std::string anyRecord(Random& random) {
-  const unsigned number = 1 + static_cast<unsigned>(below(random, 74));
-  const tb::Row& row = *rows()[number];
+  const size_t number = 1 + below(random, kRows);
   std::string record(1, static_cast<char>(number));
-  size_t elements = 1;
-  unsigned covered = 0;
-  for (const tb::Field& field : row.fields) {
-    if (field.isCount) {
-      elements = below(random, 16) == 0 ? below(random, 200) : below(random, 5);
-      covered = field.covers;
-      record.append(tb::bytesOf(field.type), '\0');
-      store(record, record.size() - tb::bytesOf(field.type), elements, tb::bytesOf(field.type));
-      continue;
+  walkFields(rowOf(number), [&](const tb::Field& field, uint64_t count) {
+    uint64_t value = 0;
+    for (uint64_t i = 0; i < count; ++i) {
+      value = field.isCount                  ? below(random, below(random, 16) == 0 ? 200 : 5)
+              : field.type == tb::Type::Char ? 'a' + below(random, 26)
+                                             : anyNumber(random);
+      const size_t at = record.size();
+      record.resize(at + tb::bytesOf(field.type));
+      store(record, at, value, tb::bytesOf(field.type));
     }
-    const size_t written = covered == 0 ? 1 : elements;
-    for (size_t i = 0; i < written; ++i) appendElement(random, record, field);
-    if (covered > 0) --covered;
-  }
+    return value;
+  });
   return record;
 }
 
-// Exchanges the type of a field, a name's length or any other byte of a layout entry.
-void changeLayout(Random& random, std::string& bytes, size_t begin, size_t end) {
-  const size_t at = begin + 1 + below(random, end - begin - 1);
-  const auto byte = static_cast<uint8_t>(bytes[at]);
-  if (byte >= 0xed && byte <= 0xfb) {
-    bytes[at] = static_cast<char>(0xed + below(random, 15));
-  } else if (below(random, 2) == 0) {
-    bytes[at] = static_cast<char>(byte + (below(random, 2) == 0 ? 1 : 255));
-  } else {
-    bytes[at] = static_cast<char>(random());
-  }
-}
-
-void changeField(Random& random, std::string& bytes, size_t begin, size_t end) {
-  if (bytes[begin] == 0) {
-    changeLayout(random, bytes, begin, end);
-    return;
-  }
-  std::vector<Place> places;
-  walkRecord(bytes, begin, &places);
-  const Place& place = places[below(random, places.size())];
-  uint64_t value = load(bytes, place.at, place.width);
-  if (place.isText) {
-    value = random();
-  } else if (below(random, 3) == 0) {
-    value += below(random, 2) == 0 ? 1 : ~uint64_t{0};
-  } else {
-    value = anyNumber(random);
-  }
-  store(bytes, place.at, value, place.width);
+uint64_t changed(Random& random, const Place& place, uint64_t value) {
+  if (place.kind == Place::text) return random();
+  if (place.kind == Place::type) return 0xed + below(random, 18);
+  if (below(random, 3) != 0) return anyNumber(random);
+  return below(random, 2) == 0 ? value + 1 : value - 1;
 }
 
 }  // namespace
 
-std::vector<size_t> recordEnds(std::string_view bytes, size_t start) {
-  std::vector<size_t> ends;
-  size_t at = start;
-  while (at < bytes.size()) {
-    const size_t end = bytes[at] == 0 ? walkLayout(bytes, at) : walkRecord(bytes, at, nullptr);
-    if (end == 0) break;
-    ends.push_back(end);
-    at = end;
+uint64_t load(std::string_view bytes, size_t at, size_t width) {
+  uint64_t value = 0;
+  for (size_t i = at; i < at + width; ++i) {
+    value = value << 8 | (i < bytes.size() ? static_cast<uint8_t>(bytes[i]) : 0);
   }
-  return ends;
+  return value;
 }
 
 uint64_t anyNumber(Random& random) {
-  switch (below(random, 12)) {
-    case 0: {  // a limit, or just beside it
-      const uint64_t limit = uint64_t{1} << below(random, 64);
-      return limit + below(random, 3) - 1;
-    }
-    case 1: {
-      const uint64_t high = random();  // one after the other, whatever the compiler
-      const uint64_t low = random();
-      return (high << 32 | low) >> below(random, 64);
-    }
+  const size_t bit = below(random, 64);
+  const uint64_t high = random();  // one after the other, whatever the compiler
+  const uint64_t low = random();
+  switch (low % 12) {
+    case 0:  // a limit, or just beside it
+      return (uint64_t{1} << bit) + high % 3 - 1;
+    case 1:
+      return (high << 32 | low) >> bit;
     case 2:  // another thread of a process
-      return below(random, 3) << 16 | below(random, 4);
+      return high % 3 << 16 | bit % 4;
     case 3:
-      return ~uint64_t{0} - below(random, 3);
+      return ~uint64_t{0} - high % 3;
     case 4:
-      return below(random, 5000);
+      return high % 5000;
     default:
-      return below(random, 8);
+      return high % 8;
   }
 }
 
-bool mutateRecords(Random& random, std::string& bytes, size_t start) {
-  std::vector<size_t> ends = recordEnds(bytes, start);
-  if (ends.empty()) {
-    if (bytes.size() < start) return false;
-    bytes.insert(start, anyRecord(random));
-    return true;
+void mutateRecords(Random& random, std::string& bytes, size_t start) {
+  if (bytes.size() < start) return mutateBytes(random, bytes);
+  const std::vector<Record> records = recordsIn(bytes, start);
+  const size_t what = below(random, 8);
+  const size_t index = below(random, records.size());
+  if (what == 0 || records.empty()) {
+    bytes.insert(records.empty() ? start : records[index].begin, anyRecord(random));
+    return;
   }
-  const size_t index = below(random, ends.size());
-  const size_t begin = index == 0 ? start : ends[index - 1];
-  // A few records from there on.
-  const size_t last = std::min(index + below(random, 4), ends.size() - 1);
-  const std::string run = bytes.substr(begin, ends[last] - begin);
-  switch (below(random, 8)) {
-    case 0:
-      bytes.erase(begin, run.size());
-      break;
-    case 1: {  // once more, or many times
-      const size_t times = below(random, 8) == 0 ? 1 + kLargestInsertion / run.size() : 1;
-      std::string copies;
-      for (size_t i = 0; i < times; ++i) copies += run;
-      bytes.insert(begin, copies);
-      break;
-    }
-    case 2: {  // elsewhere
-      bytes.erase(begin, run.size());
-      ends = recordEnds(bytes, start);
-      bytes.insert(ends.empty() ? start : ends[below(random, ends.size())], run);
-      break;
-    }
-    case 3:
-      bytes.insert(begin, anyRecord(random));
-      break;
-    default:
-      changeField(random, bytes, begin, ends[index]);
-      break;
+  // A few records from there on, and the places of one of them.
+  const size_t last = std::min(index + below(random, 4), records.size() - 1);
+  const size_t begin = records[index].begin;
+  const std::string run = bytes.substr(begin, records[last].end - begin);
+  const size_t other = records[below(random, records.size())].end;
+  const std::vector<Place>& places = records[index].places;
+  if (what == 1) {
+    bytes.erase(begin, run.size());
+  } else if (what == 2) {  // once more, or many times
+    const size_t times = below(random, 8) == 0 ? 1 + kLargestInsertion / run.size() : 1;
+    for (size_t i = 0; i < times; ++i) bytes.insert(begin, run);
+  } else if (what == 3) {  // elsewhere
+    bytes.insert(other, run);
+    bytes.erase(begin + (other <= begin ? run.size() : 0), run.size());
+  } else if (!places.empty()) {
+    const Place& place = places[below(random, places.size())];
+    store(bytes, place.at, changed(random, place, load(bytes, place.at, place.width)), place.width);
   }
-  return true;
-}
-
-void crossRecords(Random& random, std::string& bytes, size_t start, std::string_view donor,
-                  size_t donorStart) {
-  const std::vector<size_t> ends = recordEnds(donor, donorStart);
-  if (ends.empty()) return;
-  const size_t index = below(random, ends.size());
-  const size_t begin = index == 0 ? donorStart : ends[index - 1];
-  const size_t last = std::min(index + below(random, 16), ends.size() - 1);
-  const std::vector<size_t> places = recordEnds(bytes, start);
-  const size_t at =
-      places.empty() ? std::min(start, bytes.size()) : places[below(random, places.size())];
-  bytes.insert(at, donor.substr(begin, ends[last] - begin));
 }
 
 void mutateBytes(Random& random, std::string& bytes) {
   const size_t at = below(random, bytes.size() + 1);
+  const size_t count = 1 + below(random, 8);
+  const size_t width = std::min(size_t{1} << below(random, 4), bytes.size());
   switch (bytes.empty() ? 0 : below(random, 5)) {
     case 0:
-      bytes.insert(at, 1 + below(random, 8), static_cast<char>(random()));
+      bytes.insert(at, count, static_cast<char>(random()));
       break;
     case 1:
-      bytes.erase(at, 1 + below(random, 8));
+      bytes.erase(at, count);
       break;
     case 2:
       bytes.resize(at);
       break;
-    case 3: {
-      static constexpr size_t kWidths[] = {1, 2, 4, 8};
-      const size_t width = std::min(kWidths[below(random, 4)], bytes.size());
+    case 3:
       store(bytes, below(random, bytes.size() - width + 1), anyNumber(random), width);
       break;
-    }
-    default: {
-      char& byte = bytes[below(random, bytes.size())];
-      byte = static_cast<char>(byte ^ (1 << below(random, 8)));
+    default:
+      bytes[at % bytes.size()] = static_cast<char>(bytes[at % bytes.size()] ^ (1 << (count - 1)));
       break;
-    }
   }
+}
+
+tb::TraceFiles takeApart(std::string_view container) {
+  const std::string base = directory() / "mutated.klt";
+  tb::writeFile(base, container);
+  tb::TraceFiles files;
+  KLT_Container* opened = KLT_ContainerOpen(nullptr, base.c_str(), O_RDONLY, 0);
+  if (opened == nullptr) return files;
+  size_t left = container.size();  // extents may overlap
+  for (const std::string& key : KLT_ContainerKeys(opened)) {
+    KLT_IoFile* file = KLT_IoOpen(opened, key == " " ? base.c_str() : (base + key).c_str());
+    if (file == nullptr) continue;
+    std::string bytes(left, '\0');
+    bytes.resize(static_cast<size_t>(std::max<int64_t>(KLT_IoRead(file, bytes.data(), left), 0)));
+    left -= bytes.size();
+    files.add(key, bytes);
+    KLT_IoClose(file);
+  }
+  KLT_ContainerClose(opened);
+  return files;
+}
+
+const tb::TraceFiles& baseTrace() {
+  static const tb::TraceFiles files = takeApart(tb::readFile(KLT_FUZZ_BASE));
+  return files;
 }
 
 }  // namespace fuzz

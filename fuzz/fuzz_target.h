@@ -1,47 +1,56 @@
-// What a fuzz target is made of: a function that takes an input, and its mutators.
+// What a fuzz target is made of: the two functions on inputs that it defines, and what helps it.
 //
-// Each target is built twice: by clang with libFuzzer, and by any compiler with replay_main.cpp,
-// which runs the inputs of a corpus and mutations of them.
+// Each target is built twice: by clang with fuzz_libfuzzer.cpp, and by any compiler with
+// replay_main.cpp, which runs the inputs of a corpus and mutations of them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <random>
 #include <string>
 #include <string_view>
 
-// The names are libFuzzer's.
-// NOLINTBEGIN(readability-identifier-naming)
-extern "C" {
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
-size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t limit, unsigned seed);
-size_t LLVMFuzzerCustomCrossOver(const uint8_t* data, size_t size, const uint8_t* donor,
-                                 size_t donorSize, uint8_t* out, size_t limit, unsigned seed);
-// Changes bytes without knowing what they are.
-size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t limit);
-}
-// NOLINTEND(readability-identifier-naming)
+#include "tests/builder/trace_files.h"
 
 namespace fuzz {
 
-[[nodiscard]] inline std::string_view view(const uint8_t* data, size_t size) {
-  return {reinterpret_cast<const char*>(data), size};
-}
+using Random = std::mt19937;
 
-// A finding that no sanitizer sees.
+// --- Defined by each target
+// -----------------------------------------------------------------------
+
+void run(std::string_view input);
+// Changes an input; false if its bytes have no meaning that could be changed.
+bool mutate(Random& random, std::string& input);
+
+// --- For all
+// --------------------------------------------------------------------------------------
+
+// The program or the input is wrong in a way that no sanitizer sees.
 inline void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "wrong: %s\n", what);
   std::abort();
 }
 
-// Hands an input over to libFuzzer; 0 if it is too long.
-[[nodiscard]] inline size_t give(std::string_view input, uint8_t* out, size_t limit) {
-  if (input.size() > limit) return 0;
-  std::memcpy(out, input.data(), input.size());
-  return input.size();
+[[nodiscard]] inline size_t below(Random& random, size_t limit) {
+  return limit == 0 ? 0 : random() % limit;
+}
+
+// The first byte of an input, which says what to do with the others; 0 if there is none.
+[[nodiscard]] inline uint8_t firstByte(std::string_view input) {
+  return input.empty() ? 0 : static_cast<uint8_t>(input[0]);
+}
+[[nodiscard]] inline std::string_view rest(std::string_view input) {
+  return input.substr(input.empty() ? 0 : 1);
+}
+
+// A directory for the files of this process, gone at its end.
+[[nodiscard]] inline const tb::TempDir& directory() {
+  static const tb::TempDir directory;
+  return directory;
 }
 
 }  // namespace fuzz
