@@ -1,24 +1,21 @@
 // The program on a system that fails: the n-th call of a kind goes wrong, as the environment says.
 //
-//   KLT_FAULT=CALL:N:WHAT[:on]   CALL open, read, write, seek, close, stat or alloc; N from 1;
-//                                WHAT an error's name (EIO, ENOSPC, EINTR, EAGAIN, EMFILE,
-//                                EACCES), or `short`, which transfers less, `kill`, which ends the
-//                                process ahead of the call, or `torn`, which does after a short
-//                                transfer; `on` repeats it for ever
-//   KLT_FAULT_HIT=FILE           is created once the call was reached
+//   KLT_FAULT=CALL N ERROR SIGNAL ON   CALL open, read, write, seek, close, stat or alloc; N from
+//   1;
+//                                      ERROR is the error of the call, 0 if it transfers less;
+//                                      SIGNAL is sent ahead of the call, a negative one after a
+//                                      short transfer, or 0; with ON all later calls fail as well
+//   KLT_FAULT_HIT=FILE                 is created once the call was reached
 //
 // Everything else is the program itself.
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <string_view>
 
 #include "generic/kltt_main.h"
 #include "util/pal_mem.h"
@@ -28,30 +25,26 @@ namespace {
 
 struct Fault {
   char call[16] = {};
-  unsigned long at = 0;
-  int error = 0;  // 0: a short transfer
-  bool kills = false;
-  bool tears = false;
-  bool stays = false;
-  unsigned long calls = 0;
+  unsigned long at = 0, calls = 0;
+  int error = 0, signal = 0, stays = 0;
 } fault;
 
 // Whether this call of the kind goes wrong. Allocates nothing.
 bool strikes(const char* call) {
   if (strcmp(fault.call, call) != 0) return false;
   ++fault.calls;
-  if (fault.calls < fault.at || (fault.calls > fault.at && !fault.stays)) return false;
+  if (fault.calls < fault.at || (fault.calls > fault.at && fault.stays == 0)) return false;
   if (fault.calls == fault.at) {
     if (const char* file = std::getenv("KLT_FAULT_HIT")) close(creat(file, 0666));
   }
-  if (fault.kills) kill(getpid(), SIGKILL);
+  if (fault.signal > 0) kill(getpid(), fault.signal);
   errno = fault.error;
-  return true;
+  return fault.signal <= 0;  // a signal may be held
 }
 
-// The transfer that a torn call is cut down to, behind which the process ends.
+// The transfer that a torn call is cut down to; then the process ends.
 ssize_t tornOr(ssize_t result) {
-  if (fault.tears && fault.calls == fault.at) kill(getpid(), SIGKILL);
+  if (fault.signal < 0 && fault.calls == fault.at) kill(getpid(), -fault.signal);
   return result;
 }
 
@@ -105,47 +98,13 @@ void install() {
   };
 }
 
-int errorOf(std::string_view name) {
-  struct Named {
-    std::string_view name;
-    int error;
-  };
-  for (const Named& known :
-       {Named{"EIO", EIO}, Named{"ENOSPC", ENOSPC}, Named{"EINTR", EINTR}, Named{"EAGAIN", EAGAIN},
-        Named{"EMFILE", EMFILE}, Named{"EACCES", EACCES}, Named{"ENOMEM", ENOMEM}}) {
-    if (known.name == name) return known.error;
-  }
-  return 0;
-}
-
-// The next part of CALL:N:WHAT[:on].
-std::string nextPart(std::string_view& text) {
-  const size_t end = std::min(text.find(':'), text.size());
-  std::string part(text.substr(0, end));
-  text.remove_prefix(std::min(end + 1, text.size()));
-  return part;
-}
-
-void configure(std::string_view text) {
-  const std::string call = nextPart(text);
-  call.copy(fault.call, sizeof fault.call - 1);
-  fault.at = std::strtoul(nextPart(text).c_str(), nullptr, 10);
-  const std::string what = nextPart(text);
-  if (fault.at == 0 || what.empty()) {
-    std::fputs("KLT_FAULT makes no sense\n", stderr);
-    std::_Exit(99);
-  }
-  fault.error = errorOf(what);
-  fault.kills = what == "kill";
-  fault.tears = what == "torn" && call == "write";
-  fault.stays = nextPart(text) == "on";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   if (const char* text = std::getenv("KLT_FAULT")) {
-    configure(text);
+    if (std::sscanf(text, "%15s %lu %d %d %d", fault.call, &fault.at, &fault.error, &fault.signal,
+                    &fault.stays) != 5)
+      std::_Exit(99);
     install();
   }
   KLTT_Main(argc, argv);

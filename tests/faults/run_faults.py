@@ -12,167 +12,164 @@ Only every k-th allocation and system call fails, with the strides given.
 """
 
 import argparse
+import errno
 import os
 import pathlib
 import re
+import shutil
+import signal
 import subprocess
 import sys
 import tempfile
 
 DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
-TIMEOUT = 120
+TRACE_OUTPUT = "out/o.klt"
 
 OPERATIONS = {
-    "dump": ("stencil", ["--dump"]),
-    "dump-single": ("stencil_split", ["--dump", "--request", "0.001s:0.003s"]),
-    "dump-file": ("threads", ["--logfile-name", "out/o.rkf"]),
-    "extract": ("stencil", ["--logfile-name", "out/o.klt", "--logfile-format", "KLT"]),
-    "extract-single": ("io", ["--logfile-name", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
-    "convert": ("ring", ["--convert", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
-    "convert-plain": ("ring_sklt", ["--convert", "out/o.klt", "--logfile-format", "KLT"]),
-    "merge": ("raw_ring", ["--merge", "out/o.klt", "--logfile-format", "KLT", "--sumdata"]),
-    "merge-compressed": ("raw_compressed", ["--merge", "out/o.klt", "--logfile-format", "SINGLEKLT"]),
-    "summary": ("stencil", ["--sumdata", "out/o.klt", "--logfile-format", "KLT"]),
-    "statistics": ("stats", ["--print-statistics"]),
-    "files": ("ring", ["--print-files"]),
+    "dump": ("counters", "--dump"),
+    "dump-single": ("stencil_split", "--dump --request 0.001s:0.003s"),
+    "dump-file": ("threads_sklt0", "--logfile-name out/o.rkf"),
+    "extract": ("counters", "--logfile-name out/o.klt --logfile-format KLT"),
+    "extract-single": ("io", "--logfile-name out/o.klt --logfile-format SINGLEKLT"),
+    "convert": ("ring", "--convert out/o.klt --logfile-format SINGLEKLT"),
+    "convert-plain": ("ring_sklt", "--convert out/o.klt --logfile-format KLT"),
+    "merge": ("raw_ring", "--merge out/o.klt --logfile-format KLT --sumdata"),
+    "merge-compressed": ("raw_compressed", "--merge out/o.klt --logfile-format SINGLEKLT"),
+    "summary": ("counters", "--sumdata out/o.klt --logfile-format KLT"),
+    "statistics": ("stats", "--print-statistics"),
+    "files": ("ring", "--print-files"),
 }
 
-# What can go wrong with each call. Some must have no effect at all.
-HARMLESS = {("read", "EINTR"), ("read", "short"), ("write", "EINTR"), ("write", "short"),
-            ("write", "EAGAIN")}
+# What can go wrong with each call: the error, 0 for a transfer of less than was asked for, and
+# whether all later calls go wrong too.
+FAULTS = (("open", errno.EACCES, 0), ("open", errno.EMFILE, 0), ("read", errno.EIO, 0),
+          ("write", errno.ENOSPC, 0), ("write", errno.ENOSPC, 1), ("seek", errno.EIO, 0),
+          ("close", errno.EIO, 0), ("stat", errno.EIO, 0), ("alloc", errno.ENOMEM, 0))
+# These must have no effect at all.
+HARMLESS = (("read", errno.EINTR, 0), ("read", 0, 0), ("write", errno.EINTR, 0),
+            ("write", errno.EAGAIN, 0), ("write", 0, 0), ("write", 0, 1))
 # A file that can't be looked at is listed with size 0; seek points that can't be opened are left out
 # of a copy, with a warning.
-EXCUSED = {("files", "open"), ("files", "seek"), ("convert", "open")}
-FAULTS = [("open", "EACCES"), ("open", "EMFILE"), ("read", "EIO"), ("read", "EINTR"),
-          ("read", "short"), ("write", "ENOSPC"), ("write", "ENOSPC:on"), ("write", "EINTR"),
-          ("write", "EAGAIN"), ("write", "short"), ("write", "short:on"), ("seek", "EIO"), ("close", "EIO"),
-          ("stat", "EIO"), ("alloc", "ENOMEM")]
-
+EXCUSED = (("files", "open"), ("files", "seek"), ("convert", "open"))
+# The calls that change files: a kill at any other one leaves what a kill at the next of these leaves.
+# A negative signal comes when half of what was to be written is written.
+KILLS = (("open", signal.SIGKILL), ("write", signal.SIGKILL), ("write", -signal.SIGKILL))
+# A merge that the user stops completes an index that it has begun.
+STOPS = (("write", signal.SIGINT), ("write", signal.SIGTERM))
 
 # Where memory was missed: in the program's own code, by its path in the source tree.
 PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)\w+\.(cpp|h):\d+\], aborting\.\n")
 
-KILLS = [("open", "kill"), ("write", "kill"), ("write", "torn"), ("seek", "kill"),
-         ("close", "kill")]
-TRACE_OUTPUT = "out/o.klt"
-
-
-def files(directory):
-    return {str(file.relative_to(directory)): file.read_bytes()
-            for file in pathlib.Path(directory).rglob("*") if file.is_file()}
-
 
 class Runner:
-    def __init__(self, program, operation):
+    """Runs one operation in a directory that all of its runs share."""
+
+    def __init__(self, program, operation, directory):
         self.program = str(pathlib.Path(program).resolve())
         self.operation = operation
-        sample, self.options = OPERATIONS[operation]
-        self.input = {file.name: file.read_bytes() for file in (DATA / sample).glob("t.klt*")}
-        self.failures = []
+        self.place = pathlib.Path(directory)
+        sample, options = OPERATIONS[operation]
+        self.options = options.split()
+        self.input = {self.place / file.name: file.read_bytes()
+                      for file in (DATA / sample).glob("t.klt*")}
+        for file, data in self.input.items():
+            file.write_bytes(data)
         self.older = {}  # a trace under the output's name that is there already
+        self.failures = []
 
-    def run(self, fault=None, look=None):
-        """Status, standard output and error, output files, and whether the fault's turn came.
-        `look` is called with the directory before it is gone."""
-        with tempfile.TemporaryDirectory() as directory:
-            place = pathlib.Path(directory)
-            (place / "out").mkdir()
-            for name, data in (self.input | self.older).items():
-                (place / name).write_bytes(data)
-            environment = dict(os.environ, ASAN_OPTIONS="abort_on_error=1",
-                               UBSAN_OPTIONS="abort_on_error=1", RK_VERBOSE="0")
-            if fault is not None:
-                environment |= {"KLT_FAULT": fault, "KLT_FAULT_HIT": str(place / "hit")}
-            done = subprocess.run([self.program, "t.klt", *self.options], cwd=place, timeout=TIMEOUT,
-                                  env=environment, stdin=subprocess.DEVNULL, capture_output=True,
-                                  check=False)
-            if look is not None:
-                look(place)
-            after = files(place)
-            hit = after.pop("hit", None) is not None
-            changed = [name for name, data in self.input.items() if after.pop(name, None) != data]
-            return done, after, hit, changed
+    def execute(self, *arguments, **environment):
+        environment = dict(os.environ, ASAN_OPTIONS="abort_on_error=1", RK_VERBOSE="0",
+                           UBSAN_OPTIONS="abort_on_error=1", **environment)
+        return subprocess.run([self.program, *arguments], cwd=self.place, env=environment,
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=120, check=False)
 
-    def check(self, fault, harmless):
+    def run(self, call="none", n=1, error=0, by=0, stays=0):
+        """The finished process, names of inputs that changed, and whether the fault's turn came."""
+        shutil.rmtree(self.place / "out", ignore_errors=True)
+        (self.place / "out").mkdir()
+        for name, data in self.older.items():
+            (self.place / name).write_bytes(data)
+        hit = self.place / "hit"
+        done = self.execute("t.klt", *self.options, KLT_FAULT_HIT=str(hit),
+                            KLT_FAULT=f"{call} {n} {error} {int(by)} {stays}")
+        changed = [file for file, data in self.input.items()
+                   if not file.exists() or file.read_bytes() != data]
+        for file in changed:
+            file.write_bytes(self.input[file])
+        was_hit = hit.exists()
+        hit.unlink(missing_ok=True)
+        return done, [file.name for file in changed], was_hit
+
+    def results(self, done):
+        return done.stdout, {str(file): file.read_bytes()
+                             for file in (self.place / "out").rglob("*") if file.is_file()}
+
+    def note(self, fault, problem, done):
+        message = done.stderr.decode("utf-8", "backslashreplace")[-2000:]
+        self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")
+
+    def check(self, call, n, error, stays):
         """False if the run was over before the fault's turn."""
-        done, outputs, hit, changed = self.run(fault)
+        done, changed, hit = self.run(call, n, error, stays=stays)
         if not hit:
             return False
-        same = done.stdout == self.stdout and outputs == self.outputs
-        problem = None
-        if changed:
-            problem = f"changed {changed}"
-        elif done.returncode < 0 or done.returncode > 255:
-            problem = "ended by a signal"
-        elif harmless and (done.returncode != 0 or not same):
-            problem = "not taken in its stride"
-        elif done.returncode == 0 and not same and (self.operation, fault.split(":")[0]) not in EXCUSED:
-            problem = "success with other output"
-        elif done.returncode != 0 and not done.stderr:
-            problem = "failure without a message"
-        elif fault.startswith("alloc") and not PLACE.search(done.stderr):
-            problem = "no place of the program that missed the memory"
-        if problem:
-            message = done.stderr.decode("utf-8", "backslashreplace")[-2000:]
-            self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")
+        status = done.returncode
+        same = self.results(done) == self.undisturbed
+        harmless = (call, error, stays) in HARMLESS
+        problems = {
+            f"changed {changed}": changed,
+            "ended by a signal": status < 0 or status > 255,
+            "not taken in its stride": harmless and (status != 0 or not same),
+            "success with other output":
+                status == 0 and not same and (self.operation, call) not in EXCUSED,
+            "failure without a message": status != 0 and not done.stderr,
+            "no place of the program that missed the memory":
+                call == "alloc" and not PLACE.search(done.stderr)}
+        for problem in (problem for problem, is_there in problems.items() if is_there):
+            self.note((call, n, error, stays), problem, done)
         return True
 
-    def check_killed(self, fault):
+    def check_killed(self, call, n, by):
         """False if the run was over before its turn."""
-        problem = None
-
-        def look(place):
-            nonlocal problem
-            if not (place / TRACE_OUTPUT).exists():
-                return
-            dump = subprocess.run([self.program, TRACE_OUTPUT, "--dump"], cwd=place, timeout=TIMEOUT,
-                                  stdin=subprocess.DEVNULL, capture_output=True, check=False)
-            if dump.returncode < 0:
-                problem = "reading what is left ended by a signal"
-            elif dump.returncode == 0 and dump.stdout not in self.dumps:
-                problem = "what is left passes for a whole trace"
-            elif dump.returncode != 0 and not dump.stderr:
-                problem = "what is left is refused without a message"
-
-        done, _, hit, changed = self.run(fault, look)
-        if changed:
-            problem = f"changed {changed}"
-        elif hit and done.returncode != -9:
-            problem = f"not killed: status {done.returncode}"
-        if problem:
-            self.failures.append(f"{fault}: {problem}")
+        done, changed, hit = self.run(call, n, by=by)
+        if changed or hit and done.returncode != -abs(by):
+            self.note((call, n, by), f"changed {changed}, or not ended by this signal", done)
+        output = self.place / TRACE_OUTPUT
+        if output.exists():
+            dump = self.execute(TRACE_OUTPUT, "--dump")
+            refused = dump.returncode > 0 and dump.stderr and (
+                abs(by) == signal.SIGKILL or output.stat().st_size == 0)
+            if not refused and (dump.returncode != 0 or dump.stdout not in self.dumps):
+                self.note((call, n, by), "what is left is neither whole nor refused", dump)
         return hit
+
+    def fail_all(self, stride, call_stride):
+        done, _, _ = self.run()
+        self.undisturbed = self.results(done)
+        if done.returncode != 0:
+            sys.exit(f"undisturbed: status {done.returncode}\n{done.stderr.decode()}")
+        for call, error, stays in FAULTS + HARMLESS:
+            n = 1
+            while self.check(call, n, error, stays):
+                n += stride if call == "alloc" else call_stride
+            print(f"{call} {error} {stays}: up to {n}", flush=True)
 
     def kill_all(self, older):
         """With a trace of the sample `older` in the output's place, unless that is None."""
+        self.older = {} if older is None else {
+            TRACE_OUTPUT + file.name[len("t.klt"):]: file.read_bytes()
+            for file in (DATA / older).glob("t.klt*")}
         self.dumps = []
-
-        def look(place):
-            if (place / TRACE_OUTPUT).exists():
-                self.dumps.append(subprocess.run([self.program, TRACE_OUTPUT, "--dump"], cwd=place,
-                                                 capture_output=True, check=True).stdout)
-
-        if older is not None:
-            self.older = {TRACE_OUTPUT + file.name[len("t.klt"):]: file.read_bytes()
-                          for file in (DATA / older).glob("t.klt*")}
-            self.run("open:1:EACCES", look)  # leaves all as it is
-        self.run(None, look)
-        for call, what in KILLS:
+        for call in ("open", "none"):  # which leaves all as it is, or doesn't strike
+            self.run(call, error=errno.EACCES)
+            if (self.place / TRACE_OUTPUT).exists():
+                self.dumps.append(self.execute(TRACE_OUTPUT, "--dump").stdout)
+        stops = STOPS if self.operation.startswith("merge") and older is None else ()
+        for call, by in KILLS + stops:
             n = 1
-            while self.check_killed(f"{call}:{n}:{what}"):
+            while self.check_killed(call, n, by):
                 n += 1
-            print(f"{call} {what}: {n - 1} runs", flush=True)
-
-    def run_all(self, stride, call_stride):
-        done, self.outputs, _, _ = self.run()
-        self.stdout = done.stdout
-        if done.returncode != 0:
-            sys.exit(f"undisturbed: status {done.returncode}\n{done.stderr.decode()}")
-        for call, what in FAULTS:
-            n = 1
-            while self.check(f"{call}:{n}:{what}", (call, what.split(":")[0]) in HARMLESS):
-                n += stride if call == "alloc" else call_stride
-            print(f"{call} {what}: {n - 1} runs", flush=True)
+            print(f"{call}, {by}: up to {n}", flush=True)
 
 
 def main():
@@ -190,14 +187,14 @@ def main():
         return 0
     if arguments.program is None or arguments.operation is None:
         parser.error("--program and --operation are needed")
-    runner = Runner(arguments.program, arguments.operation)
-    runner.run_all(arguments.stride, arguments.call_stride)
-    for older in () if arguments.no_kills else (None, "io"):
-        runner.kill_all(older)
-    for failure in runner.failures[:10]:
-        print(failure)
-    if runner.failures:
-        print(f"{len(runner.failures)} failures")
+    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    with tempfile.TemporaryDirectory(dir=memory) as directory:
+        runner = Runner(arguments.program, arguments.operation, directory)
+        runner.fail_all(arguments.stride, arguments.call_stride)
+        writes = TRACE_OUTPUT in OPERATIONS[arguments.operation][1] and not arguments.no_kills
+        for older in (None, "io") if writes else ():
+            runner.kill_all(older)
+    print("\n".join(runner.failures[:10]), f"{len(runner.failures)} failures", sep="\n")
     return 1 if runner.failures else 0
 
 
