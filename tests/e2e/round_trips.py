@@ -34,7 +34,7 @@ DURATIONS = re.compile(r"(?<=DELTA )-?\d+|(?<=TIMES )[^A-Z]*(?:UNKNOWN [^A-Z]*)*
 
 # Parts of a trace; each folder takes some of them in turn.
 SELECTIONS = ("0:1", "MESSAGES", "COLLOPS,SCOPES", "FUNCTIONS", "MESSAGES,COUNTERS",
-              "1:2,MESSAGES", "COUNTERS", "SCOPES,COLLOPS")
+              "1:2,MESSAGES", "COUNTERS", "1:3,COLLOPS,SCOPES,MESSAGES")
 
 
 def some_selections(folder, count):
@@ -192,7 +192,8 @@ def check_slices(place, folder):
     """A window of a slice, and of a slice of that, is the window of the source. A slice of two
     windows holds each message and operation of theirs once."""
     window = place.tenths()
-    for selection in some_selections(folder, 2) if window is not None else ():
+    count = len(SELECTIONS) if folder.name == "stencil_split" else 2
+    for selection in some_selections(folder, count) if window is not None else ():
         one, two = window(1, 4, selection), window(6, 8, selection)
         place.extract(INPUT, "a.klt", "KLT", *window(1, 9, selection))
         place.extract("a.klt", "b.klt", "SINGLEKLT", *window(2, 8, selection))
@@ -206,6 +207,17 @@ def check_slices(place, folder):
         expect(f"{one} {two}", expected, spans(place.dump("c.klt", *MATCHED)))
         for file in place.path.glob("[!t]*"):
             file.unlink()
+
+
+def check_order(place, folder):
+    """A slice that begins with an event holds what its history tells in order of time, too."""
+    lines = re.compile(r"^(\d+) (?:(?:COLLOP|SAMP) |ONETOONE (?!.*DELTA -))", re.M)
+    starts = sorted({int(time) for time in lines.findall(text_of(place.dump(INPUT, *MATCHED)))})
+    for start in starts[len(starts) // 3::max(1, len(starts) // 3)]:
+        for selection in ([], ["COUNTERS"]):
+            place.extract(INPUT, "s.klt", "KLT", "--ticks", "--request", f"{start}s:-1s", *selection)
+            times = [int(time) for time in lines.findall(text_of(place.dump("s.klt", *MATCHED)))]
+            expect(f"times of a slice from {start} {selection}", sorted(times), times)
 
 
 def in_a_place(check):
@@ -228,4 +240,5 @@ CHECKS = {
     "windows": (faithful, in_a_place(check_windows)),
     "slices": (lambda folder: faithful(folder) and not folder.name.startswith("raw_"),
                in_a_place(check_slices)),
+    "order": (lambda folder: folder.name in ("stencil_split", "counters"), in_a_place(check_order)),
 }

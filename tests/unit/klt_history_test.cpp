@@ -512,6 +512,31 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
   }
 }
 
+TEST(KltAnchors, MayListTooMuchOrTooLittle) {
+  Trace trace;
+  Stream& m = trace.stream("m", MESSAGES, {0});
+  Stream& n = trace.stream("n", MESSAGES, {0});
+  m.at(1).message({.receiveTime = 50, .tag = 1});
+  // Entries of records that the streams come to themselves.
+  m.anchorRecord(46, {{"file", std::vector<uint64_t>{m.fileId(), m.fileId(), n.fileId()}},
+                      {"offset", std::vector<uint64_t>{m.size(), 0, 0}},
+                      {"prevtime", std::vector<uint64_t>{1, 0, 0}}});
+  m.anchor(Told::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
+  n.at(25).message({.receiveTime = 50, .tag = 3});
+  // Samples that no entry lists.
+  trace.stream("c", COUNTERS, {0}).at(5).counters(0, {{1, 9}}).anchor(Told::Nothing).at(40);
+  OpenTrace plain(withoutAnchors(trace.files()));
+  OpenTrace open(trace);
+  for (const uint64_t start : {11U, 20U}) {
+    for (const uint32_t categories : {MESSAGES, COUNTERS}) {
+      const Lines lines = open.read({window(start, 60, categories)});
+      EXPECT_EQ(difference(plain.read({window(start, 60, categories)}), lines), "") << start;
+      EXPECT_EQ(only(lines, {"one_to_one_communication", "counter_value"}).size(),
+                categories == MESSAGES ? 3U : 1U);
+    }
+  }
+}
+
 TEST(KltAnchors, ThoseThatCantBeTrueAreIgnored) {
   const std::vector<std::pair<uint64_t, uint64_t>> cases[] = {
       {{5, 1000}},         // after the file's end
