@@ -148,8 +148,8 @@ struct KLT_WFileHandle {
   KLT_IdMap<PAL_Triplets> willyLists;                   // of one thread each
   std::unordered_map<uint32_t, uint32_t> listIds;       // by thread
   std::vector<uint32_t> declaredThreads;                // of each process
-  PAL_Triplets selectedThreads;  // by KLT_WriterListThreads; empty for all
-  bool listsDeclared = false;    // it has been called
+  PAL_Triplets selectedThreads;                         // by KLT_WriterListThreads; empty for all
+  bool listsDeclared = false;                           // it has been called
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
   KLT_FileSet untouchable;
