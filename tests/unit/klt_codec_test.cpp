@@ -182,33 +182,20 @@ TEST(KltCodec, EveryRowIsReadAndWrittenAsItStands) {
   });
 }
 
-// The input ends inside the record: nothing moves, which is told once. What another request asks
-// for is there again.
-TEST(KltCodec, EveryRowNoticesAnInputThatEndsInsideIt) {
-  forEveryRow([]<int N>() {
-    const std::string bytes = built(kKltRows[N - 1], 2);
-    FileInput file(bytes);
-    for (size_t have = 1; have < bytes.size(); ++have) {
-      SCOPED_TRACE(testing::Message() << "row " << N << ", " << have << " bytes");
-      KLT_RecordBuffer out;
-      uint64_t time = 1000;
-      size_t disk = 0;
-      reading::Messages messages;
-      file.input.freeBuffer();
-      file.input.setLimit(have);
-      EXPECT_TRUE(file.input.seek(1));
-      EXPECT_EQ(KLT_Codec<N>::parse(file.input, out, time, disk), KLT_Parse::kNoData);
-      EXPECT_EQ(KLT_Codec<N>::measure(file.input, disk), KLT_Parse::kNoData);
-      EXPECT_EQ(time, 1000U);
-      EXPECT_EQ(file.input.position(), 1U);
-      const std::string told = messages.take();
-      EXPECT_NE(told.find("More data requested than available for filter."), std::string::npos);
-      EXPECT_EQ(told.find("More data"), told.rfind("More data"));
-      file.input.setLimit(KLT_Input::kNoLimit);
-      EXPECT_TRUE(file.input.seek(0));
-      (void)read<N>(file.input, out, time);
-    }
-  });
+// Nothing moves, which is told once. What another request asks for is there again.
+TEST(KltCodec, ARecordBehindTheLimitIsNotRead) {
+  FileInput file(built(kKltRows[45 - 1], 2));
+  KLT_RecordBuffer out;
+  uint64_t time = 1000;
+  size_t disk = 0;
+  reading::Messages messages;
+  file.input.setLimit(12);
+  EXPECT_EQ(KLT_Codec<45>::parse(file.input, out, time, disk), KLT_Parse::kNoData);
+  EXPECT_EQ(KLT_Codec<45>::measure(file.input, disk), KLT_Parse::kNoData);
+  EXPECT_EQ(messages.take(), "ERROR: More data requested than available for filter.\n");
+  file.input.setLimit(KLT_Input::kNoLimit);
+  EXPECT_TRUE(file.input.seek(0));
+  (void)read<45>(file.input, out, time);
 }
 
 TEST(KltCodec, StepsOfTimeTakeTheShortestRecords) {

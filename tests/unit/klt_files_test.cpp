@@ -2,9 +2,10 @@
 #include "klt/klt_files.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -160,23 +161,17 @@ TEST_F(KltFiles, WhatStopsHalfwayTellsWhereTheFilesAre) {
   EXPECT_TRUE(fs::exists("t.klt"));  // the index goes last
 }
 
-// To the system's rename names are just bytes; this takes the road through the shell.
+// To the system's rename names are just bytes; another file system takes the road through the
+// shell.
 TEST_F(KltFiles, MovesAcrossFileSystemsUnderNamesThatTheShellWouldRead) {
   const tb::TempDir directory;
   fs::current_path(directory.path());
   trace_.files().writePlain(directory, "-it's $(a) \"trace\";.klt");
   const auto before = contents();
   char other[] = "/dev/shm/klt_files.XXXXXX";
-  struct stat here {};
-  struct stat there {};
-  if (mkdtemp(other) == nullptr || stat(".", &here) != 0 || stat(other, &there) != 0 ||
-      here.st_dev == there.st_dev) {
-    rmdir(other);
-    GTEST_SKIP() << "needs a second file system";
-  }
+  if (mkdtemp(other) == nullptr) GTEST_SKIP() << "needs a second file system";
   EXPECT_EQ(run(What::kMove, "-it's $(a) \"trace\";.klt", other), 0);
-  EXPECT_TRUE(contents(other) == before);
-  EXPECT_TRUE(contents().empty());
+  EXPECT_TRUE(contents(other) == before && contents().empty());
   fs::remove_all(other);
 }
 
@@ -190,23 +185,19 @@ TEST(KltFileList, IsInTheOrderOfBucketsThenArrival) {
     numbered.emplace_back(stream.fileId(), stream.suffix());
     numbered.emplace_back(stream.fileId() + 1, stream.suffix() + ".anc");
   }
-  std::stable_sort(numbered.begin(), numbered.end(), [](const auto& a, const auto& b) {
-    const auto order = [](const auto& file) {
-      return std::pair((file.first / 0x10000 + file.first % 0x10000) % 31,
-                       file.second.ends_with(".anc"));
-    };
-    return order(a) < order(b);
-  });
+  const auto order = [](const auto& file) {
+    const uint32_t bucket = (file.first / 0x10000 + file.first % 0x10000) % 31;
+    return std::pair(bucket, file.second.ends_with(".anc"));
+  };
+  std::stable_sort(numbered.begin(), numbered.end(),
+                   [&](const auto& a, const auto& b) { return order(a) < order(b); });
   KLT_FileHandle* handle = KLT_Open(trace.files().writePlain(directory).c_str());
   fs::remove(directory / "t.klt.x.1");  // has no bytes then
   std::vector<std::string> names;
   std::vector<uint64_t> sizes;
   ASSERT_EQ(KLT_FileList(handle, &names, &sizes), 1 + numbered.size());
-  EXPECT_EQ(names[0], "t.klt");
-  for (size_t i = 0; i < numbered.size(); ++i) {
-    EXPECT_EQ(names[i + 1], "t.klt." + numbered[i].second);
-  }
   for (size_t i = 0; i < names.size(); ++i) {
+    EXPECT_EQ(names[i], i == 0 ? "t.klt" : "t.klt." + numbered[i - 1].second);
     const fs::path file = directory / names[i];
     EXPECT_EQ(sizes[i], fs::exists(file) ? fs::file_size(file) : 0) << names[i];
   }
