@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr int64_t kNoReceive = static_cast<int64_t>(KLTT_RECEIVE_UNKNOWN);
-constexpr int64_t kNoSend = static_cast<int64_t>(KLTT_SEND_UNKNOWN);
 constexpr uint64_t kOut = ~uint64_t{0};  // took no part
 
 class KlttText : public testing::Test {
@@ -71,17 +69,9 @@ class KlttText : public testing::Test {
   void enter(uint64_t time, uint32_t gtp, uint32_t function) {
     KLTT_EnterFunction(c, time, gtp, function, 0);
   }
-  // From thread 0 of process 0 to thread 0 of process 1, told apart by the tag.
-  void message(uint64_t time, int64_t delta, uint32_t tag) {
-    KLTT_OneToOneCommunication(c, time, 0, delta, 1, 1, 64, tag, 5, 6, 0, 0, 10, 11);
-  }
-  static std::string sent(int time, int tag) {
-    return std::to_string(time) + " SENDMSG 1 " + std::to_string(tag) +
-           " FROM 1 TO 2 LEN 64 SCL 5 FUNCTION 10\n";
-  }
-  static std::string received(int time, int tag) {
-    return std::to_string(time) + " RECVMSG 1 " + std::to_string(tag) +
-           " BY 2 FROM 1 LEN 64 SCL 6 FUNCTION 11\n";
+  void message(uint64_t time, uint64_t delta) {
+    KLTT_OneToOneCommunication(c, time, 0, static_cast<int64_t>(delta), 1, 2, 64, 9, 0, 0, 0, 0, 0,
+                               0);
   }
   void endOfFilter(uint64_t time, std::vector<PAL_Triplet> threads, uint32_t categories = 0xc) {
     KLTT_EndOfFilter(c, time, categories, static_cast<uint32_t>(threads.size()), threads.data());
@@ -94,61 +84,34 @@ class KlttText : public testing::Test {
   size_t seen_ = 0;
 };
 
-TEST_F(KlttText, WhatIsDelayedFollowsTheEventsOfItsTime) {
+TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
   const std::string host(1000, 'h');
-  KLTT_WillyDefinition(c, 0x20001, host.c_str(), nullptr, 7, uint64_t{1} << 40, -0.25, 1);
-  KLTT_Info(c, 1, "built\nwith care");
-  enter(0, 0, 10);
-  message(5, 4, 1);
-  enter(5, 2, 10);
-  enter(9, 2, 11);
-  KLTT_LeaveFunction(c, 10, 2, 0x7fffffff);
-  EXPECT_EQ(text(), "0 EXCHEXT CPU 1 DOWNTO 10\n0 C " +
-                        ("process #1, thread #2: host \"" + host).substr(0, 511) +
-                        "\n0 C App: built with care\n5 EXCHEXT CPU 3 DOWNTO 10\n" + sent(5, 1) +
-                        "9 EXCHEXT CPU 3 DOWNTO 11\n" + received(9, 1) +
-                        "10 EXCHEXT CPU 3 UPTO 10\n");
-  message(20, -5, 2);
-  message(21, kNoReceive, 3);
-  message(22, kNoSend, 4);
-  EXPECT_EQ(drained(), received(20, 2) + sent(21, 3) + received(22, 4) + sent(25, 2));
-  EXPECT_EQ(context.lastEventTime, 25U);  // unknown sides don't count
-  // What a history tells happens at its own time.
-  const uint64_t zero[] = {0, 0};
-  const uint64_t deltas[] = {40, 50};
+  const uint64_t zero[] = {0, 0, 0};
+  const uint64_t deltas[] = {44, 45, 50};
+  KLTT_WillyDefinition(c, 0x20001, host.c_str(), "", 7, 8, 0, 1);
   KLTT_BeginOfHistory(c, 100, 1, 0, nullptr);
-  message(60, 70, 5);
+  EXPECT_EQ(context.lastEventTime, 100U);
+  message(60, 70);
   KLTT_EnterScope(c, 50, 0, 3, 1, 0);
-  KLTT_AllCommunication(c, 55, 2, 4, 2, zero, deltas, nullptr);  // ends at 95 and 105
+  KLTT_AllCommunication(c, 55, 2, 4, 3, zero, deltas, nullptr);  // ends at 99, 100 and 105
   KLTT_EndOfHistory(c, 100, 1, 0, nullptr);
+  enter(110, 0, 10);
+  EXPECT_EQ(drained(), "0 C " + ("process #1, thread #2: host \"" + host).substr(0, 511) +
+                           "\n100 BEGINSCOPE CPU 1 SCOPE 3 SEQNR 1\n"
+                           "100 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n100 GLOBALOP 4 ON 3 2 5 -1 -1 0\n"
+                           "100 GLOBALOP 4 ON 1 2 5 -1 -1 5\n110 EXCHEXT CPU 1 DOWNTO 10\n"
+                           "130 RECVMSG 2 9 BY 2 FROM 1 LEN 64\n");
   // Without a sink nothing is written, and the stacks are kept.
   context.sink = nullptr;
   enter(140, 0, 11);
   context.sink = sink_;
-  message(141, 5, 6);
-  KLTT_LeaveFunction(c, 147, 0, 8);
-  EXPECT_EQ(text(), "100 BEGINSCOPE CPU 1 SCOPE 3 SEQNR 1\n" + sent(141, 6) + received(146, 6) +
-                        "147 EXCHEXT CPU 1 UPTO 10 SCL 8\n");
+  KLTT_LeaveFunction(c, 147, 0, 0);
+  message(150, KLTT_RECEIVE_UNKNOWN);
+  EXPECT_EQ(context.lastEventTime, 147U);
+  EXPECT_EQ(drained(), "147 EXCHEXT CPU 1 UPTO 10\n150 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n");
   clock(13);
-  message(~uint64_t{0}, kNoReceive, 7);
-  EXPECT_EQ(drained(), sent(-1, 7));  // the end of time
-}
-
-TEST_F(KlttText, MatchedMessages) {
-  RK_conf.matched_rkf = 1;
-  clock(2);
-  message(40, -8, 2);
-  message(44, kNoReceive, 3);
-  KLTT_OneToOneCommunication(c, 48, 2, kNoSend, 4, 9, 1, 7, 0, 0x7fffffff, 0, 0, 0, 0);
-  KLTT_OneToOneCommunication(c, 52, 2, 1, 4, 9, 1, 7, 0, 6, 21, 22, 0, 23);
-  EXPECT_EQ(text(),
-            "48 ONETOONE CPU 1 TO 2 DELTA -8 COM 1 LEN 64 TAG 2 SCLS 5 6 SENDER_FUNCTION 10 "
-            "RECEIVER_FUNCTION 11\n"
-            "44 ONETOONE CPU 1 TO 2 DELTA UNKNOWN COM 1 LEN 64 TAG 3 SCLS 5 6 SENDER_FUNCTION 10 "
-            "RECEIVER_FUNCTION 11\n"
-            "UNKNOWN ONETOONE CPU 3 TO 5 DELTA 48 COM 9 LEN 1 TAG 7\n"
-            "52 ONETOONE CPU 3 TO 5 DELTA 1 COM 9 LEN 1 TAG 7 SCLS 6 SENDER_CHECKSUM 21 "
-            "RECEIVER_CHECKSUM 22 RECEIVER_FUNCTION 23\n");
+  message(~uint64_t{0}, KLTT_RECEIVE_UNKNOWN);
+  EXPECT_EQ(drained(), "-1 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n");
 }
 
 // The third member took no part, the time of the fourth isn't known.
@@ -158,20 +121,22 @@ TEST_F(KlttText, CollectiveOperations) {
   const uint32_t sizes[] = {1, 2, 3, 0x80000000};
   const uint32_t others[] = {7, 8, 9, 0};
   const uint32_t scls[] = {0, 6, 0x7fffffff, 1};
+  KLTT_OneToAllCommunication(c, 100, 2, 99, 2, 1, 4, starts, deltas, sizes, scls);
+  EXPECT_EQ(drained(), "100 GLOBALOP 1 ON 3 2 3 99 2 20 SCL 6\n105 GLOBALOP 1 ON 5 2 3 -1 1 10\n");
+  RK_conf.matched_rkf = 1;
   const auto all = [&](uint32_t n) {
     KLTT_OneToAllCommunication(c, 100, 2, 99, 2, 1, n, starts, deltas, sizes, scls);
     KLTT_AllToOneCommunication(c, 200, 4, 99, 2, 2, n, starts, deltas, sizes, nullptr);
     KLTT_AllToAllCommunication(c, 300, 2, 3, n, starts, deltas, sizes, others, nullptr);
     KLTT_AllCommunication(c, 400, 2, 4, n, starts, deltas, nullptr);
-    return drained();
+    return text();
   };
-  EXPECT_EQ(all(4),
-            "100 GLOBALOP 1 ON 3 2 3 99 2 20 SCL 6\n105 GLOBALOP 1 ON 5 2 3 -1 1 10\n"
-            "200 GLOBALOP 2 ON 3 2 5 2 -1 20\n205 GLOBALOP 2 ON 5 2 5 1 99 10\n"
-            "300 GLOBALOP 3 ON 3 2 5 2 8 20\n305 GLOBALOP 3 ON 5 2 5 1 7 10\n"
-            "400 GLOBALOP 4 ON 3 2 5 -1 -1 20\n405 GLOBALOP 4 ON 5 2 5 -1 -1 10\n");
-  EXPECT_EQ(all(0), "");
-  RK_conf.matched_rkf = 1;
+  // Which sizes are known doesn't depend on how many members there are.
+  EXPECT_EQ(all(0),
+            "100 COLLOP ONETOALL 1 COM 2 ROOT 2 TIMES DELTAS SENTS RCVDS SCLS\n"
+            "200 COLLOP ALLTOONE 2 COM 2 ROOT 4 TIMES DELTAS SENTS RCVDS\n"
+            "300 COLLOP ALLTOALL 3 COM 2 TIMES DELTAS SENTS RCVDS\n"
+            "400 COLLOP ALL 4 COM 2 TIMES DELTAS\n");
   const std::string end = " UNKNOWN UNKNOWN DELTAS 10 20 UNKNOWN UNKNOWN";
   EXPECT_EQ(all(4), "100 COLLOP ONETOALL 1 COM 2 ROOT 2 TIMES 105 100" + end +
                         " SENTS 0 99 0 0 RCVDS 1 2 3 2147483648 SCLS 0 6 2147483647 1\n"
@@ -182,13 +147,7 @@ TEST_F(KlttText, CollectiveOperations) {
                         end +
                         " SENTS 1 2 3 2147483648 RCVDS 7 8 9 0\n"
                         "400 COLLOP ALL 4 COM 2 TIMES 405 400" +
-                        end + "\n");
-  // Which sizes are known doesn't depend on how many members there are.
-  EXPECT_EQ(all(0),
-            "100 COLLOP ONETOALL 1 COM 2 ROOT 2 TIMES DELTAS SENTS RCVDS SCLS\n"
-            "200 COLLOP ALLTOONE 2 COM 2 ROOT 4 TIMES DELTAS SENTS RCVDS\n"
-            "300 COLLOP ALLTOALL 3 COM 2 TIMES DELTAS SENTS RCVDS\n"
-            "400 COLLOP ALL 4 COM 2 TIMES DELTAS\n");
+                        end + '\n');
   // The kind is the operation's. Members that the communicator lacks are forgiven, an operation
   // that isn't defined is left out and no event.
   KLTT_OneToAllCommunication(c, 500, 2, 99, 7, 3, 1, starts, deltas, sizes, nullptr);
@@ -234,19 +193,19 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
 }
 
 TEST_F(KlttText, EndOfFilterClosesDeclaredThreadsAndWhatEnds) {
-  for (const uint32_t gtp : {0x10001U, 1U, 0x10000U, 2U, 0x50001U, 9U}) enter(1, gtp, 10);
+  for (const uint32_t gtp : {0x10001U, 1U, 0x10000U, 2U, 0x20001U, 3U}) enter(1, gtp, 10);
   enter(1, 1, 11);
   for (const uint32_t scope : {7, 8, 9}) KLTT_EnterScope(c, 2, 0x10000, scope, 1, 0);
   reading::Messages told;
   for (const uint32_t seqnr : {1, 2}) KLTT_LeaveScope(c, 2, 0x10000, 7, seqnr, 0);
   (void)text();
-  message(2, 0, 1);
+  message(2, 0);
   endOfFilter(5, {}, 0xff0);
   EXPECT_EQ(text(), "");
   endOfFilter(5, {{1, 2, 0}, {0x10000, 0x10000, 1}}, 0x8);
-  EXPECT_EQ(text(), sent(2, 1) + received(2, 1) +
-                        "5 ENDSCOPE CPU 65537 SCOPE 9 SEQNR 1\n"
-                        "5 ENDSCOPE CPU 65537 SCOPE 8 SEQNR 1\n");
+  EXPECT_EQ(text(),
+            "2 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n2 RECVMSG 2 9 BY 2 FROM 1 LEN 64\n"
+            "5 ENDSCOPE CPU 65537 SCOPE 9 SEQNR 1\n5 ENDSCOPE CPU 65537 SCOPE 8 SEQNR 1\n");
   endOfFilter(~uint64_t{0}, {});  // an open end: the time of the last event
   EXPECT_EQ(text(),
             "2 EXCHEXT CPU 65537 UPTO NOACT\n2 EXCHEXT CPU 2 UPTO 10\n"
@@ -257,66 +216,51 @@ TEST_F(KlttText, EndOfFilterClosesDeclaredThreadsAndWhatEnds) {
             "ERROR: Wrong triplet syntax, stride == 0, ignoring triplet.\n");
 }
 
-TEST_F(KlttText, Definitions) {
+TEST_F(KlttText, DefinitionsWithValuesAtTheEdges) {
   const uint32_t counts[] = {1, 0, 0xffffffff};
-  const uint32_t lines[] = {0x80000000, 12, 0x7fffffff};
+  const uint32_t members[] = {0x80000000, 0xffffffff};
   const PAL_Triplet ranks[] = {{4, 0, -2}, {1, 1, 1}, {-1, -9, -4}};
   const PAL_Triplet huge[] = {{0, INT32_MAX, 1}};
+  const uint64_t reals[] = {std::bit_cast<uint64_t>(-1.25), std::bit_cast<uint64_t>(1e12)};
+  uint64_t values[] = {0x700000009, ~uint64_t{0} << 32};
+  const uint32_t counter = 0xc0000002;
   reading::Messages told;
-  KLTT_ProcessDeclaration(c, 1, counts);
   KLTT_ProcessDeclaration(c, 3, counts);
-  KLTT_ClockResolution(c, 1, 0xffffffff);
-  KLTT_GroupDefinition(c, 8, "All", 3, counts);
-  KLTT_SclDefinition(c, 2, 3, counts, lines, nullptr, nullptr);
+  KLTT_GroupDefinition(c, 8, "All", 2, members);
   KLTT_ScopeDefinition(c, 6, "phase", 1, 0x80000000, 0x7fffffff);
-  KLTT_ScopeDefinition(c, 6, "phase", 1, 0, 0xffffffff);
+  KLTT_ScopeDefinition(c, 6, "phase", 1, 0x7fffffff, 0xffffffff);
   KLTT_CollectiveOperationDefinition(c, 8, nullptr, 1);
   KLTT_CommunicatorDefinition(c, 0x80000003, "odd", 3, ranks, -2);
   KLTT_CommunicatorDefinition(c, 0x80000003, "", 1, huge, -2);
+  KLTT_FunctionDefinition(c, 10, "other", 1);  // the first one stays
+  KLTT_ClassDefinition(c, 3, nullptr, "", 1);
+  KLTT_CounterDefinition(c, counter, "c", 0x83, values, 0x80000000, 1, nullptr);
+  for (const uint32_t flags : {0x0e, 0x1e, 0x0a, 2})
+    KLTT_CounterDefinition(c, counter, "c", flags, reals, 0, 1, "u");
+  KLTT_CounterValue(c, 3, 0x80000001, 1, &counter, values);
+  KLTT_Comment(c, 8, 1, nullptr);
+  KLTT_ClockResolution(c, 1, 0xffffffc0);
+  const std::string counterHead = "DEFSAMP -1073741821 CLASS 2 CPUSAMP FOR ";
+  const auto real = [&](int hint) {
+    return counterHead + "1 TYPE FLOAT MIN -1.25 MAX 1E+12 DIFF 0 RHINT " + std::to_string(hint) +
+           " NAME \"c\" UNIT \"u\"\n";
+  };
   EXPECT_EQ(text(),
-            "NCPUS 1\nNCPUS 0\nDEFTHREADNUMS 1 0 -1\nCLKPERIOD 1\nEVENTBITS -1\n"
-            "DEFGROUP 9 \"All\" NMEMBS 3 2 1 0\nDEFSCL 2 NLOCS 3 LOCS 1:-1 0:12 -1:2147483647\n"
+            "NCPUS 0\nDEFTHREADNUMS 1 0 -1\nDEFGROUP 9 \"All\" NMEMBS 2 2147483649 0\n"
             "DEFSCOPE 6 ACT 1 \"phase\" START SCL 2147483648\n"
             "DEFSCOPE 6 ACT 1 \"phase\" END SCL 4294967295\nGLOBALOPTOKEN 8 \"(null)\"\n"
-            "COMDEF -2147483645 7 4:0:-2 1:-1:-2 -5:-9:-4 NAME \"odd\"\nCOMDEF -2147483645 0\n");
+            "COMDEF -2147483645 7 4:0:-2 1:-1:-2 -5:-9:-4 NAME \"odd\"\nCOMDEF -2147483645 0\n"
+            "DEFSTATE 10 ACT 1 \"other\"\nDEFSAMPCLASS 4 \"App:\"\nDEFACT 3 \"App:\"\n" +
+                counterHead +
+                "2147483649 TYPE UINT MIN 7 9 MAX 4294967295 0 DIFF 1 RHINT 1 NAME \"c\" UNIT "
+                "\"(null)\"\n" +
+                real(3) + real(4) + real(2) + real(1) +
+                "3 SAMP GROUP 2147483650 DEF -1073741821 UINT 7 9\n8 C (null)\nCLKPERIOD "
+                "1\nEVENTBITS -64\n");
   EXPECT_EQ(told.take(), "ERROR: Invalid triplet data.\n");
   EXPECT_EQ(context.eventBits, 63U);
   EXPECT_EQ(KLTT_GetIndexInComm(context, 0x80000003, "").size(), 7U);
-  KLTT_ClassDefinition(c, 2, "a", "a", 0);
-  KLTT_ClassDefinition(c, 3, nullptr, "b", 2);
-  KLTT_ClassDefinition(c, 4, "a:b:", "", 3);
-  KLTT_ClassDefinition(c, 0, "zero", nullptr, 0);
-  KLTT_FunctionDefinition(c, 10, "other", 3);  // the first one stays
-  EXPECT_EQ(
-      text(),
-      "DEFSAMPCLASS 3 \"a\"\nDEFACT 2 \"a\"\nDEFSAMPCLASS 4 \"a:b\"\nDEFACT 3 \"a:b\"\n"
-      "DEFSAMPCLASS 5 \"a:b:\"\nDEFACT 4 \"a:b:\"\nDEFSAMPCLASS 1 \"zero\"\nDEFACT 0 \"zero\"\n"
-      "DEFSTATE 10 ACT 3 \"other\"\n");
-  EXPECT_EQ(context.functions.find(10)->extra, 1U);
-}
-
-TEST_F(KlttText, CountersFilesAndTexts) {
-  const uint64_t integers[] = {0x100000002, ~uint64_t{0} << 32};
-  const uint64_t reals[] = {std::bit_cast<uint64_t>(-1.25), std::bit_cast<uint64_t>(1e12)};
-  const uint32_t counters[] = {1, 0xc0000002};
-  uint64_t values[] = {0x700000009, std::bit_cast<uint64_t>(1.5)};
-  KLTT_CounterDefinition(c, 1, "c", 0x81, integers, 0x80000000, 1, nullptr);
-  for (const uint32_t flags : {0x0e, 0x1e, 0x0a})
-    KLTT_CounterDefinition(c, 0xc0000002, "c", flags, reals, 0, 1, "u");
-  KLTT_CounterValue(c, 3, 0x80000001, 2, counters, values);
-  for (const uint32_t type : {1, 2, 7}) KLTT_FileIoBegin(c, 4, 0, type, 4, 100, 0);
-  KLTT_Comment(c, 7, 1, "QMC: odd\n\nthing");
-  KLTT_Comment(c, 8, 1, nullptr);
-  const std::string real =
-      "DEFSAMP -1073741821 CLASS 2 CPUSAMP FOR 1 TYPE FLOAT MIN -1.25 MAX 1E+12 DIFF 0 RHINT ";
-  EXPECT_EQ(text(),
-            "DEFSAMP 2 CLASS 2 CPUSAMP FOR 2147483649 TYPE UINT MIN 1 2 MAX 4294967295 0 DIFF 1 "
-            "RHINT 1 NAME \"c\" UNIT \"(null)\"\n" +
-                real + "3 NAME \"c\" UNIT \"u\"\n" + real + "4 NAME \"c\" UNIT \"u\"\n" + real +
-                "2 NAME \"c\" UNIT \"u\"\n"
-                "3 SAMP GROUP 2147483650 DEF 2 UINT 7 9 DEF -1073741821 FLOAT 1.5\n"
-                "4 FILEIOBEGIN READ ON CPUID 1 4 100\n4 FILEIOBEGIN WRITE ON CPUID 1 4 100\n"
-                "4 FILEIOBEGIN ? ON CPUID 1 4 100\n7 C CPU 2 QMC: odd  thing\n8 C (null)\n");
+  EXPECT_STREQ(context.functions.find(10)->name, "main");
 }
 
 TEST_F(KlttText, WhatCannotBeTrueEndsTheProcess) {
@@ -390,12 +334,13 @@ TEST_F(KlttText, ListingsLeaveOutWhatIsNotDeclared) {
     }
   }
   for (const uint32_t gtp : {0x20000U, 3U, 0x10002U})
-    KLTT_ListThread(c, gtp, nullptr, nullptr, 7, 8, -0.5, 0.25);
-  EXPECT_EQ(text(),
-            "# cache <(null) ((null))>\n# (null) \nINFO cache \"(null)\":1.500000e+00\n"
-            "[1] WARNING: LOCAL:X\n\n\n[1] ERROR: LOCAL:X\n\n\n[1] ERROR: LOCAL:X\n\n\n"
-            "PROCESS 2\nTHREAD 1\nHOSTNAME \nPID 7\nTID 8\nSTART -0.750000\nEND "
-            "-0.500000\n\n");
+    KLTT_ListThread(c, gtp, nullptr, ",10.0.0.1,,::1,", 7, 8, -0.5, 0.25);
+  EXPECT_EQ(
+      text(),
+      "# cache <(null) ((null))>\n# (null) \nINFO cache \"(null)\":1.500000e+00\n"
+      "[1] WARNING: LOCAL:X\n\n\n[1] ERROR: LOCAL:X\n\n\n[1] ERROR: LOCAL:X\n\n\n"
+      "PROCESS 2\nTHREAD 1\nHOSTNAME \nIP 10.0.0.1\nIP ::1\nPID 7\nTID 8\nSTART -0.750000\nEND "
+      "-0.500000\n\n");
 }
 
 TEST_F(KlttText, NumbersComeOutAsPrintfWritesThem) {
@@ -423,7 +368,7 @@ TEST_F(KlttText, NumbersComeOutAsPrintfWritesThem) {
   for (uint64_t power = 1; power < UINT64_MAX / 10; power *= 10) {
     for (uint64_t value = power - 2; value != power + 3; ++value) whole(value), whole(0 - value);
   }
-  for (uint64_t k = 0; k < 200000; ++k) {
+  for (uint64_t k = 0; k < 20000; ++k) {
     const uint64_t value = random() >> random() % 64;
     for (const uint64_t near : {k, value, value ^ k % 4096}) whole(near);
     real(std::bit_cast<double>(random()));
@@ -465,47 +410,36 @@ TEST_F(KlttText, ListsLongerThanTheBufferArriveWhole) {
 // A counter has an integer or a floating value and one hint at the rate, whatever bits a file sets.
 // A start of all ones minus one is passed on and counts nowhere. Paths of classes are kept as far
 // as a record holds them.
-TEST_F(KlttText, BinaryOutputsKeepDefinitionsAndUnknownTimes) {
+TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
   tb::Trace trace;
   reading::Lines expected;
-  trace.clock(1e-6, 13).processes({1, 1, 1}).communicator(1, "", {{0, 2, 1}}).operation(4, "B", 4);
-  for (const auto& [id, flags, kept] : std::vector<std::array<uint32_t, 3>>{{1, 0, 2},
-                                                                            {2, 3, 1},
-                                                                            {3, 0x62, 2},
-                                                                            {4, 0x85, 0x85},
-                                                                            {5, 0x0d, 5},
-                                                                            {6, 0x1f, 0x11},
-                                                                            {7, 0x0a, 0x0a}}) {
-    trace.counter(id, "c", {.type = flags, .unit = "u"});
-    expected.push_back("counter_definition " + std::to_string(id) + " 'c' " + std::to_string(kept) +
-                       " [0 0] 0 0 'u'");
-  }
+  trace.clock(1e-6, 12).processes({1, 1, 1}).communicator(1, "", {{0, 2, 1}}).operation(4, "B", 4);
+  const uint32_t kept[][2] = {{}, {0, 2}, {3, 1}, {0x62, 2}, {0x85, 0x85}, {0x1f, 0x11}, {0x0e, 6}};
   const std::string part(13000, 'p');
-  std::string path;
-  for (uint32_t id = 1; id < 7; ++id) {
-    path += id == 1 ? part : ':' + part;
+  std::string path = part;
+  for (uint32_t id = 1; id < std::size(kept); ++id, path += ':' + part) {
+    const std::string head = "_definition " + std::to_string(id);
+    trace.counter(id, "c", {.type = kept[id][0], .unit = "u"});
+    expected.push_back("counter" + head + " 'c' " + std::to_string(kept[id][1]) + " [0 0] 0 0 'u'");
     trace.declarations().record(12,
                                 {{"id", id}, {"nameself", trace.text(part)}, {"parent", id - 1}});
-    expected.push_back("class_definition " + std::to_string(id) +
-                       (path.size() < 65536 ? " '" + path + "' '" : " (null) '") + part + "' " +
-                       std::to_string(id - 1));
+    expected.push_back("class" + head + (path.size() < 65536 ? " '" + path + "' '" : " (null) '") +
+                       part + "' " + std::to_string(id - 1));
   }
-  tb::Collective operation{
-      .communicator = 1, .operation = 4, .start = {5, kOut - 1, kOut}, .duration = {6, 7, 8}};
+  tb::Collective operation{.communicator = 1, .operation = 4};
+  operation.start = {5, kOut - 1, kOut};
+  operation.duration = {6, 7, 8};
   trace.streamOf("cop", tb::COLLOPS, {{0, 2, 1}}).at(8192).collective(operation);
-  const std::string all =
-      "all_communication 8192 1 4 3 [5 18446744073709551614 18446744073709551615] [6 7 8] [null]";
-  expected.push_back(all);
-
+  expected.push_back(
+      "all_communication 16384 1 4 3 [5 18446744073709551614 18446744073709551615] [6 7 8] [null]");
+  reading::OpenTrace open(trace);
+  for (const uint64_t start : {8202, 8203}) {  // the operation lasts to 8203
+    const reading::Lines lines = open.read({reading::window(start, 9500)});
+    EXPECT_EQ(reading::only(lines, {"all_communication"}).size(), 8203 - start);
+  }
   RK_conf.logfile_name = directory_ / "s.klt";
   RK_conf.logfile_name_set = true;
   RK_conf.output_format = RK_conf.matched_rkf = 1;
-  reading::OpenTrace open(trace);
-  for (const uint64_t start : {8202, 8203}) {  // the operation lasts to 8203
-    EXPECT_EQ(
-        reading::only(open.read({reading::window(start, 9500)}), {"all_communication"}).size(),
-        8203 - start);
-  }
   EXPECT_EQ(KLTT_Extract(open.handle(), 1), 0);
   KLT_FileHandle* handle = KLT_Open(RK_conf.logfile_name.c_str());
   reading::Recorder recorder;
@@ -514,8 +448,9 @@ TEST_F(KlttText, BinaryOutputsKeepDefinitionsAndUnknownTimes) {
     EXPECT_EQ(KLT_ReadEvents(reader.get(), -1), KLT_STATUS_FINISHED);
   }
   KLT_Close(handle);
-  EXPECT_TRUE(reading::only(recorder.lines, {"counter_definition", "class_definition",
-                                             "all_communication"}) == expected);
+  const reading::Lines lines = reading::only(
+      recorder.lines, {"counter_definition", "class_definition", "all_communication"});
+  EXPECT_TRUE(lines == expected) << lines.back();
 }
 
 TEST(KlttIdIndex, AgreesWithAMapForAnyIds) {
