@@ -1,12 +1,12 @@
 // Makes traces that ask for more than they should: deep, wide, long, contradictory.
 //
-// Usage: make_hostile CASE DIRECTORY SIZE       the trace is DIRECTORY/t.klt
+//   make_hostile CASE DIRECTORY SIZE    the trace is DIRECTORY/t.klt
+//   make_hostile                        prints the cases
 //
 // SIZE scales the cases that grow: how many calls, definitions, scopes, messages there are.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -165,18 +165,17 @@ constexpr Case kCases[] = {{"deep_stack", deepStack},
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string_view wanted = argc > 1 ? argv[1] : "";
   for (const Case& c : kCases) {
-    if (c.name != wanted || argc != 4) continue;
+    if (argc == 1) std::puts(c.name.data());
+    if (argc != 4 || c.name != argv[1]) continue;
     tb::Trace trace(c.flags);
     c.make(trace, std::strtoull(argv[3], nullptr, 10));
-    std::filesystem::create_directories(argv[2]);
+    const std::string base = std::string(argv[2]) + "/t.klt";
     const tb::TraceFiles files = trace.files();
     for (const auto& [key, bytes] : files.parts()) {
-      tb::writeFile(std::string(argv[2]) + "/t.klt" + (key == " " ? "" : key), bytes);
+      tb::writeFile(key == " " ? base : base + key, bytes);
     }
     return 0;
   }
-  std::fputs("usage: make_hostile CASE DIRECTORY SIZE\n", stderr);
-  return 1;
+  return argc == 1 ? 0 : 1;
 }

@@ -1,152 +1,121 @@
 #!/usr/bin/env python3
-"""Runs the program on traces that ask for more than they should, under limits of memory and time:
+"""Runs the program on traces that ask for more than they should, under limits of memory and CPU time:
 both stay in proportion to the bytes of the trace. No control characters in messages.
 
   run_bounds.py --program klttool --maker make_hostile [--case C] [--size N] [--no-memory-limit]
-  run_bounds.py --list
 """
 
 import argparse
+import array
 import os
 import pathlib
 import re
 import resource
-import signal
 import struct
 import subprocess
 import sys
 import tempfile
-import time
 
 LIMIT = 512 << 20  # of address space
 BASE_MEMORY = 48 << 20
 MEMORY_PER_BYTE = 64  # of the trace
-BASE_SECONDS = 5
-SECONDS_PER_MEGABYTE = 4
+BASE_SECONDS = 5  # of CPU time
+SECONDS_PER_MEGABYTE = 1
 OUTPUT = 1 << 30
 # An output has a file for each thread, so a trace of nothing but threads costs more than its bytes.
-PER_THREAD = {("threads", "extract")}
+PER_THREAD = ("threads", "extract")
 THREADS_SHARE = 20  # of the size
 
 OPERATIONS = {
-    "dump": ["--dump"],
-    "matched": ["--dump", "--matched-rkf"],
-    "window": ["--dump", "--ticks", "--request", "1000s:1001s"],
-    "late window": ["--dump", "--ticks", "--request", "9000000s:9000001s"],
-    "some threads": ["--dump", "--request", "0:1000:3"],
-    "unordered": ["--dump"],
-    "threads": ["--print-threads"],
-    "statistics": ["--print-statistics"],
-    "extract": ["--logfile-name", "out/o.klt", "--logfile-format", "KLT"],
-    "convert": ["--convert", "out/c.klt", "--logfile-format", "SINGLEKLT"],
-    "summary": ["--sumdata", "out/s", "--logfile-format", "KLT"],
-    "merge": ["--merge", "out/m.klt", "--logfile-format", "KLT", "--sumdata"],
+    "dump": "--dump",
+    "matched": "--dump --matched-rkf",
+    "window": "--dump --ticks --request 1000s:1001s",
+    "late window": "--dump --ticks --request 9000000s:9000001s",
+    "some threads": "--dump --request 0:1000:3",
+    "unordered": "--dump",
+    "threads": "--print-threads",
+    "statistics": "--print-statistics",
+    "extract": "--logfile-name out/o.klt --logfile-format KLT",
+    "convert": "--convert out/c.klt --logfile-format SINGLEKLT",
+    "summary": "--sumdata out/s --logfile-format KLT",
+    "merge": "--merge out/m.klt --logfile-format KLT --sumdata",
 }
 
 
-def containers():
-    """Single files with directories that can't be true, by name."""
-    def trace(key, offsets, lengths, used):
-        n = len(offsets)
-        return (b"SKLT" + struct.pack(">Q", 1) + struct.pack(">I", len(key)) + key +
-                struct.pack(">QI", used, n) + struct.pack(f">{n}Q", *offsets) +
-                struct.pack(f">{n}Q", *lengths) + struct.pack(">Q", 12))
-
-    n = 1_000_000
-    yield "a million extents", trace(b" ", range(12, 12 + n), [1] * n, 1)
-    yield "overlapping extents", trace(b" ", [12] * 3, [1 << 40] * 3, 1 << 40)
-    yield "far extents", trace(b".f", [1 << 62], [1 << 62], 5)
-    yield "a long key", trace(b"k" * 65535, [12], [1], 1)
+def container(key, count, offset, length, used):
+    """A container with one component, whose extents follow one another if they have a byte each."""
+    offsets = array.array("Q", (offset + (i if length == 1 else 0) for i in range(count)))
+    offsets.byteswap()
+    return (b"SKLT" + struct.pack(f">QI{len(key)}sQI", 1, len(key), key, used, count)
+            + offsets.tobytes() + struct.pack(">Q", length) * count + struct.pack(">Q", 12))
 
 
-def made_cases():
-    """The names in the maker's table. Its source says them before it is built."""
-    source = (pathlib.Path(__file__).resolve().parent / "make_hostile.cpp").read_text()
-    return re.findall(r'{"(\w+)", ', re.search(r"kCases\[\] = (.*?);", source, re.DOTALL)[1])
+# Single files with directories that can't be true.
+CONTAINERS = {
+    "million_extents": (b" ", 1_000_000, 12, 1, 1),
+    "overlapping_extents": (b" ", 3, 12, 1 << 40, 1 << 40),
+    "far_extents": (b".f", 1, 1 << 62, 1 << 62, 5),
+    "long_key": (b"k" * 65535, 1, 12, 1, 1),
+}
 
 
-def limits(memory):
-    def apply():
-        if memory:
-            resource.setrlimit(resource.RLIMIT_AS, (LIMIT, LIMIT))
-        resource.setrlimit(resource.RLIMIT_FSIZE, (OUTPUT, OUTPUT))
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    return apply
+def run(program, case, name, place, memory):
+    """Problems of one run, as texts. `memory` limits it unless that is false."""
+    size = sum(file.stat().st_size for file in place.glob("t.klt*"))
+    seconds = int(BASE_SECONDS + SECONDS_PER_MEGABYTE * size / 1e6)
 
+    def confine():
+        for kind, limit in ((resource.RLIMIT_AS, LIMIT if memory else resource.RLIM_INFINITY),
+                            (resource.RLIMIT_FSIZE, OUTPUT), (resource.RLIMIT_CORE, 0),
+                            (resource.RLIMIT_CPU, seconds)):
+            resource.setrlimit(kind, (limit, limit))
 
-def run(arguments, case, name, options, place, size, memory):
-    """Problems of one run, as texts."""
     environment = {"RK_VERBOSE": "0", "KLTT_SERIAL": "0" if name == "unordered" else "1",
                    "ASAN_OPTIONS": "abort_on_error=1", "UBSAN_OPTIONS": "abort_on_error=1"}
-    allowed = BASE_SECONDS + SECONDS_PER_MEGABYTE * size / 1e6
     (place / "out").mkdir(exist_ok=True)
-    begin = time.monotonic()
     with open(place / "stdout", "wb") as stdout, open(place / "stderr", "wb") as stderr:
-        process = subprocess.Popen(
-            ["/usr/bin/time", "-q", "-o", place / "peak", "-f", "%M",
-             str(arguments.program.resolve()), "t.klt", *options],
-            cwd=place, env=environment, stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr,
-            preexec_fn=limits(memory), start_new_session=True)
-        try:
-            process.wait(allowed)
-        except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
-            process.wait()
-            yield f"not over after {allowed:.0f} s"
-            return
-    elapsed = time.monotonic() - begin
-    peak = int((place / "peak").read_text().split()[-1]) << 10
+        process = subprocess.Popen([program, "t.klt", *OPERATIONS[name].split()], cwd=place,
+                                   env=environment, stdin=subprocess.DEVNULL, stdout=stdout,
+                                   stderr=stderr, preexec_fn=confine)
+        _, status, usage = os.wait4(process.pid, 0)
+    process.returncode = os.waitstatus_to_exitcode(status)
+    peak = usage.ru_maxrss << 10
     messages = (place / "stderr").read_bytes()
+    print(f"  {name}: status {process.returncode}, {usage.ru_utime + usage.ru_stime:.2f} s, "
+          f"{peak >> 20} MiB for {size} bytes", flush=True)
     if process.returncode < 0 or process.returncode > 127:
-        yield f"status {process.returncode}"
-    if memory and (case, name) not in PER_THREAD and peak > BASE_MEMORY + MEMORY_PER_BYTE * size:
-        yield f"{peak >> 20} MiB for {size} bytes"
+        yield f"status {process.returncode}, with {seconds} s of CPU time at most"
+    if memory and (case, name) != PER_THREAD and peak > BASE_MEMORY + MEMORY_PER_BYTE * size:
+        yield f"{peak >> 20} MiB"
     if b"out of memory" in messages:
         yield "out of memory"
     if re.search(rb"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", messages):
         yield "control characters in messages"
-    print(f"  {name}: status {process.returncode}, {elapsed:.2f} s, {peak >> 20} MiB", flush=True)
-
-
-def check(arguments, name, fill):
-    with tempfile.TemporaryDirectory() as directory:
-        place = pathlib.Path(directory)
-        fill(place)
-        size = sum(file.stat().st_size for file in place.glob("t.klt*"))
-        print(f"{name}: {size} bytes", flush=True)
-        return [f"{name}, {operation}: {problem}" for operation, options in OPERATIONS.items()
-                for problem in run(arguments, name, operation, options, place,
-                                   size, not arguments.no_memory_limit)]
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--program", type=pathlib.Path)
-    parser.add_argument("--maker", type=pathlib.Path)
-    parser.add_argument("--list", action="store_true", help="print the cases, run nothing")
-    parser.add_argument("--case", help="one case; `containers` for all of those")
+    parser.add_argument("--program", type=pathlib.Path, required=True)
+    parser.add_argument("--maker", required=True)
+    parser.add_argument("--case", help="one case")
     parser.add_argument("--size", type=int, default=100_000)
     parser.add_argument("--no-memory-limit", action="store_true", help="for sanitizers")
     arguments = parser.parse_args()
-    cases = made_cases()
-    if arguments.list:
-        print("\n".join([*cases, "containers"]))
-        return 0
-    if arguments.program is None or arguments.maker is None:
-        parser.error("--program and --maker are needed")
-    problems = []
+    made = subprocess.run([arguments.maker], check=True, stdout=subprocess.PIPE, text=True)
+    problems, cases = [], [arguments.case] if arguments.case else [*made.stdout.split(), *CONTAINERS]
     for case in cases:
-        if arguments.case in (None, case):
-            size = arguments.size // THREADS_SHARE if case == "threads" else arguments.size
-            problems += check(arguments, case, lambda place, case=case, size=size: subprocess.run(
-                [arguments.maker, case, place, str(size)], check=True))
-    if arguments.case in (None, "containers"):
-        for name, data in containers():
-            problems += check(arguments, name,
-                              lambda place, data=data: (place / "t.klt").write_bytes(data))
-    elif arguments.case not in cases:
-        parser.error("no such case")
+        print(case, flush=True)
+        with tempfile.TemporaryDirectory() as directory:
+            place = pathlib.Path(directory)
+            size = arguments.size // (THREADS_SHARE if case == "threads" else 1)
+            if case in CONTAINERS:
+                (place / "t.klt").write_bytes(container(*CONTAINERS[case]))
+            else:
+                subprocess.run([arguments.maker, case, place, str(size)], check=True)
+            problems += [f"{case}, {name}: {problem}" for name in OPERATIONS
+                         for problem in run(arguments.program.resolve(), case, name, place,
+                                            not arguments.no_memory_limit)]
     print("\n".join(problems))
     return 1 if problems else 0
 
