@@ -142,9 +142,12 @@ class ParallelWindows(unittest.TestCase):
             script("join", pieces)
         with self.assertRaisesRegex(AssertionError, "no window 4"):
             script("window", pieces, 4)
-        broken = DATA / "broken_event_byte" / "t.klt"
+        for file in (DATA / "ring").glob("t.klt*"):
+            shutil.copy(file, self.directory)
+        calls = self.directory / "t.klt.f.0"
+        calls.write_bytes(calls.read_bytes()[:-1])
         with self.assertRaisesRegex(AssertionError, "ended with status 2"):
-            script("-n", 2, "--program", self.program, broken)
+            script("-n", 2, "--program", self.program, self.directory / "t.klt")
         with self.assertRaisesRegex(AssertionError, "No such file"):
             script("--program", self.directory / "none", trace)
 
