@@ -80,15 +80,23 @@ class RkOptions : public testing::Test {
   PAL_MessageSettings saved_ = PAL_messages;
 };
 
-struct Row {
-  std::string line;
-  const char *outcome, *messages = "";
-};
+std::string unknown(const std::string& key) {
+  return "ERROR: unknown parameter \"--" + key + "\"\n";
+}
+std::string invalid(const std::string& key, const std::string& value) {
+  return "ERROR: parameter error after --" + key + ", invalid parameters \"" + value + "\"\n";
+}
+std::string nothing(const std::string& word) {
+  return '"' + word + "\" in a request selects nothing.";
+}
 
 TEST_F(RkOptions, LinesAreReadByTheGrammar) {
   std::string threads = "0";
   for (int i = 1; i < 20000; ++i) threads += "," + std::to_string(i);
-  const Row rows[] = {
+  const std::string instead = " Without quotes it does: --request ";
+  const struct {
+    std::string line, outcome, messages = "";
+  } rows[] = {
       {"print-statistics", "PRINT-STATISTICS=1 "},
       {"PRINT-STATISTICS on", "PRINT-STATISTICS=1 "},
       {"Print-Statistics TRUE", "PRINT-STATISTICS=1 "},
@@ -140,44 +148,34 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"SLIB-DIR", "fails", "WARNING: Option slib-dir not supported.\n"},
       {"info numprocs 4", "fails", "WARNING: Option INFO NUMPROCS not supported.\n"},
       {"info numprocessors 4", ""},
-      {"INFO", "fails", "ERROR: unknown parameter \"--INFO\"\n"},
-      {" # VERBOSE 2", "echo=  fails", "ERROR: unknown parameter \"--#\"\n"},
-      {"dump\nREMOVE", "fails", "ERROR: unknown parameter \"--dump\\x0aREMOVE\"\n"},
-      {"dump\r\n", "fails", "ERROR: unknown parameter \"--dump\\x0d\\x0a\"\n"},
-      {"nmcmd 'a\nREMOVE\n'", "fails",
-       "ERROR: parameter error after --nmcmd, invalid parameters \"'a\\x0aREMOVE\\x0a'\"\n"},
+      {"INFO", "fails", unknown("INFO")},
+      {" # VERBOSE 2", "echo=  fails", unknown("#")},
+      {"dump\nREMOVE", "fails", unknown("dump\\x0aREMOVE")},
+      {"dump\r\n", "fails", unknown("dump\\x0d\\x0a")},
+      {"nmcmd 'a\nREMOVE\n'", "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
       {"Request 1:2:3:4:5", "REQUEST 1:2:3 fails",
        "ERROR: parameter error after --Request, unrecognized text: :5\nFORMS\n"},
       {"request 5 \t6", "REQUEST 5:5:1 fails",
        "ERROR: parameter error after --request, unrecognized text: \\x096\nFORMS\n"},
       // What was meant.
-      {"dumps", "fails", "ERROR: unknown parameter \"--dumps\"\nDid you mean --dump?\n"},
-      {"verbose=2", "fails",
-       "ERROR: unknown parameter \"--verbose=2\"\nDid you mean --verbose VALUE?\n"},
-      {"mtached-rkf", "fails",
-       "ERROR: unknown parameter \"--mtached-rkf\"\nDid you mean --matched-rkf?\n"},
-      {"logfile", "fails",
-       "ERROR: unknown parameter \"--logfile\"\nDid you mean --logfile-name?\n"},
-      {"x", "fails", "ERROR: unknown parameter \"--x\"\n"},
-      {" Dump", "echo=  fails",
-       "ERROR: unknown parameter \"--Dump\"\nAn option begins with two dashes: --dump\n"},
-      {"dump{on", "fails", "ERROR: unknown parameter \"--dump\"\nDid you mean --dump VALUE?\n"},
+      {"dumps", "fails", unknown("dumps") + "Did you mean --dump?\n"},
+      {"verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
+      {"mtached-rkf", "fails", unknown("mtached-rkf") + "Did you mean --matched-rkf?\n"},
+      {"logfile", "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
+      {"x", "fails", unknown("x")},
+      {" Dump", "echo=  fails", unknown("Dump") + "An option begins with two dashes: --dump\n"},
+      {"dump{on", "fails", unknown("dump") + "Did you mean --dump VALUE?\n"},
       {"Convert my file", "fails",
-       "ERROR: parameter error after --Convert, invalid parameters \"my file\"\n"
-       "A text with blanks needs quotes: --convert 'my file'\n"},
-      {"logfile-format KLT A", "LOGFILE-FORMAT!=KLT fails",
-       "ERROR: parameter error after --logfile-format, invalid parameters \"KLT A\"\n"},
-      {"request function", "REQUEST 'function' ",
-       "\"function\" in a request selects nothing.\nDid you mean FUNCTIONS?\n"},
-      {"request frame", "REQUEST 'frame' ", "\"frame\" in a request selects nothing.\nFORMS\n"},
-      {"request '1s:2s'", "REQUEST '1s:2s' ",
-       "\"1s:2s\" in a request selects nothing. Without quotes it does: --request 1s:2s\n"},
-      {"request '0:3,5'", "REQUEST '0:3,5' ",
-       "\"0:3,5\" in a request selects nothing. Without quotes it does: --request 0:3,5\n"},
+       invalid("Convert", "my file") + "A text with blanks needs quotes: --convert 'my file'\n"},
+      {"logfile-format A B", "LOGFILE-FORMAT!=KLT fails", invalid("logfile-format", "A B")},
+      {"request functon", "REQUEST 'functon' ", nothing("functon") + "\nDid you mean FUNCTIONS?\n"},
+      {"request frame", "REQUEST 'frame' ", nothing("frame") + "\nFORMS\n"},
+      {"request '1s:2s'", "REQUEST '1s:2s' ", nothing("1s:2s") + instead + "1s:2s\n"},
+      {"request '0:3,5'", "REQUEST '0:3,5' ", nothing("0:3,5") + instead + "0:3,5\n"},
       {"request 'one word 5:6'", "REQUEST 'one word 5:6' "},
       {"request '  '", "REQUEST '  ' "},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     EXPECT_EQ(scan(row.line), row.outcome) << row.line;
     EXPECT_EQ(told(), row.messages) << row.line;
   }
@@ -185,7 +183,7 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
   (void)scan("request " + threads);
   EXPECT_EQ(RK_conf.request.back().triplets.size(), 20000U);
   EXPECT_EQ(scan(std::string(70000, 'x')), "fails");
-  EXPECT_EQ(told(), "ERROR: unknown parameter \"--" + std::string(70000, 'x') + "\"\n");
+  EXPECT_EQ(told(), unknown(std::string(70000, 'x')));
 }
 
 TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
@@ -199,8 +197,7 @@ TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
   for (const auto& [key, values] : cases) {
     for (const std::string& value : values) {
       EXPECT_EQ(scan(key + ' ' + value), key == "logfile-name" ? "LOGFILE-NAME!= fails" : "fails");
-      EXPECT_EQ(told(), "ERROR: parameter error after --" + key + ", invalid parameters \"" +
-                            PAL_Printable(value) + "\"\n");
+      EXPECT_EQ(told(), invalid(key, PAL_Printable(value)));
     }
   }
 }
@@ -260,14 +257,14 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
 TEST_F(RkOptions, ArgumentsAreLinesAndChooseTheFormat) {
   const struct {
     std::vector<std::string> arguments;
-    const char *outcome, *messages = "";
+    std::string outcome, messages = "";
   } rows[] = {
       {{"--logfile-name", "a b.ark", "--REQUEST", "0:3,", "1s:2s", "FUNCTIONS"},
        "LOGFILE-NAME!=a b.ark REQUEST 0:3:1 [1 2] 0x4 text "},
       {{"--nmcmd", "it's b"},
        "fails",
        "ERROR: parameter error after --nmcmd, invalid parameters \"it's b\"\n"},
-      {{"stray", "--dump"}, "DUMP=1 echo=  fails", "ERROR: unknown parameter \"--stray\"\n"},
+      {{"stray", "--dump"}, "DUMP=1 echo=  fails", unknown("stray")},
       {{"--dump", "--Help", "--nonsense"}, "echo=usage text fails"},
       {{"--dump"}, "DUMP=1 "},
       {{"--logfile-name", "out.single.klt"}, "LOGFILE-NAME!=out.single.klt single "},
