@@ -93,7 +93,8 @@ std::string rebuilt(const std::vector<ShownField>& fields) {
     const tb::Row& row = layout.row(static_cast<unsigned>(std::stoul(fields[i].name)));
     std::map<std::string, std::vector<uint64_t>> elements;
     for (++i; i < fields.size() && std::isdigit(fields[i].name[0]) == 0; ++i) {
-      const auto& [bytes, name] = fields[i];
+      const std::string& bytes = fields[i].bytes;
+      const std::string& name = fields[i].name;
       if (name == "count") continue;
       const auto field = std::find_if(row.fields.begin(), row.fields.end(),
                                       [&](const tb::Field& f) { return f.name == name; });
