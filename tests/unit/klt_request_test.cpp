@@ -71,7 +71,7 @@ std::pair<uint32_t, std::set<int32_t>> selectedAt(uint64_t instant, const Reques
 
 TEST(KltRequest, EachInstantSelectsWhatItsRequestsSelectTogether) {
   std::mt19937 random(7);
-  const auto upTo = [&](int32_t limit) { return static_cast<int32_t>(random() % limit); };
+  const auto upTo = [&](uint32_t limit) { return static_cast<int32_t>(random() % limit); };
   for (size_t round = 0; round < 700; ++round) {
     Requests requests(round % 50 == 0 ? 90 : 1 + round % 9);
     for (KLT_Request& request : requests) {
