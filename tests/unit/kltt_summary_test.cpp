@@ -183,7 +183,7 @@ TEST_F(KlttSummary, ManyCallsAndMessagesKeepTheirKeysApart) {
   for (uint32_t i = 0; i < kMany; ++i) {
     call(1, (kMany - i) * 7);
     leave(2);
-    for (const uint64_t time : {0, 1}) message({.time = time, .tag = i * 31});
+    for (const uint64_t time : {0U, 1U}) message({.time = time, .tag = i * 31});
     tree << "| 0 " << (i + 1) * 7 << " 1 1 1 0 0 0 " << (i < kMany - 1) << ' ' << i + 1 << ' ';
     sums << "2 1 0 0 0 0 0 0 " << i * 31 << " 0 0 0 0 0 0 \n";
   }

@@ -40,10 +40,10 @@ class KlttText : public testing::Test {
     const PAL_Triplet ranks[] = {{4, 0, -2}};
     KLTT_ProcessDeclaration(c, 3, threads);
     KLTT_ClassDefinition(c, 1, "App", nullptr, 0);
-    for (const uint32_t id : {10, 11}) KLTT_FunctionDefinition(c, id, "main", 1);
+    for (const uint32_t id : {10U, 11U}) KLTT_FunctionDefinition(c, id, "main", 1);
     KLTT_CommunicatorDefinition(c, 2, "", 1, ranks, -2);
     KLTT_CommunicatorDefinition(c, 7, "", 0, nullptr, -2);
-    for (const uint32_t id : {1, 2, 3, 4}) KLTT_CollectiveOperationDefinition(c, id, "", id);
+    for (const uint32_t id : {1U, 2U, 3U, 4U}) KLTT_CollectiveOperationDefinition(c, id, "", id);
     (void)text();
   }
   ~KlttText() override {
@@ -195,9 +195,9 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
 TEST_F(KlttText, EndOfFilterClosesDeclaredThreadsAndWhatEnds) {
   for (const uint32_t gtp : {0x10001U, 1U, 0x10000U, 2U, 0x20001U, 3U}) enter(1, gtp, 10);
   enter(1, 1, 11);
-  for (const uint32_t scope : {7, 8, 9}) KLTT_EnterScope(c, 2, 0x10000, scope, 1, 0);
+  for (const uint32_t scope : {7U, 8U, 9U}) KLTT_EnterScope(c, 2, 0x10000, scope, 1, 0);
   reading::Messages told;
-  for (const uint32_t seqnr : {1, 2}) KLTT_LeaveScope(c, 2, 0x10000, 7, seqnr, 0);
+  for (const uint32_t seqnr : {1U, 2U}) KLTT_LeaveScope(c, 2, 0x10000, 7, seqnr, 0);
   (void)text();
   message(2, 0);
   endOfFilter(5, {}, 0xff0);
@@ -235,7 +235,7 @@ TEST_F(KlttText, DefinitionsWithValuesAtTheEdges) {
   KLTT_FunctionDefinition(c, 10, "other", 1);  // the first one stays
   KLTT_ClassDefinition(c, 3, nullptr, "", 1);
   KLTT_CounterDefinition(c, counter, "c", 0x83, values, 0x80000000, 1, nullptr);
-  for (const uint32_t flags : {0x0e, 0x1e, 0x0a, 2})
+  for (const uint32_t flags : {0x0eU, 0x1eU, 0x0aU, 2U})
     KLTT_CounterDefinition(c, counter, "c", flags, reals, 0, 1, "u");
   KLTT_CounterValue(c, 3, 0x80000001, 1, &counter, values);
   KLTT_Comment(c, 8, 1, nullptr);
@@ -433,7 +433,7 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
   expected.push_back(
       "all_communication 16384 1 4 3 [5 18446744073709551614 18446744073709551615] [6 7 8] [null]");
   reading::OpenTrace open(trace);
-  for (const uint64_t start : {8202, 8203}) {  // the operation lasts to 8203
+  for (const uint64_t start : {8202U, 8203U}) {  // the operation lasts to 8203
     const reading::Lines lines = open.read({reading::window(start, 9500)});
     EXPECT_EQ(reading::only(lines, {"all_communication"}).size(), 8203 - start);
   }

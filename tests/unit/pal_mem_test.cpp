@@ -79,7 +79,7 @@ TEST_F(PalMem, OperatorsGoThroughTheHooksInEveryForm) {
 }
 
 TEST_F(PalMem, TemporaryBlockLeavesTheFrameAtTheLimit) {
-  for (const size_t size : {0, 1, 65535, 65536}) {
+  for (const size_t size : {0U, 1U, 65535U, 65536U}) {
     PAL_StackBlock block(size);
     EXPECT_EQ(block.data() == nullptr, size == 0);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data()) % 16, 0U);
