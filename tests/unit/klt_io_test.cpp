@@ -326,6 +326,8 @@ TEST_F(KltIo, FailuresAreTold) {
     EXPECT_EQ(errno, c.error);
     EXPECT_EQ(messages.take(), c.told) << &c - cases;
   }
+  KLT_IoClose(file);
+  KLT_ContainerClose(trace);
 }
 
 }  // namespace
