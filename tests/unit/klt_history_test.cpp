@@ -249,7 +249,7 @@ struct BusyTrace {
     fill("f.2", FUNCTIONS, {1, 2}, 250, call);
     std::vector<std::pair<uint32_t, uint32_t>> scopes;  // more are entered than left
     fill("s", SCOPES, {0, 1, 2}, 500, [&](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
-      if (scopes.size() < 3 || upTo(5) < 3) {
+      if (scopes.size() < 3 || upTo(10) < 7) {
         scopes.emplace_back(thread, i % 7);
         s.enterScope(thread, 4, i % 7, i);
       } else {
