@@ -92,9 +92,9 @@ bool mergeOrSummarise(const std::string& input, uint8_t options) {
   if (raw && (options & 0x10) != 0) flags |= KLTM_SUMMARY;
   if ((options & 0x20) != 0) flags |= KLTM_SINGLE_FILE;
   const std::string target = fileFor("merged.klt");
-  return raw && statusOf([&] {
-                  return KLTM_Merge(nullptr, target.c_str(), trace, flags, nullptr, nullptr);
-                }) == KLTM_DONE;
+  const int status =
+      statusOf([&] { return KLTM_Merge(nullptr, target.c_str(), trace, flags, nullptr, nullptr); });
+  return raw && status == KLTM_DONE;
 }
 
 }  // namespace
