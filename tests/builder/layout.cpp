@@ -1,7 +1,6 @@
 // The rows of the document, changes of them, and the layout block.
 #include "tests/builder/layout.h"
 
-#include <regex>
 #include <sstream>
 
 #include "tests/builder/trace_files.h"
@@ -29,34 +28,39 @@ Type typeNamed(std::string_view name) {
   misuse("no such type", name);
 }
 
-Field fieldOf(const std::smatch& text) {
-  Field field{.type = typeNamed(text.str(3)), .isCount = text.length(1) != 0};
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::istringstream stream(text);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(stream, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+// "#1 u16" is a count, "function_stack u32! → function_definition" a field.
+Field fieldOf(const std::string& text) {
+  std::istringstream words(text);
+  std::string name, type, arrow, reference;
+  words >> name >> type >> arrow >> reference;
+  Field field{.type = typeNamed(type.substr(0, type.find('!'))), .required = type.ends_with('!')};
+  field.isCount = name.starts_with('#');
   if (field.isCount)
-    field.covers = static_cast<uint8_t>(std::stoi(text.str(2)));
+    field.covers = static_cast<uint8_t>(std::stoi(name.substr(1)));
   else
-    field.name = text.str(2);
-  field.required = text.length(4) != 0;
-  if (text[5].matched) field.reference = text.str(5) + ".id";
+    field.name = name;
+  if (!reference.empty()) field.reference = reference + ".id";
   return field;
 }
 
 std::vector<Row> documentRows() {
-  // | 41 | `function_history` | yes | FUNCTIONS | field; field |, where "yes" may be missing
-  const std::regex rowForm("\\| (\\d+) \\| `(\\w+)` \\| (yes)? ?\\| ([\\w ]+) \\| (.*) \\|");
-  // "#1 u16" is a count, "function_stack u32! → function_definition" a field.
-  const std::regex fieldForm("(#?)(\\w+) (\\w+)(!?)(?: → (\\w+))?");
-  std::istringstream document(readFile(KLT_TEST_DATA "/../../docs/format.md"));
   std::vector<Row> rows;
-  std::smatch text;
-  for (std::string line; std::getline(document, line);) {
-    if (!line.starts_with("| ") || !std::regex_match(line, text, rowForm)) continue;
-    Row row{.number = static_cast<uint8_t>(std::stoi(text.str(1))), .name = text.str(2)};
-    row.timed = text[3].matched;
-    row.categories = text.str(4);
-    const std::string fields = text.str(5);
-    for (std::sregex_iterator at(fields.begin(), fields.end(), fieldForm), end; at != end; ++at) {
-      row.fields.push_back(fieldOf(*at));
-    }
+  for (const std::string& line : split(readFile(KLT_TEST_DATA "/../../docs/format.md"), '\n')) {
+    // | 41 | `function_history` |  | FUNCTIONS | field; field |, with "yes" for a timed record
+    const std::vector<std::string> cells = split(line, '|');
+    if (cells.size() != 6 || !cells[2].starts_with(" `")) continue;
+    Row row{.number = static_cast<uint8_t>(std::stoi(cells[1]))};
+    row.name = cells[2].substr(2, cells[2].size() - 4);
+    row.timed = cells[3] == " yes ";
+    row.categories = cells[4].substr(1, cells[4].size() - 2);
+    for (const std::string& field : split(cells[5], ';')) row.fields.push_back(fieldOf(field));
     rows.push_back(row);
   }
   return rows;
