@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "klt/format/klt_handlers.h"
 #include "klt/klt.h"
-#include "klt/klt_handlers.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include <random>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/kltt_events.h"
-#include "generic/kltt_messages.h"
-#include "generic/kltt_tables.h"
+#include "generic/handlers/kltt_events.h"
+#include "generic/handlers/kltt_messages.h"
+#include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_conf.h"
 
 namespace {
 

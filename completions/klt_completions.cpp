@@ -17,9 +17,9 @@
 #include <string_view>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/RK_scan.h"
-#include "generic/kltt_help.h"
+#include "generic/options/RK_conf.h"
+#include "generic/options/RK_scan.h"
+#include "generic/options/kltt_help.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 
 #include "fuzz/fuzz_records.h"
-#include "klt/klt_io.h"
+#include "klt/storage/klt_io.h"
 
 namespace {
 

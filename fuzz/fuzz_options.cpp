@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "fuzz/fuzz_records.h"
-#include "generic/RK_conf.h"
-#include "generic/RK_scan.h"
-#include "util/pal_triplets.h"
+#include "generic/options/RK_conf.h"
+#include "generic/options/RK_scan.h"
+#include "util/triplets/pal_triplets.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_records.h"
-#include "klt/klt_files.h"
+#include "klt/index/klt_files.h"
 #include "tests/builder/touching.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "klt/klt_io.h"
+#include "klt/storage/klt_io.h"
 #include "tests/builder/layout.h"
 
 namespace fuzz {

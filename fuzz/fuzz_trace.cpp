@@ -7,16 +7,16 @@
 #include <filesystem>
 
 #include "fuzz/fuzz_records.h"
-#include "generic/RK_conf.h"
-#include "generic/RK_scan.h"
-#include "generic/kltt_exit.h"
-#include "generic/kltt_extract.h"
-#include "generic/kltt_guard.h"
-#include "generic/kltt_merge.h"
-#include "generic/kltt_print.h"
+#include "generic/extract/kltt_extract.h"
+#include "generic/extract/kltt_print.h"
+#include "generic/merge/kltt_merge.h"
+#include "generic/options/RK_conf.h"
+#include "generic/options/RK_scan.h"
+#include "generic/text/kltt_exit.h"
+#include "generic/text/kltt_guard.h"
+#include "klt/index/klt_files.h"
+#include "klt/index/klt_intern.h"
 #include "klt/klt.h"
-#include "klt/klt_files.h"
-#include "klt/klt_intern.h"
 
 namespace {
 

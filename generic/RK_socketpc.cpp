@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "generic/kltt_exit.h"
+#include "generic/text/kltt_exit.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"

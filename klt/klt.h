@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "klt/klt_handlers.h"
-#include "klt/klt_request.h"
+#include "klt/format/klt_handlers.h"
+#include "klt/read/klt_request.h"
 
 struct KLT_FileHandle;
 struct KLT_Reader;

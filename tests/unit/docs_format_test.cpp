@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "klt/klt_schema.h"
+#include "klt/format/klt_schema.h"
 #include "tests/builder/trace_builder.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <sstream>
 #include <string>
 
-#include "generic/RK_conf.h"
-#include "generic/kltt_help.h"
+#include "generic/options/RK_conf.h"
+#include "generic/options/kltt_help.h"
 #include "tests/builder/trace_files.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Records as bytes: what every row's decoder and the writer make of bytes that the builder wrote.
-#include "klt/klt_codec.h"
+#include "klt/format/klt_codec.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "klt/klt_generic.h"
-#include "klt/klt_write.h"
+#include "klt/index/klt_generic.h"
+#include "klt/write/klt_write.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Traces as the files that they are: listed, moved, removed and copied.
-#include "klt/klt_files.h"
+#include "klt/index/klt_files.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "generic/kltt_guard.h"
+#include "generic/text/kltt_guard.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Traces that state other layouts than the program's own: which row a layout becomes, and what
 // handlers get for its records.
-#include "klt/klt_generic.h"
+#include "klt/index/klt_generic.h"
 
 #include <gtest/gtest.h>
 

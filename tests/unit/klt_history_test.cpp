@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "klt/klt_context.h"
+#include "klt/stream/klt_context.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Trace storage: a model of what is done to containers, the bytes of the forms, and containers that
 // lie.
-#include "klt/klt_io.h"
+#include "klt/storage/klt_io.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

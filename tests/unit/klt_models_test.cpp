@@ -5,8 +5,8 @@
 #include <random>
 #include <vector>
 
-#include "klt/klt_merge_tree.h"
-#include "klt/klt_scopes.h"
+#include "klt/read/klt_merge_tree.h"
+#include "klt/stream/klt_scopes.h"
 
 namespace {
 

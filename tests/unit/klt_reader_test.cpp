@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "klt/klt_intern.h"
-#include "klt/klt_stream.h"
+#include "klt/index/klt_intern.h"
+#include "klt/stream/klt_stream.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "klt/index/klt_intern.h"
 #include "klt/klt.h"
-#include "klt/klt_intern.h"
 #include "tests/builder/recorder.h"
 #include "tests/builder/trace_builder.h"
 

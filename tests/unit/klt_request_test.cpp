@@ -1,6 +1,6 @@
 // Normalised requests: examples, and instant by instant against what the requests themselves
 // select.
-#include "klt/klt_request.h"
+#include "klt/read/klt_request.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Traces that the writer makes, as the reader sees them: storage forms, seek points, records
 // completed later, profiles, and what doesn't fit.
-#include "klt/klt_write.h"
+#include "klt/write/klt_write.h"
 
 #include <gtest/gtest.h>
 
@@ -207,7 +207,7 @@ TEST_F(KltWrite, WhatDoesNotFitIsToldAndCostsTheOutputItsCompleteness) {
     EXPECT_NE(write("t.klt", c.write), c.isLost);
     const std::string said = messages.take();
     const std::string told = "KLT Encoding Error: reducing unsigned 4-byte " + std::string(c.told);
-    EXPECT_NE(said.find("klt/klt_write.h:", said.find(told)), std::string::npos) << said;
+    EXPECT_NE(said.find("klt/write/klt_write.h:", said.find(told)), std::string::npos) << said;
   }
 }
 

@@ -1,5 +1,5 @@
 // Outputs that are the input under another name.
-#include "generic/kltt_guard.h"
+#include "generic/text/kltt_guard.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 #include <memory>
 #include <string>
 
-#include "klt/klt_intern.h"
+#include "klt/index/klt_intern.h"
 
 namespace {
 

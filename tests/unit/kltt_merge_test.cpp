@@ -1,5 +1,5 @@
 // Whole merges: what is copied and counted, and when the input may go.
-#include "generic/kltt_merge.h"
+#include "generic/merge/kltt_merge.h"
 
 #include <gtest/gtest.h>
 

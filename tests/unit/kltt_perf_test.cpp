@@ -1,5 +1,5 @@
 // The performance test: which moments it asks for, as the averages of what it reports show.
-#include "generic/kltt_perf.h"
+#include "generic/extract/kltt_perf.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/kltt_extract.h"
+#include "generic/extract/kltt_extract.h"
+#include "generic/options/RK_conf.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

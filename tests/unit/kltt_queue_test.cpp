@@ -1,5 +1,5 @@
 // The queue against a list that is sorted anew each time.
-#include "generic/kltt_queue.h"
+#include "generic/sink/kltt_queue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,13 +1,13 @@
-#include "generic/kltt_requests.h"
+#include "generic/extract/kltt_requests.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/kltt_context.h"
-#include "generic/kltt_tables.h"
+#include "generic/handlers/kltt_context.h"
+#include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_conf.h"
 
 namespace {
 

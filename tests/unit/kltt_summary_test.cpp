@@ -1,6 +1,6 @@
 // Summary data of events that a test states: where bins end, what only odd events show, and files
 // that fail. The files of whole traces are compared end to end.
-#include "generic/kltt_summary.h"
+#include "generic/summary/kltt_summary.h"
 
 #include <gtest/gtest.h>
 

@@ -12,17 +12,17 @@
 #include <string>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/RK_line.h"
-#include "generic/RK_rkf.h"
-#include "generic/RK_wtrace.h"
-#include "generic/kltt_collops.h"
-#include "generic/kltt_context.h"
-#include "generic/kltt_events.h"
-#include "generic/kltt_extract.h"
-#include "generic/kltt_messages.h"
-#include "generic/kltt_print.h"
-#include "generic/kltt_tables.h"
+#include "generic/extract/kltt_extract.h"
+#include "generic/extract/kltt_print.h"
+#include "generic/handlers/kltt_collops.h"
+#include "generic/handlers/kltt_context.h"
+#include "generic/handlers/kltt_events.h"
+#include "generic/handlers/kltt_messages.h"
+#include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_conf.h"
+#include "generic/sink/RK_wtrace.h"
+#include "generic/text/RK_line.h"
+#include "generic/text/RK_rkf.h"
 #include "tests/unit/klt_reading.h"
 
 namespace {

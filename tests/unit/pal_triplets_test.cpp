@@ -1,6 +1,6 @@
 // Triplet lists against brute force: every operation is compared with sets of numbers on small
 // random lists, and shown to be immediate on lists that stand for billions of numbers.
-#include "util/pal_triplets.h"
+#include "util/triplets/pal_triplets.h"
 
 #include <gtest/gtest.h>
 

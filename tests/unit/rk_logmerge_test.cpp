@@ -1,7 +1,7 @@
 // Matching of raw events: what comes out for given events, through the writer and back, and the
 // same from a matcher that walks everything, on random events in an arena that overflows all the
 // time.
-#include "generic/RK_logmerge.h"
+#include "generic/merge/RK_logmerge.h"
 
 #include <gtest/gtest.h>
 
@@ -14,8 +14,8 @@
 #include <variant>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "klt/klt_write.h"
+#include "generic/options/RK_conf.h"
+#include "klt/write/klt_write.h"
 #include "tests/unit/klt_reading.h"
 #include "util/pal_mem.h"
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "generic/RK_conf.h"
-#include "generic/RK_scan.h"
+#include "generic/options/RK_conf.h"
+#include "generic/options/RK_scan.h"
 #include "tests/builder/trace_files.h"
 #include "util/pal_error.h"
 

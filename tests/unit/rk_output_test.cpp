@@ -1,5 +1,5 @@
 // Text output: what arrives, in which pieces, and what is said when it doesn't.
-#include "generic/RK_output.h"
+#include "generic/text/RK_output.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <string>
 
-#include "generic/RK_rkf.h"
-#include "generic/RK_wtrace.h"
-#include "generic/kltt_exit.h"
+#include "generic/sink/RK_wtrace.h"
+#include "generic/text/RK_rkf.h"
+#include "generic/text/kltt_exit.h"
 #include "tests/builder/trace_files.h"
 #include "util/vfd.h"
 

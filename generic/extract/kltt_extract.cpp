@@ -1,0 +1,225 @@
+// Extraction passes. See kltt_extract.h.
+#include "generic/extract/kltt_extract.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "generic/extract/kltt_pass.h"
+#include "generic/extract/kltt_perf.h"
+#include "generic/extract/kltt_print.h"
+#include "generic/extract/kltt_requests.h"
+#include "generic/handlers/kltt_collops.h"
+#include "generic/handlers/kltt_context.h"
+#include "generic/handlers/kltt_events.h"
+#include "generic/handlers/kltt_messages.h"
+#include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_conf.h"
+#include "generic/sink/RK_wtrace.h"
+#include "generic/text/kltt_exit.h"
+#include "generic/text/kltt_guard.h"
+#include "klt/format/klt_handlers.h"
+#include "klt/index/klt_intern.h"
+#include "klt/klt.h"
+#include "klt/write/klt_write.h"
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+
+namespace {
+
+void setTraceHandlers(KLT_HandlerTable& table) {
+  table.begin_of_history = &KLTT_BeginOfHistory;
+  table.end_of_history = &KLTT_EndOfHistory;
+  table.end_of_filter = &KLTT_EndOfFilter;
+  table.function_history = &KLTT_FunctionHistory;
+  table.function_statistics = &KLTT_FunctionStatistics;
+  table.onetoone_statistics = &KLTT_OneToOneStatistics;
+  table.collop_statistics = &KLTT_CollopStatistics;
+  table.class_definition = &KLTT_ClassDefinition;
+  table.collective_operation_definition = &KLTT_CollectiveOperationDefinition;
+  table.communicator_definition = &KLTT_CommunicatorDefinition;
+  table.counter_definition = &KLTT_CounterDefinition;
+  table.file_definition = &KLTT_FileDefinition;
+  table.function_definition = &KLTT_FunctionDefinition;
+  table.group_definition = &KLTT_GroupDefinition;
+  table.process_declaration = &KLTT_ProcessDeclaration;
+  table.scl_definition = &KLTT_SclDefinition;
+  table.scope_definition = &KLTT_ScopeDefinition;
+  table.willy_definition = &KLTT_WillyDefinition;
+  table.willy_name = &KLTT_WillyName;
+  table.one_to_one_communication = &KLTT_OneToOneCommunication;
+  table.one_to_all_communication = &KLTT_OneToAllCommunication;
+  table.all_to_one_communication = &KLTT_AllToOneCommunication;
+  table.all_to_all_communication = &KLTT_AllToAllCommunication;
+  table.all_communication = &KLTT_AllCommunication;
+}
+
+void setStatisticsHandlers(KLT_HandlerTable& table) {
+  table.custom_statistics_definition = &KLTT_CustomStatisticsDefinition;
+  table.custom_statistics = &KLTT_CustomStatistics;
+  table.function_profile = &KLTT_FunctionProfile;
+  table.onetoone_profile = &KLTT_OneToOneProfile;
+  table.collop_profile = &KLTT_CollopProfile;
+  table.lw_statistics = &KLTT_LwStatistics;
+}
+
+void setEventHandlers(KLT_HandlerTable& table) {
+  table.comment = &KLTT_Comment;
+  table.counter_value = &KLTT_CounterValue;
+  table.enter_function = &KLTT_EnterFunction;
+  table.enter_scope = &KLTT_EnterScope;
+  table.file_io_begin = &KLTT_FileIoBegin;
+  table.file_io_end = &KLTT_FileIoEnd;
+  table.file_io_file_definition = &KLTT_FileIoFileDefinition;
+  table.info = &KLTT_Info;
+  table.leave_function = &KLTT_LeaveFunction;
+  table.leave_scope = &KLTT_LeaveScope;
+  table.opaque_data = &KLTT_OpaqueData;
+}
+
+void setGatheringHandlers(KLT_HandlerTable& table) {
+  table.one_to_all_communication = &KLTT_GatherOneToAll;
+  table.all_to_one_communication = &KLTT_GatherAllToOne;
+  table.all_to_all_communication = &KLTT_GatherAllToAll;
+  table.all_communication = &KLTT_GatherAll;
+}
+
+// The sink that the options ask for; null if they ask for none. Ends the process if it can't be
+// opened.
+RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
+  const PAL_Place here;
+  if (!RK_conf.logfile_name_set || RK_conf.remove != 0 || RK_conf.move != 0) return nullptr;
+  const char* name = RK_conf.logfile_name.c_str();
+  RK_Sink* sink = nullptr;
+  if (RK_conf.output_format == 0) {
+    sink = RK_SinkOpenAscii(name, 0);
+  } else {
+    if (handle->flags & 1) {
+      PAL_Warning("raw events of %s are not extracted, merge the trace first",
+                  PAL_Printable(handle->base).c_str());
+    }
+    // What the profiles see are internal times.
+    const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
+                                         std::min(context.eventBits, KLTT_INTERNAL_EVENT_BITS)};
+    sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle)), name);
+  }
+  if (sink == nullptr) {
+    std::fprintf(stderr, "Could not open file %s for writing.\n",
+                 PAL_Printable(RK_conf.logfile_name).c_str());
+    KLTT_Exit(1);
+  }
+  // Definitions alone show internal time.
+  if (RK_conf.print_statistics == 0) {
+    sink->timeShift =
+        static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
+  }
+  // A listing must not get into a trace.
+  if (sink->kind == 1 && sink->name == "-") context.listing = RK_Stderr();
+  return sink;
+}
+
+// The threads that any of the requests selects, empty for all.
+PAL_Triplets selectedThreads(const std::vector<KLT_Request>& requests) {
+  PAL_Triplets all;
+  for (const KLT_Request& request : requests) {
+    if (request.threads.empty()) return {};
+    all.insert(all.end(), request.threads.begin(), request.threads.end());
+  }
+  return PAL_TripletsUnite(all, {});
+}
+
+// Completes the output, if there is one. False if it isn't what it should be.
+bool closeSink(KLTT_Context& context) {
+  return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
+}
+
+// Where the end of the process is only an end of this call (KLTT_exitHook), nothing is left behind.
+class SinkKeeper {
+ public:
+  explicit SinkKeeper(KLTT_Context& context) : context_(context) {}
+  ~SinkKeeper() { RK_SinkAbandon(context_.sink); }
+  SinkKeeper(const SinkKeeper&) = delete;
+  SinkKeeper& operator=(const SinkKeeper&) = delete;
+
+ private:
+  KLTT_Context& context_;
+};
+
+void listThreads(KLTT_PassRunner& passes, KLTT_Context& context) {
+  KLT_HandlerTable table;
+  table.user_data = &context;
+  table.willy_definition = &KLTT_ListThread;
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, 1);
+}
+
+// Statistics or reports, by the handlers that print since there is no sink; `table` is that of the
+// definition pass.
+void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
+  KLT_Request request;
+  request.categories = klt::kStatistics;
+  if (RK_conf.print_statistics == 0) {
+    request.categories = klt::kErrors;
+    KLTT_InitHandlers(table, context, KLTT_SET_REPORTS);
+  }
+  passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
+}
+
+}  // namespace
+
+void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t sets) {
+  table = KLT_HandlerTable{};
+  table.user_data = &context;
+  if ((sets & KLTT_SET_TRACE) != 0) setTraceHandlers(table);
+  if ((sets & KLTT_SET_STATISTICS) != 0) setStatisticsHandlers(table);
+  if ((sets & KLTT_SET_CLOCK) != 0) {
+    table.clock_resolution = &KLTT_ClockResolution;
+    table.duration = &KLTT_Duration;
+  }
+  if ((sets & KLTT_SET_PROCESSES) != 0) table.process_declaration = &KLTT_ProcessDeclaration;
+  if ((sets & KLTT_SET_EVENTS) != 0) setEventHandlers(table);
+  if ((sets & KLTT_SET_PERFTEST) != 0) setGatheringHandlers(table);
+  if ((sets & KLTT_SET_REPORTS) != 0) table.report = &KLTT_Report;
+}
+
+int KLTT_Extract(KLT_FileHandle* handle, int serial) {
+  const PAL_Place here;
+  KLTT_Context context;
+  const SinkKeeper keeper(context);
+  KLT_HandlerTable table;
+  KLTT_PassRunner passes(handle, context);
+
+  KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
+  if (RK_conf.print_threads != 0) {
+    listThreads(passes, context);
+    return passes.status();
+  }
+
+  const bool listing = RK_conf.print_statistics != 0 || RK_conf.print_reports != 0;
+  RK_Sink* sink = openSink(handle, context);
+  context.sink = sink;
+  uint32_t sets = KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES;
+  if (RK_conf.print_statistics != 0) sets |= KLTT_SET_STATISTICS;
+  KLTT_InitHandlers(table, context, sets);
+  passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
+  if (sink != nullptr && sink->output != nullptr) RK_OutputFlush(sink->output);
+
+  if (listing) {
+    passes.noteOutput(closeSink(context));
+    list(passes, context, table, serial);
+  } else if (sink != nullptr && RK_conf.perftest != 0) {
+    KLTT_RunPerfTests(passes, context, serial);
+    passes.noteOutput(closeSink(context));
+  } else if (sink != nullptr) {
+    const std::vector<KLT_Request> requests = KLTT_BuildRequests(context);
+    if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
+    // A trace holds each record once, whichever of its windows show it.
+    const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
+    passes.run(mode, table, requests, serial);
+    KLTT_DrainDelayed(context);
+    passes.noteOutput(closeSink(context));
+  }
+  return passes.status();
+}

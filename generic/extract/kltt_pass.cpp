@@ -1,0 +1,95 @@
+// Running passes of the reader. See kltt_pass.h.
+#include "generic/extract/kltt_pass.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <vector>
+
+#include "generic/handlers/kltt_context.h"
+#include "generic/options/RK_conf.h"
+#include "generic/text/RK_output.h"
+#include "generic/text/kltt_exit.h"
+#include "klt/klt.h"
+#include "util/pal_mem.h"
+
+namespace {
+
+constexpr int kNoLimit = -1;
+constexpr int kStepMilliseconds = 500;
+
+// Somebody watches a run that writes into a file, and has asked for it.
+bool isWatched(int mode) {
+  return mode != KLT_MODE_DEFINITIONS && RK_conf.verbose >= 2 && RK_conf.logfile_name_set &&
+         RK_conf.logfile_name != "-" && isatty(STDERR_FILENO) == 1;
+}
+
+// Progress on one line, which the next call writes over. A short run shows none.
+class ProgressLine {
+ public:
+  ~ProgressLine() {
+    if (shown_) std::fputs("\r      \r", stderr);
+  }
+  ProgressLine() = default;
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void show(double progress) {
+    std::fprintf(stderr, "\r%3d %%", static_cast<int>(progress * 100));
+    shown_ = true;
+  }
+
+ private:
+  bool shown_ = false;
+};
+
+}  // namespace
+
+void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
+                          std::span<const KLT_Request> requests, int serial) {
+  const PAL_Place here;
+  std::vector<const KLT_Request*> pointers;
+  for (const KLT_Request& request : requests) pointers.push_back(&request);
+  const KLT_OwnedReader owner(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
+                                             pointers.data(), &table, serial));
+  KLT_Reader* const reader = owner.get();
+  if (reader == nullptr) judge(KLT_STATUS_ABORTING);
+  judge(KLT_ReaderStatus(reader));
+  const bool watched = isWatched(mode);
+  ProgressLine line;
+  int result = 0;
+  while ((result = KLT_ReadEvents(reader, watched ? kStepMilliseconds : kNoLimit)) !=
+         KLT_STATUS_FINISHED) {
+    if (watched && result == KLT_STATUS_TIME) line.show(KLT_Progress(reader));
+    const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
+    judge(lastFailed ? KLT_STATUS_ABORTING : result);
+  }
+  if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
+}
+
+// Results that it doesn't name mean that stepping goes on.
+void KLTT_PassRunner::judge(int result) {
+  switch (result) {
+    case KLT_STATUS_CONTINUING:
+    case KLT_STATUS_CORRUPTED:
+      std::fputs("continuing\n", stderr);
+      status_ = KLT_STATUS_CONTINUING;
+      break;
+    case KLT_STATUS_ABORTING:
+      std::fputs("aborting\n", stderr);
+      KLTT_Exit(KLT_STATUS_ABORTING);
+    case KLT_STATUS_HANDLER:
+      // A full disk has been reported by the output; nothing more can be written.
+      if (outputFailed()) KLTT_Exit(1);
+      std::fputs("callback returned error code.\n", stderr);
+      status_ = KLT_STATUS_HANDLER;
+      break;
+    default:
+      break;
+  }
+}
+
+bool KLTT_PassRunner::outputFailed() const {
+  const RK_Output* text = KLTT_Text(context_);
+  return RK_OutputFailed(context_.listing) || (text != nullptr && RK_OutputFailed(text));
+}

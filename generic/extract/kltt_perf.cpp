@@ -1,0 +1,168 @@
+// The performance test. See kltt_perf.h.
+#include "generic/extract/kltt_perf.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "generic/extract/kltt_extract.h"
+#include "generic/extract/kltt_pass.h"
+#include "generic/handlers/kltt_context.h"
+#include "generic/handlers/kltt_events.h"
+#include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_conf.h"
+#include "generic/tables/kltt_members.h"
+#include "klt/format/klt_handlers.h"
+#include "klt/format/klt_schema.h"
+#include "klt/format/klt_spans.h"
+#include "klt/klt.h"
+#include "klt/read/klt_request.h"
+#include "util/pal_mem.h"
+#include "util/pal_util.h"
+
+namespace {
+
+// What a request asks for: the state of a thread, nothing that belongs to several.
+constexpr uint32_t kCategories =
+    klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters | klt::kErrors;
+
+// A subset visits each operation's hundredth; the others are visited in steps so wide that nothing
+// of the last moment is still at hand.
+constexpr size_t kSubset = 100;
+constexpr size_t kStep = 1000;
+
+int gather(void* user, const char* record, uint64_t time, uint32_t communicator, uint32_t n,
+           const uint64_t* starts) {
+  KLTT_Context& context = *static_cast<KLTT_Context*>(user);
+  KLTT_MemberList::Cursor member(KLTT_GetIndexInComm(context, communicator, record));
+  uint32_t gtp = 0;
+  for (uint32_t i = 0; i < n && member.next(&gtp); ++i) {
+    // Time 0 stands for no part, too.
+    if (klt::isUnknownStart(starts[i]) || time + starts[i] == 0) continue;
+    PAL_MakeRoom(context.perfMembers);
+    context.perfMembers.push_back({.gtp = gtp, .time = time + starts[i]});
+  }
+  context.perfEnds.push_back(context.perfMembers.size());
+  return 0;
+}
+
+// The members of operation `index`.
+std::span<const KLTT_PerfMember> membersOf(const KLTT_Context& context, size_t index) {
+  const size_t begin = index == 0 ? 0 : context.perfEnds[index - 1];
+  return std::span(context.perfMembers).subspan(begin, context.perfEnds[index] - begin);
+}
+
+// Which operation a reader asks for next.
+class Choice {
+ public:
+  Choice(size_t count, bool subset)
+      : count_(count),
+        subset_(subset),
+        step_(subset ? std::max<size_t>(count / kSubset, 1) : kStep),
+        base_(subset ? 0 : 1),
+        index_(base_) {}
+
+  // Behind the last one a subset begins again; the other form begins one further than last time.
+  size_t next() {
+    if (index_ >= count_) {
+      if (!subset_) base_ = base_ + 1 < count_ ? base_ + 1 : 0;
+      index_ = base_;
+    }
+    return std::exchange(index_, index_ + step_);
+  }
+
+ private:
+  size_t count_;
+  bool subset_;
+  size_t step_;
+  size_t base_;
+  size_t index_;
+};
+
+void ask(KLT_Request& request, const KLTT_PerfMember& member) {
+  const auto gtp = static_cast<int32_t>(member.gtp);
+  request.start = member.time;
+  request.end = member.time + 1;
+  request.categories = kCategories;
+  request.threads = {{gtp, gtp, 1}};
+}
+
+// Nothing tells which calls are open at the moment, so one may end that never began here.
+int leaveIfEntered(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
+  const RK_WillyState* willy = RK_WillyHashFind(static_cast<KLTT_Context*>(user)->willys, gtp);
+  return willy == nullptr || willy->functions.empty() ? 0
+                                                      : KLTT_LeaveFunction(user, time, gtp, scl);
+}
+
+void measure(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_HandlerTable& table,
+             bool subset, bool allProcesses) {
+  if (context.perfEnds.empty()) return;
+  const int32_t runs = RK_conf.perftest;
+  Choice choice(context.perfEnds.size(), subset);
+  std::vector<KLT_Request> requests;
+  uint64_t asked = 0;
+  const double begin = PAL_Time();
+  for (int32_t run = 0; run < runs; ++run) {
+    std::span<const KLTT_PerfMember> members = membersOf(context, choice.next());
+    if (!allProcesses) members = members.first(std::min<size_t>(members.size(), 1));
+    if (requests.size() < members.size()) requests.resize(members.size());
+    for (size_t i = 0; i < members.size(); ++i) ask(requests[i], members[i]);
+    asked += members.size();
+    context.willys = {};
+    passes.run(KLT_MODE_EVENTS, table, std::span(requests).first(members.size()), 1);
+  }
+  const double seconds = PAL_Time() - begin;
+  std::fprintf(stderr,
+               "%s, %s: %d requests in %fs = %fs/req, average number of processes per request %f\n",
+               subset ? "subset of collops" : "all collops",
+               allProcesses ? "all processes" : "only first process", runs, seconds, seconds / runs,
+               static_cast<double>(asked) / runs);
+}
+
+}  // namespace
+
+int KLTT_GatherOneToAll(void* user, uint64_t time, uint32_t, uint32_t, uint32_t communicator,
+                        uint32_t, uint32_t n, const uint64_t* starts, const uint64_t*,
+                        const uint32_t*, const uint32_t*) {
+  return gather(user, "OneToAll", time, communicator, n, starts);
+}
+
+int KLTT_GatherAllToOne(void* user, uint64_t time, uint32_t, uint32_t, uint32_t communicator,
+                        uint32_t, uint32_t n, const uint64_t* starts, const uint64_t*,
+                        const uint32_t*, const uint32_t*) {
+  return gather(user, "AllToOne", time, communicator, n, starts);
+}
+
+int KLTT_GatherAllToAll(void* user, uint64_t time, uint32_t communicator, uint32_t, uint32_t n,
+                        const uint64_t* starts, const uint64_t*, const uint32_t*, const uint32_t*,
+                        const uint32_t*) {
+  return gather(user, "AllToAll", time, communicator, n, starts);
+}
+
+int KLTT_GatherAll(void* user, uint64_t time, uint32_t communicator, uint32_t, uint32_t n,
+                   const uint64_t* starts, const uint64_t*, const uint32_t*) {
+  return gather(user, "AllToAll", time, communicator, n, starts);
+}
+
+void KLTT_RunPerfTests(KLTT_PassRunner& passes, KLTT_Context& context, int serial) {
+  std::fputs("Gettings collops for performance test...\n", stderr);
+  KLT_HandlerTable table;
+  KLTT_InitHandlers(table, context, KLTT_SET_PERFTEST);
+  KLT_Request request;
+  request.categories = klt::kCollops;
+  passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
+  std::fprintf(stderr, "Doing performance test, %d different collective operations.\n",
+               static_cast<int>(context.perfEnds.size()));
+
+  // What the readers deliver is handled as ever, but doesn't belong into the output.
+  RK_Sink* const sink = std::exchange(context.sink, nullptr);
+  KLTT_InitHandlers(table, context, KLTT_SET_EVENTS);
+  table.leave_function = &leaveIfEntered;
+  for (const bool allProcesses : {false, true}) {
+    for (const bool subset : {true, false}) measure(passes, context, table, subset, allProcesses);
+  }
+  context.sink = sink;
+}

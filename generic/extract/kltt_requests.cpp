@@ -1,0 +1,48 @@
+// The user's requests in the reader's unit. See kltt_requests.h.
+#include "generic/extract/kltt_requests.h"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "generic/handlers/kltt_context.h"
+#include "generic/options/RK_conf.h"
+
+namespace {
+
+constexpr uint64_t kEndOfTime = ~uint64_t{0};
+
+// Cut to an integer in the range of int64; not a number is 0.
+uint64_t wholeTicks(double ticks) {
+  constexpr double kLimit = 9223372036854775808.0;  // 2^63
+  if (std::isnan(ticks) || ticks < 0) return 0;
+  if (ticks >= kLimit) return std::numeric_limits<int64_t>::max();
+  return static_cast<uint64_t>(ticks);
+}
+
+// Seconds as raw time, all ones where there is no such raw time.
+uint64_t rawTimeOf(const KLTT_Context& context, double seconds) {
+  const uint64_t ticks = wholeTicks(seconds * context.ticksPerSecond);
+  if (ticks > kEndOfTime >> context.eventBits) return kEndOfTime;
+  return ticks << context.eventBits;
+}
+
+}  // namespace
+
+std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context) {
+  std::vector<KLT_Request> requests;
+  if (RK_conf.convert != 0 || RK_conf.merge != 0) return requests;
+  for (const RK_Request& wanted : RK_conf.request) {
+    const auto rawTime = [&](double time) {
+      return RK_conf.ticks != 0 ? wholeTicks(time) : rawTimeOf(context, time);
+    };
+    KLT_Request& request = requests.emplace_back();
+    request.start = rawTime(wanted.window_start);
+    // A negative end, like the default of -1, means no end. The product with the clock wouldn't
+    // always say so.
+    request.end = wanted.window_end < 0 ? kEndOfTime : rawTime(wanted.window_end);
+    request.categories = wanted.categories == 0 ? 1 : wanted.categories;
+    request.threads = wanted.triplets;
+  }
+  return requests;
+}

@@ -1,0 +1,100 @@
+// The driver's state: one KLTT_Context, the `user_data` of all its handlers.
+//
+// The passes of kltt_extract fill it: the setup pass the clock and the process layout, the
+// definition pass the tables (kltt_tables), the event pass the queue and the threads' stacks
+// (kltt_events, kltt_collops). Three forms of time meet here and are kept apart by name: raw time
+// as the trace stores it (tick << eventBits | counter), internal time (tick << 13 | counter), and
+// what a line shows (RK_SinkTime of internal time).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "generic/sink/RK_framewrite.h"
+#include "generic/sink/RK_wtrace.h"
+#include "generic/sink/kltt_held.h"
+#include "generic/sink/kltt_queue.h"
+#include "generic/tables/kltt_idtable.h"
+#include "generic/tables/kltt_members.h"
+
+struct KLTT_Communicator {
+  uint32_t key = 0;
+  KLTT_MemberList members;
+};
+
+// A class is kept without its parents' names, which would add up to the square of a chain's length.
+struct KLTT_Class {
+  uint32_t key = 0;
+  uint32_t parent = 0;      // 0: none
+  const char* own = "";     // the last part of the path
+  uint64_t pathBytes = 0;   // of KLTT_ClassPath
+  uint32_t outputPath = 0;  // the text of the path in a binary output; 0 if it has none
+};
+
+struct KLTT_Counter {
+  uint32_t key = 0;
+  uint32_t flags = 0;  // bit 0: integer values
+};
+
+// A member's entry into a collective operation.
+struct KLTT_PerfMember {
+  uint32_t gtp;
+  uint64_t time;  // raw
+};
+
+struct KLTT_Context {
+  // Clock and duration, from the setup pass.
+  int64_t startTime = -1;       // raw
+  int64_t endTime = 0;          // raw
+  double clockPeriod = 0;       // seconds per tick
+  double ticksPerSecond = 0;    // its reciprocal
+  uint32_t eventBits = 0;       // low bits of raw time that count events; at most 63
+  uint64_t counterMask = 0;     // these bits
+  bool ticksReported = false;   // a time with too many ticks has been reported,
+  bool eventsReported = false;  // or one with too many events
+
+  // Process layout. `totalThreads` is declared, not checked: nothing is made per declared thread.
+  uint32_t numProcesses = 1;
+  std::vector<uint32_t> threadCounts;  // of each process; empty before the declaration
+  uint64_t totalThreads = 0;
+
+  // Definitions by id.
+  KLTT_Table<KLTT_Counter> counters;
+  KLTT_Table<KLTT_Communicator> communicators;
+  KLTT_Names names;  // of all definitions
+  KLTT_Table<KLTT_Class> classes;
+  KLTT_Table<KLTT_Named> functions;  // extra: the class
+  KLTT_Table<KLTT_Named> collops;    // extra: the kind, 1 one-to-all to 4 all
+  KLTT_Table<KLTT_Named> statistics;
+
+  // Events.
+  RK_Sink* sink = nullptr;     // null while nothing is written
+  bool inHistory = false;      // between the brackets of a history
+  uint64_t historyTime = 0;    // raw
+  uint64_t lastEventTime = 0;  // raw; the largest so far
+  KLTT_Queue pending;
+  KLTT_HeldRecords held;  // a node of `pending` is due when they are
+  RK_WillyHash willys;
+
+  // Listings, and which of their header lines have been written.
+  RK_Output* listing = RK_Stdout();
+  bool functionHeader = false;
+  bool messageHeader = false;
+  bool collectiveHeader = false;
+
+  // What a performance test asks for (kltt_perf): the members of all operations, one operation
+  // behind the other, and for each the end of its members.
+  std::vector<KLTT_PerfMember> perfMembers;
+  std::vector<size_t> perfEnds;
+
+  // Room for the arrays of one record.
+  std::vector<uint32_t> scratchBytes;
+  std::vector<uint32_t> scratchMembers;
+  std::vector<uint8_t> scratchTypes;
+};
+
+// The text output of the current pass, null if there is none.
+[[nodiscard]] inline RK_Output* KLTT_Text(const KLTT_Context& context) {
+  return context.sink != nullptr && context.sink->kind == 0 ? context.sink->output : nullptr;
+}

@@ -1,0 +1,443 @@
+// Handlers of event records. See kltt_events.h.
+#include "generic/handlers/kltt_events.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "generic/handlers/kltt_tables.h"
+#include "generic/sink/RK_wtrace.h"
+#include "generic/sink/kltt_binary.h"
+#include "generic/text/RK_rkf.h"
+#include "generic/text/kltt_exit.h"
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+
+namespace {
+
+constexpr uint32_t kFunctions = 0x4;  // category bits of an end_of_filter record
+constexpr uint32_t kScopes = 0x8;
+
+KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
+
+// The opening of a handler: the record's internal time, and what was due before it is written.
+// False after an output error.
+[[gnu::always_inline]] inline bool open(KLTT_Context& context, uint64_t rawTime,
+                                        uint64_t* internalTime) {
+  *internalTime = KLTT_InternalTime(context, rawTime);
+  context.lastEventTime = std::max(context.lastEventTime, rawTime);
+  return KLTT_LogFormatRecord(context, *internalTime) == 0;
+}
+
+[[gnu::noinline]] std::string commentText(const KLTT_Context& context, const KLTT_Delayed& node,
+                                          size_t limit = SIZE_MAX) {
+  const std::string& text = context.pending.text(node);
+  const KLTT_Class* about = context.classes.find(node.comment.infoClass);
+  return about == nullptr ? text : KLTT_ClassPath(context, *about, limit) + ": " + text;
+}
+
+int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& node,
+              uint64_t internalTime) {
+  const uint64_t time = KLTT_ShownTime(context, internalTime);
+  switch (node.kind) {
+    case KLTT_DelayedKind::kSendMsg: {
+      const KLTT_DelayedMessage& m = node.message;
+      return RK_WriteSendMsg(text, time, m.communicator, m.tag, node.gtp, m.peer, m.size, m.scl,
+                             m.function);
+    }
+    case KLTT_DelayedKind::kRecvMsg: {
+      const KLTT_DelayedMessage& m = node.message;
+      return RK_WriteRecvMsg(text, time, m.communicator, m.tag, node.gtp, m.peer, m.size, m.scl,
+                             m.function);
+    }
+    case KLTT_DelayedKind::kGlobalOp: {
+      const KLTT_DelayedOperation& op = node.operation;
+      return RK_WriteGlobalOp(
+          text, time, op.operation, node.gtp, op.communicator, op.root, op.sent, op.received,
+          static_cast<int64_t>(KLTT_ShownTime(context, op.endTime) - time), op.scl);
+    }
+    case KLTT_DelayedKind::kComment:
+      return RK_SinkComment(text, time, node.gtp, commentText(context, node).c_str());
+    case KLTT_DelayedKind::kHeld:  // of a binary trace
+      break;
+  }
+  return 0;
+}
+
+int writeFront(KLTT_Context& context) {
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    // Messages and operations go to a binary trace as they come: only comments wait, and what
+    // histories tell.
+    constexpr size_t kLongest = 0xffff;
+    const KLTT_Delayed& node = context.pending.front();
+    if (node.kind == KLTT_DelayedKind::kComment &&
+        KLTT_PutComment(writer, context.pending.nextTime(), node.gtp,
+                        commentText(context, node, kLongest + 1).c_str()) != 0) {
+      return 1;
+    }
+    if (node.kind == KLTT_DelayedKind::kHeld) {
+      context.held.write(context.pending.nextTime(), writer);
+    }
+  }
+  if (RK_Output* text = KLTT_Text(context)) {
+    const uint64_t time = context.pending.nextTime();
+    if (writeNode(context, text, context.pending.front(), time) != 0) return 1;
+  }
+  context.pending.pop();
+  return 0;
+}
+
+// A function that begins on `willy`, or that is found begun.
+[[gnu::always_inline]] inline int enter(KLTT_Context& context, RK_WillyState& willy,
+                                        uint64_t internalTime, uint32_t function, uint32_t scl) {
+  if (context.functions.indexOf(function) == 0) [[unlikely]]
+    KLTT_Fatal("undefined function #%d", static_cast<int>(function));
+  RK_FrameEnter(willy, function);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutEnterFunction(writer, internalTime, willy.gtp, function, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, true, function,
+                          scl);
+}
+
+// REQUIRES: a call is open on `willy`.
+[[gnu::always_inline]] inline int leave(KLTT_Context& context, RK_WillyState& willy,
+                                        uint64_t internalTime, uint32_t scl) {
+  const uint32_t function = RK_FrameLeave(willy);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutLeaveFunction(writer, internalTime, willy.gtp, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, false, function,
+                          scl);
+}
+
+int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, uint32_t scope,
+             uint32_t seqnr, uint32_t scl) {
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutLeaveScope(writer, internalTime, gtp, scope, seqnr, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteEndScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
+}
+
+}  // namespace
+
+uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t tick,
+                            uint64_t counter) {
+  if (tick >= KLTT_MAX_TICKS) {
+    if (!std::exchange(context.ticksReported, true)) {
+      PAL_Error(
+          "time stamp %llu exceeds maximum number of clock ticks supported (%llu), truncating time",
+          static_cast<long long unsigned>(rawTime),
+          static_cast<long long unsigned>(KLTT_MAX_TICKS));
+    }
+    tick = KLTT_MAX_TICKS - 1;
+  }
+  if (counter >= KLTT_MAX_EVENTS) {
+    if (!std::exchange(context.eventsReported, true)) {
+      PAL_Error(
+          "time stamp %llu exceeds maximum number of events per clock tick supported (%llu), "
+          "truncating time",
+          static_cast<long long unsigned>(rawTime),
+          static_cast<long long unsigned>(KLTT_MAX_EVENTS));
+    }
+    counter = KLTT_MAX_EVENTS - 1;
+  }
+  return tick << KLTT_INTERNAL_EVENT_BITS | counter;
+}
+
+int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
+  while (context.pending.nextTime() < upTo) {
+    if (writeFront(context) != 0) return 1;
+  }
+  return 0;
+}
+
+int KLTT_Hold(KLTT_Context& context, uint64_t internalTime, KLTT_HeldRecords::Put put) {
+  const uint64_t moment =
+      context.inHistory ? KLTT_InternalTime(context, context.historyTime) : internalTime;
+  if (context.held.add(moment, internalTime, std::move(put))) {
+    context.pending.add(moment).kind = KLTT_DelayedKind::kHeld;
+  }
+  return 0;
+}
+
+// Not "below all ones": a time that was cut to fit can be just that.
+int KLTT_DrainDelayed(KLTT_Context& context) {
+  while (!context.pending.empty()) {
+    if (writeFront(context) != 0) return 1;
+  }
+  return 0;
+}
+
+int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t /*categories*/,
+                        uint32_t /*numTriplets*/, const PAL_Triplet* /*triplets*/) {
+  KLTT_Context& context = contextOf(user);
+  context.inHistory = true;
+  context.historyTime = time;
+  context.lastEventTime = time;
+  return 0;
+}
+
+int KLTT_EndOfHistory(void* user, uint64_t /*time*/, uint32_t /*categories*/,
+                      uint32_t /*numTriplets*/, const PAL_Triplet* /*triplets*/) {
+  contextOf(user).inHistory = false;
+  return 0;
+}
+
+int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  return enter(context, RK_WillyHashGet(context.willys, gtp), internalTime, function, scl);
+}
+
+int KLTT_LeaveFunction(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  RK_WillyState& willy = RK_WillyHashGet(context.willys, gtp);
+  if (willy.functions.empty()) [[unlikely]] {
+    PAL_Error("too many UPTOs for thread 0x%u", gtp);
+    KLTT_Exit(10);
+  }
+  return leave(context, willy, internalTime, scl);
+}
+
+int KLTT_FunctionHistory(void* user, uint64_t time, uint32_t gtp, uint32_t count,
+                         const uint32_t* functions, const uint32_t* /*scls*/) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  RK_WillyState& willy = RK_WillyHashGet(context.willys, gtp);
+  if (!willy.functions.empty()) {
+    PAL_Error("function history while stack of thread 0x%u already has %d entries", gtp,
+              static_cast<int>(willy.functions.size()));
+    KLTT_Exit(10);
+  }
+  for (uint32_t i = 0; i < count; ++i) {
+    if (enter(context, willy, internalTime, functions[i], 0) != 0) return 1;
+  }
+  return 0;
+}
+
+int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                    uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
+  RK_WillyHashGet(context.willys, gtp).scopes.enter(internalTime, scope, seqnr);
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutEnterScope(writer, internalTime, gtp, scope, seqnr, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteBeginScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
+}
+
+int KLTT_LeaveScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                    uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
+  if (!RK_WillyHashGet(context.willys, gtp).scopes.leave(scope, seqnr)) {
+    PAL_Error("Leaving scope %u/%u which was never entered.", scope, seqnr);
+  }
+  return endScope(context, gtp, internalTime, scope, seqnr, scl);
+}
+
+int KLTT_Comment(void* user, uint64_t time, uint32_t gtp, const char* text) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutComment(writer, internalTime, gtp, text);
+  }
+  RK_Output* out = KLTT_Text(context);
+  if (out == nullptr) return 0;
+  return RK_SinkComment(out, KLTT_ShownTime(context, internalTime), gtp, text);
+}
+
+int KLTT_OpaqueData(void* user, uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
+                    uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutOpaque(writer, internalTime, gtp, size, data, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteOpaque(text, KLTT_ShownTime(context, internalTime), gtp, size, data, scl);
+}
+
+int KLTT_FileIoBegin(void* user, uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
+                     uint32_t bytes, uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutFileIo(writer, true, internalTime, gtp, operation, file, bytes, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteFileIoBegin(text, KLTT_ShownTime(context, internalTime), operation, gtp, file,
+                             bytes, scl);
+}
+
+int KLTT_FileIoEnd(void* user, uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
+                   uint32_t bytes, uint32_t scl) {
+  KLTT_Context& context = contextOf(user);
+  uint64_t internalTime = 0;
+  if (!open(context, time, &internalTime)) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    return KLTT_PutFileIo(writer, false, internalTime, gtp, operation, file, bytes, scl);
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteFileIoEnd(text, KLTT_ShownTime(context, internalTime), operation, gtp, file, bytes,
+                           scl);
+}
+
+int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
+                      const uint32_t* counters, uint64_t* values) {
+  KLTT_Context& context = contextOf(user);
+  const uint64_t internalTime = KLTT_InternalTime(context, time);
+  context.lastEventTime = std::max(context.lastEventTime, time);
+  std::vector<uint8_t>& types = context.scratchTypes;
+  types.resize(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (counters[i] == 0) KLTT_Fatal("CounterVal without counter id");
+    const KLTT_Counter* counter = context.counters.find(counters[i]);
+    if (counter == nullptr) KLTT_Fatal("CounterVal with undefined id");
+    types[i] = (counter->flags & 1) != 0 ? 1 : 2;
+  }
+  if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
+  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
+    if (!KLTT_MustWait(context, internalTime)) {
+      return KLTT_PutSamples(writer, internalTime, gtp, count, counters, values);
+    }
+    return KLTT_Hold(context, internalTime,
+                     [=, ids = std::vector<uint32_t>(counters, counters + count),
+                      samples = std::vector<uint64_t>(values, values + count)](auto* to) {
+                       return KLTT_PutSamples(to, internalTime, gtp, count, ids.data(),
+                                              samples.data());
+                     });
+  }
+  RK_Output* text = KLTT_Text(context);
+  if (text == nullptr) return 0;
+  return RK_WriteSamps(text, KLTT_ShownTime(context, internalTime), gtp, count, counters,
+                       types.data(), values);
+}
+
+namespace {
+
+// Closes what is open on a thread, calls and then scopes, each from the top.
+int closeThread(KLTT_Context& context, uint64_t internalTime, RK_WillyState& willy,
+                uint32_t categories) {
+  if ((categories & kFunctions) != 0) {
+    while (!willy.functions.empty()) {
+      if (leave(context, willy, internalTime, 0) != 0) return 1;
+    }
+  }
+  if ((categories & kScopes) != 0) {
+    std::vector<KLT_OpenScope> open;
+    willy.scopes.each([&open](const KLT_OpenScope& scope) { open.push_back(scope); });
+    willy.scopes.clear();
+    for (auto scope = open.rbegin(); scope != open.rend(); ++scope) {
+      if (endScope(context, willy.gtp, internalTime, scope->scope, scope->seqnr, 0) != 0) return 1;
+    }
+  }
+  return 0;
+}
+
+int closeThreads(KLTT_Context& context, uint64_t internalTime, const std::vector<uint32_t>& gtps,
+                 uint32_t categories) {
+  for (const uint32_t gtp : gtps) {
+    if (closeThread(context, internalTime, *RK_WillyHashFind(context.willys, gtp), categories) != 0)
+      return 1;
+  }
+  return 0;
+}
+
+// All declared threads, process by process.
+int closeDeclared(KLTT_Context& context, uint64_t internalTime, uint32_t categories) {
+  std::vector<uint32_t> gtps;
+  for (const RK_WillyState& willy : context.willys.states) {
+    const uint32_t process = willy.gtp & 0xffff;
+    if (willy.isOpen() && process < context.threadCounts.size() &&
+        willy.gtp >> 16 < context.threadCounts[process]) {
+      gtps.push_back(willy.gtp);
+    }
+  }
+  const auto position = [](uint32_t gtp) { return gtp << 16 | gtp >> 16; };
+  std::sort(gtps.begin(), gtps.end(),
+            [&](uint32_t a, uint32_t b) { return position(a) < position(b); });
+  return closeThreads(context, internalTime, gtps, categories);
+}
+
+// How many numbers a triplet stands for.
+uint64_t countOf(const PAL_Triplet& triplet) {
+  const int64_t distance = int64_t{triplet.last} - triplet.first;
+  const int64_t stride = triplet.stride;
+  if (stride == 0 || (distance != 0 && (distance < 0) != (stride < 0))) return 0;
+  return static_cast<uint64_t>(distance / stride) + 1;
+}
+
+// The threads of one triplet, in its order: by looking up each number, or, when it stands for more
+// numbers than there are threads, by picking the open threads that are in it.
+int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet& triplet,
+                 uint32_t categories) {
+  const uint64_t count = countOf(triplet);
+  std::vector<uint32_t> gtps;
+  if (count <= context.willys.states.size()) {
+    for (uint64_t k = 0; k < count; ++k) {
+      const int64_t number = triplet.first + static_cast<int64_t>(k) * triplet.stride;
+      const RK_WillyState* willy = RK_WillyHashFind(context.willys, static_cast<uint32_t>(number));
+      if (willy != nullptr && willy->isOpen()) gtps.push_back(willy->gtp);
+    }
+  } else {
+    for (const RK_WillyState& willy : context.willys.states) {
+      if (willy.isOpen() && PAL_TripletsContains({&triplet, 1}, static_cast<int32_t>(willy.gtp)))
+        gtps.push_back(willy.gtp);
+    }
+    std::sort(gtps.begin(), gtps.end(), [&](uint32_t a, uint32_t b) {
+      const bool below = static_cast<int32_t>(a) < static_cast<int32_t>(b);
+      return triplet.stride > 0 ? below : a != b && !below;
+    });
+  }
+  return closeThreads(context, internalTime, gtps, categories);
+}
+
+}  // namespace
+
+// Every thread named brings the delayed records up to the end of the request along, whether or not
+// anything is open on it.
+int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
+                     const PAL_Triplet* triplets) {
+  const PAL_Place here;
+  KLTT_Context& context = contextOf(user);
+  const bool openEnd = static_cast<int64_t>(time) < 0;
+  const uint64_t internalTime = KLTT_InternalTime(context, openEnd ? context.lastEventTime : time);
+  if ((categories & (kFunctions | kScopes)) == 0) return 0;
+  if (numTriplets == 0) {
+    if (context.totalThreads == 0) return 0;
+    if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
+    return closeDeclared(context, internalTime, categories);
+  }
+  for (uint32_t i = 0; i < numTriplets; ++i) {
+    if (triplets[i].stride == 0) {
+      PAL_Error("Wrong triplet syntax, stride == 0, ignoring triplet.\n");
+      continue;
+    }
+    if (countOf(triplets[i]) == 0) continue;
+    if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
+    if (closeTriplet(context, internalTime, triplets[i], categories) != 0) return 1;
+  }
+  return 0;
+}

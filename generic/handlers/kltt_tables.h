@@ -1,0 +1,61 @@
+// Handlers of definition records: they fill the tables of KLTT_Context and write each definition to
+// the sink.
+//
+// `user` is the KLTT_Context, the other arguments are those of KLT_HandlerTable. A handler returns
+// 0, or 1 if the output failed. A definition that breaks the rules ends the process: KLTT_Fatal.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "util/triplets/pal_triplets.h"
+
+struct KLTT_Class;
+struct KLTT_Context;
+class KLTT_MemberList;
+
+// The own names of a class and those above it, from the root on.
+[[nodiscard]] std::vector<const char*> KLTT_ClassParts(const KLTT_Context& context,
+                                                       const KLTT_Class& of);
+// The full name of a class: its parts joined by ":". What comes after the part that reaches `limit`
+// bytes is left out.
+[[nodiscard]] std::string KLTT_ClassPath(const KLTT_Context& context, const KLTT_Class& of,
+                                         size_t limit = SIZE_MAX);
+
+// The members of a communicator, for the handlers of collective operations and for statistics.
+// Ends the process with a message that begins with `record` if `id` is 0 or unknown.
+const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
+                                           const char* record);
+
+// The members of a communicator for the profiles of a writer; null if it isn't defined. `context`
+// is the driver's. Valid until the next call.
+[[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
+                                                   size_t* count);
+
+int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads);
+int KLTT_WillyName(void* user, uint32_t gtp, const char* name);
+int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const char* ip,
+                         uint32_t pid, uint64_t tid, double offset, double skew);
+int KLTT_ClockResolution(void* user, double resolution, uint32_t eventBits);
+int KLTT_Duration(void* user, uint64_t start, uint64_t end);
+int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* nameSelf,
+                         uint32_t parent);
+int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t classId);
+int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t classId,
+                         uint32_t startScl, uint32_t endScl);
+int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint32_t numTriplets,
+                                const PAL_Triplet* triplets, int32_t leftSize);
+int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind);
+int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
+                           const uint64_t* bounds, uint32_t gtp, uint32_t classId,
+                           const char* unit);
+int KLTT_GroupDefinition(void* user, uint32_t id, const char* name, uint32_t count,
+                         const uint32_t* members);
+int KLTT_FileDefinition(void* user, uint32_t id, const char* name);
+int KLTT_SclDefinition(void* user, uint32_t id, uint32_t n, const uint32_t* files,
+                       const uint32_t* lines, const char* const* symbols,
+                       const char* const* objects);
+int KLTT_FileIoFileDefinition(void* user, uint32_t id, uint32_t communicator, const char* name);
+int KLTT_Info(void* user, uint32_t classId, const char* text);

@@ -1,0 +1,79 @@
+// Matching of raw events: one side of each communication per event becomes one record per
+// communication.
+//
+// The merge (kltt_merge) first tells it the processes and communicators, then passes on the raw
+// events in order of time. Messages (RK_logmerge_messages) and collective operations
+// (RK_logmerge_collops) wait in arenas (RK_logmerge_arena) of bounded size and are written to the
+// output in order of their first events. Memory depends on what is open at a time, not on the
+// length of the trace.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "generic/merge/RK_logmerge_collops.h"
+#include "generic/merge/RK_logmerge_comms.h"
+#include "generic/merge/RK_logmerge_messages.h"
+
+struct KLTT_Summary;
+struct KLT_WFileHandle;
+
+// A message_raw_event as far as it matters here. `kind` holds the type of the event in the low 6
+// bits (7 sends, all others receive), then the process and the thread that logged it.
+struct KLTM_RawMessage {
+  uint64_t time = 0;
+  uint32_t kind = 0;
+  uint32_t other = 0;
+  uint32_t tag = 0;
+  uint32_t size = 0;
+  uint32_t comm = 0;
+  uint32_t function = 0;
+  uint32_t scl = 0;
+};
+
+// A collop_raw_event; of `kind` only the process counts.
+struct KLTM_RawCollop {
+  uint64_t time = 0;
+  uint64_t endtime = 0;
+  uint32_t kind = 0;
+  uint32_t operation = 0;
+  uint32_t comm = 0;
+  uint32_t counter = 0;
+  uint32_t root = 0;
+  uint32_t send = 0;
+  uint32_t recv = 0;
+  uint32_t scl = 0;
+};
+
+class KLTM_Matching {
+ public:
+  // Decides how many bits of a `kind` hold the process. REQUIRES: not started.
+  void declareProcesses(uint32_t count);
+  // Replaces what an earlier definition of the id said. REQUIRES: not started.
+  void registerCommunicator(uint32_t id, KLTT_MemberList members);
+
+  // Neither is owned; `summary` may be null. `blockBytes` is the size of an arena to begin with.
+  void start(KLT_WFileHandle* writer, KLTT_Summary* summary, uint64_t blockBytes);
+  // REQUIRES: started.
+  void message(const KLTM_RawMessage& event);
+  void collop(const KLTM_RawCollop& event);
+  // Writes all that is still open, messages first, and ends the matching.
+  void finish();
+
+  // Records begun since the start; one that has found no partner counts too.
+  [[nodiscard]] uint32_t messagesAdded() const { return messages_->added(); }
+  [[nodiscard]] uint32_t collopsAdded() const { return collops_->added(); }
+
+ private:
+  // The thread that logged an event: process in the low half, thread in the high half.
+  [[nodiscard]] uint32_t gtpOf(uint32_t kind) const {
+    const uint32_t thread = kind >> 6 >> processBits_;
+    return (kind >> 6 & processMask_) | thread << 16;
+  }
+
+  uint32_t processBits_ = 2;
+  uint32_t processMask_ = 3;
+  KLTM_Communicators communicators_;
+  std::unique_ptr<KLTM_MessageTable> messages_;
+  std::unique_ptr<KLTM_CollopTable> collops_;
+};

@@ -1,0 +1,297 @@
+// Collective operations in the making. See RK_logmerge_collops.h.
+#include "generic/merge/RK_logmerge_collops.h"
+
+#include <algorithm>
+
+#include "generic/summary/kltt_summary.h"
+#include "klt/write/klt_write.h"
+
+namespace {
+
+// How the members of an operation take part; decides the record.
+enum class Shape : uint8_t { kNone, kOneToAll, kAllToOne, kAllToAll, kAll };
+
+constexpr uint32_t kLastOperation = 45;
+
+// By the numbers that producers give to operations.
+constexpr Shape shapeOf(uint32_t operation) {
+  if (operation == 0 || operation > kLastOperation) return Shape::kNone;
+  if (operation <= 2) return Shape::kAll;  // barriers
+  if (operation <= 4 || (operation >= 9 && operation <= 12))
+    return Shape::kOneToAll;  // bcast, scatter
+  if (operation <= 8 || (operation >= 33 && operation <= 35))
+    return Shape::kAllToOne;  // gather, reduce
+  return Shape::kAllToAll;
+}
+
+bool hasSeen(const KLTM_Collop& collop, uint32_t member) {
+  return collop.members[member].time != KLTM_Collop::kNotSeen;
+}
+
+void fill(KLTM_Collop& collop, uint32_t member, const KLTM_CollopEvent& event) {
+  collop.members[member] = {event.time, event.endtime, event.send, event.recv, event.scl};
+}
+
+uint64_t kindOf(uint32_t operation, uint32_t root) { return uint64_t{operation} << 32 | root; }
+
+}  // namespace
+
+// --- what is open
+
+void KLTM_OpenCollops::add(KLTM_Collop& collop) {
+  constexpr size_t kFew = 8;
+  if (count_ == 0)
+    all_.clear();
+  else if (all_.size() > kFew && count_ <= all_.size() / 2)
+    std::erase_if(all_, [](const Reference& r) { return r.entry == nullptr; });
+  all_.push_back({collop.sequence, &collop});
+  ++count_;
+}
+
+void KLTM_OpenCollops::remove(const KLTM_Collop& collop) {
+  all_[from(collop.sequence)].entry = nullptr;
+  --count_;
+}
+
+size_t KLTM_OpenCollops::from(uint64_t sequence) const {
+  const auto place =
+      std::lower_bound(all_.begin(), all_.end(), sequence,
+                       [](const Reference& r, uint64_t s) { return r.sequence < s; });
+  return static_cast<size_t>(place - all_.begin());
+}
+
+KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list) : members(list) {
+  if (list.isRegular()) return;
+  KLTT_MemberList::Cursor member(list);
+  uint32_t place = 0;
+  for (uint32_t gtp = 0; member.next(&gtp);) {
+    ++place;
+    if (places.find(gtp) == 0) places.add(gtp, place);
+  }
+}
+
+uint32_t KLTM_CollopState::indexOf(uint32_t process) const {
+  if (members.isRegular()) return members.indexOf(process);
+  return places.find(process) - 1;  // kNoMember if it isn't there
+}
+
+KLTM_CollopTable::KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
+                                   const KLTM_Communicators& communicators, uint64_t blockBytes)
+    : writer_(writer), summary_(summary), communicators_(communicators), arena_(blockBytes) {}
+
+// Null for a communicator that isn't known or has no members: its operations are complete at once.
+KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
+  if (const uint32_t place = statePlaces_.find(comm)) return states_[place - 1].get();
+  const KLTT_MemberList* members = communicators_.find(comm);
+  if (members == nullptr || members->size() == 0) return nullptr;
+  states_.push_back(std::make_unique<KLTM_CollopState>(*members));
+  statePlaces_.add(comm, static_cast<uint32_t>(states_.size()));
+  return states_.back().get();
+}
+
+// --- matching
+
+void KLTM_CollopTable::event(const KLTM_CollopEvent& event) {
+  KLTM_CollopState* state = stateOf(event.comm);
+  uint32_t member = state == nullptr ? 0 : state->indexOf(event.process);
+  if (state != nullptr && member != KLTT_MemberList::kNoMember) {
+    if (KLTM_Collop* collop = search(*state, member, event)) {
+      fill(*collop, member, event);
+      collop->lastTime = std::max(collop->lastTime, event.endtime);
+      settle(*collop);
+      return;
+    }
+  }
+  // A process that isn't a member takes the place of the first one.
+  if (member == KLTT_MemberList::kNoMember) member = 0;
+  add(state, member, event);
+}
+
+KLTM_Collop* KLTM_CollopTable::search(KLTM_CollopState& state, uint32_t member,
+                                      const KLTM_CollopEvent& event) {
+  if (event.counter != 0) return searchCounter(state, member, event.counter);
+  return searchKind(state, member, event);
+}
+
+KLTM_Collop* KLTM_CollopTable::searchKind(KLTM_CollopState& state, uint32_t member,
+                                          const KLTM_CollopEvent& event) {
+  constexpr size_t kFew = 8;
+  if (!state.grouped) {
+    state.grouped = true;
+    for (size_t i = 0; i < state.open.size(); ++i) {
+      if (KLTM_Collop* collop = state.open.at(i)) group(state, *collop);
+    }
+  }
+  const auto found = state.groups.find(kindOf(event.operation, event.root));
+  if (found == state.groups.end()) return nullptr;
+  KLTM_CollopGroup& kind = found->second;
+  if (kind.open.count() == 0) return nullptr;
+  if (kind.open.size() > kFew && kind.reached.empty()) kind.reached.resize(state.members.size());
+  size_t i = kind.reached.empty() ? 0 : kind.open.from(kind.reached[member]);
+  for (; i < kind.open.size(); ++i) {
+    KLTM_Collop* collop = kind.open.at(i);
+    if (collop == nullptr || hasSeen(*collop, member)) continue;
+    if (!kind.reached.empty()) kind.reached[member] = collop->sequence;
+    return collop;
+  }
+  if (!kind.reached.empty()) kind.reached[member] = arena_.lastSequence() + 1;
+  return nullptr;
+}
+
+KLTM_Collop* KLTM_CollopTable::searchCounter(KLTM_CollopState& state, uint32_t member,
+                                             uint32_t counter) {
+  if (state.walks.empty()) state.walks.resize(state.members.size());
+  KLTM_CollopWalk& walk = state.walks[member];
+  KLTM_Collop* found = nullptr;
+
+  // Those met before: what still waits stays in the list, close to its end.
+  size_t next = walk.first;
+  size_t stay = 0;
+  for (; next < walk.missed.size() && found == nullptr; ++next) {
+    const KLTM_OpenCollops::Reference missed = walk.missed[next];
+    if (!missed.open() || hasSeen(*missed.entry, member)) continue;
+    if (missed.entry->counter == counter) {
+      found = missed.entry;
+      continue;
+    }
+    settle(*missed.entry);
+    if (missed.entry->pending > 0) walk.missed[walk.first + stay++] = missed;
+  }
+  const auto begin = walk.missed.begin() + static_cast<std::ptrdiff_t>(walk.first);
+  std::move_backward(begin, begin + static_cast<std::ptrdiff_t>(stay),
+                     walk.missed.begin() + static_cast<std::ptrdiff_t>(next));
+  walk.first = next - stay;
+  if (found != nullptr) return found;
+
+  if (walk.first > 0) {
+    walk.missed.erase(walk.missed.begin(),
+                      walk.missed.begin() + static_cast<std::ptrdiff_t>(walk.first));
+    walk.first = 0;
+  }
+  for (size_t i = state.open.from(walk.reached); i < state.open.size(); ++i) {
+    KLTM_Collop* collop = state.open.at(i);
+    if (collop == nullptr) continue;
+    walk.reached = collop->sequence + 1;
+    if (hasSeen(*collop, member)) continue;
+    if (collop->counter == counter) return collop;
+    settle(*collop);
+    if (collop->pending > 0) walk.missed.push_back({collop->sequence, collop});
+  }
+  return nullptr;
+}
+
+void KLTM_CollopTable::settle(KLTM_Collop& collop) {
+  arena_.settle(collop);
+  if (collop.pending > 0) return;
+  collop.state->open.remove(collop);
+  if (collop.group == nullptr) return;
+  collop.group->open.remove(collop);
+  if (collop.group->open.count() == 0) collop.group->reached = {};
+}
+
+void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member,
+                           const KLTM_CollopEvent& event) {
+  const uint32_t n = state == nullptr ? 1 : state->members.size();
+  KLTM_Collop& collop = arena_.append(*this, KLTM_Collop::bytes(n), event.time);
+  ++added_;
+  collop.time = event.time;
+  collop.lastTime = event.endtime;
+  collop.pending = n - 1;
+  collop.operation = event.operation;
+  collop.comm = event.comm;
+  collop.counter = event.counter;
+  collop.root = event.root;
+  collop.n = n;
+  collop.members = std::make_unique<KLTM_Collop::Member[]>(n);
+  fill(collop, member, event);
+  if (n == 1) return;
+  collop.state = state;
+  state->open.add(collop);
+  if (state->grouped) group(*state, collop);
+}
+
+void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
+  // Roots are any numbers: kinds of which nothing is open don't pile up.
+  constexpr size_t kMany = 1024;
+  if (state.groups.size() >= kMany && state.groups.size() >= 2 * state.open.count()) {
+    std::erase_if(state.groups, [](const auto& kind) { return kind.second.open.count() == 0; });
+  }
+  collop.group = &state.groups[kindOf(collop.operation, collop.root)];
+  collop.group->open.add(collop);
+}
+
+// --- writing
+
+uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
+  const uint32_t n = collop.n;
+  arrays_.start.resize(n);
+  arrays_.delta.resize(n);
+  arrays_.sent.resize(n);
+  arrays_.received.resize(n);
+  arrays_.scl.resize(n);
+  for (uint32_t i = 0; i < n; ++i) {
+    const KLTM_Collop::Member& member = collop.members[i];
+    const bool seen = hasSeen(collop, i);
+    arrays_.start[i] = seen ? member.time - collop.time : KLTM_Collop::kNotSeen;
+    arrays_.delta[i] = seen ? member.end - member.time : 0;
+    arrays_.sent[i] = member.send;
+    arrays_.received[i] = member.recv;
+    arrays_.scl[i] = member.scl == KLTM_Collop::kNoScl ? 0 : member.scl;
+  }
+  if (collop.state == nullptr) return 0;
+  uint32_t root = 0;
+  uint32_t i = 0;
+  KLTT_MemberList::Cursor member(collop.state->members);
+  for (uint32_t gtp = 0; member.next(&gtp); ++i) {
+    if (gtp == collop.root) root = i;
+  }
+  return root;
+}
+
+void KLTM_CollopTable::tell(const KLTM_Collop& collop) {
+  const Shape shape = shapeOf(collop.operation);
+  const bool rooted = shape == Shape::kOneToAll || shape == Shape::kAllToOne;
+  KLTT_SumCollective(*summary_, collop.time, rooted ? collop.root : kKlttNoRoot, collop.comm,
+                     collop.operation,
+                     {.n = collop.n,
+                      .start_time = arrays_.start.data(),
+                      .delta = arrays_.delta.data(),
+                      .send_size = arrays_.sent.data(),
+                      .receive_size = arrays_.received.data(),
+                      .scl = arrays_.scl.data()});
+}
+
+void KLTM_CollopTable::write(KLTM_Collop& collop) {
+  const uint32_t root = collect(collop);
+  if (summary_ != nullptr) tell(collop);
+  writeRecord(collop, root);
+}
+
+// Always with source locations, so that a rewrite has the same length.
+void KLTM_CollopTable::writeRecord(KLTM_Collop& c, uint32_t root) {
+  KLT_UpdateSlot* slot = c.pending > 0 || c.slot.position != 0 ? &c.slot : nullptr;
+  const uint64_t* start = arrays_.start.data();
+  const uint64_t* delta = arrays_.delta.data();
+  const uint32_t* sent = arrays_.sent.data();
+  const uint32_t* received = arrays_.received.data();
+  const uint32_t* scl = arrays_.scl.data();
+  switch (shapeOf(c.operation)) {
+    case Shape::kOneToAll:
+      KLT_Write<56>(writer_, slot, c.time, c.root, sent[root], c.comm, c.operation, c.n, start,
+                    delta, received, scl);
+      break;
+    case Shape::kAllToOne:
+      KLT_Write<8>(writer_, slot, c.time, c.root, received[root], c.comm, c.operation, c.n, start,
+                   delta, sent, scl);
+      break;
+    case Shape::kAllToAll:
+      KLT_Write<6>(writer_, slot, c.time, c.comm, c.operation, c.n, start, delta, sent, received,
+                   scl);
+      break;
+    case Shape::kAll:
+      KLT_Write<4>(writer_, slot, c.time, c.comm, c.operation, c.n, start, delta, scl);
+      break;
+    case Shape::kNone:  // no record can tell it
+      break;
+  }
+}

@@ -1,0 +1,44 @@
+// The communicators that the merge knows. See RK_logmerge_comms.h.
+#include "generic/merge/RK_logmerge_comms.h"
+
+#include <utility>
+
+#include "util/pal_error.h"
+
+KLTT_MemberList KLTM_ExpandMembers(uint32_t id, PAL_TripletSpan triplets) {
+  constexpr size_t kLargest = 65535;
+  std::vector<int32_t> members = PAL_TripletsExpand(triplets);
+  if (members.size() > kLargest) {
+    PAL_Error("communicator %u has %zu members, all above %zu are left out", id, members.size(),
+              kLargest);
+    members.resize(kLargest);
+  }
+  return KLTT_MemberList(members);
+}
+
+void KLTM_Communicators::insertFirst(uint32_t id, KLTT_MemberList members) {
+  if (Communicator* communicator = table_.insert(id)) communicator->members = std::move(members);
+}
+
+void KLTM_Communicators::replace(uint32_t id, KLTT_MemberList members) {
+  Communicator* communicator = table_.find(id);
+  if (communicator == nullptr) communicator = table_.insert(id);
+  if (communicator == nullptr) return;
+  communicator->members = std::move(members);
+  if (writtenOut_ == id) writtenOut_ = 0;
+}
+
+const KLTT_MemberList* KLTM_Communicators::find(uint32_t id) const {
+  const Communicator* communicator = table_.find(id);
+  return communicator == nullptr ? nullptr : &communicator->members;
+}
+
+const std::vector<uint32_t>& KLTM_Communicators::membersOf(uint32_t id) {
+  if (writtenOut_ == id) return members_;
+  members_.clear();
+  members_.reserve(1);  // so that the array of no members has an address too
+  KLTT_MemberList::Cursor member(*find(id));
+  for (uint32_t gtp = 0; member.next(&gtp);) members_.push_back(gtp);
+  writtenOut_ = id;
+  return members_;
+}

@@ -1,0 +1,147 @@
+// Messages in the making. See RK_logmerge_messages.h.
+#include "generic/merge/RK_logmerge_messages.h"
+
+#include "generic/summary/kltt_summary.h"
+#include "klt/write/klt_write.h"
+
+namespace {
+
+// Receive times of messages with one known side.
+constexpr int64_t kNeverReceived = INT64_MIN;
+constexpr int64_t kNeverSent = INT64_MIN + 1;
+
+constexpr size_t kFirstBuckets = 1024;
+
+uint32_t processOf(uint32_t gtp) { return gtp & 0xffff; }
+
+int64_t receiveTime(const KLTM_Message& m) {
+  if (m.receiver.time == KLTM_Message::kNotSeen) return kNeverReceived;
+  if (m.sender.time == KLTM_Message::kNotSeen) return kNeverSent;
+  return static_cast<int64_t>(m.receiver.time - m.sender.time);
+}
+
+// The row of a message that hasn't been written yet. An incomplete one gets source locations where
+// the sender's isn't known to be none: they may come with the rewrite, which can't grow.
+uint8_t rowOf(const KLTM_Message& m) {
+  const bool extended = m.pending > 0 || m.sender.scl != KLTM_Message::kNoScl ||
+                        m.receiver.scl != KLTM_Message::kNoScl;
+  const bool located = extended && m.sender.scl != 0;
+  if (m.tag < 0x10000) return located ? 58 : 57;
+  return located ? 60 : 59;
+}
+
+}  // namespace
+
+KLTM_MessageTable::KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
+                                     uint64_t blockBytes)
+    : writer_(writer), summary_(summary), arena_(blockBytes), buckets_(kFirstBuckets) {}
+
+void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
+  const uint32_t own = processOf(event.gtp);
+  const uint32_t peer = processOf(event.other);
+  const uint32_t sender = event.sent ? own : peer;
+  const uint32_t receiver = event.sent ? peer : own;
+  const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
+  KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as a new one would
+  for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
+    KLTM_Message& m = **link;
+    if (m.tag != event.tag || m.comm != event.comm || m.size != event.size ||
+        processOf(m.sender.gtp) != sender || processOf(m.receiver.gtp) != receiver) {
+      continue;
+    }
+    if (m.waitsForSend != event.sent) {
+      equal = &m;
+      continue;
+    }
+    if (event.other != peer) continue;  // names no process: nothing waits for it
+    if (m.queueNext != nullptr) {
+      m.queueNext->queueEnd = m.queueEnd;
+      m.queueNext->chainNext = m.chainNext;
+      *link = m.queueNext;
+    } else {
+      *link = m.chainNext;
+      --keys_;
+    }
+    (event.sent ? m.sender : m.receiver) = {event.time, event.gtp, event.scl, event.function};
+    m.lastTime = event.time;
+    arena_.settle(m);
+    return;
+  }
+  add(event, hash, equal);
+}
+
+void KLTM_MessageTable::add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_Message* equal) {
+  KLTM_Message& m = arena_.append(*this, KLTM_Message::bytes(), event.time);
+  ++added_;
+  m.time = m.lastTime = event.time;
+  m.pending = 1;
+  m.size = event.size;
+  m.comm = event.comm;
+  m.tag = event.tag;
+  m.waitsForSend = !event.sent;
+  (event.sent ? m.sender : m.receiver) = {event.time, event.gtp, event.scl, event.function};
+  (event.sent ? m.receiver : m.sender).gtp = event.other;
+  if (equal != nullptr) {
+    equal->queueEnd->queueNext = &m;
+    equal->queueEnd = &m;
+    return;
+  }
+  m.queueEnd = &m;
+  if (++keys_ > buckets_.size()) growBuckets();
+  m.chainNext = bucketOf(hash);
+  bucketOf(hash) = &m;
+}
+
+void KLTM_MessageTable::growBuckets() {
+  std::vector<KLTM_Message*> old(4 * buckets_.size());
+  old.swap(buckets_);
+  for (KLTM_Message* head : old) {
+    while (head != nullptr) {
+      KLTM_Message& m = *head;
+      head = m.chainNext;
+      KLTM_Message*& bucket = bucketOf(
+          hash_({processOf(m.sender.gtp), processOf(m.receiver.gtp), m.comm, m.tag, m.size}));
+      m.chainNext = bucket;
+      bucket = &m;
+    }
+  }
+}
+
+void KLTM_MessageTable::write(KLTM_Message& m) {
+  const int64_t span = receiveTime(m);
+  if (summary_ != nullptr) {
+    KLTT_SumMessageEvent(*summary_, {.time = m.time,
+                                     .duration = span,
+                                     .sender = m.sender.gtp,
+                                     .receiver = m.receiver.gtp,
+                                     .communicator = m.comm,
+                                     .size = m.size,
+                                     .tag = m.tag,
+                                     .senderScl = m.sender.scl,
+                                     .receiverScl = m.receiver.scl,
+                                     .senderFunction = m.sender.function,
+                                     .receiverFunction = m.receiver.function});
+  }
+  if (m.row == 0) m.row = rowOf(m);
+  KLT_UpdateSlot* slot = m.pending > 0 || m.slot.position != 0 ? &m.slot : nullptr;
+  const auto plain = [&]<int N>() {
+    KLT_Write<N>(writer_, slot, m.time, m.sender.gtp, span, m.receiver.gtp, m.comm, m.size, m.tag,
+                 m.sender.function, m.receiver.function);
+  };
+  const auto located = [&]<int N>() {
+    KLT_Write<N>(writer_, slot, m.time, m.sender.gtp, span, m.receiver.gtp, m.comm, m.size, m.tag,
+                 m.sender.scl, m.receiver.scl, m.sender.function, m.receiver.function);
+  };
+  // A component that is lost has been reported; the matching goes on for the summary's sake and for
+  // the components that remain.
+  switch (m.row) {
+    case 57:
+      return plain.operator()<57>();
+    case 58:
+      return located.operator()<58>();
+    case 59:
+      return plain.operator()<59>();
+    default:
+      return located.operator()<60>();
+  }
+}

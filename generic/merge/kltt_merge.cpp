@@ -1,0 +1,210 @@
+// Passes of a merge or summary, and what becomes of their outputs. See kltt_merge.h.
+#include "generic/merge/kltt_merge.h"
+
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <utility>
+
+#include "generic/merge/kltt_merge_handlers.h"
+#include "generic/options/RK_conf.h"
+#include "generic/summary/kltt_summary.h"
+#include "generic/text/kltt_guard.h"
+#include "klt/index/klt_files.h"
+#include "klt/index/klt_intern.h"
+#include "klt/klt.h"
+#include "klt/write/klt_write.h"
+#include "util/pal_error.h"
+#include "util/pal_util.h"
+
+namespace {
+
+// The signals that a user stops a program with wait while this lives.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&held, signal);
+    sigprocmask(SIG_BLOCK, &held, &before_);
+  }
+  ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+class Merge {
+ public:
+  Merge(const char* prefix, const char* target, KLT_FileHandle* input, int flags,
+        KLTM_Progress progress, RK_Output* stream)
+      : prefix_(prefix),
+        target_(target),
+        input_(input),
+        flags_(flags),
+        progress_(progress),
+        stream_(stream) {}
+  // What an end ahead of close() leaves.
+  ~Merge() {
+    if (context_.summary != nullptr) (void)KLTT_SumClose(context_.summary);
+    if (context_.writer != nullptr) KLT_WriterFree(context_.writer);
+  }
+  Merge(const Merge&) = delete;
+  Merge& operator=(const Merge&) = delete;
+
+  int run() {
+    if (!flag(KLTM_MERGE) && !flag(KLTM_SUMMARY)) return KLTM_WRONG_OPERATION;
+    const bool raw = (input_->flags & 1) != 0;
+    if (raw != flag(KLTM_MERGE)) return KLTM_WRONG_TRACE;
+    if (flag(KLTM_MERGE) && !openWriter()) return KLTM_NO_OUTPUT;
+    show(-1, 0);
+    read();
+    close();
+    if (result_ == KLTM_DONE && flag(KLTM_MERGE) && flag(KLTM_DELETE_INPUT) &&
+        KLT_Remove(input_) != 0) {
+      return KLTM_INPUT_NOT_REMOVED;
+    }
+    return result_;
+  }
+
+ private:
+  [[nodiscard]] bool flag(int bit) const { return (flags_ & bit) != 0; }
+  // Neither the passes nor the output have come to grief.
+  [[nodiscard]] bool goingOn() const { return result_ < KLTM_ABORTED; }
+
+  void show(int state, int percent) const {
+    if (progress_ != nullptr) progress_(stream_, state, percent);
+  }
+
+  bool openWriter() {
+    if (KLTT_OutputIsInput(input_, PAL_PathInDir(prefix_, target_).c_str())) return false;
+    // Opened ahead of the first pass, so the profiles count in undivided times.
+    const KLT_StatsParameters statistics{&KLTM_GetIndexInComm, &context_, 0};
+    const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;
+    context_.writer =
+        KLT_WriterOpen(prefix_, target_, 1, form, 0, &statistics, KLTT_InputFiles(input_));
+    return context_.writer != nullptr;
+  }
+
+  // The passes: what there is to know, then the definitions, then the events.
+  void read() {
+    KLT_HandlerTable table;
+    if (!readDefinitions(table)) return;
+    if (flag(KLTM_MERGE)) {
+      context_.matching.start(context_.writer, context_.summary, RK_Conf::mem_blocksize);
+    }
+    const bool isRead = pass(KLT_MODE_EVENTS, table);
+    show(1, 0);  // ends the line of the percentages, however far they came
+    if (!isRead || !flag(KLTM_MERGE)) return;
+    if (context_.countsSeen) {
+      context_.counts.oneToOnes += context_.matching.messagesAdded();
+      context_.counts.collectives += context_.matching.collopsAdded();
+      if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
+    }
+    context_.matching.finish();
+  }
+
+  // Both passes find the same faults, which are told once. False if there is no going on.
+  bool readDefinitions(KLT_HandlerTable& table) {
+    PAL_MessagesOnce messages;
+    KLTM_SetScanHandlers(table, context_);
+    if (!pass(KLT_MODE_DEFINITIONS, table)) return false;
+    messages.beginSecond();
+    if (flag(KLTM_SUMMARY)) openSummary();
+    KLTM_SetCopyHandlers(table, context_);
+    return pass(KLT_MODE_DEFINITIONS, table);
+  }
+
+  void openSummary() {
+    std::string name = target_ == nullptr ? input_->base : target_;
+    if (name.find('/') == std::string::npos) name = PAL_PathInDir(prefix_, name);
+    const KLTM_Context::Counts& c = context_.counts;
+    const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
+    context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,
+                                    static_cast<int32_t>(context_.eventBits),
+                                    KLTT_SumEventLimit(input_, events), context_.threads);
+  }
+
+  // Reads the input once. False if there is no going on.
+  bool pass(int mode, const KLT_HandlerTable& table) {
+    constexpr int kStepMilliseconds = 250;
+    const bool shown = progress_ != nullptr && mode == KLT_MODE_EVENTS;
+    const KLT_OwnedReader owner(KLT_OpenReader(input_, mode, 0, nullptr, &table, 1));
+    KLT_Reader* const reader = owner.get();
+    judge(reader == nullptr ? KLT_STATUS_ABORTING : KLT_ReaderStatus(reader));
+    int percent = -1;
+    for (int status = KLT_STATUS_BUILT; goingOn() && status != KLT_STATUS_FINISHED;) {
+      status = KLT_ReadEvents(reader, shown ? kStepMilliseconds : -1);
+      judge(status);
+      if (!shown) continue;
+      const int now = static_cast<int>(std::lround(KLT_Progress(reader) * 100));
+      if (now != percent) show(0, now);
+      percent = now;
+    }
+    if (reader == nullptr) return false;
+    if (goingOn() && KLT_ReaderLostData(reader)) result_ = KLTM_INCOMPLETE;
+    return goingOn();
+  }
+
+  // Results that it doesn't name mean that reading goes on.
+  void judge(int status) {
+    switch (status) {
+      case KLT_STATUS_CONTINUING:
+        std::fputs("continuing\n", stderr);
+        result_ = KLTM_INCOMPLETE;
+        break;
+      case KLT_STATUS_ABORTING:
+        std::fputs("aborting\n", stderr);
+        result_ = KLTM_ABORTED;
+        break;
+      case KLT_STATUS_HANDLER:
+        std::fputs("callback returned error code.\n", stderr);
+        result_ = KLTM_NOT_WRITTEN;
+        break;
+      default:
+        break;
+    }
+  }
+
+  void close() {
+    KLTT_Summary* const summary = std::exchange(context_.summary, nullptr);
+    if (summary != nullptr && !KLTT_SumClose(summary) && result_ == KLTM_DONE) {
+      result_ = KLTM_INCOMPLETE;
+    }
+    if (context_.writer != nullptr) closeWriter();
+  }
+
+  // An output that ends in the middle gets no index, so that nobody takes it for a trace; one that
+  // has lost messages or operations keeps the other streams.
+  void closeWriter() {
+    const SignalsHeld held;
+    KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);
+    if (!goingOn()) {
+      KLT_WriterFree(writer);
+      return;
+    }
+    bool complete = false;
+    if (const char* error = KLT_WriterClose(writer, &complete)) PAL_Error("%s", error);
+    if (!complete) result_ = KLTM_NOT_WRITTEN;
+  }
+
+  const char* prefix_;
+  const char* target_;
+  KLT_FileHandle* input_;
+  int flags_;
+  KLTM_Progress progress_;
+  RK_Output* stream_;
+  int result_ = KLTM_DONE;
+  KLTM_Context context_;
+};
+
+}  // namespace
+
+int KLTM_Merge(const char* prefix, const char* target, KLT_FileHandle* input, int flags,
+               KLTM_Progress progress, RK_Output* stream) {
+  const KLT_OwnedTrace owner(input);
+  return Merge(prefix, target, input, flags, progress, stream).run();
+}

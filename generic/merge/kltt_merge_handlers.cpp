@@ -1,0 +1,434 @@
+// What the merge does with each record. See kltt_merge_handlers.h.
+#include "generic/merge/kltt_merge_handlers.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include "generic/text/RK_output.h"
+#include "generic/text/kltt_exit.h"
+#include "klt/write/klt_write.h"
+
+namespace {
+
+constexpr std::string_view kCountsText = "number of events:";
+
+KLTM_Context& contextOf(void* user) { return *static_cast<KLTM_Context*>(user); }
+
+// What a handler returns for the bytes of a write.
+int result(uint32_t written) { return written == 0 ? 1 : 0; }
+
+bool isScl(uint32_t scl) { return scl != 0 && scl != 0x7fffffff; }
+bool isScl(const uint32_t* scls) { return scls != nullptr; }
+
+// --- copying
+// --------------------------------------------------------------------------------------
+
+// The field of row To that holds what a field of row From does. Variants of a record name their
+// fields alike; counts have no name and keep their order.
+template <int From, int To>
+constexpr size_t sameField(size_t field) {
+  const KLT_Row& from = kKltRows[From - 1];
+  const KLT_Row& to = kKltRows[To - 1];
+  if (!from.fields[field].isCount()) return to.find(from.fields[field].name);
+  size_t ahead = 0;
+  for (size_t f = 0; f < field; ++f) ahead += from.fields[f].isCount() ? 1 : 0;
+  for (size_t f = 0; f < to.numFields; ++f) {
+    if (to.fields[f].isCount() && ahead-- == 0) return f;
+  }
+  return to.numFields;
+}
+
+// Writes row N with the arguments of row Long, which may have more fields.
+template <int N, int Long, size_t F = 0, class... Picked>
+uint32_t writeAs(KLT_WFileHandle* writer, const klt::WriteArguments<Long>& arguments,
+                 Picked... picked) {
+  constexpr const KLT_Row& row = kKltRows[N - 1];
+  if constexpr (F == row.numFields) {
+    return KLT_Write<N>(writer, nullptr, picked...);
+  } else if constexpr (klt::argumentKind(row, F, klt::isArrayField(row, F)) ==
+                       klt::ArgumentKind::kNone) {
+    return writeAs<N, Long, F + 1>(writer, arguments, picked...);
+  } else {
+    constexpr size_t from = klt::argumentIndex<Long>(sameField<N, Long>(F));
+    return writeAs<N, Long, F + 1>(writer, arguments, picked..., std::get<from>(arguments));
+  }
+}
+
+constexpr int shortestRow(std::string_view name) {
+  int best = 0;
+  unsigned fields = kKltMaxFields + 1;
+  for (const KLT_Row& row : kKltRows) {
+    if (row.name != name || row.numFields >= fields) continue;
+    best = row.number;
+    fields = row.numFields;
+  }
+  return best;
+}
+
+// Writes a record in the row with source locations if it has one.
+template <KLT_NameText Name, class... Args>
+uint32_t copyRecord(KLT_WFileHandle* writer, Args... args) {
+  constexpr int kLong = klt::longestRow(Name.view());
+  constexpr int kShort = shortestRow(Name.view());
+  const klt::WriteArguments<kLong> arguments(args...);
+  if constexpr (kShort != kLong) {
+    constexpr size_t scl = klt::argumentIndex<kLong>(kKltRows[kLong - 1].find("scl"));
+    if (!isScl(std::get<scl>(arguments))) return writeAs<kShort, kLong>(writer, arguments);
+  }
+  return writeAs<kLong, kLong>(writer, arguments);
+}
+
+template <>
+uint32_t copyRecord<"one_to_one_communication">(KLT_WFileHandle* writer, uint64_t time,
+                                                uint32_t sender, int64_t receiveTime,
+                                                uint32_t receiver, uint32_t communicator,
+                                                uint32_t size, uint32_t tag, uint32_t senderScl,
+                                                uint32_t receiverScl, uint32_t senderChecksum,
+                                                uint32_t receiverChecksum, uint32_t senderFunction,
+                                                uint32_t receiverFunction) {
+  const klt::WriteArguments<61> arguments(time, sender, receiveTime, receiver, communicator, size,
+                                          tag, senderScl, receiverScl, senderChecksum,
+                                          receiverChecksum, senderFunction, receiverFunction);
+  if (senderChecksum != 0 || receiverChecksum != 0) return writeAs<61, 61>(writer, arguments);
+  const bool located = isScl(senderScl) || isScl(receiverScl);
+  if (tag < 0x10000) {
+    return located ? writeAs<58, 61>(writer, arguments) : writeAs<57, 61>(writer, arguments);
+  }
+  return located ? writeAs<60, 61>(writer, arguments) : writeAs<59, 61>(writer, arguments);
+}
+
+// --- the summary
+// ----------------------------------------------------------------------------------
+
+// What the summary is told of a record; nothing of most.
+template <KLT_NameText Name>
+struct Told {};
+
+template <>
+struct Told<"enter_function"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
+                   uint32_t scl) {
+    KLTT_SumFunction(summary, time, thread, function, scl, true);
+  }
+};
+template <>
+struct Told<"leave_function"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t scl) {
+    KLTT_SumFunction(summary, time, thread, 0, scl, false);
+  }
+};
+template <>
+struct Told<"report"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, const char* type,
+                   const char* level, const char* description, uint32_t n, const uint64_t* times,
+                   const uint32_t* willys, const char* const* headers, const uint32_t* functions,
+                   const char* const* calls, const uint32_t* scls) {
+    KLTT_SumReportEvent(summary, {time, thread, type, level, description, n, times, willys, headers,
+                                  functions, calls, scls});
+  }
+};
+template <>
+struct Told<"one_to_one_communication"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t sender, int64_t receiveTime,
+                   uint32_t receiver, uint32_t communicator, uint32_t size, uint32_t tag,
+                   uint32_t senderScl, uint32_t receiverScl, uint32_t /*senderChecksum*/,
+                   uint32_t /*receiverChecksum*/, uint32_t senderFunction,
+                   uint32_t receiverFunction) {
+    KLTT_SumMessageEvent(summary, {time, receiveTime, sender, receiver, communicator, size, tag,
+                                   senderScl, receiverScl, senderFunction, receiverFunction});
+  }
+};
+template <>
+struct Told<"all_communication"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
+                   uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* scl) {
+    KLTT_SumCollective(summary, time, kKlttNoRoot, communicator, type,
+                       {n, start, delta, nullptr, nullptr, scl});
+  }
+};
+template <>
+struct Told<"all_to_all_communication"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
+                   uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* sent,
+                   const uint32_t* received, const uint32_t* scl) {
+    KLTT_SumCollective(summary, time, kKlttNoRoot, communicator, type,
+                       {n, start, delta, sent, received, scl});
+  }
+};
+template <>
+struct Told<"all_to_one_communication"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*received*/,
+                   uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
+                   const uint64_t* delta, const uint32_t* sent, const uint32_t* scl) {
+    KLTT_SumCollective(summary, time, root, communicator, type,
+                       {n, start, delta, sent, nullptr, scl});
+  }
+};
+template <>
+struct Told<"one_to_all_communication"> {
+  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*sent*/,
+                   uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
+                   const uint64_t* delta, const uint32_t* received, const uint32_t* scl) {
+    KLTT_SumCollective(summary, time, root, communicator, type,
+                       {n, start, delta, nullptr, received, scl});
+  }
+};
+
+template <KLT_NameText Name, class Handler = KLT_Handler<Name>>
+struct Copier;
+template <KLT_NameText Name, class... Args>
+struct Copier<Name, int (*)(void*, Args...)> {
+  static constexpr bool kTold = requires(KLTT_Summary & s, Args... args) {
+    Told<Name>::tell(s, args...);
+  };
+
+  static int handle(void* user, Args... args) {
+    KLTM_Context& context = contextOf(user);
+    if constexpr (kTold) {
+      if (context.summary != nullptr) Told<Name>::tell(*context.summary, args...);
+      if (context.writer == nullptr) return 0;
+    }
+    return result(copyRecord<Name>(context.writer, args...));
+  }
+};
+
+// The handler that copies records with this name.
+template <KLT_NameText Name>
+constexpr KLT_Handler<Name> kCopy = &Copier<Name>::handle;
+
+// --- records that need more
+// -----------------------------------------------------------------------
+
+// Values stand in a file in the byte order in which the reader's caller doesn't get them.
+int counterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
+                      const uint64_t* bounds, uint32_t gtp, uint32_t classId, const char* unit) {
+  constexpr uint32_t kDifferential = 0x80;
+  KLTM_Context& context = contextOf(user);
+  if (context.summary != nullptr) KLTT_SumDefineCounter(*context.summary, id, flags);
+  if (context.writer == nullptr) return 0;
+  return result(KLT_Write<20>(context.writer, nullptr, id, name, flags & ~kDifferential,
+                              uint32_t{(flags & kDifferential) != 0}, klt::swapBytes(bounds[0]),
+                              klt::swapBytes(bounds[1]), gtp, classId, unit));
+}
+
+int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint32_t* counters,
+                 uint64_t* values) {
+  KLTM_Context& context = contextOf(user);
+  if (context.summary != nullptr) {
+    KLTT_SumCounters(*context.summary, time, gtp, n, counters, values);
+  }
+  if (context.writer == nullptr) return 0;
+  for (uint32_t i = 0; i < n; ++i) values[i] = klt::swapBytes(values[i]);
+  return result(KLT_Write<22>(context.writer, nullptr, time, gtp, n, values, counters));
+}
+
+int communicatorDefinition(void* user, uint32_t id, const char* name, uint32_t n,
+                           const PAL_Triplet* members, int32_t leftSize) {
+  KLTM_Context& context = contextOf(user);
+  context.matching.registerCommunicator(id, KLTM_ExpandMembers(id, {members, n}));
+  const std::vector<int32_t> parts = PAL_TripletsToParallel({members, n});
+  const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
+  return result(KLT_Write<19>(context.writer, nullptr, id, name, n, gtps, gtps + n,
+                              parts.data() + 2 * size_t{n}, leftSize));
+}
+
+int processDeclaration(void* user, uint32_t n, const uint32_t* threads) {
+  KLTM_Context& context = contextOf(user);
+  context.matching.declareProcesses(n);
+  return result(KLT_Write<65>(context.writer, nullptr, n, threads));
+}
+
+bool isCountsText(const char* text) {
+  return text != nullptr && std::string_view(text).starts_with(kCountsText);
+}
+
+int info(void* user, uint32_t classId, const char* text) {
+  KLTM_Context& context = contextOf(user);
+  if (!isCountsText(text)) return result(KLT_Write<47>(context.writer, nullptr, classId, text));
+  context.countsClass = classId;
+  return 0;
+}
+
+int eventSummary(void* user, uint32_t functions, uint32_t oneToOnes, uint32_t collectives,
+                 uint32_t scopes, uint32_t counters) {
+  KLTM_Context& context = contextOf(user);
+  if (!std::exchange(context.countsSeen, true)) {
+    context.counts = {functions, oneToOnes, collectives, scopes, counters};
+  }
+  return 0;
+}
+
+int messageRawEvent(void* user, uint64_t time, uint32_t /*gtp*/, uint32_t kind, uint32_t other,
+                    uint32_t tag, uint32_t size, uint32_t comm, uint32_t function, uint32_t scl) {
+  contextOf(user).matching.message({time, kind, other, tag, size, comm, function, scl});
+  return 0;
+}
+
+int collopRawEvent(void* user, uint64_t time, uint32_t /*gtp*/, uint32_t kind, uint32_t operation,
+                   uint32_t comm, uint32_t counter, uint32_t root, uint32_t send, uint32_t recv,
+                   int64_t endtime, uint32_t scl) {
+  contextOf(user).matching.collop({time, static_cast<uint64_t>(endtime), kind, operation, comm,
+                                   counter, root, send, recv, scl});
+  return 0;
+}
+
+// Statistics of a raw trace say nothing about the merged one, which gets its own.
+int functionStatistics(void* /*user*/, uint32_t, uint32_t, uint32_t, uint64_t, uint64_t, uint64_t,
+                       uint64_t, uint64_t, uint64_t) {
+  RK_OutputWrite(RK_Stdout(), "KLTM_FunctionStatHandler\n");
+  return 0;
+}
+int oneToOneStatistics(void* /*user*/, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t) {
+  RK_OutputWrite(RK_Stdout(), "KLTM_OneToOneStatHandler\n");
+  return 0;
+}
+
+// --- the scan ------------------------------------------------------------------------------------
+
+void skipBlanks(std::string_view& text) {
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
+}
+
+// Reads a number behind `ahead`, in which a blank stands for any number of them, none included, and
+// moves `text` behind it.
+bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) {
+  for (const char c : ahead) {
+    if (c == ' ') {
+      skipBlanks(text);
+    } else {
+      if (!text.starts_with(c)) return false;
+      text.remove_prefix(1);
+    }
+  }
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  text.remove_prefix(static_cast<size_t>(end - text.data()));
+  return error == std::errc();
+}
+
+// Read without a summary, too: the merged trace gets its count from either record.
+int scanInfo(void* user, uint32_t /*classId*/, const char* text) {
+  KLTM_Context& context = contextOf(user);
+  if (context.countsSeen || !isCountsText(text)) return 0;
+  std::string_view rest = std::string_view(text).substr(kCountsText.size());
+  KLTM_Context::Counts counts;
+  context.countsSeen = readCount(rest, " ", counts.functions) &&
+                       readCount(rest, " functions, ", counts.oneToOnes) &&
+                       readCount(rest, " onetoones, ", counts.collectives) &&
+                       readCount(rest, " collectives, ", counts.scopes) &&
+                       readCount(rest, " scopes, ", counts.counters);
+  if (context.countsSeen) context.counts = counts;
+  return 0;
+}
+
+int scanClock(void* user, double /*resolution*/, uint32_t eventBits) {
+  contextOf(user).eventBits = eventBits;
+  return 0;
+}
+
+int scanDuration(void* user, uint64_t start, uint64_t end) {
+  contextOf(user).startTime = start;
+  contextOf(user).timeSpan = end - start;
+  return 0;
+}
+
+int scanThread(void* user, uint32_t gtp, const char*, const char*, uint32_t, uint64_t, double,
+               double) {
+  contextOf(user).threads.push_back(gtp);
+  return 0;
+}
+
+int scanCommunicator(void* user, uint32_t id, const char* /*name*/, uint32_t n,
+                     const PAL_Triplet* members, int32_t /*leftSize*/) {
+  contextOf(user).communicators.insertFirst(id, KLTM_ExpandMembers(id, {members, n}));
+  return 0;
+}
+
+void setSharedHandlers(KLT_HandlerTable& table) {
+  table.all_communication = kCopy<"all_communication">;
+  table.all_to_all_communication = kCopy<"all_to_all_communication">;
+  table.all_to_one_communication = kCopy<"all_to_one_communication">;
+  table.one_to_all_communication = kCopy<"one_to_all_communication">;
+  table.one_to_one_communication = kCopy<"one_to_one_communication">;
+  table.enter_function = kCopy<"enter_function">;
+  table.leave_function = kCopy<"leave_function">;
+  table.report = kCopy<"report">;
+  table.counter_definition = &counterDefinition;
+  table.counter_value = &counterValue;
+}
+
+}  // namespace
+
+void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context) {
+  table = KLT_HandlerTable{};
+  table.user_data = &context;
+  table.clock_resolution = &scanClock;
+  table.duration = &scanDuration;
+  table.info = &scanInfo;
+  table.willy_definition = &scanThread;
+  table.communicator_definition = &scanCommunicator;
+}
+
+void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context) {
+  table = KLT_HandlerTable{};
+  table.user_data = &context;
+  setSharedHandlers(table);
+  if (context.writer == nullptr) return;
+  table.class_definition = kCopy<"class_definition">;
+  table.clock_resolution = kCopy<"clock_resolution">;
+  table.collective_operation_definition = kCopy<"collective_operation_definition">;
+  table.collop_statistics = kCopy<"collop_statistics">;
+  table.comment = kCopy<"comment">;
+  table.custom_statistics = kCopy<"custom_statistics">;
+  table.custom_statistics_definition = kCopy<"custom_statistics_definition">;
+  table.duration = kCopy<"duration">;
+  table.enter_scope = kCopy<"enter_scope">;
+  table.file_definition = kCopy<"file_definition">;
+  table.file_io_begin = kCopy<"file_io_begin">;
+  table.file_io_end = kCopy<"file_io_end">;
+  table.file_io_file_definition = kCopy<"file_io_file_definition">;
+  table.function_definition = kCopy<"function_definition">;
+  table.group_definition = kCopy<"group_definition">;
+  table.leave_scope = kCopy<"leave_scope">;
+  table.lw_statistics = kCopy<"lw_statistics">;
+  table.opaque_data = kCopy<"opaque_data">;
+  table.scl_definition = kCopy<"scl_definition">;
+  table.scope_definition = kCopy<"scope_definition">;
+  table.willy_definition = kCopy<"willy_definition">;
+  table.willy_name = kCopy<"willy_name">;
+  table.communicator_definition = &communicatorDefinition;
+  table.process_declaration = &processDeclaration;
+  table.info = &info;
+  table.event_summary = &eventSummary;
+  table.message_raw_event = &messageRawEvent;
+  table.collop_raw_event = &collopRawEvent;
+  table.function_statistics = &functionStatistics;
+  table.onetoone_statistics = &oneToOneStatistics;
+}
+
+bool KLTM_WriteCounts(KLTM_Context& context) {
+  const KLTM_Context::Counts& c = context.counts;
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
+                "%u counters",
+                c.functions, c.oneToOnes, c.collectives, c.scopes, c.counters);
+  return KLT_Write<32>(context.writer, nullptr, c.functions, c.oneToOnes, c.collectives, c.scopes,
+                       c.counters) != 0 &&
+         KLT_Write<47>(context.writer, nullptr, context.countsClass, text) != 0;
+}
+
+const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t* count) {
+  KLTM_Communicators& communicators = contextOf(context).communicators;
+  if (communicator == 0) KLTT_Fatal("%s record without communicator id", "KLTM_GetIndexInComm");
+  if (communicators.find(communicator) == nullptr) {
+    KLTT_Fatal("%s record with undefined communicator id", "KLTM_GetIndexInComm");
+  }
+  const std::vector<uint32_t>& members = communicators.membersOf(communicator);
+  *count = members.size();
+  return members.data();
+}

@@ -1,0 +1,156 @@
+// The `pending` queue: a radix queue over a pool of nodes. See kltt_queue.h.
+#include "generic/sink/kltt_queue.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "util/pal_mem.h"
+
+namespace {
+
+constexpr size_t kKeptKeys = 1024;  // a large list gives its memory back
+
+}  // namespace
+
+uint32_t KLTT_Queue::newNode() {
+  if (!freeNodes_.empty()) {
+    const uint32_t node = freeNodes_.back();
+    freeNodes_.pop_back();
+    return node;
+  }
+  PAL_MakeRoom(nodes_);
+  nodes_.emplace_back();
+  return static_cast<uint32_t>(nodes_.size() - 1);
+}
+
+// REQUIRES: key.time >= now_.
+inline void KLTT_Queue::place(const Key& key) {
+  const uint64_t difference = key.time ^ now_;
+  if (difference == 0) {
+    PAL_MakeRoom(due_);
+    due_.push_back(key);
+    return;
+  }
+  const int level = (63 - std::countl_zero(difference)) / kDigitBits;
+  const uint64_t digit = key.time >> (level * kDigitBits) & 63;
+  const size_t position = static_cast<size_t>(level);
+  Bucket& bucket = buckets_[position][digit];
+  bucket.leastTime = std::min(bucket.leastTime, key.time);
+  bucket.lastTime = std::max(bucket.lastTime, key.time);
+  PAL_MakeRoom(bucket.keys);
+  bucket.keys.push_back(key);
+  usedDigits_[position] |= uint64_t{1} << digit;
+  usedLevels_ |= uint32_t{1} << level;
+}
+
+// REQUIRES: a bucket holds keys.
+inline KLTT_Queue::Bucket& KLTT_Queue::lowestBucket() {
+  const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
+  return buckets_[level][static_cast<size_t>(std::countr_zero(usedDigits_[level]))];
+}
+
+KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
+  if (present_.empty() ? time < nextTime_ : time == presentTime_) {
+    presentTime_ = time;
+    nextTime_ = std::min(nextTime_, time);
+    ++count_;
+    PAL_MakeRoom(present_);
+    return present_.emplace_back();
+  }
+  const uint32_t node = newNode();
+  if (time < now_) [[unlikely]] {
+    if (count_ == 0) {
+      now_ = 0;
+    } else {
+      late_.push_back(LateKey{.time = time, .arrival = arrivals_++, .node = node});
+      std::push_heap(late_.begin(), late_.end());
+    }
+  }
+  if (time >= now_) place(Key{.time = time, .node = node});
+  nextTime_ = std::min(nextTime_, time);
+  ++count_;
+  return nodes_[node];
+}
+
+void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoClass) {
+  uint32_t number = 0;
+  if (freeTexts_.empty()) {
+    number = static_cast<uint32_t>(texts_.size());
+    texts_.emplace_back(text);
+  } else {
+    number = freeTexts_.back();
+    freeTexts_.pop_back();
+    texts_[number] = text;
+  }
+  KLTT_Delayed& node = add(time);
+  node.kind = KLTT_DelayedKind::kComment;
+  node.gtp = 0;
+  node.comment = {.text = number, .infoClass = infoClass};
+}
+
+// Moves `now_` on to the first key there is. REQUIRES: due_ is used up, a bucket holds keys.
+void KLTT_Queue::spreadLowestBucket() {
+  due_.clear();
+  dueFirst_ = 0;
+  const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
+  Bucket& bucket = lowestBucket();
+  usedDigits_[level] &= usedDigits_[level] - 1;
+  if (usedDigits_[level] == 0) usedLevels_ &= usedLevels_ - 1;
+  now_ = bucket.leastTime;
+  if (bucket.lastTime == now_) {
+    due_.swap(bucket.keys);
+  } else {
+    for (const Key& key : bucket.keys) place(key);
+    bucket.keys.clear();
+  }
+  bucket.leastTime = kNever;
+  bucket.lastTime = 0;
+  if (bucket.keys.capacity() > kKeptKeys) std::vector<Key>().swap(bucket.keys);
+}
+
+uint32_t KLTT_Queue::frontNode() {
+  if (!late_.empty()) [[unlikely]]
+    return late_.front().node;
+  if (dueFirst_ == due_.size()) spreadLowestBucket();
+  return due_[dueFirst_].node;
+}
+
+// Time of the first node that isn't present.
+uint64_t KLTT_Queue::waitingTime() {
+  if (!late_.empty()) [[unlikely]]
+    return late_.front().time;
+  if (dueFirst_ != due_.size()) return now_;
+  return usedLevels_ == 0 ? kNever : lowestBucket().leastTime;
+}
+
+void KLTT_Queue::forgetText(const KLTT_Delayed& node) {
+  if (node.kind != KLTT_DelayedKind::kComment) [[likely]]
+    return;
+  std::string().swap(texts_[node.comment.text]);
+  freeTexts_.push_back(node.comment.text);
+}
+
+void KLTT_Queue::pop() {
+  --count_;
+  if (headsTheQueue()) {
+    forgetText(present_[presentFirst_++]);
+    if (presentFirst_ != present_.size()) return;
+    present_.clear();
+    if (present_.capacity() > kKeptKeys) std::vector<KLTT_Delayed>().swap(present_);
+    presentFirst_ = 0;
+    nextTime_ = waitingTime();
+    return;
+  }
+  const uint32_t first = frontNode();
+  forgetText(nodes_[first]);
+  PAL_MakeRoom(freeNodes_);
+  freeNodes_.push_back(first);
+  if (late_.empty()) [[likely]] {
+    ++dueFirst_;
+  } else {
+    std::pop_heap(late_.begin(), late_.end());
+    late_.pop_back();
+  }
+  nextTime_ = waitingTime();
+  if (!present_.empty()) nextTime_ = std::min(nextTime_, presentTime_);
+}

@@ -1,0 +1,219 @@
+// Call trees of the summary data. See kltt_summary_calls.h.
+#include "generic/summary/kltt_summary_calls.h"
+
+#include <algorithm>
+
+#include "generic/summary/kltt_summary_file.h"
+#include "generic/summary/kltt_summary_tables.h"
+#include "generic/tables/kltt_idtable.h"
+
+namespace {
+
+// A block of the file holds for each thread a record and its tree, level by level from the root,
+// in the byte order of the machine.
+struct ThreadRecord {
+  uint64_t binStart;
+  uint64_t binWidth;
+  uint32_t thread;
+  uint32_t events;
+  uint32_t records;  // of its tree
+  uint32_t zero;
+};
+struct TreeRecord {
+  uint32_t zero;
+  uint32_t function;
+  uint64_t self;
+  uint64_t inclusive;  // of the root: that of the level below it
+  uint32_t calls;
+  uint32_t scl;
+  uint32_t children;
+  uint32_t firstChild;    // so many records further on; 0 without children
+  uint32_t moreSiblings;  // 1 if one follows; 1 in the root, too
+  uint32_t parent;        // so many records back
+};
+static_assert(sizeof(ThreadRecord) == 32 && sizeof(TreeRecord) == 48);
+
+// Time that was told backwards doesn't count.
+uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
+
+}  // namespace
+
+KLTT_CallTrees::KLTT_CallTrees()
+    : index_(KLTT_DIRECT_IDS), buckets_(KLTT_SUM_BUCKETS), slots_(64) {}
+
+KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
+  const auto index = static_cast<uint32_t>(threads_.size());
+  const auto root = static_cast<uint32_t>(nodes_.size());
+  nodes_.emplace_back().parent = root;
+  threads_.push_back({.gtp = gtp, .calls = {{root, 0, 0, 0}}});
+  index_.add(gtp, index + 1);
+  buckets_[gtp % KLTT_SUM_BUCKETS].push_back(index);
+  return threads_.back();
+}
+
+// The parents of what is touched are touched by the end of the bin, since a call is touched when it
+// ends, and when it is still open then.
+void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
+  node.touched = true;
+  if (node.parent == index) return;
+  Node& parent = nodes_[node.parent];
+  node.touchedSibling = parent.touchedChild;
+  parent.touchedChild = index;
+}
+
+void KLTT_CallTrees::growSlots() {
+  std::vector<uint32_t> old(slots_.size() * 2);
+  old.swap(slots_);
+  for (const uint32_t node : old) {
+    if (node == 0) continue;
+    size_t slot = slotOf(nodes_[node].parent, nodes_[node].function);
+    while (slots_[slot] != 0) slot = (slot + 1) & (slots_.size() - 1);
+    slots_[slot] = node;
+  }
+}
+
+uint32_t KLTT_CallTrees::findChild(uint32_t parent, uint32_t function) {
+  size_t slot = slotOf(parent, function);
+  for (; slots_[slot] != 0; slot = (slot + 1) & (slots_.size() - 1)) {
+    const Node& node = nodes_[slots_[slot]];
+    if (node.parent == parent && node.function == function) {
+      return nodes_[parent].lastChild = slots_[slot];
+    }
+  }
+  const auto child = static_cast<uint32_t>(nodes_.size());
+  Node& node = nodes_.emplace_back();
+  node.function = function;
+  node.parent = parent;
+  nodes_[parent].lastChild = child;
+  slots_[slot] = child;
+  if (++slotsUsed_ * 2 > slots_.size()) growSlots();
+  return child;
+}
+
+void KLTT_CallTrees::enter(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) {
+  Thread& thread = threadOf(gtp);
+  ++thread.events;
+  Call& top = thread.calls.back();
+  top.self += elapsed(top.resumed, time);
+  const uint32_t child = childOf(top.node, function);
+  Node& node = nodes_[child];
+  touch(node, child);
+  ++node.calls;
+  if (node.scl == 0) node.scl = scl;
+  thread.calls.push_back({.node = child, .resumed = time, .entered = time, .self = 0});
+}
+
+void KLTT_CallTrees::leave(uint64_t time, uint32_t gtp) {
+  Thread& thread = threadOf(gtp);
+  ++thread.events;
+  if (thread.calls.size() == 1) return;
+  close(thread.calls.back(), time);
+  thread.calls.pop_back();
+  thread.calls.back().resumed = time;
+}
+
+void KLTT_CallTrees::close(const Call& call, uint64_t time) {
+  Node& node = nodes_[call.node];
+  node.self += call.self + elapsed(call.resumed, time);
+  node.inclusive += elapsed(call.entered, time);
+  touch(node, call.node);
+}
+
+// A call below the top counts the time since it was last resumed, that of its callee included.
+void KLTT_CallTrees::closeAll(Thread& thread, uint64_t binEnd) {
+  for (Call& call : thread.calls) {
+    close(call, binEnd);
+    call = {.node = call.node, .resumed = binEnd, .entered = binEnd, .self = 0};
+  }
+}
+
+void KLTT_CallTrees::appendChildren(uint32_t place) {
+  const auto first = static_cast<uint32_t>(places_.size());
+  for (uint32_t child = nodes_[places_[place].node].touchedChild; child != 0;
+       child = nodes_[child].touchedSibling) {
+    places_.push_back({child, place, 0, 0, true});
+  }
+  const auto end = static_cast<uint32_t>(places_.size());
+  if (end == first) return;
+  places_[place].firstChild = first;
+  places_[place].children = end - first;
+  if (end - first > 1)
+    std::sort(places_.begin() + first, places_.end(), [this](const Place& a, const Place& b) {
+      return nodes_[a.node].function < nodes_[b.node].function;
+    });
+  places_.back().moreSiblings = false;
+}
+
+// Of the root's children only the one with the lowest number gets into the tree.
+void KLTT_CallTrees::layOut(uint32_t root) {
+  places_.assign(1, {root, 0, 0, 0, true});
+  beside_.clear();
+  appendChildren(0);
+  for (size_t i = 2; i < places_.size(); ++i) beside_.push_back(places_[i].node);
+  if (places_.size() > 1) {
+    places_.resize(2);
+    places_[0].children = 1;
+    places_[1].moreSiblings = false;
+  }
+  for (uint32_t place = 1; place < places_.size(); ++place) appendChildren(place);
+  nodes_[root].self = 0;
+  nodes_[root].inclusive = places_.size() > 1 ? nodes_[places_[1].node].inclusive : 0;
+  for (size_t i = 0; i < beside_.size(); ++i) {
+    for (uint32_t child = nodes_[beside_[i]].touchedChild; child != 0;
+         child = nodes_[child].touchedSibling) {
+      beside_.push_back(child);
+    }
+  }
+}
+
+void KLTT_CallTrees::writeThread(KLTT_SumFile& file, const Thread& thread, uint64_t binStart,
+                                 uint64_t binWidth) {
+  file.put(ThreadRecord{.binStart = binStart,
+                        .binWidth = binWidth,
+                        .thread = thread.gtp,
+                        .events = thread.events,
+                        .records = static_cast<uint32_t>(places_.size()),
+                        .zero = 0});
+  for (uint32_t i = 0; i < places_.size(); ++i) {
+    const Place& place = places_[i];
+    const Node& node = nodes_[place.node];
+    file.put(TreeRecord{.zero = 0,
+                        .function = node.function,
+                        .self = node.self,
+                        .inclusive = node.inclusive,
+                        .calls = node.calls,
+                        .scl = node.scl,
+                        .children = place.children,
+                        .firstChild = place.children == 0 ? 0 : place.firstChild - i,
+                        .moreSiblings = place.moreSiblings,
+                        .parent = i - place.parent});
+  }
+}
+
+// Clears what the bin has counted in the nodes that it touched.
+void KLTT_CallTrees::clear() {
+  const auto clearNode = [this](uint32_t index) {
+    Node& node = nodes_[index];
+    node.self = node.inclusive = 0;
+    node.calls = node.scl = 0;
+    node.touchedChild = node.touchedSibling = 0;
+    node.touched = false;
+  };
+  for (const Place& place : places_) clearNode(place.node);
+  for (const uint32_t node : beside_) clearNode(node);
+}
+
+void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd,
+                           uint64_t binWidth) {
+  for (const std::vector<uint32_t>& bucket : buckets_) {
+    for (const uint32_t index : bucket) {
+      Thread& thread = threads_[index];
+      closeAll(thread, binEnd);
+      layOut(thread.calls.front().node);
+      writeThread(file, thread, binStart, binWidth);
+      clear();
+      thread.events = 0;
+    }
+  }
+  file.endBlock(threads_.size());
+}

@@ -1,0 +1,104 @@
+// Call trees of the summary data: what each thread did in a bin, by path of calls.
+//
+// A path once taken keeps its node for the whole run; what a node counts belongs to the bin. Only
+// what was touched in a bin is written and cleared at its end, so an idle thread with a large tree
+// costs no more than one with none. Times are those of the summary, shifted by the event bits.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "klt/index/klt_idmap.h"
+#include "util/pal_hash.h"
+
+class KLTT_SumFile;
+
+class KLTT_CallTrees {
+ public:
+  KLTT_CallTrees();
+
+  // Enters a thread, unless it is there. Other threads are entered by their first event.
+  void addThread(uint32_t gtp) { (void)threadOf(gtp); }
+  [[nodiscard]] bool empty() const { return threads_.empty(); }
+
+  void enter(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);
+  // Without an open call it only counts as an event.
+  void leave(uint64_t time, uint32_t gtp);
+
+  // Writes a block with a record and a tree for each thread, and clears the bin. Calls that are
+  // open are counted up to `binEnd`.
+  void flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd, uint64_t binWidth);
+
+ private:
+  // Children that were touched in this bin hang in a list without order; 0 ends it, since a root is
+  // nobody's child.
+  struct Node {
+    uint64_t self = 0;
+    uint64_t inclusive = 0;
+    uint32_t function = 0;
+    uint32_t calls = 0;
+    uint32_t scl = 0;  // the first one of this bin
+    uint32_t parent = 0;
+    uint32_t lastChild = 0;  // found last; saves most lookups
+    uint32_t touchedChild = 0;
+    uint32_t touchedSibling = 0;
+    bool touched = false;
+  };
+  // An open call: since when it counts time of its own, since when it has been open, both moved up
+  // to the start of the bin, and the time of its own that its node doesn't have yet.
+  struct Call {
+    uint32_t node;
+    uint64_t resumed;
+    uint64_t entered;
+    uint64_t self;
+  };
+  struct Thread {
+    uint32_t gtp;
+    uint32_t events = 0;      // in this bin
+    std::vector<Call> calls;  // the root first
+  };
+  // A record of a tree that is written, by its position.
+  struct Place {
+    uint32_t node;
+    uint32_t parent;
+    uint32_t firstChild;
+    uint32_t children;
+    bool moreSiblings;
+  };
+
+  [[nodiscard]] Thread& threadOf(uint32_t gtp) {
+    const uint32_t index = index_.find(gtp);
+    return index == 0 ? newThread(gtp) : threads_[index - 1];
+  }
+  Thread& newThread(uint32_t gtp);
+  void touch(Node& node, uint32_t index) {
+    if (!node.touched) firstTouch(node, index);
+  }
+  void firstTouch(Node& node, uint32_t index);
+  [[nodiscard]] uint32_t childOf(uint32_t parent, uint32_t function) {
+    const uint32_t last = nodes_[parent].lastChild;
+    return nodes_[last].function == function && last != 0 ? last : findChild(parent, function);
+  }
+  [[nodiscard]] uint32_t findChild(uint32_t parent, uint32_t function);
+  [[nodiscard]] size_t slotOf(uint32_t parent, uint32_t function) const {
+    return hash_({parent, function}) & (slots_.size() - 1);
+  }
+  void growSlots();
+  void close(const Call& call, uint64_t time);
+  void closeAll(Thread& thread, uint64_t binEnd);
+  void layOut(uint32_t root);
+  void appendChildren(uint32_t place);
+  void writeThread(KLTT_SumFile& file, const Thread& thread, uint64_t binStart, uint64_t binWidth);
+  void clear();
+
+  std::vector<Thread> threads_;
+  KLT_IdIndex index_;
+  std::vector<std::vector<uint32_t>>
+      buckets_;  // of threads, in the order in which they are written
+  std::vector<Node> nodes_;
+  std::vector<uint32_t> slots_;  // nodes by parent and function; a power of two, at most half full
+  size_t slotsUsed_ = 0;
+  PAL_Hash<2> hash_;
+  std::vector<Place> places_;     // of the tree that is being written
+  std::vector<uint32_t> beside_;  // touched, not written
+};

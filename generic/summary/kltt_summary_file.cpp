@@ -1,0 +1,97 @@
+// Files of the summary data. See kltt_summary_file.h.
+#include "generic/summary/kltt_summary_file.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "util/pal_error.h"
+#include "util/vfd.h"
+
+namespace {
+
+constexpr uint64_t kVersion = 1;
+constexpr mode_t kFileMode = 0644;
+constexpr size_t kWriteBytes = 65536;  // that are worth a write
+constexpr size_t kBufferBytes = 2 * kWriteBytes;
+
+}  // namespace
+
+void KLTT_SumFile::create(std::string path, uint64_t binWidth) {
+  path_ = std::move(path);
+  binWidth_ = binWidth;
+  buffer_.resize(kBufferBytes);
+  descriptor_ = Vfd_Open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, kFileMode);
+  if (descriptor_ < 0) {
+    const int error = errno;
+    PAL_Error("could not create summary file %s: %s", PAL_Printable(path_).c_str(),
+              std::strerror(error));
+    return;
+  }
+  good_ = true;
+  end_ = 3 * sizeof(uint64_t);
+  complete();
+}
+
+void KLTT_SumFile::putText(const char* text) {
+  const size_t length = text == nullptr ? 0 : std::min<size_t>(std::strlen(text), UINT32_MAX);
+  put(static_cast<uint32_t>(length));
+  append(text, length);
+}
+
+void KLTT_SumFile::endBlock(uint64_t records) {
+  records_ += records;
+  if (descriptor_ >= 0 || used_ >= kWriteBytes) flush();
+}
+
+void KLTT_SumFile::flush() {
+  spill();
+  if (descriptor_ >= 0) complete();
+}
+
+// Texts may be longer than the buffer.
+void KLTT_SumFile::append(const void* bytes, size_t count) {
+  const auto* from = static_cast<const uint8_t*>(bytes);
+  while (count > 0) {
+    if (used_ == buffer_.size()) spill();
+    const size_t part = std::min(count, buffer_.size() - used_);
+    std::memcpy(buffer_.data() + used_, from, part);
+    used_ += part;
+    from += part;
+    count -= part;
+  }
+}
+
+void KLTT_SumFile::spill() {
+  const size_t bytes = std::exchange(used_, 0);
+  if (!good_ || bytes == 0) return;
+  if (descriptor_ < 0) {
+    descriptor_ = Vfd_Open(path_.c_str(), O_RDWR, 0);
+    if (descriptor_ < 0) return fail();
+    Vfd_Pin(descriptor_, 1);
+  }
+  writeAt(end_, buffer_.data(), bytes);
+  end_ += bytes;
+}
+
+void KLTT_SumFile::writeAt(uint64_t offset, const void* bytes, size_t count) {
+  if (good_ && Vfd_PWriteFully(descriptor_, bytes, count, static_cast<off_t>(offset)) < count) {
+    fail();
+  }
+}
+
+// Writes the header and gives the descriptor back.
+void KLTT_SumFile::complete() {
+  const uint64_t header[] = {kVersion, binWidth_, records_};
+  writeAt(0, header, sizeof header);
+  if (Vfd_Close(std::exchange(descriptor_, -1)) < 0) fail();
+}
+
+// Reports the first failure, by errno.
+void KLTT_SumFile::fail() {
+  if (!std::exchange(good_, false)) return;
+  const int error = errno;
+  PAL_Error("writing to %s failed: %s", PAL_Printable(path_).c_str(), std::strerror(error));
+}

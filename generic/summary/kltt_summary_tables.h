@@ -1,0 +1,167 @@
+// What the summary data counts in a bin by key: collective operations, messages, counter samples.
+//
+// Each table is written and emptied at the end of its bin. A file shows the keys as a table of 31
+// chains would be walked, bucket by bucket and in each by arrival; here keys are found through one
+// hash and put into that order when they are written. Times are those of the summary, shifted by
+// the event bits.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "klt/index/klt_idmap.h"
+#include "util/pal_hash.h"
+
+class KLTT_SumFile;
+struct KLTT_SumMembers;
+
+// Chains of the tables whose order the files show.
+inline constexpr uint32_t KLTT_SUM_BUCKETS = 31;
+
+// Values of a bin by a key of `Words` numbers. Emptying costs nothing: slots of another bin are
+// free.
+template <size_t Words, class Value>
+class KLTT_BinTable {
+ public:
+  using Key = std::array<uint32_t, Words>;
+  struct Entry {
+    Key key;
+    Value value;
+  };
+
+  // The value under `key`, and whether it is new. Moves when entries are added.
+  std::pair<Value&, bool> operator[](const Key& key) {
+    size_t slot = slotOf(key);
+    for (; slots_[slot].bin == bin_; slot = (slot + 1) & (slots_.size() - 1)) {
+      Entry& entry = entries_[slots_[slot].entry];
+      if (same(entry.key, key)) return {entry.value, false};
+    }
+    slots_[slot] = {bin_, static_cast<uint32_t>(entries_.size())};
+    entries_.push_back({key, Value{}});
+    if (entries_.size() * 2 > slots_.size()) growSlots();
+    return {entries_.back().value, true};
+  }
+
+  [[nodiscard]] bool empty() const { return entries_.empty(); }
+  [[nodiscard]] size_t size() const { return entries_.size(); }
+
+  // Calls visit(entry) in the order of the buckets that bucketOf(key) names, then of arrival.
+  template <class BucketOf, class Visit>
+  void walk(BucketOf bucketOf, Visit visit) {
+    std::array<size_t, KLTT_SUM_BUCKETS + 1> starts{};
+    for (const Entry& entry : entries_) ++starts[bucketOf(entry.key) % KLTT_SUM_BUCKETS + 1];
+    for (size_t i = 1; i < starts.size(); ++i) starts[i] += starts[i - 1];
+    order_.resize(entries_.size());
+    for (uint32_t i = 0; i < entries_.size(); ++i) {
+      order_[starts[bucketOf(entries_[i].key) % KLTT_SUM_BUCKETS]++] = i;
+    }
+    for (const uint32_t i : order_) visit(entries_[i]);
+  }
+
+  void clear() {
+    entries_.clear();
+    ++bin_;
+  }
+
+ private:
+  struct Slot {
+    uint32_t bin = 0;
+    uint32_t entry = 0;
+  };
+
+  // A few words: less than a call of memcmp costs.
+  static bool same(const Key& a, const Key& b) {
+    uint32_t differing = 0;
+    for (size_t i = 0; i < Words; ++i) differing |= a[i] ^ b[i];
+    return differing == 0;
+  }
+
+  [[nodiscard]] size_t slotOf(const Key& key) const { return hash_(key) & (slots_.size() - 1); }
+
+  void growSlots() {
+    slots_.assign(slots_.size() * 2, Slot{});
+    for (uint32_t i = 0; i < entries_.size(); ++i) {
+      size_t slot = slotOf(entries_[i].key);
+      while (slots_[slot].bin == bin_) slot = (slot + 1) & (slots_.size() - 1);
+      slots_[slot] = {bin_, i};
+    }
+  }
+
+  std::vector<Entry> entries_;   // by arrival
+  std::vector<Slot> slots_{64};  // a power of two, at most half of them of this bin
+  std::vector<uint32_t> order_;
+  uint32_t bin_ = 1;
+  PAL_Hash<Words> hash_;
+};
+
+class KLTT_SumTables {
+ public:
+  void collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
+                  uint32_t eventBits, const KLTT_SumMembers& members);
+
+  struct Message {
+    uint64_t time;
+    int64_t duration;  // negative if the receive came first
+    uint32_t sender, receiver, communicator, size, tag;
+    uint32_t senderFunction, receiverFunction, senderScl, receiverScl;
+  };
+  void message(const Message& message);
+
+  void defineCounter(uint32_t id, uint32_t type);
+  // `bits`: a signed integer or a double, as the counter is defined.
+  void counter(uint64_t time, uint32_t thread, uint32_t id, uint64_t bits);
+
+  // Each writes a block, unless there is nothing to write, and empties its table.
+  void flushCollectives(KLTT_SumFile& file);
+  void flushMessages(KLTT_SumFile& file);
+  void flushCounters(KLTT_SumFile& file);
+
+ private:
+  struct CollectiveSums {
+    uint64_t time = 0;
+    uint32_t count = 0;
+    uint32_t members = 0;
+    size_t firstMember = 0;  // in members_
+  };
+  // A member's part in one operation, or in all of a bin.
+  struct Member {
+    uint64_t start, end, sum, shortest, longest;
+    double lowestRate, highestRate;
+    uint32_t scl;
+    uint32_t sent, leastSent, mostSent;
+    uint32_t received, leastReceived, mostReceived;
+  };
+  struct MessageSums {
+    uint32_t count = 0;
+    uint32_t bytes = 0;
+    uint64_t times = 0;
+    uint64_t durations = 0;  // modulo 2^64
+    int64_t shortest = 0, longest = 0;
+    uint32_t senderScl = 0, receiverScl = 0;
+  };
+  struct CounterSums {
+    uint64_t first = 0, last = 0;
+    uint32_t count = 0;
+    double lowest = 0, highest = 0, mean = 0;
+    double lowestRate = 0, highestRate = 0, meanRate = 0;
+    double lastValue = 0;
+  };
+
+  [[nodiscard]] static Member memberOf(uint64_t time, uint32_t eventBits,
+                                       const KLTT_SumMembers& members, uint32_t i);
+  void fold(Member& into, const Member& member);
+  void addBytes(uint32_t& sum, uint32_t bytes);
+
+  KLTT_BinTable<3, CollectiveSums> collectives_;  // communicator, type, root
+  std::vector<Member> members_;
+  // Sender, receiver, communicator, size, tag, function of sender and of receiver.
+  KLTT_BinTable<7, MessageSums> messages_;
+  KLTT_BinTable<2, CounterSums> counters_;  // thread, counter
+  KLT_IdIndex counterIndex_{65536};
+  std::vector<uint8_t> counterFlags_;
+  bool wrapped_ = false;
+};

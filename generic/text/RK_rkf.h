@@ -1,0 +1,84 @@
+// The lines of RKF, the text form of a trace: one function for each kind of line.
+//
+// Every writer takes the output first and then the values in the order of the line; it returns 0,
+// or 1 once the output has failed. Values are passed as the trace has them: the writers add the 1
+// that the text wants for threads, processes and some ids, leave out a source location (SCL) of 0
+// or 0x7fffffff, and show a missing text as "(null)". A time stamp is the value of RK_SinkTime,
+// shown signed unless a writer says otherwise. Lines and parts marked [extended] appear only with
+// the option EXTENDED-RKF, which the writers look up themselves.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "util/triplets/pal_triplets.h"
+
+struct RK_Output;
+
+// Definitions.
+int RK_WriteNcpus(RK_Output* out, std::span<const uint32_t> counts);
+int RK_WriteThreadNums(RK_Output* out, std::span<const uint32_t> counts);
+int RK_WriteCpuSym(RK_Output* out, uint32_t gtp, const char* name);
+int RK_WriteClock(RK_Output* out, double resolution, uint32_t eventBits);  // EVENTBITS [extended]
+int RK_WriteDuration(RK_Output* out, uint64_t start, uint64_t end);        // [extended]
+int RK_WriteAct(RK_Output* out, uint32_t classId, const char* name);
+int RK_WriteSampClass(RK_Output* out, uint32_t classId, const char* name);
+int RK_WriteState(RK_Output* out, uint32_t function, uint32_t classId, const char* name);
+int RK_WriteGlobalOpToken(RK_Output* out, uint32_t operation, const char* name);
+int RK_WriteFileToken(RK_Output* out, uint32_t file, const char* name);
+int RK_WriteScl(RK_Output* out, uint32_t scl, uint32_t n, const uint32_t* files,
+                const uint32_t* lines);
+int RK_WriteGroup(RK_Output* out, uint32_t group, const char* name,
+                  std::span<const uint32_t> members);
+// `flags`: bit 0 integer counter, bits 2 to 4 rate hint, 0x80 differential. `bounds` are the lower
+// and the upper one in host order, doubles by their bits.
+int RK_WriteSamp(RK_Output* out, uint32_t counter, uint32_t classId, uint32_t gtp, uint32_t flags,
+                 const uint64_t* bounds, const char* name, const char* unit);
+int RK_WriteIoFile(RK_Output* out, uint32_t file, uint32_t communicator, const char* name);
+int RK_WriteScope(RK_Output* out, uint32_t scope, uint32_t classId, const char* name,
+                  uint32_t startScl, uint32_t endScl);  // [extended]
+int RK_WriteComDef(RK_Output* out, uint32_t communicator, uint32_t memberCount,
+                   PAL_TripletSpan members, const char* name);  // NAME [extended]
+
+// Events.
+// `enter`: true "DOWNTO", false "UPTO"; `function` is the one entered or returned to, 0 for none.
+int RK_WriteExchange(RK_Output* out, uint64_t time, uint32_t gtp, bool enter, uint32_t function,
+                     uint32_t scl);
+int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
+                    uint32_t sender, uint32_t receiver, uint32_t size, uint32_t scl,
+                    uint32_t function);  // FUNCTION [extended]
+int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
+                    uint32_t receiver, uint32_t sender, uint32_t size, uint32_t scl,
+                    uint32_t function);  // FUNCTION [extended]
+int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
+                     uint32_t communicator, uint32_t root, uint32_t bytesSent,
+                     uint32_t bytesReceived, int64_t duration, uint32_t scl);
+// types[i] is 1 for an integer value, anything else for a double; values in host order.
+int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
+                  const uint32_t* counters, const uint8_t* types, const uint64_t* values);
+int RK_WriteComment(RK_Output* out, uint64_t time, const char* text);
+int RK_WriteOpaque(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
+                   uint32_t scl);
+int RK_WriteFileIoBegin(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
+                        uint32_t file, uint32_t bytes, uint32_t scl);
+int RK_WriteFileIoEnd(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
+                      uint32_t file, uint32_t bytes, uint32_t scl);
+int RK_WriteBeginScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                       uint32_t scl);  // [extended]
+int RK_WriteEndScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                     uint32_t scl);  // [extended]
+
+// Matched forms, with unsigned time stamps.
+// A `time` of 0x8000000000000001 is shown as unknown (`delta` is then the receive time), and so is
+// a `delta` of 0x8000000000000000.
+int RK_WriteOneToOne(RK_Output* out, uint64_t time, uint32_t sender, uint32_t receiver,
+                     int64_t delta, uint32_t communicator, uint32_t size, uint32_t tag,
+                     uint32_t senderScl, uint32_t receiverScl, uint32_t senderChecksum,
+                     uint32_t receiverChecksum, uint32_t senderFunction, uint32_t receiverFunction);
+// `kind` 1 to 4: one-to-all, all-to-one, all-to-all, all. `root` all ones: none. The arrays have
+// `n` entries; `sent`, `received` and `scls` may be null. A start of all ones, or all ones minus
+// one, shows as unknown.
+int RK_WriteCollOp(RK_Output* out, uint64_t time, uint32_t kind, uint32_t operation,
+                   uint32_t communicator, uint32_t root, uint32_t n, const uint64_t* starts,
+                   const uint64_t* deltas, const uint32_t* sent, const uint32_t* received,
+                   const uint32_t* scls);

@@ -1,0 +1,42 @@
+// Outputs and the input. See kltt_guard.h.
+#include "generic/text/kltt_guard.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <unordered_set>
+
+#include "generic/text/kltt_exit.h"
+#include "klt/index/klt_intern.h"
+#include "util/pal_error.h"
+
+// An output that isn't there yet, or is no file, needs no look at the input's many files.
+bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
+  struct stat info {};
+  const bool isStandard = std::strcmp(name, "-") == 0;
+  if ((isStandard ? fstat(STDOUT_FILENO, &info) : stat(name, &info)) != 0) return false;
+  return S_ISREG(info.st_mode) && KLTT_InputFiles(handle).contains(info);
+}
+
+void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {
+  if (!KLTT_OutputIsInput(handle, name)) return;
+  std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(name).c_str());
+  KLTT_Exit(1);
+}
+
+KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle) {
+  KLT_FileSet files;
+  files.add(KLT_ComponentName(*handle, handle->indexEntry, false));
+  std::unordered_set<std::string_view> seen;
+  for (const auto& entry : handle->files.entries()) {
+    // Which of the two a file is shows only in its use; most names stand for both.
+    if (!seen.insert(entry.value->suffix).second) continue;
+    for (const bool anchors : {false, true}) {
+      files.add(KLT_ComponentName(*handle, *entry.value, anchors));
+    }
+  }
+  return files;
+}

@@ -1,0 +1,129 @@
+// The tables of an open trace. See klt_intern.h.
+#include "klt/index/klt_intern.h"
+
+#include <algorithm>
+
+#include "klt/index/klt_generic.h"
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+
+KLT_FileHandle::KLT_FileHandle() {
+  indexEntry.filetype = static_cast<uint32_t>(KLT_FileType::kIndex);
+}
+
+KLT_FileHandle::~KLT_FileHandle() {
+  if (container != nullptr) KLT_ContainerClose(container);
+}
+
+bool KLT_SuffixIsSafe(std::string_view suffix) {
+  if (suffix.empty()) return false;
+  return std::none_of(suffix.begin(), suffix.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return c == '/' || byte < 0x20 || byte == 0x7f;
+  });
+}
+
+const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id) {
+  const std::string* text = handle.strings.find(id);
+  return text == nullptr ? nullptr : text->c_str();
+}
+
+namespace {
+
+const KLT_FileEntry* fileOf(const KLT_FileHandle& handle, uint32_t id) {
+  const std::unique_ptr<KLT_FileEntry>* file = handle.files.find(id);
+  return file == nullptr ? nullptr : file->get();
+}
+
+std::string componentKey(const KLT_Component& component, uint32_t dataFile) {
+  return std::to_string(component.categories) + '/' + std::to_string(component.listId) + '/' +
+         std::to_string(dataFile);
+}
+
+void enterComponent(KLT_FileHandle& handle, std::unique_ptr<KLT_Component> component,
+                    uint32_t dataFile) {
+  if (handle.componentKeys.emplace(componentKey(*component, dataFile), component.get()).second) {
+    handle.components.push_back(std::move(component));
+  }
+}
+
+}  // namespace
+
+void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
+                      uint32_t categories, uint32_t willies) {
+  const PAL_Place here;
+  auto component = std::make_unique<KLT_Component>();
+  component->anchorFile = fileOf(handle, anchorFile);
+  component->dataFile = fileOf(handle, dataFile);
+  component->categories = categories;
+  if (const std::unique_ptr<PAL_Triplets>* list = handle.willyLists.find(willies)) {
+    component->willies = list->get();
+    component->listId = willies;
+  }
+  enterComponent(handle, std::move(component), dataFile);
+}
+
+bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype, std::string_view suffix) {
+  const PAL_Place here;
+  if (!KLT_SuffixIsSafe(suffix)) return false;
+  auto file = std::make_unique<KLT_FileEntry>();
+  file->suffix = suffix;
+  file->filetype = filetype;
+  const KLT_FileEntry* entry = file.get();
+  if (handle.files.insert(id, std::move(file)) == nullptr) return true;
+  if (filetype == static_cast<uint32_t>(KLT_FileType::kStatistics)) {
+    auto component = std::make_unique<KLT_Component>();
+    component->dataFile = entry;
+    component->categories = klt::kStatistics;
+    enterComponent(handle, std::move(component), id);
+  }
+  return true;
+}
+
+std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle) {
+  const PAL_Place here;
+  constexpr uint32_t kBuckets = 1021;
+  const auto bucket = [](const KLT_Component* component) {
+    return (component->listId + component->categories) % kBuckets;
+  };
+  std::vector<KLT_Component*> ordered;
+  ordered.reserve(handle.components.size());
+  for (const auto& component : handle.components) ordered.push_back(component.get());
+  std::stable_sort(
+      ordered.begin(), ordered.end(),
+      [&](const KLT_Component* a, const KLT_Component* b) { return bucket(a) < bucket(b); });
+  return ordered;
+}
+
+const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle) {
+  for (const auto& entry : handle.files.entries()) {
+    if (entry.value->filetype == static_cast<uint32_t>(KLT_FileType::kDeclarations)) {
+      return entry.value.get();
+    }
+  }
+  return nullptr;
+}
+
+std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file, bool anchors) {
+  std::string name = base;
+  if (!file.suffix.empty()) name += '.' + file.suffix;
+  if (anchors) name += ".anc";
+  return name;
+}
+
+std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
+                              bool anchors) {
+  return KLT_ComponentName(handle.base, file, anchors);
+}
+
+void KLT_ReportUnopened(const std::string& name) {
+  PAL_Perror(name.c_str());
+  PAL_Error("Could not open file %s for reading.", PAL_Printable(name).c_str());
+}
+
+void KLT_ReportCorrupted(const KLT_FileHandle& handle, const std::string& suffix, unsigned number,
+                         uint64_t offset) {
+  PAL_Error("Found corrupted data while filtering %s.%s (rectype %d, offset %u).",
+            PAL_Printable(handle.base).c_str(), PAL_Printable(suffix).c_str(),
+            static_cast<int>(number), static_cast<unsigned>(offset));
+}

@@ -1,0 +1,123 @@
+// The tables of an open trace: what its index and its declarations say.
+//
+// Owned by KLT_FileHandle, filled by the structure records, read by everything that needs a text, a
+// thread list, a component or a communicator. In every table the first entry of an id stays, id 0
+// is never stored, and whatever refers to an id that isn't there finds nothing.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "klt/format/klt_schema.h"
+#include "klt/index/klt_idmap.h"
+#include "klt/storage/klt_io.h"
+#include "util/triplets/pal_triplets.h"
+
+struct KLT_DecoderTable;
+
+// What a file of a trace holds.
+enum class KLT_FileType : uint8_t {
+  kData = 0,
+  kAnchors = 1,
+  kDeclarations = 2,
+  kStatistics = 3,
+  kIndex = 5,
+};
+
+struct KLT_FileEntry {
+  std::string suffix;  // behind the base name and a dot; empty for the index
+  uint32_t filetype = 0;
+};
+
+// One seek point of a component.
+struct KLT_Anchor {
+  uint64_t time = 0;           // running time at `offset`
+  uint64_t offset = 0;         // in the data file
+  uint64_t historyOffset = 0;  // of the records in the anchor file that belong to it
+  uint64_t historyBytes = 0;
+  bool hasOffsetHistory = false;  // its records tell open scopes, counters, messages, collectives
+};
+
+// A data file with its anchors.
+struct KLT_Component {
+  const KLT_FileEntry* anchorFile = nullptr;  // null if it has none
+  const KLT_FileEntry* dataFile = nullptr;    // null if the index names one that isn't declared
+  const PAL_Triplets* willies = nullptr;      // null: all threads
+  uint32_t categories = 0;
+  uint32_t listId = 0;  // id of `willies`
+  std::vector<KLT_Anchor> anchors;
+  bool anchorsLoaded = false;
+};
+
+struct KLT_Group {
+  std::string name;
+  std::vector<uint32_t> members;
+};
+
+struct KLT_FileHandle {
+  std::string base;  // the name that the user gave
+  KLT_Container* container = nullptr;
+  KLT_FileEntry indexEntry;
+  KLT_IdMap<std::string> strings;
+  KLT_IdMap<std::unique_ptr<PAL_Triplets>> willyLists;
+  KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
+  std::vector<std::unique_ptr<KLT_Component>> components;  // in order of arrival
+  std::unordered_map<std::string, KLT_Component*> componentKeys;
+  std::vector<uint32_t> threadsPerProcess;
+  KLT_IdMap<PAL_Triplets> communicators;
+  KLT_IdMap<KLT_Group> groups;
+  std::unique_ptr<KLT_DecoderTable> decoders;
+  uint8_t header[11] = {};
+  uint32_t flags = 0;
+  bool genericOnly = false;  // stored layouts that equal a row are read generically too
+  bool lostData = false;     // the index ended early
+
+  KLT_FileHandle();
+  ~KLT_FileHandle();
+  KLT_FileHandle(const KLT_FileHandle&) = delete;
+  KLT_FileHandle& operator=(const KLT_FileHandle&) = delete;
+
+  // Data components are compressed if they hold one of these.
+  static constexpr uint32_t kCompressible = klt::kFunctions | klt::kRawEvents;
+  [[nodiscard]] bool compressed(uint32_t categories) const {
+    return (flags & 3) == 3 && (categories & kCompressible) != 0;
+  }
+};
+
+// Whether `suffix` can name a file beside the index and nothing else.
+[[nodiscard]] bool KLT_SuffixIsSafe(std::string_view suffix);
+
+// The text of a string id; null if there is none.
+[[nodiscard]] const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id);
+
+// Enters a component; ids that name nothing leave it without anchors, data file or thread list.
+// A second one with the same categories, threads and data file changes nothing.
+void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
+                      uint32_t categories, uint32_t willies);
+
+// Enters a file; one that holds statistics is a component of its own too. False for an unsafe
+// suffix.
+[[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
+                               std::string_view suffix);
+
+// Tells that the component can't be opened, with the system's text for errno.
+void KLT_ReportUnopened(const std::string& name);
+// Tells that the record `number` of the component `suffix`, at `offset`, makes no sense.
+void KLT_ReportCorrupted(const KLT_FileHandle& handle, const std::string& suffix, unsigned number,
+                         uint64_t offset);
+
+// The components in the order in which streams on them stand: by bucket, then by arrival.
+[[nodiscard]] std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle);
+
+// The declarations file; null if the index names none.
+[[nodiscard]] const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle);
+
+// File name of a component: the base name, a dot and the suffix, ".anc" behind it for anchors.
+[[nodiscard]] std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file,
+                                            bool anchors);
+[[nodiscard]] std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
+                                            bool anchors);

@@ -1,0 +1,287 @@
+// Opening a trace and building readers on it.
+//
+// Index header, 11 bytes:
+//   offset 0  "KLT"
+//          3  version byte 0x40; bits 0xc0 say that the index states its record layouts
+//          4  0 0 0
+//          7  flags: 1 raw, 2 compressed (with 1), 8 carried along
+//          8  0 0 0x14
+// Behind it stand layout entries, one for each record number in use, and structure records.
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "klt/read/klt_reader.h"
+#include "util/pal_error.h"
+
+namespace {
+
+using klt::kAny;
+
+constexpr std::array<uint8_t, 11> kHeader = {'K', 'L', 'T', 0x40, 0, 0, 0, 0, 0, 0, 0x14};
+constexpr size_t kFlagsAt = 7;
+
+// --- the index ----------------------------------------------------------------------------------
+
+bool refuse(const char* format, const KLT_FileHandle& handle) {
+  PAL_Error(format, PAL_Printable(handle.base).c_str());  // NOLINT: the formats stand below
+  return false;
+}
+
+bool acceptHeader(KLT_FileHandle& handle, size_t bytes) {
+  uint8_t* header = handle.header;
+  if (bytes < kHeader.size()) return refuse("File %s is corrupted.\nAborting.", handle);
+  handle.flags = header[kFlagsAt];
+  header[kFlagsAt] = 0;
+  const bool same = std::equal(kHeader.begin(), kHeader.end(), header);
+  header[kFlagsAt] = static_cast<uint8_t>(handle.flags);
+  if (same) return true;
+  if (std::memcmp(header, "KLT", 3) != 0) return refuse("File %s is not KLT.\nAborting.", handle);
+  constexpr uint8_t kStatesLayouts = 0xc0;
+  if ((header[3] & kStatesLayouts) != 0) return true;
+  return refuse("File %s is of incompatible KLT version.\nAborting.", handle);
+}
+
+bool genericOnlyAsked() {
+  const char* value = std::getenv("KLT_GENERIC_ONLY");
+  return value != nullptr && std::strtol(value, nullptr, 10) != 0;
+}
+
+// --- streams ------------------------------------------------------------------------------------
+
+bool categoriesMatch(const KLT_Component& component, const KLT_Request& request) {
+  if (component.dataFile->filetype == static_cast<uint32_t>(KLT_FileType::kStatistics)) {
+    return request.categories == klt::kStatistics;
+  }
+  return (component.categories & request.categories) != 0 ||
+         ((component.categories & kAny) != 0 && request.categories != klt::kStatistics) ||
+         (request.categories & kAny) != 0;
+}
+
+bool threadsMatch(const KLT_Component& component, const KLT_Request& request) {
+  return component.willies == nullptr || component.willies->empty() || request.threads.empty() ||
+         PAL_TripletsOverlap(*component.willies, request.threads);
+}
+
+uint32_t commonCategories(uint32_t component, uint32_t request) {
+  uint32_t common = component & request;
+  if ((request & kAny) != 0) {
+    common = component;
+  } else if ((component & kAny) != 0) {
+    common = request;
+  }
+  return (common & kAny) != 0 ? klt::kWholeSelection : common;
+}
+
+// The request as it applies to the component; none if nothing of it does.
+std::optional<KLT_StreamRequest> restrict(const KLT_Component& component,
+                                          const KLT_Request& request) {
+  KLT_StreamRequest own;
+  own.start = request.start;
+  own.end = request.end;
+  own.asked = request.categories;
+  own.categories = commonCategories(component.categories, request.categories);
+  if (own.categories == 0) return std::nullopt;
+  const bool componentHas = component.willies != nullptr && !component.willies->empty();
+  if (request.threads.empty()) {
+    if (componentHas) own.threads = *component.willies;
+  } else if (!componentHas) {
+    own.threads = request.threads;
+    own.testThreads = true;
+  } else {
+    own.threads = PAL_TripletsIntersect(request.threads, *component.willies);
+    if (own.threads.empty()) return std::nullopt;
+    own.testThreads = !PAL_TripletsEqual(own.threads, *component.willies);
+  }
+  if (own.testThreads) own.set = PAL_TripletSet(own.threads);
+  return own;
+}
+
+// Adds a request behind the stream's others, or widens the last one.
+void addRequest(KLT_Stream& stream, KLT_StreamRequest&& request) {
+  if (!stream.requests.empty()) {
+    KLT_StreamRequest& last = stream.requests.back();
+    if (last.categories == request.categories && request.start <= last.end &&
+        PAL_TripletsEqual(last.threads, request.threads)) {
+      last.end = std::max(last.end, request.end);
+      return;
+    }
+  }
+  stream.requests.push_back(std::move(request));
+}
+
+std::unique_ptr<KLT_Stream> makeStream(KLT_Reader& reader, const KLT_FileEntry* file) {
+  auto stream = std::make_unique<KLT_Stream>();
+  stream->reader = &reader;
+  stream->handle = reader.file;
+  stream->file = file;
+  stream->serial = reader.serial;
+  return stream;
+}
+
+void addWholeStream(KLT_Reader& reader, const KLT_FileEntry* file, uint32_t categories) {
+  auto stream = makeStream(reader, file);
+  stream->categories = categories;
+  KLT_StreamRequest& request = stream->requests.emplace_back();
+  request.categories = request.asked = categories;
+  reader.streams.push_back(std::move(stream));
+}
+
+void addEventStreams(KLT_Reader& reader) {
+  for (KLT_Component* component : KLT_ComponentsInOrder(*reader.file)) {
+    if (component->dataFile == nullptr) continue;
+    if (component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kData) &&
+        component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kStatistics)) {
+      continue;
+    }
+    std::unique_ptr<KLT_Stream> stream;
+    for (const KLT_Request& request : reader.requests) {
+      if (!categoriesMatch(*component, request) || !threadsMatch(*component, request)) continue;
+      std::optional<KLT_StreamRequest> own = restrict(*component, request);
+      if (!own) continue;
+      if (stream == nullptr) {
+        stream = makeStream(reader, component->dataFile);
+        stream->component = component;
+        stream->categories = component->categories;
+      }
+      addRequest(*stream, std::move(*own));
+    }
+    if (stream != nullptr) reader.streams.push_back(std::move(stream));
+  }
+}
+
+void noteRows(KLT_Stream& stream) {
+  uint32_t asked = 0;
+  for (const KLT_StreamRequest& request : stream.requests) asked |= request.categories;
+  for (const KLT_Row& row : kKltRows) {
+    stream.possible[row.number] =
+        ((asked | row.categories()) & kAny) != 0 || (asked & row.categories()) != 0;
+    stream.hasHandler[row.number] = KLT_HasHandler(stream.reader->handlers, row.number);
+  }
+}
+
+void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* const* requests) {
+  if (reader.mode != KLT_MODE_EVENTS) return;
+  if (numRequests == 0) {
+    reader.requests.emplace_back().categories = kAny;
+    return;
+  }
+  std::vector<KLT_Request> copies(numRequests);
+  std::vector<const KLT_Request*> pointers;
+  for (uint32_t i = 0; i < numRequests; ++i) {
+    copies[i] = *requests[i];
+    if ((copies[i].categories & klt::kStatistics) != 0) {
+      copies[i].categories = klt::kStatistics;
+      copies[i].threads.clear();
+    }
+    pointers.push_back(&copies[i]);
+  }
+  reader.requests = KLT_NormaliseRequests(pointers);
+}
+
+// Opens the streams and, for delivery in time order, fills the first buffer of each.
+void openStreams(KLT_Reader& reader) {
+  if (reader.serial) reader.makeLanes();
+  for (const auto& stream : reader.streams) {
+    if (stream->io == nullptr && !KLT_StreamOpen(*stream)) {
+      stream->status = kKltStreamFailed;
+      stream->filled = true;
+      continue;
+    }
+    reader.bytesTotal += stream->input.length();
+    if (!reader.serial) continue;
+    if (KLT_FillStream(*stream) == KLT_Fill::kFailed) stream->status = kKltStreamFailed;
+    stream->filled = true;
+  }
+}
+
+}  // namespace
+
+bool KLT_OpenIndexStream(KLT_Reader& reader, KLT_Stream& stream) {
+  KLT_FileHandle& handle = *reader.file;
+  errno = 0;
+  stream.io = KLT_IoOpen(handle.container, handle.base.c_str());
+  if (stream.io == nullptr) {
+    PAL_Perror(handle.base.c_str());
+    return refuse("Could not open indexfile %s for reading.\nAborting.", handle);
+  }
+  const int64_t came = KLT_IoRead(stream.io, handle.header, kHeader.size());
+  if (!acceptHeader(handle, came < 0 ? 0 : static_cast<size_t>(came))) return false;
+  handle.decoders = std::make_unique<KLT_DecoderTable>();
+  handle.genericOnly = genericOnlyAsked();
+  stream.firstOffset = kHeader.size();
+  if (!stream.input.attach(stream.io, handle.base.c_str(), "", stream.firstOffset)) {
+    return refuse("File %s is corrupted.\nAborting.", handle);
+  }
+  return true;
+}
+
+bool KLT_IsTrace(const char* name) {
+  KLT_Container* container = KLT_ContainerOpen(nullptr, name, O_RDONLY, 0);
+  if (container == nullptr) return false;
+  KLT_IoFile* index = KLT_IoOpen(container, name);
+  uint8_t header[kHeader.size()] = {};
+  const bool isTrace = index != nullptr &&
+                       KLT_IoRead(index, header, sizeof header) == int64_t{sizeof header} &&
+                       std::memcmp(header, "KLT", 3) == 0;
+  if (index != nullptr) KLT_IoClose(index);
+  KLT_ContainerClose(container);
+  return isTrace;
+}
+
+KLT_FileHandle* KLT_Open(const char* name) {
+  auto handle = std::make_unique<KLT_FileHandle>();
+  handle->base = name;
+  handle->container = KLT_ContainerOpen(nullptr, name, O_RDONLY, 0);
+  if (handle->container == nullptr) return nullptr;
+  const KLT_HandlerTable none;
+  KLT_Reader* reader = KLT_OpenReader(handle.get(), KLT_MODE_INTERNAL, 0, nullptr, &none, 1);
+  if (reader == nullptr) return nullptr;
+  const int status = KLT_ReadEvents(reader, -1);
+  handle->lostData = KLT_ReaderLostData(reader);
+  KLT_CloseReader(reader);
+  return status == KLT_STATUS_FINISHED ? handle.release() : nullptr;
+}
+
+void KLT_Close(KLT_FileHandle* handle) { delete handle; }
+
+KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
+                           const KLT_Request* const* requests, const KLT_HandlerTable* table,
+                           int serial) {
+  auto reader = std::make_unique<KLT_Reader>();
+  reader->file = handle;
+  reader->mode = mode == KLT_MODE_EVENTS_ONCE ? KLT_MODE_EVENTS : mode;
+  reader->once = mode == KLT_MODE_EVENTS_ONCE;
+  reader->serial = serial != 0;
+  reader->handlers = *table;
+  copyRequests(*reader, numRequests, requests);
+  if (mode == KLT_MODE_INTERNAL) {
+    addWholeStream(*reader, nullptr, klt::kInternal);
+    if (!KLT_OpenIndexStream(*reader, *reader->streams.front())) {
+      KLT_CloseReader(reader.release());
+      return nullptr;
+    }
+  } else if (mode == KLT_MODE_DEFINITIONS) {
+    if (const KLT_FileEntry* file = KLT_DeclarationsFile(*handle)) {
+      addWholeStream(*reader, file, klt::kDeclarations);
+    }
+  } else {
+    addEventStreams(*reader);
+  }
+  for (const auto& stream : reader->streams) noteRows(*stream);
+  if (mode == KLT_MODE_INTERNAL) (void)KLT_EnterRequest(*reader->streams.front(), 0);
+  openStreams(*reader);
+  return reader.release();
+}
+
+void KLT_CloseReader(KLT_Reader* reader) {
+  if (reader == nullptr) return;
+  for (const auto& stream : reader->streams) KLT_StreamClose(*stream);
+  delete reader;
+}

@@ -1,0 +1,68 @@
+// Compressed components: an 8-byte length, then one zlib stream that holds the records.
+//
+//   offset 0   u64  length of the inflated data, in the byte order of the host that wrote it
+//          8        zlib stream
+//
+// The length is only a claim. One that no zlib stream of this size can hold is tried in the other
+// byte order, and then counts as unknown.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "klt/storage/klt_io.h"
+
+struct z_stream_s;
+
+class KLT_Inflate {
+ public:
+  static constexpr uint64_t kUnknownLength = ~uint64_t{0};
+
+  // Reads the length field of `file`, which stays the caller's. Null if the field can't be read.
+  [[nodiscard]] static std::unique_ptr<KLT_Inflate> open(KLT_IoFile* file);
+  ~KLT_Inflate();
+  KLT_Inflate(const KLT_Inflate&) = delete;
+  KLT_Inflate& operator=(const KLT_Inflate&) = delete;
+
+  [[nodiscard]] uint64_t length() const { return length_; }
+  // Up to `bytes` inflated bytes; 0 at the end of the stream, at damage, and at the file's end.
+  [[nodiscard]] size_t read(uint8_t* buffer, size_t bytes);
+  // Starts over. False if the file can't be positioned.
+  [[nodiscard]] bool rewind();
+
+ private:
+  static constexpr size_t kBlock = 0x1000;
+
+  explicit KLT_Inflate(KLT_IoFile* file);
+  void finish();
+
+  KLT_IoFile* file_;
+  std::unique_ptr<z_stream_s> stream_;  // null before the first byte and at the end
+  uint64_t length_ = 0;
+  bool done_ = false;
+  uint8_t block_[kBlock];
+};
+
+// The writing side: deflates what it is given into `file`, behind the length field.
+class KLT_Deflate {
+ public:
+  KLT_Deflate();
+  ~KLT_Deflate();
+  KLT_Deflate(const KLT_Deflate&) = delete;
+  KLT_Deflate& operator=(const KLT_Deflate&) = delete;
+
+  // Takes `bytes` bytes; with `final` the stream ends and its length is filled in. False, with
+  // errno, if the file took less.
+  [[nodiscard]] bool write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final);
+
+ private:
+  static constexpr size_t kBlock = 0x1000;
+
+  bool put(KLT_IoFile* file, const void* data, size_t bytes);
+
+  std::unique_ptr<z_stream_s> stream_;
+  uint64_t length_ = 0;
+  bool begun_ = false;
+  uint8_t block_[kBlock];
+};

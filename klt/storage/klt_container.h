@@ -1,0 +1,93 @@
+// The container file that holds all components of a trace, and its directory.
+//
+// For klt_io.cpp and klt_container.cpp alone; everything else uses klt/storage/klt_io.h. This
+// module owns the file's layout: header, directory, trailer. Where a component's bytes go is
+// decided in klt_io.
+//
+// All numbers are big-endian:
+//
+//   offset   bytes  content
+//   0        4      "SKLT"
+//   4        8      version; 1 is written
+//   12              extents of the components; what lies between them belongs to no one
+//   D               directory: an entry per component, up to the trailer
+//   size-8   8      D
+//
+//   entry of the directory        bytes (version 0)
+//   length of the key             4 (2)   1 to 65535
+//   key                                   no NUL
+//   bytes used in last extent     8
+//   number of extents             4 (2)
+//   offsets of all extents        8 each
+//   lengths of all extents        8 each
+//
+// A component's bytes are all of every extent but the last, then the used ones of the last.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+inline constexpr uint64_t KLT_CONTAINER_HEADER_BYTES = 12;
+inline constexpr size_t KLT_MAX_KEY_BYTES = 65535;
+
+struct KLT_Extent {
+  uint64_t offset;  // in the container
+  uint64_t length;
+  uint64_t start;  // in the component: the lengths of all extents before this one
+};
+
+// A component. Slots from `used` on hold earlier allocations, to be used again in their order.
+struct KLT_DirEntry {
+  std::string name;
+  uint64_t lastUsed = 0;
+  std::vector<KLT_Extent> extents;
+  size_t used = 0;
+
+  // Bytes in the component.
+  [[nodiscard]] uint64_t length() const {
+    return used == 0 ? 0 : extents[used - 1].start + lastUsed;
+  }
+};
+
+// The components of a container by key. Entries keep their addresses.
+class KLT_NameTable {
+ public:
+  [[nodiscard]] KLT_DirEntry* find(std::string_view key);
+
+  // REQUIRES: the table doesn't hold `name`.
+  KLT_DirEntry* enter(std::string&& name);
+
+  // All entries in the order of a directory: 17 buckets by a hash of the key, in each of them the
+  // order of arrival.
+  [[nodiscard]] std::vector<const KLT_DirEntry*> walk() const;
+
+ private:
+  std::deque<KLT_DirEntry> entries_;  // in order of arrival
+  std::unordered_map<std::string_view, KLT_DirEntry*> byName_;
+};
+
+struct KLT_Container {
+  uint64_t end = 0;  // next free offset of the file
+  uint64_t version = 1;
+  KLT_NameTable directory;
+  std::optional<std::string> dir;  // directory that names count from
+  std::string name;                // base name of the trace
+  int flags = 0;                   // open(2)'s, for the container or the components
+  mode_t mode = 0;
+  int fd = -1;  // virtual descriptor of the container; -1 in the plain form
+  int form = 0;
+
+  [[nodiscard]] const char* directoryName() const { return dir ? dir->c_str() : nullptr; }
+};
+
+// stat of `name`, which counts from `dir` unless that is null, without opening anything.
+[[nodiscard]] int KLT_StatIn(const char* dir, const char* name, struct stat* info);

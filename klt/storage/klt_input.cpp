@@ -1,0 +1,163 @@
+// Buffered bytes of a component. See klt_input.h.
+#include "klt/storage/klt_input.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+
+KLT_Input::~KLT_Input() { PAL_FREE(data_); }
+
+bool KLT_Input::attach(KLT_IoFile* file, const char* base, const char* suffix, uint64_t start) {
+  detach();
+  file_ = file;
+  base_ = base;
+  suffix_ = suffix;
+  const int64_t size = KLT_IoSize(file);
+  if (size < 0) return false;
+  length_ = static_cast<uint64_t>(size);
+  return seek(start < length_ ? start : length_);
+}
+
+bool KLT_Input::attachCompressed(KLT_IoFile* file, const char* base, const char* suffix) {
+  detach();
+  file_ = file;
+  base_ = base;
+  suffix_ = suffix;
+  inflate_ = KLT_Inflate::open(file);
+  if (inflate_ == nullptr) return false;
+  setBlock(kInflatedBlock);
+  length_ = inflate_->length();
+  return inflate_->rewind();
+}
+
+void KLT_Input::detach() {
+  PAL_FREE(data_);
+  inflate_.reset();
+  file_ = nullptr;
+  capacity_ = filled_ = pos_ = 0;
+  offset_ = length_ = 0;
+  limit_ = kNoLimit;
+  block_ = kBlock;
+  blockStart_ = blockEnd_ = 0;
+  ended_ = false;
+}
+
+void KLT_Input::freeBuffer() {
+  offset_ = position();
+  bytesRead_ = bytesTaken();
+  PAL_FREE(data_);
+  capacity_ = filled_ = pos_ = 0;
+}
+
+bool KLT_Input::seek(uint64_t offset) {
+  ended_ = false;
+  if (inflate_ != nullptr) {
+    if (offset >= position()) return true;
+    filled_ = pos_ = 0;
+    offset_ = blockStart_ = blockEnd_ = 0;
+    return inflate_->rewind();
+  }
+  if (offset <= offset_ && offset_ - offset <= filled_) {  // still in the buffer
+    pos_ = filled_ - static_cast<size_t>(offset_ - offset);
+    return true;
+  }
+  filled_ = pos_ = 0;
+  errno = 0;
+  if (KLT_IoSeek(file_, static_cast<int64_t>(offset), SEEK_SET) != static_cast<int64_t>(offset)) {
+    if (errno != 0) reportUnreadable();
+    ended_ = true;
+    return false;
+  }
+  offset_ = offset;
+  return true;
+}
+
+void KLT_Input::reportUnreadable() const {
+  const char* reason = std::strerror(errno);
+  PAL_Error("read error %s.%s: %s", PAL_Printable(base_).c_str(), PAL_Printable(suffix_).c_str(),
+            reason);
+}
+
+void KLT_Input::reportMissing(uint64_t bytes) {
+  constexpr uint64_t kLargest = 0xffffffff;
+  PAL_Error("truncated file %s.%s, %u bytes missing", PAL_Printable(base_).c_str(),
+            PAL_Printable(suffix_).c_str(),
+            static_cast<unsigned>(bytes < kLargest ? bytes : kLargest));
+  ended_ = true;
+}
+
+// The byte ahead of at(), a record's number, stays in the buffer with the unread ones, so that a
+// decoder that fails can step back over it.
+bool KLT_Input::refill(size_t bytes) {
+  if (ended_ || file_ == nullptr) return false;
+  const size_t have = filled_ - pos_;
+  const size_t missing = bytes - have;
+  if (missing > end() - offset_) {
+    if (end() < length_) {
+      PAL_Error("More data requested than available for filter.");
+      ended_ = true;
+    } else {
+      reportMissing(missing - (length_ - offset_));
+    }
+    return false;
+  }
+  const size_t keep = pos_ > 0 ? 1 : 0;
+  if (inflate_ != nullptr && position() + bytes > blockEnd_) {
+    const uint64_t size = std::max({uint64_t{kBlock}, keep + bytes, blockEnd_ - blockStart_});
+    blockStart_ = position() - keep;
+    blockEnd_ = blockStart_ + size;
+  }
+  if (keep + have != 0) std::memmove(data_, data_ + pos_ - keep, keep + have);
+  pos_ = keep;
+  filled_ = keep + have;
+  while (filled_ - pos_ < bytes) {
+    // A small file gets a small buffer. A length is proof enough only where the file really has
+    // the bytes; inflated ones have to come before the buffer grows for more of them.
+    size_t capacity = keep + bytes;
+    if (inflate_ != nullptr && capacity > 2 * (filled_ + kBlock)) capacity = 2 * (filled_ + kBlock);
+    const uint64_t whole = end() - offset_ + filled_;
+    const size_t block = whole < block_ ? static_cast<size_t>(whole) : block_;
+    if (capacity < block) capacity = block;
+    if (capacity > capacity_) {
+      PAL_REALLOC(data_, capacity);
+      capacity_ = capacity;
+    }
+    uint64_t want = capacity_ - filled_;
+    if (want > end() - offset_) want = end() - offset_;
+    if (inflate_ != nullptr) want = std::min(want, blockEnd_ - offset_);
+    const size_t before = filled_;
+    const bool readable = readInto(static_cast<size_t>(want));
+    if (!readable) return false;
+    if (filled_ == before) {
+      // Only compressed data ends ahead of its length: what the length promises is missing.
+      reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool KLT_Input::readInto(size_t want) {
+  size_t came = 0;
+  while (came < want) {
+    errno = 0;
+    const int64_t n = inflate_ != nullptr
+                          ? static_cast<int64_t>(inflate_->read(data_ + filled_, want - came))
+                          : KLT_IoRead(file_, data_ + filled_, want - came);
+    if (n < 0) {
+      reportUnreadable();
+      ended_ = true;
+      return false;
+    }
+    if (n == 0) break;
+    came += static_cast<size_t>(n);
+    filled_ += static_cast<size_t>(n);
+    offset_ += static_cast<uint64_t>(n);
+    bytesRead_ += static_cast<uint64_t>(n);
+  }
+  return true;
+}

@@ -1,0 +1,342 @@
+// Seek points: loading them, choosing among them, and rebuilding the context at one.
+//
+// An anchor file holds groups: history records, then one `anchor` that says at which offset of the
+// data file reading can start and with which running time. Loading notes where each group stands;
+// only the group that is used is read again.
+
+#include <algorithm>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "klt/read/klt_reader.h"
+#include "klt/stream/klt_stream.h"
+#include "util/pal_error.h"
+
+namespace {
+
+constexpr unsigned kAnchorRow = 9;
+constexpr unsigned kHistoryRow = 46;
+
+// An open file of the trace with its own buffer.
+struct OpenInput {
+  KLT_IoFile* io = nullptr;
+  KLT_Input input;
+  std::string suffix;
+
+  OpenInput() = default;
+  OpenInput(const OpenInput&) = delete;
+  OpenInput& operator=(const OpenInput&) = delete;
+  ~OpenInput() { close(); }
+  void close() {
+    input.detach();
+    if (io != nullptr) KLT_IoClose(io);
+  }
+  [[nodiscard]] bool open(KLT_FileHandle& handle, const KLT_FileEntry& file, bool anchors) {
+    close();
+    suffix = file.suffix + (anchors ? ".anc" : "");
+    io = KLT_IoOpen(handle.container, KLT_ComponentName(handle, file, anchors).c_str());
+    return io != nullptr && input.attach(io, handle.base.c_str(), suffix.c_str());
+  }
+};
+
+enum class Walk : uint8_t { kRecord, kEnd, kCorrupt };
+
+// The next record of an anchor file; it stands at the start of `record`.
+Walk nextRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer& record) {
+  if (input.drained() && (!input.moreToRead() || !input.ensure(1))) return Walk::kEnd;
+  const KLT_DecoderEntry& entry = handle.decoders->entries[*input.at()];
+  if (entry.parse == nullptr) return Walk::kCorrupt;
+  input.advance(1);
+  uint64_t time = 0;
+  size_t disk = 0;
+  record.clear();
+  switch (entry.parse(entry, input, record, time, disk)) {
+    case KLT_Parse::kRecord:
+      break;
+    case KLT_Parse::kUnknown:
+      klt::storeNative(record.reserve(kKltRecordTimeAt), uint32_t{0});
+      break;
+    case KLT_Parse::kNoData:
+      return Walk::kEnd;
+    case KLT_Parse::kCorrupt:
+      input.stepBack();
+      return Walk::kCorrupt;
+  }
+  input.advance(disk);
+  return Walk::kRecord;
+}
+
+// False if the anchors can't be trusted.
+bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& component) {
+  KLT_RecordBuffer record;
+  uint64_t groupStart = 0;
+  bool hasHistory = false;
+  for (;;) {
+    const uint64_t at = input.position();
+    const Walk walk = nextRecord(handle, input, record);
+    if (walk != Walk::kRecord) return walk == Walk::kEnd;
+    const unsigned number = KLT_RecordNumber(record.data());
+    if (number == kHistoryRow) hasHistory = true;
+    if (number != kAnchorRow) continue;
+    KLT_Anchor anchor;
+    anchor.time = KLT_RecordView<kAnchorRow>::get64<0>(record.data());
+    anchor.offset = KLT_RecordView<kAnchorRow>::get64<1>(record.data());
+    anchor.historyOffset = groupStart;
+    anchor.historyBytes = at - groupStart;
+    anchor.hasOffsetHistory = hasHistory;
+    if (!component.anchors.empty() && (anchor.time < component.anchors.back().time ||
+                                       anchor.offset < component.anchors.back().offset)) {
+      return false;
+    }
+    component.anchors.push_back(anchor);
+    groupStart = input.position();
+    hasHistory = false;
+  }
+}
+
+void ignoreAnchors(const KLT_FileHandle& handle, KLT_Component& component) {
+  PAL_Warning("Ignoring anchors in %s.%s.anc.", PAL_Printable(handle.base).c_str(),
+              PAL_Printable(component.dataFile->suffix).c_str());
+  component.anchors.clear();
+}
+
+// The last anchor that lies ahead of `time`: records at an anchor's own time stand ahead of it.
+const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t time) {
+  const auto behind = std::lower_bound(anchors.begin(), anchors.end(), time,
+                                       [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
+  return behind == anchors.begin() ? nullptr : &*(behind - 1);
+}
+
+// Whether the row may stand where an entry of a history points to.
+bool canBeReplayed(unsigned number) {
+  return (number >= 1 && number <= 8) || number == 22 || (number >= 28 && number <= 31) ||
+         (number >= 48 && number <= 51) || (number >= 55 && number <= 61);
+}
+
+class Replay {
+ public:
+  Replay(KLT_Stream& stream, uint32_t categories) : s_(stream), categories_(categories) {}
+
+  void run(const KLT_Anchor& anchor) {
+    readGroup(anchor);
+    replayEntries(anchor.offset);
+  }
+
+ private:
+  // An entry of a `history` record.
+  struct Entry {
+    size_t file;  // place in `files_`
+    uint64_t offset;
+    uint64_t time;
+  };
+
+  // Takes over the call stacks of the group, and notes its entries.
+  void readGroup(const KLT_Anchor& anchor) {
+    OpenInput group;
+    if (!group.open(*s_.handle, *s_.component->dataFile, true)) {
+      noteUnopened(*s_.component->dataFile, true);
+      return;
+    }
+    if (!group.input.seek(anchor.historyOffset)) {
+      noteLoss(group.input);
+      return;
+    }
+    const uint64_t end = anchor.historyOffset + anchor.historyBytes;
+    group.input.setLimit(end);
+    KLT_RecordBuffer record;
+    while (group.input.position() < end) {
+      const Walk walk = nextRecord(*s_.handle, group.input, record);
+      if (walk == Walk::kEnd) {
+        noteLoss(group.input);
+        return;
+      }
+      if (walk == Walk::kCorrupt) {
+        PAL_Error("Found corrupted data while unpacking %s.%s (rectype %i, offset %u).",
+                  PAL_Printable(s_.handle->base).c_str(), PAL_Printable(s_.suffix()).c_str(),
+                  *group.input.at(), static_cast<unsigned>(group.input.bufferPosition()));
+        return;
+      }
+      const unsigned number = KLT_RecordNumber(record.data());
+      if (number == 41) pushStack<41>(record.data());
+      if (number == 42) pushStack<42>(record.data());
+      if (number == kHistoryRow && wantsEntries()) noteEntries(record.data());
+    }
+  }
+
+  [[nodiscard]] bool wantsEntries() const {
+    return (categories_ & (klt::kScopes | klt::kCounters | klt::kMessages | klt::kCollops)) != 0;
+  }
+
+  void noteUnopened(const KLT_FileEntry& file, bool anchors) {
+    KLT_ReportUnopened(KLT_ComponentName(*s_.handle, file, anchors));
+    s_.lostData = true;
+  }
+
+  template <int N>
+  void pushStack(const uint8_t* record) {
+    using View = KLT_RecordView<N>;
+    if ((categories_ & klt::kFunctions) == 0) return;
+    KLT_WillyState& state = s_.context.of(View::template get32<0>(record));
+    const auto* functions = View::template array<uint32_t, 2>(record);
+    for (uint32_t i = 0; i < View::template count<2>(record); ++i) {
+      uint32_t scl = 0;
+      if constexpr (N == 42) scl = View::template array<uint32_t, 3>(record)[i];
+      state.functions.push_back({functions[i], scl});
+      ++state.depth;
+    }
+  }
+
+  void noteEntries(const uint8_t* record) {
+    using View = KLT_RecordView<kHistoryRow>;
+    const uint32_t n = View::count<1>(record);
+    const auto* files = View::array<uint32_t, 1>(record);
+    const auto* offsets = View::array<uint64_t, 2>(record);
+    const auto* times = View::array<uint64_t, 3>(record);
+    for (uint32_t i = 0; i < n; ++i) {
+      if (offsets[i] == ~uint64_t{0}) continue;
+      const std::unique_ptr<KLT_FileEntry>* file = s_.handle->files.find(files[i]);
+      if (file == nullptr) {
+        reportEntry(nullptr, 0, offsets[i]);
+        continue;
+      }
+      const size_t place = places_.try_emplace(file->get(), files_.size()).first->second;
+      if (place == files_.size()) files_.push_back(file->get());
+      entries_.push_back({place, offsets[i], times[i]});
+    }
+  }
+
+  // Replays each record once and in the order of the file, whatever the order of the list, as a
+  // stream that reads from the start meets them. Of its own file the stream reads on from
+  // `behind`.
+  void replayEntries(uint64_t behind) {
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+      return std::pair(a.file, a.offset) < std::pair(b.file, b.offset);
+    });
+    const auto isSame = [](const Entry& a, const Entry& b) {
+      return a.file == b.file && a.offset == b.offset;
+    };
+    entries_.erase(std::unique(entries_.begin(), entries_.end(), isSame), entries_.end());
+    for (const Entry& entry : entries_) {
+      const KLT_FileEntry& file = *files_[entry.file];
+      if (!useFile(file)) {
+        noteUnopened(file, false);
+        return;
+      }
+      if (usable_) replayRecord(entry.offset, entry.time, behind);
+    }
+  }
+
+  // Makes `file` the one that entries are read from. False if it can't be opened.
+  bool useFile(const KLT_FileEntry& file) {
+    if (file_ == &file) return true;
+    file_ = &file;
+    usable_ = !isCompressed(file);
+    if (!usable_) return true;
+    constexpr size_t kReadAtOnce = 0x400;
+    if (!data_.open(*s_.handle, file, false)) return false;
+    data_.input.setBlock(kReadAtOnce);
+    return true;
+  }
+
+  // What the window should have been told at its start can't be read.
+  void noteLoss(const KLT_Input& input) { s_.lostData = s_.lostData || input.ended(); }
+
+  [[nodiscard]] bool isCompressed(const KLT_FileEntry& file) const {
+    if (!s_.handle->compressed(KLT_FileHandle::kCompressible)) return false;
+    return std::any_of(
+        s_.handle->components.begin(), s_.handle->components.end(), [&](const auto& component) {
+          return component->dataFile == &file && s_.handle->compressed(component->categories);
+        });
+  }
+
+  void reportEntry(const KLT_FileEntry* file, unsigned number, uint64_t offset) const {
+    KLT_ReportCorrupted(*s_.handle, file == nullptr ? "" : file->suffix, number, offset);
+  }
+
+  void replayRecord(uint64_t offset, uint64_t time, uint64_t behind) {
+    KLT_Input& input = data_.input;
+    if (offset >= input.length()) {
+      reportEntry(file_, 0, offset);
+      return;
+    }
+    if (file_ == s_.file && offset >= behind) return;  // the stream comes to it
+    if (!input.seek(offset) || !input.ensure(1)) {
+      noteLoss(input);
+      return;
+    }
+    const unsigned number = *input.at();
+    const KLT_DecoderEntry& entry = s_.handle->decoders->entries[number];
+    input.advance(1);
+    size_t disk = 0;
+    record_.clear();
+    if (entry.parse == nullptr) {
+      reportEntry(file_, number, offset);
+      return;
+    }
+    const KLT_Parse parsed = entry.parse(entry, input, record_, time, disk);
+    if (parsed == KLT_Parse::kNoData) {
+      noteLoss(input);
+      return;
+    }
+    if (parsed != KLT_Parse::kRecord || !canBeReplayed(KLT_RecordNumber(record_.data()))) {
+      reportEntry(file_, number, offset);
+      return;
+    }
+    const KLT_Row& row = *KLT_RowOf(KLT_RecordNumber(record_.data()));
+    if ((row.categories() & categories_) == 0) return;
+    if (time >= s_.start) return;  // no history of this window
+    if (KLT_ThreadsSelected(s_, record_.data())) KLT_UpdateContext(s_, record_.data());
+  }
+
+  KLT_Stream& s_;
+  uint32_t categories_;
+  std::vector<const KLT_FileEntry*> files_;  // in the order in which the entries name them
+  std::unordered_map<const KLT_FileEntry*, size_t> places_;
+  std::vector<Entry> entries_;
+  OpenInput data_;
+  const KLT_FileEntry* file_ = nullptr;
+  bool usable_ = false;
+  KLT_RecordBuffer record_;
+};
+
+}  // namespace
+
+void KLT_LoadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
+  if (component.anchorsLoaded) return;
+  component.anchorsLoaded = true;
+  if (component.anchorFile == nullptr) return;
+  OpenInput file;
+  if (!file.open(handle, *component.dataFile, true)) return;  // a trace needs no anchors
+  if (readAnchors(handle, file.input, component)) return;
+  ignoreAnchors(handle, component);
+}
+
+void KLT_PlanRequests(KLT_Stream& s) {
+  KLT_Component& component = *s.component;
+  KLT_LoadAnchors(*s.handle, component);
+  if (s.input.compressed()) return;
+  if (!component.anchors.empty() && component.anchors.back().offset > s.input.length()) {
+    ignoreAnchors(*s.handle, component);
+  }
+  for (KLT_StreamRequest& request : s.requests) {
+    const auto& anchors = component.anchors;
+    request.anchor = anchorBefore(anchors, request.start);
+    const auto first =
+        anchors.begin() + (request.anchor == nullptr ? 0 : request.anchor - anchors.data() + 1);
+    const auto end = std::lower_bound(first, anchors.end(), request.end,
+                                      [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
+    request.limit =
+        end == anchors.end() || request.end == ~uint64_t{0} ? KLT_Input::kNoLimit : end->offset;
+    // A group without offsets may have been written by someone who doesn't keep open scopes.
+    const bool scopes = (KLT_StoredCategories(s, request.categories) & klt::kScopes) != 0;
+    if (scopes && request.anchor != nullptr && !request.anchor->hasOffsetHistory) {
+      request.anchor = nullptr;
+    }
+  }
+}
+
+void KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories) {
+  if (categories != 0) Replay(stream, categories).run(anchor);
+}

@@ -1,0 +1,359 @@
+// Telling a consumer what was going on when its request begins, and moving from one request to the
+// next.
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "klt/format/klt_codec.h"
+#include "klt/read/klt_reader.h"
+#include "klt/stream/klt_stream.h"
+
+namespace {
+
+using klt::kAny;
+using klt::kCollops;
+using klt::kCounters;
+using klt::kFunctions;
+using klt::kMessages;
+using klt::kScopes;
+
+// What a history of everything tells.
+constexpr uint32_t kAllHistory = klt::kWholeSelection & ~klt::kDeclarations;
+
+// Samples are told in the order of a table with this many buckets.
+constexpr uint32_t kCounterBuckets = 11;
+
+// Puts together a record of row N at the tail of a buffer: scalars first, then arrays in order.
+template <int N>
+class RecordWriter {
+ public:
+  static constexpr const KLT_Row& row = kKltRows[N - 1];
+  static constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
+
+  RecordWriter(KLT_RecordBuffer& out, uint64_t time) : out_(out), tail_(layout.fixedBytes) {
+    klt::storeNative(out_.reserve(layout.fixedBytes) + kKltRecordNumberAt, uint32_t{N});
+    klt::storeNative(out_.tail() + kKltRecordTimeAt, time);
+  }
+  template <size_t F>
+  void set(uint32_t value) {
+    klt::storeNative(out_.tail() + layout.offset[F], value);
+  }
+  // Makes room for the `n` elements of the next array and returns it.
+  template <class T>
+  [[nodiscard]] T* array(size_t n) {
+    const size_t at = tail_;
+    tail_ += klt::roundUp8(n * sizeof(T));
+    return reinterpret_cast<T*>(out_.reserve(tail_) + at);
+  }
+  [[nodiscard]] size_t bytes() const { return tail_; }
+
+ private:
+  KLT_RecordBuffer& out_;
+  size_t tail_;
+};
+
+// The records of one history, gathered before it is known whether there is room for them.
+struct Gathered {
+  KLT_RecordBuffer records;
+  size_t encoded = 0;
+
+  void add(size_t bytes) {
+    encoded += KLT_EncodedBytes(records.tail());
+    records.commit(bytes);
+  }
+  void add(const std::vector<uint8_t>& record) {
+    std::memcpy(records.reserve(record.size()), record.data(), record.size());
+    add(record.size());
+  }
+};
+
+void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
+  RecordWriter<42> record(out.records, time);
+  const size_t n = state.functions.size();
+  record.set<0>(state.gtp);
+  record.set<1>(static_cast<uint32_t>(n));
+  auto* functions = record.array<uint32_t>(n);
+  for (size_t i = 0; i < n; ++i) functions[i] = state.functions[i].function;
+  auto* scls = record.array<uint32_t>(n);
+  for (size_t i = 0; i < n; ++i) scls[i] = state.functions[i].scl;
+  out.add(record.bytes());
+}
+
+void addScopes(Gathered& out, const KLT_WillyState& state) {
+  state.scopes.each([&](const KLT_OpenScope& scope) {
+    RecordWriter<30> record(out.records, scope.time);
+    record.set<1>(state.gtp);
+    record.set<2>(scope.scope);
+    record.set<3>(scope.seqnr);
+    out.add(record.bytes());
+  });
+}
+
+// --- what an earlier request has delivered ------------------------------------------------------
+
+bool selectsThread(const KLT_StreamRequest& request, uint32_t gtp) {
+  return !request.testThreads || request.set.contains(static_cast<int32_t>(gtp));
+}
+
+// Whether the history at the request's start is told of this thread's state.
+bool tellsStateOf(const KLT_StreamRequest& request, uint32_t gtp) {
+  return PAL_TripletsContains(request.threads, static_cast<int32_t>(gtp));
+}
+
+bool hasDeliveredMessage(const KLT_StreamRequest& request, uint32_t sender,
+                         const KLT_StoredRecord& message) {
+  const uint64_t time = KLT_RecordTime(message.bytes.data());
+  if (time < request.start) return message.end > request.start && tellsStateOf(request, sender);
+  return time < request.end &&
+         (selectsThread(request, sender) || selectsThread(request, message.partner));
+}
+
+bool hasDeliveredCollective(const KLT_Stream& s, const KLT_StreamRequest& request,
+                            const KLT_StoredRecord& operation) {
+  const uint64_t time = KLT_RecordTime(operation.bytes.data());
+  const bool isUnderWay = time < request.end && operation.end > request.start;
+  if (!isUnderWay || (time < request.start && request.threads.empty())) return false;
+  if (!request.testThreads) return true;
+  const PAL_Triplets* members = s.handle->communicators.find(operation.partner);
+  return members != nullptr && PAL_TripletsOverlap(*members, request.threads);
+}
+
+// A sample that is the last one at the current request's start.
+bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t time) {
+  if (time < request.start) return KLT_TellsCounters(request) && tellsStateOf(request, gtp);
+  return time < request.end && selectsThread(request, gtp);
+}
+
+// Whether the consumer has a record of `category` and `time` from an earlier request, for which
+// `hasDelivered` decides. A gap between requests ends what is counted as one series, unless the
+// consumer gathers all of them.
+template <class HasDelivered>
+bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered hasDelivered) {
+  uint64_t start = s.current().start;
+  for (size_t i = s.request; i-- > 0;) {
+    const KLT_StreamRequest& request = s.requests[i];
+    if (request.end != start && !s.reader->once) return false;
+    if ((KLT_StoredCategories(s, request.categories) & category) != 0 && hasDelivered(request)) {
+      return true;
+    }
+    if (time >= request.end) return false;
+    start = request.start;
+  }
+  return false;
+}
+
+// --- gathering a history ------------------------------------------------------------------------
+
+void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state) {
+  std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
+  for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
+  // Not by the order of their first samples, which differs where reading starts at a seek point.
+  std::sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return std::pair(a->id % kCounterBuckets, a->id) < std::pair(b->id % kCounterBuckets, b->id);
+  });
+  for (const auto* sample : ordered) {
+    const bool known =
+        s.reader->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {
+          return hasDeliveredSample(request, state.gtp, sample->value.time);
+        });
+    if (known) continue;
+    RecordWriter<22> record(out.records, sample->value.time);
+    record.set<1>(state.gtp);
+    record.set<2>(1);
+    *record.array<uint64_t>(1) = sample->value.value;
+    *record.array<uint32_t>(1) = sample->id;
+    out.add(record.bytes());
+  }
+}
+
+void addMessages(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+  for (const KLT_StoredRecord& message : state.messages.records()) {
+    const auto hasDelivered = [&](const KLT_StreamRequest& request) {
+      return hasDeliveredMessage(request, state.gtp, message);
+    };
+    const uint64_t time = KLT_RecordTime(message.bytes.data());
+    if (!onlyNew || !isKnown(s, kMessages, time, hasDelivered)) out.add(message.bytes);
+  }
+}
+
+void addCollectives(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+  for (const KLT_StoredRecord* operation : state.operations) {
+    const auto hasDelivered = [&](const KLT_StreamRequest& request) {
+      return hasDeliveredCollective(s, request, *operation);
+    };
+    const uint64_t time = KLT_RecordTime(operation->bytes.data());
+    if (!onlyNew || !isKnown(s, kCollops, time, hasDelivered)) out.add(operation->bytes);
+  }
+}
+
+// Gives the collective operations under way to the threads with whose state they are told: the
+// first member of the communicator that the request selects.
+void assignCollectives(KLT_Stream& s) {
+  for (const auto& state : s.context.states()) state->operations.clear();
+  for (const KLT_StoredRecord& operation : s.context.collectives().records()) {
+    const int64_t member = KLT_CommonMember(s, operation.partner);
+    if (member < 0) continue;
+    s.context.of(static_cast<uint32_t>(member)).operations.push_back(&operation);
+  }
+}
+
+void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
+  const KLT_StreamRequest& request = s.current();
+  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const uint32_t stored = KLT_StoredCategories(s, request.categories);
+  if ((stored & kCollops) != 0) assignCollectives(s);
+  for (const KLT_WillyState* state : s.context.ordered(*s.handle)) {
+    const auto gtp = static_cast<int32_t>(state->gtp);
+    const bool isAdded = PAL_TripletsContains(s.addedThreads, gtp);
+    if (!isAdded && !tellsStateOf(request, state->gtp)) continue;
+    const uint32_t mask = isAdded ? stored : s.addedCategories;
+    // What is under way: a thread that is added may take part in what has been delivered already.
+    const uint32_t underWay = isAdded ? stored : untold;
+    const bool onlyNew = isAdded || s.reader->once;
+    if ((mask & kFunctions) != 0 && handlers.function_history != nullptr &&
+        !state->functions.empty()) {
+      addFunctions(out, *state, request.start);
+    }
+    if ((mask & kScopes) != 0 && handlers.enter_scope != nullptr) addScopes(out, *state);
+    if ((mask & kCounters) != 0 && handlers.counter_value != nullptr &&
+        KLT_TellsCounters(request)) {
+      addCounters(s, out, *state);
+    }
+    if (!brackets) continue;
+    if ((underWay & kMessages) != 0) addMessages(s, out, *state, onlyNew);
+    if ((underWay & kCollops) != 0) addCollectives(s, out, *state, onlyNew);
+  }
+}
+
+template <int N>
+void passBracket(KLT_Stream& s, uint64_t time) {
+  const RecordWriter<N> record(s.packed, time);
+  KLT_PassOn(s, record.bytes(), 2, time);
+}
+
+void passGathered(KLT_Stream& s, Gathered& gathered) {
+  for (size_t at = 0; at < gathered.records.used();) {
+    const uint8_t* record = gathered.records.data() + at;
+    const size_t bytes = KLT_RecordBytes(record);
+    std::memcpy(s.packed.reserve(bytes), record, bytes);
+    KLT_PassOn(s, bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
+    at += bytes;
+  }
+}
+
+void markDone(KLT_Stream& s) {
+  s.addedCategories = 0;
+  s.addedThreads.clear();
+  s.historyDone = true;
+  s.keepContext = s.request + 1 < s.requests.size();
+}
+
+// Drops what can't be part of the history at `time`.
+void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
+  if ((categories & (kAny | kMessages)) != 0) {
+    for (const auto& state : s.context.states()) state->messages.prune(time);
+  }
+  if ((categories & (kAny | kCollops)) != 0) s.context.collectives().prune(time);
+}
+
+// An end_of_filter for what the request selected and the one behind it doesn't. No threads means
+// all of them.
+void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
+                     const PAL_Triplets& threads) {
+  if (s.reader->handlers.end_of_filter == nullptr) return;
+  // Without time order this may come ahead of other streams' records: it must close nothing that
+  // isn't this stream's, such as calls where it holds comments only.
+  if (!s.serial) categories &= s.categories;
+  RecordWriter<26> record(s.packed, time);
+  record.set<1>(categories);
+  record.set<2>(static_cast<uint32_t>(3 * threads.size()));
+  auto* willies = record.array<uint32_t>(3 * threads.size());
+  for (const PAL_Triplet& triplet : threads) {
+    *willies++ = static_cast<uint32_t>(triplet.first);
+    *willies++ = static_cast<uint32_t>(triplet.last);
+    *willies++ = static_cast<uint32_t>(triplet.stride);
+  }
+  KLT_PassOn(s, record.bytes(), KLT_EncodedBytes(s.packed.tail()) - 1, time);
+}
+
+bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
+
+}  // namespace
+
+bool KLT_TellsCounters(const KLT_StreamRequest& request) {
+  return (request.asked & kCounters) != 0 && (request.asked & (kAny | kMessages | kCollops)) == 0;
+}
+
+uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask) {
+  return ((mask & kAny) != 0 ? kAllHistory : mask) & stream.categories;
+}
+
+bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
+  const KLT_StreamRequest& request = s.current();
+  if (request.threads.empty()) {
+    markDone(s);
+    return true;
+  }
+  const uint32_t untold = KLT_StoredCategories(s, request.categories) & ~s.historyClean;
+  pruneContext(s, request.categories, request.start);
+  const uint32_t known = (request.categories & kAny) != 0 ? kAllHistory : request.categories | kAny;
+  const bool brackets = s.reader->handlers.begin_of_history != nullptr &&
+                        s.reader->handlers.end_of_history != nullptr;
+  Gathered gathered;
+  if ((untold != 0 || s.addedCategories != 0 || !s.addedThreads.empty()) && !s.context.empty()) {
+    gather(s, untold, brackets, gathered);
+  }
+  if (gathered.encoded != 0) {
+    constexpr size_t kBracketBytes = 15;
+    constexpr size_t kTimeRecord = 9;
+    const size_t needed =
+        s.packedBytes + gathered.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
+    if (needed > s.packedCapacity && s.serial && !force) {
+      if (s.packedBytes != 0) return false;
+      s.packedCapacity = needed;
+    }
+    if (brackets) passBracket<11>(s, request.start);
+    passGathered(s, gathered);
+    if (brackets) passBracket<27>(s, request.start);
+  }
+  s.historyClean = known;
+  markDone(s);
+  return true;
+}
+
+bool KLT_NextRequest(KLT_Stream& s) {
+  if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);
+  const KLT_StreamRequest& ended = s.current();
+  const size_t next = s.request + 1;
+  if (next < s.requests.size() && s.requests[next].start == ended.end) {
+    const KLT_StreamRequest& following = s.requests[next];
+    s.historyClean &=
+        (following.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : following.categories;
+    const PAL_Triplets threads = following.threads.empty()
+                                     ? PAL_Triplets{}
+                                     : PAL_TripletsSubtract(ended.threads, following.threads);
+    uint32_t categories = ended.categories & ~following.categories;
+    // Streams that have no part in a request without length go on without a break: what this one
+    // drops there concerns its own records alone.
+    const bool ownOnly = isInstant(ended) || isInstant(following);
+    if (ownOnly) categories &= s.categories;
+    const uint32_t leaving = ownOnly ? ended.categories & s.categories : ended.categories;
+    // Two records rather than one that names both: threads that leave lose all categories, those
+    // that stay only the ones that aren't asked any more. A single record with the latter, perhaps
+    // none, would leave the calls of a leaving thread open, and a request that asks for the thread
+    // again later would deliver a second call stack for it.
+    if (!threads.empty()) passEndOfFilter(s, ended.end, leaving, threads);
+    if (categories != 0) {
+      passEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
+    }
+  } else {
+    s.historyClean = 0;
+    passEndOfFilter(s, ended.end, ended.categories, ended.threads);
+  }
+  if (next == s.requests.size()) {
+    s.request = next;
+    return true;
+  }
+  return KLT_EnterRequest(s, next);
+}

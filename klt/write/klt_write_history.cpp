@@ -1,0 +1,102 @@
+// What a writer remembers for its seek points. See klt_write_history.h.
+#include "klt/write/klt_write_history.h"
+#include "util/pal_mem.h"
+
+#include <algorithm>
+
+namespace {
+
+// Marks an entry that was taken out.
+constexpr uint64_t kGone = 0;
+
+uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32 | seqnr; }
+
+}  // namespace
+
+KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time) {
+  if (entries_.size() >= pruneAt_) {
+    prune(time);
+    pruneAt_ = std::max(kFirstPrune, 2 * entries_.size());
+  }
+  PAL_MakeRoom(entries_);
+  KLT_OffsetEntry& entry = entries_.emplace_back();
+  entry.time = time;
+  return entry;
+}
+
+void KLT_OffsetEntries::addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open) {
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = open ? KLT_OffsetEntry::kNever : end;
+  entry.offset = offset;
+  if (open) open_[offset] = entries_.size() - 1;
+}
+
+void KLT_OffsetEntries::endSpan(uint64_t offset, uint64_t end) {
+  const auto place = open_.find(offset);
+  if (place == open_.end()) return;
+  entries_[place->second].end = end;
+  open_.erase(place);
+}
+
+void KLT_OffsetEntries::setCounter(uint32_t counter, uint64_t time, uint64_t offset) {
+  const auto place = counters_.find(counter);
+  if (place != counters_.end()) {
+    entries_[place->second].time = time;
+    entries_[place->second].offset = offset;
+    return;
+  }
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = KLT_OffsetEntry::kNever;
+  entry.offset = offset;
+  entry.kind = KLT_OffsetEntry::Kind::kCounter;
+  entry.id = counter;
+  counters_[counter] = entries_.size() - 1;
+}
+
+void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset) {
+  KLT_OffsetEntry& entry = append(time);
+  entry.end = KLT_OffsetEntry::kNever;
+  entry.offset = offset;
+  entry.kind = KLT_OffsetEntry::Kind::kScope;
+  entry.id = scope;
+  entry.seqnr = seqnr;
+  scopes_[scopeKey(scope, seqnr)].all.push_back(entries_.size() - 1);
+}
+
+void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
+  const auto found = scopes_.find(scopeKey(scope, seqnr));
+  if (found == scopes_.end()) return;
+  Places& places = found->second;
+  entries_[places.all[places.first++]].end = kGone;
+  if (places.first == places.all.size()) scopes_.erase(found);
+}
+
+void KLT_OffsetEntries::prune(uint64_t limit) {
+  const size_t before = entries_.size();
+  std::erase_if(entries_, [limit](const KLT_OffsetEntry& e) {
+    return e.end <= limit && e.end != KLT_OffsetEntry::kNever;
+  });
+  if (entries_.size() != before) reindex();
+}
+
+void KLT_OffsetEntries::reindex() {
+  const PAL_Place here;
+  std::unordered_map<uint64_t, size_t> open;
+  counters_.clear();
+  scopes_.clear();
+  for (size_t i = 0; i < entries_.size(); ++i) {
+    const KLT_OffsetEntry& entry = entries_[i];
+    switch (entry.kind) {
+      case KLT_OffsetEntry::Kind::kSpan:
+        if (open_.contains(entry.offset)) open[entry.offset] = i;
+        break;
+      case KLT_OffsetEntry::Kind::kCounter:
+        counters_[entry.id] = i;
+        break;
+      case KLT_OffsetEntry::Kind::kScope:
+        scopes_[scopeKey(entry.id, entry.seqnr)].all.push_back(i);
+        break;
+    }
+  }
+  open_ = std::move(open);
+}

@@ -1,0 +1,293 @@
+// What ties a written trace together: seek points into its components, and the index.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <numeric>
+
+#include "klt/index/klt_intern.h"
+#include "klt/write/klt_write.h"
+#include "util/pal_error.h"
+#include "util/pal_mem.h"
+
+namespace {
+
+constexpr uint32_t kAllThreadsList = 1;
+constexpr size_t kEntriesPerHistory = 255;
+constexpr size_t kLargestStack = 0xffff;
+constexpr uint32_t kTableBuckets = 1021;  // decides the order of strings and lists
+
+// Whether an anchor can tell the history, in at most `most` bytes.
+bool canTell(const KLT_WriteHistory& history, uint64_t most) {
+  constexpr size_t kAnchorBytes = 17;
+  const size_t depth = history.calls.size();
+  if (depth > kLargestStack || 4 * depth > most) return false;
+  size_t bytes = kAnchorBytes;
+  if (depth != 0) bytes += 7 + depth * (history.hasLocations() ? 8 : 4);
+  if (history.isUsed) {
+    const size_t entries = history.offsets.entries().size();
+    bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
+  }
+  return bytes <= most;
+}
+
+// Builds records behind the used bytes of the anchor component.
+class AnchorWriter {
+ public:
+  AnchorWriter(KLT_WFileHandle& writer, KLT_WriteContext& context)
+      : writer_(writer), context_(context) {}
+
+  bool stack(const KLT_WriteHistory& history) {
+    const size_t n = history.calls.size();
+    const bool scls = history.hasLocations();
+    uint8_t* to = reserve(7 + n * (scls ? 8 : 4));
+    if (to == nullptr) return false;
+    *to++ = scls ? 42 : 41;
+    to = put32(to, history.gtp);
+    klt::storeBig16(to, static_cast<uint16_t>(n));
+    to += 2;
+    for (const auto& call : history.calls) to = put32(to, call.function);
+    if (scls) {
+      for (const auto& call : history.calls) to = put32(to, call.scl);
+    }
+    return true;
+  }
+
+  bool offsets(const std::vector<KLT_OffsetEntry>& entries) {
+    size_t at = 0;
+    do {  // a thread without entries still says so
+      const size_t n = std::min(kEntriesPerHistory, entries.size() - at);
+      if (!offsets(entries.data() + at, n)) return false;
+      at += n;
+    } while (at < entries.size());
+    return true;
+  }
+
+  bool anchor() {
+    uint8_t* to = reserve(17);
+    if (to == nullptr) return false;
+    *to++ = 9;
+    to = put64(to, context_.outputTime);
+    put64(to, context_.position());
+    return true;
+  }
+
+ private:
+  static uint8_t* put32(uint8_t* to, uint32_t value) {
+    klt::storeBig32(to, value);
+    return to + 4;
+  }
+  static uint8_t* put64(uint8_t* to, uint64_t value) {
+    klt::storeBig64(to, value);
+    return to + 8;
+  }
+
+  bool offsets(const KLT_OffsetEntry* entries, size_t n) {
+    uint8_t* to = reserve(2 + 20 * n);
+    if (to == nullptr) return false;
+    *to++ = 46;
+    *to++ = static_cast<uint8_t>(n);
+    for (size_t i = 0; i < n; ++i) to = put32(to, context_.fileId);
+    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].offset);
+    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].time);
+    return true;
+  }
+
+  // Takes `bytes` bytes of the anchor buffer; null if the component is lost.
+  uint8_t* reserve(size_t bytes) {
+    KLT_WriteBuffer& buffer = context_.anchors;
+    if (context_.anchorsUsed + bytes > KLT_WriteBuffer::kFlushBytes) {
+      KLT_FlushContext(writer_, context_, true, false);
+    }
+    if (buffer.lost) return nullptr;
+    const size_t wanted = context_.anchorsUsed + bytes;
+    if (buffer.size < wanted) buffer.grow(std::max(wanted, 2 * buffer.size), context_.anchorsUsed);
+    uint8_t* to = buffer.bytes.get() + context_.anchorsUsed;
+    context_.anchorsUsed += bytes;
+    return to;
+  }
+
+  KLT_WFileHandle& writer_;
+  KLT_WriteContext& context_;
+};
+
+}  // namespace
+
+const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  const PAL_Place here;
+  if (context.anchors.lost) return nullptr;  // told when it was lost
+  KLT_WriteHistory& history = context.history;
+  history.offsets.prune(context.outputTime);
+  // A seek point that tells more than the data it saves reading waits for the next boundary.
+  if (!canTell(history, context.position() - context.lastAnchor)) return nullptr;
+  AnchorWriter out(writer, context);
+  if (!history.calls.empty() && !out.stack(history)) return "Writing function history failed.";
+  if (history.isUsed && !out.offsets(history.offsets.entries())) {
+    return "Writing event history failed.";
+  }
+  context.lastAnchor = context.position();
+  return out.anchor() ? nullptr : "Setting/writing anchor failed.";
+}
+
+namespace {
+
+// --- the index ----------------------------------------------------------------------------------
+
+bool putByte(KLT_WFileHandle& writer, KLT_WriteContext& index, uint8_t byte) {
+  uint8_t* to = index.reserve(writer, 1);
+  if (to == nullptr) return false;
+  *to = byte;
+  ++index.dataUsed;
+  return true;
+}
+
+bool putText(KLT_WFileHandle& writer, KLT_WriteContext& index, std::string_view text) {
+  if (!putByte(writer, index, static_cast<uint8_t>(text.size()))) return false;
+  uint8_t* to = index.reserve(writer, text.size() + 1);
+  if (to == nullptr) return false;
+  std::copy(text.begin(), text.end(), to);
+  index.dataUsed += text.size();
+  return true;
+}
+
+bool putField(KLT_WFileHandle& writer, KLT_WriteContext& index, const KLT_Field& field) {
+  const auto type = static_cast<uint8_t>(field.type());
+  if (field.isCount()) {
+    return putByte(writer, index, kKltCountMark) && putByte(writer, index, type) &&
+           putByte(writer, index, static_cast<uint8_t>(field.covered()));
+  }
+  return putByte(writer, index, type) && putText(writer, index, field.name) &&
+         putText(writer, index, field.reference);
+}
+
+bool putLayouts(KLT_WFileHandle& writer, KLT_WriteContext& index) {
+  for (const KLT_Row& row : kKltRows) {
+    bool put = putByte(writer, index, 0) && putByte(writer, index, row.number) &&
+               putText(writer, index, row.name) && putByte(writer, index, row.numFields);
+    for (size_t f = 0; put && f < row.numFields; ++f) {
+      put = putField(writer, index, row.fields[f]);
+    }
+    if (!put) return false;
+  }
+  return true;
+}
+
+// Entries of a table by id, in the order of its buckets.
+template <class Value>
+std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMap<Value>& table) {
+  std::vector<const typename KLT_IdMap<Value>::Entry*> ordered;
+  for (const auto& entry : table.entries()) ordered.push_back(&entry);
+  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
+    return a->id % kTableBuckets < b->id % kTableBuckets;
+  });
+  return ordered;
+}
+
+void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
+  const size_t n = list.size();
+  const std::vector<int32_t> parts = PAL_TripletsToParallel(list);
+  const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
+  KLT_Write<73>(&writer, nullptr, id, static_cast<uint32_t>(n), gtps, gtps + n,
+                parts.data() + 2 * n);
+}
+
+// The threads of the declared processes. A few bytes can declare billions of them: where there are
+// many for each process, each process has entries of its own.
+PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
+  constexpr uint32_t kDistance = 0x10000;  // of two threads of a process
+  constexpr uint32_t kPositive = 0x8000;   // threads whose numbers are positive as signed ones
+  constexpr size_t kMany = 64;
+  PAL_Triplets byProcess;
+  std::vector<int32_t> threads;
+  const size_t processes = std::min<size_t>(writer.declaredThreads.size(), kDistance);
+  for (uint32_t p = 0; p < processes; ++p) {
+    const uint32_t n = std::min(writer.declaredThreads[p], kDistance);
+    const auto gtp = [p](uint32_t thread) { return static_cast<int32_t>(p | thread * kDistance); };
+    const auto addRange = [&](uint32_t from, uint32_t to) {
+      if (from < to) byProcess.push_back({gtp(from), gtp(to - 1), kDistance});
+    };
+    addRange(0, std::min(n, kPositive));
+    addRange(kPositive, n);
+    const bool isFew = threads.size() + n <= kMany * processes;
+    for (uint32_t t = 0; isFew && t < n; ++t) threads.push_back(gtp(t));
+  }
+  const uint64_t total = std::accumulate(
+      writer.declaredThreads.begin(),
+      writer.declaredThreads.begin() + static_cast<ptrdiff_t>(processes), uint64_t{0});
+  return threads.size() == total ? PAL_TripletsCompress(threads, true) : byProcess;
+}
+
+// The list of all threads: those with a component, those whose records the trace was said to hold,
+// and where there are neither, those declared.
+PAL_Triplets allThreads(const KLT_WFileHandle& writer) {
+  std::vector<int32_t> threads;
+  for (const auto& [thread, list] : writer.listIds) threads.push_back(static_cast<int32_t>(thread));
+  const PAL_Triplets own = PAL_TripletsCompress(threads, true);
+  if (!own.empty() && !writer.listsDeclared) return own;
+  const PAL_Triplets declared = declaredThreads(writer);
+  if (writer.selectedThreads.empty()) return PAL_TripletsUnite(own, declared);
+  return PAL_TripletsUnite(own, PAL_TripletsIntersect(declared, writer.selectedThreads));
+}
+
+bool isDeclared(const KLT_WriteContext& context) {
+  return context.fileId != 0 && context.opened && !context.data.lost;
+}
+
+uint32_t filetypeOf(const KLT_WriteContext& context) {
+  return static_cast<uint32_t>(
+      context.categories == klt::kDeclarations ? KLT_FileType::kDeclarations : KLT_FileType::kData);
+}
+
+void writeStructure(KLT_WFileHandle& writer) {
+  KLT_WFileHandle* w = &writer;
+  const PAL_Triplets all = allThreads(writer);
+  if (!all.empty()) writer.willyLists.insert(kAllThreadsList, all);
+  const uint32_t allId = all.empty() ? 0 : kAllThreadsList;
+  for (const auto& context : writer.contexts) {
+    if (isDeclared(*context)) {
+      KLT_Write<33>(w, nullptr, context->fileId, filetypeOf(*context), context->suffix.c_str());
+    }
+  }
+  for (const auto* entry : inTableOrder(writer.strings)) {
+    KLT_Write<69>(w, nullptr, entry->id, writer.textOf(entry->value).c_str());
+  }
+  for (const auto* entry : inTableOrder(writer.willyLists)) {
+    writeList(writer, entry->id, entry->value);
+  }
+  for (const auto& context : writer.contexts) {
+    if (context->categories == klt::kStatistics) {
+      KLT_Write<10>(w, nullptr, uint32_t{0}, context->fileId, klt::kStatistics, allId);
+    } else if (context->anchorId != 0 && isDeclared(*context)) {
+      const uint32_t list = context->listId != 0 ? context->listId : allId;
+      KLT_Write<33>(w, nullptr, context->anchorId, static_cast<uint32_t>(KLT_FileType::kAnchors),
+                    context->suffix.c_str());
+      KLT_Write<10>(w, nullptr, context->anchorId, context->fileId, context->categories, list);
+    }
+  }
+}
+
+}  // namespace
+
+const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
+  const PAL_Place here;
+  // What belongs to the components must have reached them before the index names them.
+  for (const auto& context : writer.contexts) {
+    KLT_FlushContext(writer, *context, true, false);
+    KLT_FlushContext(writer, *context, false, false);
+  }
+  KLT_WriteContext* index = &KLT_CreateContext(writer, klt::kInternal, 0);
+  index->data.file = writer.indexFile;
+  index->opened = true;
+  writer.indexFile = nullptr;
+  const std::array<uint8_t, 11> header = {
+      'K', 'L', 'T', 0x40, 0, 0, 0, static_cast<uint8_t>(writer.flags), 0, 0, 0x14};
+  uint8_t* to = index->reserve(writer, header.size());
+  if (to == nullptr) return "Could not create write context";
+  std::copy(header.begin(), header.end(), to);
+  index->dataUsed += header.size();
+  if (!putLayouts(writer, *index)) return "Writing record layout failed.";
+  writeStructure(writer);
+  KLT_CloseContext(writer, *index);
+  writer.hasIndex = !index->data.lost;
+  return nullptr;
+}

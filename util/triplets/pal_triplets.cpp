@@ -1,0 +1,365 @@
+// Triplet lists: parsing, counting, greedy compression and set algebra.
+//
+// The algebra works on arithmetic sections (see pal_triplets_sections.h). A set that would need
+// more than its budget is refused as invalid data, like an expansion that would be too large.
+#include "util/triplets/pal_triplets.h"
+
+#include <algorithm>
+#include <functional>
+#include <numeric>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "util/pal_error.h"
+#include "util/pal_strings.h"
+#include "util/triplets/pal_triplets_sections.h"
+
+namespace {
+
+using pal::Budget;
+using pal::common;
+using pal::Compressor;
+using pal::makeSet;
+using pal::Operation;
+using pal::Section;
+using pal::Sections;
+using pal::testedSections;
+
+constexpr char kInvalidData[] = "Invalid triplet data.\n";
+constexpr char kStrideZero[] = "Wrong triplet syntax, stride == 0, ignoring triplet.\n";
+
+// testedSections of a list whose numbers are walked: invalid entries are reported, and an inverted
+// one spoils the list.
+Sections walkedSections(PAL_TripletSpan list) {
+  if (std::any_of(list.begin(), list.end(), pal::isInverted)) {
+    PAL_Error(kInvalidData);
+    return {};
+  }
+  Sections sections = testedSections(list);
+  if (sections.empty()) return sections;
+  for (size_t i = sections.size(); i < list.size(); i++) PAL_Error(kStrideZero);
+  return sections;
+}
+
+struct Sets {
+  Sections x, y;
+};
+
+// The sets of two lists given as sections, or nothing when the budget ran out.
+std::optional<Sets> makeSets(const Sections& a, const Sections& b, Budget& budget) {
+  std::optional<Sections> x = makeSet(a, budget);
+  std::optional<Sections> y = x ? makeSet(b, budget) : std::nullopt;
+  if (!y) return std::nullopt;
+  return Sets{std::move(*x), std::move(*y)};
+}
+
+// The same with the whole budget; that it ran out is reported.
+std::optional<Sets> makeSetsOrReport(const Sections& a, const Sections& b) {
+  Budget budget;
+  std::optional<Sets> sets = makeSets(a, b, budget);
+  if (!sets) PAL_Error(kInvalidData);
+  return sets;
+}
+
+// The result of an operation on two lists given as sections, or nothing when the budget ran out.
+std::optional<PAL_Triplets> combine(Operation operation, const Sections& a, const Sections& b,
+                                    Budget budget = {}) {
+  const std::optional<Sets> sets = makeSets(a, b, budget);
+  return sets ? pal::combineSets(operation, sets->x, sets->y, budget) : std::nullopt;
+}
+
+// What an operation gives whose budget may have run out, which is reported.
+PAL_Triplets orReport(std::optional<PAL_Triplets>&& result) {
+  if (!result) PAL_Error(kInvalidData);
+  return std::move(result).value_or(PAL_Triplets());
+}
+
+// The steps that two lists warrant by their sizes. Lists from files may interleave over the whole
+// range of numbers, while a user asks for few: where this budget runs out, sections are taken in
+// pairs. That costs the product of their numbers, but nothing for what isn't in both lists.
+constexpr Budget kCheap{.steps = 4096};
+
+bool pairsAreFew(const Sections& a, const Sections& b) {
+  constexpr size_t kMostPairs = size_t{1} << 20;
+  return a.empty() || b.size() <= kMostPairs / a.size();
+}
+
+// The common numbers of each pair of sections that has any; stops when visit(section) is true.
+template <class Visit>
+bool anyCommonPair(const Sections& a, const Sections& b, Visit&& visit) {
+  for (const Section& x : a) {
+    for (const Section& y : b) {
+      const std::optional<Section> both = common(x, y);
+      if (both && visit(*both)) return true;
+    }
+  }
+  return false;
+}
+
+std::optional<PAL_Triplets> intersectPairs(const Sections& a, const Sections& b) {
+  if (!pairsAreFew(a, b)) return std::nullopt;
+  Sections pairs;
+  anyCommonPair(a, b, [&](const Section& both) {
+    pairs.push_back(both);
+    return false;
+  });
+  return combine(Operation::kUnite, pairs, {});
+}
+
+// Calls visit(x, y) for each pair of sections of two sets that share a stretch; stops on true.
+template <class Visit>
+bool anyOverlapping(const Sections& a, const Sections& b, Visit&& visit) {
+  size_t i = 0;
+  size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (a[i].low <= b[j].high && b[j].low <= a[i].high && visit(a[i], b[j])) return true;
+    if (a[i].high < b[j].high) {
+      i++;
+    } else {
+      j++;
+    }
+  }
+  return false;
+}
+
+int64_t countNumbers(const Sections& set) {
+  return std::transform_reduce(set.begin(), set.end(), int64_t{0}, std::plus<>(),
+                               [](const Section& s) { return s.count(); });
+}
+
+int64_t largestCount(const Sections& sections) {
+  int64_t count = 0;
+  for (const Section& section : sections) count = std::max(count, section.count());
+  return count;
+}
+
+// How many numbers two sets have in common: no set holds more than 2^32.
+int64_t countCommon(const Sections& a, const Sections& b) {
+  int64_t count = 0;
+  anyOverlapping(a, b, [&](const Section& x, const Section& y) {
+    if (const auto both = common(x, y)) count += both->count();
+    return false;
+  });
+  return count;
+}
+
+// One piece of a triplet text: the letter N or digits. The piece is taken off `text`, with the
+// colons in front of it; no piece is left when the result is empty.
+std::string_view nextPiece(std::string_view& text) {
+  text.remove_prefix(std::min(text.find_first_not_of(':'), text.size()));
+  const std::string_view piece = text.substr(0, text.find(':'));
+  text.remove_prefix(piece.size());
+  return piece;
+}
+
+bool parsePiece(std::string_view piece, int32_t n, int32_t& value) {
+  if (piece == "N" || piece == "n") {
+    value = n;
+    return true;
+  }
+  uint64_t number = 0;
+  for (const char c : piece) {
+    if (c < '0' || c > '9') return false;
+    number = number * 10 + static_cast<uint64_t>(c - '0');
+    if (number > std::numeric_limits<uint32_t>::max()) return false;
+  }
+  value = static_cast<int32_t>(static_cast<uint32_t>(number));
+  return true;
+}
+
+}  // namespace
+
+int PAL_TripletParse(const char* text, int32_t n, int32_t* first, int32_t* last, int32_t* stride) {
+  constexpr size_t kMaxText = 191;
+  if (!text || !first || !last || !stride) return 0;
+  while (PAL_IsSpace(*text)) text++;
+  size_t length = 0;
+  while (length < kMaxText && text[length] != '\0' && !PAL_IsSpace(text[length])) length++;
+
+  std::string_view rest(text, length);
+  const std::string_view start = nextPiece(rest);
+  if (start.empty() || !parsePiece(start, n, *first)) return 0;
+  *last = *first;
+  *stride = 1;
+  for (int32_t* field : {last, stride}) {
+    const std::string_view piece = nextPiece(rest);
+    if (piece.empty()) break;
+    if (!parsePiece(piece, n, *field)) return 0;
+  }
+  return 1;
+}
+
+uint32_t PAL_TripletsCount(PAL_TripletSpan list) {
+  constexpr int64_t kMaxCount = 4294967294;
+  int64_t count = 0;
+  for (const PAL_Triplet& t : list) {
+    if (t.stride == 0) continue;
+    if (!pal::isInverted(t)) count += (int64_t{t.last} - t.first) / t.stride + 1;
+    if (pal::isInverted(t) || count > kMaxCount) {
+      PAL_Error(kInvalidData);
+      return 0;
+    }
+  }
+  return static_cast<uint32_t>(count);
+}
+
+std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list) {
+  const uint32_t count = PAL_TripletsCount(list);
+  if (count > PAL_TRIPLETS_MAX_EXPANSION) PAL_Error(kInvalidData);
+  if (count == 0 || count > PAL_TRIPLETS_MAX_EXPANSION) return {};
+  std::vector<int32_t> numbers;
+  numbers.reserve(count);
+  for (const PAL_Triplet& t : list) {
+    if (t.stride == 0) {
+      PAL_Error(kStrideZero);
+      continue;
+    }
+    int64_t left = (int64_t{t.last} - t.first) / t.stride + 1;
+    for (int64_t v = t.first; left > 0; left--, v += t.stride) {
+      numbers.push_back(static_cast<int32_t>(v));
+    }
+  }
+  return numbers;
+}
+
+PAL_Triplets PAL_TripletsCompress(std::span<const int32_t> numbers, bool sort) {
+  std::vector<int32_t> sorted;
+  if (sort) {
+    sorted.assign(numbers.begin(), numbers.end());
+    std::sort(sorted.begin(), sorted.end());
+    numbers = sorted;
+  }
+  Compressor compressor;
+  for (const int32_t v : numbers) compressor.add(v);
+  return compressor.finish();
+}
+
+bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number) {
+  for (const PAL_Triplet& t : list) {
+    const int64_t distance = int64_t{number} - t.first;
+    const bool inside = t.stride > 0 ? number >= t.first && number <= t.last
+                                     : number <= t.first && number >= t.last;
+    if (t.stride != 0 && inside && distance % t.stride == 0) return true;
+  }
+  return false;
+}
+
+PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b) {
+  const Sections x = walkedSections(a);
+  const Sections y = testedSections(b);
+  std::optional<PAL_Triplets> result = combine(Operation::kIntersect, x, y, kCheap);
+  if (!result) result = intersectPairs(x, y);
+  if (!result) result = combine(Operation::kIntersect, x, y);
+  return orReport(std::move(result));
+}
+
+PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b) {
+  return orReport(combine(Operation::kUnite, walkedSections(a), walkedSections(b)));
+}
+
+PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b) {
+  return orReport(combine(Operation::kSubtract, walkedSections(a), testedSections(b)));
+}
+
+bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* number) {
+  // Sections of `a` that share a stretch with many of `b` but no number are the slow case.
+  Budget budget;
+  const Sections walked = walkedSections(a);
+  const std::optional<Sections> set = makeSet(testedSections(b), budget);
+  if (!set) PAL_Error(kInvalidData);
+  if (!set || walked.empty()) return false;
+
+  size_t entry = 0;
+  for (const Section& x : walked) {
+    while (a[entry].stride == 0) entry++;
+    const bool down = a[entry++].stride < 0;
+    auto from = std::partition_point(set->begin(), set->end(),
+                                     [&](const Section& y) { return y.high < x.low; });
+    auto to =
+        std::partition_point(from, set->end(), [&](const Section& y) { return y.low <= x.high; });
+    while (from != to) {
+      if (--budget.steps < 0) {
+        PAL_Error(kInvalidData);
+        return false;
+      }
+      const auto both = common(x, down ? *--to : *from++);
+      if (both) {
+        *number = static_cast<int32_t>(down ? both->high : both->low);
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
+  const Sections x = walkedSections(a);
+  const Sections y = testedSections(b);
+  Budget budget = kCheap;
+  std::optional<Sets> sets = makeSets(x, y, budget);
+  if (!sets && pairsAreFew(x, y)) {
+    return anyCommonPair(x, y, [](const Section&) { return true; });
+  }
+  if (!sets) sets = makeSetsOrReport(x, y);
+  return sets && anyOverlapping(sets->x, sets->y, [](const Section& p, const Section& q) {
+           return common(p, q).has_value();
+         });
+}
+
+bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b) {
+  const Sections x = walkedSections(a);
+  const Sections y = walkedSections(b);
+  // Neither can be equal to a set with fewer numbers than one of its sections has.
+  if (largestCount(x) > countNumbers(y) || largestCount(y) > countNumbers(x)) return false;
+  const std::optional<Sets> sets = makeSetsOrReport(x, y);
+  if (!sets) return false;
+  const int64_t count = countNumbers(sets->x);
+  return count == countNumbers(sets->y) && count == countCommon(sets->x, sets->y);
+}
+
+bool PAL_TripletsSubset(PAL_TripletSpan a, PAL_TripletSpan b) {
+  const std::optional<Sets> sets = makeSetsOrReport(testedSections(a), walkedSections(b));
+  return sets && countCommon(sets->x, sets->y) == countNumbers(sets->y);
+}
+
+std::vector<int32_t> PAL_TripletsToParallel(PAL_TripletSpan list) {
+  const size_t n = list.size();
+  std::vector<int32_t> numbers(3 * n);
+  for (size_t i = 0; i < n; i++) {
+    numbers[i] = list[i].first;
+    numbers[n + i] = list[i].last;
+    numbers[2 * n + i] = list[i].stride;
+  }
+  return numbers;
+}
+
+PAL_Triplets PAL_TripletsFromParallel(size_t n, const int32_t* first, const int32_t* last,
+                                      const int32_t* stride) {
+  PAL_Triplets list(n);
+  for (size_t i = 0; i < n; i++) list[i] = {first[i], last[i], stride[i]};
+  return list;
+}
+
+PAL_TripletSet::PAL_TripletSet(PAL_TripletSpan list) {
+  Sections sections = testedSections(list);
+  if (sections.size() > kWalked) {
+    // A set larger than its list by much isn't worth its memory in every stream.
+    Budget budget{.maxSections = size_t{1} << 14, .steps = int64_t{1} << 22};
+    if (std::optional<Sections> set = makeSet(sections, budget)) {
+      sections = std::move(*set);
+      sorted_ = sections.size() > kWalked;
+    }
+  }
+  stretches_.reserve(sections.size());
+  for (const Section& s : sections) {
+    stretches_.push_back({static_cast<int32_t>(s.low), static_cast<uint32_t>(s.high - s.low),
+                          static_cast<uint32_t>(s.step)});
+  }
+}
+
+bool PAL_TripletSet::search(int32_t number) const {
+  const auto next = std::upper_bound(stretches_.begin(), stretches_.end(), number,
+                                     [](int32_t v, const Stretch& s) { return v < s.low; });
+  return next != stretches_.begin() && std::prev(next)->holds(number);
+}

@@ -1,0 +1,231 @@
+// Sections and sets of them. See pal_triplets_sections.h.
+#include "util/triplets/pal_triplets_sections.h"
+
+#include <algorithm>
+#include <numeric>
+#include <span>
+#include <tuple>
+
+namespace pal {
+namespace {
+
+Section makeSection(int64_t low, int64_t high, int64_t step) {
+  high = low + (high - low) / step * step;
+  return {low, high, high == low ? 1 : step};
+}
+
+// The part of a section inside [low, high], if there is one.
+std::optional<Section> clip(const Section& section, int64_t low, int64_t high) {
+  if (section.low >= low && section.high <= high) return section;
+  int64_t from = section.low;
+  if (from < low) from += (low - from + section.step - 1) / section.step * section.step;
+  const int64_t to = std::min(section.high, high);
+  if (from > to) return std::nullopt;
+  return makeSection(from, to, section.step);
+}
+
+Section toSection(const PAL_Triplet& t) {
+  if (t.stride > 0) return makeSection(t.first, t.last, t.stride);
+  const int64_t step = -int64_t{t.stride};
+  const int64_t low = t.first - (int64_t{t.first} - t.last) / step * step;
+  return {low, t.first, low == t.first ? 1 : step};
+}
+
+// x with a * x == 1 (mod m), for coprime a and m.
+int64_t inverse(int64_t a, int64_t m) {
+  int64_t r0 = m, r1 = a % m, x0 = 0, x1 = 1;
+  while (r1 != 0) {
+    const int64_t q = r0 / r1;
+    r0 = std::exchange(r1, r0 - q * r1);
+    x0 = std::exchange(x1, x0 - q * x1);
+  }
+  return x0 < 0 ? x0 + m : x0;
+}
+
+}  // namespace
+
+bool isInverted(const PAL_Triplet& t) {
+  return (t.stride > 0 && t.last < t.first) || (t.stride < 0 && t.last > t.first);
+}
+
+Sections testedSections(PAL_TripletSpan list) {
+  Sections sections;
+  sections.reserve(list.size());
+  for (const PAL_Triplet& t : list) {
+    if (t.stride != 0 && !isInverted(t)) sections.push_back(toSection(t));
+  }
+  return sections;
+}
+
+// The common numbers of two sections form a section again (Chinese remainders). Steps are at most
+// 2^31, so no product passes 2^62.
+std::optional<Section> common(const Section& a, const Section& b) {
+  const int64_t low = std::max(a.low, b.low);
+  const int64_t high = std::min(a.high, b.high);
+  if (low > high) return std::nullopt;
+  if (a.step == 1) return clip(b, low, high);
+  if (b.step == 1) return clip(a, low, high);
+  const int64_t divisor = std::gcd(a.step, b.step);
+  const int64_t distance = b.low - a.low;
+  if (distance % divisor != 0) return std::nullopt;
+  const int64_t modulus = b.step / divisor;
+  const int64_t quotient = ((distance / divisor) % modulus + modulus) % modulus;
+  const int64_t k = quotient * inverse(a.step / divisor, modulus) % modulus;
+  const int64_t step = a.step / divisor * b.step;
+  int64_t from = a.low + k * a.step;
+  if (from < low) from += (low - from + step - 1) / step * step;
+  if (from > high) return std::nullopt;
+  return makeSection(from, high, step);
+}
+
+namespace {
+
+// One binary operation on two sets: a sweep that hands the result to a Compressor.
+class Sweep {
+ public:
+  Sweep(Operation operation, Budget& budget) : operation_(operation), budget_(budget) {}
+
+  // False if the budget ran out.
+  bool run(const Sections& a, const Sections& b) {
+    size_t i = 0;
+    size_t j = 0;
+    std::optional<Section> x = at(a, i);
+    std::optional<Section> y = at(b, j);
+    while (x && y && withinBudget()) {
+      const int64_t low = std::max(x->low, y->low);
+      const int64_t high = std::min(x->high, y->high);
+      if (low <= high) {
+        if (x->low < low) left(clip(*x, x->low, low - 1));
+        if (y->low < low) right(clip(*y, y->low, low - 1));
+        overlap(clip(*x, low, high), clip(*y, low, high));
+        x = clip(*x, high + 1, x->high);
+        y = clip(*y, high + 1, y->high);
+      } else if (x->high < y->low) {
+        left(std::exchange(x, std::nullopt));
+      } else {
+        right(std::exchange(y, std::nullopt));
+      }
+      if (!x) x = at(a, ++i);
+      if (!y) y = at(b, ++j);
+    }
+    for (; x && withinBudget(); x = at(a, ++i)) left(x);
+    for (; y && withinBudget(); y = at(b, ++j)) right(y);
+    return withinBudget();
+  }
+
+  PAL_Triplets finish() { return result_.finish(); }
+
+ private:
+  static std::optional<Section> at(const Sections& set, size_t i) {
+    return i < set.size() ? std::optional(set[i]) : std::nullopt;
+  }
+
+  bool withinBudget() const { return budget_.steps > 0 && result_.size() <= budget_.maxSections; }
+
+  void emit(const Section& section) {
+    budget_.steps--;
+    result_.add(section);
+  }
+
+  // A stretch that only one of the sets touches.
+  void left(const std::optional<Section>& x) {
+    if (x && operation_ != Operation::kIntersect) emit(*x);
+  }
+  void right(const std::optional<Section>& y) {
+    if (y && operation_ == Operation::kUnite) emit(*y);
+  }
+
+  // A stretch in which both have a section.
+  void overlap(const std::optional<Section>& x, const std::optional<Section>& y) {
+    if (!y) return left(x);
+    if (!x) return right(y);
+    const std::optional<Section> both = common(*x, *y);
+    switch (operation_) {
+      case Operation::kIntersect:
+        if (both) emit(*both);
+        break;
+      case Operation::kSubtract:
+        subtract(*x, both);
+        break;
+      case Operation::kUnite:
+        unite(*x, *y, both);
+        break;
+    }
+  }
+
+  // The stretches of `x` between the numbers of `hole`, which are numbers of `x`.
+  void subtract(const Section& x, const std::optional<Section>& hole) {
+    if (!hole) return emit(x);
+    if (hole->step == x.step) {
+      left(clip(x, x.low, hole->low - 1));
+      left(clip(x, hole->high + 1, x.high));
+      return;
+    }
+    int64_t from = x.low;
+    for (int64_t v = hole->low; v <= hole->high && withinBudget(); v += hole->step) {
+      left(clip(x, from, v - 1));
+      from = v + 1;
+    }
+    left(clip(x, from, x.high));
+  }
+
+  void unite(const Section& x, const Section& y, const std::optional<Section>& both) {
+    if (both && both->count() == y.count()) return emit(x);
+    if (both && both->count() == x.count()) return emit(y);
+    int64_t v = x.low;
+    int64_t w = y.low;
+    while ((v <= x.high || w <= y.high) && withinBudget()) {
+      const bool takeX = w > y.high || (v <= x.high && v <= w);
+      const int64_t number = takeX ? v : w;
+      emit({number, number, 1});
+      if (v == number) v += x.step;
+      if (w == number) w += y.step;
+    }
+  }
+
+  const Operation operation_;
+  Budget& budget_;
+  Compressor result_;
+};
+
+bool areDisjoint(const Sections& sorted) {
+  for (size_t i = 1; i < sorted.size(); i++) {
+    if (sorted[i].low <= sorted[i - 1].high) return false;
+  }
+  return true;
+}
+
+// The set of sections that are sorted by `low`. Halves are united depth first, so that what
+// interleaves among neighbours has melted into few sections before the next level sees it.
+std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budget) {
+  Sections whole(sorted.begin(), sorted.end());
+  if (areDisjoint(whole)) return whole;
+  const std::optional<Sections> a = makeSorted(sorted.first(sorted.size() / 2), budget);
+  const std::optional<Sections> b =
+      a ? makeSorted(sorted.subspan(sorted.size() / 2), budget) : std::nullopt;
+  Sweep sweep(Operation::kUnite, budget);
+  if (!b || !sweep.run(*a, *b)) return std::nullopt;
+  return testedSections(sweep.finish());
+}
+
+}  // namespace
+
+std::optional<Sections> makeSet(Sections sections, Budget& budget) {
+  budget.maxSections = std::max(budget.maxSections, 2 * sections.size());
+  budget.steps += 64 * static_cast<int64_t>(sections.size());
+  // Equal sections count once, wherever they stand: united in each half they would cost each time.
+  std::sort(sections.begin(), sections.end(), [](const Section& a, const Section& b) {
+    return std::tie(a.low, a.high, a.step) < std::tie(b.low, b.high, b.step);
+  });
+  sections.erase(std::unique(sections.begin(), sections.end()), sections.end());
+  return makeSorted(std::span<const Section>(sections), budget);
+}
+
+std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a, const Sections& b,
+                                        Budget& budget) {
+  Sweep sweep(operation, budget);
+  if (!sweep.run(a, b)) return std::nullopt;
+  return sweep.finish();
+}
+
+}  // namespace pal

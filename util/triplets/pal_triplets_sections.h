@@ -1,0 +1,125 @@
+// Arithmetic sections, what triplet lists are made of when they are worked with.
+//
+// For pal_triplets.cpp alone. A set is a list of sections that is sorted and in which no two
+// stretches overlap, so a binary operation is one sweep over two lists; its result passes through
+// the greedy compression while it is made. Numbers are only looked at singly where two strides
+// interleave in one stretch. That work is bounded (see Budget).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "util/triplets/pal_triplets.h"
+
+namespace pal {
+
+// The numbers low, low + step, ... high; `high` is one of them, and step is 1 for a single number.
+struct Section {
+  int64_t low;
+  int64_t high;
+  int64_t step;
+
+  [[nodiscard]] int64_t count() const { return (high - low) / step + 1; }
+  friend bool operator==(const Section&, const Section&) = default;
+};
+
+using Sections = std::vector<Section>;
+
+// Limits on one operation: numbers of sections in a set, and steps to get there.
+struct Budget {
+  size_t maxSections = size_t{1} << 20;
+  int64_t steps = int64_t{1} << 23;
+};
+
+// An entry whose `last` is on the wrong side of `first`.
+[[nodiscard]] bool isInverted(const PAL_Triplet& t);
+// The sections of a list in its order, with entries that stand for nothing left out.
+[[nodiscard]] Sections testedSections(PAL_TripletSpan list);
+// The numbers that two sections have in common, a section again.
+[[nodiscard]] std::optional<Section> common(const Section& a, const Section& b);
+
+enum class Operation { kIntersect, kUnite, kSubtract };
+
+// The set of all numbers of some sections; nothing if the budget ran out.
+[[nodiscard]] std::optional<Sections> makeSet(Sections sections, Budget& budget);
+// An operation on two sets, compressed; nothing if the budget ran out.
+[[nodiscard]] std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a,
+                                                      const Sections& b, Budget& budget);
+
+// The greedy compression, fed with numbers or with whole sections in ascending order.
+class Compressor {
+ public:
+  // The next number: extends the open triplet, becomes its second number, or opens a new one.
+  void add(int64_t v) {
+    switch (state_) {
+      case State::kSecond:
+        if (v == last_) return;
+        if (const int64_t stride = v - first_; fits(stride)) {
+          stride_ = stride;
+          last_ = v;
+          state_ = State::kMore;
+          return;
+        }
+        break;
+      case State::kMore:
+        if (v == last_) return;
+        if (v == last_ + stride_) {
+          last_ = v;
+          return;
+        }
+        break;
+      case State::kFirst:
+        break;
+    }
+    close();
+    first_ = last_ = v;
+    stride_ = 1;
+    state_ = State::kSecond;
+  }
+
+  // Same as adding all its numbers. The open triplet takes up the section's stride after three
+  // numbers at the latest, and the rest of the section extends it.
+  void add(const Section& section) {
+    for (int64_t v = section.low; v <= section.high; v += section.step) {
+      add(v);
+      if (state_ == State::kMore && stride_ == section.step) {
+        last_ = section.high;
+        return;
+      }
+    }
+  }
+
+  [[nodiscard]] size_t size() const { return triplets_.size(); }
+
+  PAL_Triplets finish() {
+    close();
+    return std::move(triplets_);
+  }
+
+ private:
+  enum class State { kFirst, kSecond, kMore };  // which number of a triplet comes next
+
+  static bool fits(int64_t stride) {
+    return stride >= std::numeric_limits<int32_t>::min() &&
+           stride <= std::numeric_limits<int32_t>::max();
+  }
+
+  void close() {
+    if (state_ == State::kFirst) return;
+    triplets_.push_back(
+        {static_cast<int32_t>(first_), static_cast<int32_t>(last_), static_cast<int32_t>(stride_)});
+    state_ = State::kFirst;
+  }
+
+  PAL_Triplets triplets_;
+  State state_ = State::kFirst;
+  int64_t first_ = 0;
+  int64_t last_ = 0;
+  int64_t stride_ = 1;
+};
+
+}  // namespace pal
