@@ -277,19 +277,22 @@ void KLTM_CollopTable::writeRecord(KLTM_Collop& c, uint32_t root) {
   const uint32_t* scl = arrays_.scl.data();
   switch (shapeOf(c.operation)) {
     case Shape::kOneToAll:
-      KLT_Write<56>(writer_, slot, c.time, c.root, sent[root], c.comm, c.operation, c.n, start,
-                    delta, received, scl);
+      KLT_Write<KLT_Row::oneToAllCommunicationScl>(writer_, slot, c.time, c.root, sent[root],
+                                                   c.comm, c.operation, c.n, start, delta, received,
+                                                   scl);
       break;
     case Shape::kAllToOne:
-      KLT_Write<8>(writer_, slot, c.time, c.root, received[root], c.comm, c.operation, c.n, start,
-                   delta, sent, scl);
+      KLT_Write<KLT_Row::allToOneCommunicationScl>(writer_, slot, c.time, c.root, received[root],
+                                                   c.comm, c.operation, c.n, start, delta, sent,
+                                                   scl);
       break;
     case Shape::kAllToAll:
-      KLT_Write<6>(writer_, slot, c.time, c.comm, c.operation, c.n, start, delta, sent, received,
-                   scl);
+      KLT_Write<KLT_Row::allToAllCommunicationScl>(writer_, slot, c.time, c.comm, c.operation, c.n,
+                                                   start, delta, sent, received, scl);
       break;
     case Shape::kAll:
-      KLT_Write<4>(writer_, slot, c.time, c.comm, c.operation, c.n, start, delta, scl);
+      KLT_Write<KLT_Row::allCommunicationScl>(writer_, slot, c.time, c.comm, c.operation, c.n,
+                                              start, delta, scl);
       break;
     case Shape::kNone:  // no record can tell it
       break;

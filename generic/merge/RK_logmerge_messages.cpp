@@ -135,13 +135,13 @@ void KLTM_MessageTable::write(KLTM_Message& m) {
   // A component that is lost has been reported; the matching goes on for the summary's sake and for
   // the components that remain.
   switch (m.row) {
-    case 57:
-      return plain.operator()<57>();
-    case 58:
-      return located.operator()<58>();
-    case 59:
-      return plain.operator()<59>();
+    case KLT_Row::oneToOneCommunication:
+      return plain.operator()<KLT_Row::oneToOneCommunication>();
+    case KLT_Row::oneToOneCommunicationScl:
+      return located.operator()<KLT_Row::oneToOneCommunicationScl>();
+    case KLT_Row::oneToOneCommunicationWide:
+      return plain.operator()<KLT_Row::oneToOneCommunicationWide>();
     default:
-      return located.operator()<60>();
+      return located.operator()<KLT_Row::oneToOneCommunicationWideScl>();
   }
 }

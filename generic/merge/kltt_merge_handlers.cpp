@@ -91,9 +91,9 @@ uint32_t copyRecord<"one_to_one_communication">(KLT_WFileHandle* writer, uint64_
                                                 uint32_t receiverScl, uint32_t senderChecksum,
                                                 uint32_t receiverChecksum, uint32_t senderFunction,
                                                 uint32_t receiverFunction) {
-  const klt::WriteArguments<61> arguments(time, sender, receiveTime, receiver, communicator, size,
-                                          tag, senderScl, receiverScl, senderChecksum,
-                                          receiverChecksum, senderFunction, receiverFunction);
+  const klt::WriteArguments<KLT_Row::oneToOneCommunicationChecksums> arguments(
+      time, sender, receiveTime, receiver, communicator, size, tag, senderScl, receiverScl,
+      senderChecksum, receiverChecksum, senderFunction, receiverFunction);
   if (senderChecksum != 0 || receiverChecksum != 0) return writeAs<61, 61>(writer, arguments);
   const bool located = isScl(senderScl) || isScl(receiverScl);
   if (tag < 0x10000) {
@@ -211,9 +211,10 @@ int counterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
   KLTM_Context& context = contextOf(user);
   if (context.summary != nullptr) KLTT_SumDefineCounter(*context.summary, id, flags);
   if (context.writer == nullptr) return 0;
-  return result(KLT_Write<20>(context.writer, nullptr, id, name, flags & ~kDifferential,
-                              uint32_t{(flags & kDifferential) != 0}, klt::swapBytes(bounds[0]),
-                              klt::swapBytes(bounds[1]), gtp, classId, unit));
+  return result(KLT_Write<KLT_Row::counterDefinition>(
+      context.writer, nullptr, id, name, flags & ~kDifferential,
+      uint32_t{(flags & kDifferential) != 0}, klt::swapBytes(bounds[0]), klt::swapBytes(bounds[1]),
+      gtp, classId, unit));
 }
 
 int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint32_t* counters,
@@ -224,7 +225,8 @@ int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint
   }
   if (context.writer == nullptr) return 0;
   for (uint32_t i = 0; i < n; ++i) values[i] = klt::swapBytes(values[i]);
-  return result(KLT_Write<22>(context.writer, nullptr, time, gtp, n, values, counters));
+  return result(
+      KLT_Write<KLT_Row::counterValue>(context.writer, nullptr, time, gtp, n, values, counters));
 }
 
 int communicatorDefinition(void* user, uint32_t id, const char* name, uint32_t n,
@@ -233,14 +235,15 @@ int communicatorDefinition(void* user, uint32_t id, const char* name, uint32_t n
   context.matching.registerCommunicator(id, KLTM_ExpandMembers(id, {members, n}));
   const std::vector<int32_t> parts = PAL_TripletsToParallel({members, n});
   const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
-  return result(KLT_Write<19>(context.writer, nullptr, id, name, n, gtps, gtps + n,
-                              parts.data() + 2 * size_t{n}, leftSize));
+  return result(KLT_Write<KLT_Row::communicatorDefinition>(context.writer, nullptr, id, name, n,
+                                                           gtps, gtps + n,
+                                                           parts.data() + 2 * size_t{n}, leftSize));
 }
 
 int processDeclaration(void* user, uint32_t n, const uint32_t* threads) {
   KLTM_Context& context = contextOf(user);
   context.matching.declareProcesses(n);
-  return result(KLT_Write<65>(context.writer, nullptr, n, threads));
+  return result(KLT_Write<KLT_Row::processDeclaration>(context.writer, nullptr, n, threads));
 }
 
 bool isCountsText(const char* text) {
@@ -249,7 +252,8 @@ bool isCountsText(const char* text) {
 
 int info(void* user, uint32_t classId, const char* text) {
   KLTM_Context& context = contextOf(user);
-  if (!isCountsText(text)) return result(KLT_Write<47>(context.writer, nullptr, classId, text));
+  if (!isCountsText(text))
+    return result(KLT_Write<KLT_Row::info>(context.writer, nullptr, classId, text));
   context.countsClass = classId;
   return 0;
 }
@@ -417,9 +421,9 @@ bool KLTM_WriteCounts(KLTM_Context& context) {
                 "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
                 "%u counters",
                 c.functions, c.oneToOnes, c.collectives, c.scopes, c.counters);
-  return KLT_Write<32>(context.writer, nullptr, c.functions, c.oneToOnes, c.collectives, c.scopes,
-                       c.counters) != 0 &&
-         KLT_Write<47>(context.writer, nullptr, context.countsClass, text) != 0;
+  return KLT_Write<KLT_Row::eventSummary>(context.writer, nullptr, c.functions, c.oneToOnes,
+                                          c.collectives, c.scopes, c.counters) != 0 &&
+         KLT_Write<KLT_Row::info>(context.writer, nullptr, context.countsClass, text) != 0;
 }
 
 const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t* count) {

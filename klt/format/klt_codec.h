@@ -32,9 +32,9 @@ namespace klt {
 // How a field named "time" moves the running time.
 template <int N>
 [[nodiscard]] inline uint64_t steppedTime(uint64_t time, const uint8_t* field) {
-  if constexpr (N == 1) return time + loadBig32(field);
-  if constexpr (N == 2) return time + loadBig64(field);
-  if constexpr (N == 70) return time - loadBig64(field);
+  if constexpr (N == KLT_Row::addTime) return time + loadBig32(field);
+  if constexpr (N == KLT_Row::addTimeLong) return time + loadBig64(field);
+  if constexpr (N == KLT_Row::subTime) return time - loadBig64(field);
   return time + loadBig16(field);
 }
 
@@ -258,12 +258,16 @@ struct KLT_Codec {
 };
 
 // Worked sizes, number byte included.
-static_assert(1 + KLT_Codec<28>::layout.headBytes == 11);
-static_assert(1 + KLT_Codec<40>::layout.headBytes == 13);
-static_assert(1 + KLT_Codec<57>::layout.headBytes == 35);
-static_assert(1 + KLT_Codec<22>::layout.headBytes + 2 * KLT_Codec<22>::groupBytes(3) == 28);
-static_assert(1 + KLT_Codec<3>::layout.headBytes + 2 * KLT_Codec<3>::groupBytes(4) == 40);
-static_assert(1 + KLT_Codec<69>::layout.headBytes + 3 == 10);
+static_assert(1 + KLT_Codec<KLT_Row::enterFunction>::layout.headBytes == 11);
+static_assert(1 + KLT_Codec<KLT_Row::functionDefinition>::layout.headBytes == 13);
+static_assert(1 + KLT_Codec<KLT_Row::oneToOneCommunication>::layout.headBytes == 35);
+static_assert(1 + KLT_Codec<KLT_Row::counterValue>::layout.headBytes +
+                  2 * KLT_Codec<KLT_Row::counterValue>::groupBytes(3) ==
+              28);
+static_assert(1 + KLT_Codec<KLT_Row::allCommunication>::layout.headBytes +
+                  2 * KLT_Codec<KLT_Row::allCommunication>::groupBytes(4) ==
+              40);
+static_assert(1 + KLT_Codec<KLT_Row::kltString>::layout.headBytes + 3 == 10);
 
 // Bytes of an encoded record and, where its step needs one, of the time record ahead of it, as the
 // filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.

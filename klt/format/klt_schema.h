@@ -1,6 +1,6 @@
 // The vocabulary of the KLT format: the 74 record types, their fields, categories and filter tests.
 //
-// This is the one place where rows are stated. Everything that depends on a record's layout
+// The rows themselves are in klt_rows.inc. Everything that depends on a record's layout
 // (reading, filtering, writing, delivery, the layout block of an index) is instantiated from
 // kKltRows at compile time. Names of records and fields are data: a stored layout is matched
 // against them by name.
@@ -98,7 +98,8 @@ struct KLT_Field {
 
 // What a filter pass tests for a record, and what else the record does there.
 enum class KLT_FilterClass : uint8_t {
-  kTimeStep,       // only moves the running time
+  kTimeForward,    // only moves the running time
+  kTimeBack,       // the same, to an earlier time
   kCallStack,      // enter and leave: all tests, keeps the thread's context
   kCounterSample,  // as above, but kept without a handler too
   kMessage,        // sender or receiver must be selected; context with the sender
@@ -113,7 +114,8 @@ enum class KLT_FilterClass : uint8_t {
   kDefinition,     // untimed, needs a handler
   kStructure,      // untimed, changes the trace's tables with or without a handler
   kBracket,        // history brackets met in a file
-  kUnfiltered,     // seek points and what belongs to them
+  kSeekPoint,      // acts in an anchor file only
+  kStack,          // the open calls of a thread at a seek point or in a history
   kNeverStored,    // has no coded form
 };
 
@@ -160,8 +162,10 @@ struct KLT_FilterTraits {
       return {C::kMasks, T::kNone, false, false, false};
     case KLT_FilterClass::kBracket:
       return {C::kNone, T::kNone, false, false, true};
-    case KLT_FilterClass::kTimeStep:
-    case KLT_FilterClass::kUnfiltered:
+    case KLT_FilterClass::kTimeForward:
+    case KLT_FilterClass::kTimeBack:
+    case KLT_FilterClass::kSeekPoint:
+    case KLT_FilterClass::kStack:
     case KLT_FilterClass::kNeverStored:
       break;
   }
@@ -171,8 +175,7 @@ struct KLT_FilterTraits {
 inline constexpr size_t kKltRowCount = 74;
 inline constexpr size_t kKltMaxFields = 17;
 
-// A row as it is written down below: fields in order, "name type", "!" for required, ">" before the
-// definition that the value names, "#n:type" for a count of the next n fields.
+// A row as klt_rows.inc gives it.
 struct KLT_RowText {
   uint8_t number;
   std::string_view name;
@@ -183,6 +186,13 @@ struct KLT_RowText {
 };
 
 struct KLT_Row {
+  // The number of each row by its name: KLT_Row::enterFunction is 28.
+#define ROW(number, id, name, timed, categories, filter, fields) id = (number),
+  enum Number : uint8_t {
+#include "klt/format/klt_rows.inc"
+  };
+#undef ROW
+
   uint8_t number = 0;
   std::string_view name;
   uint32_t code = 0;  // number << 24 | timed << 23 | categories
@@ -193,6 +203,13 @@ struct KLT_Row {
   [[nodiscard]] constexpr bool timed() const { return (code >> 23 & 1) != 0; }
   [[nodiscard]] constexpr uint32_t categories() const { return code & 0xffff; }
   [[nodiscard]] constexpr KLT_FilterTraits traits() const { return KLT_TraitsOf(filter); }
+  [[nodiscard]] constexpr bool movesTimeOnly() const {
+    return filter == KLT_FilterClass::kTimeForward || filter == KLT_FilterClass::kTimeBack;
+  }
+  // Whether an entry of a history at a seek point may refer to such a record.
+  [[nodiscard]] constexpr bool replayed() const {
+    return traits().context || filter == KLT_FilterClass::kTimeForward;
+  }
   // Index of a field, or numFields.
   [[nodiscard]] constexpr size_t find(std::string_view fieldName) const {
     size_t i = 0;
@@ -206,238 +223,12 @@ using namespace klt;  // the masks, for the table only
 inline constexpr bool kTimed = true;
 inline constexpr bool kUntimed = false;
 
-// clang-format off
-inline constexpr std::array<KLT_RowText, kKltRowCount> kTexts = {{
-    {1, "add_time", kTimed, kAny, KLT_FilterClass::kTimeStep,
-     "time u32!"},
-    {2, "add_time", kTimed, kAny, KLT_FilterClass::kTimeStep,
-     "time u64!"},
-    {3, "all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #2:u16; start_time u64; delta u64"},
-    {4, "all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #3:u16; start_time u64; delta u64; "
-     "scl u32 >scl_definition.id"},
-    {5, "all_to_all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #4:u16; start_time u64; delta u64; "
-     "send_size u32; receive_size u32"},
-    {6, "all_to_all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #5:u16; start_time u64; delta u64; "
-     "send_size u32; receive_size u32; scl u32 >scl_definition.id"},
-    {7, "all_to_one_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; receiver_gtp u32!; recvd u32; "
-     "communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #3:u16; start_time u64; delta u64; "
-     "send_size u32"},
-    {8, "all_to_one_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; receiver_gtp u32!; recvd u32; "
-     "communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #4:u16; start_time u64; delta u64; "
-     "send_size u32; scl u32 >scl_definition.id"},
-    {9, "anchor", kUntimed, kInternal, KLT_FilterClass::kUnfiltered,
-     "time_prev u64!; offset u64!"},
-    {10, "anchor_file_declaration", kUntimed, kInternal, KLT_FilterClass::kStructure,
-     "anchor_file u32! >file_declaration.id; data_file u32! >file_declaration.id; "
-     "categories u32!; willies u16! >willy_list.id"},
-    {11, "begin_of_history", kTimed, kAny, KLT_FilterClass::kBracket,
-     "time u16!"},
-    {12, "class_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u32!; name u32 >klt_string.id; nameself u32 >klt_string.id; "
-     "parent u32 >class_definition.id"},
-    {13, "clock_resolution", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "resolution f64!; eventbits u32"},
-    {14, "collective_operation_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u8!; #1:u16; name char; type u8"},
-    {15, "collop_profile", kUntimed, kStatistics, KLT_FilterClass::kCommTable,
-     "type u8! >collective_operation_definition.id; root_gtp u32!; "
-     "comm u16 >communicator_definition.id; #13:u16; count_exch u32!; "
-     "min_bytes_sent u32!; max_bytes_sent u32!; sum_bytes_sent u32!; "
-     "min_bytes_recvd u32!; max_bytes_recvd u32!; sum_bytes_recvd u32!; min_rate f64!; "
-     "max_rate f64!; avg_rate f64; min_duration u64!; max_duration u64!; "
-     "sum_duration u64!"},
-    {16, "collop_raw_event", kTimed, kRawEvents, KLT_FilterClass::kRawCollective,
-     "time u16!; willy_gtp u32!; kind u32; operation u32!; "
-     "comm u16 >communicator_definition.id; counter u32; root_gtp u32!; send_size u32; "
-     "receive_size u32; endtime i64!; scl u32 >scl_definition.id"},
-    {17, "collop_statistics", kUntimed, kStatistics, KLT_FilterClass::kDefinition,
-     "numprocs u32!; type u8! >collective_operation_definition.id; count u32!"},
-    {18, "comment", kTimed, kAny, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; #1:u16; text char!"},
-    {19, "communicator_definition", kUntimed, kDeclarations, KLT_FilterClass::kStructure,
-     "id u16!; #1:u16; name char; #3:u16; first_id_gtp u32!; last_id_gtp u32!; "
-     "stride i32; left_size i32"},
-    {20, "counter_definition", kUntimed, kDeclarations, KLT_FilterClass::kStructure,
-     "id u16!; name u32! >klt_string.id; type u8!; do_diff u8!; lower_bound raw64!; "
-     "upper_bound raw64!; willy_gtp u32!; class u32 >class_definition.id; #1:u16; "
-     "unit char"},
-    {21, "counter_history", kUntimed, kCounters, KLT_FilterClass::kUnfiltered,
-     "#2:u8; counters u16! >counter_definition.id; values raw64!"},
-    {22, "counter_value", kTimed, kCounters, KLT_FilterClass::kCounterSample,
-     "time u16!; willy_gtp u32!; #2:u8; values raw64!; "
-     "counters u16! >counter_definition.id"},
-    {23, "custom_statistics", kUntimed, kStatistics, KLT_FilterClass::kDefinition,
-     "stats_handle u16! >custom_statistics_definition.id; name u32 >klt_string.id; "
-     "#1:u16; value f64!"},
-    {24, "custom_statistics_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u16!; name u32 >klt_string.id; #2:u16; label u32 >klt_string.id; "
-     "unit u32! >klt_string.id"},
-    {25, "duration", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "start u64; end u64!"},
-    {26, "end_of_filter", kTimed, kAny, KLT_FilterClass::kFilterEnd,
-     "time u16!; categories u32!; #1:u16; willies u32!"},
-    {27, "end_of_history", kTimed, kAny, KLT_FilterClass::kBracket,
-     "time u16!"},
-    {28, "enter_function", kTimed, kFunctions, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; function u32! >function_definition.id"},
-    {29, "enter_function", kTimed, kFunctions, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; function u32! >function_definition.id; "
-     "scl u32 >scl_definition.id"},
-    {30, "enter_scope", kTimed, kScopes, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; scope u32! >scope_definition.id; seqnr u32!"},
-    {31, "enter_scope", kTimed, kScopes, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; scope u32! >scope_definition.id; seqnr u32!; "
-     "scl u32 >scl_definition.id"},
-    {32, "event_summary", kUntimed, kStatistics, KLT_FilterClass::kDefinition,
-     "num_funcs u32; num_one_to_ones u32; num_collectives u32; num_scopes u32; "
-     "num_counters u32"},
-    {33, "file_declaration", kUntimed, kInternal, KLT_FilterClass::kStructure,
-     "id u32!; filetype u8; #1:u16; suffix char!"},
-    {34, "file_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u32!; #1:u16; file char!"},
-    {35, "file_io_begin", kTimed, kFileIo, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; type u8; file u16! >file_io_file_definition.id; "
-     "bytes u32"},
-    {36, "file_io_begin", kTimed, kFileIo, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; type u8; file u16! >file_io_file_definition.id; "
-     "bytes u32; scl u32! >scl_definition.id"},
-    {37, "file_io_end", kTimed, kFileIo, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; type u8; file u16! >file_io_file_definition.id; "
-     "bytes u32"},
-    {38, "file_io_end", kTimed, kFileIo, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; type u8; file u16! >file_io_file_definition.id; "
-     "bytes u32; scl u32! >scl_definition.id"},
-    {39, "file_io_file_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u16!; communicator u16 >communicator_definition.id; name u32 >klt_string.id"},
-    {40, "function_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u32!; name u32! >klt_string.id; class u32 >class_definition.id"},
-    {41, "function_history", kUntimed, kFunctions, KLT_FilterClass::kUnfiltered,
-     "willy_gtp u32!; #1:u16; function_stack u32! >function_definition.id"},
-    {42, "function_history", kUntimed, kFunctions, KLT_FilterClass::kUnfiltered,
-     "willy_gtp u32!; #2:u16; function_stack u32! >function_definition.id; "
-     "scls u32 >scl_definition.id"},
-    {43, "function_profile", kUntimed, kStatistics, KLT_FilterClass::kThreadTable,
-     "willy_gtp u32!; function u32! >function_definition.id; count u32!; min_self u64!; "
-     "max_self u64!; total_self u64!; min_inclusive u64!; max_inclusive u64!; "
-     "total_inclusive u64!"},
-    {44, "function_statistics", kUntimed, kStatistics, KLT_FilterClass::kThreadTable,
-     "function u32! >function_definition.id; willy_gtp u32!; calls u32!; min_self u64!; "
-     "max_self u64!; total_self u64!; min_inclusive u64!; max_inclusive u64!; "
-     "total_inclusive u64!"},
-    {45, "group_definition", kUntimed, kDeclarations, KLT_FilterClass::kStructure,
-     "id u32!; #1:u16; name char!; #1:u16; willies_gtp u32!"},
-    {46, "history", kUntimed, kCounters | kMessages | kCollops, KLT_FilterClass::kUnfiltered,
-     "#3:u8; file u32! >file_declaration.id; offset u64!; prevtime u64!"},
-    {47, "info", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "info_class u32 >class_definition.id; #1:u16; info char!"},
-    {48, "leave_function", kTimed, kFunctions, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!"},
-    {49, "leave_function", kTimed, kFunctions, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; scl u32 >scl_definition.id"},
-    {50, "leave_scope", kTimed, kScopes, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; scope u32! >scope_definition.id; seqnr u32!"},
-    {51, "leave_scope", kTimed, kScopes, KLT_FilterClass::kCallStack,
-     "time u16!; willy_gtp u32!; scope u32! >scope_definition.id; seqnr u32!; "
-     "scl u32 >scl_definition.id"},
-    {52, "lw_statistics", kUntimed, kStatistics, KLT_FilterClass::kThreadTable,
-     "willy_gtp u32!; function u32! >function_definition.id; receiver_gtp u32!; "
-     "bytes_sent u32; comm_size i32; count u32!; minTicksIncl u64!; maxTicksIncl u64!; "
-     "sumTicksIncl u64!; minTicksExcl u64!; maxTicksExcl u64!; sumTicksExcl u64!"},
-    {53, "message_raw_event", kTimed, kRawEvents, KLT_FilterClass::kRawMessage,
-     "time u16!; willy_gtp u32!; kind u32; other_gtp u32!; tag u16; size u32; "
-     "comm u16 >communicator_definition.id; function u32 >function_definition.id; "
-     "scl u32 >scl_definition.id"},
-    {54, "message_raw_event", kTimed, kRawEvents, KLT_FilterClass::kRawMessage,
-     "time u16!; willy_gtp u32!; kind u32; other_gtp u32!; tag u32; size u32; "
-     "comm u16 >communicator_definition.id; function u32 >function_definition.id; "
-     "scl u32 >scl_definition.id"},
-    {55, "one_to_all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; sender_gtp u32!; sent u32; "
-     "communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #3:u16; start_time u64; delta u64; "
-     "receive_size u32"},
-    {56, "one_to_all_communication", kTimed, kCollops, KLT_FilterClass::kCollective,
-     "time u16!; sender_gtp u32!; sent u32; "
-     "communicator u16 >communicator_definition.id; "
-     "type u8! >collective_operation_definition.id; #4:u16; start_time u64; delta u64; "
-     "receive_size u32; scl u32 >scl_definition.id"},
-    {57, "one_to_one_communication", kTimed, kMessages, KLT_FilterClass::kMessage,
-     "time u16!; sender_gtp u32!; receive_time i64; receiver_gtp u32!; "
-     "communicator u16 >communicator_definition.id; size u32; tag u16; "
-     "sender_function u32 >function_definition.id; "
-     "receiver_function u32 >function_definition.id"},
-    {58, "one_to_one_communication", kTimed, kMessages, KLT_FilterClass::kMessage,
-     "time u16!; sender_gtp u32!; receive_time i64; receiver_gtp u32!; "
-     "communicator u16 >communicator_definition.id; size u32; tag u16; "
-     "sender_scl u32 >scl_definition.id; receiver_scl u32 >scl_definition.id; "
-     "sender_function u32 >function_definition.id; "
-     "receiver_function u32 >function_definition.id"},
-    {59, "one_to_one_communication", kTimed, kMessages, KLT_FilterClass::kMessage,
-     "time u16!; sender_gtp u32!; receive_time i64; receiver_gtp u32!; "
-     "communicator u16 >communicator_definition.id; size u32; tag u32; "
-     "sender_function u32 >function_definition.id; "
-     "receiver_function u32 >function_definition.id"},
-    {60, "one_to_one_communication", kTimed, kMessages, KLT_FilterClass::kMessage,
-     "time u16!; sender_gtp u32!; receive_time i64; receiver_gtp u32!; "
-     "communicator u16 >communicator_definition.id; size u32; tag u32; "
-     "sender_scl u32 >scl_definition.id; receiver_scl u32 >scl_definition.id; "
-     "sender_function u32 >function_definition.id; "
-     "receiver_function u32 >function_definition.id"},
-    {61, "one_to_one_communication", kTimed, kMessages, KLT_FilterClass::kMessage,
-     "time u16!; sender_gtp u32!; receive_time i64; receiver_gtp u32!; "
-     "communicator u16 >communicator_definition.id; size u32; tag u32; "
-     "sender_scl u32 >scl_definition.id; receiver_scl u32 >scl_definition.id; "
-     "sender_checksum u32; receiver_checksum u32; "
-     "sender_function u32 >function_definition.id; "
-     "receiver_function u32 >function_definition.id"},
-    {62, "onetoone_profile", kUntimed, kStatistics, KLT_FilterClass::kCommTable,
-     "sender_gtp u32!; receiver_gtp u32!; funcsender u32!; funcreceiver u32!; tag u32!; "
-     "comm u16 >communicator_definition.id; size u32!; count u32!; sum_time i64!; "
-     "min_time i64!; max_time i64!"},
-    {63, "onetoone_statistics", kUntimed, kStatistics, KLT_FilterClass::kDefinition,
-     "sender u16!; receiver u16!; count u32!; min_size u32!; max_size u32!; total u32!"},
-    {64, "opaque_data", kTimed, kAny, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; #1:u32; data u8!; scl u32 >scl_definition.id"},
-    {65, "process_declaration", kUntimed, kDeclarations, KLT_FilterClass::kAlwaysWanted,
-     "#1:u16; thread_numbers_gtp u32!"},
-    {66, "report", kTimed, kErrors, KLT_FilterClass::kThreadEvent,
-     "time u16!; willy_gtp u32!; type u32 >klt_string.id; level u32 >klt_string.id; "
-     "description u32 >klt_string.id; #6:u32; times u64!; willys_gtp u32!; "
-     "headers u32 >klt_string.id; functions u32 >function_definition.id; "
-     "calls u32 >klt_string.id; scls u32 >scl_definition.id"},
-    {67, "scl_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u32!; #4:u8; file u32 >file_definition.id; line u32; "
-     "symbol u32 >klt_string.id; object u32 >klt_string.id"},
-    {68, "scope_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "id u32!; name u32! >klt_string.id; class u32 >class_definition.id; "
-     "scl1 u32 >scl_definition.id; scl2 u32 >scl_definition.id"},
-    {69, "klt_string", kUntimed, kInternal, KLT_FilterClass::kStructure,
-     "id u32!; #1:u16; string char!"},
-    {70, "sub_time", kTimed, kAny, KLT_FilterClass::kTimeStep,
-     "time u64!"},
-    {71, "willy_definition", kUntimed, kDeclarations, KLT_FilterClass::kDefinition,
-     "willy_gtp u32!; hostname u32! >klt_string.id; ip u32! >klt_string.id; pid u32; "
-     "tid u64; offset f64; skew f64"},
-    {72, "willy_id", kUntimed, kAny, KLT_FilterClass::kNeverStored,
-     "gtp u32!"},
-    {73, "willy_list", kUntimed, kInternal, KLT_FilterClass::kAlwaysWanted,
-     "id u16!; #3:u16; first_id_gtp u32!; last_id_gtp u32!; stride i32"},
-    {74, "willy_name", kUntimed, kDeclarations, KLT_FilterClass::kThreadTable,
-     "willy_gtp u32!; name u32! >klt_string.id"},
-}};
-// clang-format on
+#define ROW(number, id, name, timed, categories, filter, fields) \
+  KLT_RowText{number, name, timed, categories, KLT_FilterClass::filter, fields},
+inline constexpr std::array<KLT_RowText, kKltRowCount> kTexts = {
+#include "klt/format/klt_rows.inc"
+};
+#undef ROW
 
 constexpr KLT_Type typeNamed(std::string_view text) {
   struct Name {

@@ -127,7 +127,7 @@ PAL_Triplets tripletsOf(const uint8_t* record) {
 }
 
 int declareFile(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<33>;
+  using View = KLT_RecordView<KLT_Row::fileDeclaration>;
   const std::string_view suffix(View::array<char, 3>(record), View::count<3>(record));
   if (!fillsTables(s)) return 0;
   return KLT_AddFile(*s.handle, View::get32<0>(record), View::get32<1>(record), suffix)
@@ -136,7 +136,7 @@ int declareFile(KLT_Stream& s, const uint8_t* record) {
 }
 
 int declareComponent(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<10>;
+  using View = KLT_RecordView<KLT_Row::anchorFileDeclaration>;
   if (!fillsTables(s)) return 0;
   KLT_AddComponent(*s.handle, View::get32<0>(record), View::get32<1>(record),
                    View::get32<2>(record), View::get32<3>(record));
@@ -145,7 +145,7 @@ int declareComponent(KLT_Stream& s, const uint8_t* record) {
 
 int declareString(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<69>;
+  using View = KLT_RecordView<KLT_Row::kltString>;
   s.handle->strings.insert(View::get32<0>(record),
                            std::string(View::array<char, 2>(record), View::count<2>(record)));
   return 0;
@@ -153,21 +153,22 @@ int declareString(KLT_Stream& s, const uint8_t* record) {
 
 int declareWillyList(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  s.handle->willyLists.insert(KLT_RecordView<73>::get32<0>(record),
-                              std::make_unique<PAL_Triplets>(tripletsOf<73>(record)));
+  s.handle->willyLists.insert(
+      KLT_RecordView<KLT_Row::willyList>::get32<0>(record),
+      std::make_unique<PAL_Triplets>(tripletsOf<KLT_Row::willyList>(record)));
   return 0;
 }
 
 void declareProcesses(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<65>;
+  using View = KLT_RecordView<KLT_Row::processDeclaration>;
   const auto* counts = View::array<uint32_t, 1>(record);
   s.handle->threadsPerProcess.assign(counts, counts + View::count<1>(record));
 }
 
 void declareGroup(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<45>;
+  using View = KLT_RecordView<KLT_Row::groupDefinition>;
   KLT_Group group;
   group.name.assign(View::array<char, 2>(record), View::count<2>(record));
   const auto* members = View::array<uint32_t, 4>(record);
@@ -177,9 +178,9 @@ void declareGroup(KLT_Stream& s, const uint8_t* record) {
 
 int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<19>;
+  using View = KLT_RecordView<KLT_Row::communicatorDefinition>;
   const uint32_t id = View::get32<0>(record);
-  const PAL_Triplets members = tripletsOf<19>(record);
+  const PAL_Triplets members = tripletsOf<KLT_Row::communicatorDefinition>(record);
   s.handle->communicators.insert(id, members);
   const KLT_HandlerTable& handlers = s.reader->handlers;
   if (handlers.communicator_definition == nullptr) return 0;
@@ -189,7 +190,7 @@ int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
 }
 
 int defineCounter(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<20>;
+  using View = KLT_RecordView<KLT_Row::counterDefinition>;
   const KLT_HandlerTable& handlers = s.reader->handlers;
   if (handlers.counter_definition == nullptr) return 0;
   constexpr uint32_t kDifferential = 0x80;
@@ -202,7 +203,7 @@ int defineCounter(KLT_Stream& s, const uint8_t* record) {
 }
 
 int tellSamples(KLT_Stream& s, uint8_t* record) {
-  using View = KLT_RecordView<22>;
+  using View = KLT_RecordView<KLT_Row::counterValue>;
   const KLT_HandlerTable& handlers = s.reader->handlers;
   if (handlers.counter_value == nullptr) return 0;
   const uint32_t n = View::count<3>(record);
@@ -218,14 +219,14 @@ int tellStack(KLT_Stream& s, const uint8_t* record) {
   const KLT_HandlerTable& handlers = s.reader->handlers;
   if (handlers.function_history == nullptr) return 0;
   const uint32_t* scls = nullptr;
-  if constexpr (N == 42) scls = View::template array<uint32_t, 3>(record);
+  if constexpr (N == KLT_Row::functionHistoryScl) scls = View::template array<uint32_t, 3>(record);
   return handlers.function_history(handlers.user_data, KLT_RecordTime(record),
                                    View::template get32<0>(record), View::template count<2>(record),
                                    View::template array<uint32_t, 2>(record), scls);
 }
 
 int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<26>;
+  using View = KLT_RecordView<KLT_Row::endOfFilter>;
   const KLT_HandlerTable& handlers = s.reader->handlers;
   if (handlers.end_of_filter == nullptr) return 0;
   const auto* numbers = View::array<int32_t, 3>(record);
@@ -262,33 +263,33 @@ template <int N>
 int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
   uint8_t* const record = next;
   next += KLT_RecordView<N>::bytes(record);
-  if constexpr (N == 10)
+  if constexpr (N == KLT_Row::anchorFileDeclaration)
     return declareComponent(s, record);
-  else if constexpr (N == 11)
+  else if constexpr (N == KLT_Row::beginOfHistory)
     return tellBracket(s, record, true);
-  else if constexpr (N == 19)
+  else if constexpr (N == KLT_Row::communicatorDefinition)
     return defineCommunicator(s, record);
-  else if constexpr (N == 20)
+  else if constexpr (N == KLT_Row::counterDefinition)
     return defineCounter(s, record);
-  else if constexpr (N == 22)
+  else if constexpr (N == KLT_Row::counterValue)
     return tellSamples(s, record);
-  else if constexpr (N == 26)
+  else if constexpr (N == KLT_Row::endOfFilter)
     return tellEndOfFilter(s, record);
-  else if constexpr (N == 27)
+  else if constexpr (N == KLT_Row::endOfHistory)
     return tellBracket(s, record, false);
-  else if constexpr (N == 33)
+  else if constexpr (N == KLT_Row::fileDeclaration)
     return declareFile(s, record);
-  else if constexpr (N == 41 || N == 42)
+  else if constexpr (N == KLT_Row::functionHistory || N == KLT_Row::functionHistoryScl)
     return tellStack<N>(s, record);
-  else if constexpr (N == 69)
+  else if constexpr (N == KLT_Row::kltString)
     return declareString(s, record);
-  else if constexpr (N == 73)
+  else if constexpr (N == KLT_Row::willyList)
     return declareWillyList(s, record);
   else if constexpr (!kHasSlot<N>)
     return 0;
   else {
-    if constexpr (N == 45) declareGroup(s, record);
-    if constexpr (N == 65) declareProcesses(s, record);
+    if constexpr (N == KLT_Row::groupDefinition) declareGroup(s, record);
+    if constexpr (N == KLT_Row::processDeclaration) declareProcesses(s, record);
     constexpr int kLongest = klt::longestRow(kKltRows[N - 1].name);
     return callHandler<N>(reader, record,
                           std::make_index_sequence<kKltRows[kLongest - 1].numFields>());

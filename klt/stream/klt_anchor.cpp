@@ -16,9 +16,6 @@
 
 namespace {
 
-constexpr unsigned kAnchorRow = 9;
-constexpr unsigned kHistoryRow = 46;
-
 // An open file of the trace with its own buffer.
 struct OpenInput {
   KLT_IoFile* io = nullptr;
@@ -78,11 +75,11 @@ bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& 
     const Walk walk = nextRecord(handle, input, record);
     if (walk != Walk::kRecord) return walk == Walk::kEnd;
     const unsigned number = KLT_RecordNumber(record.data());
-    if (number == kHistoryRow) hasHistory = true;
-    if (number != kAnchorRow) continue;
+    if (number == KLT_Row::history) hasHistory = true;
+    if (number != KLT_Row::anchor) continue;
     KLT_Anchor anchor;
-    anchor.time = KLT_RecordView<kAnchorRow>::get64<0>(record.data());
-    anchor.offset = KLT_RecordView<kAnchorRow>::get64<1>(record.data());
+    anchor.time = KLT_RecordView<KLT_Row::anchor>::get64<0>(record.data());
+    anchor.offset = KLT_RecordView<KLT_Row::anchor>::get64<1>(record.data());
     anchor.historyOffset = groupStart;
     anchor.historyBytes = at - groupStart;
     anchor.hasOffsetHistory = hasHistory;
@@ -107,12 +104,6 @@ const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t 
   const auto behind = std::lower_bound(anchors.begin(), anchors.end(), time,
                                        [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
   return behind == anchors.begin() ? nullptr : &*(behind - 1);
-}
-
-// Whether the row may stand where an entry of a history points to.
-bool canBeReplayed(unsigned number) {
-  return (number >= 1 && number <= 8) || number == 22 || (number >= 28 && number <= 31) ||
-         (number >= 48 && number <= 51) || (number >= 55 && number <= 61);
 }
 
 class Replay {
@@ -159,9 +150,10 @@ class Replay {
         return;
       }
       const unsigned number = KLT_RecordNumber(record.data());
-      if (number == 41) pushStack<41>(record.data());
-      if (number == 42) pushStack<42>(record.data());
-      if (number == kHistoryRow && wantsEntries()) noteEntries(record.data());
+      if (number == KLT_Row::functionHistory) pushStack<KLT_Row::functionHistory>(record.data());
+      if (number == KLT_Row::functionHistoryScl)
+        pushStack<KLT_Row::functionHistoryScl>(record.data());
+      if (number == KLT_Row::history && wantsEntries()) noteEntries(record.data());
     }
   }
 
@@ -182,14 +174,15 @@ class Replay {
     const auto* functions = View::template array<uint32_t, 2>(record);
     for (uint32_t i = 0; i < View::template count<2>(record); ++i) {
       uint32_t scl = 0;
-      if constexpr (N == 42) scl = View::template array<uint32_t, 3>(record)[i];
+      if constexpr (N == KLT_Row::functionHistoryScl)
+        scl = View::template array<uint32_t, 3>(record)[i];
       state.functions.push_back({functions[i], scl});
       ++state.depth;
     }
   }
 
   void noteEntries(const uint8_t* record) {
-    using View = KLT_RecordView<kHistoryRow>;
+    using View = KLT_RecordView<KLT_Row::history>;
     const uint32_t n = View::count<1>(record);
     const auto* files = View::array<uint32_t, 1>(record);
     const auto* offsets = View::array<uint64_t, 2>(record);
@@ -280,7 +273,7 @@ class Replay {
       noteLoss(input);
       return;
     }
-    if (parsed != KLT_Parse::kRecord || !canBeReplayed(KLT_RecordNumber(record_.data()))) {
+    if (parsed != KLT_Parse::kRecord || !KLT_RowOf(KLT_RecordNumber(record_.data()))->replayed()) {
       reportEntry(file_, number, offset);
       return;
     }

@@ -162,10 +162,10 @@ constexpr bool isDropped(const KLT_Stream& s) {
   return test != KLT_CategoryTest::kNone && !s.wanted[N];
 }
 
-// Seek points and what belongs to them mean something in an anchor file alone.
+// Seek points and their histories act in an anchor file only.
 template <int N>
 constexpr bool isSkipped() {
-  return N == 9 || N == 21 || N == 46;
+  return kKltRows[N - 1].filter == KLT_FilterClass::kSeekPoint;
 }
 
 template <int N>
@@ -177,10 +177,10 @@ KLT_Step filterFast(KLT_Stream& s, const KLT_DecoderEntry&) {
     return KLT_Step::kNoData;
   uint64_t time = s.time;
   if constexpr (row.timed()) time = klt::steppedTime<N>(s.time, s.input.at());
-  if constexpr (traits.window || row.filter == KLT_FilterClass::kTimeStep) {
+  if constexpr (traits.window || row.movesTimeOnly()) {
     if (s.behindEnd(time)) return KLT_Step::kLeaveRequest;
   }
-  if constexpr (row.filter == KLT_FilterClass::kTimeStep) {
+  if constexpr (row.movesTimeOnly()) {
     s.time = time;
     s.input.advance(Codec::layout.headBytes);
     return KLT_Step::kConsumed;
@@ -204,12 +204,11 @@ template <int N>
 KLT_Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr KLT_FilterTraits traits = row.traits();
-  if constexpr (traits.window || row.filter == KLT_FilterClass::kTimeStep) {
+  if constexpr (traits.window || row.movesTimeOnly()) {
     if (s.behindEnd(time)) return KLT_Step::kLeaveRequest;
   }
   const bool before = traits.window && time < s.start;
-  if (row.filter == KLT_FilterClass::kTimeStep || isSkipped<N>() || isDropped<N>(s) ||
-      (before && !traits.context)) {
+  if (row.movesTimeOnly() || isSkipped<N>() || isDropped<N>(s) || (before && !traits.context)) {
     s.time = time;
     s.input.advance(disk);
     return KLT_Step::kConsumed;

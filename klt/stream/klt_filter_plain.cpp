@@ -20,8 +20,8 @@ constexpr bool isPlainRow(const KLT_Row& row) {
   const bool hasBit = row.number < KLT_Stream::kPlainRowBits;
   if (!hasBit || !row.timed() || kKltLayouts[row.number - 1].hasArrays) return false;
   switch (row.filter) {
-    case KLT_FilterClass::kTimeStep:
-      return row.number == 1 || row.number == 2;  // the others always lead back
+    case KLT_FilterClass::kTimeForward:
+      return true;
     case KLT_FilterClass::kCallStack:
       return row.name == "enter_function" || row.name == "leave_function";
     case KLT_FilterClass::kMessage:
@@ -101,7 +101,7 @@ class Plain {
       // A step of 64 bits may lead back.
       if (time < start_ || (time >= end_ && end_ != ~uint64_t{0})) [[unlikely]]
         return false;
-      if constexpr (row.filter != KLT_FilterClass::kTimeStep) {
+      if constexpr (!row.movesTimeOnly()) {
         if (packedBytes_ + layout.headBytes + KLT_Stream::kRecordOverhead > most_) [[unlikely]]
           return false;
         KLT_Codec<N>::loadHead(in_ + 1, time, out_);

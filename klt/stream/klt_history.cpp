@@ -69,7 +69,7 @@ struct Gathered {
 };
 
 void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
-  RecordWriter<42> record(out.records, time);
+  RecordWriter<KLT_Row::functionHistoryScl> record(out.records, time);
   const size_t n = state.functions.size();
   record.set<0>(state.gtp);
   record.set<1>(static_cast<uint32_t>(n));
@@ -82,7 +82,7 @@ void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
 
 void addScopes(Gathered& out, const KLT_WillyState& state) {
   state.scopes.each([&](const KLT_OpenScope& scope) {
-    RecordWriter<30> record(out.records, scope.time);
+    RecordWriter<KLT_Row::enterScope> record(out.records, scope.time);
     record.set<1>(state.gtp);
     record.set<2>(scope.scope);
     record.set<3>(scope.seqnr);
@@ -158,7 +158,7 @@ void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state
           return hasDeliveredSample(request, state.gtp, sample->value.time);
         });
     if (known) continue;
-    RecordWriter<22> record(out.records, sample->value.time);
+    RecordWriter<KLT_Row::counterValue> record(out.records, sample->value.time);
     record.set<1>(state.gtp);
     record.set<2>(1);
     *record.array<uint64_t>(1) = sample->value.value;
@@ -265,7 +265,7 @@ void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
   // Without time order this may come ahead of other streams' records: it must close nothing that
   // isn't this stream's, such as calls where it holds comments only.
   if (!s.serial) categories &= s.categories;
-  RecordWriter<26> record(s.packed, time);
+  RecordWriter<KLT_Row::endOfFilter> record(s.packed, time);
   record.set<1>(categories);
   record.set<2>(static_cast<uint32_t>(3 * threads.size()));
   auto* willies = record.array<uint32_t>(3 * threads.size());
@@ -313,9 +313,9 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
       if (s.packedBytes != 0) return false;
       s.packedCapacity = needed;
     }
-    if (brackets) passBracket<11>(s, request.start);
+    if (brackets) passBracket<KLT_Row::beginOfHistory>(s, request.start);
     passGathered(s, gathered);
-    if (brackets) passBracket<27>(s, request.start);
+    if (brackets) passBracket<KLT_Row::endOfHistory>(s, request.start);
   }
   s.historyClean = known;
   markDone(s);

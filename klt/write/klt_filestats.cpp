@@ -145,9 +145,10 @@ bool KLT_FileStats::writeMessages(KLT_WFileHandle* writer) {
   };
   for (const MessageStat& stat : messages_) {
     const Message& k = stat.key;
-    written &= KLT_Write<62>(writer, nullptr, k.sender, k.receiver, k.funcSender, k.funcReceiver,
-                             k.tag, k.comm, k.size, stat.count, shifted(stat.sum),
-                             shifted(stat.min), shifted(stat.max)) != 0;
+    written &= KLT_Write<KLT_Row::oneToOneProfile>(writer, nullptr, k.sender, k.receiver,
+                                                   k.funcSender, k.funcReceiver, k.tag, k.comm,
+                                                   k.size, stat.count, shifted(stat.sum),
+                                                   shifted(stat.min), shifted(stat.max)) != 0;
   }
   return written;
 }
@@ -165,12 +166,13 @@ bool KLT_FileStats::writeCollectives(KLT_WFileHandle* writer) {
       stat.maxDuration[i] <<= eventBits_;
       stat.sumDuration[i] <<= eventBits_;
     }
-    written &= KLT_Write<15>(writer, nullptr, stat.type, stat.root, stat.comm,
-                             static_cast<uint32_t>(n), stat.exchanges.data(), stat.minSent.data(),
-                             stat.maxSent.data(), stat.sumSent.data(), stat.minReceived.data(),
-                             stat.maxReceived.data(), stat.sumReceived.data(), stat.minRate.data(),
-                             stat.maxRate.data(), stat.sumRate.data(), stat.minDuration.data(),
-                             stat.maxDuration.data(), stat.sumDuration.data()) != 0;
+    written &=
+        KLT_Write<KLT_Row::collopProfile>(
+            writer, nullptr, stat.type, stat.root, stat.comm, static_cast<uint32_t>(n),
+            stat.exchanges.data(), stat.minSent.data(), stat.maxSent.data(), stat.sumSent.data(),
+            stat.minReceived.data(), stat.maxReceived.data(), stat.sumReceived.data(),
+            stat.minRate.data(), stat.maxRate.data(), stat.sumRate.data(), stat.minDuration.data(),
+            stat.maxDuration.data(), stat.sumDuration.data()) != 0;
   }
   return written;
 }
@@ -178,10 +180,10 @@ bool KLT_FileStats::writeCollectives(KLT_WFileHandle* writer) {
 bool KLT_FileStats::writeFunctions(KLT_WFileHandle* writer) {
   bool written = true;
   for (const FunctionStat& s : functions_) {
-    written &= KLT_Write<43>(writer, nullptr, s.gtp, s.function, s.count, s.minSelf << eventBits_,
-                             s.maxSelf << eventBits_, s.totalSelf << eventBits_,
-                             s.minInclusive << eventBits_, s.maxInclusive << eventBits_,
-                             s.totalInclusive << eventBits_) != 0;
+    written &= KLT_Write<KLT_Row::functionProfile>(
+                   writer, nullptr, s.gtp, s.function, s.count, s.minSelf << eventBits_,
+                   s.maxSelf << eventBits_, s.totalSelf << eventBits_, s.minInclusive << eventBits_,
+                   s.maxInclusive << eventBits_, s.totalInclusive << eventBits_) != 0;
   }
   return written;
 }

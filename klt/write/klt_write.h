@@ -5,7 +5,8 @@
 // index when it is closed. A stream that can't be written is reported once and dropped; the others
 // go on.
 //
-//   KLT_Write<28>(writer, nullptr, time, gtp, function);   enter_function without a location
+//   KLT_Write<KLT_Row::enterFunction>(writer, nullptr, time, gtp, function);   enter_function
+//   without a location
 //
 // Arguments are those of the row in field order: the absolute time; integers; a count followed by
 // pointers to the elements of the arrays it covers, null for zeros; texts as C strings, their count
@@ -327,7 +328,7 @@ class RowWriter {
       context.history.offsets.addSpan(before, spanEnd(), offset, open);
     } else if constexpr (row.name == "enter_function") {
       uint32_t scl = 0;
-      if constexpr (N == 29) scl = argument<3>();
+      if constexpr (N == KLT_Row::enterFunctionScl) scl = argument<3>();
       KLT_AddFunctionHistory(context.history, argument<2>(), scl,
                              writer_.ticks(std::get<0>(arguments_)));
     } else if constexpr (row.name == "leave_function") {
@@ -354,7 +355,7 @@ class RowWriter {
     const int64_t span = argument<row.find("receive_time")>();
     if (isUnknownSide(span)) return;
     int64_t duration = stats.ticks(span);
-    if constexpr (N == 57) {
+    if constexpr (N == KLT_Row::oneToOneCommunication) {
       duration =
           static_cast<int64_t>(stats.ticks(time + static_cast<uint64_t>(span)) - stats.ticks(time));
     }

@@ -187,8 +187,8 @@ void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
   const size_t n = list.size();
   const std::vector<int32_t> parts = PAL_TripletsToParallel(list);
   const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
-  KLT_Write<73>(&writer, nullptr, id, static_cast<uint32_t>(n), gtps, gtps + n,
-                parts.data() + 2 * n);
+  KLT_Write<KLT_Row::willyList>(&writer, nullptr, id, static_cast<uint32_t>(n), gtps, gtps + n,
+                                parts.data() + 2 * n);
 }
 
 // The threads of the declared processes. A few bytes can declare billions of them: where there are
@@ -245,23 +245,27 @@ void writeStructure(KLT_WFileHandle& writer) {
   const uint32_t allId = all.empty() ? 0 : kAllThreadsList;
   for (const auto& context : writer.contexts) {
     if (isDeclared(*context)) {
-      KLT_Write<33>(w, nullptr, context->fileId, filetypeOf(*context), context->suffix.c_str());
+      KLT_Write<KLT_Row::fileDeclaration>(w, nullptr, context->fileId, filetypeOf(*context),
+                                          context->suffix.c_str());
     }
   }
   for (const auto* entry : inTableOrder(writer.strings)) {
-    KLT_Write<69>(w, nullptr, entry->id, writer.textOf(entry->value).c_str());
+    KLT_Write<KLT_Row::kltString>(w, nullptr, entry->id, writer.textOf(entry->value).c_str());
   }
   for (const auto* entry : inTableOrder(writer.willyLists)) {
     writeList(writer, entry->id, entry->value);
   }
   for (const auto& context : writer.contexts) {
     if (context->categories == klt::kStatistics) {
-      KLT_Write<10>(w, nullptr, uint32_t{0}, context->fileId, klt::kStatistics, allId);
+      KLT_Write<KLT_Row::anchorFileDeclaration>(w, nullptr, uint32_t{0}, context->fileId,
+                                                klt::kStatistics, allId);
     } else if (context->anchorId != 0 && isDeclared(*context)) {
       const uint32_t list = context->listId != 0 ? context->listId : allId;
-      KLT_Write<33>(w, nullptr, context->anchorId, static_cast<uint32_t>(KLT_FileType::kAnchors),
-                    context->suffix.c_str());
-      KLT_Write<10>(w, nullptr, context->anchorId, context->fileId, context->categories, list);
+      KLT_Write<KLT_Row::fileDeclaration>(w, nullptr, context->anchorId,
+                                          static_cast<uint32_t>(KLT_FileType::kAnchors),
+                                          context->suffix.c_str());
+      KLT_Write<KLT_Row::anchorFileDeclaration>(w, nullptr, context->anchorId, context->fileId,
+                                                context->categories, list);
     }
   }
 }

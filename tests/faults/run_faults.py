@@ -58,7 +58,7 @@ KILLS = (("open", signal.SIGKILL), ("write", signal.SIGKILL), ("write", -signal.
 STOPS = (("write", signal.SIGINT), ("write", signal.SIGTERM))
 
 # Where memory was missed: in the program's own code, by its path in the source tree.
-PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)\w+\.(cpp|h):\d+\], aborting\.\n")
+PLACE = re.compile(rb"\[(generic|klt|util)/(?:\w+/)?(?!pal_mem)\w+\.(cpp|h):\d+\], aborting\.\n")
 
 
 class Runner:

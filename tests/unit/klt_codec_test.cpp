@@ -64,7 +64,7 @@ std::string built(const KLT_Row& row, size_t n) {
     if (!field.isCount() && !bits.empty()) values.emplace_back(field.name, bits);
   }
   tb::RecordBytes record(layout);
-  if (row.timed() && row.filter != KLT_FilterClass::kTimeStep) record.at(0xf1f2);
+  if (row.timed() && !row.movesTimeOnly()) record.at(0xf1f2);
   record.record(row.number, values);
   return record.contents();
 }
@@ -169,7 +169,7 @@ TEST(KltCodec, EveryRowIsReadAndWrittenAsItStands) {
     }
     FileInput file(bytes);
     KLT_RecordBuffer out;
-    constexpr bool kIsWritten = kKltRows[N - 1].filter != KLT_FilterClass::kTimeStep;
+    constexpr bool kIsWritten = !kKltRows[N - 1].movesTimeOnly();
     const std::string again = written([&](KLT_WFileHandle* writer) {
       for (uint64_t time = 0; !HasFailure() && file.input.position() < bytes.size();) {
         const uint8_t* record = read<N>(file.input, out, time);

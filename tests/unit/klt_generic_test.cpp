@@ -56,7 +56,7 @@ tb::Values randomValues(std::mt19937& random, const tb::Row& row) {
 bool isDelivered(const KLT_Row& row) {
   const KLT_FilterClass filter = row.filter;
   return filter <= KLT_FilterClass::kRawCollective
-             ? filter != KLT_FilterClass::kTimeStep
+             ? !row.movesTimeOnly()
              : (filter >= KLT_FilterClass::kThreadTable && filter <= KLT_FilterClass::kDefinition);
 }
 
