@@ -8,6 +8,7 @@
 #include <string>
 
 #include "generic/text/kltt_exit.h"
+#include "util/pal_debug.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_strings.h"

@@ -1,26 +1,16 @@
-// The message levels, the fatal exit and the debug channel.
-//
-// Owns PAL_messages and the state of the debug channel. A message is put together in one block and
+// The message levels. Owns PAL_messages. A message is put together in one block and
 // handed to each target by one call, so that messages of several threads don't mix.
 #include "util/pal_error.h"
-
-#include <fcntl.h>
-#include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
 #include <unordered_map>
 
-#include "util/pal_mem.h"
 #include "util/pal_strings.h"
-#include "util/pal_util.h"
-#include "util/vfd.h"
 
 constinit PAL_MessageSettings PAL_messages = {nullptr, nullptr, 0, 1, 1, nullptr, nullptr};
 
@@ -171,9 +161,13 @@ __attribute__((format(printf, 2, 0))) void WriteMessage(const char* level, const
   const size_t prefixSize = static_cast<size_t>(prefixLength) + 1;
   size_t lines = 1;
   for (const char c : text) lines += c == '\n' ? 1 : 0;
-  // The prefix stands at the head of the block, the finished lines behind it.
-  PAL_StackBlock block(prefixSize + text.size() + lines * prefixSize);
-  char* prefix = block.as<char>();
+  // The block begins with the prefix; the finished lines follow. A short message stays off the
+  // heap.
+  const size_t size = prefixSize + text.size() + lines * prefixSize;
+  char shortBlock[4096];
+  std::string longBlock;
+  if (size > sizeof shortBlock) longBlock.resize(size);
+  char* prefix = longBlock.empty() ? shortBlock : longBlock.data();
   FormatPrefix(prefix, prefixSize, level);
   char* start = prefix + prefixSize;
   const char* end = JoinLines(start, prefix, text);
@@ -237,149 +231,4 @@ void PAL_Perror(const char* text) {
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);
-}
-
-std::string PAL_Printable(std::string_view text) {
-  static constexpr char DIGITS[] = "0123456789abcdef";
-  std::string result;
-  result.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      result += {'\\', 'x', DIGITS[byte >> 4], DIGITS[byte & 15]};
-    } else {
-      result += c;
-    }
-  }
-  return result;
-}
-
-// Debug channel -----------------------------------------------------------------------------------
-
-namespace {
-
-constexpr size_t DEBUG_TEXT_BYTES = 2048;
-constexpr size_t DEBUG_TAG_BYTES = 80;
-constexpr size_t DEBUG_NAME_BYTES = 128;
-
-struct DebugChannel {
-  std::mutex mutex;
-  int file = -1;                         // virtual descriptor of the file that is open, or -1
-  char openName[DEBUG_NAME_BYTES] = "";  // the process name whose file is open
-  const char* sourceFile = "";           // position of the previous message
-  int sourceLine = 0;
-  bool lineOpen = false;  // the previous message left its line without an end
-};
-
-DebugChannel& Channel() {
-  static DebugChannel channel;
-  return channel;
-}
-
-// The thread is inside the channel: what its own calls say there is dropped.
-thread_local bool insideChannel = false;
-
-std::string DebugPrefix(const char* file, int line) {
-  char tag[DEBUG_TAG_BYTES];
-  std::snprintf(tag, sizeof tag, "%s/%#lx/%d", "init", static_cast<unsigned long>(pthread_self()),
-                static_cast<int>(getpid()));
-  return PAL_asprintf("[%.6lf %s@%s:%d] ", PAL_Time(), tag, PAL_BaseName(file), line);
-}
-
-std::string DebugFileName(const char* processName) {
-  std::string name = PAL_asprintf("PAL-debug-%s.out", processName);
-  for (char& c : name) {
-    if (c == ' ' || c == '/' || c == '\\') c = '_';
-  }
-  return name;
-}
-
-bool OpenDebugFile(DebugChannel& channel, const char* processName) {
-  const std::string name = DebugFileName(processName);
-  const int file = Vfd_Open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (file < 0) {
-    PAL_Warning("cannot open %s in %s", PAL_Printable(name).c_str(),
-                PAL_Printable(PAL_GetCwd().value_or("(null)")).c_str());
-    return false;
-  }
-  if (channel.file >= 0) Vfd_Close(channel.file);
-  channel.file = file;
-  std::snprintf(channel.openName, sizeof channel.openName, "%s", processName);
-  return true;
-}
-
-bool IsOpenFor(const DebugChannel& channel, const char* processName) {
-  return channel.file >= 0 &&
-         std::strncmp(channel.openName, processName, DEBUG_NAME_BYTES - 1) == 0;
-}
-
-// Where messages go: to a descriptor, or to the channel's file.
-enum class DebugTarget : uint8_t { kNowhere, kDescriptor, kFile };
-
-DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
-  const char* forced = std::getenv("PAL_DEBUG_FD");
-  if (forced != nullptr) {
-    descriptor = static_cast<int>(std::strtol(forced, nullptr, 10));
-    return DebugTarget::kDescriptor;
-  }
-  const char* process = PAL_messages.processName;
-  if (process != nullptr && !IsOpenFor(channel, process) && !OpenDebugFile(channel, process)) {
-    return DebugTarget::kNowhere;
-  }
-  descriptor = STDERR_FILENO;
-  return channel.file >= 0 ? DebugTarget::kFile : DebugTarget::kDescriptor;
-}
-
-// `text` with the prefix ahead of each line that begins at column 0.
-std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
-                            int line) {
-  std::string result;
-  const bool moved = line != channel.sourceLine || std::strcmp(file, channel.sourceFile) != 0;
-  if (moved && channel.lineOpen) {
-    result += '\n';
-    channel.lineOpen = false;
-  }
-  const std::string prefix = DebugPrefix(file, line);
-  while (!text.empty()) {
-    const size_t newline = text.find('\n');
-    const size_t end = newline == std::string_view::npos ? text.size() : newline + 1;
-    if (!channel.lineOpen) result += prefix;
-    result += text.substr(0, end);
-    channel.lineOpen = newline == std::string_view::npos;
-    text.remove_prefix(end);
-  }
-  channel.sourceFile = file;
-  channel.sourceLine = line;
-  return result;
-}
-
-}  // namespace
-
-void PAL_Debug(const char* file, int line, const char* format, ...) {
-  const ErrnoKeeper keeper;
-  if (insideChannel) return;
-  char text[DEBUG_TEXT_BYTES];
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  if (length < 0) return;
-  DebugChannel& channel = Channel();
-  const std::lock_guard lock(channel.mutex);
-  insideChannel = true;
-  int descriptor = -1;
-  const DebugTarget target = PickTarget(channel, descriptor);
-  if (target != DebugTarget::kNowhere) {
-    const std::string output = LayOutDebugText(channel, text, file, line);
-    // A failed write of a message has nobody to be told to.
-    [[maybe_unused]] const ssize_t written =
-        target == DebugTarget::kFile ? Vfd_Write(channel.file, output.data(), output.size())
-                                     : write(descriptor, output.data(), output.size());
-  }
-  insideChannel = false;
-}
-
-void PAL_Abort() {
-  PAL_Debug(__builtin_FILE(), __builtin_LINE(), "aborting in PAL_abort()");
-  std::abort();
 }

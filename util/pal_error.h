@@ -1,15 +1,14 @@
 // How the program talks to a person outside its regular output.
 //
 // Three message levels with one line format, written to standard error and to optional further
-// targets, the fatal exit, and a debug channel of its own. Owns the process-wide settings
-// PAL_messages. Messages never end the process, and short ones need no heap memory, so that the
-// exhaustion of it can be told.
+// targets. Owns the process-wide settings PAL_messages. Messages never end the process, and short
+// ones need no heap memory, so that the exhaustion of it can be told.
 #pragma once
 
 #include <cstddef>
 #include <cstdio>
-#include <string>
-#include <string_view>
+
+#include "util/pal_strings.h"  // PAL_Printable, for the names in messages
 
 struct PAL_MessageSettings {
   const char* programName;  // word ahead of the level, or null
@@ -45,14 +44,3 @@ void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t
 // perror: "`text`: <text of errno>" on standard error, without a level; control bytes of `text`
 // are escaped. errno is kept.
 void PAL_Perror(const char* text);
-
-// Says so on the debug channel and aborts the process.
-[[noreturn]] void PAL_Abort();
-
-// Writes to the debug channel: the descriptor named by PAL_DEBUG_FD, else a file named after the
-// process if it has a name, else standard error. The text is cut at 2,047 bytes. errno is kept.
-void PAL_Debug(const char* file, int line, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
-
-// `text` with each control byte (below 0x20, and 0x7f) written as \xNN.
-[[nodiscard]] std::string PAL_Printable(std::string_view text);

@@ -93,25 +93,34 @@ char* PAL_StrDup(const char* text, const char* file, int line) {
   return static_cast<char*>(std::memcpy(PAL_Allocate(bytes, file, line), text, bytes));
 }
 
-PAL_StackBlock::PAL_StackBlock(size_t bytes, const char* file, int line) {
-  if (bytes == 0) return;
-  unsigned char* base = frame_;
-  uint32_t header = ON_STACK;
-  if (bytes >= PAL_STACK_LIMIT) {
-    header = ON_HEAP;
-    const bool fits = bytes <= SIZE_MAX - HEADER_BYTES;
-    base =
-        fits ? static_cast<unsigned char*>(PAL_allocators.malloc(bytes + HEADER_BYTES)) : nullptr;
-    if (base == nullptr) OutOfStackMemory(bytes, file, line);
+namespace {
+
+// A word at the start of each temporary block says where it comes from.
+constexpr size_t STACK_HEADER_BYTES = 16;
+constexpr uint32_t FROM_HEAP = 0;
+constexpr uint32_t FROM_FRAME = 1;
+
+}  // namespace
+
+void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line) {
+  if (bytes == 0) return nullptr;
+  uint32_t header = FROM_FRAME;
+  if (PAL_StackFrameBytes(bytes) == 0) {
+    header = FROM_HEAP;
+    const bool fits = bytes <= SIZE_MAX - STACK_HEADER_BYTES;
+    frame = fits ? PAL_allocators.malloc(bytes + STACK_HEADER_BYTES) : nullptr;
+    if (frame == nullptr) OutOfStackMemory(bytes, file, line);
   }
-  std::memcpy(base, &header, sizeof header);
-  block_ = base + HEADER_BYTES;
+  std::memcpy(frame, &header, sizeof header);
+  return static_cast<unsigned char*>(frame) + STACK_HEADER_BYTES;
 }
 
-PAL_StackBlock::~PAL_StackBlock() {
-  if (block_ != nullptr && header() == ON_HEAP) {
-    PAL_Release(static_cast<unsigned char*>(block_) - HEADER_BYTES);
-  }
+void PAL_StackRelease(void* block) {
+  if (block == nullptr) return;
+  void* start = static_cast<unsigned char*>(block) - STACK_HEADER_BYTES;
+  uint32_t header;
+  std::memcpy(&header, start, sizeof header);
+  if (header == FROM_HEAP) PAL_Release(start);
 }
 
 // Packing -----------------------------------------------------------------------------------------

@@ -3,9 +3,9 @@
 // Everything allocates through the four replaceable hooks in PAL_allocators, operator new and
 // delete included, so that standard containers obey the same contract: a failed allocation is
 // retried through the `retry` hook if there is one, and otherwise ends the process with one
-// message and status 1. No caller checks for exhaustion. On top of the hooks stand the scoped
-// temporary block and a pack format for structured data in a growing byte buffer. Failures are
-// told through pal_error.
+// message and status 1. No caller checks for exhaustion. The module also has
+// temporary blocks and a pack format for structured data in a growing byte buffer. Failures are
+// reported through pal_error.
 #pragma once
 
 #include <cstddef>
@@ -116,40 +116,28 @@ void PAL_FREE(T*& pointer) {
 // Blocks of this size and more come from the heap, smaller ones from the caller's frame.
 inline constexpr size_t PAL_STACK_LIMIT = 65536;
 
-// A temporary block of `bytes` bytes, aligned to 16, that lives as long as this object, which
-// belongs into a local variable. Below PAL_STACK_LIMIT the block lies inside the object, so that
-// per-record code causes no heap traffic; from there on it is taken from the heap. A word ahead of
-// the block tells which. data() is null for 0 bytes. A failure ends the process.
-class PAL_StackBlock {
- public:
-  explicit PAL_StackBlock(size_t bytes, const char* file = __builtin_FILE(),
-                          int line = __builtin_LINE());
-  ~PAL_StackBlock();
-  PAL_StackBlock(const PAL_StackBlock&) = delete;
-  PAL_StackBlock& operator=(const PAL_StackBlock&) = delete;
+// What PAL_STACK_ALLOC takes from the caller's frame for a block of `bytes` bytes.
+[[nodiscard]] constexpr size_t PAL_StackFrameBytes(size_t bytes) {
+  return bytes == 0 || bytes >= PAL_STACK_LIMIT ? 0 : (bytes + 16 + 15) / 16 * 16;
+}
+// The block in `frame` or, where PAL_StackFrameBytes is 0, from the heap; null for 0 bytes.
+[[nodiscard]] void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line);
+void PAL_StackRelease(void* block);
 
-  [[nodiscard]] void* data() { return block_; }
-  template <class T>
-  [[nodiscard]] T* as() {
-    static_assert(alignof(T) <= HEADER_BYTES);
-    return static_cast<T*>(block_);
-  }
-  // The word ahead of the block: ON_STACK or ON_HEAP. The block must not be empty.
-  [[nodiscard]] uint32_t header() const {
-    uint32_t word;
-    std::memcpy(&word, static_cast<const unsigned char*>(block_) - HEADER_BYTES, sizeof word);
-    return word;
-  }
+// Points `pointer` to a temporary block of `size` bytes, aligned to 16, or makes it null for 0
+// bytes. The block lasts until PAL_STACK_FREE or the end of the calling function. A failure ends
+// the process. `size` is evaluated twice. A macro, since no function can take memory from the frame
+// of its caller.
+#define PAL_STACK_ALLOC(pointer, size)                        \
+  ((pointer) = static_cast<decltype(pointer)>(PAL_StackBlock( \
+       __builtin_alloca(PAL_StackFrameBytes(size)), (size), __builtin_FILE(), __builtin_LINE())))
 
-  static constexpr uint32_t ON_HEAP = 0;
-  static constexpr uint32_t ON_STACK = 1;
-
- private:
-  static constexpr size_t HEADER_BYTES = 16;
-
-  void* block_ = nullptr;  // behind the header, either in frame_ or on the heap
-  alignas(HEADER_BYTES) unsigned char frame_[PAL_STACK_LIMIT + HEADER_BYTES];
-};
+// Releases the block at `pointer`, which may be null, and leaves null.
+template <class T>
+void PAL_STACK_FREE(T*& pointer) {
+  PAL_StackRelease(pointer);
+  pointer = nullptr;
+}
 
 // A growing byte buffer. `length` counts the bytes used while packing and is the read position
 // while unpacking, where `capacity` bounds what may be read. `data` is null while `capacity` is 0;

@@ -55,6 +55,21 @@ const char* PAL_BaseName(const char* path) {
   return separator != nullptr ? separator + 1 : path;
 }
 
+std::string PAL_Printable(std::string_view text) {
+  static constexpr char DIGITS[] = "0123456789abcdef";
+  std::string result;
+  result.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      result += {'\\', 'x', DIGITS[byte >> 4], DIGITS[byte & 15]};
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
 std::string PAL_vasprintf(const char* format, va_list arguments) {
   std::string text(FIRST_BUFFER_BYTES, '\0');
   for (;;) {

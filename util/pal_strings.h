@@ -1,11 +1,12 @@
 // Plain text helpers that don't depend on the locale.
 //
 // Owns the program's own character tables: keywords and options compare through them, so they
-// ignore case in the same way everywhere. Formatting into new strings stands here too.
+// ignore case in the same way everywhere. Also formats into new strings.
 #pragma once
 
 #include <cstdarg>
 #include <string>
+#include <string_view>
 
 // Compares byte by byte through the upper-case table: 0, or the difference of the first two table
 // values that differ.
@@ -23,6 +24,9 @@
 // The text behind the last "/", or, if there is none, behind the last "\", or the whole `path`.
 // Points into `path`.
 [[nodiscard]] const char* PAL_BaseName(const char* path);
+
+// `text` with each control byte (below 0x20, and 0x7f) written as \xNN.
+[[nodiscard]] std::string PAL_Printable(std::string_view text);
 
 // The formatted text. A format that the C library refuses comes back as it is.
 [[nodiscard]] std::string PAL_asprintf(const char* format, ...)

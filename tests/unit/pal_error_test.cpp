@@ -1,5 +1,6 @@
 // The message format, its gates and targets, and the debug channel.
 #include "util/pal_error.h"
+#include "util/pal_debug.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

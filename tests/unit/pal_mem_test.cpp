@@ -80,11 +80,14 @@ TEST_F(PalMem, OperatorsGoThroughTheHooksInEveryForm) {
 
 TEST_F(PalMem, TemporaryBlockLeavesTheFrameAtTheLimit) {
   for (const size_t size : {0U, 1U, 65535U, 65536U}) {
-    PAL_StackBlock block(size);
-    EXPECT_EQ(block.data() == nullptr, size == 0);
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data()) % 16, 0U);
-    if (size > 0) std::memset(block.data(), 1, size);
+    char* block;
+    PAL_STACK_ALLOC(block, size);
+    EXPECT_EQ(block == nullptr, size == 0);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0U);
+    if (size > 0) std::memset(block, 1, size);
     EXPECT_EQ(allocations, size == 65536 ? 1 : 0);
+    PAL_STACK_FREE(block);
+    EXPECT_EQ(block, nullptr);
   }
   EXPECT_EQ(releases, 1);
 }
@@ -98,8 +101,10 @@ TEST_F(PalMemDeathTest, ExhaustionNamesSizeAndCallerAndEndsTheProcess) {
       {[] { PAL_MALLOC(block, 4711, "a/f.cpp", 12); }, "memory (4711 byte) [a/f.cpp:12]"},
       {[] { PAL_CALLOC(block, 10, 8, "f", 1); }, "memory (80 byte) [f:1]"},
       {[] { PAL_REALLOC(block, 100, "f", 2); }, "memory (100 byte) [f:2]"},
-      {[] { failures = 1, PAL_StackBlock(70000, "f", 3); }, "stack memory (70000 byte) [f:3]"},
-      {[] { failures = 0, PAL_StackBlock(SIZE_MAX, "f", 4); }, "stack memory (-1 byte) [f:4]"},
+      {[] { failures = 1, (void)PAL_StackBlock(nullptr, 70000, "f", 3); },
+       "stack memory (70000 byte) [f:3]"},
+      {[] { failures = 0, (void)PAL_StackBlock(nullptr, SIZE_MAX, "f", 4); },
+       "stack memory (-1 byte) [f:4]"},
       {[] {
          const PAL_Place outer("outer", 5);
          { const PAL_Place inner("inner", 6); }
