@@ -91,7 +91,7 @@ TEST(PalError, ControlBytesOfNamesAreEscaped) {
 // The channel remembers its descriptor and position, so each case runs in a process of its own.
 TEST(PalErrorDeathTest, DebugChannelIsADescriptorOrTheFileOfTheProcess) {
   EXPECT_EXIT(PAL_Abort(), testing::KilledBySignal(SIGABRT),
-              "^\\[[0-9]+\\.[0-9]{6} init/0x[0-9a-f]+/[0-9]+@pal_error\\.cpp:[0-9]+\\] aborting in "
+              "^\\[[0-9]+\\.[0-9]{6} init/0x[0-9a-f]+/[0-9]+@pal_debug\\.cpp:[0-9]+\\] aborting in "
               "PAL_abort\\(\\)$");
   const tb::TempDir directory;
   const auto debug = [&](const char* descriptor) {
