@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "generic/options/RK_conf.h"
-#include "generic/options/RK_scan.h"
+#include "generic/options/RK_options.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -73,7 +72,7 @@ std::string nearestCategory(std::string_view word) {
   const std::string meant = lowerCase(word);
   if (meant.size() > kLongest) return {};
   Nearest nearest(meant);
-  for (const std::string_view name : RK_ScanCategories()) nearest.consider(name);
+  for (const std::string_view name : RK_ConfigCategories()) nearest.consider(name);
   return nearest.name();
 }
 
@@ -134,7 +133,7 @@ void RK_HintRequest(std::span<const std::string> words, bool isBroken) {
       "  threads      5  0:3  0:15:4               (first:last:stride)\n"
       "  categories  ",
       stderr);
-  for (const std::string_view name : RK_ScanCategories())
+  for (const std::string_view name : RK_ConfigCategories())
     std::fprintf(stderr, " %.*s", static_cast<int>(name.size()), name.data());
   std::fputs("\n", stderr);
 }

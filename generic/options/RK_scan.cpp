@@ -22,9 +22,8 @@
 #include <limits>
 #include <string>
 
-#include "generic/options/RK_conf.h"
 #include "generic/options/RK_hint.h"
-#include "klt/format/klt_schema.h"
+#include "generic/options/RK_options.h"
 #include "util/pal_error.h"
 #include "util/pal_strings.h"
 
@@ -190,20 +189,8 @@ void takeTime(RK_Request& request, std::string_view text) {
   request.time = RK_ConfigParseTime(std::string(text).c_str());
 }
 
-// Category bits whose names are words of a request.
-constexpr unsigned kFirstCategory = 2;
-constexpr unsigned kCategoriesEnd = 16;
-
-// The bit of the category that is called `text`, or 0.
-uint32_t categoryBit(std::string_view text) {
-  for (unsigned bit = kFirstCategory; bit < kCategoriesEnd; ++bit) {
-    if (RK_ConfigSameText(text, KLT_CategoryName(bit))) return uint32_t{1} << bit;
-  }
-  return 0;
-}
-
 void takeName(RK_Request& request, std::string_view text) {
-  const uint32_t bit = categoryBit(text);
+  const uint32_t bit = RK_ConfigCategoryBit(text);
   request.categories |= bit;
   if (bit == 0) takeType(request, {std::string(text), false});
 }
@@ -338,7 +325,8 @@ bool looksSelective(std::string_view text) {
     text.remove_prefix(std::min(end + 1, text.size()));
     if (word.empty()) continue;
     const bool isThreads = matchTriplet(word) == word.size();
-    if (categoryBit(word) != 0 || (!isThreads && matchWindow(word) == word.size())) return true;
+    if (RK_ConfigCategoryBit(word) != 0 || (!isThreads && matchWindow(word) == word.size()))
+      return true;
     (isThreads ? hasThreads : hasOthers) = true;
   }
   return hasThreads && !hasOthers;
@@ -407,14 +395,6 @@ std::string_view withoutEnd(std::string_view text) {
 }
 
 }  // namespace
-
-std::vector<std::string_view> RK_ScanCategories() {
-  std::vector<std::string_view> names;
-  for (unsigned bit = kFirstCategory; bit < kCategoriesEnd; ++bit) {
-    if ((klt::kWholeSelection >> bit & 1) != 0) names.push_back(KLT_CategoryName(bit));
-  }
-  return names;
-}
 
 bool RK_ScanLine(std::string_view text, RK_ScanMode mode, size_t number) {
   Line line{mode, number, {}};
