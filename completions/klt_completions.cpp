@@ -88,7 +88,7 @@ void describeValue(const RK_Option& row, std::string_view heading, Option& optio
       option.takesFile = option.words.empty();
       break;
     case RK_OptionType::request:
-      for (const std::string_view name : RK_ScanCategories()) option.words.emplace_back(name);
+      for (const std::string_view name : RK_ConfigCategories()) option.words.emplace_back(name);
       option.takesMany = true;
       break;
     case RK_OptionType::integer:
