@@ -1,0 +1,336 @@
+"""What the programs of tools/ and examples/ make of the sample traces, of lines that are hard to
+read, and of wrong files.
+
+  KLTTOOL=build/release/klttool python3 test_tools.py [TESTCASE...]
+  python3 test_tools.py write     writes the files of golden/ again, after a change that is meant
+"""
+
+import argparse
+import collections
+import html.parser
+import importlib.machinery
+import importlib.util
+import io
+import json
+import os
+import pathlib
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+import tracemalloc
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+ROOT = HERE.parents[1]
+KLTTOOL = os.environ.get("KLTTOOL", "klttool")
+TEXT = "{}\n{}status {}\n"  # of a golden file
+sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests" / "e2e")]
+
+# pylint: disable=wrong-import-position
+from harness import DATA, INPUT, Folder, Program  # noqa: E402
+from sum_files import WORDS, SumFile  # noqa: E402
+
+
+def load(path):
+    """A program as a module."""
+    loader = importlib.machinery.SourceFileLoader(path.rpartition("/")[2].replace("-", "_"),
+                                                  str(ROOT / path))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
+converter, report, windows = map(load, ("tools/rkf-to-trace-json", "tools/sum-report",
+                                        "examples/parallel-windows"))
+
+
+def run(module, *arguments, text=""):
+    """Standard output, standard error and status of a program."""
+    done = subprocess.run([sys.executable, module.__file__, *map(str, arguments)], input=text,
+                          capture_output=True, encoding="utf-8", check=False, timeout=300)
+    return done.stdout, done.stderr, done.returncode
+
+
+class InDirectory(unittest.TestCase):
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory()
+        self.addCleanup(temporary.cleanup)
+        self.directory = pathlib.Path(temporary.name)
+
+
+class Outline(html.parser.HTMLParser):
+    """What a page says: a line for each paragraph, heading, row of a table, and mark of a picture,
+    and how many marks there are. Elements nest, each class of a mark has a colour in light and
+    dark, and nothing is needed from elsewhere."""
+
+    LINES = ("h1", "h2", "h3", "p", "li", "tr", "dt", "dd", "title", "text")
+
+    def __init__(self, page):
+        super().__init__()
+        self.stack, self.lines, self.marks = [], [], collections.Counter()
+        self.feed(page)
+        light, dark = page.split("prefers-color-scheme: dark", 1)
+        for name in self.marks:
+            colour = f"--{name.replace('l', 's')}:"
+            assert name == "band" or colour in light and colour in dark.split("}")[0], name
+        self.lines += [f"marks: {name} {count}" for name, count in sorted(self.marks.items())]
+        assert not self.stack, self.stack
+        assert not re.search(r"<script|@import|url\(|https?:|\b(nan|inf)\b|\x1b", page)
+
+    def handle_starttag(self, tag, attrs):
+        assert not {"src", "href"} & dict(attrs).keys(), attrs
+        self.marks.update(re.findall(r"\b(?:[slq]\d|band)\b", dict(attrs).get("class") or ""))
+        if tag in self.LINES:
+            self.lines.append(tag + ":")
+        if tag not in ("meta", "br"):
+            self.stack.append(tag)
+
+    def handle_endtag(self, tag):
+        if tag not in ("meta", "br"):
+            assert self.stack.pop() == tag, tag
+
+    def handle_data(self, data):
+        if set(self.LINES) & set(self.stack) and data.strip():
+            self.lines[-1] += " | " + data.strip().replace("\n", " / ")
+
+
+def golden():
+    """The outputs by name of the file in golden/."""
+    for file in sorted((HERE / "golden").glob("*.rkf")):
+        yield file.stem, run(converter, "--waiting", 5, file)
+    for name, sample, *options in (
+            ("page-counters", "counters", "--names", DATA / "counters" / "expected.dump"),
+            ("page-reports", "reports", "--names", DATA / "reports" / "expected.dump"),
+            ("page-threads", "threads", "--names", HERE / "golden" / "lines.rkf", "--title",
+             "<&b>\x1b")):
+        page, *rest = run(report, DATA / sample / "expected", *options)
+        yield name, ("\n".join(Outline(page).lines), *rest)
+
+
+class Golden(unittest.TestCase):
+    maxDiff = 5000
+
+    def test_outputs_are_those_of_golden(self):
+        for name, output in golden():
+            with self.subTest(name):
+                expected = (HERE / "golden" / f"{name}.expected").read_text(encoding="utf-8")
+                self.assertEqual(expected, TEXT.format(*output))
+
+
+def trace_json(file):
+    """The events that are made of a text."""
+    return json.loads(run(converter, file)[0])["traceEvents"]
+
+
+class TraceJson(InDirectory):
+    def test_every_line_of_every_dump_has_its_events_and_calls_nest(self):
+        for file in sorted(DATA.glob("*/expected.dump")):
+            text, events = file.read_text(errors="replace"), trace_json(file)
+            seen = collections.Counter(event["ph"] for event in events)
+            lines = collections.Counter(re.findall(r"^-?\d+ (\w+) ", text, re.M))
+            calls = len(re.findall(r" EXCHEXT CPU \d+ DOWNTO ", text))
+            values = sum(line.count(" DEF ") for line in text.splitlines() if " SAMP " in line)
+            slices = ("GLOBALOP", "BEGINSCOPE", "FILEIOBEGIN")
+            with self.subTest(trace=file.parent.name):
+                self.assertEqual([seen[phase] for phase in "BEbiC"],
+                                 [calls, calls, sum(lines[kind] for kind in slices),
+                                  lines["C"] + lines["KPARREGBARSUM"],
+                                  values - len(re.findall(r"FLOAT -?(?:INF|NAN)", text))])
+                self.assertEqual(seen["s"] + seen["f"], lines["SENDMSG"] + lines["RECVMSG"])
+                depth, last = collections.Counter(), collections.Counter()
+                for event in (event for event in events if event["ph"] in "BE"):
+                    key = event["pid"], event["tid"]
+                    depth[key] += 1 if event["ph"] == "B" else -1
+                    self.assertTrue(depth[key] >= 0 and event["ts"] >= last[key])
+                    last[key] = event["ts"]
+                self.assertEqual(+depth, {})
+
+    def test_matched_and_separate_lines_give_the_same_arrows_and_operations(self):
+        for name in ("ring", "bigdelta", "counters"):
+            self.assertEqual(*(sorted((e["ph"], e["ts"], e["tid"], e["name"])
+                                      for e in trace_json(DATA / name / f"expected.{kind}")
+                                      if e["ph"] in "sfbe") for kind in ("dump", "matched")))
+
+    def test_what_is_no_rkf_leaves_no_file(self):
+        target = self.directory / "out.json"
+        for text in ("", "hello\n", "1 EXCHEXT CPU 1 DOWNTO 10\n", "CLKPERIOD nan\n"):
+            _, errors, status = run(converter, "-o", target, text=text)
+            self.assertEqual((status, target.exists(), "no CLKPERIOD" in errors), (1, False, True))
+
+    def test_memory_does_not_grow_with_events(self):
+        peaks = []
+        words = ("EXCHEXT CPU 1 DOWNTO 10", "SENDMSG 1 {} FROM 1 TO 2 LEN 8",
+                 "RECVMSG 1 {} BY 2 FROM 1 LEN 8", "EXCHEXT CPU 1 UPTO NOACT")
+        for count in (500, 10000):
+            tracemalloc.start()
+            made = converter.Converter(lambda: open(os.devnull, "w", encoding="ascii"), 10**6)
+            made.line("CLKPERIOD 1E-06")
+            for k in range(count):
+                for rest in words:
+                    made.line(f"{k} {rest.format(k)}")
+            made.end()
+            peaks.append(tracemalloc.get_traced_memory()[1])
+            tracemalloc.stop()
+        self.assertLess(peaks[1], 2 * peaks[0])
+
+
+def tree(start, number, order="<"):
+    """A thread in a bin: for all of its 10 ticks function `number` % 97 + 1, which calls function 1
+    for 4."""
+    nodes = ((0, 10, 0, 0), (number % 97 + 1, 10, 1, 1), (1, 4, 1, 1))
+    return struct.pack(order + "QQIIII", start, 10, number, 0, 3, 0) + b"".join(
+        struct.pack(order + "4xI8xQI16xI", *node) for node in nodes)
+
+
+def message(sender, receiver, count, size, total):
+    return struct.pack("<IQqqqIIIIIIIIII", count, 10, total, 1, 19, sender, receiver, 1, 7, size,
+                       count * size % 2**32, 10, 10, 0, 0)
+
+
+class SumReport(InDirectory):
+    def write(self, order="<", **records):
+        """Summary files of the run `x`, empty but for the records of some."""
+        for word in WORDS:
+            some = records.get(word, [])
+            (self.directory / f"x.sum.{word}").write_bytes(
+                struct.pack(order + "QQQ", 1, 10, len(some)) + b"".join(some))
+
+    def page(self, status=0, *options):
+        """The page of these files and its outline."""
+        page, errors, found = run(report, self.directory / "x", *options)
+        self.assertEqual(found, status, errors)
+        return page, "\n".join(Outline(page).lines)
+
+    def test_either_byte_order_large_sums_and_negative_times(self):
+        pages = []
+        for order in "<>":
+            self.write(order, fnc=[tree(0, 1, order)])
+            pages.append(self.page()[1])
+        self.assertEqual(*pages)
+        self.assertIn("tr: | function 2 | 1 | 6 ticks | 60.0%", pages[0])
+        self.write(msg=[message(0, 1, 4096, 2**20, -8192)])
+        self.assertRegex(self.page()[1], r"\| 4,096 \| 4 GiB \| -2 ticks")
+
+    def test_large_runs_keep_to_two_megabytes(self):
+        long = struct.pack("<I", 500) + b"n" * 500
+        self.write(fnc=[tree(b * 10, t) for b in range(400) for t in range(100)],
+                   msg=[message(a, b, a + 1, b, 20) for a in range(120) for b in range(120)],
+                   cop=[struct.pack("<QIIIIII", 0, c, t, 0, 1, 0, 0) for c in range(100)
+                        for t in range(20)],
+                   cnt=[struct.pack("<IQQIIdddddd", c, b * 10, b * 10, t, 1, b, b, b, 0, 0, 0)
+                        for b in range(400) for c in range(20) for t in range(5 + c % 2 * 5)],
+                   rep=[struct.pack("<QII", k, 0, 0) + long * 3 for k in range(5000)])
+        page, outline = self.page()
+        self.assertLess(len(page.encode()), 2000000)
+        for part in ("marks: s0", "marks: s8", "marks: band", "marks: l5", "5,000 reports.", "others"):
+            self.assertIn(part, outline)
+
+    def read(self, word, data):
+        """The records of a file, of which a page can be made, and what is wrong with it."""
+        path = self.directory / "file"
+        path.write_bytes(data)
+        file = SumFile(path, word)
+        records = [repr(tuple(map(list, record)) if word in ("fnc", "cop") else record)
+                   for record in file.records()]
+        Outline(report.Page(report.Run({word: file}), report.read_names(None)).html("x", []))
+        return records, file.problem
+
+    def test_damaged_files_are_read_up_to_the_damage(self):
+        for word in WORDS:
+            folder = Folder(DATA / ("reports" if word == "rep" else "counters"))
+            data = folder.expected(f"sum.{word}")
+            whole, problem = self.read(word, data)
+            self.assertIsNone(problem)
+            for at in range(1, len(data), len(data) // 50 * 4 + 1):
+                with self.subTest(word=word, at=at):
+                    records, problem = self.read(word, data[:at])
+                    self.assertEqual(records, whole[:len(records)])
+                    self.assertIsNotNone(problem)
+                    self.read(word, data[:at] + b"\xff" * 8 + data[at + 8:])
+
+    def test_missing_files(self):
+        self.write()
+        self.assertIn("no function calls", self.page()[1])
+        for word in WORDS:
+            (self.directory / f"x.sum.{word}").write_bytes(b"")
+        self.assertIn("no messages", self.page()[1])
+        (self.directory / "x.sum.cnt").unlink()
+        self.assertIn("x.sum.cnt: No such file", self.page(status=2)[1])
+        _, errors, status = run(report, self.directory / "nothing")
+        self.assertEqual(status, 1)
+        self.assertIn("no summary file", errors)
+
+
+def events_of(text):
+    """How often each line is there, and the calls and scopes of each thread in their order."""
+    calls = collections.defaultdict(list)
+    for match in re.finditer(rb"^\d+ (?:EXCHEXT|BEGINSCOPE|ENDSCOPE) CPU (\d+) .*", text, re.M):
+        calls[match[1]].append(match[0])
+    return collections.Counter(text.splitlines()), calls
+
+
+class ParallelWindows(InDirectory):
+    # Traces with calls across cuts, messages in flight, collectives, scopes, unknown sides, many
+    # events at one time, stamps that text can't show exactly, and statistics besides events.
+    TRACES = {"ring": 4, "stencil": 9, "stencil_split": 4, "threads": 4, "counters": 4, "negative": 4,
+              "collops": 4, "dense": 9, "evbits4": 4, "evbits14": 4, "io": 4, "stats": 1}
+
+    def joined(self, name, count, options=(), select=()):
+        """The windows of a trace, joined by blocks of several sizes."""
+        pieces = pathlib.Path(tempfile.mkdtemp(dir=self.directory))
+        plan = windows.make_plan(argparse.Namespace(
+            program=KLTTOOL, trace=DATA / name / INPUT, select=select, options=options,
+            windows=count), pieces)
+        for index in range(len(plan["windows"])):
+            windows.dump_window(pieces, index)
+        for windows.BLOCK in (1, 200, 1000, 5000, 1 << 18):
+            output = io.BytesIO()
+            windows.Join(pieces, output).run()
+            yield output.getvalue()
+
+    def test_joined_pieces_are_the_whole_dump(self):
+        for name, count in self.TRACES.items():
+            for kind, options in (("dump", ()), ("matched", ("--matched-rkf",))):
+                expected = events_of(Folder(DATA / name).expected(kind))
+                for joined in self.joined(name, count, options):
+                    with self.subTest(trace=name, kind=kind, block=windows.BLOCK):
+                        self.assertEqual(events_of(joined), expected)
+                        times = [int(time) for time in re.findall(rb"^(\d+) ", joined, re.M)]
+                        self.assertTrue(kind == "matched" or times == sorted(times))
+
+    def test_selections_are_cut_the_same_way(self):
+        for select in (["FUNCTIONS"], ["COUNTERS"], ["0:0"], ["1:1", "MESSAGES", "COLLOPS"]):
+            whole = Program(KLTTOOL).output(DATA / "counters", INPUT, "--dump", "--request",
+                                            ",".join(select))
+            for joined in self.joined("counters", 7, select=select):
+                self.assertEqual(events_of(joined), events_of(whole))
+
+    def test_steps_run_in_any_order_in_places_with_odd_names_and_miss_nothing(self):
+        place = self.directory / "it's {} here"
+        place.mkdir()
+        folder = Folder(DATA / "ring")
+        folder.copy(place)
+        expected = (folder.expected("dump").decode(), "", 0)
+        trace, pieces, program = place / INPUT, place / "the pieces", ("--program", KLTTOOL)
+        self.assertEqual(run(windows, "plan", "-n", 5, *program, trace, pieces)[0], "6\n")
+        run(windows, "window", pieces, 5)
+        self.assertIn("not dumped yet: 0, 1, 2, 3, 4", run(windows, "join", pieces)[1])
+        self.assertIn("no window 6", run(windows, "window", pieces, 6)[1])
+        for index in reversed(range(5)):
+            run(windows, "window", pieces, index)
+        self.assertEqual(run(windows, "join", pieces), expected)
+        self.assertEqual(run(windows, "-n", 5, *program, "--directory", place, trace), expected)
+        self.assertIn("No such file", run(windows, "--program", place / "none", trace)[1])
+        (place / f"{INPUT}.f.0").write_bytes(b"\xc8")
+        self.assertIn("ended with status 2", run(windows, "-n", 2, *program, trace)[1])
+
+
+if __name__ == "__main__":
+    if sys.argv[1:] == ["write"]:
+        for golden_name, golden_output in golden():
+            pathlib.Path(HERE, "golden", f"{golden_name}.expected").write_text(
+                TEXT.format(*golden_output), encoding="utf-8")
+    else:
+        unittest.main()
