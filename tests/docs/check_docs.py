@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""Holds the documents against what they describe.
+
+usage: check_docs.py SOURCE PROGRAM
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+
+
+class Document:
+    """The parts of a file in Markdown."""
+
+    def __init__(self, path):
+        self.text = path.read_text(encoding="utf-8")
+
+    def lines_of(self, language):
+        """The lines of all blocks in a language."""
+        blocks = re.findall(rf"^```{language}\n(.*?)^```", self.text, re.M | re.S)
+        return [line for block in blocks for line in block.splitlines()]
+
+    def tables(self):
+        """Rows of cells by the heading "Table: NAME" above."""
+        found = re.findall(r"^### Table: (\w+)\n\n((?:\|.*\n)+)", self.text, re.M)
+        return {name: [[cell.strip() for cell in row.strip("|").split("|")]
+                       for row in rows.splitlines()[2:]] for name, rows in found}
+
+    def anchors(self):
+        """What headings are called on the web."""
+        prose = re.sub(r"^```.*?^```", "", self.text, flags=re.M | re.S)
+        return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
+                for heading in re.findall(r"^#+ (.*)$", prose, re.M)}
+
+
+def check_links(root, _):
+    """Files and headings that are linked to are there, and so are names of files in the sources."""
+    source = re.compile(r"(?<![\w./])((?:util|klt|generic|tests|scripts|examples|tools|fuzz)"
+                        r"/[\w./-]*[\w/])")
+    for path in (root / "README.md", *(root / "docs").glob("*.md")):
+        text = Document(path).text
+        for target in re.findall(r"\[[^\]]*\]\((?![a-z]+:)([^)\s]+)\)", text):
+            name, _, anchor = target.partition("#")
+            file = path.parent / name if name else path
+            if not file.exists() or anchor and anchor not in Document(file).anchors():
+                yield f"{path.name} links to {target}, which isn't there"
+        for name in source.findall(text):
+            if not (root / name).exists():
+                yield f"{path.name} names {name}, which isn't there"
+
+
+def check_readme(root, program):
+    """The commands of the examples give, one after another, what is shown; "..." is any lines."""
+    examples = []
+    for line in Document(root / "README.md").lines_of("console"):
+        if line.startswith("$ "):
+            examples.append((line[2:], []))
+        else:
+            examples[-1][1].append(r"(?:.*\n)*" if line == "..." else re.escape(line) + "\n")
+    if len(examples) < 5:
+        yield f"only {len(examples)} examples"
+    with tempfile.TemporaryDirectory() as directory:
+        place = pathlib.Path(directory)
+        (place / "bin").mkdir()
+        (place / "bin/klttool").symlink_to(program)
+        for part in ("examples", "tests/data/raw_ring"):
+            shutil.copytree(root / part, place / part)
+        environment = {"PATH": f"{place / 'bin'}:{os.environ['PATH']}", "LC_ALL": "C"}
+        for command, shown in examples:
+            done = subprocess.run(["sh", "-c", command], cwd=place, env=environment, text=True,
+                                  stdin=subprocess.DEVNULL, capture_output=True, check=False)
+            output = re.sub(r"[\r\n]+", "\n", done.stdout)
+            if done.returncode != 0 or not re.fullmatch("".join(shown), output):
+                yield f"$ {command}\nstatus {done.returncode}, not as shown:\n{output[-1500:]}"
+
+
+def pattern_of(form):
+    """The regular expression of a form of a line."""
+    types = {"": r"-?\d+", "real": r"-?(?:\d[\d.]*(?:[Ee][+-]\d+)?|INF|NAN|inf|nan)",
+             "text": r".*", "hex": r"(?:[0-9A-F]{2})*"}
+    brackets = {"[": "(?:", "]": ")?", "{": "(?:", "}": ")*", "(": "(?:", ")": ")", "|": "|"}
+    tokens = re.findall(r"<[^:>]+(?::(\w+))?>|([][{}()|])|([^][{}()|<]+)", form)
+    return re.compile("".join(brackets[bracket] if bracket else re.escape(literal) or types[kind]
+                              for kind, bracket, literal in tokens))
+
+
+def check_rkf(root, _):
+    """Each line of a sample's text has one form of docs/rkf.md, and each form occurs."""
+    forms = {form: pattern_of(form) for form in Document(root / "docs/rkf.md").lines_of("rkf")}
+    used = set()
+    for kind in ("dump", "matched", "noext", "request.*"):
+        for path in (root / "tests/data").glob(f"*/expected.{kind}"):
+            for line in set(path.read_bytes().split(b"\n")[:-1]):
+                text = line.decode("utf-8", errors="surrogateescape")
+                fitting = [form for form, pattern in forms.items() if pattern.fullmatch(text)]
+                used.update(fitting)
+                if len(fitting) != 1:
+                    yield f"{path.parent.name}: {len(fitting)} forms fit {text!r}"
+    yield from (f"no sample has the form {form}" for form in forms.keys() - used)
+    if not forms:
+        yield "docs/rkf.md has no forms"
+
+
+def read_summary(path, shapes):
+    """The number of records of a summary file, which fill it."""
+    data, at = path.read_bytes(), 0
+    head = {".fnc": "thread", ".cop": "operation", ".msg": "message", ".cnt": "counter",
+            ".rep": "report"}[path.suffix]
+
+    def take(name):
+        nonlocal at
+        at += shapes[name].size
+        return shapes[name].unpack_from(data, at - shapes[name].size)
+
+    def skip(texts, more):
+        nonlocal at
+        for _ in range(texts):
+            at += 4 + struct.unpack_from("=I", data, at)[0]
+        at += more
+
+    version, _, count = take("header")
+    for _ in range(count):
+        values = take(head)
+        nodes = [take("node") for _ in range(values[4] if head == "thread" else 0)]
+        for place, (*_, children, ahead, _, back) in enumerate(nodes):
+            if (children == 0) != (ahead == 0) or back > place or ahead and nodes[
+                    place + ahead][-1] != ahead:
+                raise ValueError(f"node {place} is linked as {nodes[place]}")
+        for _ in range(values[5] if head == "operation" else 0):
+            take("member")
+        if head == "report":
+            skip(3, 12 * values[2])
+            skip(values[2], 4 * values[2])
+            skip(values[2], 4 * values[2])
+    if version != 1 or at != len(data):
+        raise ValueError(f"version {version}, {count} records end at {at} of {len(data)}")
+    return count
+
+
+def check_summary(root, _):
+    """Offsets in docs/summary.md follow from the types; records by its tables fill sample files."""
+    shapes, records = {}, {}
+    for name, rows in Document(root / "docs/summary.md").tables().items():
+        form = "="
+        for offset, kind, *_ in rows:
+            if int(offset) != struct.calcsize(form):
+                yield f"{name}: offset {offset} should be {struct.calcsize(form)}"
+            form += {"u32": "I", "u64": "Q", "i64": "q", "f64": "d"}[kind]
+        shapes[name] = struct.Struct(form)
+    for path in (root / "tests/data").glob("*/expected.sum.*"):
+        try:
+            records[path.suffix] = records.get(path.suffix, 0) + read_summary(path, shapes)
+        except (ValueError, IndexError, struct.error) as error:
+            yield f"{path.parent.name}/{path.name}: {error}"
+    if len(records) != 5 or not all(records.values()):
+        yield f"not all kinds of files are read: {records}"
+
+
+def main():
+    root, program = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+    problems = [problem for check in (check_links, check_readme, check_rkf, check_summary)
+                for problem in check(root, program)]
+    print("\n".join(problems[:50]))
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
