@@ -6,7 +6,7 @@
 // file as output.
 #include <filesystem>
 
-#include "fuzz/fuzz_records.h"
+#include "fuzz/fuzz_target.h"
 #include "generic/extract/kltt_extract.h"
 #include "generic/extract/kltt_print.h"
 #include "generic/merge/kltt_merge.h"
@@ -20,15 +20,14 @@
 
 namespace {
 
-constexpr std::string_view kRequests[] = {
+constexpr const char* kRequests[] = {
     "",
     "",
     "REQUEST 0:1\n",
     "REQUEST FUNCTIONS 0:3:2\n",
     "REQUEST MESSAGES COLLOPS COUNTERS\n",
     "TICKS on\nREQUEST 10s:500s\n",
-    ("TICKS on\nREQUEST 10s:500s 0:2 FUNCTIONS\n"
-     "REQUEST 500s:5000s SCOPES FUNCTIONS\n"),
+    "TICKS on\nREQUEST 10s:500s 0:2 FUNCTIONS\nREQUEST 500s:5000s SCOPES FUNCTIONS\n",
     "TICKS on\nREQUEST 100s:1100s\nREQUEST 900s:4000s 1:3\n",
 };
 
@@ -46,55 +45,28 @@ int statusOf(const Function& function) {
   }
 }
 
-std::string fileFor(const char* name) { return fuzz::directory() / name; }
+int32_t serial;  // deliver component by component
 
-// One extraction as the options say, with a listing if one is given. Its status, or -1 if the trace
-// can't be opened.
-int extract(const std::string& input, uint8_t options, const char* output = nullptr, int form = 0,
-            int32_t RK_Conf::*listing = nullptr) {
+// One extraction with these options. Its status, or -1 if the trace can't be opened.
+int extract(const std::string& input, const std::string& options) {
   RK_ConfigDefaults();
-  if (listing == nullptr) (void)RK_ScanText(kRequests[options & 7], RK_ScanMode::config);
-  if (listing != nullptr) RK_conf.*listing = 1;
-  if (output != nullptr) {
-    RK_conf.logfile_name = fileFor(output);
-    RK_conf.logfile_name_set = RK_conf.logfile_format_set = true;
-    RK_conf.output_format = form;
-    RK_conf.output_single_file = options >> 5 & 1;
-    RK_conf.matched_rkf = form | (options >> 4 & 1);
-  }
+  (void)RK_ScanText(options, RK_ScanMode::config);
+  (void)RK_ConfigFinish();
+  RK_conf.matched_rkf |= RK_conf.output_format;
   const KLT_OwnedTrace trace(KLT_Open(input.c_str()));
-  if (trace == nullptr) return -1;
-  return statusOf([&] { return KLTT_Extract(trace.get(), (options & 8) == 0); });
+  return trace == nullptr ? -1 : statusOf([&] { return KLTT_Extract(trace.get(), serial); });
 }
 
-// The text of a dump that is gone then. One that fails early creates no file.
-std::pair<int, std::string> dump(const std::string& input, uint8_t options) {
-  std::filesystem::remove(fileFor("out.ark"));
-  const int status = extract(input, options, "out.ark");
-  return {status,
-          std::filesystem::exists(fileFor("out.ark")) ? tb::readFile(fileFor("out.ark")) : ""};
+std::string outputTo(const char* format, const std::string& name) {
+  return std::string("LOGFILE-FORMAT ") + format + "\nLOGFILE-NAME " + name + '\n';
 }
 
-// Whether all of the trace is in files of its own now.
-bool copy(const std::string& input) {
-  const KLT_OwnedTrace trace(KLT_Open(input.c_str()));
-  KLTT_PrintFiles(trace.get());
-  return KLT_Convert(trace.get(), nullptr, fileFor("copy.klt").c_str(), 0,
-                     KLTT_InputFiles(trace.get())) == 0;
-}
-
-// Whether there is a merged trace: a summary is all that others give.
-bool mergeOrSummarise(const std::string& input, uint8_t options) {
-  RK_ConfigDefaults();
-  KLT_FileHandle* trace = KLT_Open(input.c_str());  // which the merge closes
-  const bool raw = (trace->flags & 1) != 0;
-  int flags = raw ? KLTM_MERGE : KLTM_SUMMARY;
-  if (raw && (options & 0x10) != 0) flags |= KLTM_SUMMARY;
-  if ((options & 0x20) != 0) flags |= KLTM_SINGLE_FILE;
-  const std::string target = fileFor("merged.klt");
-  const int status =
-      statusOf([&] { return KLTM_Merge(nullptr, target.c_str(), trace, flags, nullptr, nullptr); });
-  return raw && status == KLTM_DONE;
+// The status and the text of a dump.
+std::pair<int, std::string> dump(const std::string& input, const std::string& options = "") {
+  const std::string output = fuzz::directory() / "out.ark";
+  tb::writeFile(output, "");  // a dump that fails early creates no file
+  const int status = extract(input, options + outputTo("ASCII", output));
+  return {status, tb::readFile(output)};
 }
 
 }  // namespace
@@ -104,46 +76,59 @@ void fuzz::run(std::string_view input) {
   for (const auto& file : std::filesystem::directory_iterator(directory().path())) {
     std::filesystem::remove_all(file);  // summary files aren't overwritten
   }
-  const std::string name = fileFor("t.klt");
-  const uint8_t options = firstByte(input);
+  const std::string name = directory() / "t.klt", copy = directory() / "copy.klt",
+                    output = directory() / "out.klt", merged = directory() / "merged.klt";
   tb::writeFile(name, rest(input));
-  const auto text = dump(name, options);
+  const uint64_t options = load(input, 0);
+  const bool matches = (options & 0x10) != 0, single = (options & 0x20) != 0;
+  const std::string requests = kRequests[options & 7];
+  const std::string asText = requests + (matches ? "MATCHED-RKF on\n" : "");
+  serial = (options & 8) == 0 ? 1 : 0;
+  const auto text = dump(name, asText);
   if (text.first == -1) return;
+
+  KLT_OwnedTrace trace(KLT_Open(name.c_str()));
+  KLTT_PrintFiles(trace.get());
+  const int failed =
+      KLT_Convert(trace.get(), nullptr, copy.c_str(), 0, KLTT_InputFiles(trace.get()));
   // Anchors are found by name; those that the index doesn't declare aren't copied. They don't
   // matter without a window.
-  const bool hasWindow = kRequests[options & 7].starts_with("TICKS");
-  if (copy(name) && !hasWindow) {
-    require(dump(fileFor("copy.klt"), options) == text, "a copy has another text or status");
+  if (failed == 0 && !requests.starts_with("TICKS")) {
+    require(dump(copy, asText) == text, "a copy has another text or status");
   }
-  for (const auto listing :
-       {&RK_Conf::print_statistics, &RK_Conf::print_reports, &RK_Conf::print_threads}) {
-    (void)extract(name, options, nullptr, 0, listing);
+  for (const char* listing : {"STATISTICS", "REPORTS", "THREADS"}) {
+    (void)extract(name, std::string("PRINT-") + listing + " on\n");
   }
-  if (extract(name, options, "out.klt", 1) == 0) {
-    require(dump(fileFor("out.klt"), 0).first != -1, "a complete extraction can't be opened");
+  if (extract(name, requests + outputTo(single ? "SINGLEKLT" : "KLT", output)) == 0) {
+    require(dump(output).first != -1, "a complete extraction can't be opened");
   }
-  if (mergeOrSummarise(name, options)) (void)dump(fileFor("merged.klt"), 0);
+
+  RK_ConfigDefaults();
+  trace.reset(KLT_Open(name.c_str()));
+  const bool raw = (trace->flags & 1) != 0;  // a summary is all that others give
+  const int flags = (raw ? KLTM_MERGE : KLTM_SUMMARY) | (matches ? KLTM_SUMMARY : 0) |
+                    (single ? KLTM_SINGLE_FILE : 0);
+  const int status = statusOf([&] {  // which closes the trace
+    return KLTM_Merge(nullptr, merged.c_str(), trace.release(), flags, nullptr, nullptr);
+  });
+  if (raw && status == KLTM_DONE) (void)dump(merged);
 }
 
 bool fuzz::mutate(Random& random, std::string& input) {
   tb::TraceFiles files = takeApart(rest(input));
-  if (below(random, 8) == 0) return false;
-  char options = input[0];
-  if (below(random, 8) == 0) options = static_cast<char>(random());
+  if (below(random, 8) == 0 || files.parts().size() < 3) return false;
   for (size_t times = 1 + below(random, 3); times > 0; --times) {
-    if (files.parts().empty()) return false;
     const std::string key = files.parts()[below(random, files.parts().size())].first;
     const size_t what = below(random, 16);
     if (what == 0) {
       files.remove(key);
     } else if (what == 1) {
       mutateBytes(random, files[key]);
-    } else if (what == 2 && !files.contains(key + ".anc")) {
-      files.add(key + ".anc", files[key]);
     } else {
       mutateRecords(random, files[key], key == " " ? kIndexHeaderBytes : 0);
     }
   }
+  const char options = below(random, 8) == 0 ? static_cast<char>(random()) : input[0];
   input = options + files.container();
   return true;
 }

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <vector>
 
-#include "fuzz/fuzz_records.h"
 #include "fuzz/fuzz_target.h"
 #include "tests/builder/with_asan.h"
 
@@ -21,10 +20,24 @@
 
 namespace {
 
-constexpr size_t kLargestInput = 1 << 16;
+// The block is of exactly that size, so that reading beyond it is seen.
+void runOn(const std::string& input) {
+  const std::vector<char> block(input.begin(), input.end());
+  fuzz::run({block.data(), block.size()});
+}
 
-// Findings and names of inputs go on to where standard output leads, all else to nowhere.
-FILE* silence() {
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return 2;
+  const unsigned long mutations = std::strtoul(argv[1], nullptr, 10);
+  std::vector<std::filesystem::path> inputs{argv[2]};
+  if (is_directory(inputs[0])) {
+    inputs.assign(std::filesystem::directory_iterator(argv[2]), {});
+    std::sort(inputs.begin(), inputs.end());
+  }
+  // Findings and names of inputs go on to where standard output leads. Left open: leaks are
+  // reported there at the exit.
   FILE* log = fdopen(dup(STDOUT_FILENO), "w");
 #ifdef KLT_WITH_ASAN
   // The interface takes the number in a pointer.
@@ -34,47 +47,21 @@ FILE* silence() {
   const int nowhere = open("/dev/null", O_WRONLY);
   dup2(nowhere, STDOUT_FILENO);
   dup2(nowhere, STDERR_FILENO);
-  return log;
-}
-
-// The block is of exactly that size, so that reading beyond it is seen.
-void runOn(const std::string& input) {
-  const std::vector<char> block(input.begin(), input.end());
-  fuzz::run({block.data(), block.size()});
-}
-
-void runMutations(std::string input, unsigned rounds) {
-  fuzz::Random bytes(1);
-  for (unsigned round = 0; round < rounds; ++round) {
-    fuzz::Random random(round);
-    std::string mutated = input;
-    if (!fuzz::mutate(random, mutated)) fuzz::mutateBytes(bytes, mutated);
-    mutated.resize(std::min(mutated.size(), kLargestInput));
-    runOn(mutated);
-    // Every fourth change stays, for what needs more than one.
-    if (round % 4 == 3) input = mutated;
-  }
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc != 3) return 2;
-  const auto mutations = static_cast<unsigned>(std::strtoul(argv[1], nullptr, 10));
-  std::vector<std::filesystem::path> inputs{argv[2]};
-  if (is_directory(inputs[0])) {
-    inputs.assign(std::filesystem::directory_iterator(argv[2]), {});
-    std::sort(inputs.begin(), inputs.end());
-  }
-  FILE* log = silence();
-  for (const auto& input : inputs) {
-    std::fprintf(log, "%s\n", input.c_str());
+  for (const auto& name : inputs) {
+    std::fprintf(log, "%s\n", name.c_str());
     std::fflush(log);
-    const std::string bytes = tb::readFile(input);
-    runOn(bytes);
-    runMutations(bytes, mutations);
+    std::string input = tb::readFile(name);
+    runOn(input);
+    for (unsigned round = 0; round < mutations; ++round) {
+      fuzz::Random random(round);
+      std::string mutated = input;
+      if (!fuzz::mutate(random, mutated)) fuzz::mutateBytes(random, mutated);
+      mutated.resize(std::min<size_t>(mutated.size(), 1 << 16));
+      runOn(mutated);
+      // Every fourth change stays, for what needs more than one.
+      if (round % 4 == 3) input = mutated;
+    }
   }
-  std::fprintf(log, "%zu inputs, %u mutations of each\n", inputs.size(), mutations);
-  // Left open: leaks are reported there at the exit.
+  std::fprintf(log, "%zu inputs, %lu mutations of each\n", inputs.size(), mutations);
   return std::fflush(log) != 0 || inputs.empty() ? 2 : 0;
 }
