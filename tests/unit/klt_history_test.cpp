@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 #include <map>
 #include <random>
@@ -39,7 +38,7 @@ void fillOpen(Trace& trace) {
   Stream& s = trace.stream("e", 0x1ef, {0, gtp(0, 1), gtp(0, 2)});
   s.at(1).enter(0, 5, 9).enter(gtp(0, 1), 8).at(2).enter(0, 6).enter(0, 7).leave(0);
   s.enterScope(0, 4, 1, 3).enterScope(0, 4, 2).enterScope(0, 4, 1).leaveScope(0, 4, 1);
-  s.at(3).counters(0, {{14, 100}, {3, 200}, {12, 300}}).at(4).counters(0, {{3, 201}});
+  s.at(3).counters(0, {{10, 100}, {11, 200}, {12, 300}, {22, 400}}).at(4).counters(0, {{11, 201}});
   s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 6, .tag = 1});  // arrives at 10
   s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 7, .tag = 2});
   s.message({.sender = gtp(0, 1), .receiver = 0, .receiveTime = -7, .tag = 3});
@@ -49,57 +48,6 @@ void fillOpen(Trace& trace) {
   s.collective({.communicator = 1, .operation = 3, .start = {NOT_STARTED, 0}, .duration = {90, 6}});
   s.at(10).comment(0, "first").at(11).leave(0).at(12).leaveScope(0, 4, 2);
 }
-
-TEST(KltHistory, TellsWhatIsOpenAtTheStart) {
-  Trace trace;
-  fillOpen(trace);
-  OpenTrace open(trace);
-  const Lines messages = {"one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
-                          "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0"};
-  const Lines expected = {
-      "begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1",
-      "function_history 10 0 2 [5 6] [9 0]",
-      "enter_scope 2 0 4 2 0",
-      "enter_scope 2 0 4 1 0",
-      messages[0],
-      messages[1],
-      "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]",
-      "function_history 10 65536 1 [8] [0]",
-      "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
-      "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1",
-      "comment 10 0 'first'",
-      "leave_function 11 0 0",
-      "end_of_filter 12 495 3 0:0:1 65536:65536:1 131072:131072:1",
-  };
-  EXPECT_EQ(difference(expected, open.read({window(10, 12)})), "");
-  // A message under way goes with its sender, though as an event it goes with either side.
-  const auto ofThread0 = [&](uint64_t start) {
-    return only(open.read({window(start, start + 1, MESSAGES, {0})}), {"one_to_one_communication"});
-  };
-  EXPECT_EQ(ofThread0(10), messages);
-  EXPECT_EQ(ofThread0(4).size(), 5U);
-  // Counters are told to those alone who ask for them and for nothing that is under way.
-  const Lines samples = {"counter_value 3 0 1 [12] [300]", "counter_value 4 0 1 [3] [201]",
-                         "counter_value 3 0 1 [14] [100]"};
-  for (const uint32_t besides : {0U, FUNCTIONS | 0U, MESSAGES | 0U, COLLOPS | 0U, 1U}) {
-    EXPECT_EQ(only(open.read({window(10, 11, COUNTERS | besides)}), {"counter_value"}),
-              (besides & ~FUNCTIONS) == 0 ? samples : Lines{});
-  }
-  // It depends on the handlers that there are.
-  Messages ofLeaves;  // of what is left without having been entered
-  Recorder unbracketed, noStacks, noEnter;
-  unbracketed.table.end_of_history = nullptr;
-  EXPECT_EQ(open.read(unbracketed, {window(10, 10)}),
-            (Lines{expected[1], expected[2], expected[3], expected[7],
-                   "end_of_filter 10 495 3 0:0:1 65536:65536:1 131072:131072:1"}));
-  noStacks.table.function_history = nullptr;
-  noStacks.table.enter_scope = nullptr;
-  EXPECT_EQ(open.read(noStacks, {window(10, 10, FUNCTIONS | SCOPES, {0})}),
-            Lines{"end_of_filter 10 12 1 0:0:1"});
-  noEnter.table.enter_function = nullptr;  // keeps no stacks
-  EXPECT_EQ(only(open.read(noEnter, {window(10, 10)}), {"function_history"}), Lines{});
-}
-
 void fillSamples(Trace& trace) {  // out of order
   trace.stream("c", COUNTERS, {0}).at(20).counters(0, {{1, 7}}).at(10).counters(0, {{1, 8}});
 }
@@ -113,32 +61,69 @@ void fillNested(Trace& trace) {
     trace.stream(name, ANY).at(5).record(11).at(7).record(27).at(kOpenEnd).comment(0, name);
   }
 }
+void fillUnlisted(Trace& trace) {  // says nothing of threads: history is told to who names some
+  Stream& s = trace.communicator(1, "pair", {{0, 1, 1}}).stream("m", COLLOPS).at(1);
+  s.collective({.communicator = 1, .operation = 2, .start = {0, 0}, .duration = {50, 50}});
+}
 void fillWrong(Trace& trace) {  // leaves what wasn't entered
   Stream& s = trace.stream("f", FUNCTIONS | SCOPES, {0, 1}).at(1).leave(0).at(2).enter(0, 1);
   s.leave(1).leaveScope(0, 3, 4).at(9).leave(0);
 }
 
-TEST(KltHistory, RequestsTellTheseLines) {
+TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
+  using Table = KLT_HandlerTable;
   struct Case {
     void (*fill)(Trace&);
     Requests requests;
     Lines lines;
+    void (*drop)(Table&) = [](Table&) {};  // handlers that the consumer lacks
   };
+  const std::string stacks[] = {"function_history 10 0 2 [5 6] [9 0]",
+                                "function_history 10 65536 1 [8] [0]"};
+  const Lines scopes = {"enter_scope 2 0 4 2 0", "enter_scope 2 0 4 1 0"};
   const Case cases[] = {
-      // The latest sample counts, whatever is asked later.
+      {fillOpen,
+       {window(10, 12)},
+       {"begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", stacks[0], scopes[0],
+        scopes[1], "one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
+        "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0",
+        "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]", stacks[1],
+        "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
+        "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
+        "leave_function 11 0 0", "end_of_filter 12 495 3 0:0:1 65536:65536:1 131072:131072:1"}},
+      {fillOpen,
+       {window(10, 10)},
+       {stacks[0], scopes[0], scopes[1], stacks[1],
+        "end_of_filter 10 495 3 0:0:1 65536:65536:1 131072:131072:1"},
+       [](Table& table) { table.end_of_history = nullptr; }},
+      {fillOpen,
+       {window(10, 10, FUNCTIONS | SCOPES, {0})},
+       {"end_of_filter 10 12 1 0:0:1"},
+       [](Table& table) {
+         table.function_history = nullptr;
+         table.enter_scope = nullptr;
+         table.leave_scope = nullptr;
+       }},
+      {fillOpen,
+       {window(10, 10, FUNCTIONS, {0})},  // stacks aren't even kept
+       {"end_of_filter 10 4 1 0:0:1"},
+       [](Table& table) {
+         table.enter_function = nullptr;
+         table.leave_function = nullptr;
+       }},
+      // The latest samples, for those alone who ask for nothing that is under way.
+      {fillOpen,
+       {window(10, 11, COUNTERS | FUNCTIONS, {gtp(0, 1), 0})},
+       {"begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", stacks[0],
+        "counter_value 4 0 1 [11] [201]", "counter_value 3 0 1 [22] [400]",
+        "counter_value 3 0 1 [12] [300]", "counter_value 3 0 1 [10] [100]", stacks[1],
+        "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
+        "end_of_filter 11 68 1 0:65536:65536"}},
       {fillSamples,
-       {window(30, 40, COUNTERS), window(40, 50, COUNTERS | MESSAGES)},
-       {"begin_of_history 30 64 1 0:0:1", "counter_value 20 0 1 [1] [7]",
-        "end_of_history 30 64 1 0:0:1", "end_of_filter 50 64 1 0:0:1"}},
-      {fillSamples,
-       {window(30, 40, COUNTERS), window(35, 50)},
-       {"begin_of_history 30 64 1 0:0:1", "counter_value 20 0 1 [1] [7]",
-        "end_of_history 30 64 1 0:0:1", "end_of_filter 50 64 1 0:0:1"}},
-      // A window without any record, and without length.
-      {fillTwo,
-       {window(7, 7, FUNCTIONS, {0})},
-       {"begin_of_history 7 12 1 0:1:1", "function_history 7 0 1 [10] [0]",
-        "end_of_history 7 12 1 0:1:1", "end_of_filter 7 4 1 0:0:1"}},
+       {window(25, 30, COUNTERS | MESSAGES), window(40, 50, COUNTERS), window(45, 60)},
+       {"end_of_filter 30 64 1 0:0:1", "begin_of_history 40 64 1 0:0:1",
+        "counter_value 20 0 1 [1] [7]", "end_of_history 40 64 1 0:0:1",
+        "end_of_filter 60 64 1 0:0:1"}},
       // A thread and a category are added, then the same are dropped.
       {fillTwo,
        {window(5, 10, FUNCTIONS, {0}), window(10, 20, FUNCTIONS | SCOPES, {0, 1}),
@@ -154,21 +139,24 @@ TEST(KltHistory, RequestsTellTheseLines) {
        {"begin_of_history 5 1 0", "end_of_history 7 1 0", "comment 18446744073709551615 0 'a'",
         "end_of_filter 18446744073709551615 495 0", "comment 18446744073709551615 0 'b'",
         "end_of_filter 18446744073709551615 495 0"}},
-      {fillNested,
-       {window(5, kOpenEnd - 1)},
-       {"begin_of_history 5 1 0", "end_of_history 7 1 0",
-        "end_of_filter 18446744073709551614 495 0", "end_of_filter 18446744073709551614 495 0"}},
+      {fillUnlisted,
+       {window(5, 6, COLLOPS), window(8, 9, COLLOPS, {0})},
+       {"end_of_filter 6 256 0", "begin_of_history 8 256 0",
+        "all_communication 1 1 2 2 [0 0] [50 50] [null]", "end_of_history 8 256 0",
+        "end_of_filter 9 256 1 0:0:1"}},
       {fillWrong,
        {window(5, 20, FUNCTIONS | SCOPES, {0})},
        {"begin_of_history 5 12 1 0:1:1", "function_history 5 0 1 [1] [0]",
         "end_of_history 5 12 1 0:1:1", "leave_function 9 0 0", "end_of_filter 20 12 1 0:0:1"}},
   };
-  for (const auto& [fill, requests, lines] : cases) {
+  for (const auto& [fill, requests, lines, drop] : cases) {
     Trace trace;
     fill(trace);
     OpenTrace open(trace);
+    Recorder recorder;
+    drop(recorder.table);
     Messages messages;
-    EXPECT_EQ(difference(lines, open.read(requests)), "");
+    EXPECT_EQ(difference(lines, open.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)), "");
     EXPECT_EQ(messages.take(), fill != fillWrong
                                    ? ""
                                    : "WARNING: Encountered incorrect function stack (0 @ 1).\n"
@@ -176,26 +164,17 @@ TEST(KltHistory, RequestsTellTheseLines) {
   }
 }
 
-TEST(KltHistory, HasRoomForAnyDepthAndNumber) {
+TEST(KltHistory, HasRoomForAnyDepth) {
+  constexpr size_t kDepth = 70000;  // more than a fill holds, and a stored count
   Trace trace;
   Stream& f = trace.stream("f", FUNCTIONS, {0}).at(1);
-  constexpr size_t kDepth = 70000;  // more than a fill holds, and a stored count
   for (size_t i = 0; i < kDepth; ++i) f.enter(0, 7);
   f.at(9).leave(0);
-  Stream& m = trace.stream("m", MESSAGES, {0}).at(2);
-  constexpr size_t kMessages = 300;  // more than one record of an anchor file names
-  for (uint32_t i = 0; i < kMessages; ++i) m.message({.receiveTime = 100, .tag = i});
-  m.at(3).comment(0, "").anchor().at(8).comment(0, "last");
-  for (const TraceFiles& files : {trace.files(), withoutAnchors(trace.files())}) {
-    const Lines lines = OpenTrace(files).read({window(5, 10, FUNCTIONS | MESSAGES)});
-    ASSERT_EQ(only(lines, {"function_history"}).size(), 1U);
-    EXPECT_EQ(only(lines, {"function_history"})[0].substr(0, 31),
-              "function_history 5 0 70000 [7 7");
-    EXPECT_EQ(only(lines, {"leave_function"}), Lines{"leave_function 9 0 0"});
-    const Lines messages = only(lines, {"one_to_one_communication"});
-    ASSERT_EQ(messages.size(), kMessages);
-    EXPECT_EQ(messages.back(), "one_to_one_communication 2 0 100 0 0 0 299 0 0 0 0 0 0");
-  }
+  const Lines lines = OpenTrace(trace).read({window(5, 10, FUNCTIONS)});
+  ASSERT_EQ(lines.size(), 5U);
+  EXPECT_TRUE(lines[1].starts_with("function_history 5 0 70000 [7 7"));
+  EXPECT_EQ(std::count(lines[1].begin(), lines[1].end(), '7'), kDepth + 1);
+  EXPECT_EQ(lines[3], "leave_function 9 0 0");
 }
 
 TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
@@ -203,7 +182,7 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
   handle.threadsPerProcess.assign(1022, 2);
   KLT_Context context;
   // Undeclared threads come after declared ones of their bucket. Which came first doesn't matter.
-  const uint32_t undeclared = gtp(2041), another = gtp(3062);
+  const uint32_t undeclared = gtp(1018, 2), another = gtp(3062);
   for (const uint32_t thread :
        {another, gtp(1), undeclared, gtp(1021), gtp(1020, 1), gtp(0), gtp(1020), ~uint32_t{0}}) {
     KLT_ContextEnterFunction(context, thread, 1, 0, true);
@@ -217,70 +196,76 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 
 // --- anchors and storage -------------------------------------------------------------------------
 
-// A run with a bit of everything, which is never quiet. No two changes of calls or scopes have the
-// same line. Counters share records and buckets.
-struct BusyTrace {
+// A run with a bit of everything, which is never quiet. No two events have the same line. Counters
+// share records and buckets.
+class BusyTrace {
+ public:
   BusyTrace(unsigned flags, Told told) : trace(flags) {
     trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
     trace.communicator(2, "one", {{2, 2, 1}});
-    std::mt19937 random(42);
-    const auto upTo = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
-    const auto fill = [&](std::string_view name, uint32_t categories,
-                          const std::vector<uint32_t>& threads, uint32_t events, auto event) {
+    struct Part {
+      const char* name;
+      uint32_t categories;
+      std::vector<uint32_t> threads;
+      int events;
+    };
+    for (const auto& [name, categories, threads, events] :
+         std::initializer_list<Part>{{"f.0", FUNCTIONS, {0, gtp(0, 1)}, 250},
+                                     {"f.2", FUNCTIONS, {1, 2}, 250},
+                                     {"s", SCOPES, {0, 1, 2}, 500},
+                                     {"m", MESSAGES | COLLOPS, {0, 1, 2, gtp(0, 1)}, 120},
+                                     {"c", COUNTERS, {0, 1}, 80},
+                                     {"x", ANY, {0}, 40}}) {
       Stream& s = trace.stream(name, categories, threads).anchorEvery(300, told);
       const auto size = static_cast<uint32_t>(threads.size());
-      for (uint32_t i = 1; i <= events; ++i) {
+      for (int i = 0; i < events; ++i) {
         s.at(s.time() + (upTo(4) == 0 ? 0 : upTo(90)) + (upTo(60) == 0 ? 70000U : 0));
-        event(s, threads[upTo(size)], threads[upTo(size)], i);
+        addEvent(s, categories, threads[upTo(size)], threads[upTo(size)]);
       }
       for (const auto& [time, offset] : s.anchors()) anchorTimes.push_back(time);
-    };
-    std::map<uint32_t, int> depth;
-    const auto call = [&](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
-      if (depth[thread] == 0 || upTo(9) < 5) {
-        s.enter(thread, i, upTo(3));
-        ++depth[thread];
-      } else {
-        s.leave(thread, i);
-        --depth[thread];
-      }
-    };
-    fill("f.0", FUNCTIONS, {0, gtp(0, 1)}, 250, call);
-    fill("f.2", FUNCTIONS, {1, 2}, 250, call);
-    std::vector<std::pair<uint32_t, uint32_t>> scopes;  // more are entered than left
-    fill("s", SCOPES, {0, 1, 2}, 500, [&](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
-      if (scopes.size() < 3 || upTo(10) < 7) {
-        scopes.emplace_back(thread, i % 7);
-        s.enterScope(thread, 4, i % 7, i);
-      } else {
-        const auto which = scopes.begin() + upTo(static_cast<uint32_t>(scopes.size()));
-        s.leaveScope(which->first, 4, which->second, i);
-        scopes.erase(which);
-      }
-    });
-    fill("m", MESSAGES | COLLOPS, {0, 1, 2, gtp(0, 1)}, 120,
-         [&](Stream& s, uint32_t sender, uint32_t receiver, uint32_t i) {
-           constexpr int64_t kSpans[] = {0, 5, 700, -700, 100000, NO_RECEIVE, NO_SEND};
-           const int64_t span = kSpans[upTo(20) == 0 ? 5 + upTo(2) : upTo(5)];
-           if (upTo(4) != 0) {
-             s.message({.sender = sender, .receiver = receiver, .receiveTime = span, .tag = i});
-           } else {
-             s.collective({.communicator = 1 + upTo(2),
-                           .operation = i,
-                           .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
-                           .duration = {upTo(300), 1}});
-           }
-         });
-    fill("c", COUNTERS, {0, 1}, 80, [&](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
-      s.counters(thread, {{1 + upTo(5), i}, {12 + upTo(5), ~i}});
-    });
-    fill("x", ANY, {0}, 40, [](Stream& s, uint32_t thread, uint32_t, uint32_t i) {
-      s.comment(thread, std::to_string(i));
-    });
+    }
   }
 
   Trace trace;
   std::vector<uint64_t> anchorTimes;
+
+ private:
+  uint32_t upTo(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
+  void addEvent(Stream& s, uint32_t categories, uint32_t thread, uint32_t partner) {
+    constexpr int64_t kSpans[] = {0, 5, 700, -700, 100000, NO_RECEIVE, NO_SEND};
+    const uint32_t i = ++events_;
+    if (categories == FUNCTIONS && (depth_[thread] == 0 || upTo(9) < 5)) {
+      s.enter(thread, i, upTo(3));
+      ++depth_[thread];
+    } else if (categories == FUNCTIONS) {
+      s.leave(thread, i);
+      --depth_[thread];
+    } else if (categories == SCOPES && (scopes_.size() < 3 || upTo(10) < 7)) {
+      s.enterScope(thread, 4, i % 7, i);
+      scopes_.emplace_back(thread, i % 7);
+    } else if (categories == SCOPES) {
+      const auto which = scopes_.begin() + upTo(static_cast<uint32_t>(scopes_.size()));
+      s.leaveScope(which->first, 4, which->second, i);
+      scopes_.erase(which);
+    } else if (categories == COUNTERS) {
+      s.counters(thread, {{1 + upTo(16), i}});
+    } else if (categories == ANY) {
+      s.comment(thread, std::to_string(i));
+    } else if (upTo(4) != 0) {
+      const int64_t span = kSpans[upTo(20) == 0 ? 5 + upTo(2) : upTo(5)];
+      s.message({.sender = thread, .receiver = partner, .receiveTime = span, .tag = i});
+    } else {
+      s.collective({.communicator = 1 + upTo(2),
+                    .operation = i,
+                    .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
+                    .duration = {upTo(300), 1}});
+    }
+  }
+
+  std::mt19937 random_{42};
+  uint32_t events_ = 0;
+  std::map<uint32_t, int> depth_;
+  std::vector<std::pair<uint32_t, uint32_t>> scopes_;  // open ones
 };
 
 // Up to four requests of random selections, some adjacent, some with gaps, some without length.
@@ -307,78 +292,48 @@ Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& insta
   return requests;
 }
 
-std::string word(const std::string& line, size_t index) {
-  std::istringstream words(line);
-  std::string word;
-  for (size_t i = 0; i <= index; ++i) words >> word;
-  return word;
-}
-
-// A consumer that keeps calls and scopes from what it is told, beside one that saw the whole run.
-class Consumer {
- public:
-  explicit Consumer(const Lines& whole) {
-    for (const std::string& line : changesOf(whole)) {
-      std::string& open = known_[line[6] + word(line, 2)];
-      truth_[line] = open;
-      apply(line, open);
+// What a consumer of these lines knows to be open ahead of each change of calls and scopes. Calls
+// are kept as " 7 9", scopes as " 4:1@20 4:2@21", of which the oldest of a number is left first.
+std::map<std::string, std::string> openAhead(const Lines& lines) {
+  std::map<std::string, std::string> open, result;  // by thread, calls and scopes apart; by line
+  bool isPast = false;
+  for (const std::string& line : lines) {
+    std::istringstream text(line);
+    const Lines words(std::istream_iterator<std::string>(text), {});
+    const std::string& name = words[0];
+    if (name.ends_with("_of_history")) isPast = name.starts_with("begin");
+    if (name == "end_of_filter") {  // of the threads named, or of all
+      const unsigned long categories = std::stoul(words[2]);
+      std::erase_if(open, [&](const auto& entry) {
+        const int32_t thread = std::stoi(entry.first.substr(1));
+        const auto isNamed = [&](const std::string& triplet) {
+          PAL_Triplet t;
+          char colon = 0;
+          std::istringstream(triplet) >> t.first >> colon >> t.last >> colon >> t.stride;
+          return PAL_TripletsContains({&t, 1}, thread);
+        };
+        return (categories & (entry.first[0] == 's' ? SCOPES : FUNCTIONS)) != 0 &&
+               (words[3] == "0" || std::any_of(words.begin() + 4, words.end(), isNamed));
+      });
     }
-    known_.clear();
-  }
-
-  // Empty if the line fits what is known.
-  std::string take(const std::string& line) {
-    if (line.find("_of_history ") != line.npos) isPast_ = line.starts_with("begin");
-    if (line.starts_with("end_of_filter")) forget(line);
-    if (line.starts_with("function_history")) {
-      known_["f" + word(line, 2)] +=
-          " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
+    if (name == "function_history") {
+      std::string& calls = open["f" + words[2]];
+      calls += " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
     }
-    if (changesOf({line}).empty()) return "";
-    std::string& open = known_[line[6] + word(line, 2)];
-    if (!isPast_) {
-      const auto truth = truth_.extract(line);
-      if (truth.empty()) return "not in the trace, or twice: " + line;
-      if (truth.mapped() != open) return "open are" + truth.mapped() + ", not" + open + ": " + line;
-    }
-    apply(line, open);
-    return "";
-  }
-
- private:
-  static Lines changesOf(const Lines& lines) {
-    return only(lines, {"enter_function", "leave_function", "enter_scope", "leave_scope"});
-  }
-  // Calls are kept as " 7 9", scopes as " 4:1@20 4:2@21". The oldest of a number is left first.
-  static void apply(const std::string& line, std::string& open) {
-    const bool isScope = line[6] == 's';
-    const std::string scope = " " + word(line, 3) + ":" + word(line, 4) + "@";
-    if (line.starts_with("enter_")) {
-      open += isScope ? scope + word(line, 1) : " " + word(line, 3);
+    const bool isScope = name.ends_with("_scope");
+    if (!isScope && !hasName(line, {"enter_function", "leave_function"})) continue;
+    std::string& things = open[(isScope ? "s" : "f") + words[2]];
+    if (!isPast) result[line] = things;
+    const std::string number = " " + words[3] + (isScope ? ":" + words[4] + "@" : "");
+    if (name.starts_with("enter")) {
+      things += number + (isScope ? words[1] : "");
     } else {
-      const size_t at = isScope ? open.find(scope) : open.rfind(' ');
-      open.erase(at, open.find(' ', at + 1) - at);
+      const size_t at = isScope ? things.find(number) : things.rfind(' ');
+      if (at < things.size()) things.erase(at, things.find(' ', at + 1) - at);
     }
   }
-  // The categories are asked for no more, of the threads named or of all.
-  void forget(const std::string& line) {
-    const unsigned long categories = std::stoul(word(line, 2));
-    PAL_Triplets threads(std::stoul(word(line, 3)));
-    for (size_t i = 0; i < threads.size(); ++i) {
-      PAL_Triplet& t = threads[i];
-      (void)std::sscanf(word(line, 4 + i).c_str(), "%d:%d:%d", &t.first, &t.last, &t.stride);
-    }
-    std::erase_if(known_, [&](const auto& known) {
-      const int32_t thread = std::stoi(known.first.substr(1));
-      return (categories & (known.first[0] == 's' ? SCOPES : FUNCTIONS)) != 0 &&
-             (threads.empty() || PAL_TripletsContains(threads, thread));
-    });
-  }
-
-  bool isPast_ = false;
-  std::map<std::string, std::string> truth_;  // what is open ahead of a line
-  std::map<std::string, std::string> known_;  // by thread, calls and scopes apart
-};
+  return result;
+}
 
 // The events alone, without what was told about the past.
 Bag eventsOf(const Lines& lines) {
@@ -417,6 +372,7 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
     OpenTrace anchored(busy.trace), compressed(deflated.trace);
     OpenTrace plain(withoutAnchors(busy.trace.files()));
     const Lines whole = plain.read({window(0, kOpenEnd)});
+    const auto truth = openAhead(whole);
     EXPECT_GT(busy.anchorTimes.size(), 40U);
     std::mt19937 random(5);
     Recorder recorder;
@@ -427,17 +383,14 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
       const Lines lines = plain.read(requests);
       ASSERT_EQ(difference(lines, anchored.read(requests)), "");
       ASSERT_EQ(difference(lines, compressed.read(requests)), "");
-      // A consumer knows what is open at every event.
-      Consumer consumer(whole);
-      for (const std::string& line : lines) ASSERT_EQ(consumer.take(line), "");
+      // A consumer knows what is open at every event, also stream by stream.
+      const Lines unordered = anchored.read(requests, 0);
+      for (const auto& [line, open] : openAhead(lines)) ASSERT_EQ(open, truth.at(line)) << line;
+      for (const auto& [line, open] : openAhead(unordered)) ASSERT_EQ(open, truth.at(line)) << line;
       // Together requests deliver what each delivers alone.
       ASSERT_EQ(unionOf(anchored, requests, eventsOf), eventsOf(lines));
-      const Bag spans = unionOf(anchored, requests, spansOf);
-      ASSERT_EQ(spans, spansOf(anchored.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)));
-      const bool isSeries = requests.size() == 2 && requests[0].end == requests[1].start;
-      if (isSeries) {
-        ASSERT_EQ(spans, spansOf(lines));
-      }
+      ASSERT_EQ(unionOf(anchored, requests, spansOf),
+                spansOf(anchored.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)));
       // Windows that tile time deliver each event once.
       const uint64_t a = requests.front().start, b = requests.back().start;
       const Requests tiles = {window(0, a), window(a, b), window(b, kOpenEnd)};
@@ -464,8 +417,10 @@ TEST(KltAnchors, SeekingSavesReading) {
 
 // --- anchors that lie ----------------------------------------------------------------------------
 
-TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
-  enum File { kNone, kData, kAnchors, kDeclarations, kGone };
+// Beside the one that is right, an anchor lists one more entry many times: nonsense is reported and
+// skipped, and what a stream comes to itself isn't told twice.
+TEST(KltAnchors, EntriesThatMakeNoSenseChangeNothing) {
+  enum File { kNone, kData, kAnchors, kDeclarations, kGone, kOther };
   const char* const corrupted = "Found corrupted data while filtering";
   struct Case {
     File file;
@@ -473,17 +428,18 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
     const char* message;
   };
   const Case cases[] = {
-      {kData, ~uint64_t{0}, ""},              // to be skipped
-      {kData, ~uint64_t{0} - 1, corrupted},   // almost the end of numbers
-      {kData, uint64_t{1} << 63, corrupted},  // beyond any file
-      {kData, 61, corrupted},                 // the end of the file
-      {kData, 58, "truncated file"},          // a record that the end cuts off
-      {kData, 0, corrupted},                  // a comment
-      {kData, 3, corrupted},                  // no record
-      {kData, 9, corrupted},                  // an anchor
-      {kData, 26, corrupted},                 // a history
+      {kData, ~uint64_t{0}, ""},             // to be skipped
+      {kData, ~uint64_t{0} - 1, corrupted},  // almost the end of numbers
+      {kData, 118, corrupted},               // the end of the file
+      {kData, 0, corrupted},                 // a comment
+      {kData, 3, corrupted},                 // no record
+      {kData, 9, corrupted},                 // an anchor
+      {kData, 26, corrupted},                // a history
+      {kData, 48, ""},                       // the one that is listed already
+      {kData, 83, ""},                       // one after the anchor
+      {kOther, 0, ""},                       // one after the start of the window
+      {kOther, 44, "truncated file"},        // a record that the end cuts off
       {kNone, 0, corrupted},
-      {kAnchors, 0, corrupted},
       {kDeclarations, 0, corrupted},
       {kGone, 0, "Could not open"},
   };
@@ -491,50 +447,44 @@ TEST(KltAnchors, EntriesThatPointToNonsenseAreReportedAndSkipped) {
     SCOPED_TRACE(testing::Message() << file << " " << offset);
     Trace trace;
     trace.function(1, "f");
-    Stream& m = trace.stream("m", MESSAGES, {0});
-    m.comment(0, "").record(9, {{"offset", 1}});
-    m.record(46, {{"file", m.fileId()}, {"offset", 26}, {"prevtime", 0}});
+    Stream& m = trace.stream("m", MESSAGES, {0}).comment(0, "").record(9, {{"offset", 1}});
+    m.record(46, {{"file", m.fileId()}, {"offset", 26}, {"prevtime", 0}}).at(1);
+    m.message({.receiveTime = 50, .tag = 1});
+    Stream& n = trace.stream("n", MESSAGES, {0})
+                    .at(25)
+                    .message({.receiveTime = 50, .tag = 3})
+                    .at(40)
+                    .comment(0, "")
+                    .bytes("\x1c");
     const uint64_t gone = trace.stream("gone", ERRORS, {0}).fileId();
-    const uint64_t files[] = {99, m.fileId(), m.fileId() + 1, 0x10001, gone};
-    m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[file])},
-                        {"offset", std::vector<uint64_t>(44, offset)},
-                        {"prevtime", std::vector<uint64_t>(44, 3)}});
-    m.at(4).anchor(Told::Nothing).at(0x20).comment(0, "9");
-    m.bytes("\x1c");  // the start of an enter
+    const uint64_t files[] = {99, m.fileId(), m.fileId() + 1, 0x10001, gone, n.fileId()};
+    std::vector<uint64_t> ids(44, files[file]), offsets(44, offset), times(44);
+    ids[0] = m.fileId();
+    offsets[0] = 48;
+    m.anchorRecord(46, {{"file", ids}, {"offset", offsets}, {"prevtime", times}});
+    m.anchor(Told::Nothing).at(12);
+    m.message({.receiveTime = 50, .tag = 2});
     OpenTrace open(trace.files().remove(".gone"));
+    OpenTrace plain(withoutAnchors(trace.files()));
     Messages messages;
-    EXPECT_EQ(
-        without(open.read({window(5, 0x21, MESSAGES)}), {"begin_of_history", "end_of_history"}),
-        Lines{"comment 32 0 '9'"});
+    for (const uint64_t start : {11U, 20U}) {
+      EXPECT_EQ(difference(plain.read({window(start, 30, MESSAGES)}),
+                           open.read({window(start, 30, MESSAGES)})),
+                "");
+    }
     const std::string text = messages.take();
-    EXPECT_NE(text.find(message), text.npos) << text;
-    EXPECT_TRUE(*message != '\0' || text.find("Found") == text.npos) << text;
+    EXPECT_TRUE(*message == '\0' ? text.empty() : text.find(message) != text.npos) << text;
+    EXPECT_EQ(open.lostData, offset == 44 || file == kGone);
   }
 }
 
-TEST(KltAnchors, MayListTooMuchOrTooLittle) {
+// Samples that no anchor lists are found all the same.
+TEST(KltAnchors, MayLackSamples) {
   Trace trace;
-  Stream& m = trace.stream("m", MESSAGES, {0});
-  Stream& n = trace.stream("n", MESSAGES, {0});
-  m.at(1).message({.receiveTime = 50, .tag = 1});
-  // Entries of records that the streams come to themselves.
-  m.anchorRecord(46, {{"file", std::vector<uint64_t>{m.fileId(), m.fileId(), n.fileId()}},
-                      {"offset", std::vector<uint64_t>{m.size(), 0, 0}},
-                      {"prevtime", std::vector<uint64_t>{1, 0, 0}}});
-  m.anchor(Told::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
-  n.at(25).message({.receiveTime = 50, .tag = 3});
-  // Samples that no entry lists.
   trace.stream("c", COUNTERS, {0}).at(5).counters(0, {{1, 9}}).anchor(Told::Nothing).at(40);
-  OpenTrace plain(withoutAnchors(trace.files()));
   OpenTrace open(trace);
-  for (const uint64_t start : {11U, 20U}) {
-    for (const uint32_t categories : {MESSAGES, COUNTERS}) {
-      const Lines lines = open.read({window(start, 60, categories)});
-      EXPECT_EQ(difference(plain.read({window(start, 60, categories)}), lines), "") << start;
-      EXPECT_EQ(only(lines, {"one_to_one_communication", "counter_value"}).size(),
-                categories == MESSAGES ? 3U : 1U);
-    }
-  }
+  EXPECT_EQ(only(open.read({window(20, 60, COUNTERS)}), {"counter_value"}),
+            Lines{"counter_value 5 0 1 [1] [9]"});
 }
 
 TEST(KltAnchors, ThoseThatCantBeTrueAreIgnored) {
@@ -542,7 +492,6 @@ TEST(KltAnchors, ThoseThatCantBeTrueAreIgnored) {
       {{5, 1000}},         // after the file's end
       {{5, 20}, {4, 40}},  // back in time
       {{5, 40}, {6, 20}},  // back in the file
-      {{~uint64_t{0}, ~uint64_t{0}}},
   };
   for (const auto& anchors : cases) {
     Trace trace;
@@ -551,12 +500,9 @@ TEST(KltAnchors, ThoseThatCantBeTrueAreIgnored) {
       f.anchorRecord(9, {{"time_prev", time}, {"offset", offset}});
     }
     for (uint64_t i = 1; i < 20; ++i) f.at(i).enter(0, 1);
-    OpenTrace plain(withoutAnchors(trace.files()));
-    OpenTrace open(trace);
+    OpenTrace open(trace), plain(withoutAnchors(trace.files()));
     Messages messages;
-    for (const KLT_Request& request : {window(0, 4), window(6, 8), window(10, kOpenEnd)}) {
-      EXPECT_EQ(difference(plain.read({request}), open.read({request})), "");
-    }
+    EXPECT_EQ(difference(plain.read({window(10, 15)}), open.read({window(10, 15)})), "");
     EXPECT_NE(messages.take().find("Ignoring anchors in "), std::string::npos);
   }
 }
