@@ -49,7 +49,8 @@ void fillOpen(Trace& trace) {
   s.at(10).comment(0, "first").at(11).leave(0).at(12).leaveScope(0, 4, 2);
 }
 void fillSamples(Trace& trace) {  // out of order
-  trace.stream("c", COUNTERS, {0}).at(20).counters(0, {{1, 7}}).at(10).counters(0, {{1, 8}});
+  Stream& s = trace.stream("c", COUNTERS, {0}).at(20).counters(0, {{1, 7}, {2, 6}});
+  s.at(10).counters(0, {{1, 8}}).at(47).counters(0, {{1, 9}});
 }
 void fillTwo(Trace& trace) {
   Stream& s = trace.processes({1, 1}).stream("e", FUNCTIONS | SCOPES, {0, 1});
@@ -97,20 +98,9 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "end_of_filter 10 495 3 0:0:1 65536:65536:1 131072:131072:1"},
        [](Table& table) { table.end_of_history = nullptr; }},
       {fillOpen,
-       {window(10, 10, FUNCTIONS | SCOPES, {0})},
-       {"end_of_filter 10 12 1 0:0:1"},
-       [](Table& table) {
-         table.function_history = nullptr;
-         table.enter_scope = nullptr;
-         table.leave_scope = nullptr;
-       }},
-      {fillOpen,
-       {window(10, 10, FUNCTIONS, {0})},  // stacks aren't even kept
+       {window(10, 10, FUNCTIONS, {0})},
        {"end_of_filter 10 4 1 0:0:1"},
-       [](Table& table) {
-         table.enter_function = nullptr;
-         table.leave_function = nullptr;
-       }},
+       [](Table& table) { table.function_history = nullptr; }},
       // The latest samples, for those alone who ask for nothing that is under way.
       {fillOpen,
        {window(10, 11, COUNTERS | FUNCTIONS, {gtp(0, 1), 0})},
@@ -120,10 +110,12 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
         "end_of_filter 11 68 1 0:65536:65536"}},
       {fillSamples,
-       {window(25, 30, COUNTERS | MESSAGES), window(40, 50, COUNTERS), window(45, 60)},
+       {window(25, 30, COUNTERS | MESSAGES), window(40, 45, COUNTERS), window(50, 60, COUNTERS)},
        {"end_of_filter 30 64 1 0:0:1", "begin_of_history 40 64 1 0:0:1",
-        "counter_value 20 0 1 [1] [7]", "end_of_history 40 64 1 0:0:1",
-        "end_of_filter 60 64 1 0:0:1"}},
+        "counter_value 20 0 1 [1] [7]", "counter_value 20 0 1 [2] [6]",
+        "end_of_history 40 64 1 0:0:1", "end_of_filter 45 64 1 0:0:1",
+        "begin_of_history 50 64 1 0:0:1", "counter_value 47 0 1 [1] [9]",
+        "end_of_history 50 64 1 0:0:1", "end_of_filter 60 64 1 0:0:1"}},
       // A thread and a category are added, then the same are dropped.
       {fillTwo,
        {window(5, 10, FUNCTIONS, {0}), window(10, 20, FUNCTIONS | SCOPES, {0, 1}),
@@ -196,77 +188,52 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 
 // --- anchors and storage -------------------------------------------------------------------------
 
-// A run with a bit of everything, which is never quiet. No two events have the same line. Counters
-// share records and buckets.
-class BusyTrace {
- public:
-  BusyTrace(unsigned flags, Told told) : trace(flags) {
-    trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
-    trace.communicator(2, "one", {{2, 2, 1}});
-    struct Part {
-      const char* name;
-      uint32_t categories;
-      std::vector<uint32_t> threads;
-      int events;
-    };
-    for (const auto& [name, categories, threads, events] :
-         std::initializer_list<Part>{{"f.0", FUNCTIONS, {0, gtp(0, 1)}, 250},
-                                     {"f.2", FUNCTIONS, {1, 2}, 250},
-                                     {"s", SCOPES, {0, 1, 2}, 500},
-                                     {"m", MESSAGES | COLLOPS, {0, 1, 2, gtp(0, 1)}, 120},
-                                     {"c", COUNTERS, {0, 1}, 80},
-                                     {"x", ANY, {0}, 40}}) {
-      Stream& s = trace.stream(name, categories, threads).anchorEvery(300, told);
-      const auto size = static_cast<uint32_t>(threads.size());
-      for (int i = 0; i < events; ++i) {
-        s.at(s.time() + (upTo(4) == 0 ? 0 : upTo(90)) + (upTo(60) == 0 ? 70000U : 0));
-        addEvent(s, categories, threads[upTo(size)], threads[upTo(size)]);
-      }
-      for (const auto& [time, offset] : s.anchors()) anchorTimes.push_back(time);
-    }
-  }
-
-  Trace trace;
+// A run with a bit of everything, which is never quiet. No two events have the same line. Returns
+// the times of its anchors.
+std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
+  constexpr int64_t kSpans[] = {0, 5, 700, -700, 100000, NO_RECEIVE, NO_SEND};
+  trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
+  trace.communicator(2, "one", {{2, 2, 1}});
+  std::mt19937 random(42);
+  const auto upTo = [&](size_t n) { return static_cast<uint32_t>(random() % n); };
   std::vector<uint64_t> anchorTimes;
-
- private:
-  uint32_t upTo(uint32_t n) { return static_cast<uint32_t>(random_() % n); }
-  void addEvent(Stream& s, uint32_t categories, uint32_t thread, uint32_t partner) {
-    constexpr int64_t kSpans[] = {0, 5, 700, -700, 100000, NO_RECEIVE, NO_SEND};
-    const uint32_t i = ++events_;
-    if (categories == FUNCTIONS && (depth_[thread] == 0 || upTo(9) < 5)) {
-      s.enter(thread, i, upTo(3));
-      ++depth_[thread];
-    } else if (categories == FUNCTIONS) {
-      s.leave(thread, i);
-      --depth_[thread];
-    } else if (categories == SCOPES && (scopes_.size() < 3 || upTo(10) < 7)) {
-      s.enterScope(thread, 4, i % 7, i);
-      scopes_.emplace_back(thread, i % 7);
-    } else if (categories == SCOPES) {
-      const auto which = scopes_.begin() + upTo(static_cast<uint32_t>(scopes_.size()));
-      s.leaveScope(which->first, 4, which->second, i);
-      scopes_.erase(which);
-    } else if (categories == COUNTERS) {
-      s.counters(thread, {{1 + upTo(16), i}});
-    } else if (categories == ANY) {
-      s.comment(thread, std::to_string(i));
-    } else if (upTo(4) != 0) {
-      const int64_t span = kSpans[upTo(20) == 0 ? 5 + upTo(2) : upTo(5)];
-      s.message({.sender = thread, .receiver = partner, .receiveTime = span, .tag = i});
-    } else {
-      s.collective({.communicator = 1 + upTo(2),
-                    .operation = i,
-                    .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
-                    .duration = {upTo(300), 1}});
+  for (uint32_t i = 0; i < 1500;) {
+    const std::vector<uint32_t> lists[] = {{0, gtp(0, 1)}, {1, 2}};
+    constexpr uint32_t kCategories[] = {FUNCTIONS, SCOPES, MESSAGES | COLLOPS, COUNTERS, ANY};
+    const std::vector<uint32_t>& threads = lists[i / 150 % 2];
+    const uint32_t categories = kCategories[i / 300];
+    Stream& s = trace.stream(std::to_string(i), categories, threads).anchorEvery(300, told);
+    std::vector<std::pair<uint32_t, uint32_t>> open;  // threads and calls or scopes
+    for (const uint32_t end = i + 150; i < end; ++i) {
+      s.at(s.time() + (upTo(4) == 0 ? 0 : upTo(90)) + (upTo(60) == 0 ? 70000U : 0));
+      const uint32_t thread = threads[upTo(threads.size())], other = threads[upTo(threads.size())];
+      const bool enters = open.size() < 3 || upTo(9) < 6;
+      const bool isCall = categories == FUNCTIONS, isScope = categories == SCOPES;
+      if ((isCall || isScope) && enters) {
+        isCall ? s.enter(thread, i, upTo(3)) : s.enterScope(thread, 4, i % 7, i);
+        open.emplace_back(thread, i % 7);
+      } else if (isCall || isScope) {
+        const auto left = open.begin() + upTo(open.size());
+        isCall ? s.leave(left->first, i) : s.leaveScope(left->first, 4, left->second, i);
+        open.erase(left);
+      } else if (categories == COUNTERS) {
+        s.counters(thread, {{1 + upTo(16), i}});
+      } else if (categories == ANY) {
+        s.comment(thread, std::to_string(i));
+      } else if (upTo(4) != 0) {
+        const int64_t span = kSpans[upTo(20) == 0 ? 5 + upTo(2) : upTo(5)];
+        s.message({.sender = thread, .receiver = other, .receiveTime = span, .tag = i});
+      } else {
+        s.collective({.communicator = 1 + upTo(2),
+                      .operation = i,
+                      .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
+                      .duration = {upTo(300), 1}});
+      }
     }
+    for (const auto& [time, offset] : s.anchors()) anchorTimes.push_back(time);
   }
-
-  std::mt19937 random_{42};
-  uint32_t events_ = 0;
-  std::map<uint32_t, int> depth_;
-  std::vector<std::pair<uint32_t, uint32_t>> scopes_;  // open ones
-};
+  return anchorTimes;
+}
 
 // Up to four requests of random selections, some adjacent, some with gaps, some without length.
 Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& instants) {
@@ -275,18 +242,17 @@ Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& insta
   std::sort(times.begin(), times.end());
   Requests requests(1 + random() % 4);
   for (size_t i = 0; i < requests.size(); ++i) {
-    KLT_Request& request = requests[i];
-    const bool follows = i != 0 && random() % 2 == 0;
-    request = window(follows ? requests[i - 1].end : times[2 * i], times[2 * i + 1]);
-    request.categories = random() & (FUNCTIONS | SCOPES | COUNTERS | MESSAGES | COLLOPS);
-    if (request.categories == 0) request.categories = ANY;
+    const bool follows = i != 0 && random() % 3 != 0;
+    const uint64_t start = follows ? requests[i - 1].end : times[2 * i];
     // Two of one instant would select what neither selects alone.
-    const bool isSecond = i != 0 && requests[i - 1].start == request.start;
-    if (random() % 6 == 0 && !isSecond) request.end = request.start;
-    if (random() % 8 == 0 && i + 1 == requests.size()) request.end = kOpenEnd;
+    const bool isInstant = random() % 4 == 0 && (i == 0 || requests[i - 1].start != start);
+    requests[i] = window(start, isInstant ? start : times[2 * i + 1]);
+    if (random() % 8 == 0 && i + 1 == requests.size()) requests[i].end = kOpenEnd;
+    const auto some = random() & (FUNCTIONS | SCOPES | COUNTERS | MESSAGES | COLLOPS);
+    if (some != 0) requests[i].categories = static_cast<uint32_t>(some);
     if (random() % 3 == 0) continue;
     for (const int32_t thread : {0, 1, 2, 65536}) {
-      if (random() % 3 != 0) request.threads.push_back({thread, thread, 1});
+      if (random() % 3 != 0) requests[i].threads.push_back({thread, thread, 1});
     }
   }
   return requests;
@@ -303,29 +269,26 @@ std::map<std::string, std::string> openAhead(const Lines& lines) {
     const std::string& name = words[0];
     if (name.ends_with("_of_history")) isPast = name.starts_with("begin");
     if (name == "end_of_filter") {  // of the threads named, or of all
-      const unsigned long categories = std::stoul(words[2]);
+      PAL_Triplets threads;
+      for (size_t i = 4; i < words.size(); ++i) {
+        char colon = 0;
+        PAL_Triplet& t = threads.emplace_back();
+        std::istringstream(words[i]) >> t.first >> colon >> t.last >> colon >> t.stride;
+      }
       std::erase_if(open, [&](const auto& entry) {
-        const int32_t thread = std::stoi(entry.first.substr(1));
-        const auto isNamed = [&](const std::string& triplet) {
-          PAL_Triplet t;
-          char colon = 0;
-          std::istringstream(triplet) >> t.first >> colon >> t.last >> colon >> t.stride;
-          return PAL_TripletsContains({&t, 1}, thread);
-        };
-        return (categories & (entry.first[0] == 's' ? SCOPES : FUNCTIONS)) != 0 &&
-               (words[3] == "0" || std::any_of(words.begin() + 4, words.end(), isNamed));
+        const uint32_t category = entry.first[0] == 's' ? SCOPES : FUNCTIONS;
+        return (std::stoul(words[2]) & category) != 0 &&
+               (threads.empty() || PAL_TripletsContains(threads, std::stoi(entry.first.substr(1))));
       });
     }
-    if (name == "function_history") {
-      std::string& calls = open["f" + words[2]];
-      calls += " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
-    }
     const bool isScope = name.ends_with("_scope");
-    if (!isScope && !hasName(line, {"enter_function", "leave_function"})) continue;
+    if (!isScope && name.find("function") == name.npos) continue;
     std::string& things = open[(isScope ? "s" : "f") + words[2]];
-    if (!isPast) result[line] = things;
     const std::string number = " " + words[3] + (isScope ? ":" + words[4] + "@" : "");
-    if (name.starts_with("enter")) {
+    if (!isPast) result[line] = things;
+    if (name == "function_history") {
+      things += " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
+    } else if (name.starts_with("enter")) {
       things += number + (isScope ? words[1] : "");
     } else {
       const size_t at = isScope ? things.find(number) : things.rfind(' ');
@@ -335,29 +298,25 @@ std::map<std::string, std::string> openAhead(const Lines& lines) {
   return result;
 }
 
-// The events alone, without what was told about the past.
-Bag eventsOf(const Lines& lines) {
+// The events alone, without what was told about the past; or all messages and collective
+// operations.
+Bag eventsOf(const Lines& lines, bool spans = false) {
   Bag events;
   bool isPast = false;
   for (const std::string& line : lines) {
     if (line.starts_with("begin_of_history")) isPast = true;
-    if (!isPast && !line.starts_with("end_of_filter")) events.insert(line);
+    const bool isSpan = hasName(line, {"one_to_one_communication", "all_communication"});
+    if (spans ? isSpan : !isPast && !line.starts_with("end_of_filter")) events.insert(line);
     if (line.starts_with("end_of_history")) isPast = false;
   }
   return events;
 }
 
-// Messages and collective operations, those under way at the start of a window as well.
-Bag spansOf(const Lines& lines) {
-  const Lines spans = only(lines, {"one_to_one_communication", "all_communication"});
-  return {spans.begin(), spans.end()};
-}
-
-// All lines that any of the requests alone draws, each as often as one of them has it.
-Bag unionOf(OpenTrace& open, const Requests& requests, Bag (*part)(const Lines&)) {
+// All that any of the requests alone draws, each as often as one of them has it.
+Bag unionOf(OpenTrace& open, const Requests& requests, bool spans = false) {
   Bag all;
   for (const KLT_Request& request : requests) {
-    const Bag lines = part(open.read({request}));
+    const Bag lines = eventsOf(open.read({request}), spans);
     Bag joined;
     std::set_union(all.begin(), all.end(), lines.begin(), lines.end(),
                    std::inserter(joined, joined.end()));
@@ -368,18 +327,19 @@ Bag unionOf(OpenTrace& open, const Requests& requests, Bag (*part)(const Lines&)
 
 TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
   for (const Told told : {Told::Everything, Told::NoScopes}) {
-    const BusyTrace busy(0, told), deflated(3, told);
-    OpenTrace anchored(busy.trace), compressed(deflated.trace);
-    OpenTrace plain(withoutAnchors(busy.trace.files()));
+    Trace trace, deflated(3);
+    const std::vector<uint64_t> anchorTimes = fillBusy(trace, told);
+    EXPECT_EQ(anchorTimes, fillBusy(deflated, told));
+    OpenTrace anchored(trace), compressed(deflated), plain(withoutAnchors(trace.files()));
     const Lines whole = plain.read({window(0, kOpenEnd)});
     const auto truth = openAhead(whole);
-    EXPECT_GT(busy.anchorTimes.size(), 40U);
+    EXPECT_GT(anchorTimes.size(), 40U);
     std::mt19937 random(5);
     Recorder recorder;
     Messages messages;
     for (int round = 0; round < 100; ++round) {
       SCOPED_TRACE(round);
-      const Requests requests = randomRequests(random, busy.anchorTimes);
+      const Requests requests = randomRequests(random, anchorTimes);
       const Lines lines = plain.read(requests);
       ASSERT_EQ(difference(lines, anchored.read(requests)), "");
       ASSERT_EQ(difference(lines, compressed.read(requests)), "");
@@ -388,9 +348,11 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
       for (const auto& [line, open] : openAhead(lines)) ASSERT_EQ(open, truth.at(line)) << line;
       for (const auto& [line, open] : openAhead(unordered)) ASSERT_EQ(open, truth.at(line)) << line;
       // Together requests deliver what each delivers alone.
-      ASSERT_EQ(unionOf(anchored, requests, eventsOf), eventsOf(lines));
-      ASSERT_EQ(unionOf(anchored, requests, spansOf),
-                spansOf(anchored.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)));
+      ASSERT_EQ(unionOf(anchored, requests), eventsOf(lines));
+      const Bag spans = unionOf(anchored, requests, true);
+      ASSERT_EQ(spans, eventsOf(anchored.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE), true));
+      const bool isSeries = requests.size() == 2 && requests[0].end == requests[1].start;
+      ASSERT_TRUE(!isSeries || spans == eventsOf(lines, true));
       // Windows that tile time deliver each event once.
       const uint64_t a = requests.front().start, b = requests.back().start;
       const Requests tiles = {window(0, a), window(a, b), window(b, kOpenEnd)};
@@ -418,14 +380,17 @@ TEST(KltAnchors, SeekingSavesReading) {
 // --- anchors that lie ----------------------------------------------------------------------------
 
 // Beside the one that is right, an anchor lists one more entry many times: nonsense is reported and
-// skipped, and what a stream comes to itself isn't told twice.
-TEST(KltAnchors, EntriesThatMakeNoSenseChangeNothing) {
-  enum File { kNone, kData, kAnchors, kDeclarations, kGone, kOther };
+// skipped, and what a stream comes to itself isn't told twice. Anchors that can't be true are
+// ignored. Samples that none of them lists are found all the same.
+TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
+  enum File { kNone, kData, kDeclarations, kGone, kOther };
+  constexpr uint64_t kRight = 48;  // the message ahead of the anchor
   const char* const corrupted = "Found corrupted data while filtering";
   struct Case {
     File file;
     uint64_t offset;
     const char* message;
+    std::vector<std::pair<uint64_t, uint64_t>> anchors = {};  // more of them
   };
   const Case cases[] = {
       {kData, ~uint64_t{0}, ""},             // to be skipped
@@ -433,77 +398,50 @@ TEST(KltAnchors, EntriesThatMakeNoSenseChangeNothing) {
       {kData, 118, corrupted},               // the end of the file
       {kData, 0, corrupted},                 // a comment
       {kData, 3, corrupted},                 // no record
-      {kData, 9, corrupted},                 // an anchor
       {kData, 26, corrupted},                // a history
-      {kData, 48, ""},                       // the one that is listed already
-      {kData, 83, ""},                       // one after the anchor
-      {kOther, 0, ""},                       // one after the start of the window
-      {kOther, 44, "truncated file"},        // a record that the end cuts off
+      {kData, kRight, ""},
+      {kData, 83, ""},                 // after the anchor
+      {kOther, 0, ""},                 // after the start of the window
+      {kOther, 44, "truncated file"},  // a record that the end cuts off
       {kNone, 0, corrupted},
       {kDeclarations, 0, corrupted},
       {kGone, 0, "Could not open"},
+      {kData, kRight, "Ignoring anchors in ", {{9, 1000}}},  // after the file's end
+      {kData, kRight, "Ignoring anchors in ", {{0, 83}}},    // back in time
+      {kData, kRight, "Ignoring anchors in ", {{9, 20}}},    // back in the file
   };
-  for (const auto& [file, offset, message] : cases) {
+  for (const auto& [file, offset, message, anchors] : cases) {
     SCOPED_TRACE(testing::Message() << file << " " << offset);
     Trace trace;
-    trace.function(1, "f");
+    trace.function(1, "f")
+        .stream("c", COUNTERS, {0})
+        .at(5)
+        .counters(0, {{1, 9}})
+        .anchor(Told::Nothing);
     Stream& m = trace.stream("m", MESSAGES, {0}).comment(0, "").record(9, {{"offset", 1}});
     m.record(46, {{"file", m.fileId()}, {"offset", 26}, {"prevtime", 0}}).at(1);
     m.message({.receiveTime = 50, .tag = 1});
-    Stream& n = trace.stream("n", MESSAGES, {0})
-                    .at(25)
-                    .message({.receiveTime = 50, .tag = 3})
-                    .at(40)
-                    .comment(0, "")
-                    .bytes("\x1c");
+    Stream& n = trace.stream("n", MESSAGES, {0}).at(25).message({.receiveTime = 50, .tag = 3});
+    n.at(40).comment(0, "").bytes("\x1c");
     const uint64_t gone = trace.stream("gone", ERRORS, {0}).fileId();
-    const uint64_t files[] = {99, m.fileId(), m.fileId() + 1, 0x10001, gone, n.fileId()};
-    std::vector<uint64_t> ids(44, files[file]), offsets(44, offset), times(44);
-    ids[0] = m.fileId();
-    offsets[0] = 48;
-    m.anchorRecord(46, {{"file", ids}, {"offset", offsets}, {"prevtime", times}});
-    m.anchor(Told::Nothing).at(12);
-    m.message({.receiveTime = 50, .tag = 2});
-    OpenTrace open(trace.files().remove(".gone"));
-    OpenTrace plain(withoutAnchors(trace.files()));
+    const uint64_t files[] = {99, m.fileId(), 0x10001, gone, n.fileId()};
+    m.anchorRecord(46, {{"file", m.fileId()}, {"offset", kRight}, {"prevtime", 0}});
+    m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[file])},
+                        {"offset", std::vector<uint64_t>(44, offset)},
+                        {"prevtime", std::vector<uint64_t>(44, 0)}});
+    m.anchor(Told::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
+    for (const auto& [time, at] : anchors) {
+      m.anchorRecord(9, {{"time_prev", time}, {"offset", at}});
+    }
+    OpenTrace open(trace.files().remove(".gone")), plain(withoutAnchors(trace.files()));
     Messages messages;
-    for (const uint64_t start : {11U, 20U}) {
-      EXPECT_EQ(difference(plain.read({window(start, 30, MESSAGES)}),
-                           open.read({window(start, 30, MESSAGES)})),
-                "");
+    for (const uint32_t categories : {COUNTERS, MESSAGES}) {
+      const Requests requests = {window(20, 30, categories)};
+      EXPECT_EQ(difference(plain.read(requests), open.read(requests)), "");
     }
     const std::string text = messages.take();
     EXPECT_TRUE(*message == '\0' ? text.empty() : text.find(message) != text.npos) << text;
     EXPECT_EQ(open.lostData, offset == 44 || file == kGone);
-  }
-}
-
-// Samples that no anchor lists are found all the same.
-TEST(KltAnchors, MayLackSamples) {
-  Trace trace;
-  trace.stream("c", COUNTERS, {0}).at(5).counters(0, {{1, 9}}).anchor(Told::Nothing).at(40);
-  OpenTrace open(trace);
-  EXPECT_EQ(only(open.read({window(20, 60, COUNTERS)}), {"counter_value"}),
-            Lines{"counter_value 5 0 1 [1] [9]"});
-}
-
-TEST(KltAnchors, ThoseThatCantBeTrueAreIgnored) {
-  const std::vector<std::pair<uint64_t, uint64_t>> cases[] = {
-      {{5, 1000}},         // after the file's end
-      {{5, 20}, {4, 40}},  // back in time
-      {{5, 40}, {6, 20}},  // back in the file
-  };
-  for (const auto& anchors : cases) {
-    Trace trace;
-    Stream& f = trace.stream("f", FUNCTIONS, {0});
-    for (const auto& [time, offset] : anchors) {
-      f.anchorRecord(9, {{"time_prev", time}, {"offset", offset}});
-    }
-    for (uint64_t i = 1; i < 20; ++i) f.at(i).enter(0, 1);
-    OpenTrace open(trace), plain(withoutAnchors(trace.files()));
-    Messages messages;
-    EXPECT_EQ(difference(plain.read({window(10, 15)}), open.read({window(10, 15)})), "");
-    EXPECT_NE(messages.take().find("Ignoring anchors in "), std::string::npos);
   }
 }
 
