@@ -1,9 +1,5 @@
-// The option grammar, times and triplets.
-//
-//   input: what | bytes of it, see fuzz::run
-#include <algorithm>
+// The option grammar, times and triplets: what | bytes of it, see fuzz::run.
 #include <cmath>
-#include <utility>
 #include <vector>
 
 #include "fuzz/fuzz_target.h"
@@ -24,45 +20,17 @@ void scanArguments(std::string_view bytes) {
   (void)RK_ConfigParseArgs(static_cast<int>(pointers.size()), pointers.data(), [] {});
 }
 
-// A list of at most 3 entries from single bytes, or from whole numbers.
-PAL_Triplets takeList(std::string_view& bytes) {
-  const uint64_t head = fuzz::load(bytes, 0);
-  const size_t width = (head & 0x80) != 0 ? 4 : 1;
-  size_t at = 1;
-  const auto number = [&] {
-    const uint64_t value = fuzz::load(bytes, std::exchange(at, at + width), width);
-    return width == 1 ? static_cast<int8_t>(value) : static_cast<int32_t>(value);
-  };
-  PAL_Triplets list;
-  for (uint64_t i = 0; i < (head & 3); ++i) list.push_back({number(), number(), number()});
-  bytes.remove_prefix(std::min(bytes.size(), at));
-  return list;
-}
-
-void useTriplets(std::string_view bytes) {
-  const PAL_Triplets a = takeList(bytes), b = takeList(bytes);
-  const PAL_TripletSet set(a);
-  for (const PAL_Triplets& list :
-       {PAL_TripletsUnite(a, b), PAL_TripletsIntersect(a, b), PAL_TripletsSubtract(a, b),
-        PAL_TripletsCompress(PAL_TripletsExpand(a), true)}) {
-    for (const PAL_Triplet& t : list) (void)set.contains(t.first);
-  }
-  (void)(PAL_TripletsEqual(a, b) || PAL_TripletsSubset(a, b));
-  (void)PAL_TripletsOverlap(a, b);
-}
-
 }  // namespace
 
 void fuzz::run(std::string_view input) {
   const std::string text(rest(input));
   int32_t first = 0, last = 0, stride = 0;
   RK_ConfigDefaults();
-  const uint64_t what = load(input, 0) % 6;
+  const uint64_t what = load(input, 0) % 5;
   if (what < 2) (void)RK_ScanText(text, what == 0 ? RK_ScanMode::config : RK_ScanMode::parameter);
   if (what == 2) scanArguments(text);
   if (what == 3) require(!std::isnan(RK_ConfigParseTime(text.c_str())), "a time isn't a number");
   if (what == 4) (void)PAL_TripletParse(text.c_str(), 100, &first, &last, &stride);
-  if (what == 5) useTriplets(text);
   (void)RK_ConfigFinish();
   RK_ConfigOutputName();
 }

@@ -6,6 +6,9 @@
 //
 // Bits of the flags: 0 deliver in time order, 1 decode field by field, 2 no anchor file, 3 and 4
 // number of requests, 5 and 6 which of the base trace's components it replaces.
+#include <algorithm>
+#include <vector>
+
 #include "fuzz/fuzz_target.h"
 #include "klt/index/klt_files.h"
 #include "tests/builder/touching.h"
@@ -23,16 +26,14 @@ tb::TraceFiles baseTrace() {
 
 bool isIndex(std::string_view input) { return (fuzz::load(input, 0) & 0x80) != 0; }
 
-// An input with a component, as it is put together.
+// Where the parts of an input with a component begin.
 struct Parts {
-  std::string head, anchors, component;
+  size_t anchors, component;
 
   explicit Parts(std::string_view input) {
-    const size_t bytes = 3 + kRequestBytes * (fuzz::load(input, 0) >> 3 & 3);
-    const size_t length = fuzz::load(input, bytes - 2, 2);
-    head = input.substr(0, bytes);
-    anchors = input.substr(head.size(), length);
-    component = input.substr(head.size() + anchors.size());
+    const size_t head = 3 + kRequestBytes * (fuzz::load(input, 0) >> 3 & 3);
+    anchors = std::min(head, input.size());
+    component = std::min<size_t>(anchors + fuzz::load(input, head - 2, 2), input.size());
   }
 };
 
@@ -63,11 +64,11 @@ void fuzz::run(std::string_view input) {
   } else {
     const Parts parts(input);
     const std::string key = ".f." + std::to_string(flags >> 5 & 3);
-    files[key] = parts.component;
-    files[key + ".anc"] = parts.anchors;
+    files[key] = input.substr(parts.component);
+    files[key + ".anc"] = input.substr(parts.anchors, parts.component - parts.anchors);
     if ((flags & 4) != 0) files.remove(key + ".anc");
-    for (size_t at = 1; at + 2 < parts.head.size(); at += kRequestBytes) {
-      requests.push_back(requestAt(parts.head, at));
+    for (size_t at = 1; at + 2 < parts.anchors; at += kRequestBytes) {
+      requests.push_back(requestAt(input, at));
     }
   }
   setenv("KLT_GENERIC_ONLY", (flags & 2) != 0 ? "1" : "0", 1);
@@ -87,20 +88,18 @@ void fuzz::run(std::string_view input) {
 
 bool fuzz::mutate(Random& random, std::string& input) {
   const size_t what = below(random, 16);
-  if (what == 0) return false;
-  if (isIndex(input)) {
-    mutateRecords(random, input, 1 + kIndexHeaderBytes);
-    return true;
-  }
-  Parts parts(input);
-  if (parts.head.size() < 3) return false;
-  if (what < 4) {
-    parts.head[below(random, parts.head.size())] = static_cast<char>(anyNumber(random) & 0x7f);
+  const Parts parts(input);
+  if (what == 0 || parts.anchors < 3) return false;
+  if (isIndex(input) || what > 6) {
+    mutateRecords(random, input, isIndex(input) ? 1 + kIndexHeaderBytes : parts.component);
+  } else if (what < 4) {
+    input[below(random, parts.anchors)] = static_cast<char>(anyNumber(random) & 0x7f);
   } else {
-    mutateRecords(random, what < 7 ? parts.anchors : parts.component, 0);
-    parts.head.resize(parts.head.size() - 2);
-    tb::put(parts.head, parts.anchors.size(), 2);
+    const size_t length = parts.component - parts.anchors;
+    std::string anchors = input.substr(parts.anchors, length), changed;
+    mutateRecords(random, anchors, 0);
+    tb::put(changed, anchors.size(), 2);
+    input.replace(parts.anchors - 2, 2 + length, changed + anchors);
   }
-  input = parts.head + parts.anchors + parts.component;
   return true;
 }

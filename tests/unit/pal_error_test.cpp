@@ -2,68 +2,55 @@
 #include "util/pal_error.h"
 #include "util/pal_debug.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <regex>
-#include <sstream>
 
 #include "tests/builder/trace_files.h"
-#include "util/vfd.h"
 
 namespace {
 
 std::string told;  // to the callback
 
-// What the levels say about `text`, with times left out.
-std::string said(const PAL_MessageSettings& settings, const char* text) {
-  const PAL_MessageSettings saved = std::exchange(PAL_messages, settings);
-  PAL_SetLogCallback([](void*, const char* block, size_t length) {
-    told.append(block, length);
-    errno = EBADF;
-  });
-  PAL_SetLogStream(std::tmpfile());
-  testing::internal::CaptureStderr();
-  told.clear();
-  errno = ENOTDIR;
-  PAL_Info("%s", text);
-  PAL_Warning("%s", text);
-  PAL_Error("%s", text);
-  EXPECT_EQ(errno, ENOTDIR);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), told);
-  EXPECT_EQ(std::ftell(PAL_messages.logStream), static_cast<long>(told.size()));
-  std::fclose(PAL_messages.logStream);
-  PAL_messages = saved;
-  const std::regex time("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d [0-9:]{8} \\d{4}");
-  return std::regex_replace(told, time, "TIME");
+void tell(void*, const char* block, size_t length) {
+  told.append(block, length);
+  errno = EBADF;
 }
 
 TEST(PalError, EachLineOfALevelThatIsOnHasThePrefixOfTheSettings) {
+  const PAL_MessageSettings saved = PAL_messages;
   const std::pair<PAL_MessageSettings, std::string> cases[] = {
-      {{nullptr, nullptr, 0, 1, 1, nullptr, nullptr}, ""},
-      {{"tool", nullptr, 0, 0, 1, nullptr, nullptr}, "tool "},
-      {{"tool", "tool", 0, 1, 0, nullptr, nullptr}, "tool "},
-      {{"tool", "p 3", 0, 1, 1, nullptr, nullptr}, "[p 3] tool "},
-      {{"tool", nullptr, 1, 1, 1, nullptr, nullptr}, "TIME tool "},
-      {{"tool", "p", 1, 1, 1, nullptr, nullptr}, "[p TIME] tool "}};
-  std::string texts[] = {"\n\na\n\n\nb", std::string(1023, 'x'), std::string(1024, 'x'), ""};
+      {{nullptr, nullptr, 0, 1, 0, std::tmpfile(), &tell}, ""},
+      {{"tool", "tool", 0, 0, 1, std::tmpfile(), &tell}, "tool "},
+      {{"tool", nullptr, 1, 1, 1, std::tmpfile(), &tell}, "TIME tool "},
+      {{"tool", "p 3", 1, 1, 1, std::tmpfile(), &tell}, "[p 3 TIME] tool "}};
+  std::string texts[] = {"\n\na\n\n\nb", std::string(1023, 'x'), std::string(1024, 'x'), "",
+                         " \t\n"};
   for (int i = 0; i < 6000; ++i) texts[3] += "a\n";
+  const std::regex line("\n*([^\n]+)\n*"), time("\\w{3} \\w{3} [ 0-9]\\d [0-9:]{8} \\d{4}");
   for (const auto& [settings, prefix] : cases) {
     for (const std::string& text : texts) {
       std::string expected;
       for (const std::string level : {"INFO: ", "WARNING: ", "ERROR: "}) {
         if ((level == "ERROR: " ? settings.errorEnabled : settings.infoEnabled) == 0) continue;
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);)
-          if (!line.empty()) expected += prefix + level + line + '\n';
+        if (text != " \t\n") expected += std::regex_replace(text, line, prefix + level + "$1\n");
       }
-      EXPECT_EQ(said(settings, text.c_str()), expected);
+      PAL_messages = settings;
+      testing::internal::CaptureStderr();
+      told.clear();
+      errno = ENOTDIR;
+      for (const auto say : {&PAL_Info, &PAL_Warning, &PAL_Error}) say("%s", text.c_str());
+      EXPECT_EQ(errno, ENOTDIR);
+      EXPECT_TRUE(testing::internal::GetCapturedStderr() == told);
+      EXPECT_TRUE(std::regex_replace(told, time, "TIME") == expected) << prefix << text.size();
+      EXPECT_EQ(std::ftell(settings.logStream), static_cast<long>(told.size()));
+      std::rewind(settings.logStream);
     }
-    EXPECT_EQ(said(settings, " \t\n"), "");
+    std::fclose(settings.logStream);
   }
+  PAL_messages = saved;
 }
 
 TEST(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
@@ -83,9 +70,7 @@ TEST(PalError, ControlBytesOfNamesAreEscaped) {
   testing::internal::CaptureStderr();
   errno = ENOENT;
   PAL_Perror("t\r");
-  PAL_Perror(nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "t\\x0d: No such file or directory\nNo such file or directory\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "t\\x0d: No such file or directory\n");
 }
 
 // The channel remembers its descriptor and position, so each case runs in a process of its own.
@@ -94,16 +79,13 @@ TEST(PalErrorDeathTest, DebugChannelIsADescriptorOrTheFileOfTheProcess) {
               "^\\[[0-9]+\\.[0-9]{6} init/0x[0-9a-f]+/[0-9]+@pal_debug\\.cpp:[0-9]+\\] aborting in "
               "PAL_abort\\(\\)$");
   const tb::TempDir directory;
-  const auto debug = [&](const char* descriptor) {
-    const rlimit few{16, 16};
-    setrlimit(RLIMIT_NOFILE, &few);
-    std::filesystem::current_path(directory.path());
+  std::filesystem::current_path(directory.path());
+  const auto debug = [](const char* descriptor) {
     PAL_messages.processName = "a b/c\\d";
     if (descriptor != nullptr) setenv("PAL_DEBUG_FD", descriptor, 1);
     errno = ERANGE;
     PAL_Debug("d/a.cpp", 1, "one ");
     PAL_Debug("d/a.cpp", 1, "line\ntwo");
-    for (int i = 0; i < 20; ++i) (void)Vfd_Open("/", O_RDONLY, 0);
     PAL_Debug("d/a.cpp", 2, "%s = %d\n", "call", errno);
     std::_Exit(errno == ERANGE ? 0 : 1);
   };
@@ -117,6 +99,7 @@ TEST(PalErrorDeathTest, DebugChannelIsADescriptorOrTheFileOfTheProcess) {
   std::filesystem::create_directory(file);
   EXPECT_EXIT(debug(nullptr), testing::ExitedWithCode(0),
               "^([^\n]* WARNING: cannot open PAL-debug-a_b_c_d\\.out in [^\n]*\n){3}$");
+  std::filesystem::current_path("/");
 }
 
 }  // namespace
