@@ -40,8 +40,9 @@ struct Parts {
 // start, 4 bytes | length, 4, all ones for no end | categories, 2 | first and last process, stride
 // plus 128, thread of the processes, 1 each
 KLT_Request requestAt(std::string_view input, size_t at) {
-  KLT_Request request{.start = fuzz::load(input, at, 4),
-                      .categories = static_cast<uint32_t>(fuzz::load(input, at + 8, 2))};
+  KLT_Request request;
+  request.start = fuzz::load(input, at, 4);
+  request.categories = static_cast<uint32_t>(fuzz::load(input, at + 8, 2));
   const uint64_t length = fuzz::load(input, at + 4, 4);
   if (length != 0xffffffff) request.end = request.start + length;
   const auto process = [&](size_t place) {
@@ -60,7 +61,7 @@ void fuzz::run(std::string_view input) {
   const uint64_t flags = isIndex(input) ? 1 : load(input, 0);
   if (isIndex(input)) {
     files[" "] = rest(input);
-    requests.push_back({.start = 1100, .categories = 1});
+    requests.push_back({.start = 1100, .categories = 1, .threads = {}});
   } else {
     const Parts parts(input);
     const std::string key = ".f." + std::to_string(flags >> 5 & 3);
