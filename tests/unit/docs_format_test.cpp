@@ -2,12 +2,11 @@
 // and the bytes that it shows are those of the trace builder.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <map>
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "klt/format/klt_schema.h"
@@ -47,70 +46,57 @@ TEST(FormatDocument, ListsTheRecordsOfTheProgramsTable) {
   }
 }
 
-// A line of a block "```klt NAME": the bytes of one field and, after two blanks, its name.
-struct ShownField {
-  std::string bytes, name;
-};
+// The lines of a block "```klt NAME": the bytes of a field and, after two blanks, its name.
+using Block = std::vector<std::pair<std::string, std::string>>;
 
-std::map<std::string, std::vector<ShownField>> shownBlocks() {
+std::map<std::string, Block> shownBlocks() {
   std::istringstream document(tb::readFile(KLT_TEST_DATA "/../../docs/format.md"));
-  std::map<std::string, std::vector<ShownField>> blocks;
+  std::map<std::string, Block> blocks;
   std::string block;
   for (std::string line; std::getline(document, line);) {
     if (line.starts_with("```")) {
       block = line.starts_with("```klt ") ? line.substr(7) : "";
     } else if (!block.empty()) {
-      const size_t end = line.find("  ");
-      std::istringstream digits(line.substr(0, end));
-      ShownField field;
-      for (unsigned byte = 0; digits >> std::hex >> byte;) field.bytes += static_cast<char>(byte);
-      digits.clear();
-      const size_t name = line.find_first_not_of(' ', end);
-      field.name = line.substr(name, line.find_first_of(":,[", name) - name);
-      blocks[block].push_back(field);
+      std::istringstream digits(line.substr(0, line.find("  ")));
+      auto& [bytes, name] = blocks[block].emplace_back();
+      for (unsigned byte = 0; digits >> std::hex >> byte;) bytes += static_cast<char>(byte);
+      name = line.substr(line.find_first_not_of(' ', line.find("  ")));
+      name = name.substr(0, name.find_first_of(":,["));
     }
   }
   return blocks;
 }
 
-std::string bytesOf(const std::vector<ShownField>& fields) {
-  std::string bytes;
-  for (const ShownField& field : fields) bytes += field.bytes;
-  return bytes;
+std::string bytesOf(const Block& block) {
+  std::string result;
+  for (const auto& [bytes, name] : block) result += bytes;
+  return result;
 }
 
-uint64_t numberIn(std::string_view bytes) {
-  uint64_t number = 0;
-  for (const char byte : bytes) number = number << 8 | static_cast<uint8_t>(byte);
-  return number;
-}
-
-// What the builder makes of the values in a block. A line "28, enter_function" begins a record.
-std::string rebuilt(const std::vector<ShownField>& fields) {
+// Each record has its row's fields, in order and as long as their types and counts say. A line
+// "28, enter_function" begins one; an array of numbers has a line for each.
+void checkRecords(const Block& block) {
   const tb::Layout layout;
-  tb::RecordBytes records(layout);
-  for (size_t i = 0; i < fields.size();) {
-    const tb::Row& row = layout.row(static_cast<unsigned>(std::stoul(fields[i].name)));
-    std::map<std::string, std::vector<uint64_t>> elements;
-    for (++i; i < fields.size() && std::isdigit(fields[i].name[0]) == 0; ++i) {
-      const std::string& bytes = fields[i].bytes;
-      const std::string& name = fields[i].name;
-      if (name == "count") continue;
-      const auto field = std::find_if(row.fields.begin(), row.fields.end(),
-                                      [&](const tb::Field& f) { return f.name == name; });
-      if (field == row.fields.end()) return row.name + " has no " + name;
-      const size_t width = tb::bytesOf(field->type);
-      for (size_t at = 0; at < bytes.size(); at += width)
-        elements[name].push_back(numberIn(std::string_view(bytes).substr(at, width)));
+  for (size_t i = 0; i < block.size();) {
+    const tb::Row& row = layout.row(static_cast<unsigned>(std::stoul(block[i].second)));
+    EXPECT_EQ(block[i++].first, std::string(1, static_cast<char>(row.number)));
+    size_t count = 1, covered = 0;
+    for (const tb::Field& field : row.fields) {
+      SCOPED_TRACE(field.name);
+      const size_t n = covered != 0 ? count : 1;
+      std::string bytes;
+      for (; i < block.size() && block[i].second == (field.isCount ? "count" : field.name); ++i) {
+        bytes += block[i].first;
+      }
+      ASSERT_EQ(bytes.size(), n * tb::bytesOf(field.type));
+      covered = field.isCount ? field.covers : covered - (covered != 0);
+      if (field.isCount) count = static_cast<uint8_t>(bytes.back());
     }
-    if (row.timed) records.at(records.running() + elements["time"].at(0));
-    records.record(row.number, tb::Values(elements.begin(), elements.end()));
   }
-  return records.contents();
 }
 
 TEST(FormatDocument, ShowsTheBytesOfTheFormat) {
-  std::map<std::string, std::vector<ShownField>> blocks = shownBlocks();
+  std::map<std::string, Block> blocks = shownBlocks();
   EXPECT_EQ(bytesOf(blocks["header"]), tb::Trace().files()[" "].substr(0, 11));
 
   tb::Layout layout;
@@ -127,7 +113,10 @@ TEST(FormatDocument, ShowsTheBytesOfTheFormat) {
 
   for (const char* other : {"header", "layout", "container"}) blocks.erase(other);
   EXPECT_GE(blocks.size(), 10U);
-  for (const auto& [name, fields] : blocks) EXPECT_EQ(bytesOf(fields), rebuilt(fields)) << name;
+  for (const auto& [name, block] : blocks) {
+    SCOPED_TRACE(name);
+    checkRecords(block);
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <random>
+#include <set>
 #include <span>
 #include <string>
 #include <utility>
@@ -27,45 +28,19 @@ constexpr int kTime = KLT_STATUS_TIME;
 
 // --- opening and definitions ---------------------------------------------------------------------
 
-TEST(KltOpen, AcceptsAndRefusesAnIndex) {
-  constexpr size_t kEnd = ~size_t{0};
-  const auto file = [](std::string_view suffix) {
-    return std::string("\x21\0\0\0\5\0\0", 7) + static_cast<char>(suffix.size()) +
-           std::string(suffix);
-  };
-  struct Case {
-    size_t at;  // where these bytes replace others
-    std::string bytes;
-    const char* refusal;  // empty: accepted
-  };
-  const Case cases[] = {
-      {3, "\x80", ""},  // another one that states its layouts
-      {4, "\1", ""},
-      {7, "\xff", ""},  // all flags
-      {10, std::string(1, '\0'), ""},
-      {3, "\x3f", "t.klt is of incompatible KLT version.\n"},
-      {0, "k", "t.klt is not KLT.\n"},
-      {kEnd, "\xc8", "Found corrupted data while filtering"},
-      {kEnd, file("/../x"), "Corrupted data"},
-      {kEnd, file(""), "Corrupted data"},
-      {kEnd, file({"a\0b", 3}), "Corrupted data"},
-      {kEnd, file("a\n"), "Corrupted data"},
-  };
-  for (const auto& [at, bytes, refusal] : cases) {
-    SCOPED_TRACE(testing::PrintToString(bytes));
-    TraceFiles files = Trace().files();
-    files[" "].replace(std::min(at, files[" "].size()), bytes.size(), bytes);
-    const TempDir directory;
-    EXPECT_EQ(KLT_IsTrace(files.writePlain(directory).c_str()), at > 2);
+TEST(KltOpen, ComponentsHaveNamesOfTheirOwn) {
+  const std::string suffixes[] = {"f", "", "a\n", "/../x", {"a\0b", 3}};
+  for (const std::string& suffix : suffixes) {
+    SCOPED_TRACE(suffix);
+    Trace trace;
+    trace.extraIndex().record(33, {{"id", 5}, {"suffix", suffix}});
+    TraceFiles files = trace.files();
+    files[" "][7] = '\xff';  // all flags
     Messages messages;
     const OpenTrace open(files);
-    const std::string text = messages.take();
-    EXPECT_EQ(open.handle() != nullptr, *refusal == '\0');
-    EXPECT_NE(text.find(refusal), std::string::npos) << text;
-    if (open.handle() != nullptr) {
-      EXPECT_EQ(open.handle()->flags, at == 7 ? 0xffU : 0U);
-      EXPECT_EQ(text, "");
-    }
+    EXPECT_EQ(open.handle() != nullptr, suffix == "f");
+    EXPECT_EQ(messages.take(), suffix == "f" ? "" : "ERROR: Corrupted data\n");
+    EXPECT_TRUE(open.handle() == nullptr || open.handle()->flags == 0xff);
   }
 }
 
@@ -94,18 +69,16 @@ TEST(KltDeliver, StructureInADataComponentChangesNothing) {
   f.at(3).record(9, {{"offset", 1}}).record(46, {{"file", 1}, {"offset", 0}, {"prevtime", 7}});
   f.record(21, {{"counters", 1}, {"values", 2}}).record(33, {{"id", 1000}, {"suffix", "x"}});
   f.record(10, {{"anchor_file", 1000}, {"data_file", 1000}, {"categories", 4}}).enter(0, 7);
+  f.bytes(Layout().block().substr(0, 40));  // a layout, which does harm
   OpenTrace open(trace);
   const size_t components = open.handle()->components.size();
-  EXPECT_EQ(only(open.read(), {"enter_function"}), Lines{"enter_function 3 0 7 0"});
+  Messages messages;
+  EXPECT_EQ(open.read({}, 0),
+            (Lines{"enter_function 3 0 7 0", "end_of_filter 18446744073709551615 2052 1 0:0:1"}));
+  EXPECT_EQ(open.statuses, (Statuses{kDamaged, kFinished}));
+  EXPECT_NE(messages.take().find("f (rectype 0, offset "), std::string::npos);
   EXPECT_EQ(open.handle()->components.size(), components);
   EXPECT_EQ(open.handle()->files.find(1000), nullptr);
-
-  f.bytes(Layout().block().substr(0, 40));  // a layout
-  OpenTrace damaged(trace);
-  Messages messages;
-  (void)damaged.read();
-  EXPECT_EQ(damaged.statuses, Statuses{kAborting});
-  EXPECT_NE(messages.take().find("f (rectype 0, offset "), std::string::npos);
 }
 
 // --- order ---------------------------------------------------------------------------------------
@@ -119,14 +92,12 @@ Records fill(Stream& stream, const std::vector<uint64_t>& times, uint32_t thread
   for (const uint64_t time : times) {
     const size_t n = records.size();
     const std::string place = std::to_string(time) + " " + std::to_string(thread) + " ";
-    if (most == 0 || n % 3 == 0) {
-      stream.at(time).enter(thread, static_cast<uint32_t>(n));
-      records.emplace_back(time, "enter_function " + place + std::to_string(n) + " 0");
-    } else {
-      const std::string text(n * 7919 % most, 'x');
-      stream.at(time).comment(thread, text);
-      records.emplace_back(time, "comment " + place + "'" + text + "'");
-    }
+    const std::string text(most == 0 ? 0 : n * 7919 % most, 'x');
+    const bool isCall = most == 0 || n % 3 == 0;
+    stream.at(time);
+    isCall ? stream.enter(thread, static_cast<uint32_t>(n)) : stream.comment(thread, text);
+    records.emplace_back(time, isCall ? "enter_function " + place + std::to_string(n) + " 0"
+                                      : "comment " + place + "'" + text + "'");
   }
   return records;
 }
@@ -251,8 +222,6 @@ TEST(KltStatus, StreamsTakeTurnsAndThoseThatFailLeaveTheOthersGoingOn) {
       {"", 0, "aaaaabcccccaaaccccccc", {kTime, kFinished}},
       // A damaged stream ends the call. Only the first turn of a stream is short.
       {"b", 0, "aaaaaaaacccccccccccc", {kDamaged, kTime, kFinished}},
-      {"abc", 0, "", {kDamaged, kDamaged, kDamaged, kFinished}},
-      {"a", 1, "bcccccccccccc", {kContinuing, kFinished}},
       {"bc", 1, "aaaaaaaa", {kContinuing, kContinuing, kFinished}},
       {"abc", 1, "", {kContinuing, kContinuing, kAborting}},
   };
@@ -302,7 +271,7 @@ TEST(KltDamage, WhatAFillGatheredAheadOfTheDamageIsLost) {
     const size_t ofAFill = (0x10000 - 11 - (bytes - 1)) / bytes + 1;
     // The record that doesn't fit any more is looked at, too.
     for (const size_t records : {ofAFill, ofAFill + 1, 9 * ofAFill, 9 * ofAFill + 1}) {
-      std::string plainPlace;
+      std::set<std::string> places;
       for (const unsigned flags : {1U, 3U}) {
         SCOPED_TRACE(std::to_string(records) + " records, flags " + std::to_string(flags));
         Trace trace(flags);
@@ -311,42 +280,35 @@ TEST(KltDamage, WhatAFillGatheredAheadOfTheDamageIsLost) {
           a.at(i);
           areCalls ? a.enter(0, 1) : a.comment(0, "eleven char");
         }
-        EXPECT_EQ(a.size(), records * bytes);
+        ASSERT_EQ(a.size(), records * bytes);
         a.bytes("\x7f");
         trace.stream("b", ANY).at(1).comment(0, "b");
         OpenTrace open(trace);
         Messages messages;
-        const Lines lines = only(open.read(), {"enter_function", "comment"});
-        EXPECT_EQ(lines.size(), (records - 1) / ofAFill * ofAFill + 1);
+        EXPECT_EQ(open.read().size(), (records - 1) / ofAFill * ofAFill + 2);
         EXPECT_EQ(open.statuses, (Statuses{kContinuing, kFinished}));
         // Without time order all that came ahead of it is told, and the filter is closed.
         EXPECT_EQ(open.read({}, 0).size(), records + 3);
         const std::string text = messages.take();
         const size_t place = text.find(".a (rectype 127, offset ");
         ASSERT_NE(place, text.npos);
-        if (flags == 1) plainPlace = text.substr(place, text.find('\n', place) - place);
-        EXPECT_EQ(text.substr(place, plainPlace.size()), plainPlace);
+        places.insert(text.substr(place, text.find(')', place) - place));
       }
+      EXPECT_EQ(places.size(), 1U);
     }
   }
 }
 
 TEST(KltDamage, AComponentThatEndsEarlyGivesWhatCameBefore) {
   constexpr size_t kRecords = 40000;
-  const std::string truncated = "truncated file";
   for (const unsigned flags : {1U, 3U}) {
     Trace trace(flags);
     Stream& f = trace.stream("f", FUNCTIONS, {0});
-    Lines whole;
-    for (uint32_t i = 1; i <= kRecords; ++i) {
-      f.at(i).enter(0, i * 7919);
-      whole.push_back("enter_function " + std::to_string(i) + " 0 " + std::to_string(i * 7919) +
-                      " 0");
-    }
-    const size_t stored = trace.files()[".f"].size();
-    const size_t ofRecord = f.size() / kRecords;
-    for (const size_t left :
-         {stored, stored - 1, stored - 8, stored / 2 - 1, size_t{9}, size_t{8}}) {
+    for (uint32_t i = 1; i <= kRecords; ++i) f.at(i).enter(0, i * 7919);
+    const Lines whole = only(OpenTrace(trace).read(), {"enter_function"});
+    ASSERT_EQ(whole.size(), kRecords);
+    const size_t stored = trace.files()[".f"].size(), ofRecord = f.size() / kRecords;
+    for (const size_t left : {stored - 1, stored - 8, stored / 2 - 1, size_t{9}, size_t{8}}) {
       SCOPED_TRACE("flags " + std::to_string(flags) + ", " + std::to_string(left) + " bytes");
       OpenTrace open(trace.files().truncate(".f", stored - left));
       Messages messages;
@@ -355,20 +317,19 @@ TEST(KltDamage, AComponentThatEndsEarlyGivesWhatCameBefore) {
       ASSERT_LE(lines.size(), kRecords);
       EXPECT_TRUE(std::equal(lines.begin(), lines.end(), whole.begin()));
       EXPECT_EQ(open.lostData, lines.size() < kRecords);
-      EXPECT_EQ(text.find(truncated), text.rfind(truncated)) << text;
       const size_t told = text.find(".f, ");
+      EXPECT_EQ(told, text.rfind(".f, "));
       if (told == text.npos || left < 10) continue;
       // Of a plain component what its record lacks, of a compressed one what its length promises.
       const size_t missing = std::stoul(text.substr(told + 4));
       const size_t complete = flags == 1 ? left + missing - ofRecord : f.size() - missing;
-      EXPECT_EQ(flags == 1 ? complete : complete / ofRecord * ofRecord, lines.size() * ofRecord);
+      EXPECT_EQ(complete / ofRecord, lines.size());
     }
     if (flags == 1) continue;
     // A length that can't be true is of no use, one in the other byte order is.
     for (const char* length : {"\xff\xff\xff\xff\xff\xff\xff\x7f", "\0\0\0\0\0\xaa\xbb\xcc"}) {
-      TraceFiles files = trace.files();
-      OpenTrace open(files.splice(".f", 0, 8, std::string(length, 8)));
       const Messages messages;
+      OpenTrace open(trace.files().splice(".f", 0, 8, std::string(length, 8)));
       EXPECT_EQ(difference(whole, only(open.read(), {"enter_function"})), "");
     }
   }
