@@ -83,6 +83,17 @@ class OpenTrace {
   KLT_FileHandle* handle_;
 };
 
+// What is on disk under a name: definitions, then events.
+inline Lines linesOf(const std::string& name) {
+  KLT_FileHandle* handle = KLT_Open(name.c_str());
+  Recorder recorder;
+  recorder.table.end_of_filter = nullptr;
+  for (const int mode : {KLT_MODE_DEFINITIONS, KLT_MODE_EVENTS})
+    (void)finish(openReader(handle, recorder.table, {}, 1, mode).get());
+  KLT_Close(handle);
+  return std::move(recorder.lines);
+}
+
 // A request; without threads of all.
 inline KLT_Request window(uint64_t start, uint64_t end, uint32_t categories = 1,
                           std::initializer_list<uint32_t> threads = {}) {
