@@ -72,7 +72,9 @@ TEST(RkSocketpc, GroupOfOneKeepsItsDataAndClosesItsPair) {
     std::string text = "................";
     EXPECT_EQ(RK_IPCBcast(HERE, text.data(), 2, type, 0, comm), 0);
     EXPECT_EQ(RK_IPCAllreduce(HERE, "ABCDEFGHIJKLMNOP", text.data(), 2, type, RK_IPC_BOR, comm), 0);
-    EXPECT_EQ(text, std::string("ABCDEFGHIJKLMNOP").replace(2 * bytes, 16, 16 - 2 * bytes, '.'));
+    EXPECT_EQ(RK_IPCReduce(HERE, "abcdefgh", text.data(), 1, type, RK_IPC_SUM, 0, comm), 0);
+    const std::string sums("abcdefgh", bytes), others("ABCDEFGHIJKLMNOP", bytes, bytes);
+    EXPECT_EQ(text, sums + others + std::string(16 - 2 * bytes, '.'));
   }
   const int ends[] = {comm->sockets[0]->descriptor, comm->sockets[1]->descriptor};
   char text[5] = "";
