@@ -146,6 +146,7 @@ TEST(PalPack, WhatIsPackedComesBackWholeOrNotAtAll) {
     buffer.length = name;
     const char* text = PAL_UnpackString(buffer);
     EXPECT_EQ(text == nullptr ? "" : std::string(text), buffer.capacity == end ? "name" : "");
+    EXPECT_EQ(buffer.length, text == nullptr ? name : end);
   }
   buffer.length = name;
   buffer.data[end - 1] = '!';
