@@ -8,7 +8,8 @@
 //   enter_function 28    1c | 00 05 | 00 00 00 03 | 00 00 00 07      number, step, willy, function
 //
 // Decoding checks the input once for each run of fields whose size is known: for most rows that is
-// once per record.
+// once per record. An input is what a KLT_Input does: ensure(n) makes n bytes available at at(), or
+// reports why it can't.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +19,6 @@
 #include "klt/format/klt_record.h"
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_wire.h"
-#include "klt/storage/klt_input.h"
 
 enum class KLT_Parse : uint8_t {
   kRecord,   // a record stands at the buffer's tail, not committed
@@ -99,7 +99,8 @@ struct KLT_Codec {
   // Reads the record whose first field is at input.at() to the tail of `out` and adds its step to
   // `time`. `disk` receives its bytes without the number byte; the input isn't advanced. An untimed
   // record gets the time unchanged.
-  static KLT_Parse parse(KLT_Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
+  template <class Input>
+  static KLT_Parse parse(Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
       return KLT_Parse::kNoData;
     uint8_t* const record = out.reserve(layout.fixedBytes);
@@ -108,7 +109,7 @@ struct KLT_Codec {
     loadHead(input.at(), recordTime, record);
     disk = layout.headBytes;
     if constexpr (!kFixedSize) {
-      Cursor c{input, out, input.at(), record, layout.headBytes, layout.fixedBytes};
+      Cursor<Input> c{input, out, input.at(), record, layout.headBytes, layout.fixedBytes};
       if (!parseFields<firstArray()>(c)) [[unlikely]]
         return KLT_Parse::kNoData;
       disk = c.done;
@@ -127,7 +128,8 @@ struct KLT_Codec {
   }
 
   // Only the size of the record, for one that isn't wanted.
-  static KLT_Parse measure(KLT_Input& input, size_t& disk) {
+  template <class Input>
+  static KLT_Parse measure(Input& input, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
       return KLT_Parse::kNoData;
     size_t done = 0;
@@ -148,8 +150,9 @@ struct KLT_Codec {
   }
 
  private:
+  template <class Input>
   struct Cursor {
-    KLT_Input& input;
+    Input& input;
     KLT_RecordBuffer& out;
     const uint8_t* p;  // first byte of the record's fields; moves with the input's buffer
     uint8_t* record;   // moves with the output's buffer
@@ -194,8 +197,8 @@ struct KLT_Codec {
     }
   }
 
-  template <size_t F>
-  static bool parseFields(Cursor& c) {
+  template <size_t F, class Input>
+  static bool parseFields(Cursor<Input>& c) {
     if constexpr (F == kFields) {
       return true;
     } else if constexpr (layout.isArray(F)) {
@@ -224,8 +227,8 @@ struct KLT_Codec {
     }
   }
 
-  template <size_t F>
-  static bool measureFields(KLT_Input& input, size_t& done, size_t n) {
+  template <size_t F, class Input>
+  static bool measureFields(Input& input, size_t& done, size_t n) {
     if constexpr (F == kFields) {
       return true;
     } else if constexpr (layout.isArray(F)) {
@@ -268,6 +271,22 @@ static_assert(1 + KLT_Codec<KLT_Row::allCommunication>::layout.headBytes +
                   2 * KLT_Codec<KLT_Row::allCommunication>::groupBytes(4) ==
               40);
 static_assert(1 + KLT_Codec<KLT_Row::kltString>::layout.headBytes + 3 == 10);
+
+namespace klt {
+
+template <int... N>
+constexpr std::array<size_t (*)(const uint8_t*), sizeof...(N)> encodedSizes(
+    std::integer_sequence<int, N...>) {
+  return {&KLT_Codec<N + 1>::encodedBytes...};
+}
+inline constexpr auto kEncodedSizes = encodedSizes(std::make_integer_sequence<int, kKltRowCount>{});
+
+}  // namespace klt
+
+// Bytes of a record in encoded form, number byte included.
+[[nodiscard]] inline size_t KLT_EncodedBytes(const uint8_t* record) {
+  return klt::kEncodedSizes[KLT_RecordNumber(record) - 1](record);
+}
 
 // Bytes of an encoded record and, where its step needs one, of the time record ahead of it, as the
 // filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.

@@ -210,6 +210,25 @@ struct KLT_Row {
   [[nodiscard]] constexpr bool replayed() const {
     return traits().context || filter == KLT_FilterClass::kTimeForward;
   }
+  // Whether the filter pass may take such a record without a look at its fields: it has a fixed
+  // size and no more context than the depth of the call stack.
+  [[nodiscard]] constexpr bool plain() const {
+    for (size_t f = 0; f < numFields; ++f) {
+      if (fields[f].isCount()) return false;
+    }
+    switch (filter) {
+      case KLT_FilterClass::kTimeForward:
+      case KLT_FilterClass::kMessage:
+      case KLT_FilterClass::kThreadEvent:
+      case KLT_FilterClass::kRawMessage:
+      case KLT_FilterClass::kRawCollective:
+        return timed();
+      case KLT_FilterClass::kCallStack:
+        return name == "enter_function" || name == "leave_function";
+      default:
+        return false;
+    }
+  }
   // Index of a field, or numFields.
   [[nodiscard]] constexpr size_t find(std::string_view fieldName) const {
     size_t i = 0;

@@ -250,26 +250,11 @@ KLT_Parse parseExact(const KLT_DecoderEntry&, KLT_Input& input, KLT_RecordBuffer
   return KLT_Codec<N>::parse(input, out, time, disk);
 }
 
-// A table of one operation for each row.
-template <template <int> class Operation>
-constexpr auto perRow() {
-  return []<int... N>(std::integer_sequence<int, N...>) {
-    return std::array{Operation<N + 1>::function...};
-  }
-  (std::make_integer_sequence<int, kKltRowCount>());
+template <int... N>
+constexpr auto exactParsers(std::integer_sequence<int, N...>) {
+  return std::array<KLT_DecoderEntry::Parse, sizeof...(N)>{&parseExact<N + 1>...};
 }
-
-template <int N>
-struct ParseExact {
-  static constexpr KLT_DecoderEntry::Parse function = &parseExact<N>;
-};
-template <int N>
-struct EncodedBytes {
-  static constexpr size_t (*function)(const uint8_t*) = &KLT_Codec<N>::encodedBytes;
-};
-
-constexpr auto kParseExact = perRow<ParseExact>();
-constexpr auto kEncodedBytes = perRow<EncodedBytes>();
+constexpr auto kParseExact = exactParsers(std::make_integer_sequence<int, kKltRowCount>{});
 
 KLT_Parse corruptLayout(const char* text) {
   PAL_Error("%s", text);
@@ -306,6 +291,19 @@ KLT_Parse takeField(KLT_Input& input, size_t& done, KLT_StoredField& field) {
     return KLT_Parse::kNoData;
   }
   return KLT_Parse::kRecord;
+}
+
+// Enters a layout: with the row's own decoder if it equals the row.
+void setDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
+                bool genericOnly) {
+  KLT_MapLayout(*layout);
+  entry.row = layout->row == nullptr ? 0 : layout->row->number;
+  entry.isFast = layout->exact && !genericOnly;
+  entry.parse = entry.isFast ? kParseExact[entry.row - 1U] : &KLT_ParseGeneric;
+  const bool isStored =
+      layout->row == nullptr || layout->row->filter != KLT_FilterClass::kNeverStored;
+  if (!isStored) entry.parse = nullptr;
+  entry.layout = std::move(layout);
 }
 
 }  // namespace
@@ -380,24 +378,6 @@ KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input, KLT_
   return KLT_Parse::kRecord;
 }
 
-void KLT_SetDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
-                    bool genericOnly) {
-  KLT_MapLayout(*layout);
-  const unsigned row = layout->row == nullptr ? 0 : layout->row->number;
-  if (layout->exact && !genericOnly) {
-    entry.parse = kParseExact[row - 1];
-    entry.filter = KLT_FastFilter(row);
-  } else {
-    entry.parse = &KLT_ParseGeneric;
-    entry.filter = KLT_GenericFilter(row);
-  }
-  if (row != 0 && kKltRows[row - 1].filter == KLT_FilterClass::kNeverStored) {
-    entry.parse = nullptr;
-    entry.filter = nullptr;
-  }
-  entry.layout = std::move(layout);
-}
-
 KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool genericOnly) {
   const PAL_Place here;
   size_t done = 1;
@@ -414,10 +394,6 @@ KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool ge
     if (!layout->fields[j].isCount() && layout->fields[j].name == "time") layout->timeIndex = j;
   }
   input.advance(done);
-  if (number != 0) KLT_SetDecoder(table.entries[number], std::move(layout), genericOnly);
+  if (number != 0) setDecoder(table.entries[number], std::move(layout), genericOnly);
   return KLT_Parse::kRecord;
-}
-
-size_t KLT_EncodedBytes(const uint8_t* record) {
-  return kEncodedBytes[KLT_RecordNumber(record) - 1](record);
 }

@@ -24,19 +24,6 @@
 #include "klt/format/klt_schema.h"
 #include "klt/storage/klt_input.h"
 
-struct KLT_Stream;
-struct KLT_DecoderEntry;
-
-enum class KLT_Step : uint8_t {
-  kConsumed,      // the record is done with
-  kConsumedLast,  // the same, and the request ends with it
-  kAgain,         // the history came first; the record must be read once more
-  kLeaveRequest,  // it lies behind the request's end; nothing has changed
-  kNeedRoom,      // the packed records must be delivered first; nothing has changed
-  kNoData,        // the input ended inside it
-  kCorrupt,       // it can't be read
-};
-
 // How one stored field is read.
 struct KLT_StoredField {
   std::string name;         // empty for a count
@@ -62,14 +49,14 @@ struct KLT_StoredLayout {
   std::vector<size_t> count;
 };
 
-// What to do with one record number of the file at hand.
+// How records with one number of the file at hand are read.
 struct KLT_DecoderEntry {
   using Parse = KLT_Parse (*)(const KLT_DecoderEntry&, KLT_Input&, KLT_RecordBuffer&,
                               uint64_t& time, size_t& disk);
-  using Filter = KLT_Step (*)(KLT_Stream&, const KLT_DecoderEntry&);
 
-  Parse parse = nullptr;    // reads a record without any test
-  Filter filter = nullptr;  // the filter pass's operation; null: no such record
+  Parse parse = nullptr;  // reads a record without any test; null: no record has this number
+  uint8_t row = 0;        // which row they become; 0: none
+  bool isFast = false;    // by the row's own decoder
   std::unique_ptr<KLT_StoredLayout> layout;
 };
 
@@ -92,14 +79,3 @@ void KLT_MapLayout(KLT_StoredLayout& layout);
 // Parses the layout entry at input.at(), enters it and advances. kCorrupt after a report.
 [[nodiscard]] KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table,
                                             bool genericOnly);
-
-// The decoder entry of a mapped layout; with the row's own decoder if it is exact.
-void KLT_SetDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
-                    bool genericOnly);
-
-// Bytes in encoded form of a record, by its number.
-[[nodiscard]] size_t KLT_EncodedBytes(const uint8_t* record);
-
-// Operations per row for the decoder table; defined by the filter.
-[[nodiscard]] KLT_DecoderEntry::Filter KLT_FastFilter(unsigned row);
-[[nodiscard]] KLT_DecoderEntry::Filter KLT_GenericFilter(unsigned row);

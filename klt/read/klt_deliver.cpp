@@ -1,16 +1,16 @@
-// Calling handlers: the last step of every record.
+// Calling handlers: the last step of every record. See klt_deliver.h.
 //
 // How the fields of a row become arguments follows from the table. The few records whose handlers
 // don't take their fields one to one, and the structure records, which change the trace's tables
 // with or without a handler, stand at the end.
+#include "klt/read/klt_deliver.h"
 
 #include <array>
 #include <tuple>
 #include <utility>
 
-#include "klt/format/klt_codec.h"
+#include "klt/format/klt_record.h"
 #include "klt/read/klt_reader.h"
-#include "klt/stream/klt_stream.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 
@@ -59,7 +59,7 @@ const char* const* textArray(KLT_Reader& reader, const uint32_t* ids, size_t n, 
   if (texts.size() <= field) texts.resize(field + 1);
   std::vector<const char*>& array = texts[field];
   array.resize(n + 1);  // never empty: a handler gets a pointer
-  for (size_t i = 0; i < n; ++i) array[i] = KLT_StringOf(*reader.file, ids[i]);
+  for (size_t i = 0; i < n; ++i) array[i] = KLT_StringOf(*reader.pass.handle, ids[i]);
   return array.data();
 }
 
@@ -81,7 +81,7 @@ auto argument(KLT_Reader& reader, const uint8_t* record) {
     if constexpr (kind == klt::ArgumentKind::kText) {
       return Tuple{View::template array<char, field>(record)};
     } else if constexpr (kind == klt::ArgumentKind::kString) {
-      return Tuple{KLT_StringOf(*reader.file, View::template get32<field>(record))};
+      return Tuple{KLT_StringOf(*reader.pass.handle, View::template get32<field>(record))};
     } else if constexpr (kind == klt::ArgumentKind::kStrings) {
       return Tuple{textArray(reader, View::template array<uint32_t, field>(record),
                              View::template count<field>(record), F)};
@@ -99,7 +99,7 @@ auto argument(KLT_Reader& reader, const uint8_t* record) {
 template <int N, size_t... F>
 int callHandler(KLT_Reader& reader, const uint8_t* record, std::index_sequence<F...>) {
   constexpr int kLongest = klt::longestRow(kKltRows[N - 1].name);
-  const KLT_HandlerTable& handlers = reader.handlers;
+  const KLT_HandlerTable& handlers = reader.pass.handlers;
   const auto handler = handlers.*slotOf<N>();
   if (handler == nullptr) return 0;
   return std::apply(handler, std::tuple_cat(std::tuple{handlers.user_data},
@@ -113,7 +113,7 @@ int corruptedStructure() {
   return -1;
 }
 
-bool fillsTables(const KLT_Stream& s) { return s.reader->mode == KLT_MODE_INTERNAL; }
+bool fillsTables(const KLT_Stream& s) { return s.pass->fillsTables; }
 
 template <int N>
 PAL_Triplets tripletsOf(const uint8_t* record) {
@@ -130,7 +130,7 @@ int declareFile(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::fileDeclaration>;
   const std::string_view suffix(View::array<char, 3>(record), View::count<3>(record));
   if (!fillsTables(s)) return 0;
-  return KLT_AddFile(*s.handle, View::get32<0>(record), View::get32<1>(record), suffix)
+  return KLT_AddFile(*s.pass->handle, View::get32<0>(record), View::get32<1>(record), suffix)
              ? 0
              : corruptedStructure();
 }
@@ -138,7 +138,7 @@ int declareFile(KLT_Stream& s, const uint8_t* record) {
 int declareComponent(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::anchorFileDeclaration>;
   if (!fillsTables(s)) return 0;
-  KLT_AddComponent(*s.handle, View::get32<0>(record), View::get32<1>(record),
+  KLT_AddComponent(*s.pass->handle, View::get32<0>(record), View::get32<1>(record),
                    View::get32<2>(record), View::get32<3>(record));
   return 0;
 }
@@ -146,14 +146,14 @@ int declareComponent(KLT_Stream& s, const uint8_t* record) {
 int declareString(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
   using View = KLT_RecordView<KLT_Row::kltString>;
-  s.handle->strings.insert(View::get32<0>(record),
-                           std::string(View::array<char, 2>(record), View::count<2>(record)));
+  s.pass->handle->strings.insert(View::get32<0>(record),
+                                 std::string(View::array<char, 2>(record), View::count<2>(record)));
   return 0;
 }
 
 int declareWillyList(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  s.handle->willyLists.insert(
+  s.pass->handle->willyLists.insert(
       KLT_RecordView<KLT_Row::willyList>::get32<0>(record),
       std::make_unique<PAL_Triplets>(tripletsOf<KLT_Row::willyList>(record)));
   return 0;
@@ -163,7 +163,7 @@ void declareProcesses(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
   using View = KLT_RecordView<KLT_Row::processDeclaration>;
   const auto* counts = View::array<uint32_t, 1>(record);
-  s.handle->threadsPerProcess.assign(counts, counts + View::count<1>(record));
+  s.pass->handle->threadsPerProcess.assign(counts, counts + View::count<1>(record));
 }
 
 void declareGroup(KLT_Stream& s, const uint8_t* record) {
@@ -173,7 +173,7 @@ void declareGroup(KLT_Stream& s, const uint8_t* record) {
   group.name.assign(View::array<char, 2>(record), View::count<2>(record));
   const auto* members = View::array<uint32_t, 4>(record);
   group.members.assign(members, members + View::count<4>(record));
-  s.handle->groups.insert(View::get32<0>(record), std::move(group));
+  s.pass->handle->groups.insert(View::get32<0>(record), std::move(group));
 }
 
 int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
@@ -181,8 +181,8 @@ int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::communicatorDefinition>;
   const uint32_t id = View::get32<0>(record);
   const PAL_Triplets members = tripletsOf<KLT_Row::communicatorDefinition>(record);
-  s.handle->communicators.insert(id, members);
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  s.pass->handle->communicators.insert(id, members);
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.communicator_definition == nullptr) return 0;
   return handlers.communicator_definition(handlers.user_data, id, View::array<char, 2>(record),
                                           static_cast<uint32_t>(members.size()), members.data(),
@@ -191,20 +191,21 @@ int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
 
 int defineCounter(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::counterDefinition>;
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_definition == nullptr) return 0;
   constexpr uint32_t kDifferential = 0x80;
   const uint64_t bounds[2] = {klt::swapBytes(View::get64<4>(record)),
                               klt::swapBytes(View::get64<5>(record))};
   const uint32_t type = View::get32<2>(record) | (View::get32<3>(record) != 0 ? kDifferential : 0);
-  return handlers.counter_definition(
-      handlers.user_data, View::get32<0>(record), KLT_StringOf(*s.handle, View::get32<1>(record)),
-      type, bounds, View::get32<6>(record), View::get32<7>(record), View::array<char, 9>(record));
+  return handlers.counter_definition(handlers.user_data, View::get32<0>(record),
+                                     KLT_StringOf(*s.pass->handle, View::get32<1>(record)), type,
+                                     bounds, View::get32<6>(record), View::get32<7>(record),
+                                     View::array<char, 9>(record));
 }
 
 int tellSamples(KLT_Stream& s, uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::counterValue>;
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_value == nullptr) return 0;
   const uint32_t n = View::count<3>(record);
   auto* values = reinterpret_cast<uint64_t*>(record + View::arrayAt<3>(record));
@@ -216,7 +217,7 @@ int tellSamples(KLT_Stream& s, uint8_t* record) {
 template <int N>
 int tellStack(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<N>;
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.function_history == nullptr) return 0;
   const uint32_t* scls = nullptr;
   if constexpr (N == KLT_Row::functionHistoryScl) scls = View::template array<uint32_t, 3>(record);
@@ -227,7 +228,7 @@ int tellStack(KLT_Stream& s, const uint8_t* record) {
 
 int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_RecordView<KLT_Row::endOfFilter>;
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.end_of_filter == nullptr) return 0;
   const auto* numbers = View::array<int32_t, 3>(record);
   PAL_Triplets triplets(View::count<3>(record) / 3);
@@ -243,18 +244,19 @@ int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
 // theirs at one moment look like one. An end that nothing began is skipped too: it must not open
 // the way for an inner bracket.
 bool isOutermost(KLT_Reader& reader, bool begins) {
-  if (!reader.serial) return true;
+  if (!reader.pass.serial) return true;
   if (begins) return reader.historyDepth++ == 0;
   return reader.historyDepth != 0 && --reader.historyDepth == 0;
 }
 
-int tellBracket(KLT_Stream& s, const uint8_t* record, bool begins) {
-  if (!isOutermost(*s.reader, begins)) return 0;
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+int tellBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool begins) {
+  if (!isOutermost(reader, begins)) return 0;
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   const auto handler = begins ? handlers.begin_of_history : handlers.end_of_history;
   if (handler == nullptr) return 0;
-  const PAL_Triplets* willies = s.component == nullptr ? nullptr : s.component->willies;
-  return handler(handlers.user_data, KLT_RecordTime(record), s.categories,
+  const PAL_Triplets* willies =
+      s.source.component == nullptr ? nullptr : s.source.component->willies;
+  return handler(handlers.user_data, KLT_RecordTime(record), s.source.categories,
                  willies == nullptr ? 0 : static_cast<uint32_t>(willies->size()),
                  willies == nullptr ? nullptr : willies->data());
 }
@@ -266,7 +268,7 @@ int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
   if constexpr (N == KLT_Row::anchorFileDeclaration)
     return declareComponent(s, record);
   else if constexpr (N == KLT_Row::beginOfHistory)
-    return tellBracket(s, record, true);
+    return tellBracket(reader, s, record, true);
   else if constexpr (N == KLT_Row::communicatorDefinition)
     return defineCommunicator(s, record);
   else if constexpr (N == KLT_Row::counterDefinition)
@@ -276,7 +278,7 @@ int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
   else if constexpr (N == KLT_Row::endOfFilter)
     return tellEndOfFilter(s, record);
   else if constexpr (N == KLT_Row::endOfHistory)
-    return tellBracket(s, record, false);
+    return tellBracket(reader, s, record, false);
   else if constexpr (N == KLT_Row::fileDeclaration)
     return declareFile(s, record);
   else if constexpr (N == KLT_Row::functionHistory || N == KLT_Row::functionHistoryScl)

@@ -17,7 +17,11 @@
 #include <cstring>
 #include <optional>
 
+#include "klt/index/klt_generic.h"
+#include "klt/read/klt_deliver.h"
 #include "klt/read/klt_reader.h"
+#include "klt/stream/klt_filter.h"
+#include "klt/stream/klt_position.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -103,38 +107,25 @@ std::optional<KLT_StreamRequest> restrict(const KLT_Component& component,
   return own;
 }
 
-// Adds a request behind the stream's others, or widens the last one.
-void addRequest(KLT_Stream& stream, KLT_StreamRequest&& request) {
-  if (!stream.requests.empty()) {
-    KLT_StreamRequest& last = stream.requests.back();
-    if (last.categories == request.categories && request.start <= last.end &&
-        PAL_TripletsEqual(last.threads, request.threads)) {
-      last.end = std::max(last.end, request.end);
-      return;
-    }
-  }
-  stream.requests.push_back(std::move(request));
-}
-
-std::unique_ptr<KLT_Stream> makeStream(KLT_Reader& reader, const KLT_FileEntry* file) {
+std::unique_ptr<KLT_Stream> makeStream(KLT_Reader& reader, const KLT_FileEntry* file,
+                                       uint32_t categories) {
   auto stream = std::make_unique<KLT_Stream>();
-  stream->reader = &reader;
-  stream->handle = reader.file;
-  stream->file = file;
-  stream->serial = reader.serial;
+  stream->pass = &reader.pass;
+  stream->source.file = file;
+  stream->source.categories = categories;
   return stream;
 }
 
 void addWholeStream(KLT_Reader& reader, const KLT_FileEntry* file, uint32_t categories) {
-  auto stream = makeStream(reader, file);
-  stream->categories = categories;
-  KLT_StreamRequest& request = stream->requests.emplace_back();
+  auto stream = makeStream(reader, file, categories);
+  KLT_StreamRequest request;
   request.categories = request.asked = categories;
+  stream->requests.add(std::move(request));
   reader.streams.push_back(std::move(stream));
 }
 
 void addEventStreams(KLT_Reader& reader) {
-  for (KLT_Component* component : KLT_ComponentsInOrder(*reader.file)) {
+  for (KLT_Component* component : KLT_ComponentsInOrder(*reader.pass.handle)) {
     if (component->dataFile == nullptr) continue;
     if (component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kData) &&
         component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kStatistics)) {
@@ -146,28 +137,16 @@ void addEventStreams(KLT_Reader& reader) {
       std::optional<KLT_StreamRequest> own = restrict(*component, request);
       if (!own) continue;
       if (stream == nullptr) {
-        stream = makeStream(reader, component->dataFile);
-        stream->component = component;
-        stream->categories = component->categories;
+        stream = makeStream(reader, component->dataFile, component->categories);
+        stream->source.component = component;
       }
-      addRequest(*stream, std::move(*own));
+      stream->requests.add(std::move(*own));
     }
     if (stream != nullptr) reader.streams.push_back(std::move(stream));
   }
 }
 
-void noteRows(KLT_Stream& stream) {
-  uint32_t asked = 0;
-  for (const KLT_StreamRequest& request : stream.requests) asked |= request.categories;
-  for (const KLT_Row& row : kKltRows) {
-    stream.possible[row.number] =
-        ((asked | row.categories()) & kAny) != 0 || (asked & row.categories()) != 0;
-    stream.hasHandler[row.number] = KLT_HasHandler(stream.reader->handlers, row.number);
-  }
-}
-
 void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* const* requests) {
-  if (reader.mode != KLT_MODE_EVENTS) return;
   if (numRequests == 0) {
     reader.requests.emplace_back().categories = kAny;
     return;
@@ -187,40 +166,41 @@ void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* c
 
 // Opens the streams and, for delivery in time order, fills the first buffer of each.
 void openStreams(KLT_Reader& reader) {
-  if (reader.serial) reader.makeLanes();
-  for (const auto& stream : reader.streams) {
-    if (stream->io == nullptr && !KLT_StreamOpen(*stream)) {
-      stream->status = kKltStreamFailed;
-      stream->filled = true;
-      continue;
-    }
-    reader.bytesTotal += stream->input.length();
-    if (!reader.serial) continue;
-    if (KLT_FillStream(*stream) == KLT_Fill::kFailed) stream->status = kKltStreamFailed;
-    stream->filled = true;
+  KLT_PrepareDelivery(reader);
+  for (size_t i = 0; i < reader.streams.size(); ++i) {
+    KLT_Stream& stream = *reader.streams[i];
+    const bool isOpen = stream.source.io != nullptr || KLT_StreamOpen(stream);
+    if (isOpen) reader.bytesTotal += stream.input.length();
+    if (!reader.pass.serial) continue;
+    if (isOpen) (void)KLT_FillStream(stream);
+    reader.lanes[i].isFilled = true;
   }
 }
 
-}  // namespace
-
-bool KLT_OpenIndexStream(KLT_Reader& reader, KLT_Stream& stream) {
-  KLT_FileHandle& handle = *reader.file;
+// Opens the index and reads its header; part of building a reader of mode 4. False after a report.
+bool openIndexStream(KLT_Reader& reader) {
+  KLT_FileHandle& handle = *reader.pass.handle;
+  KLT_Stream& stream = *reader.streams.front();
   errno = 0;
-  stream.io = KLT_IoOpen(handle.container, handle.base.c_str());
-  if (stream.io == nullptr) {
+  KLT_IoFile* file = KLT_IoOpen(handle.container, handle.base.c_str());
+  stream.source.io = file;
+  if (file == nullptr) {
     PAL_Perror(handle.base.c_str());
     return refuse("Could not open indexfile %s for reading.\nAborting.", handle);
   }
-  const int64_t came = KLT_IoRead(stream.io, handle.header, kHeader.size());
+  const int64_t came = KLT_IoRead(file, handle.header, kHeader.size());
   if (!acceptHeader(handle, came < 0 ? 0 : static_cast<size_t>(came))) return false;
   handle.decoders = std::make_unique<KLT_DecoderTable>();
   handle.genericOnly = genericOnlyAsked();
-  stream.firstOffset = kHeader.size();
-  if (!stream.input.attach(stream.io, handle.base.c_str(), "", stream.firstOffset)) {
+  stream.source.firstOffset = kHeader.size();
+  if (!stream.input.attach(file, handle.base.c_str(), "", kHeader.size())) {
     return refuse("File %s is corrupted.\nAborting.", handle);
   }
+  (void)KLT_EnterRequest(stream);
   return true;
 }
+
+}  // namespace
 
 bool KLT_IsTrace(const char* name) {
   KLT_Container* container = KLT_ContainerOpen(nullptr, name, O_RDONLY, 0);
@@ -255,15 +235,20 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
                            const KLT_Request* const* requests, const KLT_HandlerTable* table,
                            int serial) {
   auto reader = std::make_unique<KLT_Reader>();
-  reader->file = handle;
-  reader->mode = mode == KLT_MODE_EVENTS_ONCE ? KLT_MODE_EVENTS : mode;
-  reader->once = mode == KLT_MODE_EVENTS_ONCE;
-  reader->serial = serial != 0;
-  reader->handlers = *table;
-  copyRequests(*reader, numRequests, requests);
+  reader->pass.handle = handle;
+  reader->pass.handlers = *table;
+  reader->pass.serial = serial != 0;
+  reader->pass.once = mode == KLT_MODE_EVENTS_ONCE;
+  reader->pass.fillsTables = mode == KLT_MODE_INTERNAL;
+  for (const KLT_Row& row : kKltRows) {
+    reader->pass.hasHandler[row.number] = KLT_HasHandler(*table, row.number);
+  }
+  if (mode == KLT_MODE_EVENTS || mode == KLT_MODE_EVENTS_ONCE) {
+    copyRequests(*reader, numRequests, requests);
+  }
   if (mode == KLT_MODE_INTERNAL) {
     addWholeStream(*reader, nullptr, klt::kInternal);
-    if (!KLT_OpenIndexStream(*reader, *reader->streams.front())) {
+    if (!openIndexStream(*reader)) {
       KLT_CloseReader(reader.release());
       return nullptr;
     }
@@ -274,8 +259,6 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
   } else {
     addEventStreams(*reader);
   }
-  for (const auto& stream : reader->streams) noteRows(*stream);
-  if (mode == KLT_MODE_INTERNAL) (void)KLT_EnterRequest(*reader->streams.front(), 0);
   openStreams(*reader);
   return reader.release();
 }

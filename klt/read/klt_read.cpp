@@ -9,7 +9,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "klt/read/klt_deliver.h"
 #include "klt/read/klt_reader.h"
+#include "klt/stream/klt_filter.h"
+#include "klt/stream/klt_position.h"
 #include "util/pal_mem.h"
 
 namespace {
@@ -18,16 +21,24 @@ constexpr int kNoStatus = -2;  // go on
 
 enum class Swap : uint8_t { kReady, kFinished, kFailed };
 
+// The last one of a list takes the place of the one that leaves it.
+template <class T>
+void removeAt(std::vector<T>& list, size_t index) {
+  std::swap(list[index], list.back());
+  list.pop_back();
+}
+
 void removeStream(KLT_Reader& reader, size_t index) {
   KLT_Stream& stream = *reader.streams[index];
-  reader.lostData = reader.lostData || stream.lostData;
+  reader.lostData = reader.lostData || stream.source.lostData;
   reader.bytesDone += stream.input.bytesTaken();
   KLT_StreamClose(stream);
-  std::swap(reader.streams[index], reader.streams.back());
-  reader.streams.pop_back();
-  if (reader.lanes.empty()) return;
-  reader.lanes[index] = reader.lanes.back();
-  reader.lanes.pop_back();
+  removeAt(reader.streams, index);
+  if (reader.pass.serial) {
+    removeAt(reader.lanes, index);
+  } else {
+    removeAt(reader.turns, index);
+  }
 }
 
 int afterFailure(const KLT_Reader& reader) {
@@ -39,21 +50,21 @@ int afterFailure(const KLT_Reader& reader) {
 Swap swapIn(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];
   KLT_Stream& stream = *lane.stream;
-  if (!stream.filled) {
+  if (!lane.isFilled) {
     if (lane.next < lane.end) return Swap::kReady;
-    if (KLT_FillStream(stream) == KLT_Fill::kFailed) stream.status = kKltStreamFailed;
+    (void)KLT_FillStream(stream);
   }
-  stream.filled = false;
+  lane.isFilled = false;
   ++reader.fills;
-  if (stream.status < 0 || stream.packed.empty()) {
-    const bool failed = stream.status < 0;
+  if (stream.source.failed || stream.packed.records.empty()) {
+    const bool failed = stream.source.failed;
     removeStream(reader, index);
     return failed ? Swap::kFailed : Swap::kFinished;
   }
-  lane.next = stream.packed.data();
-  lane.end = lane.next + stream.packed.used();
+  lane.next = stream.packed.records.data();
+  lane.end = lane.next + stream.packed.records.used();
   lane.nextTime = KLT_RecordTime(lane.next);
-  lane.lastTime = stream.outTime;
+  lane.lastTime = stream.packed.outTime;
   return Swap::kReady;
 }
 
@@ -238,53 +249,62 @@ int readInOrder(KLT_Reader& reader) {
   return status == kNoStatus ? KLT_STATUS_FINISHED : status;
 }
 
-// Streams take turns; the first turn of each is short.
+// Streams take turns.
 int readInTurns(KLT_Reader& reader) {
-  int status = KLT_STATUS_TIME;
-  for (size_t turn = 0; turn < reader.streams.size();) {
-    KLT_Stream& stream = *reader.streams[turn];
-    stream.turnRecords = 0;
-    const KLT_Fill fill = stream.status < 0 ? KLT_Fill::kFailed : KLT_FillStream(stream);
-    stream.hadTurn = true;
+  for (size_t at = 0; at < reader.streams.size();) {
+    KLT_Stream& stream = *reader.streams[at];
+    KLT_StreamTurn& turn = *reader.turns[at];
+    turn.begin();
+    const KLT_Fill fill = stream.source.failed ? KLT_Fill::kFailed : KLT_FillStream(stream);
+    turn.end();
     switch (fill) {
       case KLT_Fill::kTurnOver:
-        ++turn;
+        ++at;
         break;
       case KLT_Fill::kStopped:
-        stream.stopped = false;
         return KLT_STATUS_HANDLER;
       case KLT_Fill::kFailed:
-        removeStream(reader, turn);
-        status = KLT_STATUS_CORRUPTED;
-        break;
+        removeStream(reader, at);
+        return KLT_STATUS_CORRUPTED;
       case KLT_Fill::kFilled:
-        if (stream.finished()) removeStream(reader, turn);
+        removeStream(reader, at);
         break;
     }
-    if (status == KLT_STATUS_CORRUPTED) return status;
   }
-  return reader.streams.empty() ? KLT_STATUS_FINISHED : status;
+  return reader.streams.empty() ? KLT_STATUS_FINISHED : KLT_STATUS_TIME;
 }
 
 }  // namespace
 
-void KLT_Reader::makeLanes() {
-  lanes.resize(streams.size());
-  for (size_t i = 0; i < streams.size(); ++i) lanes[i].stream = streams[i].get();
+void KLT_StreamTurn::take(uint8_t* record) {
+  if (KLT_Deliver(reader_, stream_, record) != 0) isStopped_ = true;
+  ++records_;
 }
 
-bool KLT_Reader::turnIsOver(KLT_Stream& stream) {
-  if (stream.turnRecords < KLT_TimeLimit::kRecordsPerCheck) return false;
-  if (!stream.hadTurn) return true;
-  stream.turnRecords = 0;
-  return limit.reached();
+KLT_Turn::State KLT_StreamTurn::state() {
+  if (isStopped_) return State::kStopped;
+  if (records_ < KLT_TimeLimit::kRecordsPerCheck) return State::kGoesOn;
+  if (!wasServed_) return State::kOver;
+  records_ = 0;
+  return reader_.limit.reached() ? State::kOver : State::kGoesOn;
+}
+
+void KLT_PrepareDelivery(KLT_Reader& reader) {
+  for (const auto& stream : reader.streams) {
+    if (reader.pass.serial) {
+      reader.lanes.emplace_back().stream = stream.get();
+    } else {
+      reader.turns.push_back(std::make_unique<KLT_StreamTurn>(reader, *stream));
+      stream->packed.turn = reader.turns.back().get();
+    }
+  }
 }
 
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
   const PAL_Place here;
   reader->limit.start(timeoutMs);
   countRecordsAnew(*reader);
-  reader->status = reader->serial ? readInOrder(*reader) : readInTurns(*reader);
+  reader->status = reader->pass.serial ? readInOrder(*reader) : readInTurns(*reader);
   return reader->status;
 }
 
@@ -294,9 +314,9 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
-  if (reader->bytesTotal == 0) return reader->serial ? 1.0 : 0.0;
+  if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
   // What was skipped so far, whole streams or all in front of a window, is no progress.
-  if (reader->serial && !reader->hasDelivered) return 0.0;
+  if (reader->pass.serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
   std::vector<size_t> inSlice(reader->streams.size());  // bytes
   reader->slice.eachWaiting([&](size_t position, const uint8_t* record) {
@@ -306,23 +326,23 @@ double KLT_Progress(const KLT_Reader* reader) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
-    const uint64_t before = std::min(taken, stream.takenBefore);
-    size_t waiting = stream.packed.used();
+    const uint64_t before = std::min(taken, stream.packed.takenBefore);
+    const KLT_RecordBuffer& packed = stream.packed.records;
+    size_t waiting = packed.used();
     if (i < reader->lanes.size() && reader->lanes[i].next != nullptr) {
       const KLT_Lane& lane = reader->lanes[i];
       waiting = inSlice[i] + static_cast<size_t>(lane.end - lane.next);
     }
     const double delivered =
-        stream.packed.empty()
-            ? 1.0
-            : 1.0 - static_cast<double>(waiting) / static_cast<double>(stream.packed.used());
+        packed.empty() ? 1.0
+                       : 1.0 - static_cast<double>(waiting) / static_cast<double>(packed.used());
     done += static_cast<double>(before) + static_cast<double>(taken - before) * delivered;
   }
   return std::min(1.0, done / static_cast<double>(reader->bytesTotal));
 }
 
 bool KLT_ReaderLostData(const KLT_Reader* reader) {
-  return reader->lostData || reader->file->lostData ||
+  return reader->lostData || reader->pass.handle->lostData ||
          std::any_of(reader->streams.begin(), reader->streams.end(),
-                     [](const auto& stream) { return stream->lostData; });
+                     [](const auto& stream) { return stream->source.lostData; });
 }

@@ -15,6 +15,9 @@
 #include "klt/read/klt_slice.h"
 #include "klt/stream/klt_stream.h"
 
+struct KLT_Reader;
+class KLT_StreamTurn;
+
 // The limit of one call, checked every few records.
 class KLT_TimeLimit {
  public:
@@ -40,18 +43,38 @@ class KLT_TimeLimit {
   int64_t end_ = 0;
 };
 
+// The turns of a stream that isn't merged with others: it delivers its records as they pass the
+// filter. Its first turn is short.
+class KLT_StreamTurn final : public KLT_Turn {
+ public:
+  KLT_StreamTurn(KLT_Reader& reader, KLT_Stream& stream) : reader_(reader), stream_(stream) {}
+
+  // Begins a turn.
+  void begin() { records_ = 0; }
+  void end() {
+    wasServed_ = true;
+    isStopped_ = false;
+  }
+  void take(uint8_t* record) override;
+  [[nodiscard]] State state() override;
+
+ private:
+  KLT_Reader& reader_;
+  KLT_Stream& stream_;
+  uint32_t records_ = 0;  // of this turn, since the clock was looked at
+  bool wasServed_ = false;
+  bool isStopped_ = false;  // by a handler
+};
+
 struct KLT_Reader {
-  KLT_FileHandle* file = nullptr;
-  int mode = KLT_MODE_DEFINITIONS;  // KLT_MODE_EVENTS for both modes of events
-  bool once = false;                // KLT_MODE_EVENTS_ONCE
-  bool serial = true;
-  KLT_HandlerTable handlers;
+  KLT_Pass pass;
   std::vector<KLT_Request> requests;                 // normalised
   std::vector<std::unique_ptr<KLT_Stream>> streams;  // in the order in which ties are decided
   int status = KLT_STATUS_BUILT;
-  int historyDepth = 0;  // open history brackets, of which one is shown
   bool lostData = false;
-  std::unordered_set<uint32_t> reportedCommunicators;
+  int historyDepth = 0;  // open history brackets, of which one is shown
+  // Scratch for arrays of texts, one vector for each array of a record.
+  std::vector<std::vector<const char*>> texts;
 
   // Delivery in time order.
   std::vector<KLT_Lane> lanes;  // of each stream
@@ -61,19 +84,15 @@ struct KLT_Reader {
   KLT_TimeLimit limit;
   uint64_t recordsToLook = 0;  // until the clock is asked whether the time of the call is up
 
+  // Delivery stream by stream.
+  std::vector<std::unique_ptr<KLT_StreamTurn>> turns;  // of each stream
+
   // Progress: whether delivery in time order has begun, bytes read of streams that are gone, and
   // all bytes there are.
   bool hasDelivered = false;
   uint64_t bytesDone = 0;
   uint64_t bytesTotal = 0;
-
-  // Scratch for arrays of texts, one vector for each array of a record.
-  std::vector<std::vector<const char*>> texts;
-
-  // Once all streams are there, for delivery in time order.
-  void makeLanes();
-  [[nodiscard]] bool turnIsOver(KLT_Stream& stream);
 };
 
-// Opens the index and reads its header; part of building a reader of mode 4. False after a report.
-[[nodiscard]] bool KLT_OpenIndexStream(KLT_Reader& reader, KLT_Stream& stream);
+// Prepares delivery, once all streams are there.
+void KLT_PrepareDelivery(KLT_Reader& reader);

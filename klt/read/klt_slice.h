@@ -27,6 +27,7 @@ struct alignas(64) KLT_Lane {
   uint64_t lastTime = 0;           // of the last record ahead of `end`
   uint8_t* beforeSlice = nullptr;  // `next` before the last slice was gathered
   KLT_Stream* stream = nullptr;
+  bool isFilled = false;  // the stream has been filled, and its records aren't in here yet
 };
 
 class KLT_Slice {

@@ -1,8 +1,10 @@
-// Seek points: loading them, choosing among them, and rebuilding the context at one.
+// Seek points: loading them, choosing among them, and rebuilding the context at one. See
+// klt_anchor.h.
 //
 // An anchor file holds groups: history records, then one `anchor` that says at which offset of the
 // data file reading can start and with which running time. Loading notes where each group stands;
 // only the group that is used is read again.
+#include "klt/stream/klt_anchor.h"
 
 #include <algorithm>
 #include <string>
@@ -10,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "klt/read/klt_reader.h"
-#include "klt/stream/klt_stream.h"
+#include "klt/index/klt_generic.h"
+#include "klt/stream/klt_select.h"
 #include "util/pal_error.h"
 
 namespace {
@@ -126,8 +128,8 @@ class Replay {
   // Takes over the call stacks of the group, and notes its entries.
   void readGroup(const KLT_Anchor& anchor) {
     OpenInput group;
-    if (!group.open(*s_.handle, *s_.component->dataFile, true)) {
-      noteUnopened(*s_.component->dataFile, true);
+    if (!group.open(*s_.pass->handle, *s_.source.component->dataFile, true)) {
+      noteUnopened(*s_.source.component->dataFile, true);
       return;
     }
     if (!group.input.seek(anchor.historyOffset)) {
@@ -138,15 +140,16 @@ class Replay {
     group.input.setLimit(end);
     KLT_RecordBuffer record;
     while (group.input.position() < end) {
-      const Walk walk = nextRecord(*s_.handle, group.input, record);
+      const Walk walk = nextRecord(*s_.pass->handle, group.input, record);
       if (walk == Walk::kEnd) {
         noteLoss(group.input);
         return;
       }
       if (walk == Walk::kCorrupt) {
         PAL_Error("Found corrupted data while unpacking %s.%s (rectype %i, offset %u).",
-                  PAL_Printable(s_.handle->base).c_str(), PAL_Printable(s_.suffix()).c_str(),
-                  *group.input.at(), static_cast<unsigned>(group.input.bufferPosition()));
+                  PAL_Printable(s_.pass->handle->base).c_str(),
+                  PAL_Printable(s_.source.suffix()).c_str(), *group.input.at(),
+                  static_cast<unsigned>(group.input.bufferPosition()));
         return;
       }
       const unsigned number = KLT_RecordNumber(record.data());
@@ -162,15 +165,15 @@ class Replay {
   }
 
   void noteUnopened(const KLT_FileEntry& file, bool anchors) {
-    KLT_ReportUnopened(KLT_ComponentName(*s_.handle, file, anchors));
-    s_.lostData = true;
+    KLT_ReportUnopened(KLT_ComponentName(*s_.pass->handle, file, anchors));
+    s_.source.lostData = true;
   }
 
   template <int N>
   void pushStack(const uint8_t* record) {
     using View = KLT_RecordView<N>;
     if ((categories_ & klt::kFunctions) == 0) return;
-    KLT_WillyState& state = s_.context.of(View::template get32<0>(record));
+    KLT_WillyState& state = s_.history.context.of(View::template get32<0>(record));
     const auto* functions = View::template array<uint32_t, 2>(record);
     for (uint32_t i = 0; i < View::template count<2>(record); ++i) {
       uint32_t scl = 0;
@@ -189,7 +192,7 @@ class Replay {
     const auto* times = View::array<uint64_t, 3>(record);
     for (uint32_t i = 0; i < n; ++i) {
       if (offsets[i] == ~uint64_t{0}) continue;
-      const std::unique_ptr<KLT_FileEntry>* file = s_.handle->files.find(files[i]);
+      const std::unique_ptr<KLT_FileEntry>* file = s_.pass->handle->files.find(files[i]);
       if (file == nullptr) {
         reportEntry(nullptr, 0, offsets[i]);
         continue;
@@ -228,24 +231,27 @@ class Replay {
     usable_ = !isCompressed(file);
     if (!usable_) return true;
     constexpr size_t kReadAtOnce = 0x400;
-    if (!data_.open(*s_.handle, file, false)) return false;
+    if (!data_.open(*s_.pass->handle, file, false)) return false;
     data_.input.setBlock(kReadAtOnce);
     return true;
   }
 
   // What the window should have been told at its start can't be read.
-  void noteLoss(const KLT_Input& input) { s_.lostData = s_.lostData || input.ended(); }
+  void noteLoss(const KLT_Input& input) {
+    s_.source.lostData = s_.source.lostData || input.ended();
+  }
 
   [[nodiscard]] bool isCompressed(const KLT_FileEntry& file) const {
-    if (!s_.handle->compressed(KLT_FileHandle::kCompressible)) return false;
-    return std::any_of(
-        s_.handle->components.begin(), s_.handle->components.end(), [&](const auto& component) {
-          return component->dataFile == &file && s_.handle->compressed(component->categories);
-        });
+    if (!s_.pass->handle->compressed(KLT_FileHandle::kCompressible)) return false;
+    return std::any_of(s_.pass->handle->components.begin(), s_.pass->handle->components.end(),
+                       [&](const auto& component) {
+                         return component->dataFile == &file &&
+                                s_.pass->handle->compressed(component->categories);
+                       });
   }
 
   void reportEntry(const KLT_FileEntry* file, unsigned number, uint64_t offset) const {
-    KLT_ReportCorrupted(*s_.handle, file == nullptr ? "" : file->suffix, number, offset);
+    KLT_ReportCorrupted(*s_.pass->handle, file == nullptr ? "" : file->suffix, number, offset);
   }
 
   void replayRecord(uint64_t offset, uint64_t time, uint64_t behind) {
@@ -254,13 +260,13 @@ class Replay {
       reportEntry(file_, 0, offset);
       return;
     }
-    if (file_ == s_.file && offset >= behind) return;  // the stream comes to it
+    if (file_ == s_.source.file && offset >= behind) return;  // the stream comes to it
     if (!input.seek(offset) || !input.ensure(1)) {
       noteLoss(input);
       return;
     }
     const unsigned number = *input.at();
-    const KLT_DecoderEntry& entry = s_.handle->decoders->entries[number];
+    const KLT_DecoderEntry& entry = s_.pass->handle->decoders->entries[number];
     input.advance(1);
     size_t disk = 0;
     record_.clear();
@@ -279,7 +285,7 @@ class Replay {
     }
     const KLT_Row& row = *KLT_RowOf(KLT_RecordNumber(record_.data()));
     if ((row.categories() & categories_) == 0) return;
-    if (time >= s_.start) return;  // no history of this window
+    if (time >= s_.filter.start) return;  // no history of this window
     if (KLT_ThreadsSelected(s_, record_.data())) KLT_UpdateContext(s_, record_.data());
   }
 
@@ -294,9 +300,8 @@ class Replay {
   KLT_RecordBuffer record_;
 };
 
-}  // namespace
-
-void KLT_LoadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
+// Loads the anchors of a component, once. Damaged ones are reported and ignored.
+void loadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
   if (component.anchorsLoaded) return;
   component.anchorsLoaded = true;
   if (component.anchorFile == nullptr) return;
@@ -306,14 +311,16 @@ void KLT_LoadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
   ignoreAnchors(handle, component);
 }
 
+}  // namespace
+
 void KLT_PlanRequests(KLT_Stream& s) {
-  KLT_Component& component = *s.component;
-  KLT_LoadAnchors(*s.handle, component);
+  KLT_Component& component = *s.source.component;
+  loadAnchors(*s.pass->handle, component);
   if (s.input.compressed()) return;
   if (!component.anchors.empty() && component.anchors.back().offset > s.input.length()) {
-    ignoreAnchors(*s.handle, component);
+    ignoreAnchors(*s.pass->handle, component);
   }
-  for (KLT_StreamRequest& request : s.requests) {
+  for (KLT_StreamRequest& request : s.requests.all()) {
     const auto& anchors = component.anchors;
     request.anchor = anchorBefore(anchors, request.start);
     const auto first =

@@ -1,13 +1,13 @@
-// Telling a consumer what was going on when its request begins, and moving from one request to the
-// next.
+// Telling a consumer what was going on when its request begins, and what goes where it ends. See
+// klt_history.h.
+#include "klt/stream/klt_history.h"
 
 #include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "klt/format/klt_codec.h"
-#include "klt/read/klt_reader.h"
-#include "klt/stream/klt_stream.h"
+#include "klt/stream/klt_select.h"
 
 namespace {
 
@@ -17,9 +17,6 @@ using klt::kCounters;
 using klt::kFunctions;
 using klt::kMessages;
 using klt::kScopes;
-
-// What a history of everything tells.
-constexpr uint32_t kAllHistory = klt::kWholeSelection & ~klt::kDeclarations;
 
 // Samples are told in the order of a table with this many buckets.
 constexpr uint32_t kCounterBuckets = 11;
@@ -115,7 +112,7 @@ bool hasDeliveredCollective(const KLT_Stream& s, const KLT_StreamRequest& reques
   const bool isUnderWay = time < request.end && operation.end > request.start;
   if (!isUnderWay || (time < request.start && request.threads.empty())) return false;
   if (!request.testThreads) return true;
-  const PAL_Triplets* members = s.handle->communicators.find(operation.partner);
+  const PAL_Triplets* members = s.pass->handle->communicators.find(operation.partner);
   return members != nullptr && PAL_TripletsOverlap(*members, request.threads);
 }
 
@@ -130,10 +127,11 @@ bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t
 // consumer gathers all of them.
 template <class HasDelivered>
 bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered hasDelivered) {
-  uint64_t start = s.current().start;
-  for (size_t i = s.request; i-- > 0;) {
-    const KLT_StreamRequest& request = s.requests[i];
-    if (request.end != start && !s.reader->once) return false;
+  const std::span<const KLT_StreamRequest> earlier = s.requests.earlier();
+  uint64_t start = s.requests.current().start;
+  for (size_t i = earlier.size(); i-- > 0;) {
+    const KLT_StreamRequest& request = earlier[i];
+    if (request.end != start && !s.pass->once) return false;
     if ((KLT_StoredCategories(s, request.categories) & category) != 0 && hasDelivered(request)) {
       return true;
     }
@@ -154,7 +152,7 @@ void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state
   });
   for (const auto* sample : ordered) {
     const bool known =
-        s.reader->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {
+        s.pass->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {
           return hasDeliveredSample(request, state.gtp, sample->value.time);
         });
     if (known) continue;
@@ -190,27 +188,27 @@ void addCollectives(const KLT_Stream& s, Gathered& out, const KLT_WillyState& st
 // Gives the collective operations under way to the threads with whose state they are told: the
 // first member of the communicator that the request selects.
 void assignCollectives(KLT_Stream& s) {
-  for (const auto& state : s.context.states()) state->operations.clear();
-  for (const KLT_StoredRecord& operation : s.context.collectives().records()) {
+  for (const auto& state : s.history.context.states()) state->operations.clear();
+  for (const KLT_StoredRecord& operation : s.history.context.collectives().records()) {
     const int64_t member = KLT_CommonMember(s, operation.partner);
     if (member < 0) continue;
-    s.context.of(static_cast<uint32_t>(member)).operations.push_back(&operation);
+    s.history.context.of(static_cast<uint32_t>(member)).operations.push_back(&operation);
   }
 }
 
 void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
-  const KLT_StreamRequest& request = s.current();
-  const KLT_HandlerTable& handlers = s.reader->handlers;
+  const KLT_StreamRequest& request = s.requests.current();
+  const KLT_HandlerTable& handlers = s.pass->handlers;
   const uint32_t stored = KLT_StoredCategories(s, request.categories);
   if ((stored & kCollops) != 0) assignCollectives(s);
-  for (const KLT_WillyState* state : s.context.ordered(*s.handle)) {
+  for (const KLT_WillyState* state : s.history.context.ordered(*s.pass->handle)) {
     const auto gtp = static_cast<int32_t>(state->gtp);
-    const bool isAdded = PAL_TripletsContains(s.addedThreads, gtp);
+    const bool isAdded = PAL_TripletsContains(s.history.addedThreads, gtp);
     if (!isAdded && !tellsStateOf(request, state->gtp)) continue;
-    const uint32_t mask = isAdded ? stored : s.addedCategories;
+    const uint32_t mask = isAdded ? stored : s.history.addedCategories;
     // What is under way: a thread that is added may take part in what has been delivered already.
     const uint32_t underWay = isAdded ? stored : untold;
-    const bool onlyNew = isAdded || s.reader->once;
+    const bool onlyNew = isAdded || s.pass->once;
     if ((mask & kFunctions) != 0 && handlers.function_history != nullptr &&
         !state->functions.empty()) {
       addFunctions(out, *state, request.start);
@@ -228,44 +226,44 @@ void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
 
 template <int N>
 void passBracket(KLT_Stream& s, uint64_t time) {
-  const RecordWriter<N> record(s.packed, time);
-  KLT_PassOn(s, record.bytes(), 2, time);
+  const RecordWriter<N> record(s.packed.records, time);
+  s.packed.add(record.bytes(), 2, time);
 }
 
 void passGathered(KLT_Stream& s, Gathered& gathered) {
   for (size_t at = 0; at < gathered.records.used();) {
     const uint8_t* record = gathered.records.data() + at;
     const size_t bytes = KLT_RecordBytes(record);
-    std::memcpy(s.packed.reserve(bytes), record, bytes);
-    KLT_PassOn(s, bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
+    std::memcpy(s.packed.records.reserve(bytes), record, bytes);
+    s.packed.add(bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
     at += bytes;
   }
 }
 
 void markDone(KLT_Stream& s) {
-  s.addedCategories = 0;
-  s.addedThreads.clear();
-  s.historyDone = true;
-  s.keepContext = s.request + 1 < s.requests.size();
+  s.history.addedCategories = 0;
+  s.history.addedThreads.clear();
+  s.history.done = true;
+  s.history.keepContext = s.requests.following() != nullptr;
 }
 
 // Drops what can't be part of the history at `time`.
 void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
   if ((categories & (kAny | kMessages)) != 0) {
-    for (const auto& state : s.context.states()) state->messages.prune(time);
+    for (const auto& state : s.history.context.states()) state->messages.prune(time);
   }
-  if ((categories & (kAny | kCollops)) != 0) s.context.collectives().prune(time);
+  if ((categories & (kAny | kCollops)) != 0) s.history.context.collectives().prune(time);
 }
 
 // An end_of_filter for what the request selected and the one behind it doesn't. No threads means
 // all of them.
 void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
                      const PAL_Triplets& threads) {
-  if (s.reader->handlers.end_of_filter == nullptr) return;
+  if (s.pass->handlers.end_of_filter == nullptr) return;
   // Without time order this may come ahead of other streams' records: it must close nothing that
   // isn't this stream's, such as calls where it holds comments only.
-  if (!s.serial) categories &= s.categories;
-  RecordWriter<KLT_Row::endOfFilter> record(s.packed, time);
+  if (!s.pass->serial) categories &= s.source.categories;
+  RecordWriter<KLT_Row::endOfFilter> record(s.packed.records, time);
   record.set<1>(categories);
   record.set<2>(static_cast<uint32_t>(3 * threads.size()));
   auto* willies = record.array<uint32_t>(3 * threads.size());
@@ -274,86 +272,69 @@ void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
     *willies++ = static_cast<uint32_t>(triplet.last);
     *willies++ = static_cast<uint32_t>(triplet.stride);
   }
-  KLT_PassOn(s, record.bytes(), KLT_EncodedBytes(s.packed.tail()) - 1, time);
+  s.packed.add(record.bytes(), KLT_EncodedBytes(s.packed.records.tail()) - 1, time);
 }
 
 bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
 
 }  // namespace
 
-bool KLT_TellsCounters(const KLT_StreamRequest& request) {
-  return (request.asked & kCounters) != 0 && (request.asked & (kAny | kMessages | kCollops)) == 0;
-}
-
-uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask) {
-  return ((mask & kAny) != 0 ? kAllHistory : mask) & stream.categories;
-}
-
 bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
-  const KLT_StreamRequest& request = s.current();
+  const KLT_StreamRequest& request = s.requests.current();
   if (request.threads.empty()) {
     markDone(s);
     return true;
   }
-  const uint32_t untold = KLT_StoredCategories(s, request.categories) & ~s.historyClean;
+  const uint32_t untold = KLT_StoredCategories(s, request.categories) & ~s.history.clean;
   pruneContext(s, request.categories, request.start);
-  const uint32_t known = (request.categories & kAny) != 0 ? kAllHistory : request.categories | kAny;
-  const bool brackets = s.reader->handlers.begin_of_history != nullptr &&
-                        s.reader->handlers.end_of_history != nullptr;
+  const uint32_t known =
+      (request.categories & kAny) != 0 ? kKltAllHistory : request.categories | kAny;
+  const bool brackets =
+      s.pass->handlers.begin_of_history != nullptr && s.pass->handlers.end_of_history != nullptr;
   Gathered gathered;
-  if ((untold != 0 || s.addedCategories != 0 || !s.addedThreads.empty()) && !s.context.empty()) {
+  if ((untold != 0 || s.history.addedCategories != 0 || !s.history.addedThreads.empty()) &&
+      !s.history.context.empty()) {
     gather(s, untold, brackets, gathered);
   }
   if (gathered.encoded != 0) {
     constexpr size_t kBracketBytes = 15;
     constexpr size_t kTimeRecord = 9;
-    const size_t needed =
-        s.packedBytes + gathered.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
-    if (needed > s.packedCapacity && s.serial && !force) {
-      if (s.packedBytes != 0) return false;
-      s.packedCapacity = needed;
-    }
+    const size_t needed = gathered.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
+    if (!force && !s.packed.makeRoom(needed)) return false;
     if (brackets) passBracket<KLT_Row::beginOfHistory>(s, request.start);
     passGathered(s, gathered);
     if (brackets) passBracket<KLT_Row::endOfHistory>(s, request.start);
   }
-  s.historyClean = known;
+  s.history.clean = known;
   markDone(s);
   return true;
 }
 
-bool KLT_NextRequest(KLT_Stream& s) {
-  if (!s.historyDone) (void)KLT_ProduceHistory(s, 0, true);
-  const KLT_StreamRequest& ended = s.current();
-  const size_t next = s.request + 1;
-  if (next < s.requests.size() && s.requests[next].start == ended.end) {
-    const KLT_StreamRequest& following = s.requests[next];
-    s.historyClean &=
-        (following.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : following.categories;
-    const PAL_Triplets threads = following.threads.empty()
-                                     ? PAL_Triplets{}
-                                     : PAL_TripletsSubtract(ended.threads, following.threads);
-    uint32_t categories = ended.categories & ~following.categories;
-    // Streams that have no part in a request without length go on without a break: what this one
-    // drops there concerns its own records alone.
-    const bool ownOnly = isInstant(ended) || isInstant(following);
-    if (ownOnly) categories &= s.categories;
-    const uint32_t leaving = ownOnly ? ended.categories & s.categories : ended.categories;
-    // Two records rather than one that names both: threads that leave lose all categories, those
-    // that stay only the ones that aren't asked any more. A single record with the latter, perhaps
-    // none, would leave the calls of a leaving thread open, and a request that asks for the thread
-    // again later would deliver a second call stack for it.
-    if (!threads.empty()) passEndOfFilter(s, ended.end, leaving, threads);
-    if (categories != 0) {
-      passEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
-    }
-  } else {
-    s.historyClean = 0;
+void KLT_EndRequest(KLT_Stream& s) {
+  if (!s.history.done) (void)KLT_ProduceHistory(s, 0, true);
+  const KLT_StreamRequest& ended = s.requests.current();
+  const KLT_StreamRequest* next = s.requests.following();
+  if (next == nullptr || next->start != ended.end) {
+    s.history.clean = 0;
     passEndOfFilter(s, ended.end, ended.categories, ended.threads);
+    return;
   }
-  if (next == s.requests.size()) {
-    s.request = next;
-    return true;
+  s.history.clean &=
+      (next->categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : next->categories;
+  const PAL_Triplets threads =
+      next->threads.empty() ? PAL_Triplets{} : PAL_TripletsSubtract(ended.threads, next->threads);
+  uint32_t categories = ended.categories & ~next->categories;
+  // Streams that have no part in a request without length go on without a break: what this one
+  // drops there concerns its own records alone.
+  const bool ownOnly = isInstant(ended) || isInstant(*next);
+  if (ownOnly) categories &= s.source.categories;
+  const uint32_t leaving = ownOnly ? ended.categories & s.source.categories : ended.categories;
+  // Two records rather than one that names both: threads that leave lose all categories, those that
+  // stay only the ones that aren't asked any more. A single record with the latter, perhaps none,
+  // would leave the calls of a leaving thread open, and a request that asks for the thread again
+  // later would deliver a second call stack for it.
+  if (!threads.empty()) passEndOfFilter(s, ended.end, leaving, threads);
+  if (categories != 0) {
+    passEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
   }
-  return KLT_EnterRequest(s, next);
 }

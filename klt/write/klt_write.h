@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "klt/format/klt_codec.h"
+#include "klt/format/klt_record.h"
 #include "klt/format/klt_handlers.h"
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_spans.h"

@@ -1,0 +1,129 @@
+// Opening streams and moving them through their requests. See klt_position.h.
+#include "klt/stream/klt_position.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+
+#include "klt/stream/klt_anchor.h"
+#include "klt/stream/klt_history.h"
+#include "klt/stream/klt_select.h"
+#include "util/pal_error.h"
+
+namespace {
+
+using klt::kAny;
+
+bool selectsNoMore(const KLT_StreamRequest& request, const KLT_StreamRequest& than) {
+  if ((than.categories & kAny) == 0 && (request.categories & ~than.categories) != 0) return false;
+  if (than.threads.empty()) return true;
+  return !request.threads.empty() && PAL_TripletsSubset(than.threads, request.threads);
+}
+
+// Whether samples are to be told and the seek point lists none: it may come from someone who
+// doesn't keep them, and only a look at all records can tell.
+bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
+  if ((KLT_StoredCategories(s, request.categories) & klt::kCounters) == 0) return false;
+  if (!KLT_TellsCounters(request)) return false;
+  const auto& states = s.history.context.states();
+  return std::all_of(states.begin(), states.end(),
+                     [](const auto& state) { return state->counters.entries().empty(); });
+}
+
+// Empties the context and goes to where the request's reading starts.
+bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
+  s.history.context.clear(~uint32_t{0});
+  if (request.anchor != nullptr) {
+    KLT_ReplayAnchor(s, *request.anchor, KLT_StoredCategories(s, request.categories));
+    if (!lacksSamples(s, request)) {
+      s.filter.time = request.anchor->time;
+      return s.input.seek(request.anchor->offset);
+    }
+    s.history.context.clear(~uint32_t{0});
+  }
+  s.filter.time = 0;
+  return s.input.seek(s.source.firstOffset);
+}
+
+// What the request asks for beyond the one that ends where it starts.
+void noteAdded(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_StreamRequest& before) {
+  const uint32_t asked =
+      (request.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : request.categories;
+  s.history.addedCategories = (before.categories & kAny) != 0 ? 0 : asked & ~before.categories;
+  s.history.addedCategories &= s.source.categories;
+  s.history.addedThreads.clear();
+  if (!before.threads.empty())
+    s.history.addedThreads = PAL_TripletsSubtract(request.threads, before.threads);
+}
+
+}  // namespace
+
+bool KLT_EnterRequest(KLT_Stream& s) {
+  const KLT_StreamRequest& request = s.requests.current();
+  const auto earlier = s.requests.earlier();
+  const KLT_StreamRequest* before = earlier.empty() ? nullptr : &earlier.back();
+  KLT_HistoryState& history = s.history;
+  KLT_SelectRequest(s);
+  history.done = false;
+  history.keepContext = true;
+  bool goesOn = false;
+  if (before != nullptr && before->end == request.start) {
+    noteAdded(s, request, *before);
+    goesOn = history.addedCategories == 0 && history.addedThreads.empty();
+    history.done = goesOn;
+    if (goesOn) history.keepContext = s.requests.following() != nullptr;
+  } else {
+    history.addedCategories = KLT_StoredCategories(s, request.categories);
+    history.addedThreads.clear();
+    // What the request before kept of the context is enough, and nothing is to be gained by a jump.
+    goesOn = before != nullptr && selectsNoMore(request, *before) &&
+             (request.anchor == nullptr || request.anchor->offset <= s.input.position());
+  }
+  if (!history.done) history.seenUntil = before == nullptr ? 0 : before->end;
+  if (!goesOn && !jump(s, request)) return false;
+  s.input.setLimit(request.limit);
+  return true;
+}
+
+bool KLT_NextRequest(KLT_Stream& s) {
+  KLT_EndRequest(s);
+  s.requests.advance();
+  return s.requests.finished() || KLT_EnterRequest(s);
+}
+
+bool KLT_StreamOpen(KLT_Stream& s) {
+  KLT_StreamSource& source = s.source;
+  source.failed = true;
+  if (source.file == nullptr) {
+    PAL_Error("Corrupted file.");
+    return false;
+  }
+  const KLT_FileHandle& handle = *s.pass->handle;
+  const std::string name = KLT_ComponentName(handle, *source.file, false);
+  errno = 0;
+  source.io = KLT_IoOpen(handle.container, name.c_str());
+  if (source.io == nullptr) {
+    KLT_ReportUnopened(name);
+    return false;
+  }
+  errno = 0;
+  const bool isCompressed =
+      source.component != nullptr && handle.compressed(source.component->categories);
+  const bool attached =
+      isCompressed ? s.input.attachCompressed(source.io, handle.base.c_str(), source.suffix())
+                   : s.input.attach(source.io, handle.base.c_str(), source.suffix());
+  if (!attached) {
+    if (errno == 0) errno = EIO;
+    KLT_ReportUnopened(name);
+    return false;
+  }
+  if (source.component != nullptr) KLT_PlanRequests(s);
+  source.failed = !KLT_EnterRequest(s);
+  return !source.failed;
+}
+
+void KLT_StreamClose(KLT_Stream& s) {
+  s.input.detach();
+  if (s.source.io != nullptr) KLT_IoClose(s.source.io);
+  s.packed.records.release();
+}

@@ -1,0 +1,116 @@
+// What a request selects of a stream. See klt_select.h.
+#include "klt/stream/klt_select.h"
+
+#include <array>
+#include <utility>
+
+#include "klt/index/klt_generic.h"
+#include "util/pal_error.h"
+
+namespace {
+
+using klt::kAny;
+
+template <int N>
+constexpr auto contextUpdate() {
+  void (*update)(KLT_Stream&, const uint8_t*) = nullptr;
+  if constexpr (kKltRows[N - 1].traits().context) update = &klt::updateContext<N>;
+  return update;
+}
+template <int... N>
+constexpr auto contextUpdates(std::integer_sequence<int, N...>) {
+  return std::array<void (*)(KLT_Stream&, const uint8_t*), sizeof...(N)>{contextUpdate<N + 1>()...};
+}
+template <int... N>
+constexpr auto threadTests(std::integer_sequence<int, N...>) {
+  return std::array<bool (*)(KLT_Stream&, const uint8_t*), sizeof...(N)>{
+      &klt::threadsSelected<N + 1>...};
+}
+
+using AllRows = std::make_integer_sequence<int, kKltRowCount>;
+constexpr auto kThreadTests = threadTests(AllRows{});
+constexpr auto kContextUpdates = contextUpdates(AllRows{});
+
+bool isWanted(const KLT_Stream& s, const KLT_Row& row) {
+  const uint32_t selected = s.requests.current().categories;
+  const uint32_t asked = s.requests.asked();
+  const KLT_CategoryTest test = row.traits().category;
+  if (test == KLT_CategoryTest::kNone) return true;
+  if (((selected | kAny) & row.categories()) == 0) return false;
+  const bool canOccur = ((asked | row.categories()) & kAny) != 0 || (asked & row.categories()) != 0;
+  switch (test) {
+    case KLT_CategoryTest::kFull:
+      return canOccur && s.pass->hasHandler[row.number];
+    case KLT_CategoryTest::kNoHandler:
+      return canOccur;
+    case KLT_CategoryTest::kMasksAndHandler:
+      return s.pass->hasHandler[row.number];
+    default:
+      return true;
+  }
+}
+
+// Whether records with the row's number are of that row and read by its own decoder.
+bool isFast(const KLT_Stream& s, const KLT_Row& row) {
+  const KLT_DecoderEntry& entry = s.pass->handle->decoders->entries[row.number];
+  return entry.isFast && entry.row == row.number;
+}
+
+}  // namespace
+
+uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask) {
+  return ((mask & kAny) != 0 ? kKltAllHistory : mask) & stream.source.categories;
+}
+
+bool KLT_TellsCounters(const KLT_StreamRequest& request) {
+  return (request.asked & klt::kCounters) != 0 &&
+         (request.asked & (kAny | klt::kMessages | klt::kCollops)) == 0;
+}
+
+void KLT_SelectRequest(KLT_Stream& s) {
+  const KLT_StreamRequest& request = s.requests.current();
+  KLT_FilterState& filter = s.filter;
+  filter.start = request.start;
+  filter.end = request.end;
+  filter.testThreads = request.testThreads;
+  filter.commonMembers.clear();
+  filter.plainRows = 0;
+  for (const KLT_Row& row : kKltRows) {
+    filter.wanted[row.number] = isWanted(s, row);
+    const bool isPlain = row.plain() && row.number < KLT_FilterState::kPlainRowBits &&
+                         s.source.component != nullptr && isFast(s, row);
+    if (isPlain && filter.wanted[row.number]) filter.plainRows |= uint64_t{1} << row.number;
+  }
+}
+
+// Remembered per request.
+int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
+  const auto known = s.filter.commonMembers.find(communicator);
+  if (known != s.filter.commonMembers.end()) return known->second;
+  const PAL_Triplets& threads = s.requests.current().threads;
+  int64_t member = kKltNoMember;
+  int32_t number = 0;
+  const PAL_Triplets* members = s.pass->handle->communicators.find(communicator);
+  if (members == nullptr || members->empty()) {
+    if (s.pass->reportedCommunicators.insert(communicator).second) {
+      PAL_Warning("Requesting unkown or undefined communicator\n");
+    }
+    member = kKltUndefined;
+  } else if (!s.filter.testThreads && PAL_TripletsContains(threads, members->front().first)) {
+    member = static_cast<uint32_t>(members->front().first);
+  } else if (PAL_TripletsFirstCommon(*members, threads, &number)) {
+    member = static_cast<uint32_t>(number);
+  } else if (!s.filter.testThreads) {  // of a communicator that has nobody in the component's list
+    member = static_cast<uint32_t>(members->front().first);
+  }
+  s.filter.commonMembers.emplace(communicator, member);
+  return member;
+}
+
+bool KLT_ThreadsSelected(KLT_Stream& stream, const uint8_t* record) {
+  return !stream.filter.testThreads || kThreadTests[KLT_RecordNumber(record) - 1](stream, record);
+}
+
+void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record) {
+  if (const auto update = kContextUpdates[KLT_RecordNumber(record) - 1]) update(stream, record);
+}
