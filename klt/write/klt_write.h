@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "klt/format/klt_record.h"
 #include "klt/format/klt_handlers.h"
+#include "klt/format/klt_record.h"
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_spans.h"
 #include "klt/write/klt_filestats.h"
