@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "generic/options/RK_conf.h"
-#include "generic/options/RK_scan.h"
 #include "generic/options/kltt_help.h"
 
 namespace {

@@ -1,9 +1,12 @@
 // Extraction passes. See kltt_extract.h.
 #include "generic/extract/kltt_extract.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <span>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -16,11 +19,12 @@
 #include "generic/handlers/kltt_events.h"
 #include "generic/handlers/kltt_messages.h"
 #include "generic/handlers/kltt_tables.h"
-#include "generic/options/RK_conf.h"
+#include "generic/options/RK_options.h"
 #include "generic/sink/RK_wtrace.h"
 #include "generic/text/kltt_exit.h"
 #include "generic/text/kltt_guard.h"
 #include "klt/format/klt_handlers.h"
+#include "klt/format/klt_schema.h"
 #include "klt/index/klt_intern.h"
 #include "klt/klt.h"
 #include "klt/write/klt_write.h"
@@ -50,10 +54,7 @@ void setTraceHandlers(KLT_HandlerTable& table) {
   table.willy_definition = &KLTT_WillyDefinition;
   table.willy_name = &KLTT_WillyName;
   table.one_to_one_communication = &KLTT_OneToOneCommunication;
-  table.one_to_all_communication = &KLTT_OneToAllCommunication;
-  table.all_to_one_communication = &KLTT_AllToOneCommunication;
-  table.all_to_all_communication = &KLTT_AllToAllCommunication;
-  table.all_communication = &KLTT_AllCommunication;
+  KLTT_Collectives::install(table);
 }
 
 void setStatisticsHandlers(KLT_HandlerTable& table) {
@@ -79,22 +80,19 @@ void setEventHandlers(KLT_HandlerTable& table) {
   table.opaque_data = &KLTT_OpaqueData;
 }
 
-void setGatheringHandlers(KLT_HandlerTable& table) {
-  table.one_to_all_communication = &KLTT_GatherOneToAll;
-  table.all_to_one_communication = &KLTT_GatherAllToOne;
-  table.all_to_all_communication = &KLTT_GatherAllToAll;
-  table.all_communication = &KLTT_GatherAll;
-}
-
 // The sink that the options ask for; null if they ask for none. Ends the process if it can't be
 // opened.
 RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
   const PAL_Place here;
   if (!RK_conf.logfile_name_set || RK_conf.remove != 0 || RK_conf.move != 0) return nullptr;
   const char* name = RK_conf.logfile_name.c_str();
+  const std::string& directory = RK_conf.current_dir;
+  const RK_SinkSettings settings{.directory = directory.empty() ? nullptr : directory.c_str(),
+                                 .extended = RK_conf.extended_rkf != 0,
+                                 .singleFile = RK_conf.output_single_file != 0};
   RK_Sink* sink = nullptr;
   if (RK_conf.output_format == 0) {
-    sink = RK_SinkOpenAscii(name, 0);
+    sink = RK_SinkOpenAscii(name, 0, settings);
   } else {
     if (handle->flags & 1) {
       PAL_Warning("raw events of %s are not extracted, merge the trace first",
@@ -103,7 +101,8 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
     // What the profiles see are internal times.
     const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
                                          std::min(context.eventBits, KLTT_INTERNAL_EVENT_BITS)};
-    sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle)), name);
+    sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle), settings), name,
+                          context.pending);
   }
   if (sink == nullptr) {
     std::fprintf(stderr, "Could not open file %s for writing.\n",
@@ -166,6 +165,40 @@ void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& tabl
   passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
 }
 
+// Gathers the operations of the trace and measures how fast the reader finds them.
+void testPerformance(KLTT_PassRunner& passes, KLTT_Context& context, int serial) {
+  std::fputs("Gettings collops for performance test...\n", stderr);
+  KLT_HandlerTable table;
+  KLTT_InitHandlers(table, context, KLTT_SET_PERFTEST);
+  KLT_Request request;
+  request.categories = klt::kCollops;
+  passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
+  std::fprintf(stderr, "Doing performance test, %d different collective operations.\n",
+               static_cast<int>(context.perfEnds.size()));
+
+  // What the readers deliver is handled as ever, but doesn't belong into the output.
+  RK_Sink* const sink = std::exchange(context.sink, nullptr);
+  KLTT_InitHandlers(table, context, KLTT_SET_EVENTS);
+  for (const bool allProcesses : {false, true}) {
+    for (const bool subset : {true, false}) {
+      KLTT_PerfTest(context, table, passes, RK_conf.perftest, {subset, allProcesses});
+    }
+  }
+  context.sink = sink;
+}
+
+// A user who has asked for it watches a run that writes into a file.
+bool isWatched() {
+  return RK_conf.verbose >= 2 && RK_conf.logfile_name_set && RK_conf.logfile_name != "-" &&
+         isatty(STDERR_FILENO) == 1;
+}
+
+// None for the whole trace, which CONVERT and MERGE always take.
+std::vector<KLT_Request> requestsOf(const KLTT_Context& context) {
+  if (RK_conf.convert != 0 || RK_conf.merge != 0) return {};
+  return KLTT_BuildRequests(context, RK_conf.request, RK_conf.ticks != 0);
+}
+
 }  // namespace
 
 void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t sets) {
@@ -179,7 +212,9 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
   }
   if ((sets & KLTT_SET_PROCESSES) != 0) table.process_declaration = &KLTT_ProcessDeclaration;
   if ((sets & KLTT_SET_EVENTS) != 0) setEventHandlers(table);
-  if ((sets & KLTT_SET_PERFTEST) != 0) setGatheringHandlers(table);
+  if ((sets & KLTT_SET_PERFTEST) != 0) {
+    KLTT_CollectiveHandlers<&KLTT_GatherCollective>::install(table);
+  }
   if ((sets & KLTT_SET_REPORTS) != 0) table.report = &KLTT_Report;
 }
 
@@ -188,7 +223,8 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   KLTT_Context context;
   const SinkKeeper keeper(context);
   KLT_HandlerTable table;
-  KLTT_PassRunner passes(handle, context);
+  KLTT_PassRunner passes(handle, context, isWatched());
+  context.matched = RK_conf.matched_rkf != 0;
 
   KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
   passes.run(KLT_MODE_DEFINITIONS, table, {}, serial);
@@ -210,10 +246,10 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
     passes.noteOutput(closeSink(context));
     list(passes, context, table, serial);
   } else if (sink != nullptr && RK_conf.perftest != 0) {
-    KLTT_RunPerfTests(passes, context, serial);
+    testPerformance(passes, context, serial);
     passes.noteOutput(closeSink(context));
   } else if (sink != nullptr) {
-    const std::vector<KLT_Request> requests = KLTT_BuildRequests(context);
+    const std::vector<KLT_Request> requests = requestsOf(context);
     if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
     // A trace holds each record once, whichever of its windows show it.
     const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;

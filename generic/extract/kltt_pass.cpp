@@ -1,13 +1,10 @@
 // Running passes of the reader. See kltt_pass.h.
 #include "generic/extract/kltt_pass.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 #include <vector>
 
 #include "generic/handlers/kltt_context.h"
-#include "generic/options/RK_conf.h"
 #include "generic/text/RK_output.h"
 #include "generic/text/kltt_exit.h"
 #include "klt/klt.h"
@@ -17,12 +14,6 @@ namespace {
 
 constexpr int kNoLimit = -1;
 constexpr int kStepMilliseconds = 500;
-
-// Somebody watches a run that writes into a file, and has asked for it.
-bool isWatched(int mode) {
-  return mode != KLT_MODE_DEFINITIONS && RK_conf.verbose >= 2 && RK_conf.logfile_name_set &&
-         RK_conf.logfile_name != "-" && isatty(STDERR_FILENO) == 1;
-}
 
 // Progress on one line, which the next call writes over. A short run shows none.
 class ProgressLine {
@@ -55,7 +46,7 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
   KLT_Reader* const reader = owner.get();
   if (reader == nullptr) judge(KLT_STATUS_ABORTING);
   judge(KLT_ReaderStatus(reader));
-  const bool watched = isWatched(mode);
+  const bool watched = watched_ && mode != KLT_MODE_DEFINITIONS;
   ProgressLine line;
   int result = 0;
   while ((result = KLT_ReadEvents(reader, watched ? kStepMilliseconds : kNoLimit)) !=
@@ -90,6 +81,6 @@ void KLTT_PassRunner::judge(int result) {
 }
 
 bool KLTT_PassRunner::outputFailed() const {
-  const RK_Output* text = KLTT_Text(context_);
+  const RK_Output* text = context_.sink == nullptr ? nullptr : context_.sink->output;
   return RK_OutputFailed(context_.listing) || (text != nullptr && RK_OutputFailed(text));
 }

@@ -11,8 +11,9 @@ struct KLT_Request;
 // Steps readers of one trace to their end and keeps the exit status that comes of it.
 class KLTT_PassRunner {
  public:
-  KLTT_PassRunner(KLT_FileHandle* handle, const KLTT_Context& context)
-      : handle_(handle), context_(context) {}
+  // With `watched` the passes over events show their progress.
+  KLTT_PassRunner(KLT_FileHandle* handle, const KLTT_Context& context, bool watched)
+      : handle_(handle), context_(context), watched_(watched) {}
 
   // 0, 2 if a stream failed and others went on, 4 if a handler failed, 1 if an output isn't whole.
   [[nodiscard]] int status() const { return status_; }
@@ -33,5 +34,6 @@ class KLTT_PassRunner {
 
   KLT_FileHandle* handle_;
   const KLTT_Context& context_;
+  bool watched_;
   int status_ = 0;
 };

@@ -8,12 +8,11 @@
 #include <utility>
 #include <vector>
 
-#include "generic/extract/kltt_extract.h"
 #include "generic/extract/kltt_pass.h"
+#include "generic/handlers/kltt_collops.h"
 #include "generic/handlers/kltt_context.h"
 #include "generic/handlers/kltt_events.h"
 #include "generic/handlers/kltt_tables.h"
-#include "generic/options/RK_conf.h"
 #include "generic/tables/kltt_members.h"
 #include "klt/format/klt_handlers.h"
 #include "klt/format/klt_schema.h"
@@ -33,21 +32,6 @@ constexpr uint32_t kCategories =
 // of the last moment is still at hand.
 constexpr size_t kSubset = 100;
 constexpr size_t kStep = 1000;
-
-int gather(void* user, const char* record, uint64_t time, uint32_t communicator, uint32_t n,
-           const uint64_t* starts) {
-  KLTT_Context& context = *static_cast<KLTT_Context*>(user);
-  KLTT_MemberList::Cursor member(KLTT_GetIndexInComm(context, communicator, record));
-  uint32_t gtp = 0;
-  for (uint32_t i = 0; i < n && member.next(&gtp); ++i) {
-    // Time 0 stands for no part, too.
-    if (klt::isUnknownStart(starts[i]) || time + starts[i] == 0) continue;
-    PAL_MakeRoom(context.perfMembers);
-    context.perfMembers.push_back({.gtp = gtp, .time = time + starts[i]});
-  }
-  context.perfEnds.push_back(context.perfMembers.size());
-  return 0;
-}
 
 // The members of operation `index`.
 std::span<const KLTT_PerfMember> membersOf(const KLTT_Context& context, size_t index) {
@@ -97,17 +81,33 @@ int leaveIfEntered(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
                                                       : KLTT_LeaveFunction(user, time, gtp, scl);
 }
 
-void measure(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_HandlerTable& table,
-             bool subset, bool allProcesses) {
+}  // namespace
+
+int KLTT_GatherCollective(void* user, const KLTT_CollectiveRecord& op) {
+  KLTT_Context& context = *static_cast<KLTT_Context*>(user);
+  KLTT_MemberList::Cursor member(KLTT_GetIndexInComm(context, op.communicator, op.name));
+  uint32_t gtp = 0;
+  for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {
+    // Time 0 stands for no part, too.
+    if (klt::isUnknownStart(op.starts[i]) || op.time + op.starts[i] == 0) continue;
+    PAL_MakeRoom(context.perfMembers);
+    context.perfMembers.push_back({.gtp = gtp, .time = op.time + op.starts[i]});
+  }
+  context.perfEnds.push_back(context.perfMembers.size());
+  return 0;
+}
+
+void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunner& passes,
+                   int32_t runs, KLTT_PerfChoice choice) {
   if (context.perfEnds.empty()) return;
-  const int32_t runs = RK_conf.perftest;
-  Choice choice(context.perfEnds.size(), subset);
+  table.leave_function = &leaveIfEntered;
+  Choice operations(context.perfEnds.size(), choice.subset);
   std::vector<KLT_Request> requests;
   uint64_t asked = 0;
   const double begin = PAL_Time();
   for (int32_t run = 0; run < runs; ++run) {
-    std::span<const KLTT_PerfMember> members = membersOf(context, choice.next());
-    if (!allProcesses) members = members.first(std::min<size_t>(members.size(), 1));
+    std::span<const KLTT_PerfMember> members = membersOf(context, operations.next());
+    if (!choice.allProcesses) members = members.first(std::min<size_t>(members.size(), 1));
     if (requests.size() < members.size()) requests.resize(members.size());
     for (size_t i = 0; i < members.size(); ++i) ask(requests[i], members[i]);
     asked += members.size();
@@ -117,52 +117,7 @@ void measure(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_HandlerTa
   const double seconds = PAL_Time() - begin;
   std::fprintf(stderr,
                "%s, %s: %d requests in %fs = %fs/req, average number of processes per request %f\n",
-               subset ? "subset of collops" : "all collops",
-               allProcesses ? "all processes" : "only first process", runs, seconds, seconds / runs,
-               static_cast<double>(asked) / runs);
-}
-
-}  // namespace
-
-int KLTT_GatherOneToAll(void* user, uint64_t time, uint32_t, uint32_t, uint32_t communicator,
-                        uint32_t, uint32_t n, const uint64_t* starts, const uint64_t*,
-                        const uint32_t*, const uint32_t*) {
-  return gather(user, "OneToAll", time, communicator, n, starts);
-}
-
-int KLTT_GatherAllToOne(void* user, uint64_t time, uint32_t, uint32_t, uint32_t communicator,
-                        uint32_t, uint32_t n, const uint64_t* starts, const uint64_t*,
-                        const uint32_t*, const uint32_t*) {
-  return gather(user, "AllToOne", time, communicator, n, starts);
-}
-
-int KLTT_GatherAllToAll(void* user, uint64_t time, uint32_t communicator, uint32_t, uint32_t n,
-                        const uint64_t* starts, const uint64_t*, const uint32_t*, const uint32_t*,
-                        const uint32_t*) {
-  return gather(user, "AllToAll", time, communicator, n, starts);
-}
-
-int KLTT_GatherAll(void* user, uint64_t time, uint32_t communicator, uint32_t, uint32_t n,
-                   const uint64_t* starts, const uint64_t*, const uint32_t*) {
-  return gather(user, "AllToAll", time, communicator, n, starts);
-}
-
-void KLTT_RunPerfTests(KLTT_PassRunner& passes, KLTT_Context& context, int serial) {
-  std::fputs("Gettings collops for performance test...\n", stderr);
-  KLT_HandlerTable table;
-  KLTT_InitHandlers(table, context, KLTT_SET_PERFTEST);
-  KLT_Request request;
-  request.categories = klt::kCollops;
-  passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
-  std::fprintf(stderr, "Doing performance test, %d different collective operations.\n",
-               static_cast<int>(context.perfEnds.size()));
-
-  // What the readers deliver is handled as ever, but doesn't belong into the output.
-  RK_Sink* const sink = std::exchange(context.sink, nullptr);
-  KLTT_InitHandlers(table, context, KLTT_SET_EVENTS);
-  table.leave_function = &leaveIfEntered;
-  for (const bool allProcesses : {false, true}) {
-    for (const bool subset : {true, false}) measure(passes, context, table, subset, allProcesses);
-  }
-  context.sink = sink;
+               choice.subset ? "subset of collops" : "all collops",
+               choice.allProcesses ? "all processes" : "only first process", runs, seconds,
+               seconds / runs, static_cast<double>(asked) / runs);
 }

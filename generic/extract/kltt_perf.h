@@ -2,28 +2,27 @@
 //
 // First the collective operations of the trace are gathered; then the state at many of these
 // moments is asked for, each time by a new reader with requests of one tick. Times go to standard
-// error, of the events nothing is written. RK_conf.perftest is the number of readers in each of the
-// four measurements.
+// error, of the events nothing is written.
 #pragma once
 
 #include <cstdint>
 
 class KLTT_PassRunner;
+struct KLTT_CollectiveRecord;
 struct KLTT_Context;
+struct KLT_HandlerTable;
 
-// Gathers and measures. Failures are judged by `passes`, as those of any pass.
-void KLTT_RunPerfTests(KLTT_PassRunner& passes, KLTT_Context& context, int serial);
+// Gathers an operation, for KLTT_CollectiveHandlers. `user` is the KLTT_Context. Returns 0; an
+// unknown communicator ends the process.
+int KLTT_GatherCollective(void* user, const KLTT_CollectiveRecord& record);
 
-// The gathering handlers: `user` is the KLTT_Context, the other arguments are those of
-// KLT_HandlerTable. They return 0; an unknown communicator ends the process.
-int KLTT_GatherOneToAll(void* user, uint64_t time, uint32_t sender, uint32_t sent,
-                        uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* starts,
-                        const uint64_t* deltas, const uint32_t* received, const uint32_t* scls);
-int KLTT_GatherAllToOne(void* user, uint64_t time, uint32_t receiver, uint32_t recvd,
-                        uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* starts,
-                        const uint64_t* deltas, const uint32_t* sendSizes, const uint32_t* scls);
-int KLTT_GatherAllToAll(void* user, uint64_t time, uint32_t communicator, uint32_t type, uint32_t n,
-                        const uint64_t* starts, const uint64_t* deltas, const uint32_t* sendSizes,
-                        const uint32_t* receiveSizes, const uint32_t* scls);
-int KLTT_GatherAll(void* user, uint64_t time, uint32_t communicator, uint32_t type, uint32_t n,
-                   const uint64_t* starts, const uint64_t* deltas, const uint32_t* scls);
+// Which of the gathered operations a measurement visits, and which of their members.
+struct KLTT_PerfChoice {
+  bool subset;        // some operations, in order; otherwise all, so that neighbours are far apart
+  bool allProcesses;  // all members, otherwise the first
+};
+
+// One measurement with `runs` readers. `table` has the handlers of events; what they deliver goes
+// nowhere while the context has no sink. Failures are judged by `passes`, as those of any pass.
+void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunner& passes,
+                   int32_t runs, KLTT_PerfChoice choice);

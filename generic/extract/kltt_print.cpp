@@ -7,14 +7,15 @@
 #include <vector>
 
 #include "generic/handlers/kltt_context.h"
-#include "generic/handlers/kltt_tables.h"
-#include "generic/sink/kltt_binary.h"
 #include "generic/text/RK_output.h"
 #include "generic/text/kltt_exit.h"
+#include "klt/format/klt_values.h"
 #include "klt/index/klt_files.h"
 
 namespace {
 
+using klt::processOf;
+using klt::threadOf;
 using Number = unsigned long long;  // as the formats name 64 bits
 
 KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
@@ -28,9 +29,6 @@ void writeHeader(bool* written, RK_Output* out, std::string_view line) {
   *written = true;
   RK_OutputWrite(out, line);
 }
-
-uint32_t processOf(uint32_t gtp) { return gtp & 0xffff; }
-uint32_t threadOf(uint32_t gtp) { return gtp >> 16; }
 
 }  // namespace
 
@@ -92,7 +90,7 @@ int KLTT_FunctionStatistics(void* user, uint32_t function, uint32_t gtp, uint32_
     return static_cast<double>(static_cast<int64_t>(ticks)) * context.clockPeriod;
   };
   RK_OutputWrite(context.listing, "INFO ACTSTATS ");
-  for (const char* part : KLTT_ClassParts(context, *classOf)) {
+  for (const char* part : KLTT_ClassParts(context.classes, *classOf)) {
     RK_OutputWrite(context.listing, part);
     RK_OutputWrite(context.listing, ":");
   }
@@ -119,10 +117,9 @@ int KLTT_CollopStatistics(void* user, uint32_t /*numprocs*/, uint32_t type, uint
 int KLTT_CustomStatisticsDefinition(void* user, uint32_t id, const char* name, uint32_t count,
                                     const char* const* labels, const char* const* units) {
   KLTT_Context& context = contextOf(user);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutStatisticsDefinition(writer, id, name, count, labels, units);
+  if (context.sink != nullptr) {
+    return context.sink->statisticsDefinition(id, name, count, labels, units);
   }
-  if (context.sink != nullptr) return 0;
   KLTT_TableInsert(context.statistics, context.names, id, shown(name), 0);
   RK_Output* out = context.listing;
   RK_OutputPrintf(out, "# %s ", shown(name));

@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "generic/handlers/kltt_context.h"
-#include "generic/options/RK_conf.h"
 
 namespace {
 
@@ -29,20 +28,20 @@ uint64_t rawTimeOf(const KLTT_Context& context, double seconds) {
 
 }  // namespace
 
-std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context) {
+std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context,
+                                            std::span<const RK_Request> wanted, bool ticks) {
   std::vector<KLT_Request> requests;
-  if (RK_conf.convert != 0 || RK_conf.merge != 0) return requests;
-  for (const RK_Request& wanted : RK_conf.request) {
-    const auto rawTime = [&](double time) {
-      return RK_conf.ticks != 0 ? wholeTicks(time) : rawTimeOf(context, time);
-    };
+  const auto rawTime = [&](double time) {
+    return ticks ? wholeTicks(time) : rawTimeOf(context, time);
+  };
+  for (const RK_Request& from : wanted) {
     KLT_Request& request = requests.emplace_back();
-    request.start = rawTime(wanted.window_start);
+    request.start = rawTime(from.window_start);
     // A negative end, like the default of -1, means no end. The product with the clock wouldn't
     // always say so.
-    request.end = wanted.window_end < 0 ? kEndOfTime : rawTime(wanted.window_end);
-    request.categories = wanted.categories == 0 ? 1 : wanted.categories;
-    request.threads = wanted.triplets;
+    request.end = from.window_end < 0 ? kEndOfTime : rawTime(from.window_end);
+    request.categories = from.categories == 0 ? 1 : from.categories;
+    request.threads = from.triplets;
   }
   return requests;
 }

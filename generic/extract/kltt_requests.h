@@ -5,12 +5,15 @@
 // cutting and testing requests is the reader's matter.
 #pragma once
 
+#include <span>
 #include <vector>
 
+#include "generic/options/RK_options.h"
 #include "klt/read/klt_request.h"
 
 struct KLTT_Context;
 
-// One request for each one in RK_conf, in order; none if the whole trace is wanted, which is always
-// so with CONVERT and MERGE.
-[[nodiscard]] std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context);
+// One request for each of `wanted`, in order. With `ticks` their times are ticks, else seconds.
+[[nodiscard]] std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context,
+                                                          std::span<const RK_Request> wanted,
+                                                          bool ticks);

@@ -1,26 +1,76 @@
 // Handlers of collective operations: one record tells what all members of a communicator did.
 //
 // Matched output writes an operation as one line; otherwise it becomes one delayed "GLOBALOP" for
-// each member that took part, at the member's own start (kltt_queue). `user` is the KLTT_Context,
-// the other arguments are those of KLT_HandlerTable, `starts` and `deltas` being raw time from
-// `time` on and a start of all ones meaning "took no part". The handlers return 0, or 1 if the
-// output failed; an unknown communicator ends the process.
+// each member that took part, at the member's own start (kltt_queue).
 #pragma once
 
 #include <cstdint>
 
-int KLTT_OneToAllCommunication(void* user, uint64_t time, uint32_t sender, uint32_t sent,
-                               uint32_t communicator, uint32_t type, uint32_t n,
-                               const uint64_t* starts, const uint64_t* deltas,
-                               const uint32_t* received, const uint32_t* scls);
-int KLTT_AllToOneCommunication(void* user, uint64_t time, uint32_t receiver, uint32_t recvd,
-                               uint32_t communicator, uint32_t type, uint32_t n,
-                               const uint64_t* starts, const uint64_t* deltas,
-                               const uint32_t* sendSizes, const uint32_t* scls);
-int KLTT_AllToAllCommunication(void* user, uint64_t time, uint32_t communicator, uint32_t type,
-                               uint32_t n, const uint64_t* starts, const uint64_t* deltas,
-                               const uint32_t* sendSizes, const uint32_t* receiveSizes,
-                               const uint32_t* scls);
-int KLTT_AllCommunication(void* user, uint64_t time, uint32_t communicator, uint32_t type,
-                          uint32_t n, const uint64_t* starts, const uint64_t* deltas,
-                          const uint32_t* scls);
+#include "klt/format/klt_handlers.h"
+
+// A record of any of the four kinds, as the reader delivers it.
+struct KLTT_CollectiveRecord {
+  enum class AtRoot : uint8_t { kNothing, kSent, kReceived };
+
+  const char* name;  // in messages
+  uint64_t time;     // raw
+  uint32_t communicator;
+  uint32_t type;
+  uint32_t n;
+  const uint64_t* starts;  // raw, from `time` on; a start of all ones: took no part
+  const uint64_t* deltas;
+  const uint32_t* sent;  // these three or null
+  const uint32_t* received;
+  const uint32_t* scls;
+  AtRoot atRoot = AtRoot::kNothing;  // the size that the record has for the root alone
+  uint32_t root = ~uint32_t{0};      // gtp, if there is one
+  uint32_t rootBytes = 0;
+};
+
+// The handlers of the four records. `Use` does the same with each; its `user` and its result are
+// those of the handlers.
+template <int (*Use)(void* user, const KLTT_CollectiveRecord& record)>
+struct KLTT_CollectiveHandlers {
+  using AtRoot = KLTT_CollectiveRecord::AtRoot;
+
+  static int oneToAll(void* user, uint64_t time, uint32_t sender, uint32_t sent,
+                      uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* starts,
+                      const uint64_t* deltas, const uint32_t* received, const uint32_t* scls) {
+    return Use(user, {"OneToAll", time, communicator, type, n, starts, deltas, nullptr, received,
+                      scls, AtRoot::kSent, sender, sent});
+  }
+  static int allToOne(void* user, uint64_t time, uint32_t receiver, uint32_t received,
+                      uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* starts,
+                      const uint64_t* deltas, const uint32_t* sent, const uint32_t* scls) {
+    return Use(user, {"AllToOne", time, communicator, type, n, starts, deltas, sent, nullptr, scls,
+                      AtRoot::kReceived, receiver, received});
+  }
+  static int allToAll(void* user, uint64_t time, uint32_t communicator, uint32_t type, uint32_t n,
+                      const uint64_t* starts, const uint64_t* deltas, const uint32_t* sent,
+                      const uint32_t* received, const uint32_t* scls) {
+    return Use(user,
+               {"AllToAll", time, communicator, type, n, starts, deltas, sent, received, scls});
+  }
+  static int all(void* user, uint64_t time, uint32_t communicator, uint32_t type, uint32_t n,
+                 const uint64_t* starts, const uint64_t* deltas, const uint32_t* scls) {
+    return Use(user,
+               {"AllToAll", time, communicator, type, n, starts, deltas, nullptr, nullptr, scls});
+  }
+
+  static void install(KLT_HandlerTable& table) {
+    table.one_to_all_communication = &oneToAll;
+    table.all_to_one_communication = &allToOne;
+    table.all_to_all_communication = &allToAll;
+    table.all_communication = &all;
+  }
+};
+
+// Writes or queues an operation. `user` is the KLTT_Context. Returns 0, or 1 if the output failed;
+// an unknown communicator ends the process.
+int KLTT_FormatCollective(void* user, const KLTT_CollectiveRecord& record);
+
+using KLTT_Collectives = KLTT_CollectiveHandlers<&KLTT_FormatCollective>;
+inline constexpr auto KLTT_OneToAllCommunication = &KLTT_Collectives::oneToAll;
+inline constexpr auto KLTT_AllToOneCommunication = &KLTT_Collectives::allToOne;
+inline constexpr auto KLTT_AllToAllCommunication = &KLTT_Collectives::allToAll;
+inline constexpr auto KLTT_AllCommunication = &KLTT_Collectives::all;

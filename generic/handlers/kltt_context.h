@@ -3,8 +3,7 @@
 // The passes of kltt_extract fill it: the setup pass the clock and the process layout, the
 // definition pass the tables (kltt_tables), the event pass the queue and the threads' stacks
 // (kltt_events, kltt_collops). Three forms of time meet here and are kept apart by name: raw time
-// as the trace stores it (tick << eventBits | counter), internal time (tick << 13 | counter), and
-// what a line shows (RK_SinkTime of internal time).
+// and internal time (kltt_clock), and what a line shows (RK_SinkTime of internal time).
 #pragma once
 
 #include <cstddef>
@@ -12,24 +11,17 @@
 #include <vector>
 
 #include "generic/sink/RK_framewrite.h"
-#include "generic/sink/RK_wtrace.h"
-#include "generic/sink/kltt_held.h"
+#include "generic/sink/RK_sink.h"
+#include "generic/sink/kltt_clock.h"
 #include "generic/sink/kltt_queue.h"
+#include "generic/tables/kltt_classes.h"
 #include "generic/tables/kltt_idtable.h"
 #include "generic/tables/kltt_members.h"
+#include "generic/text/RK_output.h"
 
 struct KLTT_Communicator {
   uint32_t key = 0;
   KLTT_MemberList members;
-};
-
-// A class is kept without its parents' names, which would add up to the square of a chain's length.
-struct KLTT_Class {
-  uint32_t key = 0;
-  uint32_t parent = 0;      // 0: none
-  const char* own = "";     // the last part of the path
-  uint64_t pathBytes = 0;   // of KLTT_ClassPath
-  uint32_t outputPath = 0;  // the text of the path in a binary output; 0 if it has none
 };
 
 struct KLTT_Counter {
@@ -43,16 +35,12 @@ struct KLTT_PerfMember {
   uint64_t time;  // raw
 };
 
-struct KLTT_Context {
-  // Clock and duration, from the setup pass.
-  int64_t startTime = -1;       // raw
-  int64_t endTime = 0;          // raw
-  double clockPeriod = 0;       // seconds per tick
-  double ticksPerSecond = 0;    // its reciprocal
-  uint32_t eventBits = 0;       // low bits of raw time that count events; at most 63
-  uint64_t counterMask = 0;     // these bits
-  bool ticksReported = false;   // a time with too many ticks has been reported,
-  bool eventsReported = false;  // or one with too many events
+struct KLTT_Context : KLTT_Clock {
+  // Duration and clock, from the setup pass.
+  int64_t startTime = -1;     // raw
+  int64_t endTime = 0;        // raw
+  double clockPeriod = 0;     // seconds per tick
+  double ticksPerSecond = 0;  // its reciprocal
 
   // Process layout. `totalThreads` is declared, not checked: nothing is made per declared thread.
   uint32_t numProcesses = 1;
@@ -63,18 +51,16 @@ struct KLTT_Context {
   KLTT_Table<KLTT_Counter> counters;
   KLTT_Table<KLTT_Communicator> communicators;
   KLTT_Names names;  // of all definitions
-  KLTT_Table<KLTT_Class> classes;
+  KLTT_Classes classes;
   KLTT_Table<KLTT_Named> functions;  // extra: the class
   KLTT_Table<KLTT_Named> collops;    // extra: the kind, 1 one-to-all to 4 all
   KLTT_Table<KLTT_Named> statistics;
 
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
-  bool inHistory = false;      // between the brackets of a history
-  uint64_t historyTime = 0;    // raw
+  bool matched = false;        // messages and operations are written whole, not side by side
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
-  KLTT_HeldRecords held;  // a node of `pending` is due when they are
   RK_WillyHash willys;
 
   // Listings, and which of their header lines have been written.
@@ -93,8 +79,3 @@ struct KLTT_Context {
   std::vector<uint32_t> scratchMembers;
   std::vector<uint8_t> scratchTypes;
 };
-
-// The text output of the current pass, null if there is none.
-[[nodiscard]] inline RK_Output* KLTT_Text(const KLTT_Context& context) {
-  return context.sink != nullptr && context.sink->kind == 0 ? context.sink->output : nullptr;
-}

@@ -5,10 +5,6 @@
 #include <string>
 #include <utility>
 
-#include "generic/handlers/kltt_tables.h"
-#include "generic/sink/RK_wtrace.h"
-#include "generic/sink/kltt_binary.h"
-#include "generic/text/RK_rkf.h"
 #include "generic/text/kltt_exit.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
@@ -29,59 +25,22 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
   return KLTT_LogFormatRecord(context, *internalTime) == 0;
 }
 
-[[gnu::noinline]] std::string commentText(const KLTT_Context& context, const KLTT_Delayed& node,
-                                          size_t limit = SIZE_MAX) {
+int writeComment(const KLTT_Context& context, uint64_t internalTime, const KLTT_Delayed& node) {
   const std::string& text = context.pending.text(node);
   const KLTT_Class* about = context.classes.find(node.comment.infoClass);
-  return about == nullptr ? text : KLTT_ClassPath(context, *about, limit) + ": " + text;
-}
-
-int writeNode(const KLTT_Context& context, RK_Output* text, const KLTT_Delayed& node,
-              uint64_t internalTime) {
-  const uint64_t time = KLTT_ShownTime(context, internalTime);
-  switch (node.kind) {
-    case KLTT_DelayedKind::kSendMsg: {
-      const KLTT_DelayedMessage& m = node.message;
-      return RK_WriteSendMsg(text, time, m.communicator, m.tag, node.gtp, m.peer, m.size, m.scl,
-                             m.function);
-    }
-    case KLTT_DelayedKind::kRecvMsg: {
-      const KLTT_DelayedMessage& m = node.message;
-      return RK_WriteRecvMsg(text, time, m.communicator, m.tag, node.gtp, m.peer, m.size, m.scl,
-                             m.function);
-    }
-    case KLTT_DelayedKind::kGlobalOp: {
-      const KLTT_DelayedOperation& op = node.operation;
-      return RK_WriteGlobalOp(
-          text, time, op.operation, node.gtp, op.communicator, op.root, op.sent, op.received,
-          static_cast<int64_t>(KLTT_ShownTime(context, op.endTime) - time), op.scl);
-    }
-    case KLTT_DelayedKind::kComment:
-      return RK_SinkComment(text, time, node.gtp, commentText(context, node).c_str());
-    case KLTT_DelayedKind::kHeld:  // of a binary trace
-      break;
-  }
-  return 0;
+  if (about == nullptr) return context.sink->comment(internalTime, node.gtp, text.c_str());
+  const std::string path = KLTT_ClassPath(context.classes, *about, context.sink->longestComment);
+  return context.sink->comment(internalTime, node.gtp, (path + ": " + text).c_str());
 }
 
 int writeFront(KLTT_Context& context) {
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    // Messages and operations go to a binary trace as they come: only comments wait, and what
-    // histories tell.
-    constexpr size_t kLongest = 0xffff;
+  if (context.sink != nullptr) {
+    const uint64_t internalTime = context.pending.nextTime();
     const KLTT_Delayed& node = context.pending.front();
-    if (node.kind == KLTT_DelayedKind::kComment &&
-        KLTT_PutComment(writer, context.pending.nextTime(), node.gtp,
-                        commentText(context, node, kLongest + 1).c_str()) != 0) {
-      return 1;
-    }
-    if (node.kind == KLTT_DelayedKind::kHeld) {
-      context.held.write(context.pending.nextTime(), writer);
-    }
-  }
-  if (RK_Output* text = KLTT_Text(context)) {
-    const uint64_t time = context.pending.nextTime();
-    if (writeNode(context, text, context.pending.front(), time) != 0) return 1;
+    const int failed = node.kind == KLTT_DelayedKind::kComment
+                           ? writeComment(context, internalTime, node)
+                           : context.sink->delayed(internalTime, node);
+    if (failed != 0) return 1;
   }
   context.pending.pop();
   return 0;
@@ -93,76 +52,23 @@ int writeFront(KLTT_Context& context) {
   if (context.functions.indexOf(function) == 0) [[unlikely]]
     KLTT_Fatal("undefined function #%d", static_cast<int>(function));
   RK_FrameEnter(willy, function);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutEnterFunction(writer, internalTime, willy.gtp, function, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, true, function,
-                          scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->enterFunction(internalTime, willy.gtp, function, scl);
 }
 
 // REQUIRES: a call is open on `willy`.
 [[gnu::always_inline]] inline int leave(KLTT_Context& context, RK_WillyState& willy,
                                         uint64_t internalTime, uint32_t scl) {
   const uint32_t function = RK_FrameLeave(willy);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutLeaveFunction(writer, internalTime, willy.gtp, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteExchange(text, KLTT_ShownTime(context, internalTime), willy.gtp, false, function,
-                          scl);
-}
-
-int endScope(KLTT_Context& context, uint32_t gtp, uint64_t internalTime, uint32_t scope,
-             uint32_t seqnr, uint32_t scl) {
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutLeaveScope(writer, internalTime, gtp, scope, seqnr, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteEndScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->leaveFunction(internalTime, willy.gtp, function, scl);
 }
 
 }  // namespace
 
-uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t tick,
-                            uint64_t counter) {
-  if (tick >= KLTT_MAX_TICKS) {
-    if (!std::exchange(context.ticksReported, true)) {
-      PAL_Error(
-          "time stamp %llu exceeds maximum number of clock ticks supported (%llu), truncating time",
-          static_cast<long long unsigned>(rawTime),
-          static_cast<long long unsigned>(KLTT_MAX_TICKS));
-    }
-    tick = KLTT_MAX_TICKS - 1;
-  }
-  if (counter >= KLTT_MAX_EVENTS) {
-    if (!std::exchange(context.eventsReported, true)) {
-      PAL_Error(
-          "time stamp %llu exceeds maximum number of events per clock tick supported (%llu), "
-          "truncating time",
-          static_cast<long long unsigned>(rawTime),
-          static_cast<long long unsigned>(KLTT_MAX_EVENTS));
-    }
-    counter = KLTT_MAX_EVENTS - 1;
-  }
-  return tick << KLTT_INTERNAL_EVENT_BITS | counter;
-}
-
 int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
   while (context.pending.nextTime() < upTo) {
     if (writeFront(context) != 0) return 1;
-  }
-  return 0;
-}
-
-int KLTT_Hold(KLTT_Context& context, uint64_t internalTime, KLTT_HeldRecords::Put put) {
-  const uint64_t moment =
-      context.inHistory ? KLTT_InternalTime(context, context.historyTime) : internalTime;
-  if (context.held.add(moment, internalTime, std::move(put))) {
-    context.pending.add(moment).kind = KLTT_DelayedKind::kHeld;
   }
   return 0;
 }
@@ -232,12 +138,8 @@ int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
   RK_WillyHashGet(context.willys, gtp).scopes.enter(internalTime, scope, seqnr);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutEnterScope(writer, internalTime, gtp, scope, seqnr, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteBeginScope(text, KLTT_ShownTime(context, internalTime), gtp, scope, seqnr, scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->enterScope(internalTime, gtp, scope, seqnr, scl);
 }
 
 int KLTT_LeaveScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
@@ -248,19 +150,16 @@ int KLTT_LeaveScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   if (!RK_WillyHashGet(context.willys, gtp).scopes.leave(scope, seqnr)) {
     PAL_Error("Leaving scope %u/%u which was never entered.", scope, seqnr);
   }
-  return endScope(context, gtp, internalTime, scope, seqnr, scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->leaveScope(internalTime, gtp, scope, seqnr, scl);
 }
 
 int KLTT_Comment(void* user, uint64_t time, uint32_t gtp, const char* text) {
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutComment(writer, internalTime, gtp, text);
-  }
-  RK_Output* out = KLTT_Text(context);
-  if (out == nullptr) return 0;
-  return RK_SinkComment(out, KLTT_ShownTime(context, internalTime), gtp, text);
+  if (context.sink == nullptr) return 0;
+  return context.sink->comment(internalTime, gtp, text);
 }
 
 int KLTT_OpaqueData(void* user, uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
@@ -268,12 +167,8 @@ int KLTT_OpaqueData(void* user, uint64_t time, uint32_t gtp, uint32_t size, cons
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutOpaque(writer, internalTime, gtp, size, data, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteOpaque(text, KLTT_ShownTime(context, internalTime), gtp, size, data, scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->opaqueData(internalTime, gtp, size, data, scl);
 }
 
 int KLTT_FileIoBegin(void* user, uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
@@ -281,13 +176,8 @@ int KLTT_FileIoBegin(void* user, uint64_t time, uint32_t gtp, uint32_t operation
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutFileIo(writer, true, internalTime, gtp, operation, file, bytes, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteFileIoBegin(text, KLTT_ShownTime(context, internalTime), operation, gtp, file,
-                             bytes, scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->fileIoBegin(internalTime, gtp, operation, file, bytes, scl);
 }
 
 int KLTT_FileIoEnd(void* user, uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
@@ -295,13 +185,8 @@ int KLTT_FileIoEnd(void* user, uint64_t time, uint32_t gtp, uint32_t operation, 
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutFileIo(writer, false, internalTime, gtp, operation, file, bytes, scl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteFileIoEnd(text, KLTT_ShownTime(context, internalTime), operation, gtp, file, bytes,
-                           scl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->fileIoEnd(internalTime, gtp, operation, file, bytes, scl);
 }
 
 int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
@@ -318,21 +203,9 @@ int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
     types[i] = (counter->flags & 1) != 0 ? 1 : 2;
   }
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    if (!KLTT_MustWait(context, internalTime)) {
-      return KLTT_PutSamples(writer, internalTime, gtp, count, counters, values);
-    }
-    return KLTT_Hold(context, internalTime,
-                     [=, ids = std::vector<uint32_t>(counters, counters + count),
-                      samples = std::vector<uint64_t>(values, values + count)](auto* to) {
-                       return KLTT_PutSamples(to, internalTime, gtp, count, ids.data(),
-                                              samples.data());
-                     });
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteSamps(text, KLTT_ShownTime(context, internalTime), gtp, count, counters,
-                       types.data(), values);
+  if (context.sink == nullptr) return 0;
+  return context.sink->counterValue(context, internalTime, gtp, count, counters, types.data(),
+                                    values);
 }
 
 namespace {
@@ -350,7 +223,9 @@ int closeThread(KLTT_Context& context, uint64_t internalTime, RK_WillyState& wil
     willy.scopes.each([&open](const KLT_OpenScope& scope) { open.push_back(scope); });
     willy.scopes.clear();
     for (auto scope = open.rbegin(); scope != open.rend(); ++scope) {
-      if (endScope(context, willy.gtp, internalTime, scope->scope, scope->seqnr, 0) != 0) return 1;
+      if (context.sink != nullptr &&
+          context.sink->leaveScope(internalTime, willy.gtp, scope->scope, scope->seqnr, 0) != 0)
+        return 1;
     }
   }
   return 0;

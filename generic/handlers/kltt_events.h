@@ -1,5 +1,5 @@
 // Handlers of event records, except messages and collective operations (kltt_messages,
-// kltt_collops), and what all event handlers share: internal time and the `pending` queue.
+// kltt_collops), and what all event handlers share: the `pending` queue.
 //
 // Before a handler writes, it writes out what waits in the `pending` queue for an earlier time, and
 // what its record tells about a later time goes into that queue. `user` is the KLTT_Context, the
@@ -12,40 +12,6 @@
 #include "generic/handlers/kltt_context.h"
 #include "util/triplets/pal_triplets.h"
 
-// Internal time has 13 bits for the events within a tick and 51 for the tick.
-inline constexpr uint32_t KLTT_INTERNAL_EVENT_BITS = 13;
-inline constexpr uint64_t KLTT_MAX_EVENTS = uint64_t{1} << KLTT_INTERNAL_EVENT_BITS;
-inline constexpr uint64_t KLTT_MAX_TICKS = uint64_t{1} << 51;
-
-// The rare case of KLTT_InternalTime: cuts what doesn't fit, and says so once.
-uint64_t KLTT_TruncatedTime(KLTT_Context& context, uint64_t rawTime, uint64_t tick,
-                            uint64_t counter);
-
-// Raw time as internal time.
-[[nodiscard]] inline uint64_t KLTT_InternalTime(KLTT_Context& context, uint64_t rawTime) {
-  const uint64_t tick = rawTime >> context.eventBits;
-  const uint64_t counter = rawTime & context.counterMask;
-  if (tick >= KLTT_MAX_TICKS || counter >= KLTT_MAX_EVENTS) [[unlikely]]
-    return KLTT_TruncatedTime(context, rawTime, tick, counter);
-  return tick << KLTT_INTERNAL_EVENT_BITS | counter;
-}
-
-// Raw time `rawTime` + `delta`, all ones where that overflows.
-[[nodiscard]] inline uint64_t KLTT_TimeAfter(uint64_t rawTime, uint64_t delta) {
-  const uint64_t sum = rawTime + delta;
-  return sum < rawTime ? ~uint64_t{0} : sum;
-}
-
-// What messages and scopes go by: those of a history tell what was open when the window began.
-[[nodiscard]] inline uint64_t KLTT_EventTime(const KLTT_Context& context, uint64_t rawTime) {
-  return context.inHistory ? context.historyTime : rawTime;
-}
-
-// Internal time as a line shows it. REQUIRES: a sink.
-[[nodiscard]] inline uint64_t KLTT_ShownTime(const KLTT_Context& context, uint64_t internalTime) {
-  return RK_SinkTime(context.sink, internalTime);
-}
-
 // The part of KLTT_LogFormatRecord behind its comparison.
 int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo);
 
@@ -56,15 +22,6 @@ inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
     return 0;
   return KLTT_WriteDelayed(context, upTo);
 }
-
-// Whether a record of a binary trace has to wait for those that histories may still put ahead of
-// it.
-[[nodiscard]] inline bool KLTT_MustWait(const KLTT_Context& context, uint64_t internalTime) {
-  return context.inHistory || context.held.waitFor(internalTime);
-}
-// Has such a record written by `put`, in order of time, when a later record comes. `put` owns all
-// that it writes. Returns 0.
-int KLTT_Hold(KLTT_Context& context, uint64_t internalTime, KLTT_HeldRecords::Put put);
 
 // Writes all delayed records, for the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);

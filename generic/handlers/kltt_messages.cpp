@@ -5,60 +5,12 @@
 
 #include "generic/handlers/kltt_context.h"
 #include "generic/handlers/kltt_events.h"
-#include "generic/options/RK_conf.h"
-#include "generic/sink/kltt_binary.h"
-#include "generic/text/RK_rkf.h"
+#include "klt/format/klt_spans.h"
+#include "klt/format/klt_values.h"
 
 namespace {
 
-// The arguments of KLTT_OneToOneCommunication: raw time and a raw span in `time`, `receiveTime`.
-struct Message : KLTT_MessageRecord {
-  [[nodiscard]] bool sendUnknown() const {
-    return static_cast<uint64_t>(receiveTime) == KLTT_SEND_UNKNOWN;
-  }
-  [[nodiscard]] bool receiveUnknown() const {
-    return static_cast<uint64_t>(receiveTime) == KLTT_RECEIVE_UNKNOWN;
-  }
-  // Raw time of the other, later side. `time` is the receive if the span is negative.
-  [[nodiscard]] uint64_t otherTime() const {
-    return KLTT_TimeAfter(time,
-                          static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
-  }
-};
-
-// A record keeps its own time, whichever side that is; only its span becomes internal.
-int putRecord(KLTT_Context& context, KLT_WFileHandle* writer, Message& m) {
-  const uint64_t time = KLTT_InternalTime(context, m.time);
-  if (!m.sendUnknown() && !m.receiveUnknown()) {
-    const auto distance = static_cast<int64_t>(KLTT_InternalTime(context, m.otherTime()) - time);
-    m.receiveTime = m.receiveTime < 0 ? -distance : distance;
-  }
-  m.time = time;
-  if (!KLTT_MustWait(context, time)) return KLTT_PutMessage(writer, m);
-  return KLTT_Hold(context, time, [record = KLTT_MessageRecord(m)](auto* to) {
-    return KLTT_PutMessage(to, record);
-  });
-}
-
-int writeMatched(KLTT_Context& context, Message& m) {
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) return putRecord(context, writer, m);
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  const uint64_t ownShown = KLTT_ShownTime(context, KLTT_InternalTime(context, m.time));
-  uint64_t sendTime = ownShown;
-  int64_t delta = m.receiveTime;
-  if (m.sendUnknown()) {
-    sendTime = KLTT_SEND_UNKNOWN;
-    delta = static_cast<int64_t>(ownShown);
-  } else if (m.receiveTime < 0 && !m.receiveUnknown()) {
-    sendTime = KLTT_ShownTime(context, KLTT_InternalTime(context, m.otherTime()));
-  }
-  return RK_WriteOneToOne(text, sendTime, m.sender, m.receiver, delta, m.communicator, m.size,
-                          m.tag, m.senderScl, m.receiverScl, m.senderChecksum, m.receiverChecksum,
-                          m.senderFunction, m.receiverFunction);
-}
-
-void queueSend(KLTT_Context& context, const Message& m, uint64_t internalTime) {
+void queueSend(KLTT_Context& context, const RK_Message& m, uint64_t internalTime) {
   KLTT_Delayed& node = context.pending.add(internalTime);
   node.kind = KLTT_DelayedKind::kSendMsg;
   node.gtp = m.sender;
@@ -70,7 +22,7 @@ void queueSend(KLTT_Context& context, const Message& m, uint64_t internalTime) {
                   .function = m.senderFunction};
 }
 
-void queueReceive(KLTT_Context& context, const Message& m, uint64_t internalTime) {
+void queueReceive(KLTT_Context& context, const RK_Message& m, uint64_t internalTime) {
   KLTT_Delayed& node = context.pending.add(internalTime);
   node.kind = KLTT_DelayedKind::kRecvMsg;
   node.gtp = m.receiver;
@@ -82,17 +34,19 @@ void queueReceive(KLTT_Context& context, const Message& m, uint64_t internalTime
                   .function = m.receiverFunction};
 }
 
-void queueUnmatched(KLTT_Context& context, const Message& m, uint64_t ownInternalTime) {
-  if (m.receiveUnknown()) {
+// `end` is the raw time of the later side.
+void queueUnmatched(KLTT_Context& context, const RK_Message& m, uint64_t ownInternalTime,
+                    uint64_t end) {
+  if (static_cast<uint64_t>(m.receiveTime) == klt::kReceiveUnknown) {
     queueSend(context, m, ownInternalTime);
-  } else if (m.sendUnknown()) {
+  } else if (static_cast<uint64_t>(m.receiveTime) == klt::kSendUnknown) {
     queueReceive(context, m, ownInternalTime);
   } else if (m.receiveTime < 0) {
     queueReceive(context, m, ownInternalTime);
-    queueSend(context, m, KLTT_InternalTime(context, m.otherTime()));
+    queueSend(context, m, KLTT_InternalTime(context, end));
   } else {
     queueSend(context, m, ownInternalTime);
-    queueReceive(context, m, KLTT_InternalTime(context, m.otherTime()));
+    queueReceive(context, m, KLTT_InternalTime(context, end));
   }
 }
 
@@ -104,13 +58,24 @@ int KLTT_OneToOneCommunication(void* user, uint64_t time, uint32_t sender, int64
                                uint32_t senderChecksum, uint32_t receiverChecksum,
                                uint32_t senderFunction, uint32_t receiverFunction) {
   KLTT_Context& context = *static_cast<KLTT_Context*>(user);
-  Message m{{time, sender, delta, receiver, communicator, size, tag, senderScl, receiverScl,
-             senderChecksum, receiverChecksum, senderFunction, receiverFunction}};
+  const RK_Message m{time,
+                     sender,
+                     delta,
+                     receiver,
+                     communicator,
+                     size,
+                     tag,
+                     senderScl,
+                     receiverScl,
+                     senderChecksum,
+                     receiverChecksum,
+                     senderFunction,
+                     receiverFunction};
   const uint64_t ownInternalTime = KLTT_InternalTime(context, KLTT_EventTime(context, time));
-  if (!m.sendUnknown() && !m.receiveUnknown())
-    context.lastEventTime = std::max(context.lastEventTime, m.otherTime());
+  const uint64_t end = klt::messageEnd(time, delta);
+  if (!klt::isUnknownSide(delta)) context.lastEventTime = std::max(context.lastEventTime, end);
   if (KLTT_LogFormatRecord(context, ownInternalTime) != 0) return 1;
-  if (RK_conf.matched_rkf != 0) return writeMatched(context, m);
-  queueUnmatched(context, m, ownInternalTime);
+  if (context.matched) return context.sink == nullptr ? 0 : context.sink->message(context, m);
+  queueUnmatched(context, m, ownInternalTime, end);
   return 0;
 }

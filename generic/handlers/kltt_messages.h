@@ -6,10 +6,6 @@
 
 #include <cstdint>
 
-// The sides of a message that are unknown: values of one_to_one_communication's receive_time.
-inline constexpr uint64_t KLTT_RECEIVE_UNKNOWN = uint64_t{1} << 63;
-inline constexpr uint64_t KLTT_SEND_UNKNOWN = KLTT_RECEIVE_UNKNOWN + 1;
-
 // `user` is the KLTT_Context, the other arguments are those of KLT_HandlerTable. `delta` leads from
 // `time`, raw time, to the other side: `time` is the receive if it is negative. Returns 0, or 1 if
 // the output failed.

@@ -10,10 +10,7 @@
 #include <vector>
 
 #include "generic/handlers/kltt_context.h"
-#include "generic/handlers/kltt_events.h"
 #include "generic/sink/RK_wtrace.h"
-#include "generic/sink/kltt_binary.h"
-#include "generic/text/RK_rkf.h"
 #include "generic/text/kltt_exit.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
@@ -51,31 +48,15 @@ KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, co
                           .own = context.names.keep(nameSelf),
                           .pathBytes = above->pathBytes + 1 + std::strlen(nameSelf)};
   if (name != nullptr &&
-      (std::strlen(name) != result.pathBytes || KLTT_ClassPath(context, result) != name)) {
+      (std::strlen(name) != result.pathBytes || KLTT_ClassPath(context.classes, result) != name)) {
     KLTT_Fatal("class def with broken hierarchy: %s != %s",
-               printable(KLTT_ClassPath(context, result).c_str()).c_str(), printable(name).c_str());
+               printable(KLTT_ClassPath(context.classes, result).c_str()).c_str(),
+               printable(name).c_str());
   }
   return result;
 }
 
 }  // namespace
-
-std::vector<const char*> KLTT_ClassParts(const KLTT_Context& context, const KLTT_Class& of) {
-  std::vector<const char*> parts{of.own};
-  for (const KLTT_Class* at = &of; at->parent != 0;) {
-    at = context.classes.find(at->parent);
-    parts.push_back(at->own);
-  }
-  std::reverse(parts.begin(), parts.end());
-  return parts;
-}
-
-std::string KLTT_ClassPath(const KLTT_Context& context, const KLTT_Class& of, size_t limit) {
-  const std::vector<const char*> parts = KLTT_ClassParts(context, of);
-  std::string path = parts[0];
-  for (size_t i = 1; i < parts.size() && path.size() < limit; ++i) (path += ':') += parts[i];
-  return path;
-}
 
 const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
                                            const char* record) {
@@ -104,25 +85,13 @@ int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads) {
   context.threadCounts.assign(threads, threads + n);
   context.totalThreads = 0;
   for (const uint32_t count : context.threadCounts) context.totalThreads += count;
-
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutProcesses(writer, context.threadCounts);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  const uint32_t shownTotal = static_cast<uint32_t>(context.totalThreads);
-  if (RK_WriteNcpus(text, {&shownTotal, 1}) != 0) return 1;
-  if (context.totalThreads <= n) return 0;
-  return RK_WriteThreadNums(text, context.threadCounts);
+  if (context.sink == nullptr) return 0;
+  return context.sink->processDeclaration(context.threadCounts, context.totalThreads);
 }
 
 int KLTT_WillyName(void* user, uint32_t gtp, const char* name) {
   KLTT_Context& context = contextOf(user);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutWillyName(writer, gtp, name);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteCpuSym(text, gtp, name);
+  return context.sink == nullptr ? 0 : context.sink->willyName(gtp, name);
 }
 
 int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const char* ip,
@@ -147,25 +116,15 @@ int KLTT_ClockResolution(void* user, double resolution, uint32_t eventBits) {
   context.counterMask = (uint64_t{1} << context.eventBits) - 1;
   context.clockPeriod = std::ldexp(resolution, static_cast<int>(context.eventBits));
   context.ticksPerSecond = 1 / context.clockPeriod;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutClock(writer, resolution, context.eventBits);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteClock(text, resolution, eventBits);
+  return context.sink == nullptr ? 0 : context.sink->clockResolution(resolution, eventBits);
 }
 
 int KLTT_Duration(void* user, uint64_t start, uint64_t end) {
   KLTT_Context& context = contextOf(user);
   context.startTime = static_cast<int64_t>(start);
   context.endTime = static_cast<int64_t>(end);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutDuration(writer, KLTT_InternalTime(context, start),
-                            KLTT_InternalTime(context, end));
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteDuration(text, RK_SinkTime(context.sink, KLTT_InternalTime(context, start)),
-                          RK_SinkTime(context.sink, KLTT_InternalTime(context, end)));
+  if (context.sink == nullptr) return 0;
+  return context.sink->duration(KLTT_InternalTime(context, start), KLTT_InternalTime(context, end));
 }
 
 int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* nameSelf,
@@ -175,17 +134,11 @@ int KLTT_ClassDefinition(void* user, uint32_t id, const char* name, const char* 
   KLTT_Class defined = checkedClass(context, id, name, nameSelf, parent);
   if (context.classes.indexOf(id) != 0) {
     KLTT_Fatal("duplicate class def: %d = %s", static_cast<int>(id),
-               printable(KLTT_ClassPath(context, defined).c_str()).c_str());
+               printable(KLTT_ClassPath(context.classes, defined).c_str()).c_str());
   }
-  int result = 0;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    defined.outputPath = KLTT_PutClassPath(writer, context, defined);
-    result = KLTT_PutClass(writer, id, defined.outputPath, nameSelf, parent);
-  } else if (RK_Output* text = KLTT_Text(context)) {
-    const std::string path = KLTT_ClassPath(context, defined);
-    result = RK_WriteSampClass(text, id, path.c_str());
-    if (result == 0) result = RK_WriteAct(text, id, path.c_str());
-  }
+  const int result = context.sink == nullptr
+                         ? 0
+                         : context.sink->classDefinition(context.classes, defined, nameSelf);
   if (KLTT_Class* entry = context.classes.insert(id)) *entry = defined;
   return result;
 }
@@ -201,11 +154,7 @@ int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t 
     KLTT_Fatal("function def record with an undefined class id");
   }
   KLTT_TableInsert(context.functions, context.names, id, name, classId);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutFunction(writer, id, name, classId);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteState(text, id, classId, name);
+  return context.sink == nullptr ? 0 : context.sink->functionDefinition(id, name, classId);
 }
 
 int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t classId,
@@ -217,11 +166,8 @@ int KLTT_ScopeDefinition(void* user, uint32_t id, const char* name, uint32_t cla
   if (context.classes.indexOf(classId) == 0) {
     KLTT_Fatal("scope def record with an undefined class id");
   }
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutScope(writer, id, name, classId, startScl, endScl);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteScope(text, id, classId, name, startScl, endScl);
+  if (context.sink == nullptr) return 0;
+  return context.sink->scopeDefinition(id, name, classId, startScl, endScl);
 }
 
 int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint32_t numTriplets,
@@ -241,11 +187,7 @@ int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name
   const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   KLTT_TableInsert(context.collops, context.names, id, name, kind);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutOperation(writer, id, name, kind);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteGlobalOpToken(text, id, name);
+  return context.sink == nullptr ? 0 : context.sink->collectiveOperationDefinition(id, name, kind);
 }
 
 int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
@@ -254,22 +196,14 @@ int KLTT_CounterDefinition(void* user, uint32_t id, const char* name, uint32_t f
   const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (KLTT_Counter* counter = context.counters.insert(id)) counter->flags = flags;
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutCounter(writer, id, name, flags, bounds, gtp, classId, unit);
-  }
-  RK_Output* text = KLTT_Text(context);
-  if (text == nullptr) return 0;
-  return RK_WriteSamp(text, id, classId, gtp, flags, bounds, name, unit);
+  if (context.sink == nullptr) return 0;
+  return context.sink->counterDefinition(id, name, flags, bounds, gtp, classId, unit);
 }
 
 int KLTT_GroupDefinition(void* user, uint32_t id, const char* name, uint32_t count,
                          const uint32_t* members) {
   KLTT_Context& context = contextOf(user);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutGroup(writer, id, name, {members, count});
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteGroup(text, id, name, {members, count});
+  return context.sink == nullptr ? 0 : context.sink->groupDefinition(id, name, {members, count});
 }
 
 int KLTT_FileDefinition(void* user, uint32_t id, const char* name) {
@@ -282,20 +216,13 @@ int KLTT_SclDefinition(void* user, uint32_t id, uint32_t n, const uint32_t* file
                        const uint32_t* lines, const char* const* symbols,
                        const char* const* objects) {
   KLTT_Context& context = contextOf(user);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutScl(writer, id, n, files, lines, symbols, objects);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteScl(text, id, n, files, lines);
+  if (context.sink == nullptr) return 0;
+  return context.sink->sclDefinition(id, n, files, lines, symbols, objects);
 }
 
 int KLTT_FileIoFileDefinition(void* user, uint32_t id, uint32_t communicator, const char* name) {
   KLTT_Context& context = contextOf(user);
-  if (KLT_WFileHandle* writer = KLTT_Writer(context)) {
-    return KLTT_PutIoFile(writer, id, communicator, name);
-  }
-  RK_Output* text = KLTT_Text(context);
-  return text == nullptr ? 0 : RK_WriteIoFile(text, id, communicator, name);
+  return context.sink == nullptr ? 0 : context.sink->ioFileDefinition(id, communicator, name);
 }
 
 int KLTT_Info(void* user, uint32_t classId, const char* text) {

@@ -7,22 +7,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "util/triplets/pal_triplets.h"
 
-struct KLTT_Class;
 struct KLTT_Context;
 class KLTT_MemberList;
-
-// The own names of a class and those above it, from the root on.
-[[nodiscard]] std::vector<const char*> KLTT_ClassParts(const KLTT_Context& context,
-                                                       const KLTT_Class& of);
-// The full name of a class: its parts joined by ":". What comes after the part that reaches `limit`
-// bytes is left out.
-[[nodiscard]] std::string KLTT_ClassPath(const KLTT_Context& context, const KLTT_Class& of,
-                                         size_t limit = SIZE_MAX);
 
 // The members of a communicator, for the handlers of collective operations and for statistics.
 // Ends the process with a message that begins with `record` if `id` is 0 or unknown.

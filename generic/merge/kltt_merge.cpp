@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "generic/merge/kltt_merge_handlers.h"
-#include "generic/options/RK_conf.h"
+#include "generic/options/RK_options.h"
 #include "generic/summary/kltt_summary.h"
 #include "generic/text/kltt_guard.h"
 #include "klt/index/klt_files.h"

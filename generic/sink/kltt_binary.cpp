@@ -1,218 +1,105 @@
+// The binary form of a sink. See kltt_binary.h.
 #include "generic/sink/kltt_binary.h"
 
+#include <algorithm>
 #include <cmath>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
-#include "generic/handlers/kltt_events.h"
-#include "generic/handlers/kltt_tables.h"
+#include "generic/sink/kltt_held.h"
+#include "klt/format/klt_spans.h"
+#include "klt/format/klt_values.h"
 #include "klt/write/klt_write.h"
 #include "util/pal_mem.h"
 
 namespace {
 
-constexpr uint32_t kNoScl = 0x7fffffff;
+using klt::isScl;
 
-bool isScl(uint32_t scl) { return scl != 0 && scl != kNoScl; }
+constexpr size_t kLongestText = 0xffff;
+
 uint32_t storedScl(uint32_t scl) { return isScl(scl) ? scl : 0; }
-
-// The writer has told of a failure, goes on with its other streams and tells when it is closed
-// that something is missing: no reason to stop reading.
-int result(uint32_t /*written*/) { return 0; }
 
 uint64_t storedBytes(uint64_t value) { return klt::swapBytes(value); }
 
-}  // namespace
-
-int KLTT_PutProcesses(KLT_WFileHandle* writer, std::span<const uint32_t> threads) {
-  return result(KLT_Write<KLT_Row::processDeclaration>(
-      writer, nullptr, static_cast<uint32_t>(threads.size()), threads.data()));
+// A file reference is a plain path, or "!path!..." with more that the definition doesn't keep.
+std::string_view pathOf(std::string_view reference) {
+  if (!reference.starts_with('!')) return reference;
+  reference.remove_prefix(1);
+  return reference.substr(0, reference.find('!'));
 }
 
-int KLTT_PutWillyName(KLT_WFileHandle* writer, uint32_t gtp, const char* name) {
-  return result(KLT_Write<KLT_Row::willyName>(writer, nullptr, gtp, name));
-}
-
-// Times of the output have 13 event bits: the seconds of a tick stay those of the input.
-int KLTT_PutClock(KLT_WFileHandle* writer, double resolution, uint32_t eventBits) {
-  const double unit = std::ldexp(
-      resolution, static_cast<int>(eventBits) - static_cast<int>(KLTT_INTERNAL_EVENT_BITS));
-  return result(
-      KLT_Write<KLT_Row::clockResolution>(writer, nullptr, unit, KLTT_INTERNAL_EVENT_BITS));
-}
-
-int KLTT_PutDuration(KLT_WFileHandle* writer, uint64_t start, uint64_t end) {
-  return result(KLT_Write<KLT_Row::duration>(writer, nullptr, start, end));
-}
-
-uint32_t KLTT_PutClassPath(KLT_WFileHandle* writer, const KLTT_Context& context,
-                           const KLTT_Class& of) {
-  constexpr uint64_t kLongest = 0xffff;
-  constexpr uint64_t kShort = 256;  // takes no more memory in one piece
-  if (of.parent == 0) return writer->stringId(of.own);
-  if (of.pathBytes > kLongest) return 0;
-  if (of.pathBytes <= kShort) return writer->stringId(KLTT_ClassPath(context, of).c_str());
-  return writer->joinedId(context.classes.find(of.parent)->outputPath, std::string(":") + of.own);
-}
-
-int KLTT_PutClass(KLT_WFileHandle* writer, uint32_t id, uint32_t path, const char* nameSelf,
-                  uint32_t parent) {
-  return result(KLT_Write<KLT_Row::classDefinition>(writer, nullptr, id, KLT_WriteText::known(path),
-                                                    nameSelf, parent));
-}
-
-int KLTT_PutFunction(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t classId) {
-  return result(KLT_Write<KLT_Row::functionDefinition>(writer, nullptr, id, name, classId));
-}
-
-int KLTT_PutScope(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t classId,
-                  uint32_t startScl, uint32_t endScl) {
-  return result(KLT_Write<KLT_Row::scopeDefinition>(writer, nullptr, id, name, classId,
-                                                    storedScl(startScl), storedScl(endScl)));
-}
-
-int KLTT_PutCommunicator(KLT_WFileHandle* writer, uint32_t id, const char* name,
-                         std::span<const PAL_Triplet> members, uint32_t leftSize) {
-  const size_t n = members.size();
-  const std::vector<int32_t> parts = PAL_TripletsToParallel(members);
-  const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
-  return result(KLT_Write<KLT_Row::communicatorDefinition>(
-      writer, nullptr, id, name, static_cast<uint32_t>(n), gtps, gtps + n, parts.data() + 2 * n,
-      static_cast<int32_t>(leftSize)));
-}
-
-int KLTT_PutOperation(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t kind) {
-  return result(KLT_Write<KLT_Row::collectiveOperationDefinition>(writer, nullptr, id, name, kind));
-}
-
-int KLTT_PutCounter(KLT_WFileHandle* writer, uint32_t id, const char* name, uint32_t flags,
-                    const uint64_t* bounds, uint32_t gtp, uint32_t classId, const char* unit) {
-  constexpr uint32_t kDifferential = 0x80;
-  constexpr uint32_t kInteger = 1;
-  constexpr uint32_t kFloating = 2;
-  const uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
-  // One hint at the rate, by the same preference as in text.
-  const uint32_t hint = flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
-  return result(KLT_Write<KLT_Row::counterDefinition>(
-      writer, nullptr, id, name, type | hint, uint32_t{(flags & kDifferential) != 0},
-      storedBytes(bounds[0]), storedBytes(bounds[1]), gtp, classId, unit));
-}
-
-int KLTT_PutGroup(KLT_WFileHandle* writer, uint32_t id, const char* name,
-                  std::span<const uint32_t> members) {
-  return result(KLT_Write<KLT_Row::groupDefinition>(
-      writer, nullptr, id, name, static_cast<uint32_t>(members.size()), members.data()));
-}
-
-int KLTT_PutFile(KLT_WFileHandle* writer, uint32_t id, const char* name) {
-  return result(KLT_Write<KLT_Row::fileDefinition>(writer, nullptr, id, name));
-}
-
-int KLTT_PutScl(KLT_WFileHandle* writer, uint32_t id, uint32_t n, const uint32_t* files,
-                const uint32_t* lines, const char* const* symbols, const char* const* objects) {
-  return result(
-      KLT_Write<KLT_Row::sclDefinition>(writer, nullptr, id, n, files, lines, symbols, objects));
-}
-
-int KLTT_PutIoFile(KLT_WFileHandle* writer, uint32_t id, uint32_t communicator, const char* name) {
-  return result(KLT_Write<KLT_Row::fileIoFileDefinition>(writer, nullptr, id, communicator, name));
-}
-
-int KLTT_PutStatisticsDefinition(KLT_WFileHandle* writer, uint32_t id, const char* name,
-                                 uint32_t count, const char* const* labels,
-                                 const char* const* units) {
-  return result(KLT_Write<KLT_Row::customStatisticsDefinition>(writer, nullptr, id, name, count,
-                                                               labels, units));
-}
-
-int KLTT_PutEnterFunction(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t function,
-                          uint32_t scl) {
-  if (!isScl(scl))
-    return result(KLT_Write<KLT_Row::enterFunction>(writer, nullptr, time, gtp, function));
-  return result(KLT_Write<KLT_Row::enterFunctionScl>(writer, nullptr, time, gtp, function, scl));
-}
-
-int KLTT_PutLeaveFunction(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t scl) {
-  if (!isScl(scl)) return result(KLT_Write<KLT_Row::leaveFunction>(writer, nullptr, time, gtp));
-  return result(KLT_Write<KLT_Row::leaveFunctionScl>(writer, nullptr, time, gtp, scl));
-}
-
-int KLTT_PutEnterScope(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t scope,
-                       uint32_t seqnr, uint32_t scl) {
-  if (!isScl(scl))
-    return result(KLT_Write<KLT_Row::enterScope>(writer, nullptr, time, gtp, scope, seqnr));
-  return result(KLT_Write<KLT_Row::enterScopeScl>(writer, nullptr, time, gtp, scope, seqnr, scl));
-}
-
-int KLTT_PutLeaveScope(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t scope,
-                       uint32_t seqnr, uint32_t scl) {
-  if (!isScl(scl))
-    return result(KLT_Write<KLT_Row::leaveScope>(writer, nullptr, time, gtp, scope, seqnr));
-  return result(KLT_Write<KLT_Row::leaveScopeScl>(writer, nullptr, time, gtp, scope, seqnr, scl));
-}
-
-int KLTT_PutComment(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, const char* text) {
-  return result(KLT_Write<KLT_Row::comment>(writer, nullptr, time, gtp, text));
-}
-
-int KLTT_PutOpaque(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t size,
-                   const uint8_t* data, uint32_t scl) {
-  return result(
-      KLT_Write<KLT_Row::opaqueData>(writer, nullptr, time, gtp, size, data, storedScl(scl)));
-}
-
-int KLTT_PutFileIo(KLT_WFileHandle* writer, bool begin, uint64_t time, uint32_t gtp,
-                   uint32_t operation, uint32_t file, uint32_t bytes, uint32_t scl) {
-  if (isScl(scl)) {
-    return result(begin ? KLT_Write<KLT_Row::fileIoBeginScl>(writer, nullptr, time, gtp, operation,
-                                                             file, bytes, scl)
-                        : KLT_Write<KLT_Row::fileIoEndScl>(writer, nullptr, time, gtp, operation,
-                                                           file, bytes, scl));
-  }
-  return result(
-      begin ? KLT_Write<KLT_Row::fileIoBegin>(writer, nullptr, time, gtp, operation, file, bytes)
-            : KLT_Write<KLT_Row::fileIoEnd>(writer, nullptr, time, gtp, operation, file, bytes));
-}
-
-int KLTT_PutSamples(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t count,
-                    const uint32_t* counters, const uint64_t* values) {
-  const PAL_Place here;
-  std::vector<uint64_t> stored;
-  stored.reserve(count);
-  for (uint32_t i = 0; i < count; ++i) stored.push_back(storedBytes(values[i]));
-  return result(
-      KLT_Write<KLT_Row::counterValue>(writer, nullptr, time, gtp, count, stored.data(), counters));
-}
-
-int KLTT_PutMessage(KLT_WFileHandle* writer, const KLTT_MessageRecord& m) {
-  const bool scls = isScl(m.senderScl) || isScl(m.receiverScl);
+int putMessage(KLT_WFileHandle* writer, const RK_Message& m) {
   const uint32_t senderScl = storedScl(m.senderScl);
   const uint32_t receiverScl = storedScl(m.receiverScl);
-  if (m.senderChecksum != 0 || m.receiverChecksum != 0) {
-    return result(KLT_Write<KLT_Row::oneToOneCommunicationChecksums>(
-        writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver, m.communicator, m.size, m.tag,
-        senderScl, receiverScl, m.senderChecksum, m.receiverChecksum, m.senderFunction,
-        m.receiverFunction));
-  }
   const auto plain = [&]<int N>() {
-    return KLT_Write<N>(writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver,
-                        m.communicator, m.size, m.tag, m.senderFunction, m.receiverFunction);
+    KLT_Write<N>(writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver, m.communicator,
+                 m.size, m.tag, m.senderFunction, m.receiverFunction);
   };
   const auto located = [&]<int N>() {
-    return KLT_Write<N>(writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver,
-                        m.communicator, m.size, m.tag, senderScl, receiverScl, m.senderFunction,
-                        m.receiverFunction);
+    KLT_Write<N>(writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver, m.communicator,
+                 m.size, m.tag, senderScl, receiverScl, m.senderFunction, m.receiverFunction);
   };
+  const bool scls = senderScl != 0 || receiverScl != 0;
   const bool shortTag = m.tag < 0x10000;
-  if (scls)
-    return result(shortTag ? located.operator()<KLT_Row::oneToOneCommunicationScl>()
-                           : located.operator()<KLT_Row::oneToOneCommunicationWideScl>());
-  return result(shortTag ? plain.operator()<KLT_Row::oneToOneCommunication>()
-                         : plain.operator()<KLT_Row::oneToOneCommunicationWide>());
+  if (m.senderChecksum != 0 || m.receiverChecksum != 0)
+    KLT_Write<KLT_Row::oneToOneCommunicationChecksums>(
+        writer, nullptr, m.time, m.sender, m.receiveTime, m.receiver, m.communicator, m.size, m.tag,
+        senderScl, receiverScl, m.senderChecksum, m.receiverChecksum, m.senderFunction,
+        m.receiverFunction);
+  else if (scls && shortTag)
+    located.operator()<KLT_Row::oneToOneCommunicationScl>();
+  else if (scls)
+    located.operator()<KLT_Row::oneToOneCommunicationWideScl>();
+  else if (shortTag)
+    plain.operator()<KLT_Row::oneToOneCommunication>();
+  else
+    plain.operator()<KLT_Row::oneToOneCommunicationWide>();
+  return 0;
 }
 
-KLTT_HeldRecords::Put KLTT_OperationPut(uint32_t kind, const KLTT_OperationRecord& op) {
+// Writes row N, or row Located with the locations as its last argument.
+template <int N, int Located, class... Args>
+void putOperationRow(KLT_WFileHandle* writer, const RK_Collective& o, Args... args) {
+  if (o.scls == nullptr)
+    KLT_Write<N>(writer, nullptr, o.time, args...);
+  else
+    KLT_Write<Located>(writer, nullptr, o.time, args..., o.scls);
+}
+
+// The record of the operation's kind; there is none for a kind that isn't defined.
+int putOperation(KLT_WFileHandle* writer, const RK_Collective& o) {
+  switch (static_cast<klt::CollopKind>(o.kind)) {
+    case klt::CollopKind::kOneToAll:
+      putOperationRow<KLT_Row::oneToAllCommunication, KLT_Row::oneToAllCommunicationScl>(
+          writer, o, o.root, o.rootBytes, o.communicator, o.operation, o.n, o.starts, o.deltas,
+          o.received);
+      break;
+    case klt::CollopKind::kAllToOne:
+      putOperationRow<KLT_Row::allToOneCommunication, KLT_Row::allToOneCommunicationScl>(
+          writer, o, o.root, o.rootBytes, o.communicator, o.operation, o.n, o.starts, o.deltas,
+          o.sent);
+      break;
+    case klt::CollopKind::kAllToAll:
+      putOperationRow<KLT_Row::allToAllCommunication, KLT_Row::allToAllCommunicationScl>(
+          writer, o, o.communicator, o.operation, o.n, o.starts, o.deltas, o.sent, o.received);
+      break;
+    case klt::CollopKind::kAll:
+      putOperationRow<KLT_Row::allCommunication, KLT_Row::allCommunicationScl>(
+          writer, o, o.communicator, o.operation, o.n, o.starts, o.deltas);
+      break;
+    default:
+      break;
+  }
+  return 0;
+}
+
+// What writes such a record later: it keeps copies of the arrays.
+KLTT_HeldRecords::Put operationPut(const RK_Collective& op) {
   const auto copy = [n = op.n](const auto* array) {
     using Element = std::remove_cvref_t<decltype(*array)>;
     return array == nullptr ? std::vector<Element>{} : std::vector<Element>(array, array + n);
@@ -221,52 +108,233 @@ KLTT_HeldRecords::Put KLTT_OperationPut(uint32_t kind, const KLTT_OperationRecor
   const auto data = [](bool present, const auto& array) {
     return present ? array.data() : nullptr;
   };
-  return [kind, op, data, starts = copy(op.starts), deltas = copy(op.deltas), sent = copy(op.sent),
+  return [op, data, starts = copy(op.starts), deltas = copy(op.deltas), sent = copy(op.sent),
           received = copy(op.received), scls = copy(op.scls)](KLT_WFileHandle* writer) {
-    KLTT_OperationRecord own = op;
+    RK_Collective own = op;
     own.starts = starts.data();
     own.deltas = deltas.data();
     own.sent = data(op.sent != nullptr, sent);
     own.received = data(op.received != nullptr, received);
     own.scls = data(op.scls != nullptr, scls);
-    return KLTT_PutOperationRecord(writer, kind, own);
+    return putOperation(writer, own);
   };
 }
 
-int KLTT_PutOperationRecord(KLT_WFileHandle* writer, uint32_t kind, const KLTT_OperationRecord& o) {
-  enum : uint32_t { kOneToAll = 1, kAllToOne = 2, kAllToAll = 3, kAll = 4 };
-  switch (kind) {
-    case kOneToAll:
-      return result(o.scls == nullptr
-                        ? KLT_Write<KLT_Row::oneToAllCommunication>(
-                              writer, nullptr, o.time, o.root, o.rootBytes, o.communicator, o.type,
-                              o.n, o.starts, o.deltas, o.received)
-                        : KLT_Write<KLT_Row::oneToAllCommunicationScl>(
-                              writer, nullptr, o.time, o.root, o.rootBytes, o.communicator, o.type,
-                              o.n, o.starts, o.deltas, o.received, o.scls));
-    case kAllToOne:
-      return result(o.scls == nullptr
-                        ? KLT_Write<KLT_Row::allToOneCommunication>(
-                              writer, nullptr, o.time, o.root, o.rootBytes, o.communicator, o.type,
-                              o.n, o.starts, o.deltas, o.sent)
-                        : KLT_Write<KLT_Row::allToOneCommunicationScl>(
-                              writer, nullptr, o.time, o.root, o.rootBytes, o.communicator, o.type,
-                              o.n, o.starts, o.deltas, o.sent, o.scls));
-    case kAllToAll:
-      return result(o.scls == nullptr ? KLT_Write<KLT_Row::allToAllCommunication>(
-                                            writer, nullptr, o.time, o.communicator, o.type, o.n,
-                                            o.starts, o.deltas, o.sent, o.received)
-                                      : KLT_Write<KLT_Row::allToAllCommunicationScl>(
-                                            writer, nullptr, o.time, o.communicator, o.type, o.n,
-                                            o.starts, o.deltas, o.sent, o.received, o.scls));
-    case kAll:
-      return result(
-          o.scls == nullptr
-              ? KLT_Write<KLT_Row::allCommunication>(writer, nullptr, o.time, o.communicator,
-                                                     o.type, o.n, o.starts, o.deltas)
-              : KLT_Write<KLT_Row::allCommunicationScl>(writer, nullptr, o.time, o.communicator,
-                                                        o.type, o.n, o.starts, o.deltas, o.scls));
-    default:
-      return 0;
+int putSamples(KLT_WFileHandle* writer, uint64_t time, uint32_t gtp, uint32_t count,
+               const uint32_t* counters, const uint64_t* values) {
+  const PAL_Place here;
+  std::vector<uint64_t> stored;
+  stored.reserve(count);
+  for (uint32_t i = 0; i < count; ++i) stored.push_back(storedBytes(values[i]));
+  KLT_Write<KLT_Row::counterValue>(writer, nullptr, time, gtp, count, stored.data(), counters);
+  return 0;
+}
+
+class Records final : public RK_Sink {
+ public:
+  Records(KLT_WFileHandle* to, KLTT_Queue& pending) : RK_Sink(1), pending_(pending) {
+    writer = to;
+    longestComment = kLongestText + 1;  // so that the writer sees one that is too long
   }
+
+  int processDeclaration(std::span<const uint32_t> threads, uint64_t /*total*/) override {
+    return put<KLT_Row::processDeclaration>(static_cast<uint32_t>(threads.size()), threads.data());
+  }
+  int willyName(uint32_t gtp, const char* text) override {
+    return put<KLT_Row::willyName>(gtp, text);
+  }
+  // Times of the output have 13 event bits: the seconds of a tick stay those of the input.
+  int clockResolution(double resolution, uint32_t eventBits) override {
+    const int bits = static_cast<int>(std::min(eventBits, uint32_t{63}));
+    return put<KLT_Row::clockResolution>(
+        std::ldexp(resolution, bits - static_cast<int>(KLTT_INTERNAL_EVENT_BITS)),
+        KLTT_INTERNAL_EVENT_BITS);
+  }
+  int duration(uint64_t start, uint64_t end) override { return put<KLT_Row::duration>(start, end); }
+  int classDefinition(const KLTT_Classes& classes, KLTT_Class& defined,
+                      const char* nameSelf) override {
+    defined.outputPath = pathText(classes, defined);
+    return put<KLT_Row::classDefinition>(defined.key, KLT_WriteText::known(defined.outputPath),
+                                         nameSelf, defined.parent);
+  }
+  int functionDefinition(uint32_t id, const char* text, uint32_t classId) override {
+    return put<KLT_Row::functionDefinition>(id, text, classId);
+  }
+  int scopeDefinition(uint32_t id, const char* text, uint32_t classId, uint32_t startScl,
+                      uint32_t endScl) override {
+    return put<KLT_Row::scopeDefinition>(id, text, classId, storedScl(startScl), storedScl(endScl));
+  }
+  int communicatorDefinition(uint32_t id, const char* text, uint32_t /*memberCount*/,
+                             PAL_TripletSpan members, uint32_t flags) override {
+    const size_t n = members.size();
+    const std::vector<int32_t> parts = PAL_TripletsToParallel(members);
+    const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
+    return put<KLT_Row::communicatorDefinition>(id, text, static_cast<uint32_t>(n), gtps, gtps + n,
+                                                parts.data() + 2 * n, static_cast<int32_t>(flags));
+  }
+  int collectiveOperationDefinition(uint32_t id, const char* text, uint32_t opKind) override {
+    return put<KLT_Row::collectiveOperationDefinition>(id, text, opKind);
+  }
+  // `flags` and `bounds` are as the reader delivers them; the bytes of the bounds are stored as
+  // they were.
+  int counterDefinition(uint32_t id, const char* text, uint32_t flags, const uint64_t* bounds,
+                        uint32_t gtp, uint32_t classId, const char* unit) override {
+    constexpr uint32_t kDifferential = 0x80;
+    constexpr uint32_t kInteger = 1;
+    constexpr uint32_t kFloating = 2;
+    const uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
+    // One hint at the rate, by the same preference as in text.
+    const uint32_t hint = flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
+    return put<KLT_Row::counterDefinition>(
+        id, text, type | hint, uint32_t{(flags & kDifferential) != 0}, storedBytes(bounds[0]),
+        storedBytes(bounds[1]), gtp, classId, unit);
+  }
+  int groupDefinition(uint32_t id, const char* text, std::span<const uint32_t> members) override {
+    return put<KLT_Row::groupDefinition>(id, text, static_cast<uint32_t>(members.size()),
+                                         members.data());
+  }
+  int fileDefinition(uint32_t id, const char* path) override {
+    if (!definedFiles_.insert(id).second) return 0;
+    const std::string plain(pathOf(path == nullptr ? "" : path));
+    return put<KLT_Row::fileDefinition>(id, plain.c_str());
+  }
+  int sclDefinition(uint32_t id, uint32_t n, const uint32_t* files, const uint32_t* lines,
+                    const char* const* symbols, const char* const* objects) override {
+    return put<KLT_Row::sclDefinition>(id, n, files, lines, symbols, objects);
+  }
+  int ioFileDefinition(uint32_t id, uint32_t communicator, const char* text) override {
+    return put<KLT_Row::fileIoFileDefinition>(id, communicator, text);
+  }
+  int statisticsDefinition(uint32_t id, const char* text, uint32_t count, const char* const* labels,
+                           const char* const* units) override {
+    return put<KLT_Row::customStatisticsDefinition>(id, text, count, labels, units);
+  }
+
+  int enterFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::enterFunctionScl>(time, gtp, function, scl)
+                      : put<KLT_Row::enterFunction>(time, gtp, function);
+  }
+  int leaveFunction(uint64_t time, uint32_t gtp, uint32_t /*function*/, uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::leaveFunctionScl>(time, gtp, scl)
+                      : put<KLT_Row::leaveFunction>(time, gtp);
+  }
+  int enterScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                 uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::enterScopeScl>(time, gtp, scope, seqnr, scl)
+                      : put<KLT_Row::enterScope>(time, gtp, scope, seqnr);
+  }
+  int leaveScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                 uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::leaveScopeScl>(time, gtp, scope, seqnr, scl)
+                      : put<KLT_Row::leaveScope>(time, gtp, scope, seqnr);
+  }
+  int comment(uint64_t time, uint32_t gtp, const char* text) override {
+    return put<KLT_Row::comment>(time, gtp, text);
+  }
+  int opaqueData(uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
+                 uint32_t scl) override {
+    return put<KLT_Row::opaqueData>(time, gtp, size, data, storedScl(scl));
+  }
+  int fileIoBegin(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file, uint32_t bytes,
+                  uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::fileIoBeginScl>(time, gtp, operation, file, bytes, scl)
+                      : put<KLT_Row::fileIoBegin>(time, gtp, operation, file, bytes);
+  }
+  int fileIoEnd(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file, uint32_t bytes,
+                uint32_t scl) override {
+    return isScl(scl) ? put<KLT_Row::fileIoEndScl>(time, gtp, operation, file, bytes, scl)
+                      : put<KLT_Row::fileIoEnd>(time, gtp, operation, file, bytes);
+  }
+
+  // The bytes of the values are stored as they were.
+  int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
+                   const uint32_t* counters, const uint8_t* /*types*/,
+                   const uint64_t* values) override {
+    if (!mustWait(clock, time)) return putSamples(writer, time, gtp, count, counters, values);
+    return hold(clock, time,
+                [=, ids = std::vector<uint32_t>(counters, counters + count),
+                 samples = std::vector<uint64_t>(values, values + count)](auto* to) {
+                  return putSamples(to, time, gtp, count, ids.data(), samples.data());
+                });
+  }
+
+  // A record keeps its own time, whichever side that is; only its span becomes internal.
+  int message(KLTT_Clock& clock, const RK_Message& m) override {
+    RK_Message record = m;
+    record.time = KLTT_InternalTime(clock, m.time);
+    if (!klt::isUnknownSide(m.receiveTime)) {
+      const uint64_t other = KLTT_InternalTime(clock, klt::messageEnd(m.time, m.receiveTime));
+      const auto distance = static_cast<int64_t>(other - record.time);
+      record.receiveTime = m.receiveTime < 0 ? -distance : distance;
+    }
+    if (!mustWait(clock, record.time)) return putMessage(writer, record);
+    return hold(clock, record.time, [record](auto* to) { return putMessage(to, record); });
+  }
+
+  int collective(KLTT_Clock& clock, const RK_Collective& op) override {
+    const PAL_Place here;
+    RK_Collective record = op;
+    record.time = KLTT_InternalTime(clock, op.time);
+    std::vector<uint64_t> starts(op.starts, op.starts + op.n);
+    std::vector<uint64_t> deltas(op.deltas, op.deltas + op.n);
+    for (uint32_t i = 0; i < op.n; ++i) {
+      if (klt::isUnknownStart(starts[i])) continue;
+      const uint64_t rawStart = op.time + starts[i];
+      const uint64_t start = KLTT_InternalTime(clock, rawStart);
+      starts[i] = start - record.time;
+      deltas[i] = KLTT_InternalTime(clock, rawStart + deltas[i]) - start;
+    }
+    record.starts = starts.data();
+    record.deltas = deltas.data();
+    if (!mustWait(clock, record.time)) return putOperation(writer, record);
+    return hold(clock, record.time, operationPut(record));
+  }
+
+  int delayed(uint64_t time, const KLTT_Delayed& node) override {
+    if (node.kind == KLTT_DelayedKind::kHeld) held_.write(time, writer);
+    return 0;
+  }
+
+ private:
+  // The writer reports a failure, goes on with its other streams, and tells at its end that
+  // something is missing: no reason to stop reading.
+  template <int N, class... Args>
+  int put(Args... args) {
+    (void)KLT_Write<N>(writer, nullptr, args...);
+    return 0;
+  }
+
+  // Enters the path of a class as a text of the output and returns the text's id. 0 for one that is
+  // too long for a text: the names of the class and its parents tell the path as well.
+  uint32_t pathText(const KLTT_Classes& classes, const KLTT_Class& of) {
+    constexpr uint64_t kShort = 256;  // takes no more memory in one piece
+    if (of.parent == 0) return writer->stringId(of.own);
+    if (of.pathBytes > kLongestText) return 0;
+    if (of.pathBytes <= kShort) return writer->stringId(KLTT_ClassPath(classes, of).c_str());
+    return writer->joinedId(classes.find(of.parent)->outputPath, std::string(":") + of.own);
+  }
+
+  // Whether a record has to wait for those that histories may still put ahead of it.
+  [[nodiscard]] bool mustWait(const KLTT_Clock& clock, uint64_t time) const {
+    return clock.inHistory || held_.waitFor(time);
+  }
+  // Has such a record written by `write`, in order of time, when a later record comes. `write` owns
+  // all that it needs.
+  int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::Put write) {
+    const uint64_t moment = clock.inHistory ? KLTT_InternalTime(clock, clock.historyTime) : time;
+    if (held_.add(moment, time, std::move(write))) {
+      pending_.add(moment).kind = KLTT_DelayedKind::kHeld;
+    }
+    return 0;
+  }
+
+  KLTT_Queue& pending_;
+  KLTT_HeldRecords held_;
+  std::unordered_set<uint32_t> definedFiles_;
+};
+
+}  // namespace
+
+std::unique_ptr<RK_Sink> KLTT_RecordSink(KLT_WFileHandle* writer, KLTT_Queue& pending) {
+  return std::make_unique<Records>(writer, pending);
 }

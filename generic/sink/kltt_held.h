@@ -3,8 +3,8 @@
 // What is under way when a window begins, and the last samples of counters, are delivered thread by
 // thread and stream by stream, with times before the window. The records of a component are in
 // order of time, so these wait here, together with the records of the moment at which the window
-// begins, and are written in order once a later record comes. kltt_events decides what waits, and
-// when it is written.
+// begins, and are written in order once a later record comes. kltt_binary decides what waits;
+// kltt_events has it written when its time comes.
 #pragma once
 
 #include <algorithm>

@@ -23,26 +23,14 @@
 #include <string_view>
 #include <vector>
 
+#include "generic/text/RK_rkf.h"
+
 // kHeld: what KLTT_HeldRecords holds for this time.
 enum class KLTT_DelayedKind : uint32_t { kSendMsg, kRecvMsg, kGlobalOp, kComment, kHeld };
 
-struct KLTT_DelayedMessage {
-  uint32_t peer;  // gtp of the other side
-  uint32_t tag;
-  uint32_t size;
-  uint32_t communicator;
-  uint32_t scl;
-  uint32_t function;
-};
-
 struct KLTT_DelayedOperation {
   uint64_t endTime;  // internal time
-  uint32_t operation;
-  uint32_t communicator;
-  uint32_t root;
-  uint32_t sent;
-  uint32_t received;
-  uint32_t scl;
+  RK_OperationPart part;
 };
 
 struct KLTT_DelayedComment {
@@ -54,7 +42,7 @@ struct KLTT_Delayed {
   KLTT_DelayedKind kind;
   uint32_t gtp;  // the thread that it happens to; 0 for a comment
   union {
-    KLTT_DelayedMessage message;      // kSendMsg, kRecvMsg
+    RK_MessageSide message;           // kSendMsg, kRecvMsg
     KLTT_DelayedOperation operation;  // kGlobalOp
     KLTT_DelayedComment comment;      // kComment
   };

@@ -20,10 +20,11 @@ struct RK_Output {
   char* pos = nullptr;    // next free byte; below `limit` between calls
   char* limit = nullptr;  // buffer + kBlock; kSlack bytes follow it
   std::unique_ptr<char[]> buffer;
-  std::string name;     // "stdout" or the file's name, for the message
-  int vfd = -1;         // virtual descriptor; -1 while there is none
-  int standard = -1;    // the standard descriptor that it stands for, -1 if it is a file
-  bool failed = false;  // a write, flush or close failed
+  std::string name;      // "stdout" or the file's name, for the message
+  int vfd = -1;          // virtual descriptor; -1 while there is none
+  int standard = -1;     // the standard descriptor that it stands for, -1 if it is a file
+  bool failed = false;   // a write, flush or close failed
+  bool extended = true;  // RK_rkf writes all lines and parts that it has
 
   // The digits of the last line's time but for the last four (RK_line.h).
   uint64_t timeHigh = 0;

@@ -4,23 +4,22 @@
 #include <algorithm>
 #include <bit>
 
-#include "generic/options/RK_conf.h"
 #include "generic/text/RK_line.h"
 #include "klt/format/klt_spans.h"
+#include "klt/format/klt_values.h"
 
 namespace {
 
-constexpr uint64_t kUnknownReceive = uint64_t{1} << 63;  // as a time difference
-constexpr uint64_t kUnknownSend = kUnknownReceive + 1;   // as a time
-
-bool isScl(uint32_t scl) { return scl != 0 && scl != 0x7fffffff; }
+using klt::isScl;
 
 void putScl(RK_Line& line, uint32_t scl) {
   if (isScl(scl)) line.fixed(" SCL ").i32(scl);
 }
 
-void putFunction(RK_Line& line, uint32_t function) {
-  if (function != 0 && RK_conf.extended_rkf) line.fixed(" FUNCTION ").u32(function);
+int finishSide(RK_Line& line, const RK_Output* out, const RK_MessageSide& side) {
+  putScl(line, side.scl);
+  if (side.function != 0 && out->extended) line.fixed(" FUNCTION ").u32(side.function);
+  return line.end();
 }
 
 int finish(RK_Line& line, uint32_t scl) {
@@ -63,7 +62,7 @@ void putOperation(RK_Line& line, uint32_t operation) {
 template <size_t N>
 int writeScopeEvent(RK_Output* out, uint64_t time, const char (&keyword)[N], uint32_t gtp,
                     uint32_t scope, uint32_t seqnr, uint32_t scl) {
-  if (!RK_conf.extended_rkf) return RK_OutputFailed(out);
+  if (!out->extended) return RK_OutputFailed(out);
   RK_Line line(out);
   line.time(time).fixed(keyword).u32(gtp + 1);
   line.fixed(" SCOPE ").u32(scope).fixed(" SEQNR ").u32(seqnr);
@@ -97,17 +96,17 @@ void putTimes(RK_Line& line, const uint64_t* starts, const uint64_t* values, uin
 }
 
 void putKind(RK_Line& line, uint32_t kind) {
-  switch (kind) {
-    case 1:
+  switch (static_cast<klt::CollopKind>(kind)) {
+    case klt::CollopKind::kOneToAll:
       line.fixed("ONETOALL");
       break;
-    case 2:
+    case klt::CollopKind::kAllToOne:
       line.fixed("ALLTOONE");
       break;
-    case 3:
+    case klt::CollopKind::kAllToAll:
       line.fixed("ALLTOALL");
       break;
-    case 4:
+    case klt::CollopKind::kAll:
       line.fixed("ALL");
       break;
     default:
@@ -156,12 +155,12 @@ int RK_WriteCpuSym(RK_Output* out, uint32_t gtp, const char* name) {
 int RK_WriteClock(RK_Output* out, double resolution, uint32_t eventBits) {
   RK_Line line(out);
   line.fixed("CLKPERIOD ").real(resolution);
-  if (eventBits != 0 && RK_conf.extended_rkf) line.fixed("\nEVENTBITS ").i32(eventBits);
+  if (eventBits != 0 && out->extended) line.fixed("\nEVENTBITS ").i32(eventBits);
   return line.end();
 }
 
 int RK_WriteDuration(RK_Output* out, uint64_t start, uint64_t end) {
-  if (!RK_conf.extended_rkf) return RK_OutputFailed(out);
+  if (!out->extended) return RK_OutputFailed(out);
   RK_Line line(out);
   return line.fixed("DURATION ").i64(start).fixed(" ").i64(end).end();
 }
@@ -236,7 +235,7 @@ int RK_WriteIoFile(RK_Output* out, uint32_t file, uint32_t communicator, const c
 
 int RK_WriteScope(RK_Output* out, uint32_t scope, uint32_t classId, const char* name,
                   uint32_t startScl, uint32_t endScl) {
-  if (!RK_conf.extended_rkf) return RK_OutputFailed(out);
+  if (!out->extended) return RK_OutputFailed(out);
   RK_Line line(out);
   line.fixed("DEFSCOPE ").u32(scope).fixed(" ACT ").u32(classId);
   line.fixed(" \"").text(name).fixed("\"");
@@ -254,7 +253,7 @@ int RK_WriteComDef(RK_Output* out, uint32_t communicator, uint32_t memberCount,
     line.fixed(":").i32(static_cast<uint32_t>(t.last));
     line.fixed(":").i32(static_cast<uint32_t>(t.stride)).room();
   }
-  if (name && *name && RK_conf.extended_rkf) line.fixed(" NAME \"").text(name).fixed("\"");
+  if (name && *name && out->extended) line.fixed(" NAME \"").text(name).fixed("\"");
   return line.end();
 }
 
@@ -275,37 +274,30 @@ int RK_WriteExchange(RK_Output* out, uint64_t time, uint32_t gtp, bool enter, ui
   return finish(line, scl);
 }
 
-int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
-                    uint32_t sender, uint32_t receiver, uint32_t size, uint32_t scl,
-                    uint32_t function) {
+int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side) {
   RK_Line line(out);
-  line.time(time).fixed(" SENDMSG ").i32(communicator).fixed(" ").i32(tag);
-  line.fixed(" FROM ").i32(sender + 1).fixed(" TO ").i32(receiver + 1).fixed(" LEN ").i32(size);
-  putScl(line, scl);
-  putFunction(line, function);
-  return line.end();
+  line.time(time).fixed(" SENDMSG ").i32(side.communicator).fixed(" ").i32(side.tag);
+  line.fixed(" FROM ").i32(gtp + 1).fixed(" TO ").i32(side.peer + 1);
+  line.fixed(" LEN ").i32(side.size);
+  return finishSide(line, out, side);
 }
 
-int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
-                    uint32_t receiver, uint32_t sender, uint32_t size, uint32_t scl,
-                    uint32_t function) {
+int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side) {
   RK_Line line(out);
-  line.time(time).fixed(" RECVMSG ").i32(communicator).fixed(" ").i32(tag);
-  line.fixed(" BY ").i32(receiver + 1).fixed(" FROM ").i32(sender + 1).fixed(" LEN ").i32(size);
-  putScl(line, scl);
-  putFunction(line, function);
-  return line.end();
+  line.time(time).fixed(" RECVMSG ").i32(side.communicator).fixed(" ").i32(side.tag);
+  line.fixed(" BY ").i32(gtp + 1).fixed(" FROM ").i32(side.peer + 1);
+  line.fixed(" LEN ").i32(side.size);
+  return finishSide(line, out, side);
 }
 
-int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
-                     uint32_t communicator, uint32_t root, uint32_t bytesSent,
-                     uint32_t bytesReceived, int64_t duration, uint32_t scl) {
+int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t gtp, int64_t duration,
+                     const RK_OperationPart& part) {
   RK_Line line(out);
-  line.time(time).fixed(" GLOBALOP ").i32(operation).fixed(" ON ").i32(gtp + 1);
-  line.fixed(" ").i32(communicator).fixed(" ").i32(root + 1);
-  line.fixed(" ").i32(bytesSent).fixed(" ").i32(bytesReceived);
+  line.time(time).fixed(" GLOBALOP ").i32(part.operation).fixed(" ON ").i32(gtp + 1);
+  line.fixed(" ").i32(part.communicator).fixed(" ").i32(part.root + 1);
+  line.fixed(" ").i32(part.sent).fixed(" ").i32(part.received);
   line.fixed(" ").i64(static_cast<uint64_t>(duration));
-  return finish(line, scl);
+  return finish(line, part.scl);
 }
 
 int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
@@ -373,52 +365,46 @@ int RK_WriteEndScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope
   return writeScopeEvent(out, time, " ENDSCOPE CPU ", gtp, scope, seqnr, scl);
 }
 
-int RK_WriteOneToOne(RK_Output* out, uint64_t time, uint32_t sender, uint32_t receiver,
-                     int64_t delta, uint32_t communicator, uint32_t size, uint32_t tag,
-                     uint32_t senderScl, uint32_t receiverScl, uint32_t senderChecksum,
-                     uint32_t receiverChecksum, uint32_t senderFunction,
-                     uint32_t receiverFunction) {
-  const uint64_t difference = static_cast<uint64_t>(delta);
+int RK_WriteOneToOne(RK_Output* out, const RK_Message& m) {
+  const uint64_t difference = static_cast<uint64_t>(m.receiveTime);
   RK_Line line(out);
-  if (time == kUnknownSend) {
+  if (m.time == klt::kSendUnknown) {
     line.fixed("UNKNOWN");
   } else {
-    line.u64(time);
+    line.u64(m.time);
   }
-  line.fixed(" ONETOONE CPU ").u32(sender + 1).fixed(" TO ").u32(receiver + 1).fixed(" DELTA ");
-  if (difference == kUnknownReceive) {
+  line.fixed(" ONETOONE CPU ").u32(m.sender + 1).fixed(" TO ").u32(m.receiver + 1);
+  line.fixed(" DELTA ");
+  if (difference == klt::kReceiveUnknown) {
     line.fixed("UNKNOWN");
   } else {
     line.i64(difference);
   }
-  line.fixed(" COM ").u32(communicator).fixed(" LEN ").u32(size).fixed(" TAG ").u32(tag);
-  if (isScl(senderScl) || isScl(receiverScl)) {
+  line.fixed(" COM ").u32(m.communicator).fixed(" LEN ").u32(m.size).fixed(" TAG ").u32(m.tag);
+  if (isScl(m.senderScl) || isScl(m.receiverScl)) {
     line.fixed(" SCLS");
-    if (isScl(senderScl)) line.fixed(" ").u32(senderScl);
-    if (isScl(receiverScl)) line.fixed(" ").u32(receiverScl);
+    if (isScl(m.senderScl)) line.fixed(" ").u32(m.senderScl);
+    if (isScl(m.receiverScl)) line.fixed(" ").u32(m.receiverScl);
   }
-  putNonzero(line, " SENDER_CHECKSUM ", senderChecksum);
-  putNonzero(line, " RECEIVER_CHECKSUM ", receiverChecksum);
-  putNonzero(line, " SENDER_FUNCTION ", senderFunction);
-  putNonzero(line, " RECEIVER_FUNCTION ", receiverFunction);
+  putNonzero(line, " SENDER_CHECKSUM ", m.senderChecksum);
+  putNonzero(line, " RECEIVER_CHECKSUM ", m.receiverChecksum);
+  putNonzero(line, " SENDER_FUNCTION ", m.senderFunction);
+  putNonzero(line, " RECEIVER_FUNCTION ", m.receiverFunction);
   return line.end();
 }
 
-int RK_WriteCollOp(RK_Output* out, uint64_t time, uint32_t kind, uint32_t operation,
-                   uint32_t communicator, uint32_t root, uint32_t n, const uint64_t* starts,
-                   const uint64_t* deltas, const uint32_t* sent, const uint32_t* received,
-                   const uint32_t* scls) {
+int RK_WriteCollOp(RK_Output* out, const RK_Collective& op) {
   RK_Line line(out);
-  line.u64(time).fixed(" COLLOP ");
-  putKind(line, kind);
-  line.fixed(" ").u32(operation).fixed(" COM ").u32(communicator);
-  if (root != ~uint32_t{0}) line.fixed(" ROOT ").u32(root);
+  line.u64(op.time).fixed(" COLLOP ");
+  putKind(line, op.kind);
+  line.fixed(" ").u32(op.operation).fixed(" COM ").u32(op.communicator);
+  if (op.root != RK_Collective::kNoRoot) line.fixed(" ROOT ").u32(op.root);
   line.fixed(" TIMES");
-  putTimes(line, starts, starts, time, n);
+  putTimes(line, op.starts, op.starts, op.time, op.n);
   line.fixed(" DELTAS");
-  putTimes(line, starts, deltas, 0, n);
-  putArray(line, " SENTS", sent, n);
-  putArray(line, " RCVDS", received, n);
-  putArray(line, " SCLS", scls, n);
+  putTimes(line, op.starts, op.deltas, 0, op.n);
+  putArray(line, " SENTS", op.sent, op.n);
+  putArray(line, " RCVDS", op.received, op.n);
+  putArray(line, " SCLS", op.scls, op.n);
   return line.end();
 }

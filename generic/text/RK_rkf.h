@@ -4,8 +4,8 @@
 // or 1 once the output has failed. Values are passed as the trace has them: the writers add the 1
 // that the text wants for threads, processes and some ids, leave out a source location (SCL) of 0
 // or 0x7fffffff, and show a missing text as "(null)". A time stamp is the value of RK_SinkTime,
-// shown signed unless a writer says otherwise. Lines and parts marked [extended] appear only with
-// the option EXTENDED-RKF, which the writers look up themselves.
+// shown signed unless a writer says otherwise. Lines and parts marked [extended] appear only where
+// the output is `extended`.
 #pragma once
 
 #include <cstdint>
@@ -14,6 +14,61 @@
 #include "util/triplets/pal_triplets.h"
 
 struct RK_Output;
+
+// One side of a message.
+struct RK_MessageSide {
+  uint32_t peer;  // gtp of the other side
+  uint32_t tag;
+  uint32_t size;
+  uint32_t communicator;
+  uint32_t scl;
+  uint32_t function;
+};
+
+// Both sides of a message, in the order of its record.
+struct RK_Message {
+  uint64_t time;
+  uint32_t sender;
+  int64_t receiveTime;  // from `time` on, or one of the values for a side that isn't known
+  uint32_t receiver;
+  uint32_t communicator;
+  uint32_t size;
+  uint32_t tag;
+  uint32_t senderScl;
+  uint32_t receiverScl;
+  uint32_t senderChecksum;
+  uint32_t receiverChecksum;
+  uint32_t senderFunction;
+  uint32_t receiverFunction;
+};
+
+// A member's part in a collective operation.
+struct RK_OperationPart {
+  uint32_t operation;
+  uint32_t communicator;
+  uint32_t root;
+  uint32_t sent;
+  uint32_t received;
+  uint32_t scl;
+};
+
+// A collective operation with the parts of all members.
+struct RK_Collective {
+  static constexpr uint32_t kNoRoot = ~uint32_t{0};
+
+  uint64_t time;
+  uint32_t kind;  // a klt::CollopKind, or none
+  uint32_t operation;
+  uint32_t communicator;
+  uint32_t root;
+  uint32_t rootBytes;      // not shown
+  uint32_t n;              // of elements in each array
+  const uint64_t* starts;  // from `time` on
+  const uint64_t* deltas;
+  const uint32_t* sent;  // these may be null
+  const uint32_t* received;
+  const uint32_t* scls;
+};
 
 // Definitions.
 int RK_WriteNcpus(RK_Output* out, std::span<const uint32_t> counts);
@@ -44,15 +99,11 @@ int RK_WriteComDef(RK_Output* out, uint32_t communicator, uint32_t memberCount,
 // `enter`: true "DOWNTO", false "UPTO"; `function` is the one entered or returned to, 0 for none.
 int RK_WriteExchange(RK_Output* out, uint64_t time, uint32_t gtp, bool enter, uint32_t function,
                      uint32_t scl);
-int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
-                    uint32_t sender, uint32_t receiver, uint32_t size, uint32_t scl,
-                    uint32_t function);  // FUNCTION [extended]
-int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t communicator, uint32_t tag,
-                    uint32_t receiver, uint32_t sender, uint32_t size, uint32_t scl,
-                    uint32_t function);  // FUNCTION [extended]
-int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t operation, uint32_t gtp,
-                     uint32_t communicator, uint32_t root, uint32_t bytesSent,
-                     uint32_t bytesReceived, int64_t duration, uint32_t scl);
+// `gtp` is the thread that sends, or receives. FUNCTION [extended]
+int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side);
+int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side);
+int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t gtp, int64_t duration,
+                     const RK_OperationPart& part);
 // types[i] is 1 for an integer value, anything else for a double; values in host order.
 int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
                   const uint32_t* counters, const uint8_t* types, const uint64_t* values);
@@ -69,16 +120,8 @@ int RK_WriteEndScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope
                      uint32_t scl);  // [extended]
 
 // Matched forms, with unsigned time stamps.
-// A `time` of 0x8000000000000001 is shown as unknown (`delta` is then the receive time), and so is
-// a `delta` of 0x8000000000000000.
-int RK_WriteOneToOne(RK_Output* out, uint64_t time, uint32_t sender, uint32_t receiver,
-                     int64_t delta, uint32_t communicator, uint32_t size, uint32_t tag,
-                     uint32_t senderScl, uint32_t receiverScl, uint32_t senderChecksum,
-                     uint32_t receiverChecksum, uint32_t senderFunction, uint32_t receiverFunction);
-// `kind` 1 to 4: one-to-all, all-to-one, all-to-all, all. `root` all ones: none. The arrays have
-// `n` entries; `sent`, `received` and `scls` may be null. A start of all ones, or all ones minus
-// one, shows as unknown.
-int RK_WriteCollOp(RK_Output* out, uint64_t time, uint32_t kind, uint32_t operation,
-                   uint32_t communicator, uint32_t root, uint32_t n, const uint64_t* starts,
-                   const uint64_t* deltas, const uint32_t* sent, const uint32_t* received,
-                   const uint32_t* scls);
+// A `time` of klt::kSendUnknown is shown as unknown (`receiveTime` is then the time of the
+// receive), and so is a `receiveTime` of klt::kReceiveUnknown.
+int RK_WriteOneToOne(RK_Output* out, const RK_Message& message);
+// A start of all ones, or all ones minus one, shows as unknown.
+int RK_WriteCollOp(RK_Output* out, const RK_Collective& operation);

@@ -38,10 +38,11 @@ TEST(KlttRequests, WindowsBecomeRawTimes) {
     RK_Request& wanted = RK_conf.request.emplace_back();
     wanted.window_start = row.start;
     wanted.window_end = row.end;
-    EXPECT_EQ(KLTT_BuildRequests(context).at(0).start, row.rawStart) << row.start;
-    EXPECT_EQ(KLTT_BuildRequests(context).at(0).end, row.rawEnd) << row.end;
-    RK_conf.merge = 1;  // takes the whole trace
-    EXPECT_TRUE(KLTT_BuildRequests(context).empty());
+    const std::vector<KLT_Request> requests =
+        KLTT_BuildRequests(context, RK_conf.request, RK_conf.ticks != 0);
+    ASSERT_EQ(requests.size(), 1U);
+    EXPECT_EQ(requests[0].start, row.rawStart) << row.start;
+    EXPECT_EQ(requests[0].end, row.rawEnd) << row.end;
   }
   RK_ConfigDefaults();
 }

@@ -94,7 +94,7 @@ TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
                         "100 GLOBALOP 4 ON 1 2 5 -1 -1 5\n130 RECVMSG 2 9 BY 2 FROM 1 LEN 64\n");
   KLTT_ClockResolution(c, 1e-6, 13);
   sink_->timeShift = 0;
-  message(~uint64_t{0}, KLTT_RECEIVE_UNKNOWN);
+  message(~uint64_t{0}, klt::kReceiveUnknown);
   EXPECT_EQ(text(), "CLKPERIOD 1E-06\nEVENTBITS 13\n-1 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n");
 }
 
@@ -104,7 +104,7 @@ TEST_F(KlttText, MatchedOperations) {
   const uint64_t starts[] = {5, kOut - 1};
   const uint64_t deltas[] = {10, 20};
   const uint32_t sizes[] = {1, 0x80000000};
-  RK_conf.matched_rkf = 1;
+  context.matched = true;
   KLTT_OneToAllCommunication(c, 100, 2, 99, 2, 1, 0, starts, deltas, sizes, sizes);
   KLTT_AllToOneCommunication(c, 200, 4, 99, 2, 2, 0, starts, deltas, sizes, nullptr);
   KLTT_AllToAllCommunication(c, 300, 2, 3, 2, starts, deltas, sizes, sizes, nullptr);
@@ -306,7 +306,7 @@ TEST_F(KlttText, ListsLongerThanTheBufferArriveWhole) {
   const std::vector<uint8_t> bytes(n, 0xab);
   KLTT_CounterDefinition(c, 1, "c", 1, times.data(), 0, 1, "u");
   (void)text();
-  RK_conf.matched_rkf = 1;
+  context.matched = true;
   RK_WriteThreadNums(sink_->output, ones);
   KLTT_SclDefinition(c, 1, n, ones.data(), ones.data(), nullptr, nullptr);
   KLTT_AllToAllCommunication(c, 1, 2, 4, n, times.data(), times.data(), ones.data(), nullptr,
@@ -353,7 +353,7 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
                        part + "' " + std::to_string(parent));
     path += ':' + part;
   }
-  RK_conf.matched_rkf = 1;
+  context.matched = true;
   KLTT_AllCommunication(c, 1, 2, 4, 3, starts, deltas, nullptr);
   expected.push_back(
       "all_communication 8192 2 4 3 [40960 18446744073709551614 18446744073709551615] "

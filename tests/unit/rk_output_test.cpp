@@ -100,9 +100,9 @@ TEST(RkOutput, TimesAreShiftedUnlessUnknown) {
       {-5, kUnknown, kUnknown}, {-5, kUnknown + 1, kUnknown + 1},
   };
   for (const auto& row : rows) {
-    RK_Sink sink;
-    sink.timeShift = row.shift;
-    EXPECT_EQ(RK_SinkTime(&sink, row.time), row.shown) << row.shift << " " << row.time;
+    const std::unique_ptr<RK_Sink> sink(RK_SinkOpenAscii("-", 0));
+    sink->timeShift = row.shift;
+    EXPECT_EQ(RK_SinkTime(sink.get(), row.time), row.shown) << row.shift << " " << row.time;
   }
 }
 

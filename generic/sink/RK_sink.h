@@ -1,0 +1,97 @@
+// The output of an extraction: one object that the handlers write to, whatever the form.
+//
+// A handler says once what happened. A sink of kind 0 (kltt_lines) makes lines of it, a sink of
+// kind 1 (kltt_binary) records of a new trace. RK_wtrace opens and closes sinks.
+//
+// All operations return 0, or 1 after an output error. Times are internal time if nothing else is
+// said.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "generic/sink/kltt_clock.h"
+#include "generic/sink/kltt_queue.h"
+#include "generic/tables/kltt_classes.h"
+#include "generic/text/RK_rkf.h"
+#include "klt/format/klt_values.h"
+
+struct KLT_WFileHandle;
+
+struct RK_Sink {
+  explicit RK_Sink(int32_t form) : kind(form) {}
+  virtual ~RK_Sink() = default;
+  RK_Sink(const RK_Sink&) = delete;
+  RK_Sink& operator=(const RK_Sink&) = delete;
+
+  int32_t kind;                       // 0 text, 1 binary trace
+  RK_Output* output = nullptr;        // kind 0
+  int32_t timeShift = 0;              // bits by which internal time is shifted right for text
+  KLT_WFileHandle* writer = nullptr;  // kind 1
+  std::string name;
+  size_t longestComment = SIZE_MAX;  // the form has no use for more bytes
+
+  // Definitions, as the records have them.
+  virtual int processDeclaration(std::span<const uint32_t> threads, uint64_t total) = 0;
+  virtual int willyName(uint32_t gtp, const char* name) = 0;
+  virtual int clockResolution(double resolution, uint32_t eventBits) = 0;
+  virtual int duration(uint64_t start, uint64_t end) = 0;
+  // `defined` is about to become one of `classes`.
+  virtual int classDefinition(const KLTT_Classes& classes, KLTT_Class& defined,
+                              const char* nameSelf) = 0;
+  virtual int functionDefinition(uint32_t id, const char* name, uint32_t classId) = 0;
+  virtual int scopeDefinition(uint32_t id, const char* name, uint32_t classId, uint32_t startScl,
+                              uint32_t endScl) = 0;
+  virtual int communicatorDefinition(uint32_t id, const char* name, uint32_t memberCount,
+                                     PAL_TripletSpan members, uint32_t flags) = 0;
+  virtual int collectiveOperationDefinition(uint32_t id, const char* name, uint32_t kind) = 0;
+  virtual int counterDefinition(uint32_t id, const char* name, uint32_t flags,
+                                const uint64_t* bounds, uint32_t gtp, uint32_t classId,
+                                const char* unit) = 0;
+  virtual int groupDefinition(uint32_t id, const char* name, std::span<const uint32_t> members) = 0;
+  virtual int fileDefinition(uint32_t id, const char* path) = 0;
+  virtual int sclDefinition(uint32_t id, uint32_t n, const uint32_t* files, const uint32_t* lines,
+                            const char* const* symbols, const char* const* objects) = 0;
+  virtual int ioFileDefinition(uint32_t id, uint32_t communicator, const char* name) = 0;
+  virtual int statisticsDefinition(uint32_t id, const char* name, uint32_t count,
+                                   const char* const* labels, const char* const* units) = 0;
+
+  // Events.
+  virtual int enterFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) = 0;
+  // `function` is the one returned to, 0 for none.
+  virtual int leaveFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) = 0;
+  virtual int enterScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                         uint32_t scl) = 0;
+  virtual int leaveScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
+                         uint32_t scl) = 0;
+  virtual int comment(uint64_t time, uint32_t gtp, const char* text) = 0;
+  virtual int opaqueData(uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
+                         uint32_t scl) = 0;
+  virtual int fileIoBegin(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
+                          uint32_t bytes, uint32_t scl) = 0;
+  virtual int fileIoEnd(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
+                        uint32_t bytes, uint32_t scl) = 0;
+
+  // Events that the records of a history can tell, too.
+  virtual int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
+                           const uint32_t* counters, const uint8_t* types,
+                           const uint64_t* values) = 0;
+  // The times of both are raw.
+  virtual int message(KLTT_Clock& clock, const RK_Message& message) = 0;
+  virtual int collective(KLTT_Clock& clock, const RK_Collective& operation) = 0;
+
+  // What has waited for `time` in the queue, comments excepted.
+  virtual int delayed(uint64_t time, const KLTT_Delayed& node) = 0;
+};
+
+// Internal time as the text shows it: shifted by `timeShift` (to the left if negative). The two
+// values that stand for an unknown time pass unchanged.
+[[nodiscard]] inline uint64_t RK_SinkTime(const RK_Sink* sink, uint64_t time) {
+  if (time == klt::kReceiveUnknown || time == klt::kSendUnknown) [[unlikely]]
+    return time;
+  const int64_t shift = sink->timeShift;
+  if (shift >= 0) return time >> (shift < 63 ? shift : 63);
+  return time << (shift > -63 ? -shift : 63);
+}

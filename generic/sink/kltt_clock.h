@@ -1,0 +1,39 @@
+// The clock of an extraction: raw time as internal time, and the history that is being read.
+//
+// Raw time is what the trace stores, tick << eventBits | counter, `counter` being the number of the
+// event within its tick. Internal time has a fixed split, tick << 13 | counter.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr uint32_t KLTT_INTERNAL_EVENT_BITS = 13;
+inline constexpr uint64_t KLTT_MAX_EVENTS = uint64_t{1} << KLTT_INTERNAL_EVENT_BITS;
+inline constexpr uint64_t KLTT_MAX_TICKS = uint64_t{1} << 51;
+
+struct KLTT_Clock {
+  uint32_t eventBits = 0;       // at most 63
+  uint64_t counterMask = 0;     // the low `eventBits` bits
+  bool ticksReported = false;   // a time with too many ticks has been reported,
+  bool eventsReported = false;  // or one with too many events
+
+  bool inHistory = false;    // between the brackets of a history
+  uint64_t historyTime = 0;  // raw
+};
+
+// The rare case of KLTT_InternalTime: cuts what doesn't fit, and reports that once.
+uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime);
+
+// Raw time as internal time.
+[[nodiscard]] inline uint64_t KLTT_InternalTime(KLTT_Clock& clock, uint64_t rawTime) {
+  const uint64_t tick = rawTime >> clock.eventBits;
+  const uint64_t counter = rawTime & clock.counterMask;
+  if (tick >= KLTT_MAX_TICKS || counter >= KLTT_MAX_EVENTS) [[unlikely]]
+    return KLTT_TruncatedTime(clock, rawTime);
+  return tick << KLTT_INTERNAL_EVENT_BITS | counter;
+}
+
+// The raw time at which messages and scopes are shown: those of a history were open when the window
+// began.
+[[nodiscard]] inline uint64_t KLTT_EventTime(const KLTT_Clock& clock, uint64_t rawTime) {
+  return clock.inHistory ? clock.historyTime : rawTime;
+}
