@@ -1,231 +1,30 @@
-// Output streams: finding, opening, buffering, flushing and closing them. See klt_write.h; the
-// seek points and the index are klt_write_index's.
+// Opening and closing a writer. See klt_write.h.
 #include "klt/write/klt_write.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <utility>
 
+#include "klt/write/klt_write_index.h"
+#include "klt/write/klt_write_stats.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_util.h"
 
 namespace {
 
-// Categories that have one component for all threads.
-constexpr uint32_t kShared = klt::kDeclarations | klt::kMessages | klt::kCollops | klt::kInternal |
-                             klt::kErrors | klt::kStatistics;
 constexpr uint32_t kHeaderFlags = 0xb;
-constexpr uint32_t kFirstFileId = 0x10000;
-constexpr size_t kFirstBuffer = 4096;
-// Thread lists are named by 16 bits; id 1 is the list of all threads, which also stands for the
-// threads that found no id left.
-constexpr uint32_t kFirstListId = 2;
-constexpr uint32_t kLastListId = 65535;
 
-std::string suffixOf(uint32_t categories, uint32_t thread) {
-  switch (categories) {
-    case klt::kDeclarations:
-      return "dcl";
-    case klt::kCollops:
-      return "cop";
-    case klt::kMessages:
-      return "msg";
-    case klt::kStatistics:
-      return "sts";
-    case klt::kErrors:
-      return "err";
-    default:
-      break;
-  }
-  std::string letters;
-  if ((categories & klt::kFunctions) != 0) letters += 'f';
-  if ((categories & klt::kFileIo) != 0) letters += 'i';
-  if ((categories & klt::kScopes) != 0) letters += 's';
-  if ((categories & klt::kCounters) != 0) letters += 'c';
-  if ((categories & klt::kRawEvents) != 0) letters += 'r';
-  if (letters.empty()) letters = "x";
-  return letters + '.' + std::to_string(static_cast<int32_t>(thread));
-}
-
-uint32_t listOf(KLT_WFileHandle& writer, uint32_t thread) {
-  const auto [known, isNew] = writer.listIds.try_emplace(thread, 0);
-  if (!isNew) return known->second;
-  const uint32_t id = kFirstListId + static_cast<uint32_t>(writer.willyLists.size());
-  if (id > kLastListId) return 0;
-  const auto gtp = static_cast<int32_t>(thread);
-  writer.willyLists.insert(id, PAL_Triplets{{gtp, gtp, 1}});
-  known->second = id;
-  return id;
-}
-
-const char* dirOf(const KLT_WFileHandle& writer) {
-  return writer.dir.empty() ? nullptr : writer.dir.c_str();
-}
-
-bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
-  return writer.untouchable.contains(PAL_PathInDir(dirOf(writer), name));
-}
-
-// Opens the component `name` in place of an old file of that name.
-KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
-  if (KLT_ContainerForm(writer.container) == KLT_FORM_PLAIN) {
-    if (isUntouchable(writer, name)) {
-      errno = EEXIST;
-      return nullptr;
-    }
-    errno = 0;
-    if (PAL_RemoveInDir(dirOf(writer), name.c_str()) != 0 && errno != ENOENT) {
-      PAL_Perror(name.c_str());
-    }
-  }
-  errno = 0;
-  return KLT_IoOpen(writer.container, name.c_str());
-}
-
-// Opens the context's files. An error text, or null; `name` is that of the file at fault.
-const char* openContext(KLT_WFileHandle& writer, KLT_WriteContext& context, std::string& name) {
-  name = writer.name + '.' + context.suffix;
-  context.data.file = openComponent(writer, name);
-  if (context.data.file == nullptr) return "Could not open data file";
-  context.opened = true;
-  context.nextAnchor = KLT_WFileHandle::kChunkBytes;
-  if (context.anchorId != 0) {
-    name += ".anc";
-    context.anchors.file = openComponent(writer, name);
-    if (context.anchors.file == nullptr) {
-      KLT_IoClose(context.data.file);
-      context.opened = false;
-      return "Could not open an anchor file";
-    }
-  }
-  // A reader inflates if both bits are set, so that is when there is something to inflate.
-  if ((writer.flags & 3) == 3 && (context.categories & (klt::kFunctions | klt::kRawEvents)) != 0) {
-    context.deflate = std::make_unique<KLT_Deflate>();
-  }
-  return nullptr;
-}
-
-// Warns that a value is cut to the width of its field, with the place of the encoder.
-void reportNarrowed(uint64_t value, unsigned bytes, const char* file, int line) {
-  const unsigned held = value >> 32 == 0 ? 4 : 8;
-  PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
-              held, static_cast<unsigned long long>(value), bytes, file, line);
-}
-
-// Drops the component: what is written to it from now on is lost.
-void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuffer& buffer) {
-  const std::string suffix = context.suffix.empty() ? "???" : PAL_Printable(context.suffix);
-  if (errno != 0) PAL_Perror(suffix.c_str());
-  PAL_Error("writing to %s failed, file will be incomplete", suffix.c_str());
-  if (buffer.file != nullptr) KLT_IoClose(buffer.file);
-  buffer.lost = true;
-  writer.failed = true;
+// What there is of an index must not be taken for one: empties its file. Of a container nothing is
+// left then.
+void emptyIndex(const KLT_WFileHandle& writer, int form) {
+  if (form == KLT_FORM_SERIAL) return;  // standard output
+  const std::string path = PAL_PathInDir(writer.directory(), writer.name);
+  if (truncate(path.c_str(), 0) != 0) return;  // no regular file: a device, a pipe
 }
 
 }  // namespace
-
-// Every record looks its stream up: by array for the main threads of processes.
-KLT_WFileHandle::KLT_WFileHandle() { byThread.fill(KLT_IdIndex(0x10000)); }
-
-KLT_WFileHandle::~KLT_WFileHandle() {
-  if (container != nullptr) KLT_ContainerClose(container);
-}
-
-uint32_t KLT_WFileHandle::stringId(const char* text) {
-  const PAL_Place here;
-  if (text == nullptr) return 0;
-  const auto [known, isNew] =
-      stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.above = 0, .rest = text});
-  return known->second;
-}
-
-uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
-  const PAL_Place here;
-  // No text has a zero in it, so no other text has this key.
-  const std::string key = std::string(rest) + '\0' + std::to_string(above);
-  const auto [known, isNew] = stringIds.try_emplace(key, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.above = above, .rest = std::string(rest)});
-  return known->second;
-}
-
-std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
-  const PAL_Place here;
-  std::vector<const KLT_JoinedText*> parts{&text};
-  // Ids are given in the order of the entries, from 1.
-  while (parts.back()->above != 0) {
-    parts.push_back(&strings.entries()[parts.back()->above - 1].value);
-  }
-  std::string whole;
-  for (auto part = parts.rbegin(); part != parts.rend(); ++part) whole += (*part)->rest;
-  return whole;
-}
-
-void KLT_WFileHandle::warnCut(const KLT_Row& row, size_t field, uint64_t count, const char* file,
-                              int line) {
-  failed = true;
-  if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  reportNarrowed(count, KLT_TypeBytes(row.fields[field].type()), file, line);
-  PAL_Error("%s with %llu elements doesn't fit, the rest is left out",
-            std::string(row.name).c_str(), static_cast<unsigned long long>(count));
-}
-
-void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t value,
-                                   const char* file, int line) {
-  if (warned_[uint32_t{row.number} << 8 | static_cast<uint32_t>(field)]++ != 0) return;
-  reportNarrowed(value, KLT_TypeBytes(row.fields[field].type()), file, line);
-}
-
-void KLT_WFileHandle::tellWarned() const {
-  for (const auto& [key, occurrences] : warned_) {
-    if (occurrences < 2) continue;
-    const KLT_Row& row = kKltRows[(key >> 8) - 1];
-    const std::string_view field = row.fields[key & 0xff].name;  // empty for a count
-    const std::string record = std::string(row.name) + (field.empty() ? "" : ".");
-    PAL_Warning("%s%.*s didn't fit %llu times in all", record.c_str(),
-                static_cast<int>(field.size()), field.data(),
-                static_cast<unsigned long long>(occurrences));
-  }
-}
-
-KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
-  auto context = std::make_unique<KLT_WriteContext>();
-  context->categories = category;
-  context->history.gtp = thread;
-  if (category != klt::kInternal) {
-    context->suffix = suffixOf(category, thread);
-    if ((category & kShared) == 0) context->listId = listOf(writer, thread);
-    if (category != klt::kDeclarations && category != klt::kStatistics) {
-      context->anchorId = kFirstFileId + ++writer.filesDeclared;
-    }
-    context->fileId = kFirstFileId + ++writer.filesDeclared;
-  }
-  writer.contexts.push_back(std::move(context));
-  writer.byThread[static_cast<size_t>(std::countr_zero(category))].add(
-      thread, static_cast<uint32_t>(writer.contexts.size()));
-  return *writer.contexts.back();
-}
-
-KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer, uint32_t category,
-                                       uint32_t thread) {
-  const PAL_Place here;
-  const uint32_t place = writer.placeOf(category, thread);
-  KLT_WriteContext* context =
-      place != 0 ? writer.contexts[place - 1].get() : &KLT_CreateContext(writer, category, thread);
-  if (context->broken) return nullptr;
-  std::string name;
-  const char* error = openContext(writer, *context, name);
-  if (error == nullptr) return context;
-  context->broken = true;  // told once, not for every record
-  writer.failed = true;
-  if (errno != 0) PAL_Perror(name.c_str());
-  PAL_Error("%s", error);
-  return nullptr;
-}
 
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection) {
   writer->listsDeclared = true;
@@ -251,128 +50,10 @@ KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeInde
       return nullptr;
     }
   }
-  if (stats != nullptr) writer->fileStats = std::make_unique<KLT_FileStats>(*stats);
-  // The shared contexts come first and in this order, whether or not they receive a record.
-  for (const uint32_t category :
-       {klt::kMessages, klt::kCollops, klt::kStatistics, klt::kErrors, klt::kDeclarations}) {
-    KLT_CreateContext(*writer, category, 0);
-  }
+  if (stats != nullptr) writer->fileStats = KLT_FileStatsInit(*stats);
+  KLT_InitWFileHandle(*writer);
   return writer.release();
 }
-
-void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool anchors,
-                      bool final) {
-  KLT_WriteBuffer& buffer = anchors ? context.anchors : context.data;
-  size_t& used = anchors ? context.anchorsUsed : context.dataUsed;
-  KLT_Deflate* deflate = anchors ? nullptr : context.deflate.get();
-  const bool hasWork = used != 0 || (final && deflate != nullptr);
-  if (buffer.file != nullptr && hasWork) {
-    errno = 0;
-    const bool taken =
-        deflate != nullptr
-            ? deflate->write(buffer.file, buffer.bytes.get(), used, final)
-            : KLT_IoWrite(buffer.file, buffer.bytes.get(), used) == static_cast<int64_t>(used);
-    if (!taken) {
-      lose(writer, context, buffer);
-    } else if (!anchors) {
-      context.flushed += used;
-    }
-  }
-  used = 0;
-  if (!anchors) context.setPlainUntil();
-}
-
-uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
-  const PAL_Place here;
-  if (dataUsed + bytes > KLT_WriteBuffer::kFlushBytes)
-    KLT_FlushContext(writer, *this, false, false);
-  if (data.lost) return nullptr;
-  const size_t wanted = dataUsed + bytes;
-  if (data.size < wanted) {
-    const size_t size = std::max(kFirstBuffer, 2 * data.size);
-    data.grow(std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes)), dataUsed);
-    setPlainUntil();
-  }
-  return data.bytes.get() + dataUsed;
-}
-
-KLT_WriteContext::Place KLT_WriteContext::beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time,
-                                                           size_t bytes) {
-  const bool isBack = time < outputTime;
-  if (isBack) lastTime = std::max(lastTime, outputTime);
-  const uint64_t step = isBack ? outputTime - time : time - outputTime;
-  size_t timeRecord = 0;
-  if (isBack || step >= 0x10000) timeRecord = isBack || step >> 32 != 0 ? kLongTime : kShortTime;
-  // Records of one time are never parted by a seek point, and those of seek points never go back.
-  if (step != 0 && outputTime >= lastTime &&
-      nextAnchor < position() + (timeRecord != 0 ? kLongTime : 0) + bytes) {
-    if (anchorId != 0) {
-      if (const char* error = KLT_SetAnchor(writer, *this)) PAL_Error("%s", error);
-    }
-    nextAnchor += KLT_WFileHandle::kChunkBytes;
-    setPlainUntil();
-  }
-  if (timeRecord != 0) {
-    uint8_t* to = reserve(writer, timeRecord);
-    if (to == nullptr) return {nullptr, 0};
-    if (timeRecord == kShortTime) {
-      to[0] = 1;
-      klt::storeBig32(to + 1, static_cast<uint32_t>(step));
-    } else {
-      constexpr auto kStepBack = static_cast<uint8_t>(klt::longestRow("sub_time"));
-      to[0] = isBack ? kStepBack : 2;
-      klt::storeBig64(to + 1, step);
-    }
-    dataUsed += timeRecord;
-  }
-  return {reserve(writer, bytes), timeRecord != 0 ? 0 : step};
-}
-
-bool KLT_WriteContext::replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,
-                               size_t bytes) {
-  if (data.lost) return false;
-  if (position >= flushed) {
-    std::copy_n(record, bytes, data.bytes.get() + (position - flushed));
-    return true;
-  }
-  errno = 0;
-  if (KLT_IoSeek(data.file, static_cast<int64_t>(position), SEEK_SET) !=
-          static_cast<int64_t>(position) ||
-      KLT_IoWrite(data.file, record, bytes) != static_cast<int64_t>(bytes)) {
-    lose(writer, *this, data);
-    return false;
-  }
-  if (KLT_IoSeek(data.file, 0, SEEK_END) != static_cast<int64_t>(flushed)) {
-    PAL_Error("unexpected file size when writing incomplete data to file.");
-    writer.failed = true;
-  }
-  return true;
-}
-
-void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
-  KLT_FlushContext(writer, context, true, true);
-  KLT_FlushContext(writer, context, false, true);
-  for (KLT_WriteBuffer* buffer : {&context.anchors, &context.data}) {
-    if (buffer->file == nullptr) continue;
-    errno = 0;
-    if (KLT_IoClose(buffer->file) != 0) lose(writer, context, *buffer);
-    buffer->file = nullptr;
-    buffer->release();
-  }
-  context.setPlainUntil();
-}
-
-namespace {
-
-// What there is of an index must not be taken for one: empties its file. Of a container nothing is
-// left then.
-void emptyIndex(const KLT_WFileHandle& writer, int form) {
-  if (form == KLT_FORM_SERIAL) return;  // standard output
-  const std::string path = PAL_PathInDir(dirOf(writer), writer.name);
-  if (truncate(path.c_str(), 0) != 0) return;  // no regular file: a device, a pipe
-}
-
-}  // namespace
 
 bool KLT_WriterFree(KLT_WFileHandle* writer) {
   const PAL_Place here;
@@ -388,7 +69,7 @@ bool KLT_WriterFree(KLT_WFileHandle* writer) {
 
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   const PAL_Place here;
-  if (writer->fileStats != nullptr && !writer->fileStats->write(writer)) {
+  if (!KLT_FileStatsFinish(*writer)) {
     PAL_Error("Writing statistics failed.");
     writer->failed = true;
   }

@@ -84,28 +84,6 @@ struct alignas(64) KLT_WriteContext {
       return data.bytes.get() + dataUsed;
     return makeRoom(writer, bytes);
   }
-  // Where a timed record goes, and the step in time that it tells itself.
-  struct Place {
-    uint8_t* to;  // null if the component is lost
-    uint64_t step;
-  };
-  // Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
-  // they are due.
-  [[nodiscard, gnu::always_inline]] Place beginTimed(KLT_WFileHandle& writer, uint64_t time,
-                                                     size_t bytes) {
-    const uint64_t step = time - outputTime;
-    if (step >> 32 == 0 && dataUsed + kLongTime + bytes <= plainUntil) [[likely]] {
-      // Whether a step needs a time record can't be predicted, so it is written in any case and
-      // written over where it isn't needed.
-      uint8_t* to = data.bytes.get() + dataUsed;
-      to[0] = 1;
-      klt::storeBig32(to + 1, static_cast<uint32_t>(step));
-      const uint64_t needed = -uint64_t{step >= 0x10000};
-      dataUsed += needed & kShortTime;
-      return {to + (needed & kShortTime), step & ~needed};
-    }
-    return beginTimedSlowly(writer, time, bytes);
-  }
   // Sets `plainUntil`: to be called when the buffer or the next seek point have moved.
   void setPlainUntil() {
     plainUntil = static_cast<size_t>(
@@ -116,12 +94,7 @@ struct alignas(64) KLT_WriteContext {
                              size_t bytes);
 
  private:
-  // Sizes of time records, for steps of 32 and 64 bits.
-  static constexpr size_t kShortTime = 5;
-  static constexpr size_t kLongTime = 9;
-
   uint8_t* makeRoom(KLT_WFileHandle& writer, size_t bytes);
-  [[gnu::cold]] Place beginTimedSlowly(KLT_WFileHandle& writer, uint64_t time, size_t bytes);
 };
 
 // A text of the output, in two parts: the text of another id and what follows it.
@@ -159,6 +132,8 @@ struct KLT_WFileHandle {
   KLT_WFileHandle& operator=(const KLT_WFileHandle&) = delete;
   ~KLT_WFileHandle();
 
+  // The directory of the files, or null.
+  [[nodiscard]] const char* directory() const { return dir.empty() ? nullptr : dir.c_str(); }
   // The place of a stream among `contexts`, from 1; 0 if there is none yet.
   [[nodiscard, gnu::always_inline]] uint32_t placeOf(uint32_t category, uint32_t thread) const {
     return byThread[static_cast<size_t>(std::countr_zero(category))].find(thread);
@@ -198,7 +173,7 @@ struct KLT_WFileHandle {
 
 // The context of a category bit and, for categories kept per thread, a thread, made and opened on
 // first use. Null after a report.
-[[nodiscard, gnu::cold]] KLT_WriteContext* KLT_OpenWriteContext(KLT_WFileHandle& writer,
+[[nodiscard, gnu::cold]] KLT_WriteContext* KLT_MakeWriteContext(KLT_WFileHandle& writer,
                                                                 uint32_t category, uint32_t thread);
 [[nodiscard, gnu::always_inline]] inline KLT_WriteContext* KLT_GetWriteContext(
     KLT_WFileHandle& writer, uint32_t category, uint32_t thread) {
@@ -207,16 +182,18 @@ struct KLT_WFileHandle {
     if (context.opened) [[likely]]
       return &context;
   }
-  return KLT_OpenWriteContext(writer, category, thread);
+  return KLT_MakeWriteContext(writer, category, thread);
 }
+// Opens the context's files. An error text, or null; `name` receives the name of the file at fault.
+[[nodiscard]] const char* KLT_OpenContext(KLT_WFileHandle& writer, KLT_WriteContext& context,
+                                          std::string& name);
 // Hands what is buffered to the components. `final` ends a compressed stream.
 void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool anchors, bool final);
-// Sets a seek point at the context's position. An error text, or null.
-[[nodiscard]] const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context);
-// Writes header, layouts and structure records. An error text, or null.
-[[nodiscard]] const char* KLT_WriteIndex(KLT_WFileHandle& writer);
 // Closes the components of a context.
 void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
 // A new context for a category bit and, unless the category is shared, a thread. Its files aren't
 // open yet.
 KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread);
+// Makes the contexts that all threads share. They come first and in a fixed order, whether or not
+// they receive a record.
+void KLT_InitWFileHandle(KLT_WFileHandle& writer);

@@ -1,8 +1,9 @@
 // What a writer remembers for its seek points. See klt_write_history.h.
 #include "klt/write/klt_write_history.h"
-#include "util/pal_mem.h"
 
 #include <algorithm>
+
+#include "util/pal_mem.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32
 
 }  // namespace
 
-KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time) {
+KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time, uint64_t offset) {
   if (entries_.size() >= pruneAt_) {
     prune(time);
     pruneAt_ = std::max(kFirstPrune, 2 * entries_.size());
@@ -21,42 +22,37 @@ KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time) {
   PAL_MakeRoom(entries_);
   KLT_OffsetEntry& entry = entries_.emplace_back();
   entry.time = time;
+  entry.end = klt::kNever;
+  entry.offset = offset;
   return entry;
 }
 
-void KLT_OffsetEntries::addSpan(uint64_t time, uint64_t end, uint64_t offset, bool open) {
-  KLT_OffsetEntry& entry = append(time);
-  entry.end = open ? KLT_OffsetEntry::kNever : end;
-  entry.offset = offset;
-  if (open) open_[offset] = entries_.size() - 1;
-}
-
-void KLT_OffsetEntries::endSpan(uint64_t offset, uint64_t end) {
+void KLT_OffsetEntries::setEnd(uint64_t offset, uint64_t end) {
   const auto place = open_.find(offset);
   if (place == open_.end()) return;
   entries_[place->second].end = end;
   open_.erase(place);
 }
 
-void KLT_OffsetEntries::setCounter(uint32_t counter, uint64_t time, uint64_t offset) {
-  const auto place = counters_.find(counter);
-  if (place != counters_.end()) {
-    entries_[place->second].time = time;
-    entries_[place->second].offset = offset;
-    return;
+// The last sample of a counter replaces the one before, in its place.
+void KLT_OffsetEntries::setCounters(const KLT_OffsetNote& note) {
+  for (uint32_t i = note.count; i-- > 0;) {
+    const uint32_t counter = note.counters[i];
+    const auto place = counters_.find(counter);
+    if (place != counters_.end()) {
+      entries_[place->second].time = note.time;
+      entries_[place->second].offset = note.offset;
+      continue;
+    }
+    KLT_OffsetEntry& entry = append(note.time, note.offset);
+    entry.kind = KLT_OffsetEntry::Kind::kCounter;
+    entry.id = counter;
+    counters_[counter] = entries_.size() - 1;
   }
-  KLT_OffsetEntry& entry = append(time);
-  entry.end = KLT_OffsetEntry::kNever;
-  entry.offset = offset;
-  entry.kind = KLT_OffsetEntry::Kind::kCounter;
-  entry.id = counter;
-  counters_[counter] = entries_.size() - 1;
 }
 
 void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset) {
-  KLT_OffsetEntry& entry = append(time);
-  entry.end = KLT_OffsetEntry::kNever;
-  entry.offset = offset;
+  KLT_OffsetEntry& entry = append(time, offset);
   entry.kind = KLT_OffsetEntry::Kind::kScope;
   entry.id = scope;
   entry.seqnr = seqnr;
@@ -74,7 +70,7 @@ void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
 void KLT_OffsetEntries::prune(uint64_t limit) {
   const size_t before = entries_.size();
   std::erase_if(entries_, [limit](const KLT_OffsetEntry& e) {
-    return e.end <= limit && e.end != KLT_OffsetEntry::kNever;
+    return e.end <= limit && e.end != klt::kNever;
   });
   if (entries_.size() != before) reindex();
 }

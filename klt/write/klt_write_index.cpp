@@ -1,137 +1,18 @@
-// What ties a written trace together: seek points into its components, and the index.
+// Writing the index of a trace. See klt_write_index.h.
+#include "klt/write/klt_write_index.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <numeric>
 
 #include "klt/index/klt_intern.h"
-#include "klt/write/klt_write.h"
-#include "util/pal_error.h"
+#include "klt/write/klt_write_row.h"
 #include "util/pal_mem.h"
 
 namespace {
 
 constexpr uint32_t kAllThreadsList = 1;
-constexpr size_t kEntriesPerHistory = 255;
-constexpr size_t kLargestStack = 0xffff;
 constexpr uint32_t kTableBuckets = 1021;  // decides the order of strings and lists
-
-// Whether an anchor can tell the history, in at most `most` bytes.
-bool canTell(const KLT_WriteHistory& history, uint64_t most) {
-  constexpr size_t kAnchorBytes = 17;
-  const size_t depth = history.calls.size();
-  if (depth > kLargestStack || 4 * depth > most) return false;
-  size_t bytes = kAnchorBytes;
-  if (depth != 0) bytes += 7 + depth * (history.hasLocations() ? 8 : 4);
-  if (history.isUsed) {
-    const size_t entries = history.offsets.entries().size();
-    bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
-  }
-  return bytes <= most;
-}
-
-// Builds records behind the used bytes of the anchor component.
-class AnchorWriter {
- public:
-  AnchorWriter(KLT_WFileHandle& writer, KLT_WriteContext& context)
-      : writer_(writer), context_(context) {}
-
-  bool stack(const KLT_WriteHistory& history) {
-    const size_t n = history.calls.size();
-    const bool scls = history.hasLocations();
-    uint8_t* to = reserve(7 + n * (scls ? 8 : 4));
-    if (to == nullptr) return false;
-    *to++ = scls ? 42 : 41;
-    to = put32(to, history.gtp);
-    klt::storeBig16(to, static_cast<uint16_t>(n));
-    to += 2;
-    for (const auto& call : history.calls) to = put32(to, call.function);
-    if (scls) {
-      for (const auto& call : history.calls) to = put32(to, call.scl);
-    }
-    return true;
-  }
-
-  bool offsets(const std::vector<KLT_OffsetEntry>& entries) {
-    size_t at = 0;
-    do {  // a thread without entries still says so
-      const size_t n = std::min(kEntriesPerHistory, entries.size() - at);
-      if (!offsets(entries.data() + at, n)) return false;
-      at += n;
-    } while (at < entries.size());
-    return true;
-  }
-
-  bool anchor() {
-    uint8_t* to = reserve(17);
-    if (to == nullptr) return false;
-    *to++ = 9;
-    to = put64(to, context_.outputTime);
-    put64(to, context_.position());
-    return true;
-  }
-
- private:
-  static uint8_t* put32(uint8_t* to, uint32_t value) {
-    klt::storeBig32(to, value);
-    return to + 4;
-  }
-  static uint8_t* put64(uint8_t* to, uint64_t value) {
-    klt::storeBig64(to, value);
-    return to + 8;
-  }
-
-  bool offsets(const KLT_OffsetEntry* entries, size_t n) {
-    uint8_t* to = reserve(2 + 20 * n);
-    if (to == nullptr) return false;
-    *to++ = 46;
-    *to++ = static_cast<uint8_t>(n);
-    for (size_t i = 0; i < n; ++i) to = put32(to, context_.fileId);
-    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].offset);
-    for (size_t i = 0; i < n; ++i) to = put64(to, entries[i].time);
-    return true;
-  }
-
-  // Takes `bytes` bytes of the anchor buffer; null if the component is lost.
-  uint8_t* reserve(size_t bytes) {
-    KLT_WriteBuffer& buffer = context_.anchors;
-    if (context_.anchorsUsed + bytes > KLT_WriteBuffer::kFlushBytes) {
-      KLT_FlushContext(writer_, context_, true, false);
-    }
-    if (buffer.lost) return nullptr;
-    const size_t wanted = context_.anchorsUsed + bytes;
-    if (buffer.size < wanted) buffer.grow(std::max(wanted, 2 * buffer.size), context_.anchorsUsed);
-    uint8_t* to = buffer.bytes.get() + context_.anchorsUsed;
-    context_.anchorsUsed += bytes;
-    return to;
-  }
-
-  KLT_WFileHandle& writer_;
-  KLT_WriteContext& context_;
-};
-
-}  // namespace
-
-const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
-  const PAL_Place here;
-  if (context.anchors.lost) return nullptr;  // told when it was lost
-  KLT_WriteHistory& history = context.history;
-  history.offsets.prune(context.outputTime);
-  // A seek point that tells more than the data it saves reading waits for the next boundary.
-  if (!canTell(history, context.position() - context.lastAnchor)) return nullptr;
-  AnchorWriter out(writer, context);
-  if (!history.calls.empty() && !out.stack(history)) return "Writing function history failed.";
-  if (history.isUsed && !out.offsets(history.offsets.entries())) {
-    return "Writing event history failed.";
-  }
-  context.lastAnchor = context.position();
-  return out.anchor() ? nullptr : "Setting/writing anchor failed.";
-}
-
-namespace {
-
-// --- the index ----------------------------------------------------------------------------------
 
 bool putByte(KLT_WFileHandle& writer, KLT_WriteContext& index, uint8_t byte) {
   uint8_t* to = index.reserve(writer, 1);
