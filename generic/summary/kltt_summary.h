@@ -9,11 +9,10 @@
 #include <cstdint>
 #include <span>
 
+#include "generic/summary/kltt_summary_events.h"
+
 struct KLT_FileHandle;
 struct KLTT_Summary;  // owned by the caller, freed by KLTT_SumClose
-
-// No root, for KLTT_SumCollective.
-inline constexpr uint32_t kKlttNoRoot = 0xffffffff;
 
 // The number of events that `input` declares, cut to what its files can hold: with a number out of
 // thin air there would be more bins than any disk has room for. A trace with compressed components
@@ -36,33 +35,9 @@ inline constexpr uint32_t kKlttNoRoot = 0xffffffff;
 void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
                       uint32_t scl, bool entering);
 
-// The arrays of a collective operation, a number for each of `n` members; null if the record has
-// none.
-struct KLTT_SumMembers {
-  uint32_t n = 0;
-  const uint64_t* start_time = nullptr;
-  const uint64_t* delta = nullptr;
-  const uint32_t* send_size = nullptr;
-  const uint32_t* receive_size = nullptr;
-  const uint32_t* scl = nullptr;
-};
 void KLTT_SumCollective(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t communicator,
                         uint32_t type, const KLTT_SumMembers& members);
 
-// A message; `time` and `duration` as its record has them, sentinels included.
-struct KLTT_SumMessage {
-  uint64_t time = 0;
-  int64_t duration = 0;
-  uint32_t sender = 0;
-  uint32_t receiver = 0;
-  uint32_t communicator = 0;
-  uint32_t size = 0;
-  uint32_t tag = 0;
-  uint32_t senderScl = 0;
-  uint32_t receiverScl = 0;
-  uint32_t senderFunction = 0;
-  uint32_t receiverFunction = 0;
-};
 void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& message);
 
 // `type` as the counter_definition record has it: bit 0 tells integers from floating point.
@@ -71,19 +46,4 @@ void KLTT_SumDefineCounter(KLTT_Summary& summary, uint32_t id, uint32_t type);
 void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t n,
                       const uint32_t* counters, const uint64_t* values);
 
-// A report with its `n` entries; null texts are empty.
-struct KLTT_SumReport {
-  uint64_t time = 0;
-  uint32_t thread = 0;
-  const char* type = nullptr;
-  const char* level = nullptr;
-  const char* description = nullptr;
-  uint32_t n = 0;
-  const uint64_t* times = nullptr;
-  const uint32_t* willys = nullptr;
-  const char* const* headers = nullptr;
-  const uint32_t* functions = nullptr;
-  const char* const* calls = nullptr;
-  const uint32_t* scls = nullptr;
-};
 void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& report);

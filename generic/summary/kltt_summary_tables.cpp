@@ -4,7 +4,7 @@
 
 #include <bit>
 
-#include "generic/summary/kltt_summary.h"
+#include "generic/summary/kltt_summary_events.h"
 #include "generic/summary/kltt_summary_file.h"
 #include "util/pal_error.h"
 

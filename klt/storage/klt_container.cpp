@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "klt/format/klt_wire.h"
-#include "klt/storage/klt_io.h"
+#include "klt/storage/klt_storage.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_util.h"

@@ -1,47 +1,106 @@
 #!/usr/bin/env python3
-"""Checks the direction of includes: util <- klt <- generic, and that headers have one root form.
+"""Checks the roads between files and rooms: includes flow one way, and no files call in circles.
 
-usage: check_includes.py SOURCE_ROOT
+usage: check_includes.py SOURCE_ROOT [OBJECT_DIRECTORY]
+
+A room is a folder with sources. Each may include only rooms ahead of it in ROOMS, holds at most
+MOST_FILES sources and has a short README.md. Headers don't include each other in circles. With the
+directory of a build, the .cpp files don't call each other in circles either, by the undefined symbols
+of their objects.
 """
 
+import collections
+import graphlib
 import pathlib
 import re
+import subprocess
 import sys
 
-# What a folder may not include.
-FORBIDDEN = {"util": ("klt", "generic", "tests"), "klt": ("generic", "tests"), "generic": ("tests",)}
-INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
-MODULES = ("util", "klt", "generic", "tests")
+# From the ground up. A room knows those ahead of it, but not those that are APART from it.
+ROOMS = ("util", "util/triplets", "klt/format", "klt/storage", "klt/index", "klt/stream", "klt/read",
+         "klt", "klt/write", "generic/options", "generic/text", "generic/tables", "generic/sink",
+         "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic")
+APART = ({"klt/read", "klt/write"}, {"klt/stream", "klt/write"},
+         {"generic/options", "generic/text", "generic/tables"})
+# The reader includes the public header, since it implements what that declares.
+ALLOWED = {("klt/read", "klt/klt.h")}
+MOST_FILES, MOST_LINES = 16, 25
+INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
 GENERATED = ("klt_version.h",)
 
 
-def problems_of(root, folder, path):
-    lines = path.read_text(encoding="utf-8").splitlines()
-    if path.suffix == ".h" and not any(line.strip() == "#pragma once" for line in lines):
-        yield f"{path.relative_to(root)}: header without #pragma once"
-    for number, line in enumerate(lines, 1):
-        match = INCLUDE.match(line)
-        if not match:
+def rooms_of(root):
+    for room in ROOMS:
+        yield room, [path for path in sorted((root / room).iterdir())
+                     if path.suffix in (".h", ".cpp", ".inc")]
+
+
+def problems_of_room(root, room, sources):
+    if len(sources) > MOST_FILES:
+        yield f"{room}: {len(sources)} sources, at most {MOST_FILES} are a room"
+    readme = root / room / "README.md"
+    if not readme.exists():
+        yield f"{room}: no README.md"
+    elif len(readme.read_text(encoding="utf-8").splitlines()) > MOST_LINES:
+        yield f"{readme.relative_to(root)}: more than {MOST_LINES} lines"
+
+
+def problem_of_include(root, room, target):
+    if target in GENERATED or (room, target) in ALLOWED:
+        return None
+    other = str(pathlib.PurePath(target).parent)
+    if other not in ROOMS or not (root / target).exists():
+        return f"write includes from the root, not \"{target}\""
+    together = {room, other}
+    if ROOMS.index(other) > ROOMS.index(room) or any(
+            together <= apart for apart in APART if room != other):
+        return f"{room} must not include {target}"
+    return None
+
+
+def defined_and_used(root, objects):
+    """For each .cpp file the symbols that it defines, and those that it takes."""
+    defined, used = {}, {}
+    for path in sorted(objects.rglob("*.cpp.o")):
+        match = re.search(r"\.dir/((?:util|klt|generic)/.*\.cpp)\.o$", str(path))
+        if not match or not (root / match[1]).exists():
             continue
-        quote, target = match.groups()
-        where = f"{path.relative_to(root)}:{number}"
-        first = target.split("/")[0]
-        if quote == '"' and first not in MODULES + GENERATED:
-            yield f"{where}: write includes from the root, not \"{target}\""
-        if first in FORBIDDEN.get(folder, ()):
-            yield f"{where}: {folder} must not include {target}"
+        symbols = subprocess.run(["nm", "--format=posix", path], capture_output=True, text=True,
+                                 check=True).stdout
+        pairs = [line.split()[:2] for line in symbols.splitlines()]
+        defined[match[1]] = {name for name, kind in pairs if kind in "TDBR"}
+        used[match[1]] = {name for name, kind in pairs if kind == "U"}
+    # Every file uses the operators of the heap, which util/pal_mem replaces.
+    for names in defined.values():
+        names -= {name for name in names if re.match(r"_Z(n|d)[wal]", name)}
+    return defined, used
 
 
 def main():
     root = pathlib.Path(sys.argv[1])
-    found, checked = [], 0
-    for folder in FORBIDDEN:
-        for path in sorted((root / folder).rglob("*")):
-            if path.suffix in (".h", ".cpp"):
-                checked += 1
-                found += problems_of(root, folder, path)
-    print("\n".join(found) if found else f"{checked} files, all includes in order")
-    return 1 if found or not checked else 0
+    found, arrows = [], collections.defaultdict(set)
+    for room, sources in rooms_of(root):
+        found += problems_of_room(root, room, sources)
+        for path in sources:
+            text, name = path.read_text(encoding="utf-8"), path.relative_to(root)
+            if path.suffix == ".h" and "#pragma once\n" not in text:
+                found.append(f"{name}: header without #pragma once")
+            for target in INCLUDE.findall(text):
+                if problem := problem_of_include(root, room, target):
+                    found.append(f"{name}: {problem}")
+                else:
+                    arrows[str(name)].add(target)
+    if len(sys.argv) > 2:
+        defined, used = defined_and_used(root, pathlib.Path(sys.argv[2]))
+        home = {symbol: file for file, symbols in defined.items() for symbol in symbols}
+        for file, symbols in used.items():
+            arrows[file] |= {home[symbol] for symbol in symbols & home.keys()} - {file}
+    try:
+        graphlib.TopologicalSorter(arrows).prepare()
+    except graphlib.CycleError as error:
+        found.append("circle: " + " <- ".join(error.args[1]))
+    print("\n".join(found) if found else f"{len(arrows)} files, all roads lead one way")
+    return 1 if found or not arrows else 0
 
 
 if __name__ == "__main__":
