@@ -19,6 +19,7 @@
 #include "generic/handlers/kltt_messages.h"
 #include "generic/handlers/kltt_tables.h"
 #include "generic/options/RK_conf.h"
+#include "generic/sink/RK_wtrace.h"
 #include "generic/text/RK_line.h"
 #include "generic/text/RK_rkf.h"
 #include "klt/write/klt_write.h"
@@ -336,7 +337,8 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
               {0x1e, 0x12, "4"}, {0x0e, 6, "3"}, {0x0a, 10, "2"}};
   const std::string name = directory_ / "s.klt", part(13000, 'p');
   const uint64_t zeros[2] = {}, starts[] = {5, kOut - 1, kOut}, deltas[] = {6, 7, 8};
-  RK_Sink* const klt = RK_SinkOpenKlt(RK_OpenWriter(name.c_str(), {}, {}), name.c_str());
+  RK_Sink* const klt =
+      RK_SinkOpenKlt(RK_OpenWriter(name.c_str(), {}, {}), name.c_str(), context.pending);
   reading::Lines expected;
   std::string path = part;
   for (uint32_t id = 10; const auto& row : rows) {
