@@ -67,7 +67,7 @@ TEST_F(PalMem, BlocksAreAlignedAndTemporaryOnesLeaveTheFrameAtTheLimit) {
   };
   const auto offset = [](const void* block) { return reinterpret_cast<uintptr_t>(block) % 256; };
   ::operator delete(::operator new(0));
-  Wide* wide = new (std::nothrow) Wide[3];
+  Wide* volatile wide = new (std::nothrow) Wide[3];  // volatile: else a compiler leaves it out
   EXPECT_EQ(offset(std::memset(wide, 0xff, 3 * sizeof(Wide))), 0U);
   delete[] wide;
   for (const size_t size : {0U, 1U, 65535U, 65536U}) {
