@@ -1,10 +1,8 @@
 // Delivery: running the streams of a reader and calling the handlers, in time order or stream by
 // stream.
 //
-// In time order the stream with the lowest next time is served up to the time of the runner-up,
-// then the runner-up for its records at that time. Of equal times the earlier position in the array
-// of streams wins, and the last stream moves into the place of one that has ended. A tournament
-// (klt_merge_tree) finds that order, with hundreds of streams a sort (klt_slice).
+// klt_order says whose records are next; here they are delivered, streams that run out are filled,
+// and the clock is looked at.
 
 #include <algorithm>
 #include <utility>
@@ -55,7 +53,6 @@ Swap swapIn(KLT_Reader& reader, size_t index) {
     (void)KLT_FillStream(stream);
   }
   lane.isFilled = false;
-  ++reader.fills;
   if (stream.source.failed || stream.packed.records.empty()) {
     const bool failed = stream.source.failed;
     removeStream(reader, index);
@@ -200,12 +197,6 @@ int serveSlice(KLT_Reader& reader) {
   }
 }
 
-// Whether there are so many streams that a slice may pay, and it does.
-bool gatherSlice(KLT_Reader& reader) {
-  constexpr size_t kManyStreams = 256;
-  return reader.streams.size() >= kManyStreams && reader.slice.gather(reader.lanes, reader.fills);
-}
-
 // Serves streams by turns until the next slice or the end. If the slice before ended while a stream
 // was being served, that one takes the part of the first. Returns a status, or kNoStatus.
 int serveByTournament(KLT_Reader& reader) {
@@ -214,7 +205,7 @@ int serveByTournament(KLT_Reader& reader) {
   const size_t running = reader.slice.running();
   reader.slice.endTurn();
   int status = takeTurn(reader, running == KLT_Slice::kNone ? reader.order.best() : running);
-  while (status == kNoStatus && !reader.streams.empty() && !gatherSlice(reader)) {
+  while (status == kNoStatus && !reader.streams.empty() && !reader.slice.gather(reader.lanes)) {
     status = takeTurn(reader, reader.order.best());
   }
   return status;
@@ -224,7 +215,8 @@ int serveByTournament(KLT_Reader& reader) {
 // one.
 int prepare(KLT_Reader& reader) {
   for (size_t i = 0; i < reader.streams.size();) {
-    const uint64_t fills = reader.fills;
+    const KLT_Lane& lane = reader.lanes[i];
+    const bool runsOut = lane.isFilled || lane.next == lane.end;
     switch (swapIn(reader, i)) {
       case Swap::kReady:
         ++i;
@@ -234,7 +226,7 @@ int prepare(KLT_Reader& reader) {
       case Swap::kFailed:
         return afterFailure(reader);
     }
-    if (reader.fills != fills && reader.limit.reached()) return KLT_STATUS_TIME;
+    if (runsOut && reader.limit.reached()) return KLT_STATUS_TIME;
   }
   return kNoStatus;
 }
@@ -243,7 +235,7 @@ int readInOrder(KLT_Reader& reader) {
   int status = prepare(reader);
   if (status == kNoStatus) reader.hasDelivered = true;
   while (status == kNoStatus && !reader.streams.empty()) {
-    const bool isSliced = !reader.slice.empty() || gatherSlice(reader);
+    const bool isSliced = !reader.slice.empty() || reader.slice.gather(reader.lanes);
     status = isSliced ? serveSlice(reader) : serveByTournament(reader);
   }
   return status == kNoStatus ? KLT_STATUS_FINISHED : status;

@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "klt/klt.h"
-#include "klt/read/klt_merge_tree.h"
-#include "klt/read/klt_slice.h"
+#include "klt/read/klt_order.h"
 #include "klt/stream/klt_stream.h"
 
 struct KLT_Reader;
@@ -80,7 +79,6 @@ struct KLT_Reader {
   std::vector<KLT_Lane> lanes;  // of each stream
   KLT_MergeTree order;          // leaf i: next time of stream i
   KLT_Slice slice;
-  uint64_t fills = 1;  // how often a stream was filled or has left
   KLT_TimeLimit limit;
   uint64_t recordsToLook = 0;  // until the clock is asked whether the time of the call is up
 

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "klt/read/klt_merge_tree.h"
+#include "klt/read/klt_order.h"
 #include "klt/stream/klt_scopes.h"
 
 namespace {

@@ -1,71 +1,73 @@
-// Gathering and sorting the records of a slice. See klt_slice.h.
-#include "klt/read/klt_slice.h"
+// Gathering and sorting the records of a slice. See klt_order.h.
+#include "klt/read/klt_order.h"
 
-#include <algorithm>
 #include <array>
-#include <bit>
 #include <cstring>
 
 namespace {
 
-constexpr size_t kUsualBytes = 32;  // of a record
+constexpr size_t kUsualBytes = 32;   // of a record
+constexpr uint64_t kMostChange = 8;  // of the width of a slice, as a factor
 
 // How many records a slice should have: enough to be worth a look at all streams, few enough for
-// their copies to stay near the core.
-size_t wantedRecords(size_t streams) { return std::clamp<size_t>(8 * streams, 2048, 65536); }
+// their copies to stay near the core. With half as many a pass takes the same time, with twice as
+// many 1.08 of it (4,096 streams).
+size_t wantedRecords(size_t streams) { return std::min<size_t>(8 * streams, 65536); }
 
 }  // namespace
 
-// Looking at all streams costs some time for each, which must be won back: by slices that hold
-// records of many streams. Otherwise the tournament delivers a good many records before the next
-// attempt.
-bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
-  constexpr int64_t kRecordsPerTurn = 2;
-  constexpr int64_t kMostLooks = 64;  // that can be won in advance
+// Whether to look at all streams. A look has to wait until the stream that ended the last slice has
+// been filled, and until it is paid for: by a record delivered for each stream, in slices or in
+// turns of two streams. What was gathered in vain counts against it.
+bool KLT_Slice::isDue(std::span<const KLT_Lane> lanes) {
+  constexpr int64_t kMostLooks = 8;  // that can be paid in advance; 64 do as well
   const auto cost = static_cast<int64_t>(lanes.size());
-  if (fills == fillsSeen_ || credit_ < cost) {
-    credit_ += kRecordsPerTurn;
+  if (fewestStreams_ < kManyStreams) return true;  // in tests
+  const bool isBlocked = blocker_ < lanes.size() && lanes[blocker_].lastTime == blockedAt_;
+  if (isBlocked || credit_ < cost) {
+    credit_ += 2;
     return false;
   }
   credit_ = std::min(credit_, kMostLooks * cost) - cost;
+  return true;
+}
 
+bool KLT_Slice::gatherNow(std::span<KLT_Lane> lanes) {
   uint64_t last = ~uint64_t{0};
   start_ = ~uint64_t{0};
-  for (const KLT_Lane& lane : lanes) {
-    last = std::min(last, lane.lastTime);
-    start_ = std::min(start_, lane.nextTime);
+  for (size_t i = 0; i < lanes.size(); ++i) {
+    if (lanes[i].lastTime < last) blocker_ = i;
+    last = std::min(last, lanes[i].lastTime);
+    start_ = std::min(start_, lanes[i].nextTime);
   }
-  if (last <= start_) {
-    fillsSeen_ = fills;
-    return false;
-  }
+  blockedAt_ = last;
+  if (last <= start_) return false;
+  blocker_ = kNone;
   const size_t wanted = wantedRecords(lanes.size());
   if (entries_.size() < 4 * wanted) {
-    entries_.resize(4 * wanted + kFetchedAhead + 1);
+    entries_.resize(4 * wanted);
     sorted_.resize(entries_.size());
     copies_.resize(entries_.size() * kUsualBytes);
   }
   positionBits_ = static_cast<unsigned>(std::bit_width(lanes.size()));
   const uint64_t span = std::min(last - start_, width_);
   const Collected collected = collect(lanes, start_ + span);
+  const auto count = static_cast<int64_t>(count_);
   if (!collected.complete) {
     for (KLT_Lane& lane : lanes) {
       lane.next = lane.beforeSlice;
       lane.nextTime = KLT_RecordTime(lane.next);
     }
-    credit_ -= static_cast<int64_t>(count_);
     at_ = count_ = 0;
-    width_ = width_ / 8 + 1;
+    credit_ -= count;
+    width_ = width_ / kMostChange + 1;
     return false;
   }
   // The runner-up's turn is over: its records of that time were in the slice before.
   if (phase_ == Phase::kSecond) phase_ = Phase::kBegin;
-  constexpr size_t kFewOf = 8;  // an eighth
-  constexpr int64_t kLooksLost = 4;
-  const bool isNarrow = span == width_ && count_ < wanted / 2;
-  const bool isOfFew = collected.sources < lanes.size() / kFewOf && !isNarrow;
-  credit_ += isOfFew ? -kLooksLost * cost : kRecordsPerTurn * static_cast<int64_t>(count_);
-  if (span == width_) adaptWidth(wanted, collected.bytes);
+  // Few streams would be served as fast by turns.
+  credit_ += collected.sources < lanes.size() / 8 ? -count : count;
+  if (span == width_) adaptWidth(wanted, std::max(count_, collected.bytes / kUsualBytes));
   sort(span);
   return true;
 }
@@ -73,6 +75,7 @@ bool KLT_Slice::gather(std::span<KLT_Lane> lanes, uint64_t fills) {
 // The records are copied to where they lie side by side: most streams' records lie on pages of
 // their own, and finding a page takes longer than all that is done with a record.
 KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
+  // Fetching the records of later lanes saves a tenth of a pass.
   constexpr size_t kLanesAhead = 6;
   constexpr size_t kBytesAhead = 256;
   constexpr size_t kLine = 64;
@@ -80,7 +83,7 @@ KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end)
   at_ = count_ = 0;
   ahead_ = kNone;
   for (KLT_Lane& lane : lanes) lane.beforeSlice = lane.next;
-  const size_t most = entries_.size() - kFetchedAhead - 1;
+  const size_t most = entries_.size();
   uint8_t* to = copies_.data();
   size_t sources = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
@@ -112,18 +115,18 @@ KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end)
   return {true, sources, static_cast<size_t>(to - copies_.data())};
 }
 
-void KLT_Slice::adaptWidth(size_t wanted, size_t bytes) {
-  const uint64_t widest = uint64_t{1} << (62 - positionBits_);
-  const size_t room = copies_.size();
-  if (count_ > 2 * wanted || bytes > room / 2) width_ = width_ / 2 + 1;
-  if (count_ < wanted / 2 && bytes < room / 4) width_ = std::min(widest, 2 * width_);
-  if (count_ < wanted / 16 && bytes < room / 32) width_ = std::min(widest, 8 * width_);
+// Makes the next slice about as large as wanted.
+void KLT_Slice::adaptWidth(size_t wanted, size_t gathered) {
+  const uint64_t widest = uint64_t{1} << (60 - positionBits_);  // keys have room for it, and more
+  if (gathered > 2 * wanted) width_ = width_ / 2 + 1;
+  if (gathered < wanted / 2) width_ *= gathered < wanted / (2 * kMostChange) ? kMostChange : 2;
+  width_ = std::min(widest, width_);
 }
 
 // By digits of the time, the lowest first. Entries of one time stay as they were gathered: in the
 // order of their streams.
 void KLT_Slice::sort(uint64_t span) {
-  constexpr unsigned kBits = 10;
+  constexpr unsigned kBits = 10;  // of a digit: its counts fit the nearest cache
   constexpr uint64_t kMask = (uint64_t{1} << kBits) - 1;
   const auto timeBits = static_cast<unsigned>(std::bit_width(span - 1));
   for (unsigned done = 0; done < timeBits; done += kBits) {
