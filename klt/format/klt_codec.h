@@ -75,7 +75,7 @@ inline void loadElements(uint8_t* to, const uint8_t* from, size_t n) {
 
 template <int N>
 struct KLT_Codec {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   static constexpr const KLT_Row& row = kKltRows[N - 1];
   static constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
   static constexpr size_t kFields = row.numFields;

@@ -99,9 +99,10 @@ inline constexpr std::array<KLT_Layout, kKltRowCount> kKltLayouts = klt::allLayo
   return klt::loadNative<uint64_t>(record + kKltRecordTimeAt);
 }
 
-// Access to a record of row N; fields are named by their index in the row.
+// A decoded record of row N, read where it is: its fields are native values, named by their index
+// in the row.
 template <int N>
-struct KLT_RecordView {
+struct KLT_Record {
   static constexpr const KLT_Row& row = kKltRows[N - 1];
   static constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
 
@@ -160,7 +161,7 @@ namespace klt {
 template <int... N>
 constexpr std::array<size_t (*)(const uint8_t*), sizeof...(N)> recordSizes(
     std::integer_sequence<int, N...>) {
-  return {&KLT_RecordView<N + 1>::bytes...};
+  return {&KLT_Record<N + 1>::bytes...};
 }
 inline constexpr auto kRecordSizes = recordSizes(std::make_integer_sequence<int, kKltRowCount>{});
 

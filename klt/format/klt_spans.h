@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "klt/format/klt_values.h"
+
 namespace klt {
 
 inline constexpr uint64_t kNever = ~uint64_t{0};
@@ -15,9 +17,10 @@ inline constexpr uint64_t kNever = ~uint64_t{0};
   return __builtin_add_overflow(a, b, &sum) ? kNever : sum;
 }
 
-// The receive times -2^63 and -2^63 + 1 say that a side of the message isn't known.
+// Whether the receive time says that a side of the message isn't known.
 [[nodiscard]] constexpr bool isUnknownSide(int64_t receiveTime) {
-  return receiveTime <= -INT64_MAX;
+  const auto bits = static_cast<uint64_t>(receiveTime);
+  return bits == kReceiveUnknown || bits == kSendUnknown;
 }
 
 // When a message is over. One whose other side isn't known never is.

@@ -66,7 +66,7 @@ const char* const* textArray(KLT_Reader& reader, const uint32_t* ids, size_t n, 
 // Field F of the longest variant L as the argument that the handler gets for a record of row N.
 template <int N, int L, size_t F>
 auto argument(KLT_Reader& reader, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   using Tuple = decltype(klt::argumentTuple<L, F>());
   constexpr const KLT_Row& longest = kKltRows[L - 1];
   constexpr klt::ArgumentKind kind = klt::argumentKind(longest, F, klt::isArrayField(longest, F));
@@ -117,7 +117,7 @@ bool fillsTables(const KLT_Stream& s) { return s.pass->fillsTables; }
 
 template <int N>
 PAL_Triplets tripletsOf(const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr size_t first = row.find("first_id_gtp");
   return PAL_TripletsFromParallel(View::template count<first>(record),
@@ -127,7 +127,7 @@ PAL_Triplets tripletsOf(const uint8_t* record) {
 }
 
 int declareFile(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<KLT_Row::fileDeclaration>;
+  using View = KLT_Record<KLT_Row::fileDeclaration>;
   const std::string_view suffix(View::array<char, 3>(record), View::count<3>(record));
   if (!fillsTables(s)) return 0;
   return KLT_AddFile(*s.pass->handle, View::get32<0>(record), View::get32<1>(record), suffix)
@@ -136,7 +136,7 @@ int declareFile(KLT_Stream& s, const uint8_t* record) {
 }
 
 int declareComponent(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<KLT_Row::anchorFileDeclaration>;
+  using View = KLT_Record<KLT_Row::anchorFileDeclaration>;
   if (!fillsTables(s)) return 0;
   KLT_AddComponent(*s.pass->handle, View::get32<0>(record), View::get32<1>(record),
                    View::get32<2>(record), View::get32<3>(record));
@@ -145,7 +145,7 @@ int declareComponent(KLT_Stream& s, const uint8_t* record) {
 
 int declareString(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<KLT_Row::kltString>;
+  using View = KLT_Record<KLT_Row::kltString>;
   s.pass->handle->strings.insert(View::get32<0>(record),
                                  std::string(View::array<char, 2>(record), View::count<2>(record)));
   return 0;
@@ -154,21 +154,21 @@ int declareString(KLT_Stream& s, const uint8_t* record) {
 int declareWillyList(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
   s.pass->handle->willyLists.insert(
-      KLT_RecordView<KLT_Row::willyList>::get32<0>(record),
+      KLT_Record<KLT_Row::willyList>::get32<0>(record),
       std::make_unique<PAL_Triplets>(tripletsOf<KLT_Row::willyList>(record)));
   return 0;
 }
 
 void declareProcesses(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<KLT_Row::processDeclaration>;
+  using View = KLT_Record<KLT_Row::processDeclaration>;
   const auto* counts = View::array<uint32_t, 1>(record);
   s.pass->handle->threadsPerProcess.assign(counts, counts + View::count<1>(record));
 }
 
 void declareGroup(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<KLT_Row::groupDefinition>;
+  using View = KLT_Record<KLT_Row::groupDefinition>;
   KLT_Group group;
   group.name.assign(View::array<char, 2>(record), View::count<2>(record));
   const auto* members = View::array<uint32_t, 4>(record);
@@ -178,7 +178,7 @@ void declareGroup(KLT_Stream& s, const uint8_t* record) {
 
 int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
-  using View = KLT_RecordView<KLT_Row::communicatorDefinition>;
+  using View = KLT_Record<KLT_Row::communicatorDefinition>;
   const uint32_t id = View::get32<0>(record);
   const PAL_Triplets members = tripletsOf<KLT_Row::communicatorDefinition>(record);
   s.pass->handle->communicators.insert(id, members);
@@ -190,7 +190,7 @@ int defineCommunicator(KLT_Stream& s, const uint8_t* record) {
 }
 
 int defineCounter(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<KLT_Row::counterDefinition>;
+  using View = KLT_Record<KLT_Row::counterDefinition>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_definition == nullptr) return 0;
   constexpr uint32_t kDifferential = 0x80;
@@ -204,7 +204,7 @@ int defineCounter(KLT_Stream& s, const uint8_t* record) {
 }
 
 int tellSamples(KLT_Stream& s, uint8_t* record) {
-  using View = KLT_RecordView<KLT_Row::counterValue>;
+  using View = KLT_Record<KLT_Row::counterValue>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_value == nullptr) return 0;
   const uint32_t n = View::count<3>(record);
@@ -216,7 +216,7 @@ int tellSamples(KLT_Stream& s, uint8_t* record) {
 
 template <int N>
 int tellStack(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.function_history == nullptr) return 0;
   const uint32_t* scls = nullptr;
@@ -227,7 +227,7 @@ int tellStack(KLT_Stream& s, const uint8_t* record) {
 }
 
 int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<KLT_Row::endOfFilter>;
+  using View = KLT_Record<KLT_Row::endOfFilter>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.end_of_filter == nullptr) return 0;
   const auto* numbers = View::array<int32_t, 3>(record);
@@ -264,7 +264,7 @@ int tellBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool b
 template <int N>
 int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
   uint8_t* const record = next;
-  next += KLT_RecordView<N>::bytes(record);
+  next += KLT_Record<N>::bytes(record);
   if constexpr (N == KLT_Row::anchorFileDeclaration)
     return declareComponent(s, record);
   else if constexpr (N == KLT_Row::beginOfHistory)

@@ -80,8 +80,8 @@ bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& 
     if (number == KLT_Row::history) hasHistory = true;
     if (number != KLT_Row::anchor) continue;
     KLT_Anchor anchor;
-    anchor.time = KLT_RecordView<KLT_Row::anchor>::get64<0>(record.data());
-    anchor.offset = KLT_RecordView<KLT_Row::anchor>::get64<1>(record.data());
+    anchor.time = KLT_Record<KLT_Row::anchor>::get64<0>(record.data());
+    anchor.offset = KLT_Record<KLT_Row::anchor>::get64<1>(record.data());
     anchor.historyOffset = groupStart;
     anchor.historyBytes = at - groupStart;
     anchor.hasOffsetHistory = hasHistory;
@@ -171,7 +171,7 @@ class Replay {
 
   template <int N>
   void pushStack(const uint8_t* record) {
-    using View = KLT_RecordView<N>;
+    using View = KLT_Record<N>;
     if ((categories_ & klt::kFunctions) == 0) return;
     KLT_WillyState& state = s_.history.context.of(View::template get32<0>(record));
     const auto* functions = View::template array<uint32_t, 2>(record);
@@ -185,7 +185,7 @@ class Replay {
   }
 
   void noteEntries(const uint8_t* record) {
-    using View = KLT_RecordView<KLT_Row::history>;
+    using View = KLT_Record<KLT_Row::history>;
     const uint32_t n = View::count<1>(record);
     const auto* files = View::array<uint32_t, 1>(record);
     const auto* offsets = View::array<uint64_t, 2>(record);

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "klt/format/klt_schema.h"
+#include "klt/format/klt_values.h"
 #include "util/pal_error.h"
 
 void KLT_StoredRecords::add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record,
@@ -69,8 +70,8 @@ std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) 
   for (const auto& state : states_) {
     if (state->empty()) continue;
     const uint32_t key = state->gtp + 1;
-    const uint32_t process = state->gtp & 0xffff;
-    const uint32_t thread = state->gtp >> 16;
+    const uint32_t process = klt::processOf(state->gtp);
+    const uint32_t thread = klt::threadOf(state->gtp);
     const bool declared =
         process < handle.threadsPerProcess.size() && thread < handle.threadsPerProcess[process];
     places.push_back({((key & 0xffff) + (key >> 16)) % kBuckets, !declared,

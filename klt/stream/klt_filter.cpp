@@ -40,7 +40,7 @@ inline Step skip(KLT_Stream& s, uint64_t time, size_t disk) {
 // take from the input, `encoded` those of the encoded form, both without the number byte.
 template <int N>
 inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bool before) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr KLT_FilterTraits traits = row.traits();
   uint8_t* const record = s.packed.records.tail();

@@ -110,7 +110,7 @@ class PlainFilter {
   [[gnu::always_inline]] bool changeDepth() {
     constexpr const KLT_Row& row = kKltRows[N - 1];
     KLT_WillyState& state =
-        s_.history.context.of(KLT_RecordView<N>::template get32<row.find("willy_gtp")>(out_));
+        s_.history.context.of(KLT_Record<N>::template get32<row.find("willy_gtp")>(out_));
     if constexpr (row.name == "enter_function") {
       ++state.depth;
     } else {

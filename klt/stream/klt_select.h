@@ -50,7 +50,7 @@ constexpr size_t communicatorField() {
 // Whether the threads of a record of row N are selected. REQUIRES: the request tests threads.
 template <int N>
 bool threadsSelected(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr KLT_ThreadTest test = row.traits().threads;
   if constexpr (test == KLT_ThreadTest::kThread || test == KLT_ThreadTest::kThreadAndComm) {
@@ -70,7 +70,7 @@ bool threadsSelected(KLT_Stream& s, const uint8_t* record) {
 // Enters and leaves. While no history is to be produced, only what warnings need is kept.
 template <int N>
 void updateStack(KLT_HistoryState& history, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   KLT_Context& context = history.context;
   const uint64_t time = KLT_RecordTime(record);
@@ -96,7 +96,7 @@ void updateStack(KLT_HistoryState& history, const uint8_t* record) {
 
 template <int N>
 void updateSamples(KLT_Context& context, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr size_t values = row.find("values");
   const uint64_t time = KLT_RecordTime(record);
@@ -114,7 +114,7 @@ void updateSamples(KLT_Context& context, const uint8_t* record) {
 
 template <int N>
 void storeMessage(KLT_Context& context, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   const uint64_t time = KLT_RecordTime(record);
   const uint32_t sender = View::template get32<row.find("sender_gtp")>(record);
@@ -126,7 +126,7 @@ void storeMessage(KLT_Context& context, const uint8_t* record) {
 
 template <int N>
 void storeCollective(KLT_Stream& s, const uint8_t* record) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr size_t starts = row.find("start_time");
   constexpr size_t deltas = row.find("delta");

@@ -73,7 +73,7 @@ std::string built(const KLT_Row& row, size_t n) {
 // keeps an array of texts.
 template <int N, size_t F>
 auto argument(const uint8_t* record, std::vector<const char*>& pointers) {
-  using View = KLT_RecordView<N>;
+  using View = KLT_Record<N>;
   using Tuple = decltype(klt::writeArgument<N, F>());
   if constexpr (std::tuple_size_v<Tuple> == 0) {
     return Tuple{};
