@@ -251,10 +251,12 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   } else if (sink != nullptr) {
     const std::vector<KLT_Request> requests = requestsOf(context);
     if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
+    context.frames = RK_FrameWriterCreate();
     // A trace holds each record once, whichever of its windows show it.
     const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
     passes.run(mode, table, requests, serial);
     KLTT_DrainDelayed(context);
+    RK_FrameWriterFinish(context.frames);
     passes.noteOutput(closeSink(context));
   }
   return passes.status();

@@ -76,7 +76,8 @@ void ask(KLT_Request& request, const KLTT_PerfMember& member) {
 
 // Nothing tells which calls are open at the moment, so one may end that never began here.
 int leaveIfEntered(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
-  const RK_WillyState* willy = RK_WillyHashFind(static_cast<KLTT_Context*>(user)->willys, gtp);
+  const RK_WillyState* willy =
+      RK_WillyHashFind(static_cast<KLTT_Context*>(user)->frames.willys, gtp);
   return willy == nullptr || willy->functions.empty() ? 0
                                                       : KLTT_LeaveFunction(user, time, gtp, scl);
 }
@@ -111,7 +112,7 @@ void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunn
     if (requests.size() < members.size()) requests.resize(members.size());
     for (size_t i = 0; i < members.size(); ++i) ask(requests[i], members[i]);
     asked += members.size();
-    context.willys = {};
+    context.frames = RK_FrameWriterCreate();
     passes.run(KLT_MODE_EVENTS, table, std::span(requests).first(members.size()), 1);
   }
   const double seconds = PAL_Time() - begin;

@@ -87,7 +87,7 @@ void queueMembers(KLTT_Context& context, const Record& op, const KLTT_MemberList
     }
     if (!isMember) KLTT_Fatal("%s record with undefined communicator id", op.name);
     const bool isRoot = gtp == op.root;
-    KLTT_Delayed& node = context.pending.add(KLTT_InternalTime(context, start));
+    KLTT_Delayed& node = KLTT_QueueAdd(context.pending, KLTT_InternalTime(context, start));
     node.kind = KLTT_DelayedKind::kGlobalOp;
     node.gtp = gtp;
     node.operation = {

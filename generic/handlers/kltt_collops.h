@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "klt/format/klt_handlers.h"
+#include "klt/format/klt_values.h"
 
 // A record of any of the four kinds, as the reader delivers it.
 struct KLTT_CollectiveRecord {
@@ -23,7 +24,7 @@ struct KLTT_CollectiveRecord {
   const uint32_t* received;
   const uint32_t* scls;
   AtRoot atRoot = AtRoot::kNothing;  // the size that the record has for the root alone
-  uint32_t root = ~uint32_t{0};      // gtp, if there is one
+  uint32_t root = klt::kNoRoot;      // gtp
   uint32_t rootBytes = 0;
 };
 

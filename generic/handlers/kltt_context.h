@@ -61,7 +61,7 @@ struct KLTT_Context : KLTT_Clock {
   bool matched = false;        // messages and operations are written whole, not side by side
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
-  RK_WillyHash willys;
+  RK_FrameWriter frames;
 
   // Listings, and which of their header lines have been written.
   RK_Output* listing = RK_Stdout();

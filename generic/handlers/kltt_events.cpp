@@ -100,14 +100,14 @@ int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t functio
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  return enter(context, RK_WillyHashGet(context.willys, gtp), internalTime, function, scl);
+  return enter(context, RK_WillyHashGet(context.frames.willys, gtp), internalTime, function, scl);
 }
 
 int KLTT_LeaveFunction(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  RK_WillyState& willy = RK_WillyHashGet(context.willys, gtp);
+  RK_WillyState& willy = RK_WillyHashGet(context.frames.willys, gtp);
   if (willy.functions.empty()) [[unlikely]] {
     PAL_Error("too many UPTOs for thread 0x%u", gtp);
     KLTT_Exit(10);
@@ -120,7 +120,7 @@ int KLTT_FunctionHistory(void* user, uint64_t time, uint32_t gtp, uint32_t count
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, time, &internalTime)) return 1;
-  RK_WillyState& willy = RK_WillyHashGet(context.willys, gtp);
+  RK_WillyState& willy = RK_WillyHashGet(context.frames.willys, gtp);
   if (!willy.functions.empty()) {
     PAL_Error("function history while stack of thread 0x%u already has %d entries", gtp,
               static_cast<int>(willy.functions.size()));
@@ -137,7 +137,7 @@ int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
-  RK_WillyHashGet(context.willys, gtp).scopes.enter(internalTime, scope, seqnr);
+  RK_WillyHashGet(context.frames.willys, gtp).scopes.enter(internalTime, scope, seqnr);
   if (context.sink == nullptr) return 0;
   return context.sink->enterScope(internalTime, gtp, scope, seqnr, scl);
 }
@@ -147,7 +147,7 @@ int KLTT_LeaveScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
-  if (!RK_WillyHashGet(context.willys, gtp).scopes.leave(scope, seqnr)) {
+  if (!RK_WillyHashGet(context.frames.willys, gtp).scopes.leave(scope, seqnr)) {
     PAL_Error("Leaving scope %u/%u which was never entered.", scope, seqnr);
   }
   if (context.sink == nullptr) return 0;
@@ -208,11 +208,9 @@ int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
                                     values);
 }
 
-namespace {
-
-// Closes what is open on a thread, calls and then scopes, each from the top.
-int closeThread(KLTT_Context& context, uint64_t internalTime, RK_WillyState& willy,
-                uint32_t categories) {
+int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
+                     uint32_t categories) {
+  RK_WillyState& willy = RK_WillyHashGet(context.frames.willys, gtp);
   if ((categories & kFunctions) != 0) {
     while (!willy.functions.empty()) {
       if (leave(context, willy, internalTime, 0) != 0) return 1;
@@ -231,11 +229,12 @@ int closeThread(KLTT_Context& context, uint64_t internalTime, RK_WillyState& wil
   return 0;
 }
 
+namespace {
+
 int closeThreads(KLTT_Context& context, uint64_t internalTime, const std::vector<uint32_t>& gtps,
                  uint32_t categories) {
   for (const uint32_t gtp : gtps) {
-    if (closeThread(context, internalTime, *RK_WillyHashFind(context.willys, gtp), categories) != 0)
-      return 1;
+    if (KLTT_CloseThread(context, internalTime, gtp, categories) != 0) return 1;
   }
   return 0;
 }
@@ -243,7 +242,7 @@ int closeThreads(KLTT_Context& context, uint64_t internalTime, const std::vector
 // All declared threads, process by process.
 int closeDeclared(KLTT_Context& context, uint64_t internalTime, uint32_t categories) {
   std::vector<uint32_t> gtps;
-  for (const RK_WillyState& willy : context.willys.states) {
+  for (const RK_WillyState& willy : context.frames.willys.states) {
     const uint32_t process = willy.gtp & 0xffff;
     if (willy.isOpen() && process < context.threadCounts.size() &&
         willy.gtp >> 16 < context.threadCounts[process]) {
@@ -270,14 +269,15 @@ int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet
                  uint32_t categories) {
   const uint64_t count = countOf(triplet);
   std::vector<uint32_t> gtps;
-  if (count <= context.willys.states.size()) {
+  if (count <= context.frames.willys.states.size()) {
     for (uint64_t k = 0; k < count; ++k) {
       const int64_t number = triplet.first + static_cast<int64_t>(k) * triplet.stride;
-      const RK_WillyState* willy = RK_WillyHashFind(context.willys, static_cast<uint32_t>(number));
+      const RK_WillyState* willy =
+          RK_WillyHashFind(context.frames.willys, static_cast<uint32_t>(number));
       if (willy != nullptr && willy->isOpen()) gtps.push_back(willy->gtp);
     }
   } else {
-    for (const RK_WillyState& willy : context.willys.states) {
+    for (const RK_WillyState& willy : context.frames.willys.states) {
       if (willy.isOpen() && PAL_TripletsContains({&triplet, 1}, static_cast<int32_t>(willy.gtp)))
         gtps.push_back(willy.gtp);
     }

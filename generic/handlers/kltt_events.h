@@ -26,6 +26,11 @@ inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
 // Writes all delayed records, for the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);
 
+// Closes what is open on a thread, calls and then scopes, each from the top. `categories` as an
+// end_of_filter record has them.
+int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
+                     uint32_t categories);
+
 int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                         const PAL_Triplet* triplets);
 int KLTT_EndOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,

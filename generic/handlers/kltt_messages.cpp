@@ -11,7 +11,7 @@
 namespace {
 
 void queueSend(KLTT_Context& context, const RK_Message& m, uint64_t internalTime) {
-  KLTT_Delayed& node = context.pending.add(internalTime);
+  KLTT_Delayed& node = KLTT_QueueAdd(context.pending, internalTime);
   node.kind = KLTT_DelayedKind::kSendMsg;
   node.gtp = m.sender;
   node.message = {.peer = m.receiver,
@@ -23,7 +23,7 @@ void queueSend(KLTT_Context& context, const RK_Message& m, uint64_t internalTime
 }
 
 void queueReceive(KLTT_Context& context, const RK_Message& m, uint64_t internalTime) {
-  KLTT_Delayed& node = context.pending.add(internalTime);
+  KLTT_Delayed& node = KLTT_QueueAdd(context.pending, internalTime);
   node.kind = KLTT_DelayedKind::kRecvMsg;
   node.gtp = m.receiver;
   node.message = {.peer = m.sender,

@@ -3,56 +3,74 @@
 
 #include <utility>
 
-void KLTM_Matching::declareProcesses(uint32_t count) {
+#include "klt/format/klt_values.h"
+
+namespace {
+
+// The thread that logged an event: process in the low half, thread in the high half.
+uint32_t gtpOf(const KLTM_Matching& matching, uint32_t kind) {
+  const uint32_t thread = kind >> 6 >> matching.processBits;
+  return (kind >> 6 & matching.processMask) | thread << 16;
+}
+
+}  // namespace
+
+void KLTM_DeclareProcesses(KLTM_Matching& matching, uint32_t count) {
   constexpr uint32_t kMostBits = 16;
-  processBits_ = 2;
-  processMask_ = 3;
+  matching.processBits = 2;
+  matching.processMask = 3;
   if (count == 0) return;
-  while (((count - 1) & ~processMask_) != 0 && processBits_ < kMostBits) {
-    ++processBits_;
-    processMask_ = processMask_ * 2 + 1;
+  while (((count - 1) & ~matching.processMask) != 0 && matching.processBits < kMostBits) {
+    ++matching.processBits;
+    matching.processMask = matching.processMask * 2 + 1;
   }
 }
 
-void KLTM_Matching::registerCommunicator(uint32_t id, KLTT_MemberList members) {
-  communicators_.replace(id, std::move(members));
+void KLTM_ResetCommunicators(KLTM_Matching& matching) { matching.communicators = {}; }
+
+void KLTM_FreeCommunicators(KLTM_Matching& matching) { matching.communicators = {}; }
+
+void KLTM_RegisterCommunicator(KLTM_Matching& matching, uint32_t id, KLTT_MemberList members) {
+  matching.communicators.replace(id, std::move(members));
 }
 
-void KLTM_Matching::start(KLT_WFileHandle* writer, KLTT_Summary* summary, uint64_t blockBytes) {
-  messages_ = std::make_unique<KLTM_MessageTable>(writer, summary, blockBytes);
-  collops_ = std::make_unique<KLTM_CollopTable>(writer, summary, communicators_, blockBytes);
+void KLTM_MatchStart(KLTM_Matching& matching, KLT_WFileHandle* writer, KLTT_Summary* summary,
+                     uint64_t blockBytes) {
+  matching.messages = std::make_unique<KLTM_MessageTable>(writer, summary, blockBytes);
+  matching.collops =
+      std::make_unique<KLTM_CollopTable>(writer, summary, matching.communicators, blockBytes);
 }
 
-void KLTM_Matching::message(const KLTM_RawMessage& event) {
+void KLTM_MatchMessage(KLTM_Matching& matching, const KLTM_RawMessage& event) {
   constexpr uint32_t kTypeBits = 0x3f;
   constexpr uint32_t kSend = 7;
-  messages_->event({.time = event.time,
-                    .sent = (event.kind & kTypeBits) == kSend,
-                    .gtp = gtpOf(event.kind),
-                    .other = event.other,
-                    .tag = event.tag,
-                    .size = event.size,
-                    .comm = event.comm,
-                    .scl = event.scl,
-                    .function = event.function});
+  matching.messages->event({.time = event.time,
+                            .sent = (event.kind & kTypeBits) == kSend,
+                            .gtp = gtpOf(matching, event.kind),
+                            .other = event.other,
+                            .tag = event.tag,
+                            .size = event.size,
+                            .comm = event.comm,
+                            .scl = event.scl,
+                            .function = event.function});
 }
 
-void KLTM_Matching::collop(const KLTM_RawCollop& event) {
-  collops_->event({.time = event.time,
-                   .endtime = event.endtime,
-                   .process = gtpOf(event.kind) & 0xffff,
-                   .operation = event.operation,
-                   .comm = event.comm,
-                   .counter = event.counter,
-                   .root = event.root,
-                   .send = event.send,
-                   .recv = event.recv,
-                   .scl = event.scl});
+void KLTM_MatchCollective(KLTM_Matching& matching, const KLTM_RawCollop& event) {
+  matching.collops->event({.time = event.time,
+                           .endtime = event.endtime,
+                           .process = klt::processOf(gtpOf(matching, event.kind)),
+                           .operation = event.operation,
+                           .comm = event.comm,
+                           .counter = event.counter,
+                           .root = event.root,
+                           .send = event.send,
+                           .recv = event.recv,
+                           .scl = event.scl});
 }
 
-void KLTM_Matching::finish() {
-  messages_->finish();
-  collops_->finish();
-  messages_ = nullptr;
-  collops_ = nullptr;
+void KLTM_MatchFinish(KLTM_Matching& matching) {
+  matching.messages->finish();
+  matching.collops->finish();
+  matching.messages = nullptr;
+  matching.collops = nullptr;
 }

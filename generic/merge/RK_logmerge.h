@@ -45,35 +45,34 @@ struct KLTM_RawCollop {
   uint32_t scl = 0;
 };
 
-class KLTM_Matching {
- public:
-  // Decides how many bits of a `kind` hold the process. REQUIRES: not started.
-  void declareProcesses(uint32_t count);
-  // Replaces what an earlier definition of the id said. REQUIRES: not started.
-  void registerCommunicator(uint32_t id, KLTT_MemberList members);
-
-  // Neither is owned; `summary` may be null. `blockBytes` is the size of an arena to begin with.
-  void start(KLT_WFileHandle* writer, KLTT_Summary* summary, uint64_t blockBytes);
-  // REQUIRES: started.
-  void message(const KLTM_RawMessage& event);
-  void collop(const KLTM_RawCollop& event);
-  // Writes all that is still open, messages first, and ends the matching.
-  void finish();
-
+// The state of a matching. Only the operations below change it.
+struct KLTM_Matching {
   // Records begun since the start; one that has found no partner counts too.
-  [[nodiscard]] uint32_t messagesAdded() const { return messages_->added(); }
-  [[nodiscard]] uint32_t collopsAdded() const { return collops_->added(); }
+  [[nodiscard]] uint32_t messagesAdded() const { return messages->added(); }
+  [[nodiscard]] uint32_t collopsAdded() const { return collops->added(); }
 
- private:
-  // The thread that logged an event: process in the low half, thread in the high half.
-  [[nodiscard]] uint32_t gtpOf(uint32_t kind) const {
-    const uint32_t thread = kind >> 6 >> processBits_;
-    return (kind >> 6 & processMask_) | thread << 16;
-  }
-
-  uint32_t processBits_ = 2;
-  uint32_t processMask_ = 3;
-  KLTM_Communicators communicators_;
-  std::unique_ptr<KLTM_MessageTable> messages_;
-  std::unique_ptr<KLTM_CollopTable> collops_;
+  uint32_t processBits = 2;  // of a `kind` that hold the process
+  uint32_t processMask = 3;
+  KLTM_Communicators communicators;
+  std::unique_ptr<KLTM_MessageTable> messages;  // null unless started
+  std::unique_ptr<KLTM_CollopTable> collops;
 };
+
+// Decides how many bits of a `kind` hold the process. REQUIRES: not started.
+void KLTM_DeclareProcesses(KLTM_Matching& matching, uint32_t count);
+
+// Begin and end of the registry of communicators: both empty it. REQUIRES: not started.
+void KLTM_ResetCommunicators(KLTM_Matching& matching);
+void KLTM_FreeCommunicators(KLTM_Matching& matching);
+// Replaces what an earlier definition of the id said. REQUIRES: not started.
+void KLTM_RegisterCommunicator(KLTM_Matching& matching, uint32_t id, KLTT_MemberList members);
+
+// `writer` and `summary`, which may be null, are not owned. `blockBytes` is the size of an arena to
+// begin with.
+void KLTM_MatchStart(KLTM_Matching& matching, KLT_WFileHandle* writer, KLTT_Summary* summary,
+                     uint64_t blockBytes);
+// REQUIRES: started.
+void KLTM_MatchMessage(KLTM_Matching& matching, const KLTM_RawMessage& event);
+void KLTM_MatchCollective(KLTM_Matching& matching, const KLTM_RawCollop& event);
+// Writes all that is still open, messages first, and ends the matching.
+void KLTM_MatchFinish(KLTM_Matching& matching);

@@ -8,20 +8,19 @@
 
 namespace {
 
-// How the members of an operation take part; decides the record.
-enum class Shape : uint8_t { kNone, kOneToAll, kAllToOne, kAllToAll, kAll };
+using Kind = klt::CollopKind;
 
 constexpr uint32_t kLastOperation = 45;
 
 // By the numbers that producers give to operations.
-constexpr Shape shapeOf(uint32_t operation) {
-  if (operation == 0 || operation > kLastOperation) return Shape::kNone;
-  if (operation <= 2) return Shape::kAll;  // barriers
+constexpr Kind kindOf(uint32_t operation) {
+  if (operation == 0 || operation > kLastOperation) return Kind::kNone;
+  if (operation <= 2) return Kind::kAll;  // barriers
   if (operation <= 4 || (operation >= 9 && operation <= 12))
-    return Shape::kOneToAll;  // bcast, scatter
+    return Kind::kOneToAll;  // bcast, scatter
   if (operation <= 8 || (operation >= 33 && operation <= 35))
-    return Shape::kAllToOne;  // gather, reduce
-  return Shape::kAllToAll;
+    return Kind::kAllToOne;  // gather, reduce
+  return Kind::kAllToAll;
 }
 
 bool hasSeen(const KLTM_Collop& collop, uint32_t member) {
@@ -32,7 +31,7 @@ void fill(KLTM_Collop& collop, uint32_t member, const KLTM_CollopEvent& event) {
   collop.members[member] = {event.time, event.endtime, event.send, event.recv, event.scl};
 }
 
-uint64_t kindOf(uint32_t operation, uint32_t root) { return uint64_t{operation} << 32 | root; }
+uint64_t groupKey(uint32_t operation, uint32_t root) { return uint64_t{operation} << 32 | root; }
 
 }  // namespace
 
@@ -122,7 +121,7 @@ KLTM_Collop* KLTM_CollopTable::searchKind(KLTM_CollopState& state, uint32_t memb
       if (KLTM_Collop* collop = state.open.at(i)) group(state, *collop);
     }
   }
-  const auto found = state.groups.find(kindOf(event.operation, event.root));
+  const auto found = state.groups.find(groupKey(event.operation, event.root));
   if (found == state.groups.end()) return nullptr;
   KLTM_CollopGroup& kind = found->second;
   if (kind.open.count() == 0) return nullptr;
@@ -216,7 +215,7 @@ void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
   if (state.groups.size() >= kMany && state.groups.size() >= 2 * state.open.count()) {
     std::erase_if(state.groups, [](const auto& kind) { return kind.second.open.count() == 0; });
   }
-  collop.group = &state.groups[kindOf(collop.operation, collop.root)];
+  collop.group = &state.groups[groupKey(collop.operation, collop.root)];
   collop.group->open.add(collop);
 }
 
@@ -236,7 +235,7 @@ uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
     arrays_.delta[i] = seen ? member.end - member.time : 0;
     arrays_.sent[i] = member.send;
     arrays_.received[i] = member.recv;
-    arrays_.scl[i] = member.scl == KLTM_Collop::kNoScl ? 0 : member.scl;
+    arrays_.scl[i] = member.scl == klt::kNoScl ? 0 : member.scl;
   }
   if (collop.state == nullptr) return 0;
   uint32_t root = 0;
@@ -249,16 +248,16 @@ uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
 }
 
 void KLTM_CollopTable::tell(const KLTM_Collop& collop) {
-  const Shape shape = shapeOf(collop.operation);
-  const bool rooted = shape == Shape::kOneToAll || shape == Shape::kAllToOne;
-  KLTT_SumCollective(*summary_, collop.time, rooted ? collop.root : kKlttNoRoot, collop.comm,
-                     collop.operation,
-                     {.n = collop.n,
-                      .start_time = arrays_.start.data(),
-                      .delta = arrays_.delta.data(),
-                      .send_size = arrays_.sent.data(),
-                      .receive_size = arrays_.received.data(),
-                      .scl = arrays_.scl.data()});
+  const Kind kind = kindOf(collop.operation);
+  const bool rooted = kind == Kind::kOneToAll || kind == Kind::kAllToOne;
+  summary_->collective_event(collop.time, rooted ? collop.root : klt::kNoRoot, collop.comm,
+                             collop.operation,
+                             {.n = collop.n,
+                              .start_time = arrays_.start.data(),
+                              .delta = arrays_.delta.data(),
+                              .send_size = arrays_.sent.data(),
+                              .receive_size = arrays_.received.data(),
+                              .scl = arrays_.scl.data()});
 }
 
 void KLTM_CollopTable::write(KLTM_Collop& collop) {
@@ -275,26 +274,26 @@ void KLTM_CollopTable::writeRecord(KLTM_Collop& c, uint32_t root) {
   const uint32_t* sent = arrays_.sent.data();
   const uint32_t* received = arrays_.received.data();
   const uint32_t* scl = arrays_.scl.data();
-  switch (shapeOf(c.operation)) {
-    case Shape::kOneToAll:
+  switch (kindOf(c.operation)) {
+    case Kind::kOneToAll:
       KLT_Write<KLT_Row::oneToAllCommunicationScl>(writer_, slot, c.time, c.root, sent[root],
                                                    c.comm, c.operation, c.n, start, delta, received,
                                                    scl);
       break;
-    case Shape::kAllToOne:
+    case Kind::kAllToOne:
       KLT_Write<KLT_Row::allToOneCommunicationScl>(writer_, slot, c.time, c.root, received[root],
                                                    c.comm, c.operation, c.n, start, delta, sent,
                                                    scl);
       break;
-    case Shape::kAllToAll:
+    case Kind::kAllToAll:
       KLT_Write<KLT_Row::allToAllCommunicationScl>(writer_, slot, c.time, c.comm, c.operation, c.n,
                                                    start, delta, sent, received, scl);
       break;
-    case Shape::kAll:
+    case Kind::kAll:
       KLT_Write<KLT_Row::allCommunicationScl>(writer_, slot, c.time, c.comm, c.operation, c.n,
                                               start, delta, scl);
       break;
-    case Shape::kNone:  // no record can tell it
+    case Kind::kNone:  // no record can tell it
       break;
   }
 }

@@ -20,6 +20,7 @@
 
 #include "generic/merge/RK_logmerge_arena.h"
 #include "generic/merge/RK_logmerge_comms.h"
+#include "klt/format/klt_values.h"
 #include "klt/index/klt_idmap.h"
 
 struct KLTT_Summary;
@@ -43,14 +44,13 @@ struct KLTM_CollopState;
 
 struct KLTM_Collop : KLTM_EntryHead {
   static constexpr uint64_t kNotSeen = ~uint64_t{0};
-  static constexpr uint32_t kNoScl = 0x7fffffff;
 
   struct Member {
     uint64_t time = kNotSeen;
     uint64_t end = kNotSeen;
     uint32_t send = 0;
     uint32_t recv = 0;
-    uint32_t scl = kNoScl;
+    uint32_t scl = klt::kNoScl;
   };
 
   uint32_t operation = 0;

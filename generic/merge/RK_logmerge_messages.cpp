@@ -2,32 +2,31 @@
 #include "generic/merge/RK_logmerge_messages.h"
 
 #include "generic/summary/kltt_summary.h"
+#include "klt/format/klt_values.h"
 #include "klt/write/klt_write.h"
 
 namespace {
 
-// Receive times of messages with one known side.
-constexpr int64_t kNeverReceived = INT64_MIN;
-constexpr int64_t kNeverSent = INT64_MIN + 1;
+using klt::processOf;
 
 constexpr size_t kFirstBuckets = 1024;
 
-uint32_t processOf(uint32_t gtp) { return gtp & 0xffff; }
-
 int64_t receiveTime(const KLTM_Message& m) {
-  if (m.receiver.time == KLTM_Message::kNotSeen) return kNeverReceived;
-  if (m.sender.time == KLTM_Message::kNotSeen) return kNeverSent;
+  if (m.receiver.time == KLTM_Message::kNotSeen) return static_cast<int64_t>(klt::kReceiveUnknown);
+  if (m.sender.time == KLTM_Message::kNotSeen) return static_cast<int64_t>(klt::kSendUnknown);
   return static_cast<int64_t>(m.receiver.time - m.sender.time);
 }
 
 // The row of a message that hasn't been written yet. An incomplete one gets source locations where
 // the sender's isn't known to be none: they may come with the rewrite, which can't grow.
 uint8_t rowOf(const KLTM_Message& m) {
-  const bool extended = m.pending > 0 || m.sender.scl != KLTM_Message::kNoScl ||
-                        m.receiver.scl != KLTM_Message::kNoScl;
+  const bool extended =
+      m.pending > 0 || m.sender.scl != klt::kNoScl || m.receiver.scl != klt::kNoScl;
   const bool located = extended && m.sender.scl != 0;
-  if (m.tag < 0x10000) return located ? 58 : 57;
-  return located ? 60 : 59;
+  if (m.tag < 0x10000) {
+    return located ? KLT_Row::oneToOneCommunicationScl : KLT_Row::oneToOneCommunication;
+  }
+  return located ? KLT_Row::oneToOneCommunicationWideScl : KLT_Row::oneToOneCommunicationWide;
 }
 
 }  // namespace
@@ -110,17 +109,17 @@ void KLTM_MessageTable::growBuckets() {
 void KLTM_MessageTable::write(KLTM_Message& m) {
   const int64_t span = receiveTime(m);
   if (summary_ != nullptr) {
-    KLTT_SumMessageEvent(*summary_, {.time = m.time,
-                                     .duration = span,
-                                     .sender = m.sender.gtp,
-                                     .receiver = m.receiver.gtp,
-                                     .communicator = m.comm,
-                                     .size = m.size,
-                                     .tag = m.tag,
-                                     .senderScl = m.sender.scl,
-                                     .receiverScl = m.receiver.scl,
-                                     .senderFunction = m.sender.function,
-                                     .receiverFunction = m.receiver.function});
+    summary_->message_event({.time = m.time,
+                             .duration = span,
+                             .sender = m.sender.gtp,
+                             .receiver = m.receiver.gtp,
+                             .communicator = m.comm,
+                             .size = m.size,
+                             .tag = m.tag,
+                             .senderScl = m.sender.scl,
+                             .receiverScl = m.receiver.scl,
+                             .senderFunction = m.sender.function,
+                             .receiverFunction = m.receiver.function});
   }
   if (m.row == 0) m.row = rowOf(m);
   KLT_UpdateSlot* slot = m.pending > 0 || m.slot.position != 0 ? &m.slot : nullptr;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "generic/merge/RK_logmerge_arena.h"
+#include "klt/format/klt_values.h"
 #include "util/pal_hash.h"
 
 struct KLTT_Summary;
@@ -29,12 +30,11 @@ struct KLTM_MessageEvent {
 
 struct KLTM_Message : KLTM_EntryHead {
   static constexpr uint64_t kNotSeen = ~uint64_t{0};
-  static constexpr uint32_t kNoScl = 0x7fffffff;
 
   struct Side {
     uint64_t time = kNotSeen;
     uint32_t gtp = 0;
-    uint32_t scl = kNoScl;
+    uint32_t scl = klt::kNoScl;
     uint32_t function = 0;
   };
 

@@ -94,7 +94,7 @@ class Merge {
     KLT_HandlerTable table;
     if (!readDefinitions(table)) return;
     if (flag(KLTM_MERGE)) {
-      context_.matching.start(context_.writer, context_.summary, RK_Conf::mem_blocksize);
+      KLTM_MatchStart(context_.matching, context_.writer, context_.summary, RK_Conf::mem_blocksize);
     }
     const bool isRead = pass(KLT_MODE_EVENTS, table);
     show(1, 0);  // ends the line of the percentages, however far they came
@@ -104,7 +104,8 @@ class Merge {
       context_.counts.collectives += context_.matching.collopsAdded();
       if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
     }
-    context_.matching.finish();
+    KLTM_MatchFinish(context_.matching);
+    KLTM_FreeCommunicators(context_.matching);
   }
 
   // Both passes find the same faults, which are told once. False if there is no going on.
@@ -113,6 +114,7 @@ class Merge {
     KLTM_SetScanHandlers(table, context_);
     if (!pass(KLT_MODE_DEFINITIONS, table)) return false;
     messages.beginSecond();
+    KLTM_ResetCommunicators(context_.matching);
     if (flag(KLTM_SUMMARY)) openSummary();
     KLTM_SetCopyHandlers(table, context_);
     return pass(KLT_MODE_DEFINITIONS, table);

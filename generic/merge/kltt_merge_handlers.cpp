@@ -11,6 +11,7 @@
 
 #include "generic/text/RK_output.h"
 #include "generic/text/kltt_exit.h"
+#include "klt/format/klt_values.h"
 #include "klt/write/klt_write.h"
 
 namespace {
@@ -22,7 +23,7 @@ KLTM_Context& contextOf(void* user) { return *static_cast<KLTM_Context*>(user); 
 // What a handler returns for the bytes of a write.
 int result(uint32_t written) { return written == 0 ? 1 : 0; }
 
-bool isScl(uint32_t scl) { return scl != 0 && scl != 0x7fffffff; }
+using klt::isScl;
 bool isScl(const uint32_t* scls) { return scls != nullptr; }
 
 // --- copying
@@ -91,15 +92,18 @@ uint32_t copyRecord<"one_to_one_communication">(KLT_WFileHandle* writer, uint64_
                                                 uint32_t receiverScl, uint32_t senderChecksum,
                                                 uint32_t receiverChecksum, uint32_t senderFunction,
                                                 uint32_t receiverFunction) {
-  const klt::WriteArguments<KLT_Row::oneToOneCommunicationChecksums> arguments(
-      time, sender, receiveTime, receiver, communicator, size, tag, senderScl, receiverScl,
-      senderChecksum, receiverChecksum, senderFunction, receiverFunction);
-  if (senderChecksum != 0 || receiverChecksum != 0) return writeAs<61, 61>(writer, arguments);
+  constexpr int kLong = KLT_Row::oneToOneCommunicationChecksums;
+  const klt::WriteArguments<kLong> arguments(time, sender, receiveTime, receiver, communicator,
+                                             size, tag, senderScl, receiverScl, senderChecksum,
+                                             receiverChecksum, senderFunction, receiverFunction);
+  if (senderChecksum != 0 || receiverChecksum != 0) return writeAs<kLong, kLong>(writer, arguments);
   const bool located = isScl(senderScl) || isScl(receiverScl);
   if (tag < 0x10000) {
-    return located ? writeAs<58, 61>(writer, arguments) : writeAs<57, 61>(writer, arguments);
+    return located ? writeAs<KLT_Row::oneToOneCommunicationScl, kLong>(writer, arguments)
+                   : writeAs<KLT_Row::oneToOneCommunication, kLong>(writer, arguments);
   }
-  return located ? writeAs<60, 61>(writer, arguments) : writeAs<59, 61>(writer, arguments);
+  return located ? writeAs<KLT_Row::oneToOneCommunicationWideScl, kLong>(writer, arguments)
+                 : writeAs<KLT_Row::oneToOneCommunicationWide, kLong>(writer, arguments);
 }
 
 // --- the summary
@@ -113,13 +117,13 @@ template <>
 struct Told<"enter_function"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
                    uint32_t scl) {
-    KLTT_SumFunction(summary, time, thread, function, scl, true);
+    summary.function_event(time, thread, function, scl, true);
   }
 };
 template <>
 struct Told<"leave_function"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t scl) {
-    KLTT_SumFunction(summary, time, thread, 0, scl, false);
+    summary.function_event(time, thread, 0, scl, false);
   }
 };
 template <>
@@ -128,8 +132,8 @@ struct Told<"report"> {
                    const char* level, const char* description, uint32_t n, const uint64_t* times,
                    const uint32_t* willys, const char* const* headers, const uint32_t* functions,
                    const char* const* calls, const uint32_t* scls) {
-    KLTT_SumReportEvent(summary, {time, thread, type, level, description, n, times, willys, headers,
-                                  functions, calls, scls});
+    summary.report_event({time, thread, type, level, description, n, times, willys, headers,
+                          functions, calls, scls});
   }
 };
 template <>
@@ -139,16 +143,16 @@ struct Told<"one_to_one_communication"> {
                    uint32_t senderScl, uint32_t receiverScl, uint32_t /*senderChecksum*/,
                    uint32_t /*receiverChecksum*/, uint32_t senderFunction,
                    uint32_t receiverFunction) {
-    KLTT_SumMessageEvent(summary, {time, receiveTime, sender, receiver, communicator, size, tag,
-                                   senderScl, receiverScl, senderFunction, receiverFunction});
+    summary.message_event({time, receiveTime, sender, receiver, communicator, size, tag, senderScl,
+                           receiverScl, senderFunction, receiverFunction});
   }
 };
 template <>
 struct Told<"all_communication"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
                    uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* scl) {
-    KLTT_SumCollective(summary, time, kKlttNoRoot, communicator, type,
-                       {n, start, delta, nullptr, nullptr, scl});
+    summary.collective_event(time, klt::kNoRoot, communicator, type,
+                             {n, start, delta, nullptr, nullptr, scl});
   }
 };
 template <>
@@ -156,8 +160,8 @@ struct Told<"all_to_all_communication"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
                    uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* sent,
                    const uint32_t* received, const uint32_t* scl) {
-    KLTT_SumCollective(summary, time, kKlttNoRoot, communicator, type,
-                       {n, start, delta, sent, received, scl});
+    summary.collective_event(time, klt::kNoRoot, communicator, type,
+                             {n, start, delta, sent, received, scl});
   }
 };
 template <>
@@ -165,8 +169,7 @@ struct Told<"all_to_one_communication"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*received*/,
                    uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
                    const uint64_t* delta, const uint32_t* sent, const uint32_t* scl) {
-    KLTT_SumCollective(summary, time, root, communicator, type,
-                       {n, start, delta, sent, nullptr, scl});
+    summary.collective_event(time, root, communicator, type, {n, start, delta, sent, nullptr, scl});
   }
 };
 template <>
@@ -174,8 +177,8 @@ struct Told<"one_to_all_communication"> {
   static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*sent*/,
                    uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
                    const uint64_t* delta, const uint32_t* received, const uint32_t* scl) {
-    KLTT_SumCollective(summary, time, root, communicator, type,
-                       {n, start, delta, nullptr, received, scl});
+    summary.collective_event(time, root, communicator, type,
+                             {n, start, delta, nullptr, received, scl});
   }
 };
 
@@ -209,7 +212,7 @@ int counterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
                       const uint64_t* bounds, uint32_t gtp, uint32_t classId, const char* unit) {
   constexpr uint32_t kDifferential = 0x80;
   KLTM_Context& context = contextOf(user);
-  if (context.summary != nullptr) KLTT_SumDefineCounter(*context.summary, id, flags);
+  if (context.summary != nullptr) context.summary->counter_definition(id, flags);
   if (context.writer == nullptr) return 0;
   return result(KLT_Write<KLT_Row::counterDefinition>(
       context.writer, nullptr, id, name, flags & ~kDifferential,
@@ -221,7 +224,7 @@ int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint
                  uint64_t* values) {
   KLTM_Context& context = contextOf(user);
   if (context.summary != nullptr) {
-    KLTT_SumCounters(*context.summary, time, gtp, n, counters, values);
+    context.summary->counter_event(time, gtp, n, counters, values);
   }
   if (context.writer == nullptr) return 0;
   for (uint32_t i = 0; i < n; ++i) values[i] = klt::swapBytes(values[i]);
@@ -232,7 +235,7 @@ int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint
 int communicatorDefinition(void* user, uint32_t id, const char* name, uint32_t n,
                            const PAL_Triplet* members, int32_t leftSize) {
   KLTM_Context& context = contextOf(user);
-  context.matching.registerCommunicator(id, KLTM_ExpandMembers(id, {members, n}));
+  KLTM_RegisterCommunicator(context.matching, id, KLTM_ExpandMembers(id, {members, n}));
   const std::vector<int32_t> parts = PAL_TripletsToParallel({members, n});
   const auto* gtps = reinterpret_cast<const uint32_t*>(parts.data());
   return result(KLT_Write<KLT_Row::communicatorDefinition>(context.writer, nullptr, id, name, n,
@@ -242,7 +245,7 @@ int communicatorDefinition(void* user, uint32_t id, const char* name, uint32_t n
 
 int processDeclaration(void* user, uint32_t n, const uint32_t* threads) {
   KLTM_Context& context = contextOf(user);
-  context.matching.declareProcesses(n);
+  KLTM_DeclareProcesses(context.matching, n);
   return result(KLT_Write<KLT_Row::processDeclaration>(context.writer, nullptr, n, threads));
 }
 
@@ -269,15 +272,15 @@ int eventSummary(void* user, uint32_t functions, uint32_t oneToOnes, uint32_t co
 
 int messageRawEvent(void* user, uint64_t time, uint32_t /*gtp*/, uint32_t kind, uint32_t other,
                     uint32_t tag, uint32_t size, uint32_t comm, uint32_t function, uint32_t scl) {
-  contextOf(user).matching.message({time, kind, other, tag, size, comm, function, scl});
+  KLTM_MatchMessage(contextOf(user).matching, {time, kind, other, tag, size, comm, function, scl});
   return 0;
 }
 
 int collopRawEvent(void* user, uint64_t time, uint32_t /*gtp*/, uint32_t kind, uint32_t operation,
                    uint32_t comm, uint32_t counter, uint32_t root, uint32_t send, uint32_t recv,
                    int64_t endtime, uint32_t scl) {
-  contextOf(user).matching.collop({time, static_cast<uint64_t>(endtime), kind, operation, comm,
-                                   counter, root, send, recv, scl});
+  KLTM_MatchCollective(contextOf(user).matching, {time, static_cast<uint64_t>(endtime), kind,
+                                                  operation, comm, counter, root, send, recv, scl});
   return 0;
 }
 

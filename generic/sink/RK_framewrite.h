@@ -1,8 +1,9 @@
-// The open calls and scopes of every thread, as the event pass sees them.
+// The frame writer: the open calls and scopes of every thread, as the event pass sees them.
 //
-// RK_WillyHash holds one state per thread, made when a record first names the thread. Its function
-// stack is moved by RK_FrameEnter and RK_FrameLeave; kltt_events keeps the scopes, and reads the
-// stacks to say where a call returns to and to close what is open at the end of a window.
+// No option defines a frame, so this is all that it keeps. RK_WillyHash holds one state per thread,
+// made when a record first names the thread. Its function stack is moved by RK_FrameEnter and
+// RK_FrameLeave; kltt_events keeps the scopes, and reads the stacks to say where a call returns to
+// and to close what is open at the end of a window.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,15 @@ struct RK_WillyHash {
   KLT_IdIndex index{KLTT_DIRECT_IDS};  // by gtp
   std::vector<RK_WillyState> states;   // in order of first use
 };
+
+// One for each event pass.
+struct RK_FrameWriter {
+  RK_WillyHash willys;
+};
+
+[[nodiscard]] inline RK_FrameWriter RK_FrameWriterCreate() { return {}; }
+// Frees what `frames` holds.
+inline void RK_FrameWriterFinish(RK_FrameWriter& frames) { frames = {}; }
 
 // The state of a thread, null if no record has named it.
 [[nodiscard]] inline RK_WillyState* RK_WillyHashFind(RK_WillyHash& table, uint32_t gtp) {

@@ -183,11 +183,9 @@ class Records final : public RK_Sink {
     constexpr uint32_t kInteger = 1;
     constexpr uint32_t kFloating = 2;
     const uint32_t type = (flags & kInteger) != 0 ? kInteger : kFloating;
-    // One hint at the rate, by the same preference as in text.
-    const uint32_t hint = flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
     return put<KLT_Row::counterDefinition>(
-        id, text, type | hint, uint32_t{(flags & kDifferential) != 0}, storedBytes(bounds[0]),
-        storedBytes(bounds[1]), gtp, classId, unit);
+        id, text, type | klt::rateHint(flags), uint32_t{(flags & kDifferential) != 0},
+        storedBytes(bounds[0]), storedBytes(bounds[1]), gtp, classId, unit);
   }
   int groupDefinition(uint32_t id, const char* text, std::span<const uint32_t> members) override {
     return put<KLT_Row::groupDefinition>(id, text, static_cast<uint32_t>(members.size()),
@@ -323,7 +321,7 @@ class Records final : public RK_Sink {
   int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::Put write) {
     const uint64_t moment = clock.inHistory ? KLTT_InternalTime(clock, clock.historyTime) : time;
     if (held_.add(moment, time, std::move(write))) {
-      pending_.add(moment).kind = KLTT_DelayedKind::kHeld;
+      KLTT_QueueAdd(pending_, moment).kind = KLTT_DelayedKind::kHeld;
     }
     return 0;
   }

@@ -49,27 +49,27 @@ inline KLTT_Queue::Bucket& KLTT_Queue::lowestBucket() {
   return buckets_[level][static_cast<size_t>(std::countr_zero(usedDigits_[level]))];
 }
 
-KLTT_Delayed& KLTT_Queue::add(uint64_t time) {
-  if (present_.empty() ? time < nextTime_ : time == presentTime_) {
-    presentTime_ = time;
-    nextTime_ = std::min(nextTime_, time);
-    ++count_;
-    PAL_MakeRoom(present_);
-    return present_.emplace_back();
+KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& q, uint64_t time) {
+  if (q.present_.empty() ? time < q.nextTime_ : time == q.presentTime_) {
+    q.presentTime_ = time;
+    q.nextTime_ = std::min(q.nextTime_, time);
+    ++q.count_;
+    PAL_MakeRoom(q.present_);
+    return q.present_.emplace_back();
   }
-  const uint32_t node = newNode();
-  if (time < now_) [[unlikely]] {
-    if (count_ == 0) {
-      now_ = 0;
+  const uint32_t node = q.newNode();
+  if (time < q.now_) [[unlikely]] {
+    if (q.count_ == 0) {
+      q.now_ = 0;
     } else {
-      late_.push_back(LateKey{.time = time, .arrival = arrivals_++, .node = node});
-      std::push_heap(late_.begin(), late_.end());
+      q.late_.push_back({.time = time, .arrival = q.arrivals_++, .node = node});
+      std::push_heap(q.late_.begin(), q.late_.end());
     }
   }
-  if (time >= now_) place(Key{.time = time, .node = node});
-  nextTime_ = std::min(nextTime_, time);
-  ++count_;
-  return nodes_[node];
+  if (time >= q.now_) q.place({.time = time, .node = node});
+  q.nextTime_ = std::min(q.nextTime_, time);
+  ++q.count_;
+  return q.nodes_[node];
 }
 
 void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoClass) {
@@ -82,7 +82,7 @@ void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoC
     freeTexts_.pop_back();
     texts_[number] = text;
   }
-  KLTT_Delayed& node = add(time);
+  KLTT_Delayed& node = KLTT_QueueAdd(*this, time);
   node.kind = KLTT_DelayedKind::kComment;
   node.gtp = 0;
   node.comment = {.text = number, .infoClass = infoClass};

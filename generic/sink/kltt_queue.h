@@ -48,6 +48,9 @@ struct KLTT_Delayed {
   };
 };
 
+class KLTT_Queue;
+KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& queue, uint64_t time);
+
 class KLTT_Queue {
  public:
   static constexpr uint64_t kNever = ~uint64_t{0};
@@ -58,8 +61,8 @@ class KLTT_Queue {
   [[nodiscard]] size_t size() const { return count_; }
 
   // Sorts in a node at `time` (internal time). To be filled by the caller; the reference holds
-  // until the next call of add or addComment.
-  KLTT_Delayed& add(uint64_t time);
+  // until the next node is added.
+  friend KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& queue, uint64_t time);
   void addComment(uint64_t time, std::string_view text, uint32_t infoClass = 0);
 
   // The first node. REQUIRES: not empty.

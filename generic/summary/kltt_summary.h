@@ -12,7 +12,26 @@
 #include "generic/summary/kltt_summary_events.h"
 
 struct KLT_FileHandle;
-struct KLTT_Summary;  // owned by the caller, freed by KLTT_SumClose
+
+// A summary: a table of six operations, each for one kind of record. Owned by the caller, freed by
+// KLTT_SumClose.
+struct KLTT_Summary {
+  virtual ~KLTT_Summary() = default;
+
+  // A call begins (`entering`) or ends; `function` is only looked at where it begins.
+  virtual void function_event(uint64_t time, uint32_t thread, uint32_t function, uint32_t scl,
+                              bool entering) = 0;
+  // `root` is klt::kNoRoot where there is none.
+  virtual void collective_event(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
+                                const KLTT_SumMembers& members) = 0;
+  virtual void message_event(const KLTT_SumMessage& message) = 0;
+  // `type` as the record has it: bit 0 tells integers from floating point.
+  virtual void counter_definition(uint32_t id, uint32_t type) = 0;
+  // `values` are the samples' 8 bytes as read, in the byte order of the record's handler.
+  virtual void counter_event(uint64_t time, uint32_t thread, uint32_t n, const uint32_t* counters,
+                             const uint64_t* values) = 0;
+  virtual void report_event(const KLTT_SumReport& report) = 0;
+};
 
 // The number of events that `input` declares, cut to what its files can hold: with a number out of
 // thin air there would be more bins than any disk has room for. A trace with compressed components
@@ -30,20 +49,3 @@ struct KLTT_Summary;  // owned by the caller, freed by KLTT_SumClose
 
 // Writes what is open, frees `summary`, and returns true if every file was created and holds all.
 [[nodiscard]] bool KLTT_SumClose(KLTT_Summary* summary);
-
-// A call begins (`entering`) or ends; `function` is only looked at where it begins.
-void KLTT_SumFunction(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
-                      uint32_t scl, bool entering);
-
-void KLTT_SumCollective(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t communicator,
-                        uint32_t type, const KLTT_SumMembers& members);
-
-void KLTT_SumMessageEvent(KLTT_Summary& summary, const KLTT_SumMessage& message);
-
-// `type` as the counter_definition record has it: bit 0 tells integers from floating point.
-void KLTT_SumDefineCounter(KLTT_Summary& summary, uint32_t id, uint32_t type);
-// `values` are the samples' 8 bytes as read, in the byte order of the record's handler.
-void KLTT_SumCounters(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t n,
-                      const uint32_t* counters, const uint64_t* values);
-
-void KLTT_SumReportEvent(KLTT_Summary& summary, const KLTT_SumReport& report);

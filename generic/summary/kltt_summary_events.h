@@ -1,11 +1,7 @@
-// The events that a summary is made of, as its callers give them and its tables take them. Times
-// are those of the trace's records.
+// What the summary is told of: the fields of records that have many of them.
 #pragma once
 
 #include <cstdint>
-
-// No root, for KLTT_SumCollective.
-inline constexpr uint32_t kKlttNoRoot = 0xffffffff;
 
 // The arrays of a collective operation, a number for each of `n` members; null if the record has
 // none.

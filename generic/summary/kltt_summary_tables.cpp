@@ -117,7 +117,7 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
 // --- Messages
 // -------------------------------------------------------------------------------------
 
-void KLTT_SumTables::message(const Message& m) {
+void KLTT_SumTables::message(const KLTT_SumMessage& m) {
   const auto [sums, isNew] = messages_[{m.sender, m.receiver, m.communicator, m.size, m.tag,
                                         m.senderFunction, m.receiverFunction}];
   ++sums.count;

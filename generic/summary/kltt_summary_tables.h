@@ -18,6 +18,7 @@
 
 class KLTT_SumFile;
 struct KLTT_SumMembers;
+struct KLTT_SumMessage;
 
 // Chains of the tables whose order the files show.
 inline constexpr uint32_t KLTT_SUM_BUCKETS = 31;
@@ -103,13 +104,8 @@ class KLTT_SumTables {
   void collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
                   uint32_t eventBits, const KLTT_SumMembers& members);
 
-  struct Message {
-    uint64_t time;
-    int64_t duration;  // negative if the receive came first
-    uint32_t sender, receiver, communicator, size, tag;
-    uint32_t senderFunction, receiverFunction, senderScl, receiverScl;
-  };
-  void message(const Message& message);
+  // A negative duration: the receive came first.
+  void message(const KLTT_SumMessage& message);
 
   void defineCounter(uint32_t id, uint32_t type);
   // `bits`: a signed integer or a double, as the counter is defined.

@@ -222,7 +222,8 @@ int RK_WriteSamp(RK_Output* out, uint32_t counter, uint32_t classId, uint32_t gt
     line.fixed(" TYPE FLOAT MIN ").real(std::bit_cast<double>(bounds[0]));
     line.fixed(" MAX ").real(std::bit_cast<double>(bounds[1]));
   }
-  const uint32_t hint = flags & 0x10 ? 4 : flags & 0x04 ? 3 : flags & 0x08 ? 2 : 1;
+  const uint32_t bit = klt::rateHint(flags);
+  const uint32_t hint = bit == 0x10 ? 4 : bit == 0x04 ? 3 : bit == 0x08 ? 2 : 1;
   line.fixed(" DIFF ").i32(flags & 0x80 ? 1 : 0).fixed(" RHINT ").i32(hint);
   return line.fixed(" NAME \"").text(name).fixed("\" UNIT \"").text(unit).fixed("\"").end();
 }
@@ -398,7 +399,7 @@ int RK_WriteCollOp(RK_Output* out, const RK_Collective& op) {
   line.u64(op.time).fixed(" COLLOP ");
   putKind(line, op.kind);
   line.fixed(" ").u32(op.operation).fixed(" COM ").u32(op.communicator);
-  if (op.root != RK_Collective::kNoRoot) line.fixed(" ROOT ").u32(op.root);
+  if (op.root != klt::kNoRoot) line.fixed(" ROOT ").u32(op.root);
   line.fixed(" TIMES");
   putTimes(line, op.starts, op.starts, op.time, op.n);
   line.fixed(" DELTAS");

@@ -54,13 +54,11 @@ struct RK_OperationPart {
 
 // A collective operation with the parts of all members.
 struct RK_Collective {
-  static constexpr uint32_t kNoRoot = ~uint32_t{0};
-
   uint64_t time;
   uint32_t kind;  // a klt::CollopKind, or none
   uint32_t operation;
   uint32_t communicator;
-  uint32_t root;
+  uint32_t root;           // or klt::kNoRoot
   uint32_t rootBytes;      // not shown
   uint32_t n;              // of elements in each array
   const uint64_t* starts;  // from `time` on

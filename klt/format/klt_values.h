@@ -16,7 +16,15 @@ inline constexpr uint64_t kSendUnknown = kReceiveUnknown + 1;
 
 // Which members of a collective operation send and receive. The definition of an operation has it,
 // and each kind has its own record. A definition may hold other numbers, which are no kind.
-enum class CollopKind : uint32_t { kOneToAll = 1, kAllToOne = 2, kAllToAll = 3, kAll = 4 };
+enum class CollopKind : uint32_t { kNone, kOneToAll = 1, kAllToOne = 2, kAllToAll = 3, kAll = 4 };
+
+// In place of the root of an operation that has none.
+inline constexpr uint32_t kNoRoot = ~uint32_t{0};
+
+// The hint at the rate of a counter: a bit of its flags, of several the first of these; 0 for none.
+[[nodiscard]] constexpr uint32_t rateHint(uint32_t flags) {
+  return flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
+}
 
 // The process of a thread number (gtp), and which thread of the process it is.
 [[nodiscard]] constexpr uint32_t processOf(uint32_t gtp) { return gtp & 0xffff; }

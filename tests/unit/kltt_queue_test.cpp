@@ -28,7 +28,7 @@ TEST(KlttQueue, HandsOutByTimeAndThenByArrival) {
         if (random() % 4 == 0) {
           queue.addComment(time, text.append(id % 50, 'x'));
         } else {
-          KLTT_Delayed& node = queue.add(time);
+          KLTT_Delayed& node = KLTT_QueueAdd(queue, time);
           node.kind = KLTT_DelayedKind::kSendMsg;
           node.gtp = id;
         }

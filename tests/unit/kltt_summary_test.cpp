@@ -26,12 +26,12 @@ class KlttSummary : public testing::Test {
     summary_ = KLTT_SumOpen(base_.c_str(), start, span, eventBits, events, std::vector{0U});
   }
   void call(uint64_t time, uint32_t function, uint32_t scl = 0) {
-    KLTT_SumFunction(*summary_, time, 0, function, scl, true);
+    summary_->function_event(time, 0, function, scl, true);
   }
-  void leave(uint64_t time) { KLTT_SumFunction(*summary_, time, 0, 0, 0, false); }
-  void message(const KLTT_SumMessage& message) { KLTT_SumMessageEvent(*summary_, message); }
+  void leave(uint64_t time) { summary_->function_event(time, 0, 0, 0, false); }
+  void message(const KLTT_SumMessage& message) { summary_->message_event(message); }
   void sample(uint64_t time, uint32_t counter, uint64_t bits) {
-    KLTT_SumCounters(*summary_, time, 2, 1, &counter, &bits);
+    summary_->counter_event(time, 2, 1, &counter, &bits);
   }
 
   // A file: version, width of bins and number of records, then a line for each record. I and Q are
@@ -155,19 +155,18 @@ TEST_F(KlttSummary, MessagesOperationsCountersAndReportsAddUp) {
   message({.time = 20, .duration = -1, .sender = 40, .size = 2, .senderScl = 11});
   message({.time = 36, .sender = 40, .size = 2, .senderScl = 12, .receiverScl = 13});
   for (int i = 0; i < 5; ++i) message({.size = 0x80000001});
-  KLTT_SumCollective(*summary_, 16, 2, 1, 9, {2, starts, deltas, sizes, nullptr, places});
-  KLTT_SumCollective(*summary_, 12, 2, 1, 9, {3, starts, starts, nullptr, sizes, nullptr});
-  KLTT_SumCollective(*summary_, 20, 2, 1, 9, {});
-  KLTT_SumDefineCounter(*summary_, 4, 0);
-  KLTT_SumDefineCounter(*summary_, 4, 0x101);  // integers
+  summary_->collective_event(16, 2, 1, 9, {2, starts, deltas, sizes, nullptr, places});
+  summary_->collective_event(12, 2, 1, 9, {3, starts, starts, nullptr, sizes, nullptr});
+  summary_->collective_event(20, 2, 1, 9, {});
+  summary_->counter_definition(4, 0);
+  summary_->counter_definition(4, 0x101);  // integers
   sample(4, 4, 10);
   sample(8, 4, ~uint64_t{3});
   sample(16, 4, 6);
   sample(14, 9, std::bit_cast<uint64_t>(2.5));  // not defined
   const std::string longText(200'000, 'x');     // more than is buffered
   const char* texts[] = {longText.c_str()};
-  KLTT_SumReportEvent(*summary_,
-                      {16, 5, "A", nullptr, "d", 1, deltas, sizes, texts, sizes, texts, sizes});
+  summary_->report_event({16, 5, "A", nullptr, "d", 1, deltas, sizes, texts, sizes, texts, sizes});
   EXPECT_TRUE(contents("rep") == "1 10 1 \n4 5 1 1 A 0  1 d | 2 10 200000 " + longText +
                                      " 10 200000 " + longText + " 10 ");  // at once
   EXPECT_TRUE(KLTT_SumClose(summary_));

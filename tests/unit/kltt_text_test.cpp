@@ -129,7 +129,7 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
     return std::uniform_int_distribution(-range, range)(random);
   };
   for (int round = 0; round < 1000; ++round) {
-    context.willys = {};
+    context.frames = RK_FrameWriterCreate();
     std::set<int32_t> open{INT32_MIN};
     for (int k = 0; k < 5; ++k) open.insert(number(9));
     for (const int32_t gtp : open) enter(1, static_cast<uint32_t>(gtp), 10);

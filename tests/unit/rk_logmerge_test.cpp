@@ -73,22 +73,24 @@ Merged merge(const Members& communicators, const std::vector<Event>& events,
   KLT_WFileHandle* writer =
       KLT_WriterOpen(nullptr, name.c_str(), 1, KLT_FORM_PLAIN, 0, &statistics);
   KLTM_Matching matching;
-  matching.declareProcesses(8);
+  KLTM_DeclareProcesses(matching, 8);
   for (const auto& [id, members] : communicators)
-    matching.registerCommunicator(id, KLTT_MemberList(members));
-  matching.start(writer, nullptr, blockBytes);
+    KLTM_RegisterCommunicator(matching, id, KLTT_MemberList(members));
+  KLTM_MatchStart(matching, writer, nullptr, blockBytes);
   const PAL_AllocatorTable saved = PAL_allocators;
   PAL_allocators.malloc = [](size_t bytes) { return allocated += bytes, std::malloc(bytes); };
   allocated = 0;
   for (const Event& event : events) {
-    if (const auto* message = std::get_if<KLTM_RawMessage>(&event)) matching.message(*message);
-    if (const auto* collop = std::get_if<KLTM_RawCollop>(&event)) matching.collop(*collop);
+    if (const auto* message = std::get_if<KLTM_RawMessage>(&event))
+      KLTM_MatchMessage(matching, *message);
+    if (const auto* collop = std::get_if<KLTM_RawCollop>(&event))
+      KLTM_MatchCollective(matching, *collop);
   }
   PAL_allocators = saved;
   Merged merged;
   merged.messagesAdded = matching.messagesAdded();
   merged.collopsAdded = matching.collopsAdded();
-  matching.finish();
+  KLTM_MatchFinish(matching);
   bool isComplete = false;
   EXPECT_EQ(KLT_WriterClose(writer, &isComplete), nullptr);
   EXPECT_TRUE(isComplete);
