@@ -2,10 +2,12 @@
 #include "generic/summary/kltt_summary_calls.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "generic/summary/kltt_summary_file.h"
 #include "generic/summary/kltt_summary_tables.h"
 #include "generic/tables/kltt_idtable.h"
+#include "util/pal_buckets.h"
 
 namespace {
 
@@ -38,8 +40,7 @@ uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0;
 
 }  // namespace
 
-KLTT_CallTrees::KLTT_CallTrees()
-    : index_(KLTT_DIRECT_IDS), buckets_(KLTT_SUM_BUCKETS), slots_(64) {}
+KLTT_CallTrees::KLTT_CallTrees() : index_(KLTT_DIRECT_IDS), slots_(64) {}
 
 KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   const auto index = static_cast<uint32_t>(threads_.size());
@@ -47,7 +48,6 @@ KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   nodes_.emplace_back().parent = root;
   threads_.push_back({.gtp = gtp, .calls = {{root, 0, 0, 0}}});
   index_.add(gtp, index + 1);
-  buckets_[gtp % KLTT_SUM_BUCKETS].push_back(index);
   return threads_.back();
 }
 
@@ -205,15 +205,18 @@ void KLTT_CallTrees::clear() {
 
 void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd,
                            uint64_t binWidth) {
-  for (const std::vector<uint32_t>& bucket : buckets_) {
-    for (const uint32_t index : bucket) {
-      Thread& thread = threads_[index];
-      closeAll(thread, binEnd);
-      layOut(thread.calls.front().node);
-      writeThread(file, thread, binStart, binWidth);
-      clear();
-      thread.events = 0;
-    }
+  if (order_.size() != threads_.size()) {
+    order_.resize(threads_.size());
+    std::iota(order_.begin(), order_.end(), uint32_t{0});
+    PAL_SortByBucket(order_, KLTT_SUM_BUCKETS, [&](uint32_t i) { return threads_[i].gtp; });
+  }
+  for (const uint32_t index : order_) {
+    Thread& thread = threads_[index];
+    closeAll(thread, binEnd);
+    layOut(thread.calls.front().node);
+    writeThread(file, thread, binStart, binWidth);
+    clear();
+    thread.events = 0;
   }
   file.endBlock(threads_.size());
 }

@@ -93,8 +93,7 @@ class KLTT_CallTrees {
 
   std::vector<Thread> threads_;
   KLT_IdIndex index_;
-  std::vector<std::vector<uint32_t>>
-      buckets_;  // of threads, in the order in which they are written
+  std::vector<uint32_t> order_;  // of threads, in which they are written; some may be missing
   std::vector<Node> nodes_;
   std::vector<uint32_t> slots_;  // nodes by parent and function; a power of two, at most half full
   size_t slotsUsed_ = 0;

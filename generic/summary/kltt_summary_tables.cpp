@@ -2,6 +2,7 @@
 // functions that write them, in the byte order of the machine and without padding.
 #include "generic/summary/kltt_summary_tables.h"
 
+#include <algorithm>
 #include <bit>
 
 #include "generic/summary/kltt_summary_events.h"
@@ -88,8 +89,8 @@ void KLTT_SumTables::collective(uint64_t time, uint32_t root, uint32_t communica
 // f64 lowest and highest rate; u32 total, fewest and most bytes sent, the same received.
 void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
   if (collectives_.empty()) return;
-  const auto bucket = [](const auto& key) { return key[0] + 4 * key[2] + 2 * key[1]; };
-  collectives_.walk(bucket, [&](const auto& entry) {
+  const auto hash = [](const auto& key) { return key[0] + 4 * key[2] + 2 * key[1]; };
+  collectives_.walk(hash, [&](const auto& entry) {
     const auto& [key, sums] = entry;
     file.put(sums.time);
     for (const uint32_t word : key) file.put(word);
@@ -134,12 +135,12 @@ void KLTT_SumTables::message(const KLTT_SumMessage& m) {
 // receiver, communicator, tag, size, sum of sizes, function of sender and receiver, scl of both.
 void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
   if (messages_.empty()) return;
-  const auto bucket = [](const auto& key) {
+  const auto hash = [](const auto& key) {
     const auto [sender, receiver, communicator, size, tag, senderFunction, receiverFunction] = key;
     return sender + 256 * communicator + 16 * size + 4096 * tag + 65536 * receiver +
            1048576 * senderFunction + 16777216 * receiverFunction;
   };
-  messages_.walk(bucket, [&](const auto& entry) {
+  messages_.walk(hash, [&](const auto& entry) {
     const auto [sender, receiver, communicator, size, tag, senderFunction, receiverFunction] =
         entry.key;
     const MessageSums& sums = entry.value;
@@ -203,8 +204,8 @@ void KLTT_SumTables::counter(uint64_t time, uint32_t thread, uint32_t id, uint64
 // mean value, lowest, highest and mean rate.
 void KLTT_SumTables::flushCounters(KLTT_SumFile& file) {
   if (counters_.empty()) return;
-  const auto bucket = [](const auto& key) { return key[0] + 2 * key[1]; };
-  counters_.walk(bucket, [&](const auto& entry) {
+  const auto hash = [](const auto& key) { return key[0] + 2 * key[1]; };
+  counters_.walk(hash, [&](const auto& entry) {
     const auto& [key, sums] = entry;
     file.put(key[1]);
     file.put(sums.first);

@@ -1,19 +1,18 @@
 // What the summary data counts in a bin by key: collective operations, messages, counter samples.
 //
-// Each table is written and emptied at the end of its bin. A file shows the keys as a table of 31
-// chains would be walked, bucket by bucket and in each by arrival; here keys are found through one
-// hash and put into that order when they are written. Times are those of the summary, shifted by
-// the event bits.
+// Each table is written and emptied at the end of its bin. A file shows the keys in the order of a
+// table with 31 chains (pal_buckets). Times are those of the summary, shifted by the event bits.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <numeric>
 #include <utility>
 #include <vector>
 
 #include "klt/index/klt_idmap.h"
+#include "util/pal_buckets.h"
 #include "util/pal_hash.h"
 
 class KLTT_SumFile;
@@ -50,17 +49,13 @@ class KLTT_BinTable {
   [[nodiscard]] bool empty() const { return entries_.empty(); }
   [[nodiscard]] size_t size() const { return entries_.size(); }
 
-  // Calls visit(entry) in the order of the buckets that bucketOf(key) names, then of arrival.
-  template <class BucketOf, class Visit>
-  void walk(BucketOf bucketOf, Visit visit) {
-    std::array<size_t, KLTT_SUM_BUCKETS + 1> starts{};
-    for (const Entry& entry : entries_) ++starts[bucketOf(entry.key) % KLTT_SUM_BUCKETS + 1];
-    for (size_t i = 1; i < starts.size(); ++i) starts[i] += starts[i - 1];
-    order_.resize(entries_.size());
-    for (uint32_t i = 0; i < entries_.size(); ++i) {
-      order_[starts[bucketOf(entries_[i].key) % KLTT_SUM_BUCKETS]++] = i;
-    }
-    for (const uint32_t i : order_) visit(entries_[i]);
+  // Calls visit(entry) in the order of the chains that hashOf(key) chooses.
+  template <class HashOf, class Visit>
+  void walk(HashOf hashOf, Visit visit) {
+    std::vector<uint32_t> order(entries_.size());
+    std::iota(order.begin(), order.end(), uint32_t{0});
+    PAL_SortByBucket(order, KLTT_SUM_BUCKETS, [&](uint32_t i) { return hashOf(entries_[i].key); });
+    for (const uint32_t i : order) visit(entries_[i]);
   }
 
   void clear() {
@@ -94,7 +89,6 @@ class KLTT_BinTable {
 
   std::vector<Entry> entries_;   // by arrival
   std::vector<Slot> slots_{64};  // a power of two, at most half of them of this bin
-  std::vector<uint32_t> order_;
   uint32_t bin_ = 1;
   PAL_Hash<Words> hash_;
 };

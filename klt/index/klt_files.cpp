@@ -17,6 +17,7 @@
 
 #include "klt/index/klt_intern.h"
 #include "klt/storage/klt_io.h"
+#include "util/pal_buckets.h"
 #include "util/pal_error.h"
 #include "util/pal_strings.h"
 #include "util/pal_util.h"
@@ -29,20 +30,14 @@ bool holdsAnchors(const KLT_FileEntry& file) {
   return file.filetype == static_cast<uint32_t>(KLT_FileType::kAnchors);
 }
 
-// All files but the index, in the order of the file table: 31 buckets by id, in each of them the
-// order of arrival.
+// All files but the index, in the order of a table with 31 chains.
 std::vector<const KLT_FileEntry*> filesInOrder(const KLT_FileHandle& handle) {
-  constexpr uint32_t kBuckets = 31;
-  const auto bucket = [](uint32_t id) { return ((id >> 16) + (id & 0xffff)) % kBuckets; };
-  std::vector<std::pair<uint32_t, const KLT_FileEntry*>> files;
-  for (const auto& entry : handle.files.entries()) {
-    files.emplace_back(bucket(entry.id), entry.value.get());
-  }
-  std::stable_sort(files.begin(), files.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  std::vector<const KLT_FileEntry*> ordered;
-  for (const auto& file : files) ordered.push_back(file.second);
-  return ordered;
+  std::vector<decltype(&handle.files.entries().front())> entries;
+  for (const auto& entry : handle.files.entries()) entries.push_back(&entry);
+  PAL_SortByBucket(entries, 31, [](const auto* e) { return (e->id >> 16) + (e->id & 0xffff); });
+  std::vector<const KLT_FileEntry*> files;
+  for (const auto* entry : entries) files.push_back(entry->value.get());
+  return files;
 }
 
 std::vector<const KLT_FileEntry*> indexLast(const KLT_FileHandle& handle) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "klt/index/klt_generic.h"
+#include "util/pal_buckets.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 
@@ -82,16 +83,12 @@ bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype, std::st
 
 std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle) {
   const PAL_Place here;
-  constexpr uint32_t kBuckets = 1021;
-  const auto bucket = [](const KLT_Component* component) {
-    return (component->listId + component->categories) % kBuckets;
-  };
   std::vector<KLT_Component*> ordered;
   ordered.reserve(handle.components.size());
   for (const auto& component : handle.components) ordered.push_back(component.get());
-  std::stable_sort(
-      ordered.begin(), ordered.end(),
-      [&](const KLT_Component* a, const KLT_Component* b) { return bucket(a) < bucket(b); });
+  PAL_SortByBucket(ordered, 1021, [](const KLT_Component* component) {
+    return component->listId + component->categories;
+  });
   return ordered;
 }
 

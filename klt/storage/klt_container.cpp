@@ -18,6 +18,7 @@
 
 #include "klt/format/klt_wire.h"
 #include "klt/storage/klt_storage.h"
+#include "util/pal_buckets.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
 #include "util/pal_util.h"
@@ -31,15 +32,14 @@ constexpr uint64_t kTrailerBytes = 8;
 constexpr uint32_t kBuckets = 17;
 
 // Four bytes of the key, sign-extended and run together.
-uint32_t bucketOf(std::string_view key) {
+uint32_t hashOf(std::string_view key) {
   if (key.empty()) return 0;
   const auto byteAt = [key](size_t i) {
     return static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(key[i])));
   };
   const size_t length = key.size();
-  const uint32_t hash = byteAt(length - 1) | byteAt(length / 3) << 8 |
-                        byteAt(2 * (length / 3)) << 16 | byteAt(0) << 24;
-  return hash % kBuckets;
+  return byteAt(length - 1) | byteAt(length / 3) << 8 | byteAt(2 * (length / 3)) << 16 |
+         byteAt(0) << 24;
 }
 
 // Reads the directory from front to back through a buffer.
@@ -281,14 +281,10 @@ KLT_DirEntry* KLT_NameTable::enter(std::string&& name) {
 
 std::vector<const KLT_DirEntry*> KLT_NameTable::walk() const {
   const PAL_Place here;
-  std::vector<std::pair<uint32_t, const KLT_DirEntry*>> order;
-  order.reserve(entries_.size());
-  for (const KLT_DirEntry& entry : entries_) order.emplace_back(bucketOf(entry.name), &entry);
-  std::stable_sort(order.begin(), order.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<const KLT_DirEntry*> entries;
-  entries.reserve(order.size());
-  for (const auto& [bucket, entry] : order) entries.push_back(entry);
+  entries.reserve(entries_.size());
+  for (const KLT_DirEntry& entry : entries_) entries.push_back(&entry);
+  PAL_SortByBucket(entries, kBuckets, [](const KLT_DirEntry* e) { return hashOf(e->name); });
   return entries;
 }
 

@@ -5,6 +5,7 @@
 
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_values.h"
+#include "util/pal_buckets.h"
 #include "util/pal_error.h"
 
 void KLT_StoredRecords::add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record,
@@ -59,9 +60,7 @@ void KLT_Context::clear(uint32_t categories) {
 }
 
 std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) {
-  constexpr uint32_t kBuckets = 1021;
   struct Place {
-    uint32_t bucket;
     bool undeclared;
     uint64_t rank;
     KLT_WillyState* state;
@@ -69,18 +68,19 @@ std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) 
   std::vector<Place> places;
   for (const auto& state : states_) {
     if (state->empty()) continue;
-    const uint32_t key = state->gtp + 1;
     const uint32_t process = klt::processOf(state->gtp);
     const uint32_t thread = klt::threadOf(state->gtp);
     const bool declared =
         process < handle.threadsPerProcess.size() && thread < handle.threadsPerProcess[process];
-    places.push_back({((key & 0xffff) + (key >> 16)) % kBuckets, !declared,
-                      uint64_t{process} << 16 | thread, state.get()});
+    places.push_back({!declared, uint64_t{process} << 16 | thread, state.get()});
   }
   std::stable_sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
-    if (a.bucket != b.bucket) return a.bucket < b.bucket;
     if (a.undeclared != b.undeclared) return b.undeclared;
     return a.rank < b.rank;
+  });
+  PAL_SortByBucket(places, 1021, [](const Place& place) {
+    const uint32_t key = place.state->gtp + 1;
+    return (key & 0xffff) + (key >> 16);
   });
   std::vector<KLT_WillyState*> result;
   result.reserve(places.size());

@@ -8,6 +8,7 @@
 
 #include "klt/format/klt_codec.h"
 #include "klt/stream/klt_select.h"
+#include "util/pal_buckets.h"
 
 namespace {
 
@@ -147,9 +148,9 @@ void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state
   std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
   for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
   // Not by the order of their first samples, which differs where reading starts at a seek point.
-  std::sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
-    return std::pair(a->id % kCounterBuckets, a->id) < std::pair(b->id % kCounterBuckets, b->id);
-  });
+  std::sort(ordered.begin(), ordered.end(),
+            [](const auto* a, const auto* b) { return a->id < b->id; });
+  PAL_SortByBucket(ordered, kCounterBuckets, [](const auto* sample) { return sample->id; });
   for (const auto* sample : ordered) {
     const bool known =
         s.pass->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {

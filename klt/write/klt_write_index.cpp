@@ -7,6 +7,7 @@
 
 #include "klt/index/klt_intern.h"
 #include "klt/write/klt_write_row.h"
+#include "util/pal_buckets.h"
 #include "util/pal_mem.h"
 
 namespace {
@@ -58,9 +59,7 @@ template <class Value>
 std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMap<Value>& table) {
   std::vector<const typename KLT_IdMap<Value>::Entry*> ordered;
   for (const auto& entry : table.entries()) ordered.push_back(&entry);
-  std::stable_sort(ordered.begin(), ordered.end(), [](const auto* a, const auto* b) {
-    return a->id % kTableBuckets < b->id % kTableBuckets;
-  });
+  PAL_SortByBucket(ordered, kTableBuckets, [](const auto* entry) { return entry->id; });
   return ordered;
 }
 
