@@ -42,30 +42,11 @@ void KLTM_MatchStart(KLTM_Matching& matching, KLT_WFileHandle* writer, KLTT_Summ
 }
 
 void KLTM_MatchMessage(KLTM_Matching& matching, const KLTM_RawMessage& event) {
-  constexpr uint32_t kTypeBits = 0x3f;
-  constexpr uint32_t kSend = 7;
-  matching.messages->event({.time = event.time,
-                            .sent = (event.kind & kTypeBits) == kSend,
-                            .gtp = gtpOf(matching, event.kind),
-                            .other = event.other,
-                            .tag = event.tag,
-                            .size = event.size,
-                            .comm = event.comm,
-                            .scl = event.scl,
-                            .function = event.function});
+  matching.messages->event(event, gtpOf(matching, event.kind));
 }
 
 void KLTM_MatchCollective(KLTM_Matching& matching, const KLTM_RawCollop& event) {
-  matching.collops->event({.time = event.time,
-                           .endtime = event.endtime,
-                           .process = klt::processOf(gtpOf(matching, event.kind)),
-                           .operation = event.operation,
-                           .comm = event.comm,
-                           .counter = event.counter,
-                           .root = event.root,
-                           .send = event.send,
-                           .recv = event.recv,
-                           .scl = event.scl});
+  matching.collops->event(event, klt::processOf(gtpOf(matching, event.kind)));
 }
 
 void KLTM_MatchFinish(KLTM_Matching& matching) {

@@ -18,33 +18,6 @@
 struct KLTT_Summary;
 struct KLT_WFileHandle;
 
-// A message_raw_event as far as it matters here. `kind` holds the type of the event in the low 6
-// bits (7 sends, all others receive), then the process and the thread that logged it.
-struct KLTM_RawMessage {
-  uint64_t time = 0;
-  uint32_t kind = 0;
-  uint32_t other = 0;
-  uint32_t tag = 0;
-  uint32_t size = 0;
-  uint32_t comm = 0;
-  uint32_t function = 0;
-  uint32_t scl = 0;
-};
-
-// A collop_raw_event; of `kind` only the process counts.
-struct KLTM_RawCollop {
-  uint64_t time = 0;
-  uint64_t endtime = 0;
-  uint32_t kind = 0;
-  uint32_t operation = 0;
-  uint32_t comm = 0;
-  uint32_t counter = 0;
-  uint32_t root = 0;
-  uint32_t send = 0;
-  uint32_t recv = 0;
-  uint32_t scl = 0;
-};
-
 // The state of a matching. Only the operations below change it.
 struct KLTM_Matching {
   // Records begun since the start; one that has found no partner counts too.

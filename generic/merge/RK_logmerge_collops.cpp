@@ -27,7 +27,7 @@ bool hasSeen(const KLTM_Collop& collop, uint32_t member) {
   return collop.members[member].time != KLTM_Collop::kNotSeen;
 }
 
-void fill(KLTM_Collop& collop, uint32_t member, const KLTM_CollopEvent& event) {
+void fill(KLTM_Collop& collop, uint32_t member, const KLTM_RawCollop& event) {
   collop.members[member] = {event.time, event.endtime, event.send, event.recv, event.scl};
 }
 
@@ -90,9 +90,9 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
 
 // --- matching
 
-void KLTM_CollopTable::event(const KLTM_CollopEvent& event) {
+void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
   KLTM_CollopState* state = stateOf(event.comm);
-  uint32_t member = state == nullptr ? 0 : state->indexOf(event.process);
+  uint32_t member = state == nullptr ? 0 : state->indexOf(process);
   if (state != nullptr && member != KLTT_MemberList::kNoMember) {
     if (KLTM_Collop* collop = search(*state, member, event)) {
       fill(*collop, member, event);
@@ -107,13 +107,13 @@ void KLTM_CollopTable::event(const KLTM_CollopEvent& event) {
 }
 
 KLTM_Collop* KLTM_CollopTable::search(KLTM_CollopState& state, uint32_t member,
-                                      const KLTM_CollopEvent& event) {
+                                      const KLTM_RawCollop& event) {
   if (event.counter != 0) return searchCounter(state, member, event.counter);
   return searchKind(state, member, event);
 }
 
 KLTM_Collop* KLTM_CollopTable::searchKind(KLTM_CollopState& state, uint32_t member,
-                                          const KLTM_CollopEvent& event) {
+                                          const KLTM_RawCollop& event) {
   constexpr size_t kFew = 8;
   if (!state.grouped) {
     state.grouped = true;
@@ -188,8 +188,7 @@ void KLTM_CollopTable::settle(KLTM_Collop& collop) {
   if (collop.group->open.count() == 0) collop.group->reached = {};
 }
 
-void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member,
-                           const KLTM_CollopEvent& event) {
+void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member, const KLTM_RawCollop& event) {
   const uint32_t n = state == nullptr ? 1 : state->members.size();
   KLTM_Collop& collop = arena_.append(*this, KLTM_Collop::bytes(n), event.time);
   ++added_;

@@ -25,11 +25,11 @@
 
 struct KLTT_Summary;
 
-// One member's part of a collective operation.
-struct KLTM_CollopEvent {
+// A collop_raw_event; of `kind` only the process counts.
+struct KLTM_RawCollop {
   uint64_t time = 0;
   uint64_t endtime = 0;
-  uint32_t process = 0;
+  uint32_t kind = 0;
   uint32_t operation = 0;
   uint32_t comm = 0;
   uint32_t counter = 0;
@@ -121,7 +121,8 @@ class KLTM_CollopTable {
   KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
                    const KLTM_Communicators& communicators, uint64_t blockBytes);
 
-  void event(const KLTM_CollopEvent& event);
+  // `process` has logged the event.
+  void event(const KLTM_RawCollop& event, uint32_t process);
   void finish() { arena_.finish(*this); }
   // Operations begun so far.
   [[nodiscard]] uint32_t added() const { return added_; }
@@ -140,12 +141,12 @@ class KLTM_CollopTable {
 
   [[nodiscard]] KLTM_CollopState* stateOf(uint32_t comm);
   [[nodiscard]] KLTM_Collop* search(KLTM_CollopState& state, uint32_t member,
-                                    const KLTM_CollopEvent& event);
+                                    const KLTM_RawCollop& event);
   [[nodiscard]] KLTM_Collop* searchKind(KLTM_CollopState& state, uint32_t member,
-                                        const KLTM_CollopEvent& event);
+                                        const KLTM_RawCollop& event);
   [[nodiscard]] KLTM_Collop* searchCounter(KLTM_CollopState& state, uint32_t member,
                                            uint32_t counter);
-  void add(KLTM_CollopState* state, uint32_t member, const KLTM_CollopEvent& event);
+  void add(KLTM_CollopState* state, uint32_t member, const KLTM_RawCollop& event);
   void settle(KLTM_Collop& collop);
   static void group(KLTM_CollopState& state, KLTM_Collop& collop);
   // Fills `arrays_`; returns the place of the root among the members.

@@ -35,11 +35,12 @@ KLTM_MessageTable::KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summ
                                      uint64_t blockBytes)
     : writer_(writer), summary_(summary), arena_(blockBytes), buckets_(kFirstBuckets) {}
 
-void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
-  const uint32_t own = processOf(event.gtp);
+void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
+  const bool sent = event.isSend();
+  const uint32_t own = processOf(gtp);
   const uint32_t peer = processOf(event.other);
-  const uint32_t sender = event.sent ? own : peer;
-  const uint32_t receiver = event.sent ? peer : own;
+  const uint32_t sender = sent ? own : peer;
+  const uint32_t receiver = sent ? peer : own;
   const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
   KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as a new one would
   for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
@@ -48,7 +49,7 @@ void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
         processOf(m.sender.gtp) != sender || processOf(m.receiver.gtp) != receiver) {
       continue;
     }
-    if (m.waitsForSend != event.sent) {
+    if (m.waitsForSend != sent) {
       equal = &m;
       continue;
     }
@@ -61,15 +62,17 @@ void KLTM_MessageTable::event(const KLTM_MessageEvent& event) {
       *link = m.chainNext;
       --keys_;
     }
-    (event.sent ? m.sender : m.receiver) = {event.time, event.gtp, event.scl, event.function};
+    (sent ? m.sender : m.receiver) = {event.time, gtp, event.scl, event.function};
     m.lastTime = event.time;
     arena_.settle(m);
     return;
   }
-  add(event, hash, equal);
+  add(event, gtp, hash, equal);
 }
 
-void KLTM_MessageTable::add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_Message* equal) {
+void KLTM_MessageTable::add(const KLTM_RawMessage& event, uint32_t gtp, uint32_t hash,
+                            KLTM_Message* equal) {
+  const bool sent = event.isSend();
   KLTM_Message& m = arena_.append(*this, KLTM_Message::bytes(), event.time);
   ++added_;
   m.time = m.lastTime = event.time;
@@ -77,9 +80,9 @@ void KLTM_MessageTable::add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_
   m.size = event.size;
   m.comm = event.comm;
   m.tag = event.tag;
-  m.waitsForSend = !event.sent;
-  (event.sent ? m.sender : m.receiver) = {event.time, event.gtp, event.scl, event.function};
-  (event.sent ? m.receiver : m.sender).gtp = event.other;
+  m.waitsForSend = !sent;
+  (sent ? m.sender : m.receiver) = {event.time, gtp, event.scl, event.function};
+  (sent ? m.receiver : m.sender).gtp = event.other;
   if (equal != nullptr) {
     equal->queueEnd->queueNext = &m;
     equal->queueEnd = &m;

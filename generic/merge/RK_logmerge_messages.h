@@ -15,17 +15,19 @@
 
 struct KLTT_Summary;
 
-// One side of a message: the sender's if `sent` is true.
-struct KLTM_MessageEvent {
+// A message_raw_event as far as it matters here. `kind` holds the type of the event in the low 6
+// bits (7 sends, all others receive), then the process and the thread that logged it.
+struct KLTM_RawMessage {
   uint64_t time = 0;
-  bool sent = false;
-  uint32_t gtp = 0;    // of the thread that logged it
+  uint32_t kind = 0;
   uint32_t other = 0;  // process at the other end
   uint32_t tag = 0;
   uint32_t size = 0;
   uint32_t comm = 0;
-  uint32_t scl = 0;
   uint32_t function = 0;
+  uint32_t scl = 0;
+
+  [[nodiscard]] bool isSend() const { return (kind & 0x3f) == 7; }
 };
 
 struct KLTM_Message : KLTM_EntryHead {
@@ -58,7 +60,8 @@ class KLTM_MessageTable {
   // Neither is owned; `summary` may be null. `blockBytes` as in KLTM_Arena.
   KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summary, uint64_t blockBytes);
 
-  void event(const KLTM_MessageEvent& event);
+  // `gtp` is the thread that logged the event.
+  void event(const KLTM_RawMessage& event, uint32_t gtp);
   void finish() { arena_.finish(*this); }
   // Messages begun so far.
   [[nodiscard]] uint32_t added() const { return added_; }
@@ -68,7 +71,7 @@ class KLTM_MessageTable {
 
   void write(KLTM_Message& message);
   void release(KLTM_Message& /*message*/) {}
-  void add(const KLTM_MessageEvent& event, uint32_t hash, KLTM_Message* equal);
+  void add(const KLTM_RawMessage& event, uint32_t gtp, uint32_t hash, KLTM_Message* equal);
   [[nodiscard]] KLTM_Message*& bucketOf(uint32_t hash) {
     return buckets_[hash & (buckets_.size() - 1)];
   }

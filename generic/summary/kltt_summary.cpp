@@ -115,7 +115,7 @@ class Summary final : public KLTT_Summary {
     tables_.flushCounters(files_[kCounters]);
   }
 
-  void flushBin() {
+  [[gnu::noinline, gnu::cold]] void flushBin() {
     if (!calls_.empty()) calls_.flush(files_[kCalls], binStart_, binEnd_, binWidth_);
     flushTables();
     ++binIndex_;
