@@ -82,14 +82,15 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
   const std::string stacks[] = {"function_history 10 0 2 [5 6] [9 0]",
                                 "function_history 10 65536 1 [8] [0]"};
   const Lines scopes = {"enter_scope 2 0 4 2 0", "enter_scope 2 0 4 1 0"};
+  const Lines messages = {"one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
+                          "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
+                          "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0"};
+  const std::string begin = "begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1";
   const Case cases[] = {
       {fillOpen,
        {window(10, 12)},
-       {"begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", stacks[0], scopes[0],
-        scopes[1], "one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
-        "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0",
-        "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]", stacks[1],
-        "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
+       {begin, stacks[0], scopes[0], scopes[1], messages[0], messages[2],
+        "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]", stacks[1], messages[1],
         "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
         "leave_function 11 0 0", "end_of_filter 12 495 3 0:0:1 65536:65536:1 131072:131072:1"}},
       {fillOpen,
@@ -101,11 +102,17 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
        {window(10, 10, FUNCTIONS, {0})},
        {"end_of_filter 10 4 1 0:0:1"},
        [](Table& table) { table.function_history = nullptr; }},
+      // A message under way goes with its sender, as an event with either side. It is told once.
+      {fillOpen,
+       {window(4, 6, MESSAGES, {gtp(0, 1)}), window(6, 8, MESSAGES, {0, gtp(0, 1)})},
+       {"one_to_one_communication 4 0 6 65536 0 0 1 0 0 0 0 0 0", messages[0], messages[1],
+        "begin_of_history 6 495 3 0:0:1 65536:65536:1 131072:131072:1", messages[2],
+        "end_of_history 6 495 3 0:0:1 65536:65536:1 131072:131072:1",
+        "end_of_filter 8 128 1 0:65536:65536"}},
       // The latest samples, for those alone who ask for nothing that is under way.
       {fillOpen,
        {window(10, 11, COUNTERS | FUNCTIONS, {gtp(0, 1), 0})},
-       {"begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", stacks[0],
-        "counter_value 4 0 1 [11] [201]", "counter_value 3 0 1 [22] [400]",
+       {begin, stacks[0], "counter_value 4 0 1 [11] [201]", "counter_value 3 0 1 [22] [400]",
         "counter_value 3 0 1 [12] [300]", "counter_value 3 0 1 [10] [100]", stacks[1],
         "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
         "end_of_filter 11 68 1 0:65536:65536"}},
@@ -147,12 +154,12 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
     OpenTrace open(trace);
     Recorder recorder;
     drop(recorder.table);
-    Messages messages;
+    Messages told;
     EXPECT_EQ(difference(lines, open.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)), "");
-    EXPECT_EQ(messages.take(), fill != fillWrong
-                                   ? ""
-                                   : "WARNING: Encountered incorrect function stack (0 @ 1).\n"
-                                     "ERROR: Leaving scope 3/4 which was never entered.\n");
+    EXPECT_EQ(told.take(), fill != fillWrong
+                               ? ""
+                               : "WARNING: Encountered incorrect function stack (0 @ 1).\n"
+                                 "ERROR: Leaving scope 3/4 which was never entered.\n");
   }
 }
 
@@ -191,7 +198,7 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 // A run with a bit of everything, which is never quiet. No two events have the same line. Returns
 // the times of its anchors.
 std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
-  constexpr int64_t kSpans[] = {0, 5, 700, -700, 100000, NO_RECEIVE, NO_SEND};
+  constexpr int64_t kSpans[] = {0, 5, 700, -700, 9000, NO_RECEIVE, NO_SEND};
   trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
   trace.communicator(2, "one", {{2, 2, 1}});
   std::mt19937 random(42);
@@ -227,7 +234,7 @@ std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
         s.collective({.communicator = 1 + upTo(2),
                       .operation = i,
                       .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
-                      .duration = {upTo(300), 1}});
+                      .duration = {upTo(3000), 1}});
       }
     }
     for (const auto& [time, offset] : s.anchors()) anchorTimes.push_back(time);
