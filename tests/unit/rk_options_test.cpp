@@ -80,6 +80,21 @@ class RkOptions : public testing::Test {
   PAL_MessageSettings saved_ = PAL_messages;
 };
 
+// Runs the passes and shows what they make of the options, with the format of the output.
+std::string configured(const std::vector<std::pair<std::string, std::string>>& environment,
+                       std::vector<std::string> arguments) {
+  RK_ConfigDefaults();
+  for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+  if (!environment.empty()) RK_ConfigInit("/usr/bin/tool");
+  for (const auto& [name, value] : environment) unsetenv(name.c_str());
+  std::vector<char*> argv = {nullptr};
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  const int status = RK_ConfigParseArgs(static_cast<int>(argv.size()), argv.data(),
+                                        [] { RK_conf.echo += "usage"; });
+  const char* form = RK_conf.output_single_file ? "single " : RK_conf.output_format ? "" : "text ";
+  return changes() + form + (status == 0 ? "" : status == -13 ? "fails" : "?");
+}
+
 std::string unknown(const std::string& key) {
   return "ERROR: unknown parameter \"--" + key + "\"\n";
 }
@@ -91,25 +106,19 @@ std::string nothing(const std::string& word) {
 }
 
 TEST_F(RkOptions, LinesAreReadByTheGrammar) {
-  std::string threads = "0";
-  for (int i = 1; i < 20000; ++i) threads += "," + std::to_string(i);
   const std::string instead = " Without quotes it does: --request ";
   const struct {
     std::string line, outcome, messages = "";
   } rows[] = {
-      {"print-statistics", "PRINT-STATISTICS=1 "},
-      {"PRINT-STATISTICS on", "PRINT-STATISTICS=1 "},
-      {"Print-Statistics TRUE", "PRINT-STATISTICS=1 "},
-      {"extended-rkf \t OFF ", "EXTENDED-RKF=0 "},
+      {"Print-Statistics", "PRINT-STATISTICS=1 "},
+      {"extended-rkf \t FALSE ", "EXTENDED-RKF=0 "},
       {"convert on", "CONVERT=1 "},
-      {"move 'a b.klt'", "LOGFILE-NAME!=a b.klt MOVE=1 "},
+      {"move 'a\t b.klt'", "LOGFILE-NAME!=a\t b.klt MOVE=1 "},
       {"merge \"off\"", "LOGFILE-NAME!=off MERGE=1 "},
-      {"logfile-name \"a\t b\"", "LOGFILE-NAME!=a\t b "},
       {"match-hashsize +99999999999999999999", "MATCH-HASHSIZE!=2147483647 "},
       {"perftest -99999999999999999999", "PERFTEST=-2147483648 "},
-      {"verbose 3", "VERBOSE=3 "},
       {"verbose off", "VERBOSE=0 "},
-      {"info this and 'that", ""},
+      {"info numprocessors 4 and 'that", ""},
       {"# dump", ""},
       {"   \t", ""},
       {"{\xff\x01> \t", "echo={\xff\x01> "},
@@ -121,42 +130,28 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       // The longest item of a request wins, then the first. They follow each other in any order.
       {"request 10:20", "REQUEST 10:20:1 "},
       {"request 10s:20", "REQUEST [10 20] "},
-      {"request 10:20s", "REQUEST [10 20] "},
-      {"request 1.5:2", "REQUEST [1.5 2] "},
       {"request 1h+30m:2h", "REQUEST [5400 7200] "},
+      {"request -1.5:2", "REQUEST [-1.5 2] "},
       {"request 5", "REQUEST 5:5:1 "},
-      {"request 5s", "REQUEST 5s "},
       {"request 1+2", "REQUEST 3s "},
-      {"request 1h-5m", "REQUEST -300s "},
-      {"request 0:10:2", "REQUEST 0:10:2 "},
       {"request 1:2:3:4", "REQUEST 1:2:3 "},
       {"request 2:n", "REQUEST 2:0:1 "},
-      {"request N", "REQUEST 0:0:1 "},
       {"request 1:2:-1", "REQUEST "},
-      {"request -1s:2", "REQUEST [-1 2] "},
       {"request 0:3,5:7FUNCTIONS 9", "REQUEST 0:3:1 5:7:1 9:9:1 0x4 "},
       {"request , scopes ,\"a\",raw_Events 1s:2s , 3s:4s,,", "REQUEST [3 4] 0x8008 'a' "},
-      {"request FUNCTIONS SCOPES OPENMP FILEIO COUNTERS MESSAGES COLLOPS", "REQUEST 0x1fc "},
-      {"request frames thumbnails INTERNAL REQUESTS ERRORS RAW_EVENTS", "REQUEST 0xbe00 "},
       {"request \"one\" \"two\"", "REQUEST 'two' ",
        "WARNING: overwriting old type \"one\" of frame with \"two\"\n"},
       // A value that is missing stops nothing.
       {"Logfile-Name", "", "ERROR: parameter error after Logfile-Name, missing parameters\n"},
-      {"request  ", "", "ERROR: parameter error after request, missing parameters\n"},
       // What is refused.
       {"activity x", "fails", "WARNING: Option ACTIVITY not supported.\n"},
-      {"SLIB-DIR", "fails", "WARNING: Option slib-dir not supported.\n"},
       {"info numprocs 4", "fails", "WARNING: Option INFO NUMPROCS not supported.\n"},
-      {"info numprocessors 4", ""},
       {"INFO", "fails", unknown("INFO")},
       {" # VERBOSE 2", "echo=  fails", unknown("#")},
       {"dump\nREMOVE", "fails", unknown("dump\\x0aREMOVE")},
-      {"dump\r\n", "fails", unknown("dump\\x0d\\x0a")},
       {"nmcmd 'a\nREMOVE\n'", "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
-      {"Request 1:2:3:4:5", "REQUEST 1:2:3 fails",
-       "ERROR: parameter error after --Request, unrecognized text: :5\nFORMS\n"},
-      {"request 5 \t6", "REQUEST 5:5:1 fails",
-       "ERROR: parameter error after --request, unrecognized text: \\x096\nFORMS\n"},
+      {"Request 1:2:3:4:5 \t6", "REQUEST 1:2:3 fails",
+       "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\nFORMS\n"},
       // What was meant.
       {"dumps", "fails", unknown("dumps") + "Did you mean --dump?\n"},
       {"verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
@@ -173,48 +168,29 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"request '1s:2s'", "REQUEST '1s:2s' ", nothing("1s:2s") + instead + "1s:2s\n"},
       {"request '0:3,5'", "REQUEST '0:3,5' ", nothing("0:3,5") + instead + "0:3,5\n"},
       {"request 'one word 5:6'", "REQUEST 'one word 5:6' "},
-      {"request '  '", "REQUEST '  ' "},
+      // A mistake in a long line has no answer.
+      {std::string(70000, 'x'), "fails", unknown(std::string(70000, 'x'))},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(scan(row.line), row.outcome) << row.line;
     EXPECT_EQ(told(), row.messages) << row.line;
   }
-  // Lines have no limit, but mistakes in long ones have no answer.
-  (void)scan("request " + threads);
-  EXPECT_EQ(RK_conf.request.back().triplets.size(), 20000U);
-  EXPECT_EQ(scan(std::string(70000, 'x')), "fails");
-  EXPECT_EQ(told(), unknown(std::string(70000, 'x')));
 }
 
 TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
-      {"print-statistics", {"yes", "1", "on off", "'on'", "on # comment"}},
-      {"class-hashsize", {"-1", "0x10", "12k", "+", "1 2"}},
+      {"print-statistics", {"yes", "1", "on off", "'on'"}},
+      {"class-hashsize", {"-1", "12k", "+"}},
       {"VERBOSE", {"2 # two", "loud"}},
       {"OS-counter-delay", {"1e", "1.", "s", "1s+", "1s 2s", "1ss"}},
-      {"logfile-name", {"it's", "''", "\"a'b\"", "'a\tb' c", "caf\xc3\xa9", "<x>"}},
+      {"nmcmd", {"it's", "''", "\"a'b\"", "'a\tb' c", "caf\xc3\xa9", "<x>"}},
   };
   for (const auto& [key, values] : cases) {
     for (const std::string& value : values) {
-      EXPECT_EQ(scan(key + ' ' + value), key == "logfile-name" ? "LOGFILE-NAME!= fails" : "fails");
+      EXPECT_EQ(scan(key + ' ' + value), "fails");
       EXPECT_EQ(told(), invalid(key, PAL_Printable(value)));
     }
   }
-}
-
-// Runs the passes and shows what they make of the options, with the format of the output.
-std::string configured(const std::vector<std::pair<std::string, std::string>>& environment,
-                       std::vector<std::string> arguments) {
-  RK_ConfigDefaults();
-  for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-  if (!environment.empty()) RK_ConfigInit("/usr/bin/tool");
-  for (const auto& [name, value] : environment) unsetenv(name.c_str());
-  std::vector<char*> argv = {nullptr};
-  for (std::string& argument : arguments) argv.push_back(argument.data());
-  const int status = RK_ConfigParseArgs(static_cast<int>(argv.size()), argv.data(),
-                                        [] { RK_conf.echo += "usage"; });
-  const char* form = RK_conf.output_single_file ? "single " : RK_conf.output_format ? "" : "text ";
-  return changes() + form + (status == 0 ? "" : status == -13 ? "fails" : "?");
 }
 
 TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
@@ -222,18 +198,15 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
   tb::writeFile(directory / "c",
                 "# comment\r\n\nnonsense 1\nVERBOSE\nVERBOSE loud\nREQUEST 5 {x}\n"
                 "VERBOSE 2\r\nTICKS\nCLASS-HASHSIZE 7\n");
-  EXPECT_EQ(
-      configured({{"RK_CONFIG", directory / "c"},
-                  {"RK_CLASS_HASHSIZE", "11"},
-                  {"RK_VERBOSE", ""},
-                  {"RK_REQUEST", "'1s:2s FUNCTIONS'\n\n1\n"},
-                  {"RK_SYMBOL_HASHSIZE", "5000"},
-                  {"RK_LOGFILE_NAME", "a b"},
-                  {"RK_NMCMD", "'nm -D'\r"},
-                  {"RK_DUMP", "\n"}},
-                 {"--class-hashsize", "5", "--request", "3", "--ticks", "off"}),
-      "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= NMCMD=nm -D REQUEST 5:5:1 REQUEST '1s:2s FUNCTIONS' "
-      "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
+  EXPECT_EQ(configured({{"RK_CONFIG", directory / "c"},
+                        {"RK_CLASS_HASHSIZE", "11"},
+                        {"RK_REQUEST", "'1s:2s FUNCTIONS'\n\n1\n"},
+                        {"RK_SYMBOL_HASHSIZE", "5000"},
+                        {"RK_LOGFILE_NAME", "a b"},
+                        {"RK_DUMP", "\n"}},
+                       {"--class-hashsize", "5", "--request", "3", "--ticks", "off"}),
+            "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= REQUEST 5:5:1 REQUEST '1s:2s FUNCTIONS' "
+            "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
   EXPECT_EQ(told(),
             "ERROR: unknown config option \"nonsense\" in line 3\n"
             "ERROR: config error after VERBOSE, missing parameters in line 4\n"
@@ -246,12 +219,6 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
             "ERROR: parameter error after REQUEST, missing parameters\n");
   RK_ConfigOutputName();
   EXPECT_EQ(RK_conf.logfile_name, "tool.klt");
-  (void)configured({{"RK_CONFIG", directory / "none"}}, {"--logfile-format", "SINGLEKLT"});
-  RK_ConfigOutputName();
-  EXPECT_EQ(RK_conf.logfile_name, "");
-  RK_conf.logfile_name_set = true;
-  RK_ConfigOutputName();
-  EXPECT_EQ(RK_conf.logfile_name, "tool.single.klt");
 }
 
 TEST_F(RkOptions, ArgumentsAreLinesAndChooseTheFormat) {
@@ -261,20 +228,15 @@ TEST_F(RkOptions, ArgumentsAreLinesAndChooseTheFormat) {
   } rows[] = {
       {{"--logfile-name", "a b.ark", "--REQUEST", "0:3,", "1s:2s", "FUNCTIONS"},
        "LOGFILE-NAME!=a b.ark REQUEST 0:3:1 [1 2] 0x4 text "},
-      {{"--nmcmd", "it's b"},
-       "fails",
-       "ERROR: parameter error after --nmcmd, invalid parameters \"it's b\"\n"},
+      {{"--nmcmd", "it's b"}, "fails", invalid("nmcmd", "it's b")},
       {{"stray", "--dump"}, "DUMP=1 echo=  fails", unknown("stray")},
       {{"--dump", "--Help", "--nonsense"}, "echo=usage text fails"},
-      {{"--dump"}, "DUMP=1 "},
       {{"--logfile-name", "out.single.klt"}, "LOGFILE-NAME!=out.single.klt single "},
       {{"--logfile-name", "out.KLT.single"}, "LOGFILE-NAME!=out.KLT.single single "},
-      {{"--convert", "OUT.ARK"}, "CONVERT=1 LOGFILE-NAME!=OUT.ARK text "},
       {{"--move", "-"}, "LOGFILE-NAME!=- MOVE=1 text "},
       {{"--move", "out.txt"}, "LOGFILE-NAME!=out.txt MOVE=1 "},
       {{"--move", "o.ark", "--logfile-format", "klt"},
        "LOGFILE-FORMAT!=klt LOGFILE-NAME!=o.ark MOVE=1 "},
-      {{"--logfile-format", "SINGLEKLT"}, "LOGFILE-FORMAT!=SINGLEKLT single "},
       {{"--logfile-format", "KltSingle"}, "LOGFILE-FORMAT!=KltSingle single "},
       {{"--logfile-format", "KltAscii"}, "LOGFILE-FORMAT!=KltAscii "},
       {{"--logfile-format", "ascii"}, "LOGFILE-FORMAT!=ascii text "},
@@ -293,16 +255,10 @@ TEST_F(RkOptions, ArgumentsAreLinesAndChooseTheFormat) {
 }
 
 TEST_F(RkOptions, HashSizeIsThatOfItsDefinition) {
-  const uint32_t rows[][3] = {{0, 4096, 1},
-                              {1024, 4096, 1031},
-                              {4091, 4096, 4091},
-                              {4094, 4096, 4001},
-                              {13, 13, 3},
-                              {100, 98, 97},
-                              {101, 101, 1},
-                              {2, 2, 1},
-                              {2147483647, 4096, 4049},
-                              {2147483647, 0xffffffff, 2147483647}};
+  const uint32_t rows[][3] = {{0, 4096, 1},       {1024, 4096, 1031},
+                              {4094, 4096, 4001}, {13, 13, 3},
+                              {101, 101, 1},      {2147483647, 4096, 4049},
+                              {100, 98, 97},      {2147483647, 0xffffffff, 2147483647}};
   for (const auto& [value, limit, prime] : rows) EXPECT_EQ(PAL_HashSize(value, limit), prime);
 }
 
