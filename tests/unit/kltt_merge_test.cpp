@@ -26,16 +26,9 @@ class KlttMerge : public testing::Test {
 
   // All definitions and events, sorted: components come in another order.
   static Lines linesOf(const std::string& name) {
-    KLT_FileHandle* handle = KLT_Open(name.c_str());
-    reading::Recorder recorder;
-    recorder.table.end_of_filter = nullptr;
-    for (const int mode : {KLT_MODE_DEFINITIONS, KLT_MODE_EVENTS}) {
-      const reading::Reader reader(KLT_OpenReader(handle, mode, 0, nullptr, &recorder.table, 1));
-      (void)KLT_ReadEvents(reader.get(), -1);
-    }
-    KLT_Close(handle);
-    std::sort(recorder.lines.begin(), recorder.lines.end());
-    return std::move(recorder.lines);
+    Lines lines = reading::linesOf(name);
+    std::sort(lines.begin(), lines.end());
+    return lines;
   }
 
   tb::TempDir directory_;
@@ -44,23 +37,23 @@ class KlttMerge : public testing::Test {
 };
 
 TEST_F(KlttMerge, RecordsThatNeedNoMatchAreCopied) {
-  const std::regex kNoLocation("\\b2147483647\\b");
+  const auto copied = [&](const std::string& name) {
+    Lines lines = reading::without(
+        linesOf(name), {"function_profile", "onetoone_profile", "collop_profile", "event_summary",
+                        "function_statistics", "onetoone_statistics"});
+    for (std::string& line : lines)  // no location
+      line = std::regex_replace(line, std::regex("\\b2147483647\\b"), "0");
+    return lines;
+  };
   std::set<std::string> names;
-  for (const char* sample : {"collops", "counters", "dense", "evbits14", "io", "negative",
-                             "reports", "stats", "stencil", "threads"}) {
+  for (const char* sample : {"collops", "counters", "evbits14", "io", "negative", "reports",
+                             "stats", "stencil", "threads"}) {
     fs::remove_all(directory_.path());
     fs::copy(fs::path(KLT_TEST_DATA) / sample, directory_.path());
     std::string index = tb::readFile(directory_ / "t.klt");
     index[7] = 1;  // the flags: a raw trace
     tb::writeFile(directory_ / "t.klt", index);
     EXPECT_EQ(merge(directory_ / "t.klt"), KLTM_DONE) << sample;
-    const auto copied = [&](const std::string& name) {
-      Lines lines = reading::without(
-          linesOf(name), {"function_profile", "onetoone_profile", "collop_profile", "event_summary",
-                          "function_statistics", "onetoone_statistics"});
-      for (std::string& line : lines) line = std::regex_replace(line, kNoLocation, "0");
-      return lines;
-    };
     const Lines before = copied(directory_ / "t.klt");
     EXPECT_EQ(reading::difference(before, copied(output_)), "") << sample;
     for (const std::string& line : before) names.insert(line.substr(0, line.find(' ')));
@@ -97,21 +90,19 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
 TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
   tb::Trace trace(1);
   fill(trace, 2);
-  tb::TraceFiles cut = trace.files();
-  cut.truncate(".r.0", 1);
-  const std::string input = cut.writePlain(directory_);
+  const std::string input = trace.files().truncate(".r.0", 1).writePlain(directory_);
+  const auto inputFiles = [&] {
+    return std::count_if(fs::directory_iterator(directory_.path()), {}, [](const auto& file) {
+      return file.path().filename().string().starts_with("t.klt");
+    });
+  };
+  const auto before = inputFiles();
   EXPECT_EQ(merge(input, KLTM_DELETE_INPUT), KLTM_WRONG_OPERATION);
   EXPECT_EQ(merge(input, KLTM_MERGE | KLTM_DELETE_INPUT), KLTM_INCOMPLETE);
-  EXPECT_NE(messages_.take().find("truncated file"), std::string::npos);
-  for (const auto& [key, bytes] : cut.parts()) {
-    EXPECT_TRUE(fs::exists(input + std::string(key == " " ? "" : key)));
-  }
-  EXPECT_TRUE(KLT_IsTrace(output_.c_str()));
+  EXPECT_EQ(inputFiles(), before);
   (void)trace.files().writePlain(directory_);
   EXPECT_EQ(merge(input, KLTM_MERGE | KLTM_DELETE_INPUT), KLTM_DONE);
-  for (const auto& file : fs::directory_iterator(directory_.path())) {
-    EXPECT_FALSE(file.path().filename().string().starts_with("t.klt")) << file.path();
-  }
+  EXPECT_EQ(inputFiles(), 0);
   EXPECT_TRUE(KLT_IsTrace(output_.c_str()));
 }
 
