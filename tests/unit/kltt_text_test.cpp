@@ -194,6 +194,10 @@ TEST_F(KlttText, ValuesAtTheEdges) {
   KLTT_ClockResolution(c, 1, 0xffffffc0);
   for (const uint32_t gtp : {0U, 3U, 0x10000U})  // of those that are declared
     KLTT_ListThread(c, gtp, nullptr, ",10.0.0.1,,::1,", 7, 8, -0.5, 0.25);
+  KLTT_CustomStatistics(c, 0, nullptr, 0, nullptr);  // with an output nothing is printed
+  context.sink = nullptr;
+  KLTT_Report(c, 5, 0x20001, "LOCAL:X", "warnings", nullptr, 0, nullptr, nullptr, nullptr, nullptr,
+              nullptr, nullptr);
   EXPECT_EQ(text(),
             "NCPUS 0\nDEFTHREADNUMS 1 0 -1\nDEFGROUP 9 \"All\" NMEMBS 2 2147483649 0\n"
             "DEFSCOPE 6 ACT 1 \"phase\" START SCL 2147483648\n"
@@ -203,7 +207,7 @@ TEST_F(KlttText, ValuesAtTheEdges) {
             "DIFF 1 RHINT 1 NAME \"c\" UNIT \"\"\n"
             "3 SAMP GROUP 2147483650 DEF -1073741821 UINT 7 9\nCLKPERIOD 1\nEVENTBITS -64\n"
             "PROCESS 0\nTHREAD 0\nHOSTNAME \nIP 10.0.0.1\nIP ::1\nPID 7\nTID 8\n"
-            "START -0.750000\nEND -0.500000\n\n");
+            "START -0.750000\nEND -0.500000\n\n[1] ERROR: LOCAL:X\n\n\n");
   EXPECT_EQ(told.take(), "ERROR: Invalid triplet data.\n");
   EXPECT_EQ(context.eventBits, 63U);
   EXPECT_EQ(KLTT_GetIndexInComm(context, 0x80000003, "").size(), 7U);

@@ -338,12 +338,9 @@ TEST(Logmerge, MuchThatIsOpenIsWrittenOnceEachAndCostsNoMore) {
   EXPECT_EQ(merged.messages.size(), kMany);
   EXPECT_EQ(merged.profiled, kMany);
   EXPECT_EQ(merged.collops.size(), 2 * kAhead);
-  for (const Lines& lines : {merged.messages, merged.collops}) {
-    for (const std::string& line : lines) {
-      ASSERT_EQ(line.find(std::to_string(tb::NO_SEND)), std::string::npos) << line;
-      ASSERT_EQ(line.find(std::to_string(kNotSeen)), std::string::npos) << line;
-    }
-  }
+  for (const auto& [lines, open] : {std::pair{&merged.messages, std::to_string(tb::NO_SEND)},
+                                    {&merged.collops, std::to_string(kNotSeen)}})
+    for (const std::string& line : *lines) ASSERT_EQ(line.find(open), std::string::npos) << line;
 }
 
 }  // namespace
