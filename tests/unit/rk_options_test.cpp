@@ -128,7 +128,6 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {{"--request 1h+30m:2h"}, "REQUEST [5400 7200] "},
       {{"--request -1.5:2"}, "REQUEST [-1.5 2] "},
       {{"--request 5"}, "REQUEST 5:5:1 "},
-      {{"--request 1+2"}, "REQUEST 3s "},
       {{"--request 1:2:3:4"}, "REQUEST 1:2:3 "},
       {{"--request 2:n"}, "REQUEST 2:0:1 "},
       {{"--request 1:2:-1"}, "REQUEST "},
@@ -149,6 +148,9 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {{"--Request 1:2:3:4:5 \t6"},
        "REQUEST 1:2:3 fails",
        "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\nFORMS\n"},
+      {{"--request 1+2+"},
+       "REQUEST 3s fails",
+       "ERROR: parameter error after --request, unrecognized text: +\nFORMS\n"},
       // What was meant.
       {{"--dumps"}, "fails", unknown("dumps") + "Did you mean --dump?\n"},
       {{"--verbose=2"}, "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
@@ -216,15 +218,15 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
   const tb::TempDir directory;
   tb::writeFile(directory / "c",
                 "# comment\r\n\nnonsense 1\nVERBOSE\nVERBOSE loud\nREQUEST 5 {x}\n"
-                "VERBOSE 2\r\nTICKS\nCLASS-HASHSIZE 7\n");
+                "VERBOSE 2 \r\nTICKS\nCLASS-HASHSIZE 7\n");
   EXPECT_EQ(configured({{"RK_CONFIG", directory / "c"},
                         {"RK_CLASS_HASHSIZE", "11"},
-                        {"RK_REQUEST", "'1s:2s FUNCTIONS'\n\n1\n"},
+                        {"RK_REQUEST", "'of FUNCTIONS'\n\n1\n"},
                         {"RK_SYMBOL_HASHSIZE", "5000"},
                         {"RK_LOGFILE_NAME", "a b"},
                         {"RK_DUMP", "\n"}},
                        {"--class-hashsize", "5", "--request", "3", "--ticks", "off"}),
-            "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= REQUEST 5:5:1 REQUEST '1s:2s FUNCTIONS' "
+            "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= REQUEST 5:5:1 REQUEST 'of FUNCTIONS' "
             "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
   EXPECT_EQ(told(),
             "ERROR: unknown config option \"nonsense\" in line 3\n"
@@ -233,8 +235,8 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
             "ERROR: config error after REQUEST, ignoring unrecognized text in line 6: {x}\n"
             "ERROR: parameter error after --LOGFILE-NAME, invalid parameters \"a b\"\n"
             "A text with blanks needs quotes in the value: RK_LOGFILE_NAME='\"a b\"'\n"
-            "\"1s:2s FUNCTIONS\" in a request selects nothing. Without quotes it does: "
-            "RK_REQUEST='1s:2s FUNCTIONS'\n"
+            "\"of FUNCTIONS\" in a request selects nothing. Without quotes it does: "
+            "RK_REQUEST='of FUNCTIONS'\n"
             "ERROR: parameter error after REQUEST, missing parameters\n");
   RK_ConfigOutputName();
   EXPECT_EQ(RK_conf.logfile_name, "tool.klt");
