@@ -1,24 +1,28 @@
-"""The program under test and the sample traces, for the scripts of this directory."""
+"""Sample traces, and the program under test run on copies of them, for the scripts of this directory."""
 
 import os
 import pathlib
+import resource
 import shlex
 import shutil
 import subprocess
 
 DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
-TIMEOUT = 120
 INPUT = "t.klt"
 
+# What a run may take, of CPU time; it is handed on to each process.
+resource.setrlimit(resource.RLIMIT_CPU, (300, 300))
+
 # Messages that valid traces draw: what is being written, the stamps of evbits0 and evbits14 that are
-# beyond the internal time, a scope that `threads` leaves without having entered it, and the sizes of
-# messages in `stencil`.
+# beyond the internal time, a scope that `threads` leaves without having entered it, the sizes of
+# messages in several, and that an extraction leaves out raw events.
 EXPECTED_MESSAGES = (b"Writing tracefile ",
                      b"klttool ERROR: time stamp 2251799813685255 exceeds maximum number of clock ",
                      b"klttool ERROR: time stamp 10691368 exceeds maximum number of events ",
                      b"klttool ERROR: time stamp 11445032 exceeds maximum number of events ",
                      b"klttool ERROR: Leaving scope 9/99 which was never entered.",
-                     b"klttool WARNING: sums of bytes in the summary data have passed 32 bits, ")
+                     b"klttool WARNING: raw events of t.klt are not extracted, ",
+                     b"klttool WARNING: sums of bytes in the ")
 
 
 class Failure(Exception):
@@ -29,8 +33,7 @@ class Folder:
     """One sample trace and what is expected of it."""
 
     def __init__(self, path):
-        self.path = path
-        self.name = path.name
+        self.path, self.name = path, path.name
         same = path / "same_as"
         self.places = [path, path.parent / same.read_text().strip()] if same.exists() else [path]
 
@@ -46,39 +49,60 @@ class Folder:
             number, *options = shlex.split(line)
             yield options, self.expected(f"request.{number}")
 
-    def copy(self, directory):
-        """Copies the trace alone."""
-        for file in self.path.glob(INPUT + "*"):
-            shutil.copy(file, directory)
 
+class Place:
+    """A directory with a copy of a sample. The copy stays as it is, but for what a check removes."""
 
-class Program:
-    """The program under test, run with a clean environment."""
+    def __init__(self, program, folder, directory):
+        self.program, self.folder = str(pathlib.Path(program).resolve()), folder
+        self.path = pathlib.Path(directory, "in")
+        self.path.mkdir()
+        self.restore()
 
-    def __init__(self, path):
-        self.path = str(pathlib.Path(path).resolve())
+    def restore(self):
+        for file in self.folder.path.glob(INPUT + "*"):
+            shutil.copy(file, self.path)
+        self.before = self.files(INPUT)
 
-    def run(self, directory, *options, environment=None, **how):
-        """The finished process of one run; `how` goes to subprocess.run."""
+    def files(self, name):
+        """The parts of a trace, by what is after its name."""
+        return {file.name[len(name):]: file.read_bytes() for file in self.path.glob(name + "*")
+                if file.is_file()}
+
+    def take(self, pattern):
+        """Removes files of the copy."""
+        for file in self.path.glob(pattern):
+            file.unlink()
+            del self.before[file.name[len(INPUT):]]
+
+    def check_input(self):
+        after = self.files(INPUT)
+        expect("inputs that have changed", [],
+               [part for part, data in self.before.items() if after.get(part) != data])
+
+    def finished(self, options, name=INPUT, limit=None, prefix=(), environment=(), **how):
+        """The finished process of a run on the trace `name`, whose files have at most `limit` bytes;
+        `options` are words, or a text of them; `how` is for subprocess.run."""
+        if limit is not None:
+            how["preexec_fn"] = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
         clean = {k: v for k, v in os.environ.items() if not k.startswith(("RK_", "KLT", "PAL_"))}
         # A sanitizer's finding must not look like one of the program's own statuses.
         clean |= {"ASAN_OPTIONS": "abort_on_error=1", "UBSAN_OPTIONS": "abort_on_error=1"}
+        words = options.split(" ") if isinstance(options, str) else options
         how = {"stdout": subprocess.PIPE, "stdin": subprocess.DEVNULL} | how
-        command = [*how.pop("prefix", ()), self.path, *options]
-        try:
-            return subprocess.run(command, cwd=directory, env=clean | (environment or {}),
-                                  stderr=subprocess.PIPE, timeout=TIMEOUT, check=False, **how)
-        except subprocess.TimeoutExpired:
-            raise Failure(f"{shlex.join(command)}: no end after {TIMEOUT} s") from None
+        return subprocess.run([*prefix, self.program, name, *words], cwd=self.path, check=False,
+                              env=clean | dict(environment), stderr=subprocess.PIPE, **how)
 
-    def output(self, directory, *options, **environment):
-        """Standard output of a run that must succeed without complaints."""
-        done = self.run(directory, *options, environment=environment)
-        messages = [line for line in done.stderr.splitlines(True)
-                    if not line.startswith(EXPECTED_MESSAGES)]
-        if done.returncode != 0 or messages:
-            raise Failure(f"{environment} {shlex.join(options)}: status {done.returncode}, "
-                          f"standard error:\n{text_of(b''.join(messages[:20]))}")
+    def run(self, options, status=0, says=None, **how):
+        """Standard output of a run that ends with `status` and has `says` in standard error; without
+        that it has nothing to complain about."""
+        done = self.finished(options, **how)
+        messages = b"".join(line for line in done.stderr.splitlines(True)
+                            if not line.startswith(EXPECTED_MESSAGES))
+        if done.returncode != status or (messages if says is None
+                                         else says.encode() not in done.stderr):
+            raise Failure(f"{options} {how}: status {done.returncode}, expected {status} with "
+                          f"\"{says or ''}\"\n{text_of(done.stderr)}")
         return done.stdout
 
 
@@ -101,5 +125,5 @@ def compare(what, expected, actual):
     raise Failure("\n".join([f"{what}: output differs at line {at + 1}", *shown]))
 
 
-def sorted_lines(output, prefix=b""):
-    return b"".join(sorted(line for line in output.splitlines(True) if line.startswith(prefix)))
+def sorted_lines(output):
+    return b"".join(sorted(output.splitlines(True)))

@@ -5,15 +5,13 @@ records are compared by the ticks of their times, in any order where they happen
 """
 
 import collections
-import pathlib
+import functools
 import re
-import shutil
-import tempfile
 
 from harness import INPUT, Failure, compare, expect, text_of
 
 FORMATS = ("KLT", "SINGLEKLT")
-MATCHED = ["--matched-rkf"]
+MODES = ("", " --matched-rkf")
 
 # Operations of no known kind, and fields that the kind of an operation has no place for, don't
 # survive an extraction.
@@ -28,9 +26,8 @@ LEFT_OUT = re.compile(r"INFO ACTSTATS |CLKPERIOD |EVENTBITS |DURATION ")
 # Remarks on the whole run turn into comments at its start, which a window needn't include.
 COMMENT = re.compile(r"C ")
 
-DURATIONS = re.compile(r"(?<=DELTA )-?\d+|(?<=TIMES )[^A-Z]*(?:UNKNOWN [^A-Z]*)*"
-                       r"|(?<=DELTAS )[^A-Z]*(?:UNKNOWN [^A-Z]*)*"
-                       r"|(?<=GLOBALOP )[^S]* (-?\d+)(?= SCL|$)")
+# Times within a line, after what is before them.
+DURATIONS = re.compile(r"(GLOBALOP (?:\S+ ){7}|(?:DELTA|TIMES|DELTAS) )((?:(?:-?\d+|UNKNOWN)(?: |$))+)")
 
 # Parts of a trace; each folder takes some of them in turn.
 SELECTIONS = ("0:1", "MESSAGES", "COLLOPS,SCOPES", "FUNCTIONS", "MESSAGES,COUNTERS",
@@ -38,9 +35,9 @@ SELECTIONS = ("0:1", "MESSAGES", "COLLOPS,SCOPES", "FUNCTIONS", "MESSAGES,COUNTE
 
 
 def some_selections(folder, count):
-    """The whole trace and, depending on the name of the folder, `count` parts of it."""
+    """`count` parts of a trace, depending on the name of the folder."""
     first = sum(folder.name.encode())
-    return ["", *("," + SELECTIONS[(first + i) % len(SELECTIONS)] for i in range(count))]
+    return ["," + SELECTIONS[(first + i) % len(SELECTIONS)] for i in range(count)]
 
 
 def records(dump):
@@ -49,196 +46,138 @@ def records(dump):
     shift = next((int(line.split()[1]) for line in lines if line.startswith("EVENTBITS ")), 0)
     found = collections.defaultdict(list)
     for line in lines:
-        durations = []
-
-        def take(match, durations=durations):
-            whole = match.group(0)
-            if match.group(1) is not None:  # of a GLOBALOP line, after the rest
-                durations.append(match.group(1))
-                return whole[:-len(match.group(1))] + "~"
-            durations.extend(whole.split())
-            return "~ "
-
+        time, _, rest = line.partition(" ")
         if LEFT_OUT.match(line):
             continue
-        time, _, rest = line.partition(" ")
+        tick = -1  # of definitions, and of messages without a send
         if time.removeprefix("-").isdigit():  # shown as signed
-            key = (int(time) % 2**64 >> shift, DURATIONS.sub(take, rest))
-        elif time == "UNKNOWN":  # a message without its send
-            key = (-1, DURATIONS.sub(take, line))
-        else:
-            key = (-1, line)
+            line, tick = rest, int(time) % 2**64 >> shift
         # An unknown duration comes before all others.
-        found[key].append([(0, 0) if d == "UNKNOWN" else (1, int(d) >> shift) for d in durations])
+        found[tick, DURATIONS.sub(r"\1~ ", line)].append([
+            (0, 0) if word == "UNKNOWN" else (1, int(word) >> shift)
+            for _, words in DURATIONS.findall(line) for word in words.split()])
     return {key: sorted(durations) for key, durations in found.items()}
 
 
-def same_durations(a, b):
-    """Differences of times lose what lies below the tick in either unit."""
-    return len(a) == len(b) and all(x[0] == y[0] and abs(x[1] - y[1]) <= 1 for x, y in zip(a, b))
-
-
 def compare_records(what, expected, actual, ignored=None):
+    """Differences of times lose what lies below the tick in either unit."""
     want, got = records(expected), records(actual)
     for key in want.keys() | got.keys():
         a, b = want.get(key, []), got.get(key, [])
-        ignore = ignored is not None and ignored.match(key[1])
-        if not ignore and not (len(a) == len(b) and all(map(same_durations, a, b))):
+        same = [len(d) for d in a] == [len(d) for d in b] and all(
+            x[0] == y[0] and abs(x[1] - y[1]) <= 1 for c, d in zip(a, b) for x, y in zip(c, d))
+        if not same and not (ignored and ignored.match(key[1])):
             raise Failure(f"{what}: at tick {key[0]} \"{key[1]}\"\n expected {a}\n got {b}")
 
 
-class Place:
-    """A directory with a copy of a sample; dumps of it are kept."""
-
-    def __init__(self, program, folder, directory):
-        self.program = program
-        self.path = pathlib.Path(directory)
-        self.of_input = {}
-        folder.copy(directory)
-
-    def run(self, *options):
-        done = self.program.run(self.path, *options)
-        if done.returncode != 0:
-            raise Failure(f"{options}: status {done.returncode}\n{text_of(done.stderr)}")
-        return done.stdout
-
-    def dump(self, name, *options):
-        if name == INPUT and options in self.of_input:
-            return self.of_input[options]
-        text = self.run(name, "--dump", *options)
-        if name == INPUT:
-            self.of_input[options] = text
-        return text
-
-    def extract(self, source, target, form, *options):
-        self.run(source, *options, "--logfile-name", target, "--logfile-format", form)
-
-    def components(self, name):
-        """Bytes by suffix, but for the index, which names the other files, and the statistics,
-        whose times are cut to other ticks."""
-        return {file.name[len(name):]: file.read_bytes() for file in self.path.glob(name + ".*")
-                if file.suffix != ".sts"}
-
-    def tenths(self):
-        """A request's window from one tenth of the run to another; None if times aren't exact."""
-        header = text_of(self.dump(INPUT))
-        duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
-        # The period is printed with six digits only: no such window may begin or end near a record.
-        period = re.search(r"^CLKPERIOD (1E-\d+)$", header, re.M)
-        if duration is None or period is None:
-            return None
-        # What is still open at the last event ends there in an extraction.
-        first = int(duration.group(1))
-        times = map(int, re.findall(r"^(\d+) ", header, re.M))
-        last = max((time for time in times if time < EXACT_SECONDS), default=first)
-
-        def window(begin, end, selection):
-            cut = [(first + (last - first) * tenth // 10 + 0.5) * float(period.group(1))
-                   for tenth in (begin, end)]
-            return ["--request", f"{cut[0]:.15g}s:{cut[1]:.15g}s{selection}"]
-
-        return window
+def extract(place, source, target, form, *requests):
+    place.run(" ".join([*requests, f"--logfile-name {target} --logfile-format {form}"]), name=source)
 
 
-def check_extract(place, folder):
+def tenths(header):
+    """A function that gives the request for a window from one tenth of the run to another with a
+    selection; None if times aren't exact."""
+    duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
+    # The period is printed with six digits only: no such window may begin or end near a record.
+    period = re.search(r"^CLKPERIOD (1E-\d+)$", header, re.M)
+    if duration is None or period is None:
+        return None
+    # What is still open at the last event ends there in an extraction.
+    first = int(duration.group(1))
+    times = map(int, re.findall(r"^(\d+) ", header, re.M))
+    last = max((time for time in times if time < EXACT_SECONDS), default=first)
+
+    def window(begin, end, selection):
+        cut = [(first + (last - first) * tenth // 10 + 0.5) * float(period.group(1))
+               for tenth in (begin, end)]
+        return f"--request {cut[0]:.15g}s:{cut[1]:.15g}s{selection}"
+
+    return window
+
+
+def check_extract(place):
     """An extraction dumps as its source does, and extracting it again gives the same bytes."""
     for form in FORMATS:
-        place.extract(INPUT, "e.klt", form)
-        for options in ([], MATCHED) if folder.name not in LOSSY else ():
-            compare_records(f"{form} {options}", place.dump(INPUT, *options),
-                            place.dump("e.klt", *options))
-        place.extract("e.klt", "again.klt", "KLT")
-        place.run("e.klt", "--convert", "parts.klt", "--logfile-format", "KLT")
-        first, second = (place.components(name) for name in ("parts.klt", "again.klt"))
+        extract(place, INPUT, "e.klt", form)
+        for mode in MODES if place.folder.name not in LOSSY else ():
+            compare_records(f"{form} {mode}", place.run("--dump" + mode),
+                            place.run("--dump" + mode, name="e.klt"))
+        extract(place, "e.klt", "again.klt", "KLT")
+        place.run("--convert parts.klt --logfile-format KLT", name="e.klt")
+        # But for the index, which names the other files, and the statistics, whose times are cut to
+        # other ticks.
+        first, second = ({part: data for part, data in place.files(name).items()
+                          if part not in ("", ".sts")} for name in ("parts.klt", "again.klt"))
         expect(f"{form}: components", sorted(first), sorted(second))
-        for suffix, data in first.items():
-            compare(f"{form}, extracted again: {suffix}", data, second[suffix])
+        for part, data in first.items():
+            compare(f"{form}, extracted again: {part}", data, second[part])
         for file in place.path.glob("[!t]*"):
             file.unlink()
 
 
-def windows(folder, place):
-    """Requests in seconds: those of the folder, and some that cut the run into pieces."""
-    for options, _ in folder.requests():
-        if "--ticks" not in options:
-            yield [option for option in options if option != "--dump"]
-    window = place.tenths()
-    if window is not None:
-        for tenth, selection in zip((0, 2, 4, 6), some_selections(folder, 4)[1:]):
-            yield window(tenth, tenth + 4, "")
-            yield window(tenth, tenth + 4, selection)
-
-
-def check_windows(place, folder):
-    """A window of an extraction is the window of its source, with seek points and without."""
-    place.extract(INPUT, "e.klt", "KLT")
-    (place.path / "bare").mkdir()
-    for file in place.path.glob("e.klt*"):
-        if file.suffix != ".anc":
-            shutil.copy(file, place.path / "bare")
-    for options in windows(folder, place):
-        got = place.dump("e.klt", *options)
-        compare_records(" ".join(options), place.dump(INPUT, *options), got, COMMENT)
-        compare(f"{options} without seek points", got, place.dump("bare/e.klt", *options))
-
-
-def spans(text):
-    """How often each message and operation of a matched dump is there, whatever its durations."""
-    return collections.Counter({key: len(all) for key, all in records(text).items()
-                                if key[1].startswith(("ONETOONE ", "COLLOP "))})
-
-
-def check_slices(place, folder):
-    """A window of a slice, and of a slice of that, is the window of the source. A slice of two
-    windows holds each message and operation of theirs once."""
-    window = place.tenths()
-    count = len(SELECTIONS) if folder.name == "stencil_split" else 2
-    for selection in some_selections(folder, count) if window is not None else ():
+def slices(place, source, window):
+    """Makes extractions, and gives their names with options that show parts of them: of the whole
+    trace, of a window, of a window of that, and of two windows. `source` runs the trace itself."""
+    extract(place, INPUT, "e.klt", "KLT")
+    requests = [" ".join(option for option in options if option != "--dump")
+                for options, _ in place.folder.requests() if "--ticks" not in options]
+    four = zip((0, 2, 4, 6), some_selections(place.folder, 4)) if window else ()
+    yield "e.klt", requests + [window(tenth, tenth + 4, selection) for tenth, some in four
+                               for selection in ("", some)]
+    count = len(SELECTIONS) if place.folder.name == "stencil_split" else 2
+    for selection in ["", *some_selections(place.folder, count)] if window else ():
+        if place.folder.name.startswith("raw_"):
+            continue
         one, two = window(1, 4, selection), window(6, 8, selection)
-        place.extract(INPUT, "a.klt", "KLT", *window(1, 9, selection))
-        place.extract("a.klt", "b.klt", "SINGLEKLT", *window(2, 8, selection))
-        place.extract(INPUT, "c.klt", "KLT", *one, *two)
-        for mode in ([], MATCHED):
-            for name, request in (("a.klt", window(1, 9, selection)), ("b.klt", window(3, 7, selection)),
-                                  ("c.klt", one), ("c.klt", two)):
-                compare_records(f"{name} {mode} {request}", place.dump(INPUT, *mode, *request),
-                                place.dump(name, *mode, *request), COMMENT)
-        expected = spans(place.dump(INPUT, *MATCHED, *one)) | spans(place.dump(INPUT, *MATCHED, *two))
-        expect(f"{one} {two}", expected, spans(place.dump("c.klt", *MATCHED)))
+        extract(place, INPUT, "a.klt", "KLT", window(1, 9, selection))
+        yield "a.klt", [window(1, 9, selection)]
+        extract(place, "a.klt", "b.klt", "SINGLEKLT", window(2, 8, selection))
+        yield "b.klt", [f"--matched-rkf {window(3, 7, selection)}"]
+        extract(place, INPUT, "c.klt", "KLT", one, two)
+        spans = [collections.Counter({
+            key: len(durations) for key, durations in records(dump).items()
+            if key[1].startswith(("ONETOONE ", "COLLOP "))})
+                 for dump in (*(source(f"--dump --matched-rkf {request}") for request in (one, two)),
+                              place.run("--dump --matched-rkf", name="c.klt"))]
+        expect(f"each message and operation once, of {one} {two}", spans[0] | spans[1], spans[2])
+        yield "c.klt", [one, f"--matched-rkf {two}"]
         for file in place.path.glob("[!t]*"):
             file.unlink()
 
 
-def check_order(place, folder):
+def check_slices(place):
+    """A window of an extraction is the window of its source, with seek points and without."""
+    source = functools.cache(place.run)
+    for name, requests in slices(place, source, tenths(text_of(place.run("--dump")))):
+        got = [place.run(f"--dump {request}", name=name) for request in requests]
+        for request, dump in zip(requests, got):
+            compare_records(f"{name} {request}", source(f"--dump {request}"), dump, COMMENT)
+        for file in place.path.glob(f"{name}.*anc"):
+            file.unlink()
+        for request, dump in zip(requests, got):
+            compare(f"{name} {request} without seek points", dump,
+                    place.run(f"--dump {request}", name=name))
+
+
+def check_order(place):
     """A slice that begins with an event holds what its history tells in order of time, too."""
     lines = re.compile(r"^(\d+) (?:(?:COLLOP|SAMP) |ONETOONE (?!.*DELTA -))", re.M)
-    starts = sorted({int(time) for time in lines.findall(text_of(place.dump(INPUT, *MATCHED)))})
+    starts = sorted(set(map(int, lines.findall(text_of(place.folder.expected("matched"))))))
     for start in starts[len(starts) // 3::max(1, len(starts) // 3)]:
-        for selection in ([], ["COUNTERS"]):
-            place.extract(INPUT, "s.klt", "KLT", "--ticks", "--request", f"{start}s:-1s", *selection)
-            times = [int(time) for time in lines.findall(text_of(place.dump("s.klt", *MATCHED)))]
-            expect(f"times of a slice from {start} {selection}", sorted(times), times)
-
-
-def in_a_place(check):
-    def run(program, folder):
-        with tempfile.TemporaryDirectory() as directory:
-            check(Place(program, folder, directory), folder)
-    return run
+        for selection in ("", ",COUNTERS"):
+            place.run(f"--ticks --request {start}s:-1s{selection} --logfile-name s.klt "
+                      "--logfile-format KLT")
+            dump = text_of(place.run("--dump --matched-rkf", name="s.klt"))
+            times = [int(time) for time in lines.findall(dump)]
+            expect(f"times of a slice from {start}{selection}", sorted(times), times)
 
 
 def whole(folder):
     return folder.expected("dump") is not None
 
 
-def faithful(folder):
-    return whole(folder) and folder.name not in LOSSY
-
-
 CHECKS = {
-    "extract": (whole, in_a_place(check_extract)),
-    "windows": (faithful, in_a_place(check_windows)),
-    "slices": (lambda folder: faithful(folder) and not folder.name.startswith("raw_"),
-               in_a_place(check_slices)),
-    "order": (lambda folder: folder.name in ("stencil_split", "counters"), in_a_place(check_order)),
+    "extract": (whole, check_extract),
+    "slices": (lambda folder: whole(folder) and folder.name not in LOSSY, check_slices),
+    "order": (lambda folder: folder.name in ("stencil_split", "counters"), check_order),
 }

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs klttool on folders of sample traces and compares what comes out, byte for byte.
+"""Runs klttool on folders of sample traces and compares what comes out, byte for byte; then where it
+can't work.
 
   run_samples.py --program build/release/klttool                   all of tests/data
   run_samples.py --program P --only stencil --only ring            some folders
@@ -15,119 +16,92 @@ import pathlib
 import sys
 import tempfile
 
+import failures
 import merges
 import round_trips
-import summary_sums
-from harness import DATA, INPUT, Failure, Folder, Program, compare, expect, sorted_lines, text_of
+from harness import DATA, INPUT, Failure, Folder, Place, compare, expect, sorted_lines, text_of
 
-DUMPS = {"dump": ["--dump"], "matched": ["--dump", "--matched-rkf"],
-         "noext": ["--dump", "--extended-rkf", "off"]}
-TEXTS = DUMPS | {what: [f"--print-{what}"] for what in ("threads", "statistics", "reports")}
+DUMPS = {"dump": "--dump", "matched": "--dump --matched-rkf", "noext": "--dump --extended-rkf off"}
+TEXTS = DUMPS | {what: f"--print-{what}" for what in ("threads", "statistics", "reports")}
 GENERIC = ("0", "1")
 
 
-def check_texts(program, folder):
+def check_texts(place):
     for what, options in TEXTS.items():
-        for generic in GENERIC if folder.expected(what) is not None else ():
-            compare(f"{what}, KLT_GENERIC_ONLY={generic}", folder.expected(what),
-                    program.output(folder.path, INPUT, *options, KLT_GENERIC_ONLY=generic))
-    if folder.expected("files") is not None:
-        compare("files", folder.expected("files"),
-                sorted_lines(program.output(folder.path, INPUT, "--print-files")))
+        expected = place.folder.expected(what)
+        for generic in GENERIC if expected is not None else ():
+            compare(f"{what}, KLT_GENERIC_ONLY={generic}", expected,
+                    place.run(options, environment={"KLT_GENERIC_ONLY": generic}))
+        if what in DUMPS and expected is not None:
+            lines = place.run(options, environment={"KLTT_SERIAL": "0"}).count(b"\n")
+            expect(f"lines of {what}, stream by stream", expected.count(b"\n"), lines)
+    if place.folder.expected("files") is not None:
+        compare("files", place.folder.expected("files"), sorted_lines(place.run("--print-files")))
 
 
-def check_unordered(program, folder):
-    """Stream by stream there are as many lines as in time order."""
-    for what, options in DUMPS.items():
-        if folder.expected(what) is not None:
-            output = program.output(folder.path, INPUT, *options, KLTT_SERIAL="0")
-            expect(f"lines of {what}", *(data.count(b"\n") for data in (folder.expected(what), output)))
-
-
-def check_requests(program, folder):
+def check_requests(place):
     """Anchors make a window cheap and change nothing else."""
-    with tempfile.TemporaryDirectory() as directory:
-        folder.copy(directory)
-        for anchors in ("with anchors", "without anchors"):
-            for options, expected in folder.requests():
-                for generic in GENERIC:
-                    output = program.output(directory, INPUT, *options, KLT_GENERIC_ONLY=generic)
-                    compare(f"{options} {anchors}, KLT_GENERIC_ONLY={generic}", expected, output)
-            for file in pathlib.Path(directory).glob("*.anc"):
-                file.unlink()
+    for anchors in ("with anchors", "without anchors"):
+        for options, expected in place.folder.requests():
+            for generic in GENERIC:
+                compare(f"{options} {anchors}, KLT_GENERIC_ONLY={generic}", expected,
+                        place.run(options, environment={"KLT_GENERIC_ONLY": generic}))
+        place.take("*.anc")
 
 
-def check_damage(program, folder):
+def check_damage(place):
     """Each entry of damage.json changes a file; status and output have to be as it says."""
-    for case in json.loads((folder.path / "damage.json").read_text()):
-        with tempfile.TemporaryDirectory() as directory:
-            folder.copy(directory)
-            file = pathlib.Path(directory) / case["file"]
-            data = file.read_bytes()
-            at, new = case.get("at", 0), bytes.fromhex(case.get("bytes", ""))
-            file.write_bytes((data[:at] + new + data[at + len(new):])[:case.get("length")])
-            if case.get("remove"):
-                file.unlink()
-            done = program.run(directory, INPUT, "--dump")
+    dump = place.folder.expected("dump")
+    for case in json.loads((place.folder.path / "damage.json").read_text()):
+        place.restore()
+        file = place.path / case["file"]
+        data = file.read_bytes()
+        at, new = case.get("at", 0), bytes.fromhex(case.get("bytes", ""))
+        file.write_bytes((data[:at] + new + data[at + len(new):])[:case.get("length")])
+        if case.get("remove"):
+            file.unlink()
+        done = place.finished("--dump")
         errors = [line for line in text_of(done.stderr).splitlines()
                   if not line.startswith("Writing tracefile ")]
-        lines = done.stdout.count(b"\n")
-        all_lines = folder.expected("dump").count(b"\n")
         expect(f"{case['name']}: status, lines of output, standard error",
-               (case["status"], case.get("lines", all_lines), case["stderr"]),
-               (done.returncode, lines, errors))
+               (case["status"], case.get("lines", dump.count(b"\n")), case["stderr"]),
+               (done.returncode, done.stdout.count(b"\n"), errors))
         if case["status"] == 0:
-            compare(f"{case['name']}: standard output", folder.expected("dump"), done.stdout)
+            compare(f"{case['name']}: standard output", dump, done.stdout)
+    place.restore()
 
 
-def check_convert(program, folder):
+def check_convert(place):
     """A single file dumps the same, and its components are the bytes that went in."""
-    with tempfile.TemporaryDirectory() as directory:
-        folder.copy(directory)
-        for source, target, form in ((INPUT, "one.klt", "SINGLEKLT"), ("one.klt", "two.klt", "KLT")):
-            program.output(directory, source, "--convert", target, "--logfile-format", form)
-            compare(f"dump of {target}", folder.expected("dump"),
-                    program.output(directory, target, "--dump"))
-        parts = [file.name for file in folder.path.glob(INPUT + "*")]
-        for name in parts if len(parts) > 1 else []:
-            copy = pathlib.Path(directory) / name.replace(INPUT, "two.klt", 1)
-            compare(name, (folder.path / name).read_bytes(), copy.read_bytes())
+    for source, target, form in ((INPUT, "one.klt", "SINGLEKLT"), ("one.klt", "two.klt", "KLT")):
+        place.run(f"--convert {target} --logfile-format {form}", name=source)
+        compare(f"dump of {target}", place.folder.expected("dump"), place.run("--dump", name=target))
+    for part, data in place.before.items() if len(place.before) > 1 else ():
+        compare(part, data, place.files("two.klt")[part])
 
 
-def check_summary(program, folder):
-    """The summary files, byte for byte where they are expected, and their sums."""
-    with tempfile.TemporaryDirectory() as directory:
-        folder.copy(directory)
-        program.output(directory, INPUT, "--sumdata", "x.klt", "--logfile-format", "KLT")
-        base = pathlib.Path(directory) / "x.klt"
-        for word in summary_sums.WORDS if folder.expected("sum.fnc") is not None else ():
-            # Nothing determines the sign of what isn't a number.
-            same = [data.replace(b"\0\0\0\0\0\0\xf8\xff", b"\0\0\0\0\0\0\xf8\x7f")
-                    for data in (folder.expected(f"sum.{word}"),
-                                 pathlib.Path(f"{base}.sum.{word}").read_bytes())]
-            compare(f".sum.{word}", *same)
-        if b"UNKNOWN" not in folder.expected("matched"):  # a time that is open
-            summary_sums.check(base, summary_sums.Text(folder.expected("matched")))
+def check_summary(place):
+    place.run("--sumdata x.klt --logfile-format KLT")
+    for word in ("fnc", "cop", "msg", "cnt", "rep"):
+        # Nothing determines the sign of what isn't a number.
+        compare(f".sum.{word}", *(data.replace(b"\0\0\0\0\0\0\xf8\xff", b"\0\0\0\0\0\0\xf8\x7f")
+                                  for data in (place.folder.expected(f"sum.{word}"),
+                                               place.files("x.klt")[f".sum.{word}"])))
 
 
 def expects(what):
     return lambda folder: folder.expected(what) is not None
 
 
-def is_merged(folder):
-    return folder.expected("matched") is not None and not folder.name.startswith("raw_")
-
-
 CHECKS = {
     "texts": (expects("dump"), check_texts),
-    "unordered": (expects("dump"), check_unordered),
     "requests": (lambda folder: any(folder.requests()), check_requests),
     "damage": (lambda folder: (folder.path / "damage.json").exists(), check_damage),
     "convert": (expects("dump"), check_convert),
-    "summary": (is_merged, check_summary),
-    "merge": (expects("messages"), merges.check_merge),
-    "merge-summary": (expects("messages"), merges.check_merge_summary),
-} | round_trips.CHECKS
+    "summary": (expects("sum.fnc"), check_summary),
+    "merge": (expects("profiles"), merges.check_merge),
+    "merge-summary": (expects("profiles"), merges.check_merge_summary),
+} | round_trips.CHECKS | failures.CHECKS
 
 
 def main():
@@ -146,11 +120,14 @@ def main():
             if arguments.only and path.name not in arguments.only or not applies(folder):
                 continue
             ran += 1
-            try:
-                check(Program(arguments.program), folder)
-            except Failure as failure:
-                failed += 1
-                print(f"{path.name}, {name}: {failure}\n")
+            with tempfile.TemporaryDirectory() as directory:
+                try:
+                    place = Place(arguments.program, folder, directory)
+                    check(place)
+                    place.check_input()
+                except Failure as failure:
+                    failed += 1
+                    print(f"{path.name}, {name}: {failure}\n")
     print(f"{ran - failed} of {ran} checks passed")
     return 1 if failed or not ran else 0
 
