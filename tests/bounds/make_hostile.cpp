@@ -21,33 +21,23 @@ void basics(tb::Trace& trace) {
   trace.clock(1e-6, 0).processes({1, 1}).defineClass(1, "A").function(1, "f", 1);
 }
 
-void deepStack(tb::Trace& trace, uint64_t size) {
+// Definitions, calls and scopes that stay open, messages that nobody receives.
+void crowd(tb::Trace& trace, uint64_t size) {
   basics(trace);
-  tb::Stream& s = trace.stream("f.0", tb::FUNCTIONS, {0});
-  for (uint64_t i = 1; i <= size; ++i) s.at(i).enter(0, 1);
-}
-
-void openScopes(tb::Trace& trace, uint64_t size) {
-  basics(trace);
-  trace.scope(1, "s", 1);
-  tb::Stream& s = trace.stream("s.0", tb::SCOPES, {0});
-  for (uint64_t i = 1; i <= size; ++i) s.at(i).enterScope(0, 1, static_cast<uint32_t>(i));
-  for (uint64_t i = 1; i <= size; ++i) s.at(size + i).leaveScope(0, 1, static_cast<uint32_t>(i));
-}
-
-void endlessMessages(tb::Trace& trace, uint64_t size) {
-  basics(trace);
-  trace.communicator(1, "c", {{0, 1, 1}});
-  tb::Stream& s = trace.stream("msg", tb::MESSAGES);
+  trace.scope(1, "s", 1).communicator(1, "c", {{0, 1, 1}});
+  tb::Stream& functions = trace.stream("f.0", tb::FUNCTIONS, {0});
+  tb::Stream& scopes = trace.stream("s.0", tb::SCOPES, {0});
+  tb::Stream& messages = trace.stream("msg", tb::MESSAGES);
   for (uint64_t i = 1; i <= size; ++i) {
-    s.at(i).message({.receiver = 1, .receiveTime = tb::NO_RECEIVE, .communicator = 1});
+    const auto number = static_cast<uint32_t>(i);
+    trace.function(1 + number, "g", 1);
+    functions.at(i).enter(0, 1);
+    scopes.at(i).enterScope(0, 1, number);
+    messages.at(i).message({.receiver = 1, .receiveTime = tb::NO_RECEIVE, .communicator = 1});
   }
-}
-
-void definitions(tb::Trace& trace, uint64_t size) {
-  basics(trace);
-  for (uint64_t i = 2; i <= size; ++i) trace.function(static_cast<uint32_t>(i), "g", 1);
-  trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(2).leave(0);
+  for (uint64_t i = 1; i <= size; ++i) {
+    scopes.at(size + i).leaveScope(0, 1, static_cast<uint32_t>(i));
+  }
 }
 
 // Names that add up to far more than the trace holds: paths of a chain, one name for many.
@@ -150,10 +140,7 @@ struct Case {
   void (*make)(tb::Trace&, uint64_t size);
   unsigned flags = 0;
 };
-constexpr Case kCases[] = {{"deep_stack", deepStack},
-                           {"open_scopes", openScopes},
-                           {"endless_messages", endlessMessages},
-                           {"definitions", definitions},
+constexpr Case kCases[] = {{"crowd", crowd},
                            {"long_names", longNames},
                            {"threads", threads},
                            {"wild_times", wildTimes},

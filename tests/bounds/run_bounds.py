@@ -18,7 +18,8 @@ import tempfile
 
 LIMIT = 512 << 20  # of address space
 BASE_MEMORY = 48 << 20
-MEMORY_PER_BYTE = 64  # of the trace
+MEMORY_PER_BYTE = {"thread_lists": 64}  # of the trace
+MEMORY_PER_OTHER_BYTE = 8
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
 OUTPUT = 1 << 30
@@ -85,7 +86,8 @@ def run(program, case, name, place, memory):
           f"{peak >> 20} MiB for {size} bytes", flush=True)
     if process.returncode < 0 or process.returncode > 127:
         yield f"status {process.returncode}, with {seconds} s of CPU time at most"
-    if memory and (case, name) != PER_THREAD and peak > BASE_MEMORY + MEMORY_PER_BYTE * size:
+    most = BASE_MEMORY + MEMORY_PER_BYTE.get(case, MEMORY_PER_OTHER_BYTE) * size
+    if memory and (case, name) != PER_THREAD and peak > most:
         yield f"{peak >> 20} MiB"
     if b"out of memory" in messages:
         yield "out of memory"
