@@ -7,7 +7,7 @@
 #include "generic/summary/kltt_summary_file.h"
 #include "generic/summary/kltt_summary_tables.h"
 #include "generic/tables/kltt_idtable.h"
-#include "util/pal_buckets.h"
+#include "util/pal_hash.h"
 
 namespace {
 

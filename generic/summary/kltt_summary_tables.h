@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "klt/index/klt_idmap.h"
-#include "util/pal_buckets.h"
 #include "util/pal_hash.h"
 
 class KLTT_SumFile;

@@ -17,8 +17,8 @@
 
 #include "klt/index/klt_intern.h"
 #include "klt/storage/klt_io.h"
-#include "util/pal_buckets.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 #include "util/pal_strings.h"
 #include "util/pal_util.h"
 

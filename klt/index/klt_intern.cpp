@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "klt/index/klt_generic.h"
-#include "util/pal_buckets.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 #include "util/pal_mem.h"
 
 KLT_FileHandle::KLT_FileHandle() {

@@ -18,8 +18,8 @@
 
 #include "klt/format/klt_wire.h"
 #include "klt/storage/klt_storage.h"
-#include "util/pal_buckets.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 #include "util/pal_mem.h"
 #include "util/pal_util.h"
 #include "util/vfd.h"

@@ -5,8 +5,8 @@
 
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_values.h"
-#include "util/pal_buckets.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 
 void KLT_StoredRecords::add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record,
                             size_t bytes) {

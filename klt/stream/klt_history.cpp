@@ -8,7 +8,7 @@
 
 #include "klt/format/klt_codec.h"
 #include "klt/stream/klt_select.h"
-#include "util/pal_buckets.h"
+#include "util/pal_hash.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "klt/index/klt_intern.h"
 #include "klt/write/klt_write_row.h"
-#include "util/pal_buckets.h"
+#include "util/pal_hash.h"
 #include "util/pal_mem.h"
 
 namespace {
