@@ -34,7 +34,8 @@ class KLT_IdIndex {
     uint32_t index;  // 0: free
   };
 
-  [[nodiscard]] uint32_t findSparse(uint32_t id) const {
+  // Out of line: inlined into every lookup, this rare case costs 1 % of an extraction.
+  [[nodiscard, gnu::noinline]] uint32_t findSparse(uint32_t id) const {
     const size_t mask = sparse_.size() - 1;
     for (size_t slot = slotOf(id);; slot = (slot + 1) & mask) {
       if (sparse_[slot].id == id || sparse_[slot].index == 0) return sparse_[slot].index;
