@@ -1,14 +1,14 @@
-// Turning bytes into records: one set of operations per row, instantiated from the table.
+// Decodes records: one set of operations per row, instantiated from the table.
 //
-// On disk a record is its number byte and then its fields in row order, big-endian, each in exactly
-// the bytes of its type. There is no length, padding or end mark. The field "time" of a timed
-// record is a step from the stream's running time. A count is followed by the arrays it covers,
-// whole array after whole array; a string has no terminator.
+// On disk a record consists of its number byte and its fields in row order, big-endian, each in
+// exactly the bytes of its type. There is no length, padding or end mark. The field "time" of a
+// timed record is a step from the stream's running time. A count is followed by the arrays it
+// covers, one whole array after the other; a string has no terminator.
 //
 //   enter_function 28    1c | 00 05 | 00 00 00 03 | 00 00 00 07      number, step, willy, function
 //
-// Decoding checks the input once for each run of fields whose size is known: for most rows that is
-// once per record. An input is what a KLT_Input does: ensure(n) makes n bytes available at at(), or
+// Decoding checks the input once for each run of fields whose size is known, for most rows once per
+// record. An input has the operations of KLT_Input: ensure(n) makes n bytes available at at(), or
 // reports why it can't.
 #pragma once
 
@@ -21,15 +21,15 @@
 #include "klt/format/klt_wire.h"
 
 enum class KLT_Parse : uint8_t {
-  kRecord,   // a record stands at the buffer's tail, not committed
-  kUnknown,  // a record of a kind this reader doesn't know; only its size and time count
+  kRecord,   // the record is at the buffer's tail, not committed
+  kUnknown,  // a record of a kind this reader doesn't know; only its size and time are used
   kNoData,   // the input ended inside the record, which has been reported
-  kCorrupt,  // reported by whoever asked
+  kCorrupt,  // the caller reports it
 };
 
 namespace klt {
 
-// How a field named "time" moves the running time.
+// The running time after a field "time" of row N.
 template <int N>
 [[nodiscard]] inline uint64_t steppedTime(uint64_t time, const uint8_t* field) {
   if constexpr (N == KLT_Row::addTime) return time + loadBig32(field);
@@ -38,7 +38,7 @@ template <int N>
   return time + loadBig16(field);
 }
 
-// Value of a scalar field as its memory form holds it.
+// The value of a scalar field in its memory form.
 template <KLT_Type Type>
 [[nodiscard]] inline auto loadScalar(const uint8_t* p) {
   if constexpr (Type == KLT_Type::kU8 || Type == KLT_Type::kRaw8 || Type == KLT_Type::kChar) {
@@ -81,13 +81,13 @@ struct KLT_Codec {
   static constexpr size_t kFields = row.numFields;
   static constexpr bool kFixedSize = !layout.hasArrays;
 
-  // Disk bytes of the single fields from F on up to the next array.
+  // Disk bytes of the scalar fields from f to the next array.
   static constexpr size_t runBytes(size_t f) {
     size_t bytes = 0;
     for (; f < kFields && !layout.isArray(f); ++f) bytes += KLT_TypeBytes(row.fields[f].type());
     return bytes;
   }
-  // Disk bytes of one element of each array that shares the count of array field F.
+  // Disk bytes of one element of each array that shares the count of array field f.
   static constexpr size_t groupBytes(size_t f) {
     size_t bytes = 0;
     for (size_t i = f; i < kFields && layout.countOf[i] == layout.countOf[f]; ++i) {
@@ -96,9 +96,9 @@ struct KLT_Codec {
     return bytes;
   }
 
-  // Reads the record whose first field is at input.at() to the tail of `out` and adds its step to
-  // `time`. `disk` receives its bytes without the number byte; the input isn't advanced. An untimed
-  // record gets the time unchanged.
+  // Decodes the record whose first field is at input.at() to the tail of `out` and adds its time
+  // step to `time`. `disk` receives its size without the number byte; the input isn't advanced. An
+  // untimed record gets `time` unchanged.
   template <class Input>
   static KLT_Parse parse(Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
@@ -118,16 +118,16 @@ struct KLT_Codec {
     return KLT_Parse::kRecord;
   }
 
-  // Loads what stands ahead of the first array, for most rows the whole record, of one that happens
-  // at `time` and whose first field is at `p`. REQUIRES: headBytes bytes at `p`, fixedBytes bytes
-  // at `record`.
+  // Loads the fields before the first array, for most rows the whole record. `p` is the address of
+  // the first field, `time` the time of the record. REQUIRES: headBytes bytes at `p`, fixedBytes
+  // bytes at `record`.
   static void loadHead(const uint8_t* p, uint64_t time, uint8_t* record) {
     klt::storeNative(record + kKltRecordNumberAt, uint32_t{N});
     klt::storeNative(record + kKltRecordTimeAt, time);
     loadFields<0>(p, record);
   }
 
-  // Only the size of the record, for one that isn't wanted.
+  // Determines only the size of the record, for one that isn't wanted.
   template <class Input>
   static KLT_Parse measure(Input& input, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
@@ -171,7 +171,8 @@ struct KLT_Codec {
   static constexpr bool startsGroup(size_t f) {
     return layout.isArray(f) && layout.countOf[f - 1] != layout.countOf[f];
   }
-  static constexpr bool startsRun(size_t f) {  // a run behind an array; the head is checked already
+  // Whether a run of scalars after an array begins here. The record's first run is checked earlier.
+  static constexpr bool startsRun(size_t f) {
     return f > 0 && !layout.isArray(f) && layout.isArray(f - 1);
   }
 
@@ -188,7 +189,7 @@ struct KLT_Codec {
     }
   }
 
-  // Fields from F up to the first array.
+  // Loads the fields from F to the first array.
   template <size_t F>
   static void loadFields(const uint8_t* p, uint8_t* record) {
     if constexpr (F < firstArray()) {
@@ -288,8 +289,8 @@ inline constexpr auto kEncodedSizes = encodedSizes(std::make_integer_sequence<in
   return klt::kEncodedSizes[KLT_RecordNumber(record) - 1](record);
 }
 
-// Bytes of an encoded record and, where its step needs one, of the time record ahead of it, as the
-// filter path writes them: a step back, or one that doesn't fit 16 bits, takes a record of 9 bytes.
+// Bytes of the time record that a writer has to put before a record: 9 if its time step leads back
+// or doesn't fit 16 bits, otherwise 0.
 [[nodiscard]] inline size_t KLT_TimeRecordBytes(uint64_t outputTime, uint64_t time) {
   return time >= outputTime && time - outputTime < 0x10000 ? 0 : 9;
 }

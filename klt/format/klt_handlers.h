@@ -1,10 +1,10 @@
-// The table of record handlers that a caller gives a reader.
+// Defines the table of record handlers that a caller passes to a reader.
 //
 // A handler's argument list follows from the record's longest variant: user_data, then the fields
-// in row order. A field that the delivered variant lacks arrives as 0, an array as null. The time
-// is absolute. A count is followed by pointers to the elements of the arrays it covers; a string
-// is a zero-terminated text without its count; a reference to a stored string is its text, null if
-// there is none. A handler returns 0 to go on, anything else to stop the reader.
+// in row order. A field that the delivered variant lacks is passed as 0, an array as null. The time
+// is absolute. A count is followed by pointers to the elements of the arrays it covers; a string is
+// passed as a zero-terminated text without its count; a reference to a stored string as its text,
+// null if there is none. A handler returns 0 to continue, any other value to stop the reader.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +40,7 @@ constexpr int longestRow(std::string_view name) {
   return best;
 }
 
-// What a field becomes in an argument list.
+// How a field is passed to a handler.
 enum class ArgumentKind : uint8_t { kNone, kScalar, kArray, kText, kString, kStrings };
 
 constexpr ArgumentKind argumentKind(const KLT_Row& row, size_t f, bool isArray) {
@@ -123,7 +123,8 @@ constexpr auto handlerFor(std::index_sequence<F...>) {
 
 }  // namespace klt
 
-// The handler type of a record name. The special cases don't pass their fields one to one.
+// The handler type of a record name. The specializations are records whose arguments differ from
+// their fields.
 template <KLT_NameText Name>
 struct KLT_HandlerType {
   static constexpr int kRow = klt::longestRow(Name.view());
@@ -156,7 +157,7 @@ struct KLT_HandlerType<"counter_value"> {  // values may be changed in place
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const uint32_t*, uint64_t*);
 };
 template <>
-struct KLT_HandlerType<"function_history"> {  // the time of the stream, functions outermost first
+struct KLT_HandlerType<"function_history"> {  // time of the stream, functions from the outermost
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const uint32_t*, const uint32_t*);
 };
 
@@ -217,7 +218,7 @@ struct KLT_HandlerTable {
 
 namespace klt {
 
-// A slot of the table: the record's name, and the member as a constant.
+// A slot of the table: the record's name and a pointer to the member, as constants.
 template <KLT_NameText Name, auto Member>
 struct Slot {
   static constexpr std::string_view name = Name.view();
@@ -228,7 +229,7 @@ struct SlotList {
   static constexpr size_t size = sizeof...(Slots);
 };
 
-// All of them. The macro keeps a name and its member together.
+// All slots. The macro keeps each name with its member.
 #define KLT_SLOT(name) Slot<#name, &KLT_HandlerTable::name>
 using AllSlots = SlotList<
     KLT_SLOT(all_to_all_communication), KLT_SLOT(all_to_one_communication),
@@ -266,5 +267,5 @@ constexpr void forEachSlot(Table& table, F&& f) {
 [[nodiscard]] KLT_HandlerTable* KLT_HandlerTableAlloc();
 // A private copy, owned by the caller.
 [[nodiscard]] KLT_HandlerTable* KLT_HandlerTableCopy(const KLT_HandlerTable* table);
-// Null is allowed.
+// `table` may be null.
 void KLT_HandlerTableFree(KLT_HandlerTable* table);

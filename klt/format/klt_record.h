@@ -1,14 +1,14 @@
-// The form of a decoded record in memory, derived from its row at compile time.
+// Defines the form of a decoded record in memory, derived from its row at compile time.
 //
 //   offset 0   u32  record number
 //          4        first field of up to 32 bits, counts included
-//          8   u64  absolute time; for an untimed row the time of the record before it
+//          8   u64  absolute time; for an untimed row the time of the preceding record
 //         16        other 64-bit fields, then other fields of up to 32 bits, in row order
 //      fixedBytes   arrays in row order, each at a multiple of 8; a string gets a zero byte
 //
-// Values are in host order; 8- and 16-bit numbers are widened to 32 bits, elements of 16-bit arrays
-// too. Opaque 64-bit values keep their bytes. A record takes a multiple of 8 bytes, so that records
-// stand one behind the other in a KLT_RecordBuffer and can be copied as bytes.
+// Values are in host order; 8- and 16-bit numbers and the elements of 16-bit arrays are widened to
+// 32 bits. Opaque 64-bit values keep their bytes. The size of a record is a multiple of 8 bytes, so
+// records follow each other in a KLT_RecordBuffer without gaps and can be copied as bytes.
 #pragma once
 
 #include <array>
@@ -29,9 +29,8 @@ struct KLT_Layout {
 
   std::array<uint16_t, kKltMaxFields> offset{};  // of a scalar or count; unused for arrays
   std::array<uint8_t, kKltMaxFields> countOf{};  // the count field that covers a field, or kNone
-  std::array<uint16_t, kKltMaxFields> diskBefore{};  // disk bytes ahead of it within its run
-  uint16_t fixedBytes = 0;                           // memory form ahead of the arrays
-  uint16_t headBytes = 0;  // disk bytes up to the first array or the record's end
+  uint16_t fixedBytes = 0;                       // bytes in memory before the arrays
+  uint16_t headBytes = 0;  // disk bytes before the first array, or of the whole record
   bool hasArrays = false;
 
   [[nodiscard]] constexpr bool isArray(size_t field) const { return countOf[field] != kNone; }
@@ -89,7 +88,7 @@ constexpr std::array<KLT_Layout, kKltRowCount> allLayouts() {
 
 }  // namespace klt
 
-// The layout of row n stands at index n - 1.
+// The layout of row n is at index n - 1.
 inline constexpr std::array<KLT_Layout, kKltRowCount> kKltLayouts = klt::allLayouts();
 
 [[nodiscard]] inline unsigned KLT_RecordNumber(const uint8_t* record) {
@@ -99,8 +98,7 @@ inline constexpr std::array<KLT_Layout, kKltRowCount> kKltLayouts = klt::allLayo
   return klt::loadNative<uint64_t>(record + kKltRecordTimeAt);
 }
 
-// A decoded record of row N, read where it is: its fields are native values, named by their index
-// in the row.
+// Access to the fields of a decoded record of row N in place. F is the index of a field in the row.
 template <int N>
 struct KLT_Record {
   static constexpr const KLT_Row& row = kKltRows[N - 1];
@@ -117,20 +115,20 @@ struct KLT_Record {
     static_assert(F < row.numFields && !layout.isArray(F));
     return klt::loadNative<uint64_t>(record + layout.offset[F]);
   }
-  // Elements of the array field F.
+  // Number of elements of the array field F.
   template <size_t F>
   [[nodiscard]] static uint32_t count(const uint8_t* record) {
     static_assert(layout.isArray(F));
     return klt::loadNative<uint32_t>(record + layout.offset[layout.countOf[F]]);
   }
-  // Bytes that the array field F takes in memory, padding included.
+  // Bytes of the array field F in memory, padding included.
   template <size_t F>
   [[nodiscard]] static size_t arrayBytes(const uint8_t* record) {
     constexpr KLT_Type type = row.fields[F].type();
     return klt::roundUp8(size_t{count<F>(record)} * KLT_TypeNativeBytes(type) +
                          (type == KLT_Type::kChar ? 1 : 0));
   }
-  // Offset of the array field F, or with F = number of fields the size of the whole record.
+  // Offset of the array field F. With F = number of fields: the size of the whole record.
   template <size_t F>
   [[nodiscard]] static size_t arrayAt(const uint8_t* record) {
     if constexpr (F == 0) {
@@ -174,7 +172,7 @@ inline constexpr auto kRecordSizes = recordSizes(std::make_integer_sequence<int,
   return layout.hasArrays ? klt::kRecordSizes[index](record) : layout.fixedBytes;
 }
 
-// Records one behind the other. Blocks are aligned to 16 and move when the buffer grows.
+// A buffer of consecutive records. Its memory is aligned to 16 bytes and moves when it grows.
 class KLT_RecordBuffer {
  public:
   KLT_RecordBuffer() = default;
@@ -192,14 +190,14 @@ class KLT_RecordBuffer {
     used_ = capacity_ = 0;
   }
 
-  // The place of the next record, with room for `bytes` bytes.
+  // The address of the next record, with room for `bytes` bytes.
   [[nodiscard]] uint8_t* reserve(size_t bytes) {
     if (capacity_ - used_ < bytes) [[unlikely]]
       grow(bytes);
     return data_ + used_;
   }
   [[nodiscard]] uint8_t* tail() { return data_ + used_; }
-  // Bytes from there on that are there without growing.
+  // Bytes that fit after the last record without growing.
   [[nodiscard]] size_t room() const { return capacity_ - used_; }
   void commit(size_t bytes) { used_ += bytes; }
 

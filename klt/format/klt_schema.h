@@ -1,9 +1,8 @@
-// The vocabulary of the KLT format: the 74 record types, their fields, categories and filter tests.
+// Defines the 74 record types of the KLT format: their fields, categories and filter tests.
 //
-// The rows themselves are in klt_rows.inc. Everything that depends on a record's layout
-// (reading, filtering, writing, delivery, the layout block of an index) is instantiated from
-// kKltRows at compile time. Names of records and fields are data: a stored layout is matched
-// against them by name.
+// The rows themselves are in klt_rows.inc. Everything that depends on a record's layout (reading,
+// filtering, writing, delivery, the layout block of an index) is instantiated from kKltRows at
+// compile time. A stored layout refers to records and fields by name, so the names are kept here.
 #pragma once
 
 #include <array>
@@ -11,7 +10,7 @@
 #include <cstdint>
 #include <string_view>
 
-// Type codes of fields, as they stand in a stored layout.
+// Type codes of fields in a stored layout.
 enum class KLT_Type : uint8_t {
   kChar = 0xed,
   kU8 = 0xee,
@@ -77,7 +76,7 @@ inline constexpr uint32_t kInternal = 0x0800;
 inline constexpr uint32_t kErrors = 0x2000;
 inline constexpr uint32_t kStatistics = 0x4000;
 inline constexpr uint32_t kRawEvents = 0x8000;
-// What bit 0 of a request stands for.
+// The categories that bit 0 of a request selects.
 inline constexpr uint32_t kWholeSelection = 0x01ef;
 }  // namespace klt
 
@@ -96,30 +95,33 @@ struct KLT_Field {
   [[nodiscard]] constexpr unsigned covered() const { return (descriptor >> 16) & 0xff; }
 };
 
-// What a filter pass tests for a record, and what else the record does there.
+// What the filter tests for a record, and what else the record changes there.
 enum class KLT_FilterClass : uint8_t {
   kTimeForward,    // only moves the running time
-  kTimeBack,       // the same, to an earlier time
-  kCallStack,      // enter and leave: all tests, keeps the thread's context
-  kCounterSample,  // as above, but kept without a handler too
-  kMessage,        // sender or receiver must be selected; context with the sender
-  kCollective,     // a member of the communicator must be selected; context
+  kTimeBack,       // only moves the running time, to an earlier time
+  kCallStack,      // enter and leave: all tests, changes the thread's context
+  kCounterSample,  // all tests but that for a handler, changes the thread's context
+  kMessage,        // sender or receiver must be selected; changes the sender's context
+  kCollective,     // a member of the communicator must be selected; changes the context
   kThreadEvent,    // all tests, no context
-  kRawMessage,     // thread test through the communicator, no context
-  kRawCollective,  // thread, then communicator, no context
-  kFilterEnd,      // end_of_filter met in a file
-  kThreadTable,    // untimed, thread test
-  kCommTable,      // untimed, thread test through the communicator
+  kRawMessage,     // a member of the communicator must be selected; no context
+  kRawCollective,  // the thread and a member of the communicator must be selected; no context
+  kFilterEnd,      // end_of_filter that a file contains
+  kThreadTable,    // untimed, the thread must be selected
+  kCommTable,      // untimed, a member of the communicator must be selected
   kAlwaysWanted,   // untimed, kept without a handler if it can occur
   kDefinition,     // untimed, needs a handler
   kStructure,      // untimed, changes the trace's tables with or without a handler
-  kBracket,        // history brackets met in a file
-  kSeekPoint,      // acts in an anchor file only
+  kBracket,        // begin_of_history and end_of_history that a file contains
+  kSeekPoint,      // has an effect in an anchor file only
   kStack,          // the open calls of a thread at a seek point or in a history
   kNeverStored,    // has no coded form
 };
 
+// Which tests of the category masks and of the handler table a record must pass (isWanted in
+// klt_select.cpp). kNoHandler is kFull without the handler.
 enum class KLT_CategoryTest : uint8_t { kFull, kNoHandler, kMasksAndHandler, kMasks, kNone };
+// Which threads of a record a request must select.
 enum class KLT_ThreadTest : uint8_t { kNone, kThread, kEitherSide, kCommunicator, kThreadAndComm };
 
 struct KLT_FilterTraits {
@@ -214,8 +216,8 @@ struct KLT_Row {
   [[nodiscard]] constexpr bool replayed() const {
     return traits().context || filter == KLT_FilterClass::kTimeForward;
   }
-  // Whether the filter pass may take such a record without a look at its fields: it has a fixed
-  // size and no more context than the depth of the call stack.
+  // Whether the filter may accept such a record without reading its fields: its size is fixed and
+  // the only context that it changes is the depth of the call stack.
   [[nodiscard]] constexpr bool plain() const {
     for (size_t f = 0; f < numFields; ++f) {
       if (fields[f].isCount()) return false;
@@ -317,7 +319,7 @@ constexpr std::array<KLT_Row, kKltRowCount> parseAll() {
 }
 }  // namespace klt_rows
 
-// Row n stands at index n - 1.
+// Row n is at index n - 1.
 inline constexpr std::array<KLT_Row, kKltRowCount> kKltRows = klt_rows::parseAll();
 
 // The row of a record number, or null if there is none.
@@ -325,7 +327,7 @@ inline constexpr std::array<KLT_Row, kKltRowCount> kKltRows = klt_rows::parseAll
   return number >= 1 && number <= kKltRowCount ? &kKltRows[number - 1] : nullptr;
 }
 
-// What the tool prints for the category with this bit number.
+// The printed name of the category with this bit number.
 [[nodiscard]] constexpr std::string_view KLT_CategoryName(unsigned bit) {
   constexpr std::string_view names[] = {"any",      "declarations", "FUNCTIONS",  "SCOPES",
                                         "OPENMP",   "FILEIO",       "COUNTERS",   "MESSAGES",
@@ -335,7 +337,7 @@ inline constexpr std::array<KLT_Row, kKltRowCount> kKltRows = klt_rows::parseAll
 }
 
 namespace klt_rows {
-// The table is sorted by name, variants of a name stand together, numbers run from 1.
+// Checks that numbers run from 1, timed rows begin with a time, and counts cover existing fields.
 constexpr bool tableIsSound() {
   for (size_t i = 0; i < kKltRowCount; ++i) {
     const KLT_Row& row = kKltRows[i];

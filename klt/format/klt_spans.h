@@ -1,5 +1,5 @@
-// How long messages and collective operations stay under way, for the contexts of readers and the
-// histories of writers alike.
+// Computes when messages and collective operations end. The contexts of readers and the histories
+// of writers use the same rules.
 #pragma once
 
 #include <algorithm>
@@ -17,23 +17,24 @@ inline constexpr uint64_t kNever = ~uint64_t{0};
   return __builtin_add_overflow(a, b, &sum) ? kNever : sum;
 }
 
-// Whether the receive time says that a side of the message isn't known.
+// Whether the receive time says that the send or the receive of the message isn't known.
 [[nodiscard]] constexpr bool isUnknownSide(int64_t receiveTime) {
   const auto bits = static_cast<uint64_t>(receiveTime);
   return bits == kReceiveUnknown || bits == kSendUnknown;
 }
 
-// When a message is over. One whose other side isn't known never is.
+// When a message ends. A message of which one side isn't known never ends.
 [[nodiscard]] inline uint64_t messageEnd(uint64_t time, int64_t receiveTime) {
   if (isUnknownSide(receiveTime)) return kNever;
   return saturatingSum(time, static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
 }
 
-// All ones as a member's start in a collective operation say that it took no part; one less says
-// that its start isn't known. Either way the member has no times.
+// A member's start time of all ones means that the member took no part in the collective operation;
+// one less means that the start isn't known. In both cases the member has no times.
 [[nodiscard]] constexpr bool isUnknownStart(uint64_t start) { return start >= kNever - 1; }
 
-// When a collective operation is over for all members that have times; null arrays count as zeros.
+// When a collective operation has ended for all members that have times. A null array counts as an
+// array of zeros.
 [[nodiscard]] inline uint64_t collectiveEnd(uint64_t time, size_t n, const uint64_t* starts,
                                             const uint64_t* deltas) {
   uint64_t longest = 0;

@@ -1,6 +1,6 @@
-// Loads and stores of the encoded form: every number of a trace is big-endian and unaligned.
+// Loads and stores the numbers of a trace, which are big-endian and unaligned.
 //
-// The raw forms below don't check bounds; the decoders check once for a whole run of fields.
+// These functions don't check bounds; the decoders check once for a whole run of fields.
 #pragma once
 
 #include <bit>
@@ -57,7 +57,7 @@ inline void storeNative(uint8_t* p, T v) {
   }
 }
 
-// A call in their place costs more than they do, and would be one for each field.
+// Always inlined: a call costs more than the store, and there would be one call per field.
 [[gnu::always_inline]] inline void storeBig16(uint8_t* p, uint16_t v) {
   storeNative(p, swapBytes(v));
 }
