@@ -1,4 +1,4 @@
-// Inflating and deflating components with zlib. See klt_compress.h for the format.
+// Inflates and deflates components with zlib. See klt_compress.h for the format.
 #include "klt/storage/klt_compress.h"
 
 #include <zlib.h>
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr size_t kLengthField = 8;
-// zlib's deflate can't shrink data further than this.
+// The largest compression ratio of zlib's deflate.
 constexpr uint64_t kLargestRatio = 1032;
 
 void* allocateForZlib(void*, unsigned count, unsigned size) {
@@ -78,16 +78,16 @@ size_t KLT_Inflate::read(uint8_t* buffer, size_t bytes) {
   stream_->avail_out = static_cast<uInt>(wanted);
   while (stream_->avail_out != 0) {
     if (stream_->avail_in == 0) {
-      const int64_t came = KLT_IoRead(file_, block_, sizeof block_);
-      if (came <= 0) {
+      const int64_t bytesRead = KLT_IoRead(file_, block_, sizeof block_);
+      if (bytesRead <= 0) {
         done_ = true;
         break;
       }
       stream_->next_in = block_;
-      stream_->avail_in = static_cast<uInt>(came);
+      stream_->avail_in = static_cast<uInt>(bytesRead);
     }
     const int result = inflate(stream_.get(), Z_NO_FLUSH);
-    if (result != Z_OK && result != Z_BUF_ERROR) {  // the end, or damage: what came so far counts
+    if (result != Z_OK && result != Z_BUF_ERROR) {  // end or damage; the output so far is valid
       done_ = true;
       break;
     }
@@ -113,9 +113,9 @@ bool KLT_Deflate::put(KLT_IoFile* file, const void* data, size_t bytes) {
 
 bool KLT_Deflate::write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final) {
   if (stream_ == nullptr) return false;
-  // The length isn't known before the end: a placeholder keeps its place.
-  if (!begun_) {
-    begun_ = true;
+  // The length is known at the end only. A placeholder is written first.
+  if (!hasLengthField_) {
+    hasLengthField_ = true;
     if (!put(file, &length_, kLengthField)) return false;
   }
   length_ += bytes;

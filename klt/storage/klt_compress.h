@@ -1,10 +1,10 @@
-// Compressed components: an 8-byte length, then one zlib stream that holds the records.
+// Reads and writes compressed components: an 8-byte length, then a zlib stream of the records.
 //
 //   offset 0   u64  length of the inflated data, in the byte order of the host that wrote it
 //          8        zlib stream
 //
-// The length is only a claim. One that no zlib stream of this size can hold is tried in the other
-// byte order, and then counts as unknown.
+// The length isn't trusted. If no zlib stream of the file's size can inflate to it, the reader
+// tries the other byte order, and takes the length as unknown if that fails too.
 #pragma once
 
 #include <cstddef>
@@ -19,14 +19,15 @@ class KLT_Inflate {
  public:
   static constexpr uint64_t kUnknownLength = ~uint64_t{0};
 
-  // Reads the length field of `file`, which stays the caller's. Null if the field can't be read.
+  // Reads the length field of `file`, which the caller keeps. Null if the field can't be read.
   [[nodiscard]] static std::unique_ptr<KLT_Inflate> open(KLT_IoFile* file);
   ~KLT_Inflate();
   KLT_Inflate(const KLT_Inflate&) = delete;
   KLT_Inflate& operator=(const KLT_Inflate&) = delete;
 
   [[nodiscard]] uint64_t length() const { return length_; }
-  // Up to `bytes` inflated bytes; 0 at the end of the stream, at damage, and at the file's end.
+  // Inflates up to `bytes` bytes. 0 at the end of the stream, at damaged data, and at the file's
+  // end.
   [[nodiscard]] size_t read(uint8_t* buffer, size_t bytes);
   // Starts over. False if the file can't be positioned.
   [[nodiscard]] bool rewind();
@@ -44,7 +45,7 @@ class KLT_Inflate {
   uint8_t block_[kBlock];
 };
 
-// The writing side: deflates what it is given into `file`, behind the length field.
+// Writes a compressed component: the length field and the deflated data.
 class KLT_Deflate {
  public:
   KLT_Deflate();
@@ -52,8 +53,8 @@ class KLT_Deflate {
   KLT_Deflate(const KLT_Deflate&) = delete;
   KLT_Deflate& operator=(const KLT_Deflate&) = delete;
 
-  // Takes `bytes` bytes; with `final` the stream ends and its length is filled in. False, with
-  // errno, if the file took less.
+  // Deflates `bytes` bytes into `file`. With `final` it ends the stream and fills in the length.
+  // False, with errno, after an incomplete write.
   [[nodiscard]] bool write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final);
 
  private:
@@ -63,6 +64,6 @@ class KLT_Deflate {
 
   std::unique_ptr<z_stream_s> stream_;
   uint64_t length_ = 0;
-  bool begun_ = false;
+  bool hasLengthField_ = false;  // the placeholder of the length has been written
   uint8_t block_[kBlock];
 };

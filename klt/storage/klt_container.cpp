@@ -1,8 +1,8 @@
-// Creating, opening and completing a container; reading and writing its directory.
+// Creates, opens and completes containers; reads and writes their directories.
 //
-// A directory comes from a file, so nothing in it is believed: every field is checked against the
-// bytes that are left, every extent against the part of the file that holds extents, and memory
-// grows only with what was read and found good.
+// A directory that is read from a file isn't trusted: every field is checked against the remaining
+// bytes, every extent against the part of the file that holds extents, and memory is allocated only
+// for entries that have been read and checked.
 #include "klt/storage/klt_container.h"
 
 #include <fcntl.h>
@@ -31,7 +31,7 @@ constexpr uint64_t kVersion = 1;
 constexpr uint64_t kTrailerBytes = 8;
 constexpr uint32_t kBuckets = 17;
 
-// Four bytes of the key, sign-extended and run together.
+// Combines four bytes of the key, each sign-extended to 32 bits.
 uint32_t hashOf(std::string_view key) {
   if (key.empty()) return 0;
   const auto byteAt = [key](size_t i) {
@@ -42,7 +42,7 @@ uint32_t hashOf(std::string_view key) {
          byteAt(0) << 24;
 }
 
-// Reads the directory from front to back through a buffer.
+// Reads the directory sequentially through a buffer.
 class DirectoryReader {
  public:
   DirectoryReader(int fd, uint64_t offset, uint64_t bytes)
@@ -50,7 +50,7 @@ class DirectoryReader {
 
   [[nodiscard]] uint64_t remaining() const { return unread_ + (filled_ - pos_); }
 
-  // The next `bytes`, or null if there aren't as many. REQUIRES: bytes <= KLT_MAX_KEY_BYTES.
+  // The next `bytes` bytes; null if fewer remain. REQUIRES: bytes <= KLT_MAX_KEY_BYTES.
   const uint8_t* take(size_t bytes) {
     if (filled_ - pos_ < bytes && !refill(bytes)) return nullptr;
     const uint8_t* const at = buffer_.data() + pos_;
@@ -58,7 +58,7 @@ class DirectoryReader {
     return at;
   }
 
-  // The next number of `bytes` bytes.
+  // Reads a number of `bytes` bytes.
   bool number(unsigned bytes, uint64_t* value) {
     const uint8_t* const at = take(bytes);
     if (at == nullptr) return false;
@@ -94,7 +94,7 @@ class DirectoryReader {
   size_t filled_ = 0;
 };
 
-// Reads the entry's extents; `end` is where the part of the file that may hold them ends.
+// Reads the entry's extents, which must be before the offset `end` of the file.
 bool readExtents(DirectoryReader& reader, uint64_t count, uint64_t end, KLT_DirEntry* entry) {
   if (count > reader.remaining() / 16) return false;
   for (uint64_t i = 0; i < count; ++i) {
@@ -132,7 +132,7 @@ bool readEntry(DirectoryReader& reader, uint64_t version, uint64_t end, KLT_DirE
   return entry->lastUsed <= entry->extents.back().length;
 }
 
-// Fills the container's table and sets its end. False if the directory makes no sense.
+// Fills the container's table and sets its end. False if the directory is invalid.
 bool loadDirectory(KLT_Container* container) {
   const PAL_Place here;
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
@@ -148,7 +148,8 @@ bool loadDirectory(KLT_Container* container) {
   if (end < KLT_CONTAINER_HEADER_BYTES || end > limit) return false;
   container->end = end;
 
-  // Extents that overlap would let a small file claim to hold any amount of data.
+  // The extents together may not be longer than the file: with overlapping extents a small file
+  // could claim any amount of data.
   uint64_t unclaimed = end - KLT_CONTAINER_HEADER_BYTES;
   DirectoryReader reader(container->fd, end, limit - end);
   while (reader.remaining() > 0) {
@@ -205,9 +206,9 @@ bool writeHeader(const KLT_Container* container) {
   return Vfd_PWriteFully(container->fd, header.data(), header.size(), 0) == header.size();
 }
 
-// The directory's place in a container that was written at random. Readers look for the trailer in
-// the file's last bytes, and nothing cuts the file; so what is left behind the extents by an
-// earlier, longer directory pushes this one back.
+// Determines the directory's offset in a container that isn't written in sequence. Readers look for
+// the trailer in the last bytes of the file, and the file is never truncated. So if an earlier,
+// longer directory extends past this one, this one is moved to the end of the file.
 bool placeDirectory(const KLT_Container* container, uint64_t bytes, uint64_t* offset) {
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
   if (size < 0) return false;
@@ -226,7 +227,7 @@ bool writeDirectory(const KLT_Container* container) {
     out.number64(container->end);
     return Vfd_WriteFully(container->fd, out.bytes().data(), bytes) == bytes;
   }
-  // The counts are those of the current version, so that has to stand in the header too.
+  // The directory is written in the current version, so the header has to say so too.
   if (container->version == 0 && !writeHeader(container)) return false;
   uint64_t offset = 0;
   if (!placeDirectory(container, bytes, &offset)) return false;
@@ -246,12 +247,12 @@ KLT_Container* newContainer(const char* dir, const char* name, int flags, mode_t
   return container;
 }
 
-// To append is the components' business: with O_APPEND on the container's own descriptor every
-// write would go to the end of the file, whatever its offset.
+// Without O_APPEND, which concerns the components: on the container's own descriptor it would make
+// every write go to the end of the file instead of its offset.
 int containerFlags(int flags) { return flags & ~O_APPEND; }
 
-// Reports errno on the container's name and gives the container up.
-KLT_Container* refuse(KLT_Container* container) {
+// Reports errno with the container's name, deletes the container and returns null.
+KLT_Container* reportAndDelete(KLT_Container* container) {
   PAL_Perror(container->name.c_str());
   if (container->fd >= 0) Vfd_Close(container->fd);
   delete container;
@@ -301,19 +302,19 @@ KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int 
   container->fd = isStdout && form == KLT_FORM_SERIAL
                       ? Vfd_Adopt(STDOUT_FILENO)
                       : PAL_OpenInDir(dir, name, containerFlags(flags), mode);
-  if (container->fd < 0 || !writeHeader(container)) return refuse(container);
+  if (container->fd < 0 || !writeHeader(container)) return reportAndDelete(container);
   container->end = KLT_CONTAINER_HEADER_BYTES;
   return container;
 }
 
 KLT_Container* KLT_ContainerOpen(const char* dir, const char* name, int flags, mode_t mode) {
   KLT_Container* const container = newContainer(dir, name, flags, mode, KLT_FORM_PLAIN);
-  // To open a FIFO would wait for a writer; should the name become one this very moment, O_NONBLOCK
-  // doesn't. Regular files aren't concerned.
+  // Opening a FIFO would wait for a writer. O_NONBLOCK prevents that if the name becomes a FIFO
+  // after the check; it has no effect on regular files.
   struct stat info;
   if (KLT_StatIn(dir, name, &info) == 0 && !S_ISREG(info.st_mode)) return container;
   container->fd = PAL_OpenInDir(dir, name, containerFlags(flags) | O_NONBLOCK, mode);
-  if (container->fd < 0) return refuse(container);
+  if (container->fd < 0) return reportAndDelete(container);
 
   std::array<uint8_t, KLT_CONTAINER_HEADER_BYTES> header;
   if (Vfd_PReadFully(container->fd, header.data(), header.size(), 0) != header.size() ||

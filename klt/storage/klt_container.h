@@ -1,16 +1,16 @@
-// The container file that holds all components of a trace, and its directory.
+// Defines the container file, which holds all components of a trace and a directory of them.
 //
-// For klt_io.cpp and klt_container.cpp alone; everything else uses klt/storage/klt_io.h. This
-// module owns the file's layout: header, directory, trailer. Where a component's bytes go is
-// decided in klt_io.
+// Only klt_io.cpp and klt_container.cpp use this header; all others use klt/storage/klt_io.h. This
+// module owns the file's layout: header, directory, trailer. klt_io decides where the bytes of a
+// component are stored.
 //
 // All numbers are big-endian:
 //
 //   offset   bytes  content
 //   0        4      "SKLT"
 //   4        8      version; 1 is written
-//   12              extents of the components; what lies between them belongs to no one
-//   D               directory: an entry per component, up to the trailer
+//   12              extents of the components; bytes between extents are unused
+//   D               directory: an entry per component, to the trailer
 //   size-8   8      D
 //
 //   entry of the directory        bytes (version 0)
@@ -21,7 +21,7 @@
 //   offsets of all extents        8 each
 //   lengths of all extents        8 each
 //
-// A component's bytes are all of every extent but the last, then the used ones of the last.
+// A component consists of all bytes of its extents but the last, and of the used bytes of the last.
 #pragma once
 
 #include <sys/stat.h>
@@ -45,7 +45,7 @@ struct KLT_Extent {
   uint64_t start;  // in the component: the lengths of all extents before this one
 };
 
-// A component. Slots from `used` on hold earlier allocations, to be used again in their order.
+// A component. The extents from index `used` on are unused; a growing component takes them first.
 struct KLT_DirEntry {
   std::string name;
   uint64_t lastUsed = 0;
@@ -66,12 +66,12 @@ class KLT_NameTable {
   // REQUIRES: the table doesn't hold `name`.
   KLT_DirEntry* enter(std::string&& name);
 
-  // All entries in the order of a directory: 17 buckets by a hash of the key, in each of them the
-  // order of arrival.
+  // All entries in the order of a directory: by 17 buckets of a hash of the key, within a bucket in
+  // order of insertion.
   [[nodiscard]] std::vector<const KLT_DirEntry*> walk() const;
 
  private:
-  std::deque<KLT_DirEntry> entries_;  // in order of arrival
+  std::deque<KLT_DirEntry> entries_;  // in order of insertion
   std::unordered_map<std::string_view, KLT_DirEntry*> byName_;
 };
 
@@ -79,9 +79,9 @@ struct KLT_Container {
   uint64_t end = 0;  // next free offset of the file
   uint64_t version = 1;
   KLT_NameTable directory;
-  std::optional<std::string> dir;  // directory that names count from
+  std::optional<std::string> dir;  // directory that file names are relative to
   std::string name;                // base name of the trace
-  int flags = 0;                   // open(2)'s, for the container or the components
+  int flags = 0;                   // of open(2), for the container or the components
   mode_t mode = 0;
   int fd = -1;  // virtual descriptor of the container; -1 in the plain form
   int form = 0;
@@ -89,5 +89,5 @@ struct KLT_Container {
   [[nodiscard]] const char* directoryName() const { return dir ? dir->c_str() : nullptr; }
 };
 
-// stat of `name`, which counts from `dir` unless that is null, without opening anything.
+// stat(2) of `name`, which is relative to `dir` unless that is null.
 [[nodiscard]] int KLT_StatIn(const char* dir, const char* name, struct stat* info);

@@ -1,4 +1,4 @@
-// Files by device and inode. See klt_fileset.h.
+// Sets of files, compared by device and inode. See klt_fileset.h.
 #include "klt/storage/klt_fileset.h"
 
 #include <sys/stat.h>

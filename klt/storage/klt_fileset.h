@@ -1,7 +1,8 @@
-// Files told apart by what they are, not by name: the files of an input, which no output may touch.
+// A set of files compared by device and inode: the files of an input, which no output may
+// overwrite.
 //
-// Names lie: a link, a second path or a shared base name can make an output the trace that is being
-// read. A set compares device and inode.
+// Names don't identify a file: through a link, a second path or a shared base name an output can be
+// a file of the trace that is being read.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,13 +14,13 @@
 
 class KLT_FileSet {
  public:
-  // Enters the file that `path` leads to, if there is one.
+  // Adds the file at `path`, if there is one.
   void add(const std::string& path);
-  // Whether the file of this status is one of the set.
+  // Whether the file with this status is in the set.
   [[nodiscard]] bool contains(const struct stat& info) const;
-  // Whether `path` leads to a file of the set.
+  // Whether the file at `path` is in the set.
   [[nodiscard]] bool contains(const std::string& path) const;
-  // Whether `descriptor` is open on a regular file of the set.
+  // Whether `descriptor` refers to a regular file of the set.
   [[nodiscard]] bool containsOpen(int descriptor) const;
   [[nodiscard]] bool empty() const { return files_.empty(); }
 

@@ -1,4 +1,4 @@
-// Buffered bytes of a component. See klt_input.h.
+// Reads a component through a buffer. See klt_input.h.
 #include "klt/storage/klt_input.h"
 
 #include <algorithm>
@@ -90,8 +90,8 @@ void KLT_Input::reportMissing(uint64_t bytes) {
   ended_ = true;
 }
 
-// The byte ahead of at(), a record's number, stays in the buffer with the unread ones, so that a
-// decoder that fails can step back over it.
+// Keeps the byte before at(), a record's number, in the buffer too, so that a decoder that fails
+// can step back over it.
 bool KLT_Input::refill(size_t bytes) {
   if (ended_ || file_ == nullptr) return false;
   const size_t have = filled_ - pos_;
@@ -115,8 +115,8 @@ bool KLT_Input::refill(size_t bytes) {
   pos_ = keep;
   filled_ = keep + have;
   while (filled_ - pos_ < bytes) {
-    // A small file gets a small buffer. A length is proof enough only where the file really has
-    // the bytes; inflated ones have to come before the buffer grows for more of them.
+    // A small file gets a small buffer. The length of a compressed component isn't trusted, so its
+    // buffer grows step by step with the bytes that have been inflated.
     size_t capacity = keep + bytes;
     if (inflate_ != nullptr && capacity > 2 * (filled_ + kBlock)) capacity = 2 * (filled_ + kBlock);
     const uint64_t whole = end() - offset_ + filled_;
@@ -133,7 +133,7 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      // Only compressed data ends ahead of its length: what the length promises is missing.
+      // Only compressed data can end before its length. The missing bytes count to that length.
       reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
       return false;
     }
@@ -142,19 +142,19 @@ bool KLT_Input::refill(size_t bytes) {
 }
 
 bool KLT_Input::readInto(size_t want) {
-  size_t came = 0;
-  while (came < want) {
+  size_t done = 0;
+  while (done < want) {
     errno = 0;
     const int64_t n = inflate_ != nullptr
-                          ? static_cast<int64_t>(inflate_->read(data_ + filled_, want - came))
-                          : KLT_IoRead(file_, data_ + filled_, want - came);
+                          ? static_cast<int64_t>(inflate_->read(data_ + filled_, want - done))
+                          : KLT_IoRead(file_, data_ + filled_, want - done);
     if (n < 0) {
       reportUnreadable();
       ended_ = true;
       return false;
     }
     if (n == 0) break;
-    came += static_cast<size_t>(n);
+    done += static_cast<size_t>(n);
     filled_ += static_cast<size_t>(n);
     offset_ += static_cast<uint64_t>(n);
     bytesRead_ += static_cast<uint64_t>(n);

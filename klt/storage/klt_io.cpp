@@ -1,5 +1,5 @@
-// Components: opening them, and moving bytes between the caller and the file or extents behind
-// them.
+// Opens components and copies bytes between the caller and a component's file or extents. See
+// klt_io.h.
 #include "klt/storage/klt_io.h"
 
 #include <fcntl.h>
@@ -18,19 +18,19 @@
 #include "util/pal_util.h"
 #include "util/vfd.h"
 
-// An open component. In the plain form it has no entry; in a container its cursor is a place in the
-// list of extents.
+// An open component. In the plain form it has no entry. In a container its position is the index of
+// an extent and an offset inside it.
 struct KLT_IoFile {
   KLT_Container* container = nullptr;
   KLT_DirEntry* entry = nullptr;
   size_t current = 0;  // index of the current extent
-  uint64_t pos = 0;    // position inside it
+  uint64_t pos = 0;    // offset inside it
   int fd = -1;         // virtual descriptor; may be the container's own
   std::string name;    // file name, in the plain form
   int64_t size = -1;   // of a plain file when it was opened for reading; -1 if it isn't known
-  // In the plain form, why the file was left alone and reads fail, or 0.
-  int refusal = 0;
-  bool toldCut = false;  // a missing end of the container was reported
+  // In the plain form: the errno of all reads of an index that isn't a regular file, or 0.
+  int readError = 0;
+  bool reportedReadFailure = false;  // in a container; reported once per component
 };
 
 namespace {
@@ -49,17 +49,18 @@ bool isPresent(const KLT_IoFile* file) {
   return false;
 }
 
-// Why a file of this kind can't be read as a component; 0 for a regular one.
-int refusalOf(const struct stat& info) {
+// The errno for reading a file of this kind as a component; 0 for a regular file.
+int readErrorOf(const struct stat& info) {
   if (S_ISREG(info.st_mode)) return 0;
   return S_ISDIR(info.st_mode) ? EISDIR : ESPIPE;
 }
 
-// A descriptor for reading a component; -1 with errno or, if it isn't a regular file, with the
-// reason in `refusal`. Thousands are opened in a row, and a look at the name first would cost as
-// much as opening it once more. So a FIFO or a device that bears the name of a component is opened
-// for a moment, which with these flags neither waits nor takes a terminal over.
-int openForReading(const KLT_Container* container, const char* fileName, int* refusal,
+// A descriptor for reading a component; -1 with errno, or with `readError` set if the file isn't a
+// regular one. The kind of file is checked after opening, because a stat of the name before would
+// cost as much as another open and a trace has thousands of components. So a FIFO or device with
+// the name of a component is opened for a moment; with these flags that neither waits nor acquires
+// a controlling terminal.
+int openForReading(const KLT_Container* container, const char* fileName, int* readError,
                    int64_t* size) {
   const char* const dir = container->directoryName();
   const int fd =
@@ -67,39 +68,41 @@ int openForReading(const KLT_Container* container, const char* fileName, int* re
   struct stat info;
   if (fd < 0) {
     const int savedErrno = errno;
-    if (KLT_StatIn(dir, fileName, &info) == 0) *refusal = refusalOf(info);
+    if (KLT_StatIn(dir, fileName, &info) == 0) *readError = readErrorOf(info);
     errno = savedErrno;
     return -1;
   }
   if (Vfd_Stat(fd, &info) == 0) {
-    *refusal = refusalOf(info);
+    *readError = readErrorOf(info);
     *size = info.st_size;
   }
-  if (*refusal == 0) return fd;
+  if (*readError == 0) return fd;
   Vfd_Close(fd);
   return -1;
 }
 
 KLT_IoFile* openPlain(KLT_Container* container, const char* fileName) {
   const PAL_Place here;
-  int refusal = 0;
+  int readError = 0;
   int64_t size = -1;
-  const int fd = isReadOnly(container) ? openForReading(container, fileName, &refusal, &size)
+  const int fd = isReadOnly(container) ? openForReading(container, fileName, &readError, &size)
                                        : PAL_OpenInDir(container->directoryName(), fileName,
                                                        container->flags, container->mode);
-  // An index that is no file has no bytes, which its reader tells as it tells of an empty one.
-  if (refusal != 0 && container->name != fileName) errno = refusal;
-  if (fd < 0 && (refusal == 0 || container->name != fileName)) return nullptr;
+  // An index that isn't a regular file is opened with size 0, so that its reader reports it like an
+  // empty index.
+  if (readError != 0 && container->name != fileName) errno = readError;
+  if (fd < 0 && (readError == 0 || container->name != fileName)) return nullptr;
   auto* const file = new KLT_IoFile;
   file->container = container;
   file->fd = fd;
   file->name = fileName;
-  file->refusal = refusal;
-  file->size = refusal == 0 ? size : 0;
+  file->readError = readError;
+  file->size = readError == 0 ? size : 0;
   return file;
 }
 
-// The entry for the key, made if need be and allowed; null with errno.
+// The entry for the key, which is added if it is missing and the container is writable. Null with
+// errno.
 KLT_DirEntry* findOrEnter(KLT_Container* container, std::string_view key) {
   if (KLT_DirEntry* const entry = container->directory.find(key); entry != nullptr) return entry;
   if (isReadOnly(container)) {
@@ -116,7 +119,7 @@ KLT_DirEntry* findOrEnter(KLT_Container* container, std::string_view key) {
 void truncate(const KLT_Container* container, KLT_DirEntry* entry) {
   entry->used = 0;
   entry->lastUsed = 0;
-  // What is written in sequence can't go back to an earlier place.
+  // A serial container can't be written at an earlier offset, so its extents can't be used again.
   if (container->form == KLT_FORM_SERIAL) entry->extents.clear();
 }
 
@@ -135,7 +138,8 @@ KLT_IoFile* openInContainer(KLT_Container* container, std::string_view fileName)
   if (entry == nullptr) return nullptr;
   if ((container->flags & O_TRUNC) != 0) truncate(container, entry);
 
-  // Only reads need a descriptor of the component's own; an adopted one would cost a real one each.
+  // Only reads need a descriptor per component. For writing, a copy of an adopted descriptor would
+  // cost a system descriptor each.
   const bool writeOnly = (container->flags & O_ACCMODE) == O_WRONLY;
   const int fd = writeOnly ? container->fd : Vfd_Dup(container->fd);
   if (fd < 0) return nullptr;
@@ -150,8 +154,8 @@ KLT_IoFile* openInContainer(KLT_Container* container, std::string_view fileName)
   return file;
 }
 
-// Another opening of the component may have cut it since.
-void keepCursorInside(KLT_IoFile* file) {
+// Moves a position past the end back to the end: opening the component again may have truncated it.
+void limitPosition(KLT_IoFile* file) {
   if (file->current < file->entry->used) [[likely]]
     return;
   file->current = file->entry->used > 0 ? file->entry->used - 1 : 0;
@@ -160,7 +164,7 @@ void keepCursorInside(KLT_IoFile* file) {
 
 bool isLast(const KLT_IoFile* file) { return file->current + 1 >= file->entry->used; }
 
-// Bytes between the cursor and the end of the data in its extent.
+// Bytes from the position to the end of the data in its extent.
 uint64_t readable(const KLT_IoFile* file) {
   const uint64_t limit =
       isLast(file) ? file->entry->lastUsed : file->entry->extents[file->current].length;
@@ -169,7 +173,7 @@ uint64_t readable(const KLT_IoFile* file) {
 
 int64_t readExtents(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
   if (file->entry->used == 0) return 0;
-  keepCursorInside(file);
+  limitPosition(file);
   size_t done = 0;
   while (done < bytes) {
     const size_t piece = std::min<uint64_t>(readable(file), bytes - done);
@@ -181,22 +185,22 @@ int64_t readExtents(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
     }
     const KLT_Extent& extent = file->entry->extents[file->current];
     errno = 0;
-    const size_t came = Vfd_PReadFully(file->fd, buffer + done, piece,
-                                       static_cast<off_t>(extent.offset + file->pos));
-    file->pos += came;
-    done += came;
-    if (came == piece) continue;
+    const size_t bytesRead = Vfd_PReadFully(file->fd, buffer + done, piece,
+                                            static_cast<off_t>(extent.offset + file->pos));
+    file->pos += bytesRead;
+    done += bytesRead;
+    if (bytesRead == piece) continue;
     // The container ends inside an extent, or can't be read.
     if (errno == 0) errno = EIO;
-    if (!file->toldCut) PAL_Perror(file->entry->name.c_str());
-    file->toldCut = true;
+    if (!file->reportedReadFailure) PAL_Perror(file->entry->name.c_str());
+    file->reportedReadFailure = true;
     break;
   }
   return static_cast<int64_t>(done);
 }
 
-// Puts the next extent of a component in use, for a request of `bytes`: an earlier allocation if
-// one is left, else the space at the container's end. False if the file can't grow by that much.
+// Adds an extent to a component for a write of `bytes` bytes: an unused one of its own if there is
+// one, otherwise space at the container's end. False if the file can't grow by that much.
 bool allocate(KLT_IoFile* file, uint64_t bytes) {
   const PAL_Place here;
   KLT_Container* const container = file->container;
@@ -231,7 +235,7 @@ bool advance(KLT_IoFile* file, uint64_t bytes) {
   return true;
 }
 
-// Writes inside the current extent; the number of bytes that were taken.
+// Writes inside the current extent. Returns the number of bytes written.
 size_t writePiece(KLT_IoFile* file, const uint8_t* data, size_t bytes) {
   KLT_Container* const container = file->container;
   KLT_Extent& extent = file->entry->extents[file->current];
@@ -244,14 +248,14 @@ size_t writePiece(KLT_IoFile* file, const uint8_t* data, size_t bytes) {
   const size_t done = Vfd_WriteFully(container->fd, data, bytes);
   file->pos += done;
   if (done < bytes) {
-    // The file stands where the write failed. Extents that follow have to count from there.
+    // The file ends where the write failed. The next extent starts there.
     extent.length = file->pos;
     container->end = extent.offset + file->pos;
   }
   return done;
 }
 
-// What goes out in sequence can't be written over.
+// Whether the position is at the end, the only one at which a serial container can be written.
 bool isAtEnd(const KLT_IoFile* file) {
   const KLT_DirEntry& entry = *file->entry;
   return entry.used == 0 || entry.extents[file->current].start + file->pos == entry.length();
@@ -259,7 +263,7 @@ bool isAtEnd(const KLT_IoFile* file) {
 
 int64_t writeExtents(KLT_IoFile* file, const uint8_t* data, size_t bytes) {
   KLT_DirEntry* const entry = file->entry;
-  keepCursorInside(file);
+  limitPosition(file);
   if (file->container->form == KLT_FORM_SERIAL && !isAtEnd(file)) {
     errno = ESPIPE;
     return 0;
@@ -287,8 +291,8 @@ int64_t writeExtents(KLT_IoFile* file, const uint8_t* data, size_t bytes) {
 
 int64_t readPlain(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
   errno = 0;
-  if (file->refusal != 0) {
-    errno = file->refusal;
+  if (file->readError != 0) {
+    errno = file->readError;
     return -1;
   }
   size_t done = 0;
@@ -304,13 +308,13 @@ int64_t readPlain(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
 
 int64_t seekPlain(KLT_IoFile* file, int64_t offset, int whence) {
   errno = 0;
-  if (file->refusal != 0) return 0;
+  if (file->readError != 0) return 0;
   const off_t result = Vfd_Seek(file->fd, offset, whence);
   if (errno != 0) PAL_Perror(file->name.c_str());
   return result;
 }
 
-// Where the seek counts from, or nothing for an unknown `whence`.
+// The offset that a seek is relative to; nothing for an unknown `whence`.
 std::optional<uint64_t> seekBase(const KLT_IoFile* file, int whence) {
   switch (whence) {
     case SEEK_SET:
@@ -330,7 +334,7 @@ int64_t seekExtents(KLT_IoFile* file, int64_t offset, int whence) {
     errno = 0;
     return 0;
   }
-  keepCursorInside(file);
+  limitPosition(file);
   const std::optional<uint64_t> base = seekBase(file, whence);
   const uint64_t length = entry->length();
   // Lengths stay below 2^63, so neither branch overflows.
@@ -342,7 +346,7 @@ int64_t seekExtents(KLT_IoFile* file, int64_t offset, int whence) {
   }
   const uint64_t target = std::min(offset < 0 ? *base - distance : *base + distance, length);
 
-  // A target between two extents stays with the first of them.
+  // A target at the boundary of two extents is a position in the first of them.
   const auto first = entry->extents.begin();
   const auto found = std::lower_bound(
       first, first + static_cast<ptrdiff_t>(entry->used), target,
