@@ -30,7 +30,7 @@ bool holdsAnchors(const KLT_FileEntry& file) {
   return file.filetype == static_cast<uint32_t>(KLT_FileType::kAnchors);
 }
 
-// All files but the index, in the order of a table with 31 chains.
+// All files but the index, in the order of a table with 31 buckets.
 std::vector<const KLT_FileEntry*> filesInOrder(const KLT_FileHandle& handle) {
   std::vector<decltype(&handle.files.entries().front())> entries;
   for (const auto& entry : handle.files.entries()) entries.push_back(&entry);
@@ -89,29 +89,30 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 
 namespace {
 
-// The shell's mv asks before it overwrites if somebody could answer. Nobody can while this lasts.
-class NoInput {
+// Replaces standard input by /dev/null while it exists: mv asks before it overwrites a file if its
+// standard input is a terminal.
+class StdinFromNull {
  public:
-  NoInput() : saved_(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+  StdinFromNull() : saved_(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (null < 0) return;
     dup2(null, STDIN_FILENO);
     close(null);
   }
-  ~NoInput() {
+  ~StdinFromNull() {
     if (saved_ < 0) return;
     dup2(saved_, STDIN_FILENO);
     close(saved_);
   }
-  NoInput(const NoInput&) = delete;
-  NoInput& operator=(const NoInput&) = delete;
+  StdinFromNull(const StdinFromNull&) = delete;
+  StdinFromNull& operator=(const StdinFromNull&) = delete;
 
  private:
   int saved_;
 };
 
-// A name that no command takes for an option.
-std::string plainName(const std::string& name) {
+// The name, with "./" before a dash so that no command takes it for an option.
+std::string withoutDash(const std::string& name) {
   return name.starts_with('-') ? "./" + name : name;
 }
 
@@ -126,55 +127,55 @@ std::string quoted(std::string_view name) {
   return text += '\'';
 }
 
-// Whether the plain system call has done what mv does, in a fraction of its time. It is no help
-// across file systems, and not asked for where mv would look into a directory.
-bool renamed(const std::string& from, const std::string& to) {
+// Tries to move the file with rename(2), which takes a fraction of the time of mv. That fails
+// across file systems, and isn't tried if `to` is a directory, into which mv would move the file.
+bool tryRename(const std::string& from, const std::string& to) {
   return PAL_IsDir(to.c_str(), nullptr) == 0 && std::rename(from.c_str(), to.c_str()) == 0;
 }
 
-// Tells why the last call failed for a file; the exit status for it.
-int failedFor(const std::string& name) {
+// Reports errno with the name of the file. Returns the exit status for it.
+int reportErrno(const std::string& name) {
   PAL_Perror(name.c_str());
   return 1;
 }
 
 int moveByCommand(const std::string& from, const std::string& to) {
-  const NoInput noInput;
+  const StdinFromNull stdinFromNull;
   const int result = PAL_System(("mv " + quoted(from) + ' ' + quoted(to) + '\n').c_str());
   if (result == 0) return 0;
   const int status = WIFEXITED(result) ? WEXITSTATUS(result) : 0;
   return status != 0 ? status : 1;
 }
 
-// A file of a trace with its way under a new base name or into a directory.
+// The move of one file of a trace to a new base name or into a directory.
 struct Move {
   std::string from;
-  std::string place;     // where it goes
-  std::string argument;  // what mv is told
+  std::string to;        // its new name
+  std::string argument;  // the last argument of mv
   bool isAnchors;
 };
 
-// Where the files of a trace go.
+// The new base name of a trace, or the directory that receives its files.
 struct MoveTarget {
   std::string name;
   bool isDirectory;
 
-  // The ways of `files`, which stay in their order, each name once.
-  [[nodiscard]] std::vector<Move> waysOf(const KLT_FileHandle& handle,
-                                         const std::vector<const KLT_FileEntry*>& files) const {
-    std::vector<Move> ways;
+  // The moves of `files` in their order, each name once.
+  [[nodiscard]] std::vector<Move> movesOf(const KLT_FileHandle& handle,
+                                          const std::vector<const KLT_FileEntry*>& files) const {
+    std::vector<Move> moves;
     std::unordered_set<std::string> seen;
     for (const KLT_FileEntry* file : files) {
-      const std::string from = plainName(nameOf(handle, *file));
+      const std::string from = withoutDash(nameOf(handle, *file));
       if (!seen.insert(from).second) continue;
       const std::string newName = nameUnder(name, *file);
       if (isDirectory) {
-        ways.push_back({from, name + '/' + PAL_BaseName(from.c_str()), name, holdsAnchors(*file)});
+        moves.push_back({from, name + '/' + PAL_BaseName(from.c_str()), name, holdsAnchors(*file)});
       } else {
-        ways.push_back({from, newName, newName, holdsAnchors(*file)});
+        moves.push_back({from, newName, newName, holdsAnchors(*file)});
       }
     }
-    return ways;
+    return moves;
   }
 
   // The directory that receives the files.
@@ -185,55 +186,54 @@ struct MoveTarget {
   }
 };
 
-bool isThere(const std::string& name) {
+bool exists(const std::string& name) {
   struct stat info {};
   return lstat(name.c_str(), &info) == 0;
 }
 
-int moveFile(const Move& way) {
-  if (way.isAnchors && !isThere(way.from)) {
-    // Anchors of a trace that was there before would be taken for those of this one.
-    return unlink(way.place.c_str()) == 0 || errno == ENOENT ? 0 : failedFor(way.place);
+int moveFile(const Move& move) {
+  if (move.isAnchors && !exists(move.from)) {
+    // The anchor file of an earlier trace at the target would be taken for one of this trace.
+    return unlink(move.to.c_str()) == 0 || errno == ENOENT ? 0 : reportErrno(move.to);
   }
-  if (renamed(way.from, way.place)) return 0;
-  return moveByCommand(way.from, way.argument);
+  if (tryRename(move.from, move.to)) return 0;
+  return moveByCommand(move.from, move.argument);
 }
 
-bool wouldOverwrite(const std::vector<Move>& ways, const KLT_FileSet& untouchable) {
-  for (const Move& way : ways) {
-    if (!untouchable.contains(way.place)) continue;
-    std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(way.place).c_str());
+bool wouldOverwrite(const std::vector<Move>& moves, const KLT_FileSet& inputFiles) {
+  for (const Move& move : moves) {
+    if (!inputFiles.contains(move.to)) continue;
+    std::fprintf(stderr, "Could not open file %s for writing.\n", PAL_Printable(move.to).c_str());
     return true;
   }
   return false;
 }
 
-// Whether nothing is known that would stop a move halfway; each hindrance is told.
-bool canMove(const std::vector<Move>& ways, const MoveTarget& target) {
+// Reports each known reason why a move would fail halfway. True if there is none.
+bool canMove(const std::vector<Move>& moves, const MoveTarget& target) {
   bool can = true;
-  for (const Move& way : ways) {
-    if (!way.isAnchors && !isThere(way.from)) can = failedFor(way.from) == 0;
-    if (PAL_IsDir(way.place.c_str(), nullptr) == 0) continue;
+  for (const Move& move : moves) {
+    if (!move.isAnchors && !exists(move.from)) can = reportErrno(move.from) == 0;
+    if (PAL_IsDir(move.to.c_str(), nullptr) == 0) continue;
     errno = EISDIR;
-    can = failedFor(way.place) == 0;
+    can = reportErrno(move.to) == 0;
   }
   const std::string directory = target.directory();
   if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    can = failedFor(directory) == 0;
+    can = reportErrno(directory) == 0;
   }
   return can;
 }
 
-// After a move that failed: the trace can only be put together again by someone who knows where its
-// files are.
-void tellPlaces(const std::vector<Move>& ways) {
+// Reports which files have been moved before a move failed, so that the user can restore the trace.
+void reportPlaces(const std::vector<Move>& moves) {
   std::string text = "The move has stopped. Files that are at their old place:\n";
   std::string moved = "Files that have been moved:\n";
-  for (const Move& way : ways) {
-    if (isThere(way.from)) {
-      text += "  " + PAL_Printable(way.from) + '\n';
-    } else if (isThere(way.place)) {
-      moved += "  " + PAL_Printable(way.place) + '\n';
+  for (const Move& move : moves) {
+    if (exists(move.from)) {
+      text += "  " + PAL_Printable(move.from) + '\n';
+    } else if (exists(move.to)) {
+      moved += "  " + PAL_Printable(move.to) + '\n';
     }
   }
   PAL_Error("%s%s", text.c_str(), moved.c_str());
@@ -248,9 +248,9 @@ bool KLT_FilesAreKnown(const KLT_FileHandle* handle) {
   return false;
 }
 
-int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& untouchable) {
+int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& inputFiles) {
   if (!isSingleFile(*handle) && !KLT_FilesAreKnown(handle)) return 1;
-  MoveTarget to{plainName(target), false};
+  MoveTarget to{withoutDash(target), false};
   int failed = 0;
   errno = 0;
   to.isDirectory = PAL_IsDir(to.name.c_str(), &failed) != 0;
@@ -264,12 +264,12 @@ int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& unto
     closeStorage(*handle);
   else
     files = indexLast(*handle);
-  const std::vector<Move> ways = to.waysOf(*handle, files);
-  if (wouldOverwrite(ways, untouchable) || !canMove(ways, to)) return 1;
-  for (const Move& way : ways) {
-    const int status = moveFile(way);
+  const std::vector<Move> moves = to.movesOf(*handle, files);
+  if (wouldOverwrite(moves, inputFiles) || !canMove(moves, to)) return 1;
+  for (const Move& move : moves) {
+    const int status = moveFile(move);
     if (status == 0) continue;
-    tellPlaces(ways);
+    reportPlaces(moves);
     return status;
   }
   return 0;
@@ -304,24 +304,24 @@ namespace {
 class TraceCopy {
  public:
   TraceCopy(const KLT_FileHandle& input, const char* directory, const char* target,
-            const KLT_FileSet& untouchable)
-      : input_(input), directory_(directory), target_(target), untouchable_(untouchable) {}
+            const KLT_FileSet& inputFiles)
+      : input_(input), directory_(directory), target_(target), inputFiles_(inputFiles) {}
 
-  // Nothing has been copied, created or emptied if this fails.
+  // Creates the output with an empty index. Nothing has been copied if this fails.
   [[nodiscard]] bool create(int form) {
-    if (wouldOverwrite(form)) return refuse(EEXIST);
+    if (wouldOverwrite(form)) return reportNotCreated(EEXIST);
     errno = 0;
     output_ =
         KLT_ContainerCreate(directory_, O_WRONLY | O_CREAT | O_TRUNC, 0666, form, target_.c_str());
-    if (output_ == nullptr) return refuse(errno);
+    if (output_ == nullptr) return reportNotCreated(errno);
     if (emptyIndex()) return true;
     const int error = errno;
     KLT_ContainerClose(output_);
-    return refuse(error);
+    return reportNotCreated(error);
   }
 
-  // The index is empty until everything else has been copied: a part of a trace isn't taken for a
-  // trace.
+  // Copies all components. The index is empty until all others have been copied, so that an
+  // incomplete copy isn't taken for a trace.
   [[nodiscard]] bool run() {
     bool good = true;
     for (const KLT_FileEntry* file : indexLast(input_)) {
@@ -335,16 +335,16 @@ class TraceCopy {
  private:
   [[nodiscard]] bool wouldOverwrite(int form) const {
     if (form == KLT_FORM_SERIAL) {
-      return target_ == "-" ? untouchable_.containsOpen(STDOUT_FILENO)
-                            : untouchable_.contains(PAL_PathInDir(directory_, target_));
+      return target_ == "-" ? inputFiles_.containsOpen(STDOUT_FILENO)
+                            : inputFiles_.contains(PAL_PathInDir(directory_, target_));
     }
     const std::vector<const KLT_FileEntry*> files = indexLast(input_);
     return std::any_of(files.begin(), files.end(), [this](const KLT_FileEntry* file) {
-      return untouchable_.contains(PAL_PathInDir(directory_, nameUnder(target_, *file)));
+      return inputFiles_.contains(PAL_PathInDir(directory_, nameUnder(target_, *file)));
     });
   }
 
-  [[nodiscard]] bool refuse(int error) const {
+  [[nodiscard]] bool reportNotCreated(int error) const {
     const std::string name = PAL_Printable(target_);
     if (directory_ == nullptr) {
       PAL_Error("Could not create %s: %s", name.c_str(), std::strerror(error));
@@ -373,7 +373,7 @@ class TraceCopy {
     if (source == nullptr) {
       if (!holdsAnchors(file)) return fail("Could not open %s for reading. Aborting.", from);
       PAL_Warning("Could not find anchor-file %s, skipping it.", PAL_Printable(from).c_str());
-      removeLeftOver(to);
+      removeStaleAnchors(to);
       return true;
     }
     KLT_IoFile* sink = KLT_IoOpen(output_, to.c_str());
@@ -387,8 +387,8 @@ class TraceCopy {
     return good;
   }
 
-  // Anchors of a trace that was there before would be taken for those of the copy.
-  void removeLeftOver(const std::string& name) {
+  // Removes the anchor file of an earlier trace, which would be taken for one of the copy.
+  void removeStaleAnchors(const std::string& name) {
     if (KLT_ContainerForm(output_) != KLT_FORM_PLAIN) return;
     if (PAL_RemoveInDir(directory_, name.c_str()) != 0 && errno != ENOENT) PAL_Perror(name.c_str());
   }
@@ -399,12 +399,12 @@ class TraceCopy {
     KLT_IoSeek(source, 0, SEEK_SET);
     int64_t done = 0;
     while (true) {
-      const int64_t came = KLT_IoRead(source, block_.get(), kBlockBytes);
-      if (came <= 0) break;
-      if (KLT_IoWrite(sink, block_.get(), static_cast<size_t>(came)) != came) {
+      const int64_t bytes = KLT_IoRead(source, block_.get(), kBlockBytes);
+      if (bytes <= 0) break;
+      if (KLT_IoWrite(sink, block_.get(), static_cast<size_t>(bytes)) != bytes) {
         return fail("Could not write to %s. Aborting.", to);
       }
-      done += came;
+      done += bytes;
     }
     return done >= length || fail("Could not read all of %s. Aborting.", from);
   }
@@ -412,7 +412,7 @@ class TraceCopy {
   const KLT_FileHandle& input_;
   const char* directory_;
   std::string target_;
-  const KLT_FileSet& untouchable_;
+  const KLT_FileSet& inputFiles_;
   KLT_Container* output_ = nullptr;
   std::unique_ptr<uint8_t[]> block_ = std::make_unique_for_overwrite<uint8_t[]>(kBlockBytes);
 };
@@ -420,8 +420,8 @@ class TraceCopy {
 }  // namespace
 
 int KLT_Convert(const KLT_FileHandle* handle, const char* directory, const char* target, int single,
-                const KLT_FileSet& untouchable) {
-  TraceCopy copy(*handle, directory, target, untouchable);
+                const KLT_FileSet& inputFiles) {
+  TraceCopy copy(*handle, directory, target, inputFiles);
   const bool copied = copy.create(single != 0 ? KLT_FORM_SERIAL : KLT_FORM_PLAIN) && copy.run();
   return copied && KLT_FilesAreKnown(handle) ? 0 : 1;
 }

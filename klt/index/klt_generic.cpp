@@ -1,4 +1,4 @@
-// Mapping stored layouts onto rows and reading records by them. See klt_generic.h.
+// Maps stored layouts onto rows and decodes records by them. See klt_generic.h.
 #include "klt/index/klt_generic.h"
 
 #include <bit>
@@ -59,8 +59,8 @@ Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   return candidate;
 }
 
-// Counts have no name: each takes the stored count ahead of the first field behind it that is
-// mapped. False if nothing behind a count is mapped.
+// Maps the counts, which have no name: each to the last stored count before the first mapped field
+// after it. False if no field after a count is mapped.
 bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
   const KLT_Row& row = *candidate.row;
   for (size_t i = 0; i < row.numFields; ++i) {
@@ -97,7 +97,7 @@ Candidate bestRow(const KLT_StoredLayout& layout) {
 
 // --- reading ------------------------------------------------------------------------------------
 
-// What a field of a row holds if the record lacks it.
+// The value of a field of a row that the stored layout lacks.
 uint64_t defaultOf(const KLT_Row& row, size_t field) {
   const std::string_view record = row.name;
   const std::string_view name = row.fields[field].name;
@@ -109,7 +109,7 @@ uint64_t defaultOf(const KLT_Row& row, size_t field) {
   return 0;
 }
 
-// One stored element as the bits of a value of type `to`.
+// Converts one stored element to the bits of a value of type `to`.
 uint64_t convert(const uint8_t* p, KLT_Type from, KLT_Type to) {
   const unsigned bytes = KLT_TypeBytes(from);
   if (from == KLT_Type::kRaw32) return klt::loadNative<uint32_t>(p);
@@ -136,7 +136,7 @@ void storeBits(uint8_t* to, unsigned bytes, uint64_t bits) {
   if (bytes == 8) klt::storeNative(to, bits);
 }
 
-// Finds where each stored field stands and how many elements it has.
+// Determines the offset and the number of elements of each stored field of a record.
 KLT_Parse locateFields(KLT_StoredLayout& layout, KLT_Input& input, size_t& disk) {
   size_t done = 0;
   uint64_t n = 1;
@@ -174,7 +174,7 @@ KLT_Parse locateFields(KLT_StoredLayout& layout, KLT_Input& input, size_t& disk)
   return KLT_Parse::kRecord;
 }
 
-// The largest array that is filled with defaults beyond what the file holds.
+// The most elements of an array that is filled with defaults after its stored elements.
 constexpr uint64_t kLargestFilled = 0xffff;
 
 struct Builder {
@@ -200,7 +200,7 @@ struct Builder {
     return true;
   }
 
-  // Appends array field `i` at `tail`, which moves behind it.
+  // Appends array field `i` at `tail` and advances `tail` past it.
   bool array(size_t i, size_t& tail) const {
     const KLT_Type type = row.fields[i].type();
     const unsigned width = KLT_TypeNativeBytes(type);
@@ -227,7 +227,7 @@ struct Builder {
   }
 };
 
-// Only an integer can be a step of time.
+// Only an integer can be a time step.
 bool hasUsableTime(const KLT_StoredLayout& layout) {
   if (layout.timeIndex == layout.fields.size()) return true;
   const KLT_StoredField& field = layout.fields[layout.timeIndex];
@@ -261,7 +261,8 @@ KLT_Parse corruptLayout(const char* text) {
   return KLT_Parse::kCorrupt;
 }
 
-// A text with a length byte in front at `done`, which moves behind it. Null if the input ends.
+// Reads a length byte and a text of that length at `done` and advances `done`. False if the input
+// ends.
 bool takeText(KLT_Input& input, size_t& done, std::string& text) {
   if (!input.ensure(done + 1)) return false;
   const size_t length = input.at()[done];
@@ -293,7 +294,7 @@ KLT_Parse takeField(KLT_Input& input, size_t& done, KLT_StoredField& field) {
   return KLT_Parse::kRecord;
 }
 
-// Enters a layout: with the row's own decoder if it equals the row.
+// Sets the decoder for a layout: the row's own if the layout equals the row.
 void setDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
                 bool genericOnly) {
   KLT_MapLayout(*layout);
@@ -314,7 +315,7 @@ bool KLT_TypeFeeds(KLT_Type stored, KLT_Type wanted) {
   if (!isInteger(stored)) return false;
   if (wanted == KLT_Type::kF32 || wanted == KLT_Type::kF64) return true;
   if (!isInteger(wanted)) return false;
-  // 32 bits don't feed a signed 64-bit field.
+  // A 32-bit value isn't converted to a signed 64-bit field.
   if (KLT_TypeBytes(stored) == 4 && wanted == KLT_Type::kI64) return false;
   return KLT_TypeBytes(wanted) >= KLT_TypeBytes(stored);
 }
@@ -337,10 +338,10 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
     if (static_cast<size_t>(j) != i) continue;
     const KLT_Field& field = best.row->fields[i];
     exactness += sameSizeClass(stored.type(), field.type()) ? 2 : 1;
-    // A row's decoder takes a count as unsigned and as the number of elements of the row's fields.
+    // A row's decoder reads a count as unsigned and applies it to the fields that the row covers.
     if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
-  // A layout in which no field has its own position shares no more than names with the row.
+  // A layout in which no field has the position that it has in the row isn't mapped onto the row.
   if (exactness == 0) return;
   layout.row = best.row;
   layout.source = best.source;

@@ -1,4 +1,4 @@
-// Finding things by id: the road that isn't an array. See klt_idmap.h.
+// The hash table for ids. See klt_idmap.h.
 #include "klt/index/klt_idmap.h"
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 
 namespace {
 
-// Odd, and another one in each run, so that a file can't be made in which all ids meet in one
-// place. Nothing is ever walked in the order of the slots.
+// Odd, and different in each run, so that no file can be made whose ids all collide. No table is
+// iterated in the order of its slots, so the output doesn't depend on it.
 uint64_t randomFactor() {
   static const uint64_t factor = PAL_RandomSeed64() | 1;
   return factor;

@@ -1,9 +1,9 @@
-// Finding things by 32-bit ids from a file.
+// Tables with 32-bit ids from a file as keys.
 //
-// Ids are any numbers that a file likes to contain. KLT_IdIndex finds the dense index of an id:
-// open addressing with a hash that a file's author can't foresee, and, where asked for, an array
-// for small ids. KLT_IdMap keeps values on top of it, with a fixed walk order: that of insertion.
-// The first entry of an id stays.
+// A file may contain any ids. KLT_IdIndex finds the dense index of an id with open addressing,
+// whose hash has a random factor so that no file can force collisions, and optionally with an array
+// for small ids. KLT_IdMap stores values on top of it. It is iterated in order of insertion; the
+// first entry of an id stays.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +14,8 @@
 // id -> dense index.
 class KLT_IdIndex {
  public:
-  // Ids below `directLimit` are looked up in an array, which grows as far as they reach: a large
-  // table is worth 4 bytes for each of them, one of many small ones isn't.
+  // Ids below `directLimit` are looked up in an array with 4 bytes for each id up to the largest
+  // one stored. That pays for a large table, not for each of many small ones.
   explicit KLT_IdIndex(uint32_t directLimit = 0);
 
   // The index stored for `id`, 0 if there is none.
@@ -25,7 +25,7 @@ class KLT_IdIndex {
     return sparse_.empty() ? 0 : findSparse(id);
   }
 
-  // Stores `index`, which isn't 0, for an `id` that isn't there yet.
+  // Stores `index` for `id`. REQUIRES: index != 0, and no index is stored for `id`.
   void add(uint32_t id, uint32_t index);
 
  private:
@@ -54,7 +54,7 @@ class KLT_IdIndex {
   std::vector<Slot> sparse_;  // a power of two, at most half full
   size_t sparseCount_ = 0;
   uint64_t factor_;
-  uint32_t shift_ = 64;  // by which a hash is cut to a place in `sparse_`
+  uint32_t shift_ = 64;  // hash >> shift_ is an index of `sparse_`
   uint32_t directLimit_;
 };
 
@@ -76,14 +76,14 @@ class KLT_IdMap {
     return index == 0 ? nullptr : &entries_[index - 1].value;
   }
 
-  // The value under `id`, made by default on first use. REQUIRES: id != 0. Moves when entries are
-  // added.
+  // The value for `id`, default-constructed on first use. REQUIRES: id != 0. The reference is valid
+  // until an entry is added.
   Value& operator[](uint32_t id) {
     if (Value* value = find(id)) return *value;
     return add(id, Value{});
   }
 
-  // Null if the id was there already, or is 0.
+  // Null if the map already contains `id`, or `id` is 0.
   Value* insert(uint32_t id, Value value) {
     if (id == 0 || index_.find(id) != 0) return nullptr;
     return &add(id, std::move(value));

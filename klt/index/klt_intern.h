@@ -1,8 +1,8 @@
-// The tables of an open trace: what its index and its declarations say.
+// Holds the tables of an open trace, which come from its index and its declarations.
 //
-// Owned by KLT_FileHandle, filled by the structure records, read by everything that needs a text, a
-// thread list, a component or a communicator. In every table the first entry of an id stays, id 0
-// is never stored, and whatever refers to an id that isn't there finds nothing.
+// KLT_FileHandle owns them. Structure records fill them; all modules that need a text, a thread
+// list, a component or a communicator read them. In every table the first entry of an id stays, id
+// 0 is never stored, and a reference to an unknown id finds nothing.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@
 
 struct KLT_DecoderTable;
 
-// What a file of a trace holds.
+// What a file of a trace contains.
 enum class KLT_FileType : uint8_t {
   kData = 0,
   kAnchors = 1,
@@ -29,7 +29,7 @@ enum class KLT_FileType : uint8_t {
 };
 
 struct KLT_FileEntry {
-  std::string suffix;  // behind the base name and a dot; empty for the index
+  std::string suffix;  // follows the base name and a dot; empty for the index
   uint32_t filetype = 0;
 };
 
@@ -39,7 +39,7 @@ struct KLT_Anchor {
   uint64_t offset = 0;         // in the data file
   uint64_t historyOffset = 0;  // of the records in the anchor file that belong to it
   uint64_t historyBytes = 0;
-  bool hasOffsetHistory = false;  // its records tell open scopes, counters, messages, collectives
+  bool hasOffsetHistory = false;  // has references to open scopes, counters, messages, collectives
 };
 
 // A data file with its anchors.
@@ -59,13 +59,13 @@ struct KLT_Group {
 };
 
 struct KLT_FileHandle {
-  std::string base;  // the name that the user gave
+  std::string base;  // the name given by the user
   KLT_Container* container = nullptr;
   KLT_FileEntry indexEntry;
   KLT_IdMap<std::string> strings;
   KLT_IdMap<std::unique_ptr<PAL_Triplets>> willyLists;
   KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
-  std::vector<std::unique_ptr<KLT_Component>> components;  // in order of arrival
+  std::vector<std::unique_ptr<KLT_Component>> components;  // in order of declaration
   std::unordered_map<std::string, KLT_Component*> componentKeys;
   std::vector<uint32_t> threadsPerProcess;
   KLT_IdMap<PAL_Triplets> communicators;
@@ -88,35 +88,34 @@ struct KLT_FileHandle {
   }
 };
 
-// Whether `suffix` can name a file beside the index and nothing else.
+// Whether a file with this suffix is in the directory of the index and has a printable name.
 [[nodiscard]] bool KLT_SuffixIsSafe(std::string_view suffix);
 
 // The text of a string id; null if there is none.
 [[nodiscard]] const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id);
 
-// Enters a component; ids that name nothing leave it without anchors, data file or thread list.
-// A second one with the same categories, threads and data file changes nothing.
+// Adds a component. An unknown id leaves it without anchors, data file or thread list. A second
+// component with the same categories, threads and data file is ignored.
 void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
                       uint32_t categories, uint32_t willies);
 
-// Enters a file; one that holds statistics is a component of its own too. False for an unsafe
-// suffix.
+// Adds a file. A file of statistics is also added as a component. False if the suffix is unsafe.
 [[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
                                std::string_view suffix);
 
-// Tells that the component can't be opened, with the system's text for errno.
+// Reports that the component can't be opened, with the system's text for errno.
 void KLT_ReportUnopened(const std::string& name);
-// Tells that the record `number` of the component `suffix`, at `offset`, makes no sense.
+// Reports that the record `number` of the component `suffix`, at `offset`, is invalid.
 void KLT_ReportCorrupted(const KLT_FileHandle& handle, const std::string& suffix, unsigned number,
                          uint64_t offset);
 
-// The components in the order in which streams on them stand: by bucket, then by arrival.
+// The components in the order of their streams: by bucket, then in order of declaration.
 [[nodiscard]] std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle);
 
-// The declarations file; null if the index names none.
+// The declarations file; null if the index doesn't declare one.
 [[nodiscard]] const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle);
 
-// File name of a component: the base name, a dot and the suffix, ".anc" behind it for anchors.
+// File name of a component: the base name, a dot and the suffix, followed by ".anc" for anchors.
 [[nodiscard]] std::string KLT_ComponentName(const std::string& base, const KLT_FileEntry& file,
                                             bool anchors);
 [[nodiscard]] std::string KLT_ComponentName(const KLT_FileHandle& handle, const KLT_FileEntry& file,
