@@ -18,7 +18,8 @@ bool endsWith(std::string_view name, std::string_view suffix) {
          RK_ConfigSameText(name.substr(name.size() - suffix.size()), suffix);
 }
 
-// A line of input for each line of the value, empty ones too. A line feed at the end begins none.
+// Scans each line of the value as a line of this option, empty lines too. A line feed at the end
+// doesn't start another line.
 void scanEnvironmentValue(const RK_Option& option, std::string_view value) {
   while (!value.empty()) {
     const size_t end = std::min(value.find('\n'), value.size());
@@ -35,8 +36,8 @@ void scanEnvironment() {
   }
 }
 
-// What an argument adds to its line: values with blanks are quoted, which is all that the user's
-// shell left out.
+// The text that an argument adds to its line. An argument with blanks gets quotes, because the
+// user's shell has removed those that were typed.
 std::string quoted(std::string_view argument) {
   const bool blank = argument.find_first_of(" \t\r\n") != std::string_view::npos;
   if (blank && argument.find('\'') == std::string_view::npos)
@@ -44,8 +45,8 @@ std::string quoted(std::string_view argument) {
   return std::string(argument);
 }
 
-// The step by which a table size that is too large comes down.
-uint32_t stepBelow(uint32_t value) { return value < 11 ? 1 : value < 101 ? 10 : 100; }
+// The step by which PAL_HashSize lowers a table size that is too large.
+uint32_t stepDown(uint32_t value) { return value < 11 ? 1 : value < 101 ? 10 : 100; }
 
 bool isPrime(uint32_t number) {
   for (uint64_t divisor = 2; divisor * divisor <= number; ++divisor) {
@@ -59,8 +60,8 @@ uint32_t primeFrom(uint32_t value) {
   return value;
 }
 
-// Comes down in steps of 100 as long as no prime from `value` on can be below `limit`.
-uint32_t skipTo(uint32_t value, uint32_t limit) {
+// Lowers `value` in steps of 100 while it is not below `limit`, because no prime above it can be.
+uint32_t lowerByHundreds(uint32_t value, uint32_t limit) {
   if (value < limit || value < 101) return value;
   const uint32_t toLimit = (value - limit) / 100 + 1;
   const uint32_t toSmallSteps = (value - 101) / 100 + 1;
@@ -152,11 +153,11 @@ void RK_ConfigOutputName() {
 }
 
 uint32_t PAL_HashSize(uint32_t value, uint32_t limit) {
-  value = skipTo(value, limit);
+  value = lowerByHundreds(value, limit);
   while (value > 0) {
     const uint32_t prime = primeFrom(value);
     if (prime < limit) return prime;
-    value -= stepBelow(value);
+    value -= stepDown(value);
   }
   return 1;
 }

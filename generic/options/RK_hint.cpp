@@ -1,4 +1,4 @@
-// What a user may have meant. See RK_hint.h.
+// Hints after messages about wrong options. See RK_hint.h.
 #include "generic/options/RK_hint.h"
 
 #include <algorithm>
@@ -19,7 +19,8 @@ std::string lowerCase(std::string_view text) {
   return lower;
 }
 
-// Letters to insert, remove, replace, or exchange with their neighbour.
+// The least number of letters to insert, remove, replace or exchange with their neighbour that
+// turns `a` into `b`.
 size_t distanceOf(const std::string& a, const std::string& b) {
   std::vector<size_t> beforeLast(b.size() + 1);
   std::vector<size_t> last(b.size() + 1);
@@ -37,41 +38,41 @@ size_t distanceOf(const std::string& a, const std::string& b) {
   return last[b.size()];
 }
 
-// A value behind "=" isn't part of the name.
+// The part of `keyword` before "=", in lower case: a value after "=" isn't part of the name.
 std::string nameIn(std::string_view keyword) {
   return lowerCase(keyword.substr(0, keyword.find('=')));
 }
 
-// The name that `meant`, in lower case, is most like; empty if it is like none. A short name goes
-// before a long one that is as near.
+// Finds the name that is most similar to `typed`, which is in lower case; empty if none is similar.
+// Of names at the same distance the shorter one is chosen.
 class Nearest {
  public:
-  explicit Nearest(const std::string& meant) : meant_(meant), least_(1 + meant.size() / 3) {}
+  explicit Nearest(const std::string& typed) : typed_(typed), maxDistance_(1 + typed.size() / 3) {}
 
   void consider(std::string_view candidate) {
     const std::string name = lowerCase(candidate);
-    size_t distance = distanceOf(meant_, name);
-    if (meant_.size() >= 3 && name.starts_with(meant_)) distance = std::min<size_t>(distance, 1);
+    size_t distance = distanceOf(typed_, name);
+    if (typed_.size() >= 3 && name.starts_with(typed_)) distance = std::min<size_t>(distance, 1);
     const bool isShorter = nearest_.empty() || name.size() < nearest_.size();
-    if (distance > least_ || (distance == least_ && !isShorter)) return;
-    least_ = distance;
+    if (distance > maxDistance_ || (distance == maxDistance_ && !isShorter)) return;
+    maxDistance_ = distance;
     nearest_ = candidate;
   }
   [[nodiscard]] const std::string& name() const { return nearest_; }
 
  private:
-  const std::string& meant_;
-  size_t least_;  // no more letters may differ
+  const std::string& typed_;
+  size_t maxDistance_;  // a candidate with a larger distance isn't chosen
   std::string nearest_;
 };
 
-constexpr size_t kLongest = 64;
+constexpr size_t kMaxLength = 64;  // of a word that is compared with names
 
-// The category that `word` is most like; empty if it is like none.
+// The category that is most similar to `word`; empty if none is similar.
 std::string nearestCategory(std::string_view word) {
-  const std::string meant = lowerCase(word);
-  if (meant.size() > kLongest) return {};
-  Nearest nearest(meant);
+  const std::string typed = lowerCase(word);
+  if (typed.size() > kMaxLength) return {};
+  Nearest nearest(typed);
   for (const std::string_view name : RK_ConfigCategories()) nearest.consider(name);
   return nearest.name();
 }
@@ -79,18 +80,18 @@ std::string nearestCategory(std::string_view word) {
 }  // namespace
 
 void RK_HintOption(std::string_view keyword, bool hasDashes) {
-  const std::string meant = nameIn(keyword);
-  if (meant.empty() || meant.size() > kLongest) return;
+  const std::string typed = nameIn(keyword);
+  if (typed.empty() || typed.size() > kMaxLength) return;
   if (!hasDashes && RK_ConfigFindOption(keyword) != nullptr) {
-    std::fprintf(stderr, "An option begins with two dashes: --%s\n", meant.c_str());
+    std::fprintf(stderr, "An option begins with two dashes: --%s\n", typed.c_str());
     return;
   }
-  Nearest nearest(meant);
+  Nearest nearest(typed);
   for (const RK_Option& option : RK_ConfigOptions()) nearest.consider(option.key);
   if (nearest.name().empty()) return;
   const std::string name = lowerCase(nearest.name());
-  // Of a name that is right, what follows it at once is wrong.
-  const bool isValued = keyword.find('=') != std::string_view::npos || name == meant;
+  // If the name is right, the mistake is what follows it without a blank.
+  const bool isValued = keyword.find('=') != std::string_view::npos || name == typed;
   std::fprintf(stderr, "Did you mean --%s%s?\n", name.c_str(), isValued ? " VALUE" : "");
 }
 

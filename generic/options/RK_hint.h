@@ -1,19 +1,20 @@
-// What a user may have meant: help that stands behind the message about a wrong option.
+// Hints on standard error that follow the message about a wrong option: what the user may have
+// meant.
 #pragma once
 
 #include <span>
 #include <string>
 #include <string_view>
 
-// On standard error, the option that `keyword` is most like; nothing if it is like none. A word
-// that is an option, but for the dashes in front, is told that they are missing.
+// Names the option that is most similar to `keyword`, or nothing if no option is similar. If
+// `keyword` is an option without its two dashes, the hint says that they are missing.
 void RK_HintOption(std::string_view keyword, bool hasDashes);
-// On standard error, how `value`, which has blanks in it, is given to the option `keyword`: as an
-// argument of its own, or in quotes in the option's environment variable.
+// Shows how to write `value`, which contains blanks, as the value of the option `keyword`: as one
+// argument, or in quotes in the option's environment variable.
 void RK_HintQuotes(std::string_view keyword, std::string_view value, bool isEnvironment);
-// On standard error, that `text` selects nothing in a request because it stands in quotes.
+// Says that `text` selects nothing in a request because it is quoted.
 void RK_HintNoQuotes(std::string_view keyword, std::string_view text, bool isEnvironment);
-// On standard error, what `words` in a request, which select nothing, may have meant, one line
-// each; they are allowed, but rarely wanted. Behind them the forms that a request may have, if a
-// word is like no category or if `isBroken`: a part of the request could not be read.
+// Says for each of `words`, unquoted words of a request that select nothing, which category may
+// have been meant. Such words are allowed, but rarely intended. The forms of a request follow if a
+// word is similar to no category or if `isBroken`: a part of the request could not be read.
 void RK_HintRequest(std::span<const std::string> words, bool isBroken);

@@ -49,7 +49,7 @@ constexpr RK_Option kOptions[] = {
     {"VERBOSE", Type::level, &RK_Conf::verbose, 1},
 };
 
-// What the trace collector understands beside the options above.
+// Keywords of the trace collector that klttool refuses.
 constexpr const char* kRefused[] = {"ACTIVITY",
                                     "ALL-FRAME",
                                     "ALL-PROCS-FRAME",
@@ -185,7 +185,7 @@ void assignPreset(const RK_Option& option) {
   }
 }
 
-// Category bits whose names are words of a request.
+// The bits of the categories that a request can name.
 constexpr unsigned kFirstCategory = 2;
 constexpr unsigned kCategoriesEnd = 16;
 

@@ -1,8 +1,8 @@
-// The options: one table, one value store.
+// The table of options and the store of their values.
 //
 // Every behaviour that a user can choose is a row of the option table and a member of RK_conf.
-// RK_conf.h fills the store during start-up. Afterwards only the start of an operation reads it,
-// and hands every module what it needs.
+// RK_conf.h fills the store during start-up. Afterwards only the start of an operation reads it and
+// passes each module the values that it needs.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,13 @@
 
 #include "util/triplets/pal_triplets.h"
 
-// One REQUEST as the user wrote it: times in seconds, or in ticks with TICKS.
+// A quoted text or an unknown word of a request.
 struct RK_RequestText {
   std::string text;
   bool isQuoted;
 };
 
+// One REQUEST as the user wrote it: times in seconds, or in ticks with TICKS.
 struct RK_Request {
   uint32_t categories = 0;  // one bit per category; 0 means all
   PAL_Triplets triplets;    // threads; empty means all
@@ -65,8 +66,8 @@ struct RK_Conf {
   int32_t ticks;
   int32_t verbose;  // 0 nothing, 1 one final message, 2 progress, 3 detail
 
-  // Whether a source named the option with something behind it, even an invalid value. The other
-  // options' flags would be read by nobody.
+  // Whether any source gave the option a value, even an invalid one. No other option needs such a
+  // flag.
   bool logfile_format_set;
   bool logfile_name_set;
   bool match_hashsize_set;
@@ -75,11 +76,11 @@ struct RK_Conf {
   int32_t output_format;       // 0 text, 1 binary
   int32_t output_single_file;  // 1: all components in one file
 
-  std::string progname;     // ours, as RK_ConfigInit was told
-  std::string current_dir;  // working directory at start-up; empty if it can't be told
-  std::string echo;         // what the sources hold beside lines; the driver passes it on
+  std::string progname;     // the program's name, set by RK_ConfigInit
+  std::string current_dir;  // working directory at start-up; empty if it is unknown
+  std::string echo;  // characters of the sources that belong to no option; kltt_main prints them
 
-  // Settings that no keyword changes.
+  // Settings without a keyword.
   static constexpr int32_t counter_hashsize = 13;
   static constexpr int32_t mem_blocksize = 2097152;  // bytes, of the merge's buffers
 };
@@ -112,10 +113,11 @@ struct RK_Option {
 [[nodiscard]] std::span<const RK_Option> RK_ConfigOptions();
 // Keywords that are known but refused here.
 [[nodiscard]] std::span<const char* const> RK_ConfigRefusedKeys();
-// The row of a key in any mix of case, or null. The refused key as the table spells it, or null.
+// Both look up a key in any mix of case: the row of an option, or the refused keyword as the table
+// spells it. Null if there is none.
 [[nodiscard]] const RK_Option* RK_ConfigFindOption(std::string_view key);
 [[nodiscard]] const char* RK_ConfigFindRefused(std::string_view key);
-// Whether two texts differ in case at most.
+// Whether two texts are equal if case is ignored.
 [[nodiscard]] bool RK_ConfigSameText(std::string_view a, std::string_view b);
 // The name of the option's environment variable.
 [[nodiscard]] std::string RK_ConfigEnvironmentName(const char* key);
@@ -123,7 +125,7 @@ struct RK_Option {
 // Assigns the defaults of the table and clears everything else.
 void RK_ConfigDefaults();
 
-// The words of a request for the categories that an extraction writes events of.
+// The names, as used in a request, of the categories whose events an extraction writes.
 [[nodiscard]] std::vector<std::string_view> RK_ConfigCategories();
-// The bit of the category that is called `text`, or 0.
+// The bit of the category named `text`, or 0.
 [[nodiscard]] uint32_t RK_ConfigCategoryBit(std::string_view text);

@@ -1,6 +1,6 @@
 // Scanner and parser of configuration lines. See RK_scan.h.
 //
-// The grammar in short; a line is read with blanks and a CR at its end taken off.
+// The grammar in short. Blanks and a CR at the end of a line are removed first.
 //
 //   line     = "" | "#"... | "INFO" blanks... | keyword [blanks value]
 //   word     = printable characters but " ' < > ` { }
@@ -12,8 +12,8 @@
 //   triplet  = number {":" number}, four at most, number = integer | "N"
 //   window   = time ":" time                    name: letters and "_"
 //
-// Of the items of a request the longest match counts, and the first in the order above among
-// equals: 10:20 is a triplet, 10s:20 a window.
+// Of the items of a request the longest match is taken; if several are equally long, the first in
+// the order above: 10:20 is a triplet, 10s:20 a window.
 #include "generic/options/RK_scan.h"
 
 #include <algorithm>
@@ -38,7 +38,7 @@ bool isWordCharacter(char c) {
   return c > ' ' && c <= '~' && std::string_view("\"'<>`{}").find(c) == std::string_view::npos;
 }
 
-// Length of the run of characters that `test` accepts, from `from` on.
+// The number of consecutive characters from `from` on that `test` accepts.
 template <class Test>
 size_t runLength(std::string_view text, size_t from, Test test) {
   size_t end = from;
@@ -46,7 +46,7 @@ size_t runLength(std::string_view text, size_t from, Test test) {
   return end - from;
 }
 
-// The matchers: length of the longest match at the start of `text`, 0 for none.
+// The matchers return the length of the longest match at the start of `text`, 0 for none.
 
 size_t matchWord(std::string_view text) { return runLength(text, 0, isWordCharacter); }
 
@@ -74,7 +74,7 @@ size_t matchTimePart(std::string_view text) {
     const size_t exponent = matchSignedDigits(text.substr(end + 1), "+-");
     if (exponent > 0) end += 1 + exponent;
   }
-  // Capital letters are taken for units here, so that RK_ConfigParseTime can warn of them.
+  // Capital letters match as units here, so that RK_ConfigParseTime can warn about them.
   if (end < text.size() &&
       std::string_view("SLCMHDW").find(PAL_ToUpper(text[end])) != std::string_view::npos)
     ++end;
@@ -115,7 +115,7 @@ size_t matchTriplet(std::string_view text) {
 
 size_t matchName(std::string_view text) { return runLength(text, 0, isNameCharacter); }
 
-// Readers of whole values. Each says whether `text` is one.
+// The readers of values return false if `text` as a whole isn't a value of their type.
 
 bool readBoolean(std::string_view text, int32_t* value) {
   const bool on = RK_ConfigSameText(text, "on") || RK_ConfigSameText(text, "true");
@@ -150,7 +150,7 @@ bool readTime(std::string_view text, double* value) {
   return true;
 }
 
-// A file name here is the output's.
+// A file name as the value is the name of the output.
 bool readToggleOrFile(std::string_view text, int32_t* value) {
   if (readBoolean(text, value)) return true;
   if (!readString(text, &RK_conf.logfile_name)) return false;
@@ -172,7 +172,7 @@ void takeQuoted(RK_Request& request, std::string_view text) {
 }
 
 void takeTriplet(RK_Request& request, std::string_view text) {
-  constexpr int32_t kHighestProcess = 0;  // of the group that the tool forms, not of the trace
+  constexpr int32_t kHighestProcess = 0;  // of klttool's own processes, not of the trace's
   PAL_Triplet triplet{};
   if (PAL_TripletParse(std::string(text).c_str(), kHighestProcess, &triplet.first, &triplet.last,
                        &triplet.stride) != 0)
@@ -205,7 +205,7 @@ constexpr RequestItem kRequestItems[] = {{&matchQuoted, &takeQuoted},
                                          {&matchTime, &takeTime},
                                          {&matchName, &takeName}};
 
-// Takes in what it can and returns the rest.
+// Adds the items of `text` to `request` and returns the rest, from the first invalid item on.
 std::string_view readRequest(std::string_view text, RK_Request& request) {
   while (!text.empty()) {
     if (text[0] == ' ' || text[0] == ',') {
@@ -228,7 +228,7 @@ std::string_view readRequest(std::string_view text, RK_Request& request) {
   return text;
 }
 
-// A line that is being read, for the messages.
+// The line that is being read, for messages about it.
 struct Line {
   RK_ScanMode mode;
   size_t number;
@@ -301,22 +301,22 @@ bool readValue(const RK_Option& option, std::string_view value) {
   return readString(value, &(RK_conf.*std::get<std::string RK_Conf::*>(option.field)));
 }
 
-// Whether the option takes texts that may well have blanks in them.
+// Whether the option's value is a free text, which may contain blanks.
 bool takesFreeText(const RK_Option& option) {
   return option.type == RK_OptionType::toggleOrFile ||
          (option.type == RK_OptionType::string && option.set != &RK_Conf::logfile_format_set);
 }
 
-// Quotes help with blanks. What else a word can't hold, a quoted text can't hold either.
+// Advises quotes if they help: they allow blanks, but no other character that a word can't have.
 void adviseOnText(const Line& line, std::string_view value) {
   const bool isQuotable = std::all_of(value.begin(), value.end(),
                                       [](char c) { return isWordCharacter(c) || isBlank(c); });
   if (isQuotable) RK_HintQuotes(line.keyword, value, line.mode == RK_ScanMode::environment);
 }
 
-// Whether a quoted text looks like what selects something without quotes: it has a window or a
-// category among its words, or nothing but threads.
-bool looksSelective(std::string_view text) {
+// Whether a quoted text would select something without its quotes: one of its words is a window or
+// a category, or all of them are threads.
+bool wouldSelectUnquoted(std::string_view text) {
   bool hasThreads = false;
   bool hasOthers = false;
   while (!text.empty()) {
@@ -337,7 +337,7 @@ void adviseOnRequest(const Line& line, const RK_Request& request, bool isBroken)
   for (const RK_RequestText& type : request.types) {
     if (!type.isQuoted)
       words.push_back(type.text);
-    else if (looksSelective(type.text))
+    else if (wouldSelectUnquoted(type.text))
       RK_HintNoQuotes(line.keyword, type.text, line.mode == RK_ScanMode::environment);
   }
   RK_HintRequest(words, isBroken);
@@ -366,8 +366,8 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   return false;
 }
 
-// Characters at the start of a line that can't start a word belong to no line: they are passed
-// through, and what follows them is no keyword.
+// A line whose first characters can't start a word. They are copied to RK_conf.echo, and the word
+// after them isn't accepted as a keyword.
 bool readStrayLine(Line& line, std::string_view text) {
   const size_t stray = runLength(text, 0, [](char c) { return !isWordCharacter(c); });
   RK_conf.echo += text.substr(0, stray);
@@ -377,14 +377,14 @@ bool readStrayLine(Line& line, std::string_view text) {
   return false;
 }
 
-// The refused keyword at the start of `text` as the table spells it, or null. Two of them are a
-// pair of words.
+// The refused keyword `word`, as the table spells it, or null. Two refused keywords are pairs of
+// words: "INFO" and the first word of `rest`.
 const char* findRefused(std::string_view word, std::string_view rest) {
   if (!RK_ConfigSameText(word, "INFO")) return RK_ConfigFindRefused(word);
   return RK_ConfigFindRefused("INFO " + std::string(rest.substr(0, matchWord(rest))));
 }
 
-std::string_view withoutEnd(std::string_view text) {
+std::string_view trimmedEnd(std::string_view text) {
   const auto trim = [&] {
     while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
   };
@@ -398,7 +398,7 @@ std::string_view withoutEnd(std::string_view text) {
 
 bool RK_ScanLine(std::string_view text, RK_ScanMode mode, size_t number) {
   Line line{mode, number, {}};
-  text = withoutEnd(text);
+  text = trimmedEnd(text);
   if (text.empty() || text[0] == '#') return true;
   const size_t length = matchWord(text);
   if (length == 0) return readStrayLine(line, text);

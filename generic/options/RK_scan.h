@@ -1,28 +1,28 @@
 // Reads configuration lines into RK_conf.
 //
-// One grammar serves the configuration file, the environment and the command line: a keyword in the
-// first column and a value of the option's type behind it. What can't be used is reported here, by
-// PAL_Error or PAL_Warning. The table of options is RK_options's, the passes are RK_conf's.
+// The configuration file, the environment and the command line share one grammar: a keyword in the
+// first column, followed by a value of the option's type. Invalid input is reported here, by
+// PAL_Error or PAL_Warning. RK_options has the table of options, RK_conf the passes.
 #pragma once
 
 #include <cstddef>
 #include <string_view>
 
-// Where a text comes from: the configuration file, the environment, the command line. Messages
-// speak of the latter two alike, advice doesn't.
+// Where a text comes from: the configuration file, the environment or the command line. The latter
+// two have the same messages, but different hints.
 enum class RK_ScanMode { config, environment, parameter };
 
-// Reads one line, without its line feed. `number` is shown in messages of mode config. False if the
-// line counts as a failure of its source.
+// Reads one line, without its line feed. Messages of mode config show `number`. Returns false if
+// the line makes its source fail.
 [[nodiscard]] bool RK_ScanLine(std::string_view line, RK_ScanMode mode, size_t number);
 
-// Reads an option of the command line with its values. A line break can be part of neither; taken
-// apart there, a value could bring in an option of its own.
+// Reads an option of the command line with its values. A line break anywhere in `line` is an error:
+// if the text were split there, a value could introduce another option.
 [[nodiscard]] bool RK_ScanArguments(std::string_view line);
 
 // Reads all lines of a text, counted from 1. False if any line failed.
 [[nodiscard]] bool RK_ScanText(std::string_view text, RK_ScanMode mode);
 
-// Seconds of a time such as "1h+30m": the sum of the pieces between "+", each with its unit. A
-// piece that ends in anything but a digit or a unit letter is warned of and adds nothing.
+// The seconds of a time such as "1h+30m": the sum of the pieces between "+", each with its unit. A
+// piece that ends in neither a digit nor a unit letter causes a warning and adds nothing.
 [[nodiscard]] double RK_ConfigParseTime(const char* text);

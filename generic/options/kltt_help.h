@@ -1,6 +1,6 @@
-// What the program says about itself: banner, version, usage and the help text.
+// The texts with which the program describes itself: banner, version, usage and help.
 //
-// The wording lives here; the driver (kltt_main) decides when it is said and where it goes.
+// kltt_main decides when and where they are printed.
 #pragma once
 
 #include <string>
@@ -15,5 +15,5 @@
 // The three ways to call the program.
 [[nodiscard]] std::string_view KLTT_UsageText();
 
-// The whole text of --help behind the banner.
+// The text of --help, without the banner before it.
 [[nodiscard]] std::string_view KLTT_HelpText();
