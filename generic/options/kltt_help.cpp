@@ -11,7 +11,7 @@ constexpr std::string_view kUsage =
     "               --help\n"
     "               --version\n";
 
-// Lines are shorter than 80 columns. Every paragraph of "Supported Directives" starts with the
+// Lines have at most 80 columns. Every paragraph of "Supported Directives" starts with the
 // directive as the user writes it and its default.
 constexpr std::string_view kHelp = R"HELP(Synopsis
 ========

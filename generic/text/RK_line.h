@@ -1,9 +1,9 @@
-// Forming a line of text right in the buffer of an RK_Output.
+// RK_Line formats a line of text directly in the buffer of an RK_Output.
 //
 // A line writer makes an RK_Line, appends its fields, and ends it. Fields of bounded size are
-// written without a look at the buffer's end: an RK_Output has kSlack bytes behind its limit for
-// them. What may be longer (texts, lists) goes through text(const char*) or calls room() after each
-// item. Numbers come out as printf writes them, in the C locale.
+// written without a check for the buffer's end: an RK_Output has kSlack bytes for them after its
+// limit. Unbounded fields are written by text(const char*), or call room() after each item of a
+// list. Numbers look as printf writes them in the C locale.
 #pragma once
 
 #include <bit>
@@ -13,8 +13,8 @@
 
 #include "generic/text/RK_output.h"
 
-// The eight decimal digits of `value`, which is below 10^8, as a word whose first byte in memory is
-// the highest digit: two four-digit halves are split side by side into pairs and into digits.
+// The eight decimal digits of `value`, which is below 10^8, one in each byte of the result; the low
+// byte has the highest digit. Both four-digit halves are split at once into pairs and then digits.
 inline uint64_t RK_EightDigits(uint32_t value) {
   const uint64_t halves = value / 10000 | (uint64_t{value % 10000} << 32);
   const uint64_t high = ((halves * 10486) >> 20) & 0x7f0000007fULL;  // divided by 100
@@ -23,7 +23,7 @@ inline uint64_t RK_EightDigits(uint32_t value) {
   return tens + ((pairs - 10 * tens) << 8);
 }
 
-// Stores eight bytes at `p`, the first one from the low end of `word`.
+// Stores the eight bytes of `word` at `p`, the low byte first.
 inline void RK_StoreEight(char* p, uint64_t word) {
   if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
   memcpy(p, &word, sizeof word);
@@ -31,10 +31,11 @@ inline void RK_StoreEight(char* p, uint64_t word) {
 
 inline constexpr uint64_t kEightZeros = 0x3030303030303030ULL;
 
-// Write `value` in decimal at `p` and return the end; up to 8 bytes behind it are overwritten.
+// The following functions write `value` in decimal at `p` and return the end of the digits. Up to 8
+// bytes after the end are overwritten.
 inline char* RK_PutBelow1e8(char* p, uint32_t value) {
   const uint64_t digits = RK_EightDigits(value);
-  // Leading zeros are dropped by the byte, but for the last digit.
+  // Shifts leading zeros out, but never the last digit.
   const int skipped = std::countr_zero(digits | (uint64_t{1} << 56)) / 8;
   RK_StoreEight(p, (digits + kEightZeros) >> (8 * skipped));
   return p + 8 - skipped;
@@ -42,16 +43,17 @@ inline char* RK_PutBelow1e8(char* p, uint32_t value) {
 
 inline constexpr uint32_t k1e8 = 100000000;
 
-// Eight digits, with leading zeros.
+// Always eight digits, with leading zeros.
 inline char* RK_PutEight(char* p, uint32_t value) {
   RK_StoreEight(p, RK_EightDigits(value) + kEightZeros);
   return p + 8;
 }
 
-// Most numbers of a line are small, and a field tends to keep its length from line to line.
+// Branches on the length of the number: most numbers of a line are small, and a field often has the
+// same length in successive lines, so the branches are predicted well.
 inline char* RK_PutU32(char* p, uint32_t value) {
   if (value < 100) {
-    // The second digit goes over the first one if that is a zero.
+    // A leading zero is overwritten by the second digit.
     const uint32_t tens = value * 103 >> 10;
     p[0] = static_cast<char>('0' + tens);
     p += tens != 0;
@@ -75,7 +77,7 @@ inline char* RK_PutU64(char* p, uint64_t value) {
   return RK_PutEight(RK_PutEight(p, static_cast<uint32_t>(high % k1e8)), low);
 }
 
-// The four digits of `value`, which is below 10^4.
+// Always four digits. `value` is below 10^4.
 inline char* RK_PutFour(char* p, uint32_t value) {
   const uint32_t high = value * 5243 >> 19;  // divided by 100
   const uint32_t pairs = (value - 100 * high) << 16 | high;
@@ -90,7 +92,7 @@ class RK_Line {
  public:
   explicit RK_Line(RK_Output* output) : output_(output), p_(output->pos) {}
 
-  // Fixed text. Only for literals: the terminator isn't written.
+  // Fixed text. Only for literals, whose terminator isn't written.
   template <size_t N>
   RK_Line& fixed(const char (&literal)[N]) {
     memcpy(p_, literal, N - 1);
@@ -107,7 +109,7 @@ class RK_Line {
     return *this;
   }
 
-  // Signed readings of the same bits.
+  // `value` as a signed number in two's complement.
   RK_Line& i64(uint64_t value) {
     if (value >> 63) [[unlikely]] {
       *p_++ = '-';
@@ -123,8 +125,9 @@ class RK_Line {
     return u32(value);
   }
 
-  // The time that a line begins with, signed. Lines come in order of time, so that all but the last
-  // digits are most often those of the line before, and where the next field begins is known early.
+  // The time at the start of a line, signed. Lines are in order of time, so all digits but the last
+  // four are usually those of the previous line and are copied from it. The position of the next
+  // field is then known before the last digits are computed.
   RK_Line& time(uint64_t value) {
     const uint64_t high = value / 10000;
     if (high == output_->timeHigh && high != 0) [[likely]] {
@@ -136,7 +139,8 @@ class RK_Line {
       return i64(value);
     char* const begin = p_;
     u64(value);
-    if (high != 0 && value >> 62 == 0) {  // no negative value has the same leading digits
+    // Times from 2^62 on aren't kept, so that a negative value never equals `timeHigh`.
+    if (high != 0 && value >> 62 == 0) {
       output_->timeHigh = high;
       output_->timeDigits = static_cast<size_t>(p_ - begin) - 4;
       memcpy(output_->timeText, begin, sizeof output_->timeText);
@@ -144,7 +148,7 @@ class RK_Line {
     return *this;
   }
 
-  // As %G does.
+  // The same as printf's %G.
   RK_Line& real(double value) {
     char* const end = std::to_chars(p_, p_ + 64, value, std::chars_format::general, 6).ptr;
     for (; p_ != end; p_++) {
@@ -153,7 +157,7 @@ class RK_Line {
     return *this;
   }
 
-  // Text of any length; null shows as "(null)". With `oneLine`, newlines become blanks.
+  // Text of any length; null is written as "(null)". With `oneLine`, newlines become blanks.
   RK_Line& text(const char* text, bool oneLine = false) {
     p_ = appendText(output_, p_, text, oneLine);
     return *this;
@@ -166,14 +170,15 @@ class RK_Line {
     return *this;
   }
 
-  // To be called at least once in each RK_Output::kSlack / 2 bytes of a list.
+  // Makes room in the buffer. Must be called at least once in each RK_Output::kSlack / 2 bytes of a
+  // list.
   RK_Line& room() {
     if (p_ >= output_->limit) [[unlikely]]
       p_ = drain(output_, p_);
     return *this;
   }
 
-  // Ends the line and hands it to the output. 0, or 1 if the output has failed.
+  // Ends the line and passes it to the output. Returns 0, or 1 if the output has failed.
   int end() {
     *p_++ = '\n';
     output_->pos = p_;
@@ -183,7 +188,7 @@ class RK_Line {
   }
 
  private:
-  // Both take and return the write position, so that it can live in a register.
+  // Both take and return the write position, so that the compiler can keep it in a register.
   static char* appendText(RK_Output* output, char* p, const char* text, bool oneLine);
   static char* drain(RK_Output* output, char* p);
 

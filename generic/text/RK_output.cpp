@@ -1,4 +1,4 @@
-// Buffered text output through virtual descriptors, with a sticky failure per output.
+// Buffered text output through virtual descriptors. See RK_output.h.
 #include "generic/text/RK_output.h"
 
 #include <fcntl.h>
@@ -19,7 +19,8 @@ namespace {
 
 constexpr mode_t kFileMode = 0666;
 
-// Outputs that are open, in the order of opening. Never destroyed: the process may end anywhere.
+// The open outputs, in the order of opening. It is never destroyed, because the process may exit
+// anywhere and still closes its outputs.
 struct Registry {
   std::vector<RK_Output*> open;
   bool anyFailed = false;
@@ -39,7 +40,7 @@ std::unique_ptr<RK_Output> makeOutput(std::string_view name) {
   return output;
 }
 
-RK_Output* enterOutput(std::unique_ptr<RK_Output> output) {
+RK_Output* registerOutput(std::unique_ptr<RK_Output> output) {
   registry().open.push_back(output.get());
   return output.release();
 }
@@ -47,10 +48,10 @@ RK_Output* enterOutput(std::unique_ptr<RK_Output> output) {
 RK_Output* openStandard(const char* name, int descriptor) {
   std::unique_ptr<RK_Output> output = makeOutput(name);
   output->standard = descriptor;
-  return enterOutput(std::move(output));
+  return registerOutput(std::move(output));
 }
 
-// Reports the first failure, by errno.
+// Marks the output as failed and reports the error in errno, once for each output.
 void fail(RK_Output* output) {
   if (output->failed) return;
   output->failed = true;
@@ -68,7 +69,7 @@ void writeBytes(RK_Output* output, size_t bytes) {
   }
 }
 
-// Flushes and gives the descriptor back.
+// Flushes the output and closes its descriptor.
 void complete(RK_Output* output) {
   RK_OutputFlush(output);
   if (output->vfd >= 0 && Vfd_Close(output->vfd) < 0) fail(output);
@@ -90,11 +91,11 @@ RK_Output* RK_Stderr() {
 RK_Output* RK_OutputOpen(const char* path, const char* directory) {
   const int vfd = PAL_OpenInDir(directory, path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
   if (vfd < 0) return nullptr;
-  // A path may name a pipe, which couldn't be opened a second time.
+  // Stays open all the time: the path may name a pipe, which can't be opened a second time.
   Vfd_Pin(vfd, 1);
   std::unique_ptr<RK_Output> output = makeOutput(path);
   output->vfd = vfd;
-  return enterOutput(std::move(output));
+  return registerOutput(std::move(output));
 }
 
 int RK_OutputFlush(RK_Output* output) {

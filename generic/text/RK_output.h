@@ -1,10 +1,9 @@
-// Text output: a descriptor and a buffer that goes out in writes of 256 KiB.
+// RK_Output is a text output: a descriptor and a buffer, which is written in blocks of 256 KiB.
 //
-// Every byte of text that the tool prints for the user (trace text, listings, help) passes through
-// an RK_Output; stdio isn't used beside it, so the order on standard output is the order of the
-// calls. A failure is sticky: it is reported once, later text is dropped, and the exit status of
-// the process becomes 1 (kltt_exit). Line writers (RK_line.h) form their bytes in the buffer
-// itself.
+// All text for the user (trace text, listings, help) goes through an RK_Output. stdio isn't used as
+// well, so the text on standard output is in the order of the calls. A failure is sticky: it is
+// reported once, later text is dropped, and the exit status of the process becomes 1 (kltt_exit).
+// Line writers (RK_line.h) format their text in the buffer itself.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +12,8 @@
 #include <string_view>
 
 struct RK_Output {
-  // Size of a write, and the room behind it that a line writer may fill before it looks again.
+  // The bytes of one write, and the bytes after them that a line writer may fill before it has to
+  // check for the end of the buffer.
   static constexpr size_t kBlock = size_t{256} * 1024;
   static constexpr size_t kSlack = 4096;
 
@@ -22,33 +22,34 @@ struct RK_Output {
   std::unique_ptr<char[]> buffer;
   std::string name;      // "stdout" or the file's name, for the message
   int vfd = -1;          // virtual descriptor; -1 while there is none
-  int standard = -1;     // the standard descriptor that it stands for, -1 if it is a file
+  int standard = -1;     // STDOUT_FILENO or STDERR_FILENO; -1 for a file
   bool failed = false;   // a write, flush or close failed
-  bool extended = true;  // RK_rkf writes all lines and parts that it has
+  bool extended = true;  // RK_rkf writes lines and parts marked [extended]
 
-  // The digits of the last line's time but for the last four (RK_line.h).
+  // The time of the last line without its last four digits, as a number and as text (RK_line.h).
   uint64_t timeHigh = 0;
   size_t timeDigits = 0;
   char timeText[16] = {};
 };
 
-// The process's standard output. Lives to the end of the process.
+// The process's standard output. Exists until the end of the process.
 [[nodiscard]] RK_Output* RK_Stdout();
-// Standard error as a place for listings while standard output carries a trace. Buffered like the
-// others, so messages don't go through it.
+// Standard error, for listings while the trace goes to standard output. It is buffered, so messages
+// don't use it.
 [[nodiscard]] RK_Output* RK_Stderr();
 
-// Creates or empties a file, its path taken from `directory` (null: the working directory). Null if
-// that fails, with errno. To be closed with RK_OutputClose.
+// Creates or empties a file. A relative path starts at `directory` (null: the working directory).
+// Returns null and sets errno if that fails. The caller closes the output with RK_OutputClose.
 [[nodiscard]] RK_Output* RK_OutputOpen(const char* path, const char* directory = nullptr);
 
-// Hands over what is buffered. 0, or 1 if the output has failed, now or earlier.
+// Writes the buffered text. Returns 0, or 1 if the output has failed, now or earlier.
 int RK_OutputFlush(RK_Output* output);
 
-// Flushes, closes and frees. 0, or 1 if the output has failed. Standard ones stay usable.
+// Flushes, closes and frees. Returns 0, or 1 if the output has failed. RK_Stdout and RK_Stderr
+// remain usable.
 int RK_OutputClose(RK_Output* output);
 
-// Closes every open output as RK_OutputClose does, for the end of the process. 0, or 1 if any
+// Closes every open output with RK_OutputClose, at the end of the process. Returns 0, or 1 if any
 // output of this process has failed.
 int RK_OutputCloseAll();
 
@@ -59,5 +60,6 @@ void RK_OutputWrite(RK_Output* output, std::string_view text);
 void RK_OutputPrintf(RK_Output* output, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
-// Writes out the whole blocks of a buffer that has been filled beyond `limit`; for line writers.
+// For line writers: writes the block of a buffer that is filled up to or beyond `limit`, and keeps
+// the rest.
 void RK_OutputDrain(RK_Output* output);

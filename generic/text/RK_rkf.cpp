@@ -1,4 +1,4 @@
-// The line writers of RKF. Each function is the format of its line, read from left to right.
+// The line writers of RKF. Each function appends the parts of its line from left to right.
 #include "generic/text/RK_rkf.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ int finish(RK_Line& line, uint32_t scl) {
   return line.end();
 }
 
-// The 64-bit value of an integer counter: both halves, the high one first.
+// The 64-bit value of an integer counter as two 32-bit halves, the high one first.
 void putHalves(RK_Line& line, uint64_t value) {
   line.fixed(" ").u32(static_cast<uint32_t>(value >> 32));
   line.fixed(" ").u32(static_cast<uint32_t>(value));
@@ -82,7 +82,7 @@ void putArray(RK_Line& line, const char (&keyword)[N], const uint32_t* values, u
   for (uint32_t i = 0; i < n; i++) line.fixed(" ").u32(values[i]).room();
 }
 
-// The values of the members that took part, the others as unknown.
+// The values of the members with a known start; "UNKNOWN" for the others.
 void putTimes(RK_Line& line, const uint64_t* starts, const uint64_t* values, uint64_t offset,
               uint32_t n) {
   for (uint32_t i = 0; i < n; i++) {
@@ -189,7 +189,7 @@ int RK_WriteFileToken(RK_Output* out, uint32_t file, const char* name) {
 
 int RK_WriteScl(RK_Output* out, uint32_t scl, uint32_t n, const uint32_t* files,
                 const uint32_t* lines) {
-  // Whatever has the top bit set shows as -1.
+  // A value with the top bit set is written as -1.
   const auto shown = [](uint32_t value) { return value >> 31 ? ~uint32_t{0} : value; };
   RK_Line line(out);
   line.fixed("DEFSCL ").i32(scl).fixed(" NLOCS ").i32(n).fixed(" LOCS");

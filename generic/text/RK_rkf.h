@@ -1,11 +1,11 @@
-// The lines of RKF, the text form of a trace: one function for each kind of line.
+// Writes the lines of RKF, the text form of a trace: one function for each kind of line.
 //
-// Every writer takes the output first and then the values in the order of the line; it returns 0,
-// or 1 once the output has failed. Values are passed as the trace has them: the writers add the 1
-// that the text wants for threads, processes and some ids, leave out a source location (SCL) of 0
-// or 0x7fffffff, and show a missing text as "(null)". A time stamp is the value of RK_SinkTime,
-// shown signed unless a writer says otherwise. Lines and parts marked [extended] appear only where
-// the output is `extended`.
+// Every writer takes the output first and then the values in the order of the line. It returns 0,
+// or 1 once the output has failed. Values are passed as the trace stores them. The writers add 1 to
+// threads, processes and some ids, which the text counts from 1; leave out a source location (SCL)
+// of 0 or 0x7fffffff; and write a missing text as "(null)". A time stamp is the value of
+// RK_SinkTime, signed unless a comment says otherwise. Lines and parts marked [extended] are only
+// written if the output is `extended`.
 #pragma once
 
 #include <cstdint>
@@ -25,11 +25,11 @@ struct RK_MessageSide {
   uint32_t function;
 };
 
-// Both sides of a message, in the order of its record.
+// Both sides of a message, with the fields in the order of its record.
 struct RK_Message {
   uint64_t time;
   uint32_t sender;
-  int64_t receiveTime;  // from `time` on, or one of the values for a side that isn't known
+  int64_t receiveTime;  // relative to `time`, or one of the values for an unknown side
   uint32_t receiver;
   uint32_t communicator;
   uint32_t size;
@@ -55,13 +55,13 @@ struct RK_OperationPart {
 // A collective operation with the parts of all members.
 struct RK_Collective {
   uint64_t time;
-  uint32_t kind;  // a klt::CollopKind, or none
+  uint32_t kind;  // a klt::CollopKind; other values are written as UNDEFINED
   uint32_t operation;
   uint32_t communicator;
   uint32_t root;           // or klt::kNoRoot
-  uint32_t rootBytes;      // not shown
-  uint32_t n;              // of elements in each array
-  const uint64_t* starts;  // from `time` on
+  uint32_t rootBytes;      // not written
+  uint32_t n;              // number of elements in each array
+  const uint64_t* starts;  // relative to `time`
   const uint64_t* deltas;
   const uint32_t* sent;  // these may be null
   const uint32_t* received;
@@ -83,8 +83,8 @@ int RK_WriteScl(RK_Output* out, uint32_t scl, uint32_t n, const uint32_t* files,
                 const uint32_t* lines);
 int RK_WriteGroup(RK_Output* out, uint32_t group, const char* name,
                   std::span<const uint32_t> members);
-// `flags`: bit 0 integer counter, bits 2 to 4 rate hint, 0x80 differential. `bounds` are the lower
-// and the upper one in host order, doubles by their bits.
+// `flags`: bit 0 integer counter, bits 2 to 4 rate hint, 0x80 differential. `bounds`: the lower and
+// the upper bound in host order, a double as its bits.
 int RK_WriteSamp(RK_Output* out, uint32_t counter, uint32_t classId, uint32_t gtp, uint32_t flags,
                  const uint64_t* bounds, const char* name, const char* unit);
 int RK_WriteIoFile(RK_Output* out, uint32_t file, uint32_t communicator, const char* name);
@@ -94,15 +94,15 @@ int RK_WriteComDef(RK_Output* out, uint32_t communicator, uint32_t memberCount,
                    PAL_TripletSpan members, const char* name);  // NAME [extended]
 
 // Events.
-// `enter`: true "DOWNTO", false "UPTO"; `function` is the one entered or returned to, 0 for none.
+// `enter`: true for "DOWNTO", false for "UPTO". `function` is entered or returned to; 0 for none.
 int RK_WriteExchange(RK_Output* out, uint64_t time, uint32_t gtp, bool enter, uint32_t function,
                      uint32_t scl);
-// `gtp` is the thread that sends, or receives. FUNCTION [extended]
+// `gtp` is the sending or receiving thread. FUNCTION [extended]
 int RK_WriteSendMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side);
 int RK_WriteRecvMsg(RK_Output* out, uint64_t time, uint32_t gtp, const RK_MessageSide& side);
 int RK_WriteGlobalOp(RK_Output* out, uint64_t time, uint32_t gtp, int64_t duration,
                      const RK_OperationPart& part);
-// types[i] is 1 for an integer value, anything else for a double; values in host order.
+// types[i] is 1 for an integer value, anything else for a double. Values are in host order.
 int RK_WriteSamps(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t count,
                   const uint32_t* counters, const uint8_t* types, const uint64_t* values);
 int RK_WriteComment(RK_Output* out, uint64_t time, const char* text);
@@ -118,8 +118,8 @@ int RK_WriteEndScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope
                      uint32_t scl);  // [extended]
 
 // Matched forms, with unsigned time stamps.
-// A `time` of klt::kSendUnknown is shown as unknown (`receiveTime` is then the time of the
-// receive), and so is a `receiveTime` of klt::kReceiveUnknown.
+// A `time` of klt::kSendUnknown is written as UNKNOWN, and `receiveTime` is then the time of the
+// receive. A `receiveTime` of klt::kReceiveUnknown is written as UNKNOWN, too.
 int RK_WriteOneToOne(RK_Output* out, const RK_Message& message);
-// A start of all ones, or all ones minus one, shows as unknown.
+// A start of all ones, or all ones minus one, is written as UNKNOWN.
 int RK_WriteCollOp(RK_Output* out, const RK_Collective& operation);

@@ -1,4 +1,4 @@
-// Ends of the process.
+// Ends the process. See kltt_exit.h.
 #include "generic/text/kltt_exit.h"
 
 #include <cstdarg>
@@ -16,7 +16,7 @@ void KLTT_Exit(int status) {
 }
 
 void KLTT_Fatal(const char* format, ...) {
-  // What the text speaks of has happened after all that was written so far.
+  // The message must appear after the output that was written before it.
   RK_OutputFlush(RK_Stdout());
   va_list arguments;
   va_start(arguments, format);

@@ -1,13 +1,13 @@
-// The ways in which the process ends: all of them leave what was written so far in the output.
+// Ends the process, with or without a message. The text written so far is flushed to its output
+// first.
 #pragma once
 
-// Called in place of the end of the process, if set, when the outputs have been closed; it must not
-// return. For callers that run the program's operations inside a process of their own.
+// If set, KLTT_Exit calls it after closing the outputs, in place of std::exit; it must not return.
+// For callers that run the program's operations inside their own process.
 extern void (*KLTT_exitHook)(int status);
 
-// Closes the outputs that are still open (standard output, the ASCII sink) and exits. A status of 0
-// becomes 1 if any output has failed.
+// Closes all open outputs and exits. A status of 0 becomes 1 if any output has failed.
 [[noreturn]] void KLTT_Exit(int status);
 
-// Writes the formatted text and a newline to standard error, then KLTT_Exit with status 1.
+// Writes the formatted text and a newline to standard error, then calls KLTT_Exit(1).
 [[noreturn]] void KLTT_Fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -1,4 +1,4 @@
-// Outputs and the input. See kltt_guard.h.
+// Compares outputs with the files of the input. See kltt_guard.h.
 #include "generic/text/kltt_guard.h"
 
 #include <sys/stat.h>
@@ -13,7 +13,7 @@
 #include "klt/index/klt_intern.h"
 #include "util/pal_error.h"
 
-// An output that isn't there yet, or is no file, needs no look at the input's many files.
+// The input may have many files, so they are only looked up if the output is an existing file.
 bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
   struct stat info {};
   const bool isStandard = std::strcmp(name, "-") == 0;
@@ -32,7 +32,7 @@ KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle) {
   files.add(KLT_ComponentName(*handle, handle->indexEntry, false));
   std::unordered_set<std::string_view> seen;
   for (const auto& entry : handle->files.entries()) {
-    // Which of the two a file is shows only in its use; most names stand for both.
+    // The entry doesn't say whether it is used with its data, its anchor file or both.
     if (!seen.insert(entry.value->suffix).second) continue;
     for (const bool anchors : {false, true}) {
       files.add(KLT_ComponentName(*handle, *entry.value, anchors));
