@@ -1,4 +1,5 @@
-// The classes that a trace defines: a tree, in which the full name of a class is its path.
+// The classes of functions that a trace defines. They form a tree, and the full name of a class is
+// its path from the root.
 #pragma once
 
 #include <cstddef>
@@ -8,22 +9,23 @@
 
 #include "generic/tables/kltt_idtable.h"
 
-// A class is kept without its parents' names, which would add up to the square of a chain's length.
+// Holds only the last part of the name: full names of a long chain of classes would need memory
+// that grows with the square of its length.
 struct KLTT_Class {
   uint32_t key = 0;
   uint32_t parent = 0;      // 0: none
   const char* own = "";     // the last part of the path
-  uint64_t pathBytes = 0;   // of KLTT_ClassPath
+  uint64_t pathBytes = 0;   // length of KLTT_ClassPath
   uint32_t outputPath = 0;  // the text of the path in a binary output; 0 if it has none
 };
 
-// Parents are defined before their children.
+// A class is in the table only if its parent is.
 using KLTT_Classes = KLTT_Table<KLTT_Class>;
 
-// The own names of a class and those above it, from the root on.
+// The last parts of the names of a class and its ancestors, from the root down.
 [[nodiscard]] std::vector<const char*> KLTT_ClassParts(const KLTT_Classes& classes,
                                                        const KLTT_Class& of);
-// The full name of a class: its parts joined by ":". What comes after the part that reaches `limit`
-// bytes is left out.
+// The full name of a class: its parts joined by ":". It ends after the part that reaches `limit`
+// bytes.
 [[nodiscard]] std::string KLTT_ClassPath(const KLTT_Classes& classes, const KLTT_Class& of,
                                          size_t limit = SIZE_MAX);

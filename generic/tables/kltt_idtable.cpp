@@ -1,4 +1,4 @@
-// Named entries of tables by id. See kltt_idtable.h.
+// Inserts named entries. See kltt_idtable.h.
 #include "generic/tables/kltt_idtable.h"
 
 int KLTT_TableInsert(KLTT_Table<KLTT_Named>& table, KLTT_Names& names, uint32_t key,

@@ -1,4 +1,4 @@
-// The members of a communicator as runs. See kltt_members.h.
+// Stores the members of a communicator as runs. See kltt_members.h.
 #include "generic/tables/kltt_members.h"
 
 #include <algorithm>
@@ -6,12 +6,11 @@
 
 namespace {
 
-// The step as the signed number that it stands for.
 int64_t signedStep(uint32_t step) { return static_cast<int32_t>(step); }
 
 }  // namespace
 
-// Greedy: a run goes on while the step stays the same, whatever the step.
+// Greedy: a run continues while the step between members stays the same.
 KLTT_MemberList::KLTT_MemberList(std::span<const int32_t> gtps)
     : size_(static_cast<uint32_t>(gtps.size())) {
   for (size_t i = 0; i < gtps.size();) {

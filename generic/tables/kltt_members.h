@@ -1,7 +1,7 @@
 // The members of a communicator, in rank order.
 //
-// A definition of some thirty bytes can name a million members, so they are kept as runs of equal
-// steps and never written out. Collective handlers walk them with a cursor.
+// A definition of some thirty bytes can name a million members, so they are stored as runs with
+// equal steps and never expanded. Handlers of collective operations walk them with a cursor.
 #pragma once
 
 #include <cstddef>
@@ -14,20 +14,20 @@ class KLTT_MemberList {
   class Cursor;
 
   KLTT_MemberList() = default;
-  // Numbers (gtp) in rank order; repeated ones stay.
+  // `gtps`: the members in rank order. Repeated ones are kept.
   explicit KLTT_MemberList(std::span<const int32_t> gtps);
 
   [[nodiscard]] uint32_t size() const { return size_; }
 
   static constexpr uint32_t kNoMember = 0xffffffff;
-  // Whether indexOf() answers in a few steps: there are few runs, and none meets a number twice.
+  // Whether indexOf() can be used: there are few runs, and none contains a number twice.
   [[nodiscard]] bool isRegular() const;
-  // The place of the first member with this number, from 0; kNoMember if there is none.
+  // The rank of the first member with this number, from 0; kNoMember if there is none.
   // REQUIRES: isRegular().
   [[nodiscard]] uint32_t indexOf(uint32_t gtp) const;
 
  private:
-  // `count` members, at least one, counted modulo 2^32.
+  // The `count` (at least 1) members first, first + step, ..., modulo 2^32.
   struct Run {
     uint32_t first;
     uint32_t step;
@@ -44,7 +44,8 @@ class KLTT_MemberList::Cursor {
   explicit Cursor(const KLTT_MemberList& list)
       : run_(list.runs_.data()), end_(run_ + list.runs_.size()) {}
 
-  // Stores the next member in `gtp`; false, and `gtp` stays, behind the last one.
+  // Stores the next member in `gtp`. After the last one it returns false and leaves `gtp`
+  // unchanged.
   bool next(uint32_t* gtp) {
     if (run_ == end_) return false;
     *gtp = run_->first + offset_ * run_->step;
