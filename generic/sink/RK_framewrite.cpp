@@ -1,4 +1,4 @@
-// The per-thread states: new threads. See RK_framewrite.h.
+// Adds the states of new threads. See RK_framewrite.h.
 #include "generic/sink/RK_framewrite.h"
 
 RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp) {

@@ -1,9 +1,9 @@
-// The frame writer: the open calls and scopes of every thread, as the event pass sees them.
+// RK_FrameWriter keeps the open calls and scopes of every thread during the event pass.
 //
-// No option defines a frame, so this is all that it keeps. RK_WillyHash holds one state per thread,
-// made when a record first names the thread. Its function stack is moved by RK_FrameEnter and
-// RK_FrameLeave; kltt_events keeps the scopes, and reads the stacks to say where a call returns to
-// and to close what is open at the end of a window.
+// No option defines a frame, so it keeps nothing else. RK_WillyHash holds one state per thread,
+// created when a record first names the thread. RK_FrameEnter and RK_FrameLeave update the stack of
+// functions. kltt_events updates the scopes. It also reads the stacks, to find the function that a
+// call returns to and to close open calls at the end of a window.
 #pragma once
 
 #include <cstddef>
@@ -33,29 +33,29 @@ struct RK_FrameWriter {
 };
 
 [[nodiscard]] inline RK_FrameWriter RK_FrameWriterCreate() { return {}; }
-// Frees what `frames` holds.
+// Frees all states in `frames`.
 inline void RK_FrameWriterFinish(RK_FrameWriter& frames) { frames = {}; }
 
-// The state of a thread, null if no record has named it.
+// The state of a thread; null if no record has named the thread.
 [[nodiscard]] inline RK_WillyState* RK_WillyHashFind(RK_WillyHash& table, uint32_t gtp) {
   const uint32_t index = table.index.find(gtp);
   return index == 0 ? nullptr : &table.states[index - 1];
 }
 
-// A state for a thread that no record has named before.
+// Adds a state for a thread that has none.
 [[gnu::cold]] RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp);
 
-// The state of a thread, made on first use. The reference holds until the next call.
+// The state of a thread, created on first use. The reference is valid until the next call.
 inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
   const uint32_t index = table.index.find(gtp);
   return index != 0 ? table.states[index - 1] : RK_WillyHashAdd(table, gtp);
 }
 
-// A call: pushed at its entry, popped at its end.
 inline void RK_FrameEnter(RK_WillyState& willy, uint32_t function) {
   willy.functions.push(function);
 }
-// REQUIRES: a call is open. Returns the function returned to, 0 if none is open any more.
+// Returns the function that the call returns to, or 0 if no call is open any more. REQUIRES: a call
+// is open.
 inline uint32_t RK_FrameLeave(RK_WillyState& willy) {
   willy.functions.pop();
   return willy.functions.empty() ? 0 : willy.functions.top();

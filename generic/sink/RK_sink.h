@@ -1,10 +1,11 @@
-// The output of an extraction: one object that the handlers write to, whatever the form.
+// RK_Sink is the output of an extraction: an interface through which the handlers report events,
+// independently of the output format.
 //
-// A handler says once what happened. A sink of kind 0 (kltt_lines) makes lines of it, a sink of
-// kind 1 (kltt_binary) records of a new trace. RK_wtrace opens and closes sinks.
+// A sink of kind 0 (kltt_lines) writes lines of text, a sink of kind 1 (kltt_binary) records of a
+// new trace. RK_wtrace opens and closes sinks.
 //
-// All operations return 0, or 1 after an output error. Times are internal time if nothing else is
-// said.
+// All operations return 0, or 1 after an output error. Times are internal time unless a comment
+// says otherwise.
 #pragma once
 
 #include <cstddef>
@@ -28,17 +29,17 @@ struct RK_Sink {
 
   int32_t kind;                       // 0 text, 1 binary trace
   RK_Output* output = nullptr;        // kind 0
-  int32_t timeShift = 0;              // bits by which internal time is shifted right for text
+  int32_t timeShift = 0;              // bits by which RK_SinkTime shifts internal time right
   KLT_WFileHandle* writer = nullptr;  // kind 1
   std::string name;
-  size_t longestComment = SIZE_MAX;  // the form has no use for more bytes
+  size_t longestComment = SIZE_MAX;  // further bytes of a comment don't change the output
 
-  // Definitions, as the records have them.
+  // Definitions. The arguments are the fields of the records.
   virtual int processDeclaration(std::span<const uint32_t> threads, uint64_t total) = 0;
   virtual int willyName(uint32_t gtp, const char* name) = 0;
   virtual int clockResolution(double resolution, uint32_t eventBits) = 0;
   virtual int duration(uint64_t start, uint64_t end) = 0;
-  // `defined` is about to become one of `classes`.
+  // `defined` isn't in `classes` yet; the caller adds it after this call.
   virtual int classDefinition(const KLTT_Classes& classes, KLTT_Class& defined,
                               const char* nameSelf) = 0;
   virtual int functionDefinition(uint32_t id, const char* name, uint32_t classId) = 0;
@@ -74,20 +75,20 @@ struct RK_Sink {
   virtual int fileIoEnd(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
                         uint32_t bytes, uint32_t scl) = 0;
 
-  // Events that the records of a history can tell, too.
+  // Events that can also be part of a history. `clock` says whether they are.
   virtual int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
                            const uint32_t* counters, const uint8_t* types,
                            const uint64_t* values) = 0;
-  // The times of both are raw.
+  // The times of messages and collective operations are raw.
   virtual int message(KLTT_Clock& clock, const RK_Message& message) = 0;
   virtual int collective(KLTT_Clock& clock, const RK_Collective& operation) = 0;
 
-  // What has waited for `time` in the queue, comments excepted.
+  // Writes a node of the queue whose time has come. Not called for comments.
   virtual int delayed(uint64_t time, const KLTT_Delayed& node) = 0;
 };
 
-// Internal time as the text shows it: shifted by `timeShift` (to the left if negative). The two
-// values that stand for an unknown time pass unchanged.
+// Internal time in the form that text shows: shifted right by `timeShift` (to the left if
+// negative). The two values for an unknown time are returned unchanged.
 [[nodiscard]] inline uint64_t RK_SinkTime(const RK_Sink* sink, uint64_t time) {
   if (time == klt::kReceiveUnknown || time == klt::kSendUnknown) [[unlikely]]
     return time;

@@ -1,4 +1,4 @@
-// Opening and closing sinks. See RK_wtrace.h.
+// Opens and closes sinks. See RK_wtrace.h.
 #include "generic/sink/RK_wtrace.h"
 
 #include <memory>
@@ -27,7 +27,7 @@ KLT_WFileHandle* RK_OpenWriter(const char* name, const KLT_StatsParameters& para
   constexpr uint32_t kFlags = 0x2;  // streams may be compressed, but only in a raw trace
   int form = KLT_FORM_PLAIN;
   if (settings.singleFile) {
-    // Only what is written in sequence can go to a pipe.
+    // Standard output may be a pipe, which must be written sequentially.
     form = std::string_view(name) == "-" ? KLT_FORM_SERIAL : KLT_FORM_SINGLE;
   }
   return KLT_WriterOpen(settings.directory, name, 1, form, kFlags, &parameters,
@@ -69,7 +69,7 @@ int RK_SinkDefineFile(RK_Sink* sink, uint32_t id, const char* path, uint32_t* ou
 
 int RK_SinkDefineCommunicator(RK_Sink* sink, const char* name, uint32_t id, uint32_t memberCount,
                               const int32_t* members, uint32_t flags) {
-  // Unsorted, for the order of the members is their rank.
+  // Not sorted, because the order of the members is their rank.
   const PAL_Triplets triplets = PAL_TripletsCompress({members, memberCount}, false);
   return sink->communicatorDefinition(id, name, memberCount, triplets, flags);
 }

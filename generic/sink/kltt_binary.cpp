@@ -1,4 +1,4 @@
-// The binary form of a sink. See kltt_binary.h.
+// The sink that writes a binary trace. See kltt_binary.h.
 #include "generic/sink/kltt_binary.h"
 
 #include <algorithm>
@@ -24,17 +24,19 @@ constexpr size_t kLongestText = 0xffff;
 
 uint32_t storedScl(uint32_t scl) { return isScl(scl) ? scl : 0; }
 
+// The reader swaps the bytes of counter values and bounds to host order; this swaps them back.
 uint64_t storedBytes(uint64_t value) { return klt::swapBytes(value); }
 
-// A file reference is a plain path, or "!path!..." with more that the definition doesn't keep.
+// A file reference is a plain path, or "!path!..." with more parts, which a definition doesn't
+// store.
 std::string_view pathOf(std::string_view reference) {
   if (!reference.starts_with('!')) return reference;
   reference.remove_prefix(1);
   return reference.substr(0, reference.find('!'));
 }
 
-// `time` and `span` are internal, and used instead of the message's own. A copy of the message with
-// these two in it costs 2 % of an extraction: the processor has to wait for fields just stored.
+// `time` and `span` are internal time and replace those of `m`. They aren't stored in a copy of
+// `m`, because that costs 2 % of an extraction: the processor has to wait for the stored fields.
 int putMessage(KLT_WFileHandle* writer, const RK_Message& m, uint64_t time, int64_t span) {
   const uint32_t senderScl = storedScl(m.senderScl);
   const uint32_t receiverScl = storedScl(m.receiverScl);
@@ -72,7 +74,7 @@ void putOperationRow(KLT_WFileHandle* writer, const RK_Collective& o, Args... ar
     KLT_Write<Located>(writer, nullptr, o.time, args..., o.scls);
 }
 
-// The record of the operation's kind; there is none for a kind that isn't defined.
+// Writes the record for the operation's kind; nothing for an unknown kind.
 int putOperation(KLT_WFileHandle* writer, const RK_Collective& o) {
   switch (static_cast<klt::CollopKind>(o.kind)) {
     case klt::CollopKind::kOneToAll:
@@ -99,13 +101,13 @@ int putOperation(KLT_WFileHandle* writer, const RK_Collective& o) {
   return 0;
 }
 
-// What writes such a record later: it keeps copies of the arrays.
-KLTT_HeldRecords::Put operationPut(const RK_Collective& op) {
+// A function that calls putOperation(op) later. It owns copies of the arrays.
+KLTT_HeldRecords::WriteFunction deferredOperation(const RK_Collective& op) {
   const auto copy = [n = op.n](const auto* array) {
     using Element = std::remove_cvref_t<decltype(*array)>;
     return array == nullptr ? std::vector<Element>{} : std::vector<Element>(array, array + n);
   };
-  // An array that isn't there must not become one without elements.
+  // A missing array must not become an empty one.
   const auto data = [](bool present, const auto& array) {
     return present ? array.data() : nullptr;
   };
@@ -135,7 +137,7 @@ class Records final : public RK_Sink {
  public:
   Records(KLT_WFileHandle* to, KLTT_Queue& pending) : RK_Sink(1), pending_(pending) {
     writer = to;
-    longestComment = kLongestText + 1;  // so that the writer sees one that is too long
+    longestComment = kLongestText + 1;  // one more, so that the writer notices a long comment
   }
 
   int processDeclaration(std::span<const uint32_t> threads, uint64_t /*total*/) override {
@@ -144,7 +146,8 @@ class Records final : public RK_Sink {
   int willyName(uint32_t gtp, const char* text) override {
     return put<KLT_Row::willyName>(gtp, text);
   }
-  // Times of the output have 13 event bits: the seconds of a tick stay those of the input.
+  // Times of the output have 13 event bits. Scales the resolution so that ticks last as long as in
+  // the input.
   int clockResolution(double resolution, uint32_t eventBits) override {
     const int bits = static_cast<int>(std::min(eventBits, uint32_t{63}));
     return put<KLT_Row::clockResolution>(
@@ -176,8 +179,7 @@ class Records final : public RK_Sink {
   int collectiveOperationDefinition(uint32_t id, const char* text, uint32_t opKind) override {
     return put<KLT_Row::collectiveOperationDefinition>(id, text, opKind);
   }
-  // `flags` and `bounds` are as the reader delivers them; the bytes of the bounds are stored as
-  // they were.
+  // `flags` and `bounds` are as the reader delivers them.
   int counterDefinition(uint32_t id, const char* text, uint32_t flags, const uint64_t* bounds,
                         uint32_t gtp, uint32_t classId, const char* unit) override {
     constexpr uint32_t kDifferential = 0x80;
@@ -245,7 +247,6 @@ class Records final : public RK_Sink {
                       : put<KLT_Row::fileIoEnd>(time, gtp, operation, file, bytes);
   }
 
-  // The bytes of the values are stored as they were.
   int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
                    const uint32_t* counters, const uint8_t* /*types*/,
                    const uint64_t* values) override {
@@ -257,7 +258,7 @@ class Records final : public RK_Sink {
                 });
   }
 
-  // A record keeps its own time, whichever side that is; only its span becomes internal.
+  // A record has the time of either side. That time and the span to the other side are converted.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
     const uint64_t time = KLTT_InternalTime(clock, m.time);
     int64_t span = m.receiveTime;
@@ -286,7 +287,7 @@ class Records final : public RK_Sink {
     record.starts = starts.data();
     record.deltas = deltas.data();
     if (!mustWait(clock, record.time)) return putOperation(writer, record);
-    return hold(clock, record.time, operationPut(record));
+    return hold(clock, record.time, deferredOperation(record));
   }
 
   int delayed(uint64_t time, const KLTT_Delayed& node) override {
@@ -295,31 +296,31 @@ class Records final : public RK_Sink {
   }
 
  private:
-  // The writer reports a failure, goes on with its other streams, and tells at its end that
-  // something is missing: no reason to stop reading.
+  // Ignores failures: the writer reports them, continues with its other streams, and reports at
+  // its end that the trace is incomplete.
   template <int N, class... Args>
   int put(Args... args) {
     (void)KLT_Write<N>(writer, nullptr, args...);
     return 0;
   }
 
-  // Enters the path of a class as a text of the output and returns the text's id. 0 for one that is
-  // too long for a text: the names of the class and its parents tell the path as well.
+  // Adds the path of a class to the texts of the output and returns the text's id. Returns 0 for a
+  // path that is too long for a text; the names of the class and its parents define it as well.
   uint32_t pathText(const KLTT_Classes& classes, const KLTT_Class& of) {
-    constexpr uint64_t kShort = 256;  // takes no more memory in one piece
+    constexpr uint64_t kShort = 256;  // a longer path is joined to its parent's, to save memory
     if (of.parent == 0) return writer->stringId(of.own);
     if (of.pathBytes > kLongestText) return 0;
     if (of.pathBytes <= kShort) return writer->stringId(KLTT_ClassPath(classes, of).c_str());
     return writer->joinedId(classes.find(of.parent)->outputPath, std::string(":") + of.own);
   }
 
-  // Whether a record has to wait for those that histories may still put ahead of it.
+  // Whether a record has to wait, because a history may still add records with earlier times.
   [[nodiscard]] bool mustWait(const KLTT_Clock& clock, uint64_t time) const {
     return clock.inHistory || held_.waitFor(time);
   }
-  // Has such a record written by `write`, in order of time, when a later record comes. `write` owns
-  // all that it needs.
-  int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::Put write) {
+  // Delays such a record: `write` writes it when a later record comes, in order of time. `write`
+  // must own all its data.
+  int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::WriteFunction write) {
     const uint64_t moment = clock.inHistory ? KLTT_InternalTime(clock, clock.historyTime) : time;
     if (held_.add(moment, time, std::move(write))) {
       KLTT_QueueAdd(pending_, moment).kind = KLTT_DelayedKind::kHeld;

@@ -1,4 +1,4 @@
-// Times that don't fit into internal time. See kltt_clock.h.
+// Truncates times that internal time can't hold. See kltt_clock.h.
 #include "generic/sink/kltt_clock.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
-// The clock of an extraction: raw time as internal time, and the history that is being read.
+// KLTT_Clock converts raw time to internal time, and knows whether a history is being read.
 //
-// Raw time is what the trace stores, tick << eventBits | counter, `counter` being the number of the
-// event within its tick. Internal time has a fixed split, tick << 13 | counter.
+// Raw time is what the trace stores: tick << eventBits | counter, where `counter` is the number of
+// the event within its tick. Internal time is tick << 13 | counter in every trace.
 #pragma once
 
 #include <cstdint>
@@ -13,14 +13,14 @@ inline constexpr uint64_t KLTT_MAX_TICKS = uint64_t{1} << 51;
 struct KLTT_Clock {
   uint32_t eventBits = 0;       // at most 63
   uint64_t counterMask = 0;     // the low `eventBits` bits
-  bool ticksReported = false;   // a time with too many ticks has been reported,
-  bool eventsReported = false;  // or one with too many events
+  bool ticksReported = false;   // a time with too many ticks has been reported
+  bool eventsReported = false;  // a time with too many events has been reported
 
-  bool inHistory = false;    // between the brackets of a history
-  uint64_t historyTime = 0;  // raw
+  bool inHistory = false;    // between the start and the end of a history
+  uint64_t historyTime = 0;  // raw time at which the window of the history begins
 };
 
-// The rare case of KLTT_InternalTime: cuts what doesn't fit, and reports that once.
+// The rare case of KLTT_InternalTime: truncates a time that doesn't fit, and reports the first one.
 uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime);
 
 // Raw time as internal time.
@@ -32,8 +32,8 @@ uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime);
   return tick << KLTT_INTERNAL_EVENT_BITS | counter;
 }
 
-// The raw time at which messages and scopes are shown: those of a history were open when the window
-// began.
+// The raw time at which messages and scopes are written: the start of the window for those of a
+// history, which were open at that time.
 [[nodiscard]] inline uint64_t KLTT_EventTime(const KLTT_Clock& clock, uint64_t rawTime) {
   return clock.inHistory ? clock.historyTime : rawTime;
 }

@@ -1,10 +1,11 @@
-// Records of histories on their way into a binary trace.
+// KLTT_HeldRecords sorts the records of histories by time before they are written to a binary
+// trace.
 //
-// What is under way when a window begins, and the last samples of counters, are delivered thread by
-// thread and stream by stream, with times before the window. The records of a component are in
-// order of time, so these wait here, together with the records of the moment at which the window
-// begins, and are written in order once a later record comes. kltt_binary decides what waits;
-// kltt_events has it written when its time comes.
+// Messages and operations in progress at the start of a window, and the last samples of counters,
+// are delivered thread by thread and stream by stream, with times before the window. A component of
+// a trace has to be in order of time. So these records wait here, together with the records at the
+// start of the window itself, and are written in order before the first later record. kltt_binary
+// decides which records wait; kltt_events lets it write them when their time has come.
 #pragma once
 
 #include <algorithm>
@@ -18,32 +19,32 @@ struct KLT_WFileHandle;
 
 class KLTT_HeldRecords {
  public:
-  using Put = std::function<int(KLT_WFileHandle*)>;
+  using WriteFunction = std::function<int(KLT_WFileHandle*)>;
 
-  // Whether records wait for `moment` to be over (internal time, as all times here).
+  // Whether there are records that wait until after `moment`. All times are internal.
   [[nodiscard]] bool waitFor(uint64_t moment) const {
     return !moments_.empty() && moments_.contains(moment);
   }
-  // Adds a record of `time`. True if it is the first that waits for `moment`.
-  bool add(uint64_t moment, uint64_t time, Put put) {
+  // Adds a record of `time`. Returns true if it is the first that waits for `moment`.
+  bool add(uint64_t moment, uint64_t time, WriteFunction write) {
     std::vector<Record>& records = moments_[moment];
-    records.push_back({time, std::move(put)});
+    records.push_back({time, std::move(write)});
     return records.size() == 1;
   }
-  // Writes what waits for `moment`; the writer itself reports what can't be written.
+  // Writes and removes the records that wait for `moment`. The writer itself reports failures.
   void write(uint64_t moment, KLT_WFileHandle* writer) {
     auto node = moments_.extract(moment);
     if (node.empty()) return;
     std::vector<Record>& records = node.mapped();
     std::stable_sort(records.begin(), records.end(),
                      [](const Record& a, const Record& b) { return a.time < b.time; });
-    for (const Record& record : records) (void)record.put(writer);
+    for (const Record& record : records) (void)record.write(writer);
   }
 
  private:
   struct Record {
     uint64_t time;
-    Put put;
+    WriteFunction write;
   };
   std::map<uint64_t, std::vector<Record>> moments_;
 };

@@ -1,4 +1,4 @@
-// The text form of a sink. See kltt_lines.h.
+// The sink that writes text. See kltt_lines.h.
 #include "generic/sink/kltt_lines.h"
 
 #include <string>
@@ -105,7 +105,8 @@ class Lines final : public RK_Sink {
     return RK_WriteSamps(output, shown(time), gtp, count, counters, types, values);
   }
 
-  // The line has the time of the send, and the difference in raw time.
+  // The line has the time of the send in internal time, and the difference to the receive in raw
+  // time.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
     RK_Message line = m;
     line.time = shown(KLTT_InternalTime(clock, m.time));

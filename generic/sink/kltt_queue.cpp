@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kKeptKeys = 1024;  // a large list gives its memory back
+constexpr size_t kKeptKeys = 1024;  // an empty list with a larger capacity frees its memory
 
 }  // namespace
 
@@ -50,12 +50,12 @@ inline KLTT_Queue::Bucket& KLTT_Queue::lowestBucket() {
 }
 
 KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& q, uint64_t time) {
-  if (q.present_.empty() ? time < q.nextTime_ : time == q.presentTime_) {
-    q.presentTime_ = time;
+  if (q.frontList_.empty() ? time < q.nextTime_ : time == q.frontListTime_) {
+    q.frontListTime_ = time;
     q.nextTime_ = std::min(q.nextTime_, time);
     ++q.count_;
-    PAL_MakeRoom(q.present_);
-    return q.present_.emplace_back();
+    PAL_MakeRoom(q.frontList_);
+    return q.frontList_.emplace_back();
   }
   const uint32_t node = q.newNode();
   if (time < q.now_) [[unlikely]] {
@@ -88,10 +88,11 @@ void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoC
   node.comment = {.text = number, .infoClass = infoClass};
 }
 
-// Moves `now_` on to the first key there is. REQUIRES: due_ is used up, a bucket holds keys.
+// Advances `now_` to the first key in a bucket and moves the keys of that time to `due_`.
+// REQUIRES: all keys in `due_` have been removed; a bucket holds keys.
 void KLTT_Queue::spreadLowestBucket() {
   due_.clear();
-  dueFirst_ = 0;
+  dueNext_ = 0;
   const size_t level = static_cast<size_t>(std::countr_zero(usedLevels_));
   Bucket& bucket = lowestBucket();
   usedDigits_[level] &= usedDigits_[level] - 1;
@@ -111,19 +112,19 @@ void KLTT_Queue::spreadLowestBucket() {
 uint32_t KLTT_Queue::frontNode() {
   if (!late_.empty()) [[unlikely]]
     return late_.front().node;
-  if (dueFirst_ == due_.size()) spreadLowestBucket();
-  return due_[dueFirst_].node;
+  if (dueNext_ == due_.size()) spreadLowestBucket();
+  return due_[dueNext_].node;
 }
 
-// Time of the first node that isn't present.
-uint64_t KLTT_Queue::waitingTime() {
+// The time of the first node that isn't in `frontList_`.
+uint64_t KLTT_Queue::firstTimeElsewhere() {
   if (!late_.empty()) [[unlikely]]
     return late_.front().time;
-  if (dueFirst_ != due_.size()) return now_;
+  if (dueNext_ != due_.size()) return now_;
   return usedLevels_ == 0 ? kNever : lowestBucket().leastTime;
 }
 
-void KLTT_Queue::forgetText(const KLTT_Delayed& node) {
+void KLTT_Queue::freeText(const KLTT_Delayed& node) {
   if (node.kind != KLTT_DelayedKind::kComment) [[likely]]
     return;
   std::string().swap(texts_[node.comment.text]);
@@ -132,25 +133,25 @@ void KLTT_Queue::forgetText(const KLTT_Delayed& node) {
 
 void KLTT_Queue::pop() {
   --count_;
-  if (headsTheQueue()) {
-    forgetText(present_[presentFirst_++]);
-    if (presentFirst_ != present_.size()) return;
-    present_.clear();
-    if (present_.capacity() > kKeptKeys) std::vector<KLTT_Delayed>().swap(present_);
-    presentFirst_ = 0;
-    nextTime_ = waitingTime();
+  if (isFrontListFirst()) {
+    freeText(frontList_[frontListNext_++]);
+    if (frontListNext_ != frontList_.size()) return;
+    frontList_.clear();
+    if (frontList_.capacity() > kKeptKeys) std::vector<KLTT_Delayed>().swap(frontList_);
+    frontListNext_ = 0;
+    nextTime_ = firstTimeElsewhere();
     return;
   }
   const uint32_t first = frontNode();
-  forgetText(nodes_[first]);
+  freeText(nodes_[first]);
   PAL_MakeRoom(freeNodes_);
   freeNodes_.push_back(first);
   if (late_.empty()) [[likely]] {
-    ++dueFirst_;
+    ++dueNext_;
   } else {
     std::pop_heap(late_.begin(), late_.end());
     late_.pop_back();
   }
-  nextTime_ = waitingTime();
-  if (!present_.empty()) nextTime_ = std::min(nextTime_, presentTime_);
+  nextTime_ = firstTimeElsewhere();
+  if (!frontList_.empty()) nextTime_ = std::min(nextTime_, frontListTime_);
 }

@@ -1,19 +1,19 @@
-// The `pending` queue: what a record tells about the future waits here until its time comes.
+// KLTT_Queue is the `pending` queue of an event pass: delayed events, sorted by time.
 //
-// A message record holds the send and the receive, a collective operation the moments of all its
-// members, but the text has one line per happening in order of time. The queue hands out its nodes
-// by time, and among equal times in the order in which they came. It owns the nodes, in a pool, and
-// the texts of comments. kltt_events fills it and writes what comes out.
+// A message record holds the send and the receive, and a collective operation the times of all its
+// members, but the text has one line for each of these events in order of time. The queue returns
+// its nodes by time, and nodes of equal time in the order in which they were added. It owns the
+// nodes, in a pool, and the texts of comments. kltt_events fills it and writes the nodes.
 //
-// Half of the nodes happen at the very time of their record, which is ahead of all that waits:
-// these stand in a plain list until the next time comes.
+// Half of the nodes have the time of their record, which is before all other nodes. They are kept
+// in a plain list until a later time is needed.
 //
-// What comes out goes back in time by exception only, and that makes a radix queue fit: times are
-// numbers of 6-bit digits, and a node lies in the bucket of the highest digit in which its time
-// differs from the time last handed out. When that time moves on, the lowest bucket in use is
-// spread over those below it, and no other node changes its bucket. So a node moves once per digit
-// of its delay at most, in sequential memory, and nodes of one time stay in order of arrival by
-// themselves.
+// The others are in a radix queue, because the returned times almost never decrease. A time is a
+// number with 6-bit digits, and a node is in the bucket of the highest digit in which its time
+// differs from the time returned last. When that time advances, the lowest bucket in use is
+// distributed over the buckets below it; no other node changes its bucket. So a node moves at most
+// once for each digit of its delay, in sequential memory, and nodes of equal time stay in order of
+// arrival.
 #pragma once
 
 #include <array>
@@ -25,7 +25,7 @@
 
 #include "generic/text/RK_rkf.h"
 
-// kHeld: what KLTT_HeldRecords holds for this time.
+// kHeld: the records of this time in a KLTT_HeldRecords.
 enum class KLTT_DelayedKind : uint32_t { kSendMsg, kRecvMsg, kGlobalOp, kComment, kHeld };
 
 struct KLTT_DelayedOperation {
@@ -35,12 +35,12 @@ struct KLTT_DelayedOperation {
 
 struct KLTT_DelayedComment {
   uint32_t text;       // a number for KLTT_Queue::text
-  uint32_t infoClass;  // whose path and a colon come ahead of the text; 0: none
+  uint32_t infoClass;  // its path and a colon are written before the text; 0: none
 };
 
 struct KLTT_Delayed {
   KLTT_DelayedKind kind;
-  uint32_t gtp;  // the thread that it happens to; 0 for a comment
+  uint32_t gtp;  // the thread of the event; 0 for a comment
   union {
     RK_MessageSide message;           // kSendMsg, kRecvMsg
     KLTT_DelayedOperation operation;  // kGlobalOp
@@ -55,19 +55,19 @@ class KLTT_Queue {
  public:
   static constexpr uint64_t kNever = ~uint64_t{0};
 
-  // Time of the first node; kNever if there is none. A node may have that time, too.
+  // The time of the first node; kNever if there is none. A node can also have the time kNever.
   [[nodiscard]] uint64_t nextTime() const { return nextTime_; }
   [[nodiscard]] bool empty() const { return count_ == 0; }
   [[nodiscard]] size_t size() const { return count_; }
 
-  // Sorts in a node at `time` (internal time). To be filled by the caller; the reference holds
-  // until the next node is added.
+  // Adds a node at `time` (internal time), which the caller fills. The reference is valid until the
+  // next node is added.
   friend KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& queue, uint64_t time);
   void addComment(uint64_t time, std::string_view text, uint32_t infoClass = 0);
 
   // The first node. REQUIRES: not empty.
   [[nodiscard]] const KLTT_Delayed& front() {
-    return headsTheQueue() ? present_[presentFirst_] : nodes_[frontNode()];
+    return isFrontListFirst() ? frontList_[frontListNext_] : nodes_[frontNode()];
   }
   [[nodiscard]] const std::string& text(const KLTT_Delayed& comment) const {
     return texts_[comment.comment.text];
@@ -80,12 +80,13 @@ class KLTT_Queue {
     uint64_t time;
     uint32_t node;
   };
-  // A node from before `now_`.
+  // A node whose time was before `now_` when it was added.
   struct LateKey {
     uint64_t time;
     uint64_t arrival;
     uint32_t node;
-    friend bool operator<(const LateKey& a, const LateKey& b) {  // for a heap: the later one
+    // Orders the heap so that the earliest node is first.
+    friend bool operator<(const LateKey& a, const LateKey& b) {
       return a.time != b.time ? a.time > b.time : a.arrival > b.arrival;
     }
   };
@@ -97,34 +98,34 @@ class KLTT_Queue {
   static constexpr int kDigitBits = 6;
   static constexpr size_t kLevels = 11;  // digits of 64 bits
 
-  // Whether the present nodes come first. No other node has their time.
-  [[nodiscard]] bool headsTheQueue() const {
-    return presentFirst_ != present_.size() && presentTime_ == nextTime_;
+  // Whether the first node of the queue is in `frontList_`. No other node has the list's time.
+  [[nodiscard]] bool isFrontListFirst() const {
+    return frontListNext_ != frontList_.size() && frontListTime_ == nextTime_;
   }
   uint32_t newNode();
   Bucket& lowestBucket();
   void place(const Key& key);
   uint32_t frontNode();
   void spreadLowestBucket();
-  [[nodiscard]] uint64_t waitingTime();
-  void forgetText(const KLTT_Delayed& node);
+  [[nodiscard]] uint64_t firstTimeElsewhere();
+  void freeText(const KLTT_Delayed& node);
 
   uint64_t nextTime_ = kNever;
   size_t count_ = 0;
 
-  // Nodes of one time that was ahead of all others when the first of them came; used up from
-  // `presentFirst_` on.
-  uint64_t presentTime_ = 0;
-  std::vector<KLTT_Delayed> present_;
-  size_t presentFirst_ = 0;
+  // Nodes of one time, which was before all others when the first of them was added. Those before
+  // `frontListNext_` have been removed.
+  uint64_t frontListTime_ = 0;
+  std::vector<KLTT_Delayed> frontList_;
+  size_t frontListNext_ = 0;
 
-  uint64_t now_ = 0;      // time last handed out; no bucket holds an earlier one
-  std::vector<Key> due_;  // keys at `now_`, used up from `dueFirst_` on
-  size_t dueFirst_ = 0;
+  uint64_t now_ = 0;      // the time returned last; no bucket holds an earlier one
+  std::vector<Key> due_;  // keys at `now_`; those before `dueNext_` have been removed
+  size_t dueNext_ = 0;
   std::array<std::array<Bucket, 64>, kLevels> buckets_;  // by the digit's position and value
   std::array<uint64_t, kLevels> usedDigits_ = {};        // one bit per bucket that holds keys
   uint32_t usedLevels_ = 0;                              // one bit per position with such a bucket
-  std::vector<LateKey> late_;                            // a heap; all of it comes before `now_`
+  std::vector<LateKey> late_;                            // a heap of the nodes before `now_`
   uint64_t arrivals_ = 0;
 
   std::vector<KLTT_Delayed> nodes_;
