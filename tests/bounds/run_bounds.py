@@ -16,15 +16,13 @@ import subprocess
 import sys
 import tempfile
 
-LIMIT = 512 << 20  # of address space
-BASE_MEMORY = 48 << 20
-MEMORY_PER_BYTE = {"thread_lists": 64}  # of the trace
-MEMORY_PER_OTHER_BYTE = 8
+BASE_MEMORY = 48 << 20  # of address space
+MEMORY_PER_BYTE = 8  # of the trace
+# An output has a file for each thread, so a trace of nothing but threads costs more than its bytes.
+PER_BYTE = {("thread_lists", "some threads"): 64, ("threads", "extract"): 1000}
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
 OUTPUT = 1 << 30
-# An output has a file for each thread, so a trace of nothing but threads costs more than its bytes.
-PER_THREAD = ("threads", "extract")
 THREADS_SHARE = 20  # of the size
 
 OPERATIONS = {
@@ -64,34 +62,25 @@ def run(program, case, name, place, memory):
     """Problems of one run, as texts. `memory` limits it unless that is false."""
     size = sum(file.stat().st_size for file in place.glob("t.klt*"))
     seconds = int(BASE_SECONDS + SECONDS_PER_MEGABYTE * size / 1e6)
+    limits = {resource.RLIMIT_CPU: seconds, resource.RLIMIT_FSIZE: OUTPUT, resource.RLIMIT_CORE: 0}
+    if memory:
+        limits[resource.RLIMIT_AS] = BASE_MEMORY + size * PER_BYTE.get((case, name), MEMORY_PER_BYTE)
 
     def confine():
-        for kind, limit in ((resource.RLIMIT_AS, LIMIT if memory else resource.RLIM_INFINITY),
-                            (resource.RLIMIT_FSIZE, OUTPUT), (resource.RLIMIT_CORE, 0),
-                            (resource.RLIMIT_CPU, seconds)):
+        for kind, limit in limits.items():
             resource.setrlimit(kind, (limit, limit))
 
     environment = {"RK_VERBOSE": "0", "KLTT_SERIAL": "0" if name == "unordered" else "1",
                    "ASAN_OPTIONS": "abort_on_error=1", "UBSAN_OPTIONS": "abort_on_error=1"}
     (place / "out").mkdir(exist_ok=True)
-    with open(place / "stdout", "wb") as stdout, open(place / "stderr", "wb") as stderr:
-        process = subprocess.Popen([program, "t.klt", *OPERATIONS[name].split()], cwd=place,
-                                   env=environment, stdin=subprocess.DEVNULL, stdout=stdout,
-                                   stderr=stderr, preexec_fn=confine)
-        _, status, usage = os.wait4(process.pid, 0)
-    process.returncode = os.waitstatus_to_exitcode(status)
-    peak = usage.ru_maxrss << 10
-    messages = (place / "stderr").read_bytes()
-    print(f"  {name}: status {process.returncode}, {usage.ru_utime + usage.ru_stime:.2f} s, "
-          f"{peak >> 20} MiB for {size} bytes", flush=True)
-    if process.returncode < 0 or process.returncode > 127:
-        yield f"status {process.returncode}, with {seconds} s of CPU time at most"
-    most = BASE_MEMORY + MEMORY_PER_BYTE.get(case, MEMORY_PER_OTHER_BYTE) * size
-    if memory and (case, name) != PER_THREAD and peak > most:
-        yield f"{peak >> 20} MiB"
-    if b"out of memory" in messages:
-        yield "out of memory"
-    if re.search(rb"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", messages):
+    done = subprocess.run([program, "t.klt", *OPERATIONS[name].split()], cwd=place, env=environment,
+                          stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, check=False,
+                          stderr=subprocess.PIPE, preexec_fn=confine)
+    if done.returncode < 0 or done.returncode > 127:
+        yield f"status {done.returncode}, with {seconds} s of CPU time at most"
+    if b"out of memory" in done.stderr:
+        yield f"out of memory, {size} bytes of input"
+    if re.search(rb"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", done.stderr):
         yield "control characters in messages"
 
 

@@ -1,11 +1,12 @@
 // The program on a system that fails: the n-th call of a kind goes wrong, as the environment says.
 //
-//   KLT_FAULT=CALL N ERROR SIGNAL ON   CALL open, read, write, seek, close, stat or alloc; N from
-//   1;
-//                                      ERROR is the error of the call, 0 if it transfers less;
-//                                      SIGNAL is sent ahead of the call, a negative one after a
-//                                      short transfer, or 0; with ON all later calls fail as well
-//   KLT_FAULT_HIT=FILE                 is created once the call was reached
+//   KLT_FAULT=CALL N ERROR SIGNAL CALLS
+//     CALL    open, read, write, seek, close, stat or alloc
+//     N       the first one that goes wrong, from 1
+//     ERROR   the error of the call, 0 if it transfers less
+//     SIGNAL  is sent ahead of the call, a negative one after a short transfer, or 0
+//     CALLS   0 for this call, 1 for all from this one on, 2 for every other one
+//   KLT_FAULT_HIT=FILE is created once the call was reached
 //
 // Everything else is the program itself.
 #include <fcntl.h>
@@ -26,14 +27,15 @@ namespace {
 struct Fault {
   char call[16] = {};
   unsigned long at = 0, calls = 0;
-  int error = 0, signal = 0, stays = 0;
+  int error = 0, signal = 0, which = 0;
 } fault;
 
 // Whether this call of the kind goes wrong. Allocates nothing.
 bool strikes(const char* call) {
   if (strcmp(fault.call, call) != 0) return false;
   ++fault.calls;
-  if (fault.calls < fault.at || (fault.calls > fault.at && fault.stays == 0)) return false;
+  if (fault.calls < fault.at || (fault.calls > fault.at && fault.which == 0)) return false;
+  if (fault.which == 2 && (fault.calls - fault.at) % 2 != 0) return false;
   if (fault.calls == fault.at) {
     if (const char* file = std::getenv("KLT_FAULT_HIT")) close(creat(file, 0666));
   }
@@ -103,7 +105,7 @@ void install() {
 int main(int argc, char** argv) {
   if (const char* text = std::getenv("KLT_FAULT")) {
     if (std::sscanf(text, "%15s %lu %d %d %d", fault.call, &fault.at, &fault.error, &fault.signal,
-                    &fault.stays) != 5)
+                    &fault.which) != 5)
       std::_Exit(99);
     install();
   }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Lets each system call and allocation of the program fail in turn, until a run is over before its
 turn comes. After each run: no signal; a status other than 0 and a message, or the output of an
-undisturbed run; the input as it was.
+undisturbed run; the input as it was. Interrupted and short transfers have no effect at all.
 
 Then the process is killed at each call that may change a file: the input is as it was, and a trace
 that is left as output is complete, or refused with a message.
@@ -18,12 +18,13 @@ import pathlib
 import re
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
 
-DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
-TRACE_OUTPUT = "out/o.klt"
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
+from harness import DATA, INPUT, Failure, Folder, Place, text_of  # noqa: E402  pylint: disable=wrong-import-position
+
+OUTPUT = "o.klt"
 
 OPERATIONS = {
     "dump": ("counters", "--dump"),
@@ -40,14 +41,15 @@ OPERATIONS = {
     "files": ("ring", "--print-files"),
 }
 
-# What can go wrong with each call: the error, 0 for a transfer of less than was asked for, and
-# whether all later calls go wrong too.
-FAULTS = (("open", errno.EACCES, 0), ("open", errno.EMFILE, 0), ("read", errno.EIO, 0),
-          ("write", errno.ENOSPC, 0), ("write", errno.ENOSPC, 1), ("seek", errno.EIO, 0),
-          ("close", errno.EIO, 0), ("stat", errno.EIO, 0), ("alloc", errno.ENOMEM, 0))
-# These must have no effect at all.
-HARMLESS = (("read", errno.EINTR, 0), ("read", 0, 0), ("write", errno.EINTR, 0),
-            ("write", errno.EAGAIN, 0), ("write", 0, 0), ("write", 0, 1))
+# What can go wrong with each call, 0 for a transfer of less than was asked for, and with which calls:
+# the n-th one, from there on all, or every other one.
+ONE, ALL, ALTERNATE = range(3)
+FAULTS = (("open", errno.EACCES, ONE), ("open", errno.EMFILE, ONE), ("read", errno.EIO, ONE),
+          ("write", errno.ENOSPC, ONE), ("write", errno.ENOSPC, ALL), ("seek", errno.EIO, ONE),
+          ("close", errno.EIO, ONE), ("stat", errno.EIO, ONE), ("alloc", errno.ENOMEM, ONE))
+HARMLESS = (("read", errno.EINTR, ALTERNATE), ("read", 0, ALL), ("read", 0, ALTERNATE),
+            ("write", errno.EINTR, ALTERNATE), ("write", errno.EAGAIN, ALTERNATE), ("write", 0, ALL),
+            ("write", 0, ALTERNATE))
 # A file that can't be looked at is listed with size 0; seek points that can't be opened are left out
 # of a copy, with a warning.
 EXCUSED = (("files", "open"), ("files", "seek"), ("convert", "open"))
@@ -58,85 +60,72 @@ KILLS = (("open", signal.SIGKILL), ("write", signal.SIGKILL), ("write", -signal.
 STOPS = (("write", signal.SIGINT), ("write", signal.SIGTERM))
 
 # Where memory was missed: in the program's own code, by its path in the source tree.
-PLACE = re.compile(rb"\[(generic|klt|util)/(?:\w+/)?(?!pal_mem)\w+\.(cpp|h):\d+\], aborting\.\n")
+PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)[\w/]+\.(cpp|h):\d+\], aborting\.\n")
 
 
 class Runner:
     """Runs one operation in a directory that all of its runs share."""
 
     def __init__(self, program, operation, directory):
-        self.program = str(pathlib.Path(program).resolve())
-        self.operation = operation
-        self.place = pathlib.Path(directory)
-        sample, options = OPERATIONS[operation]
-        self.options = options.split()
-        self.input = {self.place / file.name: file.read_bytes()
-                      for file in (DATA / sample).glob("t.klt*")}
-        for file, data in self.input.items():
-            file.write_bytes(data)
-        self.older = {}  # a trace under the output's name that is there already
+        sample, self.options = OPERATIONS[operation]
+        self.place = Place(program, Folder(DATA / sample), directory)
+        self.out, self.operation = self.place.path / "out", operation
+        self.older = {}  # a trace under the output's name that is there already, by part
         self.failures = []
 
-    def execute(self, *arguments, **environment):
-        environment = dict(os.environ, ASAN_OPTIONS="abort_on_error=1", RK_VERBOSE="0",
-                           UBSAN_OPTIONS="abort_on_error=1", **environment)
-        return subprocess.run([self.program, *arguments], cwd=self.place, env=environment,
-                              stdin=subprocess.DEVNULL, capture_output=True, timeout=120, check=False)
-
-    def run(self, call="none", n=1, error=0, by=0, stays=0):
-        """The finished process, names of inputs that changed, and whether the fault's turn came."""
-        shutil.rmtree(self.place / "out", ignore_errors=True)
-        (self.place / "out").mkdir()
-        for name, data in self.older.items():
-            (self.place / name).write_bytes(data)
-        hit = self.place / "hit"
-        done = self.execute("t.klt", *self.options, KLT_FAULT_HIT=str(hit),
-                            KLT_FAULT=f"{call} {n} {error} {int(by)} {stays}")
-        changed = [file for file, data in self.input.items()
-                   if not file.exists() or file.read_bytes() != data]
-        for file in changed:
-            file.write_bytes(self.input[file])
-        was_hit = hit.exists()
+    def run(self, call="none", n=1, error=0, by=0, calls=ONE):
+        """The finished process, and whether the fault's turn came."""
+        shutil.rmtree(self.out, ignore_errors=True)
+        self.out.mkdir()
+        for part, data in self.older.items():
+            (self.out / (OUTPUT + part)).write_bytes(data)
+        hit = self.place.path / "hit"
         hit.unlink(missing_ok=True)
-        return done, [file.name for file in changed], was_hit
+        done = self.place.finished(self.options, environment={
+            "RK_VERBOSE": "0", "KLT_FAULT_HIT": str(hit),
+            "KLT_FAULT": f"{call} {n} {error} {int(by)} {calls}"})
+        try:
+            self.place.check_input()
+        except Failure as failure:
+            self.note((call, n, error, by, calls), str(failure), done)
+            self.place.restore()
+        return done, hit.exists()
 
     def results(self, done):
-        return done.stdout, {str(file): file.read_bytes()
-                             for file in (self.place / "out").rglob("*") if file.is_file()}
+        return done.stdout, {file.name: file.read_bytes() for file in self.out.iterdir()}
+
+    def dump(self):
+        return self.place.finished("--dump", name=f"out/{OUTPUT}", environment={"RK_VERBOSE": "0"})
 
     def note(self, fault, problem, done):
-        message = done.stderr.decode("utf-8", "backslashreplace")[-2000:]
-        self.failures.append(f"{fault}: status {done.returncode}: {problem}\n{message}")
+        self.failures.append(f"{fault}: status {done.returncode}: {problem}\n"
+                             f"{text_of(done.stderr)[-2000:]}")
 
-    def check(self, call, n, error, stays):
+    def check(self, call, n, error, calls):
         """False if the run was over before the fault's turn."""
-        done, changed, hit = self.run(call, n, error, stays=stays)
-        if not hit:
-            return False
-        status = done.returncode
-        same = self.results(done) == self.undisturbed
-        harmless = (call, error, stays) in HARMLESS
+        done, hit = self.run(call, n, error, calls=calls)
+        status, same = done.returncode, self.results(done) == self.undisturbed
         problems = {
-            f"changed {changed}": changed,
             "ended by a signal": status < 0 or status > 255,
-            "not taken in its stride": harmless and (status != 0 or not same),
+            "not taken in its stride":
+                (call, error, calls) in HARMLESS and (status != 0 or not same),
             "success with other output":
                 status == 0 and not same and (self.operation, call) not in EXCUSED,
             "failure without a message": status != 0 and not done.stderr,
             "no place of the program that missed the memory":
-                call == "alloc" and not PLACE.search(done.stderr)}
+                hit and call == "alloc" and not PLACE.search(done.stderr)}
         for problem in (problem for problem, is_there in problems.items() if is_there):
-            self.note((call, n, error, stays), problem, done)
-        return True
+            self.note((call, n, error, calls), problem, done)
+        return hit
 
     def check_killed(self, call, n, by):
         """False if the run was over before its turn."""
-        done, changed, hit = self.run(call, n, by=by)
-        if changed or hit and done.returncode != -abs(by):
-            self.note((call, n, by), f"changed {changed}, or not ended by this signal", done)
-        output = self.place / TRACE_OUTPUT
+        done, hit = self.run(call, n, by=by)
+        if hit and done.returncode != -abs(by):
+            self.note((call, n, by), "not ended by this signal", done)
+        output = self.out / OUTPUT
         if output.exists():
-            dump = self.execute(TRACE_OUTPUT, "--dump")
+            dump = self.dump()
             refused = dump.returncode > 0 and dump.stderr and (
                 abs(by) == signal.SIGKILL or output.stat().st_size == 0)
             if not refused and (dump.returncode != 0 or dump.stdout not in self.dumps):
@@ -144,26 +133,28 @@ class Runner:
         return hit
 
     def fail_all(self, stride, call_stride):
-        done, _, _ = self.run()
+        done, _ = self.run()
         self.undisturbed = self.results(done)
         if done.returncode != 0:
-            sys.exit(f"undisturbed: status {done.returncode}\n{done.stderr.decode()}")
-        for call, error, stays in FAULTS + HARMLESS:
+            self.note("undisturbed", "failed", done)
+        for call, error, calls in FAULTS:
             n = 1
-            while self.check(call, n, error, stays):
+            while self.check(call, n, error, calls):
                 n += stride if call == "alloc" else call_stride
-            print(f"{call} {error} {stays}: up to {n}", flush=True)
+            print(f"{call} {error} {calls}: up to {n}", flush=True)
+        for call, error, calls in HARMLESS:
+            for n in (1, 2):
+                self.check(call, n, error, calls)
 
     def kill_all(self, older):
         """With a trace of the sample `older` in the output's place, unless that is None."""
         self.older = {} if older is None else {
-            TRACE_OUTPUT + file.name[len("t.klt"):]: file.read_bytes()
-            for file in (DATA / older).glob("t.klt*")}
+            file.name[len(INPUT):]: file.read_bytes() for file in (DATA / older).glob(INPUT + "*")}
         self.dumps = []
         for call in ("open", "none"):  # which leaves all as it is, or doesn't strike
             self.run(call, error=errno.EACCES)
-            if (self.place / TRACE_OUTPUT).exists():
-                self.dumps.append(self.execute(TRACE_OUTPUT, "--dump").stdout)
+            if (self.out / OUTPUT).exists():
+                self.dumps.append(self.dump().stdout)
         stops = STOPS if self.operation.startswith("merge") and older is None else ()
         for call, by in KILLS + stops:
             n = 1
@@ -185,13 +176,11 @@ def main():
     if arguments.list:
         print("\n".join(OPERATIONS))
         return 0
-    if arguments.program is None or arguments.operation is None:
-        parser.error("--program and --operation are needed")
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
     with tempfile.TemporaryDirectory(dir=memory) as directory:
         runner = Runner(arguments.program, arguments.operation, directory)
         runner.fail_all(arguments.stride, arguments.call_stride)
-        writes = TRACE_OUTPUT in OPERATIONS[arguments.operation][1] and not arguments.no_kills
+        writes = f"out/{OUTPUT}" in runner.options and not arguments.no_kills
         for older in (None, "io") if writes else ():
             runner.kill_all(older)
     print("\n".join(runner.failures[:10]), f"{len(runner.failures)} failures", sep="\n")
