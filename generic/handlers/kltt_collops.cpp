@@ -1,4 +1,4 @@
-// Handlers of collective operations: four records, one algorithm. See kltt_collops.h.
+// Handles records of collective operations. See kltt_collops.h.
 #include "generic/handlers/kltt_collops.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace {
 
 using Record = KLTT_CollectiveRecord;
 
-constexpr uint32_t kAbsent = ~uint32_t{0};  // a size that doesn't apply
+constexpr uint32_t kNoSize = ~uint32_t{0};  // for a member that sends or receives nothing
 
 uint64_t latestEnd(const Record& op) {
   uint64_t latest = 0;
@@ -26,11 +26,11 @@ uint64_t latestEnd(const Record& op) {
   return latest;
 }
 
-// One size for each member, where the record has one for the root alone.
-const uint32_t* spreadSizes(KLTT_Context& context, const Record& op,
-                            const KLTT_MemberList& members) {
+// An array with a size for each member, for a record that has the root's size only.
+const uint32_t* rootSizeArray(KLTT_Context& context, const Record& op,
+                              const KLTT_MemberList& members) {
   std::vector<uint32_t>& sizes = context.scratchBytes;
-  sizes.assign(size_t{op.n} + 1, 0);  // never empty: null would stand for sizes that aren't known
+  sizes.assign(size_t{op.n} + 1, 0);  // never empty, since null means that the sizes are unknown
   KLTT_MemberList::Cursor member(members);
   uint32_t gtp = 0;
   for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {
@@ -39,36 +39,37 @@ const uint32_t* spreadSizes(KLTT_Context& context, const Record& op,
   return sizes.data();
 }
 
-// The root's size belongs to a record of the same kind only.
-bool keepsRootBytes(const Record& op, uint32_t kind) {
+// Whether a record that is written as `kind` has the root's size of `op`: both must be of the same
+// kind.
+bool hasRootBytes(const Record& op, uint32_t kind) {
   if (op.atRoot == Record::AtRoot::kSent) return kind == uint32_t(klt::CollopKind::kOneToAll);
   if (op.atRoot == Record::AtRoot::kReceived) return kind == uint32_t(klt::CollopKind::kAllToOne);
   return false;
 }
 
-// `kind` is that of the operation's definition, which may differ from that of the record.
+// `kind` is the kind in the operation's definition, which may differ from the kind of the record.
 int writeMatched(KLTT_Context& context, const Record& op, const KLTT_MemberList& members,
                  uint32_t kind) {
-  const uint32_t* spread =
-      op.atRoot == Record::AtRoot::kNothing ? nullptr : spreadSizes(context, op, members);
+  const uint32_t* sizes =
+      op.atRoot == Record::AtRoot::kNothing ? nullptr : rootSizeArray(context, op, members);
   return context.sink->collective(
       context, {.time = op.time,
                 .kind = kind,
                 .operation = op.type,
                 .communicator = op.communicator,
                 .root = op.root,
-                .rootBytes = keepsRootBytes(op, kind) ? op.rootBytes : 0,
+                .rootBytes = hasRootBytes(op, kind) ? op.rootBytes : 0,
                 .n = op.n,
                 .starts = op.starts,
                 .deltas = op.deltas,
-                .sent = op.atRoot == Record::AtRoot::kSent ? spread : op.sent,
-                .received = op.atRoot == Record::AtRoot::kReceived ? spread : op.received,
+                .sent = op.atRoot == Record::AtRoot::kSent ? sizes : op.sent,
+                .received = op.atRoot == Record::AtRoot::kReceived ? sizes : op.received,
                 .scls = op.scls});
 }
 
 uint32_t memberSize(const Record& op, bool atRoot, const uint32_t* array, uint32_t i, bool isRoot) {
-  if (atRoot) return isRoot ? op.rootBytes : kAbsent;
-  return array != nullptr ? array[i] : kAbsent;
+  if (atRoot) return isRoot ? op.rootBytes : kNoSize;
+  return array != nullptr ? array[i] : kNoSize;
 }
 
 void queueMembers(KLTT_Context& context, const Record& op, const KLTT_MemberList& members) {
@@ -111,7 +112,7 @@ int KLTT_FormatCollective(void* user, const KLTT_CollectiveRecord& op) {
   if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
   int result = 0;
   if (context.matched) {
-    // An operation without a definition is neither written nor an event that counts as the last.
+    // An operation without a definition isn't written and doesn't change lastEventTime.
     const KLTT_Named* operation = context.collops.find(op.type);
     if (operation == nullptr || context.sink == nullptr) return 0;
     result = writeMatched(context, op, members, operation->extra);

@@ -1,7 +1,8 @@
-// Handlers of collective operations: one record tells what all members of a communicator did.
+// Handles records of collective operations. One record describes the parts of all members of a
+// communicator.
 //
-// Matched output writes an operation as one line; otherwise it becomes one delayed "GLOBALOP" for
-// each member that took part, at the member's own start (kltt_queue).
+// Matched output has one line for an operation. Otherwise each member that took part gets a delayed
+// "GLOBALOP" line at its own start time (kltt_queue).
 #pragma once
 
 #include <cstdint>
@@ -13,23 +14,22 @@
 struct KLTT_CollectiveRecord {
   enum class AtRoot : uint8_t { kNothing, kSent, kReceived };
 
-  const char* name;  // in messages
+  const char* name;  // for messages
   uint64_t time;     // raw
   uint32_t communicator;
   uint32_t type;
   uint32_t n;
-  const uint64_t* starts;  // raw, from `time` on; a start of all ones: took no part
+  const uint64_t* starts;  // raw, relative to `time`; all ones: the member took no part
   const uint64_t* deltas;
-  const uint32_t* sent;  // these three or null
+  const uint32_t* sent;  // these three may be null
   const uint32_t* received;
   const uint32_t* scls;
-  AtRoot atRoot = AtRoot::kNothing;  // the size that the record has for the root alone
+  AtRoot atRoot = AtRoot::kNothing;  // the meaning of rootBytes
   uint32_t root = klt::kNoRoot;      // gtp
   uint32_t rootBytes = 0;
 };
 
-// The handlers of the four records. `Use` does the same with each; its `user` and its result are
-// those of the handlers.
+// The handlers of the four records. All of them call `Use` with their `user` and return its result.
 template <int (*Use)(void* user, const KLTT_CollectiveRecord& record)>
 struct KLTT_CollectiveHandlers {
   using AtRoot = KLTT_CollectiveRecord::AtRoot;

@@ -1,9 +1,9 @@
-// The driver's state: one KLTT_Context, the `user_data` of all its handlers.
+// KLTT_Context is the state of an extraction and the `user_data` of all its handlers.
 //
 // The passes of kltt_extract fill it: the setup pass the clock and the process layout, the
 // definition pass the tables (kltt_tables), the event pass the queue and the threads' stacks
-// (kltt_events, kltt_collops). Three forms of time meet here and are kept apart by name: raw time
-// and internal time (kltt_clock), and what a line shows (RK_SinkTime of internal time).
+// (kltt_events, kltt_collops). The handlers use three forms of time and name them differently: raw
+// time and internal time (kltt_clock), and the time in a line of text (RK_SinkTime).
 #pragma once
 
 #include <cstddef>
@@ -42,7 +42,7 @@ struct KLTT_Context : KLTT_Clock {
   double clockPeriod = 0;     // seconds per tick
   double ticksPerSecond = 0;  // its reciprocal
 
-  // Process layout. `totalThreads` is declared, not checked: nothing is made per declared thread.
+  // Process layout. `totalThreads` isn't checked, so no memory is allocated per declared thread.
   uint32_t numProcesses = 1;
   std::vector<uint32_t> threadCounts;  // of each process; empty before the declaration
   uint64_t totalThreads = 0;
@@ -58,7 +58,7 @@ struct KLTT_Context : KLTT_Clock {
 
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
-  bool matched = false;        // messages and operations are written whole, not side by side
+  bool matched = false;        // one line for a message or operation, not one for each side
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
   RK_FrameWriter frames;
@@ -69,12 +69,12 @@ struct KLTT_Context : KLTT_Clock {
   bool messageHeader = false;
   bool collectiveHeader = false;
 
-  // What a performance test asks for (kltt_perf): the members of all operations, one operation
-  // behind the other, and for each the end of its members.
+  // For the performance test (kltt_perf): the members of all operations, one operation after
+  // another, and for each operation the index of the end of its members.
   std::vector<KLTT_PerfMember> perfMembers;
   std::vector<size_t> perfEnds;
 
-  // Room for the arrays of one record.
+  // Buffers for the arrays of one record.
   std::vector<uint32_t> scratchBytes;
   std::vector<uint32_t> scratchMembers;
   std::vector<uint8_t> scratchTypes;

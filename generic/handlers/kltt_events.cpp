@@ -16,8 +16,8 @@ constexpr uint32_t kScopes = 0x8;
 
 KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
 
-// The opening of a handler: the record's internal time, and what was due before it is written.
-// False after an output error.
+// Starts a handler: converts the record's time, and writes the delayed records before it. Returns
+// false after an output error.
 [[gnu::always_inline]] inline bool open(KLTT_Context& context, uint64_t rawTime,
                                         uint64_t* internalTime) {
   *internalTime = KLTT_InternalTime(context, rawTime);
@@ -46,7 +46,7 @@ int writeFront(KLTT_Context& context) {
   return 0;
 }
 
-// A function that begins on `willy`, or that is found begun.
+// Enters a function on `willy`, at its record or because a history says that it is open.
 [[gnu::always_inline]] inline int enter(KLTT_Context& context, RK_WillyState& willy,
                                         uint64_t internalTime, uint32_t function, uint32_t scl) {
   if (context.functions.indexOf(function) == 0) [[unlikely]]
@@ -73,7 +73,7 @@ int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
   return 0;
 }
 
-// Not "below all ones": a time that was cut to fit can be just that.
+// Not KLTT_WriteDelayed up to the largest time, because a truncated time can be that value.
 int KLTT_DrainDelayed(KLTT_Context& context) {
   while (!context.pending.empty()) {
     if (writeFront(context) != 0) return 1;
@@ -239,7 +239,7 @@ int closeThreads(KLTT_Context& context, uint64_t internalTime, const std::vector
   return 0;
 }
 
-// All declared threads, process by process.
+// Closes all declared threads, process by process.
 int closeDeclared(KLTT_Context& context, uint64_t internalTime, uint32_t categories) {
   std::vector<uint32_t> gtps;
   for (const RK_WillyState& willy : context.frames.willys.states) {
@@ -255,7 +255,7 @@ int closeDeclared(KLTT_Context& context, uint64_t internalTime, uint32_t categor
   return closeThreads(context, internalTime, gtps, categories);
 }
 
-// How many numbers a triplet stands for.
+// The number of threads in a triplet.
 uint64_t countOf(const PAL_Triplet& triplet) {
   const int64_t distance = int64_t{triplet.last} - triplet.first;
   const int64_t stride = triplet.stride;
@@ -263,8 +263,8 @@ uint64_t countOf(const PAL_Triplet& triplet) {
   return static_cast<uint64_t>(distance / stride) + 1;
 }
 
-// The threads of one triplet, in its order: by looking up each number, or, when it stands for more
-// numbers than there are threads, by picking the open threads that are in it.
+// Closes the threads of one triplet in the triplet's order. Looks up each number of the triplet,
+// or, if it has more numbers than there are threads, selects the open threads that it contains.
 int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet& triplet,
                  uint32_t categories) {
   const uint64_t count = countOf(triplet);
@@ -291,8 +291,8 @@ int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet
 
 }  // namespace
 
-// Every thread named brings the delayed records up to the end of the request along, whether or not
-// anything is open on it.
+// If the record names any thread, the delayed records before its end are written, even if nothing
+// is open on that thread.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets) {
   const PAL_Place here;

@@ -1,10 +1,10 @@
-// Handlers of event records, except messages and collective operations (kltt_messages,
-// kltt_collops), and what all event handlers share: the `pending` queue.
+// Handles event records, except messages and collective operations (kltt_messages, kltt_collops),
+// and writes the delayed records for all event handlers.
 //
-// Before a handler writes, it writes out what waits in the `pending` queue for an earlier time, and
-// what its record tells about a later time goes into that queue. `user` is the KLTT_Context, the
-// other arguments are those of KLT_HandlerTable. A handler returns 0, or 1 if the output failed. A
-// trace whose calls or ids don't fit together ends the process.
+// A handler first writes the records in the `pending` queue with an earlier time, and then its own.
+// If its record describes events of a later time, it adds them to that queue. `user` is the
+// KLTT_Context, the other arguments are those of KLT_HandlerTable. A handler returns 0, or 1 if the
+// output failed. A trace with inconsistent calls or ids ends the process.
 #pragma once
 
 #include <cstdint>
@@ -12,22 +12,22 @@
 #include "generic/handlers/kltt_context.h"
 #include "util/triplets/pal_triplets.h"
 
-// The part of KLTT_LogFormatRecord behind its comparison.
+// The out-of-line part of KLTT_LogFormatRecord.
 int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo);
 
-// Writes the delayed records with a time strictly below `upTo` (internal time). 0, or 1 after an
-// output error: then the record that couldn't be written stays.
+// Writes the delayed records with a time strictly below `upTo` (internal time). Returns 0, or 1
+// after an output error; the record that couldn't be written then stays in the queue.
 inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
   if (context.pending.nextTime() >= upTo) [[likely]]
     return 0;
   return KLTT_WriteDelayed(context, upTo);
 }
 
-// Writes all delayed records, for the end of the event pass.
+// Writes all delayed records at the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);
 
-// Closes what is open on a thread, calls and then scopes, each from the top. `categories` as an
-// end_of_filter record has them.
+// Closes the open calls of a thread and then its open scopes, the innermost first. `categories` are
+// those of an end_of_filter record.
 int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
                      uint32_t categories);
 
@@ -35,7 +35,7 @@ int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t
                         const PAL_Triplet* triplets);
 int KLTT_EndOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                       const PAL_Triplet* triplets);
-// `time` above 2^63: no end, the calls are closed at the last event.
+// A `time` of 2^63 or more means no end: calls are closed at the last event.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets);
 int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);

@@ -1,4 +1,4 @@
-// The handler of point-to-point messages. See kltt_messages.h.
+// Handles message records. See kltt_messages.h.
 #include "generic/handlers/kltt_messages.h"
 
 #include <algorithm>

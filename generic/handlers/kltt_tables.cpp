@@ -1,4 +1,4 @@
-// Handlers of definition records. See kltt_tables.h.
+// Handles definition records. See kltt_tables.h.
 #include "generic/handlers/kltt_tables.h"
 
 #include <algorithm>
@@ -21,11 +21,11 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
 
 const char* shown(const char* text) { return text == nullptr ? "(null)" : text; }
 
-// Names come from the trace: fit for a message to a person.
+// A name from the trace, made safe for a message.
 std::string printable(const char* text) { return PAL_Printable(shown(text)); }
 
-// What the definition says, without what it doesn't need to say. Ends the process if it contradicts
-// itself.
+// The class of a definition, without the redundant parts of the definition. Ends the process if the
+// definition contradicts itself.
 KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, const char* nameSelf,
                         uint32_t parent) {
   if (parent == 0) {
@@ -99,7 +99,7 @@ int KLTT_WillyDefinition(void* user, uint32_t gtp, const char* hostname, const c
   const PAL_Place here;
   KLTT_Context& context = contextOf(user);
   if (context.sink == nullptr) return 0;
-  char line[512];  // long names are cut there
+  char line[512];  // a longer line is truncated
   std::snprintf(line, sizeof line,
                 "process #%u, thread #%u: host \"%s\", ip %s, pid %llu, tid %llu, offset %f, "
                 "skew %f",

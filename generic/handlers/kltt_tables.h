@@ -1,8 +1,8 @@
-// Handlers of definition records: they fill the tables of KLTT_Context and write each definition to
+// Handles definition records: adds them to the tables of KLTT_Context and writes each definition to
 // the sink.
 //
 // `user` is the KLTT_Context, the other arguments are those of KLT_HandlerTable. A handler returns
-// 0, or 1 if the output failed. A definition that breaks the rules ends the process: KLTT_Fatal.
+// 0, or 1 if the output failed. An invalid definition ends the process (KLTT_Fatal).
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t
                                            const char* record);
 
 // The members of a communicator for the profiles of a writer; null if it isn't defined. `context`
-// is the driver's. Valid until the next call.
+// is the KLTT_Context. The array is valid until the next call.
 [[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
                                                    size_t* count);
 
