@@ -275,10 +275,10 @@ void KLT_StreamTurn::take(uint8_t* record) {
 
 KLT_Turn::State KLT_StreamTurn::state() {
   if (isStopped_) return State::kStopped;
-  if (records_ < KLT_TimeLimit::kRecordsPerCheck) return State::kGoesOn;
+  if (records_ < KLT_TimeLimit::kRecordsPerCheck) return State::kContinues;
   if (!wasServed_) return State::kOver;
   records_ = 0;
-  return reader_.limit.reached() ? State::kOver : State::kGoesOn;
+  return reader_.limit.reached() ? State::kOver : State::kContinues;
 }
 
 void KLT_PrepareDelivery(KLT_Reader& reader) {
@@ -318,7 +318,7 @@ double KLT_Progress(const KLT_Reader* reader) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
     // Of what the last fill took, some may lie packed still.
-    const uint64_t before = std::min(taken, stream.packed.takenBefore);
+    const uint64_t before = std::min(taken, stream.packed.consumedBeforeFill);
     const KLT_RecordBuffer& packed = stream.packed.records;
     size_t waiting = packed.used();
     if (i < reader->lanes.size() && reader->lanes[i].next != nullptr) {

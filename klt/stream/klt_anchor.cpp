@@ -1,9 +1,8 @@
-// Seek points: loading them, choosing among them, and rebuilding the context at one. See
-// klt_anchor.h.
+// Loads seek points, chooses among them, and rebuilds the context at one. See klt_anchor.h.
 //
-// An anchor file holds groups: history records, then one `anchor` that says at which offset of the
-// data file reading can start and with which running time. Loading notes where each group stands;
-// only the group that is used is read again.
+// An anchor file contains groups: history records, then one `anchor` record with the offset in the
+// data file at which reading can start and the running time there. Loading stores the offset of
+// each group; only the group that is used is read again.
 #include "klt/stream/klt_anchor.h"
 
 #include <algorithm>
@@ -40,13 +39,13 @@ struct OpenInput {
   }
 };
 
-enum class Walk : uint8_t { kRecord, kEnd, kCorrupt };
+enum class Read : uint8_t { kRecord, kEnd, kCorrupt };
 
-// The next record of an anchor file; it stands at the start of `record`.
-Walk nextRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer& record) {
-  if (input.drained() && (!input.moreToRead() || !input.ensure(1))) return Walk::kEnd;
+// Reads the next record of an anchor file to the start of `record`.
+Read readRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer& record) {
+  if (input.drained() && (!input.moreToRead() || !input.ensure(1))) return Read::kEnd;
   const KLT_DecoderEntry& entry = handle.decoders->entries[*input.at()];
-  if (entry.parse == nullptr) return Walk::kCorrupt;
+  if (entry.parse == nullptr) return Read::kCorrupt;
   input.advance(1);
   uint64_t time = 0;
   size_t disk = 0;
@@ -58,24 +57,24 @@ Walk nextRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer
       klt::storeNative(record.reserve(kKltRecordTimeAt), uint32_t{0});
       break;
     case KLT_Parse::kNoData:
-      return Walk::kEnd;
+      return Read::kEnd;
     case KLT_Parse::kCorrupt:
       input.stepBack();
-      return Walk::kCorrupt;
+      return Read::kCorrupt;
   }
   input.advance(disk);
-  return Walk::kRecord;
+  return Read::kRecord;
 }
 
-// False if the anchors can't be trusted.
+// Reads the anchors of a component. False if the file is damaged or they are out of order.
 bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& component) {
   KLT_RecordBuffer record;
   uint64_t groupStart = 0;
   bool hasHistory = false;
   for (;;) {
     const uint64_t at = input.position();
-    const Walk walk = nextRecord(handle, input, record);
-    if (walk != Walk::kRecord) return walk == Walk::kEnd;
+    const Read read = readRecord(handle, input, record);
+    if (read != Read::kRecord) return read == Read::kEnd;
     const unsigned number = KLT_RecordNumber(record.data());
     if (number == KLT_Row::history) hasHistory = true;
     if (number != KLT_Row::anchor) continue;
@@ -101,11 +100,12 @@ void ignoreAnchors(const KLT_FileHandle& handle, KLT_Component& component) {
   component.anchors.clear();
 }
 
-// The last anchor that lies ahead of `time`: records at an anchor's own time stand ahead of it.
+// The last anchor with a time before `time`, or null. An anchor at `time` itself can't be used:
+// there may be records with that time before it in the file.
 const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t time) {
-  const auto behind = std::lower_bound(anchors.begin(), anchors.end(), time,
-                                       [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
-  return behind == anchors.begin() ? nullptr : &*(behind - 1);
+  const auto next = std::lower_bound(anchors.begin(), anchors.end(), time,
+                                     [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
+  return next == anchors.begin() ? nullptr : &*(next - 1);
 }
 
 class Replay {
@@ -120,32 +120,32 @@ class Replay {
  private:
   // An entry of a `history` record.
   struct Entry {
-    size_t file;  // place in `files_`
+    size_t file;  // index in `files_`
     uint64_t offset;
     uint64_t time;
   };
 
-  // Takes over the call stacks of the group, and notes its entries.
+  // Adds the call stacks of the group to the context, and collects its entries.
   void readGroup(const KLT_Anchor& anchor) {
     OpenInput group;
     if (!group.open(*s_.pass->handle, *s_.source.component->dataFile, true)) {
-      noteUnopened(*s_.source.component->dataFile, true);
+      reportUnopened(*s_.source.component->dataFile, true);
       return;
     }
     if (!group.input.seek(anchor.historyOffset)) {
-      noteLoss(group.input);
+      recordLoss(group.input);
       return;
     }
     const uint64_t end = anchor.historyOffset + anchor.historyBytes;
     group.input.setLimit(end);
     KLT_RecordBuffer record;
     while (group.input.position() < end) {
-      const Walk walk = nextRecord(*s_.pass->handle, group.input, record);
-      if (walk == Walk::kEnd) {
-        noteLoss(group.input);
+      const Read read = readRecord(*s_.pass->handle, group.input, record);
+      if (read == Read::kEnd) {
+        recordLoss(group.input);
         return;
       }
-      if (walk == Walk::kCorrupt) {
+      if (read == Read::kCorrupt) {
         PAL_Error("Found corrupted data while unpacking %s.%s (rectype %i, offset %u).",
                   PAL_Printable(s_.pass->handle->base).c_str(),
                   PAL_Printable(s_.source.suffix()).c_str(), *group.input.at(),
@@ -156,7 +156,7 @@ class Replay {
       if (number == KLT_Row::functionHistory) pushStack<KLT_Row::functionHistory>(record.data());
       if (number == KLT_Row::functionHistoryScl)
         pushStack<KLT_Row::functionHistoryScl>(record.data());
-      if (number == KLT_Row::history && wantsEntries()) noteEntries(record.data());
+      if (number == KLT_Row::history && wantsEntries()) addEntries(record.data());
     }
   }
 
@@ -164,7 +164,7 @@ class Replay {
     return (categories_ & (klt::kScopes | klt::kCounters | klt::kMessages | klt::kCollops)) != 0;
   }
 
-  void noteUnopened(const KLT_FileEntry& file, bool anchors) {
+  void reportUnopened(const KLT_FileEntry& file, bool anchors) {
     KLT_ReportUnopened(KLT_ComponentName(*s_.pass->handle, file, anchors));
     s_.source.lostData = true;
   }
@@ -184,7 +184,7 @@ class Replay {
     }
   }
 
-  void noteEntries(const uint8_t* record) {
+  void addEntries(const uint8_t* record) {
     using View = KLT_Record<KLT_Row::history>;
     const uint32_t n = View::count<1>(record);
     const auto* files = View::array<uint32_t, 1>(record);
@@ -197,16 +197,15 @@ class Replay {
         reportEntry(nullptr, 0, offsets[i]);
         continue;
       }
-      const size_t place = places_.try_emplace(file->get(), files_.size()).first->second;
-      if (place == files_.size()) files_.push_back(file->get());
-      entries_.push_back({place, offsets[i], times[i]});
+      const size_t index = fileIndex_.try_emplace(file->get(), files_.size()).first->second;
+      if (index == files_.size()) files_.push_back(file->get());
+      entries_.push_back({index, offsets[i], times[i]});
     }
   }
 
-  // Replays each record once and in the order of the file, whatever the order of the list, as a
-  // stream that reads from the start meets them. Of its own file the stream reads on from
-  // `behind`.
-  void replayEntries(uint64_t behind) {
+  // Replays each record once and in the order of the file, as a stream that reads from the start
+  // would. The stream reads its own file from the offset `resume` on.
+  void replayEntries(uint64_t resume) {
     std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
       return std::pair(a.file, a.offset) < std::pair(b.file, b.offset);
     });
@@ -217,27 +216,27 @@ class Replay {
     for (const Entry& entry : entries_) {
       const KLT_FileEntry& file = *files_[entry.file];
       if (!useFile(file)) {
-        noteUnopened(file, false);
+        reportUnopened(file, false);
         return;
       }
-      if (usable_) replayRecord(entry.offset, entry.time, behind);
+      if (isReadable_) replayRecord(entry.offset, entry.time, resume);
     }
   }
 
-  // Makes `file` the one that entries are read from. False if it can't be opened.
+  // Opens `file` for reading entries, unless it is open or compressed. False if it can't be opened.
   bool useFile(const KLT_FileEntry& file) {
     if (file_ == &file) return true;
     file_ = &file;
-    usable_ = !isCompressed(file);
-    if (!usable_) return true;
+    isReadable_ = !isCompressed(file);
+    if (!isReadable_) return true;
     constexpr size_t kReadAtOnce = 0x400;
     if (!data_.open(*s_.pass->handle, file, false)) return false;
     data_.input.setBlock(kReadAtOnce);
     return true;
   }
 
-  // What the window should have been told at its start can't be read.
-  void noteLoss(const KLT_Input& input) {
+  // Marks the stream as incomplete if the input has failed: a part of the history can't be read.
+  void recordLoss(const KLT_Input& input) {
     s_.source.lostData = s_.source.lostData || input.ended();
   }
 
@@ -254,15 +253,15 @@ class Replay {
     KLT_ReportCorrupted(*s_.pass->handle, file == nullptr ? "" : file->suffix, number, offset);
   }
 
-  void replayRecord(uint64_t offset, uint64_t time, uint64_t behind) {
+  void replayRecord(uint64_t offset, uint64_t time, uint64_t resume) {
     KLT_Input& input = data_.input;
     if (offset >= input.length()) {
       reportEntry(file_, 0, offset);
       return;
     }
-    if (file_ == s_.source.file && offset >= behind) return;  // the stream comes to it
+    if (file_ == s_.source.file && offset >= resume) return;  // the stream reads it
     if (!input.seek(offset) || !input.ensure(1)) {
-      noteLoss(input);
+      recordLoss(input);
       return;
     }
     const unsigned number = *input.at();
@@ -276,7 +275,7 @@ class Replay {
     }
     const KLT_Parse parsed = entry.parse(entry, input, record_, time, disk);
     if (parsed == KLT_Parse::kNoData) {
-      noteLoss(input);
+      recordLoss(input);
       return;
     }
     if (parsed != KLT_Parse::kRecord || !KLT_RowOf(KLT_RecordNumber(record_.data()))->replayed()) {
@@ -285,28 +284,28 @@ class Replay {
     }
     const KLT_Row& row = *KLT_RowOf(KLT_RecordNumber(record_.data()));
     if ((row.categories() & categories_) == 0) return;
-    if (time >= s_.filter.start) return;  // no history of this window
+    if (time >= s_.filter.start) return;  // not before this window
     if (KLT_ThreadsSelected(s_, record_.data())) KLT_UpdateContext(s_, record_.data());
   }
 
   KLT_Stream& s_;
   uint32_t categories_;
   std::vector<const KLT_FileEntry*> files_;  // in the order in which the entries name them
-  std::unordered_map<const KLT_FileEntry*, size_t> places_;
+  std::unordered_map<const KLT_FileEntry*, size_t> fileIndex_;  // index in `files_`
   std::vector<Entry> entries_;
   OpenInput data_;
-  const KLT_FileEntry* file_ = nullptr;
-  bool usable_ = false;
+  const KLT_FileEntry* file_ = nullptr;  // of `data_`
+  bool isReadable_ = false;              // `file_` is open, and not compressed
   KLT_RecordBuffer record_;
 };
 
-// Loads the anchors of a component, once. Damaged ones are reported and ignored.
+// Loads the anchors of a component, once. If they are damaged, all are ignored after a report.
 void loadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
   if (component.anchorsLoaded) return;
   component.anchorsLoaded = true;
   if (component.anchorFile == nullptr) return;
   OpenInput file;
-  if (!file.open(handle, *component.dataFile, true)) return;  // a trace needs no anchors
+  if (!file.open(handle, *component.dataFile, true)) return;  // anchors are optional
   if (readAnchors(handle, file.input, component)) return;
   ignoreAnchors(handle, component);
 }
@@ -329,7 +328,7 @@ void KLT_PlanRequests(KLT_Stream& s) {
                                       [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
     request.limit =
         end == anchors.end() || request.end == ~uint64_t{0} ? KLT_Input::kNoLimit : end->offset;
-    // A group without offsets may have been written by someone who doesn't keep open scopes.
+    // The program that wrote a group without offsets may not store open scopes at seek points.
     const bool scopes = (KLT_StoredCategories(s, request.categories) & klt::kScopes) != 0;
     if (scopes && request.anchor != nullptr && !request.anchor->hasOffsetHistory) {
       request.anchor = nullptr;

@@ -1,4 +1,4 @@
-// Keeping what was going on in each thread. See klt_context.h.
+// Keeps the state of each thread. See klt_context.h.
 #include "klt/stream/klt_context.h"
 
 #include <algorithm>
@@ -35,14 +35,14 @@ bool KLT_WillyState::empty() const {
 }
 
 KLT_WillyState& KLT_Context::find(uint32_t gtp) {
-  uint32_t place = byGtp_.find(gtp);
-  if (place == 0) {
+  uint32_t number = byGtp_.find(gtp);
+  if (number == 0) {
     states_.push_back(std::make_unique<KLT_WillyState>());
     states_.back()->gtp = gtp;
-    place = static_cast<uint32_t>(states_.size());
-    byGtp_.add(gtp, place);
+    number = static_cast<uint32_t>(states_.size());
+    byGtp_.add(gtp, number);
   }
-  last_ = states_[place - 1].get();
+  last_ = states_[number - 1].get();
   return *last_;
 }
 

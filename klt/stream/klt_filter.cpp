@@ -1,8 +1,8 @@
-// The filter pass: every record of a stream is tested against the current request, updates the
-// context of its thread and, if it passes, is left in `packed`. See klt_filter.h.
+// The filter tests every record of a stream against the current request, updates the context of its
+// thread and stores a record that passes in `packed`. See klt_filter.h.
 //
-// One operation per row, in two forms: for records in the row's own layout, with the tests that
-// need no fields ahead of the conversion, and for records that were read generically.
+// There is one function per row in two forms: for records in the row's own layout, in which the
+// tests that need no fields precede the decoding, and for records that are read generically.
 #include "klt/stream/klt_filter.h"
 
 #include <array>
@@ -19,25 +19,26 @@
 namespace {
 
 enum class Step : uint8_t {
-  kConsumed,      // the record is done with
-  kConsumedLast,  // the same, and the request ends with it
-  kAgain,         // the history came first; the record must be read once more
-  kLeaveRequest,  // it is after the request's end; nothing has changed
+  kConsumed,      // the record has been processed
+  kConsumedLast,  // the record has been processed, and the request ends with it
+  kAgain,         // the history has been produced; the record must be read once more
+  kLeaveRequest,  // the record is after the request's end; nothing has changed
   kNeedRoom,      // the packed records must be delivered first; nothing has changed
-  kNoData,        // the input ended inside it
-  kCorrupt,       // it can't be read
+  kNoData,        // the input ended inside the record
+  kCorrupt,       // the record can't be decoded
 };
 using Filter = Step (*)(KLT_Stream&, const KLT_DecoderEntry&);
 
-// Takes a record of `disk` bytes from the input that isn't handed on.
+// Consumes a record of `disk` bytes that isn't delivered.
 inline Step skip(KLT_Stream& s, uint64_t time, size_t disk) {
   s.filter.time = time;
   s.input.advance(disk);
   return Step::kConsumed;
 }
 
-// What follows once the record of row N stands at the tail of `packed`. `disk` are the bytes to
-// take from the input, `encoded` those of the encoded form, both without the number byte.
+// Tests and appends the decoded record of row N at the tail of `packed`. `disk` is its size in the
+// input, `encoded` its encoded size, both without the number byte. `before`: the record is before
+// the request's start.
 template <int N>
 inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bool before) {
   using View = KLT_Record<N>;
@@ -51,8 +52,8 @@ inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bo
   }
   if constexpr (traits.context) {
     if (before) {
-      // The consumer misses a change, unless it was told when the stream was here before.
-      if (time >= s.history.seenUntil) s.history.clean &= ~row.categories();
+      // The consumer misses this change, unless an earlier request has delivered it.
+      if (time >= s.history.seenUntil) s.history.knownCategories &= ~row.categories();
       klt::updateContext<N>(s, record);
       return skip(s, time, disk);
     }
@@ -69,7 +70,7 @@ inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bo
   s.input.advance(disk);
   s.packed.add(View::bytes(record), encoded, row.timed() ? time : s.packed.outTime);
   if constexpr (row.timed() && !traits.window) {
-    if (s.filter.behindEnd(time)) return Step::kConsumedLast;
+    if (s.filter.isAfterEnd(time)) return Step::kConsumedLast;
   }
   return Step::kConsumed;
 }
@@ -80,7 +81,7 @@ constexpr bool isDropped(const KLT_Stream& s) {
   return test != KLT_CategoryTest::kNone && !s.filter.wanted[N];
 }
 
-// Seek points and their histories act in an anchor file only.
+// Seek points and their histories have an effect in an anchor file only.
 template <int N>
 constexpr bool isSkipped() {
   return kKltRows[N - 1].filter == KLT_FilterClass::kSeekPoint;
@@ -96,7 +97,7 @@ Step filterFast(KLT_Stream& s, const KLT_DecoderEntry&) {
   uint64_t time = s.filter.time;
   if constexpr (row.timed()) time = klt::steppedTime<N>(time, s.input.at());
   if constexpr (traits.window || row.movesTimeOnly()) {
-    if (s.filter.behindEnd(time)) return Step::kLeaveRequest;
+    if (s.filter.isAfterEnd(time)) return Step::kLeaveRequest;
   }
   if constexpr (row.movesTimeOnly()) return skip(s, time, Codec::layout.headBytes);
   const bool before = traits.window && time < s.filter.start;
@@ -118,7 +119,7 @@ Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr KLT_FilterTraits traits = row.traits();
   if constexpr (traits.window || row.movesTimeOnly()) {
-    if (s.filter.behindEnd(time)) return Step::kLeaveRequest;
+    if (s.filter.isAfterEnd(time)) return Step::kLeaveRequest;
   }
   const bool before = traits.window && time < s.filter.start;
   if (row.movesTimeOnly() || isSkipped<N>() || isDropped<N>(s) || (before && !traits.context)) {
@@ -128,7 +129,7 @@ Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   return finish<N>(s, time, disk, encoded, before);
 }
 
-// Of a record that fits no row, N = 0, only the time counts.
+// Of a record that fits no row (N = 0) only the time is used.
 template <int N>
 Step filterGeneric(KLT_Stream& s, const KLT_DecoderEntry& entry) {
   uint64_t time = s.filter.time;
@@ -138,13 +139,13 @@ Step filterGeneric(KLT_Stream& s, const KLT_DecoderEntry& entry) {
   if (parsed == KLT_Parse::kCorrupt) return Step::kCorrupt;
   if constexpr (N == 0) {
     (void)skip(s, time, disk);
-    return s.filter.behindEnd(time) ? Step::kConsumedLast : Step::kConsumed;
+    return s.filter.isAfterEnd(time) ? Step::kConsumedLast : Step::kConsumed;
   } else {
     return parsed == KLT_Parse::kRecord ? finishGeneric<N>(s, time, disk) : Step::kCorrupt;
   }
 }
 
-// By whether the row's own decoder reads the record, and row.
+// Filter functions by decoder (0: generic, 1: the row's own) and row.
 struct Filters {
   std::array<std::array<Filter, kKltRowCount + 1>, 2> byRow;
 
@@ -160,8 +161,8 @@ constexpr Filters kFilters = allFilters(std::make_integer_sequence<int, kKltRowC
 
 // --- the loop -----------------------------------------------------------------------------------
 
-// The input has ended inside the stream, as reported. What passed before is delivered.
-void loseRest(KLT_Stream& s) {
+// Ends the stream after a reported failure of the input. The records before it are delivered.
+void finishAfterLoss(KLT_Stream& s) {
   s.source.lostData = true;
   s.requests.finish();
 }
@@ -172,20 +173,20 @@ KLT_Fill failed(KLT_Stream& s) {
 }
 
 KLT_Fill failAtRecord(KLT_Stream& s) {
-  // Without time order the consumer has the records already: its filter is closed.
+  // Without time order the consumer has received the records already, so the request is ended.
   if (s.packed.turn != nullptr && !s.requests.finished()) (void)KLT_NextRequest(s);
   PAL_Error("Corrupted data");
   return failed(s);
 }
 
-// Reads on at the end of the buffer, or ends the request. False if the stream has failed.
-bool atBufferEnd(KLT_Stream& s) {
+// Refills the empty buffer, or ends the request. False if the stream has failed.
+bool refillOrEndRequest(KLT_Stream& s) {
   if (!s.input.moreToRead()) return KLT_NextRequest(s);
-  if (!s.input.ensure(1)) loseRest(s);
+  if (!s.input.ensure(1)) finishAfterLoss(s);
   return true;
 }
 
-// The layout entry of an index, after its number byte.
+// Reads the layout entry of an index, after its number byte.
 Step readLayout(KLT_Stream& s) {
   KLT_FileHandle& handle = *s.pass->handle;
   switch (KLT_ReadLayoutEntry(s.input, *handle.decoders, handle.genericOnly)) {
@@ -198,7 +199,7 @@ Step readLayout(KLT_Stream& s) {
   }
 }
 
-// The record at hand has a number without a decoder.
+// Processes a record whose number has no decoder: a layout entry of the index, or a corrupt record.
 Step stepUndecoded(KLT_Stream& s, unsigned number) {
   s.input.advance(1);
   if (number == 0 && s.pass->fillsTables) return readLayout(s);
@@ -208,7 +209,7 @@ Step stepUndecoded(KLT_Stream& s, unsigned number) {
   return Step::kCorrupt;
 }
 
-// Whether KLT_FilterPlain may take a record with this number now.
+// Whether KLT_FilterPlain may process a record with this number now.
 bool isPlain(const KLT_Stream& s, unsigned number) {
   const KLT_FilterState& filter = s.filter;
   return number < KLT_FilterState::kPlainRowBits && (filter.plainRows >> number & 1) != 0 &&
@@ -216,8 +217,9 @@ bool isPlain(const KLT_Stream& s, unsigned number) {
          s.packed.turn == nullptr && filter.time >= filter.start;
 }
 
-// Takes records until something is to be done about one. Without time order each is taken alone.
-Step stepThrough(KLT_Stream& s) {
+// Processes records until the result of one needs an action or the buffer is empty. Without time
+// order it processes one record.
+Step processRecords(KLT_Stream& s) {
   const KLT_DecoderEntry* const entries = s.pass->handle->decoders->entries.data();
   Step step = Step::kConsumed;
   do {
@@ -240,16 +242,16 @@ Step stepThrough(KLT_Stream& s) {
 KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packed.records.clear();
   s.packed.encodedBytes = 0;
-  s.packed.takenBefore = s.input.bytesTaken();
+  s.packed.consumedBeforeFill = s.input.bytesTaken();
   while (!s.requests.finished()) {
     if (s.input.drained()) [[unlikely]] {
-      if (!atBufferEnd(s)) return failed(s);
+      if (!refillOrEndRequest(s)) return failed(s);
     } else {
-      const Step step = stepThrough(s);
-      const bool isTaken = step == Step::kConsumed || step == Step::kConsumedLast;
-      if (!isTaken && step != Step::kNoData && step != Step::kCorrupt) s.input.stepBack();
+      const Step step = processRecords(s);
+      const bool isConsumed = step == Step::kConsumed || step == Step::kConsumedLast;
+      if (!isConsumed && step != Step::kNoData && step != Step::kCorrupt) s.input.stepBack();
       if (step == Step::kNeedRoom) return KLT_Fill::kFilled;
-      if (step == Step::kNoData) loseRest(s);
+      if (step == Step::kNoData) finishAfterLoss(s);
       if (step == Step::kCorrupt) return failAtRecord(s);
       const bool endsRequest = step == Step::kConsumedLast || step == Step::kLeaveRequest;
       if (endsRequest && !KLT_NextRequest(s)) return failed(s);
@@ -260,7 +262,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
       if (state == KLT_Turn::State::kOver) return KLT_Fill::kTurnOver;
     }
   }
-  // Its memory serves the next stream while what is delivered waits.
+  // The buffer isn't needed any more. Other streams can use its memory while the records wait.
   s.input.freeBuffer();
   return KLT_Fill::kFilled;
 }

@@ -1,4 +1,4 @@
-// The filter pass of a stream: reads records until `packed` is full or the requests are done.
+// The filter of a stream: reads records until `packed` is full or all requests have ended.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 enum class KLT_Fill : uint8_t {
   kFilled,   // `packed` has the next records; none are left if it is empty
-  kFailed,   // as reported
-  kStopped,  // the record just taken stops the turn
+  kFailed,   // the stream has failed, which has been reported
+  kStopped,  // the record just passed to the turn stops it
   kTurnOver,
 };
 
-// Fills `packed`, or lets the stream's turn take records one by one until it ends.
+// Fills `packed`, or passes records one by one to the stream's turn until that ends.
 [[nodiscard]] KLT_Fill KLT_FillStream(KLT_Stream& stream);

@@ -1,5 +1,5 @@
-// Telling a consumer what was going on when its request begins, and what goes where it ends. See
-// klt_history.h.
+// Produces the records that describe the state of threads at a request's start, and the
+// end_of_filter records at its end. See klt_history.h.
 #include "klt/stream/klt_history.h"
 
 #include <algorithm>
@@ -19,10 +19,10 @@ using klt::kFunctions;
 using klt::kMessages;
 using klt::kScopes;
 
-// Samples are told in the order of a table with this many buckets.
+// Samples are delivered in the order of a table with this many buckets.
 constexpr uint32_t kCounterBuckets = 11;
 
-// Puts together a record of row N at the tail of a buffer: scalars first, then arrays in order.
+// Builds a record of row N at the tail of a buffer: scalars first, then arrays in order.
 template <int N>
 class RecordWriter {
  public:
@@ -37,7 +37,7 @@ class RecordWriter {
   void set(uint32_t value) {
     klt::storeNative(out_.tail() + layout.offset[F], value);
   }
-  // Makes room for the `n` elements of the next array and returns it.
+  // Appends the next array, with room for `n` elements, and returns it.
   template <class T>
   [[nodiscard]] T* array(size_t n) {
     const size_t at = tail_;
@@ -51,8 +51,9 @@ class RecordWriter {
   size_t tail_;
 };
 
-// The records of one history, gathered before it is known whether there is room for them.
-struct Gathered {
+// The records of one history. They are collected first, to determine whether there is room for
+// them.
+struct HistoryRecords {
   KLT_RecordBuffer records;
   size_t encoded = 0;
 
@@ -66,7 +67,7 @@ struct Gathered {
   }
 };
 
-void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
+void addFunctions(HistoryRecords& out, const KLT_WillyState& state, uint64_t time) {
   RecordWriter<KLT_Row::functionHistoryScl> record(out.records, time);
   const size_t n = state.functions.size();
   record.set<0>(state.gtp);
@@ -78,7 +79,7 @@ void addFunctions(Gathered& out, const KLT_WillyState& state, uint64_t time) {
   out.add(record.bytes());
 }
 
-void addScopes(Gathered& out, const KLT_WillyState& state) {
+void addScopes(HistoryRecords& out, const KLT_WillyState& state) {
   state.scopes.each([&](const KLT_OpenScope& scope) {
     RecordWriter<KLT_Row::enterScope> record(out.records, scope.time);
     record.set<1>(state.gtp);
@@ -88,21 +89,21 @@ void addScopes(Gathered& out, const KLT_WillyState& state) {
   });
 }
 
-// --- what an earlier request has delivered ------------------------------------------------------
+// --- records that an earlier request has delivered ----------------------------------------------
 
 bool selectsThread(const KLT_StreamRequest& request, uint32_t gtp) {
   return !request.testThreads || request.set.contains(static_cast<int32_t>(gtp));
 }
 
-// Whether the history at the request's start is told of this thread's state.
-bool tellsStateOf(const KLT_StreamRequest& request, uint32_t gtp) {
+// Whether the history at the request's start contains this thread's state.
+bool reportsStateOf(const KLT_StreamRequest& request, uint32_t gtp) {
   return PAL_TripletsContains(request.threads, static_cast<int32_t>(gtp));
 }
 
 bool hasDeliveredMessage(const KLT_StreamRequest& request, uint32_t sender,
                          const KLT_StoredRecord& message) {
   const uint64_t time = KLT_RecordTime(message.bytes.data());
-  if (time < request.start) return message.end > request.start && tellsStateOf(request, sender);
+  if (time < request.start) return message.end > request.start && reportsStateOf(request, sender);
   return time < request.end &&
          (selectsThread(request, sender) || selectsThread(request, message.partner));
 }
@@ -117,15 +118,15 @@ bool hasDeliveredCollective(const KLT_Stream& s, const KLT_StreamRequest& reques
   return members != nullptr && PAL_TripletsOverlap(*members, request.threads);
 }
 
-// A sample that is the last one at the current request's start.
+// REQUIRES: the sample is the last one of its counter at the current request's start.
 bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t time) {
-  if (time < request.start) return KLT_TellsCounters(request) && tellsStateOf(request, gtp);
+  if (time < request.start) return KLT_TellsCounters(request) && reportsStateOf(request, gtp);
   return time < request.end && selectsThread(request, gtp);
 }
 
-// Whether the consumer has a record of `category` and `time` from an earlier request, for which
-// `hasDelivered` decides. A gap between requests ends what is counted as one series, unless the
-// consumer gathers all of them.
+// Whether an earlier request has delivered a record of `category` and `time`. hasDelivered(request)
+// decides that for one request. Requests before a gap don't count, unless `once` is set: without it
+// each series of adjoining requests is separate for the consumer.
 template <class HasDelivered>
 bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered hasDelivered) {
   const std::span<const KLT_StreamRequest> earlier = s.requests.earlier();
@@ -142,12 +143,12 @@ bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered
   return false;
 }
 
-// --- gathering a history ------------------------------------------------------------------------
+// --- collecting a history -----------------------------------------------------------------------
 
-void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state) {
+void addCounters(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState& state) {
   std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
   for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
-  // Not by the order of their first samples, which differs where reading starts at a seek point.
+  // Sorted by id: the order of insertion differs if reading starts at a seek point.
   std::sort(ordered.begin(), ordered.end(),
             [](const auto* a, const auto* b) { return a->id < b->id; });
   PAL_SortByBucket(ordered, kCounterBuckets, [](const auto* sample) { return sample->id; });
@@ -166,7 +167,8 @@ void addCounters(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state
   }
 }
 
-void addMessages(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+void addMessages(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState& state,
+                 bool onlyNew) {
   for (const KLT_StoredRecord& message : state.messages.records()) {
     const auto hasDelivered = [&](const KLT_StreamRequest& request) {
       return hasDeliveredMessage(request, state.gtp, message);
@@ -176,7 +178,8 @@ void addMessages(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state
   }
 }
 
-void addCollectives(const KLT_Stream& s, Gathered& out, const KLT_WillyState& state, bool onlyNew) {
+void addCollectives(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState& state,
+                    bool onlyNew) {
   for (const KLT_StoredRecord* operation : state.operations) {
     const auto hasDelivered = [&](const KLT_StreamRequest& request) {
       return hasDeliveredCollective(s, request, *operation);
@@ -186,8 +189,8 @@ void addCollectives(const KLT_Stream& s, Gathered& out, const KLT_WillyState& st
   }
 }
 
-// Gives the collective operations under way to the threads with whose state they are told: the
-// first member of the communicator that the request selects.
+// Assigns each collective operation that hasn't ended to the thread with whose state it is
+// delivered: the first member of the communicator that the request selects.
 void assignCollectives(KLT_Stream& s) {
   for (const auto& state : s.history.context.states()) state->operations.clear();
   for (const KLT_StoredRecord& operation : s.history.context.collectives().records()) {
@@ -197,7 +200,7 @@ void assignCollectives(KLT_Stream& s) {
   }
 }
 
-void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
+void collect(KLT_Stream& s, uint32_t unknown, bool brackets, HistoryRecords& out) {
   const KLT_StreamRequest& request = s.requests.current();
   const KLT_HandlerTable& handlers = s.pass->handlers;
   const uint32_t stored = KLT_StoredCategories(s, request.categories);
@@ -205,10 +208,11 @@ void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
   for (const KLT_WillyState* state : s.history.context.ordered(*s.pass->handle)) {
     const auto gtp = static_cast<int32_t>(state->gtp);
     const bool isAdded = PAL_TripletsContains(s.history.addedThreads, gtp);
-    if (!isAdded && !tellsStateOf(request, state->gtp)) continue;
+    if (!isAdded && !reportsStateOf(request, state->gtp)) continue;
     const uint32_t mask = isAdded ? stored : s.history.addedCategories;
-    // What is under way: a thread that is added may take part in what has been delivered already.
-    const uint32_t underWay = isAdded ? stored : untold;
+    // Messages and operations of an added thread may have been delivered already, because another
+    // thread that takes part in them was selected.
+    const uint32_t underWay = isAdded ? stored : unknown;
     const bool onlyNew = isAdded || s.pass->once;
     if ((mask & kFunctions) != 0 && handlers.function_history != nullptr &&
         !state->functions.empty()) {
@@ -226,14 +230,14 @@ void gather(KLT_Stream& s, uint32_t untold, bool brackets, Gathered& out) {
 }
 
 template <int N>
-void passBracket(KLT_Stream& s, uint64_t time) {
+void appendBracket(KLT_Stream& s, uint64_t time) {
   const RecordWriter<N> record(s.packed.records, time);
   s.packed.add(record.bytes(), 2, time);
 }
 
-void passGathered(KLT_Stream& s, Gathered& gathered) {
-  for (size_t at = 0; at < gathered.records.used();) {
-    const uint8_t* record = gathered.records.data() + at;
+void appendHistory(KLT_Stream& s, HistoryRecords& history) {
+  for (size_t at = 0; at < history.records.used();) {
+    const uint8_t* record = history.records.data() + at;
     const size_t bytes = KLT_RecordBytes(record);
     std::memcpy(s.packed.records.reserve(bytes), record, bytes);
     s.packed.add(bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
@@ -248,7 +252,7 @@ void markDone(KLT_Stream& s) {
   s.history.keepContext = s.requests.following() != nullptr;
 }
 
-// Drops what can't be part of the history at `time`.
+// Removes messages and operations that ended before the history at `time`.
 void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
   if ((categories & (kAny | kMessages)) != 0) {
     for (const auto& state : s.history.context.states()) state->messages.prune(time);
@@ -256,13 +260,13 @@ void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
   if ((categories & (kAny | kCollops)) != 0) s.history.context.collectives().prune(time);
 }
 
-// An end_of_filter for what the request selected and the one behind it doesn't. No threads means
-// all of them.
-void passEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
-                     const PAL_Triplets& threads) {
+// Appends an end_of_filter for categories and threads that the next request doesn't select. An
+// empty list of threads means all threads.
+void appendEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
+                       const PAL_Triplets& threads) {
   if (s.pass->handlers.end_of_filter == nullptr) return;
-  // Without time order this may come ahead of other streams' records: it must close nothing that
-  // isn't this stream's, such as calls where it holds comments only.
+  // Without time order the record may be delivered before earlier records of other streams. It must
+  // only end categories that this stream stores; a stream of comments, for example, no calls.
   if (!s.pass->serial) categories &= s.source.categories;
   RecordWriter<KLT_Row::endOfFilter> record(s.packed.records, time);
   record.set<1>(categories);
@@ -286,27 +290,27 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
     markDone(s);
     return true;
   }
-  const uint32_t untold = KLT_StoredCategories(s, request.categories) & ~s.history.clean;
+  const uint32_t unknown = KLT_StoredCategories(s, request.categories) & ~s.history.knownCategories;
   pruneContext(s, request.categories, request.start);
   const uint32_t known =
       (request.categories & kAny) != 0 ? kKltAllHistory : request.categories | kAny;
   const bool brackets =
       s.pass->handlers.begin_of_history != nullptr && s.pass->handlers.end_of_history != nullptr;
-  Gathered gathered;
-  if ((untold != 0 || s.history.addedCategories != 0 || !s.history.addedThreads.empty()) &&
+  HistoryRecords history;
+  if ((unknown != 0 || s.history.addedCategories != 0 || !s.history.addedThreads.empty()) &&
       !s.history.context.empty()) {
-    gather(s, untold, brackets, gathered);
+    collect(s, unknown, brackets, history);
   }
-  if (gathered.encoded != 0) {
+  if (history.encoded != 0) {
     constexpr size_t kBracketBytes = 15;
     constexpr size_t kTimeRecord = 9;
-    const size_t needed = gathered.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
+    const size_t needed = history.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
     if (!force && !s.packed.makeRoom(needed)) return false;
-    if (brackets) passBracket<KLT_Row::beginOfHistory>(s, request.start);
-    passGathered(s, gathered);
-    if (brackets) passBracket<KLT_Row::endOfHistory>(s, request.start);
+    if (brackets) appendBracket<KLT_Row::beginOfHistory>(s, request.start);
+    appendHistory(s, history);
+    if (brackets) appendBracket<KLT_Row::endOfHistory>(s, request.start);
   }
-  s.history.clean = known;
+  s.history.knownCategories = known;
   markDone(s);
   return true;
 }
@@ -316,26 +320,26 @@ void KLT_EndRequest(KLT_Stream& s) {
   const KLT_StreamRequest& ended = s.requests.current();
   const KLT_StreamRequest* next = s.requests.following();
   if (next == nullptr || next->start != ended.end) {
-    s.history.clean = 0;
-    passEndOfFilter(s, ended.end, ended.categories, ended.threads);
+    s.history.knownCategories = 0;
+    appendEndOfFilter(s, ended.end, ended.categories, ended.threads);
     return;
   }
-  s.history.clean &=
+  s.history.knownCategories &=
       (next->categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : next->categories;
   const PAL_Triplets threads =
       next->threads.empty() ? PAL_Triplets{} : PAL_TripletsSubtract(ended.threads, next->threads);
   uint32_t categories = ended.categories & ~next->categories;
-  // Streams that have no part in a request without length go on without a break: what this one
-  // drops there concerns its own records alone.
+  // Other streams may not take part in a request whose start is its end, and read on across it. So
+  // the records that this stream appends there only name categories that it stores itself.
   const bool ownOnly = isInstant(ended) || isInstant(*next);
   if (ownOnly) categories &= s.source.categories;
   const uint32_t leaving = ownOnly ? ended.categories & s.source.categories : ended.categories;
-  // Two records rather than one that names both: threads that leave lose all categories, those that
-  // stay only the ones that aren't asked any more. A single record with the latter, perhaps none,
-  // would leave the calls of a leaving thread open, and a request that asks for the thread again
-  // later would deliver a second call stack for it.
-  if (!threads.empty()) passEndOfFilter(s, ended.end, leaving, threads);
+  // There are two records instead of one for both, because all categories end for threads that
+  // aren't selected any more, but only `categories` for the others. A single record with
+  // `categories`, which may be none, would leave the calls of such a thread open, and a later
+  // request with that thread would deliver a second call stack for it.
+  if (!threads.empty()) appendEndOfFilter(s, ended.end, leaving, threads);
   if (categories != 0) {
-    passEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
+    appendEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
   }
 }

@@ -1,16 +1,16 @@
-// History: what a consumer is told of the state of threads where a request begins, and what it
-// drops where one ends.
+// Produces the history of a request: the records that describe the state of threads at its start,
+// and the end_of_filter records at its end.
 #pragma once
 
 #include <cstddef>
 
 #include "klt/stream/klt_stream.h"
 
-// Appends the history of the current request to the packed records; false, with nothing changed, if
-// the records there must be delivered first. `room` are the bytes of the record at hand; with
-// `force` there is always room.
+// Appends the history of the current request to the packed records. False, with nothing changed, if
+// the records there must be delivered first. `room` is the size in bytes of the record that
+// follows; `force` ignores the limit of the packed records.
 [[nodiscard]] bool KLT_ProduceHistory(KLT_Stream& stream, size_t room, bool force);
 
-// Appends what the end of the current request tells: its history, if that hasn't been produced, and
-// what it selects that the next one doesn't.
+// Appends the records for the end of the current request: its history, if that hasn't been
+// produced, and end_of_filter records for what it selects and the next request doesn't.
 void KLT_EndRequest(KLT_Stream& stream);

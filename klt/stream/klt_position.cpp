@@ -1,4 +1,4 @@
-// Opening streams and moving them through their requests. See klt_position.h.
+// Opens streams and moves them through their requests. See klt_position.h.
 #include "klt/stream/klt_position.h"
 
 #include <algorithm>
@@ -14,14 +14,16 @@ namespace {
 
 using klt::kAny;
 
-bool selectsNoMore(const KLT_StreamRequest& request, const KLT_StreamRequest& than) {
-  if ((than.categories & kAny) == 0 && (request.categories & ~than.categories) != 0) return false;
-  if (than.threads.empty()) return true;
-  return !request.threads.empty() && PAL_TripletsSubset(than.threads, request.threads);
+// Whether `request` selects no categories and threads that `other` doesn't select.
+bool isCoveredBy(const KLT_StreamRequest& request, const KLT_StreamRequest& other) {
+  if ((other.categories & kAny) == 0 && (request.categories & ~other.categories) != 0) return false;
+  if (other.threads.empty()) return true;
+  return !request.threads.empty() && PAL_TripletsSubset(other.threads, request.threads);
 }
 
-// Whether samples are to be told and the seek point lists none: it may come from someone who
-// doesn't keep them, and only a look at all records can tell.
+// Whether the request's history contains samples and the seek point has none. The program that
+// wrote it may not store samples at seek points; then they can only be found by reading all
+// records.
 bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
   if ((KLT_StoredCategories(s, request.categories) & klt::kCounters) == 0) return false;
   if (!KLT_TellsCounters(request)) return false;
@@ -30,7 +32,7 @@ bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
                      [](const auto& state) { return state->counters.entries().empty(); });
 }
 
-// Empties the context and goes to where the request's reading starts.
+// Clears the context and moves to the offset at which reading for the request starts.
 bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
   s.history.context.clear(~uint32_t{0});
   if (request.anchor != nullptr) {
@@ -45,8 +47,8 @@ bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
   return s.input.seek(s.source.firstOffset);
 }
 
-// What the request asks for beyond the one that ends where it starts.
-void noteAdded(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_StreamRequest& before) {
+// Sets what the request selects and the previous one, which ends at its start, doesn't.
+void setAdded(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_StreamRequest& before) {
   const uint32_t asked =
       (request.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : request.categories;
   s.history.addedCategories = (before.categories & kAny) != 0 ? 0 : asked & ~before.categories;
@@ -66,21 +68,21 @@ bool KLT_EnterRequest(KLT_Stream& s) {
   KLT_SelectRequest(s);
   history.done = false;
   history.keepContext = true;
-  bool goesOn = false;
+  bool readsOn = false;
   if (before != nullptr && before->end == request.start) {
-    noteAdded(s, request, *before);
-    goesOn = history.addedCategories == 0 && history.addedThreads.empty();
-    history.done = goesOn;
-    if (goesOn) history.keepContext = s.requests.following() != nullptr;
+    setAdded(s, request, *before);
+    readsOn = history.addedCategories == 0 && history.addedThreads.empty();
+    history.done = readsOn;
+    if (readsOn) history.keepContext = s.requests.following() != nullptr;
   } else {
     history.addedCategories = KLT_StoredCategories(s, request.categories);
     history.addedThreads.clear();
-    // What the request before kept of the context is enough, and nothing is to be gained by a jump.
-    goesOn = before != nullptr && selectsNoMore(request, *before) &&
-             (request.anchor == nullptr || request.anchor->offset <= s.input.position());
+    // The context that the previous request kept is sufficient, and a jump wouldn't save reading.
+    readsOn = before != nullptr && isCoveredBy(request, *before) &&
+              (request.anchor == nullptr || request.anchor->offset <= s.input.position());
   }
   if (!history.done) history.seenUntil = before == nullptr ? 0 : before->end;
-  if (!goesOn && !jump(s, request)) return false;
+  if (!readsOn && !jump(s, request)) return false;
   s.input.setLimit(request.limit);
   return true;
 }

@@ -1,4 +1,4 @@
-// Open scopes: a list that is searched or indexed. See klt_scopes.h.
+// Keeps open scopes in a list, which has an index when it is long. See klt_scopes.h.
 #include "klt/stream/klt_scopes.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ void KLT_OpenScopes::enter(uint64_t time, uint32_t scope, uint32_t seqnr) {
   ++open_;
   if (index_ != nullptr) {
     link(entries_.size() - 1);
-  } else if (entries_.size() > kSearched) {
+  } else if (entries_.size() > kMaxSearched) {
     rebuild();
   }
 }
@@ -42,7 +42,7 @@ bool KLT_OpenScopes::leave(uint32_t scope, uint32_t seqnr) {
   oldest.left = true;
   --open_;
   while (!entries_.empty() && entries_.back().left) entries_.pop_back();
-  if (entries_.size() > 2 * open_ + kSearched || entries_.size() <= kSearched / 2) rebuild();
+  if (entries_.size() > 2 * open_ + kMaxSearched || entries_.size() <= kMaxSearched / 2) rebuild();
   return true;
 }
 
@@ -52,19 +52,20 @@ void KLT_OpenScopes::clear() {
   open_ = 0;
 }
 
-// Of one key the entries are left in order, so the one that a chain goes on with is still there.
-void KLT_OpenScopes::link(size_t place) {
+// Appends the entry to the chain of its key. Entries of one key are left in the order of the chain,
+// so the entry after the one that is left still exists.
+void KLT_OpenScopes::link(size_t entry) {
   const auto [chain, isNew] =
-      index_->try_emplace(scopeKey(entries_[place].scope), Chain{place, place});
+      index_->try_emplace(scopeKey(entries_[entry].scope), Chain{entry, entry});
   if (isNew) return;
-  entries_[chain->second.last].next = place;
-  chain->second.last = place;
+  entries_[chain->second.last].next = entry;
+  chain->second.last = entry;
 }
 
 void KLT_OpenScopes::rebuild() {
   std::erase_if(entries_, [](const Entry& entry) { return entry.left; });
   index_.reset();
-  if (entries_.size() <= kSearched / 2) return;
+  if (entries_.size() <= kMaxSearched / 2) return;
   index_ = std::make_unique<Index>();
   for (size_t i = 0; i < entries_.size(); ++i) link(i);
 }

@@ -1,9 +1,9 @@
-// The scopes that a thread has entered and not left, for the contexts of readers and for the
-// driver.
+// Keeps the scopes that a thread has entered and not left. The contexts of readers and the program
+// use it.
 //
-// Scopes are kept in order of entry. Leaving takes out the oldest one with that scope and sequence
-// number. Few are searched one by one; many are found by key, and what was left stays in place,
-// marked, until it makes up half of the list.
+// Scopes are kept in order of entry. Leaving removes the oldest one with that scope and sequence
+// number. A short list is searched linearly. A long list has an index by key; entries that were
+// left are marked and stay in the list until they make up half of it.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ struct KLT_OpenScope {
 class KLT_OpenScopes {
  public:
   void enter(uint64_t time, uint32_t scope, uint32_t seqnr);
-  // False if there is none.
+  // False if there is no such scope.
   [[nodiscard]] bool leave(uint32_t scope, uint32_t seqnr);
   void clear();
   [[nodiscard]] bool empty() const { return open_ == 0; }
@@ -33,24 +33,24 @@ class KLT_OpenScopes {
   }
 
  private:
-  static constexpr size_t kSearched = 32;
+  static constexpr size_t kMaxSearched = 32;  // a longer list has an index
 
   struct Entry {
     KLT_OpenScope scope;
-    size_t next = 0;  // the next one with the same key, if this isn't the last
+    size_t next = 0;  // index of the next entry with the same key, unless this is the last
     bool left = false;
   };
-  // Places of the oldest and the newest entry of a key.
+  // Indexes of the oldest and the newest entry of a key.
   struct Chain {
     size_t first;
     size_t last;
   };
   using Index = std::unordered_map<uint64_t, Chain>;
 
-  void link(size_t place);
+  void link(size_t entry);
   void rebuild();
 
   std::vector<Entry> entries_;
   size_t open_ = 0;
-  std::unique_ptr<Index> index_;  // by key; null while the list is searched
+  std::unique_ptr<Index> index_;  // by key; null while the list is short
 };

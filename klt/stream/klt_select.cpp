@@ -1,4 +1,4 @@
-// What a request selects of a stream. See klt_select.h.
+// Determines what a request selects of a stream. See klt_select.h.
 #include "klt/stream/klt_select.h"
 
 #include <array>
@@ -50,7 +50,7 @@ bool isWanted(const KLT_Stream& s, const KLT_Row& row) {
   }
 }
 
-// Whether records with the row's number are of that row and read by its own decoder.
+// Whether records with the row's number are records of that row and its own decoder reads them.
 bool isFast(const KLT_Stream& s, const KLT_Row& row) {
   const KLT_DecoderEntry& entry = s.pass->handle->decoders->entries[row.number];
   return entry.isFast && entry.row == row.number;
@@ -83,7 +83,7 @@ void KLT_SelectRequest(KLT_Stream& s) {
   }
 }
 
-// Remembered per request.
+// The result is kept for the request.
 int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
   const auto known = s.filter.commonMembers.find(communicator);
   if (known != s.filter.commonMembers.end()) return known->second;
@@ -100,7 +100,7 @@ int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
     member = static_cast<uint32_t>(members->front().first);
   } else if (PAL_TripletsFirstCommon(*members, threads, &number)) {
     member = static_cast<uint32_t>(number);
-  } else if (!s.filter.testThreads) {  // of a communicator that has nobody in the component's list
+  } else if (!s.filter.testThreads) {  // no member is in the component's list of threads
     member = static_cast<uint32_t>(members->front().first);
   }
   s.filter.commonMembers.emplace(communicator, member);

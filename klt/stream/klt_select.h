@@ -1,8 +1,8 @@
-// What a request selects of a stream: rows, threads, communicators with a selected member; and how
-// the records that it selects change the context of their threads.
+// Determines what a request selects of a stream (rows, threads, communicators with a selected
+// member), and updates the context of threads with the selected records.
 //
-// The tests and updates of a row are templates for the filter pass; those that go by a record's
-// number are for records that are replayed.
+// The filter uses the tests and updates of a row as templates. The functions that dispatch by a
+// record's number are for records that are replayed.
 #pragma once
 
 #include <cstdint>
@@ -11,27 +11,28 @@
 #include "klt/format/klt_spans.h"
 #include "klt/stream/klt_stream.h"
 
-// What a history of everything tells.
+// The categories of which a history can contain state.
 inline constexpr uint32_t kKltAllHistory = klt::kWholeSelection & ~klt::kDeclarations;
 
-// Categories of `mask` that the stream's component stores, with the any bit resolved.
+// The categories of `mask` that the stream's component stores, with the kAny bit replaced by all.
 [[nodiscard]] uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask);
-// Whether the request tells the last samples of counters at its start: only those do that ask for
-// counters and for neither messages, collective operations nor everything.
+// Whether the history of the request contains the last samples of counters. That is so only if it
+// asks for counters, but not for messages, collective operations or all categories.
 [[nodiscard]] bool KLT_TellsCounters(const KLT_StreamRequest& request);
 
 // Sets the stream's filter to its current request.
 void KLT_SelectRequest(KLT_Stream& stream);
 
-// The first member of the communicator that the current request selects: its gtp, kKltNoMember, or
-// kKltUndefined for a communicator that isn't defined or has no members, which is reported.
+// The gtp of the first member of the communicator that the current request selects; kKltNoMember if
+// there is none; kKltUndefined, after a report, if the communicator isn't defined or has no
+// members.
 inline constexpr int64_t kKltNoMember = -1;
 inline constexpr int64_t kKltUndefined = -2;
 [[nodiscard]] int64_t KLT_CommonMember(KLT_Stream& stream, uint32_t communicator);
 
 // Whether the record's thread, or a member of its communicator, is selected.
 [[nodiscard]] bool KLT_ThreadsSelected(KLT_Stream& stream, const uint8_t* record);
-// Updates the context with a record of the selected threads.
+// Updates the context with a record of selected threads.
 void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record);
 
 namespace klt {
@@ -67,7 +68,8 @@ bool threadsSelected(KLT_Stream& s, const uint8_t* record) {
   return true;
 }
 
-// Enters and leaves. While no history is to be produced, only what warnings need is kept.
+// Updates stacks and scopes. While no history is to be produced, only the data for warnings is
+// kept.
 template <int N>
 void updateStack(KLT_HistoryState& history, const uint8_t* record) {
   using View = KLT_Record<N>;
@@ -105,8 +107,8 @@ void updateSamples(KLT_Context& context, const uint8_t* record) {
   KLT_WillyState& state = context.of(View::template get32<row.find("willy_gtp")>(record));
   for (uint32_t i = 0; i < View::template count<values>(record); ++i) {
     if (counter[i] == 0) continue;
-    // Where times lead back, and among the entries of a seek point, the last record needn't hold
-    // the last sample.
+    // If times lead back, and among the entries of a seek point, the record that is read last may
+    // not hold the last sample.
     KLT_CounterSample& sample = state.counters[counter[i]];
     if (time >= sample.time) sample = {time, value[i]};
   }

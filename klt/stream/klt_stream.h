@@ -1,12 +1,12 @@
-// The read state of one component within one reader.
+// Defines the read state of one component within one reader.
 //
-// A stream is a time-ordered sequence of records. Its filter pass (klt_filter) runs records from
-// the input through the current request (klt_select) and leaves those that pass in `packed`, in
-// memory form; the reader merges streams by time and delivers from there. Requests are worked off
-// in time order (klt_position); between two of them the stream goes on, or jumps to a seek point
-// (klt_anchor) and has its context rebuilt.
+// A stream is a time-ordered sequence of records. Its filter (klt_filter) tests records from the
+// input against the current request (klt_select) and stores those that pass in `packed`, in memory
+// form; the reader merges streams by time and delivers from there. Requests are processed in time
+// order (klt_position). Between two of them the stream reads on, or jumps to a seek point
+// (klt_anchor) and rebuilds its context.
 //
-// Each part of the state says which module changes it.
+// Each part of the state names the module that changes it.
 #pragma once
 
 #include <algorithm>
@@ -25,26 +25,26 @@
 #include "klt/storage/klt_input.h"
 #include "klt/stream/klt_context.h"
 
-// What the streams of one reader have in common.
+// What all streams of a reader share.
 struct KLT_Pass {
   KLT_FileHandle* handle = nullptr;
   KLT_HandlerTable handlers;
   std::array<bool, kKltRowCount + 1> hasHandler{};  // by row
   bool serial = true;                               // records are delivered merged by time
-  bool once = false;         // the consumer gathers the events of all requests in one place
+  bool once = false;         // KLT_MODE_EVENTS_ONCE: no request repeats events of an earlier one
   bool fillsTables = false;  // the stream is the index, whose records fill the trace's tables
   std::unordered_set<uint32_t> reportedCommunicators;
 };
 
-// What a stream reads (klt_position).
+// The component that a stream reads (klt_position).
 struct KLT_StreamSource {
   KLT_Component* component = nullptr;  // null for the index and the declarations
   const KLT_FileEntry* file = nullptr;
   KLT_IoFile* io = nullptr;
   uint64_t firstOffset = 0;  // of the first record
   uint32_t categories = 0;   // of the component
-  bool failed = false;       // nothing more can be read of it, as reported
-  bool lostData = false;     // something of it couldn't be read, as reported
+  bool failed = false;       // nothing more can be read, which has been reported
+  bool lostData = false;     // a part couldn't be read, which has been reported
 
   [[nodiscard]] const char* suffix() const { return file == nullptr ? "" : file->suffix.c_str(); }
 };
@@ -54,18 +54,18 @@ struct KLT_StreamRequest {
   uint64_t start = 0;
   uint64_t end = ~uint64_t{0};
   uint32_t categories = 0;
-  uint32_t asked = 0;                    // the categories as the caller gave them for its start
-  PAL_Triplets threads;                  // empty: no selection on either side
+  uint32_t asked = 0;                    // the caller's categories for the request's start
+  PAL_Triplets threads;                  // empty: neither request nor component names threads
   bool testThreads = false;              // the selection doesn't cover all threads of the component
-  PAL_TripletSet set;                    // of `threads`, if they are tested
-  const KLT_Anchor* anchor = nullptr;    // where reading starts; null: offset 0
-  uint64_t limit = KLT_Input::kNoLimit;  // offset at which its bytes end
+  PAL_TripletSet set;                    // `threads`, if they are tested
+  const KLT_Anchor* anchor = nullptr;    // where reading starts; null: at the first record
+  uint64_t limit = KLT_Input::kNoLimit;  // offset at which reading ends
 };
 
-// The requests of a stream and which of them it is at (klt_position).
+// The requests of a stream and the position among them (klt_position).
 class KLT_RequestCursor {
  public:
-  // Adds a request after the others, or widens the last one.
+  // Appends a request, or extends the last one if the two can be joined.
   void add(KLT_StreamRequest&& request) {
     asked_ |= request.categories;
     if (!list_.empty()) {
@@ -82,9 +82,9 @@ class KLT_RequestCursor {
   [[nodiscard]] std::vector<KLT_StreamRequest>& all() { return list_; }
   [[nodiscard]] uint32_t asked() const { return asked_; }  // categories of all of them
   [[nodiscard]] const KLT_StreamRequest& current() const { return list_[at_]; }
-  // Those ahead of the current one.
+  // The requests before the current one.
   [[nodiscard]] std::span<const KLT_StreamRequest> earlier() const { return {list_.data(), at_}; }
-  // The one after the current one, or null.
+  // The request after the current one, or null.
   [[nodiscard]] const KLT_StreamRequest* following() const {
     return at_ + 1 < list_.size() ? &list_[at_ + 1] : nullptr;
   }
@@ -98,65 +98,66 @@ class KLT_RequestCursor {
   uint32_t asked_ = 0;
 };
 
-// The filter pass (klt_filter), and what the current request selects (klt_select).
+// The state of the filter (klt_filter), and what the current request selects (klt_select).
 struct KLT_FilterState {
   static constexpr unsigned kPlainRowBits = 64;
 
   uint64_t time = 0;  // running time of the file
   uint64_t start = 0;
   uint64_t end = ~uint64_t{0};
-  uint64_t plainRows = 0;  // rows that KLT_FilterPlain may take, by bit
+  uint64_t plainRows = 0;  // bit n: KLT_FilterPlain may process row n
   bool testThreads = false;
   std::array<bool, kKltRowCount + 1> wanted{};          // by row
   std::unordered_map<uint32_t, int64_t> commonMembers;  // first selected member by communicator
 
-  // Whether a record at `t` is after the request. All ones as end means none.
-  [[nodiscard]] bool behindEnd(uint64_t t) const { return t >= end && end != ~uint64_t{0}; }
+  // Whether a record at time `t` is after the request. An end of all ones means no end.
+  [[nodiscard]] bool isAfterEnd(uint64_t t) const { return t >= end && end != ~uint64_t{0}; }
 };
 
-// What the consumer knows and has to learn of the state of threads (klt_history).
+// Which state of the threads the consumer knows, and which it must still receive (klt_history).
 struct KLT_HistoryState {
-  bool done = false;             // that of the current request has been produced
-  bool keepContext = true;       // one may still have to be produced
-  uint32_t clean = 0;            // categories whose state the consumer knows
-  uint32_t addedCategories = 0;  // what the current request asks for beyond the one before
-  PAL_Triplets addedThreads;
-  uint64_t seenUntil = 0;  // records before this time have been through a request already
+  bool done = false;             // the history of the current request has been produced
+  bool keepContext = true;       // a history may still have to be produced
+  uint32_t knownCategories = 0;  // categories whose state the consumer knows
+  uint32_t addedCategories = 0;  // categories that the current request has and the previous one not
+  PAL_Triplets addedThreads;     // likewise for threads
+  uint64_t seenUntil = 0;        // records before this time have passed an earlier request
   KLT_Context context;
 };
 
-// Takes the records of a stream one by one, where streams aren't merged by time.
+// Receives the records of a stream one by one, where streams aren't merged by time.
 class KLT_Turn {
  public:
-  enum class State : uint8_t { kGoesOn, kStopped, kOver };
+  enum class State : uint8_t { kContinues, kStopped, kOver };
 
   KLT_Turn() = default;
   KLT_Turn(const KLT_Turn&) = delete;
   KLT_Turn& operator=(const KLT_Turn&) = delete;
   virtual ~KLT_Turn() = default;
-  // The record may be changed.
+  // Receives the record, which it may change.
   virtual void take(uint8_t* record) = 0;
-  // Whether the filter pass goes on; asked after each of its steps.
+  // Whether the filter continues. Called after each of its steps.
   [[nodiscard]] virtual State state() = 0;
 };
 
 // Records that have passed the filter and wait for delivery (klt_filter, klt_history).
 struct KLT_PackedRecords {
-  // Encoded bytes that a fill gathers before they are delivered. Deliveries work on the memory form
-  // of records; the encoded size still bounds how far a stream runs ahead.
+  // Limit of the encoded bytes that a fill collects before they are delivered. The records are kept
+  // in memory form; their encoded size limits how far a stream is read ahead.
   static constexpr size_t kFillBytes = 0x10000;
-  // Room that a record needs beyond its size: number byte, a time record of 9 bytes, a spare.
+  // Room that a record needs beyond its fields: number byte, a time record of 9 bytes, a spare
+  // byte.
   static constexpr size_t kRecordOverhead = 11;
 
   KLT_RecordBuffer records;
   size_t encodedBytes = 0;
-  size_t capacity = kFillBytes;  // for encoded bytes
-  uint64_t outTime = 0;          // time of the last record
-  uint64_t takenBefore = 0;      // bytes taken from the input ahead of the last fill
-  KLT_Turn* turn = nullptr;      // takes the records at once; null: they are merged by time
+  size_t capacity = kFillBytes;     // for encoded bytes
+  uint64_t outTime = 0;             // time of the last record
+  uint64_t consumedBeforeFill = 0;  // bytes consumed from the input before the last fill
+  KLT_Turn* turn = nullptr;         // receives the records at once; null: they are merged by time
 
-  // Whether there is room for `more` encoded bytes. A record larger than the capacity has it where
-  // it is the only one.
+  // Whether there is room for `more` encoded bytes. If there are no other records, the capacity
+  // grows to what a larger record needs.
   [[nodiscard]] bool makeRoom(size_t more) {
     const size_t needed = encodedBytes + more;
     if (needed <= capacity || turn != nullptr) [[likely]]
@@ -165,8 +166,8 @@ struct KLT_PackedRecords {
     capacity = needed;
     return true;
   }
-  // Hands on the record of `bytes` bytes at the tail of `records`. `encoded` are its bytes on disk
-  // without the number byte.
+  // Appends the record of `bytes` bytes at the tail of `records`, or passes it to `turn`. `encoded`
+  // is its size on disk without the number byte.
   [[gnu::always_inline]] void add(size_t bytes, size_t encoded, uint64_t time) {
     if (turn != nullptr) [[unlikely]] {
       turn->take(records.tail());
