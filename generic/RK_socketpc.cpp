@@ -1,4 +1,4 @@
-// Group operations for a single process.
+// Group operations for a single process. See RK_socketpc.h.
 #include "generic/RK_socketpc.h"
 
 #include <unistd.h>
@@ -56,7 +56,7 @@ int RK_IPCInit(const char*, int) {
   PAL_CALLOC(comm, 1, sizeof *comm);
   comm->rank = OWN_RANK;
   comm->size = GROUP_SIZE;
-  // Nothing travels through the pair in a group of one, so the group does without it if it must.
+  // A group of one never uses the pair, so it can exist without it.
   const int result = PAL_SocketPair(comm->sockets);
   if (result != 0) PAL_Debug(HERE, "%s = %d\n", "PAL_SocketPair(comm->sockets)", result);
   RK_IPCcommworld = comm;

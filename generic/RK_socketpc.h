@@ -1,9 +1,9 @@
-// The group of processes that the tool forms with itself alone.
+// The operations of a group of processes, whose only process is the program itself.
 //
-// Configuration, output and merge speak in terms of groups; there is never a second process, so
-// each operation here does what it means for a group of one. Starting up opens no port: nobody
-// could connect. Owns the world communicator and its socket pair. All operations take the caller's
-// source position first, written HERE, and return 0 on success.
+// Configuration, output and merge are written for groups of processes. There is never a second
+// process, so each operation does what it means for a group of one, and no port is opened. Owns the
+// world communicator and its socket pair. All operations take the caller's source position first,
+// written HERE, and return 0 on success.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@
 
 #include "util/pal_socket.h"
 
-// The one macro of this layer: it stands for two arguments.
+// A macro, because it expands to two arguments.
 #define HERE __FILE__, __LINE__
 
 struct RK_IPCComm {
   int32_t rank;            // own process number
   int32_t size;            // number of processes
-  PAL_Socket* sockets[2];  // pair of the process, null if it could not be made
+  PAL_Socket* sockets[2];  // the process's socket pair; null if it couldn't be created
 };
 
 extern RK_IPCComm* RK_IPCcommworld;  // the group of all processes, null before RK_IPCInit
@@ -36,17 +36,17 @@ inline constexpr RK_IPCOperation RK_IPC_MIN = RK_IPCOperation::MIN;
 inline constexpr RK_IPCOperation RK_IPC_MAX = RK_IPCOperation::MAX;
 inline constexpr RK_IPCOperation RK_IPC_BOR = RK_IPCOperation::BOR;
 
-// Forms the group of one; only the first call does anything. The group is formed even if its socket
-// pair can't be made, which is reported, on the debug channel too.
+// Creates the group; later calls do nothing. A failure to create the socket pair is reported, also
+// on the debug channel; the group then exists without it.
 int RK_IPCInit(const char* file, int line);
 
-// The host's name as recorded by RK_IPCInit, or "process_0" where the host has none to tell.
+// The host's name as recorded by RK_IPCInit, or "process_0" if the host's name is unknown.
 [[nodiscard]] const char* RK_IPCHostName();
 
 int RK_IPCCommRank(const char* file, int line, const RK_IPCComm* comm, int32_t* rank);
 int RK_IPCCommSize(const char* file, int line, const RK_IPCComm* comm, int32_t* size);
 
-// Leaves `buffer` as it is.
+// Does nothing: the only process already has the data.
 int RK_IPCBcast(const char* file, int line, void* buffer, size_t count, RK_IPCType type,
                 int32_t root, const RK_IPCComm* comm);
 
@@ -56,8 +56,8 @@ int RK_IPCReduce(const char* file, int line, const void* send, void* receive, si
 int RK_IPCAllreduce(const char* file, int line, const void* send, void* receive, size_t count,
                     RK_IPCType type, RK_IPCOperation operation, const RK_IPCComm* comm);
 
-// Closes the communicator's sockets, releases it and makes `comm` null, which it may be already.
+// Closes the communicator's sockets, frees it and sets `comm` to null. `comm` may already be null.
 int RK_IPCCommFree(const char* file, int line, RK_IPCComm** comm);
 
-// Releases the layer and ends the process with `status`; what was written so far stays.
+// Frees the group and ends the process with `status`. Output written so far is kept.
 [[noreturn]] void RK_IPCAbort(const char* file, int line, int status);

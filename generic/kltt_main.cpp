@@ -1,9 +1,9 @@
-// Start-up, choice of the operation, exit status. See kltt_main.h.
+// Starts the program, chooses the operation and returns the exit status. See kltt_main.h.
 //
-// The order of start-up matters: messages, memory and the process group first, then the
-// configuration, whose sources can already speak to the user, then the checks of what was selected,
-// and only then the trace is opened. Extraction is kltt_extract, everything else a call into the
-// operations on traces. Texts about the program itself are kltt_help's.
+// The order of start-up matters: first messages, memory and the process group; then the
+// configuration, which may already report errors; then the checks of the selected options; and only
+// then the trace is opened. kltt_extract runs extractions, the libraries all other operations.
+// kltt_help has the texts about the program itself.
 #include "generic/kltt_main.h"
 
 #include <fcntl.h>
@@ -34,8 +34,9 @@ namespace {
 
 enum : int { kSuccess = 0, kCantOpen = 1, kUsageError = 10 };
 
-// A standard descriptor that is closed would be given to the first file that is opened, which would
-// then receive the program's text. Reading-only on 1 makes writing there fail as it should.
+// Opens closed standard descriptors on /dev/null. Otherwise the first opened file would get such a
+// descriptor and receive the program's text. Descriptor 1 is read-only, so that writing to it
+// fails.
 void occupyStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) != -1) continue;
@@ -44,22 +45,24 @@ void occupyStandardDescriptors() {
   }
 }
 
-// How the readers deliver: nonzero merges all streams by time.
+// The `serial` argument of the readers. Nonzero: they deliver the events of all streams in order of
+// time.
 int32_t deliveryOrder() {
   const char* text = std::getenv("KLTT_SERIAL");
   return text == nullptr ? 1 : static_cast<int32_t>(std::strtol(text, nullptr, 10));
 }
 
-// A progress display or a listing that nobody reads any more must not cut the output short.
+// A closed pipe that a progress display or a listing is written to must not end the program before
+// its output is complete.
 void ignoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 bool writesContainerToStandardOutput() {
   return RK_conf.logfile_name == "-" && RK_conf.logfile_format_set && RK_conf.output_format == 1;
 }
 
-// Characters of the configuration that no line could use are shown to the user, but not in front of
-// a trace.
-void passEcho() {
+// Prints the stray characters of the configuration: on standard output, or on standard error if a
+// trace is written to standard output.
+void printEcho() {
   if (writesContainerToStandardOutput())
     std::fwrite(RK_conf.echo.data(), 1, RK_conf.echo.size(), stderr);
   else
@@ -68,13 +71,13 @@ void passEcho() {
 }
 
 [[noreturn]] void usage() {
-  passEcho();
+  printEcho();
   std::fputs(KLTT_Banner().c_str(), stderr);
   std::fwrite(KLTT_UsageText().data(), 1, KLTT_UsageText().size(), stderr);
   KLTT_Exit(kUsageError);
 }
 
-[[noreturn]] void tellAboutProgram(bool help) {
+[[noreturn]] void printProgramInfo(bool help) {
   RK_OutputWrite(RK_Stdout(), KLTT_Banner());
   if (help)
     RK_OutputWrite(RK_Stdout(), KLTT_HelpText());
@@ -87,7 +90,7 @@ void readConfiguration(int argc, char** argv) {
   const PAL_Place here;
   argv[0] = nullptr;
   argv[1] = nullptr;
-  // The first pass may meet options of the collector in a shared file: nothing to warn of.
+  // Without warnings: the configuration file may be shared with the collector and have its options.
   PAL_messages.infoEnabled = 0;
   static char rank[] = "RK_CONF_RANK=0";
   putenv(rank);
@@ -110,14 +113,14 @@ void checkSelection() {
     PAL_Error("merge & summary operations are applicable to KLT format traces only\n");
     usage();
   }
-  // The name "-" would become that of the files.
+  // "-" would be taken for the new name of the files.
   if (c.move != 0 && (c.dump != 0 || (c.logfile_name_set && c.logfile_name == "-"))) {
     PAL_Error("a trace can't be moved to standard output\n");
     usage();
   }
 }
 
-void settleFormat() {
+void chooseFormat() {
   if (RK_conf.dump != 0) {
     RK_conf.logfile_name = "-";
     RK_conf.logfile_name_set = true;
@@ -138,8 +141,8 @@ KLT_FileHandle* openInput(const char* name) {
   KLTT_Exit(kCantOpen);
 }
 
-// A name alone doesn't make the output binary, whatever its suffix.
-void settleOutput() {
+// Completes the output's name. Without a format the output is text, whatever the name's suffix.
+void prepareOutput() {
   if (!RK_conf.logfile_name_set) return;
   RK_ConfigOutputName();
   if (!RK_conf.logfile_format_set) RK_conf.output_format = 0;
@@ -170,8 +173,8 @@ void showProgress(RK_Output* stream, int state, int percent) {
   RK_OutputFlush(stream);
 }
 
-// Tells the user why a merge failed, where the merge itself hasn't.
-void explainMerge(int result, const char* input) {
+// Reports why a merge failed, unless the merge has already reported it.
+void reportMergeFailure(int result, const char* input) {
   switch (result) {
     case KLTM_WRONG_OPERATION:
       std::fputs("Wrong operation requested\n", stderr);
@@ -209,7 +212,7 @@ const char* outputDirectory() {
   ignoreBrokenPipes();
   const int result = KLTM_Merge(outputDirectory(), target, handle, flags,
                                 c.verbose != 0 ? &showProgress : nullptr, RK_Stdout());
-  explainMerge(result, input);
+  reportMergeFailure(result, input);
   KLTT_Exit(result == KLTM_DONE ? kSuccess : kCantOpen);
 }
 
@@ -233,7 +236,7 @@ const char* outputDirectory() {
   KLTT_Exit(KLT_Remove(handle));
 }
 
-// Convert, merge or summary with binary output.
+// Converts, merges or summarises with binary output.
 [[noreturn]] void rewrite(KLT_FileHandle* handle, const char* input) {
   const RK_Conf& c = RK_conf;
   if (!c.logfile_name_set && c.merge != 0)
@@ -244,8 +247,8 @@ const char* outputDirectory() {
   convert(handle);
 }
 
-// Runs what the options select and returns the exit status; operations that use up the input end
-// the process themselves.
+// Runs the selected operation and returns the exit status. Operations that close or remove the
+// input end the process themselves.
 int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
   const RK_Conf& c = RK_conf;
   if (c.convert != 0 || c.merge != 0 || c.sumdata != 0) {
@@ -266,22 +269,22 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
 void KLTT_Main(int argc, char** argv) {
   const PAL_Place here;
   occupyStandardDescriptors();
-  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is a failed write, reported as such
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the file size limit must fail and be reported
   const int32_t serial = deliveryOrder();
   PAL_messages.programName = "klttool";
   PAL_MemInit();
   RK_IPCInit(HERE);
   if (argc < 2) usage();
   const bool help = PAL_StrCaseCmp(argv[1], "--help") == 0;
-  if (help || PAL_StrCaseCmp(argv[1], "--version") == 0) tellAboutProgram(help);
+  if (help || PAL_StrCaseCmp(argv[1], "--version") == 0) printProgramInfo(help);
 
   const char* input = argv[1];
   readConfiguration(argc, argv);
   checkSelection();
-  settleFormat();
-  passEcho();
+  chooseFormat();
+  printEcho();
   KLT_FileHandle* handle = openInput(input);
-  settleOutput();
+  prepareOutput();
   const int status = runOperation(handle, input, serial);
   KLT_Close(handle);
   KLTT_Exit(status);

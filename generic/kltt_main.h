@@ -1,4 +1,4 @@
-// The program behind its `main`.
+// The entry point of the program, called by main().
 #pragma once
 
 // Runs the program with the arguments of a `main` and ends the process.

@@ -1,4 +1,4 @@
-// The executable: everything is in the libraries.
+// The executable. Everything else is in the libraries.
 #include "generic/kltt_main.h"
 
 int main(int argc, char** argv) { KLTT_Main(argc, argv); }

@@ -1,4 +1,4 @@
-// Extraction passes. See kltt_extract.h.
+// Runs the passes of an extraction. See kltt_extract.h.
 #include "generic/extract/kltt_extract.h"
 
 #include <unistd.h>
@@ -80,7 +80,7 @@ void setEventHandlers(KLT_HandlerTable& table) {
   table.opaque_data = &KLTT_OpaqueData;
 }
 
-// The sink that the options ask for; null if they ask for none. Ends the process if it can't be
+// Opens the sink that the options select; null if they select none. Ends the process if it can't be
 // opened.
 RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
   const PAL_Place here;
@@ -98,7 +98,7 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
       PAL_Warning("raw events of %s are not extracted, merge the trace first",
                   PAL_Printable(handle->base).c_str());
     }
-    // What the profiles see are internal times.
+    // The profiles are computed from internal times.
     const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
                                          std::min(context.eventBits, KLTT_INTERNAL_EVENT_BITS)};
     sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle), settings), name,
@@ -109,17 +109,17 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
                  PAL_Printable(RK_conf.logfile_name).c_str());
     KLTT_Exit(1);
   }
-  // Definitions alone show internal time.
+  // With PRINT-STATISTICS the output has definitions only, and their times stay internal.
   if (RK_conf.print_statistics == 0) {
     sink->timeShift =
         static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
   }
-  // A listing must not get into a trace.
+  // A listing must not be written into a trace.
   if (sink->kind == 1 && sink->name == "-") context.listing = RK_Stderr();
   return sink;
 }
 
-// The threads that any of the requests selects, empty for all.
+// The threads that at least one request selects; empty for all.
 PAL_Triplets selectedThreads(const std::vector<KLT_Request>& requests) {
   PAL_Triplets all;
   for (const KLT_Request& request : requests) {
@@ -129,12 +129,13 @@ PAL_Triplets selectedThreads(const std::vector<KLT_Request>& requests) {
   return PAL_TripletsUnite(all, {});
 }
 
-// Completes the output, if there is one. False if it isn't what it should be.
+// Completes the output, if there is one. False if it is incomplete.
 bool closeSink(KLTT_Context& context) {
   return RK_SinkClose(std::exchange(context.sink, nullptr), 0) == 0;
 }
 
-// Where the end of the process is only an end of this call (KLTT_exitHook), nothing is left behind.
+// Frees the sink if the extraction is left early: KLTT_exitHook may throw instead of ending the
+// process.
 class SinkKeeper {
  public:
   explicit SinkKeeper(KLTT_Context& context) : context_(context) {}
@@ -153,8 +154,8 @@ void listThreads(KLTT_PassRunner& passes, KLTT_Context& context) {
   passes.run(KLT_MODE_DEFINITIONS, table, {}, 1);
 }
 
-// Statistics or reports, by the handlers that print since there is no sink; `table` is that of the
-// definition pass.
+// Lists statistics or reports. `table` is that of the definition pass; its handlers of statistics
+// print because there is no sink.
 void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
   KLT_Request request;
   request.categories = klt::kStatistics;
@@ -176,7 +177,7 @@ void testPerformance(KLTT_PassRunner& passes, KLTT_Context& context, int serial)
   std::fprintf(stderr, "Doing performance test, %d different collective operations.\n",
                static_cast<int>(context.perfEnds.size()));
 
-  // What the readers deliver is handled as ever, but doesn't belong into the output.
+  // The events that the readers deliver are handled as usual, but must not be written.
   RK_Sink* const sink = std::exchange(context.sink, nullptr);
   KLTT_InitHandlers(table, context, KLTT_SET_EVENTS);
   for (const bool allProcesses : {false, true}) {
@@ -187,13 +188,13 @@ void testPerformance(KLTT_PassRunner& passes, KLTT_Context& context, int serial)
   context.sink = sink;
 }
 
-// A user who has asked for it watches a run that writes into a file.
-bool isWatched() {
+// Whether to show progress: on request, on a terminal, and only if the output is a file.
+bool showsProgress() {
   return RK_conf.verbose >= 2 && RK_conf.logfile_name_set && RK_conf.logfile_name != "-" &&
          isatty(STDERR_FILENO) == 1;
 }
 
-// None for the whole trace, which CONVERT and MERGE always take.
+// The requests of the event pass. None selects the whole trace; CONVERT and MERGE always do that.
 std::vector<KLT_Request> requestsOf(const KLTT_Context& context) {
   if (RK_conf.convert != 0 || RK_conf.merge != 0) return {};
   return KLTT_BuildRequests(context, RK_conf.request, RK_conf.ticks != 0);
@@ -223,7 +224,7 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   KLTT_Context context;
   const SinkKeeper keeper(context);
   KLT_HandlerTable table;
-  KLTT_PassRunner passes(handle, context, isWatched());
+  KLTT_PassRunner passes(handle, context, showsProgress());
   context.matched = RK_conf.matched_rkf != 0;
 
   KLTT_InitHandlers(table, context, KLTT_SET_CLOCK | KLTT_SET_PROCESSES);
@@ -252,7 +253,7 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
     const std::vector<KLT_Request> requests = requestsOf(context);
     if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
     context.frames = RK_FrameWriterCreate();
-    // A trace holds each record once, whichever of its windows show it.
+    // A trace must contain each record once, even if several windows show it.
     const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
     passes.run(mode, table, requests, serial);
     KLTT_DrainDelayed(context);

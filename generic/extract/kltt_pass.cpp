@@ -1,4 +1,4 @@
-// Running passes of the reader. See kltt_pass.h.
+// Runs passes of the reader. See kltt_pass.h.
 #include "generic/extract/kltt_pass.h"
 
 #include <cstdio>
@@ -15,7 +15,7 @@ namespace {
 constexpr int kNoLimit = -1;
 constexpr int kStepMilliseconds = 500;
 
-// Progress on one line, which the next call writes over. A short run shows none.
+// Shows progress on one line of standard error, which each call overwrites.
 class ProgressLine {
  public:
   ~ProgressLine() {
@@ -44,22 +44,22 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
   const KLT_OwnedReader owner(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
                                              pointers.data(), &table, serial));
   KLT_Reader* const reader = owner.get();
-  if (reader == nullptr) judge(KLT_STATUS_ABORTING);
-  judge(KLT_ReaderStatus(reader));
-  const bool watched = watched_ && mode != KLT_MODE_DEFINITIONS;
+  if (reader == nullptr) handleStatus(KLT_STATUS_ABORTING);
+  handleStatus(KLT_ReaderStatus(reader));
+  const bool showsProgress = showsProgress_ && mode != KLT_MODE_DEFINITIONS;
   ProgressLine line;
   int result = 0;
-  while ((result = KLT_ReadEvents(reader, watched ? kStepMilliseconds : kNoLimit)) !=
+  while ((result = KLT_ReadEvents(reader, showsProgress ? kStepMilliseconds : kNoLimit)) !=
          KLT_STATUS_FINISHED) {
-    if (watched && result == KLT_STATUS_TIME) line.show(KLT_Progress(reader));
+    if (showsProgress && result == KLT_STATUS_TIME) line.show(KLT_Progress(reader));
     const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
-    judge(lastFailed ? KLT_STATUS_ABORTING : result);
+    handleStatus(lastFailed ? KLT_STATUS_ABORTING : result);
   }
   if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
 }
 
-// Results that it doesn't name mean that stepping goes on.
-void KLTT_PassRunner::judge(int result) {
+// Other results than these need no action; the pass continues.
+void KLTT_PassRunner::handleStatus(int result) {
   switch (result) {
     case KLT_STATUS_CONTINUING:
     case KLT_STATUS_CORRUPTED:
@@ -70,7 +70,7 @@ void KLTT_PassRunner::judge(int result) {
       std::fputs("aborting\n", stderr);
       KLTT_Exit(KLT_STATUS_ABORTING);
     case KLT_STATUS_HANDLER:
-      // A full disk has been reported by the output; nothing more can be written.
+      // The output has already reported its failure, and nothing more can be written.
       if (outputFailed()) KLTT_Exit(1);
       std::fputs("callback returned error code.\n", stderr);
       status_ = KLT_STATUS_HANDLER;

@@ -1,4 +1,4 @@
-// The performance test. See kltt_perf.h.
+// Measures random access to a trace. See kltt_perf.h.
 #include "generic/extract/kltt_perf.h"
 
 #include <algorithm>
@@ -24,12 +24,12 @@
 
 namespace {
 
-// What a request asks for: the state of a thread, nothing that belongs to several.
+// The categories of a request: those of single threads, without messages and operations.
 constexpr uint32_t kCategories =
     klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters | klt::kErrors;
 
-// A subset visits each operation's hundredth; the others are visited in steps so wide that nothing
-// of the last moment is still at hand.
+// A subset visits about kSubset operations in order. All operations are visited in steps of kStep,
+// so that nothing that was read for one of them helps with the next.
 constexpr size_t kSubset = 100;
 constexpr size_t kStep = 1000;
 
@@ -39,7 +39,7 @@ std::span<const KLTT_PerfMember> membersOf(const KLTT_Context& context, size_t i
   return std::span(context.perfMembers).subspan(begin, context.perfEnds[index] - begin);
 }
 
-// Which operation a reader asks for next.
+// Chooses the operation for the next reader.
 class Choice {
  public:
   Choice(size_t count, bool subset)
@@ -49,7 +49,8 @@ class Choice {
         base_(subset ? 0 : 1),
         index_(base_) {}
 
-  // Behind the last one a subset begins again; the other form begins one further than last time.
+  // After the last operation a subset starts again at the first. Otherwise each round starts one
+  // operation later than the round before.
   size_t next() {
     if (index_ >= count_) {
       if (!subset_) base_ = base_ + 1 < count_ ? base_ + 1 : 0;
@@ -66,7 +67,7 @@ class Choice {
   size_t index_;
 };
 
-void ask(KLT_Request& request, const KLTT_PerfMember& member) {
+void fillRequest(KLT_Request& request, const KLTT_PerfMember& member) {
   const auto gtp = static_cast<int32_t>(member.gtp);
   request.start = member.time;
   request.end = member.time + 1;
@@ -74,7 +75,8 @@ void ask(KLT_Request& request, const KLTT_PerfMember& member) {
   request.threads = {{gtp, gtp, 1}};
 }
 
-// Nothing tells which calls are open at the moment, so one may end that never began here.
+// The handlers of this test don't include those of histories, so a call can end whose start wasn't
+// delivered.
 int leaveIfEntered(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
   const RK_WillyState* willy =
       RK_WillyHashFind(static_cast<KLTT_Context*>(user)->frames.willys, gtp);
@@ -89,7 +91,7 @@ int KLTT_GatherCollective(void* user, const KLTT_CollectiveRecord& op) {
   KLTT_MemberList::Cursor member(KLTT_GetIndexInComm(context, op.communicator, op.name));
   uint32_t gtp = 0;
   for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {
-    // Time 0 stands for no part, too.
+    // Time 0 also means that the member took no part.
     if (klt::isUnknownStart(op.starts[i]) || op.time + op.starts[i] == 0) continue;
     PAL_MakeRoom(context.perfMembers);
     context.perfMembers.push_back({.gtp = gtp, .time = op.time + op.starts[i]});
@@ -104,14 +106,14 @@ void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunn
   table.leave_function = &leaveIfEntered;
   Choice operations(context.perfEnds.size(), choice.subset);
   std::vector<KLT_Request> requests;
-  uint64_t asked = 0;
+  uint64_t memberCount = 0;
   const double begin = PAL_Time();
   for (int32_t run = 0; run < runs; ++run) {
     std::span<const KLTT_PerfMember> members = membersOf(context, operations.next());
     if (!choice.allProcesses) members = members.first(std::min<size_t>(members.size(), 1));
     if (requests.size() < members.size()) requests.resize(members.size());
-    for (size_t i = 0; i < members.size(); ++i) ask(requests[i], members[i]);
-    asked += members.size();
+    for (size_t i = 0; i < members.size(); ++i) fillRequest(requests[i], members[i]);
+    memberCount += members.size();
     context.frames = RK_FrameWriterCreate();
     passes.run(KLT_MODE_EVENTS, table, std::span(requests).first(members.size()), 1);
   }
@@ -120,5 +122,5 @@ void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunn
                "%s, %s: %d requests in %fs = %fs/req, average number of processes per request %f\n",
                choice.subset ? "subset of collops" : "all collops",
                choice.allProcesses ? "all processes" : "only first process", runs, seconds,
-               seconds / runs, static_cast<double>(asked) / runs);
+               seconds / runs, static_cast<double>(memberCount) / runs);
 }

@@ -1,8 +1,8 @@
-// The performance test: how fast the reader finds a moment in a trace.
+// The performance test measures how fast the reader finds a point in time in a trace.
 //
-// First the collective operations of the trace are gathered; then the state at many of these
-// moments is asked for, each time by a new reader with requests of one tick. Times go to standard
-// error, of the events nothing is written.
+// It first gathers the collective operations of the trace. Then it requests the state at the times
+// of many operations, each time by a new reader with requests of one tick. The measured times are
+// written to standard error; events aren't written.
 #pragma once
 
 #include <cstdint>
@@ -12,17 +12,17 @@ struct KLTT_CollectiveRecord;
 struct KLTT_Context;
 struct KLT_HandlerTable;
 
-// Gathers an operation, for KLTT_CollectiveHandlers. `user` is the KLTT_Context. Returns 0; an
+// Gathers an operation; for KLTT_CollectiveHandlers. `user` is the KLTT_Context. Returns 0; an
 // unknown communicator ends the process.
 int KLTT_GatherCollective(void* user, const KLTT_CollectiveRecord& record);
 
-// Which of the gathered operations a measurement visits, and which of their members.
+// The gathered operations that a measurement visits, and their members.
 struct KLTT_PerfChoice {
-  bool subset;        // some operations, in order; otherwise all, so that neighbours are far apart
-  bool allProcesses;  // all members, otherwise the first
+  bool subset;        // some operations in order of time; otherwise all, in large steps of time
+  bool allProcesses;  // all members; otherwise the first
 };
 
-// One measurement with `runs` readers. `table` has the handlers of events; what they deliver goes
-// nowhere while the context has no sink. Failures are judged by `passes`, as those of any pass.
+// Makes one measurement with `runs` readers. `table` has the handlers of events, which write
+// nothing if the context has no sink. `passes` handles failures, as in other passes.
 void KLTT_PerfTest(KLTT_Context& context, KLT_HandlerTable& table, KLTT_PassRunner& passes,
                    int32_t runs, KLTT_PerfChoice choice);

@@ -1,4 +1,4 @@
-// Printers. See kltt_print.h.
+// Prints listings. See kltt_print.h.
 #include "generic/extract/kltt_print.h"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace {
 
 using klt::processOf;
 using klt::threadOf;
-using Number = unsigned long long;  // as the formats name 64 bits
+using Number = unsigned long long;  // the type of %llu
 
 KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
 
@@ -222,8 +222,8 @@ int KLTT_CollopProfile(void* user, uint32_t type, uint32_t root, uint32_t comm, 
 
 namespace {
 
-// Every line of `text` with the prefix before it, and the end of a last one that has none. A text
-// that ends in a line break leaves an empty line so.
+// Writes every line of `text` with `prefix` and `indent` before it, and a newline at the end. So an
+// empty line follows a text that ends in a line break.
 void writeLines(RK_Output* out, std::string_view prefix, std::string_view indent,
                 const char* text) {
   std::string_view rest = text == nullptr ? "" : text;

@@ -1,4 +1,4 @@
-// The user's requests in the reader's unit. See kltt_requests.h.
+// Converts requests. See kltt_requests.h.
 #include "generic/extract/kltt_requests.h"
 
 #include <cmath>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint64_t kEndOfTime = ~uint64_t{0};
 
-// Cut to an integer in the range of int64; not a number is 0.
+// `ticks` rounded down and limited to 0 and the largest int64_t; 0 for NaN.
 uint64_t wholeTicks(double ticks) {
   constexpr double kLimit = 9223372036854775808.0;  // 2^63
   if (std::isnan(ticks) || ticks < 0) return 0;
@@ -19,7 +19,7 @@ uint64_t wholeTicks(double ticks) {
   return static_cast<uint64_t>(ticks);
 }
 
-// Seconds as raw time, all ones where there is no such raw time.
+// Seconds as raw time; all ones if the raw time doesn't fit.
 uint64_t rawTimeOf(const KLTT_Context& context, double seconds) {
   const uint64_t ticks = wholeTicks(seconds * context.ticksPerSecond);
   if (ticks > kEndOfTime >> context.eventBits) return kEndOfTime;
@@ -37,8 +37,8 @@ std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context,
   for (const RK_Request& from : wanted) {
     KLT_Request& request = requests.emplace_back();
     request.start = rawTime(from.window_start);
-    // A negative end, like the default of -1, means no end. The product with the clock wouldn't
-    // always say so.
+    // A negative end, such as the default of -1, means no end. It is checked before the conversion,
+    // which would lose the sign.
     request.end = from.window_end < 0 ? kEndOfTime : rawTime(from.window_end);
     request.categories = from.categories == 0 ? 1 : from.categories;
     request.threads = from.triplets;

@@ -1,8 +1,8 @@
-// The user's requests in the reader's unit: RK_Request (seconds or ticks) to KLT_Request (raw
+// Converts the user's requests, RK_Request (seconds or ticks), to the reader's, KLT_Request (raw
 // time).
 //
-// A step of the event pass in kltt_extract, possible once the setup pass knows the clock. Uniting,
-// cutting and testing requests is the reader's matter.
+// kltt_extract does this after the setup pass, which reads the clock. The reader itself combines
+// and evaluates the requests.
 #pragma once
 
 #include <span>
@@ -13,7 +13,7 @@
 
 struct KLTT_Context;
 
-// One request for each of `wanted`, in order. With `ticks` their times are ticks, else seconds.
+// One request for each of `wanted`, in order. Their times are ticks if `ticks`, otherwise seconds.
 [[nodiscard]] std::vector<KLT_Request> KLTT_BuildRequests(const KLTT_Context& context,
                                                           std::span<const RK_Request> wanted,
                                                           bool ticks);
