@@ -1,8 +1,8 @@
-// Calling handlers: the last step of every record. See klt_deliver.h.
+// Calls the handlers of records. See klt_deliver.h.
 //
-// How the fields of a row become arguments follows from the table. The few records whose handlers
-// don't take their fields one to one, and the structure records, which change the trace's tables
-// with or without a handler, stand at the end.
+// The table of rows determines how the fields of a row become arguments. The second part contains
+// the few records whose arguments differ from their fields, and the structure records, which change
+// the trace's tables with or without a handler.
 #include "klt/read/klt_deliver.h"
 
 #include <array>
@@ -16,7 +16,7 @@
 
 namespace {
 
-// The member of the table that records of row N go to; null if there is none.
+// The member of the handler table for records of row N; null if there is none.
 template <int N>
 constexpr auto slotIn(klt::SlotList<>) {
   return nullptr;
@@ -37,7 +37,8 @@ constexpr auto slotOf() {
 template <int N>
 constexpr bool kHasSlot = !std::is_same_v<decltype(slotOf<N>()), std::nullptr_t>;
 
-// The field of row N that field F of row L is called by; counts are told apart by their order.
+// The field of row N that corresponds to field F of row L: the one with the same name, or for a
+// count the one with the same index among the counts.
 template <int N, int L, size_t F>
 constexpr size_t fieldOf() {
   constexpr const KLT_Row& from = kKltRows[N - 1];
@@ -58,12 +59,12 @@ const char* const* textArray(KLT_Reader& reader, const uint32_t* ids, size_t n, 
   std::vector<std::vector<const char*>>& texts = reader.texts;
   if (texts.size() <= field) texts.resize(field + 1);
   std::vector<const char*>& array = texts[field];
-  array.resize(n + 1);  // never empty: a handler gets a pointer
+  array.resize(n + 1);  // never empty, so that the pointer isn't null
   for (size_t i = 0; i < n; ++i) array[i] = KLT_StringOf(*reader.pass.handle, ids[i]);
   return array.data();
 }
 
-// Field F of the longest variant L as the argument that the handler gets for a record of row N.
+// The argument for field F of the longest variant L, taken from a record of row N.
 template <int N, int L, size_t F>
 auto argument(KLT_Reader& reader, const uint8_t* record) {
   using View = KLT_Record<N>;
@@ -106,7 +107,7 @@ int callHandler(KLT_Reader& reader, const uint8_t* record, std::index_sequence<F
                                             argument<N, kLongest, F>(reader, record)...));
 }
 
-// --- records that need more ---------------------------------------------------------------------
+// --- records with a function of their own -------------------------------------------------------
 
 int corruptedStructure() {
   PAL_Error("Corrupted data");
@@ -203,7 +204,7 @@ int defineCounter(KLT_Stream& s, const uint8_t* record) {
                                      View::array<char, 9>(record));
 }
 
-int tellSamples(KLT_Stream& s, uint8_t* record) {
+int deliverSamples(KLT_Stream& s, uint8_t* record) {
   using View = KLT_Record<KLT_Row::counterValue>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_value == nullptr) return 0;
@@ -215,7 +216,7 @@ int tellSamples(KLT_Stream& s, uint8_t* record) {
 }
 
 template <int N>
-int tellStack(KLT_Stream& s, const uint8_t* record) {
+int deliverStack(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_Record<N>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.function_history == nullptr) return 0;
@@ -226,7 +227,7 @@ int tellStack(KLT_Stream& s, const uint8_t* record) {
                                    View::template array<uint32_t, 2>(record), scls);
 }
 
-int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
+int deliverEndOfFilter(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_Record<KLT_Row::endOfFilter>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.end_of_filter == nullptr) return 0;
@@ -240,16 +241,16 @@ int tellEndOfFilter(KLT_Stream& s, const uint8_t* record) {
                                 static_cast<uint32_t>(triplets.size()), triplets.data());
 }
 
-// In time order only the outermost bracket of histories is shown, so that several streams that tell
-// theirs at one moment look like one. An end that nothing began is skipped too: it must not open
-// the way for an inner bracket.
+// Whether the bracket of a history is delivered. In time order only the outermost one is, so that
+// the histories of several streams at one time look like a single one. An end without a beginning
+// is skipped without changing the depth.
 bool isOutermost(KLT_Reader& reader, bool begins) {
   if (!reader.pass.serial) return true;
   if (begins) return reader.historyDepth++ == 0;
   return reader.historyDepth != 0 && --reader.historyDepth == 0;
 }
 
-int tellBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool begins) {
+int deliverBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool begins) {
   if (!isOutermost(reader, begins)) return 0;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   const auto handler = begins ? handlers.begin_of_history : handlers.end_of_history;
@@ -268,21 +269,21 @@ int deliver(KLT_Reader& reader, KLT_Stream& s, uint8_t*& next) {
   if constexpr (N == KLT_Row::anchorFileDeclaration)
     return declareComponent(s, record);
   else if constexpr (N == KLT_Row::beginOfHistory)
-    return tellBracket(reader, s, record, true);
+    return deliverBracket(reader, s, record, true);
   else if constexpr (N == KLT_Row::communicatorDefinition)
     return defineCommunicator(s, record);
   else if constexpr (N == KLT_Row::counterDefinition)
     return defineCounter(s, record);
   else if constexpr (N == KLT_Row::counterValue)
-    return tellSamples(s, record);
+    return deliverSamples(s, record);
   else if constexpr (N == KLT_Row::endOfFilter)
-    return tellEndOfFilter(s, record);
+    return deliverEndOfFilter(s, record);
   else if constexpr (N == KLT_Row::endOfHistory)
-    return tellBracket(reader, s, record, false);
+    return deliverBracket(reader, s, record, false);
   else if constexpr (N == KLT_Row::fileDeclaration)
     return declareFile(s, record);
   else if constexpr (N == KLT_Row::functionHistory || N == KLT_Row::functionHistoryScl)
-    return tellStack<N>(s, record);
+    return deliverStack<N>(s, record);
   else if constexpr (N == KLT_Row::kltString)
     return declareString(s, record);
   else if constexpr (N == KLT_Row::willyList)

@@ -1,12 +1,12 @@
-// Opening a trace and building readers on it.
+// Opens traces and builds readers.
 //
 // Index header, 11 bytes:
 //   offset 0  "KLT"
-//          3  version byte 0x40; bits 0xc0 say that the index states its record layouts
+//          3  version byte 0x40; bits 0xc0: the index contains record layouts
 //          4  0 0 0
-//          7  flags: 1 raw, 2 compressed (with 1), 8 carried along
+//          7  flags: 1 raw, 2 compressed (with 1), 8 without meaning
 //          8  0 0 0x14
-// Behind it stand layout entries, one for each record number in use, and structure records.
+// It is followed by layout entries, one for each record number in use, and structure records.
 
 #include <fcntl.h>
 
@@ -33,23 +33,25 @@ constexpr size_t kFlagsAt = 7;
 
 // --- the index ----------------------------------------------------------------------------------
 
-bool refuse(const char* format, const KLT_FileHandle& handle) {
-  PAL_Error(format, PAL_Printable(handle.base).c_str());  // NOLINT: the formats stand below
+bool reportAndFail(const char* format, const KLT_FileHandle& handle) {
+  PAL_Error(format, PAL_Printable(handle.base).c_str());  // NOLINT: the formats are constants
   return false;
 }
 
 bool acceptHeader(KLT_FileHandle& handle, size_t bytes) {
   uint8_t* header = handle.header;
-  if (bytes < kHeader.size()) return refuse("File %s is corrupted.\nAborting.", handle);
+  if (bytes < kHeader.size()) return reportAndFail("File %s is corrupted.\nAborting.", handle);
   handle.flags = header[kFlagsAt];
   header[kFlagsAt] = 0;
   const bool same = std::equal(kHeader.begin(), kHeader.end(), header);
   header[kFlagsAt] = static_cast<uint8_t>(handle.flags);
   if (same) return true;
-  if (std::memcmp(header, "KLT", 3) != 0) return refuse("File %s is not KLT.\nAborting.", handle);
+  if (std::memcmp(header, "KLT", 3) != 0) {
+    return reportAndFail("File %s is not KLT.\nAborting.", handle);
+  }
   constexpr uint8_t kStatesLayouts = 0xc0;
   if ((header[3] & kStatesLayouts) != 0) return true;
-  return refuse("File %s is of incompatible KLT version.\nAborting.", handle);
+  return reportAndFail("File %s is of incompatible KLT version.\nAborting.", handle);
 }
 
 bool genericOnlyAsked() {
@@ -83,7 +85,7 @@ uint32_t commonCategories(uint32_t component, uint32_t request) {
   return (common & kAny) != 0 ? klt::kWholeSelection : common;
 }
 
-// The request as it applies to the component; none if nothing of it does.
+// The part of the request that applies to the component, if there is any.
 std::optional<KLT_StreamRequest> restrict(const KLT_Component& component,
                                           const KLT_Request& request) {
   KLT_StreamRequest own;
@@ -177,7 +179,7 @@ void openStreams(KLT_Reader& reader) {
   }
 }
 
-// Opens the index and reads its header; part of building a reader of mode 4. False after a report.
+// Opens the index and reads its header, for a reader of KLT_MODE_INTERNAL. False after a report.
 bool openIndexStream(KLT_Reader& reader) {
   KLT_FileHandle& handle = *reader.pass.handle;
   KLT_Stream& stream = *reader.streams.front();
@@ -186,15 +188,15 @@ bool openIndexStream(KLT_Reader& reader) {
   stream.source.io = file;
   if (file == nullptr) {
     PAL_Perror(handle.base.c_str());
-    return refuse("Could not open indexfile %s for reading.\nAborting.", handle);
+    return reportAndFail("Could not open indexfile %s for reading.\nAborting.", handle);
   }
-  const int64_t came = KLT_IoRead(file, handle.header, kHeader.size());
-  if (!acceptHeader(handle, came < 0 ? 0 : static_cast<size_t>(came))) return false;
+  const int64_t bytes = KLT_IoRead(file, handle.header, kHeader.size());
+  if (!acceptHeader(handle, bytes < 0 ? 0 : static_cast<size_t>(bytes))) return false;
   handle.decoders = std::make_unique<KLT_DecoderTable>();
   handle.genericOnly = genericOnlyAsked();
   stream.source.firstOffset = kHeader.size();
   if (!stream.input.attach(file, handle.base.c_str(), "", kHeader.size())) {
-    return refuse("File %s is corrupted.\nAborting.", handle);
+    return reportAndFail("File %s is corrupted.\nAborting.", handle);
   }
   (void)KLT_EnterRequest(stream);
   return true;

@@ -1,4 +1,4 @@
-// Gathering and sorting the records of a slice. See klt_order.h.
+// Collects and sorts the records of a slice. See klt_order.h.
 #include "klt/read/klt_order.h"
 
 #include <array>
@@ -6,29 +6,30 @@
 
 namespace {
 
-constexpr size_t kUsualBytes = 32;   // of a record
-constexpr uint64_t kMostChange = 8;  // of the width of a slice, as a factor
+constexpr size_t kUsualBytes = 32;       // of a record
+constexpr uint64_t kMaxWidthFactor = 8;  // by which the width of a slice changes at most
 
-// How many records a slice should have: enough to be worth a look at all streams, few enough for
-// their copies to stay near the core. With half as many a pass takes the same time, with twice as
-// many 1.08 of it (4,096 streams).
+// The number of records that a slice should have: enough to be worth a look at all streams, few
+// enough for their copies to stay in a near cache. With half as many a pass takes the same time,
+// with twice as many 1.08 of it (4,096 streams).
 size_t wantedRecords(size_t streams) { return std::min<size_t>(8 * streams, 65536); }
 
 }  // namespace
 
-// Whether to look at all streams. A look has to wait until the stream that ended the last slice has
-// been filled, and until it is paid for: by a record delivered for each stream, in slices or in
-// turns of two streams. What was gathered in vain counts against it.
+// Whether to try to collect a slice, which takes a look at all streams. The stream that ended the
+// last slice must have been filled since, and `credit_` must be at least the number of streams. A
+// record delivered from a slice adds 1 to the credit, a turn of two streams 2; an attempt subtracts
+// the number of streams, and records collected in vain are subtracted too.
 bool KLT_Slice::isDue(std::span<const KLT_Lane> lanes) {
-  constexpr int64_t kMostLooks = 8;  // that can be paid in advance; 64 do as well
+  constexpr int64_t kMaxAttempts = 8;  // the credit is at most that of so many; 64 are as fast
   const auto cost = static_cast<int64_t>(lanes.size());
-  if (fewestStreams_ < kManyStreams) return true;  // in tests
+  if (minStreams_ < kManyStreams) return true;  // in tests
   const bool isBlocked = blocker_ < lanes.size() && lanes[blocker_].lastTime == blockedAt_;
   if (isBlocked || credit_ < cost) {
     credit_ += 2;
     return false;
   }
-  credit_ = std::min(credit_, kMostLooks * cost) - cost;
+  credit_ = std::min(credit_, kMaxAttempts * cost) - cost;
   return true;
 }
 
@@ -60,42 +61,43 @@ bool KLT_Slice::gatherNow(std::span<KLT_Lane> lanes) {
     }
     at_ = count_ = 0;
     credit_ -= count;
-    width_ = width_ / kMostChange + 1;
+    width_ = width_ / kMaxWidthFactor + 1;
     return false;
   }
-  // The runner-up's turn is over: its records of that time were in the slice before.
+  // The runner-up has been served: all its records with that time were in the previous slice.
   if (phase_ == Phase::kSecond) phase_ = Phase::kBegin;
-  // Few streams would be served as fast by turns.
+  // A slice of few streams saves no time compared with turns.
   credit_ += collected.sources < lanes.size() / 8 ? -count : count;
   if (span == width_) adaptWidth(wanted, std::max(count_, collected.bytes / kUsualBytes));
   sort(span);
   return true;
 }
 
-// The records are copied to where they lie side by side: most streams' records lie on pages of
-// their own, and finding a page takes longer than all that is done with a record.
+// Copies the records of all streams before the time `end` to one block of memory. The records of
+// most streams are on different pages, and a TLB miss takes longer than the processing of a
+// record.
 KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
-  // Fetching the records of later lanes saves a tenth of a pass.
+  // Prefetching the records of later lanes saves a tenth of the time of a pass.
   constexpr size_t kLanesAhead = 6;
   constexpr size_t kBytesAhead = 256;
-  constexpr size_t kLine = 64;
-  constexpr size_t kHead = 16;  // of a record, its time included
+  constexpr size_t kCacheLine = 64;
+  constexpr size_t kHead = 16;  // bytes at the start of a record, which include its time
   at_ = count_ = 0;
-  ahead_ = kNone;
+  early_ = kNone;
   for (KLT_Lane& lane : lanes) lane.beforeSlice = lane.next;
-  const size_t most = entries_.size();
+  const size_t maxEntries = entries_.size();
   uint8_t* to = copies_.data();
   size_t sources = 0;
   for (size_t i = 0; i < lanes.size(); ++i) {
     if (i + kLanesAhead < lanes.size()) {
       const uint8_t* const next = lanes[i + kLanesAhead].next;
-      for (size_t byte = 0; byte < kBytesAhead; byte += kLine) __builtin_prefetch(next + byte);
+      for (size_t byte = 0; byte < kBytesAhead; byte += kCacheLine) __builtin_prefetch(next + byte);
     }
     KLT_Lane& lane = lanes[i];
     if (i == best_) afterBest_ = to;
     for (uint64_t before = start_; lane.nextTime < end; lane.nextTime = KLT_RecordTime(lane.next)) {
-      // Times that lead back are for the tournament, as is more than there is room for.
-      if (lane.nextTime < before || count_ == most) [[unlikely]]
+      // The tournament handles times that lead back, and more records than there is room for.
+      if (lane.nextTime < before || count_ == maxEntries) [[unlikely]]
         return {};
       before = lane.nextTime;
       entries_[count_++] = {(before - start_) << positionBits_ | i,
@@ -105,7 +107,7 @@ KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end)
         return {};
     }
     sources += lane.next != lane.beforeSlice ? 1 : 0;
-    // With the head of the record that stays.
+    // The head of the first record after the slice is copied too, because next() reads its time.
     const auto bytes = static_cast<size_t>(lane.next - lane.beforeSlice) + kHead;
     if (bytes > static_cast<size_t>(copies_.data() + copies_.size() - to)) [[unlikely]]
       return {};
@@ -115,18 +117,20 @@ KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end)
   return {true, sources, static_cast<size_t>(to - copies_.data())};
 }
 
-// Makes the next slice about as large as wanted.
-void KLT_Slice::adaptWidth(size_t wanted, size_t gathered) {
-  const uint64_t widest = uint64_t{1} << (60 - positionBits_);  // keys have room for it, and more
-  if (gathered > 2 * wanted) width_ = width_ / 2 + 1;
-  if (gathered < wanted / 2) width_ *= gathered < wanted / (2 * kMostChange) ? kMostChange : 2;
-  width_ = std::min(widest, width_);
+// Changes the width so that the next slice has about `wanted` records.
+void KLT_Slice::adaptWidth(size_t wanted, size_t collected) {
+  const uint64_t maxWidth = uint64_t{1} << (60 - positionBits_);  // fits a key
+  if (collected > 2 * wanted) width_ = width_ / 2 + 1;
+  if (collected < wanted / 2) {
+    width_ *= collected < wanted / (2 * kMaxWidthFactor) ? kMaxWidthFactor : 2;
+  }
+  width_ = std::min(maxWidth, width_);
 }
 
-// By digits of the time, the lowest first. Entries of one time stay as they were gathered: in the
-// order of their streams.
+// Radix sort by digits of the time, the lowest first. It is stable: entries with the same time stay
+// in the order of their streams.
 void KLT_Slice::sort(uint64_t span) {
-  constexpr unsigned kBits = 10;  // of a digit: its counts fit the nearest cache
+  constexpr unsigned kBits = 10;  // of a digit; its counts fit the first-level cache
   constexpr uint64_t kMask = (uint64_t{1} << kBits) - 1;
   const auto timeBits = static_cast<unsigned>(std::bit_width(span - 1));
   for (unsigned done = 0; done < timeBits; done += kBits) {

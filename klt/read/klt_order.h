@@ -1,15 +1,15 @@
-// The order in which the records of many streams are delivered.
+// Determines the order in which the records of many streams are delivered.
 //
-// The rule: streams take turns. A turn serves the stream with the lowest next time for all its
-// records up to the next time of the runner-up, inclusive, and then the runner-up for its records
-// of that time. Of equal times the earlier position in the list of streams wins. A stream that ends
-// leaves its position to the last one.
+// The rule: streams take turns. A turn serves the stream with the lowest next time (the best one)
+// for all its records up to the next time of the runner-up, inclusive, and then the runner-up for
+// its records with that time. Of equal times the lower position in the list of streams wins. When a
+// stream ends, the last one takes its position.
 //
 // A tournament over the positions (KLT_MergeTree) finds the two streams of a turn. With hundreds of
-// streams the next record is nearly always another stream's, and the tournament waits for memory at
-// each. There the records of all streams up to a near time are gathered stream by stream
-// (KLT_Slice), sorted, and handed out in the same order: a dump of 4,096 streams takes 0.58
-// of the time.
+// streams nearly every record is from a different stream than the one before, and the tournament
+// has a cache miss at each. In that case the records of all streams up to a near time are collected
+// stream by stream (KLT_Slice), sorted, and delivered in the same order: a dump of 4,096 streams
+// takes 0.58 of the time.
 #pragma once
 
 #include <algorithm>
@@ -23,8 +23,8 @@
 
 struct KLT_Stream;
 
-// A stream as delivery in time order sees it: the records that are next. All that most deliveries
-// touch of a stream is in here.
+// The next records of a stream, for delivery in time order. Most deliveries access nothing else of
+// a stream.
 struct alignas(64) KLT_Lane {
   uint8_t* next = nullptr;
   uint8_t* end = nullptr;
@@ -32,7 +32,7 @@ struct alignas(64) KLT_Lane {
   uint64_t lastTime = 0;           // of the last record before `end`
   uint8_t* beforeSlice = nullptr;  // `next` before the last slice was gathered
   KLT_Stream* stream = nullptr;
-  bool isFilled = false;  // the stream has been filled, and its records aren't in here yet
+  bool isFilled = false;  // the stream has been filled, but `next` and `end` aren't set yet
 };
 
 // A stream and its time.
@@ -41,17 +41,17 @@ struct KLT_NextStream {
   uint64_t time;
 };
 
-// A tournament of keys that hold a time above a position, so that the lower key comes first and a
-// game is decided without a branch: which stream is next can't be predicted (a dump takes 0.93 of
-// the time). 64 bits hold the time since `start` in most traces (0.94, with 4,096 streams); 128
-// hold any time.
+// A tournament tree of keys. A key has a time in its upper bits and a position in its lower bits,
+// so the lower key wins, and a game is decided without a branch, which would be unpredictable (a
+// dump takes 0.93 of the time). 64-bit keys are sufficient for the times since `start` in most
+// traces (a dump of 4,096 streams takes 0.94 of the time), 128-bit keys for all times.
 template <class Key>
 class KLT_Tournament {
  public:
   static constexpr size_t kNone = ~size_t{0};
 
-  // A new tournament of `count` positions with the times timeOf(position). REQUIRES: fits() for
-  // each of them.
+  // Builds a tournament of `count` positions with the times timeOf(position). REQUIRES: fits() is
+  // true for each time.
   template <class TimeOf>
   void build(size_t count, uint64_t start, unsigned positionBits, const TimeOf& timeOf) {
     start_ = start;
@@ -68,7 +68,7 @@ class KLT_Tournament {
 
   [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
   [[nodiscard]] KLT_NextStream second(size_t best) const {
-    // Two independent chains over the losers to `best`, which the processor runs side by side.
+    // Two independent chains over the losers to `best`, which the processor computes in parallel.
     Key one = kNoKey;
     Key other = kNoKey;
     size_t node = leaves_ + best;
@@ -84,7 +84,7 @@ class KLT_Tournament {
   [[nodiscard]] size_t count() const { return count_; }
 
   void update(size_t position, uint64_t time) { replay(position, key(position, time)); }
-  // Two updates, of different positions. Games that concern both are played once.
+  // Updates two different positions. Games that both take part in are played once.
   [[gnu::always_inline]] void update(size_t position1, uint64_t time1, size_t position2,
                                      uint64_t time2) {
     Key winner1 = key(position1, time1);
@@ -93,9 +93,9 @@ class KLT_Tournament {
     size_t node2 = leaves_ + position2;
     nodes_[node1] = winner1;
     nodes_[node2] = winner2;
-    // Paths of different depth wouldn't meet, and both would be followed to the root.
-    const bool deep1 = node1 >= deep_;
-    const bool deep2 = node2 >= deep_;
+    // Both paths must start at the same depth; otherwise they would only meet at the root.
+    const bool deep1 = node1 >= deepestLevel_;
+    const bool deep2 = node2 >= deepestLevel_;
     if (deep1 && !deep2) node1 = play(node1, winner1);
     if (deep2 && !deep1) node2 = play(node2, winner2);
     while (node1 / 2 != node2 / 2) {
@@ -114,8 +114,9 @@ class KLT_Tournament {
  private:
   static constexpr Key kNoKey = ~Key{0};
 
-  // How many steps from `start` fit: neither a key nor a time goes past 64 bits. A time ahead of
-  // `start` is further from it than that. (Wide keys, with 64 bits for positions, hold all times.)
+  // The limit of the times since `start`, so that neither a key nor a time exceeds 64 bits. The
+  // unsigned difference of a time before `start` is above it. (Wide keys, with 64 bits for
+  // positions, are sufficient for all times.)
   static constexpr uint64_t stepsThatFit(uint64_t start, unsigned positionBits) {
     return std::min(~uint64_t{0} >> std::min(positionBits, 63U), ~uint64_t{0} - start);
   }
@@ -136,7 +137,7 @@ class KLT_Tournament {
   template <class KeyOf>
   void setLeaves(size_t count, const KeyOf& keyOf) {
     leaves_ = count_ = count;
-    deep_ = std::bit_ceil(count);
+    deepestLevel_ = std::bit_ceil(count);
     if (nodes_.size() < 2 * count) nodes_.resize(2 * count);
     nodes_[1] = kNoKey;
     for (size_t i = 0; i < count; ++i) nodes_[count + i] = keyOf(i);
@@ -149,32 +150,33 @@ class KLT_Tournament {
     nodes_[node] = winner;
     while (node > 1) node = play(node, winner);
   }
-  // The game of `node`, which `winner` has reached, and its neighbour. Returns the node above.
+  // Plays the game of `node`, which `winner` has reached, against its neighbour. Returns the
+  // parent.
   size_t play(size_t node, Key& winner) {
     winner = earlier(winner, nodes_[node ^ 1]);
     nodes_[node / 2] = winner;
     return node / 2;
   }
 
-  // The winner of each game: of node n, that of 2n against 2n + 1. Leaves follow from `leaves_` on,
-  // whatever their number, so the tree is no deeper than it must be.
+  // nodes_[n] is the winner of nodes_[2n] against nodes_[2n + 1]. The leaves start at `leaves_`,
+  // which is their number and needn't be a power of two, so the tree has the least possible depth.
   std::vector<Key> nodes_ = std::vector<Key>(2, kNoKey);
   size_t leaves_ = 0;
   size_t count_ = 0;
-  size_t deep_ = 1;  // leaves from here on lie a level below the others
+  size_t deepestLevel_ = 1;  // nodes from this one on are a level below the other leaves
   uint64_t start_ = 0;
   unsigned positionBits_ = 1;
   Key positionMask_ = 1;
   uint64_t steps_ = 0;
 };
 
-// The stream with the lowest time among many. A change of one time costs log2(streams) comparisons,
-// and so does the question for the runner-up.
+// Finds the stream with the lowest time. A change of one time takes log2(streams) comparisons, and
+// so does finding the runner-up.
 class KLT_MergeTree {
  public:
   static constexpr size_t kNone = ~size_t{0};
 
-  // A tree over `count` positions with the times timeOf(position).
+  // Builds a tree of `count` positions with the times timeOf(position).
   template <class TimeOf>
   void build(size_t count, const TimeOf& timeOf) {
     const auto bits = static_cast<unsigned>(std::bit_width(count));
@@ -191,9 +193,9 @@ class KLT_MergeTree {
       narrow_.build(count, earliest, bits, timeOf);
   }
 
-  // The position with the lowest time; kNone if none is left.
+  // The position with the lowest time; kNone if no position is left.
   [[nodiscard]] size_t best() const { return isWide_ ? wide_.best() : narrow_.best(); }
-  // The position with the lowest time but for `best`, with that time, or kNone.
+  // The position with the lowest time apart from `best`, and that time; kNone if there is none.
   [[nodiscard]] KLT_NextStream second(size_t best) const {
     return isWide_ ? wide_.second(best) : narrow_.second(best);
   }
@@ -206,7 +208,7 @@ class KLT_MergeTree {
     else
       narrow_.update(position, time);
   }
-  // Two updates, of different positions.
+  // Updates two different positions.
   [[gnu::always_inline]] void update(size_t position1, uint64_t time1, size_t position2,
                                      uint64_t time2) {
     if (!isWide_ && (!narrow_.fits(time1) || !narrow_.fits(time2))) [[unlikely]]
@@ -216,7 +218,7 @@ class KLT_MergeTree {
     else
       narrow_.update(position1, time1, position2, time2);
   }
-  // Takes the last position out, which then has no time.
+  // Removes the last position.
   void removeLast() { isWide_ ? wide_.removeLast() : narrow_.removeLast(); }
 
  private:
@@ -233,8 +235,8 @@ class KLT_MergeTree {
   bool isWide_ = false;
 };
 
-// The records of all streams up to a near time, in order. A slice ends before any stream runs out
-// of records, so that no stream is filled, and none leaves, while it lasts.
+// The records of all streams up to a near time, in order of delivery. A slice ends before the last
+// record of any stream, so that no stream has to be filled or removed while it is delivered.
 class KLT_Slice {
  public:
   static constexpr size_t kNone = ~size_t{0};
@@ -245,21 +247,21 @@ class KLT_Slice {
     uint8_t* record = nullptr;
   };
 
-  // Gathers a slice wherever there is anything to gather, however few the streams: for tests.
-  void forceSlices() { fewestStreams_ = 1; }
+  // For tests: collects a slice whenever that is possible, with any number of streams.
+  void forceSlices() { minStreams_ = 1; }
 
-  // Takes the records of the next slice out of the lanes. False, with the lanes as they were, if it
-  // wouldn't pay or too much happens at one time: then the tournament serves a turn. REQUIRES: the
-  // slice before is used up.
+  // Takes the records of the next slice from the lanes. False, with the lanes unchanged, if a slice
+  // wouldn't save time or there are too many records at one time; then the tournament serves a
+  // turn. REQUIRES: all records of the previous slice have been delivered.
   [[nodiscard]] bool gather(std::span<KLT_Lane> lanes) {
-    return lanes.size() >= fewestStreams_ && isDue(lanes) && gatherNow(lanes);
+    return lanes.size() >= minStreams_ && isDue(lanes) && gatherNow(lanes);
   }
 
-  // The next record in order. The caller passes its end to `delivered`.
+  // The next record in order. After delivery the caller passes its end to delivered().
   [[nodiscard, gnu::always_inline]] Record next() {
     for (; at_ != count_; ++at_) {
       const Entry& entry = entries_[at_];
-      if (isAhead(entry)) [[unlikely]]
+      if (isDelivered(entry)) [[unlikely]]
         continue;
       const size_t position = positionOf(entry);
       if (phase_ == Phase::kSecond && entry.key != secondKey_) phase_ = Phase::kBegin;
@@ -267,9 +269,9 @@ class KLT_Slice {
         phase_ = Phase::kBest;
         best_ = position;
       } else if (phase_ == Phase::kBest && position != best_) {
-        // The best stream first has what it holds at the time of the runner-up.
+        // The best stream's records at the time of the runner-up come first.
         if (KLT_RecordTime(afterBest_) - start_ == entry.key >> positionBits_) [[unlikely]] {
-          ahead_ = best_;
+          early_ = best_;
           return {best_, afterBest_};
         }
         phase_ = Phase::kSecond;
@@ -283,61 +285,60 @@ class KLT_Slice {
   void delivered(uint8_t* end) {
     if (phase_ != Phase::kBest) return;
     afterBest_ = end;
-    if (ahead_ == best_) [[unlikely]]
-      aheadEnd_ = afterBest_;
+    if (early_ == best_) [[unlikely]]
+      earlyEnd_ = afterBest_;
   }
-  // The turn of the stream that is being served is over: a handler has stopped the reader, or the
-  // tournament serves the runner-up.
+  // Ends the current turn, because a handler has stopped the reader or the tournament serves the
+  // runner-up.
   void endTurn() { phase_ = Phase::kBegin; }
   [[nodiscard]] bool empty() const { return at_ == count_; }
 
-  // The position of the stream that was being served when the slice ended, or kNone: its turn
-  // lasts until the runner-up has been served.
+  // The position of the best stream of a turn that continues after the slice, or kNone.
   [[nodiscard]] size_t running() const { return phase_ == Phase::kBest ? best_ : kNone; }
 
-  // Calls `visit(position, record)` for each record that hasn't been handed out.
+  // Calls visit(position, record) for each record that hasn't been delivered.
   template <class Visit>
   void eachWaiting(Visit visit) const {
     for (size_t i = at_; i < count_; ++i) {
-      if (!isAhead(entries_[i])) visit(positionOf(entries_[i]), entries_[i].record);
+      if (!isDelivered(entries_[i])) visit(positionOf(entries_[i]), entries_[i].record);
     }
   }
 
  private:
-  // The time since the start of the slice above the position of the stream: the order of entries.
   struct Entry {
-    uint64_t key;
+    uint64_t
+        key;  // upper bits: time since the start of the slice, lower bits: position of the stream
     uint8_t* record;
   };
-  // Of a turn: it has yet to begin, its best stream is served, or the runner-up is.
+  // The phase of a turn: before it, serving the best stream, serving the runner-up.
   enum class Phase : uint8_t { kBegin, kBest, kSecond };
 
   [[nodiscard]] size_t positionOf(const Entry& entry) const {
     return static_cast<size_t>(entry.key & ((uint64_t{1} << positionBits_) - 1));
   }
-  // Whether the record was handed out ahead of others of its time.
-  [[nodiscard]] bool isAhead(const Entry& entry) const {
-    return positionOf(entry) == ahead_ && entry.record < aheadEnd_;
+  // Whether the record has been delivered before other records of its time.
+  [[nodiscard]] bool isDelivered(const Entry& entry) const {
+    return positionOf(entry) == early_ && entry.record < earlyEnd_;
   }
-  // What it collected; `sources` are the streams that have records in the slice.
+  // The result of collect().
   struct Collected {
     bool complete = false;
-    size_t sources = 0;
+    size_t sources = 0;  // streams with records in the slice
     size_t bytes = 0;
   };
-  // With 256 streams and fewer a decode pass takes the same time with slices and without, with 512
-  // it takes 0.85 of it.
+  // With up to 256 streams a decoding pass takes the same time with slices and without, with 512 it
+  // takes 0.85 of it with slices.
   static constexpr size_t kManyStreams = 256;
 
   [[nodiscard]] bool isDue(std::span<const KLT_Lane> lanes);
   [[nodiscard]] bool gatherNow(std::span<KLT_Lane> lanes);
   [[nodiscard]] Collected collect(std::span<KLT_Lane> lanes, uint64_t end);
-  void adaptWidth(size_t wanted, size_t gathered);
+  void adaptWidth(size_t wanted, size_t collected);
   void sort(uint64_t span);
 
   std::vector<Entry> entries_;
-  std::vector<Entry> sorted_;    // what a pass of the sort makes of them
-  std::vector<uint8_t> copies_;  // the records, stream by stream
+  std::vector<Entry> sorted_;    // output of a pass of the sort
+  std::vector<uint8_t> copies_;  // copies of the records, stream by stream
   size_t at_ = 0;
   size_t count_ = 0;
   uint64_t start_ = 0;
@@ -345,14 +346,15 @@ class KLT_Slice {
 
   Phase phase_ = Phase::kBegin;
   size_t best_ = kNone;
-  uint8_t* afterBest_ = nullptr;  // that stream's next record
+  uint8_t* afterBest_ = nullptr;  // next record of the best stream
   uint64_t secondKey_ = 0;        // of the runner-up's records
-  size_t ahead_ = kNone;
-  const uint8_t* aheadEnd_ = nullptr;
+  // The stream of which records before `earlyEnd_` have been delivered before others of their time.
+  size_t early_ = kNone;
+  const uint8_t* earlyEnd_ = nullptr;
 
-  size_t fewestStreams_ = kManyStreams;  // with which slices are gathered
-  uint64_t width_ = 1;                   // of a slice, in time
-  size_t blocker_ = kNone;               // the stream that must be filled first, with its last time
-  uint64_t blockedAt_ = 0;
-  int64_t credit_ = 0;  // records delivered that no look at all streams has been set against
+  size_t minStreams_ = kManyStreams;  // with fewer streams no slices are collected
+  uint64_t width_ = 1;                // of a slice, in ticks
+  size_t blocker_ = kNone;            // the stream that must be filled before the next slice
+  uint64_t blockedAt_ = 0;            // time of the last record of that stream
+  int64_t credit_ = 0;                // see isDue()
 };

@@ -1,8 +1,7 @@
-// Delivery: running the streams of a reader and calling the handlers, in time order or stream by
-// stream.
+// Delivers the records of a reader's streams to the handlers, in time order or stream by stream.
 //
-// klt_order says whose records are next; here they are delivered, streams that run out are filled,
-// and the clock is looked at.
+// klt_order determines which stream is next. This module delivers its records, fills streams that
+// have no more records, and observes the time limit of a call.
 
 #include <algorithm>
 #include <utility>
@@ -15,11 +14,11 @@
 
 namespace {
 
-constexpr int kNoStatus = -2;  // go on
+constexpr int kNoStatus = -2;  // delivery continues
 
-enum class Swap : uint8_t { kReady, kFinished, kFailed };
+enum class Next : uint8_t { kReady, kFinished, kFailed };
 
-// The last one of a list takes the place of the one that leaves it.
+// Removes an element of the list. The last element takes its position.
 template <class T>
 void removeAt(std::vector<T>& list, size_t index) {
   std::swap(list[index], list.back());
@@ -43,31 +42,31 @@ int afterFailure(const KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
-// Gets the stream's next records ready once those before are delivered; removes a stream that has
-// none.
-Swap swapIn(KLT_Reader& reader, size_t index) {
+// Fills the stream if all of its records have been delivered, and makes the next ones available in
+// its lane. Removes a stream that has no more records or has failed.
+Next prepareNext(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];
   KLT_Stream& stream = *lane.stream;
   if (!lane.isFilled) {
-    if (lane.next < lane.end) return Swap::kReady;
+    if (lane.next < lane.end) return Next::kReady;
     (void)KLT_FillStream(stream);
   }
   lane.isFilled = false;
   if (stream.source.failed || stream.packed.records.empty()) {
     const bool failed = stream.source.failed;
     removeStream(reader, index);
-    return failed ? Swap::kFailed : Swap::kFinished;
+    return failed ? Next::kFailed : Next::kFinished;
   }
   lane.next = stream.packed.records.data();
   lane.end = lane.next + stream.packed.records.used();
   lane.nextTime = KLT_RecordTime(lane.next);
   lane.lastTime = stream.packed.outTime;
-  return Swap::kReady;
+  return Next::kReady;
 }
 
-// What may come of serving a stream. A stream that has finished can take the rest of the time.
+// The result of serving a stream. The time limit can be reached when a stream finishes, too.
 enum class Served : uint8_t {
-  kGoesOn,
+  kContinues,
   kHandlerStops,
   kTimeIsUp,
   kFinished,
@@ -75,7 +74,7 @@ enum class Served : uint8_t {
   kFailed
 };
 
-bool hasLeft(Served served) { return served >= Served::kFinished; }
+bool isRemoved(Served served) { return served >= Served::kFinished; }
 
 int statusOf(const KLT_Reader& reader, Served served) {
   switch (served) {
@@ -86,55 +85,57 @@ int statusOf(const KLT_Reader& reader, Served served) {
       return KLT_STATUS_TIME;
     case Served::kFailed:
       return afterFailure(reader);
-    case Served::kGoesOn:
+    case Served::kContinues:
     case Served::kFinished:
       break;
   }
   return kNoStatus;
 }
 
-void countRecordsAnew(KLT_Reader& reader) {
-  reader.recordsToLook = reader.limit.limited() ? KLT_TimeLimit::kRecordsPerCheck : ~uint64_t{0};
+void restartRecordCount(KLT_Reader& reader) {
+  reader.recordsToCheck = reader.limit.limited() ? KLT_TimeLimit::kRecordsPerCheck : ~uint64_t{0};
 }
 
-// Whether it is time to look at the clock, after a record.
-[[gnu::always_inline]] inline bool isTimeToLook(KLT_Reader& reader) {
-  if (--reader.recordsToLook != 0) [[likely]]
+// Counts a delivered record. Whether the time limit is to be checked now.
+[[gnu::always_inline]] inline bool isCheckDue(KLT_Reader& reader) {
+  if (--reader.recordsToCheck != 0) [[likely]]
     return false;
-  countRecordsAnew(reader);
+  restartRecordCount(reader);
   return true;
 }
 
-// What doesn't follow each record: its handler stops the reader, the stream must be filled, the
-// clock is looked at.
+// The rare actions after a record: the handler stops the reader, the stream must be filled, or the
+// time limit is checked.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
   KLT_Lane& lane = reader.lanes[index];
-  const bool runsOut = lane.next == lane.end;
-  if (!runsOut) lane.nextTime = KLT_RecordTime(lane.next);
+  const bool isEmpty = lane.next == lane.end;
+  if (!isEmpty) lane.nextTime = KLT_RecordTime(lane.next);
   if (result != 0) return Served::kHandlerStops;
-  if (runsOut) {
-    const Swap swap = swapIn(reader, index);
-    if (swap == Swap::kFailed) return Served::kFailed;
-    if (swap == Swap::kFinished) {
+  if (isEmpty) {
+    const Next next = prepareNext(reader, index);
+    if (next == Next::kFailed) return Served::kFailed;
+    if (next == Next::kFinished) {
       return reader.limit.reached() ? Served::kFinishedTimeIsUp : Served::kFinished;
     }
   }
-  return reader.limit.reached() ? Served::kTimeIsUp : Served::kGoesOn;
+  return reader.limit.reached() ? Served::kTimeIsUp : Served::kContinues;
 }
 
-// Delivers the stream's records up to the time `limit`. The tournament is the caller's. The clock
-// stops it at the end, or where it is the best of its turn and still ahead of all others: the next
-// call goes on with the same stream there, so the order doesn't depend on the clock.
+// Delivers the stream's records up to the time `limit`. The caller updates the tournament. When the
+// time limit of the call is reached, delivery stops at once only for the best stream of a turn
+// whose next time is still before that of all others: then the next call continues with the same
+// stream. Otherwise it stops after the last of these records. So the order doesn't depend on the
+// clock.
 [[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit,
                                            bool isBest) {
   KLT_Lane& lane = reader.lanes[index];
-  Served outcome = Served::kGoesOn;
+  Served outcome = Served::kContinues;
   for (;;) {
     const int result = KLT_Deliver(reader, *lane.stream, lane.next);
-    if (isTimeToLook(reader) || result != 0 || lane.next == lane.end) [[unlikely]] {
+    if (isCheckDue(reader) || result != 0 || lane.next == lane.end) [[unlikely]] {
       outcome = afterRecord(reader, index, result);
-      const bool waits = outcome == Served::kTimeIsUp && !(isBest && lane.nextTime < limit);
-      if (outcome != Served::kGoesOn && !waits) return outcome;
+      const bool stopsLater = outcome == Served::kTimeIsUp && !(isBest && lane.nextTime < limit);
+      if (outcome != Served::kContinues && !stopsLater) return outcome;
     } else {
       lane.nextTime = KLT_RecordTime(lane.next);
     }
@@ -142,9 +143,9 @@ void countRecordsAnew(KLT_Reader& reader) {
   }
 }
 
-// Takes a stream out of the tournament that has left the array: its place holds what was the last
-// one.
-void leaveOrder(KLT_Reader& reader, size_t index) {
+// Removes a stream from the tournament that has been removed from the list of streams, where the
+// last stream has taken its position.
+void removeFromOrder(KLT_Reader& reader, size_t index) {
   if (index < reader.streams.size()) {
     reader.order.update(index, reader.lanes[index].nextTime);
   }
@@ -159,35 +160,35 @@ void leaveOrder(KLT_Reader& reader, size_t index) {
   if (second == KLT_MergeTree::kNone) [[unlikely]] {
     return statusOf(reader, serve(reader, best, ~uint64_t{0}, true));
   }
-  Served first = Served::kGoesOn;
+  Served first = Served::kContinues;
   if (reader.lanes[best].nextTime <= limit) [[likely]] {
     first = serve(reader, best, limit, true);
     const bool isServed = first == Served::kTimeIsUp && reader.lanes[best].nextTime > limit;
-    if (first != Served::kGoesOn && !isServed) [[unlikely]] {
-      if (hasLeft(first)) leaveOrder(reader, best);
+    if (first != Served::kContinues && !isServed) [[unlikely]] {
+      if (isRemoved(first)) removeFromOrder(reader, best);
       return statusOf(reader, first);
     }
   }
   const Served next = serve(reader, second, limit, false);
-  if (hasLeft(next)) [[unlikely]] {
+  if (isRemoved(next)) [[unlikely]] {
     if (best < reader.streams.size()) order.update(best, reader.lanes[best].nextTime);
-    leaveOrder(reader, second);
+    removeFromOrder(reader, second);
   } else {
     order.update(best, reader.lanes[best].nextTime, second, reader.lanes[second].nextTime);
   }
-  return statusOf(reader, next == Served::kGoesOn ? first : next);
+  return statusOf(reader, next == Served::kContinues ? first : next);
 }
 
-// Delivers what the slice holds. Returns a status, or kNoStatus.
+// Delivers the records of the slice. Returns a status, or kNoStatus.
 int serveSlice(KLT_Reader& reader) {
   KLT_Slice& slice = reader.slice;
   for (;;) {
     const KLT_Slice::Record next = slice.next();
     if (next.record == nullptr) return kNoStatus;
-    uint8_t* behind = next.record;
-    const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, behind);
-    slice.delivered(behind);
-    if (isTimeToLook(reader) || result != 0) [[unlikely]] {
+    uint8_t* recordEnd = next.record;
+    const int result = KLT_Deliver(reader, *reader.lanes[next.position].stream, recordEnd);
+    slice.delivered(recordEnd);
+    if (isCheckDue(reader) || result != 0) [[unlikely]] {
       if (result != 0) {
         slice.endTurn();
         return KLT_STATUS_HANDLER;
@@ -197,8 +198,9 @@ int serveSlice(KLT_Reader& reader) {
   }
 }
 
-// Serves streams by turns until the next slice or the end. If the slice before ended while a stream
-// was being served, that one takes the part of the first. Returns a status, or kNoStatus.
+// Serves streams by turns until the next slice or the end. If the previous slice ended while a
+// stream was being served, the first turn continues with that stream as its best one. Returns a
+// status, or kNoStatus.
 int serveByTournament(KLT_Reader& reader) {
   const std::vector<KLT_Lane>& lanes = reader.lanes;
   reader.order.build(lanes.size(), [&](size_t i) { return lanes[i].nextTime; });
@@ -211,28 +213,28 @@ int serveByTournament(KLT_Reader& reader) {
   return status;
 }
 
-// Gets every stream ready. Returns a status, or kNoStatus. However short the time, a call fills
-// one.
-int prepare(KLT_Reader& reader) {
+// Prepares the next records of every stream. Returns a status, or kNoStatus. Each call fills at
+// least one stream, even if the time limit is reached.
+int prepareAll(KLT_Reader& reader) {
   for (size_t i = 0; i < reader.streams.size();) {
     const KLT_Lane& lane = reader.lanes[i];
-    const bool runsOut = lane.isFilled || lane.next == lane.end;
-    switch (swapIn(reader, i)) {
-      case Swap::kReady:
+    const bool isEmpty = lane.isFilled || lane.next == lane.end;
+    switch (prepareNext(reader, i)) {
+      case Next::kReady:
         ++i;
         break;
-      case Swap::kFinished:
+      case Next::kFinished:
         break;
-      case Swap::kFailed:
+      case Next::kFailed:
         return afterFailure(reader);
     }
-    if (runsOut && reader.limit.reached()) return KLT_STATUS_TIME;
+    if (isEmpty && reader.limit.reached()) return KLT_STATUS_TIME;
   }
   return kNoStatus;
 }
 
 int readInOrder(KLT_Reader& reader) {
-  int status = prepare(reader);
+  int status = prepareAll(reader);
   if (status == kNoStatus) reader.hasDelivered = true;
   while (status == kNoStatus && !reader.streams.empty()) {
     const bool isSliced = !reader.slice.empty() || reader.slice.gather(reader.lanes);
@@ -241,7 +243,7 @@ int readInOrder(KLT_Reader& reader) {
   return status == kNoStatus ? KLT_STATUS_FINISHED : status;
 }
 
-// Streams take turns.
+// Serves the streams one after the other, each until its turn ends.
 int readInTurns(KLT_Reader& reader) {
   for (size_t at = 0; at < reader.streams.size();) {
     KLT_Stream& stream = *reader.streams[at];
@@ -295,7 +297,7 @@ void KLT_PrepareDelivery(KLT_Reader& reader) {
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs) {
   const PAL_Place here;
   reader->limit.start(timeoutMs);
-  countRecordsAnew(*reader);
+  restartRecordCount(*reader);
   reader->status = reader->pass.serial ? readInOrder(*reader) : readInTurns(*reader);
   return reader->status;
 }
@@ -307,7 +309,7 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
-  // What was skipped so far, whole streams or all in front of a window, is no progress.
+  // Skipping streams, or records before a window, doesn't count as progress.
   if (reader->pass.serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
   std::vector<size_t> inSlice(reader->streams.size());  // bytes
@@ -317,7 +319,7 @@ double KLT_Progress(const KLT_Reader* reader) {
   for (size_t i = 0; i < reader->streams.size(); ++i) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
-    // Of what the last fill took, some may lie packed still.
+    // A part of the records of the last fill may not have been delivered yet.
     const uint64_t before = std::min(taken, stream.packed.consumedBeforeFill);
     const KLT_RecordBuffer& packed = stream.packed.records;
     size_t waiting = packed.used();

@@ -1,7 +1,7 @@
-// One traversal of a part of a trace: the streams of the components that can hold something wanted.
+// Defines the reader: one traversal of the components that can contain what its requests select.
 //
-// Internal to the reading modules; callers see klt.h. Owns its streams, its copy of the handlers
-// and the order in which streams are served.
+// Internal to klt/read; callers use klt.h. A reader owns its streams, its copy of the handlers and
+// the order in which streams are served.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 struct KLT_Reader;
 class KLT_StreamTurn;
 
-// The limit of one call, checked every few records.
+// The time limit of one call, checked every few records.
 class KLT_TimeLimit {
  public:
   static constexpr uint32_t kRecordsPerCheck = 5;
@@ -30,8 +30,8 @@ class KLT_TimeLimit {
   [[nodiscard]] bool limited() const { return limited_; }
 
  private:
-  // Milliseconds by a clock that moves on every few of them: looking at a finer one every few
-  // records makes a tenth of a merge.
+  // Milliseconds of a clock with a resolution of a few milliseconds. Reading a finer one every few
+  // records takes a tenth of the time of a merge.
   static int64_t now() {
     timespec time{};
     (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
@@ -42,8 +42,8 @@ class KLT_TimeLimit {
   int64_t end_ = 0;
 };
 
-// The turns of a stream that isn't merged with others: it delivers its records as they pass the
-// filter. Its first turn is short.
+// The turns of a stream that isn't merged with others: its records are delivered as they pass the
+// filter. The first turn of a stream is short.
 class KLT_StreamTurn final : public KLT_Turn {
  public:
   KLT_StreamTurn(KLT_Reader& reader, KLT_Stream& stream) : reader_(reader), stream_(stream) {}
@@ -60,7 +60,7 @@ class KLT_StreamTurn final : public KLT_Turn {
  private:
   KLT_Reader& reader_;
   KLT_Stream& stream_;
-  uint32_t records_ = 0;  // of this turn, since the clock was looked at
+  uint32_t records_ = 0;  // of this turn, since the last check of the time limit
   bool wasServed_ = false;
   bool isStopped_ = false;  // by a handler
 };
@@ -68,29 +68,28 @@ class KLT_StreamTurn final : public KLT_Turn {
 struct KLT_Reader {
   KLT_Pass pass;
   std::vector<KLT_Request> requests;                 // normalised
-  std::vector<std::unique_ptr<KLT_Stream>> streams;  // in the order in which ties are decided
+  std::vector<std::unique_ptr<KLT_Stream>> streams;  // of equal times the first stream comes first
   int status = KLT_STATUS_BUILT;
   bool lostData = false;
-  int historyDepth = 0;  // open history brackets, of which one is shown
-  // Scratch for arrays of texts, one vector for each array of a record.
+  int historyDepth = 0;  // open history brackets, of which only the outermost is delivered
+  // Buffers for arrays of texts, one vector for each array of a record.
   std::vector<std::vector<const char*>> texts;
 
   // Delivery in time order.
-  std::vector<KLT_Lane> lanes;  // of each stream
+  std::vector<KLT_Lane> lanes;  // one per stream
   KLT_MergeTree order;          // leaf i: next time of stream i
   KLT_Slice slice;
   KLT_TimeLimit limit;
-  uint64_t recordsToLook = 0;  // until the clock is asked whether the time of the call is up
+  uint64_t recordsToCheck = 0;  // records until the time limit is checked
 
   // Delivery stream by stream.
-  std::vector<std::unique_ptr<KLT_StreamTurn>> turns;  // of each stream
+  std::vector<std::unique_ptr<KLT_StreamTurn>> turns;  // one per stream
 
-  // Progress: whether delivery in time order has begun, bytes read of streams that are gone, and
-  // all bytes there are.
-  bool hasDelivered = false;
-  uint64_t bytesDone = 0;
-  uint64_t bytesTotal = 0;
+  // Progress.
+  bool hasDelivered = false;  // delivery in time order has begun
+  uint64_t bytesDone = 0;     // consumed from streams that have been removed
+  uint64_t bytesTotal = 0;    // of all streams
 };
 
-// Prepares delivery, once all streams are there.
+// Prepares delivery. REQUIRES: all streams have been added.
 void KLT_PrepareDelivery(KLT_Reader& reader);

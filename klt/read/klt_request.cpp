@@ -1,9 +1,9 @@
-// Requests and their normalising.
+// Creates, copies and normalises requests.
 //
-// Requests that overlap in time are united where they do: both their categories and their threads.
-// Uniting is a join, the order doesn't matter, so the list is made by one sweep over the instants
-// at which a window starts or ends: between two of them the selection is the join of the windows
-// that are open there. Neighbours with the same selection become one request.
+// Where requests overlap in time, their categories are united and their threads are united. The
+// order of the unions doesn't matter, so the list is made by one sweep over the instants at which a
+// window starts or ends: between two neighbouring instants the selection is the union of all
+// windows that are open there. Adjoining requests with the same selection become one.
 #include "klt/read/klt_request.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ struct ListOrder {
   }
 };
 
-// A number for each set of threads. Lists that hold the same threads get the same number.
+// Assigns a number to each set of threads. Lists with the same threads get the same number.
 class ThreadSets {
  public:
   static constexpr int kAll = 0;
@@ -36,7 +36,7 @@ class ThreadSets {
 
   int idOf(const PAL_Triplets& list) {
     if (list.empty()) return kAll;
-    // A list that stands for no thread must not turn into the empty list, which stands for all.
+    // A list that contains no thread must not become the empty list, which means all threads.
     const PAL_Triplets canonical = PAL_TripletsUnite(list, {});
     return intern(canonical.empty() ? list : canonical);
   }
@@ -52,15 +52,16 @@ class ThreadSets {
   const PAL_Triplets& list(int id) const { return *lists_[static_cast<size_t>(id)]; }
 
  private:
-  // All entries of the lists, but for those that hold nothing, unless there are no others.
+  // All entries of the lists. Entries that contain no thread are left out unless there are no
+  // others.
   PAL_Triplets concatenate(const std::vector<int>& ids) const {
     PAL_Triplets all;
     for (const int id : ids) all.insert(all.end(), list(id).begin(), list(id).end());
-    PAL_Triplets sound;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(sound), [](const PAL_Triplet& t) {
+    PAL_Triplets nonEmpty;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(nonEmpty), [](const PAL_Triplet& t) {
       return t.stride > 0 ? t.first <= t.last : t.stride < 0 && t.first >= t.last;
     });
-    return sound.empty() ? all : sound;
+    return nonEmpty.empty() ? all : nonEmpty;
   }
 
   int intern(PAL_Triplets list) {
@@ -74,7 +75,7 @@ class ThreadSets {
   std::map<std::vector<int>, int> unions_;
 };
 
-// A request with its threads numbered.
+// A request with the number of its set of threads.
 struct Window {
   KLT_Request request;
   int threads;
@@ -86,23 +87,24 @@ bool sameSelection(const Window& a, const Window& b) {
   return a.threads == b.threads && sameCategories(a.request.categories, b.request.categories);
 }
 
-bool holdsCategories(const Window& outer, const Window& inner) {
+bool coversCategories(const Window& outer, const Window& inner) {
   const uint32_t categories = outer.request.categories;
   return (categories & kAllCategories) != 0 || (inner.request.categories & ~categories) == 0;
 }
 
-bool holdsThreads(const Window& outer, const Window& inner) {
+bool coversThreads(const Window& outer, const Window& inner) {
   if (outer.threads == inner.threads || outer.threads == ThreadSets::kAll) return true;
   return inner.threads != ThreadSets::kAll &&
          PAL_TripletsSubset(outer.request.threads, inner.request.threads);
 }
 
-// Whether `inner` differs from `outer` at most by fewer categories or by fewer threads. One that
-// has less of both is a selection of its own.
-bool selects(const Window& outer, const Window& inner) {
-  if (outer.threads == inner.threads) return holdsCategories(outer, inner);
+// Whether `inner` has the same threads as `outer` and no other categories, or the same categories
+// and no other threads. A window with both fewer categories and fewer threads is kept as a
+// selection of its own.
+bool covers(const Window& outer, const Window& inner) {
+  if (outer.threads == inner.threads) return coversCategories(outer, inner);
   return sameCategories(outer.request.categories, inner.request.categories) &&
-         holdsThreads(outer, inner);
+         coversThreads(outer, inner);
 }
 
 class Normaliser {
@@ -134,7 +136,7 @@ class Normaliser {
   }
 
  private:
-  // Makes the pieces between each two instants at which a window starts or ends.
+  // Makes a piece for each interval between two neighbouring instants in which a window is open.
   void sweep() {
     std::vector<uint64_t> instants;
     std::vector<const Window*> ending;
@@ -162,8 +164,8 @@ class Normaliser {
     }
   }
 
-  // What the windows select together. If one of them selects it all, it is that one's own
-  // selection, with the threads in the order in which they were given.
+  // The union of the windows' selections. If one window selects all of it, the result is a copy of
+  // that one, so that its threads keep the order in which they were given.
   template <class Windows>
   Window join(const Windows& windows) {
     uint32_t categories = 0;
@@ -188,9 +190,10 @@ class Normaliser {
     pieces_.push_back(std::move(piece));
   }
 
-  // A window without length delivers no event, but it does deliver the state of its instant, so it
-  // stays: as a piece in front of those that start there, the windows of one instant united. It
-  // goes if another window surrounds the instant, or a piece touches it that selects as much.
+  // A window whose start is its end selects no event, but the state of its instant is delivered, so
+  // it is kept: as a piece before those that start at the instant. Several of one instant are
+  // united. It is left out if another window surrounds the instant, or if an adjoining piece covers
+  // it.
   void insertEmptyWindows() {
     std::vector<Window> result;
     auto piece = pieces_.begin();
@@ -207,7 +210,7 @@ class Normaliser {
       Window joined = join(kept);
       joined.request.start = joined.request.end = instant;
       const bool coveredAfter =
-          piece != pieces_.end() && piece->request.start == instant && selects(*piece, joined);
+          piece != pieces_.end() && piece->request.start == instant && covers(*piece, joined);
       if (!coveredAfter) result.push_back(std::move(joined));
     }
     std::move(piece, pieces_.end(), std::back_inserter(result));
@@ -216,7 +219,7 @@ class Normaliser {
 
   static bool coveredBefore(const std::vector<Window>& before, const Window& window) {
     return !before.empty() && before.back().request.end == window.request.start &&
-           selects(before.back(), window);
+           covers(before.back(), window);
   }
 
   // Whether a window begins before the instant and ends after it.
@@ -227,7 +230,7 @@ class Normaliser {
     return started - open_.begin() > ended - ends_.begin();
   }
 
-  // Neighbours with the same selection become one, unless a window without length parts them.
+  // Joins adjoining pieces with the same selection, unless a window without length is between them.
   void joinNeighbours() {
     std::vector<Window> result;
     for (Window& piece : pieces_) {
@@ -244,8 +247,8 @@ class Normaliser {
 
   ThreadSets threadSets_;
   std::vector<Window> open_;
-  std::vector<uint64_t> ends_;  // of those, sorted
-  std::vector<Window> empty_;
+  std::vector<uint64_t> ends_;  // of `open_`, sorted
+  std::vector<Window> empty_;   // windows without length
   std::vector<Window> pieces_;
 };
 

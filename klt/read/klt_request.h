@@ -1,8 +1,8 @@
-// What a caller asks of a reader: a time window, threads, categories.
+// Defines a request: the time window, threads and categories that a caller wants from a reader.
 //
-// A request is owned by whoever made it; the reader keeps copies. KLT_NormaliseRequests turns the
-// requests of one pass into a list that a stream can work off from front to back: sorted by time,
-// no two of them overlapping. Who decides about single records is the filter, not this module.
+// A request is owned by its creator; the reader keeps copies. KLT_NormaliseRequests converts the
+// requests of one pass to a list that a stream can process sequentially: sorted by time, without
+// overlaps. The filter, not this module, applies requests to records.
 #pragma once
 
 #include <cstdint>
@@ -18,15 +18,16 @@ struct KLT_Request {
   PAL_Triplets threads;         // empty means all
 };
 
-// A request for nothing yet, without an end. KLT_RequestRelease frees it; null is ignored.
+// A request for no categories, from time 0, without an end. KLT_RequestRelease frees it and ignores
+// null.
 [[nodiscard]] KLT_Request* KLT_RequestAlloc();
 void KLT_RequestRelease(KLT_Request* request);
 
-// A deep copy in which an `end` below `start` has become "no end".
+// A deep copy. An `end` below `start` is replaced by "no end".
 [[nodiscard]] KLT_Request* KLT_RequestCopy(const KLT_Request* request);
 
-// The requests as a list sorted by time without overlaps, which selects at each instant what any of
-// them selects there (requests that share an instant unite both their categories and their
-// threads). Each is taken as KLT_RequestCopy would; a single one passes as it is otherwise.
+// The requests as a list sorted by time without overlaps. At each instant it selects the union of
+// the categories and the union of the threads of the requests that include the instant. An `end`
+// below `start` means "no end"; a single request is otherwise unchanged.
 [[nodiscard]] std::vector<KLT_Request> KLT_NormaliseRequests(
     std::span<const KLT_Request* const> requests);
