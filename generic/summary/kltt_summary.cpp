@@ -1,10 +1,11 @@
-// Summary data: the bins. See kltt_summary.h.
+// Divides a run into bins and passes each event to the tables of its bin. See kltt_summary.h.
 //
-// A bin ends when a later time comes; a time equal to its end still belongs to it. The number of
-// whole bins is twice the square root of the number of events, less two. The division of the span
-// leaves a remainder, for which bins go on up to the one with the declared end; that one takes all
-// later times too, so that a wild time makes no bins. At the close the open bin's tables are
-// written, its call trees only if it is one of the whole bins.
+// A bin is written when an event with a later time than its end comes; an event at its end still
+// belongs to it. The number of whole bins is twice the square root of the number of events, rounded
+// up, less two. The division of the span leaves a remainder, so further bins follow until one
+// contains the declared end. That bin also takes all later events, so that a wrong time doesn't
+// cause an endless number of bins. The close writes the tables of the last bin, and its call trees
+// if it is one of the whole bins.
 #include "generic/summary/kltt_summary.h"
 
 #include <algorithm>
@@ -24,7 +25,7 @@
 
 namespace {
 
-// The smallest `k` with k * k >= events, for a positive number.
+// The smallest `k` with k * k >= events. REQUIRES: events > 0.
 uint64_t rootAbove(uint64_t events) {
   auto k = static_cast<uint64_t>(std::sqrt(static_cast<long double>(events)));
   while (k > 1 && (k - 1) * (k - 1) >= events) --k;
@@ -39,7 +40,8 @@ class Summary final : public KLTT_Summary {
       : eventBits_(std::min(static_cast<uint32_t>(bits), uint32_t{63})),
         binStart_(start >> eventBits_),
         declaredEnd_((start + std::min(span, ~start)) >> eventBits_) {
-    // Without a number of events one bin holds it all, whatever the shifts cut off.
+    // Without a useful number of events there is one bin up to the declared end. Its width is the
+    // difference of the shifted times, since the shifted span may be 1 less.
     const bool isOne = events < 2;
     span = isOne ? declaredEnd_ - binStart_ : span >> eventBits_;
     binCount_ = isOne ? 1 : 2 * (rootAbove(events) - 1);
@@ -52,7 +54,7 @@ class Summary final : public KLTT_Summary {
     }
   }
 
-  // True if every file holds all.
+  // Writes the last bin. Returns true if every file is complete.
   bool close() {
     if (binIndex_ < binCount_)
       flushBin();
@@ -87,9 +89,9 @@ class Summary final : public KLTT_Summary {
     const uint64_t t = advance(time);
     for (uint32_t i = 0; i < n; ++i) tables_.counter(t, thread, counters[i], values[i]);
   }
-  // u64 time; u32 thread, n; texts type, level, description; n times each: u64 times, u32 threads,
-  // texts headers, u32 functions, texts calls_, u32 scls. A text is its length as u32 and its
-  // bytes.
+  // The record: u64 time; u32 thread, n; texts type, level, description; then n times each: u64
+  // times, u32 threads, texts headers, u32 functions, texts calls, u32 scls. A text is its length
+  // as u32, followed by its bytes.
   void report_event(const KLTT_SumReport& r) override {
     KLTT_SumFile& file = files_[kReports];
     file.put(advance(r.time));
@@ -123,7 +125,7 @@ class Summary final : public KLTT_Summary {
     binEnd_ += std::min(binWidth_, ~binEnd_);
   }
 
-  // The time in the unit of the summary, with the bins written that end before it.
+  // Writes the bins that end before `time`, and returns `time` in the unit of the summary.
   uint64_t advance(uint64_t time) {
     const uint64_t t = time >> eventBits_;
     while (binEnd_ < t && binEnd_ < declaredEnd_) [[unlikely]] flushBin();

@@ -1,4 +1,4 @@
-// Call trees of the summary data. See kltt_summary_calls.h.
+// Counts calls in trees. See kltt_summary_calls.h.
 #include "generic/summary/kltt_summary_calls.h"
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 
 namespace {
 
-// A block of the file holds for each thread a record and its tree, level by level from the root,
-// in the byte order of the machine.
+// A block of the file has a record for each thread, followed by the thread's tree, level by level
+// from the root, in host byte order.
 struct ThreadRecord {
   uint64_t binStart;
   uint64_t binWidth;
@@ -25,17 +25,17 @@ struct TreeRecord {
   uint32_t zero;
   uint32_t function;
   uint64_t self;
-  uint64_t inclusive;  // of the root: that of the level below it
+  uint64_t inclusive;  // in the root: that of its child
   uint32_t calls;
   uint32_t scl;
   uint32_t children;
-  uint32_t firstChild;    // so many records further on; 0 without children
-  uint32_t moreSiblings;  // 1 if one follows; 1 in the root, too
-  uint32_t parent;        // so many records back
+  uint32_t firstChild;    // number of records from here to the first child; 0 without children
+  uint32_t moreSiblings;  // 1 if another sibling follows; also 1 in the root
+  uint32_t parent;        // number of records from the parent to here
 };
 static_assert(sizeof(ThreadRecord) == 32 && sizeof(TreeRecord) == 48);
 
-// Time that was told backwards doesn't count.
+// The time between two events; 0 if the second has the earlier time.
 uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
 
 }  // namespace
@@ -51,8 +51,8 @@ KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   return threads_.back();
 }
 
-// The parents of what is touched are touched by the end of the bin, since a call is touched when it
-// ends, and when it is still open then.
+// Adds a node to its parent's list. The parent is touched by the end of the bin, too: its call is
+// touched when it ends, or at the end of the bin if it is still open.
 void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
   node.touched = true;
   if (node.parent == index) return;
@@ -119,7 +119,8 @@ void KLTT_CallTrees::close(const Call& call, uint64_t time) {
   touch(node, call.node);
 }
 
-// A call below the top counts the time since it was last resumed, that of its callee included.
+// Counts the open calls up to the end of the bin. The self time of a call below the top includes
+// all time since the call was last resumed, so also that of its callee.
 void KLTT_CallTrees::closeAll(Thread& thread, uint64_t binEnd) {
   for (Call& call : thread.calls) {
     close(call, binEnd);
@@ -144,12 +145,14 @@ void KLTT_CallTrees::appendChildren(uint32_t place) {
   places_.back().moreSiblings = false;
 }
 
-// Of the root's children only the one with the lowest number gets into the tree.
-void KLTT_CallTrees::layOut(uint32_t root) {
+// Puts the touched nodes of a thread's tree into `places_`, in the order of their records. Only the
+// child of the root with the lowest function number is part of the tree; the touched nodes of other
+// children go to `unwritten_`.
+void KLTT_CallTrees::collectTree(uint32_t root) {
   places_.assign(1, {root, 0, 0, 0, true});
-  beside_.clear();
+  unwritten_.clear();
   appendChildren(0);
-  for (size_t i = 2; i < places_.size(); ++i) beside_.push_back(places_[i].node);
+  for (size_t i = 2; i < places_.size(); ++i) unwritten_.push_back(places_[i].node);
   if (places_.size() > 1) {
     places_.resize(2);
     places_[0].children = 1;
@@ -158,10 +161,10 @@ void KLTT_CallTrees::layOut(uint32_t root) {
   for (uint32_t place = 1; place < places_.size(); ++place) appendChildren(place);
   nodes_[root].self = 0;
   nodes_[root].inclusive = places_.size() > 1 ? nodes_[places_[1].node].inclusive : 0;
-  for (size_t i = 0; i < beside_.size(); ++i) {
-    for (uint32_t child = nodes_[beside_[i]].touchedChild; child != 0;
+  for (size_t i = 0; i < unwritten_.size(); ++i) {
+    for (uint32_t child = nodes_[unwritten_[i]].touchedChild; child != 0;
          child = nodes_[child].touchedSibling) {
-      beside_.push_back(child);
+      unwritten_.push_back(child);
     }
   }
 }
@@ -190,7 +193,7 @@ void KLTT_CallTrees::writeThread(KLTT_SumFile& file, const Thread& thread, uint6
   }
 }
 
-// Clears what the bin has counted in the nodes that it touched.
+// Clears the counts of the touched nodes.
 void KLTT_CallTrees::clear() {
   const auto clearNode = [this](uint32_t index) {
     Node& node = nodes_[index];
@@ -200,7 +203,7 @@ void KLTT_CallTrees::clear() {
     node.touched = false;
   };
   for (const Place& place : places_) clearNode(place.node);
-  for (const uint32_t node : beside_) clearNode(node);
+  for (const uint32_t node : unwritten_) clearNode(node);
 }
 
 void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd,
@@ -213,7 +216,7 @@ void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEn
   for (const uint32_t index : order_) {
     Thread& thread = threads_[index];
     closeAll(thread, binEnd);
-    layOut(thread.calls.front().node);
+    collectTree(thread.calls.front().node);
     writeThread(file, thread, binStart, binWidth);
     clear();
     thread.events = 0;

@@ -1,8 +1,8 @@
-// Call trees of the summary data: what each thread did in a bin, by path of calls.
+// KLTT_CallTrees counts the calls and times of each thread in a bin, by call path.
 //
-// A path once taken keeps its node for the whole run; what a node counts belongs to the bin. Only
-// what was touched in a bin is written and cleared at its end, so an idle thread with a large tree
-// costs no more than one with none. Times are those of the summary, shifted by the event bits.
+// A node of a call path exists for the rest of the run; its counts are those of the bin. Only nodes
+// that were touched in a bin are written and cleared at its end, so an idle thread with a large
+// tree costs no time. Times are those of the summary, shifted by the event bits.
 #pragma once
 
 #include <cstdint>
@@ -17,21 +17,21 @@ class KLTT_CallTrees {
  public:
   KLTT_CallTrees();
 
-  // Enters a thread, unless it is there. Other threads are entered by their first event.
+  // Adds a thread that isn't known yet. Other threads are added by their first event.
   void addThread(uint32_t gtp) { (void)threadOf(gtp); }
   [[nodiscard]] bool empty() const { return threads_.empty(); }
 
   void enter(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);
-  // Without an open call it only counts as an event.
+  // Without an open call this only counts an event.
   void leave(uint64_t time, uint32_t gtp);
 
-  // Writes a block with a record and a tree for each thread, and clears the bin. Calls that are
-  // open are counted up to `binEnd`.
+  // Writes a block with a record and a tree for each thread, and clears the counts. Open calls are
+  // counted up to `binEnd`.
   void flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEnd, uint64_t binWidth);
 
  private:
-  // Children that were touched in this bin hang in a list without order; 0 ends it, since a root is
-  // nobody's child.
+  // A node of a call path. The children that were touched in this bin are in an unordered linked
+  // list. 0 ends the list, because node 0 is a root and never a child.
   struct Node {
     uint64_t self = 0;
     uint64_t inclusive = 0;
@@ -39,25 +39,24 @@ class KLTT_CallTrees {
     uint32_t calls = 0;
     uint32_t scl = 0;  // the first one of this bin
     uint32_t parent = 0;
-    uint32_t lastChild = 0;  // found last; saves most lookups
+    uint32_t lastChild = 0;  // the child used last, which saves most lookups
     uint32_t touchedChild = 0;
     uint32_t touchedSibling = 0;
     bool touched = false;
   };
-  // An open call: since when it counts time of its own, since when it has been open, both moved up
-  // to the start of the bin, and the time of its own that its node doesn't have yet.
+  // An open call.
   struct Call {
     uint32_t node;
-    uint64_t resumed;
-    uint64_t entered;
-    uint64_t self;
+    uint64_t resumed;  // when it last became the top call, or the start of the bin
+    uint64_t entered;  // when it began, or the start of the bin
+    uint64_t self;     // self time up to `resumed` that its node doesn't contain yet
   };
   struct Thread {
     uint32_t gtp;
     uint32_t events = 0;      // in this bin
     std::vector<Call> calls;  // the root first
   };
-  // A record of a tree that is written, by its position.
+  // A record of the tree that is being written. `parent` and `firstChild` are indices in places_.
   struct Place {
     uint32_t node;
     uint32_t parent;
@@ -86,18 +85,18 @@ class KLTT_CallTrees {
   void growSlots();
   void close(const Call& call, uint64_t time);
   void closeAll(Thread& thread, uint64_t binEnd);
-  void layOut(uint32_t root);
+  void collectTree(uint32_t root);
   void appendChildren(uint32_t place);
   void writeThread(KLTT_SumFile& file, const Thread& thread, uint64_t binStart, uint64_t binWidth);
   void clear();
 
   std::vector<Thread> threads_;
   KLT_IdIndex index_;
-  std::vector<uint32_t> order_;  // of threads, in which they are written; some may be missing
+  std::vector<uint32_t> order_;  // threads in the order of the file; updated by flush()
   std::vector<Node> nodes_;
   std::vector<uint32_t> slots_;  // nodes by parent and function; a power of two, at most half full
   size_t slotsUsed_ = 0;
   PAL_Hash<2> hash_;
-  std::vector<Place> places_;     // of the tree that is being written
-  std::vector<uint32_t> beside_;  // touched, not written
+  std::vector<Place> places_;        // the tree that is being written
+  std::vector<uint32_t> unwritten_;  // touched nodes that aren't part of the written tree
 };

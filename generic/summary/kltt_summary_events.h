@@ -1,4 +1,4 @@
-// What the summary is told of: the fields of records that have many of them.
+// The arguments of the summary's operations for records with many fields.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct KLTT_SumMembers {
   const uint32_t* scl = nullptr;
 };
 
-// A message; `time` and `duration` as its record has them, sentinels included.
+// A message; `time` and `duration` are those of its record, including the values for unknown times.
 struct KLTT_SumMessage {
   uint64_t time = 0;
   int64_t duration = 0;

@@ -1,4 +1,4 @@
-// Files of the summary data. See kltt_summary_file.h.
+// Writes summary files. See kltt_summary_file.h.
 #include "generic/summary/kltt_summary_file.h"
 
 #include <fcntl.h>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr uint64_t kVersion = 1;
 constexpr mode_t kFileMode = 0644;
-constexpr size_t kWriteBytes = 65536;  // that are worth a write
+constexpr size_t kWriteBytes = 65536;  // blocks are collected up to this size
 constexpr size_t kBufferBytes = 2 * kWriteBytes;
 
 }  // namespace
@@ -32,7 +32,7 @@ void KLTT_SumFile::create(std::string path, uint64_t binWidth) {
   }
   good_ = true;
   end_ = 3 * sizeof(uint64_t);
-  complete();
+  writeHeader();
 }
 
 void KLTT_SumFile::putText(const char* text) {
@@ -47,15 +47,15 @@ void KLTT_SumFile::endBlock(uint64_t records) {
 }
 
 void KLTT_SumFile::flush() {
-  spill();
-  if (descriptor_ >= 0) complete();
+  writeBuffer();
+  if (descriptor_ >= 0) writeHeader();
 }
 
-// Texts may be longer than the buffer.
+// Appends bytes to the buffer; `count` may exceed the size of the buffer.
 void KLTT_SumFile::append(const void* bytes, size_t count) {
   const auto* from = static_cast<const uint8_t*>(bytes);
   while (count > 0) {
-    if (used_ == buffer_.size()) spill();
+    if (used_ == buffer_.size()) writeBuffer();
     const size_t part = std::min(count, buffer_.size() - used_);
     std::memcpy(buffer_.data() + used_, from, part);
     used_ += part;
@@ -64,7 +64,7 @@ void KLTT_SumFile::append(const void* bytes, size_t count) {
   }
 }
 
-void KLTT_SumFile::spill() {
+void KLTT_SumFile::writeBuffer() {
   const size_t bytes = std::exchange(used_, 0);
   if (!good_ || bytes == 0) return;
   if (descriptor_ < 0) {
@@ -82,14 +82,14 @@ void KLTT_SumFile::writeAt(uint64_t offset, const void* bytes, size_t count) {
   }
 }
 
-// Writes the header and gives the descriptor back.
-void KLTT_SumFile::complete() {
+// Writes the header and closes the descriptor.
+void KLTT_SumFile::writeHeader() {
   const uint64_t header[] = {kVersion, binWidth_, records_};
   writeAt(0, header, sizeof header);
   if (Vfd_Close(std::exchange(descriptor_, -1)) < 0) fail();
 }
 
-// Reports the first failure, by errno.
+// Reports the error in errno if it is the file's first.
 void KLTT_SumFile::fail() {
   if (!std::exchange(good_, false)) return;
   const int error = errno;

@@ -1,5 +1,5 @@
-// Keyed tables of the summary data. See kltt_summary_tables.h; the records stand above the
-// functions that write them, in the byte order of the machine and without padding.
+// Sums of a bin by key. See kltt_summary_tables.h. The format of each record is given above the
+// function that writes it; records are in host byte order and without padding.
 #include "generic/summary/kltt_summary_tables.h"
 
 #include <algorithm>
@@ -16,8 +16,7 @@ void KLTT_SumTables::addBytes(uint32_t& sum, uint32_t bytes) {
   }
 }
 
-// --- Collective operations
-// ------------------------------------------------------------------------
+// --- Collective operations ----------------------------------------------------------------------
 
 KLTT_SumTables::Member KLTT_SumTables::memberOf(uint64_t time, uint32_t eventBits,
                                                 const KLTT_SumMembers& members, uint32_t i) {
@@ -78,7 +77,7 @@ void KLTT_SumTables::collective(uint64_t time, uint32_t root, uint32_t communica
     return;
   }
   sums.time = std::min(sums.time, time);
-  // A key keeps the number of members it has first been seen with.
+  // A key has the number of members of its first operation.
   for (uint32_t i = 0; i < std::min(sums.members, members.n); ++i) {
     fold(members_[sums.firstMember + i], memberOf(time, eventBits, members, i));
   }
@@ -115,8 +114,7 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
   members_.clear();
 }
 
-// --- Messages
-// -------------------------------------------------------------------------------------
+// --- Messages -----------------------------------------------------------------------------------
 
 void KLTT_SumTables::message(const KLTT_SumMessage& m) {
   const auto [sums, isNew] = messages_[{m.sender, m.receiver, m.communicator, m.size, m.tag,
@@ -157,8 +155,7 @@ void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
   messages_.clear();
 }
 
-// --- Counters
-// -------------------------------------------------------------------------------------
+// --- Counters -----------------------------------------------------------------------------------
 
 void KLTT_SumTables::defineCounter(uint32_t id, uint32_t type) {
   uint32_t index = counterIndex_.find(id);
@@ -180,7 +177,7 @@ void KLTT_SumTables::counter(uint64_t time, uint32_t thread, uint32_t id, uint64
     sums.first = time;
     sums.lowest = sums.highest = sums.mean = value;
   } else {
-    // One rate less than samples.
+    // There is a rate between each two samples, so one rate fewer than samples.
     const double rates = sums.count;
     const double rate =
         (value - sums.lastValue) / static_cast<double>(static_cast<int64_t>(time - sums.last));

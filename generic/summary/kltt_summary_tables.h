@@ -1,7 +1,8 @@
-// What the summary data counts in a bin by key: collective operations, messages, counter samples.
+// KLTT_SumTables sums up a bin's collective operations, messages and counter samples by key.
 //
-// Each table is written and emptied at the end of its bin. A file shows the keys in the order of a
-// table with 31 chains (pal_buckets). Times are those of the summary, shifted by the event bits.
+// Each table is written and cleared at the end of the bin. A file has the keys in the order of a
+// hash table with 31 chains (pal_hash.h). Times are those of the summary, shifted by the event
+// bits.
 #pragma once
 
 #include <array>
@@ -18,11 +19,11 @@ class KLTT_SumFile;
 struct KLTT_SumMembers;
 struct KLTT_SumMessage;
 
-// Chains of the tables whose order the files show.
+// The number of chains of the hash table that defines the order of keys in the files.
 inline constexpr uint32_t KLTT_SUM_BUCKETS = 31;
 
-// Values of a bin by a key of `Words` numbers. Emptying costs nothing: slots of another bin are
-// free.
+// The values of a bin by a key of `Words` numbers. Clearing takes no time, because slots of another
+// bin count as free.
 template <size_t Words, class Value>
 class KLTT_BinTable {
  public:
@@ -32,7 +33,7 @@ class KLTT_BinTable {
     Value value;
   };
 
-  // The value under `key`, and whether it is new. Moves when entries are added.
+  // The value of `key`, and whether it is new. The reference is valid until an entry is added.
   std::pair<Value&, bool> operator[](const Key& key) {
     size_t slot = slotOf(key);
     for (; slots_[slot].bin == bin_; slot = (slot + 1) & (slots_.size() - 1)) {
@@ -48,7 +49,8 @@ class KLTT_BinTable {
   [[nodiscard]] bool empty() const { return entries_.empty(); }
   [[nodiscard]] size_t size() const { return entries_.size(); }
 
-  // Calls visit(entry) in the order of the chains that hashOf(key) chooses.
+  // Calls visit(entry) for all entries in the order of the chains; hashOf(key) determines the
+  // chain.
   template <class HashOf, class Visit>
   void walk(HashOf hashOf, Visit visit) {
     std::vector<uint32_t> order(entries_.size());
@@ -68,7 +70,7 @@ class KLTT_BinTable {
     uint32_t entry = 0;
   };
 
-  // A few words: less than a call of memcmp costs.
+  // Faster than memcmp for a few words.
   static bool same(const Key& a, const Key& b) {
     uint32_t differing = 0;
     for (size_t i = 0; i < Words; ++i) differing |= a[i] ^ b[i];
@@ -86,7 +88,7 @@ class KLTT_BinTable {
     }
   }
 
-  std::vector<Entry> entries_;   // by arrival
+  std::vector<Entry> entries_;   // in the order of insertion
   std::vector<Slot> slots_{64};  // a power of two, at most half of them of this bin
   uint32_t bin_ = 1;
   PAL_Hash<Words> hash_;
@@ -97,14 +99,14 @@ class KLTT_SumTables {
   void collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
                   uint32_t eventBits, const KLTT_SumMembers& members);
 
-  // A negative duration: the receive came first.
+  // A negative duration means that the receive came first.
   void message(const KLTT_SumMessage& message);
 
   void defineCounter(uint32_t id, uint32_t type);
-  // `bits`: a signed integer or a double, as the counter is defined.
+  // `bits` is a signed integer or a double, according to the counter's definition.
   void counter(uint64_t time, uint32_t thread, uint32_t id, uint64_t bits);
 
-  // Each writes a block, unless there is nothing to write, and empties its table.
+  // Each writes a block, unless its table is empty, and clears the table.
   void flushCollectives(KLTT_SumFile& file);
   void flushMessages(KLTT_SumFile& file);
   void flushCounters(KLTT_SumFile& file);
@@ -116,7 +118,7 @@ class KLTT_SumTables {
     uint32_t members = 0;
     size_t firstMember = 0;  // in members_
   };
-  // A member's part in one operation, or in all of a bin.
+  // A member's part in one operation, or the sum over all operations of a bin.
   struct Member {
     uint64_t start, end, sum, shortest, longest;
     double lowestRate, highestRate;
