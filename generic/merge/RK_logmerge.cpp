@@ -1,4 +1,4 @@
-// Matching of raw events. See RK_logmerge.h.
+// Matches raw events. See RK_logmerge.h.
 #include "generic/merge/RK_logmerge.h"
 
 #include <utility>
@@ -7,7 +7,7 @@
 
 namespace {
 
-// The thread that logged an event: process in the low half, thread in the high half.
+// The thread that logged an event, as process | thread << 16.
 uint32_t gtpOf(const KLTM_Matching& matching, uint32_t kind) {
   const uint32_t thread = kind >> 6 >> matching.processBits;
   return (kind >> 6 & matching.processMask) | thread << 16;

@@ -1,13 +1,14 @@
-// Records in the making, in order of arrival, with a bound on how much of them waits.
+// KLTM_Arena holds incomplete records, in order of arrival, up to a bounded size.
 //
-// An entry is made by the first event of a communication and stays until it is complete and
-// written. Nothing is written before room runs out. Then a flush writes what stands ahead of the
-// oldest incomplete entry, so that records leave by time; only if that makes no room, all entries
-// are written, incomplete ones through a slot that lets them be written again once more is known.
+// The first event of a communication adds an entry, which stays until it is complete and written.
+// Nothing is written until the arena is full. Then a flush writes all entries before the oldest
+// incomplete one, so that records are written in order of time. Only if that doesn't free enough
+// room, all entries are written. An incomplete record has an update slot, through which it is
+// written again when more events have come.
 //
-// Since every flush writes a beginning of the order, the written entries always stand ahead of the
-// others. A flush therefore looks at the unwritten ones and at those that an event has touched
-// since they were written, never at those that just wait: its cost is bounded by the events.
+// Every flush writes the oldest unwritten entries, so all written entries are older than all
+// unwritten ones. A flush only visits the unwritten entries and those that events have changed
+// since they were written, so its cost is bounded by the number of events.
 #pragma once
 
 #include <algorithm>
@@ -20,28 +21,28 @@
 #include "klt/write/klt_write.h"
 #include "util/pal_mem.h"
 
-// What entries of both kinds begin with.
+// The common base of messages and collective operations.
 struct KLTM_EntryHead {
   uint64_t time = 0;      // of the first event; the record's time
-  uint64_t lastTime = 0;  // when the last event was over
+  uint64_t lastTime = 0;  // the end of the last event
   uint64_t sequence = 0;  // order of arrival, from 1; 0 while the entry is free
   KLT_UpdateSlot slot;    // where an incomplete record was written
-  uint32_t pending = 0;   // events still awaited
-  uint8_t row = 0;        // in which it was written first; 0 before that
+  uint32_t pending = 0;   // number of events still awaited
+  uint8_t row = 0;        // the row in which it was first written; 0 before that
   bool written = false;
   bool dirty = false;  // changed since it was written
 };
 
-// The entries of one kind. `Entry` derives from KLTM_EntryHead and has bytes(), what it counts
-// against the capacity. The owner, passed where entries may leave, has write(Entry&), which writes
-// the record, and release(Entry&), called when an entry is given up. Entries keep their addresses.
+// The entries of one kind. `Entry` derives from KLTM_EntryHead and has bytes(), its share of the
+// capacity. Operations that may write entries take the owner, which has write(Entry&), to write the
+// record, and release(Entry&), called before an entry is freed. Entries keep their addresses.
 template <class Entry>
 class KLTM_Arena {
  public:
-  // A capacity never passes this, whatever has to wait.
+  // The largest capacity. If entries need more, the process ends as out of memory.
   static constexpr uint64_t kLargest = (uint64_t{1} << 31) - 8;
 
-  // An entry that may be gone by the time it is looked at.
+  // A reference to an entry that may be freed and reused later.
   struct Reference {
     uint64_t sequence = 0;
     Entry* entry = nullptr;
@@ -49,11 +50,11 @@ class KLTM_Arena {
     [[nodiscard]] bool open() const { return entry->sequence == sequence && entry->pending > 0; }
   };
 
-  // `blockBytes` is the first capacity and the least by which it grows.
+  // `blockBytes` is the initial capacity and the least amount by which it grows.
   explicit KLTM_Arena(uint64_t blockBytes) : capacity_(blockBytes), blockBytes_(blockBytes) {}
 
-  // A new entry that counts `bytes` bytes, made by an event at `now`: dirty, with a sequence. What
-  // has to leave for it is written.
+  // Adds an entry of `bytes` bytes for an event at `now`. The entry is dirty and has a sequence.
+  // Flushes if the arena is full.
   template <class Owner>
   Entry& append(Owner& owner, uint64_t bytes, uint64_t now) {
     if (capacity_ - used_ < bytes) [[unlikely]]
@@ -70,26 +71,27 @@ class KLTM_Arena {
     return node;
   }
 
-  // An event that the entry waited for has come, or won't come. REQUIRES: pending > 0.
-  void settle(Entry& entry) {
+  // The entry waits for one event less: the event has come, or it won't come. REQUIRES: pending >
+  // 0.
+  void decrementPending(Entry& entry) {
     --entry.pending;
     if (entry.written) {
       if (entry.pending == 0)
         completed_.push_back({entry.sequence, &entry});
       else if (!entry.dirty)
-        reopened_.push_back({entry.sequence, &entry});
+        changed_.push_back({entry.sequence, &entry});
     }
     entry.dirty = true;
   }
 
-  // Writes all that is left and gives it up, complete or not.
+  // Writes and frees all entries, complete or not.
   template <class Owner>
   void finish(Owner& owner) {
     flush(owner, ~uint64_t{0}, true);
   }
 
   [[nodiscard]] uint64_t capacity() const { return capacity_; }
-  // Of the newest entry; 0 before the first.
+  // The sequence of the newest entry; 0 before the first.
   [[nodiscard]] uint64_t lastSequence() const { return lastSequence_; }
 
  private:
@@ -123,20 +125,21 @@ class KLTM_Arena {
     flush(owner, now, false);
     if (capacity_ - used_ >= bytes) return;
     flush(owner, now, true);
-    // Nearly full of entries that wait, it would be flushed for every few events.
+    // An arena that is nearly full of waiting entries would be flushed every few events, so it
+    // grows.
     if (used_ <= capacity_ / 2 && capacity_ - used_ >= bytes) return;
     const uint64_t wanted = std::max({2 * capacity_, capacity_ + blockBytes_, used_ + bytes});
     capacity_ = std::max(capacity_, std::min(wanted, kLargest));
     if (capacity_ - used_ < bytes) PAL_OutOfMemory(used_ + bytes, __FILE__, __LINE__);
   }
 
-  // `now` decides which complete entries can go: those that are over. With `force` incomplete ones
-  // are written too.
+  // Writes entries, and frees the complete ones whose last event ends at `now` at the latest. With
+  // `force` incomplete entries are written too.
   template <class Owner>
   void flush(Owner& owner, uint64_t now, bool force) {
-    while (!lingering_.empty() && lingering_.top()->lastTime <= now) {
-      Node* node = lingering_.top();
-      lingering_.pop();
+    while (!waitingForEnd_.empty() && waitingForEnd_.top()->lastTime <= now) {
+      Node* node = waitingForEnd_.top();
+      waitingForEnd_.pop();
       drop(owner, *node);
     }
     flushTouched(owner, now, force);
@@ -150,16 +153,16 @@ class KLTM_Arena {
     if (oldestUnwritten_ == nullptr) newest_ = nullptr;
   }
 
-  // The written entries that changed, in order of arrival.
+  // Writes the written entries that have changed since, in order of arrival.
   template <class Owner>
   void flushTouched(Owner& owner, uint64_t now, bool force) {
     std::vector<Reference> touched;
     touched.swap(completed_);
     if (force) {
-      for (const Reference& t : reopened_) {
+      for (const Reference& t : changed_) {
         if (t.open() && t.entry->dirty) touched.push_back(t);
       }
-      reopened_.clear();
+      changed_.clear();
     }
     std::sort(touched.begin(), touched.end(),
               [](const Reference& a, const Reference& b) { return a.sequence < b.sequence; });
@@ -177,13 +180,13 @@ class KLTM_Arena {
     node.written = true;
   }
 
-  // A complete, written entry goes once its last event is over.
+  // Frees a complete, written entry, at `now` or after its last event has ended.
   template <class Owner>
   void retire(Owner& owner, Node& node, uint64_t now) {
     if (node.lastTime <= now)
       drop(owner, node);
     else
-      lingering_.push(&node);
+      waitingForEnd_.push(&node);
   }
 
   template <class Owner>
@@ -200,10 +203,11 @@ class KLTM_Arena {
   uint64_t used_ = 0;
   uint64_t lastSequence_ = 0;
   Node* oldestUnwritten_ = nullptr;
-  Node* newest_ = nullptr;            // of the unwritten ones
-  std::vector<Reference> completed_;  // since they were written
-  std::vector<Reference> reopened_;   // changed since then, still incomplete; some may be gone
-  std::priority_queue<Node*, std::vector<Node*>, LaterFirst> lingering_;
+  Node* newest_ = nullptr;            // the newest unwritten entry
+  std::vector<Reference> completed_;  // completed since they were written
+  std::vector<Reference> changed_;    // incomplete, changed since they were written; may be freed
+  // Complete and written, but their last event hasn't ended.
+  std::priority_queue<Node*, std::vector<Node*>, LaterFirst> waitingForEnd_;
   std::vector<std::unique_ptr<Node[]>> blocks_;
   Node* free_ = nullptr;
 };

@@ -1,4 +1,4 @@
-// Collective operations in the making. See RK_logmerge_collops.h.
+// Combines the events of collective operations. See RK_logmerge_collops.h.
 #include "generic/merge/RK_logmerge_collops.h"
 
 #include <algorithm>
@@ -12,7 +12,7 @@ using Kind = klt::CollopKind;
 
 constexpr uint32_t kLastOperation = 45;
 
-// By the numbers that producers give to operations.
+// The kind of an operation, by the number that producers give to it.
 constexpr Kind kindOf(uint32_t operation) {
   if (operation == 0 || operation > kLastOperation) return Kind::kNone;
   if (operation <= 2) return Kind::kAll;  // barriers
@@ -35,7 +35,7 @@ uint64_t groupKey(uint32_t operation, uint32_t root) { return uint64_t{operation
 
 }  // namespace
 
-// --- what is open
+// --- open operations ----------------------------------------------------------------------------
 
 void KLTM_OpenCollops::add(KLTM_Collop& collop) {
   constexpr size_t kFew = 8;
@@ -78,7 +78,7 @@ KLTM_CollopTable::KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summar
                                    const KLTM_Communicators& communicators, uint64_t blockBytes)
     : writer_(writer), summary_(summary), communicators_(communicators), arena_(blockBytes) {}
 
-// Null for a communicator that isn't known or has no members: its operations are complete at once.
+// Null for a communicator that is unknown or has no members. Its operations consist of one event.
 KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   if (const uint32_t place = statePlaces_.find(comm)) return states_[place - 1].get();
   const KLTT_MemberList* members = communicators_.find(comm);
@@ -88,7 +88,7 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   return states_.back().get();
 }
 
-// --- matching
+// --- matching -----------------------------------------------------------------------------------
 
 void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
   KLTM_CollopState* state = stateOf(event.comm);
@@ -97,11 +97,11 @@ void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
     if (KLTM_Collop* collop = search(*state, member, event)) {
       fill(*collop, member, event);
       collop->lastTime = std::max(collop->lastTime, event.endtime);
-      settle(*collop);
+      decrementPending(*collop);
       return;
     }
   }
-  // A process that isn't a member takes the place of the first one.
+  // A process that isn't a member counts as the first member.
   if (member == KLTT_MemberList::kNoMember) member = 0;
   add(state, member, event);
 }
@@ -143,28 +143,29 @@ KLTM_Collop* KLTM_CollopTable::searchCounter(KLTM_CollopState& state, uint32_t m
   KLTM_CollopWalk& walk = state.walks[member];
   KLTM_Collop* found = nullptr;
 
-  // Those met before: what still waits stays in the list, close to its end.
+  // The operations skipped before. Those that still wait are kept, moved towards the end of the
+  // list.
   size_t next = walk.first;
-  size_t stay = 0;
-  for (; next < walk.missed.size() && found == nullptr; ++next) {
-    const KLTM_OpenCollops::Reference missed = walk.missed[next];
-    if (!missed.open() || hasSeen(*missed.entry, member)) continue;
-    if (missed.entry->counter == counter) {
-      found = missed.entry;
+  size_t kept = 0;
+  for (; next < walk.skipped.size() && found == nullptr; ++next) {
+    const KLTM_OpenCollops::Reference skipped = walk.skipped[next];
+    if (!skipped.open() || hasSeen(*skipped.entry, member)) continue;
+    if (skipped.entry->counter == counter) {
+      found = skipped.entry;
       continue;
     }
-    settle(*missed.entry);
-    if (missed.entry->pending > 0) walk.missed[walk.first + stay++] = missed;
+    decrementPending(*skipped.entry);
+    if (skipped.entry->pending > 0) walk.skipped[walk.first + kept++] = skipped;
   }
-  const auto begin = walk.missed.begin() + static_cast<std::ptrdiff_t>(walk.first);
-  std::move_backward(begin, begin + static_cast<std::ptrdiff_t>(stay),
-                     walk.missed.begin() + static_cast<std::ptrdiff_t>(next));
-  walk.first = next - stay;
+  const auto begin = walk.skipped.begin() + static_cast<std::ptrdiff_t>(walk.first);
+  std::move_backward(begin, begin + static_cast<std::ptrdiff_t>(kept),
+                     walk.skipped.begin() + static_cast<std::ptrdiff_t>(next));
+  walk.first = next - kept;
   if (found != nullptr) return found;
 
   if (walk.first > 0) {
-    walk.missed.erase(walk.missed.begin(),
-                      walk.missed.begin() + static_cast<std::ptrdiff_t>(walk.first));
+    walk.skipped.erase(walk.skipped.begin(),
+                       walk.skipped.begin() + static_cast<std::ptrdiff_t>(walk.first));
     walk.first = 0;
   }
   for (size_t i = state.open.from(walk.reached); i < state.open.size(); ++i) {
@@ -173,14 +174,14 @@ KLTM_Collop* KLTM_CollopTable::searchCounter(KLTM_CollopState& state, uint32_t m
     walk.reached = collop->sequence + 1;
     if (hasSeen(*collop, member)) continue;
     if (collop->counter == counter) return collop;
-    settle(*collop);
-    if (collop->pending > 0) walk.missed.push_back({collop->sequence, collop});
+    decrementPending(*collop);
+    if (collop->pending > 0) walk.skipped.push_back({collop->sequence, collop});
   }
   return nullptr;
 }
 
-void KLTM_CollopTable::settle(KLTM_Collop& collop) {
-  arena_.settle(collop);
+void KLTM_CollopTable::decrementPending(KLTM_Collop& collop) {
+  arena_.decrementPending(collop);
   if (collop.pending > 0) return;
   collop.state->open.remove(collop);
   if (collop.group == nullptr) return;
@@ -209,7 +210,7 @@ void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member, const KLTM_
 }
 
 void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
-  // Roots are any numbers: kinds of which nothing is open don't pile up.
+  // A trace can have any number of roots, so groups without open operations are removed.
   constexpr size_t kMany = 1024;
   if (state.groups.size() >= kMany && state.groups.size() >= 2 * state.open.count()) {
     std::erase_if(state.groups, [](const auto& kind) { return kind.second.open.count() == 0; });
@@ -218,7 +219,7 @@ void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
   collop.group->open.add(collop);
 }
 
-// --- writing
+// --- writing ------------------------------------------------------------------------------------
 
 uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
   const uint32_t n = collop.n;
@@ -246,7 +247,7 @@ uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
   return root;
 }
 
-void KLTM_CollopTable::tell(const KLTM_Collop& collop) {
+void KLTM_CollopTable::reportToSummary(const KLTM_Collop& collop) {
   const Kind kind = kindOf(collop.operation);
   const bool rooted = kind == Kind::kOneToAll || kind == Kind::kAllToOne;
   summary_->collective_event(collop.time, rooted ? collop.root : klt::kNoRoot, collop.comm,
@@ -261,11 +262,11 @@ void KLTM_CollopTable::tell(const KLTM_Collop& collop) {
 
 void KLTM_CollopTable::write(KLTM_Collop& collop) {
   const uint32_t root = collect(collop);
-  if (summary_ != nullptr) tell(collop);
+  if (summary_ != nullptr) reportToSummary(collop);
   writeRecord(collop, root);
 }
 
-// Always with source locations, so that a rewrite has the same length.
+// Always writes source locations, so that a rewritten record has the same length.
 void KLTM_CollopTable::writeRecord(KLTM_Collop& c, uint32_t root) {
   KLT_UpdateSlot* slot = c.pending > 0 || c.slot.position != 0 ? &c.slot : nullptr;
   const uint64_t* start = arrays_.start.data();
@@ -292,7 +293,7 @@ void KLTM_CollopTable::writeRecord(KLTM_Collop& c, uint32_t root) {
       KLT_Write<KLT_Row::allCommunicationScl>(writer_, slot, c.time, c.comm, c.operation, c.n,
                                               start, delta, scl);
       break;
-    case Kind::kNone:  // no record can tell it
+    case Kind::kNone:  // there is no record type for it
       break;
   }
 }

@@ -1,15 +1,16 @@
-// Collective operations in the making: what the members of a communicator have logged, each for
-// itself, is brought together.
+// Combines the events of a collective operation, one logged by each member of a communicator, into
+// one record.
 //
 // An event belongs to the oldest operation of its communicator that still waits for its process and
-// has the event's counter or, where the producer didn't count (0), its operation and root. A
-// process that shows up with a counter won't come to the older operations with another one that
-// wait for it: each of them waits for one event less, again with every such event.
+// has the event's counter. If the producer didn't count (counter 0), operation and root must be
+// equal instead. If a process logs an event with a counter, it isn't expected to take part in older
+// operations with another counter: each of them that waits for the process waits for one event
+// less, and for another one less with every further such event.
 //
-// Neither search walks operations in vain. Without counters every kind of operation is a list of
-// its own, in which a process always takes the oldest that waits for it, so it never has to look at
-// what lies before its last one. With counters every operation that is met waits for one event
-// less, is the one looked for, or has seen the process and isn't met again.
+// Neither search visits operations needlessly. Without counters each kind of operation has a list
+// of its own, in which a process always takes the oldest operation that waits for it, so a search
+// starts at the last one that the process took. With counters each operation that is visited either
+// waits for one event less, is the match, or has the process's event and isn't visited again.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +26,7 @@
 
 struct KLTT_Summary;
 
-// A collop_raw_event; of `kind` only the process counts.
+// The fields of a collop_raw_event. Only the process in `kind` is used.
 struct KLTM_RawCollop {
   uint64_t time = 0;
   uint64_t endtime = 0;
@@ -59,26 +60,26 @@ struct KLTM_Collop : KLTM_EntryHead {
   uint32_t root = 0;
   uint32_t n = 0;
   std::unique_ptr<Member[]> members;
-  KLTM_CollopState* state = nullptr;  // of its communicator; null if it was complete at once
-  KLTM_CollopGroup* group = nullptr;  // null while nobody searches without counters
+  KLTM_CollopState* state = nullptr;  // of its communicator; null if one event completes it
+  KLTM_CollopGroup* group = nullptr;  // null until the communicator's operations are grouped
 
-  // Padded to a multiple of 8.
+  // The share of the arena's capacity, a multiple of 8.
   [[nodiscard]] uint64_t bytes() const { return bytes(n); }
   [[nodiscard]] static uint64_t bytes(uint32_t members) { return 88 + uint64_t{32} * members; }
 };
 
-// Incomplete operations in order of arrival. One that completes leaves a gap, which goes when the
-// next one is added, so that a walk isn't disturbed.
+// Incomplete operations in order of arrival. A completed operation leaves a gap, so that indices
+// stay valid during a search. Gaps are removed when an operation is added.
 class KLTM_OpenCollops {
  public:
   using Reference = KLTM_Arena<KLTM_Collop>::Reference;
 
   void add(KLTM_Collop& collop);
   void remove(const KLTM_Collop& collop);
-  // Index of the first one with this sequence or a later one.
+  // The index of the first operation with this or a later sequence.
   [[nodiscard]] size_t from(uint64_t sequence) const;
   [[nodiscard]] size_t size() const { return all_.size(); }
-  // Null in a gap.
+  // Null at a gap.
   [[nodiscard]] KLTM_Collop* at(size_t index) const { return all_[index].entry; }
   [[nodiscard]] size_t count() const { return count_; }
 
@@ -87,27 +88,28 @@ class KLTM_OpenCollops {
   size_t count_ = 0;
 };
 
-// Operations of one kind on a communicator: equal operation and root.
+// The operations of one kind on a communicator: those with equal operation and root.
 struct KLTM_CollopGroup {
   KLTM_OpenCollops open;
-  std::vector<uint64_t> reached;  // by member: no older one waits for it; empty while few are open
+  // For each member, a sequence: no older operation waits for the member. Empty if few are open.
+  std::vector<uint64_t> reached;
 };
 
-// How far one member's events with counters have come.
+// The search of one member's events with counters: which operations it has visited.
 struct KLTM_CollopWalk {
-  uint64_t reached = 0;                             // sequence of the first operation not met yet
-  std::vector<KLTM_OpenCollops::Reference> missed;  // met before that, and not taken
-  size_t first = 0;                                 // the beginning of `missed`
+  uint64_t reached = 0;  // the sequence of the first operation not visited yet
+  std::vector<KLTM_OpenCollops::Reference> skipped;  // visited, but not a match
+  size_t first = 0;                                  // the index at which `skipped` begins
 };
 
-// A communicator with what is open on it.
+// A communicator and its open operations.
 struct KLTM_CollopState {
   explicit KLTM_CollopState(const KLTT_MemberList& list);
 
   [[nodiscard]] uint32_t indexOf(uint32_t process) const;
 
   const KLTT_MemberList& members;
-  KLT_IdIndex places;  // of members, from 1, where the list isn't regular
+  KLT_IdIndex places;  // the ranks of members, from 1, if the list isn't regular
   KLTM_OpenCollops open;
   std::vector<KLTM_CollopWalk> walks;  // by member; empty before the first event with a counter
   bool grouped = false;                // an event without a counter has been seen
@@ -116,15 +118,15 @@ struct KLTM_CollopState {
 
 class KLTM_CollopTable {
  public:
-  // Nothing is owned; `summary` may be null. `communicators` don't change any more.
-  // `blockBytes` as in KLTM_Arena.
+  // The arguments are not owned; `summary` may be null. `communicators` must not change any more.
+  // `blockBytes` as for KLTM_Arena.
   KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
                    const KLTM_Communicators& communicators, uint64_t blockBytes);
 
-  // `process` has logged the event.
+  // Adds an event that `process` logged.
   void event(const KLTM_RawCollop& event, uint32_t process);
   void finish() { arena_.finish(*this); }
-  // Operations begun so far.
+  // The number of operations so far.
   [[nodiscard]] uint32_t added() const { return added_; }
 
  private:
@@ -147,11 +149,11 @@ class KLTM_CollopTable {
   [[nodiscard]] KLTM_Collop* searchCounter(KLTM_CollopState& state, uint32_t member,
                                            uint32_t counter);
   void add(KLTM_CollopState* state, uint32_t member, const KLTM_RawCollop& event);
-  void settle(KLTM_Collop& collop);
+  void decrementPending(KLTM_Collop& collop);
   static void group(KLTM_CollopState& state, KLTM_Collop& collop);
-  // Fills `arrays_`; returns the place of the root among the members.
+  // Fills `arrays_`; returns the root's rank.
   uint32_t collect(const KLTM_Collop& collop);
-  void tell(const KLTM_Collop& collop);
+  void reportToSummary(const KLTM_Collop& collop);
   void writeRecord(KLTM_Collop& collop, uint32_t root);
 
   KLT_WFileHandle* writer_;

@@ -1,4 +1,4 @@
-// The communicators that the merge knows. See RK_logmerge_comms.h.
+// Stores communicators. See RK_logmerge_comms.h.
 #include "generic/merge/RK_logmerge_comms.h"
 
 #include <utility>
@@ -25,7 +25,7 @@ void KLTM_Communicators::replace(uint32_t id, KLTT_MemberList members) {
   if (communicator == nullptr) communicator = table_.insert(id);
   if (communicator == nullptr) return;
   communicator->members = std::move(members);
-  if (writtenOut_ == id) writtenOut_ = 0;
+  if (expandedId_ == id) expandedId_ = 0;
 }
 
 const KLTT_MemberList* KLTM_Communicators::find(uint32_t id) const {
@@ -34,11 +34,11 @@ const KLTT_MemberList* KLTM_Communicators::find(uint32_t id) const {
 }
 
 const std::vector<uint32_t>& KLTM_Communicators::membersOf(uint32_t id) {
-  if (writtenOut_ == id) return members_;
+  if (expandedId_ == id) return members_;
   members_.clear();
-  members_.reserve(1);  // so that the array of no members has an address too
+  members_.reserve(1);  // so that data() isn't null for a communicator without members
   KLTT_MemberList::Cursor member(*find(id));
   for (uint32_t gtp = 0; member.next(&gtp);) members_.push_back(gtp);
-  writtenOut_ = id;
+  expandedId_ = id;
   return members_;
 }

@@ -1,6 +1,6 @@
-// The communicators that the merge knows: their members, and where among them a process stands.
+// KLTM_Communicators stores the members of communicators for the merge.
 //
-// Members are kept as runs (kltt_members) and are written out only for the communicator at hand.
+// Members are stored as runs (kltt_members) and expanded for one communicator at a time.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@
 #include "generic/tables/kltt_members.h"
 #include "util/triplets/pal_triplets.h"
 
-// Members of a communicator as its definition names them; of a larger one, after an error, the
-// first 65,535: more don't fit into a record.
+// The members of a communicator in the order of its definition. A record can hold 65,535 members;
+// if there are more, the others are left out after an error message.
 [[nodiscard]] KLTT_MemberList KLTM_ExpandMembers(uint32_t id, PAL_TripletSpan triplets);
 
 class KLTM_Communicators {
  public:
-  // Id 0 means none and is passed over.
-  void insertFirst(uint32_t id, KLTT_MemberList members);  // one that is known stays
+  // Both ignore id 0, which means none. insertFirst() keeps an earlier definition of the id.
+  void insertFirst(uint32_t id, KLTT_MemberList members);
   void replace(uint32_t id, KLTT_MemberList members);
-  // Null if the id isn't known.
+  // Null if the id is unknown.
   [[nodiscard]] const KLTT_MemberList* find(uint32_t id) const;
-  // The members in rank order, never null; valid until the next call for another communicator.
-  // REQUIRES: the id is known.
+  // The members in rank order; data() is never null. Valid until the next call for another
+  // communicator. REQUIRES: the id is known.
   [[nodiscard]] const std::vector<uint32_t>& membersOf(uint32_t id);
 
  private:
@@ -34,6 +34,6 @@ class KLTM_Communicators {
   };
 
   KLTT_Table<Communicator> table_;
-  uint32_t writtenOut_ = 0;  // the id that `members_` belongs to
+  uint32_t expandedId_ = 0;  // the id that `members_` belongs to
   std::vector<uint32_t> members_;
 };

@@ -1,4 +1,4 @@
-// Messages in the making. See RK_logmerge_messages.h.
+// Pairs sends with receives. See RK_logmerge_messages.h.
 #include "generic/merge/RK_logmerge_messages.h"
 
 #include "generic/summary/kltt_summary.h"
@@ -17,8 +17,9 @@ int64_t receiveTime(const KLTM_Message& m) {
   return static_cast<int64_t>(m.receiver.time - m.sender.time);
 }
 
-// The row of a message that hasn't been written yet. An incomplete one gets source locations where
-// the sender's isn't known to be none: they may come with the rewrite, which can't grow.
+// The row for a message that hasn't been written yet. An incomplete message gets source locations,
+// unless the sender is known to have none: a later event may have one, and the rewritten record
+// must have the same length.
 uint8_t rowOf(const KLTM_Message& m) {
   const bool extended =
       m.pending > 0 || m.sender.scl != klt::kNoScl || m.receiver.scl != klt::kNoScl;
@@ -42,7 +43,7 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
   const uint32_t sender = sent ? own : peer;
   const uint32_t receiver = sent ? peer : own;
   const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
-  KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as a new one would
+  KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as this message
   for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
     KLTM_Message& m = **link;
     if (m.tag != event.tag || m.comm != event.comm || m.size != event.size ||
@@ -53,7 +54,7 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
       equal = &m;
       continue;
     }
-    if (event.other != peer) continue;  // names no process: nothing waits for it
+    if (event.other != peer) continue;  // isn't a process number, so it matches nothing
     if (m.queueNext != nullptr) {
       m.queueNext->queueEnd = m.queueEnd;
       m.queueNext->chainNext = m.chainNext;
@@ -64,7 +65,7 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
     }
     (sent ? m.sender : m.receiver) = {event.time, gtp, event.scl, event.function};
     m.lastTime = event.time;
-    arena_.settle(m);
+    arena_.decrementPending(m);
     return;
   }
   add(event, gtp, hash, equal);
@@ -134,8 +135,8 @@ void KLTM_MessageTable::write(KLTM_Message& m) {
     KLT_Write<N>(writer_, slot, m.time, m.sender.gtp, span, m.receiver.gtp, m.comm, m.size, m.tag,
                  m.sender.scl, m.receiver.scl, m.sender.function, m.receiver.function);
   };
-  // A component that is lost has been reported; the matching goes on for the summary's sake and for
-  // the components that remain.
+  // Ignores failures: the writer has reported a lost component, and the matching continues for the
+  // summary and the other components.
   switch (m.row) {
     case KLT_Row::oneToOneCommunication:
       return plain.operator()<KLT_Row::oneToOneCommunication>();

@@ -1,8 +1,8 @@
-// Messages in the making: the send and the receive of each are brought together.
+// Pairs the sends and receives of messages.
 //
-// The two belong together if they agree on both processes, communicator, tag and size; among equal
-// ones the oldest goes first. Either side may come first. One that never meets its partner becomes
-// a record with a mark in place of the missing time.
+// A send and a receive match if both processes, communicator, tag and size are equal; of several
+// candidates the oldest is taken. Either side may come first. An event that is never matched
+// becomes a record with a special value in place of the missing time.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +15,8 @@
 
 struct KLTT_Summary;
 
-// A message_raw_event as far as it matters here. `kind` holds the type of the event in the low 6
-// bits (7 sends, all others receive), then the process and the thread that logged it.
+// The fields of a message_raw_event. `kind` holds the type of the event in the low 6 bits (7 is a
+// send, all others are receives), then the process and the thread that logged it.
 struct KLTM_RawMessage {
   uint64_t time = 0;
   uint32_t kind = 0;
@@ -43,11 +43,11 @@ struct KLTM_Message : KLTM_EntryHead {
   uint32_t size = 0;
   uint32_t comm = 0;
   uint32_t tag = 0;
-  bool waitsForSend = false;  // for the receive otherwise
+  bool waitsForSend = false;  // false: waits for the receive
   Side sender;
   Side receiver;
-  // While it waits: of each key the oldest message stands in a bucket's chain, the others behind it
-  // in a queue whose end the oldest knows.
+  // Links while the message waits. The oldest message of each key is in the chain of its bucket.
+  // The others follow it in a queue, and the oldest also points to the end of the queue.
   KLTM_Message* chainNext = nullptr;
   KLTM_Message* queueNext = nullptr;
   KLTM_Message* queueEnd = nullptr;
@@ -57,13 +57,13 @@ struct KLTM_Message : KLTM_EntryHead {
 
 class KLTM_MessageTable {
  public:
-  // Neither is owned; `summary` may be null. `blockBytes` as in KLTM_Arena.
+  // The arguments are not owned; `summary` may be null. `blockBytes` as for KLTM_Arena.
   KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summary, uint64_t blockBytes);
 
   // `gtp` is the thread that logged the event.
   void event(const KLTM_RawMessage& event, uint32_t gtp);
   void finish() { arena_.finish(*this); }
-  // Messages begun so far.
+  // The number of messages so far.
   [[nodiscard]] uint32_t added() const { return added_; }
 
  private:
@@ -82,6 +82,6 @@ class KLTM_MessageTable {
   KLTM_Arena<KLTM_Message> arena_;
   PAL_Hash<5> hash_;  // of sender, receiver, communicator, tag, size
   uint32_t added_ = 0;
-  size_t keys_ = 0;                     // in the chains
+  size_t keys_ = 0;                     // number of messages in the chains
   std::vector<KLTM_Message*> buckets_;  // a power of two
 };

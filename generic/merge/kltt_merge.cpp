@@ -1,4 +1,4 @@
-// Passes of a merge or summary, and what becomes of their outputs. See kltt_merge.h.
+// Runs the passes of a merge or summary and completes their outputs. See kltt_merge.h.
 #include "generic/merge/kltt_merge.h"
 
 #include <cmath>
@@ -20,18 +20,18 @@
 
 namespace {
 
-// The signals that a user stops a program with wait while this lives.
-class SignalsHeld {
+// Blocks the signals with which a user stops a program, during the lifetime of this object.
+class SignalBlocker {
  public:
-  SignalsHeld() {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&held, signal);
-    sigprocmask(SIG_BLOCK, &held, &before_);
+  SignalBlocker() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&blocked, signal);
+    sigprocmask(SIG_BLOCK, &blocked, &before_);
   }
-  ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsHeld(const SignalsHeld&) = delete;
-  SignalsHeld& operator=(const SignalsHeld&) = delete;
+  ~SignalBlocker() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  SignalBlocker(const SignalBlocker&) = delete;
+  SignalBlocker& operator=(const SignalBlocker&) = delete;
 
  private:
   sigset_t before_{};
@@ -47,7 +47,7 @@ class Merge {
         flags_(flags),
         progress_(progress),
         stream_(stream) {}
-  // What an end ahead of close() leaves.
+  // Frees the outputs if close() hasn't been called.
   ~Merge() {
     if (context_.summary != nullptr) (void)KLTT_SumClose(context_.summary);
     if (context_.writer != nullptr) KLT_WriterFree(context_.writer);
@@ -72,8 +72,8 @@ class Merge {
 
  private:
   [[nodiscard]] bool flag(int bit) const { return (flags_ & bit) != 0; }
-  // Neither the passes nor the output have come to grief.
-  [[nodiscard]] bool goingOn() const { return result_ < KLTM_ABORTED; }
+  // Whether the passes can continue: the input can be read and the output written.
+  [[nodiscard]] bool canContinue() const { return result_ < KLTM_ABORTED; }
 
   void show(int state, int percent) const {
     if (progress_ != nullptr) progress_(stream_, state, percent);
@@ -81,7 +81,7 @@ class Merge {
 
   bool openWriter() {
     if (KLTT_OutputIsInput(input_, PAL_PathInDir(prefix_, target_).c_str())) return false;
-    // Opened ahead of the first pass, so the profiles count in undivided times.
+    // The clock isn't known before the first pass, so the profiles use raw times.
     const KLT_StatsParameters statistics{&KLTM_GetIndexInComm, &context_, 0};
     const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;
     context_.writer =
@@ -89,7 +89,7 @@ class Merge {
     return context_.writer != nullptr;
   }
 
-  // The passes: what there is to know, then the definitions, then the events.
+  // Runs the passes: one that scans the definitions, one that writes them, and one over the events.
   void read() {
     KLT_HandlerTable table;
     if (!readDefinitions(table)) return;
@@ -97,7 +97,7 @@ class Merge {
       KLTM_MatchStart(context_.matching, context_.writer, context_.summary, RK_Conf::mem_blocksize);
     }
     const bool isRead = pass(KLT_MODE_EVENTS, table);
-    show(1, 0);  // ends the line of the percentages, however far they came
+    show(1, 0);  // ends the line with the percentages, also after a failure
     if (!isRead || !flag(KLTM_MERGE)) return;
     if (context_.countsSeen) {
       context_.counts.oneToOnes += context_.matching.messagesAdded();
@@ -108,7 +108,7 @@ class Merge {
     KLTM_FreeCommunicators(context_.matching);
   }
 
-  // Both passes find the same faults, which are told once. False if there is no going on.
+  // Reports the faults that both passes find only once. False if the merge can't continue.
   bool readDefinitions(KLT_HandlerTable& table) {
     PAL_MessagesOnce messages;
     KLTM_SetScanHandlers(table, context_);
@@ -130,29 +130,29 @@ class Merge {
                                     KLTT_SumEventLimit(input_, events), context_.threads);
   }
 
-  // Reads the input once. False if there is no going on.
+  // Reads the input once. False if the merge can't continue.
   bool pass(int mode, const KLT_HandlerTable& table) {
     constexpr int kStepMilliseconds = 250;
     const bool shown = progress_ != nullptr && mode == KLT_MODE_EVENTS;
     const KLT_OwnedReader owner(KLT_OpenReader(input_, mode, 0, nullptr, &table, 1));
     KLT_Reader* const reader = owner.get();
-    judge(reader == nullptr ? KLT_STATUS_ABORTING : KLT_ReaderStatus(reader));
+    handleStatus(reader == nullptr ? KLT_STATUS_ABORTING : KLT_ReaderStatus(reader));
     int percent = -1;
-    for (int status = KLT_STATUS_BUILT; goingOn() && status != KLT_STATUS_FINISHED;) {
+    for (int status = KLT_STATUS_BUILT; canContinue() && status != KLT_STATUS_FINISHED;) {
       status = KLT_ReadEvents(reader, shown ? kStepMilliseconds : -1);
-      judge(status);
+      handleStatus(status);
       if (!shown) continue;
       const int now = static_cast<int>(std::lround(KLT_Progress(reader) * 100));
       if (now != percent) show(0, now);
       percent = now;
     }
     if (reader == nullptr) return false;
-    if (goingOn() && KLT_ReaderLostData(reader)) result_ = KLTM_INCOMPLETE;
-    return goingOn();
+    if (canContinue() && KLT_ReaderLostData(reader)) result_ = KLTM_INCOMPLETE;
+    return canContinue();
   }
 
-  // Results that it doesn't name mean that reading goes on.
-  void judge(int status) {
+  // Other statuses than these need no action; the pass continues.
+  void handleStatus(int status) {
     switch (status) {
       case KLT_STATUS_CONTINUING:
         std::fputs("continuing\n", stderr);
@@ -179,12 +179,12 @@ class Merge {
     if (context_.writer != nullptr) closeWriter();
   }
 
-  // An output that ends in the middle gets no index, so that nobody takes it for a trace; one that
-  // has lost messages or operations keeps the other streams.
+  // An output that was abandoned gets no index, so that it isn't taken for a trace. An output that
+  // has only lost messages or operations keeps its other streams.
   void closeWriter() {
-    const SignalsHeld held;
+    const SignalBlocker blocker;
     KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);
-    if (!goingOn()) {
+    if (!canContinue()) {
       KLT_WriterFree(writer);
       return;
     }

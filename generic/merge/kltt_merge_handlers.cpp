@@ -1,4 +1,4 @@
-// What the merge does with each record. See kltt_merge_handlers.h.
+// Handles the records of a merge. See kltt_merge_handlers.h.
 #include "generic/merge/kltt_merge_handlers.h"
 
 #include <algorithm>
@@ -20,26 +20,25 @@ constexpr std::string_view kCountsText = "number of events:";
 
 KLTM_Context& contextOf(void* user) { return *static_cast<KLTM_Context*>(user); }
 
-// What a handler returns for the bytes of a write.
+// The result of a handler whose write returned `written` bytes.
 int result(uint32_t written) { return written == 0 ? 1 : 0; }
 
 using klt::isScl;
 bool isScl(const uint32_t* scls) { return scls != nullptr; }
 
-// --- copying
-// --------------------------------------------------------------------------------------
+// --- copying ------------------------------------------------------------------------------------
 
-// The field of row To that holds what a field of row From does. Variants of a record name their
-// fields alike; counts have no name and keep their order.
+// The field of row To that corresponds to a field of row From. In the variants of a record fields
+// have the same names; counts have no name, but the same order.
 template <int From, int To>
 constexpr size_t sameField(size_t field) {
   const KLT_Row& from = kKltRows[From - 1];
   const KLT_Row& to = kKltRows[To - 1];
   if (!from.fields[field].isCount()) return to.find(from.fields[field].name);
-  size_t ahead = 0;
-  for (size_t f = 0; f < field; ++f) ahead += from.fields[f].isCount() ? 1 : 0;
+  size_t countsBefore = 0;
+  for (size_t f = 0; f < field; ++f) countsBefore += from.fields[f].isCount() ? 1 : 0;
   for (size_t f = 0; f < to.numFields; ++f) {
-    if (to.fields[f].isCount() && ahead-- == 0) return f;
+    if (to.fields[f].isCount() && countsBefore-- == 0) return f;
   }
   return to.numFields;
 }
@@ -71,7 +70,7 @@ constexpr int shortestRow(std::string_view name) {
   return best;
 }
 
-// Writes a record in the row with source locations if it has one.
+// Writes a record; with source locations if it has any.
 template <KLT_NameText Name, class... Args>
 uint32_t copyRecord(KLT_WFileHandle* writer, Args... args) {
   constexpr int kLong = klt::longestRow(Name.view());
@@ -106,77 +105,77 @@ uint32_t copyRecord<"one_to_one_communication">(KLT_WFileHandle* writer, uint64_
                  : writeAs<KLT_Row::oneToOneCommunicationWide, kLong>(writer, arguments);
 }
 
-// --- the summary
-// ----------------------------------------------------------------------------------
+// --- the summary --------------------------------------------------------------------------------
 
-// What the summary is told of a record; nothing of most.
+// SummaryEvent<Name>::report passes a record to the summary; most records don't have it.
 template <KLT_NameText Name>
-struct Told {};
+struct SummaryEvent {};
 
 template <>
-struct Told<"enter_function"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
-                   uint32_t scl) {
+struct SummaryEvent<"enter_function"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t function,
+                     uint32_t scl) {
     summary.function_event(time, thread, function, scl, true);
   }
 };
 template <>
-struct Told<"leave_function"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t scl) {
+struct SummaryEvent<"leave_function"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t thread, uint32_t scl) {
     summary.function_event(time, thread, 0, scl, false);
   }
 };
 template <>
-struct Told<"report"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t thread, const char* type,
-                   const char* level, const char* description, uint32_t n, const uint64_t* times,
-                   const uint32_t* willys, const char* const* headers, const uint32_t* functions,
-                   const char* const* calls, const uint32_t* scls) {
+struct SummaryEvent<"report"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t thread, const char* type,
+                     const char* level, const char* description, uint32_t n, const uint64_t* times,
+                     const uint32_t* willys, const char* const* headers, const uint32_t* functions,
+                     const char* const* calls, const uint32_t* scls) {
     summary.report_event({time, thread, type, level, description, n, times, willys, headers,
                           functions, calls, scls});
   }
 };
 template <>
-struct Told<"one_to_one_communication"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t sender, int64_t receiveTime,
-                   uint32_t receiver, uint32_t communicator, uint32_t size, uint32_t tag,
-                   uint32_t senderScl, uint32_t receiverScl, uint32_t /*senderChecksum*/,
-                   uint32_t /*receiverChecksum*/, uint32_t senderFunction,
-                   uint32_t receiverFunction) {
+struct SummaryEvent<"one_to_one_communication"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t sender, int64_t receiveTime,
+                     uint32_t receiver, uint32_t communicator, uint32_t size, uint32_t tag,
+                     uint32_t senderScl, uint32_t receiverScl, uint32_t /*senderChecksum*/,
+                     uint32_t /*receiverChecksum*/, uint32_t senderFunction,
+                     uint32_t receiverFunction) {
     summary.message_event({time, receiveTime, sender, receiver, communicator, size, tag, senderScl,
                            receiverScl, senderFunction, receiverFunction});
   }
 };
 template <>
-struct Told<"all_communication"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
-                   uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* scl) {
+struct SummaryEvent<"all_communication"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
+                     uint32_t n, const uint64_t* start, const uint64_t* delta,
+                     const uint32_t* scl) {
     summary.collective_event(time, klt::kNoRoot, communicator, type,
                              {n, start, delta, nullptr, nullptr, scl});
   }
 };
 template <>
-struct Told<"all_to_all_communication"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
-                   uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* sent,
-                   const uint32_t* received, const uint32_t* scl) {
+struct SummaryEvent<"all_to_all_communication"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t communicator, uint32_t type,
+                     uint32_t n, const uint64_t* start, const uint64_t* delta, const uint32_t* sent,
+                     const uint32_t* received, const uint32_t* scl) {
     summary.collective_event(time, klt::kNoRoot, communicator, type,
                              {n, start, delta, sent, received, scl});
   }
 };
 template <>
-struct Told<"all_to_one_communication"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*received*/,
-                   uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
-                   const uint64_t* delta, const uint32_t* sent, const uint32_t* scl) {
+struct SummaryEvent<"all_to_one_communication"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*received*/,
+                     uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
+                     const uint64_t* delta, const uint32_t* sent, const uint32_t* scl) {
     summary.collective_event(time, root, communicator, type, {n, start, delta, sent, nullptr, scl});
   }
 };
 template <>
-struct Told<"one_to_all_communication"> {
-  static void tell(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*sent*/,
-                   uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
-                   const uint64_t* delta, const uint32_t* received, const uint32_t* scl) {
+struct SummaryEvent<"one_to_all_communication"> {
+  static void report(KLTT_Summary& summary, uint64_t time, uint32_t root, uint32_t /*sent*/,
+                     uint32_t communicator, uint32_t type, uint32_t n, const uint64_t* start,
+                     const uint64_t* delta, const uint32_t* received, const uint32_t* scl) {
     summary.collective_event(time, root, communicator, type,
                              {n, start, delta, nullptr, received, scl});
   }
@@ -186,14 +185,14 @@ template <KLT_NameText Name, class Handler = KLT_Handler<Name>>
 struct Copier;
 template <KLT_NameText Name, class... Args>
 struct Copier<Name, int (*)(void*, Args...)> {
-  static constexpr bool kTold = requires(KLTT_Summary & s, Args... args) {
-    Told<Name>::tell(s, args...);
+  static constexpr bool kIsSummarised = requires(KLTT_Summary & s, Args... args) {
+    SummaryEvent<Name>::report(s, args...);
   };
 
   static int handle(void* user, Args... args) {
     KLTM_Context& context = contextOf(user);
-    if constexpr (kTold) {
-      if (context.summary != nullptr) Told<Name>::tell(*context.summary, args...);
+    if constexpr (kIsSummarised) {
+      if (context.summary != nullptr) SummaryEvent<Name>::report(*context.summary, args...);
       if (context.writer == nullptr) return 0;
     }
     return result(copyRecord<Name>(context.writer, args...));
@@ -204,10 +203,9 @@ struct Copier<Name, int (*)(void*, Args...)> {
 template <KLT_NameText Name>
 constexpr KLT_Handler<Name> kCopy = &Copier<Name>::handle;
 
-// --- records that need more
-// -----------------------------------------------------------------------
+// --- other records ------------------------------------------------------------------------------
 
-// Values stand in a file in the byte order in which the reader's caller doesn't get them.
+// The reader swaps values to host order; the handlers of counters swap them back.
 int counterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
                       const uint64_t* bounds, uint32_t gtp, uint32_t classId, const char* unit) {
   constexpr uint32_t kDifferential = 0x80;
@@ -284,7 +282,7 @@ int collopRawEvent(void* user, uint64_t time, uint32_t /*gtp*/, uint32_t kind, u
   return 0;
 }
 
-// Statistics of a raw trace say nothing about the merged one, which gets its own.
+// The statistics of a raw trace aren't copied: new ones are computed for the merged trace.
 int functionStatistics(void* /*user*/, uint32_t, uint32_t, uint32_t, uint64_t, uint64_t, uint64_t,
                        uint64_t, uint64_t, uint64_t) {
   RK_OutputWrite(RK_Stdout(), "KLTM_FunctionStatHandler\n");
@@ -301,10 +299,10 @@ void skipBlanks(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
 }
 
-// Reads a number behind `ahead`, in which a blank stands for any number of them, none included, and
-// moves `text` behind it.
-bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) {
-  for (const char c : ahead) {
+// Reads `separator` and a number, and removes both from `text`. A blank in `separator` matches any
+// number of blanks, including none.
+bool readCount(std::string_view& text, std::string_view separator, uint32_t& count) {
+  for (const char c : separator) {
     if (c == ' ') {
       skipBlanks(text);
     } else {
@@ -317,7 +315,8 @@ bool readCount(std::string_view& text, std::string_view ahead, uint32_t& count) 
   return error == std::errc();
 }
 
-// Read without a summary, too: the merged trace gets its count from either record.
+// Also needed without a summary: the counts of the merged trace start from this text or from an
+// event_summary record.
 int scanInfo(void* user, uint32_t /*classId*/, const char* text) {
   KLTM_Context& context = contextOf(user);
   if (context.countsSeen || !isCountsText(text)) return 0;

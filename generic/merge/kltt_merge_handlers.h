@@ -1,8 +1,8 @@
-// What the merge does with each record of its input.
+// Handles each record of a merge's or summary's input.
 //
-// Most records are copied: written again in the row that fits the fields present, with the values
-// as they came. Raw events go to the matching. A summary is told of calls, messages, collective
-// operations, counters and reports.
+// Most records are copied: written with the same values, in the row that fits the fields present.
+// Raw events go to the matching. Calls, messages, collective operations, counters and reports are
+// also passed to the summary.
 #pragma once
 
 #include <cstdint>
@@ -22,30 +22,30 @@ struct KLTM_Context {
   KLTM_Matching matching;
 
   // From the scan pass.
-  KLTM_Communicators communicators;  // for the profiles; the first definition of an id counts
-  std::vector<uint32_t> threads;     // those that are described, for the summary
+  KLTM_Communicators communicators;  // for the profiles; the first definition of each id
+  std::vector<uint32_t> threads;     // those with a willy_definition, for the summary
   uint32_t eventBits = 0;
   uint64_t startTime = 0;
   uint64_t timeSpan = 0;
 
-  // How many events the trace says it has.
+  // The numbers of events that the trace declares.
   struct Counts {
     uint32_t functions = 0, oneToOnes = 0, collectives = 0, scopes = 0, counters = 0;
   };
   Counts counts;
   bool countsSeen = false;
-  uint32_t countsClass = 0;  // of the text that held them
+  uint32_t countsClass = 0;  // the class of the info text with these numbers
 };
 
-// Handlers that take from the definitions what the other passes need to know.
+// Sets the handlers of the scan pass, which store the definitions that the other passes need.
 void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context);
-// Handlers of the passes that write; those for the merge only if there is a writer.
+// Sets the handlers of the passes that write; those for the merge only if there is a writer.
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context);
 
-// Writes how many events the merged trace has. False if that failed.
+// Writes the numbers of events of the merged trace. False if that failed.
 [[nodiscard]] bool KLTM_WriteCounts(KLTM_Context& context);
 
-// For the profiles: the members of a communicator in rank order. `context` is a KLTM_Context. Ends
-// the process for a communicator that isn't defined.
+// The members of a communicator in rank order, for the profiles. `context` is a KLTM_Context. Ends
+// the process if the communicator isn't defined.
 [[nodiscard]] const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator,
                                                   size_t* count);
