@@ -15,26 +15,26 @@ namespace tb {
 
 enum class Type : uint8_t {
   Char = 0xed,
-  U8 = 0xee,
-  U16 = 0xef,
-  U32 = 0xf0,
-  U64 = 0xf1,
-  I8 = 0xf2,
-  I16 = 0xf3,
-  I32 = 0xf4,
-  I64 = 0xf5,
-  Raw8 = 0xf6,
+  U8,
+  U16,
+  U32,
+  U64,
+  I8,
+  I16,
+  I32,
+  I64,
+  Raw8,
   Raw32 = 0xf8,
-  Raw64 = 0xf9,
-  F32 = 0xfa,
-  F64 = 0xfb,
+  Raw64,
+  F32,
+  F64,
 };
 
 // Bytes of one element in a file.
 [[nodiscard]] unsigned bytesOf(Type type);
 
 struct Field {
-  std::string name = {};  // empty for a count
+  std::string name = {};  // of counts "#1" and "#2" in the order of the row
   Type type = Type::U32;
   bool isCount = false;
   uint8_t covers = 0;          // of a count: the fields after it that are arrays of that length
@@ -49,6 +49,9 @@ struct Row {
   bool listed = true;           // whether the layout block has it
   bool timed = false;           // this and the next are in the document only
   std::string categories = {};  // names with blanks between them
+
+  // The place of a field; the number of fields if there is none of the name.
+  [[nodiscard]] size_t place(std::string_view field) const;
 };
 
 // All rows. They keep the number that the standard layout gives them as their name in this
@@ -58,17 +61,13 @@ class Layout {
   Layout();
 
   [[nodiscard]] unsigned size() const { return static_cast<unsigned>(rows_.size()); }
-  [[nodiscard]] Row& row(unsigned number);
-  [[nodiscard]] const Row& row(unsigned number) const;
+  [[nodiscard]] Row& row(unsigned number) { return rows_.at(number - 1); }
+  [[nodiscard]] const Row& row(unsigned number) const { return rows_.at(number - 1); }
 
-  Layout& renumber(unsigned number, uint8_t numberInFiles);
-  // Leaves the row out of the layout block.
-  Layout& omit(unsigned number);
-  // Fields are found by name, counts by "#1" for the first, "#2" for the second.
   Layout& retype(unsigned number, std::string_view field, Type type);
   // A count that covers nothing any more goes too.
   Layout& drop(unsigned number, std::string_view field);
-  // Inserts before the named field, at the end for an empty name.
+  // Inserts before the named field, at the end if there is none.
   Layout& insert(unsigned number, std::string_view before, const Field& field);
 
   // The layout block as bytes.

@@ -1,10 +1,11 @@
 // Handlers that turn every call into a line of text: the record's name and its arguments.
 #pragma once
 
-#include <concepts>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -14,49 +15,6 @@ namespace reading {
 
 using Lines = std::vector<std::string>;
 using Reader = KLT_OwnedReader;
-
-// Arguments as text. An array has as many elements as the number ahead of it says.
-class LinePrinter {
- public:
-  explicit LinePrinter(std::string_view name)
-      : line(name), isCounter_(name.starts_with("counter_d")) {}
-
-  template <class T>
-  requires std::integral<T> || std::floating_point<T>
-  void add(T value) {
-    if constexpr (std::integral<T>) count_ = static_cast<size_t>(value);
-    line += ' ' + std::to_string(value);
-  }
-  void add(const char* text) {
-    line += text == nullptr ? " (null)" : " '" + std::string(text) + '\'';
-  }
-  void add(const char* const* texts) {
-    for (size_t i = 0; i < count_; ++i) add(texts[i]);
-  }
-  void add(const PAL_Triplet* triplets) {
-    for (size_t i = 0; i < count_; ++i) {
-      const PAL_Triplet& t = triplets[i];
-      line += ' ' + std::to_string(t.first) + ':' + std::to_string(t.last) + ':' +
-              std::to_string(t.stride);
-    }
-  }
-  template <class T>
-  requires std::integral<T> || std::floating_point<T>
-  void add(const T* array) {
-    line += " [";
-    const size_t n = isCounter_ ? 2 : count_;  // the bounds of a counter are always two
-    for (size_t i = 0; array != nullptr && i < n; ++i) {
-      line += (i == 0 ? "" : " ") + std::to_string(array[i]);
-    }
-    line += array == nullptr ? "null]" : "]";
-  }
-
-  std::string line;
-
- private:
-  size_t count_ = 0;
-  bool isCounter_;
-};
 
 // A handler in every slot of `table`. Empty slots to stand for a consumer that wants less.
 struct Recorder {
@@ -70,11 +28,36 @@ struct Recorder {
   template <class Slot, class... Args>
   static int print(void* user, Args... args) {
     auto& recorder = *static_cast<Recorder*>(user);
-    LinePrinter printer(Slot::name);
-    (printer.add(args), ...);
+    std::string line(Slot::name);
+    size_t count = 0;
+    (add(line, count, args), ...);
     if (!recorder.keeps) return 0;
-    recorder.lines.push_back(std::move(printer.line));
+    recorder.lines.push_back(std::move(line));
     return recorder.lines.size() == recorder.stopAt ? 1 : 0;
+  }
+  // An array has as many elements as the number ahead of it says, the bounds of a counter are two.
+  template <class T>
+  static void add(std::string& line, size_t& count, T value) {
+    if constexpr (std::is_arithmetic_v<T>) {
+      if (std::is_integral_v<T>) count = static_cast<size_t>(value);
+      line += ' ' + std::to_string(value);
+    } else if constexpr (std::is_same_v<T, const char*>) {
+      line += value == nullptr ? " (null)" : " '" + std::string(value) + '\'';
+    } else if constexpr (std::is_same_v<T, const char* const*>) {
+      for (size_t i = 0; i < count; ++i) add(line, count, value[i]);
+    } else if constexpr (std::is_same_v<T, const PAL_Triplet*>) {
+      for (const PAL_Triplet& t : std::span(value, count)) {
+        line += ' ' + std::to_string(t.first) + ':' + std::to_string(t.last) + ':' +
+                std::to_string(t.stride);
+      }
+    } else {
+      line += " [";
+      const size_t n = line.starts_with("counter_d") ? 2 : count;
+      for (size_t i = 0; value != nullptr && i < n; ++i) {
+        line += (i == 0 ? "" : " ") + std::to_string(value[i]);
+      }
+      line += value == nullptr ? "null]" : "]";
+    }
   }
 
   KLT_HandlerTable table;

@@ -11,11 +11,9 @@
 // in the use of the builder ends the process with a message.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <initializer_list>
+#include <deque>
 #include <map>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -61,34 +59,25 @@ struct Triplet {
 class Value {
  public:
   template <class T>
-  requires std::is_arithmetic_v<T> || std::is_enum_v<T> Value(T number) { add(number); }
-  template <class T>
-  requires std::is_arithmetic_v<T> Value(const std::vector<T>& numbers) {
-    for (const T number : numbers) add(number);
-  }
-  template <class T>
-  requires std::is_convertible_v<const T&, std::string_view> Value(const T& text) {
-    for (const char character : std::string_view(text)) add(static_cast<unsigned char>(character));
+  Value(const T& value) {
+    if constexpr (std::is_arithmetic_v<T> || std::is_enum_v<T>) {
+      elements_.emplace_back(static_cast<int64_t>(value), static_cast<double>(value));
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      for (const char c : std::string_view(value)) elements_.emplace_back(c & 0xff, 0);
+    } else {
+      for (const auto number : value) elements_.emplace_back(number, number);
+    }
   }
 
   [[nodiscard]] size_t size() const { return elements_.size(); }
-  [[nodiscard]] bool isZero() const;
   // The bits of element `index` as a file holds them in a field of this type.
   [[nodiscard]] uint64_t bits(size_t index, Type type) const;
+  // Whether a field of this type can hold it.
+  [[nodiscard]] bool fits(Type type) const;
+  [[nodiscard]] bool isZero() const;
 
  private:
-  struct Element {
-    int64_t integer;
-    double real;
-  };
-  template <class T>
-  void add(T number) {
-    const auto integer = static_cast<int64_t>(number);
-    elements_.push_back({integer, std::is_floating_point_v<T> ? static_cast<double>(number)
-                                                              : static_cast<double>(integer)});
-  }
-
-  std::vector<Element> elements_;
+  std::vector<std::pair<int64_t, double>> elements_;
 };
 
 // Field values by name; fields that aren't named are 0, arrays empty. "#1" states the first count
@@ -108,30 +97,25 @@ class RecordBytes {
   void record(std::string_view name, const Values& values) { record(rowFor(name, values), values); }
   [[nodiscard]] static unsigned rowFor(std::string_view name, const Values& values);
   void bytes(std::string_view raw) { bytes_ += raw; }
-  // Writes the time record that a record at the current time needs, if it needs one.
-  void catchUp(const Row& row);
 
   [[nodiscard]] uint64_t time() const { return time_; }
   // The running time of the bytes written, the one that the next delta refers to.
   [[nodiscard]] uint64_t running() const { return running_; }
-  void setRunning(uint64_t time) { running_ = time; }
   [[nodiscard]] const std::string& contents() const { return bytes_; }
-  [[nodiscard]] const Layout& layout() const { return *layout_; }
+  // Of the record written last: its offset, and the running time ahead of it.
+  [[nodiscard]] std::pair<uint64_t, uint64_t> last() const { return last_; }
 
  private:
   const Layout* layout_;
   std::string bytes_;
-  uint64_t time_ = 0;
-  uint64_t running_ = 0;
+  uint64_t time_ = 0, running_ = 0;
+  std::pair<uint64_t, uint64_t> last_;
 };
 
 struct Message {
   uint32_t sender = 0, receiver = 0;
   int64_t receiveTime = 0;  // from the record's time
-  uint32_t communicator = 0, size = 0, tag = 0;
-  uint32_t senderScl = 0, receiverScl = 0;
-  uint32_t senderChecksum = 0, receiverChecksum = 0;
-  uint32_t senderFunction = 0, receiverFunction = 0;
+  uint32_t communicator = 0, size = 0, tag = 0, senderFunction = 0, receiverFunction = 0;
 };
 
 enum class Shape { All, AllToAll, AllToOne, OneToAll };
@@ -139,22 +123,18 @@ enum class Shape { All, AllToAll, AllToOne, OneToAll };
 struct Collective {
   Shape shape = Shape::All;
   uint32_t communicator = 0, operation = 0;
-  uint32_t root = 0, rootBytes = 0;  // of the one side of AllToOne and OneToAll
-  std::vector<uint64_t> start = {},
-                        duration = {};  // one for each member; start from the record's time
-  std::vector<uint32_t> sent = {}, received = {}, scl = {};  // the arrays that the shape has
+  // One for each member; starts count from the record's time. Bytes are told if the shape has them.
+  std::vector<uint64_t> start = {}, duration = {};
+  std::vector<uint32_t> sent = {}, received = {};
 };
 
 struct RawMessage {
-  uint32_t thread = 0, kind = 0, other = 0, tag = 0, size = 0, communicator = 0, function = 0,
-           scl = 0;
+  uint32_t thread = 0, kind = 0, other = 0, tag = 0, size = 0, communicator = 0, function = 0;
 };
 
 struct RawCollective {
-  uint32_t thread = 0, kind = 0, operation = 0, communicator = 0, counter = 0, root = 0, sent = 0,
-           received = 0;
+  uint32_t thread = 0, kind = 0, operation = 0, communicator = 0, counter = 0;
   int64_t end = 0;
-  uint32_t scl = 0;
 };
 
 // What an anchor says about the state at its point.
@@ -164,12 +144,11 @@ enum class Told {
   Everything,
 };
 
-class Trace;
-
 // One component, with its anchors.
 class Stream {
  public:
-  Stream(Trace& trace, std::string suffix, uint32_t categories, uint32_t threadList);
+  Stream(const Layout& layout, std::string_view suffix, uint32_t fileId, uint32_t categories,
+         uint32_t threadList);
 
   // Times are raw: ticks shifted by the trace's event bits.
   Stream& at(uint64_t time) {
@@ -187,33 +166,13 @@ class Stream {
   }
 
   // The variants with a source location are chosen where one is given.
-  Stream& enter(uint32_t thread, uint32_t function, uint32_t scl = 0) {
-    record("enter_function", {{"willy_gtp", thread}, {"function", function}, {"scl", scl}});
-    calls_[thread].functions.push_back(function);
-    calls_[thread].scls.push_back(scl);
-    return *this;
-  }
+  Stream& enter(uint32_t thread, uint32_t function, uint32_t scl = 0);
   Stream& leave(uint32_t thread, uint32_t scl = 0);
-  Stream& enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0) {
-    changeScope("enter_scope", thread, scope, sequence, scl);
-    return remember({Kind::Scope, thread, scope, sequence});
-  }
-  Stream& leaveScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0) {
-    changeScope("leave_scope", thread, scope, sequence, scl);
-    return forget({Kind::Scope, thread, scope, sequence});
-  }
-  Stream& ioBegin(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0) {
-    return io("file_io_begin", thread, type, file, size, scl);
-  }
-  Stream& ioEnd(uint32_t thread, uint32_t type, uint32_t file, uint32_t size, uint32_t scl = 0) {
-    return io("file_io_end", thread, type, file, size, scl);
-  }
-  Stream& counters(uint32_t thread, std::initializer_list<std::pair<uint32_t, uint64_t>> samples);
+  Stream& enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0);
+  Stream& leaveScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0);
+  Stream& counters(uint32_t thread, const std::vector<std::pair<uint32_t, uint64_t>>& samples);
   Stream& comment(uint32_t thread, std::string_view text) {
     return record("comment", {{"willy_gtp", thread}, {"text", text}});
-  }
-  Stream& opaque(uint32_t thread, std::string_view data, uint32_t scl = 0) {
-    return record("opaque_data", {{"willy_gtp", thread}, {"data", data}, {"scl", scl}});
   }
   Stream& message(const Message& message);
   Stream& collective(const Collective& collective);
@@ -232,87 +191,46 @@ class Stream {
     anchorData_.record(number, values);
     return *this;
   }
-  // Changes what the index says of the component.
-  Stream& fileType(uint32_t type) {
-    fileType_ = type;
-    return *this;
-  }
 
   [[nodiscard]] size_t size() const { return data_.contents().size(); }
   [[nodiscard]] uint64_t time() const { return data_.time(); }
-  [[nodiscard]] const std::string& suffix() const { return suffix_; }
   [[nodiscard]] uint32_t fileId() const { return fileId_; }
-  // Times and offsets of the anchors set so far.
-  [[nodiscard]] const std::vector<std::pair<uint64_t, uint64_t>>& anchors() const {
-    return anchors_;
-  }
+  // Times of the anchors set so far.
+  [[nodiscard]] const std::vector<uint64_t>& anchors() const { return anchors_; }
 
  private:
   friend class Trace;
-  // Records that later anchors may have to point to.
-  enum class Kind { Communication, Counter, Scope };
-  struct Key {
-    Kind kind;
-    uint32_t thread = 0, id = 0, sequence = 0;
-    bool operator==(const Key&) const = default;
-  };
+  // A record that later anchors may have to point to. Its key is the thread and what there is of
+  // counter, scope and sequence; that of communication is empty.
+  using Key = std::vector<uint32_t>;
   struct Remembered {
     Key key;
     uint64_t end;  // from then on it doesn't matter any more
-    uint64_t offset, prevtime;
-  };
-  struct Calls {
-    std::vector<uint32_t> functions, scls;
+    std::pair<uint64_t, uint64_t> place;
   };
 
-  Stream& changeScope(std::string_view name, uint32_t thread, uint32_t scope, uint32_t sequence,
-                      uint32_t scl) {
-    return record(name,
-                  {{"willy_gtp", thread}, {"scope", scope}, {"seqnr", sequence}, {"scl", scl}});
-  }
-  Stream& io(std::string_view name, uint32_t thread, uint32_t type, uint32_t file, uint32_t size,
-             uint32_t scl) {
-    return record(
-        name,
-        {{"willy_gtp", thread}, {"type", type}, {"file", file}, {"bytes", size}, {"scl", scl}});
-  }
   // The record that was written last.
-  Stream& remember(const Key& key, uint64_t end = ~uint64_t{0});
+  Stream& remember(const Key& key, uint64_t end = ~uint64_t{0}) {
+    remembered_.push_back({key, end, data_.last()});
+    return *this;
+  }
   Stream& forget(const Key& key);
-  // What anchors say about calls and about what is remembered.
-  void tellStacks();
-  void tellRemembered(Told told);
 
   std::string suffix_;
-  uint32_t categories_;
-  uint32_t threadList_;
-  uint32_t fileId_, anchorId_;
-  uint32_t fileType_ = 0;
-  RecordBytes data_;
-  RecordBytes anchorData_;
-  size_t chunk_ = 0;
-  size_t lastAnchor_ = 0;
+  uint32_t fileId_, categories_, threadList_;
+  RecordBytes data_, anchorData_;
+  size_t chunk_ = 0, lastAnchor_ = 0;
   Told told_ = Told::Everything;
-  size_t recordOffset_ = 0;  // of the record written last, after its time record
-  uint64_t recordPrevtime_ = 0;
-  std::vector<std::pair<uint64_t, uint64_t>> anchors_;
-  std::map<uint32_t, Calls> calls_;
+  std::vector<uint64_t> anchors_;
+  std::map<uint32_t, std::pair<Key, Key>> calls_;  // functions and locations by thread
   std::vector<Remembered> remembered_;
-};
-
-struct Counter {
-  uint32_t type = 0;
-  uint64_t low = 0, high = 0;
-  uint32_t thread = 0, counterClass = 0;
-  std::string unit;
 };
 
 // A whole trace. Streams and definitions refer to it, so it stays where it is.
 class Trace {
  public:
   // Flags 3 make a raw trace with compressed components.
-  explicit Trace(unsigned flags = 0);
-  ~Trace() = default;
+  explicit Trace(unsigned flags = 0) : flags_(flags), extraIndex_(layout_) {}
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 
@@ -333,44 +251,31 @@ class Trace {
     return define("function_definition",
                   {{"id", id}, {"name", text(name)}, {"class", functionClass}});
   }
-  Trace& defineClass(uint32_t id, std::string_view name, uint32_t parent = 0) {
-    const std::string_view self = name.substr(name.rfind(':') + 1);
-    return define("class_definition",
-                  {{"id", id}, {"name", text(name)}, {"nameself", text(self)}, {"parent", parent}});
+  Trace& defineClass(uint32_t id, std::string_view name) {
+    return define("class_definition", {{"id", id}, {"name", text(name)}, {"nameself", text(name)}});
   }
   Trace& communicator(uint32_t id, std::string_view name, const std::vector<Triplet>& members,
                       int32_t leftSize = -2);
   Trace& operation(uint32_t id, std::string_view name, uint32_t type = 0) {
     return define("collective_operation_definition", {{"id", id}, {"name", name}, {"type", type}});
   }
-  Trace& counter(uint32_t id, std::string_view name, const Counter& counter = {});
   Trace& scope(uint32_t id, std::string_view name, uint32_t scopeClass = 0) {
     return define("scope_definition", {{"id", id}, {"name", text(name)}, {"class", scopeClass}});
   }
-  Trace& group(uint32_t id, std::string_view name, const std::vector<uint32_t>& members) {
-    return define("group_definition", {{"id", id}, {"name", name}, {"willies_gtp", members}});
+  Trace& counter(uint32_t id, std::string_view name, uint32_t type = 0) {
+    return define("counter_definition", {{"id", id}, {"name", text(name)}, {"type", type}});
   }
-  Trace& sourceFile(uint32_t id, std::string_view name) {
-    return define("file_definition", {{"id", id}, {"file", name}});
-  }
-  Trace& ioFile(uint32_t id, std::string_view name, uint32_t communicator = 0) {
-    return define("file_io_file_definition",
-                  {{"id", id}, {"communicator", communicator}, {"name", text(name)}});
-  }
-  struct Place {
-    uint32_t file, line;
-  };
-  Trace& scl(uint32_t id, const std::vector<Place>& places);
   Trace& willyName(uint32_t thread, std::string_view name) {
     return define("willy_name", {{"willy_gtp", thread}, {"name", text(name)}});
   }
+  Trace& define(std::string_view record, const Values& values) {
+    declarations_.record(record, values);
+    return *this;
+  }
 
-  // The declarations component, for definitions without a method here.
-  [[nodiscard]] Stream& declarations() { return *declarations_; }
+  [[nodiscard]] Stream& declarations() { return declarations_; }
   // The id of a text in the index.
   uint32_t text(std::string_view text);
-  // The id of a thread list in the index.
-  uint32_t threadList(const std::vector<Triplet>& list);
 
   // A new component. Without threads its records may be of any thread.
   Stream& stream(std::string_view suffix, uint32_t categories,
@@ -384,22 +289,15 @@ class Trace {
   [[nodiscard]] TraceFiles files() const;
 
  private:
-  friend class Stream;
-  uint32_t nextFileId() { return ++lastFileId_; }
-  Trace& define(std::string_view record, const Values& values) {
-    declarations_->record(record, values);
-    return *this;
-  }
   [[nodiscard]] std::string index() const;
 
   unsigned flags_;
   Layout layout_;
-  uint32_t lastFileId_ = 0x10000;
   std::vector<std::string> texts_;
   std::vector<std::vector<Triplet>> lists_;
   RecordBytes extraIndex_;
-  std::unique_ptr<Stream> declarations_;
-  std::vector<std::unique_ptr<Stream>> streams_;
+  Stream declarations_{layout_, "dcl", 0x10001, DECLARATIONS, 0};
+  std::deque<Stream> streams_;
 };
 
 }  // namespace tb

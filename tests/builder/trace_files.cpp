@@ -6,17 +6,16 @@
 #include "tests/builder/trace_files.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <iterator>
 
 namespace tb {
 
 void misuse(std::string_view what, std::string_view about) {
-  std::fprintf(stderr, "trace builder: %.*s: %.*s\n", static_cast<int>(what.size()), what.data(),
-               static_cast<int>(about.size()), about.data());
+  std::cerr << "trace builder: " << what << ": " << about << '\n';
   std::abort();
 }
 
@@ -47,10 +46,6 @@ std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-bool TraceFiles::contains(std::string_view key) const {
-  return std::any_of(parts_.begin(), parts_.end(), [&](const auto& p) { return p.first == key; });
-}
-
 std::string& TraceFiles::operator[](std::string_view key) {
   for (auto& [name, bytes] : parts_) {
     if (name == key) return bytes;
@@ -58,49 +53,33 @@ std::string& TraceFiles::operator[](std::string_view key) {
   misuse("no such component", key);
 }
 
-TraceFiles& TraceFiles::remove(std::string_view key) {
-  if (std::erase_if(parts_, [&](const auto& part) { return part.first == key; }) == 0)
-    misuse("no such component", key);
-  return *this;
-}
-
 std::string TraceFiles::container(const ContainerForm& form) const {
-  struct Extents {
-    std::vector<uint64_t> offsets, lengths;
-    uint64_t lastUsed = 0;
-  };
-  std::vector<Extents> all(parts_.size());
   size_t longest = 0;
   for (const auto& part : parts_) longest = std::max(longest, part.second.size());
   const size_t step = form.extent == 0 ? longest : form.extent;
-
+  std::vector<size_t> lastUsed(parts_.size());
+  std::vector<std::string> offsets(parts_.size()), lengths(parts_.size());
   std::string file = "SKLT";
   put(file, form.version, 8);
   for (size_t at = 0; at < longest; at += step) {
     for (size_t i = 0; i < parts_.size(); ++i) {
       const std::string& bytes = parts_[i].second;
       if (at >= bytes.size()) continue;
-      const size_t used = std::min(bytes.size() - at, step);
-      const size_t length = form.padded ? std::max(used, form.extent) : used;
-      all[i].offsets.push_back(file.size());
-      all[i].lengths.push_back(length);
-      all[i].lastUsed = used;
-      file.append(bytes, at, used).append(length - used, '\xaa');
+      lastUsed[i] = std::min(bytes.size() - at, step);
+      const size_t length = form.padded ? step : lastUsed[i];
+      put(offsets[i], file.size(), 8);
+      put(lengths[i], length, 8);
+      file.append(bytes, at, lastUsed[i]).append(length - lastUsed[i], '\xaa');
     }
   }
-
   const uint64_t directory = file.size();
   const unsigned width = form.version == 0 ? 2 : 4;
   for (size_t i = 0; i < parts_.size(); ++i) {
-    const std::string& key = parts_[i].first;
-    const size_t count = all[i].offsets.size();
-    if (count >> (8 * width) != 0) misuse("too many extents", key);
-    put(file, key.size(), width);
-    file += key;
-    put(file, all[i].lastUsed, 8);
-    put(file, count, width);
-    for (const uint64_t offset : all[i].offsets) put(file, offset, 8);
-    for (const uint64_t length : all[i].lengths) put(file, length, 8);
+    put(file, parts_[i].first.size(), width);
+    file += parts_[i].first;
+    put(file, lastUsed[i], 8);
+    put(file, offsets[i].size() / 8, width);
+    file += offsets[i] + lengths[i];
   }
   put(file, directory, 8);
   return file;
@@ -109,13 +88,6 @@ std::string TraceFiles::container(const ContainerForm& form) const {
 std::string TraceFiles::writePlain(const TempDir& directory, std::string_view base) const {
   std::string name = directory / base;
   for (const auto& [key, bytes] : parts_) writeFile(key == " " ? name : name + key, bytes);
-  return name;
-}
-
-std::string TraceFiles::writeContainer(const TempDir& directory, const ContainerForm& form,
-                                       std::string_view base) const {
-  std::string name = directory / base;
-  writeFile(name, container(form));
   return name;
 }
 

@@ -49,26 +49,14 @@ class TraceFiles {
   void add(std::string key, std::string bytes) {
     parts_.emplace_back(std::move(key), std::move(bytes));
   }
-  [[nodiscard]] bool contains(std::string_view key) const;
   // The bytes of a component that exists.
   [[nodiscard]] std::string& operator[](std::string_view key);
   [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& parts() const {
     return parts_;
   }
-
-  TraceFiles& remove(std::string_view key);
-  // Replaces `count` bytes at `offset` by others.
-  TraceFiles& splice(std::string_view key, size_t offset, size_t count, std::string_view bytes) {
-    (*this)[key].replace(offset, count, bytes);
-    return *this;
-  }
   // Takes `count` bytes off the end.
   TraceFiles& truncate(std::string_view key, size_t count) {
-    return splice(key, (*this)[key].size() - count, count, "");
-  }
-  TraceFiles& flip(std::string_view key, size_t offset, unsigned char mask) {
-    char& byte = (*this)[key].at(offset);
-    byte = static_cast<char>(byte ^ mask);
+    (*this)[key].resize((*this)[key].size() - count);
     return *this;
   }
 
@@ -77,8 +65,10 @@ class TraceFiles {
 
   // Write and return the name to open.
   std::string writePlain(const TempDir& directory, std::string_view base = "t.klt") const;
-  std::string writeContainer(const TempDir& directory, const ContainerForm& form = {},
-                             std::string_view base = "t.klt") const;
+  std::string writeContainer(const TempDir& directory, const ContainerForm& form = {}) const {
+    writeFile(directory / "t.klt", container(form));
+    return directory / "t.klt";
+  }
 
  private:
   std::vector<std::pair<std::string, std::string>> parts_;

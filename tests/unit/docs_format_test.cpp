@@ -38,7 +38,8 @@ TEST(FormatDocument, ListsTheRecordsOfTheProgramsTable) {
     for (size_t i = 0; i < row.numFields; ++i) {
       const KLT_Field& field = row.fields[i];
       const tb::Field& said = shown.fields[i];
-      EXPECT_EQ(std::tie(said.name, said.reference), std::tie(field.name, field.reference));
+      EXPECT_EQ(said.isCount ? "" : said.name, field.name);
+      EXPECT_EQ(said.reference, field.reference);
       EXPECT_EQ(static_cast<KLT_Type>(said.type), field.type()) << said.name;
       EXPECT_EQ(said.required, field.required()) << said.name;
       EXPECT_EQ(said.isCount ? said.covers : 0U, field.isCount() ? field.covered() : 0U);
@@ -101,7 +102,7 @@ TEST(FormatDocument, ShowsTheBytesOfTheFormat) {
 
   tb::Layout layout;
   for (unsigned number = 1; number <= layout.size(); ++number) {
-    if (number != 29) layout.omit(number);
+    layout.row(number).listed = number == 29;
   }
   EXPECT_EQ(bytesOf(blocks["layout"]), layout.block());
 

@@ -89,9 +89,9 @@ tb::TraceFiles randomTrace(unsigned seed, const Change& change, std::string_view
 // The same in other words, but for comments and opaque data, which are no rows' any more.
 void disguise(tb::Layout& layout) {
   for (unsigned n = 1; n <= kKltRowCount; ++n) {
-    layout.renumber(n, static_cast<uint8_t>(n + 100));
+    layout.row(n).number = static_cast<uint8_t>(n + 100);
     layout.insert(n, "", {.name = "weight", .type = Type::F64});
-    layout.insert(n, "", {.type = Type::U16, .isCount = true, .covers = 2});
+    layout.insert(n, "", {.name = "#", .type = Type::U16, .isCount = true, .covers = 2});
     layout.insert(n, "", {.name = "extra", .type = Type::Char});
     layout.insert(n, "", {.name = "more", .type = Type::I64});
   }
@@ -219,7 +219,9 @@ TEST_F(KltGeneric, FieldsHaveTheirDefaultsAndSigns) {
     trace.declarations().record(71, {{"tid", 4}, {"offset", 2.0}}).record(25, {{"end", 6}});
     tb::Stream& stream =
         trace.stream("f", tb::FILEIO | tb::STATISTICS | tb::COLLOPS | tb::FUNCTIONS);
-    stream.ioBegin(1, 9, 2, 8).record(52, {{"willy_gtp", 1}, {"count", 2}}).enter(0, ~uint32_t{0});
+    stream.record(35, {{"willy_gtp", 1}, {"file", 2}})
+        .record(52, {{"willy_gtp", 1}, {"count", 2}})
+        .enter(0, ~uint32_t{0});
     stream.collective({.communicator = 5, .operation = 9, .start = {1, 2}, .duration = {3, 4}});
     OpenTrace open(trace);
     EXPECT_EQ(

@@ -127,11 +127,11 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
       {fillTwo,
        {window(5, 10, FUNCTIONS, {0}), window(10, 20, FUNCTIONS | SCOPES, {0, 1}),
         window(20, 30, FUNCTIONS, {0})},
-       {"begin_of_history 5 12 1 0:1:1", "function_history 5 0 1 [10] [0]",
-        "end_of_history 5 12 1 0:1:1", "begin_of_history 10 12 1 0:1:1", "enter_scope 1 0 2 1 0",
-        "function_history 10 1 1 [11] [0]", "enter_scope 1 1 3 1 0", "end_of_history 10 12 1 0:1:1",
-        "enter_function 10 0 12 0", "leave_function 15 1 0", "end_of_filter 20 12 1 1:1:1",
-        "end_of_filter 20 8 0", "end_of_filter 30 4 1 0:0:1"}},
+       {"begin_of_history 5 12 2 0:0:1 1:1:1", "function_history 5 0 1 [10] [0]",
+        "end_of_history 5 12 2 0:0:1 1:1:1", "begin_of_history 10 12 2 0:0:1 1:1:1",
+        "enter_scope 1 0 2 1 0", "function_history 10 1 1 [11] [0]", "enter_scope 1 1 3 1 0",
+        "end_of_history 10 12 2 0:0:1 1:1:1", "enter_function 10 0 12 0", "leave_function 15 1 0",
+        "end_of_filter 20 12 1 1:1:1", "end_of_filter 20 8 0", "end_of_filter 30 4 1 0:0:1"}},
       // Of nested brackets the outer one is shown. The last moment of time is no end.
       {fillNested,
        {window(5, kOpenEnd)},
@@ -145,8 +145,9 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "end_of_filter 9 256 1 0:0:1"}},
       {fillWrong,
        {window(5, 20, FUNCTIONS | SCOPES, {0})},
-       {"begin_of_history 5 12 1 0:1:1", "function_history 5 0 1 [1] [0]",
-        "end_of_history 5 12 1 0:1:1", "leave_function 9 0 0", "end_of_filter 20 12 1 0:0:1"}},
+       {"begin_of_history 5 12 2 0:0:1 1:1:1", "function_history 5 0 1 [1] [0]",
+        "end_of_history 5 12 2 0:0:1 1:1:1", "leave_function 9 0 0",
+        "end_of_filter 20 12 1 0:0:1"}},
   };
   for (const auto& [fill, requests, lines, drop] : cases) {
     Trace trace;
@@ -232,12 +233,12 @@ std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
         s.message({.sender = thread, .receiver = other, .receiveTime = span, .tag = i});
       } else {
         s.collective({.communicator = 1 + upTo(2),
-                      .operation = i,
+                      .operation = i % 256,
                       .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
                       .duration = {upTo(3000), 1}});
       }
     }
-    for (const auto& [time, offset] : s.anchors()) anchorTimes.push_back(time);
+    anchorTimes.insert(anchorTimes.end(), s.anchors().begin(), s.anchors().end());
   }
   return anchorTimes;
 }
@@ -377,7 +378,7 @@ TEST(KltAnchors, SeekingSavesReading) {
   Stream& f = trace.stream("f", FUNCTIONS, {0}).anchorEvery(0x4000);
   for (uint64_t i = 1; i < 60000; ++i) f.at(i * 10).enter(0, 1).leave(0);
   TraceFiles files = trace.files();
-  files.flip(".f", 100, 0xff);  // ahead of the anchor: never met
+  files[".f"][100] = '\x7f';  // ahead of the anchor: never met
   files[".f"][files[".f"].size() - 18] = '\x7f';
   OpenTrace open(files);
   EXPECT_EQ(only(open.read({window(300000, 300100)}), {"enter_function"}).size(), 10U);
@@ -430,8 +431,8 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
     m.message({.receiveTime = 50, .tag = 1});
     Stream& n = trace.stream("n", MESSAGES, {0}).at(25).message({.receiveTime = 50, .tag = 3});
     n.at(40).comment(0, "").bytes("\x1c");
-    const uint64_t gone = trace.stream("gone", ERRORS, {0}).fileId();
-    const uint64_t files[] = {99, m.fileId(), 0x10001, gone, n.fileId()};
+    trace.extraIndex().record("file_declaration", {{"id", 5}, {"suffix", "gone"}});
+    const uint64_t files[] = {99, m.fileId(), 0x10001, 5, n.fileId()};
     m.anchorRecord(46, {{"file", m.fileId()}, {"offset", kRight}, {"prevtime", 0}});
     m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[file])},
                         {"offset", std::vector<uint64_t>(44, offset)},
@@ -440,7 +441,7 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
     for (const auto& [time, at] : anchors) {
       m.anchorRecord(9, {{"time_prev", time}, {"offset", at}});
     }
-    OpenTrace open(trace.files().remove(".gone")), plain(withoutAnchors(trace.files()));
+    OpenTrace open(trace), plain(withoutAnchors(trace.files()));
     Messages messages;
     for (const uint32_t categories : {COUNTERS, MESSAGES}) {
       const Requests requests = {window(20, 30, categories)};

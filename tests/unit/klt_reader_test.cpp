@@ -46,7 +46,9 @@ TEST(KltOpen, ComponentsHaveNamesOfTheirOwn) {
 
 TEST(KltDeliver, DefinitionsHaveTheFirstTextOfEachIdAndNullForNone) {
   Trace trace;
-  trace.communicator(5, "world", {{4, 0, -2}, {-1, -1, 1}}, 3).group(6, "g", {0, gtp(1, 2)});
+  trace.communicator(5, "world", {{4, 0, -2}, {-1, -1, 1}}, 3);
+  trace.define("group_definition",
+               {{"id", 6}, {"name", "g"}, {"willies_gtp", std::vector{0U, gtp(1, 2)}}});
   trace.declarations().record(20, {{"id", 9}, {"type", 2}, {"do_diff", 5}, {"upper_bound", 1}});
   trace.declarations().record(24, {{"id", 1},
                                    {"name", trace.text("first")},
@@ -329,7 +331,8 @@ TEST(KltDamage, AComponentThatEndsEarlyGivesWhatCameBefore) {
     // A length that can't be true is of no use, one in the other byte order is.
     for (const char* length : {"\xff\xff\xff\xff\xff\xff\xff\x7f", "\0\0\0\0\0\xaa\xbb\xcc"}) {
       const Messages messages;
-      OpenTrace open(trace.files().splice(".f", 0, 8, std::string(length, 8)));
+      TraceFiles files = trace.files();
+      OpenTrace open((files[".f"].replace(0, 8, length, 8), files));
       EXPECT_EQ(difference(whole, only(open.read(), {"enter_function"})), "");
     }
   }
