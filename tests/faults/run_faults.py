@@ -57,7 +57,7 @@ EXCUSED = (("files", "open"), ("files", "seek"), ("convert", "open"))
 # A negative signal comes when half of what was to be written is written.
 KILLS = (("open", signal.SIGKILL), ("write", signal.SIGKILL), ("write", -signal.SIGKILL))
 # A merge that the user stops completes an index that it has begun.
-STOPS = (("write", signal.SIGINT), ("write", signal.SIGTERM))
+STOPS = tuple(("write", by) for by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP))
 
 # Where memory was missed: in the program's own code, by its path in the source tree.
 PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)[\w/]+\.(cpp|h):\d+\], aborting\.\n")
