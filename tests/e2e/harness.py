@@ -53,9 +53,9 @@ class Folder:
 class Place:
     """A directory with a copy of a sample. The copy stays as it is, but for what a check removes."""
 
-    def __init__(self, program, folder, directory):
+    def __init__(self, program, folder, directory, name="in"):
         self.program, self.folder = str(pathlib.Path(program).resolve()), folder
-        self.path = pathlib.Path(directory, "in")
+        self.path = pathlib.Path(directory, name)
         self.path.mkdir()
         self.restore()
 
