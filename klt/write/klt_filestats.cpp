@@ -1,4 +1,4 @@
-// Profiles made while a trace is written. See klt_filestats.h.
+// Computes profiles while a trace is written. See klt_filestats.h.
 #include "klt/write/klt_filestats.h"
 
 #include "util/pal_error.h"
@@ -23,27 +23,27 @@ void addBytes(KLT_FileStats& stats, uint32_t& sum, uint32_t bytes) {
   }
 }
 
-void enterMember(KLT_FileStats& stats, KLT_CollectiveStat& stat, size_t i, const uint32_t* sent,
-                 const uint32_t* received, uint64_t duration) {
+void addMember(KLT_FileStats& stats, KLT_CollectiveStat& stat, size_t i, const uint32_t* sent,
+               const uint32_t* received, uint64_t duration) {
   const double bytes =
       (sent == nullptr ? 0.0 : sent[i]) + (received == nullptr ? 0.0 : received[i]);
   const double rate = duration == 0 ? 0.0 : bytes / static_cast<double>(duration);
   const bool first = stat.exchanges[i]++ == 0;
-  const auto enter = [first](auto value, auto& min, auto& max) {
+  const auto widen = [first](auto value, auto& min, auto& max) {
     min = first ? value : std::min(min, value);
     max = first ? value : std::max(max, value);
   };
   if (sent != nullptr) {
-    enter(sent[i], stat.minSent[i], stat.maxSent[i]);
+    widen(sent[i], stat.minSent[i], stat.maxSent[i]);
     addBytes(stats, stat.sumSent[i], sent[i]);
   }
   if (received != nullptr) {
-    enter(received[i], stat.minReceived[i], stat.maxReceived[i]);
+    widen(received[i], stat.minReceived[i], stat.maxReceived[i]);
     addBytes(stats, stat.sumReceived[i], received[i]);
   }
-  enter(rate, stat.minRate[i], stat.maxRate[i]);
+  widen(rate, stat.minRate[i], stat.maxRate[i]);
   stat.sumRate[i] += rate;
-  enter(duration, stat.minDuration[i], stat.maxDuration[i]);
+  widen(duration, stat.minDuration[i], stat.maxDuration[i]);
   stat.sumDuration[i] += duration;
 }
 
@@ -76,7 +76,7 @@ void KLT_FileStatsCollective(KLT_FileStats& stats, const KLT_CollectiveStat::Key
   KLT_CollectiveStat& stat = stats.collectives.at(stats.collectives.place(key));
   if (stat.exchanges.empty()) resize(stat, members);
   const size_t known = std::min(members, stat.exchanges.size());
-  for (size_t i = 0; i < known; ++i) enterMember(stats, stat, i, sent, received, durations[i]);
+  for (size_t i = 0; i < known; ++i) addMember(stats, stat, i, sent, received, durations[i]);
 }
 
 const uint32_t* KLT_FileStatsRootOnly(KLT_FileStats& stats, uint32_t communicator, size_t members,

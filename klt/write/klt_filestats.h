@@ -1,9 +1,9 @@
-// Profiles of a trace, made while it is written: how often each function was called, each message
-// route used, each collective operation run, and what it cost.
+// Computes the profiles of a trace while it is written: numbers and durations of function calls,
+// messages and collective operations, by function, by route and by operation.
 //
-// Belongs to a writer, which enters what it writes; klt_write_stats writes the profiles. Times are
-// held in ticks of the clock (time stamps shifted right by the event bits). Profiles are in the
-// order in which their keys were first seen.
+// Owned by a writer, which adds each record; klt_write_stats writes the profiles. Times are in
+// ticks of the clock (time stamps shifted right by the event bits). Profiles are in the order in
+// which their keys were added.
 #pragma once
 
 #include <algorithm>
@@ -17,10 +17,10 @@
 
 #include "util/pal_hash.h"
 
-// What a writer needs to know to make profiles.
+// Parameters of the profiles.
 struct KLT_StatsParameters {
-  // The members of a communicator in rank order and their number, which stays as it is if the
-  // communicator isn't known. Null for no members.
+  // Returns the members of a communicator in rank order, null if it has none, and sets `count`,
+  // unless the communicator isn't known.
   const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t* count) = nullptr;
   void* lookupContext = nullptr;
   uint32_t eventBits = 0;  // of the time stamps that are written
@@ -61,14 +61,14 @@ struct KLT_CollectiveStat {
   std::vector<uint64_t> minDuration, maxDuration, sumDuration;
 };
 
-// Profiles in order, found by the hash of their keys, most of the time without a look at another
-// key.
+// Profiles in order of insertion, with a hash table of their keys. A slot contains the whole hash,
+// so that other keys are rarely compared.
 template <class Stat>
 class KLT_StatTable {
  public:
   using Key = typename Stat::Key;
 
-  // The place of the key's profile, from 1; it is made if there is none.
+  // The place (index plus 1) of the key's profile, which is created if there is none.
   [[nodiscard, gnu::always_inline]] uint32_t place(const Key& key) {
     const uint32_t hash = hash_(std::bit_cast<Numbers>(key));
     if (!slots_.empty()) [[likely]] {
@@ -80,7 +80,7 @@ class KLT_StatTable {
     }
     return add(key, hash);
   }
-  // Whether that is the place of the key's profile. Any place may be asked about.
+  // Whether `place` is the place of the key's profile. Any number is allowed.
   [[nodiscard]] bool isAt(uint32_t place, const Key& key) const {
     return place - 1 < stats_.size() && stats_[place - 1].key == key;
   }
@@ -128,21 +128,21 @@ struct KLT_FileStats {
   KLT_StatTable<KLT_MessageStat> messages;
   KLT_StatTable<KLT_CollectiveStat> collectives;
   std::vector<uint32_t> scratch;
-  bool wrapped = false;  // sums of bytes have passed 32 bits, as reported
+  bool wrapped = false;  // a sum of bytes has exceeded 32 bits, which has been reported
 
-  // Time stamps and spans in ticks.
+  // Converts time stamps and spans to ticks.
   [[nodiscard]] uint64_t ticks(uint64_t time) const { return time >> eventBits; }
   [[nodiscard]] int64_t ticks(int64_t span) const { return span >> eventBits; }
 };
 
-// Makes empty profiles.
+// Creates empty profiles.
 [[nodiscard]] std::unique_ptr<KLT_FileStats> KLT_FileStatsInit(
     const KLT_StatsParameters& parameters);
 
-// The place of a function's profile, made if there is none.
+// The place of a function's profile, which is created if there is none.
 [[nodiscard]] uint32_t KLT_FunctionPlace(KLT_FileStats& stats, const KLT_FunctionStat::Key& key);
-// Enters one call. `hint` is where the function's profile may be, at first 0; it receives where it
-// is.
+// Adds one call. `hint` is a guess of the place of the function's profile, at first 0; it receives
+// the actual place.
 [[gnu::always_inline]] inline void KLT_FileStatsFunction(KLT_FileStats& stats,
                                                          const KLT_FunctionStat::Key& key,
                                                          uint64_t self, uint64_t inclusive,
@@ -158,16 +158,16 @@ struct KLT_FileStats {
   stat.totalInclusive += inclusive;
 }
 
-// Enters one message.
+// Adds one message.
 void KLT_FileStatsMessage(KLT_FileStats& stats, const KLT_MessageStat::Key& key, int64_t duration);
 
-// Enters one operation of `members` members. `sent` and `received` may be null; a side that is null
-// counts 0 and leaves its extremes and sum alone.
+// Adds one operation of `members` members. `sent` or `received` may be null: that side counts as 0
+// bytes for the rate, and its minimum, maximum and sum don't change.
 void KLT_FileStatsCollective(KLT_FileStats& stats, const KLT_CollectiveStat::Key& key,
                              size_t members, const uint32_t* sent, const uint32_t* received,
                              const uint64_t* durations);
 
-// Bytes by member where only the root's are known: `bytes` for the members equal to `root`, 0 for
-// the others. Null, after a report, if the communicator isn't known. Valid until the next call.
+// Bytes by member if only the root's are known: `bytes` for the members equal to `root`, 0 for the
+// others. Null, after a report, if the communicator isn't known. Valid until the next call.
 [[nodiscard]] const uint32_t* KLT_FileStatsRootOnly(KLT_FileStats& stats, uint32_t communicator,
                                                     size_t members, uint32_t root, uint32_t bytes);

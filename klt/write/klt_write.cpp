@@ -1,4 +1,4 @@
-// Opening and closing a writer. See klt_write.h.
+// Opens and closes writers. See klt_write.h.
 #include "klt/write/klt_write.h"
 
 #include <fcntl.h>
@@ -16,12 +16,12 @@ namespace {
 
 constexpr uint32_t kHeaderFlags = 0xb;
 
-// What there is of an index must not be taken for one: empties its file. Of a container nothing is
-// left then.
+// Empties the file of an incomplete index, which must not be taken for a complete one. In the
+// single form that is the container with all components.
 void emptyIndex(const KLT_WFileHandle& writer, int form) {
   if (form == KLT_FORM_SERIAL) return;  // standard output
   const std::string path = PAL_PathInDir(writer.directory(), writer.name);
-  if (truncate(path.c_str(), 0) != 0) return;  // no regular file: a device, a pipe
+  if (truncate(path.c_str(), 0) != 0) return;  // a device or a pipe
 }
 
 }  // namespace
@@ -33,14 +33,14 @@ void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection) {
 
 KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex, int form,
                                 uint32_t flags, const KLT_StatsParameters* stats,
-                                KLT_FileSet untouchable) {
+                                KLT_FileSet inputFiles) {
   const PAL_Place here;
   auto writer = std::make_unique<KLT_WFileHandle>();
   writer->dir = dir == nullptr ? "" : dir;
   writer->name = name;
   writer->writeIndex = writeIndex != 0;
   writer->flags = flags & kHeaderFlags;
-  writer->untouchable = std::move(untouchable);
+  writer->inputFiles = std::move(inputFiles);
   writer->container = KLT_ContainerCreate(dir, O_WRONLY | O_CREAT | O_TRUNC, 0666, form, name);
   if (writer->container == nullptr) return nullptr;
   if (writer->writeIndex) {
@@ -75,7 +75,7 @@ const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   }
   const char* error = writer->writeIndex ? KLT_WriteIndex(*writer) : nullptr;
   if (error != nullptr) writer->failed = true;
-  writer->tellWarned();
+  writer->reportWarningCounts();
   *complete = KLT_WriterFree(writer);
   return error;
 }

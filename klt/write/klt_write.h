@@ -1,9 +1,9 @@
-// Writing a trace.
+// Opens and closes writers of traces.
 //
-// The writer decides which component a record goes to (klt_write_context), writes the record and
-// what follows from it (klt_write_row), and writes the profiles and the index when it is closed
-// (klt_write_stats, klt_write_index). A stream that can't be written is reported once and dropped;
-// the others go on.
+// The writer determines the component of a record (klt_write_context), writes the record and
+// updates history and profiles (klt_write_row), and writes the profiles and the index when it is
+// closed (klt_write_stats, klt_write_index). A component that can't be written is reported once and
+// dropped; the others are still written.
 #pragma once
 
 #include <cstdint>
@@ -12,25 +12,25 @@
 #include "klt/write/klt_write_row.h"
 #include "util/triplets/pal_triplets.h"
 
-// Opens a trace for writing under `name`, resolved in `dir` unless that is null; `form` is the
-// storage form. With `writeIndex` the index component is opened at once, and written on closing.
-// Of `flags` the bits 0xb go into the index; streams of functions and raw events are compressed if
-// bits 0 and 1 are both set. With `stats` profiles are made. Files in `untouchable` are neither
-// removed nor opened. Null after a report.
+// Opens a trace for writing. `name` is relative to `dir` unless that is null; `form` is the storage
+// form. With `writeIndex` the index component is opened at once, and written on closing. The bits
+// 0xb of `flags` are stored in the index; components of functions and raw events are compressed if
+// bits 0 and 1 are both set. With `stats` profiles are computed. Files of the input (`inputFiles`)
+// are neither removed nor opened. Null after a report.
 [[nodiscard]] KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex,
                                               int form, uint32_t flags,
                                               const KLT_StatsParameters* stats,
-                                              KLT_FileSet untouchable = {});
+                                              KLT_FileSet inputFiles = {});
 
-// Makes the declared threads that are in `selection`, all for an empty one, part of the list of all
-// threads. Components without a list of their own (messages, collective operations, reports) hold
-// records of these threads, whether or not they have a component as well.
+// Adds the declared threads in `selection`, or all of them if it is empty, to the list of all
+// threads. It is the list of the components without a list of their own (messages, collective
+// operations, reports), which contain records of these threads even if they have no component.
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 
-// Writes profiles and index, and frees the handle. `complete` receives whether everything has
-// reached its file. Returns the text of an error, or null.
+// Writes profiles and index, and frees the handle. `complete` receives whether all bytes have been
+// written to the files. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);
 
-// Flushes and frees without writing profiles and index. False if something hasn't reached its file.
-// In both cases a missing or incomplete index leaves an empty file.
+// Flushes and frees without writing profiles and index. False if a write has failed. With both
+// functions a missing or incomplete index leaves an empty file.
 bool KLT_WriterFree(KLT_WFileHandle* writer);

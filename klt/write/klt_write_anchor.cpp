@@ -1,4 +1,4 @@
-// Writing seek points. See klt_write_anchor.h.
+// Writes seek points. See klt_write_anchor.h.
 #include "klt/write/klt_write_anchor.h"
 
 #include <algorithm>
@@ -11,20 +11,20 @@ constexpr size_t kAnchorBytes = 17;
 constexpr size_t kEntriesPerHistory = 255;
 constexpr size_t kLargestStack = 0xffff;
 
-// Whether an anchor can tell the history, in at most `most` bytes.
-bool canTell(const KLT_WriteHistory& history, uint64_t most) {
+// Whether the records of the history fit their count fields, and `maxBytes` bytes together.
+bool fitsIn(const KLT_WriteHistory& history, uint64_t maxBytes) {
   const size_t depth = history.calls.size();
-  if (depth > kLargestStack || 4 * depth > most) return false;
+  if (depth > kLargestStack || 4 * depth > maxBytes) return false;
   size_t bytes = kAnchorBytes;
   if (depth != 0) bytes += 7 + depth * (history.hasLocations() ? 8 : 4);
-  if (history.isUsed) {
+  if (history.hasRecords) {
     const size_t entries = history.offsets.entries().size();
     bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
   }
-  return bytes <= most;
+  return bytes <= maxBytes;
 }
 
-// Builds records behind the used bytes of the anchor component.
+// Appends records to the buffer of the anchor component.
 class AnchorWriter {
  public:
   AnchorWriter(KLT_WFileHandle& writer, KLT_WriteContext& context)
@@ -48,7 +48,7 @@ class AnchorWriter {
 
   bool offsets(const std::vector<KLT_OffsetEntry>& entries) {
     size_t at = 0;
-    do {  // a thread without entries still says so
+    do {  // writes a record even if there are no entries
       const size_t n = std::min(kEntriesPerHistory, entries.size() - at);
       if (!offsets(entries.data() + at, n)) return false;
       at += n;
@@ -86,7 +86,8 @@ class AnchorWriter {
     return true;
   }
 
-  // Takes `bytes` bytes of the anchor buffer; null if the component is lost.
+  // Appends `bytes` bytes to the anchor buffer and returns their address; null if the component is
+  // lost.
   uint8_t* reserve(size_t bytes) {
     KLT_WriteBuffer& buffer = context_.anchors;
     if (context_.anchorsUsed + bytes > KLT_WriteBuffer::kFlushBytes) {
@@ -108,14 +109,15 @@ class AnchorWriter {
 
 const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   const PAL_Place here;
-  if (context.anchors.lost) return nullptr;  // told when it was lost
+  if (context.anchors.lost) return nullptr;  // has been reported
   KLT_WriteHistory& history = context.history;
   history.offsets.prune(context.outputTime);
-  // A seek point that tells more than the data it saves reading waits for the next boundary.
-  if (!canTell(history, context.position() - context.lastAnchor)) return nullptr;
+  // A seek point with more bytes than the data since the previous one would save no reading. It is
+  // left out, and tried again at the next boundary.
+  if (!fitsIn(history, context.position() - context.lastAnchor)) return nullptr;
   AnchorWriter out(writer, context);
   if (!history.calls.empty() && !out.stack(history)) return "Writing function history failed.";
-  if (history.isUsed && !out.offsets(history.offsets.entries())) {
+  if (history.hasRecords && !out.offsets(history.offsets.entries())) {
     return "Writing event history failed.";
   }
   context.lastAnchor = context.position();

@@ -1,5 +1,5 @@
-// Seek points of a component that is written: groups of records in its anchor file that tell where
-// in the data file reading can start, and what was going on there.
+// Writes the seek points of a component: groups of records in its anchor file with an offset in the
+// data file at which reading can start, and the state of the stream there.
 #pragma once
 
 #include "klt/write/klt_write_context.h"

@@ -1,5 +1,4 @@
-// The writer's handle, and its output streams: finding, opening, buffering, flushing and closing
-// them. See klt_write_context.h.
+// Finds, opens, flushes and closes the writer's output components. See klt_write_context.h.
 #include "klt/write/klt_write_context.h"
 
 #include <algorithm>
@@ -17,8 +16,8 @@ constexpr uint32_t kShared = klt::kDeclarations | klt::kMessages | klt::kCollops
                              klt::kErrors | klt::kStatistics;
 constexpr uint32_t kFirstFileId = 0x10000;
 constexpr size_t kFirstBuffer = 4096;
-// Thread lists are named by 16 bits; id 1 is the list of all threads, which also stands for the
-// threads that found no id left.
+// Ids of thread lists have 16 bits. Id 1 is the list of all threads, which components also use if
+// no id is left for a list of their own.
 constexpr uint32_t kFirstListId = 2;
 constexpr uint32_t kLastListId = 65535;
 
@@ -58,14 +57,14 @@ uint32_t listOf(KLT_WFileHandle& writer, uint32_t thread) {
   return id;
 }
 
-bool isUntouchable(const KLT_WFileHandle& writer, const std::string& name) {
-  return writer.untouchable.contains(PAL_PathInDir(writer.directory(), name));
+bool isInputFile(const KLT_WFileHandle& writer, const std::string& name) {
+  return writer.inputFiles.contains(PAL_PathInDir(writer.directory(), name));
 }
 
-// Opens the component `name` in place of an old file of that name.
+// Opens the component `name` and removes an old file of that name first.
 KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
   if (KLT_ContainerForm(writer.container) == KLT_FORM_PLAIN) {
-    if (isUntouchable(writer, name)) {
+    if (isInputFile(writer, name)) {
       errno = EEXIST;
       return nullptr;
     }
@@ -78,15 +77,16 @@ KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
   return KLT_IoOpen(writer.container, name.c_str());
 }
 
-// Warns that a value is cut to the width of its field, with the place of the encoder.
+// Warns that a value is reduced to the width of its field, with the source location of the encoder.
 void reportNarrowed(uint64_t value, unsigned bytes, const char* file, int line) {
   const unsigned held = value >> 32 == 0 ? 4 : 8;
   PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
               held, static_cast<unsigned long long>(value), bytes, file, line);
 }
 
-// Drops the component: what is written to it from now on is lost.
-void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuffer& buffer) {
+// Reports a failed write and drops the component: later bytes are lost.
+void dropComponent(KLT_WFileHandle& writer, const KLT_WriteContext& context,
+                   KLT_WriteBuffer& buffer) {
   const std::string suffix = context.suffix.empty() ? "???" : PAL_Printable(context.suffix);
   if (errno != 0) PAL_Perror(suffix.c_str());
   PAL_Error("writing to %s failed, file will be incomplete", suffix.c_str());
@@ -97,7 +97,7 @@ void lose(KLT_WFileHandle& writer, const KLT_WriteContext& context, KLT_WriteBuf
 
 }  // namespace
 
-// Every record looks its stream up: by array for the main threads of processes.
+// Every record looks up its context, by array for the main threads of processes (gtp < 0x10000).
 KLT_WFileHandle::KLT_WFileHandle() { byThread.fill(KLT_IdIndex(0x10000)); }
 
 KLT_WFileHandle::~KLT_WFileHandle() {
@@ -109,25 +109,25 @@ uint32_t KLT_WFileHandle::stringId(const char* text) {
   if (text == nullptr) return 0;
   const auto [known, isNew] =
       stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.above = 0, .rest = text});
+  if (isNew) strings.insert(known->second, {.prefixId = 0, .rest = text});
   return known->second;
 }
 
-uint32_t KLT_WFileHandle::joinedId(uint32_t above, std::string_view rest) {
+uint32_t KLT_WFileHandle::joinedId(uint32_t prefixId, std::string_view rest) {
   const PAL_Place here;
-  // No text has a zero in it, so no other text has this key.
-  const std::string key = std::string(rest) + '\0' + std::to_string(above);
+  // No text contains a zero byte, so no other text has this key.
+  const std::string key = std::string(rest) + '\0' + std::to_string(prefixId);
   const auto [known, isNew] = stringIds.try_emplace(key, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.above = above, .rest = std::string(rest)});
+  if (isNew) strings.insert(known->second, {.prefixId = prefixId, .rest = std::string(rest)});
   return known->second;
 }
 
 std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
   const PAL_Place here;
   std::vector<const KLT_JoinedText*> parts{&text};
-  // Ids are given in the order of the entries, from 1.
-  while (parts.back()->above != 0) {
-    parts.push_back(&strings.entries()[parts.back()->above - 1].value);
+  // The ids of the entries are consecutive, from 1.
+  while (parts.back()->prefixId != 0) {
+    parts.push_back(&strings.entries()[parts.back()->prefixId - 1].value);
   }
   std::string whole;
   for (auto part = parts.rbegin(); part != parts.rend(); ++part) whole += (*part)->rest;
@@ -149,7 +149,7 @@ void KLT_WFileHandle::warnNarrowed(const KLT_Row& row, size_t field, uint32_t va
   reportNarrowed(value, KLT_TypeBytes(row.fields[field].type()), file, line);
 }
 
-void KLT_WFileHandle::tellWarned() const {
+void KLT_WFileHandle::reportWarningCounts() const {
   for (const auto& [key, occurrences] : warned_) {
     if (occurrences < 2) continue;
     const KLT_Row& row = kKltRows[(key >> 8) - 1];
@@ -201,7 +201,7 @@ const char* KLT_OpenContext(KLT_WFileHandle& writer, KLT_WriteContext& context, 
       return "Could not open an anchor file";
     }
   }
-  // A reader inflates if both bits are set, so that is when there is something to inflate.
+  // A reader inflates these components if both bits are set.
   if ((writer.flags & 3) == 3 && (context.categories & (klt::kFunctions | klt::kRawEvents)) != 0) {
     context.deflate = std::make_unique<KLT_Deflate>();
   }
@@ -218,7 +218,7 @@ KLT_WriteContext* KLT_MakeWriteContext(KLT_WFileHandle& writer, uint32_t categor
   std::string name;
   const char* error = KLT_OpenContext(writer, *context, name);
   if (error == nullptr) return context;
-  context->broken = true;  // told once, not for every record
+  context->broken = true;  // so that the failure is reported once, not for every record
   writer.failed = true;
   if (errno != 0) PAL_Perror(name.c_str());
   PAL_Error("%s", error);
@@ -233,18 +233,18 @@ void KLT_FlushContext(KLT_WFileHandle& writer, KLT_WriteContext& context, bool a
   const bool hasWork = used != 0 || (final && deflate != nullptr);
   if (buffer.file != nullptr && hasWork) {
     errno = 0;
-    const bool taken =
+    const bool written =
         deflate != nullptr
             ? deflate->write(buffer.file, buffer.bytes.get(), used, final)
             : KLT_IoWrite(buffer.file, buffer.bytes.get(), used) == static_cast<int64_t>(used);
-    if (!taken) {
-      lose(writer, context, buffer);
+    if (!written) {
+      dropComponent(writer, context, buffer);
     } else if (!anchors) {
       context.flushed += used;
     }
   }
   used = 0;
-  if (!anchors) context.setPlainUntil();
+  if (!anchors) context.setFastPathEnd();
 }
 
 uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
@@ -256,7 +256,7 @@ uint8_t* KLT_WriteContext::makeRoom(KLT_WFileHandle& writer, size_t bytes) {
   if (data.size < wanted) {
     const size_t size = std::max(kFirstBuffer, 2 * data.size);
     data.grow(std::max(wanted, std::min(size, KLT_WriteBuffer::kFlushBytes)), dataUsed);
-    setPlainUntil();
+    setFastPathEnd();
   }
   return data.bytes.get() + dataUsed;
 }
@@ -272,7 +272,7 @@ bool KLT_WriteContext::replace(KLT_WFileHandle& writer, uint64_t position, const
   if (KLT_IoSeek(data.file, static_cast<int64_t>(position), SEEK_SET) !=
           static_cast<int64_t>(position) ||
       KLT_IoWrite(data.file, record, bytes) != static_cast<int64_t>(bytes)) {
-    lose(writer, *this, data);
+    dropComponent(writer, *this, data);
     return false;
   }
   if (KLT_IoSeek(data.file, 0, SEEK_END) != static_cast<int64_t>(flushed)) {
@@ -288,9 +288,9 @@ void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   for (KLT_WriteBuffer* buffer : {&context.anchors, &context.data}) {
     if (buffer->file == nullptr) continue;
     errno = 0;
-    if (KLT_IoClose(buffer->file) != 0) lose(writer, context, *buffer);
+    if (KLT_IoClose(buffer->file) != 0) dropComponent(writer, context, *buffer);
     buffer->file = nullptr;
     buffer->release();
   }
-  context.setPlainUntil();
+  context.setFastPathEnd();
 }

@@ -1,4 +1,4 @@
-// What a writer remembers for its seek points. See klt_write_history.h.
+// Keeps the state of an output component for seek points. See klt_write_history.h.
 #include "klt/write/klt_write_history.h"
 
 #include <algorithm>
@@ -7,8 +7,8 @@
 
 namespace {
 
-// Marks an entry that was taken out.
-constexpr uint64_t kGone = 0;
+// The end of a removed entry.
+constexpr uint64_t kRemoved = 0;
 
 uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32 | seqnr; }
 
@@ -28,20 +28,20 @@ KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time, uint64_t offset) {
 }
 
 void KLT_OffsetEntries::setEnd(uint64_t offset, uint64_t end) {
-  const auto place = open_.find(offset);
-  if (place == open_.end()) return;
-  entries_[place->second].end = end;
-  open_.erase(place);
+  const auto found = open_.find(offset);
+  if (found == open_.end()) return;
+  entries_[found->second].end = end;
+  open_.erase(found);
 }
 
-// The last sample of a counter replaces the one before, in its place.
+// A new sample of a counter replaces the entry of the previous one.
 void KLT_OffsetEntries::setCounters(const KLT_OffsetNote& note) {
   for (uint32_t i = note.count; i-- > 0;) {
     const uint32_t counter = note.counters[i];
-    const auto place = counters_.find(counter);
-    if (place != counters_.end()) {
-      entries_[place->second].time = note.time;
-      entries_[place->second].offset = note.offset;
+    const auto found = counters_.find(counter);
+    if (found != counters_.end()) {
+      entries_[found->second].time = note.time;
+      entries_[found->second].offset = note.offset;
       continue;
     }
     KLT_OffsetEntry& entry = append(note.time, note.offset);
@@ -62,9 +62,9 @@ void KLT_OffsetEntries::enterScope(uint32_t scope, uint32_t seqnr, uint64_t time
 void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
   const auto found = scopes_.find(scopeKey(scope, seqnr));
   if (found == scopes_.end()) return;
-  Places& places = found->second;
-  entries_[places.all[places.first++]].end = kGone;
-  if (places.first == places.all.size()) scopes_.erase(found);
+  Indexes& indexes = found->second;
+  entries_[indexes.all[indexes.first++]].end = kRemoved;
+  if (indexes.first == indexes.all.size()) scopes_.erase(found);
 }
 
 void KLT_OffsetEntries::prune(uint64_t limit) {

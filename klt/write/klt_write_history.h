@@ -1,10 +1,10 @@
-// What a writer remembers of a stream so that a reader can start in the middle of it.
+// Keeps the state of an output component that seek points store, so that a reader can start there.
 //
-// One KLT_WriteHistory belongs to each output stream: the call stack of the stream's thread and the
-// positions of records that stay relevant, which are messages and collective operations under way,
-// open scopes, and the last sample of each counter. At a seek point all of it is written into the
-// anchor component (klt_write_anchor). With statistics on, the stack also measures how long calls
-// take.
+// Each component has a KLT_WriteHistory: the call stack of its thread, and the offsets of the
+// records that are still relevant, which are messages and collective operations that haven't ended,
+// open scopes, and the last sample of each counter. At a seek point it is written to the anchor
+// component (klt_write_anchor). With statistics, the stack is also used to measure the duration of
+// calls.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +18,7 @@
 #include "klt/write/klt_filestats.h"
 #include "util/pal_stack.h"
 
-// A record of the data component that stays relevant until `end`.
+// A record of the data component that is relevant before the time `end`.
 struct KLT_OffsetEntry {
   enum class Kind : uint8_t { kSpan, kCounter, kScope };
 
@@ -30,51 +30,52 @@ struct KLT_OffsetEntry {
   uint32_t seqnr = 0;  // of a scope
 };
 
-// What KLT_AddOffsetHistory notes of a record.
+// The arguments of KLT_AddOffsetHistory.
 struct KLT_OffsetNote {
   uint64_t time = 0;    // the stream's output time just before the record
-  uint64_t end = 0;     // until when it stays relevant
+  uint64_t end = 0;     // the record is relevant before this time
   uint64_t offset = 0;  // of the record
   bool isOpen = false;  // its end isn't known yet
-  bool update = false;  // only sets the end of an open record; nothing if there is none
-  // Of a sample: its counters, each of which has its last one. Null for other records.
+  bool update = false;  // only sets the end of an open record, if there is one at `offset`
+  // For a record of samples: its counters. Null for other records.
   uint32_t count = 0;
   const uint32_t* counters = nullptr;
 };
 
 struct KLT_WillyHistory;
 
-// Offset entries in order of arrival. All operations take amortised constant time; an entry that is
-// taken out leaves a gap until the next prune.
+// Offset entries in order of insertion. All operations take amortised constant time; a removed
+// entry stays in the list, marked, until the next prune().
 class KLT_OffsetEntries {
  public:
   void enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset);
   void leaveScope(uint32_t scope, uint32_t seqnr);
-  // Takes out what has ended at `limit`.
+  // Removes the entries with an end at or before `limit`.
   void prune(uint64_t limit);
   [[nodiscard]] const std::vector<KLT_OffsetEntry>& entries() const { return entries_; }
 
  private:
   static constexpr size_t kFirstPrune = 64;
 
-  // Places in `entries_`, oldest first; those ahead of `first` have been taken.
-  struct Places {
+  // Indexes in `entries_`, oldest first; those before `first` have been removed.
+  struct Indexes {
     std::vector<size_t> all;
     size_t first = 0;
   };
 
   friend void KLT_AddOffsetHistory(KLT_WillyHistory& history, const KLT_OffsetNote& note);
 
-  // A new entry without an end; an entry is stored part by part.
+  // Appends an entry without an end.
   KLT_OffsetEntry& append(uint64_t time, uint64_t offset);
   void setEnd(uint64_t offset, uint64_t end);
   void setCounters(const KLT_OffsetNote& note);
   void reindex();
 
   std::vector<KLT_OffsetEntry> entries_;
-  std::unordered_map<uint64_t, size_t> open_;      // place of the open spans by offset
-  std::unordered_map<uint32_t, size_t> counters_;  // place by counter
-  std::unordered_map<uint64_t, Places> scopes_;    // by scope and seqnr
+  // Indexes in `entries_`.
+  std::unordered_map<uint64_t, size_t> open_;      // open spans by offset
+  std::unordered_map<uint32_t, size_t> counters_;  // by counter
+  std::unordered_map<uint64_t, Indexes> scopes_;   // by scope and seqnr
   size_t pruneAt_ = kFirstPrune;
 };
 
@@ -87,12 +88,12 @@ struct alignas(64) KLT_WillyHistory {
     uint64_t childTime;  // spent in callees so far
   };
 
-  // All that a call touches: with thousands of threads it is the reach for another line of memory
-  // that takes the time.
-  uint32_t gtp = 0;                        // the stream's thread, 0 for none
-  bool isUsed = false;                     // an anchor has something to tell, if only the thread
+  // These fields are used for every call and share a cache line: with thousands of threads, cache
+  // misses take most of the time.
+  uint32_t gtp = 0;                        // the component's thread, 0 for none
+  bool hasRecords = false;                 // a record with a history has been written
   PAL_Stack<Call> calls;                   // outermost first
-  std::array<uint32_t, 8> profileHints{};  // where the functions called last have their profiles
+  std::array<uint32_t, 8> profileHints{};  // places of the profiles of recent functions
 
   KLT_OffsetEntries offsets;
 
@@ -105,7 +106,7 @@ struct alignas(64) KLT_WillyHistory {
   }
 };
 
-// Inlined, because callers know which kind of record it is.
+// Inlined, because the kind of record is a constant in its callers.
 [[gnu::always_inline]] inline void KLT_AddOffsetHistory(KLT_WillyHistory& history,
                                                         const KLT_OffsetNote& note) {
   KLT_OffsetEntries& offsets = history.offsets;
@@ -119,23 +120,24 @@ struct alignas(64) KLT_WillyHistory {
   }
 }
 
-// A stream has the records of one thread, or those of all threads under gtp 0.
+// A component has the records of one thread, or those of all threads, with gtp 0.
 using KLT_WriteHistory = KLT_WillyHistory;
 
-// A call begins. `ticks` only counts with statistics.
+// A call begins. `ticks` is only used for statistics.
 [[gnu::always_inline]] inline void KLT_AddFunctionHistory(KLT_WriteHistory& history,
                                                           uint32_t function, uint32_t scl,
                                                           uint64_t ticks) {
   history.calls.push({function, scl, ticks, 0});
 }
 
-// The innermost call ends; with `stats` its times are entered there. Harmless without a call.
+// The innermost call ends. Its times are added to `stats` unless that is null. Does nothing without
+// a call.
 [[gnu::always_inline]] inline void KLT_LeaveFunctionHistory(KLT_WriteHistory& history,
                                                             uint64_t ticks, KLT_FileStats* stats) {
   PAL_Stack<KLT_WillyHistory::Call>& calls = history.calls;
   if (calls.empty()) return;
-  // Field by field: the call may have begun a moment ago, and what has just been stored as parts
-  // can't be loaded as one before it has left the core.
+  // Not copied as a whole: if the call was pushed just before, a load that spans several recent
+  // stores would stall.
   const KLT_WillyHistory::Call& call = calls.top();
   const uint32_t function = call.function;
   const uint64_t inclusive = ticks - call.start;

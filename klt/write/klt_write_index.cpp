@@ -1,4 +1,4 @@
-// Writing the index of a trace. See klt_write_index.h.
+// Writes the index of a trace. See klt_write_index.h.
 #include "klt/write/klt_write_index.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 namespace {
 
 constexpr uint32_t kAllThreadsList = 1;
-constexpr uint32_t kTableBuckets = 1021;  // decides the order of strings and lists
+constexpr uint32_t kTableBuckets = 1021;  // determines the order of strings and lists
 
 bool putByte(KLT_WFileHandle& writer, KLT_WriteContext& index, uint8_t byte) {
   uint8_t* to = index.reserve(writer, 1);
@@ -71,11 +71,11 @@ void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
                                 parts.data() + 2 * n);
 }
 
-// The threads of the declared processes. A few bytes can declare billions of them: where there are
-// many for each process, each process has entries of its own.
+// The threads of the declared processes. A few bytes of input can declare billions of threads, so
+// if there are many per process they are listed by ranges for each process instead of one by one.
 PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
   constexpr uint32_t kDistance = 0x10000;  // of two threads of a process
-  constexpr uint32_t kPositive = 0x8000;   // threads whose numbers are positive as signed ones
+  constexpr uint32_t kPositive = 0x8000;   // gtps of lower threads are positive as signed numbers
   constexpr size_t kMany = 64;
   PAL_Triplets byProcess;
   std::vector<int32_t> threads;
@@ -97,8 +97,8 @@ PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
   return threads.size() == total ? PAL_TripletsCompress(threads, true) : byProcess;
 }
 
-// The list of all threads: those with a component, those whose records the trace was said to hold,
-// and where there are neither, those declared.
+// The list of all threads: those with a component, and those selected by KLT_WriterListThreads. If
+// there are neither, all declared threads.
 PAL_Triplets allThreads(const KLT_WFileHandle& writer) {
   std::vector<int32_t> threads;
   for (const auto& [thread, list] : writer.listIds) threads.push_back(static_cast<int32_t>(thread));
@@ -154,7 +154,8 @@ void writeStructure(KLT_WFileHandle& writer) {
 
 const char* KLT_WriteIndex(KLT_WFileHandle& writer) {
   const PAL_Place here;
-  // What belongs to the components must have reached them before the index names them.
+  // All data must be written to the components before the index declares them: a component whose
+  // write fails isn't declared.
   for (const auto& context : writer.contexts) {
     KLT_FlushContext(writer, *context, true, false);
     KLT_FlushContext(writer, *context, false, false);

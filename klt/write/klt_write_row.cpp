@@ -1,4 +1,4 @@
-// What seldom goes ahead of a record: seek points, and long steps in time. See klt_write_row.h.
+// Writes seek points and time records before a record, the rare cases. See klt_write_row.h.
 #include "klt/write/klt_write_row.h"
 
 #include <algorithm>
@@ -13,14 +13,15 @@ klt::TimedPlace klt::beginTimedSlowly(KLT_WFileHandle& writer, KLT_WriteContext&
   const uint64_t step = isBack ? context.outputTime - time : time - context.outputTime;
   size_t timeRecord = 0;
   if (isBack || step >= 0x10000) timeRecord = isBack || step >> 32 != 0 ? kLongTime : kShortTime;
-  // Records of one time are never parted by a seek point, and those of seek points never go back.
+  // A seek point never separates records with the same time, and the times of seek points never
+  // decrease.
   if (step != 0 && context.outputTime >= context.lastTime &&
       context.nextAnchor < context.position() + (timeRecord != 0 ? kLongTime : 0) + bytes) {
     if (context.anchorId != 0) {
       if (const char* error = KLT_SetAnchor(writer, context)) PAL_Error("%s", error);
     }
     context.nextAnchor += KLT_WFileHandle::kChunkBytes;
-    context.setPlainUntil();
+    context.setFastPathEnd();
   }
   if (timeRecord != 0) {
     uint8_t* to = context.reserve(writer, timeRecord);

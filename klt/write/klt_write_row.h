@@ -1,14 +1,15 @@
-// Writing a record: one operation per row, which takes the row's fields as arguments.
+// Writes records: one function per row, which takes the row's fields as arguments.
 //
 //   KLT_Write<KLT_Row::enterFunction>(writer, nullptr, time, gtp, function);
 //
-// Arguments are those of the row in field order: the absolute time; integers; a count followed by
-// pointers to the elements of the arrays it covers, null for zeros; texts as C strings, their count
-// left out; opaque 64-bit values as the bytes to store. References to strings are given as texts.
+// Arguments are the fields of the row in order: the absolute time; integers; a count followed by
+// pointers to the elements of the arrays it covers, null for zeros; texts as C strings, without
+// their count; opaque 64-bit values as the bytes to store. References to strings are passed as
+// texts.
 //
-// The record goes to the buffer of its component, with a seek point (klt_write_anchor) and a time
-// record ahead of it where they are due. Then the component's history (klt_write_history) and the
-// profiles (klt_filestats) learn of it.
+// The record is appended to the buffer of its component, preceded by a seek point
+// (klt_write_anchor) and a time record if they are needed. Then the component's history
+// (klt_write_history) and the profiles (klt_filestats) are updated.
 #pragma once
 
 #include <algorithm>
@@ -29,14 +30,13 @@
 #include "klt/format/klt_wire.h"
 #include "klt/write/klt_write_context.h"
 
-// A record that may have to be completed later: where it stands and with which time ahead of it.
-// Position 0: not written yet.
+// A record that may be completed later: its position and the running time before it.
 struct KLT_UpdateSlot {
-  uint64_t position = 0;  // in the data component, plus 1
+  uint64_t position = 0;  // in the data component, plus 1; 0: not written yet
   uint64_t time = 0;
 };
 
-// A text to write: itself (null: none), or the id under which the writer knows it.
+// A text to write: the text itself (null: none), or the id of a text that the writer has.
 struct KLT_WriteText {
   KLT_WriteText(const char* given) : text(given) {}  // NOLINT(google-explicit-constructor)
   [[nodiscard]] static KLT_WriteText known(uint32_t id) {
@@ -51,26 +51,26 @@ struct KLT_WriteText {
 
 namespace klt {
 
-// Bytes of time records, for steps of 32 and 64 bits.
+// Bytes of time records, for steps of 32 bits and of 64 bits.
 inline constexpr size_t kShortTime = 5;
 inline constexpr size_t kLongTime = 9;
 
-// Where a timed record goes, and the step in time that it tells itself.
+// The address of a timed record in the buffer, and its time step.
 struct TimedPlace {
   uint8_t* to;  // null if the component is lost
   uint64_t step;
 };
 [[gnu::cold]] TimedPlace beginTimedSlowly(KLT_WFileHandle& writer, KLT_WriteContext& context,
                                           uint64_t time, size_t bytes);
-// Room for a timed record of `bytes` bytes, with a seek point and a time record ahead of it where
-// they are due.
+// Makes room for a timed record of `bytes` bytes, after a seek point and a time record if they are
+// needed.
 [[nodiscard, gnu::always_inline]] inline TimedPlace beginTimed(KLT_WFileHandle& writer,
                                                                KLT_WriteContext& context,
                                                                uint64_t time, size_t bytes) {
   const uint64_t step = time - context.outputTime;
-  if (step >> 32 == 0 && context.dataUsed + kLongTime + bytes <= context.plainUntil) [[likely]] {
-    // Whether a step needs a time record can't be predicted, so it is written in any case and
-    // written over where it isn't needed.
+  if (step >> 32 == 0 && context.dataUsed + kLongTime + bytes <= context.fastPathEnd) [[likely]] {
+    // A branch on whether a time record is needed would be unpredictable, so the time record is
+    // always written, and overwritten if it isn't needed.
     uint8_t* to = context.data.bytes.get() + context.dataUsed;
     to[0] = KLT_Row::addTime;
     storeBig32(to + 1, static_cast<uint32_t>(step));
@@ -81,7 +81,7 @@ struct TimedPlace {
   return beginTimedSlowly(writer, context, time, bytes);
 }
 
-// Index of the argument that field F of row N is given by.
+// Index of the argument for a field of row N.
 template <int N>
 constexpr size_t argumentIndex(size_t field) {
   const KLT_Row& row = kKltRows[N - 1];
@@ -110,7 +110,7 @@ template <int N>
 using WriteArguments =
     decltype(writeArguments<N>(std::make_index_sequence<kKltRows[N - 1].numFields>()));
 
-// Writes rows: sizes first, then bytes, then what history and profiles make of the record.
+// Writes a record: determines its size, encodes it, and updates history and profiles.
 template <int N>
 class RowWriter {
  public:
@@ -120,13 +120,13 @@ class RowWriter {
 
   RowWriter(KLT_WFileHandle& writer, const Arguments& arguments)
       : writer_(writer), arguments_(arguments) {
-    count<0>();
+    countElements<0>();
   }
 
   uint32_t write(KLT_UpdateSlot* slot) {
     KLT_WriteContext* context = KLT_GetWriteContext(writer_, row.categories(), thread());
     if (context == nullptr) return 0;
-    intern<0>();
+    internTexts<0>();
     const size_t bytes = encodedBytes();
     if constexpr (row.name == "process_declaration") {
       writer_.declaredThreads.assign(argument<1>(), argument<1>() + counts_[0]);
@@ -143,7 +143,7 @@ class RowWriter {
   }
 
  private:
-  // Field F's argument.
+  // The argument for field F.
   template <size_t F>
   [[nodiscard]] auto argument() const {
     return std::get<argumentIndex<N>(F)>(arguments_);
@@ -162,9 +162,9 @@ class RowWriter {
     return 0;
   }
 
-  // Elements of every count, cut to what its field can hold.
+  // Sets the value of every count, limited to the range of its field.
   template <size_t F>
-  void count() {
+  void countElements() {
     if constexpr (F < row.numFields) {
       if constexpr (row.fields[F].isCount()) {
         uint64_t n = 0;
@@ -184,13 +184,13 @@ class RowWriter {
         }
         counts_[F] = n;
       }
-      count<F + 1>();
+      countElements<F + 1>();
     }
   }
 
-  // Ids of texts; they must be known before any byte is written.
+  // Sets the ids of texts. They must be known before any byte is written.
   template <size_t F>
-  void intern() {
+  void internTexts() {
     if constexpr (F < row.numFields) {
       if constexpr (isString<F>() && !layout.isArray(F)) {
         const KLT_WriteText given = argument<F>();
@@ -203,7 +203,7 @@ class RowWriter {
           ids.push_back(argument<F>() == nullptr ? 0 : writer_.stringId(argument<F>()[i]));
         }
       }
-      intern<F + 1>();
+      internTexts<F + 1>();
     }
   }
 
@@ -293,8 +293,8 @@ class RowWriter {
     const uint64_t offset = context.position();
     encode(to, step);
     if (slot != nullptr) *slot = {offset + 1, before};
-    remember(context, before, offset, slot != nullptr);
-    profile(slot == nullptr);
+    updateHistory(context, before, offset, slot != nullptr);
+    if (slot == nullptr) updateProfiles();
     context.dataUsed += bytes;
     context.outputTime = time;
     return static_cast<uint32_t>(bytes);
@@ -302,19 +302,19 @@ class RowWriter {
 
   uint32_t rewrite(KLT_WriteContext& context, const KLT_UpdateSlot& slot, size_t bytes,
                    uint64_t time) {
-    std::vector<uint8_t>& side = writer_.sideBuffer(bytes);
-    encode(side.data(), time - slot.time);
-    if (!context.replace(writer_, slot.position - 1, side.data(), bytes)) return 0;
+    std::vector<uint8_t>& record = writer_.rewriteBuffer(bytes);
+    encode(record.data(), time - slot.time);
+    if (!context.replace(writer_, slot.position - 1, record.data(), bytes)) return 0;
     if constexpr (row.filter == KLT_FilterClass::kMessage ||
                   row.filter == KLT_FilterClass::kCollective) {
       KLT_AddOffsetHistory(context.history,
                            {.end = spanEnd(), .offset = slot.position - 1, .update = true});
     }
-    profile(true);
+    updateProfiles();
     return static_cast<uint32_t>(bytes);
   }
 
-  // When what the record describes is over.
+  // When the message or collective operation ends.
   [[nodiscard]] uint64_t spanEnd() const {
     const uint64_t time = std::get<0>(arguments_);
     if constexpr (row.filter == KLT_FilterClass::kMessage) {
@@ -325,13 +325,14 @@ class RowWriter {
     }
   }
 
-  // Keeps what a seek point behind this record has to tell.
-  void remember(KLT_WriteContext& context, uint64_t before, uint64_t offset, bool open) {
+  // Updates the state for the next seek point. `before` is the running time before the record,
+  // `open` says that the record may be completed later.
+  void updateHistory(KLT_WriteContext& context, uint64_t before, uint64_t offset, bool open) {
     constexpr bool kIsSpan =
         row.filter == KLT_FilterClass::kMessage || row.filter == KLT_FilterClass::kCollective;
     if constexpr (kIsSpan || row.filter == KLT_FilterClass::kCallStack ||
                   row.filter == KLT_FilterClass::kCounterSample) {
-      context.history.isUsed = true;
+      context.history.hasRecords = true;
     }
     if constexpr (kIsSpan) {
       KLT_AddOffsetHistory(context.history,
@@ -357,8 +358,8 @@ class RowWriter {
     }
   }
 
-  void profile(bool complete) {
-    if (!complete || writer_.stats() == nullptr) return;
+  void updateProfiles() {
+    if (writer_.stats() == nullptr) return;
     if constexpr (row.filter == KLT_FilterClass::kMessage) profileMessage(*writer_.stats());
     if constexpr (row.filter == KLT_FilterClass::kCollective) profileCollective(*writer_.stats());
   }
@@ -419,16 +420,16 @@ class RowWriter {
 
   KLT_WFileHandle& writer_;
   const Arguments& arguments_;
-  // By field; most rows have neither, and clearing these for each record takes longer than all
-  // else.
+  // By field. Their size is 0 for rows without counts or texts, which are most, because clearing
+  // them would take longer than the rest of the work for a record.
   std::array<uint64_t, layout.hasArrays ? row.numFields : 0> counts_{};
   std::array<uint32_t, hasStrings() ? row.numFields : 0> ids_{};
 };
 
 }  // namespace klt
 
-// Writes a record of row N. With a slot the record may be written again later, in the same length.
-// Returns the bytes written, 0 on failure.
+// Writes a record of row N. With `slot` the record can be written again later with the same length.
+// Returns the number of bytes written, 0 on failure.
 template <int N, class... Args>
 uint32_t KLT_Write(KLT_WFileHandle* writer, KLT_UpdateSlot* slot, Args... args) {
   const klt::WriteArguments<N> arguments(args...);

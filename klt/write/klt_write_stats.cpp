@@ -1,4 +1,4 @@
-// Writing the profiles of a trace. See klt_write_stats.h.
+// Writes the profiles of a trace. See klt_write_stats.h.
 #include "klt/write/klt_write_stats.h"
 
 #include <cmath>

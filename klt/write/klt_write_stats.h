@@ -1,4 +1,4 @@
-// Writing the profiles of a trace when it is closed.
+// Writes the profiles of a trace when its writer is closed.
 #pragma once
 
 #include "klt/write/klt_write_context.h"
