@@ -170,6 +170,12 @@ tb::TraceFiles takeApart(std::string_view container) {
     bytes.resize(static_cast<size_t>(std::max<int64_t>(KLT_IoRead(file, bytes.data(), left), 0)));
     left -= bytes.size();
     files.add(key, bytes);
+    const int64_t length = KLT_IoSeek(file, 0, SEEK_END);
+    char buffer[100];
+    for (const int64_t to : {length / 2, length - 1, length + 5, int64_t{-1}, INT64_MAX}) {
+      KLT_IoSeek(file, to, SEEK_SET);
+      (void)KLT_IoRead(file, buffer, sizeof buffer);
+    }
     KLT_IoClose(file);
   }
   KLT_ContainerClose(opened);

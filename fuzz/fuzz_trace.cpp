@@ -1,4 +1,5 @@
-// A whole trace through dump, listings, extraction, copy, merge and summary.
+// A container, its directory above all, and the trace in it through dump, listings, extraction,
+// copy, merge and summary.
 //
 //   input: options | a container
 //
@@ -79,6 +80,7 @@ void fuzz::run(std::string_view input) {
   const std::string name = directory() / "t.klt", copy = directory() / "copy.klt",
                     output = directory() / "out.klt", merged = directory() / "merged.klt";
   tb::writeFile(name, rest(input));
+  (void)takeApart(rest(input));  // reads what no index needs
   const uint64_t options = load(input, 0);
   const bool matches = (options & 0x10) != 0, single = (options & 0x20) != 0;
   const std::string requests = kRequests[options & 7];
@@ -116,7 +118,16 @@ void fuzz::run(std::string_view input) {
 
 bool fuzz::mutate(Random& random, std::string& input) {
   tb::TraceFiles files = takeApart(rest(input));
-  if (below(random, 8) == 0 || files.parts().size() < 3) return false;
+  const size_t which = below(random, 8);
+  if (which == 1 && input.size() > 24) {  // a number or a byte of the directory
+    const uint64_t begin = load(input, input.size() - 8, 8);
+    std::string directory = input.substr(begin < input.size() - 9 ? 1 + begin : 1);
+    input.resize(input.size() - directory.size());
+    mutateBytes(random, directory);
+    input += directory;
+    return true;
+  }
+  if (which == 0 || files.parts().size() < 3) return false;
   for (size_t times = 1 + below(random, 3); times > 0; --times) {
     const std::string key = files.parts()[below(random, files.parts().size())].first;
     const size_t what = below(random, 16);
