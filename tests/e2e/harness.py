@@ -112,7 +112,7 @@ def text_of(data):
 
 def expect(what, expected, found):
     if expected != found:
-        raise Failure(f"{what}: {found}, expected {expected}")
+        raise Failure(f"{what}: {str(found)[:2000]}, expected {str(expected)[:2000]}")
 
 
 def compare(what, expected, actual):
