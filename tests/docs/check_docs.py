@@ -109,34 +109,25 @@ def check_rkf(root, _):
 def read_summary(path, shapes):
     """The number of records of a summary file, which fill it."""
     data, at = path.read_bytes(), 0
-    head = {".fnc": "thread", ".cop": "operation", ".msg": "message", ".cnt": "counter",
-            ".rep": "report"}[path.suffix]
+    head, part, which = {".fnc": ("thread", "node", 4), ".cop": ("operation", "member", 5),
+                         ".msg": ("message", None, 0), ".cnt": ("counter", None, 0),
+                         ".rep": ("report", None, 2)}[path.suffix]
 
     def take(name):
         nonlocal at
         at += shapes[name].size
         return shapes[name].unpack_from(data, at - shapes[name].size)
 
-    def skip(texts, more):
-        nonlocal at
-        for _ in range(texts):
-            at += 4 + struct.unpack_from("=I", data, at)[0]
-        at += more
-
     version, _, count = take("header")
     for _ in range(count):
-        values = take(head)
-        nodes = [take("node") for _ in range(values[4] if head == "thread" else 0)]
-        for place, (*_, children, ahead, _, back) in enumerate(nodes):
-            if (children == 0) != (ahead == 0) or back > place or ahead and nodes[
-                    place + ahead][-1] != ahead:
-                raise ValueError(f"node {place} is linked as {nodes[place]}")
-        for _ in range(values[5] if head == "operation" else 0):
-            take("member")
-        if head == "report":
-            skip(3, 12 * values[2])
-            skip(values[2], 4 * values[2])
-            skip(values[2], 4 * values[2])
+        number = take(head)[which]
+        for _ in range(number if part else 0):
+            take(part)
+        # Three texts, times and threads of the places, and a text and a number of each, twice.
+        for texts, width in ((3, 12), (number, 4), (number, 4)) if head == "report" else ():
+            for _ in range(texts):
+                at += 4 + struct.unpack_from("=I", data, at)[0]
+            at += number * width
     if version != 1 or at != len(data):
         raise ValueError(f"version {version}, {count} records end at {at} of {len(data)}")
     return count
