@@ -1,4 +1,4 @@
-// The debug channel and the abort that reports there. Owns the channel's state.
+// Implements the debug channel and PAL_Abort. Owns the channel's state.
 #include "util/pal_debug.h"
 
 #include <fcntl.h>
@@ -21,17 +21,17 @@
 
 namespace {
 
-constexpr size_t DEBUG_TEXT_BYTES = 2048;
-constexpr size_t DEBUG_TAG_BYTES = 80;
-constexpr size_t DEBUG_NAME_BYTES = 128;
+constexpr size_t kTextBytes = 2048;
+constexpr size_t kTagBytes = 80;
+constexpr size_t kNameBytes = 128;
 
 struct DebugChannel {
   std::mutex mutex;
-  int file = -1;                         // virtual descriptor of the file that is open, or -1
-  char openName[DEBUG_NAME_BYTES] = "";  // the process name whose file is open
-  const char* sourceFile = "";           // position of the previous message
+  int file = -1;                   // virtual descriptor of the file that is open, or -1
+  char openName[kNameBytes] = "";  // the process name whose file is open
+  const char* sourceFile = "";     // source location of the previous message
   int sourceLine = 0;
-  bool lineOpen = false;  // the previous message left its line without an end
+  bool lineOpen = false;  // the previous message didn't end with a newline
 };
 
 DebugChannel& Channel() {
@@ -39,11 +39,11 @@ DebugChannel& Channel() {
   return channel;
 }
 
-// The thread is inside the channel: what its own calls say there is dropped.
+// The thread is inside PAL_Debug. Messages of the functions that it calls there are dropped.
 thread_local bool insideChannel = false;
 
 std::string DebugPrefix(const char* file, int line) {
-  char tag[DEBUG_TAG_BYTES];
+  char tag[kTagBytes];
   std::snprintf(tag, sizeof tag, "%s/%#lx/%d", "init", static_cast<unsigned long>(pthread_self()),
                 static_cast<int>(getpid()));
   return PAL_asprintf("[%.6lf %s@%s:%d] ", PAL_Time(), tag, PAL_BaseName(file), line);
@@ -72,11 +72,10 @@ bool OpenDebugFile(DebugChannel& channel, const char* processName) {
 }
 
 bool IsOpenFor(const DebugChannel& channel, const char* processName) {
-  return channel.file >= 0 &&
-         std::strncmp(channel.openName, processName, DEBUG_NAME_BYTES - 1) == 0;
+  return channel.file >= 0 && std::strncmp(channel.openName, processName, kNameBytes - 1) == 0;
 }
 
-// Where messages go: to a descriptor, or to the channel's file.
+// The destination of messages.
 enum class DebugTarget : uint8_t { kNowhere, kDescriptor, kFile };
 
 DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
@@ -93,7 +92,7 @@ DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
   return channel.file >= 0 ? DebugTarget::kFile : DebugTarget::kDescriptor;
 }
 
-// `text` with the prefix ahead of each line that begins at column 0.
+// `text` with the prefix before each line that begins at column 0.
 std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
                             int line) {
   std::string result;
@@ -121,7 +120,7 @@ std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const 
 void PAL_Debug(const char* file, int line, const char* format, ...) {
   const int savedErrno = errno;
   if (insideChannel) return;
-  char text[DEBUG_TEXT_BYTES];
+  char text[kTextBytes];
   va_list arguments;
   va_start(arguments, format);
   const int length = std::vsnprintf(text, sizeof text, format, arguments);

@@ -1,10 +1,11 @@
-// The debug channel: messages for developers, apart from those for users.
+// Writes messages for developers to the debug channel, which is separate from messages to users.
 #pragma once
 
-// Says so on the debug channel and aborts the process.
+// Writes a message to the debug channel and aborts the process.
 [[noreturn]] void PAL_Abort();
 
-// Writes to the debug channel: the descriptor named by PAL_DEBUG_FD, else a file named after the
-// process if it has a name, else standard error. The text is cut at 2,047 bytes. errno is kept.
+// Writes to the debug channel: the descriptor in the environment variable PAL_DEBUG_FD, otherwise a
+// file named after the process if that has a name, otherwise standard error. The text is truncated
+// to 2,047 bytes. errno is kept.
 void PAL_Debug(const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

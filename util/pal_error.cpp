@@ -1,5 +1,5 @@
-// The message levels. Owns PAL_messages. A message is put together in one block and
-// handed to each target by one call, so that messages of several threads don't mix.
+// Formats and writes messages. Owns PAL_messages. A message is built in one block and written to
+// each target by one call, so that messages of several threads don't mix.
 #include "util/pal_error.h"
 
 #include <algorithm>
@@ -27,8 +27,8 @@ class ErrnoKeeper {
   int saved_;
 };
 
-// A formatted text that stays off the heap while it is short: the report of exhausted memory passes
-// through here.
+// A formatted text. A short one needs no heap memory, because exhausted memory is reported through
+// this class.
 class MessageText {
  public:
   __attribute__((format(printf, 2, 0))) MessageText(const char* format, va_list arguments) {
@@ -54,33 +54,34 @@ class MessageText {
   std::string_view text_;
 };
 
-// What PAL_MessagesOnce knows.
-struct GivenMessages {
-  enum class Stage { kNone, kFirst, kSecond };
+// The state of PAL_MessagesOnce.
+struct WrittenMessages {
+  enum class Reading { kNone, kFirst, kSecond };
 
   std::mutex mutex;
-  Stage stage = Stage::kNone;
-  std::unordered_map<std::string, uint64_t> texts;  // how often each was given
+  Reading reading = Reading::kNone;
+  std::unordered_map<std::string, uint64_t> texts;  // how often each was written in the first one
 };
 
-GivenMessages& Given() {
-  static GivenMessages given;
-  return given;
+WrittenMessages& Written() {
+  static WrittenMessages written;
+  return written;
 }
 
-// Whether a message of the first time is given again. Taking note of one needs memory: a complaint
-// of its exhaustion goes past.
+// Whether the message was written in the first reading already. Storing a message needs memory, so
+// messages inside this function, which report its exhaustion, are not compared.
 bool IsRepeated(std::string_view text) {
   static thread_local bool isInside = false;
   if (isInside) return false;
-  GivenMessages& given = Given();
-  const std::lock_guard lock(given.mutex);
-  if (given.stage == GivenMessages::Stage::kNone) return false;
+  WrittenMessages& written = Written();
+  const std::lock_guard lock(written.mutex);
+  if (written.reading == WrittenMessages::Reading::kNone) return false;
   isInside = true;
   bool isRepeated = false;
-  if (given.stage == GivenMessages::Stage::kFirst) {
-    ++given.texts[std::string(text)];
-  } else if (const auto found = given.texts.find(std::string(text)); found != given.texts.end()) {
+  if (written.reading == WrittenMessages::Reading::kFirst) {
+    ++written.texts[std::string(text)];
+  } else if (const auto found = written.texts.find(std::string(text));
+             found != written.texts.end()) {
     isRepeated = found->second > 0;
     if (isRepeated) --found->second;
   }
@@ -92,7 +93,7 @@ struct TimeText {
   char text[32];
 };
 
-// Empty unless messages show the time.
+// The date and time; empty unless messages show it.
 TimeText CurrentTimeText() {
   TimeText result = {};
   if (PAL_messages.showTime == 0) return result;
@@ -102,7 +103,8 @@ TimeText CurrentTimeText() {
   return result;
 }
 
-// The prefix of each line of a message; as snprintf, the length that it has or would have.
+// Formats the prefix of the lines of a message. Returns the length that it has or would have, like
+// snprintf.
 int FormatPrefix(char* prefix, size_t size, const char* level) {
   const TimeText now = CurrentTimeText();
   const char* timeGap = PAL_messages.showTime != 0 ? " " : "";
@@ -129,7 +131,8 @@ char* Append(char* to, std::string_view text) {
   return to + text.size();
 }
 
-// Writes prefix and newline around each non-empty line of `text` into `block`; the end of it.
+// Writes each non-empty line of `text` with prefix and newline to `block`. Returns the end of the
+// written bytes.
 char* JoinLines(char* block, std::string_view prefix, std::string_view text) {
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
@@ -161,8 +164,8 @@ __attribute__((format(printf, 2, 0))) void WriteMessage(const char* level, const
   const size_t prefixSize = static_cast<size_t>(prefixLength) + 1;
   size_t lines = 1;
   for (const char c : text) lines += c == '\n' ? 1 : 0;
-  // The block begins with the prefix; the finished lines follow. A short message stays off the
-  // heap.
+  // The block contains the prefix and, after it, the finished lines. A short message needs no heap
+  // memory.
   const size_t size = prefixSize + text.size() + lines * prefixSize;
   char shortBlock[4096];
   std::string longBlock;
@@ -201,19 +204,19 @@ void PAL_Error(const char* format, ...) {
 }
 
 PAL_MessagesOnce::PAL_MessagesOnce() {
-  const std::lock_guard lock(Given().mutex);
-  Given().stage = GivenMessages::Stage::kFirst;
+  const std::lock_guard lock(Written().mutex);
+  Written().reading = WrittenMessages::Reading::kFirst;
 }
 
 void PAL_MessagesOnce::beginSecond() {
-  const std::lock_guard lock(Given().mutex);
-  Given().stage = GivenMessages::Stage::kSecond;
+  const std::lock_guard lock(Written().mutex);
+  Written().reading = WrittenMessages::Reading::kSecond;
 }
 
 PAL_MessagesOnce::~PAL_MessagesOnce() {
-  const std::lock_guard lock(Given().mutex);
-  Given().stage = GivenMessages::Stage::kNone;
-  Given().texts.clear();
+  const std::lock_guard lock(Written().mutex);
+  Written().reading = WrittenMessages::Reading::kNone;
+  Written().texts.clear();
 }
 
 void PAL_SetLogStream(FILE* stream) { PAL_messages.logStream = stream; }

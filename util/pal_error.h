@@ -1,8 +1,8 @@
-// How the program talks to a person outside its regular output.
+// Writes messages to the user, separate from the program's regular output.
 //
-// Three message levels with one line format, written to standard error and to optional further
-// targets. Owns the process-wide settings PAL_messages. Messages never end the process, and short
-// ones need no heap memory, so that the exhaustion of it can be told.
+// There are three levels with one line format, written to standard error and to optional further
+// targets. Owns the process-wide settings PAL_messages. Messages never end the process. Short ones
+// need no heap memory, so that its exhaustion can be reported.
 #pragma once
 
 #include <cstddef>
@@ -11,27 +11,28 @@
 #include "util/pal_strings.h"  // PAL_Printable, for the names in messages
 
 struct PAL_MessageSettings {
-  const char* programName;  // word ahead of the level, or null
+  const char* programName;  // word before the level, or null
   const char* processName;  // name of this process in a group, shown in brackets, or null
   int showTime;             // nonzero adds the date and time to each line
-  int infoEnabled;          // gate of PAL_Info and PAL_Warning
-  int errorEnabled;         // gate of PAL_Error
+  int infoEnabled;          // nonzero enables PAL_Info and PAL_Warning
+  int errorEnabled;         // nonzero enables PAL_Error
   FILE* logStream;          // second target, or null
   void (*logCallback)(void* context, const char* text, size_t length);  // third target, or null
 };
 extern PAL_MessageSettings PAL_messages;
 
-// Each formats one message and writes every non-empty line of it with the prefix of its level, in
-// one piece. Names from traces and from the user go through PAL_Printable first. errno is kept.
+// Each of these formats one message and writes its non-empty lines with the prefix of the level, by
+// one call per target. The caller passes names from traces and from the user through PAL_Printable.
+// errno is kept.
 void PAL_Info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// What is read twice would be complained of twice: while this lives, a message of the second time
-// is left out if the first time gave it. There is one at a time.
+// Suppresses repeated messages when the same data is read twice: after beginSecond() a message that
+// was written before it, since construction, is left out. At most one object exists at a time.
 class PAL_MessagesOnce {
  public:
-  PAL_MessagesOnce();  // the first time begins
+  PAL_MessagesOnce();  // the first reading begins
   ~PAL_MessagesOnce();
   void beginSecond();
   PAL_MessagesOnce(const PAL_MessagesOnce&) = delete;
@@ -41,6 +42,6 @@ class PAL_MessagesOnce {
 void PAL_SetLogStream(FILE* stream);
 void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t length));
 
-// perror: "`text`: <text of errno>" on standard error, without a level; control bytes of `text`
-// are escaped. errno is kept.
+// Writes "`text`: <text of errno>" to standard error, without a level, like perror(). Control bytes
+// of `text` are escaped. errno is kept.
 void PAL_Perror(const char* text);

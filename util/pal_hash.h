@@ -1,4 +1,4 @@
-// Hashes of keys of a few numbers that come from a file, and the order of a table with chains.
+// Hashes keys that come from a file, and sorts by the buckets of a hash table.
 #pragma once
 
 #include <array>
@@ -9,9 +9,9 @@
 
 #include "util/pal_util.h"
 
-// A universal hash of `Numbers` numbers. The factors, one for each number and one that is added,
-// are drawn at random for each object, so that nobody can prepare keys that collide. The products
-// are independent of each other, so that the processor computes them in parallel.
+// A universal hash of `Numbers` numbers. The factors, one for each number, and the summand are
+// random for each object, so that no input can force collisions. The products are independent of
+// each other, so that the processor computes them in parallel.
 template <size_t Numbers>
 class PAL_Hash {
  public:
@@ -33,12 +33,12 @@ class PAL_Hash {
   std::array<uint64_t, Numbers + 1> factors_;
 };
 
-// Sorts `items`, which are in order of arrival, into the order in which a table with `buckets`
-// chains is walked: chain by chain, and in each chain by arrival. hashOf(item) is a uint32_t; its
-// remainder is the chain.
+// Sorts `items`, which are in order of insertion, into the order in which a chained hash table with
+// `buckets` buckets would be iterated: by bucket, within a bucket by insertion. hashOf(item) is a
+// uint32_t; its remainder is the bucket.
 //
-// This order is part of the format: of the bytes that are written, and of the order in which
-// streams are read. Tables that find entries keep no chains, so that it can't depend on them.
+// This order is part of the format: it determines the bytes that are written and the order in which
+// streams are read. The hash tables of the program don't have chains, so it is computed here.
 template <class T, class HashOf>
 void PAL_SortByBucket(std::vector<T>& items, uint32_t buckets, HashOf hashOf) {
   std::vector<size_t> starts(size_t{buckets} + 1);

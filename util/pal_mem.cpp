@@ -1,7 +1,7 @@
-// The allocator hooks, the global operators on top of them, temporary blocks and packing.
+// Implements the allocator hooks, the global operators that use them, temporary blocks and packing.
 //
-// Owns PAL_allocators. Whatever fails here ends the process through PAL_Error, so nothing on that
-// road may allocate.
+// Owns PAL_allocators. A failed allocation ends the process through PAL_Error, so nothing that is
+// called for that may allocate.
 #include "util/pal_mem.h"
 
 #include <unistd.h>
@@ -17,7 +17,7 @@ constinit PAL_AllocatorTable PAL_allocators = {&std::malloc, &std::calloc, &std:
 namespace {
 
 [[noreturn]] void EndProcess() {
-  // An exit handler that runs out of memory in its turn must not start over.
+  // If an exit handler runs out of memory too, the handlers aren't started again.
   static bool ending = false;
   if (ending) _exit(1);
   ending = true;
@@ -95,40 +95,40 @@ char* PAL_StrDup(const char* text, const char* file, int line) {
 
 namespace {
 
-// A word at the start of each temporary block says where it comes from.
-constexpr size_t STACK_HEADER_BYTES = 16;
-constexpr uint32_t FROM_HEAP = 0;
-constexpr uint32_t FROM_FRAME = 1;
+// A word at the start of each temporary block says where its memory is.
+constexpr size_t kStackHeaderBytes = 16;
+constexpr uint32_t kFromHeap = 0;
+constexpr uint32_t kFromFrame = 1;
 
 }  // namespace
 
 void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line) {
   if (bytes == 0) return nullptr;
-  uint32_t header = FROM_FRAME;
+  uint32_t header = kFromFrame;
   if (PAL_StackFrameBytes(bytes) == 0) {
-    header = FROM_HEAP;
-    const bool fits = bytes <= SIZE_MAX - STACK_HEADER_BYTES;
-    frame = fits ? PAL_allocators.malloc(bytes + STACK_HEADER_BYTES) : nullptr;
+    header = kFromHeap;
+    const bool fits = bytes <= SIZE_MAX - kStackHeaderBytes;
+    frame = fits ? PAL_allocators.malloc(bytes + kStackHeaderBytes) : nullptr;
     if (frame == nullptr) OutOfStackMemory(bytes, file, line);
   }
   std::memcpy(frame, &header, sizeof header);
-  return static_cast<unsigned char*>(frame) + STACK_HEADER_BYTES;
+  return static_cast<unsigned char*>(frame) + kStackHeaderBytes;
 }
 
 void PAL_StackRelease(void* block) {
   if (block == nullptr) return;
-  void* start = static_cast<unsigned char*>(block) - STACK_HEADER_BYTES;
+  void* start = static_cast<unsigned char*>(block) - kStackHeaderBytes;
   uint32_t header;
   std::memcpy(&header, start, sizeof header);
-  if (header == FROM_HEAP) PAL_Release(start);
+  if (header == kFromHeap) PAL_Release(start);
 }
 
-// Packing -----------------------------------------------------------------------------------------
+// --- packing ------------------------------------------------------------------------------------
 
 namespace {
 
-constexpr uint32_t GROWTH = 1024;  // least growth of a buffer, in bytes
-constexpr size_t PAD_BYTES = 8;    // what a padding item clears when it is unpacked
+constexpr uint32_t kMinGrowth = 1024;  // of a buffer, in bytes
+constexpr size_t kPadBytes = 8;        // bytes that unpacking a padding item clears
 
 size_t PackedItemSize(uint32_t kind) {
   switch (kind) {
@@ -162,7 +162,7 @@ unsigned char* Reserve(PAL_Buffer& buffer, size_t bytes) {
   const auto needed = static_cast<uint32_t>(buffer.length + bytes);
   if (needed > buffer.capacity) {
     const uint32_t grown =
-        buffer.capacity > UINT32_MAX - GROWTH ? UINT32_MAX : buffer.capacity + GROWTH;
+        buffer.capacity > UINT32_MAX - kMinGrowth ? UINT32_MAX : buffer.capacity + kMinGrowth;
     const uint32_t capacity = grown > needed ? grown : needed;
     PAL_REALLOC(buffer.data, capacity);
     buffer.capacity = capacity;
@@ -182,7 +182,7 @@ bool UnpackNumber(uint32_t& value, PAL_Buffer& buffer) {
   return PAL_Unpack(&value, nullptr, 1, sizeof value, buffer);
 }
 
-// Does the buffer hold `count` elements, so that room for them may be allocated?
+// Whether the buffer has `count` elements, so that room for them may be allocated.
 bool HoldsElements(const PAL_Buffer& buffer, size_t count, size_t packedSize, size_t itemSize) {
   size_t packed;
   size_t unpacked;
@@ -231,7 +231,7 @@ bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t by
     for (const PAL_PackType* type = types; type->kind != PAL_PACK_END; ++type) {
       const size_t size = PackedItemSize(type->kind);
       if (type->kind == PAL_PACK_PAD) {
-        std::memset(to, 0, PAD_BYTES);
+        std::memset(to, 0, kPadBytes);
       } else {
         std::memcpy(to, from, size);
       }
@@ -304,11 +304,11 @@ void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer) {
   pointer = PAL_StrDup(PAL_UnpackString(buffer));
 }
 
-// Global operators --------------------------------------------------------------------------------
+// --- global operators ---------------------------------------------------------------------------
 //
-// Every form goes through the hooks, the non-throwing ones too: the process never goes on with a
-// failed allocation. The hooks know no alignment, so an over-aligned block lies inside a larger one
-// whose address stands in the word ahead of it.
+// All forms use the hooks, also the non-throwing ones: the process never continues after a failed
+// allocation. The hooks don't support alignment, so an over-aligned block is a part of a larger
+// one, whose address is stored in the word before it.
 
 namespace {
 

@@ -1,19 +1,18 @@
-// The one road to heap memory for the whole program.
+// Allocates all heap memory of the program.
 //
-// Everything allocates through the four replaceable hooks in PAL_allocators, operator new and
-// delete included, so that standard containers obey the same contract: a failed allocation is
-// retried through the `retry` hook if there is one, and otherwise ends the process with one
-// message and status 1. No caller checks for exhaustion. The module also has
-// temporary blocks and a pack format for structured data in a growing byte buffer. Failures are
-// reported through pal_error.
+// All allocations, including operator new and delete, use the four replaceable hooks in
+// PAL_allocators, so that standard containers have the same contract: a failed allocation is
+// retried as long as the `retry` hook says so, and otherwise ends the process with one message and
+// status 1. No caller checks for exhaustion. The module also has temporary blocks and a pack format
+// for structured data in a growing byte buffer. Failures are reported through pal_error.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
-// The process-wide hooks. `retry` may be null; it is called when an allocation failed and answers
-// nonzero for "try again". A nonzero `noFree` disables every release.
+// The process-wide hooks. `retry` may be null; it is called when an allocation has failed and
+// returns nonzero for "try again". A nonzero `noFree` disables every release.
 struct PAL_AllocatorTable {
   void* (*malloc)(size_t);
   void* (*calloc)(size_t, size_t);
@@ -24,24 +23,23 @@ struct PAL_AllocatorTable {
 };
 extern PAL_AllocatorTable PAL_allocators;
 
-// Puts the standard library's function into each empty slot of PAL_allocators. Only the first call
-// does anything; the table is usable before it.
+// Sets each empty slot of PAL_allocators to the standard library's function. Only the first call
+// has an effect; the table is usable before it.
 void PAL_MemInit();
 
 // Reports "out of memory" for a request of `bytes` bytes made at `file`:`line` and ends the process
 // with status 1. Needs no memory itself. Exit handlers run, so buffered output is not lost.
 [[noreturn]] void PAL_OutOfMemory(size_t bytes, const char* file, int line);
 
-// The allocations behind the typed operations below. They never return null but for a size of 0,
-// which does not reach a hook.
+// The allocations that the typed operations below use. They return null only for a size of 0, for
+// which no hook is called.
 [[nodiscard]] void* PAL_Allocate(size_t bytes, const char* file, int line);
 [[nodiscard]] void* PAL_AllocateZeroed(size_t count, size_t size, const char* file, int line);
 [[nodiscard]] void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line);
 void PAL_Release(void* block);
 
-// Where the program is, for the report of containers that find no memory: operator new can't know
-// who calls it. Names the place of its declaration as long as it lives, in all that is called from
-// there, unless that has a place of its own.
+// The source location that "out of memory" reports for operator new, which doesn't know its caller:
+// that of the innermost object in the current thread.
 class PAL_Place {
  public:
   explicit PAL_Place(const char* file = __builtin_FILE(), int line = __builtin_LINE())
@@ -72,8 +70,8 @@ template <class Vector>
   const PAL_Place here(file, line);
   vector.reserve(vector.empty() ? 1 : 2 * vector.size());
 }
-// Makes room in `vector` for one more element, at a place of its own. For what is too frequent for
-// a PAL_Place.
+// Makes room in `vector` for one more element, with the caller's source location. For functions
+// that are called too often for a PAL_Place.
 template <class Vector>
 [[gnu::always_inline]] inline void PAL_MakeRoom(Vector& vector, const char* file = __builtin_FILE(),
                                                 int line = __builtin_LINE()) {
@@ -95,14 +93,14 @@ void PAL_CALLOC(T*& pointer, size_t count, size_t size, const char* file = __bui
   pointer = static_cast<T*>(PAL_AllocateZeroed(count, size, file, line));
 }
 
-// Resizes the block at `pointer`; a null pointer allocates, 0 bytes release and leave null.
+// Resizes the block at `pointer`. A null pointer allocates; 0 bytes release the block and set null.
 template <class T>
 void PAL_REALLOC(T*& pointer, size_t bytes, const char* file = __builtin_FILE(),
                  int line = __builtin_LINE()) {
   pointer = static_cast<T*>(PAL_Reallocate(pointer, bytes, file, line));
 }
 
-// Releases the block at `pointer`, which may be null, and leaves null in every case.
+// Releases the block at `pointer`, which may be null, and sets `pointer` to null.
 template <class T>
 void PAL_FREE(T*& pointer) {
   PAL_Release(pointer);
@@ -116,39 +114,39 @@ void PAL_FREE(T*& pointer) {
 // Blocks of this size and more come from the heap, smaller ones from the caller's frame.
 inline constexpr size_t PAL_STACK_LIMIT = 65536;
 
-// What PAL_STACK_ALLOC takes from the caller's frame for a block of `bytes` bytes.
+// The bytes that PAL_STACK_ALLOC takes from the caller's frame for a block of `bytes` bytes.
 [[nodiscard]] constexpr size_t PAL_StackFrameBytes(size_t bytes) {
   return bytes == 0 || bytes >= PAL_STACK_LIMIT ? 0 : (bytes + 16 + 15) / 16 * 16;
 }
-// The block in `frame` or, where PAL_StackFrameBytes is 0, from the heap; null for 0 bytes.
+// The block in `frame` or, if PAL_StackFrameBytes is 0, from the heap; null for 0 bytes.
 [[nodiscard]] void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line);
 void PAL_StackRelease(void* block);
 
 // Points `pointer` to a temporary block of `size` bytes, aligned to 16, or makes it null for 0
-// bytes. The block lasts until PAL_STACK_FREE or the end of the calling function. A failure ends
-// the process. `size` is evaluated twice. A macro, since no function can take memory from the frame
-// of its caller.
+// bytes. The block is valid until PAL_STACK_FREE or the end of the calling function. A failure ends
+// the process. `size` is evaluated twice. A macro, because a function can't take memory from the
+// frame of its caller.
 #define PAL_STACK_ALLOC(pointer, size)                        \
   ((pointer) = static_cast<decltype(pointer)>(PAL_StackBlock( \
        __builtin_alloca(PAL_StackFrameBytes(size)), (size), __builtin_FILE(), __builtin_LINE())))
 
-// Releases the block at `pointer`, which may be null, and leaves null.
+// Releases the block at `pointer`, which may be null, and sets `pointer` to null.
 template <class T>
 void PAL_STACK_FREE(T*& pointer) {
   PAL_StackRelease(pointer);
   pointer = nullptr;
 }
 
-// A growing byte buffer. `length` counts the bytes used while packing and is the read position
-// while unpacking, where `capacity` bounds what may be read. `data` is null while `capacity` is 0;
-// the holder releases it with PAL_FREE.
+// A growing byte buffer. While packing, `length` is the number of used bytes. While unpacking, it
+// is the read position, and `capacity` the number of readable bytes. `data` is null while
+// `capacity` is 0; the owner releases it with PAL_FREE.
 struct PAL_Buffer {
   unsigned char* data = nullptr;
   uint32_t capacity = 0;
   uint32_t length = 0;
 };
 
-// An array of `length` elements with room for `capacity`, as the pack operations see it.
+// An array of `length` elements with room for `capacity`, for the pack operations.
 struct PAL_Array {
   void* data = nullptr;
   uint32_t capacity = 0;
@@ -167,22 +165,22 @@ enum PAL_PackKind : uint32_t {
   PAL_PACK_END = 6,
 };
 
-// One item of a type description: what stands here, and how many bytes further in the structure
-// the next item stands. Behind the last item's step the next structure begins.
+// One item of a type description: the kind of the item, and its distance in bytes to the next item
+// in the structure. The step of the last item leads to the next structure.
 struct PAL_PackType {
   uint32_t kind;
   uint32_t step;
 };
 
-// Appends `bytes` bytes to `buffer`. Without `types` they are copied from `source` as they are;
-// with `types`, `count` structures at `source` are packed in the byte order of the machine, and
-// `bytes` must be their packed size. False, with the buffer as it was, if it isn't, or if the
-// buffer would pass 32 bits.
+// Appends `bytes` bytes to `buffer`. Without `types` they are copied from `source`. With `types`,
+// `count` structures at `source` are packed in host byte order, and `bytes` must be their packed
+// size. False, with the buffer unchanged, if it isn't, or if the buffer's size would exceed 32
+// bits.
 [[nodiscard]] bool PAL_Pack(const void* source, const PAL_PackType* types, size_t count,
                             size_t bytes, PAL_Buffer& buffer);
 
 // The reverse of PAL_Pack, from the buffer's read position, which advances. False, with nothing
-// read, if `bytes` isn't the packed size or the buffer doesn't hold that much.
+// read, if `bytes` isn't the packed size or the buffer doesn't have that many bytes.
 [[nodiscard]] bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t bytes,
                               PAL_Buffer& buffer);
 
@@ -190,16 +188,18 @@ struct PAL_PackType {
 [[nodiscard]] bool PAL_PackArray(const PAL_Array& array, const PAL_PackType* types, size_t itemSize,
                                  PAL_Buffer& buffer);
 
-// Reads what PAL_PackArray wrote; reallocates `array` if its capacity is too small. False, with the
-// array and the position as they were, if the buffer doesn't hold what its count promises.
+// The reverse of PAL_PackArray; reallocates `array` if its capacity is too small. False, with array
+// and position unchanged, if the buffer has fewer elements than its count says.
 [[nodiscard]] bool PAL_UnpackArray(PAL_Array& array, const PAL_PackType* types, size_t itemSize,
                                    PAL_Buffer& buffer);
 
-// Packs the 32-bit length with the closing zero, then the bytes; a null text has length 0.
+// Packs the 32-bit length of the text including its terminating zero, then the bytes; a null text
+// has length 0.
 [[nodiscard]] bool PAL_PackString(const char* text, PAL_Buffer& buffer);
 
-// The text at the read position, in place, or null for a null text and for one that isn't whole.
+// The text at the read position, in place. Null for a null text or an incomplete one.
 [[nodiscard]] const char* PAL_UnpackString(PAL_Buffer& buffer);
 
-// Releases what `pointer` holds and fills it with a heap copy of the text, or null for length 0.
+// Releases the block at `pointer` and sets `pointer` to a heap copy of the text, or to null for
+// length 0.
 void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer);

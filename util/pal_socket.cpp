@@ -1,4 +1,4 @@
-// Endpoints and socket pairs over the system's calls.
+// Creates endpoints and socket pairs. See pal_socket.h.
 #include "util/pal_socket.h"
 
 #include <arpa/inet.h>
@@ -19,9 +19,9 @@
 
 namespace {
 
-constexpr uint16_t FIRST_PORT = 1025;  // 1024 is left alone
-constexpr uint16_t PORT_LIMIT = 65535;
-constexpr const char* LOOPBACK = "127.0.0.1";
+constexpr uint16_t kFirstPort = 1025;  // 1024 isn't used
+constexpr uint16_t kPortLimit = 65535;
+constexpr const char* kLoopback = "127.0.0.1";
 
 struct AddressFree {
   void operator()(addrinfo* list) const { freeaddrinfo(list); }
@@ -53,7 +53,7 @@ class Descriptor {
   int number_;
 };
 
-// 0, or the code of getaddrinfo.
+// Returns 0, or the error code of getaddrinfo.
 int Resolve(const char* name, AddressList& list) {
   addrinfo hints = {};
   hints.ai_family = AF_INET;
@@ -92,8 +92,7 @@ bool FindHost(const char* hostname, Host& host) {
   return FindLocalHost(host);
 }
 
-// The address under which others may reach the host: its first that isn't the loopback, else its
-// name.
+// The address of the host for others: its first one that isn't the loopback address, or its name.
 std::string ContactHost(const Host& host) {
   for (const addrinfo* entry = host.addresses.get(); entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_family != AF_INET) continue;
@@ -101,17 +100,17 @@ std::string ContactHost(const Host& host) {
     std::memcpy(&address, entry->ai_addr, sizeof address);
     char text[INET_ADDRSTRLEN];
     if (inet_ntop(AF_INET, &address.sin_addr, text, sizeof text) == nullptr) continue;
-    if (std::strcmp(text, LOOPBACK) != 0) return text;
+    if (std::strcmp(text, kLoopback) != 0) return text;
   }
   return host.name;
 }
 
-// The first port that could be bound, or 0 with errno.
+// Binds to the first free port and returns it, or 0 with errno.
 uint16_t BindFreePort(int descriptor) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_ANY);
-  for (uint16_t port = FIRST_PORT; port < PORT_LIMIT; ++port) {
+  for (uint16_t port = kFirstPort; port < kPortLimit; ++port) {
     address.sin_port = htons(port);
     if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
       return port;
@@ -144,7 +143,7 @@ int PAL_SocketListen(int process, int backlog, const char* hostname, std::string
   const uint16_t port = BindFreePort(descriptor.get());
   if (port == 0) {
     PAL_Error("cannot bind to any port between 1024 and %u, last error was: bind(): %s",
-              unsigned{PORT_LIMIT}, std::strerror(errno));
+              unsigned{kPortLimit}, std::strerror(errno));
     return 1;
   }
   if (listen(descriptor.get(), backlog) != 0) {

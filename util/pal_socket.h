@@ -1,8 +1,8 @@
-// The endpoint through which the peers of a process could reach it.
+// Creates the endpoint through which the peers of a process could connect to it.
 //
-// A listening TCP socket on a free port with a contact string that names it, and pairs of
-// connected sockets. Sending, receiving and accepting have no caller in a group of one. Failures
-// are told through pal_error.
+// That is a listening TCP socket on a free port, with a contact string that identifies it, or one
+// of a pair of connected sockets. Sending, receiving and accepting don't exist, because a group of
+// one process has no use for them. Failures are reported through pal_error.
 #pragma once
 
 #include <cstddef>
@@ -17,16 +17,16 @@ struct PAL_Socket {
   uint32_t token;  // authorisation token of an endpoint, 0 for a pair
 };
 
-// Opens an endpoint for process number `process` on the first free port from 1025 up. `hostname`
-// may be null for the machine's own name. Fills `contact` with "process:port_token@host" and
+// Opens an endpoint for process number `process` on the first free port from 1025 on. A null
+// `hostname` means the machine's own name. Sets `contact` to "process:port_token@host", and
 // `socket`, which the caller releases with PAL_SocketClose. 0, or 1 after one error message, with
 // an empty contact and a null socket.
 [[nodiscard]] int PAL_SocketListen(int process, int backlog, const char* hostname,
                                    std::string& contact, PAL_Socket*& socket);
 
-// Two connected sockets, released one by one with PAL_SocketClose. 0, or 1 after one error message,
-// with both null.
+// Creates two connected sockets. The caller releases each with PAL_SocketClose. 0, or 1 after one
+// error message, with both null.
 [[nodiscard]] int PAL_SocketPair(PAL_Socket* (&sockets)[2]);
 
-// Closes the descriptor unless it is -1 and releases the record; a null socket is allowed.
+// Closes the descriptor unless it is -1, and frees `socket`, which may be null.
 void PAL_SocketClose(PAL_Socket* socket);

@@ -1,7 +1,7 @@
-// A stack for functions so short that the registers they save count.
+// A stack of trivially copyable items, for short functions on hot paths.
 //
-// Where a vector's growth is inlined, or its push_back() called, the function around it saves six
-// registers that it mostly has no use for.
+// With a std::vector, whose growth is inlined or whose push_back() is called, the calling function
+// saves six registers that it doesn't need in most calls. Here the growth is a function of its own.
 #pragma once
 
 #include <algorithm>
@@ -26,11 +26,11 @@ class PAL_Stack {
   }
 
   void push(T item) {
-    if (size_ == room_) [[unlikely]]
+    if (size_ == capacity_) [[unlikely]]
       grow();
     items_[size_++] = item;
   }
-  // REQUIRES, as top(): not empty.
+  // REQUIRES, also for top(): the stack isn't empty.
   void pop() { --size_; }
   [[nodiscard]] T& top() { return items_[size_ - 1]; }
 
@@ -44,18 +44,18 @@ class PAL_Stack {
   void swap(PAL_Stack& other) {
     std::swap(items_, other.items_);
     std::swap(size_, other.size_);
-    std::swap(room_, other.room_);
+    std::swap(capacity_, other.capacity_);
   }
   [[gnu::noinline, gnu::cold]] void grow() {
     constexpr size_t kFirst = 4;
-    const size_t room = std::max(kFirst, 2 * room_);
-    auto larger = std::make_unique_for_overwrite<T[]>(room);
+    const size_t capacity = std::max(kFirst, 2 * capacity_);
+    auto larger = std::make_unique_for_overwrite<T[]>(capacity);
     std::copy(begin(), end(), larger.get());
     items_ = std::move(larger);
-    room_ = room;
+    capacity_ = capacity;
   }
 
   std::unique_ptr<T[]> items_;
   size_t size_ = 0;
-  size_t room_ = 0;
+  size_t capacity_ = 0;
 };

@@ -1,4 +1,4 @@
-// Character tables and formatting. Owns the tables; knows no locale.
+// Implements the character tables and formatting. Owns the tables.
 #include "util/pal_strings.h"
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t FIRST_BUFFER_BYTES = 1024;
+constexpr size_t kFirstBufferBytes = 1024;
 
 struct CharacterTables {
   std::array<unsigned char, 256> upper = {};
@@ -15,7 +15,7 @@ struct CharacterTables {
   std::array<bool, 256> space = {};
 };
 
-constexpr CharacterTables TABLES = [] {
+constexpr CharacterTables kTables = [] {
   CharacterTables tables;
   for (size_t c = 0; c < 256; ++c) {
     const bool lower = c >= 'a' && c <= 'z';
@@ -32,7 +32,7 @@ constexpr size_t Index(char c) { return static_cast<unsigned char>(c); }
 
 int PAL_StrCaseCmp(const char* a, const char* b) {
   for (;; ++a, ++b) {
-    const int difference = TABLES.upper[Index(*a)] - TABLES.upper[Index(*b)];
+    const int difference = kTables.upper[Index(*a)] - kTables.upper[Index(*b)];
     if (difference != 0 || *a == '\0') return difference;
   }
 }
@@ -40,14 +40,14 @@ int PAL_StrCaseCmp(const char* a, const char* b) {
 int PAL_IsDigits(const char* text) {
   if (*text == '\0') return 0;
   for (; *text != '\0'; ++text) {
-    if (!TABLES.digit[Index(*text)]) return 0;
+    if (!kTables.digit[Index(*text)]) return 0;
   }
   return 1;
 }
 
-bool PAL_IsSpace(char c) { return TABLES.space[Index(c)]; }
+bool PAL_IsSpace(char c) { return kTables.space[Index(c)]; }
 
-char PAL_ToUpper(char c) { return static_cast<char>(TABLES.upper[Index(c)]); }
+char PAL_ToUpper(char c) { return static_cast<char>(kTables.upper[Index(c)]); }
 
 const char* PAL_BaseName(const char* path) {
   const char* separator = std::strrchr(path, '/');
@@ -56,13 +56,13 @@ const char* PAL_BaseName(const char* path) {
 }
 
 std::string PAL_Printable(std::string_view text) {
-  static constexpr char DIGITS[] = "0123456789abcdef";
+  static constexpr char kDigits[] = "0123456789abcdef";
   std::string result;
   result.reserve(text.size());
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte == 0x7f) {
-      result += {'\\', 'x', DIGITS[byte >> 4], DIGITS[byte & 15]};
+      result += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
     } else {
       result += c;
     }
@@ -71,13 +71,12 @@ std::string PAL_Printable(std::string_view text) {
 }
 
 std::string PAL_vasprintf(const char* format, va_list arguments) {
-  std::string text(FIRST_BUFFER_BYTES, '\0');
+  std::string text(kFirstBufferBytes, '\0');
   for (;;) {
     va_list copy;
     va_copy(copy, arguments);
     const int result = std::vsnprintf(text.data(), text.size(), format, copy);
     va_end(copy);
-    // A larger buffer would not help a format that the library refuses.
     if (result < 0) return format;
     const auto length = static_cast<size_t>(result);
     const bool whole = length < text.size();

@@ -1,4 +1,4 @@
-// Working directory, files, time and chance.
+// Implements the helpers for files, directories, time and random numbers. See pal_util.h.
 #include "util/pal_util.h"
 
 #include <fcntl.h>
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr size_t CWD_STEP_BYTES = 256;
-constexpr size_t READ_BYTES = 65536;
+constexpr size_t kCwdStepBytes = 256;
+constexpr size_t kReadBytes = 65536;
 
 bool IsDot(const char* directory) {
   return std::strcmp(directory, ".") == 0 || std::strcmp(directory, "./") == 0;
@@ -34,7 +34,7 @@ uint32_t ReadRandom() {
 }
 
 uint32_t MixedRand() {
-  // Weak, but only for a system without a better source.
+  // Weak, but only used on a system without a better source.
   // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp)
   const auto part = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t value = part() << 24;
@@ -46,7 +46,7 @@ uint32_t MixedRand() {
 }  // namespace
 
 std::optional<std::string> PAL_GetCwd() {
-  for (size_t size = CWD_STEP_BYTES;; size += CWD_STEP_BYTES) {
+  for (size_t size = kCwdStepBytes;; size += kCwdStepBytes) {
     std::string buffer(size, '\0');
     if (getcwd(buffer.data(), size - 1) != nullptr) {
       buffer.resize(std::strlen(buffer.c_str()));
@@ -90,8 +90,8 @@ std::string PAL_PathInDir(const char* directory, const std::string& path) {
 
 int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode) {
   if (directory != nullptr && directory[0] != '\0' && path[0] != '/' && !IsDot(directory)) {
-    // An evicted descriptor is opened again by its path from wherever the process then is, so the
-    // path has to hold without the change of directory. It also saves that change.
+    // An evicted descriptor is opened again by its path in the working directory of that moment, so
+    // the path must include the directory. That also saves changing the working directory.
     const int descriptor = Vfd_Open(PAL_PathInDir(directory, path).c_str(), flags, mode);
     if (descriptor >= 0) return descriptor;
   }
@@ -121,8 +121,8 @@ std::optional<std::string> PAL_ReadFile(const char* path) {
   size_t length = 0;
   ssize_t count;
   do {
-    data.resize(length + READ_BYTES);
-    count = Vfd_Read(descriptor, data.data() + length, READ_BYTES);
+    data.resize(length + kReadBytes);
+    count = Vfd_Read(descriptor, data.data() + length, kReadBytes);
     if (count > 0) length += static_cast<size_t>(count);
   } while (count > 0);
   const int saved = errno;

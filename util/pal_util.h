@@ -1,7 +1,7 @@
-// Files, directories, time and chance: small helpers over the system's calls.
+// Helpers for files, directories, time and random numbers.
 //
-// Whole files are read, and files in another directory are opened, through vfd. Changing the
-// working directory concerns the whole process for the time of one call.
+// Files are opened and read through vfd. A call with another directory changes the working
+// directory of the whole process while it runs.
 #pragma once
 
 #include <sys/types.h>
@@ -14,9 +14,9 @@
 // The working directory, or nothing (with errno) if it can't be read.
 [[nodiscard]] std::optional<std::string> PAL_GetCwd();
 
-// Holds the process in `directory` and takes it back at the end of the scope. Does nothing if
-// `directory` is null or already the working directory. A failure is reported by PAL_Error and
-// leaves the process where it is. The destructor keeps errno.
+// Changes the working directory to `directory` until the end of the scope. Does nothing if
+// `directory` is null or already the working directory. If it can't be changed, that is reported by
+// PAL_Error. The destructor keeps errno.
 class PAL_DirectoryScope {
  public:
   explicit PAL_DirectoryScope(const char* directory);
@@ -28,29 +28,29 @@ class PAL_DirectoryScope {
   std::optional<std::string> previous_;
 };
 
-// Runs call() in `directory` and returns its result; a directory that can't be entered is
-// reported, and the call runs all the same where the process is.
+// Runs call() in `directory` and returns its result. If the directory can't be entered, that is
+// reported, and call() runs in the current working directory.
 template <class F>
 auto PAL_InDir(const char* directory, F&& call) {
   PAL_DirectoryScope scope(directory);
   return std::forward<F>(call)();
 }
 
-// `path` as it counts from `directory`; as it is if that is null or the path absolute.
+// `path` relative to `directory`; unchanged if that is null or `path` is absolute.
 [[nodiscard]] std::string PAL_PathInDir(const char* directory, const std::string& path);
 
-// Opens `path`, which counts from `directory` if that isn't null; a virtual descriptor, or -1 and
-// errno. The descriptor finds its file again after an eviction.
+// Opens `path`, which is relative to `directory` unless that is null. Returns a virtual descriptor,
+// or -1 with errno. The descriptor can be opened again after an eviction.
 [[nodiscard]] int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode);
 
-// remove() of `path` in `directory`.
+// Removes `path`, which is relative to `directory`, like remove().
 int PAL_RemoveInDir(const char* directory, const char* path);
 
-// 1 if `path` is a directory, else 0. `error`, if not null, receives 1 when the test failed for
-// another reason than a missing file, else 0.
+// 1 if `path` is a directory, else 0. `error`, if not null, receives 1 if stat() failed for another
+// reason than a missing file, else 0.
 [[nodiscard]] int PAL_IsDir(const char* path, int* error);
 
-// The size in bytes, 0 if it can't be told.
+// The size of the file in bytes, 0 if it isn't known.
 [[nodiscard]] uint64_t PAL_FileSize(const char* path);
 
 // All bytes of a file, or nothing (with errno) if it can't be read.
@@ -64,5 +64,5 @@ int PAL_System(const char* command);
 
 // A nonzero number from the system's source of randomness.
 [[nodiscard]] uint32_t PAL_RandomSeed();
-// 64 bits of it.
+// 64 bits from the same source.
 [[nodiscard]] uint64_t PAL_RandomSeed64();

@@ -1,8 +1,8 @@
-// The descriptor table, the making of room, and the calls themselves.
+// Implements the descriptor table, closing files to make room, and the calls.
 //
-// Which file is closed to make room follows from an order of use: all operating-system descriptors
-// that could be opened again hang on one list, the least recently used first. So making room costs
-// what it frees (and the pinned entries it steps over), however many files there are.
+// All operating-system descriptors that can be opened again are in one list, the least recently
+// used first, in which files to close are found. So the time for making room depends only on the
+// number of files that are closed, and of pinned ones before them in the list.
 #include "util/vfd.h"
 
 #include <fcntl.h>
@@ -38,24 +38,23 @@ namespace {
 struct VfdEntry;
 struct VfdFile;
 
-// The two neighbours of an entry on one of the lists it can be on.
+// The two neighbours of an entry in one of the lists that it can be in.
 struct Link {
   VfdEntry* previous = nullptr;
   VfdEntry* next = nullptr;
 };
 
-// One virtual descriptor. Its number is its place in the table, for ever. An entry with fd -1 has a
-// file.
+// One virtual descriptor. Its number is its index in the table. An entry with fd -1 has a file.
 struct VfdEntry {
   Link sibling;  // all entries of a file, the newest first
-  Link open;     // those of them that have an fd
+  Link open;     // all entries of a file with an fd
   Link age;      // all entries with a file and an fd, the least recently used first
   bool inUse = false;
   int fd = -1;
-  int pinCount = 0;         // operations under way and explicit pins
-  int closeError = 0;       // errno of a close that made room, until a call tells it
-  VfdFile* file = nullptr;  // how to open it again; null if that can't be done
-  off_t offset = 0;         // position at the time of closing
+  int pinCount = 0;         // running operations and explicit pins
+  int closeError = 0;       // errno of a close that made room, until a call returns it
+  VfdFile* file = nullptr;  // how to open it again; null if that isn't possible
+  off_t offset = 0;         // position when it was closed
 };
 
 // A doubly linked list through one of the links of its entries.
@@ -84,7 +83,7 @@ struct List {
 
 struct VfdFile {
   std::string path;
-  int flags = 0;  // for opening it again: can neither truncate nor create
+  int flags = 0;  // for opening it again, without truncating or creating
   mode_t mode = 0;
   List<&VfdEntry::sibling> entries;
   List<&VfdEntry::open> openEntries;  // these share one file position
@@ -93,23 +92,23 @@ struct VfdFile {
 struct VfdTable {
   std::mutex mutex;
   std::deque<VfdEntry> entries;  // by descriptor; an entry keeps its address
-  std::vector<int> freeEntries;  // the last one is handed out first
+  std::vector<int> freeEntries;  // the last one is used first
   List<&VfdEntry::age> byAge;
 };
 
-// Never destroyed: files may still be written while the process ends.
+// Never destroyed, because files may still be written while the process ends.
 VfdTable& table() {
   static VfdTable* const instance = new VfdTable;
   return *instance;
 }
 
-// After a signal, Linux has closed the descriptor all the same.
+// Closes a descriptor. EINTR isn't an error: Linux has closed the descriptor then.
 int closeFd(int fd) {
   const int result = Vfd_systemCalls.close(fd);
   return result != 0 && errno == EINTR ? 0 : result;
 }
 
-// --- under the mutex from here to `unpin`
+// --- functions that are called with the mutex held ----------------------------------------------
 
 VfdEntry* find(VfdTable& t, int descriptor) {
   if (descriptor < 0 || static_cast<size_t>(descriptor) >= t.entries.size() ||
@@ -143,15 +142,16 @@ void markUsed(VfdTable& t, VfdEntry* entry) {
   }
 }
 
-// Closes the entry's descriptor, to be opened again later. False if nothing could be closed; a pipe
-// or terminal has no position to come back to and stays.
+// Closes the entry's descriptor, which can be opened again later. False for a pipe or terminal,
+// which has no position to restore and stays open.
 bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   const off_t offset = Vfd_systemCalls.lseek(entry->fd, 0, SEEK_CUR);
   if (offset < 0) return false;
   const int fd = entry->fd;
   entry->offset = offset;
   clearFd(t, entry);
-  // A close that fails has given the descriptor back, and lost data. The next call will tell.
+  // A close that fails releases the descriptor, but data may be lost. The next call returns its
+  // errno.
   if (closeFd(fd) == 0) {
     ++*succeeded;
   } else {
@@ -160,7 +160,7 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   return true;
 }
 
-// Closes a tenth of the table. False if nothing could be closed.
+// Closes as many files as a tenth of the table has entries. False if nothing could be closed.
 bool makeRoom(VfdTable& t) {
   const size_t target = std::max<size_t>(t.entries.size() / 10, 1);
   size_t succeeded = 0;
@@ -173,8 +173,8 @@ bool makeRoom(VfdTable& t) {
   return any;
 }
 
-// Runs a step that yields a new operating-system descriptor, and makes room for it as often as that
-// is what it lacks. errno is untouched on success.
+// Runs a step that creates an operating-system descriptor. As long as it fails with EMFILE, makes
+// room and repeats it. errno is unchanged on success.
 template <class Step>
 int withRoom(VfdTable& t, Step&& step) {
   const int savedErrno = errno;
@@ -201,7 +201,7 @@ int openWithRoom(VfdTable& t, const char* path, int flags, mode_t mode) {
   return withRoom(t, [=] { return Vfd_systemCalls.open(path, flags, mode); });
 }
 
-// A new entry on `file` (which may be null), with no descriptor yet.
+// Creates an entry for `file` (which may be null), without an operating-system descriptor.
 VfdEntry* newEntry(VfdTable& t, VfdFile* file, off_t offset, int* descriptor) {
   if (t.freeEntries.empty()) {
     t.freeEntries.push_back(static_cast<int>(t.entries.size()));
@@ -218,8 +218,8 @@ VfdEntry* newEntry(VfdTable& t, VfdFile* file, off_t offset, int* descriptor) {
   return entry;
 }
 
-// Gives an entry its descriptor back: a duplicate of an open sibling's, or the file opened anew.
-bool bringBack(VfdTable& t, VfdEntry* entry) {
+// Gives an entry a descriptor again: a duplicate of an open sibling's, or by opening the file.
+bool reopen(VfdTable& t, VfdEntry* entry) {
   VfdFile* const file = entry->file;
   VfdEntry* const sibling = file->openEntries.first;
   int fd = -1;
@@ -242,9 +242,9 @@ bool bringBack(VfdTable& t, VfdEntry* entry) {
   return true;
 }
 
-// --- end of the part under the mutex
+// --- functions that take the mutex themselves ---------------------------------------------------
 
-// The entry, open, in use now and pinned; null with errno if that can't be had.
+// The entry, opened if necessary, marked as used and pinned; null with errno on failure.
 VfdEntry* acquire(VfdTable& t, int descriptor, int* fd) {
   const std::lock_guard lock(t.mutex);
   VfdEntry* const entry = find(t, descriptor);
@@ -254,7 +254,7 @@ VfdEntry* acquire(VfdTable& t, int descriptor, int* fd) {
     entry->closeError = 0;
     return nullptr;
   }
-  if (entry->fd < 0 && !bringBack(t, entry)) return nullptr;
+  if (entry->fd < 0 && !reopen(t, entry)) return nullptr;
   markUsed(t, entry);
   ++entry->pinCount;
   *fd = entry->fd;
@@ -266,7 +266,7 @@ void unpin(VfdTable& t, VfdEntry* entry) {
   if (entry->pinCount > 0) --entry->pinCount;
 }
 
-// Runs `call` on the operating-system descriptor, which stays open meanwhile.
+// Runs call(fd) with the operating-system descriptor, which isn't closed while it runs.
 template <class Call>
 auto withFd(int descriptor, Call&& call) -> decltype(call(0)) {
   VfdTable& t = table();
@@ -278,7 +278,7 @@ auto withFd(int descriptor, Call&& call) -> decltype(call(0)) {
   return result;
 }
 
-// Repeats `transfer`(bytes done so far) until `bytes` are done, the file ends, or it fails.
+// Repeats transfer(bytes done so far) until `bytes` bytes are done, the file ends, or it fails.
 template <class Transfer>
 size_t transferFully(size_t bytes, Transfer&& transfer) {
   const int savedErrno = errno;
@@ -294,8 +294,8 @@ size_t transferFully(size_t bytes, Transfer&& transfer) {
   return done;
 }
 
-// Waits until a pipe or terminal that takes nothing at the moment can be written. Fails with EINTR,
-// for another try.
+// Waits until a pipe or terminal can be written. Returns -1 with errno EINTR, so that the write is
+// repeated.
 ssize_t waitUntilWritable(int descriptor) {
   withFd(descriptor, [](int fd) {
     pollfd wanted{.fd = fd, .events = POLLOUT, .revents = 0};
@@ -305,8 +305,9 @@ ssize_t waitUntilWritable(int descriptor) {
   return -1;
 }
 
-// The result of a write as transferFully takes it: one that takes nothing would be tried for ever.
-ssize_t judgeWrite(int descriptor, ssize_t count) {
+// Converts the result of a write for transferFully. A write of 0 bytes becomes the error EIO, and
+// one that would block is repeated after waiting.
+ssize_t writeResult(int descriptor, ssize_t count) {
   if (count == 0) errno = EIO;
   return count < 0 && errno == EAGAIN ? waitUntilWritable(descriptor) : count;
 }
@@ -323,8 +324,8 @@ int Vfd_Open(const char* path, int flags, mode_t mode) {
   if (fd < 0) return -1;
 
   const int savedErrno = errno;
-  // Appending goes on at the position in force when the file was last closed, so that has to be the
-  // end even if nothing was appended before.
+  // A file that is opened again continues at its position, without O_APPEND. So the position of an
+  // append-only file must be its end even before the first write.
   const bool appendOnly = (flags & O_APPEND) != 0 && (flags & O_ACCMODE) == O_WRONLY;
   const off_t start = appendOnly ? Vfd_systemCalls.lseek(fd, 0, SEEK_END) : 0;
   errno = savedErrno;
@@ -426,8 +427,8 @@ int Vfd_Stat(int descriptor, struct stat* info) {
 
 size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes) {
   return transferFully(bytes, [=](size_t done) {
-    return judgeWrite(descriptor,
-                      Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done));
+    return writeResult(
+        descriptor, Vfd_Write(descriptor, static_cast<const char*>(buffer) + done, bytes - done));
   });
 }
 
@@ -440,8 +441,8 @@ size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset) 
 
 size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes, off_t offset) {
   return transferFully(bytes, [=](size_t done) {
-    return judgeWrite(descriptor, Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done,
-                                             bytes - done, offset + static_cast<off_t>(done)));
+    return writeResult(descriptor, Vfd_PWrite(descriptor, static_cast<const char*>(buffer) + done,
+                                              bytes - done, offset + static_cast<off_t>(done)));
   });
 }
 

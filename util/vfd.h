@@ -1,15 +1,13 @@
-// Virtual file descriptors: as many open files as the caller likes.
+// Virtual file descriptors, of which more can be open than the system allows.
 //
-// A virtual descriptor is a small integer that stays valid whether or not an operating-system
-// descriptor stands behind it. Files are opened until the kernel says EMFILE; then the least
-// recently used tenth of them is closed, and each comes back by itself, at its old position, on its
-// next use. A relative path is resolved again at that moment, against the working directory of
-// then.
+// A virtual descriptor is a small integer that stays valid while its operating-system descriptor is
+// closed. Files are opened until the kernel returns EMFILE; then the least recently used tenth of
+// them is closed. A closed file is opened again at its old position on its next use. A relative
+// path is then resolved against the working directory of that moment.
 //
-// Every file of the storage layer goes through here (klt/klt_io, util/pal_util). The calls behave
-// as their POSIX namesakes and fail as they do, with -1 and errno; EBADF for an unknown descriptor.
-// All calls may be made from any thread. One mutex guards the table; it isn't held while a read or
-// write runs.
+// All files of klt/storage and util/pal_util are opened here. The calls behave like the POSIX calls
+// of the same name and fail like them, with -1 and errno; EBADF for an unknown descriptor. They may
+// be made from any thread. One mutex guards the table; it isn't held during a read or write.
 #pragma once
 
 #include <sys/stat.h>
@@ -17,22 +15,22 @@
 
 #include <cstddef>
 
-// A new descriptor for `path`. EMFILE if no other file could be closed to make room for it.
-// The file is close-on-exec.
+// Opens `path` and returns a new descriptor. EMFILE if no other file could be closed to make room
+// for it. The file is close-on-exec.
 [[nodiscard]] int Vfd_Open(const char* path, int flags, mode_t mode);
 
-// A new descriptor on a duplicate of the operating-system descriptor `osDescriptor`, which stays
-// the caller's. It is never closed to make room. EINVAL if the argument is negative.
+// A new descriptor for a duplicate of the operating-system descriptor `osDescriptor`, which the
+// caller keeps. The duplicate is never closed to make room. EINVAL if the argument is negative.
 [[nodiscard]] int Vfd_Adopt(int osDescriptor);
 
-// A new descriptor on the same file. For a file opened by Vfd_Open it costs no operating-system
-// descriptor until its first use; while any descriptor of the file is open, the next one to open
-// shares its position.
+// A new descriptor for the same file. For a file opened by Vfd_Open it uses no operating-system
+// descriptor before its first use. A descriptor that is opened while another one of the file is
+// open shares that one's position.
 [[nodiscard]] int Vfd_Dup(int descriptor);
 
-// Releases the descriptor, whose number is the next one handed out. -1 if the operating system
-// reports an error for this close, or reported one when the file was closed to make room and no
-// call has told it yet; the descriptor is gone in every case but EBADF.
+// Releases the descriptor, whose number is used for the next new one. -1 if the system reports an
+// error for this close, or reported one when the file was closed to make room and no call has
+// returned it yet. The descriptor is released in every case except EBADF.
 int Vfd_Close(int descriptor);
 
 [[nodiscard]] ssize_t Vfd_Read(int descriptor, void* buffer, size_t bytes);
@@ -42,22 +40,21 @@ int Vfd_Close(int descriptor);
 off_t Vfd_Seek(int descriptor, off_t offset, int whence);
 int Vfd_Stat(int descriptor, struct stat* info);
 
-// The same transfers carried on after signals and short counts, and, when a write would block, once
-// it can go on. The result is the number of bytes
-// transferred; it is below `bytes` only at the end of a file read, with errno 0, or after a
-// failure, with errno set. errno is untouched when all was transferred.
+// The same transfers, continued after signals and short counts, and after a write that would block.
+// They return the number of bytes transferred. It is below `bytes` only at the end of a file that
+// is read, with errno 0, or after a failure, with errno set. Otherwise errno is unchanged.
 [[nodiscard]] size_t Vfd_WriteFully(int descriptor, const void* buffer, size_t bytes);
 [[nodiscard]] size_t Vfd_PReadFully(int descriptor, void* buffer, size_t bytes, off_t offset);
 [[nodiscard]] size_t Vfd_PWriteFully(int descriptor, const void* buffer, size_t bytes,
                                      off_t offset);
 
-// With `on` nonzero adds one to the reasons that forbid closing the file to make room; with 0 takes
-// one away, if there is one. A file that is closed at that moment opens on its next use, and stays.
+// Increments (`on` nonzero) or decrements the number of pins of the descriptor, down to 0. A pinned
+// file isn't closed to make room. Pinning doesn't open a closed file; its next use does.
 int Vfd_Pin(int descriptor, int on);
 
-// The system calls behind all of the above, and the seam for tests: a test that wants the n-th call
-// to fail, or to be cut short, puts a function of its own into Vfd_systemCalls, and Vfd_osCalls
-// back after it. Change it only while no other thread is in this module.
+// The system calls that this module uses. Tests replace functions in Vfd_systemCalls to let the
+// n-th call fail or transfer less, and restore Vfd_osCalls afterwards. The table may only be
+// changed while no other thread uses this module.
 struct VfdSystemCalls {
   int (*open)(const char* path, int flags, mode_t mode);  // adds close-on-exec
   int (*dup)(int fd);                                     // the result is close-on-exec
