@@ -1,7 +1,7 @@
-// Triplet lists: parsing, counting, greedy compression and set algebra.
+// Implements parsing, counting, expansion, compression and set operations of triplet lists.
 //
-// The algebra works on arithmetic sections (see pal_triplets_sections.h). A set that would need
-// more than its budget is refused as invalid data, like an expansion that would be too large.
+// The set operations use arithmetic sections (see pal_triplets_sections.h). A set that would exceed
+// the budget is reported as invalid data, and so is an expansion that would be too large.
 #include "util/triplets/pal_triplets.h"
 
 #include <algorithm>
@@ -24,19 +24,19 @@ using pal::makeSet;
 using pal::Operation;
 using pal::Section;
 using pal::Sections;
-using pal::testedSections;
+using pal::validSections;
 
 constexpr char kInvalidData[] = "Invalid triplet data.\n";
 constexpr char kStrideZero[] = "Wrong triplet syntax, stride == 0, ignoring triplet.\n";
 
-// testedSections of a list whose numbers are walked: invalid entries are reported, and an inverted
-// one spoils the list.
-Sections walkedSections(PAL_TripletSpan list) {
+// The valid sections of a list. Invalid entries are reported, and an inverted one makes the result
+// empty.
+Sections checkedSections(PAL_TripletSpan list) {
   if (std::any_of(list.begin(), list.end(), pal::isInverted)) {
     PAL_Error(kInvalidData);
     return {};
   }
-  Sections sections = testedSections(list);
+  Sections sections = validSections(list);
   if (sections.empty()) return sections;
   for (size_t i = sections.size(); i < list.size(); i++) PAL_Error(kStrideZero);
   return sections;
@@ -46,7 +46,7 @@ struct Sets {
   Sections x, y;
 };
 
-// The sets of two lists given as sections, or nothing when the budget ran out.
+// The sets of two lists of sections; nothing if the budget is exceeded.
 std::optional<Sets> makeSets(const Sections& a, const Sections& b, Budget& budget) {
   std::optional<Sections> x = makeSet(a, budget);
   std::optional<Sections> y = x ? makeSet(b, budget) : std::nullopt;
@@ -54,7 +54,7 @@ std::optional<Sets> makeSets(const Sections& a, const Sections& b, Budget& budge
   return Sets{std::move(*x), std::move(*y)};
 }
 
-// The same with the whole budget; that it ran out is reported.
+// The sets of two lists of sections; nothing, after a report, if the default budget is exceeded.
 std::optional<Sets> makeSetsOrReport(const Sections& a, const Sections& b) {
   Budget budget;
   std::optional<Sets> sets = makeSets(a, b, budget);
@@ -62,30 +62,32 @@ std::optional<Sets> makeSetsOrReport(const Sections& a, const Sections& b) {
   return sets;
 }
 
-// The result of an operation on two lists given as sections, or nothing when the budget ran out.
+// The result of an operation on two lists of sections; nothing if the budget is exceeded.
 std::optional<PAL_Triplets> combine(Operation operation, const Sections& a, const Sections& b,
                                     Budget budget = {}) {
   const std::optional<Sets> sets = makeSets(a, b, budget);
   return sets ? pal::combineSets(operation, sets->x, sets->y, budget) : std::nullopt;
 }
 
-// What an operation gives whose budget may have run out, which is reported.
-PAL_Triplets orReport(std::optional<PAL_Triplets>&& result) {
+// The result of an operation; empty, after a report, if the budget was exceeded.
+PAL_Triplets valueOrReport(std::optional<PAL_Triplets>&& result) {
   if (!result) PAL_Error(kInvalidData);
   return std::move(result).value_or(PAL_Triplets());
 }
 
-// The steps that two lists warrant by their sizes. Lists from files may interleave over the whole
-// range of numbers, while a user asks for few: where this budget runs out, sections are taken in
-// pairs. That costs the product of their numbers, but nothing for what isn't in both lists.
-constexpr Budget kCheap{.steps = 4096};
+// A small budget for the first attempt. Lists from files may interleave over the whole range of
+// numbers, while a user selects few: if this budget is exceeded, each pair of sections is compared.
+// That takes time proportional to the product of their numbers, but none for numbers that aren't in
+// both lists.
+constexpr Budget kSmallBudget{.steps = 4096};
 
 bool pairsAreFew(const Sections& a, const Sections& b) {
-  constexpr size_t kMostPairs = size_t{1} << 20;
-  return a.empty() || b.size() <= kMostPairs / a.size();
+  constexpr size_t kMaxPairs = size_t{1} << 20;
+  return a.empty() || b.size() <= kMaxPairs / a.size();
 }
 
-// The common numbers of each pair of sections that has any; stops when visit(section) is true.
+// Calls visit(section) with the common numbers of each pair of sections that has any, until it
+// returns true. Returns whether it did.
 template <class Visit>
 bool anyCommonPair(const Sections& a, const Sections& b, Visit&& visit) {
   for (const Section& x : a) {
@@ -107,7 +109,8 @@ std::optional<PAL_Triplets> intersectPairs(const Sections& a, const Sections& b)
   return combine(Operation::kUnite, pairs, {});
 }
 
-// Calls visit(x, y) for each pair of sections of two sets that share a stretch; stops on true.
+// Calls visit(x, y) for each pair of sections of two sets whose ranges overlap, until it returns
+// true. Returns whether it did.
 template <class Visit>
 bool anyOverlapping(const Sections& a, const Sections& b, Visit&& visit) {
   size_t i = 0;
@@ -134,7 +137,7 @@ int64_t largestCount(const Sections& sections) {
   return count;
 }
 
-// How many numbers two sets have in common: no set holds more than 2^32.
+// The number of numbers that two sets have in common, at most 2^32.
 int64_t countCommon(const Sections& a, const Sections& b) {
   int64_t count = 0;
   anyOverlapping(a, b, [&](const Section& x, const Section& y) {
@@ -144,8 +147,8 @@ int64_t countCommon(const Sections& a, const Sections& b) {
   return count;
 }
 
-// One piece of a triplet text: the letter N or digits. The piece is taken off `text`, with the
-// colons in front of it; no piece is left when the result is empty.
+// Removes the next piece (the letter N or digits) and the colons before it from `text`, and returns
+// the piece; empty if there is none.
 std::string_view nextPiece(std::string_view& text) {
   text.remove_prefix(std::min(text.find_first_not_of(':'), text.size()));
   const std::string_view piece = text.substr(0, text.find(':'));
@@ -246,32 +249,33 @@ bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number) {
 }
 
 PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b) {
-  const Sections x = walkedSections(a);
-  const Sections y = testedSections(b);
-  std::optional<PAL_Triplets> result = combine(Operation::kIntersect, x, y, kCheap);
+  const Sections x = checkedSections(a);
+  const Sections y = validSections(b);
+  std::optional<PAL_Triplets> result = combine(Operation::kIntersect, x, y, kSmallBudget);
   if (!result) result = intersectPairs(x, y);
   if (!result) result = combine(Operation::kIntersect, x, y);
-  return orReport(std::move(result));
+  return valueOrReport(std::move(result));
 }
 
 PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b) {
-  return orReport(combine(Operation::kUnite, walkedSections(a), walkedSections(b)));
+  return valueOrReport(combine(Operation::kUnite, checkedSections(a), checkedSections(b)));
 }
 
 PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b) {
-  return orReport(combine(Operation::kSubtract, walkedSections(a), testedSections(b)));
+  return valueOrReport(combine(Operation::kSubtract, checkedSections(a), validSections(b)));
 }
 
 bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* number) {
-  // Sections of `a` that share a stretch with many of `b` but no number are the slow case.
+  // The slow case is a section of `a` whose range overlaps with many of `b` without a common
+  // number.
   Budget budget;
-  const Sections walked = walkedSections(a);
-  const std::optional<Sections> set = makeSet(testedSections(b), budget);
+  const Sections sections = checkedSections(a);
+  const std::optional<Sections> set = makeSet(validSections(b), budget);
   if (!set) PAL_Error(kInvalidData);
-  if (!set || walked.empty()) return false;
+  if (!set || sections.empty()) return false;
 
   size_t entry = 0;
-  for (const Section& x : walked) {
+  for (const Section& x : sections) {
     while (a[entry].stride == 0) entry++;
     const bool down = a[entry++].stride < 0;
     auto from = std::partition_point(set->begin(), set->end(),
@@ -294,9 +298,9 @@ bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* numb
 }
 
 bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
-  const Sections x = walkedSections(a);
-  const Sections y = testedSections(b);
-  Budget budget = kCheap;
+  const Sections x = checkedSections(a);
+  const Sections y = validSections(b);
+  Budget budget = kSmallBudget;
   std::optional<Sets> sets = makeSets(x, y, budget);
   if (!sets && pairsAreFew(x, y)) {
     return anyCommonPair(x, y, [](const Section&) { return true; });
@@ -308,9 +312,9 @@ bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
 }
 
 bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b) {
-  const Sections x = walkedSections(a);
-  const Sections y = walkedSections(b);
-  // Neither can be equal to a set with fewer numbers than one of its sections has.
+  const Sections x = checkedSections(a);
+  const Sections y = checkedSections(b);
+  // Lists can't be equal if one has a section with more numbers than the other has in all.
   if (largestCount(x) > countNumbers(y) || largestCount(y) > countNumbers(x)) return false;
   const std::optional<Sets> sets = makeSetsOrReport(x, y);
   if (!sets) return false;
@@ -319,7 +323,7 @@ bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b) {
 }
 
 bool PAL_TripletsSubset(PAL_TripletSpan a, PAL_TripletSpan b) {
-  const std::optional<Sets> sets = makeSetsOrReport(testedSections(a), walkedSections(b));
+  const std::optional<Sets> sets = makeSetsOrReport(validSections(a), checkedSections(b));
   return sets && countCommon(sets->x, sets->y) == countNumbers(sets->y);
 }
 
@@ -342,24 +346,24 @@ PAL_Triplets PAL_TripletsFromParallel(size_t n, const int32_t* first, const int3
 }
 
 PAL_TripletSet::PAL_TripletSet(PAL_TripletSpan list) {
-  Sections sections = testedSections(list);
-  if (sections.size() > kWalked) {
-    // A set larger than its list by much isn't worth its memory in every stream.
+  Sections sections = validSections(list);
+  if (sections.size() > kMaxLinear) {
+    // The budget limits the size, because every stream has a set of its own.
     Budget budget{.maxSections = size_t{1} << 14, .steps = int64_t{1} << 22};
     if (std::optional<Sections> set = makeSet(sections, budget)) {
       sections = std::move(*set);
-      sorted_ = sections.size() > kWalked;
+      sorted_ = sections.size() > kMaxLinear;
     }
   }
-  stretches_.reserve(sections.size());
+  sections_.reserve(sections.size());
   for (const Section& s : sections) {
-    stretches_.push_back({static_cast<int32_t>(s.low), static_cast<uint32_t>(s.high - s.low),
-                          static_cast<uint32_t>(s.step)});
+    sections_.push_back({static_cast<int32_t>(s.low), static_cast<uint32_t>(s.high - s.low),
+                         static_cast<uint32_t>(s.step)});
   }
 }
 
 bool PAL_TripletSet::search(int32_t number) const {
-  const auto next = std::upper_bound(stretches_.begin(), stretches_.end(), number,
-                                     [](int32_t v, const Stretch& s) { return v < s.low; });
-  return next != stretches_.begin() && std::prev(next)->holds(number);
+  const auto next = std::upper_bound(sections_.begin(), sections_.end(), number,
+                                     [](int32_t v, const CompactSection& s) { return v < s.low; });
+  return next != sections_.begin() && std::prev(next)->contains(number);
 }

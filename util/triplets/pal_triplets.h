@@ -1,9 +1,9 @@
-// Sets of small numbers (threads, processes) as lists of first:last:stride triplets.
+// Operates on sets of small numbers (threads, processes) as lists of first:last:stride triplets.
 //
-// A list means the set of its numbers, in whatever order and however often they stand in it. Lists
-// come from files and from the command line, so nothing here trusts them: all arithmetic is 64-bit,
-// and no operation but PAL_TripletsExpand takes time or memory in proportion to the numbers that a
-// list stands for. The module has no state; it reports invalid data through pal_error.
+// A list represents the set of its numbers; their order and repetitions have no meaning. Lists come
+// from files and from the command line, so they aren't trusted: all arithmetic is 64-bit, and only
+// PAL_TripletsExpand takes time or memory proportional to the numbers in a list. The module has no
+// state; it reports invalid data through pal_error.
 #pragma once
 
 #include <cstddef>
@@ -11,9 +11,9 @@
 #include <span>
 #include <vector>
 
-// One section: `first`, `first + stride`, ... while the numbers don't pass `last`. A negative
-// stride counts down; a stride of 0 is invalid and stands for nothing, and so does a `last` on the
-// wrong side of `first`.
+// The numbers `first`, `first + stride`, ... that don't pass `last`. A negative stride counts down.
+// A triplet with a stride of 0 or with `last` on the wrong side of `first` is invalid and contains
+// no numbers.
 struct PAL_Triplet {
   int32_t first;
   int32_t last;
@@ -25,36 +25,39 @@ struct PAL_Triplet {
 using PAL_TripletSpan = std::span<const PAL_Triplet>;
 using PAL_Triplets = std::vector<PAL_Triplet>;
 
-// Largest number of numbers that PAL_TripletsExpand writes out.
+// The most numbers that PAL_TripletsExpand returns.
 inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 
-// Reads "first[:last[:stride]]" from the start of `text` up to white space. A piece is a decimal
-// number from 0 to 4294967295 (taken as a bit pattern) or the letter N, which stands for `n`.
-// Returns 1, or 0 for anything else; pieces in front of the bad one are written already.
+// Parses "first[:last[:stride]]" from the start of `text` to white space. A piece is a decimal
+// number from 0 to 4294967295 (taken as a bit pattern) or the letter N, which means `n`. Returns 1,
+// or 0 for other text; the pieces before an invalid one have been stored then.
 [[nodiscard]] int PAL_TripletParse(const char* text, int32_t n, int32_t* first, int32_t* last,
                                    int32_t* stride);
 
-// How many numbers the list writes out, repeated ones included; entries with stride 0 count
-// nothing. An entry that runs away from its `last`, or a sum above 4294967294, is an error:
-// reported, 0.
+// The number of numbers in the list, repeated ones included; entries with stride 0 count as 0. If
+// `last` of an entry is on the wrong side of `first`, or the sum is above 4294967294, that is
+// reported and the result is 0.
 [[nodiscard]] uint32_t PAL_TripletsCount(PAL_TripletSpan list);
 
-// The numbers in list order. Entries with stride 0 are reported and skipped. Invalid data or more
-// than PAL_TRIPLETS_MAX_EXPANSION numbers: reported, empty.
+// The numbers in list order. Entries with stride 0 are reported and skipped. Other invalid entries,
+// or more than PAL_TRIPLETS_MAX_EXPANSION numbers, are reported and the result is empty.
 [[nodiscard]] std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list);
 
-// The greedy description of `numbers` in the order given, or in ascending order with `sort`; equal
-// neighbours count once. 1 2 3 7 9 11 gives 1:3:1 7:11:2.
+// Compresses `numbers` greedily to triplets, in the given order, or in ascending order with `sort`.
+// Equal neighbours count once. 1 2 3 7 9 11 gives 1:3:1 7:11:2.
 [[nodiscard]] PAL_Triplets PAL_TripletsCompress(std::span<const int32_t> numbers, bool sort);
 
-// Whether `number` is in the list. Walks the list; for a test per record see PAL_TripletSet.
+// Whether `number` is in the list. Takes time linear in the list; for a test per record see
+// PAL_TripletSet.
 [[nodiscard]] bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number);
 
-// Set algebra. Results are sorted and what PAL_TripletsCompress gives for the sorted numbers. The
-// operand whose numbers are walked (`a`; both in a union; `b` in a subset) reports entries with
-// stride 0 and skips them; an entry that runs away from its `last` is reported and makes it empty.
-// In the other operand such entries just hold nothing. Lists whose strides interleave without end
-// (more than 2^20 sections or 2^23 steps) are reported as invalid; the result is empty or false.
+// Set operations. A result is the list that PAL_TripletsCompress gives for the sorted numbers.
+//
+// One operand is checked (`a`; both in PAL_TripletsUnite and PAL_TripletsEqual; `b` in
+// PAL_TripletsSubset): entries with stride 0 are reported and skipped; if `last` of an entry is on
+// the wrong side of `first`, that is reported and the operand counts as empty. In the other operand
+// such entries contain no numbers. If lists interleave so much that an operation takes more than
+// 2^20 sections or 2^23 steps, they are reported as invalid; the result is empty or false.
 [[nodiscard]] PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b);
@@ -66,14 +69,15 @@ inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 [[nodiscard]] bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b);    // the same set
 [[nodiscard]] bool PAL_TripletsSubset(PAL_TripletSpan a, PAL_TripletSpan b);   // all of `b` in `a`
 
-// The form that records hold: all `first`, then all `last`, then all `stride`.
+// Conversions to and from the form in records: all `first`, then all `last`, then all `stride`.
 [[nodiscard]] std::vector<int32_t> PAL_TripletsToParallel(PAL_TripletSpan list);
 [[nodiscard]] PAL_Triplets PAL_TripletsFromParallel(size_t n, const int32_t* first,
                                                     const int32_t* last, const int32_t* stride);
 
-// A list made ready for one membership test per record. Answers as PAL_TripletsContains does.
-// Up to four sections are walked. A longer list becomes sorted sections without overlaps for a
-// binary search, unless its strides interleave so badly that it is smaller as it is.
+// A list prepared for a membership test per record. The results are those of PAL_TripletsContains.
+// Up to four sections are searched linearly. A longer list is converted to sorted sections without
+// overlaps for a binary search, unless its strides interleave so much that the result would be too
+// large.
 class PAL_TripletSet {
  public:
   PAL_TripletSet() = default;
@@ -81,22 +85,22 @@ class PAL_TripletSet {
 
   [[nodiscard]] bool contains(int32_t number) const {
     if (sorted_) return search(number);
-    for (const Stretch& stretch : stretches_) {
-      if (stretch.holds(number)) return true;
+    for (const CompactSection& section : sections_) {
+      if (section.contains(number)) return true;
     }
     return false;
   }
 
  private:
-  static constexpr size_t kWalked = 4;
+  static constexpr size_t kMaxLinear = 4;  // sections that are searched linearly
 
-  // low, low + step, ... low + span.
-  struct Stretch {
+  // The numbers low, low + step, ... low + span.
+  struct CompactSection {
     int32_t low;
     uint32_t span;
     uint32_t step;
 
-    bool holds(int32_t number) const {
+    [[nodiscard]] bool contains(int32_t number) const {
       const uint32_t distance = static_cast<uint32_t>(number) - static_cast<uint32_t>(low);
       return distance <= span && (step == 1 || distance % step == 0);
     }
@@ -104,6 +108,6 @@ class PAL_TripletSet {
 
   bool search(int32_t number) const;
 
-  std::vector<Stretch> stretches_;
+  std::vector<CompactSection> sections_;
   bool sorted_ = false;
 };

@@ -1,4 +1,4 @@
-// Sections and sets of them. See pal_triplets_sections.h.
+// Implements sections and sets of sections. See pal_triplets_sections.h.
 #include "util/triplets/pal_triplets_sections.h"
 
 #include <algorithm>
@@ -48,7 +48,7 @@ bool isInverted(const PAL_Triplet& t) {
   return (t.stride > 0 && t.last < t.first) || (t.stride < 0 && t.last > t.first);
 }
 
-Sections testedSections(PAL_TripletSpan list) {
+Sections validSections(PAL_TripletSpan list) {
   Sections sections;
   sections.reserve(list.size());
   for (const PAL_Triplet& t : list) {
@@ -57,8 +57,8 @@ Sections testedSections(PAL_TripletSpan list) {
   return sections;
 }
 
-// The common numbers of two sections form a section again (Chinese remainders). Steps are at most
-// 2^31, so no product passes 2^62.
+// The common numbers of two sections form a section (Chinese remainder theorem). Steps are at most
+// 2^31, so no product exceeds 2^62.
 std::optional<Section> common(const Section& a, const Section& b) {
   const int64_t low = std::max(a.low, b.low);
   const int64_t high = std::min(a.high, b.high);
@@ -80,12 +80,12 @@ std::optional<Section> common(const Section& a, const Section& b) {
 
 namespace {
 
-// One binary operation on two sets: a sweep that hands the result to a Compressor.
+// A binary operation on two sets: a sweep that passes the result to a Compressor.
 class Sweep {
  public:
   Sweep(Operation operation, Budget& budget) : operation_(operation), budget_(budget) {}
 
-  // False if the budget ran out.
+  // False if the budget is exceeded.
   bool run(const Sections& a, const Sections& b) {
     size_t i = 0;
     size_t j = 0;
@@ -95,21 +95,21 @@ class Sweep {
       const int64_t low = std::max(x->low, y->low);
       const int64_t high = std::min(x->high, y->high);
       if (low <= high) {
-        if (x->low < low) left(clip(*x, x->low, low - 1));
-        if (y->low < low) right(clip(*y, y->low, low - 1));
-        overlap(clip(*x, low, high), clip(*y, low, high));
+        if (x->low < low) addOnlyA(clip(*x, x->low, low - 1));
+        if (y->low < low) addOnlyB(clip(*y, y->low, low - 1));
+        addBoth(clip(*x, low, high), clip(*y, low, high));
         x = clip(*x, high + 1, x->high);
         y = clip(*y, high + 1, y->high);
       } else if (x->high < y->low) {
-        left(std::exchange(x, std::nullopt));
+        addOnlyA(std::exchange(x, std::nullopt));
       } else {
-        right(std::exchange(y, std::nullopt));
+        addOnlyB(std::exchange(y, std::nullopt));
       }
       if (!x) x = at(a, ++i);
       if (!y) y = at(b, ++j);
     }
-    for (; x && withinBudget(); x = at(a, ++i)) left(x);
-    for (; y && withinBudget(); y = at(b, ++j)) right(y);
+    for (; x && withinBudget(); x = at(a, ++i)) addOnlyA(x);
+    for (; y && withinBudget(); y = at(b, ++j)) addOnlyB(y);
     return withinBudget();
   }
 
@@ -127,18 +127,18 @@ class Sweep {
     result_.add(section);
   }
 
-  // A stretch that only one of the sets touches.
-  void left(const std::optional<Section>& x) {
+  // A range in which only one of the sets has a section.
+  void addOnlyA(const std::optional<Section>& x) {
     if (x && operation_ != Operation::kIntersect) emit(*x);
   }
-  void right(const std::optional<Section>& y) {
+  void addOnlyB(const std::optional<Section>& y) {
     if (y && operation_ == Operation::kUnite) emit(*y);
   }
 
-  // A stretch in which both have a section.
-  void overlap(const std::optional<Section>& x, const std::optional<Section>& y) {
-    if (!y) return left(x);
-    if (!x) return right(y);
+  // A range in which both sets have a section.
+  void addBoth(const std::optional<Section>& x, const std::optional<Section>& y) {
+    if (!y) return addOnlyA(x);
+    if (!x) return addOnlyB(y);
     const std::optional<Section> both = common(*x, *y);
     switch (operation_) {
       case Operation::kIntersect:
@@ -153,20 +153,20 @@ class Sweep {
     }
   }
 
-  // The stretches of `x` between the numbers of `hole`, which are numbers of `x`.
-  void subtract(const Section& x, const std::optional<Section>& hole) {
-    if (!hole) return emit(x);
-    if (hole->step == x.step) {
-      left(clip(x, x.low, hole->low - 1));
-      left(clip(x, hole->high + 1, x.high));
+  // Adds `x` without `removed`, whose numbers are all in `x`.
+  void subtract(const Section& x, const std::optional<Section>& removed) {
+    if (!removed) return emit(x);
+    if (removed->step == x.step) {
+      addOnlyA(clip(x, x.low, removed->low - 1));
+      addOnlyA(clip(x, removed->high + 1, x.high));
       return;
     }
     int64_t from = x.low;
-    for (int64_t v = hole->low; v <= hole->high && withinBudget(); v += hole->step) {
-      left(clip(x, from, v - 1));
+    for (int64_t v = removed->low; v <= removed->high && withinBudget(); v += removed->step) {
+      addOnlyA(clip(x, from, v - 1));
       from = v + 1;
     }
-    left(clip(x, from, x.high));
+    addOnlyA(clip(x, from, x.high));
   }
 
   void unite(const Section& x, const Section& y, const std::optional<Section>& both) {
@@ -195,8 +195,8 @@ bool areDisjoint(const Sections& sorted) {
   return true;
 }
 
-// The set of sections that are sorted by `low`. Halves are united depth first, so that what
-// interleaves among neighbours has melted into few sections before the next level sees it.
+// The set of sections that are sorted by `low`. Halves are united depth first, so that neighbours
+// that interleave have become few sections before the next level.
 std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budget) {
   Sections whole(sorted.begin(), sorted.end());
   if (areDisjoint(whole)) return whole;
@@ -205,7 +205,7 @@ std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budg
       a ? makeSorted(sorted.subspan(sorted.size() / 2), budget) : std::nullopt;
   Sweep sweep(Operation::kUnite, budget);
   if (!b || !sweep.run(*a, *b)) return std::nullopt;
-  return testedSections(sweep.finish());
+  return validSections(sweep.finish());
 }
 
 }  // namespace
@@ -213,7 +213,7 @@ std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budg
 std::optional<Sections> makeSet(Sections sections, Budget& budget) {
   budget.maxSections = std::max(budget.maxSections, 2 * sections.size());
   budget.steps += 64 * static_cast<int64_t>(sections.size());
-  // Equal sections count once, wherever they stand: united in each half they would cost each time.
+  // Equal sections are removed first. Otherwise each would be united in its half, at a cost.
   std::sort(sections.begin(), sections.end(), [](const Section& a, const Section& b) {
     return std::tie(a.low, a.high, a.step) < std::tie(b.low, b.high, b.step);
   });

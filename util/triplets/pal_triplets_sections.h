@@ -1,9 +1,9 @@
-// Arithmetic sections, what triplet lists are made of when they are worked with.
+// Operates on sets of numbers as sorted lists of arithmetic sections.
 //
-// For pal_triplets.cpp alone. A set is a list of sections that is sorted and in which no two
-// stretches overlap, so a binary operation is one sweep over two lists; its result passes through
-// the greedy compression while it is made. Numbers are only looked at singly where two strides
-// interleave in one stretch. That work is bounded (see Budget).
+// Only used by pal_triplets.cpp. The ranges [low, high] of the sections in a set don't overlap, so
+// a binary operation is one sweep over two lists, and its result is compressed while it is
+// computed. Single numbers are only processed where two sections with different strides interleave
+// in a range. That work is limited (see Budget).
 #pragma once
 
 #include <cstddef>
@@ -35,25 +35,25 @@ struct Budget {
   int64_t steps = int64_t{1} << 23;
 };
 
-// An entry whose `last` is on the wrong side of `first`.
+// Whether `last` is on the wrong side of `first`.
 [[nodiscard]] bool isInverted(const PAL_Triplet& t);
-// The sections of a list in its order, with entries that stand for nothing left out.
-[[nodiscard]] Sections testedSections(PAL_TripletSpan list);
-// The numbers that two sections have in common, a section again.
+// The sections of the valid entries of a list, in its order.
+[[nodiscard]] Sections validSections(PAL_TripletSpan list);
+// The numbers that two sections have in common, which are a section.
 [[nodiscard]] std::optional<Section> common(const Section& a, const Section& b);
 
 enum class Operation { kIntersect, kUnite, kSubtract };
 
-// The set of all numbers of some sections; nothing if the budget ran out.
+// The set of all numbers of the sections; nothing if the budget is exceeded.
 [[nodiscard]] std::optional<Sections> makeSet(Sections sections, Budget& budget);
-// An operation on two sets, compressed; nothing if the budget ran out.
+// The compressed result of an operation on two sets; nothing if the budget is exceeded.
 [[nodiscard]] std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a,
                                                       const Sections& b, Budget& budget);
 
-// The greedy compression, fed with numbers or with whole sections in ascending order.
+// The greedy compression of numbers, or of whole sections in ascending order.
 class Compressor {
  public:
-  // The next number: extends the open triplet, becomes its second number, or opens a new one.
+  // Adds a number: it extends the open triplet, becomes its second number, or opens a new one.
   void add(int64_t v) {
     switch (state_) {
       case State::kSecond:
@@ -81,8 +81,8 @@ class Compressor {
     state_ = State::kSecond;
   }
 
-  // Same as adding all its numbers. The open triplet takes up the section's stride after three
-  // numbers at the latest, and the rest of the section extends it.
+  // Adds all numbers of a section. After three of them at most the open triplet has the section's
+  // stride, and the rest extends it at once.
   void add(const Section& section) {
     for (int64_t v = section.low; v <= section.high; v += section.step) {
       add(v);
