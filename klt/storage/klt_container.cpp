@@ -136,8 +136,8 @@ bool readEntry(DirectoryReader& reader, uint64_t version, uint64_t end, KLT_DirE
 bool loadDirectory(KLT_Container* container) {
   const PAL_Place here;
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
-  constexpr uint64_t kLeast = KLT_CONTAINER_HEADER_BYTES + kTrailerBytes;
-  if (size < static_cast<off_t>(kLeast)) return false;
+  constexpr uint64_t kMinBytes = KLT_CONTAINER_HEADER_BYTES + kTrailerBytes;
+  if (size < static_cast<off_t>(kMinBytes)) return false;
   const uint64_t limit = static_cast<uint64_t>(size) - kTrailerBytes;
   std::array<uint8_t, kTrailerBytes> trailer;
   if (Vfd_PReadFully(container->fd, trailer.data(), trailer.size(), static_cast<off_t>(limit)) !=
@@ -221,7 +221,7 @@ bool placeDirectory(const KLT_Container* container, uint64_t bytes, uint64_t* of
 bool writeDirectory(const KLT_Container* container) {
   const PAL_Place here;
   DirectoryWriter out;
-  for (const KLT_DirEntry* entry : container->directory.walk()) writeEntry(*entry, &out);
+  for (const KLT_DirEntry* entry : container->directory.ordered()) writeEntry(*entry, &out);
   const uint64_t bytes = out.bytes().size() + kTrailerBytes;
   if (container->form == KLT_FORM_SERIAL) {
     out.number64(container->end);
@@ -280,7 +280,7 @@ KLT_DirEntry* KLT_NameTable::enter(std::string&& name) {
   return entry;
 }
 
-std::vector<const KLT_DirEntry*> KLT_NameTable::walk() const {
+std::vector<const KLT_DirEntry*> KLT_NameTable::ordered() const {
   const PAL_Place here;
   std::vector<const KLT_DirEntry*> entries;
   entries.reserve(entries_.size());
@@ -354,6 +354,6 @@ int KLT_ContainerClose(KLT_Container* container) {
 
 std::vector<std::string> KLT_ContainerKeys(const KLT_Container* container) {
   std::vector<std::string> keys;
-  for (const KLT_DirEntry* entry : container->directory.walk()) keys.push_back(entry->name);
+  for (const KLT_DirEntry* entry : container->directory.ordered()) keys.push_back(entry->name);
   return keys;
 }

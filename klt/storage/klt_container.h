@@ -68,7 +68,7 @@ class KLT_NameTable {
 
   // All entries in the order of a directory: by 17 buckets of a hash of the key, within a bucket in
   // order of insertion.
-  [[nodiscard]] std::vector<const KLT_DirEntry*> walk() const;
+  [[nodiscard]] std::vector<const KLT_DirEntry*> ordered() const;
 
  private:
   std::deque<KLT_DirEntry> entries_;  // in order of insertion

@@ -35,7 +35,7 @@ struct KLT_IoFile {
 
 namespace {
 
-constexpr uint64_t kLeastExtentBytes = 65536;
+constexpr uint64_t kMinExtentBytes = 65536;
 constexpr uint64_t kLargestOffset = std::numeric_limits<int64_t>::max();
 
 bool isReadOnly(const KLT_Container* container) {
@@ -210,7 +210,7 @@ bool allocate(KLT_IoFile* file, uint64_t bytes) {
   KLT_Extent& extent = entry->extents[entry->used];
   if (extent.length == 0) {
     uint64_t size = bytes;
-    if (container->form == KLT_FORM_SINGLE) size = std::max(size, kLeastExtentBytes);
+    if (container->form == KLT_FORM_SINGLE) size = std::max(size, kMinExtentBytes);
     if (size > kLargestOffset - container->end) return false;
     extent.length = size;
     extent.offset = container->end;

@@ -16,15 +16,15 @@
 
 namespace klt {
 
-constexpr size_t mostBytes(uint16_t KLT_Layout::*bytes) {
-  size_t most = 0;
+constexpr size_t maxBytes(uint16_t KLT_Layout::*bytes) {
+  size_t maximum = 0;
   for (const KLT_Row& row : kKltRows) {
-    if (row.plain()) most = std::max<size_t>(most, kKltLayouts[row.number - 1].*bytes);
+    if (row.plain()) maximum = std::max<size_t>(maximum, kKltLayouts[row.number - 1].*bytes);
   }
-  return most;
+  return maximum;
 }
-inline constexpr size_t kMostOnDisk = 1 + mostBytes(&KLT_Layout::headBytes);
-inline constexpr size_t kMostInMemory = mostBytes(&KLT_Layout::fixedBytes);
+inline constexpr size_t kMaxDiskBytes = 1 + maxBytes(&KLT_Layout::headBytes);
+inline constexpr size_t kMaxMemoryBytes = maxBytes(&KLT_Layout::fixedBytes);
 
 class PlainFilter {
  public:
@@ -42,7 +42,7 @@ class PlainFilter {
   // Inlined, so that the state is in registers.
   [[gnu::always_inline]] void run() {
     const uint8_t* const begin = in_;
-    const uint8_t* const last = in_ + s_.input.available() - kMostOnDisk;
+    const uint8_t* const last = in_ + s_.input.available() - kMaxDiskBytes;
     reserveRoom();
     while (in_ <= last && step(std::make_integer_sequence<int, kKltRowCount>{})) {
       if (out_ > lastOut_) [[unlikely]] {
@@ -59,8 +59,8 @@ class PlainFilter {
 
  private:
   void reserveRoom() {
-    out_ = s_.packed.records.reserve(kMostInMemory);
-    lastOut_ = out_ + s_.packed.records.room() - kMostInMemory;
+    out_ = s_.packed.records.reserve(kMaxMemoryBytes);
+    lastOut_ = out_ + s_.packed.records.room() - kMaxMemoryBytes;
   }
   void commit() {
     KLT_RecordBuffer& records = s_.packed.records;
@@ -140,5 +140,5 @@ class PlainFilter {
 // REQUIRES: all threads are selected, no history is to be produced, the request has begun, and the
 // stream is merged by time.
 [[gnu::noinline]] inline void KLT_FilterPlain(KLT_Stream& stream) {
-  if (stream.input.available() >= klt::kMostOnDisk) klt::PlainFilter(stream).run();
+  if (stream.input.available() >= klt::kMaxDiskBytes) klt::PlainFilter(stream).run();
 }

@@ -76,7 +76,7 @@ void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
 PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
   constexpr uint32_t kDistance = 0x10000;  // of two threads of a process
   constexpr uint32_t kPositive = 0x8000;   // gtps of lower threads are positive as signed numbers
-  constexpr size_t kMany = 64;
+  constexpr size_t kMaxListed = 64;        // mean number of threads of a process listed one by one
   PAL_Triplets byProcess;
   std::vector<int32_t> threads;
   const size_t processes = std::min<size_t>(writer.declaredThreads.size(), kDistance);
@@ -88,7 +88,7 @@ PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
     };
     addRange(0, std::min(n, kPositive));
     addRange(kPositive, n);
-    const bool isFew = threads.size() + n <= kMany * processes;
+    const bool isFew = threads.size() + n <= kMaxListed * processes;
     for (uint32_t t = 0; isFew && t < n; ++t) threads.push_back(gtp(t));
   }
   const uint64_t total = std::accumulate(

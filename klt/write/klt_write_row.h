@@ -374,10 +374,13 @@ class RowWriter {
           static_cast<int64_t>(stats.ticks(time + static_cast<uint64_t>(span)) - stats.ticks(time));
     }
     KLT_FileStatsMessage(stats,
-                         {argument<row.find("sender_gtp")>(), argument<row.find("receiver_gtp")>(),
-                          argument<row.find("sender_function")>(),
-                          argument<row.find("receiver_function")>(), argument<row.find("tag")>(),
-                          argument<row.find("communicator")>(), argument<row.find("size")>()},
+                         {.sender = argument<row.find("sender_gtp")>(),
+                          .receiver = argument<row.find("receiver_gtp")>(),
+                          .funcSender = argument<row.find("sender_function")>(),
+                          .funcReceiver = argument<row.find("receiver_function")>(),
+                          .tag = argument<row.find("tag")>(),
+                          .comm = argument<row.find("communicator")>(),
+                          .size = argument<row.find("size")>()},
                          duration);
   }
 
