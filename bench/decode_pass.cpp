@@ -1,5 +1,5 @@
-// A pass over a trace's events that decodes, filters and merges, and does nothing with the records:
-// what reading alone costs. Prints the number of records delivered.
+// Decodes, filters and merges a trace's events and discards the records, to measure the cost of
+// reading alone. Prints the number of records delivered.
 //
 // Usage: decode_pass TRACE
 #include <cstdint>

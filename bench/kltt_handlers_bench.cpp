@@ -1,7 +1,7 @@
-// What an event costs in its handler, without the text: the sink is off.
+// Measures the cost of an event in its handler, without a sink.
 //
-// Calls go from the time conversion over the queue check and the lookups to the stacks; messages
-// also through the pending queue, with delays of which a few or many overlap.
+// Calls include the time conversion, the check of the queue, the lookups and the stacks. Messages
+// also include the pending queue, with few or many overlapping delays.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -24,7 +24,7 @@ void define(KLTT_Context& context) {
   for (uint32_t id = 1; id <= kFunctions; ++id) KLTT_FunctionDefinition(&context, id, "f", 1);
 }
 
-// Calls of range(0) threads in turn, the threads `step` apart in their numbers.
+// Calls of range(0) threads in turn, whose numbers are `step` apart.
 void calls(benchmark::State& state, uint32_t step) {
   KLTT_Context context;
   define(context);

@@ -4,10 +4,10 @@
 //   klt_raw_trace NAME PROCESSES EVENTS [COLLECTIVE-EVERY [CALLS]]
 //
 // In each round every process logs a send to one neighbour and a receive from another, and in every
-// COLLECTIVE-EVERY-th (64; 0 for never) its part of an operation, until there are about EVENTS raw
-// events. With CALLS (0) nonzero each of them stands in a function call. The trace goes to NAME and
-// its components. Components are encoded here in bulk, for the builder of the tests is made for
-// small traces.
+// COLLECTIVE-EVERY-th round (default 64; 0 for never) its part of an operation, until there are
+// about EVENTS raw events. If CALLS (default 0) is not zero, each event is within a function call.
+// The trace is written to NAME and its components. Components are encoded here in bulk, because the
+// builder of the tests is meant for small traces.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 constexpr uint32_t kEventBits = 4;
 constexpr uint64_t kRoundTicks = 1000;
 
-// A component as bytes; steps of time stay within 16 bits.
+// The bytes of a component. Steps of time must fit in 16 bits.
 class Component {
  public:
   void begin(uint8_t row, uint64_t time) {
@@ -50,7 +50,7 @@ struct Process {
     random = random * 1664525 + 1013904223;
     return (random >> 8) % below;
   }
-  // Ticks from the start, as the trace has them.
+  // Ticks since the start, in the unit of the trace.
   static uint64_t stamp(uint64_t ticks) { return ticks << kEventBits; }
 
   void message(uint64_t ticks, bool sends, uint32_t other, uint32_t tag, uint32_t size) {

@@ -1,12 +1,12 @@
-// Makes a shell's completion script from a template and the program's own tables.
+// Generates a shell's completion script from a template and the program's own tables.
 //
 //   klt_completions TEMPLATE >SCRIPT
 //
-// Runs at build time, so that the scripts know exactly the options that the program knows. What is
-// completed comes from the option table and the request grammar (RK_conf, RK_scan); which options
-// are worth offering, the words of a value and the descriptions come from the help text. In the
-// template a line that holds only @options-bash@, @options-zsh@ or @options-fish@ is replaced by
-// one line for each option.
+// It runs at build time, so that the scripts have exactly the program's options. The option table
+// and the categories of requests (RK_options) determine what is completed. The help text determines
+// which options are offered, the words of a value and the descriptions. In the template a line that
+// consists of @options-bash@, @options-zsh@ or @options-fish@ is replaced by one line for each
+// option.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -22,7 +22,7 @@
 
 namespace {
 
-// What may stand behind an option: any of the words, several of them, a file's name.
+// An option, and what may follow it: one of the words, several of them, or a file name.
 struct Option {
   std::string name;  // with "--"
   std::string description;
@@ -53,7 +53,8 @@ std::string firstClause(std::string_view paragraph) {
   return clause;
 }
 
-// The words of a heading such as "--logfile-format [ASCII|KLT]"; none if they aren't all literal.
+// The words in a heading such as "--logfile-format [ASCII|KLT]"; none if not all of them are
+// literal.
 std::vector<std::string> wordsOf(std::string_view heading) {
   const size_t open = heading.find('[');
   const size_t close = heading.find(']');
@@ -104,8 +105,8 @@ std::string_view takeLine(std::string_view& text) {
   return line;
 }
 
-// The options that the help text explains, in its order. Nothing if it names one that the table
-// doesn't have.
+// The options that the help text explains, in its order. Nothing if it explains an option that
+// isn't in the table.
 std::optional<std::vector<Option>> options() {
   std::vector<Option> result;
   std::string_view help = KLTT_HelpText();
@@ -132,7 +133,7 @@ std::string joined(const std::vector<std::string>& words) {
   return text;
 }
 
-// Between single quotes of a shell; no text here holds a single quote or a backslash.
+// The text in single quotes of a shell. No text here contains a single quote or a backslash.
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
 std::string kindOf(const Option& option) {
@@ -151,16 +152,16 @@ std::string zshLine(const Option& option) {
 }
 
 std::string fishLine(const Option& option) {
-  const std::string behind = " -n '__klttool_behind " + option.name + "'";
+  const std::string condition = " -n '__klttool_value_of " + option.name + "'";
   std::string lines = "complete -c klttool -n __klttool_has_input -a " + option.name + " -d " +
                       quoted(option.description) + "\n";
   if (!option.words.empty())
-    lines += "complete -c klttool" + behind + " -a " + quoted(joined(option.words)) + "\n";
-  if (option.takesFile) lines += "complete -c klttool" + behind + " -F\n";
+    lines += "complete -c klttool" + condition + " -a " + quoted(joined(option.words)) + "\n";
+  if (option.takesFile) lines += "complete -c klttool" + condition + " -F\n";
   return lines;
 }
 
-// The lines for a line of the template.
+// The lines that replace a line of the template.
 std::string expanded(const std::string& line, const std::vector<Option>& list) {
   std::string (*format)(const Option&) = nullptr;
   if (line == "@options-bash@") format = &bashLine;

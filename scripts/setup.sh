@@ -1,9 +1,9 @@
 # shellcheck shell=bash
-# Functions for the scripts beside this one; sourced, not run. The caller has set
-# -euo pipefail and `root`, the top of the source tree.
+# Functions for the other scripts. This file is sourced, not run. The caller has set -euo pipefail
+# and `root`, the top of the source tree.
 #
-# need NAME PACKAGE...     notes the Debian packages if NAME, a command or a file, isn't there
-# install_needed           installs what was noted; through sudo unless run by root
+# need NAME PACKAGE...     notes the Debian packages if NAME, a command or a file, doesn't exist
+# install_needed           installs the noted packages; uses sudo unless run by root
 # build PRESET [OPTION...] configures the preset with the options and builds it
 
 needed_packages=()
@@ -17,7 +17,7 @@ need() {
   esac
 }
 
-# What every build needs.
+# Notes the packages that every build needs.
 need_build_tools() {
   need git git
   need cmake cmake
@@ -29,7 +29,7 @@ need_build_tools() {
 need_test_tools() {
   need python3 python3
   need /usr/include/gtest/gtest.h libgtest-dev
-  # The tests of bounds measure peak memory; those of the packages build them.
+  # The tests of bounds measure peak memory, and the tests of packages build packages.
   need /usr/bin/time time
   need file file
   need dpkg-shlibdeps dpkg-dev
@@ -38,7 +38,7 @@ need_test_tools() {
 install_needed() {
   [ "${#needed_packages[@]}" -gt 0 ] || return 0
   if ! command -v apt-get >/dev/null 2>&1; then
-    echo "Please install what is called on Debian: ${needed_packages[*]}" >&2
+    echo "Please install the equivalent of these Debian packages: ${needed_packages[*]}" >&2
     return 1
   fi
   local as_root=()
@@ -50,7 +50,7 @@ install_needed() {
   fi
   local install=(env DEBIAN_FRONTEND=noninteractive apt-get install -qq --no-install-recommends)
   install+=(-y "${needed_packages[@]}")
-  # The package lists may be missing or old: fetch them once and try again.
+  # The package lists may be missing or outdated: update them once and try again.
   if ! "${as_root[@]}" "${install[@]}" </dev/null; then
     "${as_root[@]}" apt-get update -qq
     "${as_root[@]}" "${install[@]}" </dev/null
@@ -61,7 +61,7 @@ install_needed() {
 build() {
   local preset=$1
   shift
-  # Chained: in a condition a failure would not end the function.
+  # Chained with &&, because `set -e` has no effect if the function is called in a condition.
   cd "${root:?}" &&
     cmake --preset "$preset" "$@" &&
     cmake --build --preset "$preset" --parallel "$(nproc)"

@@ -16,11 +16,12 @@ struct Total {
 };
 using Totals = std::map<std::pair<uint32_t, uint32_t>, Total>;  // by sender and receiver
 
-// A thread's number holds the process in its low 16 bits and the thread within it above them.
+// The number of a thread has the process in its low 16 bits and the thread within the process
+// above.
 unsigned processOf(uint32_t gtp) { return gtp & 0xffff; }
 unsigned threadOf(uint32_t gtp) { return gtp >> 16; }
 
-// Called for each message; gets `user_data` of the table first. 0 means: go on.
+// Called for each message, with the table's `user_data` as first argument. Returns 0 to continue.
 int count(void* user, uint64_t /*time*/, uint32_t sender, int64_t /*receive_time*/,
           uint32_t receiver, uint32_t /*communicator*/, uint32_t size, uint32_t /*tag*/,
           uint32_t /*sender_scl*/, uint32_t /*receiver_scl*/, uint32_t /*sender_checksum*/,
@@ -39,7 +40,7 @@ int main(int argc, char** argv) {
     std::fputs("usage: messages TRACE\n", stderr);
     return 1;
   }
-  KLT_FileHandle* trace = KLT_Open(argv[1]);  // says what is wrong itself
+  KLT_FileHandle* trace = KLT_Open(argv[1]);  // reports errors itself
   if (trace == nullptr) return 1;
   Totals totals;
   KLT_HandlerTable table;
@@ -50,7 +51,7 @@ int main(int argc, char** argv) {
   if (reader != nullptr) {
     do {
       status = KLT_ReadEvents(reader, -1);
-    } while (status == KLT_STATUS_CONTINUING);  // a component is damaged, others go on
+    } while (status == KLT_STATUS_CONTINUING);  // a component is damaged, others continue
     KLT_CloseReader(reader);
   }
   KLT_Close(trace);
