@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Lets each system call and allocation of the program fail in turn, until a run is over before its
 turn comes. After each run: no signal; a status other than 0 and a message, or the output of an
-undisturbed run; the input as it was. Interrupted and short transfers have no effect at all.
+undisturbed run; no index that is cut; the input as it was. Interrupted and short transfers have no effect at all.
 
 Then the process is killed at each call that may change a file: the input is as it was, and a trace
 that is left as output is complete, or refused with a message.
@@ -22,7 +22,8 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "e2e"))
-from harness import DATA, INPUT, Failure, Folder, Place, text_of  # noqa: E402  pylint: disable=wrong-import-position
+# pylint: disable=wrong-import-position
+from harness import DATA, INPUT, Failure, Folder, Place, text_of  # noqa: E402
 
 OUTPUT = "o.klt"
 
@@ -94,6 +95,10 @@ class Runner:
     def results(self, done):
         return done.stdout, {file.name: file.read_bytes() for file in self.out.iterdir()}
 
+    def index_size(self):
+        output = self.out / OUTPUT
+        return output.stat().st_size if output.exists() else 0
+
     def dump(self):
         return self.place.finished("--dump", name=f"out/{OUTPUT}", environment={"RK_VERBOSE": "0"})
 
@@ -112,6 +117,9 @@ class Runner:
             "success with other output":
                 status == 0 and not same and (self.operation, call) not in EXCUSED,
             "failure without a message": status != 0 and not done.stderr,
+            "an index that is neither whole nor empty":
+                calls == ALL and self.operation != "convert"  # which leaves what is refused
+                and self.index_size() != 0 and self.dump().returncode != 0,
             "no place of the program that missed the memory":
                 hit and call == "alloc" and not PLACE.search(done.stderr)}
         for problem in (problem for problem, is_there in problems.items() if is_there):
@@ -123,11 +131,10 @@ class Runner:
         done, hit = self.run(call, n, by=by)
         if hit and done.returncode != -abs(by):
             self.note((call, n, by), "not ended by this signal", done)
-        output = self.out / OUTPUT
-        if output.exists():
+        if (self.out / OUTPUT).exists():
             dump = self.dump()
             refused = dump.returncode > 0 and dump.stderr and (
-                abs(by) == signal.SIGKILL or output.stat().st_size == 0)
+                abs(by) == signal.SIGKILL or self.index_size() == 0)
             if not refused and (dump.returncode != 0 or dump.stdout not in self.dumps):
                 self.note((call, n, by), "what is left is neither whole nor refused", dump)
         return hit
