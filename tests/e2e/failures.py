@@ -21,19 +21,20 @@ def rows(place, *cases, limit=None):
 
 
 def check_full_disk(place):
-    """Files that may not grow beyond a size, as on a disk that is full from there on. The faults try
-    all other places where it may be."""
-    if place.folder.name.startswith("raw_"):
-        for form in FORMS:
-            rows(place, (f"--merge ../out.klt {form} --delete-raw-data", 1, ""), limit=700)
+    """Files that may not grow beyond a size, in the middle of an index. The faults try each write."""
+    raw = place.folder.name.startswith("raw_")
+    action = "--merge ../out.klt --delete-raw-data" if raw else "--logfile-name ../out.klt"
+    for form in FORMS:
+        for limit in (100, 700, 5000):
+            rows(place, (f"{action} {form}", 1, ""), limit=limit)
             expect(f"{form}: size of the index", 0, (place.path / "../out.klt").stat().st_size)
+    if raw:
         return
     rows(place, ("--logfile-name ../out.rkf", 1,
                  "klttool ERROR: writing to ../out.rkf failed: File too large\n"),
          (f"--logfile-name ../out.klt {KLT}", 1,
           "klttool ERROR: writing to msg failed, file will be incomplete\n"),
-         (f"--logfile-name ../out.klt {SINGLE}", 1, ""), (f"--convert ../copy.klt {SINGLE}", 1, ""),
-         limit=700)
+         (f"--convert ../copy.klt {SINGLE}", 1, ""), limit=700)
     place.run("--logfile-name ../out.rkf", limit=len(place.run("--dump")))  # which is enough
 
 
