@@ -2,8 +2,8 @@
 # touches the header only if it changes: with a commit, or with the day.
 #
 # Needs SOURCE_DIR, OUTPUT and PROJECT_VERSION. The version is that of the project, followed by the
-# commit if the sources are a git checkout. The date is that of SOURCE_DATE_EPOCH if this is set in the
-# environment, so that a build can be reproduced byte for byte.
+# commit if the sources are a git checkout. The date is that of SOURCE_DATE_EPOCH if this is set in
+# the environment, so that a build can be reproduced byte for byte.
 
 set(KLT_VERSION "${PROJECT_VERSION}")
 find_package(Git QUIET)

@@ -1,23 +1,23 @@
-"""Reads definition lines of RKF text, the output of `klttool --dump`, for the programs beside it.
+"""Reads definition lines of RKF text, the output of `klttool --dump`, for the other tools.
 
-Text is decoded as UTF-8, what isn't valid becomes a replacement character. Names stand between the
-first and the last quote of their part of the line and may hold quotes themselves.
+Text is decoded as UTF-8, with replacement characters for invalid bytes. A name is between the first
+and the last quote of its part of the line, and may contain quotes itself.
 """
 
 import re
 
-# What no id or number in the text may exceed; it is the tool's own limit.
+# The location that means none.
 _NONE = 0x7FFFFFFF
 
 
 def open_text(name):
-    """The text named, "-" being standard input, as an iterable of decoded lines."""
+    """The file `name`, or standard input for "-", as an iterable of decoded lines."""
     options = {"encoding": "utf-8", "errors": "replace", "newline": "\n"}
     return open(0, closefd=False, **options) if name == "-" else open(name, **options)
 
 
 def split_event(line):
-    """Time, as text, and rest of a line about an event; None for other lines."""
+    """The time, as text, and the rest of an event line; None for other lines."""
     time, _, rest = line.partition(" ")
     if time.isdecimal() or time == "UNKNOWN" or time[:1] == "-" and time[1:].isdecimal():
         return time, rest
@@ -25,8 +25,8 @@ def split_event(line):
 
 
 class Definitions:
-    """What the definition lines have told so far. Ids are those of the text: threads, members and
-    counters are one above the numbers in the trace."""
+    """The definitions read so far. Ids are those of the text, in which threads, members and
+    counters have 1 added to the numbers in the trace."""
 
     def __init__(self):
         self.period = None       # seconds in one unit of the text's times
@@ -62,7 +62,7 @@ class Definitions:
     }
 
     def take(self, line):
-        """Takes a line; False if it isn't one of the definitions known here."""
+        """Reads a line; False if it isn't one of the definitions known here."""
         word, _, rest = line.partition(" ")
         form = self._FORMS.get(word)
         match = form.match(rest) if form else None
@@ -104,8 +104,8 @@ class Definitions:
         return False
 
     def tick(self):
-        """Seconds in one tick of the trace's clock, in which event numbers have no part. Text shows
-        six digits of the period; a tick that is so near to a rounder number is taken as that."""
+        """Seconds in one tick of the trace's clock, without event bits. The text has six digits of
+        the period; if a rounder number is that close to the tick, it is used instead."""
         tick = self.period * 2.0**self.event_bits
         rounder = float(f"{tick:.4g}")
         return rounder if abs(rounder - tick) <= 6e-6 * tick else tick
@@ -142,7 +142,7 @@ class Definitions:
         return f"{name}:{line}" if line >= 0 else name
 
     def member(self, communicator, rank):
-        """The thread of a rank, as the text numbers threads; None if there is none."""
+        """The thread of a rank, with the number of the text; None if there is none."""
         for first, last, stride in self.communicators.get(communicator, ((), ""))[0]:
             count = (last - first) // stride + 1 if stride and (last - first) * stride >= 0 else 0
             if rank < count:
@@ -152,12 +152,12 @@ class Definitions:
 
 
 def process_of(thread):
-    """The process of a thread as the text numbers threads, from 0 on."""
+    """The process, from 0 on, of a thread with the number of the text."""
     return (thread - 1) & 0xFFFF
 
 
 def thread_name(definitions, thread):
-    """A thread's own name, else one made of its numbers."""
+    """A thread's name, or else a name made from its numbers."""
     if thread in definitions.threads:
         return definitions.threads[thread]
     process, number = process_of(thread), (thread - 1) >> 16

@@ -1,17 +1,18 @@
-"""Reads the five summary files of a run, for the program beside it.
+"""Reads the five summary files of a run for sum-report.
 
 All files begin with version 1, the width of a bin and the number of records (uint64 each), in the
-byte order of the machine that wrote them, which the version tells. Times are ticks of the trace's
-clock. Records are read in blocks; every length is checked against the bytes that are there before
-it is used. What is wrong with a file is told by `problem` after reading; the records up to there
-count.
+byte order of the machine that wrote them, which the version shows. Times are ticks of the trace's
+clock. Records are read in blocks; every length is checked against the remaining bytes before it is
+used. After reading, `problem` describes what is wrong with a file; the records before the damage
+are valid.
 
   .fnc   thread header, then its call tree      .cop   operation header, then its members
   .msg   76 bytes a key                         .cnt   76 bytes a key
   .rep   reports with their texts
 
-Of a call tree's records the self times are left aside: calls that are open at the end of a bin
-count twice in them. The time of a call less that of the calls it made says the same exactly.
+The self times in the records of a call tree are ignored, because calls that are open at the end of
+a bin count twice in them. The time of a call minus that of the calls it made gives the exact self
+time.
 """
 
 import collections
@@ -66,8 +67,9 @@ class SumFile:
         self.problem, self.size = "isn't a summary file of version 1", 0
 
     def records(self):
-        """The records, of `Thread` with an iterable of `Node`, of `Operation` with one of `Member`
-        (each to be used up or left before the next record), `Messages`, `Samples`, or `Report`."""
+        """Yields the records: `Thread` with an iterable of `Node`, `Operation` with one of
+        `Member`, `Messages`, `Samples`, or `Report`. An iterable can be used until the next record
+        is read."""
         if not self.size:
             return
         with self.path.open("rb") as file:
@@ -97,13 +99,13 @@ class SumFile:
         return data
 
     def _behind(self, size, count):
-        """The bytes that are left behind `count` records of `size`."""
+        """The bytes that are left after `count` records of `size`."""
         if count * size > self.left:
             raise Damaged("is cut short")
         return self.left - count * size
 
     def _skip_to(self, left):
-        """Leaves out what nobody wanted."""
+        """Skips the bytes up to the last `left` ones, which the caller hasn't read."""
         self.file.seek(self.left - left, 1)
         self.left = left
 
@@ -142,7 +144,8 @@ class SumFile:
         nodes = self._each("4xI8xQI16xI", count)
         for index, (function, inclusive, calls, back) in enumerate(nodes):
             if back > index:
-                # Who reads the calls isn't who reads the file: the next record tells.
+                # Raised when the next record is read, since the reader of the calls may not expect
+                # it.
                 self.damage = Damaged("has a call without a caller")
                 return
             yield Node(function, inclusive, calls, back)
@@ -168,7 +171,7 @@ class SumFile:
         while self.left:
             time, thread, count = self._one("QII")
             texts = [self._string() for _ in range(3)]
-            if count * 28 > self.left:  # the least that so many places take
+            if count * 28 > self.left:  # 28 bytes is the minimum for each place
                 raise Damaged("is cut short")
             times = self._one(f"{count}Q")
             threads = self._one(f"{count}I")

@@ -1,8 +1,8 @@
-"""Condenses the summary files of a run to what fits on a page.
+"""Condenses the summary files of a run to the data of one page.
 
-Time is cut into at most `COLUMNS` columns of whole bins, threads into at most `ROWS` groups of
-neighbours. Tables that grow with what the files name are bounded: what is beyond a limit counts
-under the key None, "others".
+Time is divided into at most `COLUMNS` columns of whole bins, and threads into at most `ROWS` groups
+of neighbours. The sizes of tables are limited: further entries are counted under the key None,
+"others".
 """
 
 import array
@@ -11,17 +11,17 @@ import math
 COLUMNS = 120
 ROWS = 32
 MATRIX = 24
-THREADS = 1 << 20        # distinct threads told apart
-FUNCTIONS = 5000         # functions told apart
-CELL_FUNCTIONS = 64      # functions told apart in one cell of the lanes
+THREADS = 1 << 20        # different threads
+FUNCTIONS = 5000         # different functions
+CELL_FUNCTIONS = 64      # different functions in one cell of the lanes
 OPERATIONS = 1000
 COUNTERS = 64
-LINES = 6                # threads told apart in one counter
+LINES = 6                # different threads of one counter
 REPORTS = 200
 
 
 def order_of_thread(thread):
-    """Threads stand with their process."""
+    """A sort key that keeps the threads of a process together."""
     return thread & 0xFFFF, thread >> 16
 
 
@@ -35,7 +35,7 @@ class Groups:
         self.index = {thread: i // self.size for i, thread in enumerate(self.threads)}
 
     def of(self, thread):
-        """The group of a thread, None for one that was beyond the limit."""
+        """The group of a thread; None if the thread was beyond the limit."""
         return self.index.get(thread)
 
     def members(self, group):
@@ -57,7 +57,7 @@ class Axis:
 
 
 def add(table, key, limit, make):
-    """The entry of a bounded table, of None if there is no room for `key`."""
+    """The table's entry for `key`, or for None if the table has `limit` entries without it."""
     if key not in table and len(table) >= limit:
         key = None
     if key not in table:
@@ -70,8 +70,8 @@ class Functions:
 
     def __init__(self):
         self.totals = {}      # function: own time and calls
-        self.columns = []     # of each column function: own time
-        self.available = []   # of each column the time of all threads
+        self.columns = []     # for each column, function: own time
+        self.available = []   # for each column, the time of all threads
         self.lanes = {}       # (group, column): function: own time
         self.lane_time = {}   # (group, column): the time of its threads
 
@@ -96,7 +96,7 @@ class Functions:
 
 
 def own_times(nodes):
-    """Function, own time and calls of each node but the root. Callers come before callees."""
+    """Function, own time and calls of each node except the root. Callers come before callees."""
     functions, calls = array.array("I"), array.array("I")
     own = array.array("Q")
     for node in nodes:
@@ -193,12 +193,13 @@ class Counters:
             entry = add(self.table, samples.counter, COUNTERS, lambda: (Curve(axis.count), {}))
             column = axis.column((samples.first + samples.last) // 2)
             entry[0].add(column, samples)
-            if len(entry[1]) <= LINES or samples.thread in entry[1]:  # one more tells "too many"
+            # One more than LINES shows that there are too many threads.
+            if len(entry[1]) <= LINES or samples.thread in entry[1]:
                 entry[1].setdefault(samples.thread, Curve(axis.count)).add(column, samples)
 
 
 class Run:
-    """All of a run. `files` maps the kinds of files to SumFile; kinds may be absent."""
+    """The condensed data of a run. `files` maps kinds of files to SumFile; kinds may be missing."""
 
     def __init__(self, files):
         self.functions, self.matrix = Functions(), Matrix()
@@ -220,7 +221,8 @@ class Run:
                 self.reports.append(report)
 
     def _look_over(self, files):
-        """The time of the run, and its threads: from the call trees, else from the counters."""
+        """The time of the run and its threads, from the call trees; without them, the time is taken
+        from the counters."""
         start = end = None
         threads = set()
         last = None

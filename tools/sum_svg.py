@@ -1,20 +1,20 @@
-"""Draws the pictures of sum-report as SVG text. Colours come from the page's style: series have the
-classes s1 to s8 and s0, "others"; cells of a matrix q1 to q7. What a mark stands for is in its
-<title>, which browsers show as a tooltip.
+"""Draws the pictures of sum-report as SVG text. Colours are defined by the page's style: series
+have the classes s1 to s8, and s0 for "others"; cells of a matrix have q1 to q7. The <title> of a
+mark describes it, and browsers show that as a tooltip.
 """
 
 import html
 import math
 
 WIDTH = 960
-LEFT = 150      # room for labels
+LEFT = 150      # width of the labels
 RIGHT = 12
 PLOT = WIDTH - LEFT - RIGHT
 NAME = 60       # characters of a name that are shown
 
 
 def name_text(name, limit=NAME):
-    """A name as HTML text; what can't be shown becomes a replacement character."""
+    """A name as HTML text; characters that can't be shown become replacement characters."""
     shown = "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name[:limit])
     return html.escape(shown) + ("…" if len(name) > limit else "")
 
@@ -44,14 +44,15 @@ def bytes_text(value):
 
 
 class TimeText:
-    """Shows ticks: in the unit that fits the span of the run where the tick's seconds are known."""
+    """Formats ticks; if the length of a tick is known, in the unit that fits the span of the
+    run."""
 
     def __init__(self, tick, span):
         self.tick, self.unit = tick, self._unit(tick, span)
 
     @staticmethod
     def _unit(tick, span):
-        """What ticks are multiplied with, and the unit that gives."""
+        """The factor by which ticks are multiplied, and the resulting unit."""
         if not tick:
             return 1, "ticks"
         units = ((tick, "s"), (tick * 1e3, "ms"), (tick * 1e6, "µs"), (tick * 1e9, "ns"))
@@ -90,7 +91,7 @@ def titled_rect(x, y, width, height, kind, title):
 
 
 class TimeScale:
-    """Where the columns of an axis lie."""
+    """The positions of an axis's columns."""
 
     def __init__(self, axis, time_text):
         self.axis, self.time_text = axis, time_text
@@ -113,7 +114,7 @@ class TimeScale:
 
 def stacked(scale, columns, available, series):
     """The share of functions in the time of all threads, column by column. `series` are pairs of
-    key and name; what is under other keys is "others"."""
+    key and name; other keys are shown as "others"."""
     height, top = 220, 8
     parts = []
     for percent in (0, 25, 50, 75, 100):
@@ -153,7 +154,8 @@ def stacked(scale, columns, available, series):
 
 
 def lanes(scale, cells, times, names, series):
-    """For each group of threads and column the function with most time. `names` are of groups."""
+    """The function with the most time for each group of threads and column. `names` are those of
+    the groups."""
     row, top = 18 if len(names) <= 16 else 12, 4
     keys = {key: place for place, (key, _) in enumerate(series, 1)}
     labels = dict(series)
@@ -184,7 +186,7 @@ def lanes(scale, cells, times, names, series):
 
 
 def most(cell, keys):
-    """The key of the function with most time: None for others, "idle" where there is no time."""
+    """The key of the function with the most time: None for others, "idle" if there is no time."""
     best = max(cell or (), key=lambda key: cell[key], default=None)
     if not cell or not cell[best]:
         return "idle"
@@ -192,8 +194,9 @@ def most(cell, keys):
 
 
 def matrix(cells, names, what, show):
-    """A square of cells: rows send, columns receive. `cells` are numbers by pair of groups, `show`
-    makes text of one. Shades are logarithmic, from the smallest number to the largest."""
+    """A square of cells, with senders as rows and receivers as columns. `cells` are numbers by pair
+    of groups, and `show` formats a number. Shades are logarithmic, from the smallest to the largest
+    number."""
     width, top = 460, 34
     left = 120
     step = min((width - left - 4) / max(len(names), 1), 70)
@@ -221,8 +224,8 @@ def matrix(cells, names, what, show):
 
 
 def lines(scale, curves, band, label):
-    """Curves over time: pairs of name and Curve. `band`, a Curve or None, is drawn from its lowest
-    to its highest values."""
+    """Curves over time, given as pairs of name and Curve. `band`, a Curve or None, is drawn as an
+    area from its lowest to its highest values."""
     height, top = 130, 8
     drawn = [(name, means(curve)) for name, curve in curves]
     extent = [v for _, points in drawn for v in points if v is not None]
@@ -231,7 +234,7 @@ def lines(scale, curves, band, label):
     if not extent:
         return ""
     low, high = min(extent), max(extent)
-    # Halved, since a difference of large numbers may be beyond the largest.
+    # Halved, because the difference of large numbers may overflow.
     room = (high / 2 - low / 2) or 1.0
 
     def y(value):
@@ -269,7 +272,7 @@ def means(curve):
 
 
 def path_of(scale, points, y):
-    """A line through neighbours; a point that stands alone is a short dash."""
+    """A line through neighbouring points; a point without a neighbour is a short dash."""
     pen_down = False
     for column, value in enumerate(points):
         if value is None:
