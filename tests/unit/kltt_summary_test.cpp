@@ -5,10 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cmath>
-#include <map>
-#include <sstream>
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/unit/klt_reading.h"
@@ -34,41 +33,17 @@ class KlttSummary : public testing::Test {
     summary_->counter_event(time, 2, 1, &counter, &bits);
   }
 
-  // A file: version, width of bins and number of records, then a line for each record. I and Q are
-  // 4 and 8 bytes, d is a real number, s a text; what is behind the bar comes # times.
-  std::string contents(const std::string& kind) {
-    static const std::map<std::string, std::string> kFields = {{"fnc", "QQII#I|IIQQIIIIII"},
-                                                               {"cop", "QIIII#I|IIQQQQQddIIIIII"},
-                                                               {"msg", "IQQQQIIIIIIIIII"},
-                                                               {"cnt", "IQQIIdddddd"},
-                                                               {"rep", "QI#sss|QIsIsI"}};
-    std::istringstream file(tb::readFile(base_ + ".sum." + kind));
-    std::ostringstream lines;
-    uint32_t count = 0;
-    const auto take = [&](auto value) {
-      file.read(reinterpret_cast<char*>(&value), sizeof value);
-      (std::isnan(static_cast<double>(value)) ? lines << "nan" : lines << value) << ' ';
-      return value;
-    };
-    const auto put = [&](char field) {
-      if (field == '|') lines << "| ";
-      if (field == 'd') take(double{});
-      if (field == 'Q') take(int64_t{});
-      if (field == 'I') take(uint32_t{});
-      if (field == '#') count = take(uint32_t{});
-      if (field != 's') return;
-      std::string text(take(uint32_t{}), '?');
-      lines << (file.read(text.data(), static_cast<std::streamsize>(text.size())), text) << ' ';
-    };
-    for (int i = 0; i < 3; ++i) put('Q');
-    const std::string& fields = kFields.at(kind);
-    const auto group = std::find(fields.begin(), fields.end(), '|');
-    while (file.peek() != EOF) {
-      lines << '\n';
-      std::for_each(fields.begin(), group, put);
-      for (; count > 0; --count) std::for_each(group, fields.end(), put);
-    }
-    return lines.str();
+  // The four-byte words of a file; there are six ahead of its records.
+  std::vector<uint32_t> words(const std::string& kind) {
+    const std::string file = tb::readFile(base_ + ".sum." + kind);
+    std::vector<uint32_t> result(file.size() / sizeof(uint32_t));
+    std::memcpy(result.data(), file.data(), result.size() * sizeof(uint32_t));
+    return result;
+  }
+  // Width of bins and number of records.
+  std::pair<uint32_t, uint32_t> head(const std::string& kind) {
+    const std::vector<uint32_t> all = words(kind);
+    return {all[2], all[4]};
   }
 
   tb::TempDir directory_;
@@ -79,7 +54,8 @@ class KlttSummary : public testing::Test {
 
 TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
   const struct {
-    uint64_t start, span, events, last, bins, width;
+    uint64_t start, span, events, last;
+    uint32_t bins, width;
     int32_t eventBits = 0;
   } rows[] = {
       {0, 6400, 2, 1000000, 2, 3200},
@@ -102,35 +78,30 @@ TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
       message({.time = time});
     }
     EXPECT_TRUE(KLTT_SumClose(summary_));
-    const std::string head = "1 " + std::to_string(row.width) + ' ';
-    EXPECT_TRUE(contents("fnc").starts_with(head + std::to_string(row.bins) + ' '));
-    EXPECT_TRUE(contents("msg").starts_with(head + "1 \n2 "));  // of both
+    EXPECT_EQ(head("fnc"), std::pair(row.width, row.bins));
+    EXPECT_EQ(head("msg"), std::pair(row.width, 1U));
+    EXPECT_EQ(words("msg")[6], 2U) << "messages";
   }
 }
 
-// After the times, the thread and its events: function, own time and all of it, calls, location,
-// children, distance of the first, whether a sibling follows, distance of the parent.
-TEST_F(KlttSummary, TreesOfCalls) {
+// After the times of a bin: the thread, its events and records. A record of 12 words has the
+// function in its second, own time in the third and the number of calls in the seventh.
+TEST_F(KlttSummary, OutermostCallsThatAreHiddenCountAnewInTheNextBin) {
   open();
-  leave(1);                                       // of no call
-  for (const uint32_t function : {6U, 4U, 5U}) {  // the lowest of several outermost calls is shown
-    call(1, function);
-    for (const uint32_t scl : {9U, 8U}) {  // the first location in a bin counts
-      call(1, scl - 7, scl);
-      leave(3);
-      call(1, 1, scl);
-      leave(3);
-    }
-    leave(3);
-  }
-  call(12, 6);  // an open call is in each bin with its part, one that was hidden counts anew
-  call(14, 1);
+  leave(1);                                 // of no call
+  for (const uint32_t function : {6U, 4U})  // the lowest of several is shown
+    call(1, function), leave(3);
+  call(12, 6);
   leave(3);  // time that goes backwards adds nothing
+  call(13, 6);
   EXPECT_TRUE(KLTT_SumClose(summary_));
-  EXPECT_EQ(contents("fnc"),
-            "1 10 2 \n0 10 0 31 4 0 | 0 0 0 2 0 0 1 1 1 0 | 0 4 0 2 1 0 2 1 0 1 "
-            "| 0 1 6 6 3 9 0 0 1 1 | 0 2 2 2 1 9 0 0 0 2 "
-            "\n10 10 0 3 3 0 | 0 0 0 8 0 0 1 1 1 0 | 0 6 19 8 1 0 1 1 0 1 | 0 1 0 0 1 0 0 0 0 1 ");
+  const std::vector<uint32_t> expected = {
+      1,  0, 10, 0, 2, 0,                                                        //
+      0,  0, 10, 0, 0, 5, 2, 0,                                                  //
+      0,  0, 0,  0, 2, 0, 0, 0, 1, 1, 1, 0, 0, 4, 2, 0, 2, 0, 1, 0, 0, 0, 0, 1,  //
+      10, 0, 10, 0, 0, 3, 2, 0,                                                  //
+      0,  0, 0,  0, 7, 0, 0, 0, 1, 1, 1, 0, 0, 6, 7, 0, 7, 0, 2, 0, 0, 0, 0, 1};
+  EXPECT_EQ(words("fnc"), expected);
 }
 
 TEST_F(KlttSummary, ManyCallsAndMessagesKeepTheirKeysApart) {
@@ -142,43 +113,36 @@ TEST_F(KlttSummary, ManyCallsAndMessagesKeepTheirKeysApart) {
     for (int twice = 0; twice < 2; ++twice) message({.tag = i * 31});
   }
   EXPECT_TRUE(KLTT_SumClose(summary_));
-  EXPECT_TRUE(contents("fnc").starts_with("1 1000 1 \n0 1000 0 40001 20002 0 "));
-  EXPECT_TRUE(contents("msg").starts_with("1 1000 20000 \n2 "));
+  const std::vector<uint32_t> calls = words("fnc");
+  EXPECT_EQ(calls[11], 40001U) << "events";
+  EXPECT_EQ(calls[12], 20002U) << "records";
+  EXPECT_EQ(head("msg"), std::pair(1000U, 20000U));
+  EXPECT_EQ(words("msg")[6], 2U);
 }
 
-TEST_F(KlttSummary, MessagesOperationsCountersAndReportsAddUp) {
+TEST_F(KlttSummary, TimesMayGoBackwardsAndMembersDiffer) {
   const uint64_t starts[] = {0, 8, 4}, deltas[] = {8, 0, 40};
-  const uint32_t sizes[] = {10, 0, 0xffffffff}, places[] = {0, 3, 0};
-  const reading::Messages told;
+  const uint32_t sizes[] = {10, 0, 0xffffffff};
   open(0, 623 << 2, 2);
-  message({.time = 20, .duration = 20, .sender = 40, .size = 2});
-  message({.time = 20, .duration = -1, .sender = 40, .size = 2, .senderScl = 11});
-  message({.time = 36, .sender = 40, .size = 2, .senderScl = 12, .receiverScl = 13});
-  for (int i = 0; i < 5; ++i) message({.size = 0x80000001});
-  summary_->collective_event(16, 2, 1, 9, {2, starts, deltas, sizes, nullptr, places});
-  summary_->collective_event(12, 2, 1, 9, {3, starts, starts, nullptr, sizes, nullptr});
+  summary_->collective_event(16, 2, 1, 9, {2, starts, deltas, nullptr, nullptr, nullptr});
+  summary_->collective_event(12, 2, 1, 9, {3, starts, deltas, nullptr, sizes, nullptr});
   summary_->collective_event(20, 2, 1, 9, {});
-  summary_->counter_definition(4, 0);
-  summary_->counter_definition(4, 0x101);  // integers
-  sample(4, 4, 10);
-  sample(8, 4, ~uint64_t{3});
-  sample(16, 4, 6);
-  sample(14, 9, std::bit_cast<uint64_t>(2.5));  // not defined
-  const std::string longText(200'000, 'x');     // more than is buffered
+  sample(16, 9, std::bit_cast<uint64_t>(2.5));  // not defined
+  sample(8, 9, std::bit_cast<uint64_t>(3.5));
+  const std::string longText(200'000, 'x');  // more than is buffered
   const char* texts[] = {longText.c_str()};
   summary_->report_event({16, 5, "A", nullptr, "d", 1, deltas, sizes, texts, sizes, texts, sizes});
-  EXPECT_TRUE(contents("rep") == "1 10 1 \n4 5 1 1 A 0  1 d | 2 10 200000 " + longText +
-                                     " 10 200000 " + longText + " 10 ");  // at once
+  EXPECT_EQ(words("rep").size(), 6 + (2 * longText.size() + 58) / 4) << "at once";
   EXPECT_TRUE(KLTT_SumClose(summary_));
-  EXPECT_EQ(contents("msg"),
-            "1 10 2 \n3 19 4 -1 5 40 0 0 0 2 6 0 0 11 13 "
-            "\n5 0 0 0 0 0 0 0 0 2147483649 2147483653 0 0 0 0 ");
-  // The first rate of the second member is no number, which no other replaces.
-  EXPECT_EQ(contents("cop"),
-            "1 10 1 \n3 1 9 2 3 2 0 | 0 0 3 6 2 0 2 5 inf 10 0 10 10 0 10 "
-            "| 0 3 5 7 2 0 2 nan nan 0 0 0 0 0 0 ");
-  EXPECT_EQ(contents("cnt"),
-            "1 10 2 \n4 1 4 2 3 -4 10 4 -14 5 -4.5 \n9 3 3 2 1 2.5 2.5 2.5 0 0 0 ");
+  const std::vector<uint32_t> operation = words("cop"), counter = words("cnt");
+  EXPECT_EQ(operation[6], 3U) << "the earliest time";
+  EXPECT_EQ(operation[11], 3U) << "operations";
+  EXPECT_EQ(operation[12], 2U) << "members";
+  EXPECT_EQ(operation[16], 3U) << "the earliest start";
+  EXPECT_EQ(operation.size(), 14U + 2 * 22);
+  double rate;
+  std::memcpy(&rate, &counter[19], sizeof rate);
+  EXPECT_EQ(rate, -0.5);
 }
 
 TEST_F(KlttSummary, AFileThatIsThereStaysAndHarmsNoOther) {
@@ -189,7 +153,7 @@ TEST_F(KlttSummary, AFileThatIsThereStaysAndHarmsNoOther) {
   message({});
   EXPECT_FALSE(KLTT_SumClose(summary_));
   EXPECT_EQ(tb::readFile(directory_ / "1.sum.msg"), "precious");
-  EXPECT_TRUE(contents("fnc").starts_with("1 10 1 "));
+  EXPECT_EQ(head("fnc"), std::pair(10U, 1U));
   EXPECT_EQ(told.take(),
             "ERROR: could not create summary file " + base_ + ".sum.msg: File exists\n");
 }
