@@ -74,8 +74,6 @@ void fill(tb::Trace& trace, int32_t n) {
 TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
   tb::Trace trace(1);
   fill(trace, 2);
-  ASSERT_EQ(merge(trace), KLTM_DONE);
-  EXPECT_EQ(reading::only(linesOf(output_), {"info"}), Lines{});
   trace.declarations().record(
       47, {{"info_class", 3},
            {"info",
@@ -91,19 +89,12 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
   tb::Trace trace(1);
   fill(trace, 2);
   const std::string input = trace.files().truncate(".r.0", 1).writePlain(directory_);
-  const auto inputFiles = [&] {
-    return std::count_if(fs::directory_iterator(directory_.path()), {}, [](const auto& file) {
-      return file.path().filename().string().starts_with("t.klt");
-    });
-  };
-  const auto before = inputFiles();
   EXPECT_EQ(merge(input, KLTM_DELETE_INPUT), KLTM_WRONG_OPERATION);
   EXPECT_EQ(merge(input, KLTM_MERGE | KLTM_DELETE_INPUT), KLTM_INCOMPLETE);
-  EXPECT_EQ(inputFiles(), before);
+  EXPECT_TRUE(fs::exists(input) && fs::exists(input + ".r.0"));
   (void)trace.files().writePlain(directory_);
   EXPECT_EQ(merge(input, KLTM_MERGE | KLTM_DELETE_INPUT), KLTM_DONE);
-  EXPECT_EQ(inputFiles(), 0);
-  EXPECT_TRUE(KLT_IsTrace(output_.c_str()));
+  EXPECT_FALSE(fs::exists(input) || fs::exists(input + ".r.0"));
 }
 
 TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {
@@ -112,7 +103,7 @@ TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {
   ASSERT_EQ(merge(trace), KLTM_DONE);
   EXPECT_EQ(messages_.take(),
             "ERROR: communicator 1 has 70000 members, all above 65535 are left out\n");
-  const Lines lines = reading::only(linesOf(output_), {"all_communication"});
+  const Lines lines = reading::only(linesOf(output_), {"all_communication", "info"});
   ASSERT_EQ(lines.size(), 1U);
   EXPECT_TRUE(lines[0].starts_with("all_communication 4 1 1 65535 [0 "));
 }

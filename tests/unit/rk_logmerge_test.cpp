@@ -1,6 +1,5 @@
-// Matching of raw events, through the writer and back: what comes out for given operations, and for
-// random events in an arena that overflows all the time, which a matcher takes too that walks
-// everything.
+// Matching of raw events, through the writer and back: random events in an arena that overflows all
+// the time, which a matcher takes too that walks everything, and many.
 #include "generic/merge/RK_logmerge.h"
 
 #include <gtest/gtest.h>
@@ -42,8 +41,8 @@ KLTM_RawMessage raw(uint32_t type, uint64_t time, uint32_t process, uint32_t oth
                     uint32_t tag = 1) {
   return {time, kindOf(type, process), other, tag, 8, 1, 13 + type, kNoScl};
 }
-KLTM_RawCollop part(uint64_t time, uint32_t process, uint32_t operation, uint32_t counter = 0,
-                    uint32_t comm = 2, uint32_t root = 0) {
+KLTM_RawCollop part(uint64_t time, uint32_t process, uint32_t operation, uint32_t counter,
+                    uint32_t comm, uint32_t root = 0) {
   return {time,      time + 5,     kindOf(kCollop, process),
           operation, comm,         counter,
           root,      10 + process, 20 + process,
@@ -131,9 +130,8 @@ class Naive {
 
   // With locations if it was written while it was open and they were possible then.
   static std::string messageRecord(const Entry& m, bool wasOpen) {
-    KLTM_RawMessage none;
-    none.scl = kNoScl;
-    const KLTM_RawMessage s = m.sent.value_or(none), r = m.received.value_or(none);
+    const KLTM_RawMessage none{.scl = kNoScl}, s = m.sent.value_or(none),
+                                               r = m.received.value_or(none);
     const KLTM_RawMessage& known = m.sent ? s : r;
     const bool located =
         wasOpen ? !m.isSentFirst || s.scl != 0 : s.scl != 0 && (s.scl != kNoScl || r.scl != kNoScl);
@@ -227,19 +225,6 @@ class Naive {
 
   const Members& communicators_;
 };
-
-// Of all forms; without counters, operation and root tell them apart.
-TEST(Logmerge, OperationsBecomeTheseRecords) {
-  const Merged merged =
-      merge({{2, {0, 1}}}, {part(100, 1, 1), part(101, 1, 3, 0, 2, 1), part(102, 1, 5, 0, 2, 1),
-                            part(103, 1, 36), part(110, 0, 36), part(111, 0, 5, 0, 2, 1),
-                            part(112, 0, 3, 0, 2, 1), part(113, 0, 1)});
-  const Lines expected = {"all_communication 100 2 1 2 [13 0] [5 5] [0 0]",
-                          "one_to_all_communication 101 1 11 2 3 2 [11 0] [5 5] [20 21] [0 0]",
-                          "all_to_one_communication 102 1 21 2 5 2 [9 0] [5 5] [10 11] [0 0]",
-                          "all_to_all_communication 103 2 36 2 [7 0] [5 5] [10 11] [20 21] [0 0]"};
-  EXPECT_EQ(reading::difference(expected, merged.collops), "");
-}
 
 // The arena overflows all the time: what is still open is written, and written again.
 TEST(Logmerge, RandomEventsAsTheWalkingMatcherHasThem) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -74,15 +75,18 @@ class RkOptions : public testing::Test {
   PAL_MessageSettings saved_ = PAL_messages;
 };
 
-// Runs the passes and shows what they make of the options, with the format of the output.
+// Runs the passes and shows what they make of the options, with the format of the output. There is
+// a bar between two arguments.
 std::string configured(const std::vector<std::pair<std::string, std::string>>& environment,
-                       std::vector<std::string> arguments) {
+                       const std::string& arguments) {
   RK_ConfigDefaults();
   for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
   if (!environment.empty()) RK_ConfigInit("/usr/bin/tool");
   for (const auto& [name, value] : environment) unsetenv(name.c_str());
   std::vector<char*> argv = {nullptr};
-  for (std::string& argument : arguments) argv.push_back(argument.data());
+  std::string words = arguments;
+  for (char* word = std::strtok(words.data(), "|"); word; word = std::strtok(nullptr, "|"))
+    argv.push_back(word);
   const int status = RK_ConfigParseArgs(static_cast<int>(argv.size()), argv.data(),
                                         [] { RK_conf.echo += "usage"; });
   const char* form = RK_conf.output_single_file ? "single " : RK_conf.output_format ? "" : "text ";
@@ -100,101 +104,86 @@ std::string nothing(const std::string& word) {
 }
 
 TEST_F(RkOptions, LinesAreReadByTheGrammar) {
-  const std::string instead = " Without quotes it does: --request ";
   const struct {
-    std::vector<std::string> arguments;
-    std::string outcome, messages = "";
+    std::string arguments, outcome, messages = "";
   } rows[] = {
-      {{"--Print-Statistics"}, "PRINT-STATISTICS=1 "},
-      {{"--extended-rkf \t FALSE "}, "EXTENDED-RKF=0 "},
-      {{"--convert on"}, "CONVERT=1 "},
-      {{"--move 'a\t b.klt'"}, "LOGFILE-NAME!=a\t b.klt MOVE=1 "},
-      {{"--merge \"off\""}, "LOGFILE-NAME!=off MERGE=1 "},
-      {{"--match-hashsize +99999999999999999999"}, "MATCH-HASHSIZE!=2147483647 "},
-      {{"--perftest -99999999999999999999"}, "PERFTEST=-2147483648 "},
-      {{"--verbose off"}, "VERBOSE=0 "},
-      {{"--info numprocessors 4 and 'that"}, ""},
-      {{"--# dump"}, ""},
-      {{"--   \t"}, ""},
-      {{"--{\xff\x01> \t"}, "echo={\xff\x01> "},
+      {"--Print-Statistics", "PRINT-STATISTICS=1 "},
+      {"--extended-rkf \t FALSE ", "EXTENDED-RKF=0 "},
+      {"--convert on", "CONVERT=1 "},
+      {"--move 'a\t b.klt'", "LOGFILE-NAME!=a\t b.klt MOVE=1 "},
+      {"--merge \"off\"", "LOGFILE-NAME!=off MERGE=1 "},
+      {"--match-hashsize +99999999999999999999", "MATCH-HASHSIZE!=2147483647 "},
+      {"--perftest -99999999999999999999", "PERFTEST=-2147483648 "},
+      {"--verbose off", "VERBOSE=0 "},
+      {"--info numprocessors 4 and 'that", ""},
+      {"--# dump", ""},
+      {"--{\xff\x01> \t", "echo={\xff\x01> "},
       // Times are sums of pieces with units.
-      {{"--os-counter-delay 1w+1d+1h+1m+1s+1l+1c"}, "OS-COUNTER-DELAY=694861.001001 "},
-      {{"--os-counter-delay 2.5e-1s+-1"}, "OS-COUNTER-DELAY=-0.75 "},
-      {{"--os-counter-delay 1e+3"}, "OS-COUNTER-DELAY=3 ", "WARNING: cannot decode time\n"},
-      {{"--os-counter-delay 1H"}, "OS-COUNTER-DELAY=0 ", "WARNING: cannot decode time\n"},
+      {"--os-counter-delay 1w+1d+1h+1m+1s+1l+1c", "OS-COUNTER-DELAY=694861.001001 "},
+      {"--os-counter-delay 2.5e-1s+-1", "OS-COUNTER-DELAY=-0.75 "},
+      {"--os-counter-delay 1e+3", "OS-COUNTER-DELAY=3 ", "WARNING: cannot decode time\n"},
+      {"--os-counter-delay 1H", "OS-COUNTER-DELAY=0 ", "WARNING: cannot decode time\n"},
       // The longest item of a request wins, then the first. They follow each other in any order.
-      {{"--request 10:20"}, "REQUEST 10:20:1 "},
-      {{"--request 10s:20"}, "REQUEST [10 20] "},
-      {{"--request 1h+30m:2h"}, "REQUEST [5400 7200] "},
-      {{"--request -1.5:2"}, "REQUEST [-1.5 2] "},
-      {{"--request 5"}, "REQUEST 5:5:1 "},
-      {{"--request 1:2:3:4"}, "REQUEST 1:2:3 "},
-      {{"--request 2:n"}, "REQUEST 2:0:1 "},
-      {{"--request 1:2:-1"}, "REQUEST "},
-      {{"--request 0:3,5:7FUNCTIONS 9"}, "REQUEST 0:3:1 5:7:1 9:9:1 0x4 "},
-      {{"--request , scopes ,\"a\",raw_Events 1s:2s , 3s:4s,,"}, "REQUEST [3 4] 0x8008 'a' "},
-      {{"--request \"one\" \"two\""},
-       "REQUEST 'two' ",
+      {"--request 10s:20", "REQUEST [10 20] "},
+      {"--request 1h+30m:2h", "REQUEST [5400 7200] "},
+      {"--request -1.5:2", "REQUEST [-1.5 2] "},
+      {"--request 2:n", "REQUEST 2:0:1 "},
+      {"--request 1:2:-1", "REQUEST "},
+      {"--request 0:3,5:7FUNCTIONS 9", "REQUEST 0:3:1 5:7:1 9:9:1 0x4 "},
+      {"--request , scopes ,\"a\",raw_Events 1s:2s , 3s:4s,,", "REQUEST [3 4] 0x8008 'a' "},
+      {"--request \"one\" \"two\"", "REQUEST 'two' ",
        "WARNING: overwriting old type \"one\" of frame with \"two\"\n"},
       // A value that is missing stops nothing.
-      {{"--Logfile-Name"}, "", "ERROR: parameter error after Logfile-Name, missing parameters\n"},
+      {"--Logfile-Name", "", "ERROR: parameter error after Logfile-Name, missing parameters\n"},
       // What is refused.
-      {{"--activity x"}, "fails", "WARNING: Option ACTIVITY not supported.\n"},
-      {{"--info numprocs 4"}, "fails", "WARNING: Option INFO NUMPROCS not supported.\n"},
-      {{"--INFO"}, "fails", unknown("INFO")},
-      {{"-- # VERBOSE 2"}, "echo=  fails", unknown("#")},
-      {{"--dump\nREMOVE"}, "fails", unknown("dump\\x0aREMOVE")},
-      {{"--nmcmd 'a\nREMOVE\n'"}, "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
-      {{"--Request 1:2:3:4:5 \t6"},
-       "REQUEST 1:2:3 fails",
+      {"--activity x", "fails", "WARNING: Option ACTIVITY not supported.\n"},
+      {"--info numprocs 4", "fails", "WARNING: Option INFO NUMPROCS not supported.\n"},
+      {"--INFO", "fails", unknown("INFO")},
+      {"-- # VERBOSE 2", "echo=  fails", unknown("#")},
+      {"--dump\nREMOVE", "fails", unknown("dump\\x0aREMOVE")},
+      {"--nmcmd 'a\nREMOVE\n'", "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
+      {"--Request 1:2:3:4:5 \t6", "REQUEST 1:2:3 fails",
        "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\nFORMS\n"},
-      {{"--request 1+2+"},
-       "REQUEST 3s fails",
+      {"--request 1+2+", "REQUEST 3s fails",
        "ERROR: parameter error after --request, unrecognized text: +\nFORMS\n"},
       // What was meant.
-      {{"--dumps"}, "fails", unknown("dumps") + "Did you mean --dump?\n"},
-      {{"--verbose=2"}, "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
-      {{"--mtached-rkf"}, "fails", unknown("mtached-rkf") + "Did you mean --matched-rkf?\n"},
-      {{"--logfile"}, "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
-      {{"--x"}, "fails", unknown("x")},
-      {{"-- Dump"}, "echo=  fails", unknown("Dump") + "An option begins with two dashes: --dump\n"},
-      {{"--dump{on"}, "fails", unknown("dump") + "Did you mean --dump VALUE?\n"},
-      {{"--Convert my file"},
-       "fails",
+      {"--verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
+      {"--mtached-rkf", "fails", unknown("mtached-rkf") + "Did you mean --matched-rkf?\n"},
+      {"--logfile", "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
+      {"--x", "fails", unknown("x")},
+      {"-- Dump", "echo=  fails", unknown("Dump") + "An option begins with two dashes: --dump\n"},
+      {"--dump{on", "fails", unknown("dump") + "Did you mean --dump VALUE?\n"},
+      {"--Convert my file", "fails",
        invalid("Convert", "my file") + "A text with blanks needs quotes: --convert 'my file'\n"},
-      {{"--logfile-format A B"}, "LOGFILE-FORMAT!=KLT fails", invalid("logfile-format", "A B")},
-      {{"--request functon"},
-       "REQUEST 'functon' ",
+      {"--logfile-format A B", "LOGFILE-FORMAT!=KLT fails", invalid("logfile-format", "A B")},
+      {"--request functon", "REQUEST 'functon' ",
        nothing("functon") + "\nDid you mean FUNCTIONS?\n"},
-      {{"--request frame"}, "REQUEST 'frame' ", nothing("frame") + "\nFORMS\n"},
-      {{"--request '1s:2s'"}, "REQUEST '1s:2s' ", nothing("1s:2s") + instead + "1s:2s\n"},
-      {{"--request '0:3,5'"}, "REQUEST '0:3,5' ", nothing("0:3,5") + instead + "0:3,5\n"},
-      {{"--request 'one word 5:6'"}, "REQUEST 'one word 5:6' "},
+      {"--request frame", "REQUEST 'frame' ", nothing("frame") + "\nFORMS\n"},
+      {"--request '0:3,5'", "REQUEST '0:3,5' ",
+       nothing("0:3,5") + " Without quotes it does: --request 0:3,5\n"},
+      {"--request 'one word 5:6'", "REQUEST 'one word 5:6' "},
       // A mistake in a long line has no answer.
-      {{"--" + std::string(70000, 'x')}, "fails", unknown(std::string(70000, 'x'))},
+      {"--" + std::string(70000, 'x'), "fails", unknown(std::string(70000, 'x'))},
       // Arguments are lines, and choose the format.
-      {{"--logfile-name", "a b.ark", "--REQUEST", "0:3,", "1s:2s", "FUNCTIONS"},
+      {"--logfile-name|a b.ark|--REQUEST|0:3,|1s:2s|FUNCTIONS",
        "LOGFILE-NAME!=a b.ark REQUEST 0:3:1 [1 2] 0x4 text "},
-      {{"--nmcmd", "it's b"}, "fails", invalid("nmcmd", "it's b")},
-      {{"stray", "--dump"}, "DUMP=1 echo=  fails", unknown("stray")},
-      {{"--dump", "--Help", "--nonsense"}, "echo=usage text fails"},
-      {{"--logfile-name", "out.single.klt"}, "LOGFILE-NAME!=out.single.klt single "},
-      {{"--logfile-name", "out.KLT.single"}, "LOGFILE-NAME!=out.KLT.single single "},
-      {{"--move", "-"}, "LOGFILE-NAME!=- MOVE=1 text "},
-      {{"--move", "out.txt"}, "LOGFILE-NAME!=out.txt MOVE=1 "},
-      {{"--move", "o.ark", "--logfile-format", "klt"},
-       "LOGFILE-FORMAT!=klt LOGFILE-NAME!=o.ark MOVE=1 "},
-      {{"--logfile-format", "KltSingle"}, "LOGFILE-FORMAT!=KltSingle single "},
-      {{"--logfile-format", "KltAscii"}, "LOGFILE-FORMAT!=KltAscii "},
-      {{"--logfile-format", "ascii"}, "LOGFILE-FORMAT!=ascii text "},
-      {{"--logfile-format", "XML"},
-       "LOGFILE-FORMAT!=XML fails",
+      {"--nmcmd|it's b", "fails", invalid("nmcmd", "it's b")},
+      {"stray|--dump", "DUMP=1 echo=  fails", unknown("stray")},
+      {"--dump|--Help|--nonsense", "echo=usage text fails"},
+      {"--logfile-name|out.single.klt", "LOGFILE-NAME!=out.single.klt single "},
+      {"--logfile-name|out.KLT.single", "LOGFILE-NAME!=out.KLT.single single "},
+      {"--move|-", "LOGFILE-NAME!=- MOVE=1 text "},
+      {"--move|out.txt", "LOGFILE-NAME!=out.txt MOVE=1 "},
+      {"--move|o.ark|--logfile-format|klt", "LOGFILE-FORMAT!=klt LOGFILE-NAME!=o.ark MOVE=1 "},
+      {"--logfile-format|KltSingle", "LOGFILE-FORMAT!=KltSingle single "},
+      {"--logfile-format|KltAscii", "LOGFILE-FORMAT!=KltAscii "},
+      {"--logfile-format|ascii", "LOGFILE-FORMAT!=ascii text "},
+      {"--logfile-format|XML", "LOGFILE-FORMAT!=XML fails",
        "WARNING: invalid value for LOGFILE-FORMAT: XML\n"},
-      {{"--verbose", "2"}, "VERBOSE=2 "},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(configured({}, row.arguments), row.outcome);
-    EXPECT_EQ(told(), row.messages);
+    EXPECT_EQ(configured({}, row.arguments), row.outcome) << row.arguments;
+    EXPECT_EQ(told(), row.messages) << row.arguments;
   }
 }
 
@@ -208,7 +197,7 @@ TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
   };
   for (const auto& [key, values] : cases) {
     for (const std::string& value : values) {
-      EXPECT_EQ(configured({}, {"--" + key + ' ' + value}), "fails");
+      EXPECT_EQ(configured({}, "--" + key + ' ' + value), "fails");
       EXPECT_EQ(told(), invalid(key, PAL_Printable(value)));
     }
   }
@@ -225,7 +214,7 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
                         {"RK_SYMBOL_HASHSIZE", "5000"},
                         {"RK_LOGFILE_NAME", "a b"},
                         {"RK_DUMP", "\n"}},
-                       {"--class-hashsize", "5", "--request", "3", "--ticks", "off"}),
+                       "--class-hashsize|5|--request|3|--ticks|off"),
             "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= REQUEST 5:5:1 REQUEST 'of FUNCTIONS' "
             "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
   EXPECT_EQ(told(),
@@ -241,7 +230,7 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
   RK_ConfigOutputName();
   EXPECT_EQ(RK_conf.logfile_name, "tool.klt");
   EXPECT_EQ(PAL_messages.showTime, 0);
-  (void)configured({}, {"--verbose", "3"});
+  (void)configured({}, "--verbose 3");
   EXPECT_EQ(PAL_messages.showTime, 1);
 }
 
