@@ -35,11 +35,9 @@ TYPED = [
 ]
 
 # Lines for whose last word nothing fits: it stays as it is typed.
-UNKNOWN = ["--du", "FUN", "job.klt --versi", "job.klt --symbol-h", "job.klt --dump zz",
-           "job.klt --dump jo", "job.klt --request jo", "job.klt --request inter",
-           "job.klt --logfile-format jo", "job.klt --logfile-format FUN",
-           "job.klt --logfile-name of", "job.klt --convert FUN",
-           "job.klt --convert on jo"]
+UNKNOWN = ["--du", "job.klt --versi", "job.klt --symbol-h", "job.klt --dump jo", "job.klt --request jo",
+           "job.klt --request inter", "job.klt --logfile-format FUN", "job.klt --logfile-name of",
+           "job.klt --convert FUN", "job.klt --convert on jo"]
 
 READY = "r-e-a-d-y>"
 SHOW = "klttool() { printf '<%s>' \"$@\"; echo; }\n"
@@ -82,7 +80,7 @@ def main():
             while not (match := re.search(wanted, text)):
                 text += os.read(terminal, 65536).decode(errors="replace")
             text = text[match.end():]
-            return match.group(0)
+            return match[0]
 
         for line, arguments in TYPED + [(line + "\t", line.split()) for line in UNKNOWN]:
             if shell == "fish" and "," in line:  # which completes whole words
