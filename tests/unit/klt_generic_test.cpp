@@ -1,11 +1,13 @@
-// Traces that state other layouts than the program's own: which row a layout becomes, and what
-// handlers get for its records.
+// Records as bytes: what decoders and the writer make of them, in the program's own layout and in
+// others, and which row a layout becomes.
 #include "klt/index/klt_generic.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
 #include <regex>
@@ -13,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "generic/merge/kltt_merge.h"
+#include "klt/format/klt_codec.h"
 #include "tests/unit/klt_reading.h"
 #include "util/pal_mem.h"
 
@@ -37,16 +41,18 @@ class KltGeneric : public testing::Test {
   const PAL_AllocatorTable allocators_ = PAL_allocators;
 };
 
-// A record of the row with small values, of which arrays have up to three.
-tb::Values randomValues(std::mt19937& random, const tb::Row& row) {
+// A record of the row, with arrays of `n` elements and small values, or with any that their types
+// hold. Texts and references to them are always small.
+tb::Values randomValues(std::mt19937_64& random, const tb::Row& row, size_t n, bool wide = false) {
   tb::Values values;
-  const size_t n = random() % 4;
   unsigned covered = 0;
   for (const tb::Field& field : row.fields) {
     if (field.isCount) covered = field.covers;
     if (field.isCount || field.name == "time") continue;
     std::vector<uint64_t> numbers(covered == 0 ? 1 : n);
-    for (uint64_t& number : numbers) number = 1 + random() % 7;
+    const bool isWide = wide && field.type != Type::Char && field.reference != "klt_string.id";
+    for (uint64_t& number : numbers)
+      number = isWide ? random() >> (64 - 8 * tb::bytesOf(field.type)) : 1 + random() % 7;
     if (covered != 0) --covered;
     if (!numbers.empty()) values.emplace_back(field.name, numbers);
   }
@@ -62,25 +68,31 @@ bool isDelivered(const KLT_Row& row) {
 }
 
 // Records of all kinds at times that most often are a little later, in the layout after a change.
-tb::TraceFiles randomTrace(unsigned seed, const Change& change, std::string_view damage = "") {
-  std::mt19937 random(seed);
+// A raw trace has nothing that a merge matches or counts by communicator.
+tb::TraceFiles randomTrace(unsigned seed, const Change& change, std::string_view damage = "",
+                           unsigned flags = 0) {
+  std::mt19937_64 random(seed);
   const tb::Layout standard;
-  tb::Trace trace;
+  tb::Trace trace(flags);
   change(trace.layout());
   for (const char* text : {"a", "b", "c"}) (void)trace.text(text);
   trace.processes({1, 1, 1, 1}).communicator(5, "pair", {{1, 2, 1}, {3, 3, 1}}, 3);
   for (const KLT_Row& row : kKltRows) {
     if (!isDelivered(row) || row.categories() != klt::kDeclarations) continue;
-    trace.declarations().record(row.number, randomValues(random, standard.row(row.number)));
+    trace.declarations().record(row.number,
+                                randomValues(random, standard.row(row.number), random() % 4));
   }
   tb::Stream& s = trace.stream("x", 0xffff);
   uint64_t time = random() % 1000;
   for (size_t n = random() % (seed % 8 == 0 ? 6000 : 600); n > 0; --n) {
     const KLT_Row& row = kKltRows[random() % kKltRowCount];
     if (!isDelivered(row) || row.categories() == klt::kDeclarations) continue;
+    if (flags == 1 && (row.categories() & (tb::RAW_EVENTS | tb::MESSAGES | tb::COLLOPS)) != 0)
+      continue;
     const uint64_t steps[] = {0, random() % 9, random() % 300, 0xffff, 0x10000, random() % 999999};
     time += random() % 500 == 0 ? 0 - time / 3 : steps[random() % 6];
-    s.at(time).record(row.number, randomValues(random, standard.row(row.number)));
+    s.at(time).record(row.number,
+                      randomValues(random, standard.row(row.number), random() % 4, flags == 1));
   }
   s.bytes(damage);
   return trace.files();
@@ -130,7 +142,7 @@ struct Result {
 };
 
 TEST_F(KltGeneric, WhateverTheLayoutAndTheDecodersTheLinesAreTheSame) {
-  std::mt19937 random(21);
+  std::mt19937_64 random(21);
   for (unsigned round = 0; round < 60; ++round) {
     KLT_Request request = reading::window(
         0, reading::kOpenEnd, round % 3 == 0 ? 0xffff : static_cast<uint32_t>(random() % 0xffff));
@@ -152,6 +164,91 @@ TEST_F(KltGeneric, WhateverTheLayoutAndTheDecodersTheLinesAreTheSame) {
         "")
         << round;
   }
+}
+
+TEST_F(KltGeneric, TheMergeWritesWhatItReads) {
+  for (unsigned round = 0; round < 20; ++round) {
+    const tb::TempDir directory;
+    const std::string name = randomTrace(
+                                 round, [](tb::Layout&) {}, "", 1)
+                                 .writePlain(directory),
+                      merged = directory / "m.klt";
+    const auto sorted = [](const std::string& of) {
+      Lines lines = reading::without(reading::linesOf(of), {"function_profile"});
+      std::sort(lines.begin(), lines.end());
+      return lines;
+    };
+    const Messages messages;
+    EXPECT_EQ(
+        KLTM_Merge(nullptr, merged.c_str(), KLT_Open(name.c_str()), KLTM_MERGE, nullptr, nullptr),
+        0);
+    ASSERT_EQ(reading::difference(sorted(name), sorted(merged)), "");
+  }
+}
+
+// All records of a row from a file that is read in blocks of some size, as they are in memory. A
+// limit cuts the last one off, which moves nothing and is told once.
+template <int N>
+std::string decoded(const std::string& bytes, size_t block) {
+  const tb::TempDir directory;
+  const std::string name = directory / "t";
+  tb::writeFile(name, bytes);
+  KLT_Container* container = KLT_ContainerOpen(nullptr, name.c_str(), O_RDONLY, 0);
+  KLT_IoFile* file = KLT_IoOpen(container, name.c_str());
+  KLT_Input input;
+  EXPECT_TRUE(input.attach(file, "t", "f"));
+  input.setBlock(block);
+  input.setLimit(bytes.size() - 1);
+  KLT_RecordBuffer out;
+  std::string records;
+  Messages messages;
+  uint64_t time = 0;
+  for (size_t size = 0, measured = 0; input.position() < bytes.size();) {
+    const uint64_t position = input.position();
+    EXPECT_TRUE(input.ensure(1));
+    input.advance(1);
+    std::memset(out.reserve(0x10000), 0, 0x10000);  // what lies between fields
+    const KLT_Parse parsed = KLT_Codec<N>::parse(input, out, time, size);
+    EXPECT_EQ(KLT_Codec<N>::measure(input, measured), parsed);
+    EXPECT_EQ(input.position(), position + 1);
+    input.stepBack();  // the number is still there
+    EXPECT_EQ(*input.at(), N);
+    if (parsed == KLT_Parse::kRecord) {
+      EXPECT_EQ(measured, size);
+      EXPECT_EQ(KLT_EncodedBytes(out.tail()), 1 + size);
+      const auto* record = reinterpret_cast<const char*>(out.tail());
+      records.append(record, KLT_RecordBytes(out.tail()));
+      input.advance(1 + size);
+    } else {
+      input.setLimit(KLT_Input::kNoLimit);
+      EXPECT_TRUE(input.seek(position));
+    }
+    if (testing::Test::HasFailure()) break;
+  }
+  EXPECT_EQ(messages.take(), "ERROR: More data requested than available for filter.\n");
+  input.detach();
+  KLT_IoClose(file);
+  KLT_ContainerClose(container);
+  return records;
+}
+
+template <int... I>
+void checkBlocks(std::integer_sequence<int, I...>) {
+  const tb::Layout layout;
+  std::mt19937_64 random(3);
+  const auto check = [&]<int N>() {
+    SCOPED_TRACE(N);
+    tb::RecordBytes records(layout);
+    for (int i = 0; i < 200; ++i)
+      records.record(N, randomValues(random, layout.row(N), i == 9 ? 255 : random() % 4, true));
+    const std::string& bytes = records.contents();
+    EXPECT_TRUE(decoded<N>(bytes, 61) == decoded<N>(bytes, bytes.size()));
+  };
+  (check.template operator()<I + 1>(), ...);
+}
+
+TEST_F(KltGeneric, WhereBlocksEndDoesNotMatter) {
+  checkBlocks(std::make_integer_sequence<int, kKltRowCount>());
 }
 
 TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {

@@ -169,6 +169,23 @@ TEST_F(KltWrite, ProfilesCountWhatWasWritten) {
              "end_of_filter 18446744073709551615 16384 1 0:1:1"}));
 }
 
+TEST_F(KltWrite, StepsOfTimeTakeTheShortestRecords) {
+  const tb::Layout layout;
+  tb::RecordBytes expected(layout);
+  const uint64_t last = ~uint64_t{0};
+  EXPECT_TRUE(write("t.klt", [&](KLT_WFileHandle* w) {
+    for (uint64_t time = 0, round = 0; round < 500; ++round) {  // the buffer grows meanwhile
+      for (const uint64_t step : {uint64_t{0}, uint64_t{0xffff}, uint64_t{0x10000}, last >> 32,
+                                  (last >> 32) + 1, last, last << 36, last / 2}) {
+        expected.at(time += step);
+        expected.record(48, {{"willy_gtp", 7}});
+        EXPECT_EQ(KLT_Write<48>(w, nullptr, time, 7U), 7U);
+      }
+    }
+  }));
+  EXPECT_TRUE(tb::readFile(path("t.klt.f.7")) == expected.contents());
+}
+
 // What a field can't count is left out, told with the place that finds it, and missed at the end.
 TEST_F(KltWrite, WhatDoesNotFitIsToldAndCostsTheOutputItsCompleteness) {
   const std::string text(65536, 'x');
