@@ -23,6 +23,10 @@ struct KLTM_Matching {
   // The number of records since the start, including those without a match.
   [[nodiscard]] uint32_t messagesAdded() const { return messages->added(); }
   [[nodiscard]] uint32_t collopsAdded() const { return collops->added(); }
+  // Events since the start that are neither sends nor receives, and are taken for receives.
+  [[nodiscard]] uint64_t messagesStrange() const { return messages->strange(); }
+  // Events of collective operations since the start that no record of the output can hold.
+  [[nodiscard]] uint64_t collopsUnplaced() const { return collops->unplaced(); }
 
   uint32_t processBits = 2;  // bits of a `kind` that hold the process
   uint32_t processMask = 3;

@@ -23,6 +23,8 @@ constexpr Kind kindOf(uint32_t operation) {
   return Kind::kAllToAll;
 }
 
+constexpr bool isRooted(Kind kind) { return kind == Kind::kOneToAll || kind == Kind::kAllToOne; }
+
 bool hasSeen(const KLTM_Collop& collop, uint32_t member) {
   return collop.members[member].time != KLTM_Collop::kNotSeen;
 }
@@ -88,10 +90,20 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   return states_.back().get();
 }
 
+// There is no record for an operation of an unknown kind, and readers refuse one whose communicator
+// has no members. A rooted operation on an unknown communicator is written: making its profile ends
+// the process with a message.
+bool KLTM_CollopTable::hasRecord(uint32_t operation, uint32_t comm) {
+  const Kind kind = kindOf(operation);
+  if (kind == Kind::kNone) return false;
+  return stateOf(comm) != nullptr || (isRooted(kind) && communicators_.find(comm) == nullptr);
+}
+
 // --- matching -----------------------------------------------------------------------------------
 
 void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
   KLTM_CollopState* state = stateOf(event.comm);
+  if (!hasRecord(event.operation, event.comm)) ++unplaced_;
   uint32_t member = state == nullptr ? 0 : state->indexOf(process);
   if (state != nullptr && member != KLTT_MemberList::kNoMember) {
     if (KLTM_Collop* collop = search(*state, member, event)) {
@@ -249,8 +261,7 @@ uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
 
 void KLTM_CollopTable::reportToSummary(const KLTM_Collop& collop) {
   const Kind kind = kindOf(collop.operation);
-  const bool rooted = kind == Kind::kOneToAll || kind == Kind::kAllToOne;
-  summary_->collective_event(collop.time, rooted ? collop.root : klt::kNoRoot, collop.comm,
+  summary_->collective_event(collop.time, isRooted(kind) ? collop.root : klt::kNoRoot, collop.comm,
                              collop.operation,
                              {.n = collop.n,
                               .start_time = arrays_.start.data(),
@@ -263,7 +274,7 @@ void KLTM_CollopTable::reportToSummary(const KLTM_Collop& collop) {
 void KLTM_CollopTable::write(KLTM_Collop& collop) {
   const uint32_t root = collect(collop);
   if (summary_ != nullptr) reportToSummary(collop);
-  writeRecord(collop, root);
+  if (hasRecord(collop.operation, collop.comm)) writeRecord(collop, root);
 }
 
 // Always writes source locations, so that a rewritten record has the same length.

@@ -128,6 +128,8 @@ class KLTM_CollopTable {
   void finish() { arena_.finish(*this); }
   // The number of operations so far.
   [[nodiscard]] uint32_t added() const { return added_; }
+  // Events so far that no record can hold.
+  [[nodiscard]] uint64_t unplaced() const { return unplaced_; }
 
  private:
   friend class KLTM_Arena<KLTM_Collop>;
@@ -142,6 +144,8 @@ class KLTM_CollopTable {
   void release(KLTM_Collop& /*collop*/) {}
 
   [[nodiscard]] KLTM_CollopState* stateOf(uint32_t comm);
+  // Whether the merged trace can hold a record of the operation.
+  [[nodiscard]] bool hasRecord(uint32_t operation, uint32_t comm);
   [[nodiscard]] KLTM_Collop* search(KLTM_CollopState& state, uint32_t member,
                                     const KLTM_RawCollop& event);
   [[nodiscard]] KLTM_Collop* searchKind(KLTM_CollopState& state, uint32_t member,
@@ -161,6 +165,7 @@ class KLTM_CollopTable {
   const KLTM_Communicators& communicators_;
   KLTM_Arena<KLTM_Collop> arena_;
   uint32_t added_ = 0;
+  uint64_t unplaced_ = 0;
   KLT_IdIndex statePlaces_;  // from 1
   std::vector<std::unique_ptr<KLTM_CollopState>> states_;
   Arrays arrays_;

@@ -38,6 +38,8 @@ KLTM_MessageTable::KLTM_MessageTable(KLT_WFileHandle* writer, KLTT_Summary* summ
 
 void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
   const bool sent = event.isSend();
+  if (!sent && !event.isReceive()) [[unlikely]]
+    ++strange_;
   const uint32_t own = processOf(gtp);
   const uint32_t peer = processOf(event.other);
   const uint32_t sender = sent ? own : peer;

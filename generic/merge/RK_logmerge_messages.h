@@ -28,6 +28,7 @@ struct KLTM_RawMessage {
   uint32_t scl = 0;
 
   [[nodiscard]] bool isSend() const { return (kind & 0x3f) == 7; }
+  [[nodiscard]] bool isReceive() const { return (kind & 0x3f) == 8; }
 };
 
 struct KLTM_Message : KLTM_EntryHead {
@@ -65,6 +66,8 @@ class KLTM_MessageTable {
   void finish() { arena_.finish(*this); }
   // The number of messages so far.
   [[nodiscard]] uint32_t added() const { return added_; }
+  // Events so far that are neither sends nor receives, and are taken for receives.
+  [[nodiscard]] uint64_t strange() const { return strange_; }
 
  private:
   friend class KLTM_Arena<KLTM_Message>;
@@ -82,6 +85,7 @@ class KLTM_MessageTable {
   KLTM_Arena<KLTM_Message> arena_;
   PAL_Hash<5> hash_;  // of sender, receiver, communicator, tag, size
   uint32_t added_ = 0;
+  uint64_t strange_ = 0;
   size_t keys_ = 0;                     // number of messages in the chains
   std::vector<KLTM_Message*> buckets_;  // a power of two
 };

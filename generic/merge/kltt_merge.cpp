@@ -63,10 +63,8 @@ class Merge {
     show(-1, 0);
     read();
     close();
-    if (result_ == KLTM_DONE && flag(KLTM_MERGE) && flag(KLTM_DELETE_INPUT) &&
-        KLT_Remove(input_) != 0) {
-      return KLTM_INPUT_NOT_REMOVED;
-    }
+    const bool removes = flag(KLTM_MERGE) && flag(KLTM_DELETE_INPUT);
+    if (result_ == KLTM_DONE && removes && !removeInput()) return KLTM_INPUT_NOT_REMOVED;
     return result_;
   }
 
@@ -79,8 +77,21 @@ class Merge {
     if (progress_ != nullptr) progress_(stream_, state, percent);
   }
 
+  [[nodiscard]] std::string outputName() const { return PAL_PathInDir(prefix_, target_); }
+
+  // The raw trace may declare any names, those of this output included.
+  bool removeInput() {
+    const KLT_OwnedTrace output(KLT_Open(outputName().c_str()));
+    if (output == nullptr) return false;
+    KLT_FileSet outputs = KLTT_InputFiles(output.get());
+    if (flag(KLTM_SUMMARY)) {
+      for (const char* suffix : kKlttSumSuffixes) outputs.add(summaryName() + suffix);
+    }
+    return KLT_Remove(input_, outputs) == 0;
+  }
+
   bool openWriter() {
-    if (KLTT_OutputIsInput(input_, PAL_PathInDir(prefix_, target_).c_str())) return false;
+    if (KLTT_OutputIsInput(input_, outputName().c_str())) return false;
     // The clock isn't known before the first pass, so the profiles use raw times.
     const KLT_StatsParameters statistics{&KLTM_GetIndexInComm, &context_, 0};
     const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;
@@ -104,8 +115,25 @@ class Merge {
       context_.counts.collectives += context_.matching.collopsAdded();
       if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
     }
+    judgeEvents();
     KLTM_MatchFinish(context_.matching);
     KLTM_FreeCommunicators(context_.matching);
+  }
+
+  // Reports events that the merged trace doesn't hold as they are.
+  void judgeEvents() {
+    if (const uint64_t strange = context_.matching.messagesStrange()) {
+      PAL_Warning("%llu raw message events are neither sends nor receives, taken for receives.",
+                  static_cast<unsigned long long>(strange));
+    }
+    const uint64_t unplaced = context_.matching.collopsUnplaced();
+    if (unplaced == 0) return;
+    PAL_Error(
+        "%llu events of collective operations have no place in the merged trace: their "
+        "operation is unknown, or their communicator has no members.%s",
+        static_cast<unsigned long long>(unplaced),
+        flag(KLTM_DELETE_INPUT) ? " The raw trace is kept." : "");
+    if (result_ == KLTM_DONE) result_ = KLTM_INCOMPLETE;
   }
 
   // Reports the faults that both passes find only once. False if the merge can't continue.
@@ -120,9 +148,13 @@ class Merge {
     return pass(KLT_MODE_DEFINITIONS, table);
   }
 
+  [[nodiscard]] std::string summaryName() const {
+    const std::string name = target_ == nullptr ? input_->base : target_;
+    return name.find('/') == std::string::npos ? PAL_PathInDir(prefix_, name) : name;
+  }
+
   void openSummary() {
-    std::string name = target_ == nullptr ? input_->base : target_;
-    if (name.find('/') == std::string::npos) name = PAL_PathInDir(prefix_, name);
+    const std::string name = summaryName();
     const KLTM_Context::Counts& c = context_.counts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
     context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,

@@ -48,9 +48,8 @@ class Summary final : public KLTT_Summary {
     binWidth_ = std::max(span / binCount_, uint64_t{1});
     binEnd_ = binStart_ + std::min(binWidth_, ~binStart_);
     for (const uint32_t thread : threads) calls_.addThread(thread);
-    constexpr const char* kSuffixes[] = {"fnc", "cop", "msg", "cnt", "rep"};
     for (size_t i = 0; i < files_.size(); ++i) {
-      files_[i].create(std::string(target) + ".sum." + kSuffixes[i], binWidth_);
+      files_[i].create(std::string(target) + kKlttSumSuffixes[i], binWidth_);
     }
   }
 

@@ -40,6 +40,10 @@ struct KLTT_Summary {
 // with compressed components.
 [[nodiscard]] uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events);
 
+// What the names of the five files add to the target's.
+inline constexpr const char* kKlttSumSuffixes[] = {".sum.fnc", ".sum.cop", ".sum.msg", ".sum.cnt",
+                                                   ".sum.rep"};
+
 // Creates `target`.sum.fnc and the four other files and returns the handle, never null. `start` and
 // `span` are the first raw time of the run and its length, `eventBits` the bits by which raw times
 // are shifted right, `events` the declared number of events, which determines the number of bins,

@@ -12,13 +12,19 @@
 #include "generic/text/kltt_exit.h"
 #include "klt/index/klt_intern.h"
 #include "util/pal_error.h"
+#include "util/pal_strings.h"
 
-// The input may have many files, so they are only looked up if the output is an existing file.
+// The input may have many files, so they are only looked up if the output is an existing file or
+// its name begins as theirs do.
 bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
   struct stat info {};
   const bool isStandard = std::strcmp(name, "-") == 0;
-  if ((isStandard ? fstat(STDOUT_FILENO, &info) : stat(name, &info)) != 0) return false;
-  return S_ISREG(info.st_mode) && KLTT_InputFiles(handle).contains(info);
+  if ((isStandard ? fstat(STDOUT_FILENO, &info) : stat(name, &info)) == 0) {
+    return S_ISREG(info.st_mode) && KLTT_InputFiles(handle).contains(info);
+  }
+  const std::string_view own = PAL_BaseName(name);
+  return !isStandard && own.starts_with(PAL_BaseName(handle->base.c_str())) &&
+         KLTT_InputFiles(handle).contains(std::string(name));
 }
 
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {

@@ -9,11 +9,12 @@
 struct KLT_FileHandle;
 
 // Whether `name` is the index or container of the open trace, or one of its components. "-" is the
-// file to which standard output is redirected. False if the file doesn't exist.
+// file to which standard output is redirected. A file that doesn't exist is a component if the
+// trace declares its name.
 [[nodiscard]] bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name);
 
 // Ends the process with status 1, as for an output that can't be opened, if `name` is the input.
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name);
 
-// The existing files of the trace.
+// The files of the trace, and the names of those that it declares but that don't exist.
 [[nodiscard]] KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle);

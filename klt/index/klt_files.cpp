@@ -209,14 +209,24 @@ bool wouldOverwrite(const std::vector<Move>& moves, const KLT_FileSet& inputFile
   return false;
 }
 
-// Reports each known reason why a move would fail halfway. True if there is none.
+// Whether `name` is a regular file, or, if `mayLack`, doesn't exist. False after a report.
+bool isMovable(const std::string& name, bool mayLack) {
+  struct stat info {};
+  if (stat(name.c_str(), &info) != 0) return (mayLack && errno == ENOENT) || reportErrno(name) == 0;
+  if (S_ISREG(info.st_mode)) return true;
+  errno = EISDIR;
+  if (S_ISDIR(info.st_mode)) return reportErrno(name) == 0;
+  PAL_Error("%s isn't a regular file.", PAL_Printable(name).c_str());
+  return false;
+}
+
+// Reports each known reason why a move would fail halfway, or take along what isn't part of the
+// trace. True if there is none.
 bool canMove(const std::vector<Move>& moves, const MoveTarget& target) {
   bool can = true;
   for (const Move& move : moves) {
-    if (!move.isAnchors && !exists(move.from)) can = reportErrno(move.from) == 0;
-    if (PAL_IsDir(move.to.c_str(), nullptr) == 0) continue;
-    errno = EISDIR;
-    can = reportErrno(move.to) == 0;
+    const bool source = isMovable(move.from, move.isAnchors);
+    can = isMovable(move.to, true) && source && can;
   }
   const std::string directory = target.directory();
   if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
@@ -275,7 +285,7 @@ int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& inpu
   return 0;
 }
 
-int KLT_Remove(KLT_FileHandle* handle) {
+int KLT_Remove(KLT_FileHandle* handle, const KLT_FileSet& outputs) {
   if (!isSingleFile(*handle) && !KLT_FilesAreKnown(handle)) return 1;
   std::vector<const KLT_FileEntry*> files{&handle->indexEntry};
   if (isSingleFile(*handle))
@@ -286,7 +296,12 @@ int KLT_Remove(KLT_FileHandle* handle) {
   std::string missing;
   for (const KLT_FileEntry* file : files) {
     const std::string name = nameOf(*handle, *file);
-    if (!seen.insert(name).second || unlink(name.c_str()) == 0) continue;
+    if (!seen.insert(name).second) continue;
+    if (outputs.contains(name)) {
+      PAL_Error("%s is a file of the output, too, and stays.", PAL_Printable(name).c_str());
+      return -1;
+    }
+    if (unlink(name.c_str()) == 0) continue;
     if (errno != ENOENT) {
       PAL_Perror(name.c_str());
       return -1;

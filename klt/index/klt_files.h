@@ -27,16 +27,16 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 [[nodiscard]] bool KLT_FilesAreKnown(const KLT_FileHandle* handle);
 
 // Moves the trace to the base name `target`, or into the directory of that name, like mv(1).
-// Missing anchor files are skipped. Nothing is moved unless all other files exist, the target
-// directory is writable, and no file of the input (`inputFiles`) would be overwritten. A move that
-// fails later stops and reports the place of each file. 0, or an exit status after a message: errno
-// if `target` can't be examined.
+// Missing anchor files are skipped. Nothing is moved unless all other files exist, sources and
+// existing targets are regular files, the target directory is writable, and no name of the input
+// (`inputFiles`) is a target. A move that fails later stops and reports the place of each file. 0,
+// or an exit status after a message: errno if `target` can't be examined.
 [[nodiscard]] int KLT_Move(KLT_FileHandle* handle, const char* target,
                            const KLT_FileSet& inputFiles);
 
 // Removes all files of the trace that exist; missing ones are reported, except anchor files. 0, or
-// -1 after a message at the first file that can't be removed.
-[[nodiscard]] int KLT_Remove(KLT_FileHandle* handle);
+// -1 after a message at the first file that can't be removed. A file of `outputs` is such a file.
+[[nodiscard]] int KLT_Remove(KLT_FileHandle* handle, const KLT_FileSet& outputs = {});
 
 // Copies the trace byte for byte to `target`, which is relative to `directory` unless that is null.
 // If `single` is nonzero the copy is a single file, written strictly in sequence ("-" is standard

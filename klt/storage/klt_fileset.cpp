@@ -3,9 +3,21 @@
 
 #include <sys/stat.h>
 
+std::optional<KLT_FileSet::Place> KLT_FileSet::placeOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
+  struct stat info {};
+  if (stat(start == 0 ? "." : path.substr(0, start).c_str(), &info) != 0) return std::nullopt;
+  return Place{{info.st_dev, info.st_ino}, path.substr(start)};
+}
+
 void KLT_FileSet::add(const std::string& path) {
   struct stat info {};
-  if (stat(path.c_str(), &info) == 0) files_.emplace(info.st_dev, info.st_ino);
+  if (stat(path.c_str(), &info) == 0) {
+    files_.emplace(info.st_dev, info.st_ino);
+  } else if (const auto place = placeOf(path)) {
+    absent_.insert(*place);
+  }
 }
 
 bool KLT_FileSet::contains(const struct stat& info) const {
@@ -14,7 +26,10 @@ bool KLT_FileSet::contains(const struct stat& info) const {
 
 bool KLT_FileSet::contains(const std::string& path) const {
   struct stat info {};
-  return !files_.empty() && stat(path.c_str(), &info) == 0 && contains(info);
+  if (!files_.empty() && stat(path.c_str(), &info) == 0 && contains(info)) return true;
+  if (absent_.empty()) return false;
+  const auto place = placeOf(path);
+  return place && absent_.contains(*place);
 }
 
 bool KLT_FileSet::containsOpen(int descriptor) const {

@@ -2,30 +2,40 @@
 // overwrite.
 //
 // Names don't identify a file: through a link, a second path or a shared base name an output can be
-// a file of the trace that is being read.
+// a file of the trace that is being read. Only of a file that doesn't exist the set holds the name:
+// an output of this name would become a part of the input.
 #pragma once
 
 #include <sys/stat.h>
 
+#include <compare>
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 
 class KLT_FileSet {
  public:
-  // Adds the file at `path`, if there is one.
+  // Adds the file at `path`, or the name if there is no file.
   void add(const std::string& path);
   // Whether the file with this status is in the set.
   [[nodiscard]] bool contains(const struct stat& info) const;
-  // Whether the file at `path` is in the set.
+  // Whether the file at `path`, or its name if there is none, is in the set.
   [[nodiscard]] bool contains(const std::string& path) const;
   // Whether `descriptor` refers to a regular file of the set.
   [[nodiscard]] bool containsOpen(int descriptor) const;
-  [[nodiscard]] bool empty() const { return files_.empty(); }
 
  private:
   using Identity = std::pair<uint64_t, uint64_t>;  // device, inode
 
+  struct Place {
+    Identity directory;
+    std::string name;
+    auto operator<=>(const Place&) const = default;
+  };
+  [[nodiscard]] static std::optional<Place> placeOf(const std::string& path);
+
   std::set<Identity> files_;
+  std::set<Place> absent_;
 };
