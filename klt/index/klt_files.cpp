@@ -252,8 +252,10 @@ void reportPlaces(const std::vector<Move>& moves) {
 }  // namespace
 
 bool KLT_FilesAreKnown(const KLT_FileHandle* handle) {
-  if (!handle->lostData) return true;
-  PAL_Error("The index of %s couldn't be read to its end, there may be more files.",
+  if (!handle->lostData && handle->unlisted.empty()) return true;
+  PAL_Error(handle->lostData
+                ? "The index of %s couldn't be read to its end, there may be more files."
+                : "The index of %s gives files ids that are 0 or taken.",
             PAL_Printable(handle->base).c_str());
   return false;
 }

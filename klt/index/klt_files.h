@@ -22,8 +22,8 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
                     std::vector<uint64_t>* sizes);
 
 // Whether all files of the trace are known. False, after a message, if its index couldn't be read
-// to the end. Then only a single-file trace can be moved or removed, and listings and copies are
-// incomplete.
+// to the end, or gives an id twice. Then only a single-file trace can be moved or removed, and
+// listings and copies are incomplete.
 [[nodiscard]] bool KLT_FilesAreKnown(const KLT_FileHandle* handle);
 
 // Moves the trace to the base name `target`, or into the directory of that name, like mv(1).

@@ -2,6 +2,7 @@
 #include "klt/index/klt_intern.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "klt/index/klt_generic.h"
 #include "util/pal_error.h"
@@ -71,7 +72,12 @@ bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype, std::st
   file->suffix = suffix;
   file->filetype = filetype;
   const KLT_FileEntry* entry = file.get();
-  if (handle.files.insert(id, std::move(file)) == nullptr) return true;
+  if (handle.files.insert(id, std::move(file)) == nullptr) {
+    const KLT_FileEntry* known = fileOf(handle, id);
+    const bool same = known != nullptr && known->suffix == suffix && known->filetype == filetype;
+    if (!same) handle.unlisted.emplace_back(suffix);
+    return true;
+  }
   if (filetype == static_cast<uint32_t>(KLT_FileType::kStatistics)) {
     auto component = std::make_unique<KLT_Component>();
     component->dataFile = entry;
@@ -90,6 +96,65 @@ std::vector<KLT_Component*> KLT_ComponentsInOrder(const KLT_FileHandle& handle) 
     return component->listId + component->categories;
   });
   return ordered;
+}
+
+namespace {
+
+bool isOfType(const KLT_FileEntry& file, KLT_FileType type) {
+  return file.filetype == static_cast<uint32_t>(type);
+}
+
+// Why no reader opens the data file of a component; empty if one does.
+std::string_view whyUnread(const KLT_Component& component) {
+  constexpr uint32_t kKnown = 0xffff;
+  const KLT_FileEntry& file = *component.dataFile;
+  if (!isOfType(file, KLT_FileType::kData) && !isOfType(file, KLT_FileType::kStatistics)) {
+    return "its type isn't that of a file of events";
+  }
+  return (component.categories & kKnown) == 0 ? "its categories are unknown" : "";
+}
+
+// Why a file that isn't the data file of a component isn't read; empty if it is read, or holds
+// nothing but seek points.
+std::string_view whyUnread(const KLT_FileHandle& handle, const KLT_FileEntry& file) {
+  if (isOfType(file, KLT_FileType::kData)) return "no component names it";
+  if (isOfType(file, KLT_FileType::kDeclarations)) {
+    return &file == KLT_DeclarationsFile(handle) ? "" : "there is another file of declarations";
+  }
+  const bool isKnown = isOfType(file, KLT_FileType::kAnchors) ||
+                       isOfType(file, KLT_FileType::kStatistics) ||
+                       isOfType(file, KLT_FileType::kIndex);
+  return isKnown ? "" : "its type is unknown";
+}
+
+void reportUnread(KLT_FileHandle& handle, const std::string& suffix, std::string_view why) {
+  if (why.empty()) return;
+  handle.unread = true;
+  PAL_Warning("%s.%s isn't read: %s.", PAL_Printable(handle.base).c_str(),
+              PAL_Printable(suffix).c_str(), std::string(why).c_str());
+}
+
+}  // namespace
+
+void KLT_ReportUnreadFiles(KLT_FileHandle& handle) {
+  const PAL_Place here;
+  std::unordered_set<const KLT_FileEntry*> seen;
+  for (const auto& component : handle.components) {
+    if (component->dataFile == nullptr) {
+      handle.unread = true;
+      PAL_Warning("The index of %s has a component whose data file isn't declared.",
+                  PAL_Printable(handle.base).c_str());
+    } else if (seen.insert(component->dataFile).second) {
+      reportUnread(handle, component->dataFile->suffix, whyUnread(*component));
+    }
+  }
+  for (const auto& entry : handle.files.entries()) {
+    if (seen.contains(entry.value.get())) continue;
+    reportUnread(handle, entry.value->suffix, whyUnread(handle, *entry.value));
+  }
+  for (const std::string& suffix : handle.unlisted) {
+    reportUnread(handle, suffix, "its id is 0 or that of another file");
+  }
 }
 
 const KLT_FileEntry* KLT_DeclarationsFile(const KLT_FileHandle& handle) {

@@ -73,8 +73,10 @@ struct KLT_FileHandle {
   std::unique_ptr<KLT_DecoderTable> decoders;
   uint8_t header[11] = {};
   uint32_t flags = 0;
-  bool genericOnly = false;  // stored layouts that equal a row are read generically too
-  bool lostData = false;     // the index ended early
+  bool genericOnly = false;           // stored layouts that equal a row are read generically too
+  bool lostData = false;              // the index ended early
+  bool unread = false;                // some declared files are never read, as reported
+  std::vector<std::string> unlisted;  // suffixes of files whose id is 0 or has been used before
 
   KLT_FileHandle();
   ~KLT_FileHandle();
@@ -99,9 +101,14 @@ struct KLT_FileHandle {
 void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
                       uint32_t categories, uint32_t willies);
 
-// Adds a file. A file of statistics is also added as a component. False if the suffix is unsafe.
+// Adds a file, or lists it as one that can't be used if its id is 0 or taken by another file. A
+// file of statistics is also added as a component. False if the suffix is unsafe.
 [[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
                                std::string_view suffix);
+
+// Reports each file of the complete index that no reader opens, so that its records aren't missed
+// silently. Sets `handle.unread` if there is one.
+void KLT_ReportUnreadFiles(KLT_FileHandle& handle);
 
 // Reports that the component can't be opened, with the system's text for errno.
 void KLT_ReportUnopened(const std::string& name);

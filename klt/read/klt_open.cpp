@@ -228,7 +228,9 @@ KLT_FileHandle* KLT_Open(const char* name) {
   const int status = KLT_ReadEvents(reader, -1);
   handle->lostData = KLT_ReaderLostData(reader);
   KLT_CloseReader(reader);
-  return status == KLT_STATUS_FINISHED ? handle.release() : nullptr;
+  if (status != KLT_STATUS_FINISHED) return nullptr;
+  if (!handle->lostData) KLT_ReportUnreadFiles(*handle);
+  return handle.release();
 }
 
 void KLT_Close(KLT_FileHandle* handle) { delete handle; }

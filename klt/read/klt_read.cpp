@@ -336,7 +336,7 @@ double KLT_Progress(const KLT_Reader* reader) {
 }
 
 bool KLT_ReaderLostData(const KLT_Reader* reader) {
-  return reader->lostData || reader->pass.handle->lostData ||
+  return reader->lostData || reader->pass.handle->lostData || reader->pass.handle->unread ||
          std::any_of(reader->streams.begin(), reader->streams.end(),
                      [](const auto& stream) { return stream->source.lostData; });
 }
