@@ -106,13 +106,12 @@ enum class KLT_FilterClass : uint8_t {
   kThreadEvent,    // all tests, no context
   kRawMessage,     // a member of the communicator must be selected; no context
   kRawCollective,  // the thread and a member of the communicator must be selected; no context
-  kFilterEnd,      // end_of_filter that a file contains
   kThreadTable,    // untimed, the thread must be selected
   kCommTable,      // untimed, a member of the communicator must be selected
   kAlwaysWanted,   // untimed, kept without a handler if it can occur
   kDefinition,     // untimed, needs a handler
   kStructure,      // untimed, changes the trace's tables with or without a handler
-  kBracket,        // begin_of_history and end_of_history that a file contains
+  kBracket,        // what a reader delivers at the borders of a window; skipped in a file
   kSeekPoint,      // has an effect in an anchor file only
   kStack,          // the open calls of a thread at a seek point or in a history
   kNeverStored,    // has no coded form
@@ -150,8 +149,6 @@ struct KLT_FilterTraits {
       return {C::kFull, T::kCommunicator, true, false, true};
     case KLT_FilterClass::kRawCollective:
       return {C::kFull, T::kThreadAndComm, true, false, true};
-    case KLT_FilterClass::kFilterEnd:
-      return {C::kNoHandler, T::kNone, true, false, true};
     case KLT_FilterClass::kThreadTable:
       return {C::kFull, T::kThread, false, false, false};
     case KLT_FilterClass::kCommTable:
@@ -162,10 +159,9 @@ struct KLT_FilterTraits {
       return {C::kMasksAndHandler, T::kNone, false, false, false};
     case KLT_FilterClass::kStructure:
       return {C::kMasks, T::kNone, false, false, false};
-    case KLT_FilterClass::kBracket:
-      return {C::kNone, T::kNone, false, false, true};
     case KLT_FilterClass::kTimeForward:
     case KLT_FilterClass::kTimeBack:
+    case KLT_FilterClass::kBracket:
     case KLT_FilterClass::kSeekPoint:
     case KLT_FilterClass::kStack:
     case KLT_FilterClass::kNeverStored:

@@ -384,6 +384,7 @@ KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool ge
   size_t done = 1;
   if (!input.ensure(1)) return KLT_Parse::kNoData;
   const uint8_t number = input.at()[0];
+  if (number == 0) return KLT_Parse::kCorrupt;  // else zeros after the index, without end, pass
   auto layout = std::make_unique<KLT_StoredLayout>();
   if (!takeText(input, done, layout->name)) return KLT_Parse::kNoData;
   if (!input.ensure(done + 1)) return KLT_Parse::kNoData;
@@ -395,6 +396,6 @@ KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool ge
     if (!layout->fields[j].isCount() && layout->fields[j].name == "time") layout->timeIndex = j;
   }
   input.advance(done);
-  if (number != 0) setDecoder(table.entries[number], std::move(layout), genericOnly);
+  setDecoder(table.entries[number], std::move(layout), genericOnly);
   return KLT_Parse::kRecord;
 }

@@ -81,10 +81,12 @@ constexpr bool isDropped(const KLT_Stream& s) {
   return test != KLT_CategoryTest::kNone && !s.filter.wanted[N];
 }
 
-// Seek points and their histories have an effect in an anchor file only.
+// Seek points and their histories have an effect in an anchor file only, and only the reader says
+// where a window begins and ends.
 template <int N>
 constexpr bool isSkipped() {
-  return kKltRows[N - 1].filter == KLT_FilterClass::kSeekPoint;
+  constexpr KLT_FilterClass filter = kKltRows[N - 1].filter;
+  return filter == KLT_FilterClass::kSeekPoint || filter == KLT_FilterClass::kBracket;
 }
 
 template <int N>
