@@ -2,6 +2,7 @@
 #include "util/pal_util.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -96,6 +97,22 @@ int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mod
     if (descriptor >= 0) return descriptor;
   }
   return PAL_InDir(directory, [&] { return Vfd_Open(path, flags, mode); });
+}
+
+PAL_FileLock::~PAL_FileLock() {
+  if (descriptor_ >= 0) close(descriptor_);
+}
+
+bool PAL_FileLock::acquire(const char* directory, const char* path, mode_t mode) {
+  const std::string name = PAL_PathInDir(directory, path);
+  struct stat info {};
+  if (stat(name.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) return true;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  descriptor_ = open(name.c_str(), kFlags, mode);
+  if (descriptor_ < 0 || flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return true;
+  if (errno != EWOULDBLOCK) return true;
+  PAL_Error("Another process is writing %s.", PAL_Printable(name).c_str());
+  return false;
 }
 
 int PAL_RemoveInDir(const char* directory, const char* path) {

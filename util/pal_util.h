@@ -43,6 +43,24 @@ auto PAL_InDir(const char* directory, F&& call) {
 // or -1 with errno. The descriptor can be opened again after an eviction.
 [[nodiscard]] int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode);
 
+// An advisory lock on an output, so that two processes don't write one file at the same time.
+class PAL_FileLock {
+ public:
+  PAL_FileLock() = default;
+  ~PAL_FileLock();
+  PAL_FileLock(const PAL_FileLock&) = delete;
+  PAL_FileLock& operator=(const PAL_FileLock&) = delete;
+
+  // Locks `path`, relative to `directory` unless that is null, and creates the file if it doesn't
+  // exist. The lock is held until destruction. False, after a message, if another process holds
+  // it. A file that isn't regular, can't be opened, or is on a file system without locks is left
+  // alone, which is a success.
+  [[nodiscard]] bool acquire(const char* directory, const char* path, mode_t mode);
+
+ private:
+  int descriptor_ = -1;
+};
+
 // Removes `path`, which is relative to `directory`, like remove().
 int PAL_RemoveInDir(const char* directory, const char* path);
 

@@ -89,11 +89,12 @@ RK_Output* RK_Stderr() {
 }
 
 RK_Output* RK_OutputOpen(const char* path, const char* directory) {
+  std::unique_ptr<RK_Output> output = makeOutput(path);
+  if (!output->lock.acquire(directory, path, kFileMode)) return nullptr;
   const int vfd = PAL_OpenInDir(directory, path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
   if (vfd < 0) return nullptr;
   // Stays open all the time: the path may name a pipe, which can't be opened a second time.
   Vfd_Pin(vfd, 1);
-  std::unique_ptr<RK_Output> output = makeOutput(path);
   output->vfd = vfd;
   return registerOutput(std::move(output));
 }

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "util/pal_util.h"
+
 struct RK_Output {
   // The bytes of one write, and the bytes after them that a line writer may fill before it has to
   // check for the end of the buffer.
@@ -23,6 +25,7 @@ struct RK_Output {
   std::string name;      // "stdout" or the file's name, for the message
   int vfd = -1;          // virtual descriptor; -1 while there is none
   int standard = -1;     // STDOUT_FILENO or STDERR_FILENO; -1 for a file
+  PAL_FileLock lock;     // of a file
   bool failed = false;   // a write, flush or close failed
   bool extended = true;  // RK_rkf writes lines and parts marked [extended]
 

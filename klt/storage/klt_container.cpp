@@ -298,6 +298,11 @@ KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int 
   const bool isStdout = std::strcmp(name, "-") == 0;
   if (isStdout && form != KLT_FORM_SERIAL) PAL_Error("STDOUT only available in SERIAL mode.");
   KLT_Container* const container = newContainer(dir, name, flags, mode, form);
+  if (!isStdout && !container->lock.acquire(dir, name, mode)) {
+    delete container;
+    errno = EWOULDBLOCK;
+    return nullptr;
+  }
   if (form == KLT_FORM_PLAIN) return container;
   container->fd = isStdout && form == KLT_FORM_SERIAL
                       ? Vfd_Adopt(STDOUT_FILENO)

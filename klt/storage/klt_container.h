@@ -36,6 +36,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "util/pal_util.h"
+
 inline constexpr uint64_t KLT_CONTAINER_HEADER_BYTES = 12;
 inline constexpr size_t KLT_MAX_KEY_BYTES = 65535;
 
@@ -85,6 +87,7 @@ struct KLT_Container {
   mode_t mode = 0;
   int fd = -1;  // virtual descriptor of the container; -1 in the plain form
   int form = 0;
+  PAL_FileLock lock;  // of an output: the container, or the index of a plain trace
 
   [[nodiscard]] const char* directoryName() const { return dir ? dir->c_str() : nullptr; }
 };
