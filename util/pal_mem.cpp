@@ -25,8 +25,7 @@ namespace {
 }
 
 [[noreturn]] void OutOfStackMemory(size_t bytes, const char* file, int line) {
-  PAL_Error("out of stack memory (%d byte) [%s:%d], aborting.", static_cast<int>(bytes), file,
-            line);
+  PAL_Error("out of stack memory (%zu byte) [%s:%d], aborting.", bytes, file, line);
   EndProcess();
 }
 
@@ -45,7 +44,7 @@ void PAL_MemInit() {
 }
 
 void PAL_OutOfMemory(size_t bytes, const char* file, int line) {
-  PAL_Error("out of memory (%d byte) [%s:%d], aborting.", static_cast<int>(bytes), file, line);
+  PAL_Error("out of memory (%zu byte) [%s:%d], aborting.", bytes, file, line);
   EndProcess();
 }
 

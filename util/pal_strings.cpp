@@ -57,14 +57,25 @@ const char* PAL_BaseName(const char* path) {
 
 std::string PAL_Printable(std::string_view text) {
   static constexpr char kDigits[] = "0123456789abcdef";
+  const auto isC1 = [](unsigned char byte) { return byte >= 0x80 && byte < 0xa0; };
   std::string result;
   result.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
+  int following = 0;  // bytes that belong to the UTF-8 character before
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+    const bool isFollowing = byte >= 0x80 && byte < 0xc0 && following > 0;
+    following = isFollowing   ? following - 1
+                : byte < 0xc2 ? 0
+                : byte < 0xe0 ? 1
+                : byte < 0xf0 ? 2
+                              : 3;
+    const bool startsC1 = byte == 0xc2 && isC1(next);
+    if (byte < 0x20 || byte == 0x7f || (isC1(byte) && !isFollowing) || startsC1) {
       result += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
+      following = 0;
     } else {
-      result += c;
+      result += text[i];
     }
   }
   return result;

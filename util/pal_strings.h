@@ -24,7 +24,8 @@
 // into `path`.
 [[nodiscard]] const char* PAL_BaseName(const char* path);
 
-// `text` with each control byte (below 0x20, and 0x7f) written as \xNN.
+// `text` with each byte of a control character (below 0x20, 0x7f, and 0x80 to 0x9f, which some
+// terminals obey, as such or in UTF-8) written as \xNN.
 [[nodiscard]] std::string PAL_Printable(std::string_view text);
 
 // The formatted text; the format itself if the C library reports an error for it.

@@ -1,6 +1,8 @@
 // The passes that fill the option store. See RK_conf.h.
 #include "generic/options/RK_conf.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -60,6 +62,18 @@ uint32_t primeFrom(uint32_t value) {
   return value;
 }
 
+// Reads a configuration file. A device or FIFO might never end.
+void scanFile(const char* name) {
+  constexpr off_t kMostBytes = off_t{1} << 20;
+  struct stat info {};
+  if (stat(name, &info) == 0 && (!S_ISREG(info.st_mode) || info.st_size > kMostBytes)) {
+    PAL_Warning("RK_CONFIG names %s, which isn't a regular file of at most 1 MiB and is ignored.",
+                PAL_Printable(name).c_str());
+    return;
+  }
+  if (const auto text = PAL_ReadFile(name)) (void)RK_ScanText(*text, RK_ScanMode::config);
+}
+
 // Lowers `value` in steps of 100 while it is not below `limit`, because no prime above it can be.
 uint32_t lowerByHundreds(uint32_t value, uint32_t limit) {
   if (value < limit || value < 101) return value;
@@ -76,9 +90,7 @@ uint32_t bucketCount(int32_t value, uint32_t limit) {
 
 int RK_ConfigInit(const char* progname) {
   RK_ConfigDefaults();
-  if (const char* file = std::getenv("RK_CONFIG")) {
-    if (const auto text = PAL_ReadFile(file)) (void)RK_ScanText(*text, RK_ScanMode::config);
-  }
+  if (const char* file = std::getenv("RK_CONFIG")) scanFile(file);
   scanEnvironment();
   (void)RK_ConfigParseArgs(0, nullptr, nullptr);
   RK_conf.progname = progname != nullptr && *progname != '\0' ? progname : "UNKNOWN";
