@@ -67,8 +67,8 @@ void scanFile(const char* name) {
   constexpr off_t kMostBytes = off_t{1} << 20;
   struct stat info {};
   if (stat(name, &info) == 0 && (!S_ISREG(info.st_mode) || info.st_size > kMostBytes)) {
-    PAL_Warning("RK_CONFIG names %s, which isn't a regular file of at most 1 MiB and is ignored.",
-                PAL_Printable(name).c_str());
+    PAL_Error("RK_CONFIG names %s, which isn't a regular file of at most 1 MiB and is ignored.",
+              PAL_Printable(name).c_str());
     return;
   }
   if (const auto text = PAL_ReadFile(name)) (void)RK_ScanText(*text, RK_ScanMode::config);
