@@ -23,6 +23,7 @@
 enum class KLT_Parse : uint8_t {
   kRecord,   // the record is at the buffer's tail, not committed
   kUnknown,  // a record of a kind this reader doesn't know; only its size and time are used
+  kTooLong,  // a record with more elements than its row can count; only its size and time are used
   kNoData,   // the input ended inside the record, which has been reported
   kCorrupt,  // the caller reports it
 };

@@ -71,9 +71,8 @@ bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
     int j = candidate.source[next];
     while (j >= 0 && !layout.fields[static_cast<size_t>(j)].isCount()) --j;
     if (j < 0) continue;
-    if (KLT_TypeFeeds(layout.fields[static_cast<size_t>(j)].type(), row.fields[i].type())) {
-      candidate.source[i] = j;
-    }
+    // The type may be wider than the row's: countsFit checks the values.
+    if (isInteger(layout.fields[static_cast<size_t>(j)].type())) candidate.source[i] = j;
   }
   return true;
 }
@@ -172,6 +171,28 @@ KLT_Parse locateFields(KLT_StoredLayout& layout, KLT_Input& input, size_t& disk)
   }
   disk = done;
   return KLT_Parse::kRecord;
+}
+
+// Whether the row's counts can hold those of the record. The first record for which they can't is
+// reported.
+bool countsFit(KLT_StoredLayout& layout, const uint8_t* input) {
+  for (size_t i = 0; i < layout.row->numFields; ++i) {
+    const KLT_Field& field = layout.row->fields[i];
+    const int j = layout.source[i];
+    if (!field.isCount() || j < 0) continue;
+    const auto source = static_cast<size_t>(j);
+    const KLT_Type type = layout.fields[source].type();
+    if (KLT_TypeBytes(type) <= KLT_TypeBytes(field.type())) continue;
+    const uint64_t value = convert(input + layout.at[source], type, KLT_Type::kU64);
+    if (value >> (8 * KLT_TypeBytes(field.type())) == 0) continue;
+    if (!std::exchange(layout.reported, true)) {
+      PAL_Error(
+          "A record of type %s has %llu elements, too many to be read; such records are lost.",
+          PAL_Printable(layout.name).c_str(), static_cast<unsigned long long>(value));
+    }
+    return false;
+  }
+  return true;
 }
 
 // The most elements of an array that is filled with defaults after its stored elements.
@@ -362,6 +383,10 @@ KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input, KLT_
     return KLT_Parse::kUnknown;
   }
   const KLT_Row& row = *layout.row;
+  if (!countsFit(layout, input.at())) [[unlikely]] {
+    time = moved;
+    return KLT_Parse::kTooLong;
+  }
   const KLT_Layout& form = kKltLayouts[row.number - 1U];
   const Builder builder{layout, row, form, input.at(), out};
   uint8_t* record = out.reserve(form.fixedBytes);

@@ -41,7 +41,8 @@ struct KLT_StoredLayout {
   std::vector<KLT_StoredField> fields;
   size_t timeIndex = 0;  // of the field named "time", or the number of fields
   const KLT_Row* row = nullptr;
-  bool exact = false;  // equals the row
+  bool exact = false;     // equals the row
+  bool reported = false;  // a record with too many elements has been reported
   // For each field of the row the stored field from which it is read, or -1.
   std::array<int, kKltMaxFields> source{};
   // Offset and number of elements of each stored field in the record that is being read.

@@ -54,6 +54,7 @@ Read readRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer
     case KLT_Parse::kRecord:
       break;
     case KLT_Parse::kUnknown:
+    case KLT_Parse::kTooLong:
       klt::storeNative(record.reserve(kKltRecordTimeAt), uint32_t{0});
       break;
     case KLT_Parse::kNoData:

@@ -131,7 +131,13 @@ Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   return finish<N>(s, time, disk, encoded, before);
 }
 
-// Of a record that fits no row (N = 0) only the time is used.
+// Of a record that fits no row only the time is used.
+Step skipUnread(KLT_Stream& s, uint64_t time, size_t disk) {
+  (void)skip(s, time, disk);
+  return s.filter.isAfterEnd(time) ? Step::kConsumedLast : Step::kConsumed;
+}
+
+// N is 0 for a layout that fits no row.
 template <int N>
 Step filterGeneric(KLT_Stream& s, const KLT_DecoderEntry& entry) {
   uint64_t time = s.filter.time;
@@ -139,9 +145,12 @@ Step filterGeneric(KLT_Stream& s, const KLT_DecoderEntry& entry) {
   const KLT_Parse parsed = KLT_ParseGeneric(entry, s.input, s.packed.records, time, disk);
   if (parsed == KLT_Parse::kNoData) return Step::kNoData;
   if (parsed == KLT_Parse::kCorrupt) return Step::kCorrupt;
+  if (parsed == KLT_Parse::kTooLong) {
+    s.source.lostData = true;
+    return skipUnread(s, time, disk);
+  }
   if constexpr (N == 0) {
-    (void)skip(s, time, disk);
-    return s.filter.isAfterEnd(time) ? Step::kConsumedLast : Step::kConsumed;
+    return skipUnread(s, time, disk);
   } else {
     return parsed == KLT_Parse::kRecord ? finishGeneric<N>(s, time, disk) : Step::kCorrupt;
   }
