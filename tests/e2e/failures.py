@@ -2,7 +2,9 @@
 select nothing, merges that are stopped. A run that lost something must report it and end with a
 status other than 0, and no input may change but what is to go."""
 
+import fcntl
 import os
+import struct
 import subprocess
 
 from harness import INPUT, Failure, compare, expect
@@ -90,6 +92,68 @@ def check_onto_input(place):
          (f"--convert {INPUT}.sts {SINGLE}", 1, ""), ("--logfile-name dangling.rkf", 0, ""))
     with open(place.path / "t.klt.f.0", "ab") as component:
         place.run("--dump", 1, NOT_WRITABLE.format("-"), stdout=component)
+
+
+def declare(place, suffix, number=0x10099, filetype=0, after=b""):
+    """Appends the declaration of a file, and of what belongs to it, to the index."""
+    with open(place.path / INPUT, "ab") as index:
+        index.write(b"\x21" + struct.pack(">IBH", number, filetype, len(suffix)) + suffix + after)
+    place.before = place.files(INPUT)
+
+
+def check_declared_names(place):
+    """Names that the input declares are no outputs, also without a file. Moves take regular files."""
+    declare(place, b"m")
+    if place.folder.name.startswith("raw_"):
+        rows(place, (f"--merge t.klt.m {KLT} --delete-raw-data", 1,
+                     "Could not open file for writing: t.klt.m\n"))
+        return
+    rows(place, ("--logfile-name t.klt.m", 1, NOT_WRITABLE.format("t.klt.m")),
+         (f"--logfile-name ./t.klt.m {KLT}", 1, NOT_WRITABLE.format("./t.klt.m")),
+         (f"--convert t.klt.m {KLT}", 1, ""), ("--move t.klt.m", 1, NOT_WRITABLE.format("t.klt.m")))
+    (place.path / "x.klt.f.0").mkdir()
+    os.mkfifo(place.path / "y.klt.f.0")
+    rows(place, ("--move x.klt", 1, "x.klt.f.0: Is a directory\n"),
+         ("--move y.klt", 1, "y.klt.f.0 isn't a regular file.\n"))
+    declare(place, b"d", 0x1009b)
+    (place.path / "t.klt.d").mkdir()
+    rows(place, ("--move z.klt", 1, "t.klt.d: Is a directory\n"))
+
+
+def check_unread_files(place):
+    """What no reader opens is named; the rest is read. Two files can't have one id."""
+    index, dump = (place.path / INPUT).read_bytes(), place.run("--dump")
+    component = b"\x0a" + struct.pack(">IIIH", 0, 0x10099, 0x10000, 0)
+    cases = (({"filetype": 9}, "t.klt.q isn't read: its type is unknown."),
+             ({}, "t.klt.q isn't read: no component names it."),
+             ({"filetype": 2}, "t.klt.q isn't read: there is another file of declarations."),
+             ({"number": 0}, "t.klt.q isn't read: its id is 0 or that of another file."),
+             ({"filetype": 1, "after": component}, "its type isn't that of a file of events."),
+             ({"after": component}, "t.klt.q isn't read: its categories are unknown."),
+             ({"after": component.replace(b"\x99", b"\x9b")},
+              "t.klt has a component whose data file isn't declared."))
+    for how, says in cases:
+        (place.path / INPUT).write_bytes(index)
+        declare(place, b"q", **how)
+        compare(says, dump, place.run("--dump", 2, says))
+        if "number" in how:
+            rows(place, ("--move out.klt", 1, "The index of t.klt gives files ids that are 0 or taken."))
+    (place.path / INPUT).write_bytes(index + bytes(8))
+    place.before = place.files(INPUT)
+    rows(place, ("--dump", 1, "klttool ERROR: Corrupted data\n"))
+
+
+def check_locked(place):
+    """An output that another process writes is refused, and stays."""
+    for what, *form in (("--logfile-name",), ("--logfile-name", KLT), ("--convert", KLT),
+                        ("--convert", SINGLE)):
+        with open(place.path / "../locked", "wb") as other:
+            other.write(b"x")
+            other.flush()
+            fcntl.flock(other, fcntl.LOCK_EX)
+            place.run(" ".join([what, "../locked", *form]), 1, "Another process is writing")
+        expect("what is locked", b"x", (place.path / "../locked").read_bytes())
+        place.run(" ".join([what, "../locked", *form]))
 
 
 def check_missing_parts(place):
@@ -181,6 +245,9 @@ CHECKS = {name: (lambda folder, samples=samples: folder.name in samples, check)
               ("bad-output", ("stencil",), check_bad_output),
               ("targets", ("stencil",), check_targets),
               ("onto-input", ("stats",), check_onto_input),
+              ("declared-names", ("stencil", "raw_ring"), check_declared_names),
+              ("unread-files", ("stencil",), check_unread_files),
+              ("locked", ("stencil",), check_locked),
               ("missing-parts", ("stencil",), check_missing_parts),
               ("what-goes", ("stencil", "stats", "raw_ring"), check_what_goes),
               ("windows", ("stencil",), check_windows),

@@ -95,6 +95,34 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
   (void)trace.files().writePlain(directory_);
   EXPECT_EQ(merge(input, KLTM_MERGE | KLTM_DELETE_INPUT), KLTM_DONE);
   EXPECT_FALSE(fs::exists(input) || fs::exists(input + ".r.0"));
+  // Operations that no record can hold, or that a reader would refuse.
+  for (const auto& [operation, communicator] :
+       {std::pair(46U, 1U), {0U, 1U}, {1U, 0U}, {13U, 9U}}) {
+    tb::Trace odd(1);
+    fill(odd, 2);
+    odd.stream("r.1", tb::RAW_EVENTS, {1})
+        .at(5)
+        .rawCollective(
+            {.kind = 10, .operation = operation, .communicator = communicator, .end = 7});
+    messages_.take();
+    EXPECT_EQ(merge(odd.files().writePlain(directory_), KLTM_MERGE | KLTM_DELETE_INPUT),
+              KLTM_INCOMPLETE);
+    EXPECT_TRUE(messages_.take().starts_with("ERROR: 1 events of collective operations have no"));
+    EXPECT_TRUE(fs::exists(input + ".r.0"));
+    EXPECT_EQ(reading::only(linesOf(output_), {"all_communication"}).size(), 1U);
+  }
+}
+
+TEST_F(KlttMerge, EventsThatAreNoMessagesCountAsReceives) {
+  tb::Trace trace(1);
+  fill(trace, 2);
+  trace.stream("r.1", tb::RAW_EVENTS, {1})
+      .at(4)
+      .rawMessage({.kind = 9 | 1 << 6, .other = 0, .tag = 9, .communicator = 1});
+  EXPECT_EQ(merge(trace), KLTM_DONE);
+  EXPECT_EQ(messages_.take(),
+            "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
+  EXPECT_EQ(reading::only(linesOf(output_), {"one_to_one_communication"}).size(), 2U);
 }
 
 TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {
