@@ -1,6 +1,7 @@
-// Hashes keys that come from a file, and sorts by the buckets of a hash table.
+// Hashes and finds keys that come from a file, and sorts by the buckets of a hash table.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,71 @@ class PAL_Hash {
   }
 
   std::array<uint64_t, Numbers + 1> factors_;
+};
+
+// Finds the numbers of keys by open addressing. The owner of the keys numbers and compares them. A
+// slot contains the whole hash, so that other keys are rarely compared.
+template <size_t Numbers>
+class PAL_KeyIndex {
+ public:
+  [[nodiscard]] uint32_t hashOf(const std::array<uint32_t, Numbers>& key) const {
+    return hash_(key);
+  }
+
+  // The number of the key with this hash for which isKey(number) is true; 0 if there is none.
+  template <class IsKey>
+  [[nodiscard, gnu::always_inline]] uint32_t find(uint32_t hash, IsKey isKey) const {
+    const size_t mask = slots_.size() - 1;
+    for (size_t at = hash & mask; slots_[at].key > cleared_; at = (at + 1) & mask) {
+      const uint32_t number = slots_[at].key - cleared_;
+      if (slots_[at].hash == hash && isKey(number)) return number;
+    }
+    return 0;
+  }
+
+  // Adds a key that isn't in the index yet. `number` is from 1 to 2^31.
+  void add(uint32_t hash, uint32_t number) {
+    if (2 * ++size_ > slots_.size()) rebuild(4 * slots_.size());
+    highest_ = std::max(highest_, number);
+    put({hash, cleared_ + number});
+  }
+
+  // Removes all keys. That takes no time, since their slots only count as free from now on.
+  void clear() {
+    cleared_ += highest_;
+    size_ = 0;
+    highest_ = 0;
+    if (cleared_ < uint32_t{1} << 31) return;
+    slots_.assign(slots_.size(), {});
+    cleared_ = 0;
+  }
+
+ private:
+  struct Slot {
+    uint32_t hash = 0;
+    uint32_t key = 0;  // its number plus `cleared_`; free if not above that
+  };
+
+  void put(const Slot& slot) {
+    const size_t mask = slots_.size() - 1;
+    size_t at = slot.hash & mask;
+    while (slots_[at].key > cleared_) at = (at + 1) & mask;
+    slots_[at] = slot;
+  }
+
+  void rebuild(size_t size) {
+    std::vector<Slot> old(size);
+    old.swap(slots_);
+    for (const Slot& slot : old) {
+      if (slot.key > cleared_) put(slot);
+    }
+  }
+
+  std::vector<Slot> slots_ = std::vector<Slot>(64);  // a power of two, at most half full
+  size_t size_ = 0;
+  uint32_t highest_ = 0;  // number
+  uint32_t cleared_ = 0;  // sum of the highest numbers before each clear()
+  PAL_Hash<Numbers> hash_;
 };
 
 // Sorts `items`, which are in order of insertion, into the order in which a chained hash table with

@@ -40,7 +40,7 @@ uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0;
 
 }  // namespace
 
-KLTT_CallTrees::KLTT_CallTrees() : index_(KLTT_DIRECT_IDS), slots_(64) {}
+KLTT_CallTrees::KLTT_CallTrees() : index_(KLTT_DIRECT_IDS) {}
 
 KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   const auto index = static_cast<uint32_t>(threads_.size());
@@ -61,32 +61,18 @@ void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
   parent.touchedChild = index;
 }
 
-void KLTT_CallTrees::growSlots() {
-  std::vector<uint32_t> old(slots_.size() * 2);
-  old.swap(slots_);
-  for (const uint32_t node : old) {
-    if (node == 0) continue;
-    size_t slot = slotOf(nodes_[node].parent, nodes_[node].function);
-    while (slots_[slot] != 0) slot = (slot + 1) & (slots_.size() - 1);
-    slots_[slot] = node;
-  }
-}
-
 uint32_t KLTT_CallTrees::findChild(uint32_t parent, uint32_t function) {
-  size_t slot = slotOf(parent, function);
-  for (; slots_[slot] != 0; slot = (slot + 1) & (slots_.size() - 1)) {
-    const Node& node = nodes_[slots_[slot]];
-    if (node.parent == parent && node.function == function) {
-      return nodes_[parent].lastChild = slots_[slot];
-    }
-  }
+  const uint32_t hash = children_.hashOf({parent, function});
+  const uint32_t known = children_.find(hash, [&](uint32_t node) {
+    return nodes_[node].parent == parent && nodes_[node].function == function;
+  });
+  if (known != 0) return nodes_[parent].lastChild = known;
   const auto child = static_cast<uint32_t>(nodes_.size());
   Node& node = nodes_.emplace_back();
   node.function = function;
   node.parent = parent;
   nodes_[parent].lastChild = child;
-  slots_[slot] = child;
-  if (++slotsUsed_ * 2 > slots_.size()) growSlots();
+  children_.add(hash, child);
   return child;
 }
 

@@ -79,10 +79,6 @@ class KLTT_CallTrees {
     return nodes_[last].function == function && last != 0 ? last : findChild(parent, function);
   }
   [[nodiscard]] uint32_t findChild(uint32_t parent, uint32_t function);
-  [[nodiscard]] size_t slotOf(uint32_t parent, uint32_t function) const {
-    return hash_({parent, function}) & (slots_.size() - 1);
-  }
-  void growSlots();
   void close(const Call& call, uint64_t time);
   void closeAll(Thread& thread, uint64_t binEnd);
   void collectTree(uint32_t root);
@@ -94,9 +90,7 @@ class KLTT_CallTrees {
   KLT_IdIndex index_;
   std::vector<uint32_t> order_;  // threads in the order of the file; updated by flush()
   std::vector<Node> nodes_;
-  std::vector<uint32_t> slots_;  // nodes by parent and function; a power of two, at most half full
-  size_t slotsUsed_ = 0;
-  PAL_Hash<2> hash_;
+  PAL_KeyIndex<2> children_;         // nodes by parent and function
   std::vector<Place> places_;        // the tree that is being written
   std::vector<uint32_t> unwritten_;  // touched nodes that aren't part of the written tree
 };

@@ -22,8 +22,7 @@ struct KLTT_SumMessage;
 // The number of chains of the hash table that defines the order of keys in the files.
 inline constexpr uint32_t KLTT_SUM_BUCKETS = 31;
 
-// The values of a bin by a key of `Words` numbers. Clearing takes no time, because slots of another
-// bin count as free.
+// The values of a bin by a key of `Words` numbers.
 template <size_t Words, class Value>
 class KLTT_BinTable {
  public:
@@ -35,14 +34,12 @@ class KLTT_BinTable {
 
   // The value of `key`, and whether it is new. The reference is valid until an entry is added.
   std::pair<Value&, bool> operator[](const Key& key) {
-    size_t slot = slotOf(key);
-    for (; slots_[slot].bin == bin_; slot = (slot + 1) & (slots_.size() - 1)) {
-      Entry& entry = entries_[slots_[slot].entry];
-      if (same(entry.key, key)) return {entry.value, false};
-    }
-    slots_[slot] = {bin_, static_cast<uint32_t>(entries_.size())};
+    const uint32_t hash = index_.hashOf(key);
+    const uint32_t known =
+        index_.find(hash, [&](uint32_t number) { return same(entries_[number - 1].key, key); });
+    if (known != 0) return {entries_[known - 1].value, false};
     entries_.push_back({key, Value{}});
-    if (entries_.size() * 2 > slots_.size()) growSlots();
+    index_.add(hash, static_cast<uint32_t>(entries_.size()));
     return {entries_.back().value, true};
   }
 
@@ -61,15 +58,10 @@ class KLTT_BinTable {
 
   void clear() {
     entries_.clear();
-    ++bin_;
+    index_.clear();
   }
 
  private:
-  struct Slot {
-    uint32_t bin = 0;
-    uint32_t entry = 0;
-  };
-
   // Faster than memcmp for a few words.
   static bool same(const Key& a, const Key& b) {
     uint32_t differing = 0;
@@ -77,21 +69,8 @@ class KLTT_BinTable {
     return differing == 0;
   }
 
-  [[nodiscard]] size_t slotOf(const Key& key) const { return hash_(key) & (slots_.size() - 1); }
-
-  void growSlots() {
-    slots_.assign(slots_.size() * 2, Slot{});
-    for (uint32_t i = 0; i < entries_.size(); ++i) {
-      size_t slot = slotOf(entries_[i].key);
-      while (slots_[slot].bin == bin_) slot = (slot + 1) & (slots_.size() - 1);
-      slots_[slot] = {bin_, i};
-    }
-  }
-
-  std::vector<Entry> entries_;   // in the order of insertion
-  std::vector<Slot> slots_{64};  // a power of two, at most half of them of this bin
-  uint32_t bin_ = 1;
-  PAL_Hash<Words> hash_;
+  std::vector<Entry> entries_;  // in the order of insertion
+  PAL_KeyIndex<Words> index_;
 };
 
 class KLTT_SumTables {

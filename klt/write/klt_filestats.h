@@ -61,8 +61,7 @@ struct KLT_CollectiveStat {
   std::vector<uint64_t> minDuration, maxDuration, sumDuration;
 };
 
-// Profiles in order of insertion, with a hash table of their keys. A slot contains the whole hash,
-// so that other keys are rarely compared.
+// Profiles in order of insertion.
 template <class Stat>
 class KLT_StatTable {
  public:
@@ -70,15 +69,10 @@ class KLT_StatTable {
 
   // The place (index plus 1) of the key's profile, which is created if there is none.
   [[nodiscard, gnu::always_inline]] uint32_t place(const Key& key) {
-    const uint32_t hash = hash_(std::bit_cast<Numbers>(key));
-    if (!slots_.empty()) [[likely]] {
-      const size_t mask = slots_.size() - 1;
-      for (size_t at = hash & mask; slots_[at].place != 0; at = (at + 1) & mask) {
-        const Slot& slot = slots_[at];
-        if (slot.hash == hash && stats_[slot.place - 1].key == key) return slot.place;
-      }
-    }
-    return add(key, hash);
+    const uint32_t hash = index_.hashOf(std::bit_cast<Numbers>(key));
+    const uint32_t known =
+        index_.find(hash, [&](uint32_t place) { return stats_[place - 1].key == key; });
+    return known != 0 ? known : add(key, hash);
   }
   // Whether `place` is the place of the key's profile. Any number is allowed.
   [[nodiscard]] bool isAt(uint32_t place, const Key& key) const {
@@ -90,35 +84,16 @@ class KLT_StatTable {
  private:
   static constexpr size_t kNumbers = sizeof(Key) / sizeof(uint32_t);
   using Numbers = std::array<uint32_t, kNumbers>;
-  struct Slot {
-    uint32_t hash = 0;
-    uint32_t place = 0;  // 0: free
-  };
 
   [[gnu::cold]] uint32_t add(const Key& key, uint32_t hash) {
-    constexpr size_t kFirst = 64;
     stats_.emplace_back().key = key;
-    if (2 * stats_.size() > slots_.size()) {
-      std::vector<Slot> old(std::max(kFirst, 4 * slots_.size()));
-      old.swap(slots_);
-      for (const Slot& slot : old) {
-        if (slot.place != 0) put(slot);
-      }
-    }
     const auto place = static_cast<uint32_t>(stats_.size());
-    put({hash, place});
+    index_.add(hash, place);
     return place;
   }
-  void put(const Slot& slot) {
-    const size_t mask = slots_.size() - 1;
-    size_t at = slot.hash & mask;
-    while (slots_[at].place != 0) at = (at + 1) & mask;
-    slots_[at] = slot;
-  }
 
-  PAL_Hash<kNumbers> hash_;
   std::vector<Stat> stats_;
-  std::vector<Slot> slots_;  // a power of two, at most half full
+  PAL_KeyIndex<kNumbers> index_;
 };
 
 struct KLT_FileStats {
