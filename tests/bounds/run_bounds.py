@@ -7,7 +7,6 @@ both stay in proportion to the bytes of the trace. No control characters in mess
 
 import argparse
 import array
-import os
 import pathlib
 import re
 import resource
