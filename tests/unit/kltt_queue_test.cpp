@@ -24,22 +24,14 @@ TEST(KlttQueue, HandsOutByTimeAndThenByArrival) {
       for (uint64_t k = id < 6000 ? random() % 4 : 0; k > 0; --k, ++id) {
         const uint64_t soon = (now + random() % ahead - random() % (back + 1)) * scale;
         const uint64_t time = random() % 99 == 0 ? KLTT_Queue::kNever : soon;
-        std::string text = std::to_string(id);
-        if (random() % 4 == 0) {
-          queue.addComment(time, text.append(id % 50, 'x'));
-        } else {
-          KLTT_Delayed& node = KLTT_QueueAdd(queue, time);
-          node.kind = KLTT_DelayedKind::kSendMsg;
-          node.gtp = id;
-        }
+        const std::string text = std::to_string(id) + std::string(id % 50, 'x');
+        queue.addComment(time, text);
         model.emplace(time, text);
       }
       const bool all = id >= 6000 || random() % 200 == 0;
       while (!model.empty() && (all || model.begin()->first < now * scale)) {
         ASSERT_EQ(queue.nextTime(), model.begin()->first);
-        const KLTT_Delayed& first = queue.front();
-        const bool isComment = first.kind == KLTT_DelayedKind::kComment;
-        ASSERT_EQ(isComment ? queue.text(first) : std::to_string(first.gtp), model.begin()->second);
+        ASSERT_EQ(queue.text(queue.front()), model.begin()->second);
         queue.pop();
         model.erase(model.begin());
       }

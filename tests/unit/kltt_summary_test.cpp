@@ -68,7 +68,7 @@ TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
       {0, 100, 1000, 1000000, 99, 1},
       {0, 0, 1000, kEndOfTime, 1, 1},
       {kEndOfTime - 3, 100, 1000, kEndOfTime, 3, 1},
-      {(100 << 4) + 15, (500 << 4) + 1, 0, 601 << 4, 1, 501, 4},
+      {(100 << 4) + 15, (500 << 4) + 1, 1, 601 << 4, 1, 501, 4},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(std::to_string(row.events) + " events to " + std::to_string(row.last));
@@ -139,6 +139,7 @@ TEST_F(KlttSummary, TimesMayGoBackwardsAndMembersDiffer) {
   EXPECT_EQ(operation[11], 3U) << "operations";
   EXPECT_EQ(operation[12], 2U) << "members";
   EXPECT_EQ(operation[16], 3U) << "the earliest start";
+  EXPECT_EQ(operation[22], 2U) << "the shortest duration, of those that have this member";
   EXPECT_EQ(operation.size(), 14U + 2 * 22);
   double rate;
   std::memcpy(&rate, &counter[19], sizeof rate);
