@@ -5,6 +5,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -33,6 +37,36 @@ class PAL_Hash {
 
   std::array<uint64_t, Numbers + 1> factors_;
 };
+
+// A hash for standard containers whose keys come from a file: integers and texts. The standard
+// library's own hashes can be foreseen, so that a small file could make all its keys collide.
+struct PAL_KeyHash {
+  [[nodiscard]] size_t operator()(uint64_t key) const {
+    static const PAL_Hash<2> hash;
+    return hash({static_cast<uint32_t>(key), static_cast<uint32_t>(key >> 32)});
+  }
+  // The text as a polynomial at a random point, modulo the prime 2^61 - 1.
+  [[nodiscard]] size_t operator()(std::string_view text) const {
+    __extension__ using Wide = unsigned __int128;
+    constexpr uint64_t kPrime = (uint64_t{1} << 61) - 1;
+    constexpr size_t kStep = 7;  // bytes whose value is below the prime
+    static const uint64_t point = PAL_RandomSeed64() % kPrime;
+    uint64_t hash = text.size();
+    for (size_t at = 0; at < text.size(); at += kStep) {
+      uint64_t part = 0;
+      std::memcpy(&part, text.data() + at, std::min(kStep, text.size() - at));
+      const auto product = Wide{hash} * point;
+      hash = static_cast<uint64_t>(product & kPrime) + static_cast<uint64_t>(product >> 61) + part;
+      hash = (hash & kPrime) + (hash >> 61);
+    }
+    return (*this)(hash);
+  }
+};
+
+template <class Key, class Value>
+using PAL_HashMap = std::unordered_map<Key, Value, PAL_KeyHash>;
+template <class Key>
+using PAL_HashSet = std::unordered_set<Key, PAL_KeyHash>;
 
 // Finds the numbers of keys by open addressing. The owner of the keys numbers and compares them. A
 // slot contains the whole hash, so that other keys are rarely compared.

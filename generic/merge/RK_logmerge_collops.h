@@ -16,13 +16,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "generic/merge/RK_logmerge_arena.h"
 #include "generic/merge/RK_logmerge_comms.h"
 #include "klt/format/klt_values.h"
 #include "klt/index/klt_idmap.h"
+#include "util/pal_hash.h"
 
 struct KLTT_Summary;
 
@@ -113,7 +113,7 @@ struct KLTM_CollopState {
   KLTM_OpenCollops open;
   std::vector<KLTM_CollopWalk> walks;  // by member; empty before the first event with a counter
   bool grouped = false;                // an event without a counter has been seen
-  std::unordered_map<uint64_t, KLTM_CollopGroup> groups;
+  PAL_HashMap<uint64_t, KLTM_CollopGroup> groups;
 };
 
 class KLTM_CollopTable {

@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -14,6 +13,7 @@
 #include "klt/format/klt_spans.h"
 #include "klt/format/klt_values.h"
 #include "klt/write/klt_write.h"
+#include "util/pal_hash.h"
 #include "util/pal_mem.h"
 
 namespace {
@@ -330,7 +330,7 @@ class Records final : public RK_Sink {
 
   KLTT_Queue& pending_;
   KLTT_HeldRecords held_;
-  std::unordered_set<uint32_t> definedFiles_;
+  PAL_HashSet<uint32_t> definedFiles_;
 };
 
 }  // namespace

@@ -8,10 +8,10 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "klt/index/klt_idmap.h"
+#include "util/pal_hash.h"
 
 // Smaller ids are looked up in an array of at most 256 KiB.
 inline constexpr uint32_t KLTT_DIRECT_IDS = 65536;
@@ -33,7 +33,7 @@ class KLTT_Names {
   }
 
  private:
-  std::unordered_set<std::string> texts_;
+  PAL_HashSet<std::string> texts_;
 };
 
 template <class Entry>

@@ -7,11 +7,11 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
-#include <unordered_set>
 
 #include "generic/text/kltt_exit.h"
 #include "klt/index/klt_intern.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 #include "util/pal_strings.h"
 
 // The input may have many files, so they are only looked up if the output is an existing file or
@@ -36,7 +36,7 @@ void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name) {
 KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle) {
   KLT_FileSet files;
   files.add(KLT_ComponentName(*handle, handle->indexEntry, false));
-  std::unordered_set<std::string_view> seen;
+  PAL_HashSet<std::string_view> seen;
   for (const auto& entry : handle->files.entries()) {
     // The entry doesn't say whether it is used with its data, its anchor file or both.
     if (!seen.insert(entry.value->suffix).second) continue;

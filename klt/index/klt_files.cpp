@@ -12,7 +12,6 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
-#include <unordered_set>
 #include <utility>
 
 #include "klt/index/klt_intern.h"
@@ -164,7 +163,7 @@ struct MoveTarget {
   [[nodiscard]] std::vector<Move> movesOf(const KLT_FileHandle& handle,
                                           const std::vector<const KLT_FileEntry*>& files) const {
     std::vector<Move> moves;
-    std::unordered_set<std::string> seen;
+    PAL_HashSet<std::string> seen;
     for (const KLT_FileEntry* file : files) {
       const std::string from = withoutDash(nameOf(handle, *file));
       if (!seen.insert(from).second) continue;
@@ -294,7 +293,7 @@ int KLT_Remove(KLT_FileHandle* handle, const KLT_FileSet& outputs) {
     closeStorage(*handle);
   else
     files = indexLast(*handle);
-  std::unordered_set<std::string> seen;
+  PAL_HashSet<std::string> seen;
   std::string missing;
   for (const KLT_FileEntry* file : files) {
     const std::string name = nameOf(*handle, *file);

@@ -9,12 +9,12 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "klt/format/klt_schema.h"
 #include "klt/index/klt_idmap.h"
 #include "klt/storage/klt_io.h"
+#include "util/pal_hash.h"
 #include "util/triplets/pal_triplets.h"
 
 struct KLT_DecoderTable;
@@ -66,7 +66,7 @@ struct KLT_FileHandle {
   KLT_IdMap<std::unique_ptr<PAL_Triplets>> willyLists;
   KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
   std::vector<std::unique_ptr<KLT_Component>> components;  // in order of declaration
-  std::unordered_map<std::string, KLT_Component*> componentKeys;
+  PAL_HashMap<std::string, KLT_Component*> componentKeys;
   std::vector<uint32_t> threadsPerProcess;
   KLT_IdMap<PAL_Triplets> communicators;
   KLT_IdMap<KLT_Group> groups;

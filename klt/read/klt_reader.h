@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
-#include <unordered_set>
 #include <vector>
 
 #include "klt/klt.h"

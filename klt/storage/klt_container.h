@@ -33,9 +33,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
+#include "util/pal_hash.h"
 #include "util/pal_util.h"
 
 inline constexpr uint64_t KLT_CONTAINER_HEADER_BYTES = 12;
@@ -74,7 +74,7 @@ class KLT_NameTable {
 
  private:
   std::deque<KLT_DirEntry> entries_;  // in order of insertion
-  std::unordered_map<std::string_view, KLT_DirEntry*> byName_;
+  PAL_HashMap<std::string_view, KLT_DirEntry*> byName_;
 };
 
 struct KLT_Container {

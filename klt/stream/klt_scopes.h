@@ -9,8 +9,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <unordered_map>
 #include <vector>
+
+#include "util/pal_hash.h"
 
 struct KLT_OpenScope {
   uint64_t time;
@@ -45,7 +46,7 @@ class KLT_OpenScopes {
     size_t first;
     size_t last;
   };
-  using Index = std::unordered_map<uint64_t, Chain>;
+  using Index = PAL_HashMap<uint64_t, Chain>;
 
   void link(size_t entry);
   void rebuild();

@@ -13,8 +13,6 @@
 #include <array>
 #include <cstdint>
 #include <span>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -24,6 +22,7 @@
 #include "klt/index/klt_intern.h"
 #include "klt/storage/klt_input.h"
 #include "klt/stream/klt_context.h"
+#include "util/pal_hash.h"
 
 // What all streams of a reader share.
 struct KLT_Pass {
@@ -33,7 +32,7 @@ struct KLT_Pass {
   bool serial = true;                               // records are delivered merged by time
   bool once = false;         // KLT_MODE_EVENTS_ONCE: no request repeats events of an earlier one
   bool fillsTables = false;  // the stream is the index, whose records fill the trace's tables
-  std::unordered_set<uint32_t> reportedCommunicators;
+  PAL_HashSet<uint32_t> reportedCommunicators;
 };
 
 // The component that a stream reads (klt_position).
@@ -107,8 +106,8 @@ struct KLT_FilterState {
   uint64_t end = ~uint64_t{0};
   uint64_t plainRows = 0;  // bit n: KLT_FilterPlain may process row n
   bool testThreads = false;
-  std::array<bool, kKltRowCount + 1> wanted{};          // by row
-  std::unordered_map<uint32_t, int64_t> commonMembers;  // first selected member by communicator
+  std::array<bool, kKltRowCount + 1> wanted{};   // by row
+  PAL_HashMap<uint32_t, int64_t> commonMembers;  // first selected member by communicator
 
   // Whether a record at time `t` is after the request. An end of all ones means no end.
   [[nodiscard]] bool isAfterEnd(uint64_t t) const { return t >= end && end != ~uint64_t{0}; }

@@ -14,7 +14,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -26,6 +25,7 @@
 #include "klt/storage/klt_io.h"
 #include "klt/write/klt_filestats.h"
 #include "klt/write/klt_write_history.h"
+#include "util/pal_hash.h"
 #include "util/triplets/pal_triplets.h"
 
 struct KLT_WFileHandle;
@@ -118,12 +118,12 @@ struct KLT_WFileHandle {
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
   std::array<KLT_IdIndex, 16> byThread;  // by category bit and gtp: index in `contexts` plus 1
   KLT_IdMap<KLT_JoinedText> strings;
-  std::unordered_map<std::string, uint32_t> stringIds;  // by text, or by the key in joinedId()
-  KLT_IdMap<PAL_Triplets> willyLists;                   // with one thread each
-  std::unordered_map<uint32_t, uint32_t> listIds;       // by thread
-  std::vector<uint32_t> declaredThreads;                // of each process
-  PAL_Triplets selectedThreads;  // set by KLT_WriterListThreads; empty for all
-  bool listsDeclared = false;    // KLT_WriterListThreads has been called
+  PAL_HashMap<std::string, uint32_t> stringIds;  // by text, or by the key in joinedId()
+  KLT_IdMap<PAL_Triplets> willyLists;            // with one thread each
+  PAL_HashMap<uint32_t, uint32_t> listIds;       // by thread
+  std::vector<uint32_t> declaredThreads;         // of each process
+  PAL_Triplets selectedThreads;                  // set by KLT_WriterListThreads; empty for all
+  bool listsDeclared = false;                    // KLT_WriterListThreads has been called
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
   KLT_FileSet inputFiles;  // must not be overwritten

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "util/pal_hash.h"
 #include "util/pal_mem.h"
 
 namespace {
@@ -77,7 +78,7 @@ void KLT_OffsetEntries::prune(uint64_t limit) {
 
 void KLT_OffsetEntries::reindex() {
   const PAL_Place here;
-  std::unordered_map<uint64_t, size_t> open;
+  PAL_HashMap<uint64_t, size_t> open;
   counters_.clear();
   scopes_.clear();
   for (size_t i = 0; i < entries_.size(); ++i) {

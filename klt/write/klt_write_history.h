@@ -11,11 +11,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
 #include "klt/format/klt_spans.h"
 #include "klt/write/klt_filestats.h"
+#include "util/pal_hash.h"
 #include "util/pal_stack.h"
 
 // A record of the data component that is relevant before the time `end`.
@@ -73,9 +73,9 @@ class KLT_OffsetEntries {
 
   std::vector<KLT_OffsetEntry> entries_;
   // Indexes in `entries_`.
-  std::unordered_map<uint64_t, size_t> open_;      // open spans by offset
-  std::unordered_map<uint32_t, size_t> counters_;  // by counter
-  std::unordered_map<uint64_t, Indexes> scopes_;   // by scope and seqnr
+  PAL_HashMap<uint64_t, size_t> open_;      // open spans by offset
+  PAL_HashMap<uint32_t, size_t> counters_;  // by counter
+  PAL_HashMap<uint64_t, Indexes> scopes_;   // by scope and seqnr
   size_t pruneAt_ = kFirstPrune;
 };
 
