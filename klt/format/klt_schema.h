@@ -100,7 +100,7 @@ enum class KLT_FilterClass : uint8_t {
   kTimeForward,    // only moves the running time
   kTimeBack,       // only moves the running time, to an earlier time
   kCallStack,      // enter and leave: all tests, changes the thread's context
-  kCounterSample,  // all tests but that for a handler, changes the thread's context
+  kCounterSample,  // all tests except that for a handler, changes the thread's context
   kMessage,        // sender or receiver must be selected; changes the sender's context
   kCollective,     // a member of the communicator must be selected; changes the context
   kThreadEvent,    // all tests, no context

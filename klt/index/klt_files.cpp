@@ -1,4 +1,4 @@
-// Operations on the files of a trace. See klt_files.h.
+// Lists, moves, removes and copies the files of a trace. See klt_files.h.
 #include "klt/index/klt_files.h"
 
 #include <fcntl.h>

@@ -30,7 +30,7 @@ struct alignas(64) KLT_Lane {
   uint8_t* end = nullptr;
   uint64_t nextTime = 0;
   uint64_t lastTime = 0;           // of the last record before `end`
-  uint8_t* beforeSlice = nullptr;  // `next` before the last slice was gathered
+  uint8_t* beforeSlice = nullptr;  // `next` before the last slice was collected
   KLT_Stream* stream = nullptr;
   bool isFilled = false;  // the stream has been filled, but `next` and `end` aren't set yet
 };
