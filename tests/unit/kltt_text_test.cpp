@@ -103,15 +103,11 @@ TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
 // isn't defined is no event.
 TEST_F(KlttText, MatchedOperations) {
   const uint64_t starts[] = {5, kOut - 1}, deltas[] = {10, 20}, late = kOut - 3;
-  const uint32_t sizes[] = {1, 0x80000000};
+  const uint32_t size = 1;
   context.matched = true;
-  KLTT_AllToAllCommunication(c, 300, 2, 3, 2, starts, deltas, sizes, sizes, nullptr);
-  KLTT_OneToAllCommunication(c, 400, 2, 99, 7, 3, 1, starts, deltas, sizes, nullptr);
+  KLTT_OneToAllCommunication(c, 400, 2, 99, 7, 3, 1, starts, deltas, &size, nullptr);
   KLTT_AllCommunication(c, 600, 2, 9, 2, starts, deltas, nullptr);
-  EXPECT_EQ(text(),
-            "300 COLLOP ALLTOALL 3 COM 2 TIMES 305 UNKNOWN DELTAS 10 UNKNOWN SENTS 1 2147483648 "
-            "RCVDS 1 2147483648\n"
-            "400 COLLOP ALLTOALL 3 COM 7 ROOT 2 TIMES 405 DELTAS 10 SENTS 0 RCVDS 1\n");
+  EXPECT_EQ(text(), "400 COLLOP ALLTOALL 3 COM 7 ROOT 2 TIMES 405 DELTAS 10 SENTS 0 RCVDS 1\n");
   EXPECT_EQ(context.lastEventTime, 415U);
   KLTT_AllCommunication(c, 1, 2, 4, 1, &late, deltas, nullptr);
   EXPECT_EQ(context.lastEventTime, ~uint64_t{0});
@@ -126,7 +122,9 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
     context.frames = RK_FrameWriterCreate();
     std::set<int32_t> open{INT32_MIN};
     for (int k = 0; k < 5; ++k) open.insert(number(9));
-    for (const int32_t gtp : open) enter(1, static_cast<uint32_t>(gtp), 10);
+    const auto depth = [](int64_t gtp) { return static_cast<uint32_t>(gtp) % 19 + 1; };
+    for (const int32_t gtp : open)
+      for (uint32_t k = 0; k < depth(gtp); ++k) enter(1, static_cast<uint32_t>(gtp), 10 + k % 2);
     (void)text();
     PAL_Triplet t{number(12), number(12), number(3)};
     if (round % 16 == 0) t.first = INT32_MIN;  // far more numbers than anybody could look up
@@ -135,8 +133,11 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
     for (const int64_t n : open) {
       if (t.stride == 0 || (n - t.first) % t.stride != 0) continue;
       if ((n - t.first) * t.stride < 0 || (t.last - n) * t.stride < 0) continue;
-      const std::string line = "2 EXCHEXT CPU " + std::to_string(n + 1) + " UPTO NOACT\n";
-      expected = t.stride > 0 ? expected + line : line + expected;
+      std::string lines;
+      for (uint32_t k = depth(n); k-- > 0;)
+        lines += "2 EXCHEXT CPU " + std::to_string(n + 1) + " UPTO " +
+                 (k == 0 ? "NOACT" : std::to_string(11 - k % 2)) + '\n';
+      expected = t.stride > 0 ? expected + lines : lines + expected;
     }
     const reading::Messages told;
     endOfFilter(2, {t});
@@ -212,17 +213,9 @@ TEST_F(KlttText, WhatCannotBeTrueEndsTheProcess) {
   const uint32_t ids[] = {10, 99, 0};
   const uint64_t zero[] = {0};
   uint64_t value = 0;
-  const auto sample = [&](const uint32_t* id) { KLTT_CounterValue(c, 1, 0, 1, id, &value); };
-  const auto define = [&](const char* name, const char* self, uint32_t parent, uint32_t id = 2) {
-    KLTT_ClassDefinition(c, id, name, self, parent);
-  };
-  const auto function = [&](uint32_t of) { KLTT_FunctionDefinition(c, 4, nullptr, of); };
-  const auto scope = [&](uint32_t of) { KLTT_ScopeDefinition(c, 4, "s", of, 0, 0); };
   const auto oneToAll = [&](uint32_t communicator) {
     KLTT_OneToAllCommunication(c, 1, 2, 9, communicator, 1, 1, zero, zero, ids, nullptr);
   };
-  const auto calls = [&](uint32_t id) { KLTT_FunctionStatistics(c, id, 0, 0, 0, 0, 0, 0, 0, 0); };
-  const auto operations = [&](uint32_t id) { KLTT_CollopStatistics(c, 1, id, 0); };
   const auto others = [&](uint32_t id) {
     context.sink = nullptr;  // with an output nothing is printed
     KLTT_CustomStatistics(c, id, "x", 0, nullptr);
@@ -233,28 +226,35 @@ TEST_F(KlttText, WhatCannotBeTrueEndsTheProcess) {
       {"ERROR: function history while stack of thread 0x1 already has 1 entries",
        [&] { KLTT_FunctionHistory(c, 3, 1, 1, ids, nullptr); }},
       {"undefined function #12", [&] { enter(1, 0, 12); }},
-      {"CounterVal without counter id", [&] { sample(ids + 2); }},
-      {"CounterVal with undefined id", [&] { sample(ids + 1); }},
-      {"class def with invalid parent", [&] { define("b", "b", 9); }},
-      {"class def without nameself", [&] { define("App:b", nullptr, 1); }},
-      {"class def with broken hierarchy: App:b != App.b", [&] { define("App.b", "b", 1); }},
+      {"CounterVal without counter id", [&] { KLTT_CounterValue(c, 1, 0, 1, ids + 2, &value); }},
+      {"CounterVal with undefined id", [&] { KLTT_CounterValue(c, 1, 0, 1, ids + 1, &value); }},
+      {"class def with invalid parent", [&] { KLTT_ClassDefinition(c, 2, "b", "b", 9); }},
+      {"class def without nameself", [&] { KLTT_ClassDefinition(c, 2, "App:b", nullptr, 1); }},
+      {"class def with broken hierarchy: App:b != App.b",
+       [&] { KLTT_ClassDefinition(c, 2, "App.b", "b", 1); }},
       {"class def: unable to obtain full name: name (null), nameself (null), parent 0",
-       [&] { define(nullptr, nullptr, 0); }},
-      {"class def with different names: b != a", [&] { define("a", "b", 0); }},
-      {"duplicate class def: 1 = \\x1b[2J", [&] { define("\x1b[2J", nullptr, 0, 1); }},
-      {"class id of function #4 (null) is zero", [&] { function(0); }},
-      {"function def record with an undefined class id", [&] { function(9); }},
-      {"class id of scope #4 s is zero", [&] { scope(0); }},
-      {"scope def record with an undefined class id", [&] { scope(9); }},
+       [&] { KLTT_ClassDefinition(c, 2, nullptr, nullptr, 0); }},
+      {"class def with different names: b != a", [&] { KLTT_ClassDefinition(c, 2, "a", "b", 0); }},
+      {"duplicate class def: 1 = \\x1b[2J",
+       [&] { KLTT_ClassDefinition(c, 1, "\x1b[2J", nullptr, 0); }},
+      {"class id of function #4 (null) is zero",
+       [&] { KLTT_FunctionDefinition(c, 4, nullptr, 0); }},
+      {"function def record with an undefined class id",
+       [&] { KLTT_FunctionDefinition(c, 4, nullptr, 9); }},
+      {"class id of scope #4 s is zero", [&] { KLTT_ScopeDefinition(c, 4, "s", 0, 0, 0); }},
+      {"scope def record with an undefined class id",
+       [&] { KLTT_ScopeDefinition(c, 4, "s", 9, 0, 0); }},
       {"info record without a proper class id", [&] { KLTT_Info(c, 0, "text"); }},
       {"info record with an undefined class id", [&] { KLTT_Info(c, 9, "text"); }},
       {"OneToAll record without communicator id", [&] { oneToAll(0); }},
       {"OneToAll record with undefined communicator id", [&] { oneToAll(9); }},
       {"OneToAll record with undefined communicator id", [&] { oneToAll(7); }},
-      {"function id is zero", [&] { calls(0); }},
-      {"statistics for undefined function #9", [&] { calls(9); }},
-      {"collective operation id is zero", [&] { operations(0); }},
-      {"statistics for undefined collection operation #9", [&] { operations(9); }},
+      {"function id is zero", [&] { KLTT_FunctionStatistics(c, 0, 0, 0, 0, 0, 0, 0, 0, 0); }},
+      {"statistics for undefined function #9",
+       [&] { KLTT_FunctionStatistics(c, 9, 0, 0, 0, 0, 0, 0, 0, 0); }},
+      {"collective operation id is zero", [&] { KLTT_CollopStatistics(c, 1, 0, 0); }},
+      {"statistics for undefined collection operation #9",
+       [&] { KLTT_CollopStatistics(c, 1, 9, 0); }},
       {"stats id is zero", [&] { others(0); }},
       {"entry for undefined statistics #9", [&] { others(9); }},
   };

@@ -1,18 +1,15 @@
-// Directories and whole files, on real files in a directory of the test's own; texts and the stack.
+// Directories and whole files, on real files in a directory of the test's own; texts.
 #include "util/pal_util.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "tests/builder/trace_files.h"
-#include "util/pal_stack.h"
 #include "util/pal_strings.h"
 
 namespace {
@@ -89,20 +86,6 @@ TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {
   }
   const wchar_t invalid[] = {static_cast<wchar_t>(0x7fffffff), 0};
   EXPECT_EQ(PAL_asprintf("<%ls>", invalid), "<%ls>");
-}
-
-// No other test opens more than the first few calls at a time.
-TEST(PalStack, KeepsItsItemsWhileItGrowsAndMoves) {
-  PAL_Stack<uint64_t> stack;
-  std::vector<uint64_t> model;
-  for (uint64_t i = 0; i < 100; ++i) {
-    if (i % 7 == 6) stack.pop(), model.pop_back();
-    stack.push(i);
-    model.push_back(i);
-    PAL_Stack<uint64_t> other(std::move(stack));
-    stack = std::move(other);
-    ASSERT_TRUE(std::equal(stack.begin(), stack.end(), model.begin(), model.end())) << i;
-  }
 }
 
 }  // namespace

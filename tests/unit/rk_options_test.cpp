@@ -125,7 +125,6 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"--os-counter-delay 1H", "OS-COUNTER-DELAY=0 ", "WARNING: cannot decode time\n"},
       // The longest item of a request wins, then the first. They follow each other in any order.
       {"--request 10s:20", "REQUEST [10 20] "},
-      {"--request 1h+30m:2h", "REQUEST [5400 7200] "},
       {"--request -1.5:2", "REQUEST [-1.5 2] "},
       {"--request 2:n", "REQUEST 2:0:1 "},
       {"--request 1:2:-1", "REQUEST "},
