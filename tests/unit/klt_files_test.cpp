@@ -1,10 +1,12 @@
 // Traces as the files that they are: listed, moved, removed and copied.
 #include "klt/index/klt_files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <string>
@@ -12,6 +14,15 @@
 
 #include "generic/text/kltt_guard.h"
 #include "tests/unit/klt_reading.h"
+
+// The system's call, except for one file.
+static const char* unmovable = nullptr;
+extern "C" int rename(const char* from, const char* to) noexcept {
+  if (unmovable == nullptr || std::strcmp(from, unmovable) != 0)
+    return renameat(AT_FDCWD, from, AT_FDCWD, to);
+  errno = EXDEV;
+  return -1;
+}
 
 namespace {
 
@@ -107,17 +118,29 @@ TEST(KltFiles, AllOfATraceGoesOrNothing) {
   }
 }
 
-// A directory doesn't replace a file, and can't be removed as one.
 TEST(KltFiles, WhatStopsHalfwayTellsWhereTheFilesAre) {
-  const Place place("rm t.klt.f.1; mkdir t.klt.f.1; touch u.klt.f.1");
+  const Place place;
+  const std::string path = std::getenv("PATH");
+  setenv("PATH", "/none", 1);  // there is no mv that could take over
+  unmovable = "t.klt.f.1";
   const auto [status, told] = run(kMove, "u.klt");
-  EXPECT_EQ(status, 1);
+  unmovable = nullptr;
+  setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(status, 127);
   for (const char* file : {"", ".dcl", ".f.0", ".f.1", ".f.0.anc", ".f.1.anc"}) {
     const bool isOld = fs::exists(std::string("t.klt") + file);
     const size_t at = told.find("  " + std::string(isOld ? "t.klt" : "u.klt") + file + "\n");
     EXPECT_EQ(at < told.find("Files that have been moved:"), isOld) << told;
     EXPECT_NE(at, std::string::npos) << told;
   }
+}
+
+// A directory can't be copied, moved or removed as a file.
+TEST(KltFiles, ADirectoryIsNoComponent) {
+  const Place place("rm t.klt.f.1; mkdir t.klt.f.1");
+  const auto before = contents();
+  EXPECT_EQ(run(kMove, "u.klt"), std::pair(1, std::string("t.klt.f.1: Is a directory\n")));
+  EXPECT_EQ(contents(), before);
   EXPECT_EQ(run(kCopy, "v.klt").first, 1);
   EXPECT_EQ(fs::file_size("v.klt"), 0U);  // a part of a copy is no trace
   EXPECT_EQ(run(kRemove, "").first, -1);

@@ -284,12 +284,12 @@ TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {
   }
 }
 
-// A later layout of a number replaces the first; one of layouts means nothing.
+// A later layout of a number replaces the first.
 TEST_F(KltGeneric, StandardLayoutsHaveDecodersOfTheirOwn) {
   tb::Trace trace;
   trace.extraIndex().bytes(
       "\0\x12\x07"
-      "comment\1\xef\4time\0\0\0\1x\0"sv);
+      "comment\1\xef\4time\0"sv);
   const OpenTrace open(trace);
   const auto& entries = open.handle()->decoders->entries;
   for (const KLT_Row& row : kKltRows) {

@@ -104,7 +104,7 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
         .at(5)
         .rawCollective(
             {.kind = 10, .operation = operation, .communicator = communicator, .end = 7});
-    messages_.take();
+    (void)messages_.take();
     EXPECT_EQ(merge(odd.files().writePlain(directory_), KLTM_MERGE | KLTM_DELETE_INPUT),
               KLTM_INCOMPLETE);
     EXPECT_TRUE(messages_.take().starts_with("ERROR: 1 events of collective operations have no"));

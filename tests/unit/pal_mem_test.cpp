@@ -95,7 +95,8 @@ TEST_F(PalMemDeathTest, ExhaustionNamesSizeAndCallerAndEndsTheProcess) {
     if (what == 1) failures = 0, (void)PAL_StackBlock(nullptr, SIZE_MAX, "f", 4);
     std::vector<char> bytes(1000);
   };
-  const char* messages[] = {"memory (80 byte) [f:1]", "stack memory (-1 byte) [f:4]",
+  const char* messages[] = {"memory (80 byte) [f:1]",
+                            "stack memory (18446744073709551615 byte) [f:4]",
                             "memory (1000 byte) [outer:5]"};
   for (const int what : {0, 1, 2}) {
     const std::string line = std::string("ERROR: out of ") + messages[what] + ", aborting.\n";

@@ -21,7 +21,6 @@
 
 namespace {
 
-using reading::LinePrinter;
 using reading::Lines;
 using Event = std::variant<KLTM_RawMessage, KLTM_RawCollop>;
 
@@ -135,12 +134,13 @@ class Naive {
     const int64_t span = !m.sent       ? tb::NO_SEND
                          : !m.received ? tb::NO_RECEIVE
                                        : static_cast<int64_t>(r.time - s.time);
-    LinePrinter line("one_to_one_communication");
-    const auto add = [&](auto... values) { (line.add(values), ...); };
+    std::string line("one_to_one_communication");
+    size_t count = 0;
+    const auto add = [&](auto... values) { (reading::Recorder::add(line, count, values), ...); };
     add(m.isSentFirst ? s.time : r.time, m.sent ? gtpOf(s.kind) : r.other, span,
         m.received ? gtpOf(r.kind) : s.other, known.comm, known.size, known.tag,
         located ? s.scl : 0, located ? r.scl : 0, 0, 0, s.function, r.function);
-    return line.line;
+    return line;
   }
 
   // Empty for what isn't an operation.
@@ -161,18 +161,19 @@ class Naive {
       received.push_back(e ? e->recv : 0);
       scl.push_back(e && e->scl != kNoScl ? e->scl : 0);
     }
-    LinePrinter line(all        ? "all_communication"
+    std::string line(all        ? "all_communication"
                      : oneToAll ? "one_to_all_communication"
                      : allToOne ? "all_to_one_communication"
                                 : "all_to_all_communication");
-    const auto add = [&](auto... values) { (line.add(values), ...); };
+    size_t count = 0;
+    const auto add = [&](auto... values) { (reading::Recorder::add(line, count, values), ...); };
     add(c.first.time);
     if (oneToAll || allToOne) add(c.first.root, oneToAll ? sent[root] : received[root]);
     add(c.first.comm, op, c.members.size(), start.data(), delta.data());
     if (!all && !oneToAll) add(sent.data());
     if (!all && !allToOne) add(received.data());
     add(scl.data());
-    return line.line;
+    return line;
   }
 
   std::vector<Entry> entries;  // by their first events
