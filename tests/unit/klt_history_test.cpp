@@ -132,12 +132,11 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "enter_scope 1 0 2 1 0", "function_history 10 1 1 [11] [0]", "enter_scope 1 1 3 1 0",
         "end_of_history 10 12 2 0:0:1 1:1:1", "enter_function 10 0 12 0", "leave_function 15 1 0",
         "end_of_filter 20 12 1 1:1:1", "end_of_filter 20 8 0", "end_of_filter 30 4 1 0:0:1"}},
-      // Of nested brackets the outer one is shown. The last moment of time is no end.
+      // Brackets in a file mean nothing. The last moment of time is no end.
       {fillNested,
        {window(5, kOpenEnd)},
-       {"begin_of_history 5 1 0", "end_of_history 7 1 0", "comment 18446744073709551615 0 'a'",
-        "end_of_filter 18446744073709551615 495 0", "comment 18446744073709551615 0 'b'",
-        "end_of_filter 18446744073709551615 495 0"}},
+       {"comment 18446744073709551615 0 'a'", "end_of_filter 18446744073709551615 495 0",
+        "comment 18446744073709551615 0 'b'", "end_of_filter 18446744073709551615 495 0"}},
       {fillUnlisted,
        {window(5, 6, COLLOPS), window(8, 9, COLLOPS, {0})},
        {"end_of_filter 6 256 0", "begin_of_history 8 256 0",
@@ -431,7 +430,7 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
     m.message({.receiveTime = 50, .tag = 1});
     Stream& n = trace.stream("n", MESSAGES, {0}).at(25).message({.receiveTime = 50, .tag = 3});
     n.at(40).comment(0, "").bytes("\x1c");
-    trace.extraIndex().record("file_declaration", {{"id", 5}, {"suffix", "gone"}});
+    trace.extraIndex().record("file_declaration", {{"id", 5}, {"filetype", 1}, {"suffix", "gone"}});
     const uint64_t files[] = {99, m.fileId(), 0x10001, 5, n.fileId()};
     m.anchorRecord(46, {{"file", m.fileId()}, {"offset", kRight}, {"prevtime", 0}});
     m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[file])},

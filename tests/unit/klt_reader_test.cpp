@@ -33,7 +33,7 @@ TEST(KltOpen, ComponentsHaveNamesOfTheirOwn) {
   for (const std::string& suffix : suffixes) {
     SCOPED_TRACE(suffix);
     Trace trace;
-    trace.extraIndex().record(33, {{"id", 5}, {"suffix", suffix}});
+    trace.extraIndex().record(33, {{"id", 5}, {"filetype", 1}, {"suffix", suffix}});
     TraceFiles files = trace.files();
     files[" "][7] = '\xff';  // all flags
     Messages messages;

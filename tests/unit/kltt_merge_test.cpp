@@ -104,13 +104,16 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
         .at(5)
         .rawCollective(
             {.kind = 10, .operation = operation, .communicator = communicator, .end = 7});
-    (void)messages_.take();
     EXPECT_EQ(merge(odd.files().writePlain(directory_), KLTM_MERGE | KLTM_DELETE_INPUT),
               KLTM_INCOMPLETE);
-    EXPECT_TRUE(messages_.take().starts_with("ERROR: 1 events of collective operations have no"));
     EXPECT_TRUE(fs::exists(input + ".r.0"));
     EXPECT_EQ(reading::only(linesOf(output_), {"all_communication"}).size(), 1U);
   }
+  const std::string told = messages_.take();
+  size_t reports = 0;
+  for (size_t at = 0; (at = told.find("ERROR: 1 events of coll", at)) != std::string::npos; ++at)
+    ++reports;
+  EXPECT_EQ(reports, 4U) << told;
 }
 
 TEST_F(KlttMerge, EventsThatAreNoMessagesCountAsReceives) {
