@@ -213,12 +213,12 @@ std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
     std::vector<std::pair<uint32_t, uint32_t>> open;  // threads and calls or scopes
     for (const uint32_t end = i + 150; i < end; ++i) {
       s.at(s.time() + (upTo(4) == 0 ? 0 : upTo(90)) + (upTo(60) == 0 ? 70000U : 0));
-      const uint32_t thread = threads[upTo(threads.size())], other = threads[upTo(threads.size())];
-      const bool enters = open.size() < 3 || upTo(9) < 6;
+      const uint32_t thread = threads[upTo(8) / 7], other = threads[upTo(threads.size())];
+      const bool enters = open.size() < 3 || upTo(20) < (i % 150 < 78 ? 19U : 1U);
       const bool isCall = categories == FUNCTIONS, isScope = categories == SCOPES;
       if ((isCall || isScope) && enters) {
-        isCall ? s.enter(thread, i, upTo(3)) : s.enterScope(thread, 4, i % 7, i);
-        open.emplace_back(thread, i % 7);
+        isCall ? s.enter(thread, i, upTo(3)) : s.enterScope(thread, 4, i % 2, i);
+        open.emplace_back(thread, i % 2);
       } else if (isCall || isScope) {
         const auto left = open.begin() + upTo(open.size());
         isCall ? s.leave(left->first, i) : s.leaveScope(left->first, 4, left->second, i);

@@ -1,8 +1,14 @@
-// The order of records from slices against that from turns, in all samples.
+// The order in which streams are served against a plain search through a list, and that of records
+// from slices against that from turns, in all samples.
 #include "klt/read/klt_order.h"
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
+
+#include <random>
 #include <string>
+#include <vector>
 
 #include "klt/read/klt_reader.h"
 #include "tests/unit/klt_reading.h"
@@ -10,6 +16,51 @@
 namespace {
 
 using namespace reading;
+
+// The earliest position with the lowest time, but for `without`.
+size_t lowest(const std::vector<uint64_t>& times, size_t without = KLT_MergeTree::kNone) {
+  size_t best = KLT_MergeTree::kNone;
+  for (size_t i = 0; i < times.size(); ++i) {
+    if (i != without && (best > i || times[i] < times[best])) best = i;
+  }
+  return best;
+}
+
+TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
+  std::mt19937_64 random(7);
+  KLT_MergeTree tree;
+  for (size_t streams = 0; streams <= 40; ++streams) {
+    // Ties are the rule, also at the end of time. Some streams start at any moment or step there.
+    const uint64_t start = streams % 3 == 0 ? ~uint64_t{0} - 3 : 100;
+    std::vector<uint64_t> times(streams);
+    for (uint64_t& time : times) time = streams % 5 == 0 ? random() : start + random() % 4;
+    const auto step = [&](size_t i) {
+      const bool isWild = streams % 4 == 0 && random() % 16 == 0;
+      return times[i] = isWild ? random() >> random() % 64 : times[i] + random() % 3;
+    };
+    tree.build(streams, [&](size_t i) { return times[i]; });
+    while (tree.best() != KLT_MergeTree::kNone || !times.empty()) {
+      ASSERT_EQ(tree.best(), lowest(times));
+      for (size_t i = 0; i < times.size(); ++i) {  // the runner-up of whichever was served
+        const KLT_NextStream second = tree.second(i);
+        ASSERT_EQ(second.position, lowest(times, i));
+        ASSERT_TRUE(times.size() == 1 || second.time == times[second.position]);
+      }
+      const size_t changed = random() % 3 == 0 ? random() % times.size() : lowest(times);
+      const size_t other = random() % times.size();
+      if (random() % 4 == 0) {  // a stream ends: the last one takes its place
+        times[changed] = times.back();
+        tree.update(changed, times.back());
+        tree.removeLast();
+        times.pop_back();
+      } else if (other != changed && random() % 2 == 0) {
+        tree.update(changed, step(changed), other, step(other));
+      } else {
+        tree.update(changed, step(changed));
+      }
+    }
+  }
+}
 
 // All events, read in calls that end as soon as they may; `stopAt` as in a Recorder.
 Lines eventsOf(KLT_FileHandle* trace, bool isSliced, size_t stopAt) {

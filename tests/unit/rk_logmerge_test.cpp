@@ -150,8 +150,9 @@ class Naive {
     const bool oneToAll = op == 3 || op == 4 || (op >= 9 && op <= 12);
     const bool allToOne = (op >= 5 && op <= 8) || (op >= 33 && op <= 35);
     if (op < 1 || op > 45) return "";
-    // Readers refuse it; one with a root ends the merge before.
-    if (!oneToAll && !allToOne && !communicators_.contains(c.first.comm)) return "";
+    // Readers refuse it. One with a root on an unknown communicator ends the merge before.
+    const auto known = communicators_.find(c.first.comm);
+    if (known == communicators_.end() ? !oneToAll && !allToOne : known->second.empty()) return "";
     std::vector<uint64_t> start, delta;
     std::vector<uint32_t> sent, received, scl;
     size_t root = 0;
