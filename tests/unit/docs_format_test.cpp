@@ -6,8 +6,6 @@
 #include <sstream>
 #include <string>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "klt/format/klt_schema.h"
 #include "tests/builder/trace_builder.h"
@@ -47,76 +45,49 @@ TEST(FormatDocument, ListsTheRecordsOfTheProgramsTable) {
   }
 }
 
-// The lines of a block "```klt NAME": the bytes of a field and, after two blanks, its name.
-using Block = std::vector<std::pair<std::string, std::string>>;
-
-std::map<std::string, Block> shownBlocks() {
+// The bytes of each block "```klt NAME", whose lines hold those of a field and, after two blanks,
+// words about it.
+std::map<std::string, std::string> shownBlocks() {
   std::istringstream document(tb::readFile(KLT_TEST_DATA "/../../docs/format.md"));
-  std::map<std::string, Block> blocks;
+  std::map<std::string, std::string> blocks;
   std::string block;
   for (std::string line; std::getline(document, line);) {
     if (line.starts_with("```")) {
       block = line.starts_with("```klt ") ? line.substr(7) : "";
     } else if (!block.empty()) {
       std::istringstream digits(line.substr(0, line.find("  ")));
-      auto& [bytes, name] = blocks[block].emplace_back();
-      for (unsigned byte = 0; digits >> std::hex >> byte;) bytes += static_cast<char>(byte);
-      name = line.substr(line.find_first_not_of(' ', line.find("  ")));
-      name = name.substr(0, name.find_first_of(":,["));
+      for (unsigned byte = 0; digits >> std::hex >> byte;) blocks[block] += static_cast<char>(byte);
     }
   }
   return blocks;
 }
 
-std::string bytesOf(const Block& block) {
-  std::string result;
-  for (const auto& [bytes, name] : block) result += bytes;
-  return result;
-}
-
-// Each record has its row's fields, in order and as long as their types and counts say. A line
-// "28, enter_function" begins one; an array of numbers has a line for each.
-void checkRecords(const Block& block) {
-  const tb::Layout layout;
-  for (size_t i = 0; i < block.size();) {
-    const tb::Row& row = layout.row(static_cast<unsigned>(std::stoul(block[i].second)));
-    EXPECT_EQ(block[i++].first, std::string(1, static_cast<char>(row.number)));
-    size_t count = 1, covered = 0;
-    for (const tb::Field& field : row.fields) {
-      SCOPED_TRACE(field.name);
-      const size_t n = covered != 0 ? count : 1;
-      std::string bytes;
-      for (; i < block.size() && block[i].second == (field.isCount ? "count" : field.name); ++i) {
-        bytes += block[i].first;
-      }
-      ASSERT_EQ(bytes.size(), n * tb::bytesOf(field.type));
-      covered = field.isCount ? field.covers : covered - (covered != 0);
-      if (field.isCount) count = static_cast<uint8_t>(bytes.back());
-    }
-  }
-}
-
 TEST(FormatDocument, ShowsTheBytesOfTheFormat) {
-  std::map<std::string, Block> blocks = shownBlocks();
-  EXPECT_EQ(bytesOf(blocks["header"]), tb::Trace().files()[" "].substr(0, 11));
-
+  std::map<std::string, std::string> blocks = shownBlocks();
+  EXPECT_EQ(blocks["header"], tb::Trace().files()[" "].substr(0, 11));
   tb::Layout layout;
-  for (unsigned number = 1; number <= layout.size(); ++number) {
+  for (unsigned number = 1; number <= layout.size(); ++number)
     layout.row(number).listed = number == 29;
-  }
-  EXPECT_EQ(bytesOf(blocks["layout"]), layout.block());
-
+  EXPECT_EQ(blocks["layout"], layout.block());
   // The builder deals out extents of one size; the last one of a component may be shorter.
   tb::TraceFiles files;
   files.add(" ", "AB");
   files.add(".dcl", "abcd");
-  EXPECT_EQ(bytesOf(blocks["container"]), files.container({.version = 1, .extent = 3}));
+  EXPECT_EQ(blocks["container"], files.container({.version = 1, .extent = 3}));
 
   for (const char* other : {"header", "layout", "container"}) blocks.erase(other);
   EXPECT_GE(blocks.size(), 10U);
-  for (const auto& [name, block] : blocks) {
-    SCOPED_TRACE(name);
-    checkRecords(block);
+  for (const auto& [name, bytes] : blocks) {  // records, as long as their types and counts say
+    size_t at = 0;
+    while (at < bytes.size()) {
+      size_t count = 1, covered = 0;
+      for (const tb::Field& field : layout.row(static_cast<uint8_t>(bytes[at++])).fields) {
+        at += (covered != 0 ? count : 1) * tb::bytesOf(field.type);
+        covered = field.isCount ? field.covers : covered - (covered != 0);
+        if (field.isCount) count = static_cast<uint8_t>(bytes.at(at - 1));
+      }
+    }
+    EXPECT_EQ(at, bytes.size()) << name;
   }
 }
 
