@@ -18,8 +18,8 @@ int32_t RK_procid = 0;
 
 namespace {
 
-constexpr int32_t OWN_RANK = 0;
-constexpr int32_t GROUP_SIZE = 1;
+constexpr int32_t kOwnRank = 0;
+constexpr int32_t kGroupSize = 1;
 
 std::string& HostName() {
   static std::string name;
@@ -29,7 +29,7 @@ std::string& HostName() {
 std::string FindHostName() {
   char name[HOST_NAME_MAX + 1] = "";
   if (gethostname(name, sizeof name - 1) == 0) return name;
-  return PAL_asprintf("process_%d", OWN_RANK);
+  return PAL_asprintf("process_%d", kOwnRank);
 }
 
 size_t TypeSize(RK_IPCType type) {
@@ -50,12 +50,12 @@ size_t TypeSize(RK_IPCType type) {
 
 int RK_IPCInit(const char*, int) {
   if (RK_IPCcommworld != nullptr) return 0;
-  RK_procid = OWN_RANK;
+  RK_procid = kOwnRank;
   HostName() = FindHostName();
   RK_IPCComm* comm;
   PAL_CALLOC(comm, 1, sizeof *comm);
-  comm->rank = OWN_RANK;
-  comm->size = GROUP_SIZE;
+  comm->rank = kOwnRank;
+  comm->size = kGroupSize;
   // A group of one never uses the pair, so it can exist without it.
   const int result = PAL_SocketPair(comm->sockets);
   if (result != 0) PAL_Debug(HERE, "%s = %d\n", "PAL_SocketPair(comm->sockets)", result);
@@ -87,7 +87,7 @@ int RK_IPCReduce(const char*, int, const void* send, void* receive, size_t count
 
 int RK_IPCAllreduce(const char* file, int line, const void* send, void* receive, size_t count,
                     RK_IPCType type, RK_IPCOperation operation, const RK_IPCComm* comm) {
-  return RK_IPCReduce(file, line, send, receive, count, type, operation, OWN_RANK, comm);
+  return RK_IPCReduce(file, line, send, receive, count, type, operation, kOwnRank, comm);
 }
 
 int RK_IPCCommFree(const char*, int, RK_IPCComm** comm) {

@@ -112,11 +112,11 @@ void PAL_FREE(T*& pointer) {
                                int line = __builtin_LINE());
 
 // Blocks of this size and more come from the heap, smaller ones from the caller's frame.
-inline constexpr size_t PAL_STACK_LIMIT = 65536;
+inline constexpr size_t kPalStackLimit = 65536;
 
 // The bytes that PAL_STACK_ALLOC takes from the caller's frame for a block of `bytes` bytes.
 [[nodiscard]] constexpr size_t PAL_StackFrameBytes(size_t bytes) {
-  return bytes == 0 || bytes >= PAL_STACK_LIMIT ? 0 : (bytes + 16 + 15) / 16 * 16;
+  return bytes == 0 || bytes >= kPalStackLimit ? 0 : (bytes + 16 + 15) / 16 * 16;
 }
 // The block in `frame` or, if PAL_StackFrameBytes is 0, from the heap; null for 0 bytes.
 [[nodiscard]] void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line);

@@ -100,7 +100,7 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
     }
     // The profiles are computed from internal times.
     const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
-                                         std::min(context.eventBits, KLTT_INTERNAL_EVENT_BITS)};
+                                         std::min(context.eventBits, kKlttEventBits)};
     sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle), settings), name,
                           context.pending);
   }
@@ -112,7 +112,7 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
   // With PRINT-STATISTICS the output has definitions only, and their times stay internal.
   if (RK_conf.print_statistics == 0) {
     sink->timeShift =
-        static_cast<int32_t>(KLTT_INTERNAL_EVENT_BITS) - static_cast<int32_t>(context.eventBits);
+        static_cast<int32_t>(kKlttEventBits) - static_cast<int32_t>(context.eventBits);
   }
   // A listing must not be written into a trace.
   if (sink->kind == 1 && sink->name == "-") context.listing = RK_Stderr();

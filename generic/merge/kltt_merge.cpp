@@ -105,7 +105,8 @@ class Merge {
     KLT_HandlerTable table;
     if (!readDefinitions(table)) return;
     if (flag(KLTM_MERGE)) {
-      KLTM_MatchStart(context_.matching, context_.writer, context_.summary, RK_Conf::mem_blocksize);
+      KLTM_MatchStart(context_.matching, context_.writer, context_.summary,
+                      RK_Conf::kMemBlockBytes);
     }
     const bool isRead = pass(KLT_MODE_EVENTS, table);
     show(1, 0);  // ends the line with the percentages, also after a failure

@@ -81,8 +81,7 @@ struct RK_Conf {
   std::string echo;  // characters of the sources that belong to no option; kltt_main prints them
 
   // Settings without a keyword.
-  static constexpr int32_t counter_hashsize = 13;
-  static constexpr int32_t mem_blocksize = 2097152;  // bytes, of the merge's buffers
+  static constexpr int32_t kMemBlockBytes = 2097152;  // bytes, of the merge's buffers
 };
 extern struct RK_Conf RK_conf;
 

@@ -23,8 +23,8 @@ struct RK_WillyState {
 };
 
 struct RK_WillyHash {
-  KLT_IdIndex index{KLTT_DIRECT_IDS};  // by gtp
-  std::vector<RK_WillyState> states;   // in order of first use
+  KLT_IdIndex index{kKlttDirectIds};  // by gtp
+  std::vector<RK_WillyState> states;  // in order of first use
 };
 
 // One for each event pass.

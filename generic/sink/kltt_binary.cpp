@@ -151,8 +151,7 @@ class Records final : public RK_Sink {
   int clockResolution(double resolution, uint32_t eventBits) override {
     const int bits = static_cast<int>(std::min(eventBits, uint32_t{63}));
     return put<KLT_Row::clockResolution>(
-        std::ldexp(resolution, bits - static_cast<int>(KLTT_INTERNAL_EVENT_BITS)),
-        KLTT_INTERNAL_EVENT_BITS);
+        std::ldexp(resolution, bits - static_cast<int>(kKlttEventBits)), kKlttEventBits);
   }
   int duration(uint64_t start, uint64_t end) override { return put<KLT_Row::duration>(start, end); }
   int classDefinition(const KLTT_Classes& classes, KLTT_Class& defined,

@@ -19,10 +19,10 @@ void reportOnce(bool* reported, uint64_t rawTime, const char* what, uint64_t lim
 uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime) {
   const uint64_t tick = rawTime >> clock.eventBits;
   const uint64_t counter = rawTime & clock.counterMask;
-  if (tick >= KLTT_MAX_TICKS)
-    reportOnce(&clock.ticksReported, rawTime, "clock ticks", KLTT_MAX_TICKS);
-  if (counter >= KLTT_MAX_EVENTS)
-    reportOnce(&clock.eventsReported, rawTime, "events per clock tick", KLTT_MAX_EVENTS);
-  return std::min(tick, KLTT_MAX_TICKS - 1) << KLTT_INTERNAL_EVENT_BITS |
-         std::min(counter, KLTT_MAX_EVENTS - 1);
+  if (tick >= kKlttMaxTicks)
+    reportOnce(&clock.ticksReported, rawTime, "clock ticks", kKlttMaxTicks);
+  if (counter >= kKlttMaxEvents)
+    reportOnce(&clock.eventsReported, rawTime, "events per clock tick", kKlttMaxEvents);
+  return std::min(tick, kKlttMaxTicks - 1) << kKlttEventBits |
+         std::min(counter, kKlttMaxEvents - 1);
 }

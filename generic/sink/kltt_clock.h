@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-inline constexpr uint32_t KLTT_INTERNAL_EVENT_BITS = 13;
-inline constexpr uint64_t KLTT_MAX_EVENTS = uint64_t{1} << KLTT_INTERNAL_EVENT_BITS;
-inline constexpr uint64_t KLTT_MAX_TICKS = uint64_t{1} << 51;
+inline constexpr uint32_t kKlttEventBits = 13;
+inline constexpr uint64_t kKlttMaxEvents = uint64_t{1} << kKlttEventBits;
+inline constexpr uint64_t kKlttMaxTicks = uint64_t{1} << 51;
 
 struct KLTT_Clock {
   uint32_t eventBits = 0;       // at most 63
@@ -27,9 +27,9 @@ uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime);
 [[nodiscard]] inline uint64_t KLTT_InternalTime(KLTT_Clock& clock, uint64_t rawTime) {
   const uint64_t tick = rawTime >> clock.eventBits;
   const uint64_t counter = rawTime & clock.counterMask;
-  if (tick >= KLTT_MAX_TICKS || counter >= KLTT_MAX_EVENTS) [[unlikely]]
+  if (tick >= kKlttMaxTicks || counter >= kKlttMaxEvents) [[unlikely]]
     return KLTT_TruncatedTime(clock, rawTime);
-  return tick << KLTT_INTERNAL_EVENT_BITS | counter;
+  return tick << kKlttEventBits | counter;
 }
 
 // The raw time at which messages and scopes are written: the start of the window for those of a

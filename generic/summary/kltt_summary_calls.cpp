@@ -40,7 +40,7 @@ uint64_t elapsed(uint64_t from, uint64_t to) { return to > from ? to - from : 0;
 
 }  // namespace
 
-KLTT_CallTrees::KLTT_CallTrees() : index_(KLTT_DIRECT_IDS) {}
+KLTT_CallTrees::KLTT_CallTrees() : index_(kKlttDirectIds) {}
 
 KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   const auto index = static_cast<uint32_t>(threads_.size());
@@ -197,7 +197,7 @@ void KLTT_CallTrees::flush(KLTT_SumFile& file, uint64_t binStart, uint64_t binEn
   if (order_.size() != threads_.size()) {
     order_.resize(threads_.size());
     std::iota(order_.begin(), order_.end(), uint32_t{0});
-    PAL_SortByBucket(order_, KLTT_SUM_BUCKETS, [&](uint32_t i) { return threads_[i].gtp; });
+    PAL_SortByBucket(order_, kKlttSumBuckets, [&](uint32_t i) { return threads_[i].gtp; });
   }
   for (const uint32_t index : order_) {
     Thread& thread = threads_[index];

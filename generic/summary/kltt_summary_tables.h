@@ -20,7 +20,7 @@ struct KLTT_SumMembers;
 struct KLTT_SumMessage;
 
 // The number of chains of the hash table that defines the order of keys in the files.
-inline constexpr uint32_t KLTT_SUM_BUCKETS = 31;
+inline constexpr uint32_t kKlttSumBuckets = 31;
 
 // The values of a bin by a key of `Words` numbers.
 template <size_t Words, class Value>
@@ -52,7 +52,7 @@ class KLTT_BinTable {
   void walk(HashOf hashOf, Visit visit) {
     std::vector<uint32_t> order(entries_.size());
     std::iota(order.begin(), order.end(), uint32_t{0});
-    PAL_SortByBucket(order, KLTT_SUM_BUCKETS, [&](uint32_t i) { return hashOf(entries_[i].key); });
+    PAL_SortByBucket(order, kKlttSumBuckets, [&](uint32_t i) { return hashOf(entries_[i].key); });
     for (const uint32_t i : order) visit(entries_[i]);
   }
 

@@ -14,7 +14,7 @@
 #include "util/pal_hash.h"
 
 // Smaller ids are looked up in an array of at most 256 KiB.
-inline constexpr uint32_t KLTT_DIRECT_IDS = 65536;
+inline constexpr uint32_t kKlttDirectIds = 65536;
 
 // A definition with a name. `extra` is its second property: the class of a function, or the kind of
 // a collective operation.
@@ -66,7 +66,7 @@ class KLTT_Table {
   [[nodiscard]] std::vector<Entry>& entries() { return entries_; }
 
  private:
-  KLT_IdIndex index_{KLTT_DIRECT_IDS};
+  KLT_IdIndex index_{kKlttDirectIds};
   std::vector<Entry> entries_;
 };
 

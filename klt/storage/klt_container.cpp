@@ -50,7 +50,7 @@ class DirectoryReader {
 
   [[nodiscard]] uint64_t remaining() const { return unread_ + (filled_ - pos_); }
 
-  // The next `bytes` bytes; null if fewer remain. REQUIRES: bytes <= KLT_MAX_KEY_BYTES.
+  // The next `bytes` bytes; null if fewer remain. REQUIRES: bytes <= kKltMaxKeyBytes.
   const uint8_t* take(size_t bytes) {
     if (filled_ - pos_ < bytes && !refill(bytes)) return nullptr;
     const uint8_t* const at = buffer_.data() + pos_;
@@ -84,7 +84,7 @@ class DirectoryReader {
   }
 
   static constexpr size_t kBufferBytes = 262144;
-  static_assert(kBufferBytes > KLT_MAX_KEY_BYTES);
+  static_assert(kBufferBytes > kKltMaxKeyBytes);
 
   int fd_;
   uint64_t offset_;  // of the next byte to read into the buffer
@@ -100,7 +100,7 @@ bool readExtents(DirectoryReader& reader, uint64_t count, uint64_t end, KLT_DirE
   for (uint64_t i = 0; i < count; ++i) {
     uint64_t offset = 0;
     if (!reader.number(8, &offset)) return false;
-    if (offset < KLT_CONTAINER_HEADER_BYTES || offset > end) return false;
+    if (offset < kKltContainerHeaderBytes || offset > end) return false;
     entry->extents.push_back({offset, 0, 0});
   }
   uint64_t start = 0;
@@ -117,7 +117,7 @@ bool readEntry(DirectoryReader& reader, uint64_t version, uint64_t end, KLT_DirE
   const unsigned countBytes = version != 0 ? 4 : 2;
   uint64_t nameLength = 0;
   if (!reader.number(countBytes, &nameLength)) return false;
-  if (nameLength == 0 || nameLength > KLT_MAX_KEY_BYTES) return false;
+  if (nameLength == 0 || nameLength > kKltMaxKeyBytes) return false;
   const uint8_t* const name = reader.take(nameLength);
   if (name == nullptr || std::memchr(name, 0, nameLength) != nullptr) return false;
   entry->name.assign(reinterpret_cast<const char*>(name), nameLength);
@@ -136,7 +136,7 @@ bool readEntry(DirectoryReader& reader, uint64_t version, uint64_t end, KLT_DirE
 bool loadDirectory(KLT_Container* container) {
   const PAL_Place here;
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
-  constexpr uint64_t kMinBytes = KLT_CONTAINER_HEADER_BYTES + kTrailerBytes;
+  constexpr uint64_t kMinBytes = kKltContainerHeaderBytes + kTrailerBytes;
   if (size < static_cast<off_t>(kMinBytes)) return false;
   const uint64_t limit = static_cast<uint64_t>(size) - kTrailerBytes;
   std::array<uint8_t, kTrailerBytes> trailer;
@@ -145,12 +145,12 @@ bool loadDirectory(KLT_Container* container) {
     return false;
   }
   const uint64_t end = klt::loadBig64(trailer.data());
-  if (end < KLT_CONTAINER_HEADER_BYTES || end > limit) return false;
+  if (end < kKltContainerHeaderBytes || end > limit) return false;
   container->end = end;
 
   // The extents together may not be longer than the file: with overlapping extents a small file
   // could claim any amount of data.
-  uint64_t unclaimed = end - KLT_CONTAINER_HEADER_BYTES;
+  uint64_t unclaimed = end - kKltContainerHeaderBytes;
   DirectoryReader reader(container->fd, end, limit - end);
   while (reader.remaining() > 0) {
     KLT_DirEntry entry;
@@ -197,7 +197,7 @@ void writeEntry(const KLT_DirEntry& entry, DirectoryWriter* out) {
 }
 
 bool writeHeader(const KLT_Container* container) {
-  std::array<uint8_t, KLT_CONTAINER_HEADER_BYTES> header;
+  std::array<uint8_t, kKltContainerHeaderBytes> header;
   std::memcpy(header.data(), kMagic.data(), kMagic.size());
   klt::storeBig64(header.data() + kMagic.size(), kVersion);
   if (container->form == KLT_FORM_SERIAL) {
@@ -308,7 +308,7 @@ KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int 
                       ? Vfd_Adopt(STDOUT_FILENO)
                       : PAL_OpenInDir(dir, name, containerFlags(flags), mode);
   if (container->fd < 0 || !writeHeader(container)) return reportAndDelete(container);
-  container->end = KLT_CONTAINER_HEADER_BYTES;
+  container->end = kKltContainerHeaderBytes;
   return container;
 }
 
@@ -321,7 +321,7 @@ KLT_Container* KLT_ContainerOpen(const char* dir, const char* name, int flags, m
   container->fd = PAL_OpenInDir(dir, name, containerFlags(flags) | O_NONBLOCK, mode);
   if (container->fd < 0) return reportAndDelete(container);
 
-  std::array<uint8_t, KLT_CONTAINER_HEADER_BYTES> header;
+  std::array<uint8_t, kKltContainerHeaderBytes> header;
   if (Vfd_PReadFully(container->fd, header.data(), header.size(), 0) != header.size() ||
       std::memcmp(header.data(), kMagic.data(), kMagic.size()) != 0) {
     return asPlain(container);

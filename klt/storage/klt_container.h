@@ -38,8 +38,8 @@
 #include "util/pal_hash.h"
 #include "util/pal_util.h"
 
-inline constexpr uint64_t KLT_CONTAINER_HEADER_BYTES = 12;
-inline constexpr size_t KLT_MAX_KEY_BYTES = 65535;
+inline constexpr uint64_t kKltContainerHeaderBytes = 12;
+inline constexpr size_t kKltMaxKeyBytes = 65535;
 
 struct KLT_Extent {
   uint64_t offset;  // in the container

@@ -109,7 +109,7 @@ KLT_DirEntry* findOrEnter(KLT_Container* container, std::string_view key) {
     errno = ENOENT;
     return nullptr;
   }
-  if (key.size() > KLT_MAX_KEY_BYTES) {
+  if (key.size() > kKltMaxKeyBytes) {
     errno = ENAMETOOLONG;
     return nullptr;
   }

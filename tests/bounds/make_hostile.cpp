@@ -33,7 +33,7 @@ void crowd(tb::Trace& trace, uint64_t size) {
     trace.function(1 + number, "g", 1);
     functions.at(i).enter(0, 1);
     scopes.at(i).enterScope(0, 1, number);
-    messages.at(i).message({.receiver = 1, .receiveTime = tb::NO_RECEIVE, .communicator = 1});
+    messages.at(i).message({.receiver = 1, .receiveTime = tb::kNoReceive, .communicator = 1});
   }
   for (uint64_t i = 1; i <= size; ++i) {
     scopes.at(size + i).leaveScope(0, 1, static_cast<uint32_t>(i));

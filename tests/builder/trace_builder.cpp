@@ -219,7 +219,7 @@ Stream& Stream::message(const Message& m) {
                "receiver_function",
                {m.sender, m.receiveTime, m.receiver, m.communicator, m.size, m.tag,
                 m.senderFunction, m.receiverFunction}));
-  const bool ends = m.receiveTime != NO_RECEIVE && m.receiveTime != NO_SEND;
+  const bool ends = m.receiveTime != kNoReceive && m.receiveTime != kNoSend;
   return remember({},
                   ends ? later(time(), static_cast<uint64_t>(std::abs(m.receiveTime))) : kNever);
 }
@@ -236,7 +236,7 @@ Stream& Stream::collective(const Collective& c) {
   record(kNames[static_cast<size_t>(c.shape)], values);
   uint64_t span = 0;
   for (size_t i = 0; i < c.start.size() && i < c.duration.size(); ++i) {
-    if (c.start[i] != NOT_STARTED) span = std::max(span, later(c.start[i], c.duration[i]));
+    if (c.start[i] != kNotStarted) span = std::max(span, later(c.start[i], c.duration[i]));
   }
   return remember({}, later(time(), span));
 }

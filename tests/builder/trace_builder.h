@@ -46,9 +46,9 @@ enum Category : uint32_t {
 
 // The receive times of messages with one known side, and the start time of a process that took no
 // part in a collective operation.
-inline constexpr int64_t NO_RECEIVE = INT64_MIN;
-inline constexpr int64_t NO_SEND = INT64_MIN + 1;
-inline constexpr uint64_t NOT_STARTED = ~uint64_t{0};
+inline constexpr int64_t kNoReceive = INT64_MIN;
+inline constexpr int64_t kNoSend = INT64_MIN + 1;
+inline constexpr uint64_t kNotStarted = ~uint64_t{0};
 
 struct Triplet {
   int32_t first = 0, last = 0, stride = 1;

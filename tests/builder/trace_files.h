@@ -54,6 +54,9 @@ class TraceFiles {
   [[nodiscard]] const std::vector<std::pair<std::string, std::string>>& parts() const {
     return parts_;
   }
+  void remove(std::string_view key) {
+    std::erase_if(parts_, [&](const auto& part) { return part.first == key; });
+  }
   // Takes `count` bytes off the end.
   TraceFiles& truncate(std::string_view key, size_t count) {
     (*this)[key].resize((*this)[key].size() - count);

@@ -42,10 +42,10 @@ void fillOpen(Trace& trace) {
   s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 6, .tag = 1});  // arrives at 10
   s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 7, .tag = 2});
   s.message({.sender = gtp(0, 1), .receiver = 0, .receiveTime = -7, .tag = 3});
-  s.message({.sender = 0, .receiver = 1, .receiveTime = NO_RECEIVE, .tag = 4});
-  s.message({.sender = 1, .receiver = 0, .receiveTime = NO_SEND, .tag = 5});
+  s.message({.sender = 0, .receiver = 1, .receiveTime = kNoReceive, .tag = 4});
+  s.message({.sender = 1, .receiver = 0, .receiveTime = kNoSend, .tag = 5});
   s.at(5).collective({.communicator = 1, .operation = 2, .start = {0, 2}, .duration = {5, 3}});
-  s.collective({.communicator = 1, .operation = 3, .start = {NOT_STARTED, 0}, .duration = {90, 6}});
+  s.collective({.communicator = 1, .operation = 3, .start = {kNotStarted, 0}, .duration = {90, 6}});
   s.at(10).comment(0, "first").at(11).leave(0).at(12).leaveScope(0, 4, 2);
 }
 void fillSamples(Trace& trace) {  // out of order
@@ -198,7 +198,7 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 // A run with a bit of everything, which is never quiet. No two events have the same line. Returns
 // the times of its anchors.
 std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
-  constexpr int64_t kSpans[] = {0, 5, 700, -700, 9000, NO_RECEIVE, NO_SEND};
+  constexpr int64_t kSpans[] = {0, 5, 700, -700, 9000, kNoReceive, kNoSend};
   trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
   trace.communicator(2, "one", {{2, 2, 1}});
   std::mt19937 random(42);
@@ -233,7 +233,7 @@ std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
       } else {
         s.collective({.communicator = 1 + upTo(2),
                       .operation = i % 256,
-                      .start = {upTo(50), upTo(3) == 0 ? NOT_STARTED : upTo(500)},
+                      .start = {upTo(50), upTo(3) == 0 ? kNotStarted : upTo(500)},
                       .duration = {upTo(3000), 1}});
       }
     }

@@ -17,7 +17,7 @@ namespace {
 // What is reported, without the times, of a run over a trace with this many operations. One has one
 // member if its number is even, else two, but for the one of all 41 members and the one of none.
 std::string perfTest(int32_t requests, int operations) {
-  constexpr uint64_t kOut = tb::NOT_STARTED;
+  constexpr uint64_t kOut = tb::kNotStarted;
   tb::Trace trace;
   trace.clock(1e-6, 0).processes({1, 1, 1}).defineClass(1, "App").function(1, "main", 1);
   trace.communicator(1, "", {{0, 40 << 16, 1 << 16}}).operation(7, "gather", 3);

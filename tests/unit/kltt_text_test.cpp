@@ -365,7 +365,7 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
 TEST(KlttIdIndex, AgreesWithAMapForAnyIds) {
   std::mt19937 random(5);
   std::map<uint32_t, uint32_t> model;
-  KLT_IdIndex direct(KLTT_DIRECT_IDS), hashed;
+  KLT_IdIndex direct(kKlttDirectIds), hashed;
   for (uint32_t k = 1; k < 40000; ++k) {
     const uint32_t id = k % 2 == 0 ? k << 15 : static_cast<uint32_t>(random()) >> k % 32;
     if (!model.emplace(id, k).second) continue;

@@ -59,7 +59,7 @@ struct Merged {
 uint64_t allocated;
 
 Merged merge(const Members& communicators, const std::vector<Event>& events,
-             uint64_t blockBytes = RK_Conf::mem_blocksize) {
+             uint64_t blockBytes = RK_Conf::kMemBlockBytes) {
   const tb::TempDir directory;
   const std::string name = directory / "m.klt";
   const auto membersOf = [](void*, uint32_t, size_t* n) -> const uint32_t* {
@@ -131,8 +131,8 @@ class Naive {
     const KLTM_RawMessage& known = m.sent ? s : r;
     const bool located =
         wasOpen ? !m.isSentFirst || s.scl != 0 : s.scl != 0 && (s.scl != kNoScl || r.scl != kNoScl);
-    const int64_t span = !m.sent       ? tb::NO_SEND
-                         : !m.received ? tb::NO_RECEIVE
+    const int64_t span = !m.sent       ? tb::kNoSend
+                         : !m.received ? tb::kNoReceive
                                        : static_cast<int64_t>(r.time - s.time);
     std::string line("one_to_one_communication");
     size_t count = 0;
@@ -322,7 +322,7 @@ TEST(Logmerge, MuchThatIsOpenIsWrittenOnceEachAndCostsNoMore) {
   EXPECT_EQ(merged.messages.size(), kMany);
   EXPECT_EQ(merged.profiled, kMany);
   EXPECT_EQ(merged.collops.size(), 2 * kAhead);
-  for (const auto& [lines, open] : {std::pair{&merged.messages, std::to_string(tb::NO_SEND)},
+  for (const auto& [lines, open] : {std::pair{&merged.messages, std::to_string(tb::kNoSend)},
                                     {&merged.collops, std::to_string(kNotSeen)}})
     for (const std::string& line : *lines) ASSERT_EQ(line.find(open), std::string::npos) << line;
 }

@@ -209,8 +209,8 @@ uint32_t PAL_TripletsCount(PAL_TripletSpan list) {
 
 std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list) {
   const uint32_t count = PAL_TripletsCount(list);
-  if (count > PAL_TRIPLETS_MAX_EXPANSION) PAL_Error(kInvalidData);
-  if (count == 0 || count > PAL_TRIPLETS_MAX_EXPANSION) return {};
+  if (count > kPalMaxExpansion) PAL_Error(kInvalidData);
+  if (count == 0 || count > kPalMaxExpansion) return {};
   std::vector<int32_t> numbers;
   numbers.reserve(count);
   for (const PAL_Triplet& t : list) {

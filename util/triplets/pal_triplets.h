@@ -26,7 +26,7 @@ using PAL_TripletSpan = std::span<const PAL_Triplet>;
 using PAL_Triplets = std::vector<PAL_Triplet>;
 
 // The most numbers that PAL_TripletsExpand returns.
-inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
+inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 
 // Parses "first[:last[:stride]]" from the start of `text` to white space. A piece is a decimal
 // number from 0 to 4294967295 (taken as a bit pattern) or the letter N, which means `n`. Returns 1,
@@ -40,7 +40,7 @@ inline constexpr uint32_t PAL_TRIPLETS_MAX_EXPANSION = uint32_t{1} << 20;
 [[nodiscard]] uint32_t PAL_TripletsCount(PAL_TripletSpan list);
 
 // The numbers in list order. Entries with stride 0 are reported and skipped. Other invalid entries,
-// or more than PAL_TRIPLETS_MAX_EXPANSION numbers, are reported and the result is empty.
+// or more than kPalMaxExpansion numbers, are reported and the result is empty.
 [[nodiscard]] std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list);
 
 // Compresses `numbers` greedily to triplets, in the given order, or in ascending order with `sort`.
