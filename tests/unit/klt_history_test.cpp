@@ -52,11 +52,6 @@ void fillSamples(Trace& trace) {  // out of order
   Stream& s = trace.stream("c", COUNTERS, {0}).at(20).counters(0, {{1, 7}, {2, 6}});
   s.at(10).counters(0, {{1, 8}}).at(47).counters(0, {{1, 9}});
 }
-void fillTwo(Trace& trace) {
-  Stream& s = trace.processes({1, 1}).stream("e", FUNCTIONS | SCOPES, {0, 1});
-  s.at(1).enter(0, 10).enter(1, 11).enterScope(0, 2, 1).enterScope(1, 3, 1);
-  s.at(10).enter(0, 12).at(15).leave(1);
-}
 void fillNested(Trace& trace) {
   for (const char* name : {"a", "b"}) {
     trace.stream(name, ANY).at(5).record(11).at(7).record(27).at(kOpenEnd).comment(0, name);
@@ -82,15 +77,15 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
   const std::string stacks[] = {"function_history 10 0 2 [5 6] [9 0]",
                                 "function_history 10 65536 1 [8] [0]"};
   const Lines scopes = {"enter_scope 2 0 4 2 0", "enter_scope 2 0 4 1 0"};
-  const Lines messages = {"one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
-                          "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
-                          "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0"};
   const std::string begin = "begin_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1";
   const Case cases[] = {
       {fillOpen,
        {window(10, 12)},
-       {begin, stacks[0], scopes[0], scopes[1], messages[0], messages[2],
-        "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]", stacks[1], messages[1],
+       {begin, stacks[0], scopes[0], scopes[1],
+        "one_to_one_communication 4 0 7 65536 0 0 2 0 0 0 0 0 0",
+        "one_to_one_communication 4 0 -9223372036854775808 1 0 0 4 0 0 0 0 0 0",
+        "all_communication 5 1 3 2 [18446744073709551615 0] [90 6] [null]", stacks[1],
+        "one_to_one_communication 4 65536 -7 0 0 0 3 0 0 0 0 0 0",
         "end_of_history 10 495 3 0:0:1 65536:65536:1 131072:131072:1", "comment 10 0 'first'",
         "leave_function 11 0 0", "end_of_filter 12 495 3 0:0:1 65536:65536:1 131072:131072:1"}},
       {fillOpen,
@@ -102,13 +97,6 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
        {window(10, 10, FUNCTIONS, {0})},
        {"end_of_filter 10 4 1 0:0:1"},
        [](Table& table) { table.function_history = nullptr; }},
-      // A message under way goes with its sender, as an event with either side. It is told once.
-      {fillOpen,
-       {window(4, 6, MESSAGES, {gtp(0, 1)}), window(6, 8, MESSAGES, {0, gtp(0, 1)})},
-       {"one_to_one_communication 4 0 6 65536 0 0 1 0 0 0 0 0 0", messages[0], messages[1],
-        "begin_of_history 6 495 3 0:0:1 65536:65536:1 131072:131072:1", messages[2],
-        "end_of_history 6 495 3 0:0:1 65536:65536:1 131072:131072:1",
-        "end_of_filter 8 128 1 0:65536:65536"}},
       // The latest samples, for those alone who ask for nothing that is under way.
       {fillOpen,
        {window(10, 11, COUNTERS | FUNCTIONS, {gtp(0, 1), 0})},
@@ -123,15 +111,6 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "end_of_history 40 64 1 0:0:1", "end_of_filter 45 64 1 0:0:1",
         "begin_of_history 50 64 1 0:0:1", "counter_value 47 0 1 [1] [9]",
         "end_of_history 50 64 1 0:0:1", "end_of_filter 60 64 1 0:0:1"}},
-      // A thread and a category are added, then the same are dropped.
-      {fillTwo,
-       {window(5, 10, FUNCTIONS, {0}), window(10, 20, FUNCTIONS | SCOPES, {0, 1}),
-        window(20, 30, FUNCTIONS, {0})},
-       {"begin_of_history 5 12 2 0:0:1 1:1:1", "function_history 5 0 1 [10] [0]",
-        "end_of_history 5 12 2 0:0:1 1:1:1", "begin_of_history 10 12 2 0:0:1 1:1:1",
-        "enter_scope 1 0 2 1 0", "function_history 10 1 1 [11] [0]", "enter_scope 1 1 3 1 0",
-        "end_of_history 10 12 2 0:0:1 1:1:1", "enter_function 10 0 12 0", "leave_function 15 1 0",
-        "end_of_filter 20 12 1 1:1:1", "end_of_filter 20 8 0", "end_of_filter 30 4 1 0:0:1"}},
       // Brackets in a file mean nothing. The last moment of time is no end.
       {fillNested,
        {window(5, kOpenEnd)},
