@@ -3,8 +3,9 @@
 // All allocations, including operator new and delete, use the four replaceable hooks in
 // PAL_allocators, so that standard containers have the same contract: a failed allocation is
 // retried as long as the `retry` hook says so, and otherwise ends the process with one message and
-// status 1. No caller checks for exhaustion. The module also has temporary blocks and a pack format
-// for structured data in a growing byte buffer. Failures are reported through pal_error.
+// status 1. So no caller has to check whether memory is exhausted. The module also has temporary
+// blocks (whose allocation isn't retried) and a pack format for structured data in a growing byte
+// buffer. Failures are reported through pal_error.
 #pragma once
 
 #include <cstddef>
@@ -23,12 +24,13 @@ struct PAL_AllocatorTable {
 };
 extern PAL_AllocatorTable PAL_allocators;
 
-// Sets each empty slot of PAL_allocators to the standard library's function. Only the first call
-// has an effect; the table is usable before it.
+// Sets each of the four functions of PAL_allocators that is null to the standard library's. Only
+// the first call has an effect. The table can also be used before it, since it initially has these
+// functions.
 void PAL_MemInit();
 
 // Reports "out of memory" for a request of `bytes` bytes made at `file`:`line` and ends the process
-// with status 1. Needs no memory itself. Exit handlers run, so buffered output is not lost.
+// with status 1. Allocates no memory itself. Exit handlers run, so buffered output is not lost.
 [[noreturn]] void PAL_OutOfMemory(size_t bytes, const char* file, int line);
 
 // The allocations that the typed operations below use. They return null only for a size of 0, for
@@ -38,8 +40,9 @@ void PAL_MemInit();
 [[nodiscard]] void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line);
 void PAL_Release(void* block);
 
-// The source location that "out of memory" reports for operator new, which doesn't know its caller:
-// that of the innermost object in the current thread.
+// Sets the source location that "out of memory" reports for operator new, which doesn't know its
+// caller. The location is valid in the current thread until the end of the object's scope; then
+// that of the surrounding PAL_Place is valid again.
 class PAL_Place {
  public:
   explicit PAL_Place(const char* file = __builtin_FILE(), int line = __builtin_LINE())
@@ -123,9 +126,9 @@ inline constexpr size_t kPalStackLimit = 65536;
 void PAL_StackRelease(void* block);
 
 // Points `pointer` to a temporary block of `size` bytes, aligned to 16, or makes it null for 0
-// bytes. The block is valid until PAL_STACK_FREE or the end of the calling function. A failure ends
-// the process. `size` is evaluated twice. A macro, because a function can't take memory from the
-// frame of its caller.
+// bytes. The caller must release the block with PAL_STACK_FREE before it returns. A failed
+// allocation ends the process. `size` is evaluated twice. This is a macro, because a function can't
+// take memory from the frame of its caller.
 #define PAL_STACK_ALLOC(pointer, size)                        \
   ((pointer) = static_cast<decltype(pointer)>(PAL_StackBlock( \
        __builtin_alloca(PAL_StackFrameBytes(size)), (size), __builtin_FILE(), __builtin_LINE())))
@@ -174,13 +177,13 @@ struct PAL_PackType {
 
 // Appends `bytes` bytes to `buffer`. Without `types` they are copied from `source`. With `types`,
 // `count` structures at `source` are packed in host byte order, and `bytes` must be their packed
-// size. False, with the buffer unchanged, if it isn't, or if the buffer's size would exceed 32
-// bits.
+// size. Returns false and leaves the buffer unchanged if `bytes` differs from the packed size, or
+// if the buffer's size wouldn't fit in 32 bits.
 [[nodiscard]] bool PAL_Pack(const void* source, const PAL_PackType* types, size_t count,
                             size_t bytes, PAL_Buffer& buffer);
 
-// The reverse of PAL_Pack, from the buffer's read position, which advances. False, with nothing
-// read, if `bytes` isn't the packed size or the buffer doesn't have that many bytes.
+// The reverse of PAL_Pack: reads from the buffer's read position and advances it. Returns false and
+// reads nothing if `bytes` isn't the packed size or the buffer doesn't have that many bytes left.
 [[nodiscard]] bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t bytes,
                               PAL_Buffer& buffer);
 
@@ -197,9 +200,10 @@ struct PAL_PackType {
 // has length 0.
 [[nodiscard]] bool PAL_PackString(const char* text, PAL_Buffer& buffer);
 
-// The text at the read position, in place. Null for a null text or an incomplete one.
+// The text at the read position, as a pointer into the buffer; null for a null text. Also null,
+// with the position unchanged, if the text is incomplete or doesn't end with a zero byte.
 [[nodiscard]] const char* PAL_UnpackString(PAL_Buffer& buffer);
 
-// Releases the block at `pointer` and sets `pointer` to a heap copy of the text, or to null for
-// length 0.
+// Releases the block at `pointer` and sets `pointer` to a heap copy of the text that
+// PAL_UnpackString returns, or to null if it returns null.
 void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer);

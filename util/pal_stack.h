@@ -1,7 +1,8 @@
 // A stack of trivially copyable items, for short functions on hot paths.
 //
-// With a std::vector, whose growth is inlined or whose push_back() is called, the calling function
-// saves six registers that it doesn't need in most calls. Here the growth is a function of its own.
+// A function that uses std::vector::push_back(), inlined or not, saves six registers each time it
+// is called, although only the rare growth of the vector needs them. Here growth is a separate
+// function that is never inlined.
 #pragma once
 
 #include <algorithm>
@@ -30,13 +31,13 @@ class PAL_Stack {
       grow();
     items_[size_++] = item;
   }
-  // REQUIRES, also for top(): the stack isn't empty.
+  // pop() and top() REQUIRE that the stack isn't empty.
   void pop() { --size_; }
   [[nodiscard]] T& top() { return items_[size_ - 1]; }
 
   [[nodiscard]] bool empty() const { return size_ == 0; }
   [[nodiscard]] size_t size() const { return size_; }
-  // From the bottom to the top.
+  // The items from the bottom to the top.
   [[nodiscard]] const T* begin() const { return items_.get(); }
   [[nodiscard]] const T* end() const { return items_.get() + size_; }
 

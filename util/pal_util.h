@@ -1,7 +1,7 @@
 // Helpers for files, directories, time and random numbers.
 //
-// Files are opened and read through vfd. A call with another directory changes the working
-// directory of the whole process while it runs.
+// Files are opened and read through vfd. A function that gets a directory other than the working
+// directory may change the working directory of the whole process while it runs.
 #pragma once
 
 #include <sys/types.h>
@@ -15,8 +15,8 @@
 [[nodiscard]] std::optional<std::string> PAL_GetCwd();
 
 // Changes the working directory to `directory` until the end of the scope. Does nothing if
-// `directory` is null or already the working directory. If it can't be changed, that is reported by
-// PAL_Error. The destructor keeps errno.
+// `directory` is null or already the working directory. A failure is reported by PAL_Error, and the
+// working directory stays as it is. The destructor doesn't change errno.
 class PAL_DirectoryScope {
  public:
   explicit PAL_DirectoryScope(const char* directory);
@@ -36,11 +36,12 @@ auto PAL_InDir(const char* directory, F&& call) {
   return std::forward<F>(call)();
 }
 
-// `path` relative to `directory`; unchanged if that is null or `path` is absolute.
+// The path of the file `path` of `directory`: both joined by a slash, or only `path` if `directory`
+// is null or `path` is absolute.
 [[nodiscard]] std::string PAL_PathInDir(const char* directory, const std::string& path);
 
 // Opens `path`, which is relative to `directory` unless that is null. Returns a virtual descriptor,
-// or -1 with errno. The descriptor can be opened again after an eviction.
+// or -1 with errno. vfd may close the file to make room and open it again.
 [[nodiscard]] int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode);
 
 // An advisory lock on an output, so that two processes don't write one file at the same time.
@@ -52,20 +53,21 @@ class PAL_FileLock {
   PAL_FileLock& operator=(const PAL_FileLock&) = delete;
 
   // Locks `path`, relative to `directory` unless that is null, and creates the file if it doesn't
-  // exist. The lock is held until destruction. False, after a message, if another process holds
-  // it. A file that isn't regular, can't be opened, or is on a file system without locks is left
-  // alone, which is a success.
+  // exist. The lock is held until destruction. Returns false, after a message, if another process
+  // holds it. Returns true without a lock if the file isn't regular, can't be opened, or is on a
+  // file system without locks.
   [[nodiscard]] bool acquire(const char* directory, const char* path, mode_t mode);
 
  private:
   int descriptor_ = -1;
 };
 
-// Removes `path`, which is relative to `directory`, like remove().
+// Removes `path`, which is relative to `directory` unless that is null. Result and errno are those
+// of remove().
 int PAL_RemoveInDir(const char* directory, const char* path);
 
-// 1 if `path` is a directory, else 0. `error`, if not null, receives 1 if stat() failed for another
-// reason than a missing file, else 0.
+// 1 if `path` is a directory, else 0. If `error` isn't null, it receives 1 if stat() failed
+// although the file may exist, else 0.
 [[nodiscard]] int PAL_IsDir(const char* path, int* error);
 
 // The size of the file in bytes, 0 if it isn't known.
@@ -80,7 +82,7 @@ int PAL_System(const char* command);
 // Wall-clock time in seconds.
 [[nodiscard]] double PAL_Time();
 
-// A nonzero number from the system's source of randomness.
+// A nonzero random number from /dev/urandom, or from rand() if that can't be read.
 [[nodiscard]] uint32_t PAL_RandomSeed();
-// 64 bits from the same source.
+// Two such numbers in one of 64 bits.
 [[nodiscard]] uint64_t PAL_RandomSeed64();

@@ -1,8 +1,9 @@
-// Implements the descriptor table, closing files to make room, and the calls.
+// Implements the table of virtual descriptors and the functions of vfd.h. See there.
 //
-// All operating-system descriptors that can be opened again are in one list, the least recently
-// used first, in which files to close are found. So the time for making room depends only on the
-// number of files that are closed, and of pinned ones before them in the list.
+// All entries whose operating-system descriptor can be closed and opened again are in one list, the
+// least recently used first. To make room, files are closed from the start of this list. So the
+// time for this depends only on the number of files that are closed and of those that are skipped
+// before them, because they are pinned or have no position.
 #include "util/vfd.h"
 
 #include <fcntl.h>
@@ -44,17 +45,18 @@ struct Link {
   VfdEntry* next = nullptr;
 };
 
-// One virtual descriptor. Its number is its index in the table. An entry with fd -1 has a file.
+// One virtual descriptor. Its number is its index in the table. An entry that is in use and has no
+// operating-system descriptor (fd is -1) always has a `file`, from which it can be opened again.
 struct VfdEntry {
   Link sibling;  // all entries of a file, the newest first
   Link open;     // all entries of a file with an fd
-  Link age;      // all entries with a file and an fd, the least recently used first
+  Link age;      // all entries of all files with an fd, the least recently used first
   bool inUse = false;
   int fd = -1;
   int pinCount = 0;         // running operations and explicit pins
-  int closeError = 0;       // errno of a close that made room, until a call returns it
+  int closeError = 0;       // errno of a failed close for room, until a call returns it
   VfdFile* file = nullptr;  // how to open it again; null if that isn't possible
-  off_t offset = 0;         // position when it was closed
+  off_t offset = 0;         // position to set when it is opened again
 };
 
 // A doubly linked list through one of the links of its entries.
@@ -150,8 +152,8 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   const int fd = entry->fd;
   entry->offset = offset;
   clearFd(t, entry);
-  // A close that fails releases the descriptor, but data may be lost. The next call returns its
-  // errno.
+  // A failed close releases the descriptor, too, but data may be lost. So the next call for this
+  // entry fails with the errno of the close.
   if (closeFd(fd) == 0) {
     ++*succeeded;
   } else {
@@ -160,7 +162,8 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   return true;
 }
 
-// Closes as many files as a tenth of the table has entries. False if nothing could be closed.
+// Closes files until their number is a tenth of the number of entries in the table, but at least
+// one. Returns false if no file could be closed.
 bool makeRoom(VfdTable& t) {
   const size_t target = std::max<size_t>(t.entries.size() / 10, 1);
   size_t succeeded = 0;
@@ -174,7 +177,8 @@ bool makeRoom(VfdTable& t) {
 }
 
 // Runs a step that creates an operating-system descriptor. As long as it fails with EMFILE, makes
-// room and repeats it. errno is unchanged on success.
+// room and repeats it. Fails with EMFILE if no more room can be made. errno is unchanged on
+// success.
 template <class Step>
 int withRoom(VfdTable& t, Step&& step) {
   const int savedErrno = errno;
@@ -218,7 +222,8 @@ VfdEntry* newEntry(VfdTable& t, VfdFile* file, off_t offset, int* descriptor) {
   return entry;
 }
 
-// Gives an entry a descriptor again: a duplicate of an open sibling's, or by opening the file.
+// Gives an entry an operating-system descriptor again: a duplicate of that of another open entry of
+// the same file or, if there is none, by opening the file.
 bool reopen(VfdTable& t, VfdEntry* entry) {
   VfdFile* const file = entry->file;
   VfdEntry* const sibling = file->openEntries.first;
@@ -278,7 +283,8 @@ auto withFd(int descriptor, Call&& call) -> decltype(call(0)) {
   return result;
 }
 
-// Repeats transfer(bytes done so far) until `bytes` bytes are done, the file ends, or it fails.
+// Repeats transfer(bytes done so far) until `bytes` bytes are done, the file ends, or a transfer
+// fails.
 template <class Transfer>
 size_t transferFully(size_t bytes, Transfer&& transfer) {
   const int savedErrno = errno;
@@ -294,8 +300,8 @@ size_t transferFully(size_t bytes, Transfer&& transfer) {
   return done;
 }
 
-// Waits until a pipe or terminal can be written. Returns -1 with errno EINTR, so that the write is
-// repeated.
+// Waits until a pipe or terminal accepts data. Returns -1 with errno EINTR, so that transferFully
+// repeats the write.
 ssize_t waitUntilWritable(int descriptor) {
   withFd(descriptor, [](int fd) {
     pollfd wanted{.fd = fd, .events = POLLOUT, .revents = 0};

@@ -1,8 +1,8 @@
 // Handles records of collective operations. One record describes the parts of all members of a
 // communicator.
 //
-// Matched output has one line for an operation. Otherwise each member that took part gets a delayed
-// "GLOBALOP" line at its own start time (kltt_queue).
+// Matched output has one line or record for an operation. Otherwise each member that took part gets
+// a "GLOBALOP" line of its own, which waits in kltt_queue until the member's start time.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +19,9 @@ struct KLTT_CollectiveRecord {
   uint32_t communicator;
   uint32_t type;
   uint32_t n;
-  const uint64_t* starts;  // raw, relative to `time`; all ones: the member took no part
+  const uint64_t* starts;  // raw, relative to `time`; klt::isUnknownStart() if there is none
   const uint64_t* deltas;
-  const uint32_t* sent;  // these three may be null
+  const uint32_t* sent;  // this and the next two may be null
   const uint32_t* received;
   const uint32_t* scls;
   AtRoot atRoot = AtRoot::kNothing;  // the meaning of rootBytes
@@ -29,7 +29,8 @@ struct KLTT_CollectiveRecord {
   uint32_t rootBytes = 0;
 };
 
-// The handlers of the four records. All of them call `Use` with their `user` and return its result.
+// The handlers of the four records. Each of them passes its `user` and its arguments, as a
+// KLTT_CollectiveRecord, to `Use` and returns the result.
 template <int (*Use)(void* user, const KLTT_CollectiveRecord& record)>
 struct KLTT_CollectiveHandlers {
   using AtRoot = KLTT_CollectiveRecord::AtRoot;

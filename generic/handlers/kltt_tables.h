@@ -14,12 +14,13 @@ struct KLTT_Context;
 class KLTT_MemberList;
 
 // The members of a communicator, for the handlers of collective operations and for statistics.
-// Ends the process with a message that begins with `record` if `id` is 0 or unknown.
+// Ends the process with a message that begins with `record`, the name of the record, if `id` is 0
+// or unknown.
 const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
                                            const char* record);
 
-// The members of a communicator for the profiles of a writer; null if it isn't defined. `context`
-// is the KLTT_Context. The array is valid until the next call.
+// The members of a communicator for the profiles that a writer computes; null if the communicator
+// isn't defined. `context` is the KLTT_Context. The array is valid until the next call.
 [[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
                                                    size_t* count);
 

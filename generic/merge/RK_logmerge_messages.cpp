@@ -17,9 +17,9 @@ int64_t receiveTime(const KLTM_Message& m) {
   return static_cast<int64_t>(m.receiver.time - m.sender.time);
 }
 
-// The row for a message that hasn't been written yet. An incomplete message gets source locations,
-// unless the sender is known to have none: a later event may have one, and the rewritten record
-// must have the same length.
+// The row for a message that is written for the first time. A message that waits for an event gets
+// the row with source locations, unless its sender is known to have none: the awaited event may
+// have one, and when the record is written again with it, its length must be the same.
 uint8_t rowOf(const KLTM_Message& m) {
   const bool extended =
       m.pending > 0 || m.sender.scl != klt::kNoScl || m.receiver.scl != klt::kNoScl;
@@ -45,7 +45,8 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
   const uint32_t sender = sent ? own : peer;
   const uint32_t receiver = sent ? peer : own;
   const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
-  KLTM_Message* equal = nullptr;  // the oldest one that waits for the same event as this message
+  // The oldest message with the same key that waits for the same side as this one would.
+  KLTM_Message* equal = nullptr;
   for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
     KLTM_Message& m = **link;
     if (m.tag != event.tag || m.comm != event.comm || m.size != event.size ||
@@ -56,7 +57,7 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
       equal = &m;
       continue;
     }
-    if (event.other != peer) continue;  // isn't a process number, so it matches nothing
+    if (event.other != peer) continue;  // `other` isn't a process number, so nothing matches
     if (m.queueNext != nullptr) {
       m.queueNext->queueEnd = m.queueEnd;
       m.queueNext->chainNext = m.chainNext;
@@ -137,8 +138,8 @@ void KLTM_MessageTable::write(KLTM_Message& m) {
     KLT_Write<N>(writer_, slot, m.time, m.sender.gtp, span, m.receiver.gtp, m.comm, m.size, m.tag,
                  m.sender.scl, m.receiver.scl, m.sender.function, m.receiver.function);
   };
-  // Ignores failures: the writer has reported a lost component, and the matching continues for the
-  // summary and the other components.
+  // Failures are ignored: the writer has reported them, and the merge continues for the summary and
+  // the other components.
   switch (m.row) {
     case KLT_Row::oneToOneCommunication:
       return plain.operator()<KLT_Row::oneToOneCommunication>();

@@ -1,4 +1,4 @@
-// Banner, version, usage, help. See kltt_help.h.
+// The texts of the banner, the version, the usage and the help. See kltt_help.h.
 #include "generic/options/kltt_help.h"
 
 #include "klt_version.h"
@@ -11,8 +11,8 @@ constexpr std::string_view kUsage =
     "               --help\n"
     "               --version\n";
 
-// Lines have at most 80 columns. Every paragraph of "Supported Directives" starts with the
-// directive as the user writes it and its default.
+// Lines have at most 80 columns. Every entry of "Supported Directives" starts with the directive as
+// the user writes it and, for a switch, its default in parentheses.
 constexpr std::string_view kHelp = R"HELP(Synopsis
 ========
 

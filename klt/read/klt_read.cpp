@@ -1,7 +1,8 @@
 // Delivers the records of a reader's streams to the handlers, in time order or stream by stream.
 //
-// klt_order determines which stream is next. This module delivers its records, fills streams that
-// have no more records, and observes the time limit of a call.
+// klt_order determines which stream is next. This module delivers the records of that stream, fills
+// it again when all records of the last fill have been delivered, and observes the time limit of a
+// call.
 
 #include <algorithm>
 #include <utility>
@@ -42,8 +43,8 @@ int afterFailure(const KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
-// Fills the stream if all of its records have been delivered, and makes the next ones available in
-// its lane. Removes a stream that has no more records or has failed.
+// Fills the stream if all records of its last fill have been delivered, and makes the next ones
+// available in its lane. Removes a stream that has ended or failed.
 Next prepareNext(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];
   KLT_Stream& stream = *lane.stream;
@@ -96,7 +97,7 @@ void restartRecordCount(KLT_Reader& reader) {
   reader.recordsToCheck = reader.limit.limited() ? KLT_TimeLimit::kRecordsPerCheck : ~uint64_t{0};
 }
 
-// Counts a delivered record. Whether the time limit is to be checked now.
+// Counts a delivered record and returns whether the time limit must be checked now.
 [[gnu::always_inline]] inline bool isCheckDue(KLT_Reader& reader) {
   if (--reader.recordsToCheck != 0) [[likely]]
     return false;
@@ -104,8 +105,8 @@ void restartRecordCount(KLT_Reader& reader) {
   return true;
 }
 
-// The rare actions after a record: the handler stops the reader, the stream must be filled, or the
-// time limit is checked.
+// Performs the rare actions after a record: stops the reader if the handler asks for it, fills the
+// stream, and checks the time limit.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
   KLT_Lane& lane = reader.lanes[index];
   const bool isEmpty = lane.next == lane.end;
@@ -121,11 +122,11 @@ void restartRecordCount(KLT_Reader& reader) {
   return reader.limit.reached() ? Served::kTimeIsUp : Served::kContinues;
 }
 
-// Delivers the stream's records up to the time `limit`. The caller updates the tournament. When the
-// time limit of the call is reached, delivery stops at once only for the best stream of a turn
-// whose next time is still before that of all others: then the next call continues with the same
-// stream. Otherwise it stops after the last of these records. So the order doesn't depend on the
-// clock.
+// Delivers the stream's records up to and including the time `limit`, which is the next time of the
+// runner-up. The caller updates the tournament. If the time limit of the call is reached, delivery
+// ends immediately only if the next call is certain to continue with this stream: it is the best
+// one of the turn (`isBest`), and its next time is below `limit`. Otherwise delivery ends after the
+// last record up to `limit`. So the order of the records doesn't depend on the clock.
 [[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit,
                                            bool isBest) {
   KLT_Lane& lane = reader.lanes[index];
@@ -143,8 +144,8 @@ void restartRecordCount(KLT_Reader& reader) {
   }
 }
 
-// Removes a stream from the tournament that has been removed from the list of streams, where the
-// last stream has taken its position.
+// Removes a stream from the tournament after removeStream() has removed it from the list of
+// streams, in which the last stream now has its position.
 void removeFromOrder(KLT_Reader& reader, size_t index) {
   if (index < reader.streams.size()) {
     reader.order.update(index, reader.lanes[index].nextTime);
@@ -213,8 +214,8 @@ int serveByTournament(KLT_Reader& reader) {
   return status;
 }
 
-// Prepares the next records of every stream. Returns a status, or kNoStatus. Each call fills at
-// least one stream, even if the time limit is reached.
+// Prepares the next records of every stream. Returns a status, or kNoStatus. A call in which the
+// time limit is reached prepares at least one more stream, so repeated calls come to an end.
 int prepareAll(KLT_Reader& reader) {
   for (size_t i = 0; i < reader.streams.size();) {
     const KLT_Lane& lane = reader.lanes[i];
@@ -309,7 +310,8 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
-  // Skipping streams, or records before a window, doesn't count as progress.
+  // Until the first delivery, bytes that are read don't count: those of skipped streams and of
+  // records before a window.
   if (reader->pass.serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
   std::vector<size_t> inSlice(reader->streams.size());  // bytes
@@ -319,7 +321,7 @@ double KLT_Progress(const KLT_Reader* reader) {
   for (size_t i = 0; i < reader->streams.size(); ++i) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
-    // A part of the records of the last fill may not have been delivered yet.
+    // Of the bytes read by the last fill only the share whose records have been delivered counts.
     const uint64_t before = std::min(taken, stream.packed.consumedBeforeFill);
     const KLT_RecordBuffer& packed = stream.packed.records;
     size_t waiting = packed.used();

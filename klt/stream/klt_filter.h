@@ -1,4 +1,7 @@
-// The filter of a stream: reads records until `packed` is full or all requests have ended.
+// The filter of a stream: reads records and selects those that the stream's requests want.
+//
+// For delivery in time order the selected records are collected in the stream's `packed`. Otherwise
+// the stream has a turn (`packed.turn`, KLT_Turn), which receives each record immediately.
 #pragma once
 
 #include <cstdint>
@@ -6,11 +9,12 @@
 #include "klt/stream/klt_stream.h"
 
 enum class KLT_Fill : uint8_t {
-  kFilled,   // `packed` has the next records; none are left if it is empty
-  kFailed,   // the stream has failed, which has been reported
-  kStopped,  // the record just passed to the turn stops it
-  kTurnOver,
+  kFilled,    // `packed` has the next records; if it is empty, the stream has ended
+  kFailed,    // the stream has failed, which has been reported
+  kStopped,   // a handler has stopped the reader at the record last passed to the turn
+  kTurnOver,  // the turn has ended; the stream may have more records
 };
 
-// Fills `packed`, or passes records one by one to the stream's turn until that ends.
+// Collects records in `packed` until that is full or all requests have ended. If the stream has a
+// turn, passes records to it one by one instead, until the turn or all requests have ended.
 [[nodiscard]] KLT_Fill KLT_FillStream(KLT_Stream& stream);

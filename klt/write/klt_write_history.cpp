@@ -8,7 +8,7 @@
 
 namespace {
 
-// The end of a removed entry.
+// The `end` of an entry that has been removed and is still in the list.
 constexpr uint64_t kRemoved = 0;
 
 uint64_t scopeKey(uint32_t scope, uint32_t seqnr) { return uint64_t{scope} << 32 | seqnr; }
@@ -35,7 +35,8 @@ void KLT_OffsetEntries::setEnd(uint64_t offset, uint64_t end) {
   open_.erase(found);
 }
 
-// A new sample of a counter replaces the entry of the previous one.
+// Only the last sample of each counter has an entry: a new sample changes the entry of the previous
+// one.
 void KLT_OffsetEntries::setCounters(const KLT_OffsetNote& note) {
   for (uint32_t i = note.count; i-- > 0;) {
     const uint32_t counter = note.counters[i];
