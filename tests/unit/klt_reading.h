@@ -22,15 +22,13 @@ namespace reading {
 class Messages {
  public:
   Messages() { testing::internal::CaptureStderr(); }
-  ~Messages() {
-    if (!taken_) (void)testing::internal::GetCapturedStderr();
-  }
+  ~Messages() { (void)take(); }
   Messages(const Messages&) = delete;
   Messages& operator=(const Messages&) = delete;
 
-  [[nodiscard]] std::string take() {
-    taken_ = true;
-    return testing::internal::GetCapturedStderr();
+  // The first call ends it.
+  std::string take() {
+    return std::exchange(taken_, true) ? "" : testing::internal::GetCapturedStderr();
   }
 
  private:
