@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <vector>
 
+#include "klt/format/klt_schema.h"
 #include "klt/storage/klt_io.h"
 #include "tests/builder/layout.h"
 
 namespace fuzz {
 namespace {
 
-constexpr unsigned kRows = 74;
 constexpr size_t kLargestInsertion = 4096;
 
 // A number that can be changed.
@@ -46,7 +46,7 @@ Record recordAt(std::string& bytes, size_t begin, Random* maker = nullptr) {
   };
 
   const uint64_t number = load(bytes, begin);
-  if (number > kRows) record.end = 0;
+  if (number > kKltRowCount) record.end = 0;
   if (number == 0) {
     take(1);
     take(1, take(1));
@@ -58,7 +58,7 @@ Record recordAt(std::string& bytes, size_t begin, Random* maker = nullptr) {
         take(1, take(1));
       }
     }
-  } else if (number <= kRows) {
+  } else if (number <= kKltRowCount) {
     uint64_t elements = 1;
     unsigned covered = 0;
     for (const tb::Field& field : layout.row(static_cast<unsigned>(number)).fields) {
@@ -130,7 +130,7 @@ void mutateRecords(Random& random, std::string& bytes, size_t start) {
   }
   const size_t what = below(random, 8), index = below(random, records.size());
   if (what == 0 || records.empty()) {
-    std::string made(1, static_cast<char>(1 + below(random, kRows)));
+    std::string made(1, static_cast<char>(1 + below(random, kKltRowCount)));
     (void)recordAt(made, 0, &random);
     bytes.insert(records.empty() ? start : records[index].begin, made);
     return;
