@@ -12,13 +12,12 @@ constexpr size_t kEntriesPerHistory = 255;
 constexpr size_t kLargestStack = 0xffff;
 
 // Whether the records of the history fit their count fields, and `maxBytes` bytes together.
-bool fitsIn(const KLT_WriteHistory& history, uint64_t maxBytes) {
+bool fitsIn(const KLT_WriteHistory& history, size_t entries, uint64_t maxBytes) {
   const size_t depth = history.calls.size();
   if (depth > kLargestStack || 4 * depth > maxBytes) return false;
   size_t bytes = kAnchorBytes;
   if (depth != 0) bytes += 7 + depth * (history.hasLocations() ? 8 : 4);
   if (history.hasRecords) {
-    const size_t entries = history.offsets.entries().size();
     bytes += 2 * (1 + entries / kEntriesPerHistory) + 20 * entries;
   }
   return bytes <= maxBytes;
@@ -111,10 +110,11 @@ const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context) {
   const PAL_Place here;
   if (context.anchors.lost) return nullptr;  // has been reported
   KLT_WriteHistory& history = context.history;
-  history.offsets.prune(context.outputTime);
+  const size_t entries = history.offsets.countAfter(context.outputTime);
   // A seek point with more bytes than the data since the previous one would save no reading. It is
   // left out, and tried again at the next boundary.
-  if (!fitsIn(history, context.position() - context.lastAnchor)) return nullptr;
+  if (!fitsIn(history, entries, context.position() - context.lastAnchor)) return nullptr;
+  history.offsets.prune(context.outputTime);
   AnchorWriter out(writer, context);
   if (!history.calls.empty() && !out.stack(history)) return "Writing function history failed.";
   if (history.hasRecords && !out.offsets(history.offsets.entries())) {

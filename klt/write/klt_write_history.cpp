@@ -2,6 +2,8 @@
 #include "klt/write/klt_write_history.h"
 
 #include <algorithm>
+#include <functional>
+#include <utility>
 
 #include "util/pal_hash.h"
 #include "util/pal_mem.h"
@@ -31,7 +33,7 @@ KLT_OffsetEntry& KLT_OffsetEntries::append(uint64_t time, uint64_t offset) {
 void KLT_OffsetEntries::setEnd(uint64_t offset, uint64_t end) {
   const auto found = open_.find(offset);
   if (found == open_.end()) return;
-  entries_[found->second].end = end;
+  close(entries_[found->second], end);
   open_.erase(found);
 }
 
@@ -65,11 +67,42 @@ void KLT_OffsetEntries::leaveScope(uint32_t scope, uint32_t seqnr) {
   const auto found = scopes_.find(scopeKey(scope, seqnr));
   if (found == scopes_.end()) return;
   Indexes& indexes = found->second;
-  entries_[indexes.all[indexes.first++]].end = kRemoved;
+  close(entries_[indexes.all[indexes.first++]], kRemoved);
   if (indexes.first == indexes.all.size()) scopes_.erase(found);
 }
 
+void KLT_OffsetEntries::pushEnd(uint64_t end) {
+  if (end == klt::kNever) return;
+  ends_.push_back(end);
+  std::push_heap(ends_.begin(), ends_.end(), std::greater<>());
+}
+
+size_t KLT_OffsetEntries::countAfter(uint64_t limit) {
+  constexpr size_t kMany = 4096;
+  if (entries_.size() < kMany) {
+    prune(limit);
+    return entries_.size();
+  }
+  if (!std::exchange(isCounting_, true)) {
+    for (const KLT_OffsetEntry& entry : entries_) {
+      if (entry.end != klt::kNever) ends_.push_back(entry.end);
+    }
+    std::make_heap(ends_.begin(), ends_.end(), std::greater<>());
+  }
+  countedTo_ = std::max(countedTo_, limit);
+  while (!ends_.empty() && ends_.front() <= limit) {
+    std::pop_heap(ends_.begin(), ends_.end(), std::greater<>());
+    ends_.pop_back();
+    ++ended_;
+  }
+  return entries_.size() - ended_;
+}
+
 void KLT_OffsetEntries::prune(uint64_t limit) {
+  limit = std::max(limit, countedTo_);
+  isCounting_ = false;
+  ends_ = {};
+  ended_ = countedTo_ = 0;
   const size_t before = entries_.size();
   std::erase_if(entries_, [limit](const KLT_OffsetEntry& e) {
     return e.end <= limit && e.end != klt::kNever;

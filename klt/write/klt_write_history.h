@@ -52,6 +52,10 @@ class KLT_OffsetEntries {
   void leaveScope(uint32_t scope, uint32_t seqnr);
   // Removes the entries with an end at or before `limit`.
   void prune(uint64_t limit);
+  // The number of entries that prune(limit) would leave; the next prune() removes the others. If
+  // there are many entries, this takes time only for those that have ended, while prune() walks
+  // through all.
+  [[nodiscard]] size_t countAfter(uint64_t limit);
   [[nodiscard]] const std::vector<KLT_OffsetEntry>& entries() const { return entries_; }
 
  private:
@@ -68,6 +72,12 @@ class KLT_OffsetEntries {
   // Appends an entry without an end.
   KLT_OffsetEntry& append(uint64_t time, uint64_t offset);
   void setEnd(uint64_t offset, uint64_t end);
+  // Sets the end of an entry.
+  void close(KLT_OffsetEntry& entry, uint64_t end) {
+    entry.end = end;
+    if (isCounting_) pushEnd(end);
+  }
+  void pushEnd(uint64_t end);
   void setCounters(const KLT_OffsetNote& note);
   void reindex();
 
@@ -77,6 +87,12 @@ class KLT_OffsetEntries {
   PAL_HashMap<uint32_t, size_t> counters_;  // by counter
   PAL_HashMap<uint64_t, Indexes> scopes_;   // by scope and seqnr
   size_t pruneAt_ = kFirstPrune;
+  // From a call of countAfter() with many entries to the next prune(): the ends of entries as a
+  // heap with the lowest on top, the number of ends taken off it, and the highest limit.
+  bool isCounting_ = false;
+  std::vector<uint64_t> ends_;
+  size_t ended_ = 0;
+  uint64_t countedTo_ = 0;
 };
 
 // The history of one thread.
@@ -116,7 +132,7 @@ struct alignas(64) KLT_WillyHistory {
   if (note.isOpen) {
     offsets.open_[note.offset] = offsets.entries_.size() - 1;
   } else {
-    entry.end = note.end;
+    offsets.close(entry, note.end);
   }
 }
 
