@@ -20,8 +20,6 @@ FILES = ("job.klt", "my out.klt")
 # What is typed after "klttool ", a tab for completion, and the arguments that result.
 TYPED = [
     ("jo\t--du\t", ["job.klt", "--dump"]),
-    ("--vers\t", ["--version"]),
-    ("job.klt --print-thr\t", ["job.klt", "--print-threads"]),
     ("job.klt --PRINT-FI\t", ["job.klt", "--print-files"]),
     ("job.klt --logfile-format sing\t--ticks",
      ["job.klt", "--logfile-format", "SINGLEKLT", "--ticks"]),
@@ -29,15 +27,11 @@ TYPED = [
      ["job.klt", "--request", "1s:2s", "FUNCTIONS", "MESSAGES", "--dump"]),
     ("job.klt --request 0:3,COLL\t", ["job.klt", "--request", "0:3,COLLOPS"]),
     ("job.klt --convert my\\ o\t--ticks", ["job.klt", "--convert", "my out.klt", "--ticks"]),
-    ("job.klt --convert of\t", ["job.klt", "--convert", "off"]),
-    ("job.klt --logfile-name jo\t", ["job.klt", "--logfile-name", "job.klt"]),
     ("job.klt --extended-rkf of\t", ["job.klt", "--extended-rkf", "off"]),
-]
-
-# Lines for whose last word nothing fits: it stays as it is typed.
-UNKNOWN = ["--du", "job.klt --versi", "job.klt --symbol-h", "job.klt --dump jo", "job.klt --request jo",
-           "job.klt --request inter", "job.klt --logfile-format FUN", "job.klt --logfile-name of",
-           "job.klt --convert FUN", "job.klt --convert on jo"]
+    # Nothing fits: the last word stays as it is typed.
+    *((line + "\t", line.split()) for line in (
+        "--du", "job.klt --symbol-h", "job.klt --dump jo", "job.klt --request inter",
+        "job.klt --logfile-name of", "job.klt --convert on jo"))]
 
 READY = "r-e-a-d-y>"
 SHOW = "klttool() { printf '<%s>' \"$@\"; echo; }\n"
@@ -82,7 +76,7 @@ def main():
             text = text[match.end():]
             return match[0]
 
-        for line, arguments in TYPED + [(line + "\t", line.split()) for line in UNKNOWN]:
+        for line, arguments in TYPED:
             if shell == "fish" and "," in line:  # which completes whole words
                 continue
             read(READY)
