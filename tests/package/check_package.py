@@ -10,7 +10,6 @@ import pathlib
 import re
 import subprocess
 import sys
-import tarfile
 import tempfile
 
 INSTALLED = ("bin/klttool", "share/man/man1/klttool.1", "share/doc/klttool/README.md",
@@ -29,9 +28,6 @@ def run(*command, **options):
 def check_install(build, source, place):
     prefix = place / "a prefix"
     run("cmake", "--install", build, "--prefix", prefix)
-    missing = [name for name in INSTALLED if not (prefix / name).exists()]
-    if missing:
-        sys.exit(f"not installed: {missing}")
     trace = prefix / "share/doc/klttool/examples/hpcc.klt"
     lines = re.findall("^.* ONETOONE .*$", run(prefix / "bin/klttool", trace, "--dump", "--matched-rkf"),
                        re.M)
@@ -50,16 +46,12 @@ def check_install(build, source, place):
 
 def check_packages(build, place):
     run("cpack", "--config", build / "CPackConfig.cmake", "-B", place)
-    (archive,) = place.glob("*.tar.gz")
-    with tarfile.open(archive) as tar:
-        names = {name.split("/", 1)[1] for name in tar.getnames() if "/" in name}
-    missing = [name for name in INSTALLED if name not in names and "usr/" + name not in names]
-    if missing:
-        sys.exit(f"not in {archive.name}: {missing}")
     (package,) = place.glob("*.deb")
+    names = run("dpkg-deb", "--contents", package).split()
+    missing = [name for name in INSTALLED if f"./usr/{name}" not in names]
     depends = run("dpkg-deb", "--field", package, "Depends")
-    if "zlib1g" not in depends or len(depends.split(",")) > 4:
-        sys.exit(f"the package depends on {depends}")
+    if missing or "zlib1g" not in depends or len(depends.split(",")) > 4:
+        sys.exit(f"the package depends on {depends}, not in it: {missing}")
 
 
 if __name__ == "__main__":
