@@ -8,7 +8,6 @@ import os
 import pathlib
 import re
 import shutil
-import struct
 import subprocess
 import sys
 import tempfile
@@ -24,12 +23,6 @@ class Document:
         """The lines of all blocks in a language."""
         blocks = re.findall(rf"^```{language}\n(.*?)^```", self.text, re.M | re.S)
         return [line for block in blocks for line in block.splitlines()]
-
-    def tables(self):
-        """Rows of cells by the heading "Table: NAME" above."""
-        found = re.findall(r"^### Table: (\w+)\n\n((?:\|.*\n)+)", self.text, re.M)
-        return {name: [[cell.strip() for cell in row.strip("|").split("|")]
-                       for row in rows.splitlines()[2:]] for name, rows in found}
 
     def anchors(self):
         """What headings are called on the web."""
@@ -106,32 +99,9 @@ def check_rkf(root, _):
         yield "docs/rkf.md has no forms"
 
 
-def check_summary(root, _):
-    """Offsets in docs/summary.md follow from the types; records by its tables fill a sample's files."""
-    shapes = {}
-    for name, rows in Document(root / "docs/summary.md").tables().items():
-        form = "="
-        for offset, kind, *_ in rows:
-            if int(offset) != struct.calcsize(form):
-                yield f"{name}: offset {offset} should be {struct.calcsize(form)}"
-            form += {"u32": "I", "u64": "Q", "i64": "q", "f64": "d"}[kind]
-        shapes[name] = struct.Struct(form)
-    header = shapes["header"]
-    for word, record, part in (("fnc", "thread", "node"), ("cop", "operation", "member"),
-                               ("msg", "message", None), ("cnt", "counter", None)):
-        data = (root / f"tests/data/counters/expected.sum.{word}").read_bytes()
-        count, at = 0, header.size
-        while at + shapes[record].size <= len(data):
-            if part:  # as many as the field before the last says
-                at += shapes[record].unpack_from(data, at)[-2] * shapes[part].size
-            count, at = count + 1, at + shapes[record].size
-        if (count, at) != (header.unpack_from(data)[2], len(data)):
-            yield f"{count} records of {word} end at {at} of {len(data)}"
-
-
 def main():
     root, program = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-    problems = [problem for check in (check_links, check_readme, check_rkf, check_summary)
+    problems = [problem for check in (check_links, check_readme, check_rkf)
                 for problem in check(root, program)]
     print("\n".join(problems[:50]))
     return 1 if problems else 0
