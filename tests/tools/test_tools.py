@@ -14,7 +14,6 @@ import json
 import os
 import pathlib
 import re
-import struct
 import subprocess
 import sys
 import tempfile
@@ -26,38 +25,25 @@ ROOT = HERE.parents[1]
 KLTTOOL = os.environ.get("KLTTOOL", "klttool")
 TEXT = "{}\n{}status {}\n"  # of a golden file
 LINES = ("h1", "h2", "h3", "p", "li", "tr", "dt", "dd", "title", "text")  # of an outline
-sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests" / "e2e")]
+sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
 # pylint: disable=wrong-import-position
 from harness import DATA, INPUT, Folder, Place  # noqa: E402
-from sum_files import WORDS, SumFile  # noqa: E402
 
 
-def load(path):
-    """A program as a module."""
-    loader = importlib.machinery.SourceFileLoader(path.rpartition("/")[2].replace("-", "_"),
-                                                  str(ROOT / path))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
-    loader.exec_module(module)
-    return module
+CONVERTER, REPORT, WINDOWS = (
+    str(ROOT / path) for path in ("tools/rkf-to-trace-json", "tools/sum-report",
+                                  "examples/parallel-windows"))
+loader = importlib.machinery.SourceFileLoader("windows", WINDOWS)
+windows = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+loader.exec_module(windows)
 
 
-converter, report, windows = map(load, ("tools/rkf-to-trace-json", "tools/sum-report",
-                                        "examples/parallel-windows"))
-
-
-def run(module, *arguments, text=""):
+def run(program, *arguments):
     """Standard output, standard error and status of a program."""
-    done = subprocess.run([sys.executable, module.__file__, *map(str, arguments)], input=text,
+    done = subprocess.run([sys.executable, program, *map(str, arguments)], stdin=subprocess.DEVNULL,
                           capture_output=True, encoding="utf-8", check=False, timeout=300)
     return done.stdout, done.stderr, done.returncode
-
-
-class InDirectory(unittest.TestCase):
-    def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.directory = pathlib.Path(temporary.name)
 
 
 def outline(page):
@@ -79,14 +65,22 @@ def outline(page):
 def golden():
     """The outputs by name of the file in golden/."""
     for file in sorted((HERE / "golden").glob("*.rkf")):
-        yield file.stem, run(converter, "--waiting", 5, file)
-    for name, sample, *options in (
-            ("page-counters", "counters", "--names", DATA / "counters" / "expected.dump"),
-            ("page-reports", "reports", "--names", DATA / "reports" / "expected.dump"),
-            ("page-threads", "threads", "--names", HERE / "golden" / "lines.rkf", "--title",
-             "<&b>\x1b")):
-        page, *rest = run(report, DATA / sample / "expected", *options)
-        yield name, (outline(page), *rest)
+        yield file.stem, run(CONVERTER, "--waiting", 5, file)
+    with tempfile.TemporaryDirectory() as directory:
+        # Each file is cut within its records, one is missing, and another has a length that can't be.
+        base, sample = pathlib.Path(directory, "expected"), DATA / "reports" / "expected"
+        for word in ("fnc", "msg", "cop", "rep"):
+            data = pathlib.Path(f"{sample}.sum.{word}").read_bytes()
+            pathlib.Path(f"{base}.sum.{word}").write_bytes(
+                data[:-6] if word != "cop" else data[:48] + b"\xff" * 4 + data[52:])
+        for name, trace, *options in (
+                ("page-counters", "counters", "--names", DATA / "counters" / "expected.dump"),
+                ("page-reports", "reports", "--names", DATA / "reports" / "expected.dump"),
+                ("page-threads", "threads", "--names", HERE / "golden" / "lines.rkf", "--title",
+                 "<&b>\x1b"),
+                ("page-damaged", directory)):
+            page, *rest = run(REPORT, DATA / trace / "expected", *options)
+            yield name, (outline(page), *rest)
 
 
 class Golden(unittest.TestCase):
@@ -101,7 +95,7 @@ class Golden(unittest.TestCase):
 
 def trace_json(file):
     """The events that are made of a text."""
-    return json.loads(run(converter, file)[0])["traceEvents"]
+    return json.loads(run(CONVERTER, file)[0])["traceEvents"]
 
 
 class TraceJson(unittest.TestCase):
@@ -134,57 +128,6 @@ class TraceJson(unittest.TestCase):
                                       if e["ph"] in "sfbe") for kind in ("dump", "matched")))
 
 
-class SumReport(InDirectory):
-    def page(self, order="<", **records):
-        """The page of summary files, empty but for the records of some."""
-        for word in WORDS:
-            some = records.get(word, [])
-            (self.directory / f"x.sum.{word}").write_bytes(struct.pack(
-                order + "QQQ", 1, 10, len(some)) + b"".join(some))
-        page, errors, status = run(report, self.directory / "x")
-        self.assertEqual((status, errors), (0, ""))
-        return page
-
-    def test_large_runs_in_either_byte_order_keep_to_two_megabytes(self):
-        # In each bin functions that call another one, messages of all pairs, and long reports.
-        pages = [self.page(
-            order,
-            fnc=[struct.pack(order + "QQIIII" + 3 * "4xI8xQI16xI", b * 10, 10, t, 0, 3, 0, 0, 10, 0, 0,
-                             t % 97 + 1, 10, 1, 1, 1, 4, 1, 1) for b in range(400) for t in range(100)],
-            msg=[struct.pack(order + "IQqqqIIIIIIIIII", 1, 10, 20, 1, 19, a, b, 1, 7, b, b, *4 * [0])
-                 for a in range(120) for b in range(120)],
-            rep=[struct.pack(order + "QII", k, 0, 0) + 3 * (struct.pack(order + "I", 500) + b"n" * 500)
-                 for k in range(5000)]) for order in "<>"]
-        self.assertEqual(*pages)
-        self.assertLess(len(pages[0].encode()), 2000000)
-        for part in ("marks: s0", "marks: s8", "5,000 reports.", "others", "tr: | function 2 |"):
-            self.assertIn(part, outline(pages[0]))
-
-    def test_damaged_files_are_read_up_to_the_damage(self):
-        path, names = self.directory / "x", report.read_names(None)
-        for word in WORDS:
-            data = Folder(DATA / ("reports" if word == "rep" else "counters")).expected(f"sum.{word}")
-            whole = None
-            for at in (len(data), *range(1, len(data), len(data) // 50 * 4 + 1)):
-                for is_cut in (False, True):
-                    path.write_bytes(data[:at] + (b"" if is_cut else b"\xff" * 8 + data[at + 8:]))
-                    file = SumFile(path, word)
-                    records = [repr(tuple(map(list, record)) if word in ("fnc", "cop") else record)
-                               for record in file.records()]
-                    whole = records if at == len(data) else whole
-                    with self.subTest(word=word, at=at, is_cut=is_cut):
-                        outline(report.Page(report.Run({word: file}), names).html("x", []))
-                        if is_cut:
-                            self.assertEqual(records, whole[:len(records)])
-                            self.assertEqual(file.problem is None, at == len(data))
-
-    def test_missing_file(self):
-        self.page()
-        (self.directory / "x.sum.cnt").unlink()
-        page, _, status = run(report, self.directory / "x")
-        self.assertEqual((status, "x.sum.cnt: No such file" in page), (2, True))
-
-
 def events_of(text):
     """How often each line is there, and the calls and scopes of each thread in their order."""
     calls = collections.defaultdict(list)
@@ -193,12 +136,17 @@ def events_of(text):
     return collections.Counter(text.splitlines()), calls
 
 
-class ParallelWindows(InDirectory):
+class ParallelWindows(unittest.TestCase):
     # Traces with calls across cuts, messages in flight, collectives, scopes, unknown sides, many
     # events at one time, stamps that text can't show exactly, and statistics besides events.
     TRACES = {"ring": 4, "counters": 4, "negative": 4, "collops": 4, "evbits14": 4, "io": 4, "stats": 1}
     # Those in which lines of one time may change places.
     CROWDED = {"stencil_split": 4, "threads": 4, "dense": 25}
+
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory()
+        self.addCleanup(temporary.cleanup)
+        self.directory = pathlib.Path(temporary.name)
 
     def test_joined_pieces_are_the_whole_dump(self):
         for name, count in (self.TRACES | self.CROWDED).items():
@@ -223,15 +171,15 @@ class ParallelWindows(InDirectory):
         place = Place(KLTTOOL, Folder(DATA / "counters"), self.directory, "it's {} here")
         trace, pieces, selection = place.path / INPUT, place.path / "pieces", "1:1,MESSAGES,COLLOPS"
         plan = ("-n", 5, "--program", KLTTOOL)
-        self.assertEqual(run(windows, "plan", *plan, "--select", selection, trace, pieces)[0], "6\n")
+        self.assertEqual(run(WINDOWS, "plan", *plan, "--select", selection, trace, pieces)[0], "6\n")
         for index in (5, 3, 1, 0, 2):
-            run(windows, "window", pieces, index)
-        self.assertIn("not dumped yet: 4", run(windows, "join", pieces)[1])
-        run(windows, "window", pieces, 4)
-        self.assertEqual(events_of(run(windows, "join", pieces)[0].encode()),
+            run(WINDOWS, "window", pieces, index)
+        self.assertIn("not dumped yet: 4", run(WINDOWS, "join", pieces)[1])
+        run(WINDOWS, "window", pieces, 4)
+        self.assertEqual(events_of(run(WINDOWS, "join", pieces)[0].encode()),
                          events_of(place.run(f"--dump --request {selection}")))
         (place.path / f"{INPUT}.f.0").write_bytes(b"\xc8")
-        self.assertIn("ended with status 2", run(windows, *plan, trace)[1])
+        self.assertIn("ended with status 2", run(WINDOWS, *plan, trace)[1])
 
 
 if __name__ == "__main__":
