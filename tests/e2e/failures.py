@@ -145,15 +145,15 @@ def check_unread_files(place):
 
 def check_locked(place):
     """An output that another process writes is refused, and stays."""
-    for what, *form in (("--logfile-name",), ("--logfile-name", KLT), ("--convert", KLT),
-                        ("--convert", SINGLE)):
+    for options in ("--logfile-name ../locked", f"--logfile-name ../locked {KLT}",
+                    *(f"--convert ../locked {form}" for form in FORMS)):
         with open(place.path / "../locked", "wb") as other:
             other.write(b"x")
             other.flush()
             fcntl.flock(other, fcntl.LOCK_EX)
-            place.run(" ".join([what, "../locked", *form]), 1, "Another process is writing")
+            place.run(options, 1, "Another process is writing")
         expect("what is locked", b"x", (place.path / "../locked").read_bytes())
-        place.run(" ".join([what, "../locked", *form]))
+        place.run(options)
 
 
 def check_missing_parts(place):
@@ -198,8 +198,7 @@ def check_windows(place):
     """Whatever an anchor file holds, windows stay the same. Inverted ones have no end; ones that select
     nothing are no error."""
     dump = "--dump --request "
-    window, inverted, header = (place.run(dump + times) for times in (
-        "0.002s:0.004s", "0.004s:0.002s", "1000s:2000s,FRAMES"))
+    window, inverted = (place.run(dump + times) for times in ("0.002s:0.004s", "0.004s:0.002s"))
     for damage in (lambda b: b"", lambda b: b"\xff" * len(b), lambda b: b[:len(b) // 2],
                    lambda b: b[:3] + b"\x7f" + b[4:], lambda b: b * 2, lambda b: b"\x09" + b):
         for file in place.path.glob("*.anc"):
@@ -208,9 +207,6 @@ def check_windows(place):
     place.restore()
     compare("inverted window", place.run(dump + "0.004s:0.001s"), inverted)
     expect("time of an inverted window's last line", b"19136", inverted.splitlines()[-1].split()[0])
-    for times in ("0.001s:0.001s,SCOPES", "1000s:2000s,COUNTERS", "0s:1s,OPENMP,0:1"):
-        lines = place.run(dump + times).count(b"\n")
-        expect(f"{times} selects nothing", True, lines <= header.count(b"\n") + 200)
     rows(place, *((dump + times, 0, "") for times in ("1e300s:2e300s", "0s:1e300s", "-1s:1e-300s")),
          (f"--logfile-name ../none.klt {KLT} --request 1000s:2000s,COUNTERS", 0, ""))
     place.run("--dump", name="../none.klt")

@@ -93,15 +93,11 @@ class Golden(unittest.TestCase):
                 self.assertEqual(expected, TEXT.format(*output))
 
 
-def trace_json(file):
-    """The events that are made of a text."""
-    return json.loads(run(CONVERTER, file)[0])["traceEvents"]
-
-
 class TraceJson(unittest.TestCase):
     def test_every_line_of_every_dump_has_its_events_and_calls_nest(self):
         for file in sorted(DATA.glob("*/expected.dump")):
-            text, events = file.read_text(errors="replace"), trace_json(file)
+            text = file.read_text(errors="replace")
+            events = json.loads(run(CONVERTER, file)[0])["traceEvents"]
             seen = collections.Counter(event["ph"] for event in events)
             lines = collections.Counter(re.findall(r"^-?\d+ (\w+) ", text, re.M))
             calls = len(re.findall(r" EXCHEXT CPU \d+ DOWNTO ", text))
@@ -120,12 +116,6 @@ class TraceJson(unittest.TestCase):
                     self.assertTrue(depth[key] >= 0 and event["ts"] >= last[key])
                     last[key] = event["ts"]
                 self.assertEqual(+depth, {})
-
-    def test_matched_and_separate_lines_give_the_same_arrows_and_operations(self):
-        for name in ("ring", "counters"):
-            self.assertEqual(*(sorted((e["ph"], e["ts"], e["tid"], e["name"])
-                                      for e in trace_json(DATA / name / f"expected.{kind}")
-                                      if e["ph"] in "sfbe") for kind in ("dump", "matched")))
 
 
 def events_of(text):
