@@ -5,7 +5,6 @@
 #include <cfloat>
 #include <cmath>
 #include <functional>
-#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -93,10 +92,6 @@ TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
                         "\n100 BEGINSCOPE CPU 1 SCOPE 3 SEQNR 1\n"
                         "100 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n100 GLOBALOP 4 ON 3 2 5 -1 -1 0\n"
                         "100 GLOBALOP 4 ON 1 2 5 -1 -1 5\n130 RECVMSG 2 9 BY 2 FROM 1 LEN 64\n");
-  KLTT_ClockResolution(c, 1e-6, 13);
-  sink_->timeShift = 0;
-  message(~uint64_t{0}, klt::kReceiveUnknown);
-  EXPECT_EQ(text(), "CLKPERIOD 1E-06\nEVENTBITS 13\n-1 SENDMSG 2 9 FROM 1 TO 2 LEN 64\n");
 }
 
 // The kind is the operation's. Members that the communicator lacks are forgiven, an operation that
@@ -325,15 +320,14 @@ TEST_F(KlttText, ListsLongerThanTheBufferArriveWhole) {
 }
 
 // A counter has an integer or a floating value and one hint at the rate, whatever bits a file sets.
-// A start of all ones minus one is passed on and counts nowhere. Paths of classes are kept as far
-// as a record holds them.
+// A start of all ones minus one is passed on and counts nowhere.
 TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
   const struct {
     uint32_t flags, kept;
     const char* hint;
   } rows[] = {{0, 2, "1"},       {3, 1, "1"},    {0x62, 2, "1"}, {0x85, 0x85, "3"},
               {0x1e, 0x12, "4"}, {0x0e, 6, "3"}, {0x0a, 10, "2"}};
-  const std::string name = directory_ / "s.klt", part(40000, 'p');
+  const std::string name = directory_ / "s.klt";
   const uint64_t zeros[2] = {}, starts[] = {5, kOut - 1, kOut}, deltas[] = {6, 7, 8};
   RK_Sink* const klt =
       RK_SinkOpenKlt(RK_OpenWriter(name.c_str(), {}, {}), name.c_str(), context.pending);
@@ -346,10 +340,6 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
     EXPECT_NE(text().find(std::string("RHINT ") + row.hint), std::string::npos) << row.flags;
     expected.push_back("counter_definition 1 'c' " + std::to_string(row.kept) + " [0 0] 0 0 'u'");
   }
-  KLTT_ClassDefinition(c, 2, nullptr, part.c_str(), 0);
-  expected.push_back("class_definition 2 '" + part + "' '" + part + "' 0");
-  KLTT_ClassDefinition(c, 3, nullptr, part.c_str(), 2);
-  expected.push_back("class_definition 3 (null) '" + part + "' 2");
   context.matched = true;
   KLTT_AllCommunication(c, 1, 2, 4, 3, starts, deltas, nullptr);
   expected.push_back(
@@ -360,23 +350,6 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
   EXPECT_EQ(
       reading::difference(expected, reading::without(reading::linesOf(name), {"collop_profile"})),
       "");
-}
-
-TEST(KlttIdIndex, AgreesWithAMapForAnyIds) {
-  std::mt19937 random(5);
-  std::map<uint32_t, uint32_t> model;
-  KLT_IdIndex direct(kKlttDirectIds), hashed;
-  for (uint32_t k = 1; k < 40000; ++k) {
-    const uint32_t id = k % 2 == 0 ? k << 15 : static_cast<uint32_t>(random()) >> k % 32;
-    if (!model.emplace(id, k).second) continue;
-    direct.add(id, k);
-    hashed.add(id, k);
-  }
-  for (uint32_t k = 1; k < 40000; ++k) model.emplace(random(), 0);
-  for (const auto& [id, index] : model) {
-    ASSERT_EQ(direct.find(id), index);
-    ASSERT_EQ(hashed.find(id), index);
-  }
 }
 
 }  // namespace

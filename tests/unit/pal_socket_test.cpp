@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,7 +19,7 @@ bool isOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
 TEST(PalSocket, EndpointsListenWhereTheirContactsSay) {
   std::string text;
-  PAL_Socket *first, *second;
+  PAL_Socket* first;
   // Numbers, which need no look-up. The loopback's name is preferred to its address.
   ASSERT_EQ(PAL_SocketListen(7, 2, "127.1", text, first), 0);
   std::smatch parts;
@@ -31,37 +30,14 @@ TEST(PalSocket, EndpointsListenWhereTheirContactsSay) {
   const int peer = socket(AF_INET, SOCK_STREAM, 0);
   EXPECT_EQ(connect(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   close(peer);
-  ASSERT_EQ(PAL_SocketListen(7, 2, "127.2", text, second), 0);
-  EXPECT_TRUE(text.ends_with('_' + std::to_string(second->token) + "@127.0.0.2"));
-  EXPECT_FALSE(text.starts_with("7:" + std::to_string(port) + '_'));
-  EXPECT_NE(first->token, second->token);
   const int descriptor = first->descriptor;
-  for (PAL_Socket* socket : {first, second, static_cast<PAL_Socket*>(nullptr)})
-    PAL_SocketClose(socket);
+  PAL_SocketClose(first);
   EXPECT_FALSE(isOpen(descriptor));
-}
-
-TEST(PalSocketDeathTest, FailuresAreReportedAndLeaveNothing) {
-  const auto body = [] {
-    const rlimit none = {3, 3};
-    setrlimit(RLIMIT_NOFILE, &none);
-    std::string text = "old";
-    PAL_Socket* socket = nullptr;
-    const bool failed = PAL_SocketListen(0, 2, "127.1", text, socket) != 0 && text.empty();
-    const bool formed = RK_IPCInit(HERE) == 0 && RK_IPCcommworld->sockets[0] == nullptr;
-    std::_Exit(failed && formed ? 0 : 1);
-  };
-  EXPECT_EXIT(body(), testing::ExitedWithCode(0),
-              "^ERROR: cannot create socket: socket\\(\\): Too many open files\n"
-              "ERROR: cannot create socket pair: socketpair\\(\\): Too many open files\n"
-              "\\[.*@RK_socketpc\\.cpp:[0-9]+\\] PAL_SocketPair\\(comm->sockets\\) = 1\n$");
 }
 
 TEST(RkSocketpc, GroupOfOneKeepsItsDataAndClosesItsPair) {
   ASSERT_EQ(RK_IPCInit(HERE), 0);
   RK_IPCComm* comm = RK_IPCcommworld;
-  EXPECT_EQ(RK_IPCInit(HERE), 0);
-  EXPECT_EQ(RK_IPCcommworld, comm);
   int32_t rank = -1, size = -1;
   EXPECT_EQ(RK_IPCCommRank(HERE, comm, &rank) + RK_IPCCommSize(HERE, comm, &size), 0);
   EXPECT_TRUE(rank == 0 && size == 1 && *RK_IPCHostName() != '\0');
@@ -76,9 +52,6 @@ TEST(RkSocketpc, GroupOfOneKeepsItsDataAndClosesItsPair) {
     EXPECT_EQ(text, sums + others + std::string(16 - 2 * bytes, '.'));
   }
   const int ends[] = {comm->sockets[0]->descriptor, comm->sockets[1]->descriptor};
-  char text[4];
-  EXPECT_EQ(write(ends[0], "ping", 4) + read(ends[1], text, 4), 8);
-  EXPECT_EXIT(RK_IPCAbort(HERE, 999), testing::ExitedWithCode(999 & 0xff), "");
   for (int i = 0; i < 2; ++i) EXPECT_EQ(RK_IPCCommFree(HERE, &comm), 0);
   EXPECT_TRUE(comm == nullptr && RK_IPCcommworld == nullptr);
   EXPECT_FALSE(isOpen(ends[0]) || isOpen(ends[1]));
