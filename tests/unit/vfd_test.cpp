@@ -3,15 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/builder/trace_files.h"
@@ -88,33 +85,6 @@ TEST_F(VfdDeathTest, ATenthMakesRoomLeastRecentlyUsedFirstAndPinnedFilesStay) {
   testing::FLAGS_gtest_death_test_style = style;
 }
 
-TEST_F(VfdTest, ThreadsWriteAThousandFilesUnderALowLimit) {
-  const auto work = [&](int thread) {
-    std::vector<int> files;
-    errno = E2BIG;
-    for (int i = 0; i < 250; ++i) files.push_back(open(std::to_string(1000 * thread + i)));
-    for (const char* text : {"0,", "1,"})
-      for (const int file : files) write(file, text);
-    for (const int file : files) {
-      EXPECT_EQ(Vfd_Seek(file, 0, SEEK_SET), 0);
-      EXPECT_EQ(read(file, 4), "0,1,");
-      EXPECT_EQ(Vfd_Close(file), 0);
-    }
-    EXPECT_EQ(errno, E2BIG) << "success leaves errno alone";
-  };
-  Vfd_systemCalls = Vfd_osCalls;
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  const rlim_t before = std::exchange(limit.rlim_cur, 16);
-  setrlimit(RLIMIT_NOFILE, &limit);
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) threads.emplace_back(work, i);
-  }
-  limit.rlim_cur = before;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
 TEST_F(VfdTest, OpeningAgainNeitherTruncatesNorAppendsNorCreates) {
   tb::writeFile(path("old"), "kept ");
   const int files[] = {open("new", O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_TRUNC),
@@ -130,21 +100,6 @@ TEST_F(VfdTest, OpeningAgainNeitherTruncatesNorAppendsNorCreates) {
   EXPECT_EQ(Vfd_Write(files[0], "x", 1), -1);
   EXPECT_EQ(errno, ENOENT);
   for (const int file : files) EXPECT_EQ(Vfd_Close(file), 0);
-}
-
-TEST_F(VfdTest, WhatHasNoPositionOrOwnerIsNoVictim) {
-  ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-  const int fifo = open("fifo", O_RDWR), os = ::open(path("fifo").c_str(), O_WRONLY);
-  const int adopted = Vfd_Adopt(os), twin = Vfd_Dup(adopted);
-  evictAll();
-  write(adopted, "one ");
-  EXPECT_EQ(Vfd_Close(adopted), 0);
-  write(twin, "two ");
-  EXPECT_EQ(Vfd_Close(twin), 0);
-  EXPECT_EQ(::write(os, "three", 5), 5);
-  close(os);
-  EXPECT_EQ(read(fifo, 13), "one two three");
-  EXPECT_EQ(Vfd_Close(fifo) + Vfd_Adopt(-1), -1);
 }
 
 TEST_F(VfdTest, ADuplicateCostsNothingUntilUsedAndSharesThePosition) {
@@ -169,15 +124,6 @@ TEST_F(VfdTest, ADuplicateCostsNothingUntilUsedAndSharesThePosition) {
 TEST_F(VfdTest, ErrorsAreReportedOnceAlsoOfClosingToMakeRoom) {
   const int file = open("f"), closed = open("g");
   for (const int result : {0, -1}) EXPECT_EQ(Vfd_Close(closed), result);
-  for (const int unknown : {closed, -1, 1 << 30})
-    EXPECT_EQ(Vfd_Seek(unknown, 0, SEEK_SET) + Vfd_Pin(unknown, 1) + Vfd_Dup(unknown), -3);
-  EXPECT_EQ(errno, EBADF);
-  EXPECT_EQ(open("again"), closed) << "the number that was closed last";
-  EXPECT_EQ(Vfd_Close(closed), 0);
-  Vfd_systemCalls.write = [](int, const void*, size_t) { return ssize_t{0}; };
-  EXPECT_EQ(Vfd_WriteFully(file, "x", 1), 0U);
-  EXPECT_EQ(errno, EIO) << "one that takes nothing";
-  Vfd_systemCalls.write = Vfd_osCalls.write;
   for (const bool closing : {false, true}) {
     write(file, "ab");
     Vfd_systemCalls.close = [](int fd) { return Vfd_osCalls.close(fd), errno = EDQUOT, -1; };
