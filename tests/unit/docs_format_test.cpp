@@ -1,14 +1,11 @@
-// docs/format.md against the program: its table of records is the one that the code is made from,
-// and the bytes that it shows are those of the trace builder.
+// docs/format.md against the program: its table of records is the one that the code is made from.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <sstream>
 #include <string>
 #include <tuple>
 
 #include "klt/format/klt_schema.h"
-#include "tests/builder/trace_builder.h"
+#include "tests/builder/layout.h"
 
 namespace {
 
@@ -43,37 +40,6 @@ TEST(FormatDocument, ListsTheRecordsOfTheProgramsTable) {
       EXPECT_EQ(said.isCount ? said.covers : 0U, field.isCount() ? field.covered() : 0U);
     }
   }
-}
-
-// The bytes of each block "```klt NAME", whose lines hold those of a field and, after two blanks,
-// words about it.
-std::map<std::string, std::string> shownBlocks() {
-  std::istringstream document(tb::readFile(KLT_TEST_DATA "/../../docs/format.md"));
-  std::map<std::string, std::string> blocks;
-  std::string block;
-  for (std::string line; std::getline(document, line);) {
-    if (line.starts_with("```")) {
-      block = line.starts_with("```klt ") ? line.substr(7) : "";
-    } else if (!block.empty()) {
-      std::istringstream digits(line.substr(0, line.find("  ")));
-      for (unsigned byte = 0; digits >> std::hex >> byte;) blocks[block] += static_cast<char>(byte);
-    }
-  }
-  return blocks;
-}
-
-TEST(FormatDocument, ShowsTheBytesOfTheFormat) {
-  std::map<std::string, std::string> blocks = shownBlocks();
-  EXPECT_EQ(blocks["header"], tb::Trace().files()[" "].substr(0, 11));
-  tb::Layout layout;
-  for (unsigned number = 1; number <= layout.size(); ++number)
-    layout.row(number).listed = number == 29;
-  EXPECT_EQ(blocks["layout"], layout.block());
-  // The builder deals out extents of one size; the last one of a component may be shorter.
-  tb::TraceFiles files;
-  files.add(" ", "AB");
-  files.add(".dcl", "abcd");
-  EXPECT_EQ(blocks["container"], files.container({.version = 1, .extent = 3}));
 }
 
 }  // namespace
