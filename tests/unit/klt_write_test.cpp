@@ -1,5 +1,5 @@
 // Traces that the writer makes, as the reader sees them: storage forms, seek points, records
-// completed later, profiles, and what doesn't fit.
+// completed later, and what doesn't fit.
 #include "klt/write/klt_write.h"
 
 #include <gtest/gtest.h>
@@ -28,13 +28,7 @@ class KltWrite : public testing::Test {
   template <class Calls>
   bool write(const std::string& name, Calls&& calls, int form = KLT_FORM_PLAIN,
              uint32_t flags = 2) const {
-    KLT_StatsParameters statistics;
-    statistics.eventBits = 1;
-    statistics.memberLookup = [](void*, uint32_t communicator, size_t* count) -> const uint32_t* {
-      static constexpr uint32_t kMembers[] = {3, 4};
-      if (communicator < 2) *count = 2 * communicator;
-      return communicator == 1 ? kMembers : nullptr;
-    };
+    const KLT_StatsParameters statistics;
     KLT_WFileHandle* w = KLT_WriterOpen(nullptr, path(name).c_str(), 1, form, flags, &statistics);
     calls(w);
     bool complete = false;
@@ -127,77 +121,14 @@ TEST_F(KltWrite, EveryFormIsReadBackTheSameWithSeekPointsAndWithout) {
   }
 }
 
-// Functions and threads that meet in whatever finds their profiles quickly; messages by route; an
-// operation of members without one, of two, and of unknown ones.
-TEST_F(KltWrite, ProfilesCountWhatWasWritten) {
-  EXPECT_TRUE(write("t.klt", [](KLT_WFileHandle* w) {
-    const uint64_t starts[] = {0, 2}, deltas[] = {4, 8};
-    const uint32_t sizes[] = {8, 16};
-    reading::Messages messages;
-    for (const uint32_t communicator : {0U, 1U, 2U}) {
-      KLT_Write<7>(w, nullptr, uint64_t{1}, 4U, 6U, communicator, 9U, 2U, starts, deltas, sizes);
-    }
-    EXPECT_EQ(messages.take(), "ERROR: Could not retrieve communicator definiton for FileStats.\n");
-    uint64_t time = 2;
-    for (uint64_t round = 0; round < 3; ++round) {
-      for (const uint32_t function : {2U, 18U}) {
-        for (const uint32_t thread : {0U, 1U}) {
-          KLT_Write<28>(w, nullptr, time, thread, function);
-          KLT_Write<28>(w, nullptr, time + 2, thread, 3U);
-          time += 2 * (function + thread + round);
-          KLT_Write<48>(w, nullptr, time, thread);
-          KLT_Write<48>(w, nullptr, time, thread);
-        }
-        const int64_t span = function == 18 ? kUnknown : static_cast<int64_t>(2 * round);
-        KLT_Write<57>(w, nullptr, time, 0U, span, 1U, 4U, 8U, 6U, function, 0U);
-      }
-    }
-  }));
-  const std::string sent = " 2 [1 1] [8 16] [8 16] [8 16] [0 ";
-  const std::string two = "[2.000000 2.000000] ";
-  const std::string more = "[2.000000 2.750000] ";
-  const std::string end = "[4 8] [4 8] [4 8]";
-  EXPECT_EQ(
-      read("t.klt", window(0, reading::kOpenEnd, 0x4000)),
-      (Lines{"onetoone_profile 0 1 2 0 6 4 8 3 6 0 4",
-             "collop_profile 9 4 0" + sent + "0] [0 0] [0 0] " + two + two + two + end,
-             "collop_profile 9 4 1" + sent + "6] [0 6] [0 6] " + more + more + more + end,
-             "collop_profile 9 4 2" + sent + "0] [0 0] [0 0] " + two + two + two + end,
-             "function_profile 0 3 6 2 38 120 2 38 120", "function_profile 0 2 3 2 2 6 4 8 18",
-             "function_profile 1 3 6 4 40 132 4 40 132", "function_profile 1 2 3 2 2 6 6 10 24",
-             "function_profile 0 18 3 2 2 6 36 40 114", "function_profile 1 18 3 2 2 6 38 42 120",
-             "end_of_filter 18446744073709551615 16384 1 0:1:1"}));
-}
-
-TEST_F(KltWrite, StepsOfTimeTakeTheShortestRecords) {
-  const tb::Layout layout;
-  tb::RecordBytes expected(layout);
-  const uint64_t last = ~uint64_t{0};
-  EXPECT_TRUE(write("t.klt", [&](KLT_WFileHandle* w) {
-    for (uint64_t time = 0, round = 0; round < 500; ++round) {  // the buffer grows meanwhile
-      for (const uint64_t step : {uint64_t{0}, uint64_t{0xffff}, uint64_t{0x10000}, last >> 32,
-                                  (last >> 32) + 1, last, last << 36, last / 2}) {
-        expected.at(time += step);
-        expected.record(48, {{"willy_gtp", 7}});
-        EXPECT_EQ(KLT_Write<48>(w, nullptr, time, 7U), 7U);
-      }
-    }
-  }));
-  EXPECT_TRUE(tb::readFile(path("t.klt.f.7")) == expected.contents());
-}
-
 // What a field can't count is left out, told with the place that finds it, and missed at the end.
 TEST_F(KltWrite, WhatDoesNotFitIsToldAndCostsTheOutputItsCompleteness) {
   const std::string text(65536, 'x');
-  const std::vector<uint32_t> ids(256, 1);
-  const std::vector<uint64_t> values(256, 1);
   const std::pair<const char*, std::function<void(KLT_WFileHandle*)>> cases[] = {
       {"0x10001 to unsigned 2-byte",  // isn't lost
        [](auto* w) { KLT_Write<53>(w, nullptr, kTime, 0U, 1U, 1U, 0x10001U, 8U, 0U, 0U, 0U); }},
       {"0x10000 to unsigned 2-byte",
        [&](auto* w) { KLT_Write<18>(w, nullptr, kTime, 0U, text.c_str()); }},
-      {"0x100 to unsigned 1-byte",
-       [&](auto* w) { KLT_Write<22>(w, nullptr, kTime, 0U, 256U, values.data(), ids.data()); }},
   };
   for (const auto& [told, calls] : cases) {
     reading::Messages messages;
