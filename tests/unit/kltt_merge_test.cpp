@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <regex>
-#include <set>
 #include <string>
 
 #include "tests/unit/klt_reading.h"
@@ -36,31 +34,6 @@ class KlttMerge : public testing::Test {
   reading::Messages messages_;
 };
 
-TEST_F(KlttMerge, RecordsThatNeedNoMatchAreCopied) {
-  const auto copied = [&](const std::string& name) {
-    Lines lines = reading::without(
-        linesOf(name), {"function_profile", "onetoone_profile", "collop_profile", "event_summary",
-                        "function_statistics", "onetoone_statistics"});
-    for (std::string& line : lines)  // no location
-      line = std::regex_replace(line, std::regex("\\b2147483647\\b"), "0");
-    return lines;
-  };
-  std::set<std::string> names;
-  for (const char* sample : {"collops", "counters", "evbits14", "io", "negative", "reports",
-                             "stats", "stencil", "threads"}) {
-    fs::remove_all(directory_.path());
-    fs::copy(fs::path(KLT_TEST_DATA) / sample, directory_.path());
-    std::string index = tb::readFile(directory_ / "t.klt");
-    index[7] = 1;  // the flags: a raw trace
-    tb::writeFile(directory_ / "t.klt", index);
-    EXPECT_EQ(merge(directory_ / "t.klt"), KLTM_DONE) << sample;
-    const Lines before = copied(directory_ / "t.klt");
-    EXPECT_EQ(reading::difference(before, copied(output_)), "") << sample;
-    for (const std::string& line : before) names.insert(line.substr(0, line.find(' ')));
-  }
-  EXPECT_GE(names.size(), 35U);
-}
-
 // A message and an operation, with a communicator of `n` members.
 void fill(tb::Trace& trace, int32_t n) {
   trace.clock(1, 0).processes({1, 1}).communicator(1, "", {{0, n - 1, 1}}).defineClass(3, "A");
@@ -71,9 +44,13 @@ void fill(tb::Trace& trace, int32_t n) {
   raw.at(4).rawCollective({.kind = 10, .operation = 1, .communicator = 1, .end = 7});
 }
 
+// Events that are neither sends nor receives count as receives.
 TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
   tb::Trace trace(1);
   fill(trace, 2);
+  trace.stream("r.1", tb::RAW_EVENTS, {1})
+      .at(4)
+      .rawMessage({.kind = 9 | 1 << 6, .other = 0, .tag = 9, .communicator = 1});
   trace.declarations().record(
       47, {{"info_class", 3},
            {"info",
@@ -83,6 +60,8 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
   EXPECT_EQ(reading::only(linesOf(output_), {"info"}),
             Lines{"info 3 'number of events: 4 functions, 3 onetoones, 3 collectives, 5 scopes, "
                   "6 counters'"});
+  EXPECT_EQ(messages_.take(),
+            "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
 }
 
 TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
@@ -114,18 +93,6 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
   for (size_t at = 0; (at = told.find("ERROR: 1 events of coll", at)) != std::string::npos; ++at)
     ++reports;
   EXPECT_EQ(reports, 4U) << told;
-}
-
-TEST_F(KlttMerge, EventsThatAreNoMessagesCountAsReceives) {
-  tb::Trace trace(1);
-  fill(trace, 2);
-  trace.stream("r.1", tb::RAW_EVENTS, {1})
-      .at(4)
-      .rawMessage({.kind = 9 | 1 << 6, .other = 0, .tag = 9, .communicator = 1});
-  EXPECT_EQ(merge(trace), KLTM_DONE);
-  EXPECT_EQ(messages_.take(),
-            "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
-  EXPECT_EQ(reading::only(linesOf(output_), {"one_to_one_communication"}).size(), 2U);
 }
 
 TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {
