@@ -11,11 +11,20 @@
 
 #include "fuzz/fuzz_target.h"
 #include "klt/index/klt_files.h"
-#include "tests/builder/touching.h"
+#include "tests/builder/recorder.h"
 
 namespace {
 
 constexpr size_t kRequestBytes = 14;
+
+// One pass to its end that looks at every byte that handlers are given.
+void touchAll(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& requests,
+              int serial) {
+  reading::Recorder recorder;
+  recorder.keeps = false;
+  const auto reader = reading::openReader(trace, recorder.table, requests, serial, mode);
+  if (reader != nullptr) (void)reading::finish(reader.get());
+}
 
 // Definitions of every kind, and components with anchors: .f.0 any category of any thread; .f.1
 // calls, scopes and input of threads 0 to 3; .f.2 counters and communication; .f.3 raw events.
@@ -82,9 +91,9 @@ void fuzz::run(std::string_view input) {
   std::vector<uint64_t> sizes;
   KLT_FileList(trace.get(), &names, &sizes);
   (void)KLT_FilesAreKnown(trace.get());
-  tb::touchAll(trace.get(), KLT_MODE_DEFINITIONS, {}, 1);
-  tb::touchAll(trace.get(), KLT_MODE_EVENTS, requests, flags & 1);
-  if (isIndex(input)) tb::touchAll(trace.get(), KLT_MODE_EVENTS, {}, 1);
+  touchAll(trace.get(), KLT_MODE_DEFINITIONS, {}, 1);
+  touchAll(trace.get(), KLT_MODE_EVENTS, requests, flags & 1);
+  if (isIndex(input)) touchAll(trace.get(), KLT_MODE_EVENTS, {}, 1);
 }
 
 bool fuzz::mutate(Random& random, std::string& input) {

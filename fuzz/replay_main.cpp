@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "fuzz/fuzz_target.h"
-#include "tests/builder/with_asan.h"
 
 #ifdef KLT_WITH_ASAN
 #include <sanitizer/common_interface_defs.h>

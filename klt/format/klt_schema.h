@@ -8,6 +8,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 // Type codes of fields in a stored layout.
@@ -170,11 +171,12 @@ struct KLT_FilterTraits {
   return {};
 }
 
-#define ROW(number, id, name, timed, categories, filter, fields) +1
-inline constexpr size_t kKltRowCount = 0
+#define ROW(number, id, name, timed, categories, filter, fields) (number),
+inline constexpr uint8_t kKltRowNumbers[] = {
 #include "klt/format/klt_rows.inc"
-    ;
+};
 #undef ROW
+inline constexpr size_t kKltRowCount = std::size(kKltRowNumbers);
 inline constexpr size_t kKltMaxFields = 17;
 
 // A row as klt_rows.inc gives it.

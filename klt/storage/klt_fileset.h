@@ -8,7 +8,6 @@
 
 #include <sys/stat.h>
 
-#include <compare>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -29,11 +28,7 @@ class KLT_FileSet {
  private:
   using Identity = std::pair<uint64_t, uint64_t>;  // device, inode
 
-  struct Place {
-    Identity directory;
-    std::string name;
-    auto operator<=>(const Place&) const = default;
-  };
+  using Place = std::pair<Identity, std::string>;  // directory, name
   [[nodiscard]] static std::optional<Place> placeOf(const std::string& path);
 
   std::set<Identity> files_;

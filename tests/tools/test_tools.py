@@ -28,7 +28,7 @@ LINES = ("h1", "h2", "h3", "p", "li", "tr", "dt", "dd", "title", "text")  # of a
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
 # pylint: disable=wrong-import-position
-from harness import DATA, INPUT, Folder, Place  # noqa: E402
+from harness import DATA, INPUT, Folder  # noqa: E402
 
 
 CONVERTER, REPORT, WINDOWS = (
@@ -156,20 +156,6 @@ class ParallelWindows(unittest.TestCase):
                         self.assertEqual(compared(output.getvalue()), expected)
                         times = [int(t) for t in re.findall(rb"^(\d+) ", output.getvalue(), re.M)]
                         self.assertTrue(kind == "matched" or times == sorted(times))
-
-    def test_steps_in_any_order_in_places_with_odd_names(self):
-        place = Place(KLTTOOL, Folder(DATA / "counters"), self.directory, "it's {} here")
-        trace, pieces, selection = place.path / INPUT, place.path / "pieces", "1:1,MESSAGES,COLLOPS"
-        plan = ("-n", 5, "--program", KLTTOOL)
-        self.assertEqual(run(WINDOWS, "plan", *plan, "--select", selection, trace, pieces)[0], "6\n")
-        for index in (5, 3, 1, 0, 2):
-            run(WINDOWS, "window", pieces, index)
-        self.assertIn("not dumped yet: 4", run(WINDOWS, "join", pieces)[1])
-        run(WINDOWS, "window", pieces, 4)
-        self.assertEqual(events_of(run(WINDOWS, "join", pieces)[0].encode()),
-                         events_of(place.run(f"--dump --request {selection}")))
-        (place.path / f"{INPUT}.f.0").write_bytes(b"\xc8")
-        self.assertIn("ended with status 2", run(WINDOWS, *plan, trace)[1])
 
 
 if __name__ == "__main__":

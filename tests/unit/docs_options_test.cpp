@@ -70,10 +70,4 @@ TEST(OptionDocuments, NoDocumentNamesWhatDoesntExist) {
   }
 }
 
-TEST(OptionDocuments, VersionHasItsShape) {
-  const std::regex shape(R"((klttool )Version (\S+) Build \d{4}[01]\d[0-3]\d\n)");
-  EXPECT_EQ(std::regex_replace(KLTT_VersionLine(), shape, "$1$2 - trace file utility\n\n"),
-            KLTT_Banner());
-}
-
 }  // namespace

@@ -137,13 +137,4 @@ TEST_F(KlttSummary, TimesMayGoBackwardsAndMembersDiffer) {
   EXPECT_EQ(operation.size(), 14U + 2 * 22);
 }
 
-TEST_F(KlttSummary, AFileThatIsThereStays) {
-  tb::writeFile(directory_ / "1.sum.msg", "precious");
-  reading::Messages told;
-  open();
-  EXPECT_FALSE(KLTT_SumClose(summary_));
-  EXPECT_EQ(tb::readFile(directory_ / "1.sum.msg"), "precious");
-  EXPECT_NE(told.take().find("1.sum.msg: File exists\n"), std::string::npos);
-}
-
 }  // namespace

@@ -62,7 +62,9 @@ TEST(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
 }
 
 TEST(PalError, ControlBytesOfNamesAreEscaped) {
-  EXPECT_EQ(PAL_Printable({"\x1f\x7f\0 \xc3", 5}), "\\x1f\\x7f\\x00 \xc3");
+  // Also those above 0x7f, as such and in UTF-8, but no other character of UTF-8.
+  EXPECT_EQ(PAL_Printable({"\x1f\x7f\0 \x9b\xc2\x9b\xc3\x9b", 9}),
+            "\\x1f\\x7f\\x00 \\x9b\\xc2\\x9b\xc3\x9b");
   testing::internal::CaptureStderr();
   errno = ENOENT;
   PAL_Perror("t\r");

@@ -1,10 +1,9 @@
-// Directories and whole files, on real files in a directory of the test's own; texts.
+// Directories, on real files in a directory of the test's own; texts.
 #include "util/pal_util.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <string>
@@ -38,23 +37,6 @@ TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "ERROR: cannot cd into no\\x0ane: No such file or directory\n");
   fs::current_path("/");
-}
-
-TEST(PalUtil, FilesAreReadWhateverTheirSize) {
-  const tb::TempDir directory;
-  const std::string file = directory / "f", bad = file + "/f";
-  for (const size_t size : {0U, 65536U, 200000U}) {
-    tb::writeFile(file, std::string(size, 'x'));
-    EXPECT_TRUE(PAL_ReadFile(file.c_str()) == std::string(size, 'x')) << size;
-    EXPECT_EQ(PAL_FileSize(file.c_str()), size);
-  }
-  EXPECT_EQ(PAL_ReadFile("/"), std::nullopt);
-  EXPECT_EQ(errno, EISDIR);
-  int failed[3] = {9, 9, 9};
-  EXPECT_EQ(PAL_IsDir("/", &failed[0]), 1);
-  EXPECT_EQ(PAL_IsDir("none", &failed[1]) + PAL_IsDir(bad.c_str(), &failed[2]), 0);
-  EXPECT_EQ(testing::PrintToString(failed), "{ 0, 0, 1 }");
-  EXPECT_EQ(PAL_System("exit 3"), 3 << 8);
 }
 
 TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {

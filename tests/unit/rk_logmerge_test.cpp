@@ -50,13 +50,11 @@ KLTM_RawCollop part(uint64_t time, uint32_t process, uint32_t operation, uint32_
 
 using Members = std::map<uint32_t, std::vector<int32_t>>;  // by communicator
 
-// What is in a merged trace, how many messages are in its profiles, and how many bytes were
-// allocated in all while the events were taken in.
+// What is in a merged trace, and how many messages are in its profiles.
 struct Merged {
   Lines messages, collops;
   uint64_t profiled = 0;
 };
-uint64_t allocated;
 
 Merged merge(const Members& communicators, const std::vector<Event>& events,
              uint64_t blockBytes = RK_Conf::kMemBlockBytes) {
@@ -74,16 +72,12 @@ Merged merge(const Members& communicators, const std::vector<Event>& events,
   for (const auto& [id, members] : communicators)
     KLTM_RegisterCommunicator(matching, id, KLTT_MemberList(members));
   KLTM_MatchStart(matching, writer, nullptr, blockBytes);
-  const PAL_AllocatorTable saved = PAL_allocators;
-  PAL_allocators.malloc = [](size_t bytes) { return allocated += bytes, std::malloc(bytes); };
-  allocated = 0;
   for (const Event& event : events) {
     if (const auto* message = std::get_if<KLTM_RawMessage>(&event))
       KLTM_MatchMessage(matching, *message);
     if (const auto* collop = std::get_if<KLTM_RawCollop>(&event))
       KLTM_MatchCollective(matching, *collop);
   }
-  PAL_allocators = saved;
   KLTM_MatchFinish(matching);
   bool isComplete = false;
   EXPECT_EQ(KLT_WriterClose(writer, &isComplete), nullptr);
@@ -285,16 +279,6 @@ TEST(Logmerge, RandomEventsAsTheWalkingMatcherHasThem) {
     EXPECT_EQ(reading::difference(operations, merged.collops), "");
     EXPECT_EQ(merged.profiled, complete);
   }
-}
-
-TEST(Logmerge, WhatIsOverLeavesItsMemoryToWhatComes) {
-  std::vector<Event> events;
-  for (uint64_t time = 0; time < 200000; time += 2) {
-    events.emplace_back(raw(kSend, time, 0, 1));
-    events.emplace_back(raw(kReceive, time + 1, 1, 0));
-  }
-  EXPECT_EQ(merge({}, events, 4096).messages.size(), 100000U);
-  EXPECT_LT(allocated, 1U << 20);
 }
 
 // Nothing of this fits into the arena or the writer's buffer: records are written open, then again,

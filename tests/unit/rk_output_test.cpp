@@ -11,7 +11,6 @@
 
 #include "generic/sink/RK_wtrace.h"
 #include "generic/text/RK_line.h"
-#include "generic/text/RK_rkf.h"
 #include "generic/text/kltt_exit.h"
 #include "tests/builder/trace_files.h"
 #include "util/vfd.h"
@@ -59,20 +58,6 @@ TEST(RkOutputDeathTest, AllThatIsOpenIsClosedAtTheExit) {
   EXPECT_EXIT(leave(), testing::ExitedWithCode(1), "");
   EXPECT_EQ(tb::readFile(file), "DEFACT 1 \"a\"\nundefined function #7\n");
   EXPECT_EQ(tb::readFile(sinkFile), "in the sink\n");
-}
-
-TEST(RkOutput, TimesAreShiftedUnlessUnknown) {
-  constexpr uint64_t kUnknown = uint64_t{1} << 63;
-  const std::unique_ptr<RK_Sink> sink(RK_SinkOpenAscii("-", 0));
-  const auto shown = [&](int32_t shift, uint64_t time) {
-    sink->timeShift = shift;
-    return RK_SinkTime(sink.get(), time);
-  };
-  EXPECT_EQ(shown(64, kUnknown | 8), 1U);
-  EXPECT_EQ(shown(INT32_MAX, kUnknown - 1), 0U);
-  EXPECT_EQ(shown(INT32_MIN, 3), kUnknown);
-  EXPECT_EQ(shown(-1, 77), 154U);
-  for (const uint64_t time : {kUnknown, kUnknown + 1}) EXPECT_EQ(shown(-5, time), time);
 }
 
 }  // namespace
