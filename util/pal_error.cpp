@@ -60,7 +60,8 @@ struct WrittenMessages {
 
   std::mutex mutex;
   Reading reading = Reading::kNone;
-  std::unordered_map<std::string, uint64_t> texts;  // how often each was written in the first one
+  // How often the first reading wrote each message.
+  std::unordered_map<std::string, uint64_t> texts;
 };
 
 WrittenMessages& Written() {

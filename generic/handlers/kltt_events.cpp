@@ -73,7 +73,8 @@ int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
   return 0;
 }
 
-// Not KLTT_WriteDelayed up to the largest time, because a truncated time can be that value.
+// KLTT_WriteDelayed with the largest time would leave records of just that time, which a truncated
+// time can be.
 int KLTT_DrainDelayed(KLTT_Context& context) {
   while (!context.pending.empty()) {
     if (writeFront(context) != 0) return 1;

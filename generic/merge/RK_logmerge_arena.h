@@ -180,7 +180,7 @@ class KLTM_Arena {
     node.written = true;
   }
 
-  // Frees a complete, written entry, at `now` or after its last event has ended.
+  // Frees a complete, written entry, at once if its last event ends by `now`, else after that end.
   template <class Owner>
   void retire(Owner& owner, Node& node, uint64_t now) {
     if (node.lastTime <= now)

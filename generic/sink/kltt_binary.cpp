@@ -146,8 +146,8 @@ class Records final : public RK_Sink {
   int willyName(uint32_t gtp, const char* text) override {
     return put<KLT_Row::willyName>(gtp, text);
   }
-  // Times of the output have 13 event bits. Scales the resolution so that ticks last as long as in
-  // the input.
+  // Times of the output have kKlttEventBits event bits, those of the input any number. The
+  // resolution is scaled so that a tick keeps its duration.
   int clockResolution(double resolution, uint32_t eventBits) override {
     const int bits = static_cast<int>(std::min(eventBits, uint32_t{63}));
     return put<KLT_Row::clockResolution>(
@@ -257,7 +257,7 @@ class Records final : public RK_Sink {
                 });
   }
 
-  // A record has the time of either side. That time and the span to the other side are converted.
+  // A record has the time of one side, and the span to the other. Both become internal.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
     const uint64_t time = KLTT_InternalTime(clock, m.time);
     int64_t span = m.receiveTime;

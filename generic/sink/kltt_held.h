@@ -21,11 +21,11 @@ class KLTT_HeldRecords {
  public:
   using WriteFunction = std::function<int(KLT_WFileHandle*)>;
 
-  // Whether there are records that wait until after `moment`. All times are internal.
+  // Whether records are held for exactly this `moment`. All times are internal.
   [[nodiscard]] bool waitFor(uint64_t moment) const {
     return !moments_.empty() && moments_.contains(moment);
   }
-  // Adds a record of `time`. Returns true if it is the first that waits for `moment`.
+  // Holds a record with the time `time` until `moment`. True if it is the only one of `moment`.
   bool add(uint64_t moment, uint64_t time, WriteFunction write) {
     std::vector<Record>& records = moments_[moment];
     records.push_back({time, std::move(write)});

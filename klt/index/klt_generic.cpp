@@ -195,7 +195,7 @@ bool countsFit(KLT_StoredLayout& layout, const uint8_t* input) {
   return true;
 }
 
-// The most elements of an array that is filled with defaults after its stored elements.
+// The largest array, in elements, that may be extended by default values.
 constexpr uint64_t kLargestFilled = 0xffff;
 
 struct Builder {
@@ -409,7 +409,7 @@ KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table, bool ge
   size_t done = 1;
   if (!input.ensure(1)) return KLT_Parse::kNoData;
   const uint8_t number = input.at()[0];
-  if (number == 0) return KLT_Parse::kCorrupt;  // else zeros after the index, without end, pass
+  if (number == 0) return KLT_Parse::kCorrupt;  // zeros after the index
   auto layout = std::make_unique<KLT_StoredLayout>();
   if (!takeText(input, done, layout->name)) return KLT_Parse::kNoData;
   if (!input.ensure(done + 1)) return KLT_Parse::kNoData;

@@ -83,7 +83,7 @@ struct KLT_FileHandle {
   KLT_FileHandle(const KLT_FileHandle&) = delete;
   KLT_FileHandle& operator=(const KLT_FileHandle&) = delete;
 
-  // Data components are compressed if they hold one of these.
+  // Components with one of these categories are compressed in a trace with the flags for it.
   static constexpr uint32_t kCompressible = klt::kFunctions | klt::kRawEvents;
   [[nodiscard]] bool compressed(uint32_t categories) const {
     return (flags & 3) == 3 && (categories & kCompressible) != 0;

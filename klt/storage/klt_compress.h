@@ -3,8 +3,8 @@
 //   offset 0   u64  length of the inflated data, in the byte order of the host that wrote it
 //          8        zlib stream
 //
-// The length isn't trusted. If no zlib stream of the file's size can inflate to it, the reader
-// tries the other byte order, and takes the length as unknown if that fails too.
+// The length isn't trusted. If no zlib stream of the file's size can inflate to that length, the
+// reader tries the other byte order, and takes the length as unknown if that fails too.
 #pragma once
 
 #include <cstddef>

@@ -52,7 +52,8 @@ inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bo
   }
   if constexpr (traits.context) {
     if (before) {
-      // The consumer misses this change, unless an earlier request has delivered it.
+      // No handler is called for this change. Unless an earlier request has delivered it, the
+      // consumer's knowledge of these categories is out of date.
       if (time >= s.history.seenUntil) s.history.knownCategories &= ~row.categories();
       klt::updateContext<N>(s, record);
       return skip(s, time, disk);
@@ -81,8 +82,8 @@ constexpr bool isDropped(const KLT_Stream& s) {
   return test != KLT_CategoryTest::kNone && !s.filter.wanted[N];
 }
 
-// Seek points and their histories have an effect in an anchor file only, and only the reader says
-// where a window begins and ends.
+// Whether records of row N are skipped: seek points and their histories are used in anchor files
+// only, and the records at the start and end of a window are made by the reader.
 template <int N>
 constexpr bool isSkipped() {
   constexpr KLT_FilterClass filter = kKltRows[N - 1].filter;

@@ -29,13 +29,13 @@ struct Section {
 
 using Sections = std::vector<Section>;
 
-// Limits on one operation: numbers of sections in a set, and steps to get there.
+// Limits on one operation: the number of sections in a set, and of computing steps.
 struct Budget {
   size_t maxSections = size_t{1} << 20;
   int64_t steps = int64_t{1} << 23;
 };
 
-// Whether `last` is on the wrong side of `first`.
+// Whether the stride leads away from `last`.
 [[nodiscard]] bool isInverted(const PAL_Triplet& t);
 // The sections of the valid entries of a list, in its order.
 [[nodiscard]] Sections validSections(PAL_TripletSpan list);
@@ -81,8 +81,8 @@ class Compressor {
     state_ = State::kSecond;
   }
 
-  // Adds all numbers of a section. After three of them at most the open triplet has the section's
-  // stride, and the rest extends it at once.
+  // Adds all numbers of a section. After at most three numbers the open triplet has the section's
+  // stride; then its last number is set, which adds the others in one step.
   void add(const Section& section) {
     for (int64_t v = section.low; v <= section.high; v += section.step) {
       add(v);
