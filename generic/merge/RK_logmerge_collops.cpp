@@ -93,21 +93,21 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
 // There is no record for an operation of an unknown kind, and readers refuse one whose communicator
 // has no members. A rooted operation on an unknown communicator is written: making its profile ends
 // the process with a message.
-bool KLTM_CollopTable::hasRecord(uint32_t operation, uint32_t comm) {
-  const Kind kind = kindOf(operation);
+bool KLTM_CollopTable::hasRecord(const KLTM_CollopState* state, const KLTM_RawCollop& event) const {
+  const Kind kind = kindOf(event.operation);
   if (kind == Kind::kNone) return false;
-  return stateOf(comm) != nullptr || (isRooted(kind) && communicators_.find(comm) == nullptr);
+  return state != nullptr || (isRooted(kind) && communicators_.find(event.comm) == nullptr);
 }
 
 // --- matching -----------------------------------------------------------------------------------
 
 void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
   KLTM_CollopState* state = stateOf(event.comm);
-  if (!hasRecord(event.operation, event.comm)) ++unplaced_;
   uint32_t member = state == nullptr ? 0 : state->indexOf(process);
   if (state != nullptr && member != KLTT_MemberList::kNoMember) {
     if (KLTM_Collop* collop = search(*state, member, event)) {
       fill(*collop, member, event);
+      if (!collop->hasRecord) ++unplaced_;
       collop->lastTime = std::max(collop->lastTime, event.endtime);
       decrementPending(*collop);
       return;
@@ -212,6 +212,8 @@ void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member, const KLTM_
   collop.comm = event.comm;
   collop.counter = event.counter;
   collop.root = event.root;
+  collop.hasRecord = hasRecord(state, event);
+  if (!collop.hasRecord) ++unplaced_;
   collop.n = n;
   collop.members = std::make_unique<KLTM_Collop::Member[]>(n);
   fill(collop, member, event);
@@ -274,7 +276,7 @@ void KLTM_CollopTable::reportToSummary(const KLTM_Collop& collop) {
 void KLTM_CollopTable::write(KLTM_Collop& collop) {
   const uint32_t root = collect(collop);
   if (summary_ != nullptr) reportToSummary(collop);
-  if (hasRecord(collop.operation, collop.comm)) writeRecord(collop, root);
+  if (collop.hasRecord) writeRecord(collop, root);
 }
 
 // Always writes source locations, so that a rewritten record has the same length.

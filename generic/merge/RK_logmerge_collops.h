@@ -59,6 +59,7 @@ struct KLTM_Collop : KLTM_EntryHead {
   uint32_t counter = 0;
   uint32_t root = 0;
   uint32_t n = 0;
+  bool hasRecord = false;  // the merged trace can hold it
   std::unique_ptr<Member[]> members;
   KLTM_CollopState* state = nullptr;  // of its communicator; null if one event completes it
   KLTM_CollopGroup* group = nullptr;  // null until the communicator's operations are grouped
@@ -144,8 +145,8 @@ class KLTM_CollopTable {
   void release(KLTM_Collop& /*collop*/) {}
 
   [[nodiscard]] KLTM_CollopState* stateOf(uint32_t comm);
-  // Whether the merged trace can hold a record of the operation.
-  [[nodiscard]] bool hasRecord(uint32_t operation, uint32_t comm);
+  // Whether the merged trace can hold a record of the operation that the event begins.
+  [[nodiscard]] bool hasRecord(const KLTM_CollopState* state, const KLTM_RawCollop& event) const;
   [[nodiscard]] KLTM_Collop* search(KLTM_CollopState& state, uint32_t member,
                                     const KLTM_RawCollop& event);
   [[nodiscard]] KLTM_Collop* searchKind(KLTM_CollopState& state, uint32_t member,

@@ -116,13 +116,13 @@ class Merge {
       context_.counts.collectives += context_.matching.collopsAdded();
       if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
     }
-    judgeEvents();
+    reportOddEvents();
     KLTM_MatchFinish(context_.matching);
     KLTM_FreeCommunicators(context_.matching);
   }
 
   // Reports events that the merged trace doesn't hold as they are.
-  void judgeEvents() {
+  void reportOddEvents() {
     if (const uint64_t strange = context_.matching.messagesStrange()) {
       PAL_Warning("%llu raw message events are neither sends nor receives, taken for receives.",
                   static_cast<unsigned long long>(strange));

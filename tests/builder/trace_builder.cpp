@@ -162,7 +162,7 @@ Stream::Stream(const Layout& layout, std::string_view suffix, uint32_t fileId, u
 
 Stream& Stream::record(unsigned number, const Values& values) {
   if (chunk_ != 0 && data_.time() != data_.running() && size() - lastAnchor_ >= chunk_)
-    anchor(told_);
+    anchor(stored_);
   data_.record(number, values);
   return *this;
 }
@@ -254,14 +254,14 @@ Stream& Stream::rawCollective(const RawCollective& e) {
 }
 
 // Also forgets what has ended.
-Stream& Stream::anchor(Told told) {
+Stream& Stream::anchor(Stored stored) {
   std::erase_if(remembered_, [&](const auto& entry) { return data_.running() >= entry.end; });
   for (const auto& [thread, calls] : calls_) {
-    if (told == Told::Nothing || calls.first.empty()) continue;
+    if (stored == Stored::Nothing || calls.first.empty()) continue;
     anchorData_.record("function_history",
                        named("willy_gtp function_stack scls", {thread, calls.first, calls.second}));
   }
-  if (told == Told::Everything && remembered_.empty() && (categories_ & SCOPES) != 0)
+  if (stored == Stored::Everything && remembered_.empty() && (categories_ & SCOPES) != 0)
     anchorData_.record("history", {});  // there are none
   std::vector<uint32_t> files;
   std::vector<uint64_t> offsets, prevtimes;
@@ -273,7 +273,8 @@ Stream& Stream::anchor(Told told) {
     prevtimes.clear();
   };
   for (auto entry = remembered_.rbegin(); entry != remembered_.rend(); ++entry) {  // in any order
-    if (told == Told::Nothing || (told == Told::NoScopes && entry->key.size() == 3)) continue;
+    if (stored == Stored::Nothing || (stored == Stored::NoScopes && entry->key.size() == 3))
+      continue;
     files.push_back(fileId_);
     offsets.push_back(entry->place.first);
     prevtimes.push_back(entry->place.second);

@@ -123,7 +123,7 @@ enum class Shape { All, AllToAll, AllToOne, OneToAll };
 struct Collective {
   Shape shape = Shape::All;
   uint32_t communicator = 0, operation = 0;
-  // One for each member; starts count from the record's time. Bytes are told if the shape has them.
+  // One for each member. Starts count from the record's time. Shapes without bytes leave them out.
   std::vector<uint64_t> start = {}, duration = {};
   std::vector<uint32_t> sent = {}, received = {};
 };
@@ -137,10 +137,10 @@ struct RawCollective {
   int64_t end = 0;
 };
 
-// What an anchor says about the state at its point.
-enum class Told {
+// The state that is stored with an anchor.
+enum class Stored {
   Nothing,   // the position alone
-  NoScopes,  // as producers do that tell no scopes
+  NoScopes,  // some producers store none
   Everything,
 };
 
@@ -180,13 +180,13 @@ class Stream {
   Stream& rawCollective(const RawCollective& event);
 
   // An anchor at the first change of time after every `bytes` bytes, from here on.
-  Stream& anchorEvery(size_t bytes, Told told = Told::Everything) {
+  Stream& anchorEvery(size_t bytes, Stored stored = Stored::Everything) {
     chunk_ = bytes;
-    told_ = told;
+    stored_ = stored;
     return *this;
   }
   // An anchor at this point, or any records for the anchor file.
-  Stream& anchor(Told told = Told::Everything);
+  Stream& anchor(Stored stored = Stored::Everything);
   Stream& anchorRecord(unsigned number, const Values& values) {
     anchorData_.record(number, values);
     return *this;
@@ -220,7 +220,7 @@ class Stream {
   uint32_t fileId_, categories_, threadList_;
   RecordBytes data_, anchorData_;
   size_t chunk_ = 0, lastAnchor_ = 0;
-  Told told_ = Told::Everything;
+  Stored stored_ = Stored::Everything;
   std::vector<uint64_t> anchors_;
   std::map<uint32_t, std::pair<Key, Key>> calls_;  // functions and locations by thread
   std::vector<Remembered> remembered_;

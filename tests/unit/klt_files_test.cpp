@@ -57,7 +57,7 @@ std::map<std::string, std::string> contents(const fs::path& directory = ".") {
   return files;
 }
 
-// The status of a move, and what is told.
+// The status of a move, and its messages.
 std::pair<int, std::string> move(const char* target, const char* name = "t.klt") {
   reading::Messages messages;
   KLT_FileHandle* handle = KLT_Open(name);

@@ -176,7 +176,7 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 
 // A run with a bit of everything, which is never quiet. No two events have the same line. Returns
 // the times of its anchors.
-std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
+std::vector<uint64_t> fillBusy(Trace& trace, Stored stored) {
   constexpr int64_t kSpans[] = {0, 5, 700, -700, 9000, kNoReceive, kNoSend};
   trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
   trace.communicator(2, "one", {{2, 2, 1}});
@@ -188,7 +188,7 @@ std::vector<uint64_t> fillBusy(Trace& trace, Told told) {
     constexpr uint32_t kCategories[] = {FUNCTIONS, SCOPES, MESSAGES | COLLOPS, COUNTERS, ANY};
     const std::vector<uint32_t>& threads = lists[i / 150 % 2];
     const uint32_t categories = kCategories[i / 300];
-    Stream& s = trace.stream(std::to_string(i), categories, threads).anchorEvery(300, told);
+    Stream& s = trace.stream(std::to_string(i), categories, threads).anchorEvery(300, stored);
     std::vector<std::pair<uint32_t, uint32_t>> open;  // threads and calls or scopes
     for (const uint32_t end = i + 150; i < end; ++i) {
       s.at(s.time() + (upTo(4) == 0 ? 0 : upTo(90)) + (upTo(60) == 0 ? 70000U : 0));
@@ -312,10 +312,10 @@ Bag unionOf(OpenTrace& open, const Requests& requests, bool spans = false) {
 }
 
 TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
-  for (const Told told : {Told::Everything, Told::NoScopes}) {
+  for (const Stored stored : {Stored::Everything, Stored::NoScopes}) {
     Trace trace, deflated(3);
-    const std::vector<uint64_t> anchorTimes = fillBusy(trace, told);
-    EXPECT_EQ(anchorTimes, fillBusy(deflated, told));
+    const std::vector<uint64_t> anchorTimes = fillBusy(trace, stored);
+    EXPECT_EQ(anchorTimes, fillBusy(deflated, stored));
     OpenTrace anchored(trace), compressed(deflated), plain(withoutAnchors(trace.files()));
     const Lines whole = plain.read({window(0, kOpenEnd)});
     const auto truth = openAhead(whole);
@@ -403,7 +403,7 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
         .stream("c", COUNTERS, {0})
         .at(5)
         .counters(0, {{1, 9}})
-        .anchor(Told::Nothing);
+        .anchor(Stored::Nothing);
     Stream& m = trace.stream("m", MESSAGES, {0}).comment(0, "").record(9, {{"offset", 1}});
     m.record(46, {{"file", m.fileId()}, {"offset", 26}, {"prevtime", 0}}).at(1);
     m.message({.receiveTime = 50, .tag = 1});
@@ -415,7 +415,7 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
     m.anchorRecord(46, {{"file", std::vector<uint64_t>(44, files[file])},
                         {"offset", std::vector<uint64_t>(44, offset)},
                         {"prevtime", std::vector<uint64_t>(44, 0)}});
-    m.anchor(Told::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
+    m.anchor(Stored::Nothing).at(12).message({.receiveTime = 50, .tag = 2});
     for (const auto& [time, at] : anchors) {
       m.anchorRecord(9, {{"time_prev", time}, {"offset", at}});
     }
