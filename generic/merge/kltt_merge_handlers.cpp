@@ -214,7 +214,7 @@ int counterDefinition(void* user, uint32_t id, const char* name, uint32_t flags,
   if (context.writer == nullptr) return 0;
   return result(KLT_Write<KLT_Row::counterDefinition>(
       context.writer, nullptr, id, name, flags & ~kDifferential,
-      uint32_t{(flags & kDifferential) != 0}, klt::swapBytes(bounds[0]), klt::swapBytes(bounds[1]),
+      uint32_t{(flags & kDifferential) != 0}, klt::bigEndian(bounds[0]), klt::bigEndian(bounds[1]),
       gtp, classId, unit));
 }
 
@@ -225,7 +225,7 @@ int counterValue(void* user, uint64_t time, uint32_t gtp, uint32_t n, const uint
     context.summary->counter_event(time, gtp, n, counters, values);
   }
   if (context.writer == nullptr) return 0;
-  for (uint32_t i = 0; i < n; ++i) values[i] = klt::swapBytes(values[i]);
+  for (uint32_t i = 0; i < n; ++i) values[i] = klt::bigEndian(values[i]);
   return result(
       KLT_Write<KLT_Row::counterValue>(context.writer, nullptr, time, gtp, n, values, counters));
 }

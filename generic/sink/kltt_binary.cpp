@@ -24,8 +24,8 @@ constexpr size_t kLongestText = 0xffff;
 
 uint32_t storedScl(uint32_t scl) { return isScl(scl) ? scl : 0; }
 
-// The reader swaps the bytes of counter values and bounds to host order; this swaps them back.
-uint64_t storedBytes(uint64_t value) { return klt::swapBytes(value); }
+// The reader converts counter values and bounds from big-endian order; this converts them back.
+uint64_t storedBytes(uint64_t value) { return klt::bigEndian(value); }
 
 // A file reference is a plain path, or "!path!..." with more parts, which a definition doesn't
 // store.

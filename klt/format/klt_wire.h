@@ -9,13 +9,17 @@
 #include <cstring>
 #include <type_traits>
 
-static_assert(std::endian::native == std::endian::little, "loads swap bytes");
-
 namespace klt {
 
 [[nodiscard]] inline uint16_t swapBytes(uint16_t v) { return __builtin_bswap16(v); }
 [[nodiscard]] inline uint32_t swapBytes(uint32_t v) { return __builtin_bswap32(v); }
 [[nodiscard]] inline uint64_t swapBytes(uint64_t v) { return __builtin_bswap64(v); }
+
+// Converts a number of this machine to big-endian order, and back.
+template <class T>
+[[nodiscard]] inline T bigEndian(T v) {
+  return std::endian::native == std::endian::big ? v : swapBytes(v);
+}
 
 // REQUIRES: sizeof(T) readable bytes at `p`, which need not be aligned.
 template <class T>
@@ -34,13 +38,13 @@ inline void storeNative(uint8_t* p, T v) {
 }
 
 [[nodiscard]] inline uint16_t loadBig16(const uint8_t* p) {
-  return swapBytes(loadNative<uint16_t>(p));
+  return bigEndian(loadNative<uint16_t>(p));
 }
 [[nodiscard]] inline uint32_t loadBig32(const uint8_t* p) {
-  return swapBytes(loadNative<uint32_t>(p));
+  return bigEndian(loadNative<uint32_t>(p));
 }
 [[nodiscard]] inline uint64_t loadBig64(const uint8_t* p) {
-  return swapBytes(loadNative<uint64_t>(p));
+  return bigEndian(loadNative<uint64_t>(p));
 }
 
 // The unsigned big-endian value of 1, 2, 4 or 8 bytes.
@@ -59,13 +63,13 @@ inline void storeNative(uint8_t* p, T v) {
 
 // Always inlined: a call costs more than the store, and there would be one call per field.
 [[gnu::always_inline]] inline void storeBig16(uint8_t* p, uint16_t v) {
-  storeNative(p, swapBytes(v));
+  storeNative(p, bigEndian(v));
 }
 [[gnu::always_inline]] inline void storeBig32(uint8_t* p, uint32_t v) {
-  storeNative(p, swapBytes(v));
+  storeNative(p, bigEndian(v));
 }
 [[gnu::always_inline]] inline void storeBig64(uint8_t* p, uint64_t v) {
-  storeNative(p, swapBytes(v));
+  storeNative(p, bigEndian(v));
 }
 
 [[nodiscard]] constexpr size_t roundUp8(size_t n) { return (n + 7) & ~size_t{7}; }

@@ -195,8 +195,8 @@ int defineCounter(KLT_Stream& s, const uint8_t* record) {
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.counter_definition == nullptr) return 0;
   constexpr uint32_t kDifferential = 0x80;
-  const uint64_t bounds[2] = {klt::swapBytes(View::get64<4>(record)),
-                              klt::swapBytes(View::get64<5>(record))};
+  const uint64_t bounds[2] = {klt::bigEndian(View::get64<4>(record)),
+                              klt::bigEndian(View::get64<5>(record))};
   const uint32_t type = View::get32<2>(record) | (View::get32<3>(record) != 0 ? kDifferential : 0);
   return handlers.counter_definition(handlers.user_data, View::get32<0>(record),
                                      KLT_StringOf(*s.pass->handle, View::get32<1>(record)), type,
@@ -210,7 +210,7 @@ int deliverSamples(KLT_Stream& s, uint8_t* record) {
   if (handlers.counter_value == nullptr) return 0;
   const uint32_t n = View::count<3>(record);
   auto* values = reinterpret_cast<uint64_t*>(record + View::arrayAt<3>(record));
-  for (uint32_t i = 0; i < n; ++i) values[i] = klt::swapBytes(values[i]);
+  for (uint32_t i = 0; i < n; ++i) values[i] = klt::bigEndian(values[i]);
   return handlers.counter_value(handlers.user_data, KLT_RecordTime(record), View::get32<1>(record),
                                 n, View::array<uint32_t, 4>(record), values);
 }

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Runs the program on traces that ask for more than they should, under limits of memory and CPU time:
-both stay in proportion to the bytes of the trace. No control characters in messages.
+both stay in proportion to the bytes of the trace. A trace of twice the size takes about twice the
+time. No control characters in messages.
 
   run_bounds.py --program klttool --maker make_hostile [--case C] [--size N] [--no-memory-limit]
 """
@@ -15,12 +16,15 @@ import subprocess
 import sys
 import tempfile
 
-BASE_MEMORY = 48 << 20  # of address space
+BASE_MEMORY = 8 << 20  # of data
+MEMORY_PER_FILE = 256 << 10  # of the trace
 MEMORY_PER_BYTE = 8  # of the trace
 # An output has a file for each thread, so a trace of nothing but threads costs more than its bytes.
 PER_BYTE = {("thread_lists", "some threads"): 64, ("threads", "extract"): 1000}
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
+SHORT_SECONDS = 0.4  # the growth of less is not measured
+GROWTH = 2.7  # at most, from half of a trace to all of it; n log n is 2.1, a square 4
 OUTPUT = 1 << 30
 THREADS_SHARE = 20  # of the size
 
@@ -40,6 +44,10 @@ OPERATIONS = {
 }
 
 
+ENVIRONMENT = {"RK_VERBOSE": "0", "ASAN_OPTIONS": "abort_on_error=1",
+               "UBSAN_OPTIONS": "abort_on_error=1"}
+
+
 def container(key, count, offset, length, used):
     """A container with one component, whose extents follow one another if they have a byte each."""
     offsets = array.array("Q", (offset + (i if length == 1 else 0) for i in range(count)))
@@ -57,30 +65,64 @@ CONTAINERS = {
 }
 
 
-def run(program, case, name, place, memory):
-    """Problems of one run, as texts. `memory` limits it unless that is false."""
-    size = sum(file.stat().st_size for file in place.glob("t.klt*"))
-    seconds = int(BASE_SECONDS + SECONDS_PER_MEGABYTE * size / 1e6)
-    limits = {resource.RLIMIT_CPU: seconds, resource.RLIMIT_FSIZE: OUTPUT, resource.RLIMIT_CORE: 0}
-    if memory:
-        limits[resource.RLIMIT_AS] = BASE_MEMORY + size * PER_BYTE.get((case, name), MEMORY_PER_BYTE)
+class Runner:
+    """The program on one case: traces of it by size, and the problems found."""
 
-    def confine():
-        for kind, limit in limits.items():
-            resource.setrlimit(kind, (limit, limit))
+    def __init__(self, arguments, case, directory):
+        self.arguments, self.case, self.directory = arguments, case, pathlib.Path(directory)
+        self.problems = []
 
-    environment = {"RK_VERBOSE": "0", "KLTT_SERIAL": "0" if name == "unordered" else "1",
-                   "ASAN_OPTIONS": "abort_on_error=1", "UBSAN_OPTIONS": "abort_on_error=1"}
-    (place / "out").mkdir(exist_ok=True)
-    done = subprocess.run([program, "t.klt", *OPERATIONS[name].split()], cwd=place, env=environment,
-                          stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, check=False,
-                          stderr=subprocess.PIPE, preexec_fn=confine)
-    if done.returncode < 0 or done.returncode > 127:
-        yield f"status {done.returncode}, with {seconds} s of CPU time at most"
-    if b"out of memory" in done.stderr:
-        yield f"out of memory, {size} bytes of input"
-    if re.search(rb"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", done.stderr):
-        yield "control characters in messages"
+    def trace(self, size):
+        """A directory with the case's trace of that size."""
+        place = self.directory / str(size)
+        if not place.exists():
+            (place / "out").mkdir(parents=True)
+            if self.case in CONTAINERS:
+                (place / "t.klt").write_bytes(container(*CONTAINERS[self.case]))
+            else:
+                subprocess.run([self.arguments.maker, self.case, place, str(size)], check=True)
+        return place
+
+    def run(self, name, size):
+        """Seconds of user time that an operation takes under the limits."""
+        place = self.trace(size)
+        files = [*place.glob("t.klt*")]
+        length = sum(file.stat().st_size for file in files)
+        seconds = int(BASE_SECONDS + SECONDS_PER_MEGABYTE * length / 1e6)
+        limits = {resource.RLIMIT_CPU: seconds, resource.RLIMIT_FSIZE: OUTPUT, resource.RLIMIT_CORE: 0}
+        if not self.arguments.no_memory_limit:
+            per_byte = PER_BYTE.get((self.case, name), MEMORY_PER_BYTE)
+            limits[resource.RLIMIT_DATA] = (
+                BASE_MEMORY + length * per_byte + len(files) * MEMORY_PER_FILE)
+
+        def confine():
+            for kind, limit in limits.items():
+                resource.setrlimit(kind, (limit, limit))
+
+        before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime
+        done = subprocess.run(
+            [self.arguments.program.resolve(), "t.klt", *OPERATIONS[name].split()], cwd=place,
+            env=ENVIRONMENT | {"KLTT_SERIAL": "0" if name == "unordered" else "1"},
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
+            preexec_fn=confine)
+        took = resource.getrusage(resource.RUSAGE_CHILDREN).ru_utime - before
+        for problem, found in (
+                (f"status {done.returncode}, with {seconds} s of CPU time at most",
+                 done.returncode < 0 or done.returncode > 127),
+                (f"out of memory, {length} bytes of input", b"out of memory" in done.stderr),
+                ("control characters in messages",
+                 re.search(rb"[\x00-\x08\x0b\x0c\x0e-\x1f\x7f]", done.stderr))):
+            if found:
+                self.problems.append(f"{self.case}, {name}: {problem}")
+        return took
+
+    def check(self, name, size):
+        whole = self.run(name, size)
+        if whole > SHORT_SECONDS and self.case not in CONTAINERS:
+            half = self.run(name, size // 2)
+            if whole > GROWTH * half + SHORT_SECONDS:
+                self.problems.append(
+                    f"{self.case}, {name}: {half:.2f} s for half of the trace, {whole:.2f} s for all")
 
 
 def main():
@@ -93,19 +135,14 @@ def main():
     parser.add_argument("--no-memory-limit", action="store_true", help="for sanitizers")
     arguments = parser.parse_args()
     made = subprocess.run([arguments.maker], check=True, stdout=subprocess.PIPE, text=True)
-    problems, cases = [], [arguments.case] if arguments.case else [*made.stdout.split(), *CONTAINERS]
-    for case in cases:
+    problems = []
+    for case in [arguments.case] if arguments.case else [*made.stdout.split(), *CONTAINERS]:
         print(case, flush=True)
         with tempfile.TemporaryDirectory() as directory:
-            place = pathlib.Path(directory)
-            size = arguments.size // (THREADS_SHARE if case == "threads" else 1)
-            if case in CONTAINERS:
-                (place / "t.klt").write_bytes(container(*CONTAINERS[case]))
-            else:
-                subprocess.run([arguments.maker, case, place, str(size)], check=True)
-            problems += [f"{case}, {name}: {problem}" for name in OPERATIONS
-                         for problem in run(arguments.program.resolve(), case, name, place,
-                                            not arguments.no_memory_limit)]
+            runner = Runner(arguments, case, directory)
+            for name in OPERATIONS:
+                runner.check(name, arguments.size // (THREADS_SHARE if case == "threads" else 1))
+            problems += runner.problems
     print("\n".join(problems))
     return 1 if problems else 0
 

@@ -72,10 +72,11 @@ class Runner:
         self.place = Place(program, Folder(DATA / sample), directory)
         self.out, self.operation = self.place.path / "out", operation
         self.older = {}  # a trace under the output's name that is there already, by part
-        self.failures = []
+        self.failures, self.runs = [], 0
 
     def run(self, call="none", n=1, error=0, by=0, calls=ONE):
         """The finished process, and whether the fault's turn came."""
+        self.runs += 1
         shutil.rmtree(self.out, ignore_errors=True)
         self.out.mkdir()
         for part, data in self.older.items():
@@ -184,7 +185,8 @@ def main():
         writes = f"out/{OUTPUT}" in runner.options and not arguments.no_kills
         for older in (None, "io") if writes else ():
             runner.kill_all(older)
-    print("\n".join(runner.failures[:10]), f"{len(runner.failures)} failures", sep="\n")
+    print("\n".join(runner.failures[:10]), f"{runner.runs} runs, {len(runner.failures)} failures",
+          sep="\n")
     return 1 if runner.failures else 0
 
 
