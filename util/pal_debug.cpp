@@ -39,7 +39,7 @@ DebugChannel& Channel() {
   return channel;
 }
 
-// The thread is inside PAL_Debug. Messages of the functions that it calls there are dropped.
+// Whether this thread is inside PAL_Debug. A nested call would lock the mutex twice, so it returns.
 thread_local bool insideChannel = false;
 
 std::string DebugPrefix(const char* file, int line) {
@@ -92,12 +92,12 @@ DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
   return channel.file >= 0 ? DebugTarget::kFile : DebugTarget::kDescriptor;
 }
 
-// `text` with the prefix before each line that begins at column 0.
+// `text` with a prefix before each line, except before a continuation of the previous message.
 std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
                             int line) {
   std::string result;
-  const bool moved = line != channel.sourceLine || std::strcmp(file, channel.sourceFile) != 0;
-  if (moved && channel.lineOpen) {
+  const bool isNewSource = line != channel.sourceLine || std::strcmp(file, channel.sourceFile) != 0;
+  if (isNewSource && channel.lineOpen) {
     result += '\n';
     channel.lineOpen = false;
   }

@@ -27,8 +27,8 @@ class ErrnoKeeper {
   int saved_;
 };
 
-// A formatted text. A short one needs no heap memory, because exhausted memory is reported through
-// this class.
+// A formatted message. A short one needs no heap memory, so that exhausted heap memory can be
+// reported.
 class MessageText {
  public:
   __attribute__((format(printf, 2, 0))) MessageText(const char* format, va_list arguments) {
@@ -60,7 +60,7 @@ struct WrittenMessages {
 
   std::mutex mutex;
   Reading reading = Reading::kNone;
-  // How often the first reading wrote each message.
+  // The first reading counts its messages here, the second one counts them down.
   std::unordered_map<std::string, uint64_t> texts;
 };
 
@@ -69,8 +69,8 @@ WrittenMessages& Written() {
   return written;
 }
 
-// Whether the message was written in the first reading already. Storing a message needs memory, so
-// messages inside this function, which report its exhaustion, are not compared.
+// Whether the message repeats one of the first reading. Storing a message allocates memory. If that
+// fails, this function is called again for the report of it, which is never taken for a repetition.
 bool IsRepeated(std::string_view text) {
   static thread_local bool isInside = false;
   if (isInside) return false;
@@ -94,7 +94,7 @@ struct TimeText {
   char text[32];
 };
 
-// The date and time; empty unless messages show it.
+// The date and time; empty if messages don't show them.
 TimeText CurrentTimeText() {
   TimeText result = {};
   if (PAL_messages.showTime == 0) return result;
@@ -104,8 +104,8 @@ TimeText CurrentTimeText() {
   return result;
 }
 
-// Formats the prefix of the lines of a message. Returns the length that it has or would have, like
-// snprintf.
+// Formats the prefix of the lines of a message. Returns its full length, also if that is above
+// `size`, like snprintf.
 int FormatPrefix(char* prefix, size_t size, const char* level) {
   const TimeText now = CurrentTimeText();
   const char* timeGap = PAL_messages.showTime != 0 ? " " : "";

@@ -1,8 +1,8 @@
 // Writes messages to the user, separate from the program's regular output.
 //
 // There are three levels with one line format, written to standard error and to optional further
-// targets. Owns the process-wide settings PAL_messages. Messages never end the process. Short ones
-// need no heap memory, so that its exhaustion can be reported.
+// targets. Owns the process-wide settings PAL_messages. Messages never end the process. Short
+// messages need no heap memory, so that exhausted heap memory can be reported.
 #pragma once
 
 #include <cstddef>
@@ -28,8 +28,8 @@ void PAL_Info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// Suppresses repeated messages when the same data is read twice: after beginSecond() a message that
-// was written before it, since construction, is left out. At most one object exists at a time.
+// For data that is read twice: after beginSecond(), messages that were written between construction
+// and beginSecond() are left out. At most one object exists at a time.
 class PAL_MessagesOnce {
  public:
   PAL_MessagesOnce();  // the first reading begins

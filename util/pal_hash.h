@@ -39,17 +39,17 @@ class PAL_Hash {
 };
 
 // A hash for standard containers whose keys come from a file: integers and texts. The standard
-// library's own hashes can be foreseen, so that a small file could make all its keys collide.
+// library's own hashes are predictable, so a small file could contain only keys that collide.
 struct PAL_KeyHash {
   [[nodiscard]] size_t operator()(uint64_t key) const {
     static const PAL_Hash<2> hash;
     return hash({static_cast<uint32_t>(key), static_cast<uint32_t>(key >> 32)});
   }
-  // The text as a polynomial at a random point, modulo the prime 2^61 - 1.
+  // A polynomial with the bytes as coefficients, at a random point, modulo the prime 2^61 - 1.
   [[nodiscard]] size_t operator()(std::string_view text) const {
     __extension__ using Wide = unsigned __int128;
     constexpr uint64_t kPrime = (uint64_t{1} << 61) - 1;
-    constexpr size_t kStep = 7;  // bytes whose value is below the prime
+    constexpr size_t kStep = 7;  // bytes of a coefficient, which is below the prime
     static const uint64_t point = PAL_RandomSeed64() % kPrime;
     uint64_t hash = text.size();
     for (size_t at = 0; at < text.size(); at += kStep) {
@@ -68,8 +68,8 @@ using PAL_HashMap = std::unordered_map<Key, Value, PAL_KeyHash>;
 template <class Key>
 using PAL_HashSet = std::unordered_set<Key, PAL_KeyHash>;
 
-// Finds the numbers of keys by open addressing. The owner of the keys numbers and compares them. A
-// slot contains the whole hash, so that other keys are rarely compared.
+// A hash table with open addressing that finds the number of a key. Its owner stores, numbers and
+// compares the keys. A slot contains the whole hash, so that different keys are rarely compared.
 template <size_t Numbers>
 class PAL_KeyIndex {
  public:
@@ -95,7 +95,7 @@ class PAL_KeyIndex {
     put({hash, cleared_ + number});
   }
 
-  // Removes all keys. That takes no time, since their slots only count as free from now on.
+  // Removes all keys. Raising `cleared_` frees their slots, so these rarely have to be written.
   void clear() {
     cleared_ += highest_;
     size_ = 0;
@@ -108,7 +108,7 @@ class PAL_KeyIndex {
  private:
   struct Slot {
     uint32_t hash = 0;
-    uint32_t key = 0;  // its number plus `cleared_`; free if not above that
+    uint32_t key = 0;  // the key's number + `cleared_`; the slot is free if not above `cleared_`
   };
 
   void put(const Slot& slot) {
@@ -128,17 +128,17 @@ class PAL_KeyIndex {
 
   std::vector<Slot> slots_ = std::vector<Slot>(64);  // a power of two, at most half full
   size_t size_ = 0;
-  uint32_t highest_ = 0;  // number
+  uint32_t highest_ = 0;  // number of a key
   uint32_t cleared_ = 0;  // sum of the highest numbers before each clear()
   PAL_Hash<Numbers> hash_;
 };
 
 // Sorts `items`, which are in order of insertion, into the order in which a chained hash table with
 // `buckets` buckets would be iterated: by bucket, within a bucket by insertion. hashOf(item) is a
-// uint32_t; its remainder is the bucket.
+// uint32_t; its remainder by `buckets` is the bucket.
 //
 // This order is part of the format: it determines the bytes that are written and the order in which
-// streams are read. The hash tables of the program don't have chains, so it is computed here.
+// streams are read. The program's own hash tables have no chains, so the order is computed here.
 template <class T, class HashOf>
 void PAL_SortByBucket(std::vector<T>& items, uint32_t buckets, HashOf hashOf) {
   std::vector<size_t> starts(size_t{buckets} + 1);

@@ -1,7 +1,7 @@
 // Implements the allocator hooks, the global operators that use them, temporary blocks and packing.
 //
-// Owns PAL_allocators. A failed allocation ends the process through PAL_Error, so nothing that is
-// called for that may allocate.
+// Owns PAL_allocators. A failed allocation is reported by PAL_Error and ends the process. What is
+// called for this report must not allocate memory.
 #include "util/pal_mem.h"
 
 #include <unistd.h>
@@ -94,7 +94,7 @@ char* PAL_StrDup(const char* text, const char* file, int line) {
 
 namespace {
 
-// A word at the start of each temporary block says where its memory is.
+// The first word of each temporary block says whether it is on the heap or in a frame.
 constexpr size_t kStackHeaderBytes = 16;
 constexpr uint32_t kFromHeap = 0;
 constexpr uint32_t kFromFrame = 1;
@@ -155,7 +155,7 @@ bool IsPackedSize(const PAL_PackType* types, size_t count, size_t bytes) {
   return !__builtin_mul_overflow(PackedSize(types), count, &expected) && expected == bytes;
 }
 
-// Room for `bytes` more bytes; null if the buffer can't become that large.
+// Makes room for `bytes` more bytes and returns it; null if the buffer can't become that large.
 unsigned char* Reserve(PAL_Buffer& buffer, size_t bytes) {
   if (bytes > UINT32_MAX - buffer.length) return nullptr;
   const auto needed = static_cast<uint32_t>(buffer.length + bytes);
@@ -181,7 +181,7 @@ bool UnpackNumber(uint32_t& value, PAL_Buffer& buffer) {
   return PAL_Unpack(&value, nullptr, 1, sizeof value, buffer);
 }
 
-// Whether the buffer has `count` elements, so that room for them may be allocated.
+// Whether the buffer still has `count` elements. Checked before memory for them is allocated.
 bool HoldsElements(const PAL_Buffer& buffer, size_t count, size_t packedSize, size_t itemSize) {
   size_t packed;
   size_t unpacked;
@@ -306,8 +306,8 @@ void PAL_UnpackStringCopy(char*& pointer, PAL_Buffer& buffer) {
 // --- global operators ---------------------------------------------------------------------------
 //
 // All forms use the hooks, also the non-throwing ones: the process never continues after a failed
-// allocation. The hooks don't support alignment, so an over-aligned block is a part of a larger
-// one, whose address is stored in the word before it.
+// allocation. The hooks don't support alignment, so an over-aligned block is part of a larger
+// block, whose address is stored in the word before the over-aligned one.
 
 namespace {
 

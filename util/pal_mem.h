@@ -25,8 +25,8 @@ struct PAL_AllocatorTable {
 extern PAL_AllocatorTable PAL_allocators;
 
 // Sets each of the four functions of PAL_allocators that is null to the standard library's. Only
-// the first call has an effect. The table can also be used before it, since it initially has these
-// functions.
+// the first call has an effect. The table can also be used before that call, since it initially
+// contains these functions.
 void PAL_MemInit();
 
 // Reports "out of memory" for a request of `bytes` bytes made at `file`:`line` and ends the process
@@ -34,7 +34,7 @@ void PAL_MemInit();
 [[noreturn]] void PAL_OutOfMemory(size_t bytes, const char* file, int line);
 
 // The allocations that the typed operations below use. They return null only for a size of 0, for
-// which no hook is called.
+// which they allocate nothing.
 [[nodiscard]] void* PAL_Allocate(size_t bytes, const char* file, int line);
 [[nodiscard]] void* PAL_AllocateZeroed(size_t count, size_t size, const char* file, int line);
 [[nodiscard]] void* PAL_Reallocate(void* block, size_t bytes, const char* file, int line);
@@ -73,8 +73,8 @@ template <class Vector>
   const PAL_Place here(file, line);
   vector.reserve(vector.empty() ? 1 : 2 * vector.size());
 }
-// Makes room in `vector` for one more element, with the caller's source location. For functions
-// that are called too often for a PAL_Place.
+// Makes room in `vector` for one more element. Sets the source location for "out of memory" only if
+// the vector grows, because a PAL_Place in each call would take time.
 template <class Vector>
 [[gnu::always_inline]] inline void PAL_MakeRoom(Vector& vector, const char* file = __builtin_FILE(),
                                                 int line = __builtin_LINE()) {
@@ -110,25 +110,25 @@ void PAL_FREE(T*& pointer) {
   pointer = nullptr;
 }
 
-// A heap copy of `text` that the caller releases with PAL_FREE; null for null.
+// A heap copy of `text` that the caller releases with PAL_FREE; null if `text` is null.
 [[nodiscard]] char* PAL_StrDup(const char* text, const char* file = __builtin_FILE(),
                                int line = __builtin_LINE());
 
-// Blocks of this size and more come from the heap, smaller ones from the caller's frame.
+// Temporary blocks of at least this many bytes are on the heap, smaller ones in the caller's frame.
 inline constexpr size_t kPalStackLimit = 65536;
 
 // The bytes that PAL_STACK_ALLOC takes from the caller's frame for a block of `bytes` bytes.
 [[nodiscard]] constexpr size_t PAL_StackFrameBytes(size_t bytes) {
   return bytes == 0 || bytes >= kPalStackLimit ? 0 : (bytes + 16 + 15) / 16 * 16;
 }
-// The block in `frame` or, if PAL_StackFrameBytes is 0, from the heap; null for 0 bytes.
+// A block in `frame` or, if PAL_StackFrameBytes(bytes) is 0, on the heap; null for 0 bytes.
 [[nodiscard]] void* PAL_StackBlock(void* frame, size_t bytes, const char* file, int line);
 void PAL_StackRelease(void* block);
 
 // Points `pointer` to a temporary block of `size` bytes, aligned to 16, or makes it null for 0
 // bytes. The caller must release the block with PAL_STACK_FREE before it returns. A failed
 // allocation ends the process. `size` is evaluated twice. This is a macro, because a function can't
-// take memory from the frame of its caller.
+// allocate memory in the frame of its caller.
 #define PAL_STACK_ALLOC(pointer, size)                        \
   ((pointer) = static_cast<decltype(pointer)>(PAL_StackBlock( \
        __builtin_alloca(PAL_StackFrameBytes(size)), (size), __builtin_FILE(), __builtin_LINE())))
@@ -140,8 +140,8 @@ void PAL_STACK_FREE(T*& pointer) {
   pointer = nullptr;
 }
 
-// A growing byte buffer. While packing, `length` is the number of used bytes. While unpacking, it
-// is the read position, and `capacity` the number of readable bytes. `data` is null while
+// A growing byte buffer. While packing, `length` is the number of used bytes. While unpacking,
+// `length` is the read position and `capacity` the number of readable bytes. `data` is null while
 // `capacity` is 0; the owner releases it with PAL_FREE.
 struct PAL_Buffer {
   unsigned char* data = nullptr;
@@ -157,7 +157,7 @@ struct PAL_Array {
 };
 
 // The kinds of an item in a type description. PAD packs nothing and unpacks as 8 zero bytes; END
-// closes the description.
+// ends the description.
 enum PAL_PackKind : uint32_t {
   PAL_PACK_PAD = 0,
   PAL_PACK_BYTE = 1,
@@ -169,7 +169,7 @@ enum PAL_PackKind : uint32_t {
 };
 
 // One item of a type description: the kind of the item, and its distance in bytes to the next item
-// in the structure. The step of the last item leads to the next structure.
+// in the structure. The step of the last item is the distance to the next structure.
 struct PAL_PackType {
   uint32_t kind;
   uint32_t step;

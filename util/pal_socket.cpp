@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr uint16_t kFirstPort = 1025;  // 1024 isn't used
+constexpr uint16_t kFirstPort = 1025;  // 1024 isn't tried, although a message below names it
 constexpr uint16_t kPortLimit = 65535;
 constexpr const char* kLoopback = "127.0.0.1";
 
@@ -92,7 +92,7 @@ bool FindHost(const char* hostname, Host& host) {
   return FindLocalHost(host);
 }
 
-// The address of the host for others: its first one that isn't the loopback address, or its name.
+// The host's first address that isn't the loopback address, or its name if there is none.
 std::string ContactHost(const Host& host) {
   for (const addrinfo* entry = host.addresses.get(); entry != nullptr; entry = entry->ai_next) {
     if (entry->ai_family != AF_INET) continue;

@@ -60,7 +60,7 @@ std::string PAL_Printable(std::string_view text) {
   const auto isC1 = [](unsigned char byte) { return byte >= 0x80 && byte < 0xa0; };
   std::string result;
   result.reserve(text.size());
-  int following = 0;  // bytes that belong to the UTF-8 character before
+  int following = 0;  // remaining bytes of the current UTF-8 character
   for (size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
     const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
@@ -90,9 +90,9 @@ std::string PAL_vasprintf(const char* format, va_list arguments) {
     va_end(copy);
     if (result < 0) return format;
     const auto length = static_cast<size_t>(result);
-    const bool whole = length < text.size();
-    text.resize(whole ? length : length + 1);
-    if (whole) return text;
+    const bool fits = length < text.size();
+    text.resize(fits ? length : length + 1);
+    if (fits) return text;
   }
 }
 

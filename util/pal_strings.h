@@ -1,14 +1,14 @@
 // Compares, classifies and formats text independently of the locale.
 //
-// Owns the program's own character tables, which determine how keywords and options ignore case.
+// Owns the character tables by which keywords and options are compared without regard to case.
 #pragma once
 
 #include <cstdarg>
 #include <string>
 #include <string_view>
 
-// Compares byte by byte through the upper-case table: 0, or the difference of the first two table
-// values that differ.
+// Compares the upper-case forms byte by byte. Returns 0, or the difference of the first two bytes
+// that differ.
 [[nodiscard]] int PAL_StrCaseCmp(const char* a, const char* b);
 
 // 1 if `text` isn't empty and consists of the digits 0 to 9, else 0.
@@ -17,15 +17,15 @@
 // True for tab, line feed, vertical tab, form feed, carriage return and blank.
 [[nodiscard]] bool PAL_IsSpace(char c);
 
-// Maps a to z; all other bytes are unchanged.
+// Maps a to z to A to Z; all other bytes are unchanged.
 [[nodiscard]] char PAL_ToUpper(char c);
 
 // The text after the last "/" or, if there is none, after the last "\", or the whole `path`. Points
 // into `path`.
 [[nodiscard]] const char* PAL_BaseName(const char* path);
 
-// `text` with each byte of a control character (below 0x20, 0x7f, and 0x80 to 0x9f, which some
-// terminals obey, as such or in UTF-8) written as \xNN.
+// `text` with each byte of a control character written as \xNN. Control characters are those below
+// 0x20, 0x7f, and 0x80 to 0x9f (as a byte or in UTF-8), which some terminals obey.
 [[nodiscard]] std::string PAL_Printable(std::string_view text);
 
 // The formatted text; the format itself if the C library reports an error for it.

@@ -35,7 +35,7 @@ uint32_t ReadRandom() {
 }
 
 uint32_t MixedRand() {
-  // Weak, but only used on a system without a better source.
+  // rand() is weak, but only used if /dev/urandom can't be read.
   // NOLINTNEXTLINE(cert-msc30-c,cert-msc50-cpp)
   const auto part = [] { return static_cast<uint32_t>(std::rand()); };
   uint32_t value = part() << 24;
@@ -91,8 +91,8 @@ std::string PAL_PathInDir(const char* directory, const std::string& path) {
 
 int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode) {
   if (directory != nullptr && directory[0] != '\0' && path[0] != '/' && !IsDot(directory)) {
-    // An evicted descriptor is opened again by its path in the working directory of that moment, so
-    // the path must include the directory. That also saves changing the working directory.
+    // vfd may close the file and later open it again by this path, from the working directory of
+    // that time. So the path includes the directory, and the working directory isn't changed.
     const int descriptor = Vfd_Open(PAL_PathInDir(directory, path).c_str(), flags, mode);
     if (descriptor >= 0) return descriptor;
   }

@@ -1,7 +1,7 @@
 // Helpers for files, directories, time and random numbers.
 //
-// Files are opened and read through vfd. A function that gets a directory other than the working
-// directory may change the working directory of the whole process while it runs.
+// Files are opened and read through vfd. A function that is called with a directory other than the
+// working directory may change the working directory of the whole process while it runs.
 #pragma once
 
 #include <sys/types.h>
@@ -54,8 +54,8 @@ class PAL_FileLock {
 
   // Locks `path`, relative to `directory` unless that is null, and creates the file if it doesn't
   // exist. The lock is held until destruction. Returns false, after a message, if another process
-  // holds it. Returns true without a lock if the file isn't regular, can't be opened, or is on a
-  // file system without locks.
+  // holds the lock. Returns true without a lock if the file isn't regular, can't be opened, or is
+  // on a file system without locks.
   [[nodiscard]] bool acquire(const char* directory, const char* path, mode_t mode);
 
  private:
@@ -84,5 +84,5 @@ int PAL_System(const char* command);
 
 // A nonzero random number from /dev/urandom, or from rand() if that can't be read.
 [[nodiscard]] uint32_t PAL_RandomSeed();
-// Two such numbers in one of 64 bits.
+// A random number of 64 bits, whose two halves are nonzero.
 [[nodiscard]] uint64_t PAL_RandomSeed64();

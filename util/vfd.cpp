@@ -1,9 +1,9 @@
-// Implements the table of virtual descriptors and the functions of vfd.h. See there.
+// Implements the table of virtual descriptors and the functions of vfd.h.
 //
 // All entries whose operating-system descriptor can be closed and opened again are in one list, the
-// least recently used first. To make room, files are closed from the start of this list. So the
-// time for this depends only on the number of files that are closed and of those that are skipped
-// before them, because they are pinned or have no position.
+// least recently used first. To make room, files are closed from the start of this list. Files that
+// are pinned or have no position are skipped. So the time that this takes depends only on the
+// numbers of files that are closed and skipped.
 #include "util/vfd.h"
 
 #include <fcntl.h>
@@ -54,8 +54,8 @@ struct VfdEntry {
   bool inUse = false;
   int fd = -1;
   int pinCount = 0;         // running operations and explicit pins
-  int closeError = 0;       // errno of a failed close for room, until a call returns it
-  VfdFile* file = nullptr;  // how to open it again; null if that isn't possible
+  int closeError = 0;       // errno of a failed close by makeRoom, until a call returns it
+  VfdFile* file = nullptr;  // how to open it again; null if it can't be opened again
   off_t offset = 0;         // position to set when it is opened again
 };
 
@@ -104,7 +104,7 @@ VfdTable& table() {
   return *instance;
 }
 
-// Closes a descriptor. EINTR isn't an error: Linux has closed the descriptor then.
+// Closes a descriptor. EINTR isn't an error, because Linux closes the descriptor even then.
 int closeFd(int fd) {
   const int result = Vfd_systemCalls.close(fd);
   return result != 0 && errno == EINTR ? 0 : result;
@@ -162,8 +162,8 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   return true;
 }
 
-// Closes files until their number is a tenth of the number of entries in the table, but at least
-// one. Returns false if no file could be closed.
+// Closes a number of files that is a tenth of the number of entries in the table, but at least one.
+// Returns false if no file could be closed.
 bool makeRoom(VfdTable& t) {
   const size_t target = std::max<size_t>(t.entries.size() / 10, 1);
   size_t succeeded = 0;
@@ -222,8 +222,8 @@ VfdEntry* newEntry(VfdTable& t, VfdFile* file, off_t offset, int* descriptor) {
   return entry;
 }
 
-// Gives an entry an operating-system descriptor again: a duplicate of that of another open entry of
-// the same file or, if there is none, by opening the file.
+// Sets the operating-system descriptor of an entry again: to a duplicate of the descriptor of
+// another entry of the file or, if none is open, by opening the file.
 bool reopen(VfdTable& t, VfdEntry* entry) {
   VfdFile* const file = entry->file;
   VfdEntry* const sibling = file->openEntries.first;
@@ -247,7 +247,7 @@ bool reopen(VfdTable& t, VfdEntry* entry) {
   return true;
 }
 
-// --- functions that take the mutex themselves ---------------------------------------------------
+// --- functions that lock the mutex themselves ---------------------------------------------------
 
 // The entry, opened if necessary, marked as used and pinned; null with errno on failure.
 VfdEntry* acquire(VfdTable& t, int descriptor, int* fd) {
@@ -330,8 +330,8 @@ int Vfd_Open(const char* path, int flags, mode_t mode) {
   if (fd < 0) return -1;
 
   const int savedErrno = errno;
-  // A file that is opened again continues at its position, without O_APPEND. So the position of an
-  // append-only file must be its end even before the first write.
+  // A file that is opened again is opened without O_APPEND, and its position is restored. So the
+  // position of an append-only file must be its end even before the first write.
   const bool appendOnly = (flags & O_APPEND) != 0 && (flags & O_ACCMODE) == O_WRONLY;
   const off_t start = appendOnly ? Vfd_systemCalls.lseek(fd, 0, SEEK_END) : 0;
   errno = savedErrno;

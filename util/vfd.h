@@ -1,13 +1,13 @@
-// Virtual file descriptors, of which more can be open than the system allows.
+// Provides virtual file descriptors, more of which can be open than the system allows.
 //
 // A virtual descriptor is a small integer that stays valid while its operating-system descriptor is
 // closed. Files are opened until the kernel returns EMFILE; then the least recently used tenth of
 // them is closed. A closed file is opened again at its old position on its next use. A relative
 // path is then resolved against the working directory of that moment.
 //
-// All files of klt/storage and util/pal_util are opened here. The calls behave like the POSIX calls
-// of the same name and fail like them, with -1 and errno; EBADF for an unknown descriptor. They may
-// be made from any thread. One mutex guards the table; it isn't held during a read or write.
+// All files of klt/storage and util/pal_util are opened here. The functions behave and fail like
+// the POSIX functions of the same name; an unknown descriptor fails with EBADF. Any thread may call
+// them. One mutex guards the table; it isn't held during a read or write.
 #pragma once
 
 #include <sys/stat.h>
@@ -15,22 +15,22 @@
 
 #include <cstddef>
 
-// Opens `path` and returns a new descriptor. EMFILE if no other file could be closed to make room
-// for it. The file is close-on-exec.
+// Opens `path` and returns a new descriptor. Fails with EMFILE if no file can be closed to make
+// room. The file is close-on-exec.
 [[nodiscard]] int Vfd_Open(const char* path, int flags, mode_t mode);
 
 // A new descriptor for a duplicate of the operating-system descriptor `osDescriptor`, which the
-// caller keeps. The duplicate is never closed to make room. EINVAL if the argument is negative.
+// caller keeps. The duplicate is never closed to make room. A negative argument fails with EINVAL.
 [[nodiscard]] int Vfd_Adopt(int osDescriptor);
 
 // A new descriptor for the same file. For a file opened by Vfd_Open it uses no operating-system
-// descriptor before its first use. A descriptor that is opened while another one of the file is
-// open shares that one's position.
+// descriptor before its first use. If the file is open through another descriptor then, both share
+// one position.
 [[nodiscard]] int Vfd_Dup(int descriptor);
 
-// Releases the descriptor, whose number is used for the next new one. -1 if the system reports an
-// error for this close, or reported one when the file was closed to make room and no call has
-// returned it yet. The descriptor is released in every case except EBADF.
+// Releases the descriptor, whose number is used for the next new one. Returns -1 if this close
+// fails, or if a close to make room failed and no call has returned that error yet. The descriptor
+// is released in every case except EBADF.
 int Vfd_Close(int descriptor);
 
 [[nodiscard]] ssize_t Vfd_Read(int descriptor, void* buffer, size_t bytes);
@@ -52,7 +52,7 @@ int Vfd_Stat(int descriptor, struct stat* info);
 // file isn't closed to make room. Pinning doesn't open a closed file; its next use does.
 int Vfd_Pin(int descriptor, int on);
 
-// The system calls that this module uses. Tests replace functions in Vfd_systemCalls to let the
+// The system calls that this module uses. Tests replace functions in Vfd_systemCalls to make the
 // n-th call fail or transfer less, and restore Vfd_osCalls afterwards. The table may only be
 // changed while no other thread uses this module.
 struct VfdSystemCalls {

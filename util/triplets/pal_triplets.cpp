@@ -29,8 +29,8 @@ using pal::validSections;
 constexpr char kInvalidData[] = "Invalid triplet data.\n";
 constexpr char kStrideZero[] = "Wrong triplet syntax, stride == 0, ignoring triplet.\n";
 
-// The valid sections of a list. Invalid entries are reported, and an inverted one makes the result
-// empty.
+// The valid sections of a list. Invalid entries are reported; if an entry is inverted, the result
+// is empty.
 Sections checkedSections(PAL_TripletSpan list) {
   if (std::any_of(list.begin(), list.end(), pal::isInverted)) {
     PAL_Error(kInvalidData);
@@ -75,10 +75,9 @@ PAL_Triplets valueOrReport(std::optional<PAL_Triplets>&& result) {
   return std::move(result).value_or(PAL_Triplets());
 }
 
-// A small budget for the first attempt. Lists from files may interleave over the whole range of
-// numbers, while a user selects few: if this budget is exceeded, each pair of sections is compared.
-// That takes time proportional to the product of their numbers, but none for numbers that aren't in
-// both lists.
+// A small budget for the first attempt. If it is exceeded, each pair of sections is compared
+// instead, in time proportional to the number of pairs. That is faster if a list from a file
+// interleaves over the whole range of numbers and the user selects few of them.
 constexpr Budget kSmallBudget{.steps = 4096};
 
 bool pairsAreFew(const Sections& a, const Sections& b) {
@@ -86,8 +85,8 @@ bool pairsAreFew(const Sections& a, const Sections& b) {
   return a.empty() || b.size() <= kMaxPairs / a.size();
 }
 
-// Calls visit(section) with the common numbers of each pair of sections that has any, until it
-// returns true. Returns whether it did.
+// Calls visit(section) with the common numbers of each pair of sections that has any, until visit
+// returns true. Returns whether visit returned true.
 template <class Visit>
 bool anyCommonPair(const Sections& a, const Sections& b, Visit&& visit) {
   for (const Section& x : a) {
@@ -109,8 +108,8 @@ std::optional<PAL_Triplets> intersectPairs(const Sections& a, const Sections& b)
   return combine(Operation::kUnite, pairs, {});
 }
 
-// Calls visit(x, y) for each pair of sections of two sets whose ranges overlap, until it returns
-// true. Returns whether it did.
+// Calls visit(x, y) for each pair of sections of two sets whose ranges overlap, until visit returns
+// true. Returns whether visit returned true.
 template <class Visit>
 bool anyOverlapping(const Sections& a, const Sections& b, Visit&& visit) {
   size_t i = 0;
@@ -137,7 +136,7 @@ int64_t largestCount(const Sections& sections) {
   return count;
 }
 
-// The number of numbers that two sets have in common, at most 2^32.
+// How many numbers two sets have in common, at most 2^32.
 int64_t countCommon(const Sections& a, const Sections& b) {
   int64_t count = 0;
   anyOverlapping(a, b, [&](const Section& x, const Section& y) {
@@ -266,8 +265,8 @@ PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b) {
 }
 
 bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* number) {
-  // The slow case is a section of `a` whose range overlaps with many of `b` without a common
-  // number.
+  // The budget is for a section of `a` whose range overlaps those of many sections of `b` that have
+  // no number in common with it.
   Budget budget;
   const Sections sections = checkedSections(a);
   const std::optional<Sections> set = makeSet(validSections(b), budget);
@@ -348,7 +347,7 @@ PAL_Triplets PAL_TripletsFromParallel(size_t n, const int32_t* first, const int3
 PAL_TripletSet::PAL_TripletSet(PAL_TripletSpan list) {
   Sections sections = validSections(list);
   if (sections.size() > kMaxLinear) {
-    // The budget limits the size, because every stream has a set of its own.
+    // The budget limits the size of the set, because every stream has a set of its own.
     Budget budget{.maxSections = size_t{1} << 14, .steps = int64_t{1} << 22};
     if (std::optional<Sections> set = makeSet(sections, budget)) {
       sections = std::move(*set);

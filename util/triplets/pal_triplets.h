@@ -29,14 +29,14 @@ using PAL_Triplets = std::vector<PAL_Triplet>;
 inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 
 // Parses "first[:last[:stride]]" from the start of `text` to white space. A piece is a decimal
-// number from 0 to 4294967295 (taken as a bit pattern) or the letter N, which means `n`. Returns 1,
-// or 0 for other text; the pieces before an invalid one have been stored then.
+// number from 0 to 4294967295 (stored as its 32 bits) or the letter N, which means `n`. Returns 1,
+// or 0 for other text; then the pieces before the invalid one have been stored.
 [[nodiscard]] int PAL_TripletParse(const char* text, int32_t n, int32_t* first, int32_t* last,
                                    int32_t* stride);
 
-// The number of numbers in the list, repeated ones included; entries with stride 0 count as 0. If
-// `last` of an entry is on the wrong side of `first`, or the sum is above 4294967294, that is
-// reported and the result is 0.
+// How many numbers the list has, repetitions included; entries with stride 0 have none. If `last`
+// of an entry is on the wrong side of `first`, or the sum is above 4294967294, that is reported and
+// the result is 0.
 [[nodiscard]] uint32_t PAL_TripletsCount(PAL_TripletSpan list);
 
 // The numbers in list order. Entries with stride 0 are reported and skipped. Other invalid entries,
@@ -51,7 +51,7 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 // PAL_TripletSet.
 [[nodiscard]] bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number);
 
-// Set operations. A result is the list that PAL_TripletsCompress gives for the sorted numbers.
+// Set operations. A result is the list that PAL_TripletsCompress returns for the sorted numbers.
 //
 // One operand is checked (`a`; both in PAL_TripletsUnite and PAL_TripletsEqual; `b` in
 // PAL_TripletsSubset): entries with stride 0 are reported and skipped; if `last` of an entry is on

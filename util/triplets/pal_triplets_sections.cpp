@@ -80,7 +80,7 @@ std::optional<Section> common(const Section& a, const Section& b) {
 
 namespace {
 
-// A binary operation on two sets: a sweep that passes the result to a Compressor.
+// Goes through two sets in ascending order and adds the result of an operation to a Compressor.
 class Sweep {
  public:
   Sweep(Operation operation, Budget& budget) : operation_(operation), budget_(budget) {}
@@ -195,8 +195,8 @@ bool areDisjoint(const Sections& sorted) {
   return true;
 }
 
-// The set of sections that are sorted by `low`. Halves are united depth first, so that neighbours
-// that interleave have become few sections before the next level.
+// The set of sections that are sorted by `low`. Each half is united first, so that neighbours that
+// interleave become few sections before they are united with others.
 std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budget) {
   Sections whole(sorted.begin(), sorted.end());
   if (areDisjoint(whole)) return whole;
@@ -213,7 +213,7 @@ std::optional<Sections> makeSorted(std::span<const Section> sorted, Budget& budg
 std::optional<Sections> makeSet(Sections sections, Budget& budget) {
   budget.maxSections = std::max(budget.maxSections, 2 * sections.size());
   budget.steps += 64 * static_cast<int64_t>(sections.size());
-  // Equal sections are removed first. Otherwise each would be united in its half, at a cost.
+  // Equal sections are removed first. Otherwise time would be spent on uniting them.
   std::sort(sections.begin(), sections.end(), [](const Section& a, const Section& b) {
     return std::tie(a.low, a.high, a.step) < std::tie(b.low, b.high, b.step);
   });

@@ -1,9 +1,9 @@
 // Operates on sets of numbers as sorted lists of arithmetic sections.
 //
 // Only used by pal_triplets.cpp. The ranges [low, high] of the sections in a set don't overlap, so
-// a binary operation is one sweep over two lists, and its result is compressed while it is
-// computed. Single numbers are only processed where two sections with different strides interleave
-// in a range. That work is limited (see Budget).
+// a binary operation reads both lists once, and its result is compressed while it is computed.
+// Single numbers are only processed where two sections with different strides interleave in a
+// range. That work is limited (see Budget).
 #pragma once
 
 #include <cstddef>
@@ -39,7 +39,7 @@ struct Budget {
 [[nodiscard]] bool isInverted(const PAL_Triplet& t);
 // The sections of the valid entries of a list, in its order.
 [[nodiscard]] Sections validSections(PAL_TripletSpan list);
-// The numbers that two sections have in common, which are a section.
+// The numbers that two sections have in common, which form a section; nothing if there are none.
 [[nodiscard]] std::optional<Section> common(const Section& a, const Section& b);
 
 enum class Operation { kIntersect, kUnite, kSubtract };
@@ -50,7 +50,7 @@ enum class Operation { kIntersect, kUnite, kSubtract };
 [[nodiscard]] std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a,
                                                       const Sections& b, Budget& budget);
 
-// The greedy compression of numbers, or of whole sections in ascending order.
+// Compresses numbers, or whole sections in ascending order, greedily to triplets.
 class Compressor {
  public:
   // Adds a number: it extends the open triplet, becomes its second number, or opens a new one.
