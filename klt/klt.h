@@ -30,8 +30,8 @@ enum : int {
   KLT_STATUS_CONTINUING = 2,  // a stream ended with an error, others remain
   KLT_STATUS_ABORTING = 3,    // a stream ended with an error, none remains
   KLT_STATUS_HANDLER = 4,     // a handler returned nonzero
-  KLT_STATUS_TIME = 5,        // the time limit was reached, more is to come
-  KLT_STATUS_CORRUPTED = static_cast<int>(0x80000000),  // corrupted data without time order
+  KLT_STATUS_TIME = 5,        // the time limit was reached, there are more records
+  KLT_STATUS_CORRUPTED = static_cast<int>(0x80000000),  // corrupted data, without time order
 };
 
 // Whether `name` can be opened and its index begins with "KLT". Reports nothing about the contents.
@@ -41,8 +41,8 @@ enum : int {
 void KLT_Close(KLT_FileHandle* handle);
 
 // Builds a reader of the definitions (KLT_MODE_DEFINITIONS) or of the events that match any of the
-// requests, or of all events without requests. Table and requests are copied. Nonzero `serial`
-// delivers all streams merged by time, zero stream by stream. Null if the index can't be read.
+// requests; of all events if `numRequests` is 0. Table and requests are copied. Nonzero `serial`:
+// records are delivered in time order, zero: stream by stream. Null if the index can't be read.
 [[nodiscard]] KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);
@@ -56,16 +56,16 @@ struct KLT_Closer {
 using KLT_OwnedTrace = std::unique_ptr<KLT_FileHandle, KLT_Closer>;
 using KLT_OwnedReader = std::unique_ptr<KLT_Reader, KLT_Closer>;
 
-// Delivers records until the end, until a handler stops the reader, or for `timeoutMs`
-// milliseconds, of which a few may be missing; a negative value means no limit. Can be called again
-// after every result except KLT_STATUS_FINISHED and KLT_STATUS_ABORTING.
+// Delivers records until the end, until a handler stops the reader, or for `timeoutMs` milliseconds
+// or a few less; a negative value means no limit. Can be called again after every result except
+// KLT_STATUS_FINISHED and KLT_STATUS_ABORTING.
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs);
-// The last result.
+// The last result of KLT_ReadEvents.
 [[nodiscard]] int KLT_ReaderStatus(const KLT_Reader* reader);
-// Whether streams are left to read. KLT_STATUS_CORRUPTED doesn't say so.
+// Whether streams are left to read. KLT_STATUS_CORRUPTED doesn't imply that.
 [[nodiscard]] bool KLT_ReaderHasStreams(const KLT_Reader* reader);
 // The part of the input that has been delivered, from 0 to 1.
 [[nodiscard]] double KLT_Progress(const KLT_Reader* reader);
-// Whether a stream of this reader or the trace's index ended early. That has been reported, but
-// isn't part of the results above.
+// Whether a stream of this reader or the trace's index ended early, or files of the trace aren't
+// read. This has been reported, but the results above don't include it.
 [[nodiscard]] bool KLT_ReaderLostData(const KLT_Reader* reader);

@@ -7,9 +7,9 @@
 //
 //   enter_function 28    1c | 00 05 | 00 00 00 03 | 00 00 00 07      number, step, willy, function
 //
-// Decoding checks the input once for each run of fields whose size is known, for most rows once per
-// record. An input has the operations of KLT_Input: ensure(n) makes n bytes available at at(), or
-// reports why it can't.
+// Decoding checks the number of available bytes once for each run of fields whose size is known,
+// for most rows once per record. An input has the operations of KLT_Input: ensure(n) makes n bytes
+// available at at(), or reports why it can't.
 #pragma once
 
 #include <cstddef>
@@ -98,8 +98,8 @@ struct KLT_Codec {
   }
 
   // Decodes the record whose first field is at input.at() to the tail of `out` and adds its time
-  // step to `time`. `disk` receives its size without the number byte; the input isn't advanced. An
-  // untimed record gets `time` unchanged.
+  // step to `time`. `disk` receives its size without the number byte; the input isn't advanced. The
+  // time of an untimed record is `time`.
   template <class Input>
   static KLT_Parse parse(Input& input, KLT_RecordBuffer& out, uint64_t& time, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
@@ -128,7 +128,7 @@ struct KLT_Codec {
     loadFields<0>(p, record);
   }
 
-  // Determines only the size of the record, for one that isn't wanted.
+  // Determines only the size of the record, for records that aren't wanted.
   template <class Input>
   static KLT_Parse measure(Input& input, size_t& disk) {
     if (!input.ensure(layout.headBytes)) [[unlikely]]
@@ -172,7 +172,7 @@ struct KLT_Codec {
   static constexpr bool startsGroup(size_t f) {
     return layout.isArray(f) && layout.countOf[f - 1] != layout.countOf[f];
   }
-  // Whether a run of scalars after an array begins here. The record's first run is checked earlier.
+  // Whether f begins a run of scalars after an array. (headBytes includes a record's first run.)
   static constexpr bool startsRun(size_t f) {
     return f > 0 && !layout.isArray(f) && layout.isArray(f - 1);
   }
@@ -262,7 +262,7 @@ struct KLT_Codec {
   }
 };
 
-// Worked sizes, number byte included.
+// Sizes computed by hand, number byte included.
 static_assert(1 + KLT_Codec<KLT_Row::enterFunction>::layout.headBytes == 11);
 static_assert(1 + KLT_Codec<KLT_Row::functionDefinition>::layout.headBytes == 13);
 static_assert(1 + KLT_Codec<KLT_Row::oneToOneCommunication>::layout.headBytes == 35);
@@ -290,8 +290,8 @@ inline constexpr auto kEncodedSizes = encodedSizes(std::make_integer_sequence<in
   return klt::kEncodedSizes[KLT_RecordNumber(record) - 1](record);
 }
 
-// Bytes of the time record that a writer has to put before a record: 9 if its time step leads back
-// or doesn't fit 16 bits, otherwise 0.
+// Bytes to reserve for a time record before a record: 9 if the record's time is before `outputTime`
+// or its time step doesn't fit 16 bits, otherwise 0.
 [[nodiscard]] inline size_t KLT_TimeRecordBytes(uint64_t outputTime, uint64_t time) {
   return time >= outputTime && time - outputTime < 0x10000 ? 0 : 9;
 }

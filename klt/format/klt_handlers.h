@@ -123,8 +123,8 @@ constexpr auto handlerFor(std::index_sequence<F...>) {
 
 }  // namespace klt
 
-// The handler type of a record name. The specializations are records whose arguments differ from
-// their fields.
+// The handler type of a record name. The specializations are for records whose arguments differ
+// from their fields.
 template <KLT_NameText Name>
 struct KLT_HandlerType {
   static constexpr int kRow = klt::longestRow(Name.view());
@@ -153,7 +153,7 @@ struct KLT_HandlerType<"counter_definition"> {  // id, name, type | 0x80 for a d
                        const char*);
 };
 template <>
-struct KLT_HandlerType<"counter_value"> {  // values may be changed in place
+struct KLT_HandlerType<"counter_value"> {  // handlers may change the values in place
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const uint32_t*, uint64_t*);
 };
 template <>
@@ -164,7 +164,7 @@ struct KLT_HandlerType<"function_history"> {  // time of the stream, functions f
 template <KLT_NameText Name>
 using KLT_Handler = typename KLT_HandlerType<Name>::type;
 
-// One slot per record name; a null slot means that the caller doesn't want these records.
+// One slot per record name; the caller doesn't want the records of a null slot.
 struct KLT_HandlerTable {
   void* user_data = nullptr;  // first argument of every handler
   KLT_Handler<"all_to_all_communication"> all_to_all_communication = nullptr;
@@ -229,7 +229,7 @@ struct SlotList {
   static constexpr size_t size = sizeof...(Slots);
 };
 
-// All slots. The macro keeps each name with its member.
+// All slots. The macro pairs each name with its member.
 #define KLT_SLOT(name) Slot<#name, &KLT_HandlerTable::name>
 using AllSlots = SlotList<
     KLT_SLOT(all_to_all_communication), KLT_SLOT(all_to_one_communication),
@@ -265,7 +265,7 @@ constexpr void forEachSlot(Table& table, F&& f) {
 
 // A table with all slots empty, owned by the caller.
 [[nodiscard]] KLT_HandlerTable* KLT_HandlerTableAlloc();
-// A private copy, owned by the caller.
+// A copy, owned by the caller.
 [[nodiscard]] KLT_HandlerTable* KLT_HandlerTableCopy(const KLT_HandlerTable* table);
-// `table` may be null.
+// Frees `table`, which may be null.
 void KLT_HandlerTableFree(KLT_HandlerTable* table);

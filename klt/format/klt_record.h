@@ -7,8 +7,8 @@
 //      fixedBytes   arrays in row order, each at a multiple of 8; a string gets a zero byte
 //
 // Values are in host order; 8- and 16-bit numbers and the elements of 16-bit arrays are widened to
-// 32 bits. Opaque 64-bit values keep their bytes. The size of a record is a multiple of 8 bytes, so
-// records follow each other in a KLT_RecordBuffer without gaps and can be copied as bytes.
+// 32 bits. Values of type raw64 keep their byte order. The size of a record is a multiple of 8
+// bytes, so a KLT_RecordBuffer has no gaps and its records can be copied as bytes.
 #pragma once
 
 #include <array>
@@ -61,7 +61,7 @@ constexpr KLT_Layout layoutOf(const KLT_Row& row) {
   layout.headBytes = head;
 
   uint16_t next = 16;
-  bool slotTaken = false;
+  bool isFirstSlotUsed = false;
   const auto isTime = [&](size_t f) { return row.timed() && f == 0; };
   const auto bytesOf = [&](size_t f) { return KLT_TypeBytes(row.fields[f].type()); };
   if (row.timed()) layout.offset[0] = kKltRecordTimeAt;
@@ -72,9 +72,9 @@ constexpr KLT_Layout layoutOf(const KLT_Row& row) {
   }
   for (size_t f = 0; f < row.numFields; ++f) {
     if (layout.isArray(f) || isTime(f) || bytesOf(f) == 8) continue;
-    layout.offset[f] = slotTaken ? next : uint16_t{4};
-    if (slotTaken) next = static_cast<uint16_t>(next + 4);
-    slotTaken = true;
+    layout.offset[f] = isFirstSlotUsed ? next : uint16_t{4};
+    if (isFirstSlotUsed) next = static_cast<uint16_t>(next + 4);
+    isFirstSlotUsed = true;
   }
   layout.fixedBytes = static_cast<uint16_t>(roundUp8(next));
   return layout;
@@ -98,7 +98,7 @@ inline constexpr std::array<KLT_Layout, kKltRowCount> kKltLayouts = klt::allLayo
   return klt::loadNative<uint64_t>(record + kKltRecordTimeAt);
 }
 
-// Access to the fields of a decoded record of row N in place. F is the index of a field in the row.
+// Reads the fields of a decoded record of row N in place. F is the index of a field in the row.
 template <int N>
 struct KLT_Record {
   static constexpr const KLT_Row& row = kKltRows[N - 1];

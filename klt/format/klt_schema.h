@@ -88,7 +88,7 @@ inline constexpr uint32_t kKltCount = 0x8000;
 struct KLT_Field {
   std::string_view name;       // empty for a count field
   uint32_t descriptor = 0;     // type code, required and count flags, covered fields of a count
-  std::string_view reference;  // definition that the value names; only stored in layouts
+  std::string_view reference;  // definition that the value refers to; only stored in layouts
 
   [[nodiscard]] constexpr KLT_Type type() const { return static_cast<KLT_Type>(descriptor & 0xff); }
   [[nodiscard]] constexpr bool required() const { return (descriptor & kKltRequired) != 0; }
@@ -96,30 +96,30 @@ struct KLT_Field {
   [[nodiscard]] constexpr unsigned covered() const { return (descriptor >> 16) & 0xff; }
 };
 
-// What the filter tests for a record, and what else the record changes there.
+// The filter's tests that a record must pass, and whether it changes the context (klt_context.h).
 enum class KLT_FilterClass : uint8_t {
   kTimeForward,    // only moves the running time
   kTimeBack,       // only moves the running time, to an earlier time
-  kCallStack,      // enter and leave: all tests, changes the thread's context
-  kCounterSample,  // all tests except that for a handler, changes the thread's context
-  kMessage,        // sender or receiver must be selected; changes the sender's context
+  kCallStack,      // enter and leave: all tests, changes the context
+  kCounterSample,  // all tests except that for a handler, changes the context
+  kMessage,        // sender or receiver must be selected; changes the context
   kCollective,     // a member of the communicator must be selected; changes the context
   kThreadEvent,    // all tests, no context
   kRawMessage,     // a member of the communicator must be selected; no context
   kRawCollective,  // the thread and a member of the communicator must be selected; no context
   kThreadTable,    // untimed, the thread must be selected
   kCommTable,      // untimed, a member of the communicator must be selected
-  kAlwaysWanted,   // untimed, kept without a handler if it can occur
+  kAlwaysWanted,   // untimed, needs no handler
   kDefinition,     // untimed, needs a handler
   kStructure,      // untimed, changes the trace's tables with or without a handler
-  kBracket,        // what a reader delivers at the borders of a window; skipped in a file
+  kBracket,        // delivered by a reader at the start and end of a window; skipped in a file
   kSeekPoint,      // has an effect in an anchor file only
   kStack,          // the open calls of a thread at a seek point or in a history
-  kNeverStored,    // has no coded form
+  kNeverStored,    // isn't stored in files
 };
 
 // Which tests of the category masks and of the handler table a record must pass (isWanted in
-// klt_select.cpp). kNoHandler is kFull without the handler.
+// klt_select.cpp). kNoHandler is kFull without the test of the table.
 enum class KLT_CategoryTest : uint8_t { kFull, kNoHandler, kMasksAndHandler, kMasks, kNone };
 // Which threads of a record a request must select.
 enum class KLT_ThreadTest : uint8_t { kNone, kThread, kEitherSide, kCommunicator, kThreadAndComm };
@@ -179,7 +179,7 @@ inline constexpr uint8_t kKltRowNumbers[] = {
 inline constexpr size_t kKltRowCount = std::size(kKltRowNumbers);
 inline constexpr size_t kKltMaxFields = 17;
 
-// A row as klt_rows.inc gives it.
+// A row as it is written in klt_rows.inc.
 struct KLT_RowText {
   uint8_t number;
   std::string_view name;

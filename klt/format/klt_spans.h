@@ -23,18 +23,18 @@ inline constexpr uint64_t kNever = ~uint64_t{0};
   return bits == kReceiveUnknown || bits == kSendUnknown;
 }
 
-// When a message ends. A message of which one side isn't known never ends.
+// When a message ends. A message never ends if one side isn't known.
 [[nodiscard]] inline uint64_t messageEnd(uint64_t time, int64_t receiveTime) {
   if (isUnknownSide(receiveTime)) return kNever;
   return saturatingSum(time, static_cast<uint64_t>(receiveTime < 0 ? -receiveTime : receiveTime));
 }
 
 // A member's start time of all ones means that the member took no part in the collective operation;
-// one less means that the start isn't known. In both cases the member has no times.
+// one less means that the start isn't known. In both cases the times of the member aren't used.
 [[nodiscard]] constexpr bool isUnknownStart(uint64_t start) { return start >= kNever - 1; }
 
-// When a collective operation has ended for all members that have times. A null array counts as an
-// array of zeros.
+// When a collective operation has ended for all members with a known start. A null array counts as
+// an array of zeros.
 [[nodiscard]] inline uint64_t collectiveEnd(uint64_t time, size_t n, const uint64_t* starts,
                                             const uint64_t* deltas) {
   uint64_t longest = 0;

@@ -9,20 +9,20 @@ namespace klt {
 inline constexpr uint32_t kNoScl = 0x7fffffff;
 [[nodiscard]] constexpr bool isScl(uint32_t scl) { return scl != 0 && scl != kNoScl; }
 
-// The receive time of a message is a signed difference to its send time. One of these values means
-// that the receive or the send isn't known.
+// The receive time of a message is the signed difference from its send time. With one of these
+// values the receive or the send isn't known.
 inline constexpr uint64_t kReceiveUnknown = uint64_t{1} << 63;
 inline constexpr uint64_t kSendUnknown = kReceiveUnknown + 1;
 
 // Which members of a collective operation send and receive. The kind is part of the definition of
-// an operation, and each kind has its own record type. Other numbers in a definition are no kind.
+// an operation, and each kind has its own record type. Other numbers in a definition are invalid.
 enum class CollopKind : uint32_t { kNone, kOneToAll = 1, kAllToOne = 2, kAllToAll = 3, kAll = 4 };
 
 // The root of an operation that has no root.
 inline constexpr uint32_t kNoRoot = ~uint32_t{0};
 
-// The rate hint of a counter: one bit of its flags, 0 for none. If several bits are set, the first
-// of 0x10, 0x04, 0x08 counts.
+// The rate hint of a counter: one bit of its flags, 0 for none. If several bits are set, it is the
+// first of 0x10, 0x04, 0x08.
 [[nodiscard]] constexpr uint32_t rateHint(uint32_t flags) {
   return flags & 0x10 ? 0x10 : flags & 0x04 ? 0x04 : flags & 0x08;
 }
