@@ -29,7 +29,7 @@ bool holdsAnchors(const KLT_FileEntry& file) {
   return file.filetype == static_cast<uint32_t>(KLT_FileType::kAnchors);
 }
 
-// All files but the index, in the order of a table with 31 buckets.
+// All files but the index, in the order of a hash table with 31 buckets.
 std::vector<const KLT_FileEntry*> filesInOrder(const KLT_FileHandle& handle) {
   std::vector<decltype(&handle.files.entries().front())> entries;
   for (const auto& entry : handle.files.entries()) entries.push_back(&entry);
@@ -88,8 +88,8 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
 
 namespace {
 
-// Replaces standard input by /dev/null while it exists: mv asks before it overwrites a file if its
-// standard input is a terminal.
+// Replaces standard input by /dev/null while the object exists: mv asks before it overwrites a file
+// if its standard input is a terminal.
 class StdinFromNull {
  public:
   StdinFromNull() : saved_(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
@@ -110,8 +110,8 @@ class StdinFromNull {
   int saved_;
 };
 
-// The name, with "./" before a dash so that no command takes it for an option.
-std::string withoutDash(const std::string& name) {
+// The name, with "./" before a leading dash, so that mv doesn't parse it as an option.
+std::string withoutLeadingDash(const std::string& name) {
   return name.starts_with('-') ? "./" + name : name;
 }
 
@@ -126,7 +126,7 @@ std::string quoted(std::string_view name) {
   return text += '\'';
 }
 
-// Tries to move the file with rename(2), which takes a fraction of the time of mv. That fails
+// Tries to move the file with rename(2), which takes a fraction of the time of mv. This fails
 // across file systems, and isn't tried if `to` is a directory, into which mv would move the file.
 bool tryRename(const std::string& from, const std::string& to) {
   return PAL_IsDir(to.c_str(), nullptr) == 0 && std::rename(from.c_str(), to.c_str()) == 0;
@@ -165,7 +165,7 @@ struct MoveTarget {
     std::vector<Move> moves;
     PAL_HashSet<std::string> seen;
     for (const KLT_FileEntry* file : files) {
-      const std::string from = withoutDash(nameOf(handle, *file));
+      const std::string from = withoutLeadingDash(nameOf(handle, *file));
       if (!seen.insert(from).second) continue;
       const std::string newName = nameUnder(name, *file);
       if (isDirectory) {
@@ -192,7 +192,7 @@ bool exists(const std::string& name) {
 
 int moveFile(const Move& move) {
   if (move.isAnchors && !exists(move.from)) {
-    // The anchor file of an earlier trace at the target would be taken for one of this trace.
+    // If an earlier trace left an anchor file at the target, it would be used for this trace.
     return unlink(move.to.c_str()) == 0 || errno == ENOENT ? 0 : reportErrno(move.to);
   }
   if (tryRename(move.from, move.to)) return 0;
@@ -208,24 +208,24 @@ bool wouldOverwrite(const std::vector<Move>& moves, const KLT_FileSet& inputFile
   return false;
 }
 
-// Whether `name` is a regular file, or, if `mayLack`, doesn't exist. False after a report.
-bool isMovable(const std::string& name, bool mayLack) {
-  struct stat info {};
-  if (stat(name.c_str(), &info) != 0) return (mayLack && errno == ENOENT) || reportErrno(name) == 0;
-  if (S_ISREG(info.st_mode)) return true;
+// Whether `name` is a regular file or, if it is `optional`, doesn't exist. False after a report.
+bool isMovable(const std::string& name, bool optional) {
+  struct stat st {};
+  if (stat(name.c_str(), &st) != 0) return (optional && errno == ENOENT) || reportErrno(name) == 0;
+  if (S_ISREG(st.st_mode)) return true;
   errno = EISDIR;
-  if (S_ISDIR(info.st_mode)) return reportErrno(name) == 0;
+  if (S_ISDIR(st.st_mode)) return reportErrno(name) == 0;
   PAL_Error("%s isn't a regular file.", PAL_Printable(name).c_str());
   return false;
 }
 
-// Reports each known reason why a move would fail halfway, or take along what isn't part of the
-// trace. True if there is none.
+// Reports each reason found why the move would fail halfway or would move something that isn't part
+// of the trace. True if there is none.
 bool canMove(const std::vector<Move>& moves, const MoveTarget& target) {
   bool can = true;
   for (const Move& move : moves) {
-    const bool source = isMovable(move.from, move.isAnchors);
-    can = isMovable(move.to, true) && source && can;
+    const bool isSource = isMovable(move.from, move.isAnchors);
+    can = isMovable(move.to, true) && isSource && can;
   }
   const std::string directory = target.directory();
   if (faccessat(AT_FDCWD, directory.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
@@ -261,7 +261,7 @@ bool KLT_FilesAreKnown(const KLT_FileHandle* handle) {
 
 int KLT_Move(KLT_FileHandle* handle, const char* target, const KLT_FileSet& inputFiles) {
   if (!isSingleFile(*handle) && !KLT_FilesAreKnown(handle)) return 1;
-  MoveTarget to{withoutDash(target), false};
+  MoveTarget to{withoutLeadingDash(target), false};
   int failed = 0;
   errno = 0;
   to.isDirectory = PAL_IsDir(to.name.c_str(), &failed) != 0;
@@ -337,7 +337,7 @@ class TraceCopy {
   }
 
   // Copies all components. The index is empty until all others have been copied, so that an
-  // incomplete copy isn't taken for a trace.
+  // incomplete copy can't be opened as a trace.
   [[nodiscard]] bool run() {
     bool good = true;
     for (const KLT_FileEntry* file : indexLast(input_)) {
@@ -403,7 +403,7 @@ class TraceCopy {
     return good;
   }
 
-  // Removes the anchor file of an earlier trace, which would be taken for one of the copy.
+  // Removes the anchor file of an earlier trace, which would be used for the copy.
   void removeStaleAnchors(const std::string& name) {
     if (KLT_ContainerForm(output_) != KLT_FORM_PLAIN) return;
     if (PAL_RemoveInDir(directory_, name.c_str()) != 0 && errno != ENOENT) PAL_Perror(name.c_str());

@@ -1,6 +1,6 @@
 // Lists, moves, removes and copies the files of a trace.
 //
-// None of these operations decodes a record. They take the components from the file table of an
+// None of these operations decodes a record. They find the components in the file table of an
 // opened trace. Listing and copying access them through klt_io, so that they work in the same way
 // on a single-file trace. Moving and removing process the index last, so that the trace can still
 // be opened after a failure.

@@ -34,7 +34,7 @@ struct Candidate {
   std::array<int, kKltMaxFields> source{};
 };
 
-// Pairs the row's named fields with stored ones. The score is 0 if a required field is missing.
+// Maps the row's named fields to stored fields. The score is 0 if a required field is missing.
 Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   Candidate candidate;
   candidate.row = &row;
@@ -59,8 +59,8 @@ Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   return candidate;
 }
 
-// Maps the counts, which have no name: each to the last stored count before the first mapped field
-// after it. False if no field after a count is mapped.
+// Maps each count, which has no name, to the last stored count before the stored field to which the
+// first field after it is mapped. False if no field after a count is mapped.
 bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
   const KLT_Row& row = *candidate.row;
   for (size_t i = 0; i < row.numFields; ++i) {
@@ -359,10 +359,11 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
     if (static_cast<size_t>(j) != i) continue;
     const KLT_Field& field = best.row->fields[i];
     exactness += sameSizeClass(stored.type(), field.type()) ? 2 : 1;
-    // A row's decoder reads a count as unsigned and applies it to the fields that the row covers.
+    // A row's decoder reads a count as unsigned and applies it to the fields that the row's count
+    // covers.
     if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
-  // A layout in which no field has the position that it has in the row isn't mapped onto the row.
+  // If no field has the same position in the layout as in the row, the layout isn't mapped.
   if (exactness == 0) return;
   layout.row = best.row;
   layout.source = best.source;

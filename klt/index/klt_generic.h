@@ -1,9 +1,9 @@
 // Decodes records by the layouts that are stored in the trace.
 //
 // An index contains a layout for each record number in use. A layout is mapped onto the row of its
-// name that fits best. If it equals the row, the row's own decoder is used, at no extra cost.
-// Otherwise records are read field by field into the row's memory form: fields that the row lacks
-// are skipped, fields that the layout lacks get their defaults. A record that fits no row is
+// name that fits best. If the layout equals the row, the row's own decoder is used, at no extra
+// cost. Otherwise records are read field by field into the row's memory form: fields that the row
+// lacks are skipped, fields that the layout lacks get their defaults. A record that fits no row is
 // skipped, but its time step is added to the running time.
 //
 //   layout entry, after a number byte 0:
@@ -28,7 +28,7 @@
 struct KLT_StoredField {
   std::string name;         // empty for a count
   uint32_t descriptor = 0;  // as in a row
-  int map = -1;             // the row's field that takes its value, or -1
+  int map = -1;             // the row's field that is read from this one, or -1
 
   [[nodiscard]] KLT_Type type() const { return static_cast<KLT_Type>(descriptor & 0xff); }
   [[nodiscard]] bool isCount() const { return (descriptor & kKltCount) != 0; }
@@ -55,14 +55,14 @@ struct KLT_DecoderEntry {
   using Parse = KLT_Parse (*)(const KLT_DecoderEntry&, KLT_Input&, KLT_RecordBuffer&,
                               uint64_t& time, size_t& disk);
 
-  Parse parse = nullptr;  // decodes a record, unfiltered; null: no record has this number
+  Parse parse = nullptr;  // decodes a record, unfiltered; null: the number is invalid
   uint8_t row = 0;        // the row to which the records are decoded; 0: none
   bool isFast = false;    // `parse` is the row's own decoder
   std::unique_ptr<KLT_StoredLayout> layout;
 };
 
-// Indexed by the record number of the file. Entry 0 stays empty: only the stream of the index reads
-// layouts.
+// Indexed by the record number of the file. Entry 0 stays empty: number 0 is a layout, which only
+// the stream of the index reads.
 struct KLT_DecoderTable {
   std::array<KLT_DecoderEntry, 256> entries;
 };
@@ -78,6 +78,6 @@ void KLT_MapLayout(KLT_StoredLayout& layout);
                                          KLT_RecordBuffer& out, uint64_t& time, size_t& disk);
 
 // Parses the layout entry at input.at(), stores its decoder in `table` and advances `input`.
-// Returns kCorrupt after a report.
+// Returns kCorrupt for an invalid entry, which is reported unless its record number is 0.
 [[nodiscard]] KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table,
                                             bool genericOnly);

@@ -2,8 +2,8 @@
 //
 // A file may contain any ids. KLT_IdIndex finds the dense index of an id with open addressing,
 // whose hash has a random factor so that no file can force collisions, and optionally with an array
-// for small ids. KLT_IdMap stores values on top of it. It is iterated in order of insertion; the
-// first entry of an id stays.
+// for small ids. KLT_IdMap stores values by these indices, in order of insertion; the first entry
+// of an id stays.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@
 class KLT_IdIndex {
  public:
   // Ids below `directLimit` are looked up in an array with 4 bytes for each id up to the largest
-  // one stored. That pays for a large table, not for each of many small ones.
+  // one stored. This saves time in a large table, but would waste memory in many small ones.
   explicit KLT_IdIndex(uint32_t directLimit = 0);
 
   // The index stored for `id`, 0 if there is none.
@@ -34,7 +34,7 @@ class KLT_IdIndex {
     uint32_t index;  // 0: free
   };
 
-  // Out of line: inlined into every lookup, this rare case costs 1 % of an extraction.
+  // Not inlined: with this rare case inlined into every lookup, an extraction takes 1 % longer.
   [[nodiscard, gnu::noinline]] uint32_t findSparse(uint32_t id) const {
     const size_t mask = sparse_.size() - 1;
     for (size_t slot = slotOf(id);; slot = (slot + 1) & mask) {

@@ -114,8 +114,8 @@ std::string_view whyUnread(const KLT_Component& component) {
   return (component.categories & kKnown) == 0 ? "its categories are unknown" : "";
 }
 
-// Why a file that isn't the data file of a component isn't read; empty if it is read, or holds
-// nothing but seek points.
+// Why no reader opens a file that no component names as its data file; empty if one opens it or it
+// only contains seek points.
 std::string_view whyUnread(const KLT_FileHandle& handle, const KLT_FileEntry& file) {
   if (isOfType(file, KLT_FileType::kData)) return "no component names it";
   if (isOfType(file, KLT_FileType::kDeclarations)) {
@@ -141,7 +141,7 @@ void KLT_ReportUnreadFiles(KLT_FileHandle& handle) {
   std::unordered_set<const KLT_FileEntry*> seen;
   for (const auto& component : handle.components) {
     if (component->dataFile == nullptr) {
-      // Of statistics writers declare the component also when there are none.
+      // Writers declare a component of statistics even if there are no statistics.
       if (component->categories == klt::kStatistics) continue;
       handle.unread = true;
       PAL_Warning("The index of %s has a component whose data file isn't declared.",

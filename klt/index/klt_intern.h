@@ -37,7 +37,7 @@ struct KLT_FileEntry {
 struct KLT_Anchor {
   uint64_t time = 0;           // running time at `offset`
   uint64_t offset = 0;         // in the data file
-  uint64_t historyOffset = 0;  // of the records in the anchor file that belong to it
+  uint64_t historyOffset = 0;  // of its history records, in the anchor file
   uint64_t historyBytes = 0;
   bool hasOffsetHistory = false;  // has references to open scopes, counters, messages, collectives
 };
@@ -73,7 +73,7 @@ struct KLT_FileHandle {
   std::unique_ptr<KLT_DecoderTable> decoders;
   uint8_t header[11] = {};
   uint32_t flags = 0;
-  bool genericOnly = false;           // stored layouts that equal a row are read generically too
+  bool genericOnly = false;           // records whose layout equals a row are read generically, too
   bool lostData = false;              // the index ended early
   bool unread = false;                // some declared files are never read, as reported
   std::vector<std::string> unlisted;  // suffixes of files whose id is 0 or has been used before
@@ -96,18 +96,18 @@ struct KLT_FileHandle {
 // The text of a string id; null if there is none.
 [[nodiscard]] const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id);
 
-// Adds a component. An unknown id leaves it without anchors, data file or thread list. A second
+// Adds a component. If an id is unknown, it has no anchors, data file or thread list. A second
 // component with the same categories, threads and data file is ignored.
 void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
                       uint32_t categories, uint32_t willies);
 
-// Adds a file, or lists it as one that can't be used if its id is 0 or taken by another file. A
-// file of statistics is also added as a component. False if the suffix is unsafe.
+// Adds a file. If its id is 0 or that of another file, it is listed as unusable instead. A file of
+// statistics is also added as a component. False if the suffix is unsafe.
 [[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
                                std::string_view suffix);
 
-// Reports each file of the complete index that no reader opens, so that its records aren't missed
-// silently. Sets `handle.unread` if there is one.
+// Reports each file that no reader opens, because its records will be missing. Sets `handle.unread`
+// if there is one. REQUIRES: the index has been read to its end.
 void KLT_ReportUnreadFiles(KLT_FileHandle& handle);
 
 // Reports that the component can't be opened, with the system's text for errno.
