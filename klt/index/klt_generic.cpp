@@ -59,8 +59,8 @@ Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   return candidate;
 }
 
-// Maps each count, which has no name, to the last stored count before the stored field to which the
-// first field after it is mapped. False if no field after a count is mapped.
+// Maps each count, which has no name, by the first mapped field after it: to the last stored count
+// before the stored field of that one. False if no field after a count is mapped.
 bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
   const KLT_Row& row = *candidate.row;
   for (size_t i = 0; i < row.numFields; ++i) {
@@ -359,8 +359,7 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
     if (static_cast<size_t>(j) != i) continue;
     const KLT_Field& field = best.row->fields[i];
     exactness += sameSizeClass(stored.type(), field.type()) ? 2 : 1;
-    // A row's decoder reads a count as unsigned and applies it to the fields that the row's count
-    // covers.
+    // A row's decoder reads a count as unsigned and applies it to the fields of the row's count.
     if (field.isCount()) sameCounts = sameCounts && countsAlike(stored, field);
   }
   // If no field has the same position in the layout as in the row, the layout isn't mapped.
