@@ -64,7 +64,7 @@ const char* const* textArray(KLT_Reader& reader, const uint32_t* ids, size_t n, 
   return array.data();
 }
 
-// The argument for field F of the longest variant L, taken from a record of row N.
+// The argument for field F of the longest variant L, read from a record of row N.
 template <int N, int L, size_t F>
 auto argument(KLT_Reader& reader, const uint8_t* record) {
   using View = KLT_Record<N>;
@@ -241,19 +241,19 @@ int deliverEndOfFilter(KLT_Stream& s, const uint8_t* record) {
                                 static_cast<uint32_t>(triplets.size()), triplets.data());
 }
 
-// Whether the bracket of a history is delivered. In time order only the outermost one is, so that
-// the histories of several streams at one time look like a single one. An end without a beginning
-// is skipped without changing the depth.
-bool isOutermost(KLT_Reader& reader, bool begins) {
+// Whether this begin_of_history or end_of_history is delivered. In time order only the outermost
+// pair is, so that the histories of several streams at one time look like a single one. An end
+// without a begin isn't delivered and doesn't change the depth.
+bool isOutermost(KLT_Reader& reader, bool isBegin) {
   if (!reader.pass.serial) return true;
-  if (begins) return reader.historyDepth++ == 0;
+  if (isBegin) return reader.historyDepth++ == 0;
   return reader.historyDepth != 0 && --reader.historyDepth == 0;
 }
 
-int deliverBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool begins) {
-  if (!isOutermost(reader, begins)) return 0;
+int deliverBracket(KLT_Reader& reader, KLT_Stream& s, const uint8_t* record, bool isBegin) {
+  if (!isOutermost(reader, isBegin)) return 0;
   const KLT_HandlerTable& handlers = s.pass->handlers;
-  const auto handler = begins ? handlers.begin_of_history : handlers.end_of_history;
+  const auto handler = isBegin ? handlers.begin_of_history : handlers.end_of_history;
   if (handler == nullptr) return 0;
   const PAL_Triplets* willies =
       s.source.component == nullptr ? nullptr : s.source.component->willies;

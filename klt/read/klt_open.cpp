@@ -6,7 +6,7 @@
 //          4  0 0 0
 //          7  flags: 1 raw, 2 compressed (with 1), 8 without meaning
 //          8  0 0 0x14
-// It is followed by layout entries, one for each record number in use, and structure records.
+// After the header: layout entries, one for each record number in use, and structure records.
 
 #include <fcntl.h>
 
@@ -166,7 +166,7 @@ void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* c
   reader.requests = KLT_NormaliseRequests(pointers);
 }
 
-// Opens the streams and, for delivery in time order, fills the first buffer of each.
+// Opens the streams and, for delivery in time order, fills each of them once.
 void openStreams(KLT_Reader& reader) {
   KLT_PrepareDelivery(reader);
   for (size_t i = 0; i < reader.streams.size(); ++i) {

@@ -9,19 +9,19 @@ namespace {
 constexpr size_t kUsualBytes = 32;       // of a record
 constexpr uint64_t kMaxWidthFactor = 8;  // by which the width of a slice changes at most
 
-// The number of records that a slice should have: enough to be worth a look at all streams, few
-// enough for their copies to stay in a near cache. With half as many a pass takes the same time,
-// with twice as many 1.08 of it (4,096 streams).
+// The number of records that a slice should have: enough to be worth reading the lanes of all
+// streams, but so few that their copies stay in the cache. With 4,096 streams half as many take the
+// same time for a pass, twice as many 1.08 of it.
 size_t wantedRecords(size_t streams) { return std::min<size_t>(8 * streams, 65536); }
 
 }  // namespace
 
-// Whether to try to collect a slice, which takes a look at all streams. The stream that ended the
-// last slice must have been filled since, and `credit_` must be at least the number of streams. A
-// record delivered from a slice adds 1 to the credit, a turn of two streams 2; an attempt subtracts
-// the number of streams, and records collected in vain are subtracted too.
+// Whether to try to collect a slice, which reads the lanes of all streams. The stream that ended
+// the last slice must have been filled since, and `credit_` must be at least the number of streams.
+// A record delivered from a slice adds 1 to the credit, a turn of two streams 2; an attempt
+// subtracts the number of streams and, if it saves no time, the number of records collected.
 bool KLT_Slice::isDue(std::span<const KLT_Lane> lanes) {
-  constexpr int64_t kMaxAttempts = 8;  // the credit is at most that of so many; 64 are as fast
+  constexpr int64_t kMaxAttempts = 8;  // covered by the largest credit; 64 are as fast
   const auto cost = static_cast<int64_t>(lanes.size());
   if (minStreams_ < kManyStreams) return true;  // in tests
   const bool isBlocked = blocker_ < lanes.size() && lanes[blocker_].lastTime == blockedAt_;
@@ -64,7 +64,7 @@ bool KLT_Slice::gatherNow(std::span<KLT_Lane> lanes) {
     width_ = width_ / kMaxWidthFactor + 1;
     return false;
   }
-  // The runner-up has been served: all its records with that time were in the previous slice.
+  // A turn in its second phase is over: the last slice had all records of the runner-up for it.
   if (phase_ == Phase::kSecond) phase_ = Phase::kBegin;
   // A slice of few streams saves no time compared with turns.
   credit_ += collected.sources < lanes.size() / 8 ? -count : count;
@@ -73,9 +73,9 @@ bool KLT_Slice::gatherNow(std::span<KLT_Lane> lanes) {
   return true;
 }
 
-// Copies the records of all streams before the time `end` to one block of memory. The records of
-// most streams are on different pages, and a TLB miss takes longer than the processing of a
-// record.
+// Copies the records of all streams before the time `end` to one block of memory. This is faster
+// because the records of most streams are on different pages, and a TLB miss takes longer than
+// processing a record.
 KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end) {
   // Prefetching the records of later lanes saves a tenth of the time of a pass.
   constexpr size_t kLanesAhead = 6;
@@ -95,12 +95,12 @@ KLT_Slice::Collected KLT_Slice::collect(std::span<KLT_Lane> lanes, uint64_t end)
     }
     KLT_Lane& lane = lanes[i];
     if (i == best_) afterBest_ = to;
-    for (uint64_t before = start_; lane.nextTime < end; lane.nextTime = KLT_RecordTime(lane.next)) {
-      // The tournament handles times that lead back, and more records than there is room for.
-      if (lane.nextTime < before || count_ == maxEntries) [[unlikely]]
+    for (uint64_t time = start_; lane.nextTime < end; lane.nextTime = KLT_RecordTime(lane.next)) {
+      // The tournament handles times that decrease, and more records than there is room for.
+      if (lane.nextTime < time || count_ == maxEntries) [[unlikely]]
         return {};
-      before = lane.nextTime;
-      entries_[count_++] = {(before - start_) << positionBits_ | i,
+      time = lane.nextTime;
+      entries_[count_++] = {(time - start_) << positionBits_ | i,
                             to + (lane.next - lane.beforeSlice)};
       lane.next += KLT_RecordBytes(lane.next);
       if (lane.next == lane.end) [[unlikely]]

@@ -1,15 +1,14 @@
 // Determines the order in which the records of many streams are delivered.
 //
-// The rule: streams take turns. A turn serves the stream with the lowest next time (the best one)
-// for all its records up to the next time of the runner-up, inclusive, and then the runner-up for
-// its records with that time. Of equal times the lower position in the list of streams wins. When a
-// stream ends, the last one takes its position.
+// The rule: a turn serves two streams. It delivers the records of the stream with the lowest next
+// time (the best stream) up to and including the second-lowest next time, and then the records with
+// that time of the stream that has it (the runner-up). If times are equal, the stream with the
+// lower position in the list is first. When a stream ends, the last stream moves to its position.
 //
 // A tournament over the positions (KLT_MergeTree) finds the two streams of a turn. With hundreds of
-// streams nearly every record is from a different stream than the one before, and the tournament
-// has a cache miss at each. In that case the records of all streams up to a near time are collected
-// stream by stream (KLT_Slice), sorted, and delivered in the same order: a dump of 4,096 streams
-// takes 0.58 of the time.
+// streams nearly every turn serves other streams, and the tournament has a cache miss at each
+// record. Then the next records of all streams are collected stream by stream (KLT_Slice), sorted,
+// and delivered in the same order: a dump of 4,096 streams takes 0.58 of the time.
 #pragma once
 
 #include <algorithm>
@@ -35,16 +34,16 @@ struct alignas(64) KLT_Lane {
   bool isFilled = false;  // the stream has been filled, but `next` and `end` aren't set yet
 };
 
-// A stream and its time.
+// The position of a stream and its next time.
 struct KLT_NextStream {
   size_t position;
   uint64_t time;
 };
 
-// A tournament tree of keys. A key has a time in its upper bits and a position in its lower bits,
-// so the lower key wins, and a game is decided without a branch, which would be unpredictable (a
-// dump takes 0.93 of the time). 64-bit keys are sufficient for the times since `start` in most
-// traces (a dump of 4,096 streams takes 0.94 of the time), 128-bit keys for all times.
+// A tournament tree of keys. A key has a time in its upper bits and a position in its lower bits.
+// The lower key wins, so a game needs no branch, which would be unpredictable (a dump takes 0.93 of
+// the time). 64-bit keys are sufficient for the times since `start` in most traces, 128-bit keys
+// for all times (with 64 bits a dump of 4,096 streams takes 0.94 of the time).
 template <class Key>
 class KLT_Tournament {
  public:
@@ -68,23 +67,23 @@ class KLT_Tournament {
 
   [[nodiscard]] size_t best() const { return positionOf(nodes_[1]); }
   [[nodiscard]] KLT_NextStream second(size_t best) const {
-    // Two independent chains over the losers to `best`, which the processor computes in parallel.
-    Key one = kNoKey;
-    Key other = kNoKey;
+    // Two minima over the keys that lost to `best`, which the processor computes in parallel.
+    Key minimum1 = kNoKey;
+    Key minimum2 = kNoKey;
     size_t node = leaves_ + best;
     for (; node > 3; node /= 4) {
-      one = earlier(one, nodes_[node ^ 1]);
-      other = earlier(other, nodes_[(node / 2) ^ 1]);
+      minimum1 = earlier(minimum1, nodes_[node ^ 1]);
+      minimum2 = earlier(minimum2, nodes_[(node / 2) ^ 1]);
     }
-    if (node > 1) one = earlier(one, nodes_[node ^ 1]);
-    const Key key = earlier(one, other);
+    if (node > 1) minimum1 = earlier(minimum1, nodes_[node ^ 1]);
+    const Key key = earlier(minimum1, minimum2);
     return {positionOf(key), timeOf(key)};
   }
   [[nodiscard]] uint64_t time(size_t position) const { return timeOf(nodes_[leaves_ + position]); }
   [[nodiscard]] size_t count() const { return count_; }
 
   void update(size_t position, uint64_t time) { replay(position, key(position, time)); }
-  // Updates two different positions. Games that both take part in are played once.
+  // Updates two different positions. A game on both paths to the root is played once.
   [[gnu::always_inline]] void update(size_t position1, uint64_t time1, size_t position2,
                                      uint64_t time2) {
     Key winner1 = key(position1, time1);
@@ -114,9 +113,9 @@ class KLT_Tournament {
  private:
   static constexpr Key kNoKey = ~Key{0};
 
-  // The limit of the times since `start`, so that neither a key nor a time exceeds 64 bits. The
-  // unsigned difference of a time before `start` is above it. (Wide keys, with 64 bits for
-  // positions, are sufficient for all times.)
+  // The limit of the times since `start` below which neither a key nor a time exceeds 64 bits. A
+  // time before `start` has an unsigned difference above the limit. (Wide keys don't need a limit,
+  // because they are sufficient for all times.)
   static constexpr uint64_t stepsThatFit(uint64_t start, unsigned positionBits) {
     return std::min(~uint64_t{0} >> std::min(positionBits, 63U), ~uint64_t{0} - start);
   }
@@ -133,7 +132,7 @@ class KLT_Tournament {
     return start_ + static_cast<uint64_t>(key >> positionBits_);
   }
 
-  // keyOf(i) may read leaves after the new one of i.
+  // keyOf(i) may read nodes after the new leaf of i.
   template <class KeyOf>
   void setLeaves(size_t count, const KeyOf& keyOf) {
     leaves_ = count_ = count;
@@ -150,7 +149,7 @@ class KLT_Tournament {
     nodes_[node] = winner;
     while (node > 1) node = play(node, winner);
   }
-  // Plays the game of `node`, which `winner` has reached, against its neighbour. Returns the
+  // Plays the game between `node`, which `winner` has reached, and its neighbour. Returns the
   // parent.
   size_t play(size_t node, Key& winner) {
     winner = earlier(winner, nodes_[node ^ 1]);
@@ -163,7 +162,7 @@ class KLT_Tournament {
   std::vector<Key> nodes_ = std::vector<Key>(2, kNoKey);
   size_t leaves_ = 0;
   size_t count_ = 0;
-  size_t deepestLevel_ = 1;  // nodes from this one on are a level below the other leaves
+  size_t deepestLevel_ = 1;  // leaves from this index on are a level deeper than others
   uint64_t start_ = 0;
   unsigned positionBits_ = 1;
   Key positionMask_ = 1;
@@ -235,8 +234,9 @@ class KLT_MergeTree {
   bool isWide_ = false;
 };
 
-// The records of all streams up to a near time, in order of delivery. A slice ends before the last
-// record of any stream, so that no stream has to be filled or removed while it is delivered.
+// The next records of all streams up to some time, in order of delivery. A slice ends before the
+// last record in any lane, so that no stream has to be filled or removed while the slice is
+// delivered.
 class KLT_Slice {
  public:
   static constexpr size_t kNone = ~size_t{0};
@@ -250,9 +250,9 @@ class KLT_Slice {
   // For tests: collects a slice whenever that is possible, with any number of streams.
   void forceSlices() { minStreams_ = 1; }
 
-  // Takes the records of the next slice from the lanes. False, with the lanes unchanged, if a slice
-  // wouldn't save time or there are too many records at one time; then the tournament serves a
-  // turn. REQUIRES: all records of the previous slice have been delivered.
+  // Collects the records of the next slice from the lanes. False, with the lanes unchanged, if a
+  // slice wouldn't save time or isn't possible; then the caller serves a turn by the tournament.
+  // REQUIRES: all records of the previous slice have been delivered.
   [[nodiscard]] bool gather(std::span<KLT_Lane> lanes) {
     return lanes.size() >= minStreams_ && isDue(lanes) && gatherNow(lanes);
   }
@@ -306,8 +306,7 @@ class KLT_Slice {
 
  private:
   struct Entry {
-    uint64_t
-        key;  // upper bits: time since the start of the slice, lower bits: position of the stream
+    uint64_t key;  // upper bits: time since the slice's start, lower bits: position of the stream
     uint8_t* record;
   };
   // The phase of a turn: before it, serving the best stream, serving the runner-up.
@@ -316,7 +315,7 @@ class KLT_Slice {
   [[nodiscard]] size_t positionOf(const Entry& entry) const {
     return static_cast<size_t>(entry.key & ((uint64_t{1} << positionBits_) - 1));
   }
-  // Whether the record has been delivered before other records of its time.
+  // Whether the record has been delivered early, before other records of its time.
   [[nodiscard]] bool isDelivered(const Entry& entry) const {
     return positionOf(entry) == early_ && entry.record < earlyEnd_;
   }
@@ -326,8 +325,8 @@ class KLT_Slice {
     size_t sources = 0;  // streams with records in the slice
     size_t bytes = 0;
   };
-  // With up to 256 streams a decoding pass takes the same time with slices and without, with 512 it
-  // takes 0.85 of it with slices.
+  // With up to 256 streams slices don't change the time of a decoding pass; with 512 it takes 0.85
+  // of the time.
   static constexpr size_t kManyStreams = 256;
 
   [[nodiscard]] bool isDue(std::span<const KLT_Lane> lanes);
@@ -348,12 +347,12 @@ class KLT_Slice {
   size_t best_ = kNone;
   uint8_t* afterBest_ = nullptr;  // next record of the best stream
   uint64_t secondKey_ = 0;        // of the runner-up's records
-  // The stream of which records before `earlyEnd_` have been delivered before others of their time.
+  // The stream whose records before `earlyEnd_` have been delivered early.
   size_t early_ = kNone;
   const uint8_t* earlyEnd_ = nullptr;
 
   size_t minStreams_ = kManyStreams;  // with fewer streams no slices are collected
-  uint64_t width_ = 1;                // of a slice, in ticks
+  uint64_t width_ = 1;                // of a slice, in raw time
   size_t blocker_ = kNone;            // the stream that must be filled before the next slice
   uint64_t blockedAt_ = 0;            // time of the last record of that stream
   int64_t credit_ = 0;                // see isDue()

@@ -105,8 +105,8 @@ void restartRecordCount(KLT_Reader& reader) {
   return true;
 }
 
-// Performs the rare actions after a record: stops the reader if the handler asks for it, fills the
-// stream, and checks the time limit.
+// Performs the rare actions after a record: stops the reader if the handler returned nonzero, fills
+// the stream, and checks the time limit.
 [[gnu::noinline]] Served afterRecord(KLT_Reader& reader, size_t index, int result) {
   KLT_Lane& lane = reader.lanes[index];
   const bool isEmpty = lane.next == lane.end;
@@ -122,12 +122,12 @@ void restartRecordCount(KLT_Reader& reader) {
   return reader.limit.reached() ? Served::kTimeIsUp : Served::kContinues;
 }
 
-// Delivers the stream's records up to and including the time `limit`, which is the next time of the
+// Delivers the stream's records up to and including the time `upTo`, the next time of the
 // runner-up. The caller updates the tournament. If the time limit of the call is reached, delivery
-// ends immediately only if the next call is certain to continue with this stream: it is the best
-// one of the turn (`isBest`), and its next time is below `limit`. Otherwise delivery ends after the
-// last record up to `limit`. So the order of the records doesn't depend on the clock.
-[[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t limit,
+// ends immediately only if the next call is certain to continue with this stream: if it is the best
+// one of the turn (`isBest`) and its next time is below `upTo`. Otherwise delivery ends after the
+// last record up to `upTo`. So the order of the records doesn't depend on the clock.
+[[gnu::always_inline]] inline Served serve(KLT_Reader& reader, size_t index, uint64_t upTo,
                                            bool isBest) {
   KLT_Lane& lane = reader.lanes[index];
   Served outcome = Served::kContinues;
@@ -135,12 +135,12 @@ void restartRecordCount(KLT_Reader& reader) {
     const int result = KLT_Deliver(reader, *lane.stream, lane.next);
     if (isCheckDue(reader) || result != 0 || lane.next == lane.end) [[unlikely]] {
       outcome = afterRecord(reader, index, result);
-      const bool stopsLater = outcome == Served::kTimeIsUp && !(isBest && lane.nextTime < limit);
+      const bool stopsLater = outcome == Served::kTimeIsUp && !(isBest && lane.nextTime < upTo);
       if (outcome != Served::kContinues && !stopsLater) return outcome;
     } else {
       lane.nextTime = KLT_RecordTime(lane.next);
     }
-    if (lane.nextTime > limit) return outcome;
+    if (lane.nextTime > upTo) return outcome;
   }
 }
 
@@ -157,20 +157,20 @@ void removeFromOrder(KLT_Reader& reader, size_t index) {
 // status, or kNoStatus.
 [[gnu::always_inline]] inline int takeTurn(KLT_Reader& reader, size_t best) {
   KLT_MergeTree& order = reader.order;
-  const auto [second, limit] = order.second(best);
+  const auto [second, upTo] = order.second(best);
   if (second == KLT_MergeTree::kNone) [[unlikely]] {
     return statusOf(reader, serve(reader, best, ~uint64_t{0}, true));
   }
   Served first = Served::kContinues;
-  if (reader.lanes[best].nextTime <= limit) [[likely]] {
-    first = serve(reader, best, limit, true);
-    const bool isServed = first == Served::kTimeIsUp && reader.lanes[best].nextTime > limit;
+  if (reader.lanes[best].nextTime <= upTo) [[likely]] {
+    first = serve(reader, best, upTo, true);
+    const bool isServed = first == Served::kTimeIsUp && reader.lanes[best].nextTime > upTo;
     if (first != Served::kContinues && !isServed) [[unlikely]] {
       if (isRemoved(first)) removeFromOrder(reader, best);
       return statusOf(reader, first);
     }
   }
-  const Served next = serve(reader, second, limit, false);
+  const Served next = serve(reader, second, upTo, false);
   if (isRemoved(next)) [[unlikely]] {
     if (best < reader.streams.size()) order.update(best, reader.lanes[best].nextTime);
     removeFromOrder(reader, second);
@@ -214,8 +214,8 @@ int serveByTournament(KLT_Reader& reader) {
   return status;
 }
 
-// Prepares the next records of every stream. Returns a status, or kNoStatus. A call in which the
-// time limit is reached prepares at least one more stream, so repeated calls come to an end.
+// Prepares the next records of every stream. Returns a status, or kNoStatus. Each call prepares at
+// least one more stream, so repeated calls make progress.
 int prepareAll(KLT_Reader& reader) {
   for (size_t i = 0; i < reader.streams.size();) {
     const KLT_Lane& lane = reader.lanes[i];
@@ -310,7 +310,7 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
-  // Until the first delivery, bytes that are read don't count: those of skipped streams and of
+  // Bytes read before the first delivery aren't counted: they are those of skipped streams and of
   // records before a window.
   if (reader->pass.serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
@@ -321,7 +321,7 @@ double KLT_Progress(const KLT_Reader* reader) {
   for (size_t i = 0; i < reader->streams.size(); ++i) {
     const KLT_Stream& stream = *reader->streams[i];
     const uint64_t taken = stream.input.bytesTaken();
-    // Of the bytes read by the last fill only the share whose records have been delivered counts.
+    // Of the bytes of the last fill only the share whose records have been delivered is counted.
     const uint64_t before = std::min(taken, stream.packed.consumedBeforeFill);
     const KLT_RecordBuffer& packed = stream.packed.records;
     size_t waiting = packed.used();

@@ -29,8 +29,8 @@ class KLT_TimeLimit {
   [[nodiscard]] bool limited() const { return limited_; }
 
  private:
-  // Milliseconds of a clock with a resolution of a few milliseconds. Reading a finer one every few
-  // records takes a tenth of the time of a merge.
+  // Milliseconds of a clock with a resolution of a few milliseconds. Reading a finer clock every
+  // few records takes a tenth of the time of a merge.
   static int64_t now() {
     timespec time{};
     (void)clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
@@ -41,13 +41,12 @@ class KLT_TimeLimit {
   int64_t end_ = 0;
 };
 
-// The turns of a stream that isn't merged with others: its records are delivered as they pass the
-// filter. The first turn of a stream is short.
+// The turns of a stream that isn't merged with others: its records are delivered as soon as they
+// have passed the filter. The first turn of a stream ends after kRecordsPerCheck records.
 class KLT_StreamTurn final : public KLT_Turn {
  public:
   KLT_StreamTurn(KLT_Reader& reader, KLT_Stream& stream) : reader_(reader), stream_(stream) {}
 
-  // Begins a turn.
   void begin() { records_ = 0; }
   void end() {
     wasServed_ = true;
@@ -67,7 +66,7 @@ class KLT_StreamTurn final : public KLT_Turn {
 struct KLT_Reader {
   KLT_Pass pass;
   std::vector<KLT_Request> requests;                 // normalised
-  std::vector<std::unique_ptr<KLT_Stream>> streams;  // of equal times the first stream comes first
+  std::vector<std::unique_ptr<KLT_Stream>> streams;  // at equal times the first one is served
   int status = KLT_STATUS_BUILT;
   bool lostData = false;
   int historyDepth = 0;  // open history brackets, of which only the outermost is delivered

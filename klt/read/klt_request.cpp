@@ -164,8 +164,8 @@ class Normaliser {
     }
   }
 
-  // The union of the windows' selections. If one window selects all of it, the result is a copy of
-  // that one, so that its threads keep the order in which they were given.
+  // The union of the windows' selections. If one window has this selection, the result is a copy of
+  // that window, so that its threads keep their order.
   template <class Windows>
   Window join(const Windows& windows) {
     uint32_t categories = 0;
@@ -190,10 +190,10 @@ class Normaliser {
     pieces_.push_back(std::move(piece));
   }
 
-  // A window whose start is its end selects no event, but the state of its instant is delivered, so
-  // it is kept: as a piece before those that start at the instant. Several of one instant are
-  // united. It is left out if another window surrounds the instant, or if an adjoining piece covers
-  // it.
+  // A window whose start is its end selects no event, but the state at this instant is delivered.
+  // So the window becomes a piece, before those that start at the instant. Windows of one instant
+  // are united. The piece is left out if another window surrounds the instant, or if an adjoining
+  // piece covers it.
   void insertEmptyWindows() {
     std::vector<Window> result;
     auto piece = pieces_.begin();

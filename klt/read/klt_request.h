@@ -26,8 +26,8 @@ void KLT_RequestRelease(KLT_Request* request);
 // A deep copy. An `end` below `start` is replaced by "no end".
 [[nodiscard]] KLT_Request* KLT_RequestCopy(const KLT_Request* request);
 
-// The requests as a list sorted by time without overlaps. At each instant it selects the union of
-// the categories and the union of the threads of the requests that include the instant. An `end`
-// below `start` means "no end"; a single request is otherwise unchanged.
+// The requests as a list sorted by time without overlaps. At each instant the list selects the
+// union of the categories and the union of the threads of the requests that include the instant. An
+// `end` below `start` means "no end"; a single request is otherwise unchanged.
 [[nodiscard]] std::vector<KLT_Request> KLT_NormaliseRequests(
     std::span<const KLT_Request* const> requests);
