@@ -113,7 +113,7 @@ bool KLT_Deflate::put(KLT_IoFile* file, const void* data, size_t bytes) {
 
 bool KLT_Deflate::write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final) {
   if (stream_ == nullptr) return false;
-  // The length is known at the end only. A placeholder is written first.
+  // The length is only known at the end, so a placeholder is written first.
   if (!hasLengthField_) {
     hasLengthField_ = true;
     if (!put(file, &length_, kLengthField)) return false;

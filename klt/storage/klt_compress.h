@@ -4,7 +4,7 @@
 //          8        zlib stream
 //
 // The length isn't trusted. If no zlib stream of the file's size can inflate to that length, the
-// reader tries the other byte order, and takes the length as unknown if that fails too.
+// reader tries the other byte order; if that fails, too, the length counts as unknown.
 #pragma once
 
 #include <cstddef>
@@ -26,10 +26,10 @@ class KLT_Inflate {
   KLT_Inflate& operator=(const KLT_Inflate&) = delete;
 
   [[nodiscard]] uint64_t length() const { return length_; }
-  // Inflates up to `bytes` bytes. 0 at the end of the stream, at damaged data, and at the file's
-  // end.
+  // Inflates up to `bytes` bytes and returns their number: 0 at the end of the stream, at damaged
+  // data, and at the end of the file.
   [[nodiscard]] size_t read(uint8_t* buffer, size_t bytes);
-  // Starts over. False if the file can't be positioned.
+  // Reads from the start again. False if the file can't be positioned.
   [[nodiscard]] bool rewind();
 
  private:

@@ -50,7 +50,7 @@ class DirectoryReader {
 
   [[nodiscard]] uint64_t remaining() const { return unread_ + (filled_ - pos_); }
 
-  // The next `bytes` bytes; null if fewer remain. REQUIRES: bytes <= kKltMaxKeyBytes.
+  // The next `bytes` bytes; null if they can't be read. REQUIRES: bytes <= kKltMaxKeyBytes.
   const uint8_t* take(size_t bytes) {
     if (filled_ - pos_ < bytes && !refill(bytes)) return nullptr;
     const uint8_t* const at = buffer_.data() + pos_;
@@ -148,8 +148,8 @@ bool loadDirectory(KLT_Container* container) {
   if (end < kKltContainerHeaderBytes || end > limit) return false;
   container->end = end;
 
-  // The extents together may not be longer than the file: with overlapping extents a small file
-  // could claim any amount of data.
+  // The extents together may not be longer than the file: otherwise a small file with overlapping
+  // extents could contain any amount of data.
   uint64_t unclaimed = end - kKltContainerHeaderBytes;
   DirectoryReader reader(container->fd, end, limit - end);
   while (reader.remaining() > 0) {
@@ -168,7 +168,7 @@ bool loadDirectory(KLT_Container* container) {
   return true;
 }
 
-// Appends numbers and keys in their encoded form.
+// Builds the encoded form of a directory.
 class DirectoryWriter {
  public:
   void number32(uint64_t value) {
@@ -207,8 +207,8 @@ bool writeHeader(const KLT_Container* container) {
 }
 
 // Determines the directory's offset in a container that isn't written in sequence. Readers look for
-// the trailer in the last bytes of the file, and the file is never truncated. So if an earlier,
-// longer directory extends past this one, this one is moved to the end of the file.
+// the trailer in the last bytes of the file, and the file is never truncated. So if an earlier
+// directory would extend past this one, this one is moved to the end of the file.
 bool placeDirectory(const KLT_Container* container, uint64_t bytes, uint64_t* offset) {
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
   if (size < 0) return false;
@@ -227,7 +227,7 @@ bool writeDirectory(const KLT_Container* container) {
     out.number64(container->end);
     return Vfd_WriteFully(container->fd, out.bytes().data(), bytes) == bytes;
   }
-  // The directory is written in the current version, so the header has to say so too.
+  // The directory is written in the current version, so the header must have that version, too.
   if (container->version == 0 && !writeHeader(container)) return false;
   uint64_t offset = 0;
   if (!placeDirectory(container, bytes, &offset)) return false;
@@ -247,8 +247,8 @@ KLT_Container* newContainer(const char* dir, const char* name, int flags, mode_t
   return container;
 }
 
-// Without O_APPEND, which concerns the components: on the container's own descriptor it would make
-// every write go to the end of the file instead of its offset.
+// Returns the flags without O_APPEND, which applies to the components. On the container's
+// descriptor it would make every write go to the end of the file instead of its offset.
 int containerFlags(int flags) { return flags & ~O_APPEND; }
 
 // Reports errno with the container's name, deletes the container and returns null.

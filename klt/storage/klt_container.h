@@ -47,7 +47,7 @@ struct KLT_Extent {
   uint64_t start;  // in the component: the lengths of all extents before this one
 };
 
-// A component. The extents from index `used` on are unused; a growing component takes them first.
+// A component. The extents from index `used` on are unused; a growing component uses them first.
 struct KLT_DirEntry {
   std::string name;
   uint64_t lastUsed = 0;
@@ -65,7 +65,7 @@ class KLT_NameTable {
  public:
   [[nodiscard]] KLT_DirEntry* find(std::string_view key);
 
-  // REQUIRES: the table doesn't hold `name`.
+  // REQUIRES: the table doesn't contain `name`.
   KLT_DirEntry* enter(std::string&& name);
 
   // All entries in the order of a directory: by 17 buckets of a hash of the key, within a bucket in

@@ -1,9 +1,9 @@
 // A set of files compared by device and inode: the files of an input, which no output may
 // overwrite.
 //
-// Names don't identify a file: through a link, a second path or a shared base name an output can be
-// a file of the trace that is being read. Only of a file that doesn't exist the set holds the name:
-// an output of this name would become a part of the input.
+// Names don't identify a file: through a link or a second path an output with another name can be a
+// file of the trace that is being read. For a file that doesn't exist the set contains the name,
+// because an output of this name would become a part of the input.
 #pragma once
 
 #include <sys/stat.h>

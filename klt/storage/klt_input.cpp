@@ -90,8 +90,8 @@ void KLT_Input::reportMissing(uint64_t bytes) {
   ended_ = true;
 }
 
-// Keeps the byte before at(), a record's number, in the buffer too, so that a decoder that fails
-// can step back over it.
+// Also keeps the byte before at() in the buffer. It is a record's number, to which the caller steps
+// back if the record can't be decoded.
 bool KLT_Input::refill(size_t bytes) {
   if (ended_ || file_ == nullptr) return false;
   const size_t have = filled_ - pos_;
@@ -133,7 +133,7 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      // Only compressed data can end before its length. The missing bytes count to that length.
+      // Only compressed data can end before its length. The bytes up to that length are missing.
       reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
       return false;
     }

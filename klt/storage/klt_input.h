@@ -1,8 +1,8 @@
 // Reads one component through a buffer, for streams, the anchor loader and the history replay.
 //
 // Owns the read buffer, not the open component. A decoder calls ensure() with the number of bytes
-// that it needs for a record. If they can't be read, this module reports it, once; at the end of
-// the file with the exact number of missing bytes. A component may be compressed: offsets then
+// that it needs for a record. If they can't be read, this module reports that, but only once; at
+// the end of the file with the number of missing bytes. A component may be compressed: offsets then
 // count inflated bytes, and it can only be read forward.
 #pragma once
 
@@ -25,22 +25,21 @@ class KLT_Input {
   KLT_Input& operator=(const KLT_Input&) = delete;
   ~KLT_Input();
 
-  // Reads `file` from now on, from the offset `start`. REQUIRES: with `start` 0, `file` is at its
-  // start. `base` and `suffix` (may be empty) name it in messages and must outlive this object.
-  // False if the length can't be determined.
+  // Sets the component to be read, from the offset `start` on. REQUIRES: if `start` is 0, `file` is
+  // positioned at 0. `base` and `suffix` (may be empty) name the component in messages and must
+  // outlive this object. False if the length can't be determined.
   [[nodiscard]] bool attach(KLT_IoFile* file, const char* base, const char* suffix,
                             uint64_t start = 0);
   // The same for a compressed component.
   [[nodiscard]] bool attachCompressed(KLT_IoFile* file, const char* base, const char* suffix);
   // Releases the component and frees the buffer.
   void detach();
-  // Frees the buffer of a component of which no more is needed. The bytes that were not consumed
-  // count as not read.
+  // Frees the buffer when no more of the component is needed. Bytes in it count as not read.
   void freeBuffer();
 
   // Continues reading at `offset`. False after a failed seek, which is reported. A compressed
-  // component isn't positioned: it is read on, or from its start if `offset` is before the
-  // position.
+  // component can't be positioned: reading continues at the position, or at the start if `offset`
+  // is before the position.
   [[nodiscard]] bool seek(uint64_t offset);
   // Bytes from this offset on aren't read, because no request needs them.
   void setLimit(uint64_t offset) { limit_ = offset; }
@@ -63,7 +62,7 @@ class KLT_Input {
   [[nodiscard]] bool drained() const { return pos_ == filled_; }
   // Whether there are bytes before the limit that aren't in the buffer yet.
   [[nodiscard]] bool moreToRead() const { return offset_ < end() && !ended_; }
-  // A read failed or the file ended early; no more bytes can be read.
+  // Whether a read has failed or the file ended early; no more bytes can be read then.
   [[nodiscard]] bool ended() const { return ended_; }
 
   [[nodiscard]] uint64_t length() const { return length_; }

@@ -57,7 +57,7 @@ int readErrorOf(const struct stat& info) {
 
 // A descriptor for reading a component; -1 with errno, or with `readError` set if the file isn't a
 // regular one. The kind of file is checked after opening, because a stat of the name before would
-// cost as much as another open and a trace has thousands of components. So a FIFO or device with
+// take as long as another open and a trace has thousands of components. So a FIFO or device with
 // the name of a component is opened for a moment; with these flags that neither waits nor acquires
 // a controlling terminal.
 int openForReading(const KLT_Container* container, const char* fileName, int* readError,
@@ -138,8 +138,8 @@ KLT_IoFile* openInContainer(KLT_Container* container, std::string_view fileName)
   if (entry == nullptr) return nullptr;
   if ((container->flags & O_TRUNC) != 0) truncate(container, entry);
 
-  // Only reads need a descriptor per component. For writing, a copy of an adopted descriptor would
-  // cost a system descriptor each.
+  // Only reads need a descriptor per component. For writes, duplicates of an adopted descriptor
+  // would each need an operating-system descriptor.
   const bool writeOnly = (container->flags & O_ACCMODE) == O_WRONLY;
   const int fd = writeOnly ? container->fd : Vfd_Dup(container->fd);
   if (fd < 0) return nullptr;
@@ -199,8 +199,8 @@ int64_t readExtents(KLT_IoFile* file, uint8_t* buffer, size_t bytes) {
   return static_cast<int64_t>(done);
 }
 
-// Adds an extent to a component for a write of `bytes` bytes: an unused one of its own if there is
-// one, otherwise space at the container's end. False if the file can't grow by that much.
+// Adds an extent to a component for a write of `bytes` bytes: one of its unused extents if there is
+// any, otherwise space at the container's end. False if the file can't grow by that much.
 bool allocate(KLT_IoFile* file, uint64_t bytes) {
   const PAL_Place here;
   KLT_Container* const container = file->container;
@@ -227,7 +227,7 @@ bool allocate(KLT_IoFile* file, uint64_t bytes) {
   return true;
 }
 
-// Moves to the next extent, a new one if there is none.
+// Moves to the next extent. If there is none, adds one for a write of `bytes` bytes.
 bool advance(KLT_IoFile* file, uint64_t bytes) {
   if (isLast(file)) return allocate(file, bytes);
   ++file->current;
@@ -337,7 +337,7 @@ int64_t seekExtents(KLT_IoFile* file, int64_t offset, int whence) {
   limitPosition(file);
   const std::optional<uint64_t> base = seekBase(file, whence);
   const uint64_t length = entry->length();
-  // Lengths stay below 2^63, so neither branch overflows.
+  // Lengths are below 2^63, so the sum of a length and an offset doesn't overflow.
   const uint64_t distance =
       offset < 0 ? uint64_t{0} - static_cast<uint64_t>(offset) : static_cast<uint64_t>(offset);
   if (!base || (offset < 0 && distance > *base)) {
@@ -346,7 +346,7 @@ int64_t seekExtents(KLT_IoFile* file, int64_t offset, int whence) {
   }
   const uint64_t target = std::min(offset < 0 ? *base - distance : *base + distance, length);
 
-  // A target at the boundary of two extents is a position in the first of them.
+  // A target at the boundary of two extents is the end of the first of them.
   const auto first = entry->extents.begin();
   const auto found = std::lower_bound(
       first, first + static_cast<ptrdiff_t>(entry->used), target,

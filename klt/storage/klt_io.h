@@ -19,13 +19,13 @@ struct KLT_IoFile;
 // All calls below, if `file` is null, report "Illegal file descriptor: NULL\n", set errno to EBADF
 // and return 0.
 
-// Closes, frees and clears `file`. 0, or -1 with errno if closing the underlying file failed.
+// Closes and frees `file` and sets it to null. Returns 0, or -1 with errno if closing fails.
 int KLT_IoClose(KLT_IoFile*& file);
 
-// Returns the number of bytes read, which is smaller than `bytes` only at the end. In the plain
-// form a failure is negative, also for a component that isn't a regular file (EISDIR or ESPIPE). In
-// a container a failure ends the data: PAL_Perror reports it with the component's key, and the
-// bytes read so far are returned.
+// Returns the number of bytes read, which is below `bytes` only at the component's end. In the
+// plain form a failure is negative, also for a component that isn't a regular file (EISDIR or
+// ESPIPE). In a container a failure ends the data: PAL_Perror reports it with the component's key,
+// and the number of bytes read before it is returned.
 [[nodiscard]] int64_t KLT_IoRead(KLT_IoFile* file, void* buffer, size_t bytes);
 
 // Returns the number of bytes written; any value but `bytes` is a failure, with errno set. In the
@@ -33,7 +33,7 @@ int KLT_IoClose(KLT_IoFile*& file);
 [[nodiscard]] int64_t KLT_IoWrite(KLT_IoFile* file, const void* buffer, size_t bytes);
 
 // Returns the new offset within the component. In a container a target past the end is limited to
-// the end, and a negative one gives -1 with EINVAL. Clears errno on success.
+// the end, and a negative target fails with -1 and EINVAL. Clears errno on success.
 int64_t KLT_IoSeek(KLT_IoFile* file, int64_t offset, int whence);
 
 // The size in bytes of a component that was opened for reading; negative if it isn't known. If it

@@ -1,9 +1,9 @@
 // Creates, opens and closes the storage of a trace: a named set of byte streams (components).
 // klt_io.h opens the components.
 //
-// A trace has one of three forms on disk. Plain: a file per component and the index file. Single:
-// all components in one container file (klt_container.h). Serial: the same file format, written
-// strictly in sequence so that it can go to a pipe. For a reader the last two are the same.
+// A trace has one of three forms on disk. Plain: a file for each component. Single: all components
+// in one container file (klt_container.h). Serial: the same file format, written strictly in
+// sequence, also to a pipe. Readers don't distinguish the last two.
 #pragma once
 
 #include <sys/types.h>
@@ -30,8 +30,8 @@ enum : int { KLT_FORM_PLAIN = 0, KLT_FORM_SINGLE = 1, KLT_FORM_SERIAL = 2 };
 
 [[nodiscard]] int KLT_ContainerForm(const KLT_Container* container);
 
-// Frees `container`. A container that is open for writing gets its directory, which makes it valid.
-// All components must be closed before. 0, or -1 after a failure, which PAL_Perror has reported.
+// Frees `container`. If it is open for writing, writes its directory first. REQUIRES: all
+// components are closed. Returns 0, or -1 after a failure, which PAL_Perror has reported.
 int KLT_ContainerClose(KLT_Container* container);
 
 // The keys of a container's components (what follows the base name in their file names; " " for the
