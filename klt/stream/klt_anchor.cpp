@@ -67,7 +67,7 @@ Read readRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer
   return Read::kRecord;
 }
 
-// Reads the anchors of a component. False if the file is damaged or they are out of order.
+// Reads the anchors of a component. False if the file is damaged or the anchors are out of order.
 bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& component) {
   KLT_RecordBuffer record;
   uint64_t groupStart = 0;
@@ -102,7 +102,7 @@ void ignoreAnchors(const KLT_FileHandle& handle, KLT_Component& component) {
 }
 
 // The last anchor with a time before `time`, or null. An anchor at `time` itself can't be used:
-// there may be records with that time before it in the file.
+// records with that time may be before its offset.
 const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t time) {
   const auto next = std::lower_bound(anchors.begin(), anchors.end(), time,
                                      [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
@@ -126,7 +126,7 @@ class Replay {
     uint64_t time;
   };
 
-  // Adds the call stacks of the group to the context, and collects its entries.
+  // Adds the call stacks of the group to the context, and collects the entries of its history.
   void readGroup(const KLT_Anchor& anchor) {
     OpenInput group;
     if (!group.open(*s_.pass->handle, *s_.source.component->dataFile, true)) {
@@ -204,8 +204,8 @@ class Replay {
     }
   }
 
-  // Replays each record once and in the order of the file, as a stream that reads from the start
-  // would. The stream reads its own file from the offset `resume` on.
+  // Replays each record once and in the order of the file, as if a stream read it from the start.
+  // Records of the stream's own file at or after the offset `resume` are read by the stream.
   void replayEntries(uint64_t resume) {
     std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
       return std::pair(a.file, a.offset) < std::pair(b.file, b.offset);
@@ -236,7 +236,7 @@ class Replay {
     return true;
   }
 
-  // Marks the stream as incomplete if the input has failed: a part of the history can't be read.
+  // Marks the stream as incomplete if the input has failed, because the history is incomplete then.
   void recordLoss(const KLT_Input& input) {
     s_.source.lostData = s_.source.lostData || input.ended();
   }
@@ -291,7 +291,7 @@ class Replay {
 
   KLT_Stream& s_;
   uint32_t categories_;
-  std::vector<const KLT_FileEntry*> files_;  // in the order in which the entries name them
+  std::vector<const KLT_FileEntry*> files_;  // in the order of their first use by an entry
   std::unordered_map<const KLT_FileEntry*, size_t> fileIndex_;  // index in `files_`
   std::vector<Entry> entries_;
   OpenInput data_;
@@ -329,7 +329,7 @@ void KLT_PlanRequests(KLT_Stream& s) {
                                       [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
     request.limit =
         end == anchors.end() || request.end == ~uint64_t{0} ? KLT_Input::kNoLimit : end->offset;
-    // The program that wrote a group without offsets may not store open scopes at seek points.
+    // A group without offsets may be by a program that stores no open scopes at seek points.
     const bool scopes = (KLT_StoredCategories(s, request.categories) & klt::kScopes) != 0;
     if (scopes && request.anchor != nullptr && !request.anchor->hasOffsetHistory) {
       request.anchor = nullptr;

@@ -9,7 +9,7 @@
 // reads a component.
 void KLT_PlanRequests(KLT_Stream& stream);
 
-// Rebuilds the stream's context at `anchor`, as far as the files can be read. What can't be read is
+// Rebuilds the stream's context for `categories` at `anchor`. If files can't be read, that is
 // reported and recorded as lost data. Records at or after the current request's start aren't
 // included, because the stream reads them.
 void KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories);

@@ -1,10 +1,10 @@
 // Keeps the state of each thread: call stack, open scopes, last counter samples, messages and
 // collective operations that have not ended.
 //
-// Each stream has its own context. Its filter updates it with the records of the selected threads,
+// Each stream has its own context. The filter updates it with the records of the selected threads,
 // also with those before the time window. The history at the start of a request is produced from
-// it. When no more history is needed, only the data for warnings is kept: the depth of stacks and
-// the open scopes.
+// the context. When no more history is needed, only the data for warnings is kept: the depth of
+// stacks and the open scopes.
 #pragma once
 
 #include <cstddef>
@@ -33,8 +33,8 @@ struct KLT_StoredRecord {
   std::vector<uint8_t> bytes;
 };
 
-// Stored records in order of insertion. Ended ones are removed only when the list has doubled since
-// the last removal, so that adding takes amortised constant time.
+// Stored records in order of insertion. Records that have ended are removed only when the list has
+// doubled since the last removal, so that adding takes amortised constant time.
 class KLT_StoredRecords {
  public:
   void add(uint64_t now, uint64_t end, uint32_t partner, const uint8_t* record, size_t bytes);
@@ -52,7 +52,7 @@ class KLT_StoredRecords {
 
 struct KLT_WillyState {
   uint32_t gtp = 0;
-  uint32_t depth = 0;  // of the call stack; `functions` is shorter where only the depth is kept
+  uint32_t depth = 0;  // of the call stack; while only the depth is kept, `functions` is shorter
   std::vector<KLT_StackEntry> functions;
   KLT_OpenScopes scopes;
   KLT_StoredRecords messages;  // sent by this thread
@@ -73,12 +73,12 @@ class KLT_Context {
   }
   // Clears the state of all threads that belongs to `categories`.
   void clear(uint32_t categories);
-  // All states that aren't empty, in the order of a table in which all threads were declared. The
-  // order doesn't depend on which thread was used first.
+  // All states that aren't empty, in the order of a hash table into which the declared threads were
+  // inserted first. So the order doesn't depend on which thread was used first.
   [[nodiscard]] std::vector<KLT_WillyState*> ordered(const KLT_FileHandle& handle);
   [[nodiscard]] bool empty() const { return states_.empty() && collectives_.records().empty(); }
   [[nodiscard]] std::vector<std::unique_ptr<KLT_WillyState>>& states() { return states_; }
-  // The operations of all threads. The request decides with which member an operation is delivered.
+  // The operations of all threads. The request determines with which member each is delivered.
   [[nodiscard]] KLT_StoredRecords& collectives() { return collectives_; }
 
  private:
@@ -90,7 +90,7 @@ class KLT_Context {
   KLT_StoredRecords collectives_;
 };
 
-// Updates for records of the filter. With `full` all that a history may need is kept.
+// Update the context for a record. With `full` everything that a history may need is kept.
 void KLT_ContextEnterFunction(KLT_Context& context, uint32_t gtp, uint32_t function, uint32_t scl,
                               bool full);
 void KLT_ContextLeaveFunction(KLT_Context& context, uint32_t gtp, uint64_t time, bool full);

@@ -1,8 +1,8 @@
 // The filter tests every record of a stream against the current request, updates the context of its
 // thread and stores a record that passes in `packed`. See klt_filter.h.
 //
-// There is one function per row in two forms: for records in the row's own layout, in which the
-// tests that need no fields precede the decoding, and for records that are read generically.
+// Each row has two functions: filterFast for records in the row's own layout, which makes the tests
+// that need no fields before it decodes, and filterGeneric for records in other layouts.
 #include "klt/stream/klt_filter.h"
 
 #include <array>
@@ -53,7 +53,7 @@ inline Step finish(KLT_Stream& s, uint64_t time, size_t disk, size_t encoded, bo
   if constexpr (traits.context) {
     if (before) {
       // No handler is called for this change. Unless an earlier request has delivered it, the
-      // consumer's knowledge of these categories is out of date.
+      // delivered state of these categories is now out of date.
       if (time >= s.history.seenUntil) s.history.knownCategories &= ~row.categories();
       klt::updateContext<N>(s, record);
       return skip(s, time, disk);
@@ -82,8 +82,8 @@ constexpr bool isDropped(const KLT_Stream& s) {
   return test != KLT_CategoryTest::kNone && !s.filter.wanted[N];
 }
 
-// Whether records of row N are skipped: seek points and their histories are used in anchor files
-// only, and the records at the start and end of a window are made by the reader.
+// Whether records of row N are skipped: seek points and their histories are only used in anchor
+// files, and the records at the start and end of a window are produced by the reader itself.
 template <int N>
 constexpr bool isSkipped() {
   constexpr KLT_FilterClass filter = kKltRows[N - 1].filter;
@@ -185,7 +185,7 @@ KLT_Fill failed(KLT_Stream& s) {
 }
 
 KLT_Fill failAtRecord(KLT_Stream& s) {
-  // Without time order the consumer has received the records already, so the request is ended.
+  // Without time order the records before it have been delivered, so the request is ended.
   if (s.packed.turn != nullptr && !s.requests.finished()) (void)KLT_NextRequest(s);
   PAL_Error("Corrupted data");
   return failed(s);
@@ -274,7 +274,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
       if (state == KLT_Turn::State::kOver) return KLT_Fill::kTurnOver;
     }
   }
-  // The buffer isn't needed any more. Other streams can use its memory while the records wait.
+  // The buffer isn't needed any more. Other streams can use its memory during delivery.
   s.input.freeBuffer();
   return KLT_Fill::kFilled;
 }

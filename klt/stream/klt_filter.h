@@ -1,4 +1,4 @@
-// The filter of a stream: reads records and selects those that the stream's requests want.
+// The filter of a stream: reads records and selects those that match the stream's requests.
 //
 // For delivery in time order the selected records are collected in the stream's `packed`. Otherwise
 // the stream has a turn (`packed.turn`, KLT_Turn), which receives each record immediately.

@@ -1,9 +1,8 @@
-// The fast path of the filter, for records that need no tests: the request has begun, it selects
-// all threads, and a record is a call, a message, file I/O, a raw event or a time step. That is
-// most of a trace. Such records are decoded in a loop that keeps the stream's state in registers.
+// The fast path of the filter, for records that need no tests: calls, messages, file I/O, raw
+// events and time steps, if the request has begun and selects all threads. Most records of a trace
+// are of these types. They are decoded in a loop that keeps the stream's state in registers.
 //
-// With it a decoding pass takes 0.74 of the time. The results are the same as those of klt_filter,
-// of which it is a part.
+// With it a decoding pass takes 0.74 of the time. The results are the same as without it.
 #pragma once
 
 #include <algorithm>
@@ -67,23 +66,23 @@ class PlainFilter {
     records.commit(static_cast<size_t>(out_ - records.tail()));
   }
 
-  // Processes the next record. False, with nothing changed, if it isn't one for the fast path.
+  // Processes the next record. False, with nothing changed, if the fast path can't process it.
   template <int... N>
   [[gnu::always_inline]] bool step(std::integer_sequence<int, N...>) {
     const unsigned number = *in_;
     if (number >= KLT_FilterState::kPlainRowBits || (rows_ >> number & 1) == 0) return false;
-    bool taken = false;
-    (void)((number == N + 1 && (taken = take<N + 1>(), true)) || ...);
-    return taken;
+    bool isProcessed = false;
+    (void)((number == N + 1 && (isProcessed = process<N + 1>(), true)) || ...);
+    return isProcessed;
   }
 
   template <int N>
-  [[gnu::always_inline]] bool take() {
+  [[gnu::always_inline]] bool process() {
     constexpr const KLT_Row& row = kKltRows[N - 1];
     if constexpr (row.plain()) {
       constexpr const KLT_Layout& layout = kKltLayouts[N - 1];
       const uint64_t time = klt::steppedTime<N>(time_, in_ + 1);
-      // A time step of 64 bits may lead back.
+      // A 64-bit step may wrap around to an earlier time.
       if (time < start_ || (time >= end_ && end_ != ~uint64_t{0})) [[unlikely]]
         return false;
       if constexpr (!row.movesTimeOnly()) {
@@ -114,7 +113,7 @@ class PlainFilter {
     if constexpr (row.name == "enter_function") {
       ++state.depth;
     } else {
-      if (state.depth == 0) return false;  // the general path reports it
+      if (state.depth == 0) return false;  // the general filter reports it
       --state.depth;
     }
     return true;
@@ -135,10 +134,9 @@ class PlainFilter {
 
 }  // namespace klt
 
-// Processes records from the input as long as they are plain: calls, messages and others that the
-// request selects without a look at their fields. All others are left to the general filter.
-// REQUIRES: all threads are selected, no history is to be produced, the request has begun, and the
-// stream is merged by time.
+// Processes records from the input as long as they are plain (KLT_FilterState::plainRows). All
+// other records are left to the general filter. REQUIRES: all threads are selected, no history is
+// to be produced, the request has begun, and the stream is merged by time.
 [[gnu::noinline]] inline void KLT_FilterPlain(KLT_Stream& stream) {
   if (stream.input.available() >= klt::kMaxDiskBytes) klt::PlainFilter(stream).run();
 }

@@ -19,7 +19,7 @@ using klt::kFunctions;
 using klt::kMessages;
 using klt::kScopes;
 
-// Samples are delivered in the order of a table with this many buckets.
+// Samples are delivered in the order of a hash table with this many buckets.
 constexpr uint32_t kCounterBuckets = 11;
 
 // Builds a record of row N at the tail of a buffer: scalars first, then arrays in order.
@@ -51,8 +51,8 @@ class RecordWriter {
   size_t tail_;
 };
 
-// The records of one history. They are collected first, to determine whether there is room for
-// them.
+// The records of one history. They are collected before delivery, to determine whether there is
+// room for them.
 struct HistoryRecords {
   KLT_RecordBuffer records;
   size_t encoded = 0;
@@ -125,8 +125,8 @@ bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t
 }
 
 // Whether an earlier request has delivered a record of `category` and `time`. hasDelivered(request)
-// decides that for one request. Requests before a gap don't count, unless `once` is set: without it
-// each series of adjoining requests is separate for the consumer.
+// determines that for one request. Requests before a gap don't count unless `once` is set, because
+// without it the history of a request after a gap is complete.
 template <class HasDelivered>
 bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered hasDelivered) {
   const std::span<const KLT_StreamRequest> earlier = s.requests.earlier();
@@ -148,7 +148,7 @@ bool isKnown(const KLT_Stream& s, uint32_t category, uint64_t time, HasDelivered
 void addCounters(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState& state) {
   std::vector<const KLT_IdMap<KLT_CounterSample>::Entry*> ordered;
   for (const auto& entry : state.counters.entries()) ordered.push_back(&entry);
-  // Sorted by id: the order of insertion differs if reading starts at a seek point.
+  // Sorted by id, because the order of insertion is different after a seek point.
   std::sort(ordered.begin(), ordered.end(),
             [](const auto* a, const auto* b) { return a->id < b->id; });
   PAL_SortByBucket(ordered, kCounterBuckets, [](const auto* sample) { return sample->id; });
@@ -252,7 +252,7 @@ void markDone(KLT_Stream& s) {
   s.history.keepContext = s.requests.following() != nullptr;
 }
 
-// Removes messages and operations that ended before the history at `time`.
+// Removes messages and operations that have ended at `time`, the start of the history.
 void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
   if ((categories & (kAny | kMessages)) != 0) {
     for (const auto& state : s.history.context.states()) state->messages.prune(time);
@@ -265,8 +265,8 @@ void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
 void appendEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
                        const PAL_Triplets& threads) {
   if (s.pass->handlers.end_of_filter == nullptr) return;
-  // Without time order the record may be delivered before earlier records of other streams. It must
-  // only end categories that this stream stores; a stream of comments, for example, no calls.
+  // Without time order the record may be delivered before earlier records of other streams. So it
+  // only ends categories that this stream stores: a stream of comments ends no calls.
   if (!s.pass->serial) categories &= s.source.categories;
   RecordWriter<KLT_Row::endOfFilter> record(s.packed.records, time);
   record.set<1>(categories);
@@ -329,15 +329,15 @@ void KLT_EndRequest(KLT_Stream& s) {
   const PAL_Triplets threads =
       next->threads.empty() ? PAL_Triplets{} : PAL_TripletsSubtract(ended.threads, next->threads);
   uint32_t categories = ended.categories & ~next->categories;
-  // Other streams may not take part in a request whose start is its end, and read on across it. So
-  // the records that this stream appends there only name categories that it stores itself.
+  // If the start of a request is its end, other streams may have no part in it and read on. So the
+  // records that this stream appends then only contain categories that it stores itself.
   const bool ownOnly = isInstant(ended) || isInstant(*next);
   if (ownOnly) categories &= s.source.categories;
   const uint32_t leaving = ownOnly ? ended.categories & s.source.categories : ended.categories;
-  // There are two records instead of one for both, because all categories end for threads that
-  // aren't selected any more, but only `categories` for the others. A single record with
-  // `categories`, which may be none, would leave the calls of such a thread open, and a later
-  // request with that thread would deliver a second call stack for it.
+  // There are two records, because all categories end for threads that the next request doesn't
+  // select, but only `categories` for the other threads. A single record with `categories`, which
+  // may be 0, would leave the calls of an unselected thread open, and a later request with that
+  // thread would deliver a second call stack for it.
   if (!threads.empty()) appendEndOfFilter(s, ended.end, leaving, threads);
   if (categories != 0) {
     appendEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});

@@ -7,10 +7,10 @@
 #include "klt/stream/klt_stream.h"
 
 // Appends the history of the current request to the packed records. False, with nothing changed, if
-// the records there must be delivered first. `room` is the size in bytes of the record that
+// the packed records must be delivered first. `room` is the size in bytes of the record that
 // follows; `force` ignores the limit of the packed records.
 [[nodiscard]] bool KLT_ProduceHistory(KLT_Stream& stream, size_t room, bool force);
 
 // Appends the records for the end of the current request: its history, if that hasn't been
-// produced, and end_of_filter records for what it selects and the next request doesn't.
+// produced, and end_of_filter records for what the next request doesn't select.
 void KLT_EndRequest(KLT_Stream& stream);

@@ -14,16 +14,15 @@ namespace {
 
 using klt::kAny;
 
-// Whether `request` selects no categories and threads that `other` doesn't select.
+// Whether `other` selects all categories and threads of `request`.
 bool isCoveredBy(const KLT_StreamRequest& request, const KLT_StreamRequest& other) {
   if ((other.categories & kAny) == 0 && (request.categories & ~other.categories) != 0) return false;
   if (other.threads.empty()) return true;
   return !request.threads.empty() && PAL_TripletsSubset(other.threads, request.threads);
 }
 
-// Whether the request's history contains samples and the seek point has none. The program that
-// wrote it may not store samples at seek points; then they can only be found by reading all
-// records.
+// Whether the request's history contains samples and the seek point has none. Some programs store
+// no samples at seek points; then samples can only be found by reading all records.
 bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
   if ((KLT_StoredCategories(s, request.categories) & klt::kCounters) == 0) return false;
   if (!KLT_TellsCounters(request)) return false;
@@ -47,7 +46,7 @@ bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
   return s.input.seek(s.source.firstOffset);
 }
 
-// Sets what the request selects and the previous one, which ends at its start, doesn't.
+// Sets what the request selects, but not the previous request, which ends at its start.
 void setAdded(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_StreamRequest& before) {
   const uint32_t asked =
       (request.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : request.categories;

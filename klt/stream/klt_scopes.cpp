@@ -52,8 +52,8 @@ void KLT_OpenScopes::clear() {
   open_ = 0;
 }
 
-// Appends the entry to the chain of its key. Entries of one key are left in the order of the chain,
-// so the entry after the one that is left still exists.
+// Appends the entry to the chain of its key. Scopes with one key are left in the order of the
+// chain, so the last entry of a chain still exists.
 void KLT_OpenScopes::link(size_t entry) {
   const auto [chain, isNew] =
       index_->try_emplace(scopeKey(entries_[entry].scope), Chain{entry, entry});

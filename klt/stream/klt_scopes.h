@@ -1,9 +1,9 @@
-// Keeps the scopes that a thread has entered and not left. The contexts of readers and the program
-// use it.
+// Keeps the scopes that a thread has entered and not left. Used by the contexts of streams and by
+// generic/.
 //
-// Scopes are kept in order of entry. Leaving removes the oldest one with that scope and sequence
-// number. A short list is searched linearly. A long list has an index by key; entries that were
-// left are marked and stay in the list until they make up half of it.
+// Scopes are kept in order of entry. Leaving a scope removes the oldest entry with its id and
+// sequence number. A short list is searched linearly. A long list has an index by key; removed
+// entries are marked and stay in the list until they make up half of it.
 #pragma once
 
 #include <cstddef>

@@ -50,7 +50,7 @@ bool isWanted(const KLT_Stream& s, const KLT_Row& row) {
   }
 }
 
-// Whether records with the row's number are records of that row and its own decoder reads them.
+// Whether records with the row's number are decoded by the row's own decoder.
 bool isFast(const KLT_Stream& s, const KLT_Row& row) {
   const KLT_DecoderEntry& entry = s.pass->handle->decoders->entries[row.number];
   return entry.isFast && entry.row == row.number;
@@ -83,7 +83,7 @@ void KLT_SelectRequest(KLT_Stream& s) {
   }
 }
 
-// The result is kept for the request.
+// The result is stored until the next request.
 int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
   const auto known = s.filter.commonMembers.find(communicator);
   if (known != s.filter.commonMembers.end()) return known->second;

@@ -14,10 +14,10 @@
 // The categories of which a history can contain state.
 inline constexpr uint32_t kKltAllHistory = klt::kWholeSelection & ~klt::kDeclarations;
 
-// The categories of `mask` that the stream's component stores, with the kAny bit replaced by all.
+// The categories of `mask` that the stream's component stores; the bit kAny means all.
 [[nodiscard]] uint32_t KLT_StoredCategories(const KLT_Stream& stream, uint32_t mask);
-// Whether the history of the request contains the last samples of counters. That is so only if it
-// asks for counters, but not for messages, collective operations or all categories.
+// Whether the history of the request contains the last samples of counters. It does only if the
+// request asks for counters, but not for messages, collective operations or all categories.
 [[nodiscard]] bool KLT_TellsCounters(const KLT_StreamRequest& request);
 
 // Sets the stream's filter to its current request.
@@ -107,8 +107,8 @@ void updateSamples(KLT_Context& context, const uint8_t* record) {
   KLT_WillyState& state = context.of(View::template get32<row.find("willy_gtp")>(record));
   for (uint32_t i = 0; i < View::template count<values>(record); ++i) {
     if (counter[i] == 0) continue;
-    // If times lead back, and among the entries of a seek point, the record that is read last may
-    // not hold the last sample.
+    // The record that is read last may not contain the last sample, because times may decrease and
+    // a seek point's entries aren't in time order.
     KLT_CounterSample& sample = state.counters[counter[i]];
     if (time >= sample.time) sample = {time, value[i]};
   }

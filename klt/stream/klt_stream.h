@@ -1,12 +1,12 @@
-// Defines the read state of one component within one reader.
+// Defines a stream: the state of reading one component within one reader.
 //
 // A stream is a time-ordered sequence of records. Its filter (klt_filter) tests records from the
 // input against the current request (klt_select) and stores those that pass in `packed`, in memory
-// form; the reader merges streams by time and delivers from there. Requests are processed in time
-// order (klt_position). Between two of them the stream reads on, or jumps to a seek point
+// form; the reader merges streams by time and delivers these records. Requests are processed in
+// time order (klt_position). Between two requests the stream reads on, or jumps to a seek point
 // (klt_anchor) and rebuilds its context.
 //
-// Each part of the state names the module that changes it.
+// The comment on each part of the state names the module that changes it.
 #pragma once
 
 #include <algorithm>
@@ -53,7 +53,7 @@ struct KLT_StreamRequest {
   uint64_t start = 0;
   uint64_t end = ~uint64_t{0};
   uint32_t categories = 0;
-  uint32_t asked = 0;                    // the caller's categories for the request's start
+  uint32_t asked = 0;                    // the caller's categories at the request's start
   PAL_Triplets threads;                  // empty: neither request nor component names threads
   bool testThreads = false;              // the selection doesn't cover all threads of the component
   PAL_TripletSet set;                    // `threads`, if they are tested
@@ -79,7 +79,7 @@ class KLT_RequestCursor {
   }
 
   [[nodiscard]] std::vector<KLT_StreamRequest>& all() { return list_; }
-  [[nodiscard]] uint32_t asked() const { return asked_; }  // categories of all of them
+  [[nodiscard]] uint32_t asked() const { return asked_; }  // categories of all requests
   [[nodiscard]] const KLT_StreamRequest& current() const { return list_[at_]; }
   // The requests before the current one.
   [[nodiscard]] std::span<const KLT_StreamRequest> earlier() const { return {list_.data(), at_}; }
@@ -113,14 +113,14 @@ struct KLT_FilterState {
   [[nodiscard]] bool isAfterEnd(uint64_t t) const { return t >= end && end != ~uint64_t{0}; }
 };
 
-// Which state of the threads the consumer knows, and which it must still receive (klt_history).
+// Which state of the threads has been delivered, and which must still be delivered (klt_history).
 struct KLT_HistoryState {
   bool done = false;             // the history of the current request has been produced
   bool keepContext = true;       // a history may still have to be produced
-  uint32_t knownCategories = 0;  // categories whose state the consumer knows
-  uint32_t addedCategories = 0;  // categories that the current request has and the previous one not
-  PAL_Triplets addedThreads;     // likewise for threads
-  uint64_t seenUntil = 0;        // records before this time have passed an earlier request
+  uint32_t knownCategories = 0;  // categories whose delivered state is up to date
+  uint32_t addedCategories = 0;  // of the current request, but not of the previous one
+  PAL_Triplets addedThreads;     // the same for threads
+  uint64_t seenUntil = 0;        // records before this time were filtered for earlier requests
   KLT_Context context;
 };
 
@@ -135,7 +135,7 @@ class KLT_Turn {
   virtual ~KLT_Turn() = default;
   // Receives the record, which it may change.
   virtual void take(uint8_t* record) = 0;
-  // Whether the filter continues. Called after each of its steps.
+  // Whether the filter continues. Called after each step of the filter.
   [[nodiscard]] virtual State state() = 0;
 };
 
@@ -144,8 +144,8 @@ struct KLT_PackedRecords {
   // Limit of the encoded bytes that a fill collects before they are delivered. The records are kept
   // in memory form; their encoded size limits how far a stream is read ahead.
   static constexpr size_t kFillBytes = 0x10000;
-  // Room that a record needs beyond its fields: number byte, a time record of 9 bytes, a spare
-  // byte.
+  // Encoded bytes to reserve for a record besides its fields: the number byte, a time record of 9
+  // bytes, and one more.
   static constexpr size_t kRecordOverhead = 11;
 
   KLT_RecordBuffer records;
