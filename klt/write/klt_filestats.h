@@ -1,5 +1,5 @@
 // Computes the profiles of a trace while it is written: numbers and durations of function calls,
-// messages and collective operations, by function, by route and by operation.
+// messages and collective operations. The struct Key of each profile lists what it is counted by.
 //
 // Owned by a writer, which adds each record; klt_write_stats writes the profiles. Times are in
 // ticks of the clock (time stamps shifted right by the event bits). Profiles are in the order in
@@ -19,8 +19,8 @@
 
 // Parameters of the profiles.
 struct KLT_StatsParameters {
-  // Returns the members of a communicator in rank order, null if it has none, and sets `count`,
-  // unless the communicator isn't known.
+  // Returns the members of a communicator in rank order, or null if it has none. Sets `count` only
+  // if the communicator is known.
   const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t* count) = nullptr;
   void* lookupContext = nullptr;
   uint32_t eventBits = 0;  // of the time stamps that are written
@@ -142,7 +142,7 @@ void KLT_FileStatsCollective(KLT_FileStats& stats, const KLT_CollectiveStat::Key
                              size_t members, const uint32_t* sent, const uint32_t* received,
                              const uint64_t* durations);
 
-// Bytes by member if only the root's are known: `bytes` for the members equal to `root`, 0 for the
-// others. Null, after a report, if the communicator isn't known. Valid until the next call.
+// Bytes by member if only the root's are known: `bytes` for the member `root`, 0 for the others.
+// Null, after a report, if the communicator isn't known. Valid until the next call.
 [[nodiscard]] const uint32_t* KLT_FileStatsRootOnly(KLT_FileStats& stats, uint32_t communicator,
                                                     size_t members, uint32_t root, uint32_t bytes);

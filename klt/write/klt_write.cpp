@@ -16,8 +16,8 @@ namespace {
 
 constexpr uint32_t kHeaderFlags = 0xb;
 
-// Empties the file of an incomplete index, which must not be taken for a complete one. In the
-// single form that is the container with all components.
+// Empties the index file, because an incomplete index must not be read like a complete one. In the
+// single form the file is the container with all components.
 void emptyIndex(const KLT_WFileHandle& writer, int form) {
   if (form == KLT_FORM_SERIAL) return;  // standard output
   const std::string path = PAL_PathInDir(writer.directory(), writer.name);

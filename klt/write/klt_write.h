@@ -23,14 +23,14 @@
                                               KLT_FileSet inputFiles = {});
 
 // Adds the declared threads in `selection`, or all of them if it is empty, to the list of all
-// threads. It is the list of the components without a list of their own (messages, collective
-// operations, reports), which contain records of these threads even if they have no component.
+// threads. Components without a list of their own (messages, collective operations, reports) use
+// this list. They also contain records of threads that have no component.
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 
 // Writes profiles and index, and frees the handle. `complete` receives whether all bytes have been
 // written to the files. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);
 
-// Flushes and frees without writing profiles and index. False if a write has failed. With both
-// functions a missing or incomplete index leaves an empty file.
+// Flushes and frees without writing profiles and index. False if a write has failed. After both
+// functions the file of a missing or incomplete index is empty.
 bool KLT_WriterFree(KLT_WFileHandle* writer);

@@ -79,9 +79,9 @@ KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
 
 // Warns that a value is reduced to the width of its field, with the source location of the encoder.
 void reportNarrowed(uint64_t value, unsigned bytes, const char* file, int line) {
-  const unsigned held = value >> 32 == 0 ? 4 : 8;
+  const unsigned valueBytes = value >> 32 == 0 ? 4 : 8;
   PAL_Warning("KLT Encoding Error: reducing unsigned %u-byte 0x%llx to unsigned %u-byte (%s:%d)",
-              held, static_cast<unsigned long long>(value), bytes, file, line);
+              valueBytes, static_cast<unsigned long long>(value), bytes, file, line);
 }
 
 // Reports a failed write and drops the component: later bytes are lost.
@@ -97,7 +97,7 @@ void dropComponent(KLT_WFileHandle& writer, const KLT_WriteContext& context,
 
 }  // namespace
 
-// Every record looks up its context, by array for the main threads of processes (gtp < 0x10000).
+// Each record looks up its context; for the first threads of processes (gtp < 0x10000) in an array.
 KLT_WFileHandle::KLT_WFileHandle() { byThread.fill(KLT_IdIndex(0x10000)); }
 
 KLT_WFileHandle::~KLT_WFileHandle() {

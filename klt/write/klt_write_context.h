@@ -2,7 +2,7 @@
 // klt_write.h.
 //
 // A KLT_WriteContext is one data component with its anchors. Its buffer grows from 4 KiB to 64 KiB
-// and is flushed when that is full, so that many small components take little memory.
+// and is flushed when it is full, so that many small components take little memory.
 #pragma once
 
 #include <algorithm>
@@ -39,8 +39,8 @@ struct KLT_WriteBuffer {
   KLT_IoFile* file = nullptr;
   bool lost = false;  // a write has failed; later bytes are dropped
 
-  // Enlarges the buffer and keeps its first `used` bytes. The others aren't cleared: memory that is
-  // never written to isn't allocated by the system, which counts with thousands of components.
+  // Enlarges the buffer and keeps its first `used` bytes. The others aren't cleared, because the
+  // system only allocates memory that is written to.
   void grow(size_t newSize, size_t used) {
     auto larger = std::make_unique_for_overwrite<uint8_t[]>(newSize);
     std::copy_n(bytes.get(), used, larger.get());
@@ -59,14 +59,14 @@ struct alignas(64) KLT_WriteContext {
   bool broken = false;  // its files can't be opened
   uint64_t outputTime = 0;
   size_t dataUsed = 0;
-  size_t fastPathEnd =
-      0;  // records that end before this offset of `data` fit and need no seek point
+  // Records that end before this offset of `data` fit in it and need no seek point.
+  size_t fastPathEnd = 0;
   KLT_WriteBuffer data;
   KLT_WriteHistory history;
 
   uint64_t flushed = 0;     // bytes written to the data component, before compression
   uint64_t nextAnchor = 0;  // position that triggers the next seek point
-  uint64_t lastTime = 0;    // the largest output time before a step back; 0 without one
+  uint64_t lastTime = 0;    // the largest output time, if the time has decreased; otherwise 0
   uint32_t categories = 0;
   std::string suffix;     // empty for the index
   uint32_t fileId = 0;    // 0: no declaration
@@ -197,6 +197,6 @@ void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
 // Creates a context for a category bit and, unless the category is shared, a thread. Its files
 // aren't open yet.
 KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread);
-// Creates the contexts that all threads share. They are the first ones, in a fixed order, even
-// those that get no record.
+// Creates the contexts that all threads share. They come first, in a fixed order, even if they get
+// no records.
 void KLT_InitWFileHandle(KLT_WFileHandle& writer);

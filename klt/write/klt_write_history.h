@@ -1,4 +1,4 @@
-// Keeps the state of an output component that seek points store, so that a reader can start there.
+// Keeps the state of an output component that seek points store for readers that start there.
 //
 // Each component has a KLT_WriteHistory: the call stack of its thread, and the offsets of the
 // records that are still relevant, which are messages and collective operations that haven't ended,
@@ -53,8 +53,8 @@ class KLT_OffsetEntries {
   // Removes the entries with an end at or before `limit`.
   void prune(uint64_t limit);
   // The number of entries that prune(limit) would leave; the next prune() removes the others. If
-  // there are many entries, this takes time only for those that have ended, while prune() walks
-  // through all.
+  // there are many entries, this function only processes those that have ended, but prune()
+  // processes all.
   [[nodiscard]] size_t countAfter(uint64_t limit);
   [[nodiscard]] const std::vector<KLT_OffsetEntry>& entries() const { return entries_; }
 
@@ -88,7 +88,7 @@ class KLT_OffsetEntries {
   PAL_HashMap<uint64_t, Indexes> scopes_;   // by scope and seqnr
   size_t pruneAt_ = kFirstPrune;
   // From a call of countAfter() with many entries to the next prune(): the ends of entries as a
-  // heap with the lowest on top, the number of ends taken off it, and the highest limit.
+  // heap with the lowest on top, the number of ends removed from it, and the highest limit.
   bool isCounting_ = false;
   std::vector<uint64_t> ends_;
   size_t ended_ = 0;
@@ -136,7 +136,7 @@ struct alignas(64) KLT_WillyHistory {
   }
 }
 
-// A component has the records of one thread, or those of all threads, with gtp 0.
+// A component has the records of one thread, or of all threads; then `gtp` is 0.
 using KLT_WriteHistory = KLT_WillyHistory;
 
 // A call begins. `ticks` is only used for statistics.
@@ -152,8 +152,8 @@ using KLT_WriteHistory = KLT_WillyHistory;
                                                             uint64_t ticks, KLT_FileStats* stats) {
   PAL_Stack<KLT_WillyHistory::Call>& calls = history.calls;
   if (calls.empty()) return;
-  // Not copied as a whole: if the call was pushed just before, a load that spans several recent
-  // stores would stall.
+  // The call isn't copied as a whole: if it was pushed just before, a load that spans several
+  // recent stores would stall.
   const KLT_WillyHistory::Call& call = calls.top();
   const uint32_t function = call.function;
   const uint64_t inclusive = ticks - call.start;

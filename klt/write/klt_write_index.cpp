@@ -54,7 +54,7 @@ bool putLayouts(KLT_WFileHandle& writer, KLT_WriteContext& index) {
   return true;
 }
 
-// Entries of a table by id, in the order of its buckets.
+// The entries in the order of a hash table by id with kTableBuckets buckets.
 template <class Value>
 std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMap<Value>& table) {
   std::vector<const typename KLT_IdMap<Value>::Entry*> ordered;

@@ -1,4 +1,4 @@
-// Writes seek points and time records before a record, the rare cases. See klt_write_row.h.
+// Writes the seek point and the time record that few records need before them. See klt_write_row.h.
 #include "klt/write/klt_write_row.h"
 
 #include <algorithm>

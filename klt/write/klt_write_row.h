@@ -4,7 +4,7 @@
 //
 // Arguments are the fields of the row in order: the absolute time; integers; a count followed by
 // pointers to the elements of the arrays it covers, null for zeros; texts as C strings, without
-// their count; opaque 64-bit values as the bytes to store. References to strings are passed as
+// their count; values of type raw64 as the bytes to store. References to strings are passed as
 // texts.
 //
 // The record is appended to the buffer of its component, preceded by a seek point
@@ -326,7 +326,7 @@ class RowWriter {
   }
 
   // Updates the state for the next seek point. `before` is the running time before the record,
-  // `open` says that the record may be completed later.
+  // `open`: the record may be completed later.
   void updateHistory(KLT_WriteContext& context, uint64_t before, uint64_t offset, bool open) {
     constexpr bool kIsSpan =
         row.filter == KLT_FilterClass::kMessage || row.filter == KLT_FilterClass::kCollective;
@@ -423,8 +423,8 @@ class RowWriter {
 
   KLT_WFileHandle& writer_;
   const Arguments& arguments_;
-  // By field. Their size is 0 for rows without counts or texts, which are most, because clearing
-  // them would take longer than the rest of the work for a record.
+  // By field. Most rows have no counts or texts. For them the size is 0, because clearing the
+  // arrays would take longer than the rest of the work for a record.
   std::array<uint64_t, layout.hasArrays ? row.numFields : 0> counts_{};
   std::array<uint32_t, hasStrings() ? row.numFields : 0> ids_{};
 };
