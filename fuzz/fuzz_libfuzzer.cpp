@@ -1,4 +1,4 @@
-// Hands a target's functions to libFuzzer, whose names these are.
+// Defines the functions that libFuzzer calls, by those of a target.
 #include <cstring>
 
 #include "fuzz/fuzz_target.h"

@@ -1,4 +1,4 @@
-// The option grammar, times and triplets: what | bytes of it, see fuzz::run.
+// Fuzzes the option grammar, times and triplets. The first byte selects what the others are.
 #include <cmath>
 #include <vector>
 

@@ -1,11 +1,11 @@
-// An index, or a component with its anchors, through full filter passes.
+// Fuzzes an index, or a component with its anchors, by full passes of the reader.
 //
-//   input: 0x80 to 0xff | an index, over components in the standard layout
+//   input: 0x80 to 0xff | an index for the components of the base trace
 //          flags | requests, 14 bytes each, as many as the flags say | length of the anchors, 2
 //          bytes | anchors | component
 //
 // Bits of the flags: 0 deliver in time order, 1 decode field by field, 2 no anchor file, 3 and 4
-// number of requests, 5 and 6 which of the base trace's components it replaces.
+// number of requests, 5 and 6 which component of the base trace is replaced.
 #include <algorithm>
 #include <vector>
 
@@ -17,25 +17,25 @@ namespace {
 
 constexpr size_t kRequestBytes = 14;
 
-// One pass to its end that looks at every byte that handlers are given.
-void touchAll(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& requests,
-              int serial) {
+// Reads one pass to its end. The handlers read every byte of their arguments.
+void readAll(KLT_FileHandle* trace, int mode, const std::vector<KLT_Request>& requests,
+             int serial) {
   reading::Recorder recorder;
   recorder.keeps = false;
   const auto reader = reading::openReader(trace, recorder.table, requests, serial, mode);
   if (reader != nullptr) (void)reading::finish(reader.get());
 }
 
-// Definitions of every kind, and components with anchors: .f.0 any category of any thread; .f.1
-// calls, scopes and input of threads 0 to 3; .f.2 counters and communication; .f.3 raw events.
+// Has definitions of every kind, and components with anchors: .f.0 any category and thread; .f.1
+// calls, scopes, file I/O of threads 0 to 3; .f.2 counters, communication; .f.3 raw events.
 tb::TraceFiles baseTrace() {
-  static const tb::TraceFiles files = fuzz::takeApart(tb::readFile(KLT_FUZZ_BASE));
+  static const tb::TraceFiles files = fuzz::componentsOf(tb::readFile(KLT_FUZZ_BASE));
   return files;
 }
 
 bool isIndex(std::string_view input) { return (fuzz::load(input, 0) & 0x80) != 0; }
 
-// Where the parts of an input with a component begin.
+// The offsets at which the parts of an input with a component begin.
 struct Parts {
   size_t anchors, component;
 
@@ -46,8 +46,8 @@ struct Parts {
   }
 };
 
-// start, 4 bytes | length, 4, all ones for no end | categories, 2 | first and last process, stride
-// plus 128, thread of the processes, 1 each
+// start, 4 bytes | length, 4 bytes, all ones: no end | categories, 2 bytes | first process, last
+// process, stride + 128, thread number, 1 byte each
 KLT_Request requestAt(std::string_view input, size_t at) {
   KLT_Request request;
   request.start = fuzz::load(input, at, 4);
@@ -85,15 +85,15 @@ void fuzz::run(std::string_view input) {
   const std::string name = files.writeContainer(directory());
   (void)KLT_IsTrace(name.c_str());
   const KLT_OwnedTrace trace(KLT_Open(name.c_str()));
-  require(trace != nullptr || isIndex(input), "a sound index isn't accepted");
+  require(trace != nullptr || isIndex(input), "a valid index isn't accepted");
   if (trace == nullptr) return;
   std::vector<std::string> names;
   std::vector<uint64_t> sizes;
   KLT_FileList(trace.get(), &names, &sizes);
   (void)KLT_FilesAreKnown(trace.get());
-  touchAll(trace.get(), KLT_MODE_DEFINITIONS, {}, 1);
-  touchAll(trace.get(), KLT_MODE_EVENTS, requests, flags & 1);
-  if (isIndex(input)) touchAll(trace.get(), KLT_MODE_EVENTS, {}, 1);
+  readAll(trace.get(), KLT_MODE_DEFINITIONS, {}, 1);
+  readAll(trace.get(), KLT_MODE_EVENTS, requests, flags & 1);
+  if (isIndex(input)) readAll(trace.get(), KLT_MODE_EVENTS, {}, 1);
 }
 
 bool fuzz::mutate(Random& random, std::string& input) {

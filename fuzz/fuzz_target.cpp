@@ -1,4 +1,4 @@
-// Splitting and changing records and traces. See fuzz_target.h.
+// Splits and changes records and traces. See fuzz_target.h.
 #include "fuzz/fuzz_target.h"
 
 #include <fcntl.h>
@@ -21,16 +21,16 @@ struct Place {
 };
 
 struct Record {
-  size_t begin, end;  // end 0 if it isn't whole
+  size_t begin, end;  // end is 0 if it is incomplete
   std::vector<Place> places;
 };
 
-// The record that begins there, or the layout entry of an index: 0, number, name, fields. Given a
-// `maker`, what follows the number is made up.
+// The record that begins at `begin`, or the layout entry of an index: 0, number, name, fields. With
+// a `maker`, random values are appended for everything after the number.
 Record recordAt(std::string& bytes, size_t begin, Random* maker = nullptr) {
   static const tb::Layout layout;
   Record record{begin, begin + 1, {}};
-  // The first of `count` numbers, which follow.
+  // Goes over `count` numbers and returns the first.
   const auto take = [&](size_t width, uint64_t count = 1, bool isCount = false) -> uint64_t {
     for (uint64_t i = 0; maker != nullptr && i < count; ++i) {
       const uint64_t made = isCount ? below(*maker, 5) : anyNumber(*maker);
@@ -100,7 +100,7 @@ size_t below(Random& random, size_t limit) { return limit == 0 ? 0 : random() % 
 uint64_t anyNumber(Random& random) {
   const size_t bit = below(random, 64);
   const uint64_t high = random(), low = random();
-  // A limit, or just beside it, and for example another thread of a process.
+  // A power of two or a neighbour, any number, and for example another thread of a process.
   const uint64_t rare[] = {(uint64_t{1} << bit) + high % 3 - 1, (high << 32 | low) >> bit,
                            ~(high % 3), high % 3 << 16 | bit % 4, high % 5000};
   const size_t which = low % 12;
@@ -135,13 +135,13 @@ void mutateRecords(Random& random, std::string& bytes, size_t start) {
     bytes.insert(records.empty() ? start : records[index].begin, made);
     return;
   }
-  // A few records from there on, and the places of one of them.
+  // A few records from `index` on, and the numbers in the first of them.
   const size_t last = std::min(index + below(random, 4), records.size() - 1);
   const size_t begin = records[index].begin, size = records[last].end - begin;
   const std::vector<Place>& places = records[index].places;
   if (what == 1) {
     bytes.erase(begin, size);
-  } else if (what < 4) {  // once more, or many times, there or elsewhere
+  } else if (what < 4) {  // repeats them, once or many times, there or elsewhere
     const std::string run = bytes.substr(begin, size);
     const size_t times = below(random, 16) == 0 ? 1 + kLargestInsertion / size : 1;
     const size_t to = what == 2 ? begin : records[below(random, records.size())].end;
@@ -156,13 +156,13 @@ const tb::TempDir& directory() {
   return directory;
 }
 
-tb::TraceFiles takeApart(std::string_view container) {
+tb::TraceFiles componentsOf(std::string_view container) {
   const std::string base = directory() / "mutated.klt";
   tb::writeFile(base, container);
   tb::TraceFiles files;
   KLT_Container* opened = KLT_ContainerOpen(nullptr, base.c_str(), O_RDONLY, 0);
   if (opened == nullptr) return files;
-  size_t left = container.size();  // extents may overlap
+  size_t left = container.size();  // of what is read, because extents may overlap
   for (const std::string& key : KLT_ContainerKeys(opened)) {
     KLT_IoFile* file = KLT_IoOpen(opened, key == " " ? base.c_str() : (base + key).c_str());
     if (file == nullptr) continue;

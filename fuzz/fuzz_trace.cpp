@@ -1,10 +1,10 @@
-// A container, its directory above all, and the trace in it through dump, listings, extraction,
+// Fuzzes a container, mainly its directory, and the trace in it: by dump, listings, extraction,
 // copy, merge and summary.
 //
 //   input: options | a container
 //
-// Bits of the options: 0 to 2 which requests, 3 delivery in time order, 4 matched text, 5 a single
-// file as output.
+// Bits of the options: 0 to 2 which requests, 3 delivery without time order, 4 matched text, 5 a
+// single file as output.
 #include <filesystem>
 
 #include "fuzz/fuzz_target.h"
@@ -32,7 +32,7 @@ constexpr const char* kRequests[] = {
     "TICKS on\nREQUEST 100s:1100s\nREQUEST 900s:4000s 1:3\n",
 };
 
-// The program's operations end the process; here only a call ends.
+// The program's operations end the process. Here they end a call, by this exception.
 struct Ended {
   int status;
 };
@@ -46,9 +46,9 @@ int statusOf(const Function& function) {
   }
 }
 
-int32_t serial;  // deliver component by component
+int32_t serial;  // nonzero: deliver in time order
 
-// One extraction with these options. Its status, or -1 if the trace can't be opened.
+// Extracts with these options. Returns the status, or -1 if the trace can't be opened.
 int extract(const std::string& input, const std::string& options) {
   RK_ConfigDefaults();
   (void)RK_ScanText(options, RK_ScanMode::config);
@@ -80,7 +80,7 @@ void fuzz::run(std::string_view input) {
   const std::string name = directory() / "t.klt", copy = directory() / "copy.klt",
                     output = directory() / "out.klt", merged = directory() / "merged.klt";
   tb::writeFile(name, rest(input));
-  (void)takeApart(rest(input));  // reads what no index needs
+  (void)componentsOf(rest(input));  // also reads components that the index lacks
   const uint64_t options = load(input, 0);
   const bool matches = (options & 0x10) != 0, single = (options & 0x20) != 0;
   const std::string requests = kRequests[options & 7];
@@ -93,8 +93,8 @@ void fuzz::run(std::string_view input) {
   KLTT_PrintFiles(trace.get());
   const int failed =
       KLT_Convert(trace.get(), nullptr, copy.c_str(), 0, KLTT_InputFiles(trace.get()));
-  // Anchors are found by name; those that the index doesn't declare aren't copied. They don't
-  // matter without a window.
+  // Anchors are found by name; those that the index doesn't declare aren't copied. They have no
+  // effect without a window.
   if (failed == 0 && !requests.starts_with("TICKS")) {
     require(dump(copy, asText) == text, "a copy has another text or status");
   }
@@ -107,7 +107,7 @@ void fuzz::run(std::string_view input) {
 
   RK_ConfigDefaults();
   trace.reset(KLT_Open(name.c_str()));
-  const bool raw = (trace->flags & 1) != 0;  // a summary is all that others give
+  const bool raw = (trace->flags & 1) != 0;  // of others only a summary can be made
   const int flags = (raw ? KLTM_MERGE : KLTM_SUMMARY) | (matches ? KLTM_SUMMARY : 0) |
                     (single ? KLTM_SINGLE_FILE : 0);
   const int status = statusOf([&] {  // which closes the trace
@@ -117,9 +117,9 @@ void fuzz::run(std::string_view input) {
 }
 
 bool fuzz::mutate(Random& random, std::string& input) {
-  tb::TraceFiles files = takeApart(rest(input));
+  tb::TraceFiles files = componentsOf(rest(input));
   const size_t which = below(random, 8);
-  if (which == 1 && input.size() > 24) {  // a number or a byte of the directory
+  if (which == 1 && input.size() > 24) {  // change a number or a byte of the directory
     const uint64_t begin = load(input, input.size() - 8, 8);
     std::string directory = input.substr(begin < input.size() - 9 ? 1 + begin : 1);
     input.resize(input.size() - directory.size());

@@ -2,8 +2,8 @@
 //
 //   replay_TARGET MUTATIONS FILE-OR-DIRECTORY
 //
-// What the program prints goes nowhere. A sanitizer's finding or an abort ends the process; the
-// last line of standard output is the name of the input at work.
+// Output of the program is dropped. A sanitizer's finding or an abort ends the process; then the
+// last line of standard output is the name of the input.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -19,7 +19,7 @@
 
 namespace {
 
-// The block is of exactly that size, so that reading beyond it is seen.
+// The block has exactly the size of the input, so that a sanitizer finds reads beyond it.
 void runOn(const std::string& input) {
   const std::vector<char> block(input.begin(), input.end());
   fuzz::run({block.data(), block.size()});
@@ -32,11 +32,11 @@ int main(int argc, char** argv) {
   const unsigned long mutations = std::strtoul(argv[1], nullptr, 10);
   std::vector<std::filesystem::path> inputs{argv[2]};
   if (is_directory(inputs[0])) inputs.assign(std::filesystem::directory_iterator(argv[2]), {});
-  // Findings and names of inputs go on to where standard output leads. Left open: leaks are
-  // reported there at the exit.
+  // Findings and names of inputs are still written to standard output. The file isn't closed,
+  // because leaks are reported at the exit.
   FILE* log = fdopen(dup(STDOUT_FILENO), "w");
 #ifdef KLT_WITH_ASAN
-  // The interface takes the number in a pointer.
+  // The function has a pointer parameter for the descriptor.
   // NOLINTNEXTLINE(performance-no-int-to-ptr)
   __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(fileno(log))));
 #endif
@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
       if (!fuzz::mutate(random, mutated)) fuzz::mutateBytes(random, mutated);
       mutated.resize(std::min<size_t>(mutated.size(), 1 << 16));
       runOn(mutated);
-      // Every fourth change stays, for what needs more than one.
+      // Every fourth change is kept, for faults that need several.
       if (round % 4 == 3) input = mutated;
     }
   }

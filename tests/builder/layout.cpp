@@ -1,4 +1,4 @@
-// The rows of the document, changes of them, and the layout block.
+// Reads the rows from docs/format.md, changes them, and encodes the layout block.
 #include "tests/builder/layout.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 namespace tb {
 namespace {
 
-// By code, from Char on. There is no code 0xf7.
+// Names and sizes of the types by code, from Char on. The code 0xf7 isn't used.
 constexpr std::pair<std::string_view, unsigned> kTypes[] = {
     {"char", 1}, {"u8", 1},    {"u16", 2},   {"u32", 4}, {"u64", 8},
     {"i8", 1},   {"i16", 2},   {"i32", 4},   {"i64", 8}, {"raw8", 1},
@@ -30,7 +30,7 @@ std::vector<std::string> split(const std::string& text, char separator) {
   return parts;
 }
 
-// "#1 u16" is a count, "function_stack u32! → function_definition" a field.
+// Parses a count, such as "#1 u16", or a field: "function_stack u32! → function_definition".
 Field fieldOf(const std::string& text, unsigned& counts) {
   std::string type, arrow, reference;
   Field field;

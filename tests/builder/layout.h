@@ -1,9 +1,9 @@
-// Record layouts for the trace builder: the rows that a test trace is written with and the layout
-// block that its index carries.
+// Record layouts for the trace builder: the rows by which a test trace is written, and the layout
+// block of its index.
 //
-// Rows come from the table in docs/format.md and not from the program, so that a mistake in the
-// program's own table shows. A test that wants a foreign layout changes the rows before it writes
-// records; records are then encoded by the names of their fields.
+// The rows are read from the table in docs/format.md and not from the program, so that tests find
+// mistakes in the program's table. For a foreign layout a test changes the rows before it writes
+// records. Values are assigned to fields by name.
 #pragma once
 
 #include <cstdint>
@@ -34,28 +34,28 @@ enum class Type : uint8_t {
 [[nodiscard]] unsigned bytesOf(Type type);
 
 struct Field {
-  std::string name = {};  // of counts "#1" and "#2" in the order of the row
+  std::string name = {};  // that of a count is "#1" or "#2", by its order in the row
   Type type = Type::U32;
   bool isCount = false;
-  uint8_t covers = 0;          // of a count: the fields after it that are arrays of that length
-  std::string reference = {};  // is in the layout block only
-  bool required = false;       // is in the document only
+  uint8_t covers = 0;          // how many fields after a count are arrays of its length
+  std::string reference = {};  // only in the layout block
+  bool required = false;       // only in the document
 };
 
 struct Row {
-  uint8_t number = 0;  // as files have it
+  uint8_t number = 0;  // in files
   std::string name = {};
   std::vector<Field> fields = {};
-  bool listed = true;           // whether the layout block has it
-  bool timed = false;           // this and the next are in the document only
-  std::string categories = {};  // names with blanks between them
+  bool listed = true;           // the layout block contains it
+  bool timed = false;           // this and `categories` are only in the document
+  std::string categories = {};  // names, separated by blanks
 
-  // The place of a field; the number of fields if there is none of the name.
+  // The index of a field; the number of fields if there is none with this name.
   [[nodiscard]] size_t place(std::string_view field) const;
 };
 
-// All rows. They keep the number that the standard layout gives them as their name in this
-// interface, whatever number files have.
+// All rows. The functions identify a row by its number in the standard layout, even if its number
+// in files has been changed.
 class Layout {
  public:
   Layout();
@@ -65,7 +65,7 @@ class Layout {
   [[nodiscard]] const Row& row(unsigned number) const { return rows_.at(number - 1); }
 
   Layout& retype(unsigned number, std::string_view field, Type type);
-  // A count that covers nothing any more goes too.
+  // Removes a field, and its count if that covers no other field.
   Layout& drop(unsigned number, std::string_view field);
   // Inserts before the named field, at the end if there is none.
   Layout& insert(unsigned number, std::string_view before, const Field& field);

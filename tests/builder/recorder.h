@@ -1,4 +1,4 @@
-// Handlers that turn every call into a line of text: the record's name and its arguments.
+// Handlers that convert each call to a line of text: the record's name and its arguments.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace reading {
 using Lines = std::vector<std::string>;
 using Reader = KLT_OwnedReader;
 
-// A handler in every slot of `table`. Empty slots to stand for a consumer that wants less.
+// Has a handler in every slot of `table`. Tests set slots to null to receive fewer records.
 struct Recorder {
   Recorder() {
     table.user_data = this;
@@ -35,7 +35,7 @@ struct Recorder {
     recorder.lines.push_back(std::move(line));
     return recorder.lines.size() == recorder.stopAt ? 1 : 0;
   }
-  // An array has as many elements as the number ahead of it says, the bounds of a counter are two.
+  // An array has as many elements as the last number before it; the bounds of a counter are two.
   template <class T>
   static void add(std::string& line, size_t& count, T value) {
     if constexpr (std::is_arithmetic_v<T>) {
@@ -62,8 +62,8 @@ struct Recorder {
 
   KLT_HandlerTable table;
   Lines lines;
-  bool keeps = true;  // otherwise lines are made and dropped
-  size_t stopAt = 0;  // the handler that makes this many lines returns an error; 0: none does
+  bool keeps = true;  // false: lines are made but not stored
+  size_t stopAt = 0;  // the handler that makes the line with this number returns 1; 0: none
 };
 
 [[nodiscard]] inline Reader openReader(KLT_FileHandle* trace, const KLT_HandlerTable& table,
@@ -75,8 +75,8 @@ struct Recorder {
                                &table, serial));
 }
 
-// One pass to its end: all results. A stream that fails leaves the others; corruption without time
-// order may be met once a stream.
+// Reads a pass to its end and returns all results. After a stream has failed, the others are still
+// read. Without time order each stream may fail once.
 inline std::vector<int> finish(KLT_Reader* reader) {
   constexpr size_t kMostFailures = 1000;
   std::vector<int> statuses;

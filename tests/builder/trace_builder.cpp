@@ -1,4 +1,4 @@
-// Encoding of stated records, the anchors of a component, and the index of a trace.
+// Encodes records, the anchors of a component, and the index of a trace.
 #include "tests/builder/trace_builder.h"
 
 #include <zlib.h>
@@ -18,7 +18,7 @@ const Layout& standardLayout() {
   return layout;
 }
 
-// Nothing if the field isn't named.
+// The value with this name; empty if there is none.
 const Value& find(const Values& values, std::string_view name) {
   static const Value none("");
   const auto at = std::find_if(values.begin(), values.end(),
@@ -28,7 +28,7 @@ const Value& find(const Values& values, std::string_view name) {
 
 uint64_t later(uint64_t time, uint64_t span) { return span > kNever - time ? kNever : time + span; }
 
-// Values of fields whose names a text lists with blanks between them.
+// Values with the names in `names`, which are separated by blanks.
 Values named(std::string_view names, const std::initializer_list<Value>& values) {
   Values all;
   for (const Value& value : values) {
@@ -51,7 +51,7 @@ Values withMembers(Values values, const std::vector<Triplet>& members) {
   return values;
 }
 
-// The place of an element in a list that begins with 1; what isn't there is added.
+// The position of an element in a list, from 1. Adds the element if the list doesn't have it.
 template <class T>
 uint32_t idIn(std::vector<T>& list, const T& element) {
   auto at = std::find(list.begin(), list.end(), element);
@@ -128,7 +128,7 @@ void RecordBytes::record(unsigned number, const Values& values) {
   last_ = {bytes_.size(), running_ - delta};
   put(bytes_, row.number, 1);
   size_t elements = 1, covered = 0;
-  bool stated = false;
+  bool isCountSet = false;
   for (size_t i = 0; i < row.fields.size(); ++i) {
     const Field& field = row.fields[i];
     const unsigned width = bytesOf(field.type);
@@ -138,13 +138,13 @@ void RecordBytes::record(unsigned number, const Values& values) {
       elements = 0;
       for (size_t k = i + 1; k <= i + covered && k < row.fields.size(); ++k)
         elements = std::max(elements, find(values, row.fields[k].name).size());
-      stated = value.size() > 0;
-      put(bytes_, stated ? value.bits(0, Type::U64) : elements, width);
+      isCountSet = value.size() > 0;
+      put(bytes_, isCountSet ? value.bits(0, Type::U64) : elements, width);
     } else if (i == timeField) {
       put(bytes_, delta, width);
     } else {
-      // A stated count says nothing about how many elements really follow.
-      const size_t written = covered == 0 ? 1 : stated ? value.size() : elements;
+      // A count that was set by a test ("#1") may differ from the number of elements.
+      const size_t written = covered == 0 ? 1 : isCountSet ? value.size() : elements;
       for (size_t k = 0; k < written; ++k) put(bytes_, value.bits(k, field.type), width);
       if (covered > 0) --covered;
     }
@@ -253,7 +253,7 @@ Stream& Stream::rawCollective(const RawCollective& e) {
                       {e.thread, e.kind, e.operation, e.communicator, e.counter, e.end}));
 }
 
-// Also forgets what has ended.
+// Also forgets the records that have ended.
 Stream& Stream::anchor(Stored stored) {
   std::erase_if(remembered_, [&](const auto& entry) { return data_.running() >= entry.end; });
   for (const auto& [thread, calls] : calls_) {
@@ -262,7 +262,7 @@ Stream& Stream::anchor(Stored stored) {
                        named("willy_gtp function_stack scls", {thread, calls.first, calls.second}));
   }
   if (stored == Stored::Everything && remembered_.empty() && (categories_ & SCOPES) != 0)
-    anchorData_.record("history", {});  // there are none
+    anchorData_.record("history", {});  // no open scopes
   std::vector<uint32_t> files;
   std::vector<uint64_t> offsets, prevtimes;
   const auto flush = [&] {
@@ -305,12 +305,12 @@ Stream& Trace::stream(std::string_view suffix, uint32_t categories,
 
 Stream& Trace::streamOf(std::string_view suffix, uint32_t categories,
                         const std::vector<Triplet>& threads) {
-  const auto fileId = static_cast<uint32_t>(0x10003 + 2 * streams_.size());  // its anchors are next
+  const auto fileId = static_cast<uint32_t>(0x10003 + 2 * streams_.size());  // anchors: + 1
   return streams_.emplace_back(layout_, suffix, fileId, categories,
                                threads.empty() ? 0 : idIn(lists_, threads));
 }
 
-// Header, layout block, then what the components refer to, then the components with their anchors.
+// Header, layout block, the records to which components refer, the components with their anchors.
 std::string Trace::index() const {
   RecordBytes records(layout_);
   const auto declareFile = [&](uint32_t id, uint32_t type, const Stream& stream) {

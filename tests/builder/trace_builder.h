@@ -1,4 +1,4 @@
-// Builds traces for tests from statements about records.
+// Builds traces for tests from calls that describe their records.
 //
 //   tb::Trace trace;
 //   trace.clock(1e-6, 10).processes({1, 1}).function(7, "main");
@@ -6,9 +6,9 @@
 //   tb::TempDir directory;
 //   std::string name = trace.files().writePlain(directory);
 //
-// Its encoder is its own and shares nothing with the program: what both agree on was written twice.
-// Records are encoded when they are stated, so a changed layout has to be in place before. A fault
-// in the use of the builder ends the process with a message.
+// Its encoder shares no code with the program, so that a mistake in either is found. Records are
+// encoded when they are added, so the layout must be changed before that. Wrong use of the builder
+// ends the process with a message.
 #pragma once
 
 #include <cstdint>
@@ -70,9 +70,9 @@ class Value {
   }
 
   [[nodiscard]] size_t size() const { return elements_.size(); }
-  // The bits of element `index` as a file holds them in a field of this type.
+  // The bits of element `index` as they are stored in a field of this type.
   [[nodiscard]] uint64_t bits(size_t index, Type type) const;
-  // Whether a field of this type can hold it.
+  // Whether a field of this type can store the value.
   [[nodiscard]] bool fits(Type type) const;
   [[nodiscard]] bool isZero() const;
 
@@ -80,29 +80,29 @@ class Value {
   std::vector<std::pair<int64_t, double>> elements_;
 };
 
-// Field values by name; fields that aren't named are 0, arrays empty. "#1" states the first count
-// of a record, whatever the arrays hold.
+// Field values by name; other fields are 0, other arrays empty. "#1" sets the first count of a
+// record, independently of its arrays.
 using Values = std::vector<std::pair<std::string_view, Value>>;
 
-// Records one after another, with the running time that their deltas refer to.
+// A sequence of encoded records, with its running time.
 class RecordBytes {
  public:
   explicit RecordBytes(const Layout& layout) : layout_(&layout) {}
 
-  // Records that follow happen at this time; the step becomes a delta or a time record.
+  // Sets the time of the next records. The step is encoded in a record or in a time record.
   void at(uint64_t time) { time_ = time; }
-  // A record by the number of its row in the standard layout.
+  // Appends a record by the number of its row in the standard layout.
   void record(unsigned number, const Values& values = {});
-  // A record by its name: the first variant that can hold the values that aren't 0.
+  // Appends a record by its name: the first variant that can store the values that aren't 0.
   void record(std::string_view name, const Values& values) { record(rowFor(name, values), values); }
   [[nodiscard]] static unsigned rowFor(std::string_view name, const Values& values);
   void bytes(std::string_view raw) { bytes_ += raw; }
 
   [[nodiscard]] uint64_t time() const { return time_; }
-  // The running time of the bytes written, the one that the next delta refers to.
+  // The running time after the last record.
   [[nodiscard]] uint64_t running() const { return running_; }
   [[nodiscard]] const std::string& contents() const { return bytes_; }
-  // Of the record written last: its offset, and the running time ahead of it.
+  // The offset of the last record, and the running time before it.
   [[nodiscard]] std::pair<uint64_t, uint64_t> last() const { return last_; }
 
  private:
@@ -114,7 +114,7 @@ class RecordBytes {
 
 struct Message {
   uint32_t sender = 0, receiver = 0;
-  int64_t receiveTime = 0;  // from the record's time
+  int64_t receiveTime = 0;  // relative to the record's time
   uint32_t communicator = 0, size = 0, tag = 0, senderFunction = 0, receiverFunction = 0;
 };
 
@@ -123,7 +123,7 @@ enum class Shape { All, AllToAll, AllToOne, OneToAll };
 struct Collective {
   Shape shape = Shape::All;
   uint32_t communicator = 0, operation = 0;
-  // One for each member. Starts count from the record's time. Shapes without bytes leave them out.
+  // By member. Starts are relative to the record's time. Arrays that the shape lacks are ignored.
   std::vector<uint64_t> start = {}, duration = {};
   std::vector<uint32_t> sent = {}, received = {};
 };
@@ -139,8 +139,8 @@ struct RawCollective {
 
 // The state that is stored with an anchor.
 enum class Stored {
-  Nothing,   // the position alone
-  NoScopes,  // some producers store none
+  Nothing,   // only the position
+  NoScopes,  // no open scopes, like some producers
   Everything,
 };
 
@@ -150,12 +150,12 @@ class Stream {
   Stream(const Layout& layout, std::string_view suffix, uint32_t fileId, uint32_t categories,
          uint32_t threadList);
 
-  // Times are raw: ticks shifted by the trace's event bits.
+  // Sets the raw time of the next records.
   Stream& at(uint64_t time) {
     data_.at(time);
     return *this;
   }
-  // Any record; anchors don't know of it.
+  // Appends any record. Anchors don't refer to it.
   Stream& record(unsigned number, const Values& values = {});
   Stream& record(std::string_view name, const Values& values) {
     return record(RecordBytes::rowFor(name, values), values);
@@ -165,7 +165,7 @@ class Stream {
     return *this;
   }
 
-  // The variants with a source location are chosen where one is given.
+  // If `scl` isn't 0, the variant with a source location is appended.
   Stream& enter(uint32_t thread, uint32_t function, uint32_t scl = 0);
   Stream& leave(uint32_t thread, uint32_t scl = 0);
   Stream& enterScope(uint32_t thread, uint32_t scope, uint32_t sequence, uint32_t scl = 0);
@@ -179,13 +179,13 @@ class Stream {
   Stream& rawMessage(const RawMessage& event);
   Stream& rawCollective(const RawCollective& event);
 
-  // An anchor at the first change of time after every `bytes` bytes, from here on.
+  // From now on, sets an anchor at the first change of time after every `bytes` bytes.
   Stream& anchorEvery(size_t bytes, Stored stored = Stored::Everything) {
     chunk_ = bytes;
     stored_ = stored;
     return *this;
   }
-  // An anchor at this point, or any records for the anchor file.
+  // Sets an anchor at this point. anchorRecord() appends any record to the anchor file.
   Stream& anchor(Stored stored = Stored::Everything);
   Stream& anchorRecord(unsigned number, const Values& values) {
     anchorData_.record(number, values);
@@ -200,16 +200,16 @@ class Stream {
 
  private:
   friend class Trace;
-  // A record that later anchors may have to point to. Its key is the thread and what there is of
-  // counter, scope and sequence; that of communication is empty.
+  // A record to which later anchors may have to refer. Its key is the thread and counter, or the
+  // thread, scope and sequence number; that of communication is empty.
   using Key = std::vector<uint32_t>;
   struct Remembered {
     Key key;
-    uint64_t end;  // from then on it doesn't matter any more
+    uint64_t end;  // the time from which anchors don't refer to it
     std::pair<uint64_t, uint64_t> place;
   };
 
-  // The record that was written last.
+  // Remembers the last record.
   Stream& remember(const Key& key, uint64_t end = ~uint64_t{0}) {
     remembered_.push_back({key, end, data_.last()});
     return *this;
@@ -226,7 +226,7 @@ class Stream {
   std::vector<Remembered> remembered_;
 };
 
-// A whole trace. Streams and definitions refer to it, so it stays where it is.
+// A whole trace. It can't be copied, because its streams refer to its layout.
 class Trace {
  public:
   // Flags 3 make a raw trace with compressed components.
@@ -234,7 +234,7 @@ class Trace {
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
 
-  // Before any record is stated.
+  // May only be changed before records are added.
   [[nodiscard]] Layout& layout() { return layout_; }
 
   // Definitions, in the order of the calls.
@@ -274,16 +274,16 @@ class Trace {
   }
 
   [[nodiscard]] Stream& declarations() { return declarations_; }
-  // The id of a text in the index.
+  // The id of a text, which is added to the index.
   uint32_t text(std::string_view text);
 
   // A new component. Without threads its records may be of any thread.
   Stream& stream(std::string_view suffix, uint32_t categories,
                  const std::vector<uint32_t>& threads = {});
-  // A component for which the index names this list of threads.
+  // A new component with this list of threads in the index.
   Stream& streamOf(std::string_view suffix, uint32_t categories,
                    const std::vector<Triplet>& threads);
-  // Records at the end of the index, whatever they are.
+  // Any records for the end of the index.
   [[nodiscard]] RecordBytes& extraIndex() { return extraIndex_; }
 
   [[nodiscard]] TraceFiles files() const;

@@ -1,4 +1,4 @@
-// Storage forms of a built trace: one file a component, or all of them in one container file.
+// Storage forms of a built trace: a file for each component, or one container file.
 //
 // A container is "SKLT", a 64-bit version, the extents, the directory, and the directory's offset
 // in the last 8 bytes. A directory entry is the length of the key, the key, the bytes used in the

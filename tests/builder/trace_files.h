@@ -1,4 +1,4 @@
-// A finished trace as bytes in memory: damage it, then write it to disk in one of the storage
+// A finished trace as bytes in memory. Tests damage it, then write it to disk in one of the storage
 // forms.
 #pragma once
 
@@ -11,12 +11,12 @@
 
 namespace tb {
 
-// Ends the process with a message: the builder is used in a way that makes no sense.
+// Reports wrong use of the builder and ends the process.
 [[noreturn]] void misuse(std::string_view what, std::string_view about);
 // Appends a big-endian number.
 void put(std::string& out, uint64_t bits, unsigned bytes);
 
-// A fresh directory that disappears with its contents at the end of its scope.
+// A new directory, which is removed with its contents at the end of its scope.
 class TempDir {
  public:
   TempDir();
@@ -33,11 +33,11 @@ class TempDir {
   std::string path_;
 };
 
-// How components lie in a single file.
+// How components are arranged in a single file.
 struct ContainerForm {
   unsigned version = 1;  // 0 has 2-byte fields in its directory
-  size_t extent = 0;     // bytes of an extent, dealt out in turns; 0 gives one extent a component
-  bool padded = false;   // last extents have full length too, their unused part filled
+  size_t extent = 0;     // bytes of an extent, of each component in turn; 0: one extent each
+  bool padded = false;   // the last extents have full length, too, with unused bytes
 };
 
 void writeFile(const std::string& path, std::string_view bytes);
@@ -57,7 +57,7 @@ class TraceFiles {
   void remove(std::string_view key) {
     std::erase_if(parts_, [&](const auto& part) { return part.first == key; });
   }
-  // Takes `count` bytes off the end.
+  // Removes the last `count` bytes.
   TraceFiles& truncate(std::string_view key, size_t count) {
     (*this)[key].resize((*this)[key].size() - count);
     return *this;
@@ -66,7 +66,7 @@ class TraceFiles {
   // The trace as one container file.
   [[nodiscard]] std::string container(const ContainerForm& form = {}) const;
 
-  // Write and return the name to open.
+  // Write the trace and return the name to open.
   std::string writePlain(const TempDir& directory, std::string_view base = "t.klt") const;
   std::string writeContainer(const TempDir& directory, const ContainerForm& form = {}) const {
     writeFile(directory / "t.klt", container(form));
