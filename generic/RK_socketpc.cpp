@@ -56,7 +56,7 @@ int RK_IPCInit(const char*, int) {
   PAL_CALLOC(comm, 1, sizeof *comm);
   comm->rank = kOwnRank;
   comm->size = kGroupSize;
-  // A group of one never uses the pair, so it can exist without it.
+  // The pair is never used by a single process, so a failure is harmless.
   const int result = PAL_SocketPair(comm->sockets);
   if (result != 0) PAL_Debug(HERE, "%s = %d\n", "PAL_SocketPair(comm->sockets)", result);
   RK_IPCcommworld = comm;

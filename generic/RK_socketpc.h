@@ -1,9 +1,9 @@
 // The operations of a group of processes, whose only process is the program itself.
 //
 // Configuration, output and merge are written for groups of processes. There is never a second
-// process, so each operation does what it means for a group of one, and no port is opened. Owns the
-// world communicator and its socket pair. All operations take the caller's source position first,
-// written HERE, and return 0 on success.
+// process, so the operations need no communication, and no port is opened. Owns the world
+// communicator and its socket pair. The first arguments of all operations are the caller's source
+// position, HERE. They return 0 on success.
 #pragma once
 
 #include <cstddef>
@@ -36,8 +36,8 @@ inline constexpr RK_IPCOperation RK_IPC_MIN = RK_IPCOperation::MIN;
 inline constexpr RK_IPCOperation RK_IPC_MAX = RK_IPCOperation::MAX;
 inline constexpr RK_IPCOperation RK_IPC_BOR = RK_IPCOperation::BOR;
 
-// Creates the group; later calls do nothing. A failure to create the socket pair is reported, also
-// on the debug channel; the group then exists without it.
+// Creates the group; later calls do nothing. If the socket pair can't be created, this is reported,
+// also on the debug channel, and the group exists without a pair.
 int RK_IPCInit(const char* file, int line);
 
 // The host's name as recorded by RK_IPCInit, or "process_0" if the host's name is unknown.

@@ -2,8 +2,8 @@
 //
 // The order of start-up matters: first messages, memory and the process group; then the
 // configuration, which may already report errors; then the checks of the selected options; and only
-// then the trace is opened. kltt_extract runs extractions, the libraries all other operations.
-// kltt_help has the texts about the program itself.
+// then the trace is opened. Extractions are in kltt_extract, merges and summaries in kltt_merge,
+// operations on files in klt_files.
 #include "generic/kltt_main.h"
 
 #include <fcntl.h>
@@ -52,16 +52,16 @@ int32_t deliveryOrder() {
   return text == nullptr ? 1 : static_cast<int32_t>(std::strtol(text, nullptr, 10));
 }
 
-// A closed pipe that a progress display or a listing is written to must not end the program before
-// its output is complete.
+// If a progress display or a listing is written to a closed pipe, the program must still complete
+// its other output.
 void ignoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 bool writesContainerToStandardOutput() {
   return RK_conf.logfile_name == "-" && RK_conf.logfile_format_set && RK_conf.output_format == 1;
 }
 
-// Prints the stray characters of the configuration: on standard output, or on standard error if a
-// trace is written to standard output.
+// Prints RK_conf.echo, the characters of the configuration that belong to no option: on standard
+// output, or on standard error if a trace is written to standard output.
 void printEcho() {
   if (writesContainerToStandardOutput())
     std::fwrite(RK_conf.echo.data(), 1, RK_conf.echo.size(), stderr);
@@ -90,7 +90,7 @@ void readConfiguration(int argc, char** argv) {
   const PAL_Place here;
   argv[0] = nullptr;
   argv[1] = nullptr;
-  // Without warnings: the configuration file may be shared with the collector and have its options.
+  // No warnings: the collector may use the same file and variables, with options of its own.
   PAL_messages.infoEnabled = 0;
   static char rank[] = "RK_CONF_RANK=0";
   putenv(rank);
@@ -113,7 +113,7 @@ void checkSelection() {
     PAL_Error("merge & summary operations are applicable to KLT format traces only\n");
     usage();
   }
-  // "-" would be taken for the new name of the files.
+  // Otherwise "-" would become the new name of the files.
   if (c.move != 0 && (c.dump != 0 || (c.logfile_name_set && c.logfile_name == "-"))) {
     PAL_Error("a trace can't be moved to standard output\n");
     usage();

@@ -194,7 +194,7 @@ bool showsProgress() {
          isatty(STDERR_FILENO) == 1;
 }
 
-// The requests of the event pass. None selects the whole trace; CONVERT and MERGE always do that.
+// The requests of the event pass; none select all, which is always so with CONVERT and MERGE.
 std::vector<KLT_Request> requestsOf(const KLTT_Context& context) {
   if (RK_conf.convert != 0 || RK_conf.merge != 0) return {};
   return KLTT_BuildRequests(context, RK_conf.request, RK_conf.ticks != 0);
@@ -253,7 +253,7 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
     const std::vector<KLT_Request> requests = requestsOf(context);
     if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
     context.frames = RK_FrameWriterCreate();
-    // A trace must contain each record once, even if several windows show it.
+    // A trace must contain each record once, even if several windows contain it.
     const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
     passes.run(mode, table, requests, serial);
     KLTT_DrainDelayed(context);

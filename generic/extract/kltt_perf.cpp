@@ -29,7 +29,7 @@ constexpr uint32_t kCategories =
     klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters | klt::kErrors;
 
 // A subset visits about kSubset operations in order. All operations are visited in steps of kStep,
-// so that nothing that was read for one of them helps with the next.
+// so that data read for an operation doesn't speed up the next one.
 constexpr size_t kSubset = 100;
 constexpr size_t kStep = 1000;
 

@@ -19,7 +19,7 @@ uint64_t wholeTicks(double ticks) {
   return static_cast<uint64_t>(ticks);
 }
 
-// Seconds as raw time; all ones if the raw time doesn't fit.
+// Seconds as raw time; kEndOfTime if the raw time doesn't fit in 64 bits.
 uint64_t rawTimeOf(const KLTT_Context& context, double seconds) {
   const uint64_t ticks = wholeTicks(seconds * context.ticksPerSecond);
   if (ticks > kEndOfTime >> context.eventBits) return kEndOfTime;

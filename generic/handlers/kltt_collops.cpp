@@ -30,7 +30,7 @@ uint64_t latestEnd(const Record& op) {
 const uint32_t* rootSizeArray(KLTT_Context& context, const Record& op,
                               const KLTT_MemberList& members) {
   std::vector<uint32_t>& sizes = context.scratchBytes;
-  sizes.assign(size_t{op.n} + 1, 0);  // never empty, since null means that the sizes are unknown
+  sizes.assign(size_t{op.n} + 1, 0);  // never empty: a null array means unknown sizes
   KLTT_MemberList::Cursor member(members);
   uint32_t gtp = 0;
   for (uint32_t i = 0; i < op.n && member.next(&gtp); ++i) {
@@ -39,8 +39,8 @@ const uint32_t* rootSizeArray(KLTT_Context& context, const Record& op,
   return sizes.data();
 }
 
-// Whether a record that is written as `kind` has the root's size of `op`: both must be of the same
-// kind.
+// Whether the written record, which is of `kind`, gets the root's size of `op`: only if `op` is of
+// the same kind.
 bool hasRootBytes(const Record& op, uint32_t kind) {
   if (op.atRoot == Record::AtRoot::kSent) return kind == uint32_t(klt::CollopKind::kOneToAll);
   if (op.atRoot == Record::AtRoot::kReceived) return kind == uint32_t(klt::CollopKind::kAllToOne);

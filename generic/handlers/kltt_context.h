@@ -58,7 +58,7 @@ struct KLTT_Context : KLTT_Clock {
 
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
-  bool matched = false;        // one line for a message or operation, not one for each side
+  bool matched = false;        // one line for a message or operation, not for each side
   uint64_t lastEventTime = 0;  // raw; the largest so far
   KLTT_Queue pending;
   RK_FrameWriter frames;

@@ -46,7 +46,7 @@ int writeFront(KLTT_Context& context) {
   return 0;
 }
 
-// Enters a function on `willy`, at its record or because a history says that it is open.
+// Enters a function on `willy`, for the record of a call or for a history.
 [[gnu::always_inline]] inline int enter(KLTT_Context& context, RK_WillyState& willy,
                                         uint64_t internalTime, uint32_t function, uint32_t scl) {
   if (context.functions.indexOf(function) == 0) [[unlikely]]
@@ -73,8 +73,8 @@ int KLTT_WriteDelayed(KLTT_Context& context, uint64_t upTo) {
   return 0;
 }
 
-// KLTT_WriteDelayed with the largest time would leave records of just that time, which a truncated
-// time can be.
+// KLTT_WriteDelayed up to the largest time would leave records at exactly this time, which a
+// truncated time can have.
 int KLTT_DrainDelayed(KLTT_Context& context) {
   while (!context.pending.empty()) {
     if (writeFront(context) != 0) return 1;
@@ -264,8 +264,8 @@ uint64_t countOf(const PAL_Triplet& triplet) {
   return static_cast<uint64_t>(distance / stride) + 1;
 }
 
-// Closes the threads of one triplet in the triplet's order. Looks up each number of the triplet,
-// or, if it has more numbers than there are threads, selects the open threads that it contains.
+// Closes the threads of one triplet in the triplet's order. Looks up each number of the triplet or,
+// if the triplet has more numbers than there are threads, tests each thread.
 int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet& triplet,
                  uint32_t categories) {
   const uint64_t count = countOf(triplet);
@@ -292,8 +292,8 @@ int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet
 
 }  // namespace
 
-// If the record names any thread, the delayed records before its end are written, even if nothing
-// is open on that thread.
+// If the record selects any thread, the delayed records before the end of the window are written,
+// even if nothing is open on the thread.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets) {
   const PAL_Place here;

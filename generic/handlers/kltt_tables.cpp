@@ -24,8 +24,8 @@ const char* shown(const char* text) { return text == nullptr ? "(null)" : text; 
 // A name from the trace, made safe for a message.
 std::string printable(const char* text) { return PAL_Printable(shown(text)); }
 
-// The class of a definition, without the redundant parts of the definition. Ends the process if the
-// definition contradicts itself.
+// The class that a definition describes, without the definition's redundant names. Ends the process
+// if the definition contradicts itself.
 KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, const char* nameSelf,
                         uint32_t parent) {
   if (parent == 0) {

@@ -23,7 +23,7 @@ struct KLTM_Matching {
   // The number of records since the start, including those without a match.
   [[nodiscard]] uint32_t messagesAdded() const { return messages->added(); }
   [[nodiscard]] uint32_t collopsAdded() const { return collops->added(); }
-  // Events since the start that are neither sends nor receives, and are taken for receives.
+  // Events since the start that are neither sends nor receives, and are treated as receives.
   [[nodiscard]] uint64_t messagesStrange() const { return messages->strange(); }
   // Events of collective operations since the start that no record of the output can hold.
   [[nodiscard]] uint64_t collopsUnplaced() const { return collops->unplaced(); }
@@ -38,7 +38,7 @@ struct KLTM_Matching {
 // Sets how many bits of a `kind` hold the process. REQUIRES: not started.
 void KLTM_DeclareProcesses(KLTM_Matching& matching, uint32_t count);
 
-// Both clear the registry of communicators, at its begin and its end. REQUIRES: not started.
+// Both clear the registry of communicators, before and after its use. REQUIRES: not started.
 void KLTM_ResetCommunicators(KLTM_Matching& matching);
 void KLTM_FreeCommunicators(KLTM_Matching& matching);
 // Registers a communicator, replacing an earlier definition of the id. REQUIRES: not started.

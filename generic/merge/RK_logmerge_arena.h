@@ -2,9 +2,9 @@
 //
 // The first event of a communication adds an entry, which stays until it is complete and written.
 // Nothing is written until the arena is full. Then a flush writes all entries before the oldest
-// incomplete one, so that records are written in order of time. Only if that doesn't free enough
-// room, all entries are written. An incomplete record has an update slot, through which it is
-// written again when more events have come.
+// incomplete entry, so that records are written in order of time. Only if this doesn't free enough
+// room, it writes all entries. An incomplete record has an update slot, through which it is written
+// again after further events.
 //
 // Every flush writes the oldest unwritten entries, so all written entries are older than all
 // unwritten ones. A flush only visits the unwritten entries and those that events have changed
@@ -34,8 +34,8 @@ struct KLTM_EntryHead {
 };
 
 // The entries of one kind. `Entry` derives from KLTM_EntryHead and has bytes(), its share of the
-// capacity. Operations that may write entries take the owner, which has write(Entry&), to write the
-// record, and release(Entry&), called before an entry is freed. Entries keep their addresses.
+// capacity. An `owner` has the functions write(Entry&), which writes the record, and
+// release(Entry&), which is called before an entry is freed. Entries keep their addresses.
 template <class Entry>
 class KLTM_Arena {
  public:
@@ -71,8 +71,8 @@ class KLTM_Arena {
     return node;
   }
 
-  // The entry waits for one event less: the event has come, or it won't come. REQUIRES: pending >
-  // 0.
+  // Counts down the awaited events of the entry: an event has arrived, or isn't expected any more.
+  // REQUIRES: pending > 0.
   void decrementPending(Entry& entry) {
     --entry.pending;
     if (entry.written) {
@@ -133,8 +133,8 @@ class KLTM_Arena {
     if (capacity_ - used_ < bytes) PAL_OutOfMemory(used_ + bytes, __FILE__, __LINE__);
   }
 
-  // Writes entries, and frees the complete ones whose last event ends at `now` at the latest. With
-  // `force` incomplete entries are written too.
+  // Writes entries, and frees the complete entries whose last event ends by `now`. With `force`
+  // incomplete entries are written, too.
   template <class Owner>
   void flush(Owner& owner, uint64_t now, bool force) {
     while (!waitingForEnd_.empty() && waitingForEnd_.top()->lastTime <= now) {
@@ -153,7 +153,7 @@ class KLTM_Arena {
     if (oldestUnwritten_ == nullptr) newest_ = nullptr;
   }
 
-  // Writes the written entries that have changed since, in order of arrival.
+  // Writes entries again that have changed since they were written, in order of arrival.
   template <class Owner>
   void flushTouched(Owner& owner, uint64_t now, bool force) {
     std::vector<Reference> touched;

@@ -12,7 +12,7 @@ using Kind = klt::CollopKind;
 
 constexpr uint32_t kLastOperation = 45;
 
-// The kind of an operation, by the number that producers give to it.
+// The kind of an operation, by the number that producers of traces use for it.
 constexpr Kind kindOf(uint32_t operation) {
   if (operation == 0 || operation > kLastOperation) return Kind::kNone;
   if (operation <= 2) return Kind::kAll;  // barriers
@@ -73,14 +73,15 @@ KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list) : members(list) 
 
 uint32_t KLTM_CollopState::indexOf(uint32_t process) const {
   if (members.isRegular()) return members.indexOf(process);
-  return places.find(process) - 1;  // kNoMember if it isn't there
+  return places.find(process) - 1;  // kNoMember if it isn't a member
 }
 
 KLTM_CollopTable::KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
                                    const KLTM_Communicators& communicators, uint64_t blockBytes)
     : writer_(writer), summary_(summary), communicators_(communicators), arena_(blockBytes) {}
 
-// Null for a communicator that is unknown or has no members. Its operations consist of one event.
+// Null if the communicator is unknown or has no members; each event is then an operation of its
+// own.
 KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   if (const uint32_t place = statePlaces_.find(comm)) return states_[place - 1].get();
   const KLTT_MemberList* members = communicators_.find(comm);
@@ -90,9 +91,9 @@ KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   return states_.back().get();
 }
 
-// There is no record for an operation of an unknown kind, and readers refuse one whose communicator
-// has no members. A rooted operation on an unknown communicator is written: making its profile ends
-// the process with a message.
+// There is no record for an operation of an unknown kind, and readers refuse operations whose
+// communicator has no members. A rooted operation on an unknown communicator is written: computing
+// its profile ends the process with a message.
 bool KLTM_CollopTable::hasRecord(const KLTM_CollopState* state, const KLTM_RawCollop& event) const {
   const Kind kind = kindOf(event.operation);
   if (kind == Kind::kNone) return false;
@@ -155,8 +156,8 @@ KLTM_Collop* KLTM_CollopTable::searchCounter(KLTM_CollopState& state, uint32_t m
   KLTM_CollopWalk& walk = state.walks[member];
   KLTM_Collop* found = nullptr;
 
-  // The operations skipped before. Those that still wait are kept, moved towards the end of the
-  // list.
+  // First the operations that were skipped before. Operations that still wait are moved towards the
+  // end of the list, the others are removed.
   size_t next = walk.first;
   size_t kept = 0;
   for (; next < walk.skipped.size() && found == nullptr; ++next) {

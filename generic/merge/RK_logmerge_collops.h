@@ -3,14 +3,14 @@
 //
 // An event belongs to the oldest operation of its communicator that still waits for its process and
 // has the event's counter. If the producer didn't count (counter 0), operation and root must be
-// equal instead. If a process logs an event with a counter, it isn't expected to take part in older
-// operations with another counter: each of them that waits for the process waits for one event
-// less, and for another one less with every further such event.
+// equal instead. An event with a counter also shows that its process takes no part in older
+// operations with another counter. Each of these that waits for the process then awaits one event
+// less, and again one less with each further event of this kind.
 //
-// Neither search visits operations needlessly. Without counters each kind of operation has a list
-// of its own, in which a process always takes the oldest operation that waits for it, so a search
-// starts at the last one that the process took. With counters each operation that is visited either
-// waits for one event less, is the match, or has the process's event and isn't visited again.
+// Both searches are short. Without counters, the operations with equal operation and root are in
+// one list. A process always joins the oldest of them that waits for it, so its search starts at
+// the operation that it joined last. With counters, a visited operation is the match, or awaits one
+// event less, or has the process's event and isn't visited again.
 #pragma once
 
 #include <cstddef>
@@ -59,7 +59,7 @@ struct KLTM_Collop : KLTM_EntryHead {
   uint32_t counter = 0;
   uint32_t root = 0;
   uint32_t n = 0;
-  bool hasRecord = false;  // the merged trace can hold it
+  bool hasRecord = false;  // the merged trace can hold a record of it
   std::unique_ptr<Member[]> members;
   KLTM_CollopState* state = nullptr;  // of its communicator; null if one event completes it
   KLTM_CollopGroup* group = nullptr;  // null until the communicator's operations are grouped
@@ -92,11 +92,11 @@ class KLTM_OpenCollops {
 // The operations of one kind on a communicator: those with equal operation and root.
 struct KLTM_CollopGroup {
   KLTM_OpenCollops open;
-  // For each member, a sequence: no older operation waits for the member. Empty if few are open.
+  // For each member a sequence: no older operation waits for it. Empty if few operations are open.
   std::vector<uint64_t> reached;
 };
 
-// The search of one member's events with counters: which operations it has visited.
+// The operations that the searches for one member's events with counters have visited.
 struct KLTM_CollopWalk {
   uint64_t reached = 0;  // the sequence of the first operation not visited yet
   std::vector<KLTM_OpenCollops::Reference> skipped;  // visited, but not a match

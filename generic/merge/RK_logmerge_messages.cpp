@@ -19,7 +19,7 @@ int64_t receiveTime(const KLTM_Message& m) {
 
 // The row for a message that is written for the first time. A message that waits for an event gets
 // the row with source locations, unless its sender is known to have none: the awaited event may
-// have one, and when the record is written again with it, its length must be the same.
+// have a location, and the record is then written again, with the same length.
 uint8_t rowOf(const KLTM_Message& m) {
   const bool extended =
       m.pending > 0 || m.sender.scl != klt::kNoScl || m.receiver.scl != klt::kNoScl;
@@ -45,7 +45,7 @@ void KLTM_MessageTable::event(const KLTM_RawMessage& event, uint32_t gtp) {
   const uint32_t sender = sent ? own : peer;
   const uint32_t receiver = sent ? peer : own;
   const uint32_t hash = hash_({sender, receiver, event.comm, event.tag, event.size});
-  // The oldest message with the same key that waits for the same side as this one would.
+  // The oldest message with the same key whose known side is of the event's type (send or receive).
   KLTM_Message* equal = nullptr;
   for (KLTM_Message** link = &bucketOf(hash); *link != nullptr; link = &(*link)->chainNext) {
     KLTM_Message& m = **link;

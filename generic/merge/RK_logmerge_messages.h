@@ -66,7 +66,7 @@ class KLTM_MessageTable {
   void finish() { arena_.finish(*this); }
   // The number of messages so far.
   [[nodiscard]] uint32_t added() const { return added_; }
-  // Events so far that are neither sends nor receives, and are taken for receives.
+  // Events so far that are neither sends nor receives, and are treated as receives.
   [[nodiscard]] uint64_t strange() const { return strange_; }
 
  private:
@@ -87,5 +87,5 @@ class KLTM_MessageTable {
   uint32_t added_ = 0;
   uint64_t strange_ = 0;
   size_t keys_ = 0;                     // number of messages in the chains
-  std::vector<KLTM_Message*> buckets_;  // a power of two
+  std::vector<KLTM_Message*> buckets_;  // their number is a power of two
 };

@@ -79,7 +79,7 @@ class Merge {
 
   [[nodiscard]] std::string outputName() const { return PAL_PathInDir(prefix_, target_); }
 
-  // The raw trace may declare any names, those of this output included.
+  // Removes the input. Files of the output are kept even if the raw trace declares their names.
   bool removeInput() {
     const KLT_OwnedTrace output(KLT_Open(outputName().c_str()));
     if (output == nullptr) return false;
@@ -121,7 +121,7 @@ class Merge {
     KLTM_FreeCommunicators(context_.matching);
   }
 
-  // Reports events that the merged trace doesn't hold as they are.
+  // Reports events that the merged trace lacks or contains in another form.
   void reportOddEvents() {
     if (const uint64_t strange = context_.matching.messagesStrange()) {
       PAL_Warning("%llu raw message events are neither sends nor receives, taken for receives.",
@@ -137,7 +137,7 @@ class Merge {
     if (result_ == KLTM_DONE) result_ = KLTM_INCOMPLETE;
   }
 
-  // Reports the faults that both passes find only once. False if the merge can't continue.
+  // A fault that both passes find is reported only once. False if the merge can't continue.
   bool readDefinitions(KLT_HandlerTable& table) {
     PAL_MessagesOnce messages;
     KLTM_SetScanHandlers(table, context_);
@@ -212,8 +212,8 @@ class Merge {
     if (context_.writer != nullptr) closeWriter();
   }
 
-  // An output that was abandoned gets no index, so that it isn't taken for a trace. An output that
-  // has only lost messages or operations keeps its other streams.
+  // After a failure that ends the merge, the output gets no index, so that no reader accepts it. If
+  // only messages or operations are lost, the other streams are kept.
   void closeWriter() {
     const SignalBlocker blocker;
     KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);

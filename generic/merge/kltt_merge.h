@@ -1,9 +1,9 @@
 // Merges a raw trace, summarises a trace, or both.
 //
-// In a raw trace each thread has logged its own events, and a message consists of two unrelated
-// events. The merge copies all other records unchanged, matches those events (RK_logmerge), and
-// computes the profiles, in one pass over the events. A summary (kltt_summary) is written in the
-// same pass, or from a trace that is already merged. kltt_merge_handlers handles the records.
+// In a raw trace each thread has logged its own events, and a communication is several events. In
+// one pass over the events, the merge matches these events (RK_logmerge), copies all other records
+// unchanged, and computes the profiles. A summary (kltt_summary) is written in the same pass, or
+// from a trace that is already merged. kltt_merge_handlers handles the records.
 #pragma once
 
 #include "generic/text/RK_output.h"
@@ -28,8 +28,8 @@ using KLTM_Progress = void (*)(RK_Output* stream, int state, int percent);
 
 // Merges or summarises the trace `input`, or both, and closes it. `target` is the name of the
 // output and of the summary's files, relative to the directory `prefix` (null: the working
-// directory); it may be null for a summary alone. If `flags` say so, the input is removed after all
-// outputs have been completed without a failure. `progress` may be null; `stream` is passed to it.
-// The caller reports the results 1 to 5; other failures are reported here.
+// directory); it may be null for a summary alone. With KLTM_DELETE_INPUT the input is removed after
+// all outputs have been completed without a failure. `progress` may be null; `stream` is passed to
+// it. The caller reports the results 1 to 5; other failures are reported here.
 [[nodiscard]] int KLTM_Merge(const char* prefix, const char* target, KLT_FileHandle* input,
                              int flags, KLTM_Progress progress, RK_Output* stream);

@@ -70,7 +70,7 @@ constexpr int shortestRow(std::string_view name) {
   return best;
 }
 
-// Writes a record; with source locations if it has any.
+// Writes a record in the row with source locations if the record has any, else in the shortest row.
 template <KLT_NameText Name, class... Args>
 uint32_t copyRecord(KLT_WFileHandle* writer, Args... args) {
   constexpr int kLong = klt::longestRow(Name.view());
@@ -107,7 +107,7 @@ uint32_t copyRecord<"one_to_one_communication">(KLT_WFileHandle* writer, uint64_
 
 // --- the summary --------------------------------------------------------------------------------
 
-// SummaryEvent<Name>::report passes a record to the summary; most records don't have it.
+// SummaryEvent<Name>::report passes a record to the summary; it exists only for some records.
 template <KLT_NameText Name>
 struct SummaryEvent {};
 

@@ -1,6 +1,6 @@
 // Handles each record of a merge's or summary's input.
 //
-// Most records are copied: written with the same values, in the row that fits the fields present.
+// Most records are copied: written with the same values, in the shortest row that has the fields.
 // Raw events go to the matching. Calls, messages, collective operations, counters and reports are
 // also passed to the summary.
 #pragma once

@@ -39,7 +39,7 @@ void scanEnvironment() {
 }
 
 // The text that an argument adds to its line. An argument with blanks gets quotes, because the
-// user's shell has removed those that were typed.
+// shell has removed those that the user typed.
 std::string quoted(std::string_view argument) {
   const bool blank = argument.find_first_of(" \t\r\n") != std::string_view::npos;
   if (blank && argument.find('\'') == std::string_view::npos)
@@ -74,7 +74,7 @@ void scanFile(const char* name) {
   if (const auto text = PAL_ReadFile(name)) (void)RK_ScanText(*text, RK_ScanMode::config);
 }
 
-// Lowers `value` in steps of 100 while it is not below `limit`, because no prime above it can be.
+// Lowers `value` in steps of 100, as long as `value` itself (and so its prime) isn't below `limit`.
 uint32_t lowerByHundreds(uint32_t value, uint32_t limit) {
   if (value < limit || value < 101) return value;
   const uint32_t toLimit = (value - limit) / 100 + 1;

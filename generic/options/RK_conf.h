@@ -26,6 +26,6 @@ int RK_ConfigFinish();
 void RK_ConfigOutputName();
 
 // A prime for a hash table of about `value` buckets: the smallest prime that is at least `value`.
-// If that isn't below `limit`, `value` is lowered until it is, in steps of 1 (below 11), 10 (below
-// 101) or 100. The result is at least 1.
+// If that prime isn't below `limit`, `value` is lowered in steps of 1 (below 11), 10 (below 101) or
+// 100 until the prime is. The result is at least 1.
 [[nodiscard]] uint32_t PAL_HashSize(uint32_t value, uint32_t limit);

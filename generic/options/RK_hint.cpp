@@ -19,8 +19,8 @@ std::string lowerCase(std::string_view text) {
   return lower;
 }
 
-// The least number of letters to insert, remove, replace or exchange with their neighbour that
-// turns `a` into `b`.
+// The least number of changes that turn `a` into `b`. A change inserts, removes or replaces a
+// letter or exchanges it with its neighbour.
 size_t distanceOf(const std::string& a, const std::string& b) {
   std::vector<size_t> beforeLast(b.size() + 1);
   std::vector<size_t> last(b.size() + 1);
@@ -90,7 +90,7 @@ void RK_HintOption(std::string_view keyword, bool hasDashes) {
   for (const RK_Option& option : RK_ConfigOptions()) nearest.consider(option.key);
   if (nearest.name().empty()) return;
   const std::string name = lowerCase(nearest.name());
-  // If the name is right, the mistake is what follows it without a blank.
+  // If the name is right, only a blank between it and the value is missing.
   const bool isValued = keyword.find('=') != std::string_view::npos || name == typed;
   std::fprintf(stderr, "Did you mean --%s%s?\n", name.c_str(), isValued ? " VALUE" : "");
 }

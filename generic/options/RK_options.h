@@ -26,7 +26,7 @@ struct RK_Request {
   PAL_Triplets triplets;    // threads; empty means all
   double time = 0;          // a single time; selects nothing
   double window_start = 0;
-  double window_end = -1.0;           // negative: open
+  double window_end = -1.0;           // negative: no end
   std::vector<RK_RequestText> types;  // quoted texts and unknown words; they select nothing
 };
 
@@ -64,7 +64,7 @@ struct RK_Conf {
   int32_t sumdata;
   int32_t symbol_hashsize;
   int32_t ticks;
-  int32_t verbose;  // 0 nothing, 1 one final message, 2 progress, 3 detail
+  int32_t verbose;  // the amount of messages; see --verbose in the manual page
 
   // Whether any source gave the option a value, even an invalid one. No other option needs such a
   // flag.
@@ -105,14 +105,14 @@ struct RK_Option {
   RK_OptionType type;
   Field field;
   std::variant<int32_t, double, const char*> preset;  // a request list starts empty
-  bool RK_Conf::*set = nullptr;                       // the option's flag, if it has one
+  bool RK_Conf::*set = nullptr;                       // the option's `_set` flag, if it has one
 };
 
 // The table, in the order in which the environment is read.
 [[nodiscard]] std::span<const RK_Option> RK_ConfigOptions();
-// Keywords that are known but refused here.
+// Keywords of the trace collector, which klttool refuses.
 [[nodiscard]] std::span<const char* const> RK_ConfigRefusedKeys();
-// Both look up a key in any mix of case: the row of an option, or the refused keyword as the table
+// Both look up a key and ignore case: the row of an option, or the refused keyword as the table
 // spells it. Null if there is none.
 [[nodiscard]] const RK_Option* RK_ConfigFindOption(std::string_view key);
 [[nodiscard]] const char* RK_ConfigFindRefused(std::string_view key);

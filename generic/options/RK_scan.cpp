@@ -3,7 +3,7 @@
 // The grammar in short. Blanks and a CR at the end of a line are removed first.
 //
 //   line     = "" | "#"... | "INFO" blanks... | keyword [blanks value]
-//   word     = printable characters but " ' < > ` { }
+//   word     = printable characters except " ' < > ` { }
 //   quoted   = '"' text '"' | "'" text "'"      text: word characters and blanks
 //   integer  = [sign] digits                    unsigned: no minus
 //   part     = [sign] digits ["." digits] [("e"|"E") [sign] digits] [unit letter]
@@ -150,7 +150,7 @@ bool readTime(std::string_view text, double* value) {
   return true;
 }
 
-// A file name as the value is the name of the output.
+// A file name that is given as the value becomes the name of the output.
 bool readToggleOrFile(std::string_view text, int32_t* value) {
   if (readBoolean(text, value)) return true;
   if (!readString(text, &RK_conf.logfile_name)) return false;
@@ -307,7 +307,7 @@ bool takesFreeText(const RK_Option& option) {
          (option.type == RK_OptionType::string && option.set != &RK_Conf::logfile_format_set);
 }
 
-// Advises quotes if they help: they allow blanks, but no other character that a word can't have.
+// Recommends quotes if only its blanks make the value invalid.
 void adviseOnText(const Line& line, std::string_view value) {
   const bool isQuotable = std::all_of(value.begin(), value.end(),
                                       [](char c) { return isWordCharacter(c) || isBlank(c); });
@@ -366,8 +366,8 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
   return false;
 }
 
-// A line whose first characters can't start a word. They are copied to RK_conf.echo, and the word
-// after them isn't accepted as a keyword.
+// Reads a line whose first characters can't start a word. These characters are copied to
+// RK_conf.echo, and the word after them isn't accepted as a keyword.
 bool readStrayLine(Line& line, std::string_view text) {
   const size_t stray = runLength(text, 0, [](char c) { return !isWordCharacter(c); });
   RK_conf.echo += text.substr(0, stray);

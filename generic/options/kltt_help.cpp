@@ -159,12 +159,12 @@ Supported Directives
   but an extraction writes nothing for them.
 
   A window is start:end; an event at the start belongs to it and one at the end
-  doesn't. An end before the start leaves the window open. A time is a number
+  doesn't. If the end is before the start, there is no end. A time is a number
   with one of the units s (seconds), l (milliseconds), c (microseconds),
   m (minutes), h (hours), d (days) and w (weeks), and may be a sum: 1h+30m. A
   number without a unit is in seconds, but at least one of the two times needs a
   unit or a fraction: 10s:20 is a window, 10:20 a triplet. What is open at the
-  start of a window is written first: calls, scopes, messages on their way and
+  start of a window is written first: calls, scopes, messages in flight and
   collective operations in progress; and the last sample of each counter, but
   only if the request names COUNTERS and neither MESSAGES nor COLLOPS. At the
   end of a window the open calls and scopes are closed.
@@ -175,9 +175,9 @@ Supported Directives
 
 --ticks (off)
   Times in requests are time stamps as the trace stores them, instead of
-  seconds. Their lowest bits count events within a tick of the clock. Units
-  still act as factors, and a window still needs one to differ from a triplet:
-  --request 1000s:2000s --ticks.
+  seconds. Their lowest bits count events within a tick of the clock. A unit
+  still multiplies the number by its length in seconds, and a window needs a
+  unit to differ from a triplet: --request 1000s:2000s --ticks.
 
 --logfile-name <file name>
   The output, "-" for standard output. The suffix of the name doesn't choose the
@@ -197,8 +197,8 @@ Supported Directives
 --matched-rkf (off)
   Writes a communication as one line of text, ONETOONE for a message and COLLOP
   for a collective operation, instead of a line for each side or member. Binary
-  output is always matched, and so is text under a name that neither ends in
-  .ark nor is "-", unless --logfile-format ASCII is given.
+  output always has one record for each. Without --logfile-format ASCII, text in
+  a file whose name doesn't end in .ark always has these lines.
 
 --verbose [on|off|<level>] (on)
   The amount of messages on standard error. 0 or off: warnings and errors only.

@@ -1,6 +1,6 @@
 // RK_FrameWriter keeps the open calls and scopes of every thread during the event pass.
 //
-// No option defines a frame, so it keeps nothing else. RK_WillyHash holds one state per thread,
+// No option of klttool defines frames, so none are kept. RK_WillyHash holds one state per thread,
 // created when a record first names the thread. RK_FrameEnter and RK_FrameLeave update the stack of
 // functions. kltt_events updates the scopes. It also reads the stacks, to find the function that a
 // call returns to and to close open calls at the end of a window.

@@ -61,7 +61,7 @@ struct RK_Sink {
 
   // Events.
   virtual int enterFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) = 0;
-  // `function` is the one returned to, 0 for none.
+  // `function` is the function that the call returns to, 0 for none.
   virtual int leaveFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) = 0;
   virtual int enterScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
                          uint32_t scl) = 0;
@@ -75,7 +75,7 @@ struct RK_Sink {
   virtual int fileIoEnd(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file,
                         uint32_t bytes, uint32_t scl) = 0;
 
-  // Events that can also be part of a history. `clock` says whether they are.
+  // Events that can also be part of a history. `clock.inHistory` says whether they are.
   virtual int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
                            const uint32_t* counters, const uint8_t* types,
                            const uint64_t* values) = 0;
@@ -83,7 +83,7 @@ struct RK_Sink {
   virtual int message(KLTT_Clock& clock, const RK_Message& message) = 0;
   virtual int collective(KLTT_Clock& clock, const RK_Collective& operation) = 0;
 
-  // Writes a node of the queue whose time has come. Not called for comments.
+  // Writes a node of the queue when its time is reached. Not called for comments.
   virtual int delayed(uint64_t time, const KLTT_Delayed& node) = 0;
 };
 

@@ -27,8 +27,7 @@ uint32_t storedScl(uint32_t scl) { return isScl(scl) ? scl : 0; }
 // The reader converts counter values and bounds from big-endian order; this converts them back.
 uint64_t storedBytes(uint64_t value) { return klt::bigEndian(value); }
 
-// A file reference is a plain path, or "!path!..." with more parts, which a definition doesn't
-// store.
+// A reference to a file is a plain path, or "!path!" and more parts, which aren't stored.
 std::string_view pathOf(std::string_view reference) {
   if (!reference.starts_with('!')) return reference;
   reference.remove_prefix(1);
@@ -65,7 +64,7 @@ int putMessage(KLT_WFileHandle* writer, const RK_Message& m, uint64_t time, int6
   return 0;
 }
 
-// Writes row N, or row Located with the locations as its last argument.
+// Writes row N or, for an operation with locations, row Located with these as the last argument.
 template <int N, int Located, class... Args>
 void putOperationRow(KLT_WFileHandle* writer, const RK_Collective& o, Args... args) {
   if (o.scls == nullptr)
@@ -107,7 +106,7 @@ KLTT_HeldRecords::WriteFunction deferredOperation(const RK_Collective& op) {
     using Element = std::remove_cvref_t<decltype(*array)>;
     return array == nullptr ? std::vector<Element>{} : std::vector<Element>(array, array + n);
   };
-  // A missing array must not become an empty one.
+  // A null array must stay null.
   const auto data = [](bool present, const auto& array) {
     return present ? array.data() : nullptr;
   };
@@ -146,7 +145,7 @@ class Records final : public RK_Sink {
   int willyName(uint32_t gtp, const char* text) override {
     return put<KLT_Row::willyName>(gtp, text);
   }
-  // Times of the output have kKlttEventBits event bits, those of the input any number. The
+  // Times of the output have kKlttEventBits event bits; times of the input may have any number. The
   // resolution is scaled so that a tick keeps its duration.
   int clockResolution(double resolution, uint32_t eventBits) override {
     const int bits = static_cast<int>(std::min(eventBits, uint32_t{63}));
@@ -257,7 +256,8 @@ class Records final : public RK_Sink {
                 });
   }
 
-  // A record has the time of one side, and the span to the other. Both become internal.
+  // A record has the time of one side and the time span to the other side. Both are converted to
+  // internal time.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
     const uint64_t time = KLTT_InternalTime(clock, m.time);
     int64_t span = m.receiveTime;
@@ -304,7 +304,7 @@ class Records final : public RK_Sink {
   }
 
   // Adds the path of a class to the texts of the output and returns the text's id. Returns 0 for a
-  // path that is too long for a text; the names of the class and its parents define it as well.
+  // path that is too long for a text; the names of the class and its parents also define the path.
   uint32_t pathText(const KLTT_Classes& classes, const KLTT_Class& of) {
     constexpr uint64_t kShort = 256;  // a longer path is joined to its parent's, to save memory
     if (of.parent == 0) return writer->stringId(of.own);
@@ -317,7 +317,7 @@ class Records final : public RK_Sink {
   [[nodiscard]] bool mustWait(const KLTT_Clock& clock, uint64_t time) const {
     return clock.inHistory || held_.waitFor(time);
   }
-  // Delays such a record: `write` writes it when a later record comes, in order of time. `write`
+  // Delays such a record: `write` is called when a later record is written, in order of time. It
   // must own all its data.
   int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::WriteFunction write) {
     const uint64_t moment = clock.inHistory ? KLTT_InternalTime(clock, clock.historyTime) : time;

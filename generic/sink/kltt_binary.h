@@ -10,7 +10,7 @@
 #include "generic/sink/RK_sink.h"
 
 // A sink of kind 1 that writes to `writer`. It owns neither argument; the caller closes the writer.
-// The sink adds a node to `pending` for records that it has delayed because a history may still add
-// earlier ones. When the queue returns that node, the sink writes them.
+// The sink delays a record if a history may still add earlier records. It adds a node to `pending`
+// for the delayed records and writes them when the queue returns this node.
 [[nodiscard]] std::unique_ptr<RK_Sink> KLTT_RecordSink(KLT_WFileHandle* writer,
                                                        KLTT_Queue& pending);

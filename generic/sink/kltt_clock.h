@@ -32,8 +32,8 @@ uint64_t KLTT_TruncatedTime(KLTT_Clock& clock, uint64_t rawTime);
   return tick << kKlttEventBits | counter;
 }
 
-// The raw time at which messages and scopes are written: the start of the window for those of a
-// history, which were open at that time.
+// The raw time at which a message or a scope is written: its own time, or the start of the window
+// if it is part of a history.
 [[nodiscard]] inline uint64_t KLTT_EventTime(const KLTT_Clock& clock, uint64_t rawTime) {
   return clock.inHistory ? clock.historyTime : rawTime;
 }

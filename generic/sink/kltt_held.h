@@ -5,7 +5,7 @@
 // are delivered thread by thread and stream by stream, with times before the window. A component of
 // a trace has to be in order of time. So these records wait here, together with the records at the
 // start of the window itself, and are written in order before the first later record. kltt_binary
-// decides which records wait; kltt_events lets it write them when their time has come.
+// decides which records wait; kltt_events makes it write them when their time is reached.
 #pragma once
 
 #include <algorithm>
@@ -25,7 +25,7 @@ class KLTT_HeldRecords {
   [[nodiscard]] bool waitFor(uint64_t moment) const {
     return !moments_.empty() && moments_.contains(moment);
   }
-  // Holds a record with the time `time` until `moment`. True if it is the only one of `moment`.
+  // Holds a record of the time `time` until `moment`. True if it is the first of `moment`.
   bool add(uint64_t moment, uint64_t time, WriteFunction write) {
     std::vector<Record>& records = moments_[moment];
     records.push_back({time, std::move(write)});

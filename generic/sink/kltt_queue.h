@@ -5,15 +5,15 @@
 // its nodes by time, and nodes of equal time in the order in which they were added. It owns the
 // nodes, in a pool, and the texts of comments. kltt_events fills it and writes the nodes.
 //
-// Half of the nodes have the time of their record, which is before all other nodes. They are kept
-// in a plain list until a later time is needed.
+// Half of the nodes have the time of their record, which is earlier than that of all other nodes.
+// They are kept in a plain list until the queue advances to a later time.
 //
-// The others are in a radix queue, because the returned times almost never decrease. A time is a
-// number with 6-bit digits, and a node is in the bucket of the highest digit in which its time
-// differs from the time returned last. When that time advances, the lowest bucket in use is
-// distributed over the buckets below it; no other node changes its bucket. So a node moves at most
-// once for each digit of its delay, in sequential memory, and nodes of equal time stay in order of
-// arrival.
+// The others are in a radix queue, which is fast because the returned times almost never decrease.
+// A time is a number with 6-bit digits, and a node is in the bucket of the highest digit in which
+// its time differs from the time returned last. When that time advances, the lowest bucket in use
+// is distributed over the buckets below it; no other node changes its bucket. So a node moves at
+// most once for each digit of its delay, in sequential memory, and nodes of equal time stay in
+// order of arrival.
 #pragma once
 
 #include <array>
@@ -35,7 +35,7 @@ struct KLTT_DelayedOperation {
 
 struct KLTT_DelayedComment {
   uint32_t text;       // a number for KLTT_Queue::text
-  uint32_t infoClass;  // its path and a colon are written before the text; 0: none
+  uint32_t infoClass;  // class whose path and a colon are written before the text; 0: none
 };
 
 struct KLTT_Delayed {
@@ -113,8 +113,8 @@ class KLTT_Queue {
   uint64_t nextTime_ = kNever;
   size_t count_ = 0;
 
-  // Nodes of one time, which was before all others when the first of them was added. Those before
-  // `frontListNext_` have been removed.
+  // Nodes of one time, which was the earliest time when the first of them was added. The nodes
+  // before `frontListNext_` have been removed.
   uint64_t frontListTime_ = 0;
   std::vector<KLTT_Delayed> frontList_;
   size_t frontListNext_ = 0;

@@ -1,11 +1,11 @@
 // Divides a run into bins and passes each event to the tables of its bin. See kltt_summary.h.
 //
-// A bin is written when an event with a later time than its end comes; an event at its end still
-// belongs to it. The number of whole bins is twice the square root of the number of events, rounded
-// up, less two. The division of the span leaves a remainder, so further bins follow until one
-// contains the declared end. That bin also takes all later events, so that a wrong time doesn't
-// cause an endless number of bins. The close writes the tables of the last bin, and its call trees
-// if it is one of the whole bins.
+// A bin is written when an event after its end is read; an event at its end still belongs to the
+// bin. The number of whole bins is 2 * (k - 1), where k is the square root of the number of events,
+// rounded up. The division of the span leaves a remainder, so further bins follow, up to the bin
+// that contains the declared end. All later events also belong to that bin, so that a wrong time
+// doesn't cause an endless number of bins. The close writes the tables of the last bin, and its
+// call trees if it is one of the whole bins.
 #include "generic/summary/kltt_summary.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 // The run is divided into bins of equal width. For each bin the files contain the call trees of the
 // threads (.fnc), the collective operations (.cop), the messages (.msg) and the counters (.cnt).
 // Reports (.rep) are written in order of arrival. Memory holds one bin, the call trees and a buffer
-// for each file. The arguments are raw times and differences of raw times; they are shifted here to
-// the unit of the summary.
+// for each file. The arguments are raw times and differences of raw times; the summary shifts them
+// right by the event bits.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +40,7 @@ struct KLTT_Summary {
 // with compressed components.
 [[nodiscard]] uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events);
 
-// What the names of the five files add to the target's.
+// The suffixes of the five files' names.
 inline constexpr const char* kKlttSumSuffixes[] = {".sum.fnc", ".sum.cop", ".sum.msg", ".sum.cnt",
                                                    ".sum.rep"};
 

@@ -51,8 +51,8 @@ KLTT_CallTrees::Thread& KLTT_CallTrees::newThread(uint32_t gtp) {
   return threads_.back();
 }
 
-// Adds a node to its parent's list. The parent is touched by the end of the bin, too: its call is
-// touched when it ends, or at the end of the bin if it is still open.
+// Adds a node to its parent's list. The parent is touched by the end of the bin, too: when its call
+// ends, or at the end of the bin if the call is still open.
 void KLTT_CallTrees::firstTouch(Node& node, uint32_t index) {
   node.touched = true;
   if (node.parent == index) return;
@@ -106,7 +106,7 @@ void KLTT_CallTrees::close(const Call& call, uint64_t time) {
 }
 
 // Counts the open calls up to the end of the bin. The self time of a call below the top includes
-// all time since the call was last resumed, so also that of its callee.
+// all time since the call was last resumed, which includes its callee's time.
 void KLTT_CallTrees::closeAll(Thread& thread, uint64_t binEnd) {
   for (Call& call : thread.calls) {
     close(call, binEnd);

@@ -1,8 +1,8 @@
 // KLTT_CallTrees counts the calls and times of each thread in a bin, by call path.
 //
-// A node of a call path exists for the rest of the run; its counts are those of the bin. Only nodes
-// that were touched in a bin are written and cleared at its end, so an idle thread with a large
-// tree costs no time. Times are those of the summary, shifted by the event bits.
+// A node of a call path exists for the rest of the run; its counts are those of the current bin.
+// Only nodes that were touched in a bin are written and cleared at its end, so an idle thread with
+// a large tree costs no time. Times are those of the summary, shifted by the event bits.
 #pragma once
 
 #include <cstdint>

@@ -77,7 +77,7 @@ void KLTT_SumTables::collective(uint64_t time, uint32_t root, uint32_t communica
     return;
   }
   sums.time = std::min(sums.time, time);
-  // A key has the number of members of its first operation.
+  // Only as many members are counted for a key as its first operation has.
   for (uint32_t i = 0; i < std::min(sums.members, members.n); ++i) {
     fold(members_[sums.firstMember + i], memberOf(time, eventBits, members, i));
   }

@@ -125,9 +125,9 @@ class RK_Line {
     return u32(value);
   }
 
-  // The time at the start of a line, signed. Lines are in order of time, so all digits but the last
-  // four are usually those of the previous line and are copied from it. The position of the next
-  // field is then known before the last digits are computed.
+  // The time at the start of a line, signed. Lines are in order of time, so all digits except the
+  // last four are usually those of the previous line and are copied from it. The position of the
+  // next field is then known before the last digits are computed.
   RK_Line& time(uint64_t value) {
     const uint64_t high = value / 10000;
     if (high == output_->timeHigh && high != 0) [[likely]] {
@@ -170,8 +170,8 @@ class RK_Line {
     return *this;
   }
 
-  // Makes room in the buffer. Must be called at least once in each RK_Output::kSlack / 2 bytes of a
-  // list.
+  // Makes room in the buffer. Must be called at least once for every RK_Output::kSlack / 2 bytes of
+  // a list.
   RK_Line& room() {
     if (p_ >= output_->limit) [[unlikely]]
       p_ = drain(output_, p_);

@@ -19,8 +19,8 @@ namespace {
 
 constexpr mode_t kFileMode = 0666;
 
-// The open outputs, in the order of opening. It is never destroyed, because the process may exit
-// anywhere and still closes its outputs.
+// The open outputs, in the order of opening. Never destroyed, because the outputs are closed at the
+// exit of the process, wherever that happens.
 struct Registry {
   std::vector<RK_Output*> open;
   bool anyFailed = false;
@@ -93,7 +93,7 @@ RK_Output* RK_OutputOpen(const char* path, const char* directory) {
   if (!output->lock.acquire(directory, path, kFileMode)) return nullptr;
   const int vfd = PAL_OpenInDir(directory, path, O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
   if (vfd < 0) return nullptr;
-  // Stays open all the time: the path may name a pipe, which can't be opened a second time.
+  // The descriptor stays open: the path may name a pipe, which can't be opened a second time.
   Vfd_Pin(vfd, 1);
   output->vfd = vfd;
   return registerOutput(std::move(output));

@@ -1,9 +1,9 @@
 // RK_Output is a text output: a descriptor and a buffer, which is written in blocks of 256 KiB.
 //
-// All text for the user (trace text, listings, help) goes through an RK_Output. stdio isn't used as
-// well, so the text on standard output is in the order of the calls. A failure is sticky: it is
-// reported once, later text is dropped, and the exit status of the process becomes 1 (kltt_exit).
-// Line writers (RK_line.h) format their text in the buffer itself.
+// All text for the user (trace text, listings, help) goes through an RK_Output. Such text never
+// goes through stdio, so the text on standard output is in the order of the calls. A failure is
+// sticky: it is reported once, later text is dropped, and the exit status of the process becomes 1
+// (kltt_exit). Line writers (RK_line.h) format their text in the buffer itself.
 #pragma once
 
 #include <cstddef>

@@ -63,7 +63,7 @@ struct RK_Collective {
   uint32_t n;              // number of elements in each array
   const uint64_t* starts;  // relative to `time`
   const uint64_t* deltas;
-  const uint32_t* sent;  // these may be null
+  const uint32_t* sent;  // this and the next two may be null
   const uint32_t* received;
   const uint32_t* scls;
 };

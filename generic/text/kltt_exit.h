@@ -2,8 +2,8 @@
 // first.
 #pragma once
 
-// If set, KLTT_Exit calls it after closing the outputs, in place of std::exit; it must not return.
-// For callers that run the program's operations inside their own process.
+// If set, KLTT_Exit calls this function after closing the outputs, instead of std::exit. The
+// function must not return. For callers that run the program's operations inside their own process.
 extern void (*KLTT_exitHook)(int status);
 
 // Closes all open outputs and exits. A status of 0 becomes 1 if any output has failed.

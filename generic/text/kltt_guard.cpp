@@ -14,8 +14,8 @@
 #include "util/pal_hash.h"
 #include "util/pal_strings.h"
 
-// The input may have many files, so they are only looked up if the output is an existing file or
-// its name begins as theirs do.
+// The input may have many files, so they are looked up only if the output is an existing file or
+// its name begins with that of the input.
 bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
   struct stat info {};
   const bool isStandard = std::strcmp(name, "-") == 0;
@@ -38,7 +38,7 @@ KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle) {
   files.add(KLT_ComponentName(*handle, handle->indexEntry, false));
   PAL_HashSet<std::string_view> seen;
   for (const auto& entry : handle->files.entries()) {
-    // The entry doesn't say whether it is used with its data, its anchor file or both.
+    // An entry doesn't say whether its suffix is used for data, anchors or both.
     if (!seen.insert(entry.value->suffix).second) continue;
     for (const bool anchors : {false, true}) {
       files.add(KLT_ComponentName(*handle, *entry.value, anchors));
