@@ -1,5 +1,5 @@
-// Makes a raw trace for measurements: processes that exchange messages in rounds, with a collective
-// operation of all of them now and then.
+// Makes a raw trace for measurements: processes exchange messages in rounds, and all of them take
+// part in a collective operation in some rounds.
 //
 //   klt_raw_trace NAME PROCESSES EVENTS [COLLECTIVE-EVERY [CALLS]]
 //

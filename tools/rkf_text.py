@@ -61,8 +61,8 @@ class Definitions:
         "DURATION": re.compile(r"(-?\d+) (-?\d+)$"),
     }
 
-    def take(self, line):
-        """Reads a line; False if it isn't one of the definitions known here."""
+    def read_line(self, line):
+        """Reads a line; False if it isn't a definition that this module knows."""
         word, _, rest = line.partition(" ")
         form = self._FORMS.get(word)
         match = form.match(rest) if form else None
@@ -70,7 +70,7 @@ class Definitions:
             return word in ("NCPUS", "DEFTHREADNUMS", "DEFSAMPCLASS", "INFO")
         a = match.groups()
         if word == "CLKPERIOD":
-            return self._take_period(a[0])
+            return self._read_period(a[0])
         if word == "EVENTBITS":
             self.event_bits = min(int(a[0]), 63)
         elif word == "DURATION":
@@ -93,7 +93,7 @@ class Definitions:
             tables[word][int(a[0])] = a[1]
         return True
 
-    def _take_period(self, text):
+    def _read_period(self, text):
         try:
             period = float(text)
         except ValueError:
@@ -104,8 +104,8 @@ class Definitions:
         return False
 
     def tick(self):
-        """Seconds in one tick of the trace's clock, without event bits. The text has six digits of
-        the period; if a rounder number is that close to the tick, it is used instead."""
+        """Seconds in one tick of the trace's clock, without event bits. The text has only six
+        digits of the period; a four-digit number within this precision is used instead."""
         tick = self.period * 2.0**self.event_bits
         rounder = float(f"{tick:.4g}")
         return rounder if abs(rounder - tick) <= 6e-6 * tick else tick

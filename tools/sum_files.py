@@ -85,11 +85,11 @@ class SumFile:
                 if count != self.count:
                     self.problem = f"says {self.count} records and has {count}"
             except Damaged as damage:
-                self.problem = f"{damage} behind {count} of {self.count} records"
+                self.problem = f"{damage} after {count} of {self.count} records"
 
     # --- Bytes ------------------------------------------------------------------------------------
 
-    def _take(self, size):
+    def _read(self, size):
         if size > self.left:
             raise Damaged("is cut short")
         data = self.file.read(size)
@@ -98,7 +98,7 @@ class SumFile:
         self.left -= size
         return data
 
-    def _behind(self, size, count):
+    def _left_after(self, size, count):
         """The bytes that are left after `count` records of `size`."""
         if count * size > self.left:
             raise Damaged("is cut short")
@@ -116,7 +116,7 @@ class SumFile:
             raise Damaged("is cut short")
         while count:
             some = min(count, BLOCK // form.size)
-            yield from form.iter_unpack(self._take(some * form.size))
+            yield from form.iter_unpack(self._read(some * form.size))
             count -= some
 
     def _fixed(self, form):
@@ -127,16 +127,16 @@ class SumFile:
             raise Damaged("is cut short")
 
     def _one(self, form):
-        return struct.unpack(self.order + form, self._take(struct.calcsize("=" + form)))
+        return struct.unpack(self.order + form, self._read(struct.calcsize("=" + form)))
 
     # --- Records ----------------------------------------------------------------------------------
 
     def _threads(self):
         while self.left:
             start, width, thread, events, nodes, _ = self._one("QQIIII")
-            behind = self._behind(48, nodes)
+            left = self._left_after(48, nodes)
             yield Thread(start, width, thread, events, nodes), self._nodes(nodes)
-            self._skip_to(behind)
+            self._skip_to(left)
             if self.damage:
                 raise self.damage
 
@@ -144,8 +144,8 @@ class SumFile:
         nodes = self._each("4xI8xQI16xI", count)
         for index, (function, inclusive, calls, back) in enumerate(nodes):
             if back > index:
-                # Raised when the next record is read, since the reader of the calls may not expect
-                # it.
+                # Raised only when the next record is read, since the code that reads these calls
+                # may not handle it.
                 self.damage = Damaged("has a call without a caller")
                 return
             yield Node(function, inclusive, calls, back)
@@ -153,10 +153,10 @@ class SumFile:
     def _operations(self):
         while self.left:
             *fields, members, _ = self._one("QIIIIII")
-            behind = self._behind(88, members)
+            left = self._left_after(88, members)
             yield Operation(*fields, members), map(Member._make,
                                                    self._each("4xIQQQQQddIIIIII", members))
-            self._skip_to(behind)
+            self._skip_to(left)
 
     def _messages(self):
         return map(Messages._make, self._fixed("IQqqqIIIIIIIIII"))
@@ -165,7 +165,7 @@ class SumFile:
         return map(Samples._make, self._fixed("IQQIIdddddd"))
 
     def _string(self):
-        return self._take(self._one("I")[0]).decode("utf-8", "replace")
+        return self._read(self._one("I")[0]).decode("utf-8", "replace")
 
     def _reports(self):
         while self.left:

@@ -13,7 +13,7 @@ ROWS = 32
 MATRIX = 24
 THREADS = 1 << 20        # different threads
 FUNCTIONS = 5000         # different functions
-CELL_FUNCTIONS = 64      # different functions in one cell of the lanes
+CELL_FUNCTIONS = 64      # different functions of one group of threads in one column
 OPERATIONS = 1000
 COUNTERS = 64
 LINES = 6                # different threads of one counter
@@ -193,7 +193,7 @@ class Counters:
             entry = add(self.table, samples.counter, COUNTERS, lambda: (Curve(axis.count), {}))
             column = axis.column((samples.first + samples.last) // 2)
             entry[0].add(column, samples)
-            # One more than LINES shows that there are too many threads.
+            # One curve more than LINES shows that there are too many threads.
             if len(entry[1]) <= LINES or samples.thread in entry[1]:
                 entry[1].setdefault(samples.thread, Curve(axis.count)).add(column, samples)
 
@@ -206,7 +206,7 @@ class Run:
         self.collectives, self.counters = Collectives(), Counters()
         self.reports, self.report_count = [], 0
         self.bins = 0
-        self.axis, self.groups = self._look_over(files)
+        self.axis, self.groups = self._axis_and_groups(files)
         if "fnc" in files:
             self.functions.read(files["fnc"], self.axis, self.groups)
         if "msg" in files:
@@ -220,7 +220,7 @@ class Run:
             if len(self.reports) < REPORTS:
                 self.reports.append(report)
 
-    def _look_over(self, files):
+    def _axis_and_groups(self, files):
         """The time of the run and its threads, from the call trees; without them, the time is taken
         from the counters."""
         start = end = None

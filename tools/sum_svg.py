@@ -1,6 +1,6 @@
 """Draws the pictures of sum-report as SVG text. Colours are defined by the page's style: series
 have the classes s1 to s8, and s0 for "others"; cells of a matrix have q1 to q7. The <title> of a
-mark describes it, and browsers show that as a tooltip.
+mark describes the mark, and browsers show it as a tooltip.
 """
 
 import html
@@ -20,7 +20,7 @@ def name_text(name, limit=NAME):
 
 
 def number(value):
-    """A number in at most six characters or so."""
+    """A number in about six characters."""
     for factor, sign in ((1e12, "T"), (1e9, "G"), (1e6, "M"), (1e3, "k")):
         if factor <= abs(value) < 1e15:
             return f"{value / factor:.3g}{sign}" if abs(value) < 999.5 * factor else \
@@ -31,7 +31,7 @@ def number(value):
 
 
 def count_text(value):
-    """A whole number, exactly unless it is long."""
+    """A whole number, rounded if it has more than nine digits."""
     return f"{value:,}" if value < 10**9 else number(value)
 
 
@@ -165,9 +165,9 @@ def lanes(scale, cells, times, names, series):
         parts.append(text(LEFT - 8, y + row - 5, name))
         column = 0
         while column < scale.axis.count:
-            main = most(cells.get((group, column)), keys)
+            main = main_key(cells.get((group, column)), keys)
             start, own, time = column, 0, 0
-            while column < scale.axis.count and most(cells.get((group, column)), keys) == main:
+            while column < scale.axis.count and main_key(cells.get((group, column)), keys) == main:
                 cell = cells.get((group, column), {})
                 own += cell.get(main, 0) if main is not None else \
                     sum(v for k, v in cell.items() if k not in keys)
@@ -185,7 +185,7 @@ def lanes(scale, cells, times, names, series):
     return svg(height + 22, "Main function of each thread over time", parts)
 
 
-def most(cell, keys):
+def main_key(cell, keys):
     """The key of the function with the most time: None for others, "idle" if there is no time."""
     best = max(cell or (), key=lambda key: cell[key], default=None)
     if not cell or not cell[best]:

@@ -80,8 +80,7 @@ KLTM_CollopTable::KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summar
                                    const KLTM_Communicators& communicators, uint64_t blockBytes)
     : writer_(writer), summary_(summary), communicators_(communicators), arena_(blockBytes) {}
 
-// Null if the communicator is unknown or has no members; each event is then an operation of its
-// own.
+// Null if the communicator is unknown or has no members. Each event is then an operation by itself.
 KLTM_CollopState* KLTM_CollopTable::stateOf(uint32_t comm) {
   if (const uint32_t place = statePlaces_.find(comm)) return states_[place - 1].get();
   const KLTT_MemberList* members = communicators_.find(comm);
