@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds the documents against what they describe.
+"""Compares the documents with what they describe.
 
 usage: check_docs.py SOURCE PROGRAM
 """
@@ -25,14 +25,14 @@ class Document:
         return [line for block in blocks for line in block.splitlines()]
 
     def anchors(self):
-        """What headings are called on the web."""
+        """The anchors of headings, as web pages name them."""
         prose = re.sub(r"^```.*?^```", "", self.text, flags=re.M | re.S)
         return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-")
                 for heading in re.findall(r"^#+ (.*)$", prose, re.M)}
 
 
 def check_links(root, _):
-    """Files and headings that are linked to are there, and so are names of files in the sources."""
+    """Linked files and headings exist, and so do files of the source tree that are named."""
     source = re.compile(r"(?<![\w./])((?:util|klt|generic|tests|scripts|examples|tools|fuzz)"
                         r"/[\w./-]*[\w/])")
     for path in (root / "README.md", *(root / "docs").glob("*.md")):
@@ -48,7 +48,7 @@ def check_links(root, _):
 
 
 def check_readme(root, program):
-    """The commands of the examples give, one after another, what is shown; "..." is any lines."""
+    """The examples' commands, run in order, print what is shown; "..." stands for any lines."""
     examples = []
     for line in Document(root / "README.md").lines_of("console"):
         if line.startswith("$ "):
@@ -83,7 +83,7 @@ def pattern_of(form):
 
 
 def check_rkf(root, _):
-    """Each line of a sample's text has one form of docs/rkf.md, and each form occurs."""
+    """Each line of a sample's text matches one form of docs/rkf.md, and each form occurs."""
     forms = {form: pattern_of(form) for form in Document(root / "docs/rkf.md").lines_of("rkf")}
     used = set()
     for kind in ("dump", "matched", "noext", "request.*"):

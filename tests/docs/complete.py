@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Types lines into a shell on a terminal of its own and checks what its completion of klttool makes
-of them. klttool is a function there that shows its arguments.
+"""Types lines into a shell on a pseudo-terminal and checks how it completes them. In this shell
+klttool is a function that prints its arguments.
 
 usage: complete.py SHELL SCRIPT
     SHELL   bash, zsh or fish
@@ -17,8 +17,8 @@ import tempfile
 
 FILES = ("job.klt", "my out.klt")
 
-# What is typed after "klttool ", a tab for completion, and the arguments that result. A word that
-# nothing fits stays.
+# Text that is typed after "klttool ", with tabs for completion, and the resulting arguments. A word
+# without a completion stays unchanged.
 TYPED = (
     ("jo\t--du\t--PRINT-FI\t--logfile-format sing\t--request 1s:2s FUN\tmess\t--ticks",
      ["job.klt", "--dump", "--print-files", "--logfile-format", "SINGLEKLT", "--request", "1s:2s",
@@ -66,7 +66,7 @@ def main():
         for line, arguments in TYPED:
             for sent, wanted in (("", READY), (f"klttool {line}\n", r"\n<([^\r\n]*)>\r?\n")):
                 os.write(terminal, sent.encode())
-                while not (match := re.search(wanted, text)):  # as long as it takes
+                while not (match := re.search(wanted, text)):  # CTest limits the time
                     text += os.read(terminal, 65536).decode(errors="replace")
                 text = text[match.end():]
             if match[1].split("><") != arguments:

@@ -1,6 +1,6 @@
-"""Runs klttool where something can't work: full disks, missing parts, outputs onto inputs, windows that
-select nothing, merges that are stopped. A run that lost something must report it and end with a
-status other than 0, and no input may change but what is to go."""
+"""Runs klttool with failures: full disks, missing files, outputs that would overwrite the input, empty
+windows, failing merges. A run that loses data must report this and end with a status other than 0.
+Inputs must not change, except for files that are to be removed."""
 
 import fcntl
 import os
@@ -16,14 +16,14 @@ NOT_WRITABLE = "Could not open file {} for writing.\n"
 
 
 def rows(place, *cases, limit=None):
-    """Runs of (options, status, text of standard error); the input stays."""
+    """Makes runs, given as (options, status, text of standard error), that don't change the input."""
     for options, status, says in cases:
         place.run(options, status, says, limit=limit)
         place.check_input()
 
 
 def check_full_disk(place):
-    """Files that may not grow beyond a size, in the middle of an index. The faults try each write."""
+    """Limits on the size of files, so that the index is cut. tests/faults lets each write fail."""
     raw = place.folder.name.startswith("raw_")
     action = "--merge ../out.klt --delete-raw-data" if raw else "--logfile-name ../out.klt"
     for form in FORMS:
@@ -37,11 +37,11 @@ def check_full_disk(place):
          (f"--logfile-name ../out.klt {KLT}", 1,
           "klttool ERROR: writing to msg failed, file will be incomplete\n"),
          (f"--convert ../copy.klt {SINGLE}", 1, ""), limit=700)
-    place.run("--logfile-name ../out.rkf", limit=len(place.run("--dump")))  # which is enough
+    place.run("--logfile-name ../out.rkf", limit=len(place.run("--dump")))  # just large enough
 
 
 def check_bad_output(place):
-    """A device that is full, and standard output that is closed from the start or early."""
+    """A full device, and standard output that is closed before or during the run."""
     with open("/dev/full", "wb") as full:
         failed = "klttool ERROR: writing to stdout failed: No space left on device\n"
         for options, says in (("--dump", failed), (f"--convert - {SINGLE}", ""),
@@ -51,7 +51,7 @@ def check_bad_output(place):
     closed = ("sh", "-c", '"$@" >&- <&-', "sh")
     place.run("--dump", 1, "writing to stdout failed", prefix=closed)
     place.run(f"--logfile-name ../out.klt {KLT}", prefix=closed)
-    # A reader that has seen enough ends the run in silence.
+    # If the reader of a pipe ends, the run ends without a message.
     done = subprocess.run(["sh", "-c", f'"$0" {INPUT} --dump 2>../err | head -n 1', place.program],
                           cwd=place.path, stdout=subprocess.PIPE, check=True)
     expect("lines, errors of a closed pipe", (1, "Writing tracefile -\n"),
@@ -59,7 +59,7 @@ def check_bad_output(place):
 
 
 def check_targets(place):
-    """Outputs that can't be, and moves that go nowhere."""
+    """Outputs that can't be created, and moves without a usable target."""
     rows(place,
          *((f"{what} {name} {form}", 1, "") for name in ("../none/out.klt", "../in")
            for what in ("--logfile-name", "--convert") for form in FORMS),
@@ -76,7 +76,7 @@ def check_targets(place):
 
 
 def check_onto_input(place):
-    """By name, by another path, through links, and through standard output."""
+    """Outputs that are files of the input, by name, another path, a link or standard output."""
     os.symlink(INPUT, place.path / "link.klt")
     os.symlink("nowhere", place.path / "dangling.rkf")
     os.symlink(place.path, place.path.parent / "again")
@@ -85,7 +85,7 @@ def check_onto_input(place):
     rows(place,
          *((f"{what} {name} {form}", 1, "") for name in names
            for what in ("--logfile-name", "--convert") for form in FORMS),
-         # Of the declarations there is one file, of calls there are two.
+         # The calls have data and anchors, the declarations have no anchors.
          *((f"--logfile-name {name}", 1, NOT_WRITABLE.format(name))
            for name in (*names, *(INPUT + part for part in (".f.0", ".f.0.anc", ".dcl", ".sts")))),
          (f"--logfile-name hard.klt {KLT}", 1, ""), (f"--convert hard.klt {KLT}", 1, ""),
@@ -95,14 +95,14 @@ def check_onto_input(place):
 
 
 def declare(place, suffix, number=0x10099, filetype=0, after=b""):
-    """Appends the declaration of a file, and of what belongs to it, to the index."""
+    """Appends a file_declaration, followed by the bytes `after`, to the index."""
     with open(place.path / INPUT, "ab") as index:
         index.write(b"\x21" + struct.pack(">IBH", number, filetype, len(suffix)) + suffix + after)
     place.before = place.files(INPUT)
 
 
 def check_declared_names(place):
-    """Names that the input declares are no outputs, also without a file. Moves take regular files."""
+    """Declared names are refused as outputs, even without a file. Only regular files are moved."""
     declare(place, b"m")
     if place.folder.name.startswith("raw_"):
         rows(place, (f"--merge t.klt.m {KLT} --delete-raw-data", 1,
@@ -121,7 +121,7 @@ def check_declared_names(place):
 
 
 def check_unread_files(place):
-    """What no reader opens is named; the rest is read. Two files can't have one id."""
+    """A warning names each file that isn't read; the others are read. Ids must be unique."""
     index, dump = (place.path / INPUT).read_bytes(), place.run("--dump")
     component = b"\x0a" + struct.pack(">IIIH", 0, 0x10099, 0x10000, 0)
     cases = (({"filetype": 9}, "t.klt.q isn't read: its type is unknown."),
@@ -144,7 +144,7 @@ def check_unread_files(place):
 
 
 def check_locked(place):
-    """An output that another process writes is refused, and stays."""
+    """An output that another process has locked is refused and not changed."""
     for options in ("--logfile-name ../locked", f"--logfile-name ../locked {KLT}",
                     *(f"--convert ../locked {form}" for form in FORMS)):
         with open(place.path / "../locked", "wb") as other:
@@ -152,16 +152,16 @@ def check_locked(place):
             other.flush()
             fcntl.flock(other, fcntl.LOCK_EX)
             place.run(options, 1, "Another process is writing")
-        expect("what is locked", b"x", (place.path / "../locked").read_bytes())
+        expect("locked file", b"x", (place.path / "../locked").read_bytes())
         place.run(options)
 
 
 def check_missing_parts(place):
-    """What is gone is reported; the rest can be listed, copied in part and removed, but not moved."""
-    place.take("*.anc")
+    """Missing files are reported. Such a trace can be listed, partly copied and removed, not moved."""
+    place.remove("*.anc")
     place.run(f"--convert ../copy.klt {KLT}", 0,
               "Could not find anchor-file t.klt.f.0.anc, skipping it.")
-    place.take("t.klt.msg")
+    place.remove("t.klt.msg")
     place.run("--dump", 2, "continuing\n")
     if b"t.klt.msg 0 bytes" not in b" ".join(place.run("--print-files").split()):
         raise Failure("the listing leaves out the missing component")
@@ -173,8 +173,8 @@ def check_missing_parts(place):
     place.before = {}
 
 
-def check_what_goes(place):
-    """A move, a removal and a merge that deletes its input take all files of a trace and no other."""
+def check_removals(place):
+    """A move, a removal and --delete-raw-data affect all files of a trace and no others."""
     others, expected = {name: b"x" for name in (".old", ".f.0.bak", "x")}, place.before
     for part, data in others.items():
         (place.path / f"{INPUT}{part}").write_bytes(data)
@@ -185,7 +185,7 @@ def check_what_goes(place):
         action = f"--merge target.klt {KLT} --delete-raw-data"
     place.run(action)
     found = place.files("target.klt")
-    # The index names the other files.
+    # The index contains the names of the other files, so it differs.
     expect("parts of the target", expected | {"": found[""]}, found)
     expect("what is left", others, place.files(INPUT))
     place.run("--dump", name="target.klt")
@@ -195,8 +195,8 @@ def check_what_goes(place):
 
 
 def check_windows(place):
-    """Whatever an anchor file holds, windows stay the same. Inverted ones have no end; ones that select
-    nothing are no error."""
+    """Damaged anchor files don't change windows. A window whose end is before its start has no end. An
+    empty window is no error."""
     dump = "--dump --request "
     window, inverted = (place.run(dump + times) for times in ("0.002s:0.004s", "0.004s:0.002s"))
     for damage in (lambda b: b"", lambda b: b"\xff" * len(b), lambda b: b[:len(b) // 2],
@@ -213,8 +213,8 @@ def check_windows(place):
 
 
 def check_merge_results(place):
-    """Each way to fail has its words and status 1."""
-    # One stream that can't be written: the others and the index are there.
+    """Each failure of a merge has its own message and status 1."""
+    # One component can't be written; the others and the index are complete.
     (place.path.parent / "lost.klt.msg" / "full").mkdir(parents=True)
     os.symlink(INPUT, place.path / "link.klt")
     rows(place, (f"--merge ../lost.klt {KLT} --delete-raw-data", 1,
@@ -226,8 +226,8 @@ def check_merge_results(place):
     dump = place.run("--dump", name="../lost.klt")
     if b"EXCHEXT" not in dump or b"SENDMSG" in dump:
         raise Failure("the calls are lost with the messages")
-    # Anchors that can't be unlinked: merged, but the input isn't gone.
-    place.take("*.r.0.anc")
+    # Anchors can't be removed: the merge is complete, but the input isn't removed.
+    place.remove("*.r.0.anc")
     (place.path / f"{INPUT}.r.0.anc").mkdir()
     place.run(f"--merge ../m.klt {KLT} --delete-raw-data", 1,
               f"Could not remove input file after merging: {INPUT}\n")
@@ -245,6 +245,6 @@ CHECKS = {name: (lambda folder, samples=samples: folder.name in samples, check)
               ("unread-files", ("stencil",), check_unread_files),
               ("locked", ("stencil",), check_locked),
               ("missing-parts", ("stencil",), check_missing_parts),
-              ("what-goes", ("stencil", "stats", "raw_ring"), check_what_goes),
+              ("removals", ("stencil", "stats", "raw_ring"), check_removals),
               ("windows", ("stencil",), check_windows),
               ("merge-results", ("raw_ring",), check_merge_results))}

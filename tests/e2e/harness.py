@@ -1,4 +1,4 @@
-"""Sample traces, and the program under test run on copies of them, for the scripts of this directory."""
+"""Sample traces, and runs of the tested program on copies of them, for the scripts of this directory."""
 
 import os
 import pathlib
@@ -10,12 +10,12 @@ import subprocess
 DATA = pathlib.Path(__file__).resolve().parent.parent / "data"
 INPUT = "t.klt"
 
-# What a run may take, of CPU time; it is handed on to each process.
+# The limit on CPU time in seconds; child processes inherit it.
 resource.setrlimit(resource.RLIMIT_CPU, (300, 300))
 
-# Messages that valid traces draw: what is being written, the stamps of evbits0 and evbits14 that are
-# beyond the internal time, a scope that `threads` leaves without having entered it, the sizes of
-# messages in several, and that an extraction leaves out raw events.
+# Messages for valid traces: the output's name, times of evbits0 and evbits14 that don't fit internal
+# time, a scope of `threads` that is left but was never entered, raw events that an extraction leaves
+# out, and sums of bytes that don't fit in 32 bits.
 EXPECTED_MESSAGES = (b"Writing tracefile ",
                      b"klttool ERROR: time stamp 2251799813685255 exceeds maximum number of clock ",
                      b"klttool ERROR: time stamp 10691368 exceeds maximum number of events ",
@@ -26,11 +26,11 @@ EXPECTED_MESSAGES = (b"Writing tracefile ",
 
 
 class Failure(Exception):
-    """A check that failed, with what was wrong as its text."""
+    """A failed check; its text describes the fault."""
 
 
 class Folder:
-    """One sample trace and what is expected of it."""
+    """A sample trace and its expected outputs."""
 
     def __init__(self, path):
         self.path, self.name = path, path.name
@@ -51,7 +51,7 @@ class Folder:
 
 
 class Place:
-    """A directory with a copy of a sample. The copy stays as it is, but for what a check removes."""
+    """A directory with a copy of a sample. Only files that a check removes may change."""
 
     def __init__(self, program, folder, directory, name="in"):
         self.program, self.folder = str(pathlib.Path(program).resolve()), folder
@@ -65,11 +65,11 @@ class Place:
         self.before = self.files(INPUT)
 
     def files(self, name):
-        """The parts of a trace, by what is after its name."""
+        """The bytes of each file of a trace, by the part of its name after `name`."""
         return {file.name[len(name):]: file.read_bytes() for file in self.path.glob(name + "*")
                 if file.is_file()}
 
-    def take(self, pattern):
+    def remove(self, pattern):
         """Removes files of the copy."""
         for file in self.path.glob(pattern):
             file.unlink()
@@ -81,12 +81,12 @@ class Place:
                [part for part, data in self.before.items() if after.get(part) != data])
 
     def finished(self, options, name=INPUT, limit=None, prefix=(), environment=(), **how):
-        """The finished process of a run on the trace `name`, whose files have at most `limit` bytes;
-        `options` are words, or a text of them; `how` is for subprocess.run."""
+        """The finished process of a run on the trace `name`. `options` is a list of words or a text of
+        them, `limit` the maximum size of files, `how` further arguments of subprocess.run."""
         if limit is not None:
             how["preexec_fn"] = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
         clean = {k: v for k, v in os.environ.items() if not k.startswith(("RK_", "KLT", "PAL_"))}
-        # A sanitizer's finding must not look like one of the program's own statuses.
+        # After a sanitizer's finding the status must not be one of the program's own.
         clean |= {"ASAN_OPTIONS": "abort_on_error=1", "UBSAN_OPTIONS": "abort_on_error=1"}
         words = options.split(" ") if isinstance(options, str) else options
         how = {"stdout": subprocess.PIPE, "stdin": subprocess.DEVNULL} | how
@@ -94,8 +94,8 @@ class Place:
                               env=clean | dict(environment), stderr=subprocess.PIPE, **how)
 
     def run(self, options, status=0, says=None, **how):
-        """Standard output of a run that ends with `status` and has `says` in standard error; without
-        that it has nothing to complain about."""
+        """Standard output of a run, which must end with `status` and write `says` to standard error. If
+        `says` is None, there must be no unexpected messages."""
         done = self.finished(options, **how)
         messages = b"".join(line for line in done.stderr.splitlines(True)
                             if not line.startswith(EXPECTED_MESSAGES))

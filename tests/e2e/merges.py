@@ -1,4 +1,4 @@
-"""What merges of raw traces have to give."""
+"""Checks the results of merges of raw traces."""
 
 import collections
 import re
@@ -13,21 +13,21 @@ UNKNOWN_SIDE = (-2**63, -2**63 + 1)
 
 
 def messages(folder):
-    """Time, time of the receiver less that, sender, receiver, communicator, tag, size, functions."""
+    """Time, receive_time, sender, receiver, communicator, tag, size and functions of each message."""
     for line in folder.expected("messages").splitlines():
         yield list(map(int, line.split()))
 
 
 def copied_lines(dump):
-    """What isn't communication; the count of events is another one after a merge."""
+    """The lines without communication, and without the number of events, which a merge changes."""
     return sorted_lines(b"".join(
         line for line in dump.splitlines(True) if b"number of events: " not in line
         and not re.match(rb"\S+ (?:ONETOONE|COLLOP) ", line)))
 
 
 def check_merge(place):
-    """Messages, operations and profiles are those expected, what else there is is copied, and from
-    and to a single file the merge gives the same bytes."""
+    """Messages, operations and profiles are as expected, all other records are copied, and the bytes
+    are the same if input and output are single files."""
     place.run(f"--merge m.klt {KLT}")
     merged = place.files("m.klt")
     for part in (".msg", ".cop"):
@@ -48,12 +48,12 @@ def check_merge(place):
     for part in merged:
         (place.path / f"m.klt{part}").unlink()
     place.run(f"--convert m.klt {KLT}", name="single.klt")
-    expect("parts by way of single files", merged, place.files("m.klt"))
+    expect("components via single files", merged, place.files("m.klt"))
 
 
 def check_merge_summary(place):
-    """A summary made while the trace is merged holds what is in that, wherever the declared end of
-    the run is."""
+    """A summary that a merge writes has the events of the merged trace, for any declared end of the
+    run."""
     matched = place.folder.expected("matched")
     declared, shift = int(re.search(rb"^DURATION \d+ (\d+)$", matched, re.M)[1]), sums.shift_of(matched)
     last = int(re.findall(rb"^(\d+) ", matched, re.M)[-1])

@@ -1,7 +1,7 @@
-"""Takes extractions of the sample traces and checks that nothing changed on the way.
+"""Extracts the sample traces and checks that the records stay the same.
 
-An extraction counts time in finer units than its source, and components stand in another order. So
-records are compared by the ticks of their times, in any order where they happen at one time.
+An extraction has more event bits than its source, and its components are in another order. So records
+are compared by the ticks of their times, and records of one time in any order.
 """
 
 import collections
@@ -10,35 +10,35 @@ import re
 
 from harness import INPUT, Failure, expect, text_of
 
-# Operations of no known kind, and fields that the kind of an operation has no place for, don't
-# survive an extraction.
+# An extraction loses operations of an unknown kind, and fields that the records of an operation's kind
+# don't have.
 LOSSY = ("collops", "layout_wild")
 
-# Times that are exact to the tick as seconds in floating point, whatever the unit.
+# Times below this number are exact to the tick as floating-point seconds.
 EXACT_SECONDS = 2**40
 
-# What a slice doesn't hold, and what describes the clock.
+# Lines that a slice doesn't have, and lines that describe the clock.
 LEFT_OUT = re.compile(r"INFO ACTSTATS |CLKPERIOD |EVENTBITS |DURATION ")
 
-# Remarks on the whole run turn into comments at its start, which a window needn't include.
+# Information about the run becomes comments at its start, which a window may exclude.
 COMMENT = re.compile(r"C ")
 
-# Times within a line, after what is before them.
+# The text before the durations in a line, and the durations.
 DURATIONS = re.compile(r"(GLOBALOP (?:\S+ ){7}|(?:DELTA|TIMES|DELTAS) )((?:(?:-?\d+|UNKNOWN)(?: |$))+)")
 
-# Parts of a trace; each folder takes some of them in turn.
+# Selections of a trace; each folder is tested with some of them.
 SELECTIONS = ("0:1", "MESSAGES", "COLLOPS,SCOPES", "FUNCTIONS", "MESSAGES,COUNTERS",
               "1:2,MESSAGES", "COUNTERS", "1:3,COLLOPS,SCOPES,MESSAGES")
 
 
 def some_selections(folder, count):
-    """`count` parts of a trace, depending on the name of the folder."""
+    """`count` selections, which depend on the name of the folder."""
     first = sum(folder.name.encode())
     return ["," + SELECTIONS[(first + i) % len(SELECTIONS)] for i in range(count)]
 
 
 def records(dump):
-    """The lines of a dump by tick and text, with the durations that each of them names."""
+    """The durations in the lines of a dump, by the line's tick and remaining text."""
     lines = text_of(dump).splitlines()
     shift = next((int(line.split()[1]) for line in lines if line.startswith("EVENTBITS ")), 0)
     found = collections.defaultdict(list)
@@ -46,10 +46,10 @@ def records(dump):
         time, _, rest = line.partition(" ")
         if LEFT_OUT.match(line):
             continue
-        tick = -1  # of definitions, and of messages without a send
-        if time.removeprefix("-").isdigit():  # shown as signed
+        tick = -1  # for definitions, and for messages without a send
+        if time.removeprefix("-").isdigit():  # written as a signed number
             line, tick = rest, int(time) % 2**64 >> shift
-        # An unknown duration comes before all others.
+        # An unknown duration is sorted before all others.
         found[tick, DURATIONS.sub(r"\1~ ", line)].append([
             (0, 0) if word == "UNKNOWN" else (1, int(word) >> shift)
             for _, words in DURATIONS.findall(line) for word in words.split()])
@@ -57,7 +57,7 @@ def records(dump):
 
 
 def compare_records(what, expected, actual, ignored=None):
-    """Differences of times lose what lies below the tick in either unit."""
+    """Durations may differ by a tick, since both are cut to whole ticks of different units."""
     want, got = records(expected), records(actual)
     for key in want.keys() | got.keys():
         a, b = want.get(key, []), got.get(key, [])
@@ -68,21 +68,21 @@ def compare_records(what, expected, actual, ignored=None):
 
 
 def extract(place, source, target, form, *requests):
-    """An extraction and nothing of an older one."""
+    """Makes an extraction, after the removal of an older one."""
     for file in place.path.glob(target + "*"):
         file.unlink()
     place.run(" ".join([*requests, f"--logfile-name {target} --logfile-format {form}"]), name=source)
 
 
 def tenths(header):
-    """A function that gives the request for a window from one tenth of the run to another with a
-    selection; None if times aren't exact."""
+    """A function that returns the request for a window between two tenths of the run and a selection;
+    None if times aren't exact."""
     duration = re.search(r"^DURATION (\d+) (\d+)$", header, re.M)
-    # The period is printed with six digits only: no such window may begin or end near a record.
+    # The period is printed with only six digits, so only a power of ten is surely exact.
     period = re.search(r"^CLKPERIOD (1E-\d+)$", header, re.M)
     if duration is None or period is None:
         return None
-    # What is still open at the last event ends there in an extraction.
+    # An extraction closes open calls at the last event.
     first = int(duration.group(1))
     times = map(int, re.findall(r"^(\d+) ", header, re.M))
     last = max((time for time in times if time < EXACT_SECONDS), default=first)
@@ -96,7 +96,7 @@ def tenths(header):
 
 
 def check_extract(place):
-    """An extraction dumps as its source does, and extracting it again gives the same bytes."""
+    """An extraction has the same dump as its source, and extracting it again gives the same bytes."""
     for form in ("KLT", "SINGLEKLT"):
         extract(place, INPUT, "e.klt", form)
         for mode in ("", " --matched-rkf") if place.folder.name not in LOSSY else ():
@@ -104,22 +104,22 @@ def check_extract(place):
                             place.run("--dump" + mode, name="e.klt"))
         extract(place, "e.klt", "again.klt", "KLT")
         place.run("--convert parts.klt --logfile-format KLT", name="e.klt")
-        # But for the index, which names the other files, and the statistics, whose times are cut to
-        # other ticks.
+        # Except for the index, which contains the names of the files, and the statistics, whose times
+        # are cut to other ticks.
         expect(f"{form}, extracted again", *(
             {part: data for part, data in place.files(name).items() if part not in ("", ".sts")}
             for name in ("parts.klt", "again.klt")))
 
 
 def slices(place, source, window):
-    """Makes extractions, and gives their names with options that show parts of them: of the whole
-    trace, of a window, of a window of that, and of two windows. `source` runs the trace itself."""
+    """Extracts the whole trace, a window, a window of this slice, and two windows. Yields the name of
+    each with requests for parts of it. `source` runs klttool on the trace itself."""
     extract(place, INPUT, "e.klt", "KLT")
     requests = [" ".join(option for option in options if option != "--dump")
                 for options, _ in place.folder.requests() if "--ticks" not in options]
-    four = zip((0, 2, 4, 6), some_selections(place.folder, 4)) if window else ()
-    yield "e.klt", requests + [window(tenth, tenth + 4, selection) for tenth, some in four
-                               for selection in ("", some)]
+    begins = zip((0, 2, 4, 6), some_selections(place.folder, 4)) if window else ()
+    yield "e.klt", requests + [window(tenth, tenth + 4, selection) for tenth, chosen in begins
+                               for selection in ("", chosen)]
     if not window or place.folder.name.startswith("raw_"):
         return
     for selection in ["", *some_selections(place.folder, 2)]:
@@ -139,7 +139,7 @@ def slices(place, source, window):
 
 
 def check_slices(place):
-    """A window of an extraction is the window of its source."""
+    """A window of an extraction has the records of the same window of its source."""
     source = functools.cache(place.run)
     for name, requests in slices(place, source, tenths(text_of(place.run("--dump")))):
         for request in requests:
@@ -148,7 +148,7 @@ def check_slices(place):
 
 
 def check_order(place):
-    """A slice that begins with an event holds what its history tells in order of time, too."""
+    """A slice that begins with an event also has the records of its history in order of time."""
     lines = re.compile(r"^(\d+) (?:(?:COLLOP|SAMP) |ONETOONE (?!.*DELTA -))", re.M)
     starts = sorted(set(map(int, lines.findall(text_of(place.folder.expected("matched"))))))
     for start in starts[len(starts) // 3::max(1, len(starts) // 3)]:

@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""Runs klttool on folders of sample traces and compares what comes out, byte for byte; then where it
-can't work.
+"""Runs klttool on folders of sample traces and compares the output byte for byte. Also tests
+failures.
 
   run_samples.py --program build/release/klttool                   all of tests/data
   run_samples.py --program P --only stencil --only ring            some folders
   run_samples.py --program P --samples DIR --check texts           one check of another directory
 
-A folder takes part in a check if it holds what is compared with; tests/data/README.md says what its
-files mean.
+A check uses the folders that contain its expected output; tests/data/README.md describes their files.
 """
 
 import argparse
@@ -41,17 +40,17 @@ def check_texts(place):
 
 
 def check_requests(place):
-    """Anchors make a window cheap and change nothing else."""
+    """Windows are the same with and without anchors."""
     for anchors in ("with anchors", "without anchors"):
         for options, expected in place.folder.requests():
             for generic in GENERIC:
                 compare(f"{options} {anchors}, KLT_GENERIC_ONLY={generic}", expected,
                         place.run(options, environment={"KLT_GENERIC_ONLY": generic}))
-        place.take("*.anc")
+        place.remove("*.anc")
 
 
 def check_damage(place):
-    """Each entry of damage.json changes a file; status and output have to be as it says."""
+    """Each entry of damage.json changes a file and states the resulting status and output."""
     dump = place.folder.expected("dump")
     for case in json.loads((place.folder.path / "damage.json").read_text()):
         place.restore()
@@ -73,7 +72,7 @@ def check_damage(place):
 
 
 def check_convert(place):
-    """A single file dumps the same, and its components are the bytes that went in."""
+    """A single file has the same dump, and converting it back gives the same components."""
     for source, target, form in ((INPUT, "one.klt", "SINGLEKLT"), ("one.klt", "two.klt", "KLT")):
         place.run(f"--convert {target} --logfile-format {form}", name=source)
         compare(f"dump of {target}", place.folder.expected("dump"), place.run("--dump", name=target))
@@ -82,14 +81,14 @@ def check_convert(place):
 
 
 def check_summary(place):
-    """The summary files, byte for byte where they are expected, and their sums."""
+    """The sums of the summary files, and their bytes if the folder contains them."""
     place.run("--sumdata x.klt --logfile-format KLT")
-    place.run("--sumdata x.klt --logfile-format KLT", 1, "x.klt.sum.fnc: File exists")  # and stays
+    place.run("--sumdata x.klt --logfile-format KLT", 1, "x.klt.sum.fnc: File exists")  # unchanged
     matched = place.folder.expected("matched")
-    if b"UNKNOWN" not in matched:  # a time that is open
+    if b"UNKNOWN" not in matched:  # sums need all times
         sums.check_sums(place.path / "x.klt", *sums.events(matched))
     for word in ("fnc", "cop", "msg", "cnt", "rep") if place.folder.expected("sum.fnc") else ():
-        # Nothing determines the sign of what isn't a number.
+        # The sign of a NaN isn't defined.
         compare(f".sum.{word}", *(data.replace(b"\0\0\0\0\0\0\xf8\xff", b"\0\0\0\0\0\0\xf8\x7f")
                                   for data in (place.folder.expected(f"sum.{word}"),
                                                place.files("x.klt")[f".sum.{word}"])))

@@ -1,4 +1,4 @@
-"""Sums of the files of summary data against those of the events of a trace."""
+"""Compares the sums in summary files with sums over the events of the trace."""
 
 import collections
 import pathlib
@@ -14,7 +14,7 @@ MASK = (1 << 32) - 1  # of threads, and of sums of bytes
 
 
 def added(pairs):
-    """The sums of four numbers of each key; sums of bytes have 32 bits."""
+    """The sums of the four numbers of each key; the last one, of bytes, is cut to 32 bits."""
     sums = collections.defaultdict(lambda: [0] * 4)
     for key, values in pairs:
         sums[key] = [a + b for a, b in zip(sums[key], values)]
@@ -22,13 +22,13 @@ def added(pairs):
 
 
 def shift_of(dump):
-    """How many bits of the times lie below the tick."""
+    """The number of event bits of a dump's times."""
     return int((re.search(rb"^EVENTBITS (\d+)$", dump, re.M) or "00")[1])
 
 
 def events(dump, roots=False):
-    """What the lines of --dump --matched-rkf say, without unknown times: times, threads and functions
-    of calls, keys and numbers of messages, and of operations, with what roots alone do, or not."""
+    """The events of a --dump --matched-rkf without unknown times: time, thread and function of calls;
+    keys and numbers of messages and operations. `roots`: include bytes that only the root has."""
     shift, calls, messages, operations = shift_of(dump), [], [], []
     for line in re.findall(r"^\d+ (?:EXCHEXT|ONETOONE|COLLOP) .*$", text_of(dump), re.M):
         time, kind, of = int(line.split()[0]), line.split()[2], collections.defaultdict(list)
@@ -37,7 +37,7 @@ def events(dump, roots=False):
         threads = [cpu - 1 & MASK for cpu in of["CPU"] + of["TO"]]
         if " EXCHEXT " in line:
             calls.append((time >> shift, threads[0], sum(of["DOWNTO"])))
-        elif " ONETOONE " in line:  # at the time of the side that came first
+        elif " ONETOONE " in line:  # at the time of the earlier side
             size, delta, *others = (sum(of[key]) for key in (
                 "LEN", "DELTA", "COM", "TAG", "SENDER_FUNCTION", "RECEIVER_FUNCTION"))
             messages.append(((*threads, size, *others),
@@ -51,8 +51,8 @@ def events(dump, roots=False):
 
 
 def check_calls(trees, calls):
-    """All calls are counted but for those after the last bin, and for those at the very end, which
-    close what is open."""
+    """All calls are counted, except for those after the last bin and those at the end, where open
+    calls are closed."""
     end = max((tree.start + tree.width for tree, _ in trees), default=0)
     least, most, found = collections.Counter(), collections.Counter(), collections.Counter()
     for time, thread, function in calls:
@@ -63,7 +63,7 @@ def check_calls(trees, calls):
         found[tree.thread] += tree.events
         for node in nodes[1:]:
             found[tree.thread, node.function] += node.calls
-    # A bin shows the calls below one outermost function. Where there is only one, it shows all.
+    # A bin has only the calls below one outermost function; these are all if no other exists.
     if len({nodes[1].function for _, nodes in trees if nodes[1:]}) != 1:
         least = {key: isinstance(key, int) and count for key, count in least.items()}
     expect("threads, and calls by thread and function, that don't add up", [],
@@ -71,7 +71,7 @@ def check_calls(trees, calls):
 
 
 def check_sums(base, calls, messages, operations):
-    """The summary `base` holds these."""
+    """Checks that the summary `base` has the sums of these events."""
     files = {word: SumFile(pathlib.Path(f"{base}.sum.{word}"), word) for word in ("fnc", "cop", "msg")}
     check_calls([(tree, list(nodes)) for tree, nodes in files["fnc"].records()], calls)
     expect("sums of messages", added(messages), added(

@@ -1,14 +1,12 @@
-// The program on a system that fails: the n-th call of a kind goes wrong, as the environment says.
+// The program with faults: the n-th call of a kind fails or is cut short, as the environment says.
 //
 //   KLT_FAULT=CALL N ERROR SIGNAL CALLS
 //     CALL    open, read, write, seek, close, stat or alloc
-//     N       the first one that goes wrong, from 1
-//     ERROR   the error of the call, 0 if it transfers less
-//     SIGNAL  is sent ahead of the call, a negative one after a short transfer, or 0
-//     CALLS   0 for this call, 1 for all from this one on, 2 for every other one
-//   KLT_FAULT_HIT=FILE is created once the call was reached
-//
-// Everything else is the program itself.
+//     N       the number of the first call with the fault, from 1
+//     ERROR   errno of the failing call; 0: it transfers half of its bytes
+//     SIGNAL  a signal sent before the call; if negative, -SIGNAL is sent after it; 0: none
+//     CALLS   calls with the fault: 0 only call N, 1 all from N on, 2 every second call from N on
+//   KLT_FAULT_HIT=FILE is created when call N is reached
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -30,8 +28,8 @@ struct Fault {
   int error = 0, signal = 0, which = 0;
 } fault;
 
-// Whether this call of the kind goes wrong. Allocates nothing.
-bool strikes(const char* call) {
+// Counts a call of this kind and returns whether it has the fault. Allocates no memory.
+bool hasFault(const char* call) {
   if (strcmp(fault.call, call) != 0) return false;
   ++fault.calls;
   if (fault.calls < fault.at || (fault.calls > fault.at && fault.which == 0)) return false;
@@ -41,18 +39,18 @@ bool strikes(const char* call) {
   }
   if (fault.signal > 0) kill(getpid(), fault.signal);
   errno = fault.error;
-  return fault.signal <= 0;  // a signal may be held
+  return fault.signal <= 0;  // the call works if its signal is blocked
 }
 
-// The transfer that a torn call is cut down to; then the process ends.
-ssize_t tornOr(ssize_t result) {
+// Returns the result of a transfer. If SIGNAL is negative, the process ends instead.
+ssize_t afterTransfer(ssize_t result) {
   if (fault.signal < 0 && fault.calls == fault.at) kill(getpid(), -fault.signal);
   return result;
 }
 
-// The result of a call that fails, or fewer bytes to transfer.
+// Whether the call fails. If it is to be cut short instead, halves `bytes`.
 bool failed(const char* call, size_t& bytes) {
-  if (!strikes(call)) return false;
+  if (!hasFault(call)) return false;
   if (fault.error != 0) return true;
   bytes = bytes > 1 ? bytes / 2 : bytes;
   return false;
@@ -60,10 +58,10 @@ bool failed(const char* call, size_t& bytes) {
 
 void install() {
   Vfd_systemCalls.open = [](const char* path, int flags, mode_t mode) {
-    return strikes("open") ? -1 : Vfd_osCalls.open(path, flags, mode);
+    return hasFault("open") ? -1 : Vfd_osCalls.open(path, flags, mode);
   };
   Vfd_systemCalls.close = [](int fd) {
-    const bool bad = strikes("close");  // the descriptor is gone all the same
+    const bool bad = hasFault("close");  // the descriptor is closed even then
     const int error = errno;
     const int result = Vfd_osCalls.close(fd);
     if (bad) errno = error;
@@ -77,26 +75,26 @@ void install() {
   };
   Vfd_systemCalls.write = [](int fd, const void* buffer, size_t bytes) {
     if (failed("write", bytes)) return ssize_t{-1};
-    return tornOr(Vfd_osCalls.write(fd, buffer, bytes));
+    return afterTransfer(Vfd_osCalls.write(fd, buffer, bytes));
   };
   Vfd_systemCalls.pwrite = [](int fd, const void* buffer, size_t bytes, off_t offset) {
     if (failed("write", bytes)) return ssize_t{-1};
-    return tornOr(Vfd_osCalls.pwrite(fd, buffer, bytes, offset));
+    return afterTransfer(Vfd_osCalls.pwrite(fd, buffer, bytes, offset));
   };
   Vfd_systemCalls.lseek = [](int fd, off_t offset, int whence) {
-    return strikes("seek") ? off_t{-1} : Vfd_osCalls.lseek(fd, offset, whence);
+    return hasFault("seek") ? off_t{-1} : Vfd_osCalls.lseek(fd, offset, whence);
   };
   Vfd_systemCalls.fstat = [](int fd, struct stat* info) {
-    return strikes("stat") ? -1 : Vfd_osCalls.fstat(fd, info);
+    return hasFault("stat") ? -1 : Vfd_osCalls.fstat(fd, info);
   };
   PAL_allocators.malloc = [](size_t bytes) {
-    return strikes("alloc") ? nullptr : std::malloc(bytes);
+    return hasFault("alloc") ? nullptr : std::malloc(bytes);
   };
   PAL_allocators.calloc = [](size_t count, size_t bytes) {
-    return strikes("alloc") ? nullptr : std::calloc(count, bytes);
+    return hasFault("alloc") ? nullptr : std::calloc(count, bytes);
   };
   PAL_allocators.realloc = [](void* block, size_t bytes) {
-    return strikes("alloc") ? nullptr : std::realloc(block, bytes);
+    return hasFault("alloc") ? nullptr : std::realloc(block, bytes);
   };
 }
 

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Lets each system call and allocation of the program fail in turn, until a run is over before its
-turn comes. After each run: no signal; a status other than 0 and a message, or the output of an
-undisturbed run; the input as it was. Interrupted and short transfers have no effect at all.
+"""Lets the n-th system call and the n-th allocation of the program fail, for every n that a run reaches.
+Each run must end without a signal, with a message and a status other than 0 or with the output of a
+run without faults. The input must not change. Interrupted and short transfers must change nothing.
 
-Then the process is killed at each call that may change a file: the input is as it was, and a trace
-that is left as output is complete, or refused with a message.
+Then the process is killed at each call that may change a file. The input must not change, and a
+trace that exists as output must be complete or be refused with a message.
 
   run_faults.py --program faulty_klttool --operation dump [--stride 7] [--call-stride 1] [--no-kills]
 
-Only every k-th allocation and system call fails, with the strides given.
+With strides of k, n is increased in steps of k for allocations and for system calls.
 """
 
 import argparse
@@ -42,8 +42,8 @@ OPERATIONS = {
     "files": ("ring", "--print-files"),
 }
 
-# What can go wrong with each call, 0 for a transfer of less than was asked for, and with which calls:
-# the n-th one, from there on all, or every other one.
+# Each fault: the call, its error (0: a short transfer), and the calls with the fault: only the n-th, all
+# from the n-th on, or every second one from there on.
 ONE, ALL, ALTERNATE = range(3)
 FAULTS = (("open", errno.EACCES, ONE), ("open", errno.EMFILE, ONE), ("read", errno.EIO, ONE),
           ("write", errno.ENOSPC, ONE), ("write", errno.ENOSPC, ALL), ("seek", errno.EIO, ONE),
@@ -51,16 +51,16 @@ FAULTS = (("open", errno.EACCES, ONE), ("open", errno.EMFILE, ONE), ("read", err
 HARMLESS = (("read", errno.EINTR, ALTERNATE), ("read", 0, ALL), ("read", 0, ALTERNATE),
             ("write", errno.EINTR, ALTERNATE), ("write", errno.EAGAIN, ALTERNATE), ("write", 0, ALL),
             ("write", 0, ALTERNATE))
-# A file that can't be looked at is listed with size 0; seek points that can't be opened are left out
-# of a copy, with a warning.
+# A file whose size can't be read is listed with size 0; anchors that can't be opened are left out of a
+# copy, with a warning.
 EXCUSED = (("files", "open"), ("files", "seek"), ("convert", "open"))
-# The calls that change files: a kill at any other one leaves what a kill at the next of these leaves.
-# A negative signal comes when half of what was to be written is written.
+# The calls that change files: a kill at another call has the effect of a kill at the next of these. A
+# negative signal is sent after half of the bytes have been written.
 KILLS = (("open", signal.SIGKILL), ("write", signal.SIGKILL), ("write", -signal.SIGKILL))
-# A merge that the user stops completes an index that it has begun.
+# A merge that the user stops still completes an index that it has begun to write.
 STOPS = tuple(("write", by) for by in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP))
 
-# Where memory was missed: in the program's own code, by its path in the source tree.
+# The place of a failed allocation in the message: a file of the program, except pal_mem.
 PLACE = re.compile(rb"\[(generic|klt|util)/(?!pal_mem)[\w/]+\.(cpp|h):\d+\], aborting\.\n")
 
 
@@ -71,11 +71,11 @@ class Runner:
         sample, self.options = OPERATIONS[operation]
         self.place = Place(program, Folder(DATA / sample), directory)
         self.out, self.operation = self.place.path / "out", operation
-        self.older = {}  # a trace under the output's name that is there already, by part
+        self.older = {}  # the files of an older trace with the output's name, by suffix
         self.failures, self.runs = [], 0
 
     def run(self, call="none", n=1, error=0, by=0, calls=ONE):
-        """The finished process, and whether the fault's turn came."""
+        """The finished process, and whether it has reached the n-th call."""
         self.runs += 1
         shutil.rmtree(self.out, ignore_errors=True)
         self.out.mkdir()
@@ -104,24 +104,24 @@ class Runner:
                              f"{text_of(done.stderr)[-2000:]}")
 
     def check(self, call, n, error, calls):
-        """False if the run was over before the fault's turn."""
+        """False if the run ended before the n-th call."""
         done, hit = self.run(call, n, error, calls=calls)
         status, same = done.returncode, self.results(done) == self.undisturbed
         problems = {
             "ended by a signal": status < 0 or status > 255,
-            "not taken in its stride":
+            "changed by a harmless fault":
                 (call, error, calls) in HARMLESS and (status != 0 or not same),
             "success with other output":
                 status == 0 and not same and (self.operation, call) not in EXCUSED,
             "failure without a message": status != 0 and not done.stderr,
-            "no place of the program that missed the memory":
+            "no place of the failed allocation":
                 hit and call == "alloc" and not PLACE.search(done.stderr)}
         for problem in (problem for problem, is_there in problems.items() if is_there):
             self.note((call, n, error, calls), problem, done)
         return hit
 
     def check_killed(self, call, n, by):
-        """False if the run was over before its turn."""
+        """False if the run ended before the n-th call."""
         done, hit = self.run(call, n, by=by)
         if hit and done.returncode != -abs(by):
             self.note((call, n, by), "not ended by this signal", done)
@@ -131,7 +131,7 @@ class Runner:
             refused = dump.returncode > 0 and dump.stderr and (
                 abs(by) == signal.SIGKILL or output.stat().st_size == 0)
             if not refused and (dump.returncode != 0 or dump.stdout not in self.dumps):
-                self.note((call, n, by), "what is left is neither whole nor refused", dump)
+                self.note((call, n, by), "the output is neither complete nor refused", dump)
         return hit
 
     def fail_all(self, stride, call_stride):
@@ -150,11 +150,11 @@ class Runner:
                 self.check(call, n, error, calls)
 
     def kill_all(self, older):
-        """With a trace of the sample `older` in the output's place, unless that is None."""
+        """Kills runs; if `older` isn't None, this sample already exists under the output's name."""
         self.older = {} if older is None else {
             file.name[len(INPUT):]: file.read_bytes() for file in (DATA / older).glob(INPUT + "*")}
         self.dumps = []
-        for call in ("open", "none"):  # which leaves all as it is, or doesn't strike
+        for call in ("open", "none"):  # a run that changes nothing, and one without a fault
             self.run(call, error=errno.EACCES)
             if (self.out / OUTPUT).exists():
                 self.dumps.append(self.dump().stdout)

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Checks the roads between files and rooms: includes flow one way, and no files call in circles.
+"""Checks that includes between rooms have one direction, and that files form no circles.
 
 usage: check_includes.py SOURCE_ROOT [OBJECT_DIRECTORY]
 
-A room is a folder with sources. Each may include only rooms ahead of it in ROOMS, holds at most
-MOST_FILES sources. Headers don't include each other in circles. With the directory of a build, the
-.cpp files don't call each other in circles either, by the undefined symbols of their objects.
+A room is a folder with at most MOST_FILES sources. It includes only rooms before it in ROOMS.
+Headers must not include each other in circles. With the directory of a build, .cpp files must not
+call each other in circles either, as the undefined symbols of their objects show.
 """
 
 import collections
@@ -15,13 +15,13 @@ import re
 import subprocess
 import sys
 
-# From the ground up. A room knows those ahead of it, but not those that are APART from it.
+# From the lowest room to the highest. Rooms in one set of APART don't include each other.
 ROOMS = ("util", "util/triplets", "klt/format", "klt/storage", "klt/index", "klt/stream", "klt/read",
          "klt", "klt/write", "generic/options", "generic/text", "generic/tables", "generic/sink",
          "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic")
 APART = ({"klt/read", "klt/write"}, {"klt/stream", "klt/write"},
          {"generic/options", "generic/text", "generic/tables"})
-# The reader includes the public header, since it implements what that declares.
+# The reader includes the public header, whose functions it implements.
 ALLOWED = {("klt/read", "klt/klt.h")}
 MOST_FILES = 16
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
@@ -42,7 +42,7 @@ def problem_of_include(root, room, target):
 
 
 def defined_and_used(root, objects):
-    """For each .cpp file the symbols that it defines, and those that it takes."""
+    """For each .cpp file the symbols that it defines, and the symbols that it uses."""
     defined, used = {}, {}
     for path in sorted(objects.rglob("*.cpp.o")):
         match = re.search(r"\.dir/((?:util|klt|generic)/.*\.cpp)\.o$", str(path))
@@ -53,7 +53,7 @@ def defined_and_used(root, objects):
         pairs = [line.split()[:2] for line in symbols.splitlines()]
         defined[match[1]] = {name for name, kind in pairs if kind in "TDBR"}
         used[match[1]] = {name for name, kind in pairs if kind == "U"}
-    # Every file uses the operators of the heap, which util/pal_mem replaces.
+    # Every file uses operator new and delete, which util/pal_mem replaces.
     for names in defined.values():
         names -= {name for name in names if re.match(r"_Z(n|d)[wal]", name)}
     return defined, used
@@ -66,7 +66,7 @@ def main():
         sources = sorted(path for path in (root / room).iterdir()
                          if path.suffix in (".h", ".cpp", ".inc"))
         if len(sources) > MOST_FILES:
-            found.append(f"{room}: {len(sources)} sources, at most {MOST_FILES} are a room")
+            found.append(f"{room}: {len(sources)} sources, at most {MOST_FILES} are allowed")
         for path in sources:
             text, name = path.read_text(encoding="utf-8"), path.relative_to(root)
             for target in INCLUDE.findall(text):
@@ -83,7 +83,7 @@ def main():
         graphlib.TopologicalSorter(arrows).prepare()
     except graphlib.CycleError as error:
         found.append("circle: " + " <- ".join(error.args[1]))
-    print("\n".join(found) if found else f"{len(arrows)} files, all roads lead one way")
+    print("\n".join(found) if found else f"{len(arrows)} files, no circles")
     return 1 if found or not arrows else 0
 
 
