@@ -1,9 +1,9 @@
-// Makes traces that ask for more than they should: deep, wide, long, contradictory.
+// Makes hostile traces: large, deeply nested, with huge numbers, inconsistent.
 //
 //   make_hostile CASE DIRECTORY SIZE    the trace is DIRECTORY/t.klt
 //   make_hostile                        prints the cases
 //
-// SIZE scales the cases that grow: how many calls, definitions, scopes, messages there are.
+// SIZE is the number of calls, definitions, scopes or messages in most cases.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ void basics(tb::Trace& trace) {
   trace.clock(1e-6, 0).processes({1, 1}).defineClass(1, "A").function(1, "f", 1);
 }
 
-// Definitions, calls and scopes that stay open, messages that nobody receives.
+// Many definitions, open calls and scopes, and messages that are never received.
 void crowd(tb::Trace& trace, uint64_t size) {
   basics(trace);
   trace.scope(1, "s", 1).communicator(1, "c", {{0, 1, 1}});
@@ -40,7 +40,7 @@ void crowd(tb::Trace& trace, uint64_t size) {
   }
 }
 
-// Names that add up to far more than the trace holds: paths of a chain, one name for many.
+// Class paths of a long chain, and function names, that together are much longer than the trace.
 void longNames(tb::Trace& trace, uint64_t size) {
   constexpr uint64_t kChainShare = 10;
   constexpr uint64_t kOthersShare = 50;
@@ -92,7 +92,7 @@ void hugeDeclarations(tb::Trace& trace, uint64_t) {
   }
 }
 
-// Components whose threads nobody can write out, for requests of a few threads.
+// Components with lists of billions of threads, for requests of a few threads.
 void threadLists(tb::Trace& trace, uint64_t size) {
   constexpr uint64_t kShare = 50;
   basics(trace);
@@ -123,7 +123,7 @@ void rawCrowd(tb::Trace& trace, uint64_t size) {
   basics(trace);
   trace.communicator(1, "c", {{0, 1, 1}});
   tb::Stream& s = trace.stream("r.0", tb::RAW_EVENTS, {0});
-  for (uint64_t i = 1; i <= size; ++i) {  // receives that nothing is sent for, collectives of one
+  for (uint64_t i = 1; i <= size; ++i) {  // receives without sends, operations of one event
     s.at(i).rawMessage({.kind = 8, .other = 1, .tag = static_cast<uint32_t>(i % 7)});
     if (i % 4 == 0) {
       s.rawCollective({.kind = 10,

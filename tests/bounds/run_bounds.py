@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Runs the program on traces that ask for more than they should, under limits of memory and CPU time:
-both stay in proportion to the bytes of the trace. A trace of twice the size takes about twice the
-time. No control characters in messages.
+"""Runs the program on hostile traces, with limits on memory and CPU time that are in proportion to
+the bytes of the trace. A trace of twice the size may take little more than twice the time. Messages
+must not contain control characters.
 
   run_bounds.py --program klttool --maker make_hostile [--case C] [--size N] [--no-memory-limit]
 """
@@ -19,14 +19,14 @@ import tempfile
 BASE_MEMORY = 8 << 20  # of data
 MEMORY_PER_FILE = 256 << 10  # of the trace
 MEMORY_PER_BYTE = 8  # of the trace
-# An output has a file for each thread, so a trace of nothing but threads costs more than its bytes.
+# An output has a file for each thread, so the case `threads` needs more memory for each byte.
 PER_BYTE = {("thread_lists", "some threads"): 64, ("threads", "extract"): 1000}
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
 SHORT_SECONDS = 0.4  # the growth of less is not measured
 GROWTH = 2.7  # at most, from half of a trace to all of it; n log n is 2.1, a square 4
 OUTPUT = 1 << 30
-THREADS_SHARE = 20  # of the size
+THREADS_SHARE = 20  # the case `threads` divides the size by this
 
 OPERATIONS = {
     "dump": "--dump",
@@ -49,14 +49,14 @@ ENVIRONMENT = {"RK_VERBOSE": "0", "ASAN_OPTIONS": "abort_on_error=1",
 
 
 def container(key, count, offset, length, used):
-    """A container with one component, whose extents follow one another if they have a byte each."""
+    """A container with one component, whose extents are adjacent if their length is 1."""
     offsets = array.array("Q", (offset + (i if length == 1 else 0) for i in range(count)))
     offsets.byteswap()
     return (b"SKLT" + struct.pack(f">QI{len(key)}sQI", 1, len(key), key, used, count)
             + offsets.tobytes() + struct.pack(">Q", length) * count + struct.pack(">Q", 12))
 
 
-# Single files with directories that can't be true.
+# Single files with impossible directories.
 CONTAINERS = {
     "million_extents": (b" ", 1_000_000, 12, 1, 1),
     "overlapping_extents": (b" ", 3, 12, 1 << 40, 1 << 40),

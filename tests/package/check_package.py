@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Installs a build into an empty directory, whose path has a blank, and uses what is there: the
-program, a program of its own that is built against the library, and the packages.
+"""Installs a build into an empty directory, whose path has a blank, and tests the installed program, a
+program that is built with the installed library, and the packages.
 
 usage: check_package.py BUILD SOURCE
 """
@@ -32,7 +32,7 @@ def check_install(build, source, place):
     lines = re.findall("^.* ONETOONE .*$", run(prefix / "bin/klttool", trace, "--dump", "--matched-rkf"),
                        re.M)
 
-    # The example as it is installed, in a directory of its own.
+    # Builds the installed example in a separate directory.
     example = prefix / "share/doc/klttool/examples/reader"
     run("cmake", "-S", example, "-B", place / "example", f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", place / "example")

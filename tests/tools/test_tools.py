@@ -1,8 +1,8 @@
-"""What the programs of tools/ and examples/ make of the sample traces, of lines that are hard to
-read, and of wrong files.
+"""Tests the programs of tools/ and examples/ on the sample traces, on unusual lines and on damaged
+files.
 
   KLTTOOL=build/release/klttool python3 test_tools.py [TESTCASE...]
-  python3 test_tools.py write     writes the files of golden/ again, after a change that is meant
+  python3 test_tools.py write     writes the files of golden/ again, after an intended change
 """
 
 import argparse
@@ -23,8 +23,8 @@ from xml.etree import ElementTree
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 KLTTOOL = os.environ.get("KLTTOOL", "klttool")
-TEXT = "{}\n{}status {}\n"  # of a golden file
-LINES = ("h1", "h2", "h3", "p", "li", "tr", "dt", "dd", "title", "text")  # of an outline
+TEXT = "{}\n{}status {}\n"  # a golden file: standard output, standard error, status
+LINES = ("h1", "h2", "h3", "p", "li", "tr", "dt", "dd", "title", "text")  # shown in an outline
 sys.path.insert(0, str(ROOT / "tests" / "e2e"))
 
 # pylint: disable=wrong-import-position
@@ -47,9 +47,9 @@ def run(program, *arguments):
 
 
 def outline(page):
-    """What a page says: a line for each paragraph, heading, row of a table, and mark of a picture,
-    and how many marks there are. Elements nest, each class of a mark has a colour in light and
-    dark, and nothing is needed from elsewhere."""
+    """The texts of a page, with a line for each paragraph, heading, table row and mark of a picture,
+    and the numbers of marks. Checks that elements nest, that each class of marks has a colour in both
+    colour schemes, and that the page refers to no other file."""
     assert not re.search(r"<script|@import|url\(|https?:|\b(nan|inf)\b| (src|href)=|\x1b", page)
     marks = re.findall(r"\b(?:[slq]\d|band)\b", " ".join(re.findall('class="([^"]*)"', page)))
     light, dark = page.split("prefers-color-scheme: dark", 1)
@@ -63,11 +63,11 @@ def outline(page):
 
 
 def golden():
-    """The outputs by name of the file in golden/."""
+    """Yields the name of each file in golden/ and the output that it must contain."""
     for file in sorted((HERE / "golden").glob("*.rkf")):
         yield file.stem, run(CONVERTER, "--waiting", 5, file)
     with tempfile.TemporaryDirectory() as directory:
-        # Each file is cut within its records, one is missing, and another has a length that can't be.
+        # Three files are cut within a record, one is missing, and one has an impossible length.
         base, sample = pathlib.Path(directory, "expected"), DATA / "reports" / "expected"
         for word in ("fnc", "msg", "cop", "rep"):
             data = pathlib.Path(f"{sample}.sum.{word}").read_bytes()
@@ -119,7 +119,7 @@ class TraceJson(unittest.TestCase):
 
 
 def events_of(text):
-    """How often each line is there, and the calls and scopes of each thread in their order."""
+    """The number of each line, and the lines of calls and scopes of each thread in order."""
     calls = collections.defaultdict(list)
     for match in re.finditer(rb"^\d+ (?:EXCHEXT|BEGINSCOPE|ENDSCOPE) CPU (\d+) .*", text, re.M):
         calls[match[1]].append(match[0])
@@ -127,10 +127,10 @@ def events_of(text):
 
 
 class ParallelWindows(unittest.TestCase):
-    # Traces with calls across cuts, messages in flight, collectives, scopes, unknown sides, many
-    # events at one time, stamps that text can't show exactly, and statistics besides events.
+    # Traces with calls across cuts, messages in flight, collectives, scopes, unknown sides, many events
+    # at one time, times that text can't show exactly, and statistics.
     TRACES = {"ring": 4, "counters": 4, "negative": 4, "collops": 4, "evbits14": 4, "io": 4, "stats": 1}
-    # Those in which lines of one time may change places.
+    # Traces in which lines of the same time may be in a different order.
     CROWDED = {"stencil_split": 4, "threads": 4, "dense": 25}
 
     def setUp(self):

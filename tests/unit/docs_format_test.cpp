@@ -1,4 +1,4 @@
-// docs/format.md against the program: its table of records is the one that the code is made from.
+// Compares the table of records in docs/format.md with the table of the program.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,25 +19,25 @@ std::string categoryNames(uint32_t mask) {
   return names;
 }
 
-// The builder's layout is the document's table.
+// tb::Layout is read from the document.
 TEST(FormatDocument, ListsTheRecordsOfTheProgramsTable) {
   const tb::Layout document;
   ASSERT_EQ(document.size(), kKltRows.size());
   for (const KLT_Row& row : kKltRows) {
     SCOPED_TRACE(row.number);
-    const tb::Row& shown = document.row(row.number);
-    EXPECT_EQ(std::tie(shown.number, shown.name), std::tie(row.number, row.name));
-    EXPECT_EQ(shown.timed, row.timed());
-    EXPECT_EQ(shown.categories, categoryNames(row.categories()));
-    ASSERT_EQ(shown.fields.size(), row.numFields);
+    const tb::Row& documented = document.row(row.number);
+    EXPECT_EQ(std::tie(documented.number, documented.name), std::tie(row.number, row.name));
+    EXPECT_EQ(documented.timed, row.timed());
+    EXPECT_EQ(documented.categories, categoryNames(row.categories()));
+    ASSERT_EQ(documented.fields.size(), row.numFields);
     for (size_t i = 0; i < row.numFields; ++i) {
       const KLT_Field& field = row.fields[i];
-      const tb::Field& said = shown.fields[i];
-      EXPECT_EQ(said.isCount ? "" : said.name, field.name);
-      EXPECT_EQ(said.reference, field.reference);
-      EXPECT_EQ(static_cast<KLT_Type>(said.type), field.type()) << said.name;
-      EXPECT_EQ(said.required, field.required()) << said.name;
-      EXPECT_EQ(said.isCount ? said.covers : 0U, field.isCount() ? field.covered() : 0U);
+      const tb::Field& listed = documented.fields[i];
+      EXPECT_EQ(listed.isCount ? "" : listed.name, field.name);
+      EXPECT_EQ(listed.reference, field.reference);
+      EXPECT_EQ(static_cast<KLT_Type>(listed.type), field.type()) << listed.name;
+      EXPECT_EQ(listed.required, field.required()) << listed.name;
+      EXPECT_EQ(listed.isCount ? listed.covers : 0U, field.isCount() ? field.covered() : 0U);
     }
   }
 }

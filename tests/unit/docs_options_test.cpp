@@ -1,4 +1,4 @@
-// The manual page, the help and the other documents against the option table.
+// Compares the manual page, the help and the other documents with the option table.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -40,21 +40,21 @@ TEST(OptionDocuments, ManualAndHelpHaveEachOptionWithItsDefault) {
     const std::regex inManual(R"(\.TP\n\.BR? )" + name + R"((?![a-z-])[^]*?\nDefault: (.*)\.\n)");
     ASSERT_TRUE(std::regex_search(manual, entry, inManual)) << name;
     EXPECT_EQ(entry[1], preset) << name;
-    // The help has those that are common.
+    // The help has only the common options.
     const std::regex inHelp("\n" + name + "(?![a-z-])(.*)\n  ");
     EXPECT_EQ(std::regex_search(help, heading, inHelp), entry.position() < rare) << name;
     EXPECT_TRUE(heading.empty() || heading[1].str().ends_with(mark)) << name;
   }
 }
 
-TEST(OptionDocuments, NoDocumentNamesWhatDoesntExist) {
+TEST(OptionDocuments, DocumentsNameOnlyExistingOptions) {
   std::set<std::string> known{"--help", "--version", "RK_CONFIG"};
   for (const char* key : RK_ConfigRefusedKeys()) known.insert(nameOf(key));
   for (const RK_Option& option : RK_ConfigOptions())
     known.insert({nameOf(option.key), RK_ConfigEnvironmentName(option.key)});
   for (const char* part : {"", "man", "docs"}) {
     for (const auto& file : std::filesystem::directory_iterator(kRoot + part)) {
-      // Launchers of parallel jobs have options of their own, and what is gone isn't known.
+      // scaling.md has options of launchers of jobs, CHANGELOG.md has removed options.
       const std::string path = file.path();
       if (!std::regex_match(path, std::regex(".*/(?!scaling|CHANGELOG)[^/]*\\.(md|1)"))) continue;
       std::istringstream text(tb::readFile(path));

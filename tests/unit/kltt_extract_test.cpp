@@ -1,5 +1,5 @@
-// What a user asks for: windows in the reader's unit, and the moments of the performance test, as
-// the averages of what it reports show. Categories and threads are tested end to end.
+// The conversion of windows to raw time, and the operations that the performance test visits, which
+// the reported averages show. Categories and threads are tested end to end.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -14,8 +14,8 @@
 
 namespace {
 
-// What is reported, without the times, of a run over a trace with this many operations. One has one
-// member if its number is even, else two, but for the one of all 41 members and the one of none.
+// The report, without times, of a performance test over this many operations. One member takes part
+// in operations with even numbers, two in others, except that 41 take part in 3 and none in 5.
 std::string perfTest(int32_t requests, int operations) {
   constexpr uint64_t kOut = tb::kNotStarted;
   tb::Trace trace;
@@ -40,15 +40,15 @@ std::string perfTest(int32_t requests, int operations) {
   RK_conf.logfile_name_set = true;
   reading::Messages messages;
   EXPECT_EQ(KLTT_Extract(open.handle(), 1), 0);
-  // Definitions are written as ever, the events that were asked for aren't.
+  // Definitions are written as usual, the requested events aren't.
   EXPECT_EQ(tb::readFile(RK_conf.logfile_name).find("EXCHEXT"), std::string::npos);
   RK_ConfigDefaults();
   return std::regex_replace(messages.take(), std::regex("in [-0-9.]+s = [-0-9.]+s/req"), "");
 }
 
-// A subset steps by 2 and begins again at 0. The other form asks for 1, 2, 3 and so on, and for 0
-// after the last one.
-TEST(KlttPerf, ReportsTheMomentsThatItAsksFor) {
+// A subset visits every second operation and then starts again at 0. Otherwise the test visits 1,
+// 2, 3 and so on, and 0 after the last operation.
+TEST(KlttPerf, ReportsAveragesOfTheVisitedOperations) {
   const std::string average = " requests , average number of processes per request ";
   const std::string head = "Gettings collops for performance test...\nDoing performance test, ";
   EXPECT_EQ(perfTest(5, 0), head + "0 different collective operations.\n");
@@ -73,10 +73,10 @@ TEST(KlttRequests, WindowsBecomeRawTimes) {
       {kTick / 4, 2, 0, 1.9 * kTick, 3.5 * kTick, 1 << 2, 3 << 2},  // whole ticks
       {1e-6, 4, 1, 1.5, 2, 1, 2},
       {1e-6, 4, 1, -3, 1e300, 0, kLastTick},
-      {10, 0, 0, 15, -1, 1, kNoEnd},  // whose product with -1 is no whole tick
+      {10, 0, 0, 15, -1, 1, kNoEnd},  // -1 s is less than a tick
       {1e-6, 0, 0, NAN, INFINITY, 0, kLastTick},
       {1e-6, 3, 0, 1e300, 1e14, kNoEnd, kNoEnd},
-      {0, 0, 0, 0, 1, 0, kLastTick},  // infinitely many ticks
+      {0, 0, 0, 0, 1, 0, kLastTick},  // a tick of 0 s
   };
   for (const auto& row : rows) {
     RK_ConfigDefaults();

@@ -1,4 +1,4 @@
-// Whole merges: what is copied and counted, and when the input may go.
+// Whole merges: the counts of events, the removal of the input, large communicators.
 #include "generic/merge/kltt_merge.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ class KlttMerge : public testing::Test {
   }
   int merge(const tb::Trace& trace) { return merge(trace.files().writePlain(directory_)); }
 
-  // All definitions and events, sorted: components come in another order.
+  // All definitions and events, sorted, since components may be in another order.
   static Lines linesOf(const std::string& name) {
     Lines lines = reading::linesOf(name);
     std::sort(lines.begin(), lines.end());
@@ -64,7 +64,7 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
             "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
 }
 
-TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
+TEST_F(KlttMerge, TheInputIsRemovedOnlyAfterASuccess) {
   tb::Trace trace(1);
   fill(trace, 2);
   const std::string input = trace.files().truncate(".r.0", 1).writePlain(directory_);
@@ -88,11 +88,11 @@ TEST_F(KlttMerge, TheInputGoesOnlyAfterASuccess) {
     EXPECT_TRUE(fs::exists(input + ".r.0"));
     EXPECT_EQ(reading::only(linesOf(output_), {"all_communication"}).size(), 1U);
   }
-  const std::string told = messages_.take();
+  const std::string text = messages_.take();
   size_t reports = 0;
-  for (size_t at = 0; (at = told.find("ERROR: 1 events of coll", at)) != std::string::npos; ++at)
+  for (size_t at = 0; (at = text.find("ERROR: 1 events of coll", at)) != std::string::npos; ++at)
     ++reports;
-  EXPECT_EQ(reports, 4U) << told;
+  EXPECT_EQ(reports, 4U) << text;
 }
 
 TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {

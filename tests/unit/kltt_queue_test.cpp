@@ -1,4 +1,4 @@
-// The queue against a list that is sorted anew each time.
+// Compares the queue with a sorted map.
 #include "generic/sink/kltt_queue.h"
 
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 
 namespace {
 
-// Nodes come and what is due goes, in turns. They come at up to `ahead` after the current time or
-// up to `back` before it, in steps of `scale`, with the last moment of all among them.
-TEST(KlttQueue, HandsOutByTimeAndThenByArrival) {
+// Adds nodes and removes the nodes that are due, in turns. Their times are less than `ahead` after
+// the current time or up to `back` before it, in units of `scale`; some are kNever.
+TEST(KlttQueue, ReturnsNodesByTimeAndThenByArrival) {
   const uint64_t cases[][3] = {{1, 0, 1},  {5, 0, 8192},  {1000, 0, 1},  {5000, 0, 1ULL << 50},
                                {1, 20, 1}, {40, 3, 8192}, {10, 1000, 1}, {200000, 0, 1}};
   for (const auto& [ahead, back, scale] : cases) {

@@ -1,5 +1,5 @@
-// Summary data of events that a test states: where bins end, what only odd events show, and files
-// that fail. The files of whole traces are compared end to end.
+// Summaries of single events: the ends of bins, and unusual events. The files of whole traces are
+// compared end to end.
 #include "generic/summary/kltt_summary.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ class KlttSummary : public testing::Test {
   void leave(uint64_t time) { summary_->function_event(time, 0, 0, 0, false); }
   void message(const KLTT_SumMessage& message) { summary_->message_event(message); }
 
-  // The four-byte words of a file; there are six ahead of its records.
+  // The four-byte words of a file; the header has six.
   std::vector<uint32_t> words(const std::string& kind) {
     const std::string file = tb::readFile(base_ + ".sum." + kind);
     std::vector<uint32_t> result(file.size() / sizeof(uint32_t));
@@ -57,8 +57,8 @@ TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
       {0, 6400, 2, 1000000, 2, 3200},
       {0, 6400, 961, 1000000, 60, 106},
       {0, 6400, 962, 1000000, 62, 103},
-      // A time at the end of a bin belongs to it. After the 62 bins of one tick 38 ticks remain,
-      // whose last bin isn't written, for calls.
+      // A bin contains the time of its end. After the 62 bins of one tick there are 38 additional
+      // bins, the last of which has no call trees.
       {0, 100, 1000, 61, 61, 1},
       {0, 100, 1000, 63, 62, 1},
       {0, 100, 1000, 1000000, 99, 1},
@@ -69,7 +69,7 @@ TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
   for (const auto& row : rows) {
     SCOPED_TRACE(std::to_string(row.events) + " events to " + std::to_string(row.last));
     open(row.start, row.span, row.eventBits, row.events);
-    for (const uint64_t time : {row.last, uint64_t{1}}) {  // the second one comes too late
+    for (const uint64_t time : {row.last, uint64_t{1}}) {  // the second time is before the bin
       call(time, 1);
       message({.time = time});
     }
@@ -80,12 +80,12 @@ TEST_F(KlttSummary, BinsFollowFromTheNumberOfEventsAndGoOnToTheDeclaredEnd) {
   }
 }
 
-// After the times of a bin: the thread, its events and records. A record of 12 words has the
-// function in its second, own time in the third and the number of calls in the seventh.
+// A thread's words: start and width of the bin (two each), thread, events, nodes, 0. Of a node's 12
+// words the second is the function, the third the self time, the seventh the calls.
 TEST_F(KlttSummary, OutermostCallsThatAreHiddenCountAnewInTheNextBin) {
   open();
-  leave(1);                                 // of no call
-  for (const uint32_t function : {6U, 4U})  // the lowest of several is shown
+  leave(1);                                 // without an open call
+  for (const uint32_t function : {6U, 4U})  // only the lowest is written
     call(1, function), leave(3);
   call(12, 6);
   leave(3);  // time that goes backwards adds nothing
@@ -126,7 +126,7 @@ TEST_F(KlttSummary, TimesMayGoBackwardsAndMembersDiffer) {
   const std::string longText(200'000, 'x');  // more than is buffered
   const char* texts[] = {longText.c_str()};
   summary_->report_event({16, 5, "A", nullptr, "d", 1, deltas, sizes, texts, sizes, texts, sizes});
-  EXPECT_EQ(words("rep").size(), 6 + (2 * longText.size() + 58) / 4) << "at once";
+  EXPECT_EQ(words("rep").size(), 6 + (2 * longText.size() + 58) / 4) << "written at once";
   EXPECT_TRUE(KLTT_SumClose(summary_));
   const std::vector<uint32_t> operation = words("cop");
   EXPECT_EQ(operation[6], 3U) << "the earliest time";

@@ -1,4 +1,4 @@
-// Handlers called one after another, and the text that results.
+// Calls handlers directly and compares the resulting text.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -78,7 +78,7 @@ class KlttText : public testing::Test {
   size_t seen_ = 0;
 };
 
-TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
+TEST_F(KlttText, DelayedRecordsAreWrittenAtTheirTime) {
   const std::string host(1000, 'h');
   const uint64_t zero[] = {0, 0, 0};
   const uint64_t deltas[] = {44, 45, 50};
@@ -94,8 +94,8 @@ TEST_F(KlttText, WhatIsDelayedComesAtItsTime) {
                         "100 GLOBALOP 4 ON 1 2 5 -1 -1 5\n130 RECVMSG 2 9 BY 2 FROM 1 LEN 64\n");
 }
 
-// The kind is the operation's. Members that the communicator lacks are forgiven, an operation that
-// isn't defined is no event.
+// The kind is that of the definition. A record may have more members than its communicator. An
+// operation without a definition isn't an event.
 TEST_F(KlttText, MatchedOperations) {
   const uint64_t starts[] = {5, kOut - 1}, deltas[] = {10, 20}, late = kOut - 3;
   const uint32_t size = 1;
@@ -122,7 +122,7 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
       for (uint32_t k = 0; k < depth(gtp); ++k) enter(1, static_cast<uint32_t>(gtp), 10 + k % 2);
     (void)text();
     PAL_Triplet t{number(12), number(12), number(3)};
-    if (round % 16 == 0) t.first = INT32_MIN;  // far more numbers than anybody could look up
+    if (round % 16 == 0) t.first = INT32_MIN;  // too many numbers to look up each
     if (round % 8 == 0) t.last = INT32_MAX;
     std::string expected;
     for (const int64_t n : open) {
@@ -134,7 +134,7 @@ TEST_F(KlttText, EndOfFilterClosesTheThreadsOfATripletInItsOrder) {
                  (k == 0 ? "NOACT" : std::to_string(11 - k % 2)) + '\n';
       expected = t.stride > 0 ? expected + lines : lines + expected;
     }
-    const reading::Messages told;
+    const reading::Messages messages;
     endOfFilter(2, {t});
     ASSERT_EQ(text(), expected) << t.first << ' ' << t.last << ' ' << t.stride;
   }
@@ -144,12 +144,12 @@ TEST_F(KlttText, EndOfFilterClosesDeclaredThreadsAndWhatEnds) {
   for (const uint32_t gtp : {0x10001U, 1U, 0x10000U, 2U, 0x20001U, 3U}) enter(1, gtp, 10);
   enter(1, 1, 11);
   for (const uint32_t scope : {7U, 8U, 9U}) KLTT_EnterScope(c, 2, 0x10000, scope, 1, 0);
-  reading::Messages told;
+  reading::Messages messages;
   for (const uint32_t seqnr : {1U, 2U}) KLTT_LeaveScope(c, 2, 0x10000, 7, seqnr, 0);
   (void)text();
   message(2, 0);
   endOfFilter(5, {}, 0xff0);
-  endOfFilter(5, {{2, 1, 1}});  // without a thread that brings the message along
+  endOfFilter(5, {{2, 1, 1}});  // no thread, so the message isn't written
   EXPECT_EQ(written(), "");
   endOfFilter(5, {{1, 2, 0}, {0x10000, 0x10000, 1}}, 0x8);
   endOfFilter(~uint64_t{0}, {});  // an open end: the time of the last event
@@ -159,7 +159,7 @@ TEST_F(KlttText, EndOfFilterClosesDeclaredThreadsAndWhatEnds) {
             "2 EXCHEXT CPU 65537 UPTO NOACT\n2 EXCHEXT CPU 2 UPTO 10\n"
             "2 EXCHEXT CPU 2 UPTO NOACT\n2 EXCHEXT CPU 65538 UPTO NOACT\n"
             "2 EXCHEXT CPU 3 UPTO NOACT\n");
-  EXPECT_EQ(told.take(),
+  EXPECT_EQ(messages.take(),
             "ERROR: Leaving scope 7/2 which was never entered.\n"
             "ERROR: Wrong triplet syntax, stride == 0, ignoring triplet.\n");
 }
@@ -171,18 +171,18 @@ TEST_F(KlttText, ValuesAtTheEdges) {
   const PAL_Triplet huge[] = {{0, INT32_MAX, 1}};
   const uint32_t counter = 0xc0000002;
   uint64_t values[] = {0x700000009, ~uint64_t{0} << 32};
-  reading::Messages told;
+  reading::Messages messages;
   KLTT_ProcessDeclaration(c, 3, counts);
   KLTT_GroupDefinition(c, 8, "All", 2, members);
   KLTT_ScopeDefinition(c, 6, "phase", 1, 0x80000000, 0x7fffffff);
   KLTT_CommunicatorDefinition(c, 0x80000003, "odd", 3, ranks, -2);
   KLTT_CommunicatorDefinition(c, 0x80000003, "", 1, huge, -2);
-  KLTT_FunctionDefinition(c, 10, nullptr, 1);  // the first one stays
+  KLTT_FunctionDefinition(c, 10, nullptr, 1);  // the first definition stays valid
   KLTT_ClassDefinition(c, 3, nullptr, "", 1);
   KLTT_CounterDefinition(c, counter, "c", 0x83, values, 0x80000000, 1, "");
   KLTT_CounterValue(c, 3, 0x80000001, 1, &counter, values);
   KLTT_ClockResolution(c, 1, 0xffffffc0);
-  for (const uint32_t gtp : {0U, 3U, 0x10000U})  // of those that are declared
+  for (const uint32_t gtp : {0U, 3U, 0x10000U})  // only declared threads are printed
     KLTT_ListThread(c, gtp, nullptr, ",10.0.0.1,,::1,", 7, 8, -0.5, 0.25);
   KLTT_CustomStatistics(c, 0, nullptr, 0, nullptr);  // with an output nothing is printed
   context.sink = nullptr;
@@ -198,13 +198,13 @@ TEST_F(KlttText, ValuesAtTheEdges) {
             "3 SAMP GROUP 2147483650 DEF -1073741821 UINT 7 9\nCLKPERIOD 1\nEVENTBITS -64\n"
             "PROCESS 0\nTHREAD 0\nHOSTNAME \nIP 10.0.0.1\nIP ::1\nPID 7\nTID 8\n"
             "START -0.750000\nEND -0.500000\n\n[1] ERROR: LOCAL:X\n\n\n");
-  EXPECT_EQ(told.take(), "ERROR: Invalid triplet data.\n");
+  EXPECT_EQ(messages.take(), "ERROR: Invalid triplet data.\n");
   EXPECT_EQ(context.eventBits, 63U);
   EXPECT_EQ(KLTT_GetIndexInComm(context, 0x80000003, "").size(), 7U);
   EXPECT_STREQ(context.functions.find(10)->name, "main");
 }
 
-TEST_F(KlttText, WhatCannotBeTrueEndsTheProcess) {
+TEST_F(KlttText, InconsistentRecordsEndTheProcess) {
   const uint32_t ids[] = {10, 99, 0};
   const uint64_t zero[] = {0};
   uint64_t value = 0;
@@ -259,7 +259,7 @@ TEST_F(KlttText, WhatCannotBeTrueEndsTheProcess) {
   }
 }
 
-TEST_F(KlttText, NumbersComeOutAsPrintfWritesThem) {
+TEST_F(KlttText, NumbersAreFormattedAsByPrintf) {
   RK_Output* const out = sink_->output;
   const auto check = [&](const char* format, auto... values) {
     char expected[200];
@@ -319,9 +319,9 @@ TEST_F(KlttText, ListsLongerThanTheBufferArriveWhole) {
                             "\n3 SAMP CPU 2" + all(" DEF 2 UINT 0 1") + '\n');
 }
 
-// A counter has an integer or a floating value and one hint at the rate, whatever bits a file sets.
-// A start of all ones minus one is passed on and counts nowhere.
-TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
+// A counter definition is written with one type and one rate hint, whatever bits its flags have. A
+// start of all ones minus one is written unchanged, with its delta.
+TEST_F(KlttText, BinaryOutputsKeepUnknownStarts) {
   const struct {
     uint32_t flags, kept;
     const char* hint;
@@ -346,7 +346,7 @@ TEST_F(KlttText, BinaryOutputsKeepWhatHasNoValue) {
       "all_communication 8192 2 4 3 [40960 18446744073709551614 18446744073709551615] "
       "[49152 7 8] [null]");
   EXPECT_EQ(RK_SinkClose(klt, 0), 0);
-  const reading::Messages told;  // the communicator isn't there
+  const reading::Messages messages;  // the communicator isn't defined in the output
   EXPECT_EQ(
       reading::difference(expected, reading::without(reading::linesOf(name), {"collop_profile"})),
       "");

@@ -1,5 +1,5 @@
-// Matching of raw events, through the writer and back: random events in an arena that overflows all
-// the time, which a matcher takes too that walks everything, and many.
+// Matching of raw events, which are written and read again: random events in an arena that is often
+// full, compared with a simple matcher, and a large number of events.
 #include "generic/merge/RK_logmerge.h"
 
 #include <gtest/gtest.h>
@@ -50,7 +50,7 @@ KLTM_RawCollop part(uint64_t time, uint32_t process, uint32_t operation, uint32_
 
 using Members = std::map<uint32_t, std::vector<int32_t>>;  // by communicator
 
-// What is in a merged trace, and how many messages are in its profiles.
+// The records of a merged trace, and the number of messages in its profiles.
 struct Merged {
   Lines messages, collops;
   uint64_t profiled = 0;
@@ -95,8 +95,8 @@ Merged merge(const Members& communicators, const std::vector<Event>& events,
   return merged;
 }
 
-// The matcher that walks everything, for one of the two kinds of event.
-class Naive {
+// A simple matcher for messages or operations, which compares each event with every entry.
+class Model {
  public:
   struct Entry {
     size_t pending = 1;
@@ -106,19 +106,19 @@ class Naive {
     std::vector<std::pair<uint32_t, std::optional<KLTM_RawCollop>>> members;
   };
 
-  explicit Naive(const Members& communicators) : communicators_(communicators) {}
+  explicit Model(const Members& communicators) : communicators_(communicators) {}
 
   template <class E>
   void event(const E& e) {
     for (Entry& entry : entries) {
-      const int result = entry.pending == 0 ? kOther : match(entry, e);
-      if (result != kOther) --entry.pending;
-      if (result == kTaken) return;
+      const int result = entry.pending == 0 ? kNoMatch : match(entry, e);
+      if (result != kNoMatch) --entry.pending;
+      if (result == kMatched) return;
     }
     begin(entries.emplace_back(), e);
   }
 
-  // With locations if it was written while it was open and they were possible then.
+  // `wasOpen`: first written with one side only, so with locations unless the sender has none.
   static std::string messageRecord(const Entry& m, bool wasOpen) {
     const KLTM_RawMessage none{.scl = kNoScl}, s = m.sent.value_or(none),
                                                r = m.received.value_or(none);
@@ -137,14 +137,14 @@ class Naive {
     return line;
   }
 
-  // Empty for what isn't an operation.
+  // Empty if the operation has no record.
   [[nodiscard]] std::string collopRecord(const Entry& c) const {
     const uint32_t op = c.first.operation;
     const bool all = op == 1 || op == 2;
     const bool oneToAll = op == 3 || op == 4 || (op >= 9 && op <= 12);
     const bool allToOne = (op >= 5 && op <= 8) || (op >= 33 && op <= 35);
     if (op < 1 || op > 45) return "";
-    // Readers refuse it. One with a root on an unknown communicator ends the merge before.
+    // Readers refuse such records. With a root and an unknown communicator a real merge ends here.
     const auto known = communicators_.find(c.first.comm);
     if (known == communicators_.end() ? !oneToAll && !allToOne : known->second.empty()) return "";
     std::vector<uint64_t> start, delta;
@@ -173,10 +173,10 @@ class Naive {
     return line;
   }
 
-  std::vector<Entry> entries;  // by their first events
+  std::vector<Entry> entries;  // in the order of their first events
 
  private:
-  enum { kOther, kWontCome, kTaken };
+  enum { kNoMatch, kOneLess, kMatched };
 
   static bool sends(const KLTM_RawMessage& e) { return (e.kind & 63) == kSend; }
 
@@ -185,10 +185,10 @@ class Naive {
     if (known.tag != e.tag || known.comm != e.comm || known.size != e.size ||
         sends(known) == sends(e) || (known.other & 0xffff) != processOf(e.kind) ||
         e.other != processOf(known.kind)) {
-      return kOther;
+      return kNoMatch;
     }
     (sends(e) ? m.sent : m.received) = e;
-    return kTaken;
+    return kMatched;
   }
   static void begin(Entry& m, const KLTM_RawMessage& e) {
     m.isSentFirst = sends(e);
@@ -201,12 +201,12 @@ class Naive {
   }
   static int match(Entry& c, const KLTM_RawCollop& e) {
     const auto member = memberOf(c, e);
-    if (c.first.comm != e.comm || member == c.members.end() || member->second) return kOther;
-    if (e.counter != 0 && c.first.counter != e.counter) return kWontCome;
+    if (c.first.comm != e.comm || member == c.members.end() || member->second) return kNoMatch;
+    if (e.counter != 0 && c.first.counter != e.counter) return kOneLess;
     if (e.counter == 0 && (c.first.root != e.root || c.first.operation != e.operation))
-      return kOther;
+      return kNoMatch;
     member->second = e;
-    return kTaken;
+    return kMatched;
   }
   void begin(Entry& c, const KLTM_RawCollop& e) const {
     c.first = e;
@@ -221,8 +221,8 @@ class Naive {
   const Members& communicators_;
 };
 
-// The arena overflows all the time: what is still open is written, and written again.
-TEST(Logmerge, RandomEventsAsTheWalkingMatcherHasThem) {
+// The arena is often full: incomplete records are written, and written again later.
+TEST(Logmerge, RandomEventsMatchAsInTheModel) {
   for (uint32_t seed = 1; seed <= 24; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 engine(seed);
@@ -230,15 +230,15 @@ TEST(Logmerge, RandomEventsAsTheWalkingMatcherHasThem) {
     const auto of = [&](std::initializer_list<uint32_t> choices) {
       return *(choices.begin() + below(static_cast<uint32_t>(choices.size())));
     };
-    // Of all forms: regular, downwards, with a process twice, in pieces, alone, nobody.
+    // Members: regular, descending, with a repeated process, none, one, several runs.
     const Members communicators{
         {1, {0, 1, 2, 3, 4, 5, 6}}, {2, {4, 2, 0}},      {3, {1, 1, 3}}, {4, {}}, {5, {6}},
         {6, {0, 3, 1, 6, 4, 2}},    {7, {2, 0x10001, 5}}};
     const uint32_t blockBytes = of({500, 2048, 20000});
-    const uint32_t tags = of({1, 3, 40}), counting = seed % 3;  // never, always, now and then
+    const uint32_t tags = of({1, 3, 40}), counting = seed % 3;  // never, always, sometimes
     std::vector<uint32_t> counters(7, 1);
     std::vector<Event> events;
-    Naive messages(communicators), collops(communicators);
+    Model messages(communicators), collops(communicators);
     uint64_t time = 0;
     for (int i = 0; i < 4000; ++i) {
       time += of({0, 1, 7, 70000});
@@ -268,24 +268,24 @@ TEST(Logmerge, RandomEventsAsTheWalkingMatcherHasThem) {
     uint64_t complete = 0;
     ASSERT_EQ(merged.messages.size(), messages.entries.size());
     for (size_t i = 0; i < merged.messages.size(); ++i) {
-      const Naive::Entry& m = messages.entries[i];
+      const Model::Entry& m = messages.entries[i];
       complete += m.pending == 0;
-      if (merged.messages[i] == Naive::messageRecord(m, true)) continue;
-      ASSERT_EQ(merged.messages[i], Naive::messageRecord(m, m.pending > 0)) << i;
+      if (merged.messages[i] == Model::messageRecord(m, true)) continue;
+      ASSERT_EQ(merged.messages[i], Model::messageRecord(m, m.pending > 0)) << i;
     }
     Lines operations;
-    for (const Naive::Entry& c : collops.entries) operations.push_back(collops.collopRecord(c));
+    for (const Model::Entry& c : collops.entries) operations.push_back(collops.collopRecord(c));
     std::erase(operations, "");
     EXPECT_EQ(reading::difference(operations, merged.collops), "");
     EXPECT_EQ(merged.profiled, complete);
   }
 }
 
-// Nothing of this fits into the arena or the writer's buffer: records are written open, then again,
-// in front of the flushed position and behind it, some without the location they were to have. An
-// event may look neither at all that wait for its key nor at all operations that one process, far
-// ahead of the others, has begun, with counters and without.
-TEST(Logmerge, MuchThatIsOpenIsWrittenOnceEachAndCostsNoMore) {
+// These events don't fit in the arena or the writer's buffer. So incomplete records are written,
+// and written again in the file or the buffer, some without their location. A search must not visit
+// all messages with its key, or all operations that one process has begun before the others, with
+// or without counters.
+TEST(Logmerge, ManyIncompleteRecordsAreWrittenOnceWithoutLongSearches) {
   constexpr uint32_t kMany = 300000, kAhead = 30000;
   std::vector<Event> events;
   for (uint32_t i = 0; i < kMany; ++i)

@@ -1,4 +1,4 @@
-// The options: what each line, variable and argument makes of them, and what is said.
+// Options as lines, variables and arguments set them, and the messages about errors.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// What a request took in.
+// Writes the items of a request.
 std::ostream& operator<<(std::ostream& out, const RK_Request& request) {
   for (const PAL_Triplet& t : request.triplets)
     out << t.first << ':' << t.last << ':' << t.stride << ' ';
@@ -27,8 +27,8 @@ std::ostream& operator<<(std::ostream& out, const RK_Request& request) {
   return out;
 }
 
-// The options that aren't as by default, "!" behind those with a flag that is set; what was passed
-// through.
+// The options that differ from their defaults, with "!" after an option whose flag is set, and the
+// echo.
 std::string changes() {
   const RK_Conf now = RK_conf;
   RK_ConfigDefaults();
@@ -61,8 +61,8 @@ class RkOptions : public testing::Test {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     PAL_messages = saved_;
   }
-  // The messages since the last time, without the forms of a request.
-  static std::string told() {
+  // The messages since the last call, with FORMS for the forms of a request.
+  static std::string newMessages() {
     std::string text = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     const size_t forms = text.find("A request names any of these");
@@ -75,8 +75,8 @@ class RkOptions : public testing::Test {
   PAL_MessageSettings saved_ = PAL_messages;
 };
 
-// Runs the passes and shows what they make of the options, with the format of the output. There is
-// a bar between two arguments.
+// Runs the passes and returns the changed options and the format of the output. A bar separates two
+// arguments.
 std::string configured(const std::vector<std::pair<std::string, std::string>>& environment,
                        const std::string& arguments) {
   RK_ConfigDefaults();
@@ -99,7 +99,7 @@ std::string unknown(const std::string& key) {
 std::string invalid(const std::string& key, const std::string& value) {
   return "ERROR: parameter error after --" + key + ", invalid parameters \"" + value + "\"\n";
 }
-std::string nothing(const std::string& word) {
+std::string selectsNothing(const std::string& word) {
   return '"' + word + "\" in a request selects nothing.";
 }
 
@@ -119,23 +119,23 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"--os-counter-delay 1w+1d+1h+1m+1s+1l+1c", "OS-COUNTER-DELAY=694861.001001 "},
       {"--os-counter-delay 2.5e-1s+-1", "OS-COUNTER-DELAY=-0.75 "},
       {"--os-counter-delay 1e+3", "OS-COUNTER-DELAY=3 ", "WARNING: cannot decode time\n"},
-      // The longest item of a request wins, then the first. They follow each other in any order.
+      // The longest match of an item is taken, then the first. Items may be in any order.
       {"--request -1.5:2", "REQUEST [-1.5 2] "},
       {"--request 1:2:-1", "REQUEST "},
       {"--request 0:3,5:7FUNCTIONS 9", "REQUEST 0:3:1 5:7:1 9:9:1 0x4 "},
       {"--request , scopes ,\"a\",raw_Events 1s:2s , 3s:4s,,", "REQUEST [3 4] 0x8008 'a' "},
       {"--request \"one\" \"two\"", "REQUEST 'two' ",
        "WARNING: overwriting old type \"one\" of frame with \"two\"\n"},
-      // A value that is missing stops nothing.
+      // A missing value is reported, but isn't a failure.
       {"--Logfile-Name", "", "ERROR: parameter error after Logfile-Name, missing parameters\n"},
-      // What is refused.
+      // Failures.
       {"--activity x", "fails", "WARNING: Option ACTIVITY not supported.\n"},
       {"--INFO", "fails", unknown("INFO")},
       {"-- # VERBOSE 2", "echo=  fails", unknown("#")},
       {"--nmcmd 'a\nREMOVE\n'", "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
       {"--Request 1:2:3:4:5 \t6", "REQUEST 1:2:3 fails",
        "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\nFORMS\n"},
-      // What was meant.
+      // Hints.
       {"--verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
       {"--logfile", "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
       {"-- Dump", "echo=  fails", unknown("Dump") + "An option begins with two dashes: --dump\n"},
@@ -143,12 +143,12 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"--Convert my file", "fails",
        invalid("Convert", "my file") + "A text with blanks needs quotes: --convert 'my file'\n"},
       {"--request functon", "REQUEST 'functon' ",
-       nothing("functon") + "\nDid you mean FUNCTIONS?\n"},
+       selectsNothing("functon") + "\nDid you mean FUNCTIONS?\n"},
       {"--request '0:3,5'", "REQUEST '0:3,5' ",
-       nothing("0:3,5") + " Without quotes it does: --request 0:3,5\n"},
-      // A mistake in a long line has no answer.
+       selectsNothing("0:3,5") + " Without quotes it does: --request 0:3,5\n"},
+      // A long word gets no hint.
       {"--" + std::string(70000, 'x'), "fails", unknown(std::string(70000, 'x'))},
-      // Arguments are lines, and choose the format.
+      // Several arguments; names and formats of the output.
       {"--logfile-name|a b.ark|--REQUEST|0:3,|1s:2s|FUNCTIONS",
        "LOGFILE-NAME!=a b.ark REQUEST 0:3:1 [1 2] 0x4 text "},
       {"stray|--dump", "DUMP=1 echo=  fails", unknown("stray")},
@@ -162,7 +162,7 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(configured({}, row.arguments), row.outcome) << row.arguments;
-    EXPECT_EQ(told(), row.messages) << row.arguments;
+    EXPECT_EQ(newMessages(), row.messages) << row.arguments;
   }
 }
 
@@ -177,7 +177,7 @@ TEST_F(RkOptions, InvalidValuesAreErrorsAndChangeNothing) {
   for (const auto& [key, values] : cases) {
     for (const std::string& value : values) {
       EXPECT_EQ(configured({}, "--" + key + ' ' + value), "fails");
-      EXPECT_EQ(told(), invalid(key, PAL_Printable(value)));
+      EXPECT_EQ(newMessages(), invalid(key, PAL_Printable(value)));
     }
   }
 }
@@ -196,7 +196,7 @@ TEST_F(RkOptions, LaterSourcesOverrideAndRequestsAddUp) {
                        "--class-hashsize|5|--request|3|--ticks|off"),
             "CLASS-HASHSIZE=5 DUMP=1 LOGFILE-NAME!= REQUEST 5:5:1 REQUEST 'of FUNCTIONS' "
             "REQUEST 1:1:1 REQUEST 3:3:1 SYMBOL-HASHSIZE=4001 VERBOSE=2 ");
-  EXPECT_EQ(told(),
+  EXPECT_EQ(newMessages(),
             "ERROR: unknown config option \"nonsense\" in line 3\n"
             "ERROR: config error after VERBOSE, missing parameters in line 4\n"
             "ERROR: config error after VERBOSE, invalid parameters \"loud\" in line 5\n"

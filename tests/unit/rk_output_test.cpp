@@ -1,4 +1,4 @@
-// Text output: what arrives, in which pieces, and what is left of it at the exit. Full disks are
+// Text output: its bytes, the sizes of its writes, and the exit of the process. Full disks are
 // tested end to end.
 #include "generic/text/RK_output.h"
 
@@ -43,12 +43,12 @@ TEST(RkOutput, TextArrivesInOrderAndInLargeBlocks) {
   EXPECT_EQ(writes, (expected.size() + largest - 1) / largest);
 }
 
-TEST(RkOutputDeathTest, AllThatIsOpenIsClosedAtTheExit) {
+TEST(RkOutputDeathTest, OpenOutputsAreClosedAtTheExit) {
   const tb::TempDir directory;
   const std::string file = directory / "out", sinkFile = directory / "sink";
   const auto leave = [&] {
     dup2(open(file.c_str(), O_WRONLY | O_CREAT, 0666), STDOUT_FILENO);
-    static RK_Sink* left = nullptr;  // open, and no leak, at the exit
+    static RK_Sink* left = nullptr;  // still open at the exit; static, so no leak
     left = RK_SinkOpenAscii(sinkFile.c_str(), 0);
     RK_OutputWrite(left->output, "in the sink\n");
     EXPECT_EQ(RK_WriteAct(RK_Stdout(), 1, "a"), 0);
