@@ -17,10 +17,12 @@ namespace fs = std::filesystem;
 class KlttMerge : public testing::Test {
  protected:
   int merge(const std::string& input, int flags = KLTM_MERGE) {
-    return KLTM_Merge(nullptr, output_.c_str(), KLT_Open(input.c_str()), flags, nullptr,
-                      RK_Stdout());
+    percentages_ = 0;
+    return KLTM_Merge(nullptr, output_.c_str(), KLT_Open(input.c_str()), flags, count, RK_Stdout());
   }
   int merge(const tb::Trace& trace) { return merge(trace.files().writePlain(directory_)); }
+
+  static void count(RK_Output*, int state, int) { percentages_ += state == 0 ? 1 : 0; }
 
   // All definitions and events, sorted, since components may be in another order.
   static Lines linesOf(const std::string& name) {
@@ -32,6 +34,7 @@ class KlttMerge : public testing::Test {
   tb::TempDir directory_;
   std::string output_ = directory_ / "m.klt";
   reading::Messages messages_;
+  inline static int percentages_;  // that the last merge reported
 };
 
 // A message and an operation, with a communicator of `n` members.
@@ -40,7 +43,7 @@ void fill(tb::Trace& trace, int32_t n) {
   tb::Stream& raw = trace.stream("r.0", tb::RAW_EVENTS, {0});
   raw.at(1).rawMessage({.kind = 7, .other = 1, .communicator = 1});
   raw.at(2).rawMessage({.kind = 8 | 1 << 6, .other = 0, .communicator = 1});
-  raw.at(3).rawMessage({.kind = 7, .other = 1, .tag = 9, .communicator = 1});
+  raw.at(3).rawMessage({.kind = 7, .other = 1, .tag = 0x10000, .communicator = 1});
   raw.at(4).rawCollective({.kind = 10, .operation = 1, .communicator = 1, .end = 7});
 }
 
@@ -50,16 +53,19 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
   fill(trace, 2);
   trace.stream("r.1", tb::RAW_EVENTS, {1})
       .at(4)
-      .rawMessage({.kind = 9 | 1 << 6, .other = 0, .tag = 9, .communicator = 1});
+      .rawMessage({.kind = 9 | 1 << 6, .other = 0, .tag = 0x10000, .communicator = 1});
   trace.declarations().record(
       47, {{"info_class", 3},
            {"info",
             "number of events:4 functions,\t 1 onetoones, 2  collectives, 5 scopes, 6 "
             "counters"}});
   ASSERT_EQ(merge(trace), KLTM_DONE);
+  EXPECT_GT(percentages_, 0);
   EXPECT_EQ(reading::only(linesOf(output_), {"info"}),
             Lines{"info 3 'number of events: 4 functions, 3 onetoones, 3 collectives, 5 scopes, "
                   "6 counters'"});
+  const Lines messages = reading::only(linesOf(output_), {"one_to_one_communication"});
+  EXPECT_NE(messages.back().find(" 65536 "), std::string::npos) << messages.back();  // the tag
   EXPECT_EQ(messages_.take(),
             "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
 }
@@ -96,14 +102,16 @@ TEST_F(KlttMerge, TheInputIsRemovedOnlyAfterASuccess) {
 }
 
 TEST_F(KlttMerge, CommunicatorsAreCutToWhatARecordHolds) {
-  tb::Trace trace(1);
-  fill(trace, 70000);
-  ASSERT_EQ(merge(trace), KLTM_DONE);
+  for (const int32_t n : {65535, 65536}) {
+    tb::Trace trace(1);
+    fill(trace, n);
+    ASSERT_EQ(merge(trace), KLTM_DONE);
+    const Lines lines = reading::only(linesOf(output_), {"all_communication", "info"});
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with("all_communication 4 1 1 65535 [0 "));
+  }
   EXPECT_EQ(messages_.take(),
-            "ERROR: communicator 1 has 70000 members, all above 65535 are left out\n");
-  const Lines lines = reading::only(linesOf(output_), {"all_communication", "info"});
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_TRUE(lines[0].starts_with("all_communication 4 1 1 65535 [0 "));
+            "ERROR: communicator 1 has 65536 members, all above 65535 are left out\n");
 }
 
 }  // namespace

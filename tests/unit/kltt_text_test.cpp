@@ -204,6 +204,22 @@ TEST_F(KlttText, ValuesAtTheEdges) {
   EXPECT_STREQ(context.functions.find(10)->name, "main");
 }
 
+TEST_F(KlttText, TimesThatDoNotFitAreCutAndReportedOnce) {
+  reading::Messages messages;
+  KLTT_Clock clock{.eventBits = 20, .counterMask = 0xfffff};
+  for (const auto& [raw, internal] : std::initializer_list<std::pair<uint64_t, uint64_t>>{
+           {3U << 20 | 8191, 3U << 13 | 8191}, {3U << 20 | 8192, 3U << 13 | 8191}})
+    EXPECT_EQ(KLTT_InternalTime(clock, raw), internal);
+  clock = {};
+  for (const uint64_t tick : {kKlttMaxTicks - 1, kKlttMaxTicks, ~uint64_t{0}})
+    EXPECT_EQ(KLTT_InternalTime(clock, tick), ~uint64_t{0} << 13);
+  EXPECT_EQ(messages.take(),
+            "ERROR: time stamp 3153920 exceeds maximum number of events per clock tick supported "
+            "(8192), truncating time\n"
+            "ERROR: time stamp 2251799813685248 exceeds maximum number of clock ticks supported "
+            "(2251799813685248), truncating time\n");
+}
+
 TEST_F(KlttText, InconsistentRecordsEndTheProcess) {
   const uint32_t ids[] = {10, 99, 0};
   const uint64_t zero[] = {0};

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,6 +34,18 @@ TEST(PalSocket, EndpointsListenWhereTheirContactsSay) {
   const int descriptor = first->descriptor;
   PAL_SocketClose(first);
   EXPECT_FALSE(isOpen(descriptor));
+}
+
+TEST(PalSocket, WithoutANameThisHostListens) {
+  char name[256] = "";
+  addrinfo* found = nullptr;
+  ASSERT_EQ(gethostname(name, sizeof name - 1), 0);
+  if (getaddrinfo(name, nullptr, nullptr, &found) != 0) GTEST_SKIP() << "this host has no address";
+  freeaddrinfo(found);
+  std::string text;
+  PAL_Socket* socket;
+  EXPECT_EQ(PAL_SocketListen(7, 2, nullptr, text, socket), 0);
+  PAL_SocketClose(socket);
 }
 
 TEST(RkSocketpc, GroupOfOneKeepsItsDataAndClosesItsPair) {

@@ -52,6 +52,7 @@ TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {
   EXPECT_EQ(PAL_StrCaseCmp("LOGFILE", "LOGFILE-NAME"), -'-');
   EXPECT_EQ(PAL_StrCaseCmp("\xe4", "a"), 0xe4 - 'A');
   const std::string text(100000, 'y');
+  EXPECT_EQ(PAL_asprintf("%s", ""), "");
   EXPECT_TRUE(PAL_asprintf("%d%s", 7, text.c_str()) == "7" + text);
 }
 

@@ -139,6 +139,7 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"--verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
       {"--logfile", "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
       {"-- Dump", "echo=  fails", unknown("Dump") + "An option begins with two dashes: --dump\n"},
+      {"--me", "fails", unknown("me")},
       {"--dump{on", "fails", unknown("dump") + "Did you mean --dump VALUE?\n"},
       {"--Convert my file", "fails",
        invalid("Convert", "my file") + "A text with blanks needs quotes: --convert 'my file'\n"},
