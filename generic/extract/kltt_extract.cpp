@@ -101,8 +101,10 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
     // The profiles are computed from internal times.
     const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
                                          std::min(context.eventBits, kKlttEventBits)};
-    sink = RK_SinkOpenKlt(RK_OpenWriter(name, statistics, KLTT_InputFiles(handle), settings), name,
-                          context.pending);
+    KLT_WFileHandle* const writer =
+        RK_OpenWriter(name, statistics, KLTT_InputFiles(handle), settings);
+    if (writer != nullptr) writer->texts = handle->texts;
+    sink = RK_SinkOpenKlt(writer, name, context.pending);
   }
   if (sink == nullptr) {
     std::fprintf(stderr, "Could not open file %s for writing.\n",
@@ -222,6 +224,7 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   const PAL_Place here;
   KLTT_Context context;
+  context.names = handle->texts;
   const SinkKeeper keeper(context);
   KLT_HandlerTable table;
   KLTT_PassRunner passes(handle, context, showsProgress());

@@ -120,7 +120,7 @@ int KLTT_CustomStatisticsDefinition(void* user, uint32_t id, const char* name, u
   if (context.sink != nullptr) {
     return context.sink->statisticsDefinition(id, name, count, labels, units);
   }
-  KLTT_TableInsert(context.statistics, context.names, id, shown(name), 0);
+  KLTT_TableInsert(context.statistics, *context.names, id, shown(name), 0);
   RK_Output* out = context.listing;
   RK_OutputPrintf(out, "# %s ", shown(name));
   for (uint32_t i = 0; i < count; ++i) {

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "generic/sink/RK_framewrite.h"
@@ -50,7 +51,7 @@ struct KLTT_Context : KLTT_Clock {
   // Definitions by id.
   KLTT_Table<KLTT_Counter> counters;
   KLTT_Table<KLTT_Communicator> communicators;
-  KLTT_Names names;  // of all definitions
+  std::shared_ptr<KLT_Texts> names = std::make_shared<KLT_Texts>();  // of all definitions
   KLTT_Classes classes;
   KLTT_Table<KLTT_Named> functions;  // extra: the class
   KLTT_Table<KLTT_Named> collops;    // extra: the kind, 1 one-to-all to 4 all

@@ -34,18 +34,19 @@ KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, co
       KLTT_Fatal("class def: unable to obtain full name: name %s, nameself %s, parent %d",
                  shown(name), shown(nameSelf), 0);
     }
-    if (name != nullptr && nameSelf != nullptr && std::string_view(name) != nameSelf) {
+    if (name != nullptr && nameSelf != nullptr && name != nameSelf &&
+        std::string_view(name) != nameSelf) {
       KLTT_Fatal("class def with different names: %s != %s", printable(nameSelf).c_str(),
                  printable(name).c_str());
     }
-    return {.key = id, .own = context.names.keep(own), .pathBytes = std::strlen(own)};
+    return {.key = id, .own = context.names->keep(own), .pathBytes = std::strlen(own)};
   }
   const KLTT_Class* above = context.classes.find(parent);
   if (above == nullptr) KLTT_Fatal("class def with invalid parent");
   if (nameSelf == nullptr) KLTT_Fatal("class def without nameself");
   const KLTT_Class result{.key = id,
                           .parent = parent,
-                          .own = context.names.keep(nameSelf),
+                          .own = context.names->keep(nameSelf),
                           .pathBytes = above->pathBytes + 1 + std::strlen(nameSelf)};
   if (name != nullptr &&
       (std::strlen(name) != result.pathBytes || KLTT_ClassPath(context.classes, result) != name)) {
@@ -153,7 +154,7 @@ int KLTT_FunctionDefinition(void* user, uint32_t id, const char* name, uint32_t 
   if (context.classes.indexOf(classId) == 0) {
     KLTT_Fatal("function def record with an undefined class id");
   }
-  KLTT_TableInsert(context.functions, context.names, id, name, classId);
+  KLTT_TableInsert(context.functions, *context.names, id, name, classId);
   return context.sink == nullptr ? 0 : context.sink->functionDefinition(id, name, classId);
 }
 
@@ -186,7 +187,7 @@ int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint3
 int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {
   const PAL_Place here;
   KLTT_Context& context = contextOf(user);
-  KLTT_TableInsert(context.collops, context.names, id, name, kind);
+  KLTT_TableInsert(context.collops, *context.names, id, name, kind);
   return context.sink == nullptr ? 0 : context.sink->collectiveOperationDefinition(id, name, kind);
 }
 

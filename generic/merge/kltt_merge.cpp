@@ -97,7 +97,9 @@ class Merge {
     const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;
     context_.writer =
         KLT_WriterOpen(prefix_, target_, 1, form, 0, &statistics, KLTT_InputFiles(input_));
-    return context_.writer != nullptr;
+    if (context_.writer == nullptr) return false;
+    context_.writer->texts = input_->texts;
+    return true;
   }
 
   // Runs the passes: one that scans the definitions, one that writes them, and one over the events.

@@ -310,7 +310,7 @@ class Records final : public RK_Sink {
     if (of.parent == 0) return writer->stringId(of.own);
     if (of.pathBytes > kLongestText) return 0;
     if (of.pathBytes <= kShort) return writer->stringId(KLTT_ClassPath(classes, of).c_str());
-    return writer->joinedId(classes.find(of.parent)->outputPath, std::string(":") + of.own);
+    return writer->joinedId(classes.find(of.parent)->outputPath, of.own);
   }
 
   // Whether a record has to wait, because a history may still add records with earlier times.

@@ -3,15 +3,14 @@
 // A table gives its entries dense indices from 1 in the order of insertion, keeps them in that
 // order and never removes one. Id 0 means "none" everywhere in the format: it is never stored and
 // never found. Small ids, the usual case, are looked up in an array (klt_idmap). Names are stored
-// separately, because many definitions of a trace can have the same name.
+// separately (klt_texts), because many definitions of a trace can have the same name.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "klt/index/klt_idmap.h"
-#include "util/pal_hash.h"
+#include "klt/index/klt_texts.h"
 
 // Smaller ids are looked up in an array of at most 256 KiB.
 inline constexpr uint32_t kKlttDirectIds = 65536;
@@ -21,19 +20,7 @@ inline constexpr uint32_t kKlttDirectIds = 65536;
 struct KLTT_Named {
   uint32_t key = 0;
   uint32_t extra = 0;
-  const char* name = "";  // owned by a KLTT_Names
-};
-
-// The names of definitions; equal names are stored once.
-class KLTT_Names {
- public:
-  // A copy of `text` (null: an empty text) that lives as long as this object.
-  [[nodiscard]] const char* keep(const char* text) {
-    return text == nullptr ? "" : texts_.emplace(text).first->c_str();
-  }
-
- private:
-  PAL_HashSet<std::string> texts_;
+  const char* name = "";  // in a KLT_Texts
 };
 
 template <class Entry>
@@ -70,7 +57,7 @@ class KLTT_Table {
   std::vector<Entry> entries_;
 };
 
-// Inserts a named entry, whose name `names` owns. Returns 1 if the key is new. Returns 0 if it
-// exists, and keeps the first entry. Key 0 counts as new, but is not stored.
-int KLTT_TableInsert(KLTT_Table<KLTT_Named>& table, KLTT_Names& names, uint32_t key,
+// Inserts a named entry, whose name (null: an empty text) `texts` keeps. Returns 1 if the key is
+// new. Returns 0 if it exists, and keeps the first entry. Key 0 counts as new, but is not stored.
+int KLTT_TableInsert(KLTT_Table<KLTT_Named>& table, KLT_Texts& texts, uint32_t key,
                      const char* name, uint32_t extra);

@@ -26,8 +26,8 @@ bool KLT_SuffixIsSafe(std::string_view suffix) {
 }
 
 const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id) {
-  const std::string* text = handle.strings.find(id);
-  return text == nullptr ? nullptr : text->c_str();
+  const uint32_t* text = handle.strings.find(id);
+  return text == nullptr ? nullptr : handle.texts->at(*text);
 }
 
 namespace {

@@ -13,6 +13,7 @@
 
 #include "klt/format/klt_schema.h"
 #include "klt/index/klt_idmap.h"
+#include "klt/index/klt_texts.h"
 #include "klt/storage/klt_io.h"
 #include "util/pal_hash.h"
 #include "util/triplets/pal_triplets.h"
@@ -62,7 +63,8 @@ struct KLT_FileHandle {
   std::string base;  // the name given by the user
   KLT_Container* container = nullptr;
   KLT_FileEntry indexEntry;
-  KLT_IdMap<std::string> strings;
+  std::shared_ptr<KLT_Texts> texts = std::make_shared<KLT_Texts>();
+  KLT_IdMap<uint32_t> strings;  // numbers in `texts`
   KLT_IdMap<std::unique_ptr<PAL_Triplets>> willyLists;
   KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
   std::vector<std::unique_ptr<KLT_Component>> components;  // in order of declaration
@@ -93,7 +95,7 @@ struct KLT_FileHandle {
 // Whether a file with this suffix is in the directory of the index and has a printable name.
 [[nodiscard]] bool KLT_SuffixIsSafe(std::string_view suffix);
 
-// The text of a string id; null if there is none.
+// The text of a string id, whose address is that of `texts`; null if there is none.
 [[nodiscard]] const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id);
 
 // Adds a component. If an id is unknown, it has no anchors, data file or thread list. A second

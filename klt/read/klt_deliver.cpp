@@ -147,8 +147,12 @@ int declareComponent(KLT_Stream& s, const uint8_t* record) {
 int declareString(KLT_Stream& s, const uint8_t* record) {
   const PAL_Place here;
   using View = KLT_Record<KLT_Row::kltString>;
-  s.pass->handle->strings.insert(View::get32<0>(record),
-                                 std::string(View::array<char, 2>(record), View::count<2>(record)));
+  KLT_FileHandle& handle = *s.pass->handle;
+  const uint32_t id = View::get32<0>(record);
+  if (handle.strings.find(id) != nullptr) return 0;
+  // Handlers receive a text up to its first zero byte.
+  const std::string_view text(View::array<char, 2>(record), View::count<2>(record));
+  handle.strings.insert(id, handle.texts->number(text.substr(0, text.find('\0'))));
   return 0;
 }
 

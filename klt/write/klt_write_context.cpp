@@ -2,6 +2,7 @@
 #include "klt/write/klt_write_context.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <utility>
 
@@ -107,30 +108,34 @@ KLT_WFileHandle::~KLT_WFileHandle() {
 uint32_t KLT_WFileHandle::stringId(const char* text) {
   const PAL_Place here;
   if (text == nullptr) return 0;
-  const auto [known, isNew] =
-      stringIds.try_emplace(text, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.prefixId = 0, .rest = text});
-  return known->second;
-}
-
-uint32_t KLT_WFileHandle::joinedId(uint32_t prefixId, std::string_view rest) {
-  const PAL_Place here;
-  // No text contains a zero byte, so no other text has this key.
-  const std::string key = std::string(rest) + '\0' + std::to_string(prefixId);
-  const auto [known, isNew] = stringIds.try_emplace(key, static_cast<uint32_t>(strings.size() + 1));
-  if (isNew) strings.insert(known->second, {.prefixId = prefixId, .rest = std::string(rest)});
-  return known->second;
-}
-
-std::string KLT_WFileHandle::textOf(const KLT_JoinedText& text) const {
-  const PAL_Place here;
-  std::vector<const KLT_JoinedText*> parts{&text};
-  // The ids of the entries are consecutive, from 1.
-  while (parts.back()->prefixId != 0) {
-    parts.push_back(&strings.entries()[parts.back()->prefixId - 1].value);
+  const uint32_t number = texts->number(text);
+  if (number >= textIds_.size()) textIds_.resize(std::bit_ceil(number + size_t{1}));
+  uint32_t& id = textIds_[number];
+  if (id == 0) {
+    strings.push_back({.prefixId = 0, .text = number});
+    id = static_cast<uint32_t>(strings.size());
   }
-  std::string whole;
-  for (auto part = parts.rbegin(); part != parts.rend(); ++part) whole += (*part)->rest;
+  return id;
+}
+
+uint32_t KLT_WFileHandle::joinedId(uint32_t prefixId, const char* last) {
+  const PAL_Place here;
+  const KLT_OutputText joined{.prefixId = prefixId, .text = texts->number(last)};
+  const uint32_t hash = joinedIds_.hashOf({joined.prefixId, joined.text});
+  const uint32_t known =
+      joinedIds_.find(hash, [&](uint32_t id) { return strings[id - 1] == joined; });
+  if (known != 0) return known;
+  strings.push_back(joined);
+  joinedIds_.add(hash, static_cast<uint32_t>(strings.size()));
+  return static_cast<uint32_t>(strings.size());
+}
+
+std::string KLT_WFileHandle::joinedText(uint32_t id) const {
+  const PAL_Place here;
+  std::vector<const char*> parts;
+  for (; id != 0; id = strings[id - 1].prefixId) parts.push_back(texts->at(strings[id - 1].text));
+  std::string whole = parts.back();
+  for (size_t i = parts.size() - 1; i-- > 0;) (whole += ':') += parts[i];
   return whole;
 }
 

@@ -20,6 +20,7 @@
 #include "klt/format/klt_schema.h"
 #include "klt/format/klt_wire.h"
 #include "klt/index/klt_idmap.h"
+#include "klt/index/klt_texts.h"
 #include "klt/storage/klt_compress.h"
 #include "klt/storage/klt_fileset.h"
 #include "klt/storage/klt_io.h"
@@ -98,10 +99,12 @@ struct alignas(64) KLT_WriteContext {
   uint8_t* makeRoom(KLT_WFileHandle& writer, size_t bytes);
 };
 
-// A text of the output in two parts: the text of another id, and the rest.
-struct KLT_JoinedText {
+// A text of the output: a text, or that of another id, a colon and a text.
+struct KLT_OutputText {
   uint32_t prefixId = 0;  // 0: none
-  std::string rest;
+  uint32_t text = 0;      // a number in KLT_WFileHandle::texts
+
+  bool operator==(const KLT_OutputText&) const = default;
 };
 
 struct KLT_WFileHandle {
@@ -117,13 +120,14 @@ struct KLT_WFileHandle {
   KLT_IoFile* indexFile = nullptr;
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
   std::array<KLT_IdIndex, 16> byThread;  // by category bit and gtp: index in `contexts` plus 1
-  KLT_IdMap<KLT_JoinedText> strings;
-  PAL_HashMap<std::string, uint32_t> stringIds;  // by text, or by the key in joinedId()
-  KLT_IdMap<PAL_Triplets> willyLists;            // with one thread each
-  PAL_HashMap<uint32_t, uint32_t> listIds;       // by thread
-  std::vector<uint32_t> declaredThreads;         // of each process
-  PAL_Triplets selectedThreads;                  // set by KLT_WriterListThreads; empty for all
-  bool listsDeclared = false;                    // KLT_WriterListThreads has been called
+  // Before the first record these may be replaced by those of the trace that the records are from.
+  std::shared_ptr<KLT_Texts> texts = std::make_shared<KLT_Texts>();
+  std::vector<KLT_OutputText> strings;      // by id, from 1
+  KLT_IdMap<PAL_Triplets> willyLists;       // with one thread each
+  PAL_HashMap<uint32_t, uint32_t> listIds;  // by thread
+  std::vector<uint32_t> declaredThreads;    // of each process
+  PAL_Triplets selectedThreads;             // set by KLT_WriterListThreads; empty for all
+  bool listsDeclared = false;               // KLT_WriterListThreads has been called
   uint32_t filesDeclared = 0;
   std::unique_ptr<KLT_FileStats> fileStats;
   KLT_FileSet inputFiles;  // must not be overwritten
@@ -141,11 +145,11 @@ struct KLT_WFileHandle {
   }
   // The id of a text, 0 for null. A new text is added.
   [[nodiscard]] uint32_t stringId(const char* text);
-  // The id of the text with id `prefixId` followed by `rest`. The two are joined only when the text
-  // is written, so that a chain of texts, each the prefix of the next, takes memory linear in its
-  // length.
-  [[nodiscard]] uint32_t joinedId(uint32_t prefixId, std::string_view rest);
-  [[nodiscard]] std::string textOf(const KLT_JoinedText& text) const;
+  // The id of the text with id `prefixId`, followed by a colon and `last`. The parts are joined
+  // only when the text is written, so that a chain of texts, each the prefix of the next, takes
+  // memory linear in its length.
+  [[nodiscard]] uint32_t joinedId(uint32_t prefixId, const char* last);
+  [[nodiscard]] std::string joinedText(uint32_t id) const;
   [[nodiscard]] KLT_FileStats* stats() const { return fileStats.get(); }
   [[nodiscard]] uint64_t ticks(uint64_t time) const {
     return fileStats == nullptr ? 0 : fileStats->ticks(time);
@@ -167,6 +171,8 @@ struct KLT_WFileHandle {
   }
 
  private:
+  std::vector<uint32_t> textIds_;  // ids of undivided texts by number in `texts`; 0: none
+  PAL_KeyIndex<2> joinedIds_;      // ids of joined texts by prefix and number in `texts`
   std::array<std::vector<uint32_t>, kKltMaxFields> idScratch_;
   std::vector<uint64_t> durations_;
   std::vector<uint8_t> rewrite_;

@@ -63,6 +63,18 @@ std::vector<const typename KLT_IdMap<Value>::Entry*> inTableOrder(const KLT_IdMa
   return ordered;
 }
 
+void writeStrings(KLT_WFileHandle& writer) {
+  std::vector<uint32_t> ids(writer.strings.size());
+  std::iota(ids.begin(), ids.end(), uint32_t{1});
+  PAL_SortByBucket(ids, kTableBuckets, [](uint32_t id) { return id; });
+  for (const uint32_t id : ids) {
+    const KLT_OutputText& text = writer.strings[id - 1];
+    const std::string joined = text.prefixId == 0 ? "" : writer.joinedText(id);
+    const char* const whole = text.prefixId == 0 ? writer.texts->at(text.text) : joined.c_str();
+    KLT_Write<KLT_Row::kltString>(&writer, nullptr, id, whole);
+  }
+}
+
 void writeList(KLT_WFileHandle& writer, uint32_t id, const PAL_Triplets& list) {
   const size_t n = list.size();
   const std::vector<int32_t> parts = PAL_TripletsToParallel(list);
@@ -129,9 +141,7 @@ void writeStructure(KLT_WFileHandle& writer) {
                                           context->suffix.c_str());
     }
   }
-  for (const auto* entry : inTableOrder(writer.strings)) {
-    KLT_Write<KLT_Row::kltString>(w, nullptr, entry->id, writer.textOf(entry->value).c_str());
-  }
+  writeStrings(writer);
   for (const auto* entry : inTableOrder(writer.willyLists)) {
     writeList(writer, entry->id, entry->value);
   }

@@ -44,6 +44,7 @@ void crowd(tb::Trace& trace, uint64_t size) {
 void longNames(tb::Trace& trace, uint64_t size) {
   constexpr uint64_t kChainShare = 10;
   constexpr uint64_t kOthersShare = 50;
+  constexpr uint64_t kLocationsShare = 5;
   basics(trace);
   const uint32_t self = trace.text("c");
   const auto deepest = static_cast<uint32_t>(2 + size / kChainShare);
@@ -54,6 +55,10 @@ void longNames(tb::Trace& trace, uint64_t size) {
   for (uint32_t i = 0; i < size / kOthersShare; ++i) {
     trace.function(2 + i, name, 1);
     trace.declarations().record(47, {{"info_class", deepest}, {"info", "i"}});
+  }
+  const std::vector<uint32_t> texts(8, trace.text(name));
+  for (uint32_t id = 1; id <= size / kLocationsShare; ++id) {
+    trace.define("scl_definition", {{"id", id}, {"symbol", texts}, {"object", texts}});
   }
   trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(2).leave(0);
 }
