@@ -26,8 +26,8 @@ inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
 // Writes all delayed records at the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);
 
-// Closes the open calls of a thread and then its open scopes, the innermost first. `categories` are
-// those of an end_of_filter record.
+// Closes the open calls of a thread if `categories` include functions, and then its open scopes if
+// they include scopes, the innermost first.
 int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
                      uint32_t categories);
 
@@ -35,7 +35,7 @@ int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t
                         const PAL_Triplet* triplets);
 int KLTT_EndOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                       const PAL_Triplet* triplets);
-// A `time` of 2^63 or more means no end: calls are closed at the last event.
+// A `time` of 2^63 or more means no end: calls and scopes are closed at the last event.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets);
 int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);

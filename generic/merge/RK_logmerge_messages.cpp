@@ -17,9 +17,10 @@ int64_t receiveTime(const KLTM_Message& m) {
   return static_cast<int64_t>(m.receiver.time - m.sender.time);
 }
 
-// The row for a message that is written for the first time. A message that waits for an event gets
-// the row with source locations, unless its sender is known to have none: the awaited event may
-// have a location, and the record is then written again, with the same length.
+// The row for a message that is written for the first time. A complete message gets the row with
+// source locations if an event has one. A message that waits for an event gets it too, because that
+// event may have a location, and the record is then written again with the same length. If the
+// location of the sender is 0, the row has no locations, and that of the receiver is not written.
 uint8_t rowOf(const KLTM_Message& m) {
   const bool extended =
       m.pending > 0 || m.sender.scl != klt::kNoScl || m.receiver.scl != klt::kNoScl;

@@ -2,7 +2,8 @@
 //
 // The configuration file, the environment and the command line share one grammar: a keyword in the
 // first column, followed by a value of the option's type. Invalid input is reported here, by
-// PAL_Error or PAL_Warning. RK_options has the table of options, RK_conf the passes.
+// PAL_Error or PAL_Warning. RK_options has the table of options; the
+// functions of RK_conf.cpp decide which texts are read, and in which order.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +13,8 @@
 // two have the same messages, but different hints.
 enum class RK_ScanMode { config, environment, parameter };
 
-// Reads one line, without its line feed. Messages of mode config show `number`. Returns false if
-// the line makes its source fail.
+// Reads one line, without its line feed. Messages of mode config show `number`. Returns false after
+// an error other than a missing value. Only the command line fails as a whole in this case.
 [[nodiscard]] bool RK_ScanLine(std::string_view line, RK_ScanMode mode, size_t number);
 
 // Reads an option of the command line with its values. A line break anywhere in `line` is an error:
@@ -23,6 +24,6 @@ enum class RK_ScanMode { config, environment, parameter };
 // Reads all lines of a text, counted from 1. False if any line failed.
 [[nodiscard]] bool RK_ScanText(std::string_view text, RK_ScanMode mode);
 
-// The seconds of a time such as "1h+30m": the sum of the pieces between "+", each with its unit. A
-// piece that ends in neither a digit nor a unit letter causes a warning and adds nothing.
+// The seconds of a time such as "1h+30m": the sum of the pieces between "+". The last letter of a
+// piece is its unit; a piece that ends in a digit is in seconds. A piece that ends in neither a digit nor a unit letter causes a warning and adds nothing.
 [[nodiscard]] double RK_ConfigParseTime(const char* text);

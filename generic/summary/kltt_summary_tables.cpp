@@ -129,7 +129,7 @@ void KLTT_SumTables::message(const KLTT_SumMessage& m) {
   if (sums.receiverScl == 0) sums.receiverScl = m.receiverScl;
 }
 
-// u32 messages; u64 sum of send times; i64 sum of durations, shortest, longest; u32 sender,
+// u32 messages; u64 sum of their times; i64 sum of durations, shortest, longest; u32 sender,
 // receiver, communicator, tag, size, sum of sizes, function of sender and receiver, scl of both.
 void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
   if (messages_.empty()) return;
@@ -177,7 +177,7 @@ void KLTT_SumTables::counter(uint64_t time, uint32_t thread, uint32_t id, uint64
     sums.first = time;
     sums.lowest = sums.highest = sums.mean = value;
   } else {
-    // There is a rate between each two samples, so one rate fewer than samples.
+    // There is a rate between consecutive samples; `count` doesn't include this sample yet.
     const double rates = sums.count;
     const double rate =
         (value - sums.lastValue) / static_cast<double>(static_cast<int64_t>(time - sums.last));

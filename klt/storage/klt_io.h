@@ -22,10 +22,10 @@ struct KLT_IoFile;
 // Closes and frees `file` and sets it to null. Returns 0, or -1 with errno if closing fails.
 int KLT_IoClose(KLT_IoFile*& file);
 
-// Returns the number of bytes read, which is below `bytes` only at the component's end. In the
-// plain form a failure is negative, also for a component that isn't a regular file (EISDIR or
-// ESPIPE). In a container a failure ends the data: PAL_Perror reports it with the component's key,
-// and the number of bytes read before it is returned.
+// Returns the number of bytes read, which is below `bytes` only at the component's end or before a
+// failure. In the plain form, a failure before the first byte is negative, also for a component
+// that isn't a regular file (EISDIR or ESPIPE). In a container, PAL_Perror reports a failure with
+// the component's key.
 [[nodiscard]] int64_t KLT_IoRead(KLT_IoFile* file, void* buffer, size_t bytes);
 
 // Returns the number of bytes written; any value but `bytes` is a failure, with errno set. In the
