@@ -25,5 +25,6 @@ enum class RK_ScanMode { config, environment, parameter };
 [[nodiscard]] bool RK_ScanText(std::string_view text, RK_ScanMode mode);
 
 // The seconds of a time such as "1h+30m": the sum of the pieces between "+". The last letter of a
-// piece is its unit; a piece that ends in a digit is in seconds. A piece that ends in neither a digit nor a unit letter causes a warning and adds nothing.
+// piece is its unit; a piece that ends in a digit is in seconds. Any other piece causes a warning
+// and adds nothing.
 [[nodiscard]] double RK_ConfigParseTime(const char* text);
