@@ -105,7 +105,7 @@ class SumFile:
         return self.left - count * size
 
     def _skip_to(self, left):
-        """Skips the bytes up to the last `left` ones, which the caller hasn't read."""
+        """Skips bytes that the caller hasn't read, up to the last `left` bytes."""
         self.file.seek(self.left - left, 1)
         self.left = left
 

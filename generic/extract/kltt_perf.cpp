@@ -24,7 +24,7 @@
 
 namespace {
 
-// The categories of a request: those of single threads, without messages and operations.
+// The categories of a request: their records belong to single threads, unlike messages.
 constexpr uint32_t kCategories =
     klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters | klt::kErrors;
 
@@ -75,8 +75,7 @@ void fillRequest(KLT_Request& request, const KLTT_PerfMember& member) {
   request.threads = {{gtp, gtp, 1}};
 }
 
-// The handlers of this test don't include those of histories, so a call can end whose start wasn't
-// delivered.
+// This test has no handlers for histories, so a call can end whose start wasn't delivered.
 int leaveIfEntered(void* user, uint64_t time, uint32_t gtp, uint32_t scl) {
   const RK_WillyState* willy =
       RK_WillyHashFind(static_cast<KLTT_Context*>(user)->frames.willys, gtp);

@@ -1,7 +1,7 @@
 // Pairs the sends and receives of messages.
 //
 // A send and a receive match if both processes, communicator, tag and size are equal; of several
-// candidates the oldest is taken. Either side may come first. An event that is never matched
+// candidates the oldest is chosen. Either side may come first. An event that is never matched
 // becomes a record with a special value in place of the missing time.
 #pragma once
 

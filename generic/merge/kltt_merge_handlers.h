@@ -23,7 +23,7 @@ struct KLTM_Context {
 
   // From the scan pass.
   KLTM_Communicators communicators;  // for the profiles; the first definition of each id
-  std::vector<uint32_t> threads;     // those with a willy_definition, for the summary
+  std::vector<uint32_t> threads;     // threads with a willy_definition, for the summary
   uint32_t eventBits = 0;
   uint64_t startTime = 0;
   uint64_t timeSpan = 0;
@@ -39,7 +39,7 @@ struct KLTM_Context {
 
 // Sets the handlers of the scan pass, which store the definitions that the other passes need.
 void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context);
-// Sets the handlers of the passes that write; those for the merge only if there is a writer.
+// Sets the handlers of the passes that write. Handlers of the merge are set only with a writer.
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context);
 
 // Writes the numbers of events of the merged trace. False if that failed.

@@ -136,7 +136,7 @@ class Records final : public RK_Sink {
  public:
   Records(KLT_WFileHandle* to, KLTT_Queue& pending) : RK_Sink(1), pending_(pending) {
     writer = to;
-    longestComment = kLongestText + 1;  // one more, so that the writer notices a long comment
+    longestComment = kLongestText + 1;  // one more, so that the writer reports a cut comment
   }
 
   int processDeclaration(std::span<const uint32_t> threads, uint64_t /*total*/) override {

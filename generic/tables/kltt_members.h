@@ -14,7 +14,7 @@ class KLTT_MemberList {
   class Cursor;
 
   KLTT_MemberList() = default;
-  // `gtps`: the members in rank order. Repeated ones are kept.
+  // `gtps`: the members in rank order. Repeated members are kept.
   explicit KLTT_MemberList(std::span<const int32_t> gtps);
 
   [[nodiscard]] uint32_t size() const { return size_; }
@@ -44,7 +44,7 @@ class KLTT_MemberList::Cursor {
   explicit Cursor(const KLTT_MemberList& list)
       : run_(list.runs_.data()), end_(run_ + list.runs_.size()) {}
 
-  // Stores the next member in `gtp`. After the last one it returns false and leaves `gtp`
+  // Stores the next member in `gtp`. After the last member it returns false and leaves `gtp`
   // unchanged.
   bool next(uint32_t* gtp) {
     if (run_ == end_) return false;

@@ -188,7 +188,7 @@ class RK_Line {
   }
 
  private:
-  // Both take and return the write position, so that the compiler can keep it in a register.
+  // Both receive and return the write position, so that the compiler can keep it in a register.
   static char* appendText(RK_Output* output, char* p, const char* text, bool oneLine);
   static char* drain(RK_Output* output, char* p);
 

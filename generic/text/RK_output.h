@@ -37,8 +37,8 @@ struct RK_Output {
 
 // The process's standard output. Exists until the end of the process.
 [[nodiscard]] RK_Output* RK_Stdout();
-// Standard error, for listings while the trace goes to standard output. It is buffered, so messages
-// don't use it.
+// Standard error, for listings while a trace is written to standard output. It is buffered, so
+// messages don't use it.
 [[nodiscard]] RK_Output* RK_Stderr();
 
 // Creates or empties a file. A relative path starts at `directory` (null: the working directory).

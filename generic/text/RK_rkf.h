@@ -1,9 +1,9 @@
 // Writes the lines of RKF, the text form of a trace: one function for each kind of line.
 //
-// Every writer takes the output first and then the values in the order of the line. It returns 0,
-// or 1 once the output has failed. Values are passed as the trace stores them. The writers add 1 to
-// threads, processes and some ids, which the text counts from 1; leave out a source location (SCL)
-// of 0 or 0x7fffffff; and write a missing text as "(null)". A time stamp is the value of
+// The arguments of a writer are the output and then the values in the order of the line. It returns
+// 0, or 1 once the output has failed. Values are passed as the trace stores them. The writers add 1
+// to threads, processes and some ids, which the text counts from 1; leave out a source location
+// (SCL) of 0 or 0x7fffffff; and write a missing text as "(null)". A time stamp is the value of
 // RK_SinkTime, signed unless a comment says otherwise. Lines and parts marked [extended] are only
 // written if the output is `extended`.
 #pragma once

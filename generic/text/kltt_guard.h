@@ -16,5 +16,5 @@ struct KLT_FileHandle;
 // Ends the process with status 1, as for an output that can't be opened, if `name` is the input.
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name);
 
-// The files of the trace, and the names of those that it declares but that don't exist.
+// The files of the trace, and the names of declared files that don't exist.
 [[nodiscard]] KLT_FileSet KLTT_InputFiles(const KLT_FileHandle* handle);
