@@ -1,4 +1,4 @@
-// Traces as the files that they are: listed, moved, removed and copied.
+// Lists and moves the files of traces.
 #include "klt/index/klt_files.h"
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 #include "generic/text/kltt_guard.h"
 #include "tests/unit/klt_reading.h"
 
-// The system's call, except for one file.
+// The system's call, except that it fails for `unmovable`.
 static const char* unmovable = nullptr;
 extern "C" int rename(const char* from, const char* to) noexcept {
   if (unmovable == nullptr || std::strcmp(from, unmovable) != 0)
@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A directory with a trace, prepared by the shell, that is the current one while it lives.
+// A directory with a trace, changed by the shell. The current one while the object exists.
 class Place {
  public:
   explicit Place(const char* prepare = "", std::string_view name = "t.klt") {
@@ -66,14 +66,14 @@ std::pair<int, std::string> move(const char* target, const char* name = "t.klt")
   return {status, messages.take()};
 }
 
-// After a success all files of the trace are under the new name and nothing of an older trace is;
-// after a failure everything is as it was.
-TEST(KltFiles, AllOfATraceGoesOrNothing) {
+// After a success all files of the trace have the new name, and no anchors of an older trace are
+// left; after a failure nothing has changed.
+TEST(KltFiles, MovesAllFilesOrNone) {
   const char* const links = "ln -s t.klt symbolic; ln t.klt.f.1 other.f.1; ln t.klt dir";
   const struct {
     const char* target;
     int status;
-    std::string told;  // empty for nothing
+    std::string text;  // empty for none
     const char* prepare = "";
   } cases[] = {
       {"dir", 0, ""},
@@ -99,32 +99,32 @@ TEST(KltFiles, AllOfATraceGoesOrNothing) {
       expected.erase(name);
       expected[base + name.substr(5)] = bytes;
     }
-    const auto [status, told] = move(c.target);
+    const auto [status, text] = move(c.target);
     EXPECT_EQ(status, c.status);
-    EXPECT_TRUE(told.find(c.told) != std::string::npos && told.empty() == c.told.empty()) << told;
+    EXPECT_TRUE(text.find(c.text) != std::string::npos && text.empty() == c.text.empty()) << text;
     EXPECT_TRUE(contents() == expected);
   }
 }
 
-TEST(KltFiles, WhatStopsHalfwayTellsWhereTheFilesAre) {
+TEST(KltFiles, AFailedMoveReportsThePlaceOfEachFile) {
   const Place place;
   const std::string path = std::getenv("PATH");
-  setenv("PATH", "/none", 1);  // there is no mv that could take over
+  setenv("PATH", "/none", 1);  // without mv, which is tried next
   unmovable = "t.klt.f.1";
-  const auto [status, told] = move("u.klt");
+  const auto [status, text] = move("u.klt");
   unmovable = nullptr;
   setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(status, 127);
   for (const char* file : {"", ".dcl", ".f.0", ".f.1", ".f.0.anc", ".f.1.anc"}) {
     const bool isOld = fs::exists(std::string("t.klt") + file);
-    const size_t at = told.find("  " + std::string(isOld ? "t.klt" : "u.klt") + file + "\n");
-    EXPECT_EQ(at < told.find("Files that have been moved:"), isOld) << told;
-    EXPECT_NE(at, std::string::npos) << told;
+    const size_t at = text.find("  " + std::string(isOld ? "t.klt" : "u.klt") + file + "\n");
+    EXPECT_EQ(at < text.find("Files that have been moved:"), isOld) << text;
+    EXPECT_NE(at, std::string::npos) << text;
   }
 }
 
-// Another file system takes the road through the shell.
-TEST(KltFiles, MovesAcrossFileSystemsUnderNamesThatTheShellWouldRead) {
+// A move to another file system runs mv in a shell.
+TEST(KltFiles, MovesAcrossFileSystemsUnderNamesThatAShellWouldExpand) {
   const char* const name = "-it's $(a) \"trace\";.klt";
   const Place place("", name);
   const auto before = contents();
@@ -135,8 +135,8 @@ TEST(KltFiles, MovesAcrossFileSystemsUnderNamesThatTheShellWouldRead) {
   fs::remove_all(other);
 }
 
-// 31 buckets by number. The streams have numbers from 3 on, each with its anchors next.
-TEST(KltFiles, AreListedInTheOrderOfBucketsThenArrival) {
+// 31 buckets by id. The ids of streams begin with 0x10003; the next id is that of the anchors.
+TEST(KltFiles, AreListedByBucketThenInOrderOfDeclaration) {
   tb::Trace trace;
   for (int i = 0; i < 15; ++i) trace.stream(std::to_string(i), tb::ANY);
   std::vector<std::string> names;

@@ -1,5 +1,4 @@
-// Records as bytes: what decoders and the writer make of them, in the program's own layout and in
-// others, and which row a layout becomes.
+// Decodes and writes records, in the program's own layout and in others, and maps layouts to rows.
 #include "klt/index/klt_generic.h"
 
 #include <gtest/gtest.h>
@@ -39,8 +38,8 @@ class KltGeneric : public testing::Test {
   const PAL_AllocatorTable allocators_ = PAL_allocators;
 };
 
-// A record of the row, with arrays of `n` elements and small values, or with any that their types
-// hold. Texts and references to them are always small.
+// Small values for a record of the row, with arrays of `n` elements; with `wide` any values of
+// their types. Texts and references to texts are always small.
 tb::Values randomValues(std::mt19937_64& random, const tb::Row& row, size_t n, bool wide = false) {
   tb::Values values;
   unsigned covered = 0;
@@ -57,7 +56,7 @@ tb::Values randomValues(std::mt19937_64& random, const tb::Row& row, size_t n, b
   return values;
 }
 
-// Whether records of the row are among those that handlers get.
+// Whether a reader calls handlers for records of the row.
 bool isDelivered(const KLT_Row& row) {
   const KLT_FilterClass filter = row.filter;
   return filter <= KLT_FilterClass::kRawCollective
@@ -65,8 +64,8 @@ bool isDelivered(const KLT_Row& row) {
              : (filter >= KLT_FilterClass::kThreadTable && filter <= KLT_FilterClass::kDefinition);
 }
 
-// Records of all kinds at times that most often are a little later, in the layout after a change.
-// A raw trace has nothing that a merge matches or counts by communicator.
+// Records of all kinds, at times that mostly increase a little, in the layout after `change`. A raw
+// trace has no records that a merge would match or count by communicator.
 tb::TraceFiles randomTrace(unsigned seed, const Change& change, std::string_view damage = "",
                            unsigned flags = 0) {
   std::mt19937_64 random(seed);
@@ -96,8 +95,8 @@ tb::TraceFiles randomTrace(unsigned seed, const Change& change, std::string_view
   return trace.files();
 }
 
-// The same in other words, but for comments and opaque data, which are no rows' any more.
-void disguise(tb::Layout& layout) {
+// Changes all layouts. All records can still be read, except comments and opaque data.
+void changeAll(tb::Layout& layout) {
   for (unsigned n = 1; n <= kKltRowCount; ++n) {
     layout.row(n).number = static_cast<uint8_t>(n + 100);
     layout.insert(n, "", {.name = "weight", .type = Type::F64});
@@ -118,7 +117,7 @@ void disguise(tb::Layout& layout) {
   layout.drop(64, "data");
 }
 
-// What is read of a trace by the rows' own decoders, or by the generic one alone.
+// What the rows' own decoders read of a trace, or the generic decoder only.
 struct Result {
   Result(const tb::TraceFiles& files, const KLT_Request& request, bool genericOnly) {
     setenv("KLT_GENERIC_ONLY", genericOnly ? "1" : "0", 1);
@@ -132,7 +131,7 @@ struct Result {
     const Lines events = open.read({request});
     lines.insert(lines.end(), events.begin(), events.end());
     statuses = open.statuses;
-    // Each says in its own way how many bytes are missing.
+    // The decoders report different numbers of missing bytes.
     const std::regex differs(open.handle()->base + "|[0-9]+ bytes missing");
     text = std::regex_replace(messages.take(), differs, "");
   }
@@ -142,7 +141,7 @@ struct Result {
   std::string text;
 };
 
-TEST_F(KltGeneric, WhateverTheLayoutAndTheDecodersTheLinesAreTheSame) {
+TEST_F(KltGeneric, TheLinesDontDependOnLayoutAndDecoders) {
   std::mt19937_64 random(21);
   for (unsigned round = 0; round < 60; ++round) {
     KLT_Request request = reading::window(
@@ -159,7 +158,7 @@ TEST_F(KltGeneric, WhateverTheLayoutAndTheDecodersTheLinesAreTheSame) {
     EXPECT_EQ(fast.statuses, generic.statuses);
     EXPECT_EQ(fast.text, generic.text);
     if (!damage.empty()) continue;
-    const Result other(randomTrace(round, disguise), request, false);
+    const Result other(randomTrace(round, changeAll), request, false);
     ASSERT_EQ(
         reading::difference(reading::without(fast.lines, {"comment", "opaque_data"}), other.lines),
         "")
@@ -187,16 +186,16 @@ TEST_F(KltGeneric, TheMergeWritesWhatItReads) {
   }
 }
 
-// An input that shows what is asked for and no more, each time in another place.
+// An input that provides only the bytes that ensure() asks for, each time at another address.
 struct ScarceInput {
   bool ensure(size_t n) {
-    if (n > shown.size()) std::string(bytes.substr(0, n)).swap(shown);
+    if (n > given.size()) std::string(bytes.substr(0, n)).swap(given);
     return n <= bytes.size();
   }
-  [[nodiscard]] const uint8_t* at() const { return reinterpret_cast<const uint8_t*>(shown.data()); }
+  [[nodiscard]] const uint8_t* at() const { return reinterpret_cast<const uint8_t*>(given.data()); }
 
   std::string_view bytes;
-  std::string shown = {};
+  std::string given = {};
 };
 
 template <int N>
@@ -211,7 +210,7 @@ void checkScarceInput(std::mt19937_64& random) {
     size_t size = 0;
     for (size_t k = 0; k < 2; ++k) {
       KLT_RecordBuffer out;
-      std::memset(out.reserve(0x10000), 0, 0x10000);  // what lies between fields
+      std::memset(out.reserve(0x10000), 0, 0x10000);  // bytes between fields
       uint64_t time = 0;
       EXPECT_EQ(KLT_Codec<N>::parse(inputs[k], out, time, size), KLT_Parse::kRecord) << N;
       EXPECT_EQ(KLT_EncodedBytes(out.tail()), 1 + bytes.size()) << N;
@@ -223,7 +222,7 @@ void checkScarceInput(std::mt19937_64& random) {
   }
 }
 
-TEST_F(KltGeneric, DecodersAskForWhatTheyRead) {
+TEST_F(KltGeneric, DecodersEnsureWhatTheyRead) {
   std::mt19937_64 random(3);
   [&]<int... I>(std::integer_sequence<int, I...>) { (checkScarceInput<I + 1>(random), ...); }
   (std::make_integer_sequence<int, kKltRowCount>());
@@ -242,9 +241,9 @@ TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {
       {28, 0, [](tb::Layout& l) { l.row(28).name = "enter_functio"; }},
       {57, 57, [](tb::Layout& l) { l.retype(57, "receive_time", Type::U16); }},
       {28, 0, [](tb::Layout& l) { l.retype(28, "function", Type::F32); }},
-      // All fields are there, but none in its place.
+      // All fields exist, but none has the same position.
       {28, 0, [&](tb::Layout& l) { l.insert(28, "time", scl); }},
-      // Nothing is left that the count would count.
+      // The count covers no field any more.
       {3, 0, [](tb::Layout& l) { l.drop(3, "start_time").drop(3, "delta"); }},
   };
   for (const auto& [stored, row, change] : cases) {
@@ -256,7 +255,7 @@ TEST_F(KltGeneric, TheNearestRowOfTheNameIsChosen) {
   }
 }
 
-// Of what is left out, and of negative numbers in narrow fields.
+// Defaults of missing fields, and signs of negative numbers in narrow fields.
 TEST_F(KltGeneric, FieldsHaveTheirDefaultsAndSigns) {
   for (const Type type : {Type::I8, Type::I16, Type::I32}) {
     tb::Trace trace;
@@ -281,7 +280,7 @@ TEST_F(KltGeneric, FieldsHaveTheirDefaultsAndSigns) {
   }
 }
 
-TEST_F(KltGeneric, ACountIsNotBelievedBeforeItsElementsAreThere) {
+TEST_F(KltGeneric, NothingIsAllocatedForACountBeforeItsElementsAreRead) {
   static size_t largest = 0;
   PAL_MemInit();
   PAL_allocators.realloc = [](void* block, size_t bytes) {
@@ -299,7 +298,7 @@ TEST_F(KltGeneric, ACountIsNotBelievedBeforeItsElementsAreThere) {
       {Type::I8, 0xff, corrupt},
       {Type::F32, 2, "Found wrong field-type when filtering counter_value"},
       {Type::U32, 0xffffffff, missing},
-      {Type::U64, uint64_t{1} << 63, corrupt},  // of bytes more than 64 bits
+      {Type::U64, uint64_t{1} << 63, corrupt},  // more than 64 bits for the bytes
       {Type::U8, 3, missing},                   // one too many
   };
   for (const auto& [type, count, message] : cases) {
@@ -308,7 +307,7 @@ TEST_F(KltGeneric, ACountIsNotBelievedBeforeItsElementsAreThere) {
     trace.layout().retype(22, "#1", type);
     const std::vector<uint64_t> two{1, 2};
     trace.stream("f", tb::COUNTERS).record(22, {{"#1", count}, {"values", two}, {"counters", two}});
-    // Those of the rows' own decoders aren't, either.
+    // Two counts for the rows' own decoders.
     trace.declarations().record(65, {{"#1", 65535}, {"thread_numbers_gtp", 1}});
     trace.stream("o", tb::ANY).at(9).record(64, {{"#1", 0xffffffff}, {"data", "ab"}});
     Messages messages;

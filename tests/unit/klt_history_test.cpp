@@ -1,5 +1,5 @@
-// Windows: what a consumer is told at their start and end, and that neither seek points nor the
-// storage of a component change a word of it.
+// Windows: what is delivered at their start and end, and that neither seek points nor the storage
+// of a component change it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 
 namespace {
 
-using namespace reading;  // the words that these tests are made of
+using namespace reading;
 using namespace tb;
 using Requests = std::vector<KLT_Request>;
 using Bag = std::multiset<std::string>;
@@ -30,16 +30,16 @@ TraceFiles withoutAnchors(const TraceFiles& files) {
   return rest;
 }
 
-// --- what is told --------------------------------------------------------------------------------
+// --- what is delivered ---------------------------------------------------------------------------
 
-// One component with all that a history can hold; thread 1 isn't part of it.
+// One component with everything that a history can contain; thread 1 isn't in its list.
 void fillOpen(Trace& trace) {
   trace.processes({3, 1}).communicator(1, "pair", {{0, 65536, 65536}});
   Stream& s = trace.stream("e", 0x1ef, {0, gtp(0, 1), gtp(0, 2)});
   s.at(1).enter(0, 5, 9).enter(gtp(0, 1), 8).at(2).enter(0, 6).enter(0, 7).leave(0);
   s.enterScope(0, 4, 1, 3).enterScope(0, 4, 2).enterScope(0, 4, 1).leaveScope(0, 4, 1);
   s.at(3).counters(0, {{10, 100}, {11, 200}, {12, 300}, {22, 400}}).at(4).counters(0, {{11, 201}});
-  s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 6, .tag = 1});  // arrives at 10
+  s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 6, .tag = 1});  // received at 10
   s.message({.sender = 0, .receiver = gtp(0, 1), .receiveTime = 7, .tag = 2});
   s.message({.sender = gtp(0, 1), .receiver = 0, .receiveTime = -7, .tag = 3});
   s.message({.sender = 0, .receiver = 1, .receiveTime = kNoReceive, .tag = 4});
@@ -48,7 +48,7 @@ void fillOpen(Trace& trace) {
   s.collective({.communicator = 1, .operation = 3, .start = {kNotStarted, 0}, .duration = {90, 6}});
   s.at(10).comment(0, "first").at(11).leave(0).at(12).leaveScope(0, 4, 2);
 }
-void fillSamples(Trace& trace) {  // out of order
+void fillSamples(Trace& trace) {  // not in time order
   Stream& s = trace.stream("c", COUNTERS, {0}).at(20).counters(0, {{1, 7}, {2, 6}});
   s.at(10).counters(0, {{1, 8}}).at(47).counters(0, {{1, 9}});
 }
@@ -57,22 +57,22 @@ void fillNested(Trace& trace) {
     trace.stream(name, ANY).at(5).record(11).at(7).record(27).at(kOpenEnd).comment(0, name);
   }
 }
-void fillUnlisted(Trace& trace) {  // says nothing of threads: history is told to who names some
+void fillUnlisted(Trace& trace) {  // without threads: only requests with threads have a history
   Stream& s = trace.communicator(1, "pair", {{0, 1, 1}}).stream("m", COLLOPS).at(1);
   s.collective({.communicator = 1, .operation = 2, .start = {0, 0}, .duration = {50, 50}});
 }
-void fillWrong(Trace& trace) {  // leaves what wasn't entered
+void fillWrong(Trace& trace) {  // leaves calls and scopes that weren't entered
   Stream& s = trace.stream("f", FUNCTIONS | SCOPES, {0, 1}).at(1).leave(0).at(2).enter(0, 1);
   s.leave(1).leaveScope(0, 3, 4).at(9).leave(0);
 }
 
-TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
+TEST(KltHistory, DeliversTheStateAtTheStartIfThereAreHandlers) {
   using Table = KLT_HandlerTable;
   struct Case {
     void (*fill)(Trace&);
     Requests requests;
     Lines lines;
-    void (*drop)(Table&) = [](Table&) {};  // handlers that the consumer lacks
+    void (*drop)(Table&) = [](Table&) {};  // sets handlers to null
   };
   const std::string stacks[] = {"function_history 10 0 2 [5 6] [9 0]",
                                 "function_history 10 65536 1 [8] [0]"};
@@ -97,7 +97,7 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
        {window(10, 10, FUNCTIONS, {0})},
        {"end_of_filter 10 4 1 0:0:1"},
        [](Table& table) { table.function_history = nullptr; }},
-      // The latest samples, for those alone who ask for nothing that is under way.
+      // The last samples, only for requests without messages and collective operations.
       {fillOpen,
        {window(10, 11, COUNTERS | FUNCTIONS, {gtp(0, 1), 0})},
        {begin, stacks[0], "counter_value 4 0 1 [11] [201]", "counter_value 3 0 1 [22] [400]",
@@ -111,7 +111,7 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
         "end_of_history 40 64 1 0:0:1", "end_of_filter 45 64 1 0:0:1",
         "begin_of_history 50 64 1 0:0:1", "counter_value 47 0 1 [1] [9]",
         "end_of_history 50 64 1 0:0:1", "end_of_filter 60 64 1 0:0:1"}},
-      // Brackets in a file mean nothing. The last moment of time is no end.
+      // Brackets in a file are skipped. The last raw time means no end.
       {fillNested,
        {window(5, kOpenEnd)},
        {"comment 18446744073709551615 0 'a'", "end_of_filter 18446744073709551615 495 0",
@@ -133,17 +133,17 @@ TEST(KltHistory, TellsWhatIsOpenAtTheStartToThoseWhoTakeIt) {
     OpenTrace open(trace);
     Recorder recorder;
     drop(recorder.table);
-    Messages told;
+    Messages messages;
     EXPECT_EQ(difference(lines, open.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE)), "");
-    EXPECT_EQ(told.take(), fill != fillWrong
-                               ? ""
-                               : "WARNING: Encountered incorrect function stack (0 @ 1).\n"
-                                 "ERROR: Leaving scope 3/4 which was never entered.\n");
+    EXPECT_EQ(messages.take(), fill != fillWrong
+                                   ? ""
+                                   : "WARNING: Encountered incorrect function stack (0 @ 1).\n"
+                                     "ERROR: Leaving scope 3/4 which was never entered.\n");
   }
 }
 
 TEST(KltHistory, HasRoomForAnyDepth) {
-  constexpr size_t kDepth = 70000;  // more than a fill holds, and a stored count
+  constexpr size_t kDepth = 70000;  // more than a fill or a stored count can have
   Trace trace;
   Stream& f = trace.stream("f", FUNCTIONS, {0}).at(1);
   for (size_t i = 0; i < kDepth; ++i) f.enter(0, 7);
@@ -155,17 +155,17 @@ TEST(KltHistory, HasRoomForAnyDepth) {
   EXPECT_EQ(lines[3], "leave_function 9 0 0");
 }
 
-TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
+TEST(KltHistory, ThreadsAreInTheOrderOfTheirTable) {
   KLT_FileHandle handle;
   handle.threadsPerProcess.assign(1022, 2);
   KLT_Context context;
-  // Undeclared threads come after declared ones of their bucket. Which came first doesn't matter.
+  // Undeclared threads come after declared ones of their bucket, in any order of use.
   const uint32_t undeclared = gtp(1018, 2), another = gtp(3062);
   for (const uint32_t thread :
        {another, gtp(1), undeclared, gtp(1021), gtp(1020, 1), gtp(0), gtp(1020), ~uint32_t{0}}) {
     KLT_ContextEnterFunction(context, thread, 1, 0, true);
   }
-  (void)context.of(gtp(5));  // has nothing to tell
+  (void)context.of(gtp(5));  // has no state
   std::vector<uint32_t> order;
   for (const KLT_WillyState* state : context.ordered(handle)) order.push_back(state->gtp);
   EXPECT_EQ(order, (std::vector<uint32_t>{gtp(1020), undeclared, another, ~uint32_t{0}, gtp(0),
@@ -174,8 +174,8 @@ TEST(KltHistory, ThreadsFollowTheOrderOfTheirTable) {
 
 // --- anchors and storage -------------------------------------------------------------------------
 
-// A run with a bit of everything, which is never quiet. No two events have the same line. Returns
-// the times of its anchors.
+// A trace with events of all kinds, and open calls, scopes and messages at all times. No two events
+// have the same line. Returns the times of its anchors.
 std::vector<uint64_t> fillBusy(Trace& trace, Stored stored) {
   constexpr int64_t kSpans[] = {0, 5, 700, -700, 9000, kNoReceive, kNoSend};
   trace.processes({2, 1, 1}).communicator(1, "some", {{0, 1, 1}});
@@ -230,7 +230,7 @@ Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& insta
   for (size_t i = 0; i < requests.size(); ++i) {
     const bool follows = i != 0 && random() % 3 != 0;
     const uint64_t start = follows ? requests[i - 1].end : times[2 * i];
-    // Two of one instant would select what neither selects alone.
+    // Two requests for one instant would select what neither selects alone.
     const bool isInstant = random() % 4 == 0 && (i == 0 || requests[i - 1].start != start);
     requests[i] = window(start, isInstant ? start : times[2 * i + 1]);
     if (random() % 8 == 0 && i + 1 == requests.size()) requests[i].end = kOpenEnd;
@@ -244,17 +244,17 @@ Requests randomRequests(std::mt19937& random, const std::vector<uint64_t>& insta
   return requests;
 }
 
-// What a consumer of these lines knows to be open ahead of each change of calls and scopes. Calls
-// are kept as " 7 9", scopes as " 4:1@20 4:2@21", of which the oldest of a number is left first.
-std::map<std::string, std::string> openAhead(const Lines& lines) {
-  std::map<std::string, std::string> open, result;  // by thread, calls and scopes apart; by line
-  bool isPast = false;
+// The open calls or scopes before each line that changes them, according to the lines before it.
+// Calls are stored as " 7 9", scopes as " 4:1@20 4:2@21"; of equal scopes the oldest is left first.
+std::map<std::string, std::string> openBefore(const Lines& lines) {
+  std::map<std::string, std::string> open, result;  // by kind and thread; by line
+  bool isHistory = false;
   for (const std::string& line : lines) {
     std::istringstream text(line);
     const Lines words(std::istream_iterator<std::string>(text), {});
     const std::string& name = words[0];
-    if (name.ends_with("_of_history")) isPast = name.starts_with("begin");
-    if (name == "end_of_filter") {  // of the threads named, or of all
+    if (name.ends_with("_of_history")) isHistory = name.starts_with("begin");
+    if (name == "end_of_filter") {  // for the listed threads, or for all
       PAL_Triplets threads;
       for (size_t i = 4; i < words.size(); ++i) {
         char colon = 0;
@@ -269,36 +269,35 @@ std::map<std::string, std::string> openAhead(const Lines& lines) {
     }
     const bool isScope = name.ends_with("_scope");
     if (!isScope && name.find("function") == name.npos) continue;
-    std::string& things = open[(isScope ? "s" : "f") + words[2]];
+    std::string& opened = open[(isScope ? "s" : "f") + words[2]];
     const std::string number = " " + words[3] + (isScope ? ":" + words[4] + "@" : "");
-    if (!isPast) result[line] = things;
+    if (!isHistory) result[line] = opened;
     if (name == "function_history") {
-      things += " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
+      opened += " " + line.substr(line.find('[') + 1, line.find(']') - line.find('[') - 1);
     } else if (name.starts_with("enter")) {
-      things += number + (isScope ? words[1] : "");
+      opened += number + (isScope ? words[1] : "");
     } else {
-      const size_t at = isScope ? things.find(number) : things.rfind(' ');
-      if (at < things.size()) things.erase(at, things.find(' ', at + 1) - at);
+      const size_t at = isScope ? opened.find(number) : opened.rfind(' ');
+      if (at < opened.size()) opened.erase(at, opened.find(' ', at + 1) - at);
     }
   }
   return result;
 }
 
-// The events alone, without what was told about the past; or all messages and collective
-// operations.
+// The events without histories; or with `spans` all messages and collective operations.
 Bag eventsOf(const Lines& lines, bool spans = false) {
   Bag events;
-  bool isPast = false;
+  bool isHistory = false;
   for (const std::string& line : lines) {
-    if (line.starts_with("begin_of_history")) isPast = true;
+    if (line.starts_with("begin_of_history")) isHistory = true;
     const bool isSpan = hasName(line, {"one_to_one_communication", "all_communication"});
-    if (spans ? isSpan : !isPast && !line.starts_with("end_of_filter")) events.insert(line);
-    if (line.starts_with("end_of_history")) isPast = false;
+    if (spans ? isSpan : !isHistory && !line.starts_with("end_of_filter")) events.insert(line);
+    if (line.starts_with("end_of_history")) isHistory = false;
   }
   return events;
 }
 
-// All that any of the requests alone draws, each as often as one of them has it.
+// The union of what each of the requests delivers alone.
 Bag unionOf(OpenTrace& open, const Requests& requests, bool spans = false) {
   Bag all;
   for (const KLT_Request& request : requests) {
@@ -318,7 +317,7 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
     EXPECT_EQ(anchorTimes, fillBusy(deflated, stored));
     OpenTrace anchored(trace), compressed(deflated), plain(withoutAnchors(trace.files()));
     const Lines whole = plain.read({window(0, kOpenEnd)});
-    const auto truth = openAhead(whole);
+    const auto truth = openBefore(whole);
     EXPECT_GT(anchorTimes.size(), 40U);
     std::mt19937 random(5);
     Recorder recorder;
@@ -329,17 +328,18 @@ TEST(KltAnchors, NeitherSeekPointsNorStorageChangeAnyRequests) {
       const Lines lines = plain.read(requests);
       ASSERT_EQ(difference(lines, anchored.read(requests)), "");
       ASSERT_EQ(difference(lines, compressed.read(requests)), "");
-      // A consumer knows what is open at every event, also stream by stream.
+      // The lines show what is open at every event, also those delivered stream by stream.
       const Lines unordered = anchored.read(requests, 0);
-      for (const auto& [line, open] : openAhead(lines)) ASSERT_EQ(open, truth.at(line)) << line;
-      for (const auto& [line, open] : openAhead(unordered)) ASSERT_EQ(open, truth.at(line)) << line;
+      for (const auto& [line, open] : openBefore(lines)) ASSERT_EQ(open, truth.at(line)) << line;
+      for (const auto& [line, open] : openBefore(unordered))
+        ASSERT_EQ(open, truth.at(line)) << line;
       // Together requests deliver what each delivers alone.
       ASSERT_EQ(unionOf(anchored, requests), eventsOf(lines));
       const Bag spans = unionOf(anchored, requests, true);
       ASSERT_EQ(spans, eventsOf(anchored.read(recorder, requests, 1, KLT_MODE_EVENTS_ONCE), true));
       const bool isSeries = requests.size() == 2 && requests[0].end == requests[1].start;
       ASSERT_TRUE(!isSeries || spans == eventsOf(lines, true));
-      // Windows that tile time deliver each event once.
+      // Adjoining windows deliver each event once.
       const uint64_t a = requests.front().start, b = requests.back().start;
       const Requests tiles = {window(0, a), window(a, b), window(b, kOpenEnd)};
       ASSERT_EQ(difference(whole, anchored.read(tiles)), "");
@@ -356,31 +356,31 @@ TEST(KltAnchors, SeekingSavesReading) {
   Stream& f = trace.stream("f", FUNCTIONS, {0}).anchorEvery(0x4000);
   for (uint64_t i = 1; i < 60000; ++i) f.at(i * 10).enter(0, 1).leave(0);
   TraceFiles files = trace.files();
-  files[".f"][100] = '\x7f';  // ahead of the anchor: never met
+  files[".f"][100] = '\x7f';  // before the anchor: not read
   files[".f"][files[".f"].size() - 18] = '\x7f';
   OpenTrace open(files);
   EXPECT_EQ(only(open.read({window(300000, 300100)}), {"enter_function"}).size(), 10U);
   EXPECT_EQ(open.statuses, std::vector<int>{KLT_STATUS_FINISHED});
 }
 
-// --- anchors that lie ----------------------------------------------------------------------------
+// --- wrong anchors -------------------------------------------------------------------------------
 
-// Beside the one that is right, an anchor lists one more entry many times: nonsense is reported and
-// skipped, and what a stream comes to itself isn't told twice. Anchors that can't be true are
-// ignored. Samples that none of them lists are found all the same.
-TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
+// An anchor has a correct history entry, and another one many times. Wrong entries are reported and
+// skipped. A record that the stream reads itself isn't delivered twice. Impossible anchors are
+// ignored. Samples that no anchor refers to are found, too.
+TEST(KltAnchors, WrongAnchorsAndEntriesChangeNothing) {
   enum File { kNone, kData, kDeclarations, kGone, kOther };
-  constexpr uint64_t kRight = 48;  // the message ahead of the anchor
+  constexpr uint64_t kRight = 48;  // the message before the anchor
   const char* const corrupted = "Found corrupted data while filtering";
   struct Case {
     File file;
     uint64_t offset;
     const char* message;
-    std::vector<std::pair<uint64_t, uint64_t>> anchors = {};  // more of them
+    std::vector<std::pair<uint64_t, uint64_t>> anchors = {};  // further anchors
   };
   const Case cases[] = {
       {kData, ~uint64_t{0}, ""},             // to be skipped
-      {kData, ~uint64_t{0} - 1, corrupted},  // almost the end of numbers
+      {kData, ~uint64_t{0} - 1, corrupted},  // almost the largest number
       {kData, 118, corrupted},               // the end of the file
       {kData, 0, corrupted},                 // a comment
       {kData, 3, corrupted},                 // no record
@@ -388,13 +388,13 @@ TEST(KltAnchors, WhatIsWrongWithThemChangesNothing) {
       {kData, kRight, ""},
       {kData, 83, ""},                 // after the anchor
       {kOther, 0, ""},                 // after the start of the window
-      {kOther, 44, "truncated file"},  // a record that the end cuts off
+      {kOther, 44, "truncated file"},  // a record that is cut off
       {kNone, 0, corrupted},
       {kDeclarations, 0, corrupted},
       {kGone, 0, "Could not open"},
       {kData, kRight, "Ignoring anchors in ", {{9, 1000}}},  // after the file's end
-      {kData, kRight, "Ignoring anchors in ", {{0, 83}}},    // back in time
-      {kData, kRight, "Ignoring anchors in ", {{9, 20}}},    // back in the file
+      {kData, kRight, "Ignoring anchors in ", {{0, 83}}},    // decreasing times
+      {kData, kRight, "Ignoring anchors in ", {{9, 20}}},    // decreasing offsets
   };
   for (const auto& [file, offset, message, anchors] : cases) {
     SCOPED_TRACE(testing::Message() << file << " " << offset);

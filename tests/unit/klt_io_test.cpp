@@ -1,4 +1,4 @@
-// Trace storage: a model of what is done to containers, their order, and containers that lie.
+// Trace storage: comparison with a model, the order in containers, and invalid containers.
 #include "klt/storage/klt_io.h"
 
 #include <fcntl.h>
@@ -31,7 +31,7 @@ class KltIo : public testing::Test {
     text.resize(static_cast<size_t>(KLT_IoRead(file, text.data(), bytes)));
     return text;
   }
-  // All that the trace on disk holds of a component.
+  // All bytes of a component of the trace on disk.
   [[nodiscard]] std::string content(const std::string& name) const {
     KLT_Container* const trace = open();
     KLT_IoFile* file = trace == nullptr ? nullptr : KLT_IoOpen(trace, name.c_str());
@@ -45,9 +45,9 @@ class KltIo : public testing::Test {
   const std::string path_ = directory_ / "t.klt";
 };
 
-// Random operations on components and on texts. Some writes meet a limit, and the trace is closed
-// and opened again for more. One form more is a container that is there.
-TEST_F(KltIo, EveryFormHoldsWhatTextsDo) {
+// Random operations on components and, as a model, on texts. Some writes exceed a limit, and the
+// trace is closed and opened again for more. A fourth form is an existing container.
+TEST_F(KltIo, EveryFormBehavesLikeTexts) {
   std::signal(SIGXFSZ, SIG_IGN);
   const auto limitFiles = [](rlim_t bytes) {
     const rlimit limit{bytes, RLIM_INFINITY};
@@ -59,12 +59,12 @@ TEST_F(KltIo, EveryFormHoldsWhatTextsDo) {
     const auto below = [&](size_t n) { return static_cast<size_t>(random() % n); };
     const int form = static_cast<int>(seed % 4);
     const bool isPlain = form == KLT_FORM_PLAIN;
-    bool cuts = form <= KLT_FORM_SERIAL, appends = false;
+    bool truncates = form <= KLT_FORM_SERIAL, appends = false;
     std::map<std::string, std::string> texts{{"t.klt", std::string(5000, 'i')}, {"t.klt.a", "a"}};
     tb::TraceFiles old;
     for (const auto& [name, text] : texts) old.add(name == "t.klt" ? " " : ".a", text);
     old.writeContainer(directory_, {.version = 0, .extent = 1000, .padded = true});
-    KLT_Container* trace = cuts ? create(form, "t.klt") : open(O_RDWR);
+    KLT_Container* trace = truncates ? create(form, "t.klt") : open(O_RDWR);
     for (int round = 0; round < 4; ++round) {
       const bool inSequence = form == KLT_FORM_SERIAL && round == 0;
       std::map<std::string, std::pair<KLT_IoFile*, size_t>> files;  // with their positions
@@ -76,7 +76,7 @@ TEST_F(KltIo, EveryFormHoldsWhatTextsDo) {
         if (file == nullptr || below(12) == 0) {
           if (file != nullptr) KLT_IoClose(file);
           file = KLT_IoOpen(trace, name);
-          if (cuts) text.clear();
+          if (truncates) text.clear();
           at = appends ? text.size() : 0;
         }
         const size_t n = below(3) * 65536 / (1 + below(9)) + below(5);
@@ -100,7 +100,7 @@ TEST_F(KltIo, EveryFormHoldsWhatTextsDo) {
           const auto base = static_cast<int64_t>(bases[whence]);
           at = below(4) == 0 ? 0 : below(text.size() + 1);
           auto offset = static_cast<int64_t>(at) - base, place = static_cast<int64_t>(at);
-          if (!isPlain && !text.empty() && below(9) == 0) {  // out of the component
+          if (!isPlain && !text.empty() && below(9) == 0) {  // outside the component
             const int64_t beyond[] = {INT64_MAX, INT64_MIN, -1 - base};
             offset = beyond[below(3)];
             at = offset > 0 ? text.size() : bases[1];
@@ -112,21 +112,21 @@ TEST_F(KltIo, EveryFormHoldsWhatTextsDo) {
       }
       for (auto& [name, file] : files) EXPECT_EQ(KLT_IoClose(file.first), 0);
       if (!isPlain && !inSequence && below(2) == 0) {
-        // The directory moves up to the end of a file that is longer than it should be.
+        // If the file is longer, the directory is written at its end.
         tb::writeFile(path_, tb::readFile(path_) + std::string(below(200000), 'z'));
       }
       EXPECT_EQ(KLT_ContainerClose(trace), 0);
       for (const auto& [name, text] : texts) ASSERT_TRUE(content(name) == text) << name;
       appends = !isPlain && below(2) == 0;
       trace = open(O_RDWR | O_CREAT | (appends ? O_APPEND : 0));
-      cuts = false;
+      truncates = false;
     }
     EXPECT_EQ(KLT_ContainerClose(trace), 0);
   }
 }
 
-// A component that is cut gets its extents back, but for what is written in sequence. In a bucket
-// of the directory (the first two; the middle three; the last two) it is the arrival that counts.
+// A truncated component uses its extents again, unless written in sequence. Keys in one bucket of
+// the directory (the first two; the middle three; the last two) are in order of insertion.
 TEST_F(KltIo, ExtentsAndDirectoryHaveTheirOrder) {
   const std::vector<std::string> keys{".sts",      ".err",  "\xffz", ".x.131074", ".cop",
                                       ".\xc3\xa4", ".f.17", ".msg",  ".f.0.anc"};
@@ -151,7 +151,7 @@ TEST_F(KltIo, ExtentsAndDirectoryHaveTheirOrder) {
   }
 }
 
-TEST_F(KltIo, LiesAndFailuresAreFound) {
+TEST_F(KltIo, InvalidContainersAndFailuresAreFound) {
   // Two components of two extents each, between 12 and 112. Their entries are at 112 and 162: key,
   // bytes used of the last extent, offsets and lengths of the extents. The trailer is at 212.
   tb::TraceFiles files;
@@ -170,9 +170,9 @@ TEST_F(KltIo, LiesAndFailuresAreFound) {
   for (const auto& [at, count, bytes] :
        std::initializer_list<std::tuple<size_t, size_t, std::string>>{
            {130, 8, big(11, 8)},         // an extent inside the header
-           {188, 8, big(103, 8)},        // one that runs into the directory
-           {130, 8, big(INT64_MAX, 8)},  // one beyond the file
-           {168, 8, big(11, 8)},         // more is used than there is
+           {188, 8, big(103, 8)},        // an extent that ends in the directory
+           {130, 8, big(INT64_MAX, 8)},  // an extent beyond the file
+           {168, 8, big(11, 8)},         // more bytes used than it has
            {146, 8, big(31, 8)},         // extents overlap
            {112, 6, big(0, 4)},          // an empty key
            {117, 1, big(0, 1)},          // NUL in a key
@@ -181,14 +181,14 @@ TEST_F(KltIo, LiesAndFailuresAreFound) {
     change(at, count, bytes);
     EXPECT_EQ(open(), nullptr) << at << ' ' << testing::PrintToString(bytes);
   }
-  // The first entry of a name counts.
+  // The first entry with a name is used.
   change(212, 0, big(2, 4) + ".a" + big(1, 8) + big(1, 4) + big(12, 8) + big(1, 8));
   EXPECT_EQ(content("t.klt.a"), files[".a"]);
   change(0, 0, "");
   KLT_Container* const trace = open();
   KLT_IoFile* file = KLT_IoOpen(trace, "t.klt.a");
   std::filesystem::resize_file(path_, 80);
-  EXPECT_EQ(read(file, 100) + read(file, 100), std::string(38, 'a'));  // told once
+  EXPECT_EQ(read(file, 100) + read(file, 100), std::string(38, 'a'));  // reported once
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(KLT_IoOpen(trace, "t.klt.none"), nullptr);
   EXPECT_EQ(errno, ENOENT);

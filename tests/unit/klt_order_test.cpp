@@ -1,5 +1,5 @@
-// The order in which streams are served against a plain search through a list, and that of records
-// from slices against that from turns, in all samples.
+// Compares the order of streams with a linear search, and the order of records from slices with
+// that from turns, for all samples.
 #include "klt/read/klt_order.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace {
 
 using namespace reading;
 
-// The earliest position with the lowest time, but for `without`.
+// The first position with the lowest time, except `without`.
 size_t lowest(const std::vector<uint64_t>& times, size_t without = KLT_MergeTree::kNone) {
   size_t best = KLT_MergeTree::kNone;
   for (size_t i = 0; i < times.size(); ++i) {
@@ -30,25 +30,25 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
   std::mt19937_64 random(7);
   KLT_MergeTree tree;
   for (size_t streams = 0; streams <= 40; ++streams) {
-    // Ties are the rule, also at the end of time. Some streams start at any moment or step there.
+    // Many times are equal, also near the largest time. Some streams start at or step to any time.
     const uint64_t start = streams % 3 == 0 ? ~uint64_t{0} - 3 : 100;
     std::vector<uint64_t> times(streams);
     for (uint64_t& time : times) time = streams % 5 == 0 ? random() : start + random() % 4;
     const auto step = [&](size_t i) {
-      const bool isWild = streams % 4 == 0 && random() % 16 == 0;
-      return times[i] = isWild ? random() >> random() % 64 : times[i] + random() % 3;
+      const bool isAnyTime = streams % 4 == 0 && random() % 16 == 0;
+      return times[i] = isAnyTime ? random() >> random() % 64 : times[i] + random() % 3;
     };
     tree.build(streams, [&](size_t i) { return times[i]; });
     while (tree.best() != KLT_MergeTree::kNone || !times.empty()) {
       ASSERT_EQ(tree.best(), lowest(times));
-      for (size_t i = 0; i < times.size(); ++i) {  // the runner-up of whichever was served
+      for (size_t i = 0; i < times.size(); ++i) {  // the runner-up to any stream
         const KLT_NextStream second = tree.second(i);
         ASSERT_EQ(second.position, lowest(times, i));
         ASSERT_TRUE(times.size() == 1 || second.time == times[second.position]);
       }
       const size_t changed = random() % 3 == 0 ? random() % times.size() : lowest(times);
       const size_t other = random() % times.size();
-      if (random() % 4 == 0) {  // a stream ends: the last one takes its place
+      if (random() % 4 == 0) {  // a stream ends: the last one moves to its position
         times[changed] = times.back();
         tree.update(changed, times.back());
         tree.removeLast();
@@ -62,7 +62,7 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
   }
 }
 
-// All events, read in calls that end as soon as they may; `stopAt` as in a Recorder.
+// All events. With slices each call has a time limit of 0. `stopAt` is that of a Recorder.
 Lines eventsOf(KLT_FileHandle* trace, bool isSliced, size_t stopAt) {
   Recorder recorder;
   recorder.stopAt = stopAt;

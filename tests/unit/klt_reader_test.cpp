@@ -1,5 +1,5 @@
-// Opening traces and running their records through handlers: what is accepted, in which order
-// streams are served, what handlers get, and how a pass ends when something is wrong.
+// Opens traces and reads their records: which traces are accepted, the order of records, the
+// statuses of a pass, and damaged components.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@
 
 namespace {
 
-using namespace reading;  // the words that these tests are made of
+using namespace reading;
 using namespace tb;
 using Statuses = std::vector<int>;
 
@@ -28,7 +28,7 @@ constexpr int kTime = KLT_STATUS_TIME;
 
 // --- opening -------------------------------------------------------------------------------------
 
-TEST(KltOpen, ComponentsHaveNamesOfTheirOwn) {
+TEST(KltOpen, RefusesUnsafeSuffixes) {
   const std::string suffixes[] = {"f", "", "a\n", "/../x", {"a\0b", 3}};
   for (const std::string& suffix : suffixes) {
     SCOPED_TRACE(suffix);
@@ -46,7 +46,7 @@ TEST(KltOpen, ComponentsHaveNamesOfTheirOwn) {
 using Record = std::pair<uint64_t, std::string>;  // its time, and the line of its handler
 using Records = std::vector<Record>;
 
-// Fills a stream with calls, and, unless `most` is 0, with comments of up to that size.
+// Fills a stream with calls, and, unless `most` is 0, with comments of less than that size.
 Records fill(Stream& stream, const std::vector<uint64_t>& times, uint32_t thread, size_t most) {
   Records records;
   for (const uint64_t time : times) {
@@ -62,18 +62,18 @@ Records fill(Stream& stream, const std::vector<uint64_t>& times, uint32_t thread
   return records;
 }
 
-// What the rules make of the streams. A reader that stops after every `stopEach` records begins a
-// new turn each time.
-Lines servedOrder(const std::vector<Records>& streams, size_t stopEach = 0) {
+// The order of the records by the rules. A reader that stops after every `stopEach` records begins
+// a new turn each time.
+Lines expectedOrder(const std::vector<Records>& streams, size_t stopEach = 0) {
   Lines result;
   std::vector<std::span<const Record>> left(streams.begin(), streams.end());
-  const auto leave = [&](size_t i) {
+  const auto remove = [&](size_t i) {
     std::swap(left[i], left.back());
     left.pop_back();
   };
-  for (size_t i = 0; i < left.size();) left[i].empty() ? leave(i) : (void)++i;
-  // The first of those with the lowest time, but for one.
-  const auto lowestBut = [&](size_t other) {
+  for (size_t i = 0; i < left.size();) left[i].empty() ? remove(i) : (void)++i;
+  // The first stream with the lowest time, except `other`.
+  const auto lowestExcept = [&](size_t other) {
     size_t lowest = left.size();
     for (size_t i = 0; i < left.size(); ++i) {
       if (i == other) continue;
@@ -81,13 +81,13 @@ Lines servedOrder(const std::vector<Records>& streams, size_t stopEach = 0) {
     }
     return lowest;
   };
-  // False if the turn is over with the stream: it has ended, or the reader stops.
+  // False if the turn is over: the stream has ended, or the reader stops.
   const auto serve = [&](size_t i, uint64_t limit) {
     while (left[i][0].first <= limit) {
       result.push_back(left[i][0].second);
       left[i] = left[i].subspan(1);
       if (left[i].empty()) {
-        leave(i);
+        remove(i);
         return false;
       }
       if (stopEach != 0 && result.size() % stopEach == 0) return false;
@@ -95,16 +95,16 @@ Lines servedOrder(const std::vector<Records>& streams, size_t stopEach = 0) {
     return true;
   };
   while (!left.empty()) {
-    const size_t best = lowestBut(left.size());
-    const size_t second = lowestBut(best);
+    const size_t best = lowestExcept(left.size());
+    const size_t second = lowestExcept(best);
     const uint64_t limit = second == left.size() ? ~uint64_t{0} : left[second][0].first;
     if (serve(best, limit)) (void)serve(second, limit);
   }
   return result;
 }
 
-// What the reader delivers. Its handler stops it after every `stopEach` records; a limit of 0 stops
-// it at each look at the clock.
+// The order in which the reader delivers. A handler stops it after every `stopEach` records; a time
+// limit of 0 stops it at each check of the clock.
 Lines deliveredOrder(const OpenTrace& open, size_t stopEach, int timeoutMs, int serial = 1) {
   Recorder recorder;
   recorder.table.end_of_filter = nullptr;
@@ -123,19 +123,19 @@ Lines deliveredOrder(const OpenTrace& open, size_t stopEach, int timeoutMs, int 
   return std::move(recorder.lines);
 }
 
-// From 256 streams on, records up to a near time are gathered and sorted. Equal times are many, and
-// turns that last from one such slice to the next, or into what follows the last of them.
+// From 256 streams on, records are collected in slices and sorted. Many times are equal, and many
+// turns continue from one slice to the next, or after the last slice.
 TEST(KltOrder, FollowsTheRulesForAnyTimes) {
   std::mt19937 random(13);
-  constexpr size_t kCrowds[] = {31, 32, 33, 200};  // of one time; a slice has room for 32
+  constexpr size_t kCrowds[] = {31, 32, 33, 200};  // equal times; a slice has room for 32
   constexpr uint64_t kSpreads[] = {40, 300, 5000, uint64_t{1} << 40};
   for (size_t round = 0; round < 70; ++round) {
     SCOPED_TRACE(round);
     const bool isCrowd = round < 4, areMany = round < 30;
     const size_t count = isCrowd ? 256 : areMany ? 250 + random() % 80 : 1 + random() % 7;
-    const size_t busy = round % 2 == 0 ? count : 2 + random() % 5;  // the others only end
+    const size_t busy = round % 2 == 0 ? count : 2 + random() % 5;  // the others are empty
     const uint64_t spread = areMany ? kSpreads[random() % 4] : 9;
-    const uint64_t early = random() % 2 == 0 ? spread / 8 + 1 : spread;  // some may end sooner
+    const uint64_t early = random() % 2 == 0 ? spread / 8 + 1 : spread;  // some may end earlier
     const size_t most = !isCrowd && round % 4 == 3 ? 100 + random() % 2000 : 0;
     Trace trace;
     std::vector<Records> streams;
@@ -156,14 +156,14 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
     OpenTrace open(trace);
     Messages messages;
     const size_t stopEach = round % 3 == 0 ? 1 + random() % 5 : 0;
-    ASSERT_EQ(difference(servedOrder(streams, stopEach), deliveredOrder(open, stopEach, -1)), "");
-    ASSERT_EQ(difference(servedOrder(streams), deliveredOrder(open, 0, 0)), "");
+    ASSERT_EQ(difference(expectedOrder(streams, stopEach), deliveredOrder(open, stopEach, -1)), "");
+    ASSERT_EQ(difference(expectedOrder(streams), deliveredOrder(open, 0, 0)), "");
   }
 }
 
 // --- statuses ------------------------------------------------------------------------------------
 
-TEST(KltStatus, StreamsTakeTurnsAndThoseThatFailLeaveTheOthersGoingOn) {
+TEST(KltStatus, StreamsHaveTurnsAndFailedOnesDontEndTheOthers) {
   Trace trace;
   uint64_t time = 0;
   for (const auto& [name, records] : {std::pair{"a", 8}, {"b", 1}, {"c", 12}}) {
@@ -177,8 +177,8 @@ TEST(KltStatus, StreamsTakeTurnsAndThoseThatFailLeaveTheOthersGoingOn) {
     Statuses statuses;
   };
   const Case cases[] = {
-      // Without time order, five records of each, then as much as there is. The stream that ends
-      // gives its place to the last one.
+      // Without time order, five records of each stream, then all others. When a stream ends, the
+      // last one moves to its position.
       {"", 0, "aaaaabcccccaaaccccccc", {kTime, kFinished}},
       // A damaged stream ends the call. Only the first turn of a stream is short.
       {"b", 0, "aaaaaaaacccccccccccc", {kDamaged, kTime, kFinished}},
@@ -202,15 +202,15 @@ TEST(KltStatus, StreamsTakeTurnsAndThoseThatFailLeaveTheOthersGoingOn) {
 
 // --- damage --------------------------------------------------------------------------------------
 
-// Calls and comments take two ways through the filter. Where the damage is named doesn't depend on
-// how the component is stored.
-TEST(KltDamage, WhatAFillGatheredAheadOfTheDamageIsLost) {
+// Calls and comments use two paths of the filter. The reported offset of the damage doesn't depend
+// on how the component is stored.
+TEST(KltDamage, RecordsThatAFillCollectedBeforeTheDamageAreLost) {
   for (const bool areCalls : {true, false}) {
     const size_t bytes = areCalls ? 11 : 20;
-    // Fills end where the next record and what goes with it may not fit.
-    const size_t ofAFill = (0x10000 - 11 - (bytes - 1)) / bytes + 1;
-    // The record that doesn't fit any more is looked at, too.
-    for (const size_t records : {ofAFill, ofAFill + 1, 9 * ofAFill, 9 * ofAFill + 1}) {
+    // A fill ends where the next record and its overhead may not fit.
+    const size_t perFill = (0x10000 - 11 - (bytes - 1)) / bytes + 1;
+    // The filter also decodes the record that doesn't fit any more.
+    for (const size_t records : {perFill, perFill + 1, 9 * perFill, 9 * perFill + 1}) {
       std::set<std::string> places;
       for (const unsigned flags : {1U, 3U}) {
         SCOPED_TRACE(std::to_string(records) + " records, flags " + std::to_string(flags));
@@ -225,9 +225,9 @@ TEST(KltDamage, WhatAFillGatheredAheadOfTheDamageIsLost) {
         trace.stream("b", ANY).at(1).comment(0, "b");
         OpenTrace open(trace);
         Messages messages;
-        EXPECT_EQ(open.read().size(), (records - 1) / ofAFill * ofAFill + 2);
+        EXPECT_EQ(open.read().size(), (records - 1) / perFill * perFill + 2);
         EXPECT_EQ(open.statuses, (Statuses{kContinuing, kFinished}));
-        // Without time order all that came ahead of it is told, and the filter is closed.
+        // Without time order all records before it are delivered, and an end_of_filter.
         EXPECT_EQ(open.read({}, 0).size(), records + 3);
         const std::string text = messages.take();
         const size_t place = text.find(".a (rectype 127, offset ");
@@ -239,7 +239,7 @@ TEST(KltDamage, WhatAFillGatheredAheadOfTheDamageIsLost) {
   }
 }
 
-TEST(KltDamage, AComponentThatEndsEarlyGivesWhatCameBefore) {
+TEST(KltDamage, ATruncatedComponentDeliversTheRecordsBefore) {
   constexpr size_t kRecords = 40000;
   for (const unsigned flags : {1U, 3U}) {
     Trace trace(flags);
@@ -258,7 +258,7 @@ TEST(KltDamage, AComponentThatEndsEarlyGivesWhatCameBefore) {
       EXPECT_EQ(open.lostData, lines.size() < kRecords);
     }
     if (flags == 1) continue;
-    // A length that can't be true is of no use, one in the other byte order is.
+    // An impossible length is ignored, one in the other byte order is used.
     for (const char* length : {"\xff\xff\xff\xff\xff\xff\xff\x7f", "\0\0\0\0\0\xaa\xbb\xcc"}) {
       const Messages messages;
       TraceFiles files = trace.files();

@@ -1,4 +1,4 @@
-// Reading built traces in tests, as lines of text.
+// Reads built traces in tests, as lines of text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@
 
 namespace reading {
 
-// What goes to standard error while it lives.
+// Captures standard error while the object exists.
 class Messages {
  public:
   Messages() { testing::internal::CaptureStderr(); }
@@ -26,7 +26,7 @@ class Messages {
   Messages(const Messages&) = delete;
   Messages& operator=(const Messages&) = delete;
 
-  // The first call ends it.
+  // The first call ends the capture and returns its text.
   std::string take() {
     return std::exchange(taken_, true) ? "" : testing::internal::GetCapturedStderr();
   }
@@ -35,7 +35,7 @@ class Messages {
   bool taken_ = false;
 };
 
-// A trace on disk, open; its definitions have been read into `definitions`.
+// An open trace on disk; its definitions have been read into `definitions`.
 class OpenTrace {
  public:
   explicit OpenTrace(const tb::Trace& trace) : OpenTrace(trace.files()) {}
@@ -59,7 +59,7 @@ class OpenTrace {
                               int mode = KLT_MODE_EVENTS) const {
     return openReader(handle_, table, requests, serial, mode);
   }
-  // The lines of one pass up to the end, errors passed over. `statuses` gets all results.
+  // The lines of one pass to its end, also after errors. Sets `statuses` to all results.
   [[nodiscard]] Lines read(Recorder& recorder, const std::vector<KLT_Request>& requests = {},
                            int serial = 1, int mode = KLT_MODE_EVENTS) {
     const Reader open = reader(recorder.table, requests, serial, mode);
@@ -81,7 +81,7 @@ class OpenTrace {
   KLT_FileHandle* handle_;
 };
 
-// What is on disk under a name: definitions, then events.
+// The lines of the trace with this name: definitions, then events.
 inline Lines linesOf(const std::string& name) {
   KLT_FileHandle* handle = KLT_Open(name.c_str());
   Recorder recorder;
@@ -92,7 +92,7 @@ inline Lines linesOf(const std::string& name) {
   return std::move(recorder.lines);
 }
 
-// A request; without threads of all.
+// A request; without `threads` for all threads.
 inline KLT_Request window(uint64_t start, uint64_t end, uint32_t categories = 1,
                           std::initializer_list<uint32_t> threads = {}) {
   KLT_Request request;
@@ -124,7 +124,7 @@ inline Lines without(Lines lines, std::initializer_list<std::string_view> names)
   return lines;
 }
 
-// Where two passes differ first; empty if they don't.
+// The first difference between two passes; empty if there is none.
 inline std::string difference(const Lines& expected, const Lines& got) {
   const auto [a, b] = std::mismatch(expected.begin(), expected.end(), got.begin(), got.end());
   if (a == expected.end() && b == got.end()) return "";

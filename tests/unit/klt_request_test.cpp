@@ -1,5 +1,5 @@
-// Normalised requests: instant by instant against what the requests themselves select, and examples
-// of what instants don't show.
+// Normalised requests: compared at each instant with what the requests select, and examples of what
+// this comparison doesn't show.
 #include "klt/read/klt_request.h"
 
 #include <gtest/gtest.h>
@@ -32,14 +32,14 @@ Requests normalised(const Requests& requests) {
 TEST(KltRequest, KeepsUnitesAndCuts) {
   const std::pair<Requests, const char*> cases[] = {
       {{{5, 4, 6, {{9, 3, 1}, {2, 1, -1}}}}, "5-18446744073709551615 6 9:3 2:1 "},
-      // A request that holds the others stays with its threads as they were given.
+      // A request that includes the others keeps the order of its threads.
       {{{1, 20, 4, {{7, 7, 1}, {1, 3, 1}}}, {5, 20, 4, {{2, 3, 1}}}}, "1-20 4 7:7 1:3 "},
-      // Windows without length stay where nothing else shows the state of their instant.
+      // Windows without length are kept unless another window includes the state at their instant.
       {{{7, 7, 8, {}}, {1, 5, 4, {}}, {5, 5, 8, {}}, {7, 7, 4, {}}}, "1-5 4 5-5 8 7-7 12 "},
       {{{1, 9, 4, {}}, {5, 5, 8, {}}, {9, 9, 4, {}}}, "1-9 4 "},
       {{{5, 5, 8, {{1, 1, 1}}}, {5, 9, 8, {}}}, "5-9 8 "},
       {{{1, 5, 12, {}}, {5, 5, 4, {{1, 1, 1}}}, {5, 9, 12, {}}}, "1-5 12 5-5 4 1:1 5-9 12 "},
-      // Threads that name nobody don't become all threads.
+      // A list without threads doesn't become all threads.
       {{{1, 9, 4, {{3, 1, 1}}}, {1, 9, 8, {{4, 2, 1}}}}, "1-9 12 3:1 4:2 "},
       {{{1, 9, 4, {{3, 1, 1}}}, {1, 9, 8, {{4, 6, 1}}}}, "1-9 12 4:6 "},
   };
@@ -48,7 +48,7 @@ TEST(KltRequest, KeepsUnitesAndCuts) {
   testing::internal::GetCapturedStderr();
 }
 
-// The categories at an instant, of which 1 stands for all, and the threads, of which -1 does.
+// The selected categories (1: all) and threads (-1: all) at an instant.
 std::pair<uint32_t, std::set<int32_t>> selectedAt(uint64_t instant, const Requests& requests) {
   uint32_t categories = 0;
   std::set<int32_t> threads;

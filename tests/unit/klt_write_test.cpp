@@ -1,5 +1,5 @@
-// Traces that the writer makes, as the reader sees them: storage forms, seek points, records
-// completed later, and what doesn't fit.
+// Writes traces and reads them again: storage forms, seek points, records completed later, and
+// values that don't fit.
 #include "klt/write/klt_write.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ class KltWrite : public testing::Test {
  protected:
   [[nodiscard]] std::string path(const std::string& name) const { return directory_ / name; }
 
-  // Writes a trace by `calls`; false if something is missing in it.
+  // Writes a trace by `calls`; false if it is incomplete.
   template <class Calls>
   bool write(const std::string& name, Calls&& calls, int form = KLT_FORM_PLAIN,
              uint32_t flags = 2) const {
@@ -48,8 +48,8 @@ class KltWrite : public testing::Test {
   tb::TempDir directory_;
 };
 
-// Streams of several seek points. Calls, scopes and messages stay open across them, messages step
-// back in time as those of a second window do, and some are known only later or never.
+// Streams with several seek points, at which calls, scopes and messages are open. The times of
+// messages decrease as at a second window, and some messages are completed later or never.
 void writeRun(KLT_WFileHandle* w, bool completesLater) {
   std::mt19937 random(5);
   KLT_Write<28>(w, nullptr, uint64_t{5}, 0U, 1U);
@@ -121,22 +121,22 @@ TEST_F(KltWrite, EveryFormIsReadBackTheSameWithSeekPointsAndWithout) {
   }
 }
 
-// What a field can't count is left out, told with the place that finds it, and missed at the end.
-TEST_F(KltWrite, WhatDoesNotFitIsToldAndCostsTheOutputItsCompleteness) {
+// What exceeds a count is left out and reported with the source location; the output is incomplete.
+TEST_F(KltWrite, WhatDoesNotFitIsReportedAndMakesTheOutputIncomplete) {
   const std::string text(65536, 'x');
   const std::pair<const char*, std::function<void(KLT_WFileHandle*)>> cases[] = {
-      {"0x10001 to unsigned 2-byte",  // isn't lost
+      {"0x10001 to unsigned 2-byte",  // nothing is lost
        [](auto* w) { KLT_Write<53>(w, nullptr, kTime, 0U, 1U, 1U, 0x10001U, 8U, 0U, 0U, 0U); }},
       {"0x10000 to unsigned 2-byte",
        [&](auto* w) { KLT_Write<18>(w, nullptr, kTime, 0U, text.c_str()); }},
   };
-  for (const auto& [told, calls] : cases) {
+  for (const auto& [report, calls] : cases) {
     reading::Messages messages;
-    EXPECT_EQ(write("t.klt", calls), &told == &cases[0].first);
-    const std::string said = messages.take();
+    EXPECT_EQ(write("t.klt", calls), &report == &cases[0].first);
+    const std::string written = messages.take();
     const size_t at =
-        said.find("KLT Encoding Error: reducing unsigned 4-byte " + std::string(told));
-    EXPECT_NE(said.find("klt/write/klt_write_row.h:", at), std::string::npos) << said;
+        written.find("KLT Encoding Error: reducing unsigned 4-byte " + std::string(report));
+    EXPECT_NE(written.find("klt/write/klt_write_row.h:", at), std::string::npos) << written;
   }
 }
 

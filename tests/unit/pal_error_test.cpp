@@ -1,4 +1,4 @@
-// The message format, its gates and targets, and the debug channel.
+// The format, settings and targets of messages, and the debug channel.
 #include "util/pal_error.h"
 #include "util/pal_debug.h"
 
@@ -10,20 +10,20 @@
 
 namespace {
 
-std::string told;  // to the callback
+std::string received;  // by the callback
 
-void tell(void*, const char* block, size_t length) {
-  told.append(block, length);
+void receive(void*, const char* block, size_t length) {
+  received.append(block, length);
   errno = EBADF;
 }
 
-TEST(PalError, EachLineOfALevelThatIsOnHasThePrefixOfTheSettings) {
+TEST(PalError, EachLineOfAnEnabledLevelHasThePrefixOfTheSettings) {
   const PAL_MessageSettings saved = PAL_messages;
   const std::pair<PAL_MessageSettings, std::string> cases[] = {
-      {{nullptr, nullptr, 0, 1, 0, std::tmpfile(), &tell}, ""},
-      {{"tool", "tool", 0, 0, 1, std::tmpfile(), &tell}, "tool "},
-      {{"tool", nullptr, 1, 1, 1, std::tmpfile(), &tell}, "TIME tool "},
-      {{"tool", "p 3", 1, 1, 1, std::tmpfile(), &tell}, "[p 3 TIME] tool "}};
+      {{nullptr, nullptr, 0, 1, 0, std::tmpfile(), &receive}, ""},
+      {{"tool", "tool", 0, 0, 1, std::tmpfile(), &receive}, "tool "},
+      {{"tool", nullptr, 1, 1, 1, std::tmpfile(), &receive}, "TIME tool "},
+      {{"tool", "p 3", 1, 1, 1, std::tmpfile(), &receive}, "[p 3 TIME] tool "}};
   std::string texts[] = {"\n\na\n\n\nb", std::string(1023, 'x'), std::string(1024, 'x'), "",
                          " \t\n"};
   for (int i = 0; i < 6000; ++i) texts[3] += "a\n";
@@ -37,13 +37,13 @@ TEST(PalError, EachLineOfALevelThatIsOnHasThePrefixOfTheSettings) {
       }
       PAL_messages = settings;
       testing::internal::CaptureStderr();
-      told.clear();
+      received.clear();
       errno = ENOTDIR;
-      for (const auto say : {&PAL_Info, &PAL_Warning, &PAL_Error}) say("%s", text.c_str());
+      for (const auto write : {&PAL_Info, &PAL_Warning, &PAL_Error}) write("%s", text.c_str());
       EXPECT_EQ(errno, ENOTDIR);
-      EXPECT_TRUE(testing::internal::GetCapturedStderr() == told);
-      EXPECT_TRUE(std::regex_replace(told, time, "TIME") == expected) << prefix << text.size();
-      EXPECT_EQ(std::ftell(settings.logStream), static_cast<long>(told.size()));
+      EXPECT_TRUE(testing::internal::GetCapturedStderr() == received);
+      EXPECT_TRUE(std::regex_replace(received, time, "TIME") == expected) << prefix << text.size();
+      EXPECT_EQ(std::ftell(settings.logStream), static_cast<long>(received.size()));
       std::rewind(settings.logStream);
     }
     std::fclose(settings.logStream);
@@ -51,7 +51,7 @@ TEST(PalError, EachLineOfALevelThatIsOnHasThePrefixOfTheSettings) {
   PAL_messages = saved;
 }
 
-TEST(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
+TEST(PalError, MessagesAboutDataThatIsReadTwiceAreWrittenOnce) {
   PAL_MessagesOnce messages;
   testing::internal::CaptureStderr();
   for (const char text : {'a', 'a', 'b'}) PAL_Warning("%c", text);
@@ -62,7 +62,7 @@ TEST(PalError, WhatIsReadTwiceIsComplainedOfOnce) {
 }
 
 TEST(PalError, ControlBytesOfNamesAreEscaped) {
-  // Also those above 0x7f, as such and in UTF-8, but no other character of UTF-8.
+  // Also those above 0x7f, as a byte and in UTF-8, but no other character of UTF-8.
   EXPECT_EQ(PAL_Printable({"\x1f\x7f\0 \x9b\xc2\x9b\xc3\x9b", 9}),
             "\\x1f\\x7f\\x00 \\x9b\\xc2\\x9b\xc3\x9b");
   testing::internal::CaptureStderr();
@@ -71,8 +71,8 @@ TEST(PalError, ControlBytesOfNamesAreEscaped) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "t\\x0d: No such file or directory\n");
 }
 
-// The channel remembers its descriptor and position, so it runs in a process of its own.
-TEST(PalErrorDeathTest, DebugChannelPutsTimeAndPlaceAheadOfEachLine) {
+// The channel stores its descriptor and position, so the test runs in a process of its own.
+TEST(PalErrorDeathTest, DebugChannelWritesTimeAndLocationBeforeEachLine) {
   const auto debug = [] {
     setenv("PAL_DEBUG_FD", "2", 1);
     errno = ERANGE;

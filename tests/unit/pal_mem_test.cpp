@@ -10,7 +10,7 @@
 
 namespace {
 
-// Hooks that count. So many of the next allocations fail; so many retries answer "try again".
+// The hooks count. The next `failures` allocations fail; the next `retries` retries return 1.
 int allocations, releases, failures, retries;
 
 template <auto function, class... Args>
@@ -56,13 +56,13 @@ TEST_F(PalMem, OperationsReachTheHooksUnlessTheSizeIsZero) {
   }
 }
 
-TEST_F(PalMem, BlocksAreAlignedAndTemporaryOnesLeaveTheFrameAtTheLimit) {
+TEST_F(PalMem, BlocksAreAlignedAndTemporaryOnesFromTheLimitOnAreOnTheHeap) {
   struct alignas(256) Wide {
     char text[300];
   };
   const auto offset = [](const void* block) { return reinterpret_cast<uintptr_t>(block) % 256; };
   ::operator delete(::operator new(0));
-  Wide* volatile wide = new (std::nothrow) Wide[3];  // volatile: else a compiler leaves it out
+  Wide* volatile wide = new (std::nothrow) Wide[3];  // volatile: else the compiler removes it
   EXPECT_EQ(offset(std::memset(wide, 0xff, 3 * sizeof(Wide))), 0U);
   delete[] wide;
   for (const size_t size : {0U, 65535U, 65536U}) {
@@ -76,7 +76,7 @@ TEST_F(PalMem, BlocksAreAlignedAndTemporaryOnesLeaveTheFrameAtTheLimit) {
 
 using PalMemDeathTest = PalMem;
 
-// Also when the report itself might want memory. Other sizes and places: tests/faults.
+// Also if no memory is left for the report. Other sizes and locations: tests/faults.
 TEST_F(PalMemDeathTest, ExhaustionNamesSizeAndCallerAndEndsTheProcess) {
   const auto exhausted = [] {
     failures = 1 << 20;
@@ -89,7 +89,7 @@ TEST_F(PalMemDeathTest, ExhaustionNamesSizeAndCallerAndEndsTheProcess) {
               testing::Eq("ERROR: out of memory (1000 byte) [outer:5], aborting.\n"));
 }
 
-TEST(PalPack, WhatIsPackedComesBackWholeOrNotAtAll) {
+TEST(PalPack, UnpacksAllOfAnItemOrNothing) {
   const PAL_PackType types[] = {{PAL_PACK_BYTE, 8}, {PAL_PACK_INT32, 8}, {PAL_PACK_END, 0}};
   int64_t sent[] = {1, 0x7f7f7f7f, 255, -4};
   PAL_Buffer buffer, again;

@@ -1,4 +1,4 @@
-// Endpoints, and the group operations when there is nobody else.
+// Endpoints, and the operations of a group of one process.
 #include "util/pal_socket.h"
 
 #include <arpa/inet.h>
@@ -18,10 +18,10 @@ namespace {
 
 bool isOpen(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-TEST(PalSocket, EndpointsListenWhereTheirContactsSay) {
+TEST(PalSocket, EndpointsListenAtTheirContacts) {
   std::string text;
   PAL_Socket* first;
-  // Numbers, which need no look-up. The loopback's name is preferred to its address.
+  // A number, which needs no look-up. For the loopback address the contact has the name.
   ASSERT_EQ(PAL_SocketListen(7, 2, "127.1", text, first), 0);
   std::smatch parts;
   const std::string token = std::to_string(first->token);

@@ -1,5 +1,5 @@
-// Triplet lists against brute force: every operation is compared with sets of numbers on small
-// random lists, and shown to be immediate on lists that stand for billions of numbers.
+// Triplet lists: every operation is compared with sets of numbers on small random lists, and must
+// be fast on lists with billions of numbers.
 #include "util/triplets/pal_triplets.h"
 
 #include <gtest/gtest.h>
@@ -25,8 +25,8 @@ class PalTriplets : public testing::Test {
  protected:
   PalTriplets() { testing::internal::CaptureStderr(); }
   ~PalTriplets() override { EXPECT_EQ(testing::internal::GetCapturedStderr(), ""); }
-  // The first letters of the messages since the last time: Invalid data, Wrong stride.
-  static std::string told() {
+  // The first letters of the messages since the last call: Invalid data, Wrong stride.
+  static std::string reported() {
     const std::string messages = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     return std::regex_replace(messages, std::regex("ERROR: (.).*\n"), "$1");
@@ -48,7 +48,7 @@ TEST_F(PalTriplets, ParsesOneToThreePiecesOf191Characters) {
   }
 }
 
-// The greedy rule in its plainest form. A number that is repeated counts once.
+// The greedy rule in its simplest form. A repeated number counts once.
 PAL_Triplets greedy(Numbers v) {
   v.erase(std::unique(v.begin(), v.end()), v.end());
   PAL_Triplets result;
@@ -115,10 +115,10 @@ TEST_F(PalTriplets, AgreeWithSetsOfNumbers) {
   }
 }
 
-TEST_F(PalTriplets, ListsThatHoldFewOrBillionsCostLittle) {
+TEST_F(PalTriplets, ListsOfFewOrBillionsOfNumbersTakeLittleTime) {
   const PAL_Triplets all{{kMin, kMax, 1}}, positive{{0, kMax, 1}}, odd{{kMin + 1, kMax, 2}},
       even{{kMax - 1, kMin, -2}}, good{{2, 9, 1}}, bad{{1, 5, 1}, {3, 1, 1}};
-  // These interleave without end, and for long.
+  // Two lists that interleave over a long range.
   const PAL_Triplets sieve{{0, kMax, 2}, {0, kMax, 3}, {1, kMax, 5}, {2, kMax, 7}};
   const PAL_Triplets some{{0, 12, 1}, {65535, 65536 * 50 + 65535, 65536}};
   // 1,000 processes of 200 threads each, listed process by process.
@@ -138,14 +138,14 @@ TEST_F(PalTriplets, ListsThatHoldFewOrBillionsCostLittle) {
       {intersect, even, positive, {{0, kMax - 1, 2}}},
       {intersect, sieve, some, PAL_TripletsIntersect(some, sieve)},
       {unite, sieve, {}, {}, "I"},
-      // An invalid entry empties the operand that is walked.
+      // An invalid entry makes the checked operand empty.
       {intersect, bad, good, {}, "I"},
       {unite, {{2, 9, 0}, {2, 9, 1}}, {}, good, "W"},
   };
   const std::clock_t begin = std::clock();
   for (const auto& c : cases) {
     EXPECT_EQ(c.call(c.a, c.b), c.result);
-    EXPECT_EQ(told(), c.messages) << &c - cases;
+    EXPECT_EQ(reported(), c.messages) << &c - cases;
   }
   int32_t number = 0;
   EXPECT_FALSE(PAL_TripletsOverlap(even, odd) || PAL_TripletsEqual(some, sieve));
@@ -154,12 +154,12 @@ TEST_F(PalTriplets, ListsThatHoldFewOrBillionsCostLittle) {
   EXPECT_TRUE(PAL_TripletsFirstCommon(even, positive, &number));
   EXPECT_EQ(number, kMax - 1);
   EXPECT_LT(std::clock() - begin, 20 * CLOCKS_PER_SEC);
-  // At the limits of what is counted and expanded.
+  // At the limits of counting and expansion.
   EXPECT_EQ(PAL_TripletsCount(PAL_Triplets{{0, kMax, 1}, {-1, kMin + 2, -1}}), 4294967294U);
   EXPECT_EQ(PAL_TripletsExpand(PAL_Triplets{{1, 1 << 20, 1}}).size(), 1U << 20);
   EXPECT_EQ(PAL_TripletsCount(PAL_Triplets{{0, kMax, 1}, {-1, kMin + 1, -1}}), 0U);
   EXPECT_TRUE(PAL_TripletsExpand(PAL_Triplets{{0, 1 << 20, 1}}).empty());
-  EXPECT_EQ(told(), "II");
+  EXPECT_EQ(reported(), "II");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Directories, on real files in a directory of the test's own; texts.
+// Functions on directories, with files in a temporary directory, and on texts.
 #include "util/pal_util.h"
 
 #include <fcntl.h>
@@ -15,12 +15,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
+TEST(PalUtil, CallsInADirectoryReturnToThePreviousOneWithTheirErrno) {
   const tb::TempDir directory;
-  // Longer than the first buffer for it.
+  // A path that is longer than the first buffer.
   const std::string root = fs::canonical(directory.path()).string() + '/' + std::string(250, 'd');
   const std::string sub = root + "/sub", file = sub + "/f";
-  const auto look = [] {
+  const auto directoryAndErrno = [] {
     const auto seen = PAL_GetCwd();
     return errno = EXDEV, seen;
   };
@@ -28,9 +28,9 @@ TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
   fs::current_path(root);
   tb::writeFile(file, "");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(PAL_InDir("./sub/", look), sub);
+  EXPECT_EQ(PAL_InDir("./sub/", directoryAndErrno), sub);
   EXPECT_EQ(errno, EXDEV);
-  for (const char* same : {".", "no\nne"}) EXPECT_EQ(PAL_InDir(same, look), root);
+  for (const char* same : {".", "no\nne"}) EXPECT_EQ(PAL_InDir(same, directoryAndErrno), root);
   EXPECT_GE(PAL_OpenInDir("sub", "f", O_RDONLY, 0), 0);
   EXPECT_GE(PAL_OpenInDir("/", file.c_str(), O_RDONLY, 0), 0);
   EXPECT_EQ(PAL_RemoveInDir("sub", "f"), 0);
@@ -39,7 +39,7 @@ TEST(PalUtil, CallsInADirectoryComeBackWithTheirErrno) {
   fs::current_path("/");
 }
 
-TEST(PalStrings, TablesKnowAsciiOnlyAndTextsAreWhole) {
+TEST(PalStrings, TablesAreForAsciiOnlyAndLongTextsAreComplete) {
   for (int byte = 1; byte < 256; ++byte) {
     const char c = static_cast<char>(byte);
     const bool ascii = byte < 128;

@@ -1,4 +1,4 @@
-// Virtual descriptors: what survives when the kernel runs out of real ones, and what is reported.
+// Virtual descriptors: closing files to make room, opening them again, and reports of errors.
 #include "util/vfd.h"
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-// What the replaced system calls count and decide by.
+// Descriptors opened by the replaced system calls, and how many opens fail next.
 size_t opens, refusals;
 
 class VfdTest : public testing::Test {
@@ -27,7 +27,7 @@ class VfdTest : public testing::Test {
       return ++opens, Vfd_osCalls.open(name, flags, mode);
     };
     Vfd_systemCalls.dup = [](int fd) { return ++opens, Vfd_osCalls.dup(fd); };
-    // After a signal the file is closed all the same.
+    // Linux closes the file even if a signal interrupts close().
     Vfd_systemCalls.close = [](int fd) { return Vfd_osCalls.close(fd), errno = EINTR, -1; };
   }
   ~VfdTest() override { Vfd_systemCalls = Vfd_osCalls; }
@@ -58,12 +58,12 @@ class VfdTest : public testing::Test {
 
 using VfdDeathTest = VfdTest;
 
-// Of all descriptors that the process ever had: so it is one that has had no others.
-TEST_F(VfdDeathTest, ATenthMakesRoomLeastRecentlyUsedFirstAndPinnedFilesStay) {
+// A tenth of all descriptors that the process ever had, so the test needs a new process.
+TEST_F(VfdDeathTest, ATenthIsClosedLeastRecentlyUsedFirstButNoPinnedFiles) {
   const auto opensAtEach = [this](size_t count) {
     std::vector<int> files;
     while (files.size() < count) files.push_back(open(std::to_string(files.size())));
-    for (const int on : {0, 1}) EXPECT_EQ(Vfd_Pin(files[1], on), 0);  // 0 owes nothing
+    for (const int on : {0, 1}) EXPECT_EQ(Vfd_Pin(files[1], on), 0);  // not below 0
     for (const size_t i : {0U, 2U}) write(files[i], "used");          // 3, 4... are older
     refusals = 1;
     EXPECT_EQ(Vfd_Close(open("new")), 0);
@@ -102,7 +102,7 @@ TEST_F(VfdTest, OpeningAgainNeitherTruncatesNorAppendsNorCreates) {
   for (const int file : files) EXPECT_EQ(Vfd_Close(file), 0);
 }
 
-TEST_F(VfdTest, ADuplicateCostsNothingUntilUsedAndSharesThePosition) {
+TEST_F(VfdTest, ADuplicateIsOpenedOnItsFirstUseAndSharesThePosition) {
   tb::writeFile(path("f"), "0123456789");
   const int file = open("f", O_RDONLY);
   EXPECT_EQ(read(file, 2), "01");
@@ -111,17 +111,17 @@ TEST_F(VfdTest, ADuplicateCostsNothingUntilUsedAndSharesThePosition) {
   for (const char* text : {"23", "67"}) {
     EXPECT_EQ(read(twin, 2), text);
     EXPECT_EQ(read(file, 2), text == std::string("23") ? "45" : "89");
-    evictAll();  // closed at 6, where whichever opens first does so, and the other joins it
+    evictAll();  // at 6, the position of the first to be opened again; the other shares it
   }
   EXPECT_EQ(opens, 4U);
-  // The file is known until its last descriptor goes.
+  // The file can be opened again until its last descriptor is closed.
   EXPECT_EQ(Vfd_Close(file), 0);
   EXPECT_EQ(Vfd_Seek(twin, 1, SEEK_SET), 1);
   EXPECT_EQ(read(twin, 1), "1");
   EXPECT_EQ(Vfd_Close(twin), 0);
 }
 
-TEST_F(VfdTest, ErrorsAreReportedOnceAlsoOfClosingToMakeRoom) {
+TEST_F(VfdTest, ErrorsAreReportedOnceAlsoThoseOfClosingToMakeRoom) {
   const int file = open("f"), closed = open("g");
   for (const int result : {0, -1}) EXPECT_EQ(Vfd_Close(closed), result);
   for (const bool closing : {false, true}) {
