@@ -1,4 +1,4 @@
-// Defines the functions that libFuzzer calls, by those of a target.
+// Defines the functions that libFuzzer calls. They call those of a target.
 #include <cstring>
 
 #include "fuzz/fuzz_target.h"

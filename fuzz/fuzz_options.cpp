@@ -1,4 +1,4 @@
-// Fuzzes the option grammar, times and triplets. The first byte selects what the others are.
+// Fuzzes the option grammar, times and triplets. The first byte selects the function.
 #include <cmath>
 #include <vector>
 

@@ -162,7 +162,7 @@ tb::TraceFiles componentsOf(std::string_view container) {
   tb::TraceFiles files;
   KLT_Container* opened = KLT_ContainerOpen(nullptr, base.c_str(), O_RDONLY, 0);
   if (opened == nullptr) return files;
-  size_t left = container.size();  // of what is read, because extents may overlap
+  size_t left = container.size();  // bytes to read at most, because extents may overlap
   for (const std::string& key : KLT_ContainerKeys(opened)) {
     KLT_IoFile* file = KLT_IoOpen(opened, key == " " ? base.c_str() : (base + key).c_str());
     if (file == nullptr) continue;

@@ -70,7 +70,7 @@ WrittenMessages& Written() {
 }
 
 // Whether the message repeats one of the first reading. Storing a message allocates memory. If that
-// fails, this function is called again for the report of it, which is never taken for a repetition.
+// fails, this function is called again for the report of it, which never counts as a repetition.
 bool IsRepeated(std::string_view text) {
   static thread_local bool isInside = false;
   if (isInside) return false;

@@ -39,7 +39,7 @@ namespace {
 struct VfdEntry;
 struct VfdFile;
 
-// The two neighbours of an entry in one of the lists that it can be in.
+// The two neighbours of an entry in one of its lists.
 struct Link {
   VfdEntry* previous = nullptr;
   VfdEntry* next = nullptr;
@@ -311,8 +311,8 @@ ssize_t waitUntilWritable(int descriptor) {
   return -1;
 }
 
-// Converts the result of a write for transferFully. A write of 0 bytes becomes the error EIO, and
-// one that would block is repeated after waiting.
+// Converts the result of a write for transferFully. A write of 0 bytes becomes the error EIO, and a
+// write that would block is repeated after waiting.
 ssize_t writeResult(int descriptor, ssize_t count) {
   if (count == 0) errno = EIO;
   return count < 0 && errno == EAGAIN ? waitUntilWritable(descriptor) : count;

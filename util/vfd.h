@@ -67,4 +67,4 @@ struct VfdSystemCalls {
   int (*fstat)(int fd, struct stat* info);
 };
 extern const VfdSystemCalls Vfd_osCalls;  // the operating system's
-extern VfdSystemCalls Vfd_systemCalls;    // the ones in use
+extern VfdSystemCalls Vfd_systemCalls;    // the functions in use

@@ -210,12 +210,12 @@ struct KLT_Row {
   [[nodiscard]] constexpr bool movesTimeOnly() const {
     return filter == KLT_FilterClass::kTimeForward || filter == KLT_FilterClass::kTimeBack;
   }
-  // Whether an entry of a history at a seek point may refer to such a record.
+  // Whether an entry of a history at a seek point may refer to records of this row.
   [[nodiscard]] constexpr bool replayed() const {
     return traits().context || filter == KLT_FilterClass::kTimeForward;
   }
-  // Whether the filter may accept such a record without reading its fields: its size is fixed and
-  // the only context that it changes is the depth of the call stack.
+  // Whether the filter may accept a record of this row without reading its fields: its size is
+  // fixed and the only context that it changes is the depth of the call stack.
   [[nodiscard]] constexpr bool plain() const {
     for (size_t f = 0; f < numFields; ++f) {
       if (fields[f].isCount()) return false;

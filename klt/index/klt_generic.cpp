@@ -59,8 +59,8 @@ Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   return candidate;
 }
 
-// Maps each count, which has no name, by the first mapped field after it: to the last stored count
-// before the stored field of that one. False if no field after a count is mapped.
+// Maps the counts, which have no name. A count is mapped to the last stored count before the stored
+// field of the first mapped field after it. False if no field after a count is mapped.
 bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
   const KLT_Row& row = *candidate.row;
   for (size_t i = 0; i < row.numFields; ++i) {
@@ -173,8 +173,8 @@ KLT_Parse locateFields(KLT_StoredLayout& layout, KLT_Input& input, size_t& disk)
   return KLT_Parse::kRecord;
 }
 
-// Whether the row's counts can hold those of the record. The first record for which they can't is
-// reported.
+// Whether the row's counts are wide enough for those of the record. The first record for which they
+// aren't is reported.
 bool countsFit(KLT_StoredLayout& layout, const uint8_t* input) {
   for (size_t i = 0; i < layout.row->numFields; ++i) {
     const KLT_Field& field = layout.row->fields[i];

@@ -28,7 +28,7 @@
 struct KLT_StoredField {
   std::string name;         // empty for a count
   uint32_t descriptor = 0;  // as in a row
-  int map = -1;             // the row's field that is read from this one, or -1
+  int map = -1;             // index of the row's field that is read from it, or -1
 
   [[nodiscard]] KLT_Type type() const { return static_cast<KLT_Type>(descriptor & 0xff); }
   [[nodiscard]] bool isCount() const { return (descriptor & kKltCount) != 0; }

@@ -43,7 +43,7 @@ int afterFailure(const KLT_Reader& reader) {
   return reader.streams.empty() ? KLT_STATUS_ABORTING : KLT_STATUS_CONTINUING;
 }
 
-// Fills the stream if all records of its last fill have been delivered, and makes the next ones
+// Fills the stream if all records of its last fill have been delivered, and makes the next records
 // available in its lane. Removes a stream that has ended or failed.
 Next prepareNext(KLT_Reader& reader, size_t index) {
   KLT_Lane& lane = reader.lanes[index];

@@ -255,7 +255,7 @@ size_t writePiece(KLT_IoFile* file, const uint8_t* data, size_t bytes) {
   return done;
 }
 
-// Whether the position is at the end, the only one at which a serial container can be written.
+// Whether the position is at the end. A serial container can only be written there.
 bool isAtEnd(const KLT_IoFile* file) {
   const KLT_DirEntry& entry = *file->entry;
   return entry.used == 0 || entry.extents[file->current].start + file->pos == entry.length();

@@ -1,4 +1,4 @@
-// Loads seek points, chooses among them, and rebuilds the context at one. See klt_anchor.h.
+// Loads seek points, chooses among them, and rebuilds the context. See klt_anchor.h.
 //
 // An anchor file contains groups: history records, then one `anchor` record with the offset in the
 // data file at which reading can start and the running time there. Loading stores the offset of

@@ -229,7 +229,7 @@ bool isPlain(const KLT_Stream& s, unsigned number) {
          s.packed.turn == nullptr && filter.time >= filter.start;
 }
 
-// Processes records until the result of one needs an action or the buffer is empty. Without time
+// Processes records until the step of a record needs an action or the buffer is empty. Without time
 // order it processes one record.
 Step processRecords(KLT_Stream& s) {
   const KLT_DecoderEntry* const entries = s.pass->handle->decoders->entries.data();

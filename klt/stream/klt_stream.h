@@ -145,7 +145,7 @@ struct KLT_PackedRecords {
   // in memory form; their encoded size limits how far a stream is read ahead.
   static constexpr size_t kFillBytes = 0x10000;
   // Encoded bytes to reserve for a record besides its fields: the number byte, a time record of 9
-  // bytes, and one more.
+  // bytes, and 1 byte.
   static constexpr size_t kRecordOverhead = 11;
 
   KLT_RecordBuffer records;
@@ -155,8 +155,8 @@ struct KLT_PackedRecords {
   uint64_t consumedBeforeFill = 0;  // bytes consumed from the input before the last fill
   KLT_Turn* turn = nullptr;         // receives the records at once; null: they are merged by time
 
-  // Whether there is room for `more` encoded bytes. If there are no other records, the capacity
-  // grows to what a larger record needs.
+  // Whether there is room for `more` encoded bytes. If there are no other records, the capacity is
+  // increased for a larger record.
   [[nodiscard]] bool makeRoom(size_t more) {
     const size_t needed = encodedBytes + more;
     if (needed <= capacity || turn != nullptr) [[likely]]

@@ -1,5 +1,5 @@
 // Computes the profiles of a trace while it is written: numbers and durations of function calls,
-// messages and collective operations. The struct Key of each profile lists what it is counted by.
+// messages and collective operations. There is one profile for each Key.
 //
 // Owned by a writer, which adds each record; klt_write_stats writes the profiles. Times are in
 // ticks of the clock (time stamps shifted right by the event bits). Profiles are in the order in

@@ -38,7 +38,7 @@ void KLT_OffsetEntries::setEnd(uint64_t offset, uint64_t end) {
 }
 
 // Only the last sample of each counter has an entry: a new sample changes the entry of the previous
-// one.
+// sample.
 void KLT_OffsetEntries::setCounters(const KLT_OffsetNote& note) {
   for (uint32_t i = note.count; i-- > 0;) {
     const uint32_t counter = note.counters[i];

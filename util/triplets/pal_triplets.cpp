@@ -313,7 +313,7 @@ bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
 bool PAL_TripletsEqual(PAL_TripletSpan a, PAL_TripletSpan b) {
   const Sections x = checkedSections(a);
   const Sections y = checkedSections(b);
-  // Lists can't be equal if one has a section with more numbers than the other has in all.
+  // Lists can't be equal if one has a section with more numbers than the other list in total.
   if (largestCount(x) > countNumbers(y) || largestCount(y) > countNumbers(x)) return false;
   const std::optional<Sets> sets = makeSetsOrReport(x, y);
   if (!sets) return false;
