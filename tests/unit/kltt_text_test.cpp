@@ -4,7 +4,9 @@
 #include <bit>
 #include <cfloat>
 #include <cmath>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <set>
 #include <string>
@@ -57,8 +59,11 @@ class KlttText : public testing::Test {
   }
   std::string written() {
     RK_OutputFlush(sink_->output);
-    const std::string all = tb::readFile(sink_->name);
-    return all.substr(std::exchange(seen_, all.size()));
+    std::ifstream file(sink_->name);
+    file.seekg(seen_);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    seen_ += static_cast<std::streamoff>(text.size());
+    return text;
   }
   void enter(uint64_t time, uint32_t gtp, uint32_t function) {
     KLTT_EnterFunction(c, time, gtp, function, 0);
@@ -75,7 +80,7 @@ class KlttText : public testing::Test {
   KLTT_Context context;
   KLTT_Context* const c = &context;
   RK_Sink* sink_ = nullptr;
-  size_t seen_ = 0;
+  std::streamoff seen_ = 0;
 };
 
 TEST_F(KlttText, DelayedRecordsAreWrittenAtTheirTime) {
