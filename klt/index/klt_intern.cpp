@@ -55,9 +55,11 @@ void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t data
                       uint32_t categories, uint32_t willies) {
   const PAL_Place here;
   auto component = std::make_unique<KLT_Component>();
-  component->anchorFile = fileOf(handle, anchorFile);
   component->dataFile = fileOf(handle, dataFile);
   component->categories = categories;
+  if (fileOf(handle, anchorFile) != nullptr && component->dataFile != nullptr) {
+    component->anchors = &handle.anchorTables[component->dataFile->suffix];
+  }
   if (const std::unique_ptr<PAL_Triplets>* list = handle.willyLists.find(willies)) {
     component->willies = list->get();
     component->listId = willies;

@@ -43,15 +43,20 @@ struct KLT_Anchor {
   bool hasOffsetHistory = false;  // has references to open scopes, counters, messages, collectives
 };
 
-// A data file with its anchors.
-struct KLT_Component {
-  const KLT_FileEntry* anchorFile = nullptr;  // null if it has none
-  const KLT_FileEntry* dataFile = nullptr;    // null if the index names one that isn't declared
-  const PAL_Triplets* willies = nullptr;      // null: all threads
-  uint32_t categories = 0;
-  uint32_t listId = 0;  // id of `willies`
+// The seek points of a data file, in its order. Its components share them.
+struct KLT_AnchorTable {
   std::vector<KLT_Anchor> anchors;
-  bool anchorsLoaded = false;
+  bool isLoaded = false;
+  bool isIgnored = false;  // they can't be those of the data file, as reported
+};
+
+// A data file, or a part of it, with its anchors.
+struct KLT_Component {
+  const KLT_FileEntry* dataFile = nullptr;  // null if the index names one that isn't declared
+  const PAL_Triplets* willies = nullptr;    // null: all threads
+  uint32_t categories = 0;
+  uint32_t listId = 0;                 // id of `willies`
+  KLT_AnchorTable* anchors = nullptr;  // null if it has no anchor file or no data file
 };
 
 struct KLT_Group {
@@ -69,6 +74,7 @@ struct KLT_FileHandle {
   KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
   std::vector<std::unique_ptr<KLT_Component>> components;  // in order of declaration
   PAL_HashMap<std::string, KLT_Component*> componentKeys;
+  PAL_HashMap<std::string_view, KLT_AnchorTable> anchorTables;  // by suffix of the data file
   std::vector<uint32_t> threadsPerProcess;
   KLT_IdMap<PAL_Triplets> communicators;
   KLT_IdMap<KLT_Group> groups;

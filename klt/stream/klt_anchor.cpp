@@ -6,14 +6,16 @@
 #include "klt/stream/klt_anchor.h"
 
 #include <algorithm>
+#include <span>
 #include <string>
-#include <unordered_map>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "klt/index/klt_generic.h"
 #include "klt/stream/klt_select.h"
 #include "util/pal_error.h"
+#include "util/pal_hash.h"
 
 namespace {
 
@@ -67,8 +69,8 @@ Read readRecord(const KLT_FileHandle& handle, KLT_Input& input, KLT_RecordBuffer
   return Read::kRecord;
 }
 
-// Reads the anchors of a component. False if the file is damaged or the anchors are out of order.
-bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& component) {
+// Reads the anchors of a file. False if the file is damaged or the anchors are out of order.
+bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, std::vector<KLT_Anchor>& anchors) {
   KLT_RecordBuffer record;
   uint64_t groupStart = 0;
   bool hasHistory = false;
@@ -85,25 +87,25 @@ bool readAnchors(const KLT_FileHandle& handle, KLT_Input& input, KLT_Component& 
     anchor.historyOffset = groupStart;
     anchor.historyBytes = at - groupStart;
     anchor.hasOffsetHistory = hasHistory;
-    if (!component.anchors.empty() && (anchor.time < component.anchors.back().time ||
-                                       anchor.offset < component.anchors.back().offset)) {
+    if (!anchors.empty() &&
+        (anchor.time < anchors.back().time || anchor.offset < anchors.back().offset)) {
       return false;
     }
-    component.anchors.push_back(anchor);
+    anchors.push_back(anchor);
     groupStart = input.position();
     hasHistory = false;
   }
 }
 
-void ignoreAnchors(const KLT_FileHandle& handle, KLT_Component& component) {
+void ignoreAnchors(const KLT_FileHandle& handle, const KLT_Component& component) {
+  if (std::exchange(component.anchors->isIgnored, true)) return;
   PAL_Warning("Ignoring anchors in %s.%s.anc.", PAL_Printable(handle.base).c_str(),
               PAL_Printable(component.dataFile->suffix).c_str());
-  component.anchors.clear();
 }
 
 // The last anchor with a time before `time`, or null. An anchor at `time` itself can't be used:
 // records with that time may be before its offset.
-const KLT_Anchor* anchorBefore(const std::vector<KLT_Anchor>& anchors, uint64_t time) {
+const KLT_Anchor* anchorBefore(std::span<const KLT_Anchor> anchors, uint64_t time) {
   const auto next = std::lower_bound(anchors.begin(), anchors.end(), time,
                                      [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
   return next == anchors.begin() ? nullptr : &*(next - 1);
@@ -198,7 +200,7 @@ class Replay {
         reportEntry(nullptr, 0, offsets[i]);
         continue;
       }
-      const size_t index = fileIndex_.try_emplace(file->get(), files_.size()).first->second;
+      const size_t index = fileIndex_.try_emplace((*file)->suffix, files_.size()).first->second;
       if (index == files_.size()) files_.push_back(file->get());
       entries_.push_back({index, offsets[i], times[i]});
     }
@@ -228,6 +230,7 @@ class Replay {
   bool useFile(const KLT_FileEntry& file) {
     if (file_ == &file) return true;
     file_ = &file;
+    replayedTo_ = 0;
     isReadable_ = !isCompressed(file);
     if (!isReadable_) return true;
     constexpr size_t kReadAtOnce = 0x400;
@@ -245,7 +248,8 @@ class Replay {
     if (!s_.pass->handle->compressed(KLT_FileHandle::kCompressible)) return false;
     return std::any_of(s_.pass->handle->components.begin(), s_.pass->handle->components.end(),
                        [&](const auto& component) {
-                         return component->dataFile == &file &&
+                         return component->dataFile != nullptr &&
+                                component->dataFile->suffix == file.suffix &&
                                 s_.pass->handle->compressed(component->categories);
                        });
   }
@@ -260,7 +264,7 @@ class Replay {
       reportEntry(file_, 0, offset);
       return;
     }
-    if (file_ == s_.source.file && offset >= resume) return;  // the stream reads it
+    if (file_->suffix == s_.source.file->suffix && offset >= resume) return;  // the stream reads it
     if (!input.seek(offset) || !input.ensure(1)) {
       recordLoss(input);
       return;
@@ -270,7 +274,9 @@ class Replay {
     input.advance(1);
     size_t disk = 0;
     record_.clear();
-    if (entry.parse == nullptr) {
+    // Records don't overlap. Entries for one large record would otherwise each yield one of its
+    // size.
+    if (entry.parse == nullptr || offset < replayedTo_) {
       reportEntry(file_, number, offset);
       return;
     }
@@ -283,6 +289,7 @@ class Replay {
       reportEntry(file_, number, offset);
       return;
     }
+    replayedTo_ = offset + 1 + disk;
     const KLT_Row& row = *KLT_RowOf(KLT_RecordNumber(record_.data()));
     if ((row.categories() & categories_) == 0) return;
     if (time >= s_.filter.start) return;  // not before this window
@@ -291,37 +298,46 @@ class Replay {
 
   KLT_Stream& s_;
   uint32_t categories_;
-  std::vector<const KLT_FileEntry*> files_;  // in the order of their first use by an entry
-  std::unordered_map<const KLT_FileEntry*, size_t> fileIndex_;  // index in `files_`
+  std::vector<const KLT_FileEntry*> files_;          // in the order of their first use by an entry
+  PAL_HashMap<std::string_view, size_t> fileIndex_;  // index in `files_`, by suffix
   std::vector<Entry> entries_;
   OpenInput data_;
   const KLT_FileEntry* file_ = nullptr;  // of `data_`
   bool isReadable_ = false;              // `file_` is open, and not compressed
+  uint64_t replayedTo_ = 0;              // offset in `file_` after the last record
   KLT_RecordBuffer record_;
 };
 
-// Loads the anchors of a component, once. If they are damaged, all are ignored after a report.
-void loadAnchors(KLT_FileHandle& handle, KLT_Component& component) {
-  if (component.anchorsLoaded) return;
-  component.anchorsLoaded = true;
-  if (component.anchorFile == nullptr) return;
+// Loads the anchors of a component's file, once. If they are damaged, all are ignored after a
+// report.
+void loadAnchors(KLT_FileHandle& handle, const KLT_Component& component) {
+  KLT_AnchorTable& table = *component.anchors;
+  if (std::exchange(table.isLoaded, true)) return;
   OpenInput file;
   if (!file.open(handle, *component.dataFile, true)) return;  // anchors are optional
-  if (readAnchors(handle, file.input, component)) return;
-  ignoreAnchors(handle, component);
+  if (!readAnchors(handle, file.input, table.anchors)) ignoreAnchors(handle, component);
+}
+
+// The anchors that the stream can use.
+std::span<const KLT_Anchor> usableAnchors(const KLT_Stream& s) {
+  const KLT_Component& component = *s.source.component;
+  if (component.anchors == nullptr) return {};
+  loadAnchors(*s.pass->handle, component);
+  const std::vector<KLT_Anchor>& anchors = component.anchors->anchors;
+  if (s.input.compressed()) return {};
+  if (!anchors.empty() && anchors.back().offset > s.input.length()) {
+    ignoreAnchors(*s.pass->handle, component);
+  }
+  if (component.anchors->isIgnored) return {};
+  return anchors;
 }
 
 }  // namespace
 
 void KLT_PlanRequests(KLT_Stream& s) {
-  KLT_Component& component = *s.source.component;
-  loadAnchors(*s.pass->handle, component);
-  if (s.input.compressed()) return;
-  if (!component.anchors.empty() && component.anchors.back().offset > s.input.length()) {
-    ignoreAnchors(*s.pass->handle, component);
-  }
+  const std::span<const KLT_Anchor> anchors = usableAnchors(s);
+  if (anchors.empty()) return;
   for (KLT_StreamRequest& request : s.requests.all()) {
-    const auto& anchors = component.anchors;
     request.anchor = anchorBefore(anchors, request.start);
     const auto first =
         anchors.begin() + (request.anchor == nullptr ? 0 : request.anchor - anchors.data() + 1);

@@ -71,6 +71,29 @@ void threads(tb::Trace& trace, uint64_t size) {
   }
 }
 
+// Components that share an anchor file, and entries of a history for one large record.
+void seekPoints(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kShare = 50;
+  constexpr size_t kHead = 8;  // bytes of a collective operation before the times of its members
+  basics(trace);
+  trace.communicator(1, "c", {{0, 65534, 1}}).operation(1, "o", 4);
+  tb::Stream& f = trace.streamOf("f.0", tb::FUNCTIONS, {{0, 0, 1}}).at(1).enter(0, 1).leave(0);
+  tb::Stream& c = trace.streamOf("cop", tb::COLLOPS, {{0, 0, 1}});
+  // Each 8 bytes are the head of an operation of 65,535 members.
+  for (int i = 0; i < 1 << 18; ++i) c.bytes({"\3\0\0\0\1\1\xff\xff", kHead});
+  for (uint32_t i = 0; i < size / kShare; ++i) {
+    const uint32_t id = 100 + i;
+    trace.extraIndex().record("file_declaration", {{"id", id}, {"suffix", "f.0"}});
+    trace.extraIndex().record("anchor_file_declaration", {{"anchor_file", f.fileId()},
+                                                          {"data_file", id},
+                                                          {"categories", tb::FUNCTIONS},
+                                                          {"willies", 1}});
+    for (int k = 0; k < 10; ++k) f.anchorRecord(9, {{"time_prev", 1}});
+    c.anchorRecord(46, {{"file", c.fileId()}, {"offset", kHead * i}});
+  }
+  c.anchorRecord(9, {{"time_prev", 1}, {"offset", c.size()}});
+}
+
 void wildTimes(tb::Trace& trace, uint64_t size) {
   basics(trace);
   trace.duration(0, kLatest);
@@ -148,6 +171,7 @@ struct Case {
 constexpr Case kCases[] = {{"crowd", crowd},
                            {"long_names", longNames},
                            {"threads", threads},
+                           {"seek_points", seekPoints},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},
                            {"thread_lists", threadLists},
