@@ -92,7 +92,8 @@ DebugTarget PickTarget(DebugChannel& channel, int& descriptor) {
   return channel.file >= 0 ? DebugTarget::kFile : DebugTarget::kDescriptor;
 }
 
-// `text` with a prefix before each line, except before a continuation of the previous message.
+// `text` with a prefix before each line. If the previous message didn't end with a newline, `text`
+// continues its line if it is from the same source location, and begins a new line otherwise.
 std::string LayOutDebugText(DebugChannel& channel, std::string_view text, const char* file,
                             int line) {
   std::string result;

@@ -12,7 +12,7 @@
 
 struct PAL_MessageSettings {
   const char* programName;  // word before the level, or null
-  const char* processName;  // name of this process in a group, shown in brackets, or null
+  const char* processName;  // process in a group, in brackets unless equal to programName, or null
   int showTime;             // nonzero adds the date and time to each line
   int infoEnabled;          // nonzero enables PAL_Info and PAL_Warning
   int errorEnabled;         // nonzero enables PAL_Error
@@ -28,8 +28,8 @@ void PAL_Info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void PAL_Error(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// For data that is read twice: after beginSecond(), messages that were written between construction
-// and beginSecond() are left out. At most one object exists at a time.
+// For data that is read twice: after beginSecond(), each message is left out as often as it was
+// written between construction and beginSecond(). At most one object exists at a time.
 class PAL_MessagesOnce {
  public:
   PAL_MessagesOnce();  // the first reading begins
@@ -42,6 +42,6 @@ class PAL_MessagesOnce {
 void PAL_SetLogStream(FILE* stream);
 void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t length));
 
-// Writes "`text`: <text of errno>" to standard error, without a level, like perror(). Control bytes
-// of `text` are escaped. errno is kept.
+// Writes "`text`: <text of errno>" to standard error, without a level, like perror(); without the
+// first part if `text` is null or empty. Control bytes of `text` are escaped. errno is kept.
 void PAL_Perror(const char* text);

@@ -45,7 +45,8 @@ struct PAL_KeyHash {
     static const PAL_Hash<2> hash;
     return hash({static_cast<uint32_t>(key), static_cast<uint32_t>(key >> 32)});
   }
-  // A polynomial with the bytes as coefficients, at a random point, modulo the prime 2^61 - 1.
+  // A polynomial at a random point, modulo the prime 2^61 - 1. Its coefficients are the length of
+  // the text and groups of its bytes.
   [[nodiscard]] size_t operator()(std::string_view text) const {
     __extension__ using Wide = unsigned __int128;
     constexpr uint64_t kPrime = (uint64_t{1} << 61) - 1;
@@ -128,7 +129,7 @@ class PAL_KeyIndex {
 
   std::vector<Slot> slots_ = std::vector<Slot>(64);  // a power of two, at most half full
   size_t size_ = 0;
-  uint32_t highest_ = 0;  // number of a key
+  uint32_t highest_ = 0;  // of the numbers of the keys
   uint32_t cleared_ = 0;  // sum of the highest numbers before each clear()
   PAL_Hash<Numbers> hash_;
 };
@@ -137,8 +138,8 @@ class PAL_KeyIndex {
 // `buckets` buckets would be iterated: by bucket, within a bucket by insertion. hashOf(item) is a
 // uint32_t; its remainder by `buckets` is the bucket.
 //
-// This order is part of the format: it determines the bytes that are written and the order in which
-// streams are read. The program's own hash tables have no chains, so the order is computed here.
+// This order determines the bytes that are written and the order in which streams are read. No hash
+// table of the program is iterated in this order, so it is computed here.
 template <class T, class HashOf>
 void PAL_SortByBucket(std::vector<T>& items, uint32_t buckets, HashOf hashOf) {
   std::vector<size_t> starts(size_t{buckets} + 1);

@@ -1,7 +1,7 @@
 // Implements the allocator hooks, the global operators that use them, temporary blocks and packing.
 //
-// Owns PAL_allocators. A failed allocation is reported by PAL_Error and ends the process. What is
-// called for this report must not allocate memory.
+// Owns PAL_allocators. A failed allocation is reported by PAL_Error and ends the process. The
+// functions called for this report must work without heap memory.
 #include "util/pal_mem.h"
 
 #include <unistd.h>

@@ -187,7 +187,8 @@ struct PAL_PackType {
 [[nodiscard]] bool PAL_Unpack(void* target, const PAL_PackType* types, size_t count, size_t bytes,
                               PAL_Buffer& buffer);
 
-// Packs the 32-bit number of elements, then the elements, `itemSize` bytes apart.
+// Packs the 32-bit number of elements, then the elements, each `itemSize` bytes in the array.
+// False, with the buffer unchanged, if its size wouldn't fit in 32 bits.
 [[nodiscard]] bool PAL_PackArray(const PAL_Array& array, const PAL_PackType* types, size_t itemSize,
                                  PAL_Buffer& buffer);
 
@@ -197,7 +198,7 @@ struct PAL_PackType {
                                    PAL_Buffer& buffer);
 
 // Packs the 32-bit length of the text including its terminating zero, then the bytes; a null text
-// has length 0.
+// has length 0. Fails like PAL_PackArray.
 [[nodiscard]] bool PAL_PackString(const char* text, PAL_Buffer& buffer);
 
 // The text at the read position, as a pointer into the buffer; null for a null text. Also null,

@@ -17,10 +17,10 @@ struct PAL_Socket {
   uint32_t token;  // authorisation token of an endpoint, 0 for a pair
 };
 
-// Opens an endpoint for process number `process` on the first free port from 1025 on. A null
-// `hostname` means the machine's own name. Sets `contact` to "process:port_token@host", and
-// `socket`, which the caller releases with PAL_SocketClose. Returns 0, or 1 after one error
-// message, with an empty contact and a null socket.
+// Opens an endpoint for process number `process` on the first free port from 1025 on. A `hostname`
+// that is null or can't be resolved means the machine's own name. Sets `contact` to
+// "process:port_token@host", and `socket`, which the caller releases with PAL_SocketClose. Returns
+// 0, or 1 after one error message, with an empty contact and a null socket.
 [[nodiscard]] int PAL_SocketListen(int process, int backlog, const char* hostname,
                                    std::string& contact, PAL_Socket*& socket);
 

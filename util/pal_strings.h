@@ -24,8 +24,8 @@
 // into `path`.
 [[nodiscard]] const char* PAL_BaseName(const char* path);
 
-// `text` with each byte of a control character written as \xNN. Control characters are those below
-// 0x20, 0x7f, and 0x80 to 0x9f (as a byte or in UTF-8), which some terminals obey.
+// `text` with each byte of a control character, which terminals may obey, written as \xNN. Control
+// characters are 0 to 0x1f, 0x7f, and 0x80 to 0x9f; those from 0x80 as one byte or in UTF-8.
 [[nodiscard]] std::string PAL_Printable(std::string_view text);
 
 // The formatted text; the format itself if the C library reports an error for it.

@@ -152,8 +152,8 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   const int fd = entry->fd;
   entry->offset = offset;
   clearFd(t, entry);
-  // A failed close releases the descriptor, too, but data may be lost. So the next call for this
-  // entry fails with the errno of the close.
+  // A failed close releases the descriptor, too, but data may be lost. So the next read, write,
+  // seek, stat or close of this entry fails with the errno of this close.
   if (closeFd(fd) == 0) {
     ++*succeeded;
   } else {
@@ -162,8 +162,8 @@ bool evict(VfdTable& t, VfdEntry* entry, size_t* succeeded) {
   return true;
 }
 
-// Closes a number of files that is a tenth of the number of entries in the table, but at least one.
-// Returns false if no file could be closed.
+// Closes the least recently used files, as many as a tenth of the entries in the table (at least
+// one), or fewer if the others can't be closed. Returns false if none can be closed.
 bool makeRoom(VfdTable& t) {
   const size_t target = std::max<size_t>(t.entries.size() / 10, 1);
   size_t succeeded = 0;

@@ -1,13 +1,13 @@
 // Provides virtual file descriptors, more of which can be open than the system allows.
 //
 // A virtual descriptor is a small integer that stays valid while its operating-system descriptor is
-// closed. Files are opened until the kernel returns EMFILE; then the least recently used tenth of
-// them is closed. A closed file is opened again at its old position on its next use. A relative
-// path is then resolved against the working directory of that moment.
+// closed. Files are opened until the kernel returns EMFILE; then about a tenth of them, the least
+// recently used ones, are closed. A closed file is opened again at its old position on its next
+// use. A relative path is then resolved against the working directory of that moment.
 //
-// All files of klt/storage and util/pal_util are opened here. The functions behave and fail like
-// the POSIX functions of the same name; an unknown descriptor fails with EBADF. Any thread may call
-// them. One mutex guards the table; it isn't held during a read or write.
+// Files that are read or written are opened here. The functions behave and fail like the POSIX
+// functions of the same name; an unknown descriptor fails with EBADF. Any thread may call them. One
+// mutex guards the table; it isn't held during a read or write.
 #pragma once
 
 #include <sys/stat.h>
@@ -24,8 +24,8 @@
 [[nodiscard]] int Vfd_Adopt(int osDescriptor);
 
 // A new descriptor for the same file. For a file opened by Vfd_Open it uses no operating-system
-// descriptor before its first use. If the file is open through another descriptor then, both share
-// one position.
+// descriptor before its first use. If the file is open through another descriptor at that time,
+// both share one position.
 [[nodiscard]] int Vfd_Dup(int descriptor);
 
 // Releases the descriptor, whose number is used for the next new one. Returns -1 if this close
@@ -52,9 +52,9 @@ int Vfd_Stat(int descriptor, struct stat* info);
 // file isn't closed to make room. Pinning doesn't open a closed file; its next use does.
 int Vfd_Pin(int descriptor, int on);
 
-// The system calls that this module uses. Tests replace functions in Vfd_systemCalls to make the
-// n-th call fail or transfer less, and restore Vfd_osCalls afterwards. The table may only be
-// changed while no other thread uses this module.
+// The system calls that this module uses, except poll(). Tests replace functions in Vfd_systemCalls
+// to make the n-th call fail or transfer less, and restore Vfd_osCalls afterwards. The table may
+// only be changed while no other thread uses this module.
 struct VfdSystemCalls {
   int (*open)(const char* path, int flags, mode_t mode);  // adds close-on-exec
   int (*dup)(int fd);                                     // the result is close-on-exec
