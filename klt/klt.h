@@ -15,7 +15,7 @@ struct KLT_Reader;
 
 // What a reader reads. KLT_MODE_EVENTS_ONCE is for callers that write the events of all requests to
 // one output: the history of a request leaves out messages, collective operations and counter
-// samples that an earlier request has delivered.
+// samples that an earlier request has delivered. KLT_MODE_INTERNAL is for KLT_Open: the index.
 enum : int {
   KLT_MODE_DEFINITIONS = 0,
   KLT_MODE_EVENTS = 2,
@@ -25,24 +25,27 @@ enum : int {
 
 // Results of KLT_ReadEvents.
 enum : int {
-  KLT_STATUS_BUILT = 0,       // no delivery yet
+  KLT_STATUS_BUILT = 0,       // KLT_ReadEvents hasn't been called
   KLT_STATUS_FINISHED = 1,    // all streams are finished
   KLT_STATUS_CONTINUING = 2,  // a stream ended with an error, others remain
   KLT_STATUS_ABORTING = 3,    // a stream ended with an error, none remains
   KLT_STATUS_HANDLER = 4,     // a handler returned nonzero
   KLT_STATUS_TIME = 5,        // the time limit was reached, there are more records
-  KLT_STATUS_CORRUPTED = static_cast<int>(0x80000000),  // corrupted data, without time order
+  KLT_STATUS_CORRUPTED = static_cast<int>(0x80000000),  // stream by stream: one ended with an error
 };
 
-// Whether `name` can be opened and its index begins with "KLT". Reports nothing about the contents.
+// Whether `name` can be opened and its index has a header that begins with "KLT". A file that can't
+// be opened is reported.
 [[nodiscard]] bool KLT_IsTrace(const char* name);
-// Opens the trace and reads its index. Null, after a report, on failure. The caller closes it.
+// Opens the trace and reads its index. The caller closes it. Null on failure; only the damaged
+// directory of a single-file trace isn't reported.
 [[nodiscard]] KLT_FileHandle* KLT_Open(const char* name);
 void KLT_Close(KLT_FileHandle* handle);
 
-// Builds a reader of the definitions (KLT_MODE_DEFINITIONS) or of the events that match any of the
-// requests; of all events if `numRequests` is 0. Table and requests are copied. Nonzero `serial`:
-// records are delivered in time order, zero: stream by stream. Null if the index can't be read.
+// Builds a reader of the definitions (KLT_MODE_DEFINITIONS) or of the events that the requests
+// select; of all events if `numRequests` is 0. Table and requests are copied. Nonzero `serial`:
+// records are delivered in time order, zero: stream by stream. Null, after a report, only if
+// KLT_MODE_INTERNAL can't read the index.
 [[nodiscard]] KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);
@@ -56,9 +59,9 @@ struct KLT_Closer {
 using KLT_OwnedTrace = std::unique_ptr<KLT_FileHandle, KLT_Closer>;
 using KLT_OwnedReader = std::unique_ptr<KLT_Reader, KLT_Closer>;
 
-// Delivers records until the end, until a handler stops the reader, or for `timeoutMs` milliseconds
-// or a few less; a negative value means no limit. Can be called again after every result except
-// KLT_STATUS_FINISHED and KLT_STATUS_ABORTING.
+// Delivers records until the end, until a stream fails, until a handler stops the reader, or for
+// about `timeoutMs` milliseconds; a negative value means no limit. Can be called again after every
+// result except KLT_STATUS_FINISHED and KLT_STATUS_ABORTING.
 int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs);
 // The last result of KLT_ReadEvents.
 [[nodiscard]] int KLT_ReaderStatus(const KLT_Reader* reader);
@@ -66,6 +69,6 @@ int KLT_ReadEvents(KLT_Reader* reader, int timeoutMs);
 [[nodiscard]] bool KLT_ReaderHasStreams(const KLT_Reader* reader);
 // The part of the input that has been delivered, from 0 to 1.
 [[nodiscard]] double KLT_Progress(const KLT_Reader* reader);
-// Whether a stream of this reader or the trace's index ended early, or files of the trace aren't
-// read. This has been reported, but the results above don't include it.
+// Whether parts of this reader's streams, parts of the trace's index, or files of the trace
+// couldn't be read. This has been reported, but isn't a result of KLT_ReadEvents.
 [[nodiscard]] bool KLT_ReaderLostData(const KLT_Reader* reader);

@@ -2,9 +2,9 @@
 //
 // A handler's argument list follows from the record's longest variant: user_data, then the fields
 // in row order. A field that the delivered variant lacks is passed as 0, an array as null. The time
-// is absolute. A count is followed by pointers to the elements of the arrays it covers; a string is
-// passed as a zero-terminated text without its count; a reference to a stored string as its text,
-// null if there is none. A handler returns 0 to continue, any other value to stop the reader.
+// is absolute raw time. A count is followed by pointers to the elements of the arrays it covers; a
+// string is passed as a zero-terminated text without its count; a reference to a stored string as
+// its text, null if there is none. A handler returns 0 to continue, another value to stop reading.
 #pragma once
 
 #include <cstddef>
@@ -139,7 +139,7 @@ struct KLT_HandlerType<"begin_of_history"> {  // time, categories and threads of
 template <>
 struct KLT_HandlerType<"end_of_history"> : KLT_HandlerType<"begin_of_history"> {};
 template <>
-struct KLT_HandlerType<"end_of_filter"> {  // time, dropped categories, dropped threads
+struct KLT_HandlerType<"end_of_filter"> {  // time, dropped categories, dropped threads (none: all)
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const PAL_Triplet*);
 };
 template <>
@@ -153,11 +153,12 @@ struct KLT_HandlerType<"counter_definition"> {  // id, name, type | 0x80 for a d
                        const char*);
 };
 template <>
-struct KLT_HandlerType<"counter_value"> {  // handlers may change the values in place
+struct KLT_HandlerType<"counter_value"> {  // time, thread, counters, values, which may be changed
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const uint32_t*, uint64_t*);
 };
 template <>
-struct KLT_HandlerType<"function_history"> {  // time of the stream, functions from the outermost
+struct KLT_HandlerType<"function_history"> {  // start of the window, thread, functions and
+                                              // locations from the outermost
   using type = int (*)(void*, uint64_t, uint32_t, uint32_t, const uint32_t*, const uint32_t*);
 };
 

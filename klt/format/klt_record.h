@@ -30,7 +30,7 @@ struct KLT_Layout {
   std::array<uint16_t, kKltMaxFields> offset{};  // of a scalar or count; unused for arrays
   std::array<uint8_t, kKltMaxFields> countOf{};  // the count field that covers a field, or kNone
   uint16_t fixedBytes = 0;                       // bytes in memory before the arrays
-  uint16_t headBytes = 0;  // disk bytes before the first array, or of the whole record
+  uint16_t headBytes = 0;  // disk bytes of the fields before the first array, or of all fields
   bool hasArrays = false;
 
   [[nodiscard]] constexpr bool isArray(size_t field) const { return countOf[field] != kNone; }

@@ -88,7 +88,7 @@ inline constexpr uint32_t kKltCount = 0x8000;
 struct KLT_Field {
   std::string_view name;       // empty for a count field
   uint32_t descriptor = 0;     // type code, required and count flags, covered fields of a count
-  std::string_view reference;  // definition that the value refers to; only stored in layouts
+  std::string_view reference;  // definition that the value refers to, or empty
 
   [[nodiscard]] constexpr KLT_Type type() const { return static_cast<KLT_Type>(descriptor & 0xff); }
   [[nodiscard]] constexpr bool required() const { return (descriptor & kKltRequired) != 0; }
@@ -97,6 +97,7 @@ struct KLT_Field {
 };
 
 // The filter's tests that a record must pass, and whether it changes the context (klt_context.h).
+// KLT_TraitsOf defines them exactly.
 enum class KLT_FilterClass : uint8_t {
   kTimeForward,    // only moves the running time
   kTimeBack,       // only moves the running time, to an earlier time
@@ -111,7 +112,7 @@ enum class KLT_FilterClass : uint8_t {
   kCommTable,      // untimed, a member of the communicator must be selected
   kAlwaysWanted,   // untimed, needs no handler
   kDefinition,     // untimed, needs a handler
-  kStructure,      // untimed, changes the trace's tables with or without a handler
+  kStructure,      // untimed, needs no handler, most change the trace's tables
   kBracket,        // delivered by a reader at the start and end of a window; skipped in a file
   kSeekPoint,      // has an effect in an anchor file only
   kStack,          // the open calls of a thread at a seek point or in a history
@@ -127,9 +128,9 @@ enum class KLT_ThreadTest : uint8_t { kNone, kThread, kEitherSide, kCommunicator
 struct KLT_FilterTraits {
   KLT_CategoryTest category = KLT_CategoryTest::kNone;
   KLT_ThreadTest threads = KLT_ThreadTest::kNone;
-  bool window = false;
-  bool context = false;
-  bool history = false;
+  bool window = false;   // it must be in the request's time window
+  bool context = false;  // it changes the context
+  bool history = false;  // the request's history is delivered before it
 };
 
 [[nodiscard]] constexpr KLT_FilterTraits KLT_TraitsOf(KLT_FilterClass filter) {
@@ -214,8 +215,8 @@ struct KLT_Row {
   [[nodiscard]] constexpr bool replayed() const {
     return traits().context || filter == KLT_FilterClass::kTimeForward;
   }
-  // Whether the filter may accept a record of this row without reading its fields: its size is
-  // fixed and the only context that it changes is the depth of the call stack.
+  // Whether KLT_FilterPlain can process such a record: its size is fixed and, while no history is
+  // to be produced, the only context that it changes is the depth of the call stack.
   [[nodiscard]] constexpr bool plain() const {
     for (size_t f = 0; f < numFields; ++f) {
       if (fields[f].isCount()) return false;
