@@ -59,8 +59,8 @@ Candidate scoreRow(const KLT_Row& row, const KLT_StoredLayout& layout) {
   return candidate;
 }
 
-// Maps the counts, which have no name. A count is mapped to the last stored count before the stored
-// field of the first mapped field after it. False if no field after a count is mapped.
+// Maps the counts, which have no names. The first mapped field after a count determines the stored
+// count: the last one before its stored field. False if no field after a count is mapped.
 bool bindCounts(Candidate& candidate, const KLT_StoredLayout& layout) {
   const KLT_Row& row = *candidate.row;
   for (size_t i = 0; i < row.numFields; ++i) {

@@ -77,7 +77,8 @@ void KLT_MapLayout(KLT_StoredLayout& layout);
 [[nodiscard]] KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input,
                                          KLT_RecordBuffer& out, uint64_t& time, size_t& disk);
 
-// Parses the layout entry at input.at(), stores its decoder in `table` and advances `input`.
-// Returns kCorrupt for an invalid entry, which is reported unless its record number is 0.
+// Parses the layout entry whose number byte precedes input.at(), stores its decoder in `table` and
+// advances `input`. With `genericOnly` no row's own decoder is used. Returns kCorrupt for an
+// invalid entry, which is reported unless the record number in it is 0.
 [[nodiscard]] KLT_Parse KLT_ReadLayoutEntry(KLT_Input& input, KLT_DecoderTable& table,
                                             bool genericOnly);

@@ -54,7 +54,7 @@ uint32_t KLT_Texts::number(std::string_view text) {
   return head.number;
 }
 
-// Blocks grow with the texts, so that a trace of few texts takes little memory.
+// Up to a limit each block is larger than the last, so that few texts take little memory.
 char* KLT_Texts::allocate(size_t bytes) {
   if (bytes > freeBytes_) {
     const size_t size = std::max(bytes, nextBlock_);

@@ -1,8 +1,8 @@
 // Stores the texts of a trace, each of them once.
 //
-// Any number of definitions can refer to one text of 64 KiB, so nothing copies, hashes or measures
-// a text for each reference. Equal texts have one number and one address, which stays. A trace and
-// the writer of an extraction or merge share a KLT_Texts; tables refer to the texts in it.
+// Any number of definitions can refer to one text of 64 KiB, so a text isn't copied, hashed or
+// measured for each reference. Equal texts have one number and one address, which never change. A
+// trace and the writer of an extraction or merge share a KLT_Texts, to which their tables refer.
 #pragma once
 
 #include <cstddef>
@@ -15,8 +15,8 @@
 
 class KLT_Texts {
  public:
-  // The number of a text, from 1 in order of addition. A new text is added. Null: 0. This takes
-  // constant time for an address that at() has returned.
+  // The number of a text, from 1 in order of addition. A new text is added. Null: 0. If at()
+  // has returned this address, the bytes of the text aren't read.
   [[nodiscard]] uint32_t number(const char* text);
   [[nodiscard]] uint32_t number(std::string_view text);
   // The text with this number, with a zero byte at its end. REQUIRES: `number` isn't 0.
