@@ -54,7 +54,7 @@ class KLT_Deflate {
   KLT_Deflate& operator=(const KLT_Deflate&) = delete;
 
   // Deflates `bytes` bytes into `file`. With `final` it ends the stream and fills in the length.
-  // False, with errno, after an incomplete write.
+  // False after a failure, with errno if the file can't be written.
   [[nodiscard]] bool write(KLT_IoFile* file, const uint8_t* data, size_t bytes, bool final);
 
  private:

@@ -207,8 +207,8 @@ bool writeHeader(const KLT_Container* container) {
 }
 
 // Determines the directory's offset in a container that isn't written in sequence. Readers look for
-// the trailer in the last bytes of the file, and the file is never truncated. So if an earlier
-// directory would extend past this one, this one is moved to the end of the file.
+// the trailer in the last bytes of the file, and the file is never truncated. So if the file
+// already extends past the end of this directory, the directory is moved to the end of the file.
 bool placeDirectory(const KLT_Container* container, uint64_t bytes, uint64_t* offset) {
   const off_t size = Vfd_Seek(container->fd, 0, SEEK_END);
   if (size < 0) return false;

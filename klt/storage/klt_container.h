@@ -21,7 +21,7 @@
 //   offsets of all extents        8 each
 //   lengths of all extents        8 each
 //
-// A component consists of all bytes of its extents but the last, and of the used bytes of the last.
+// A component consists of its extents in this order; of the last one only the used bytes count.
 #pragma once
 
 #include <sys/stat.h>
@@ -50,7 +50,7 @@ struct KLT_Extent {
 // A component. The extents from index `used` on are unused; a growing component uses them first.
 struct KLT_DirEntry {
   std::string name;
-  uint64_t lastUsed = 0;
+  uint64_t lastUsed = 0;  // bytes in use of the extent before index `used`
   std::vector<KLT_Extent> extents;
   size_t used = 0;
 

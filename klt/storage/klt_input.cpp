@@ -91,7 +91,7 @@ void KLT_Input::reportMissing(uint64_t bytes) {
 }
 
 // Also keeps the byte before at() in the buffer. It is a record's number, to which the caller steps
-// back if the record can't be decoded.
+// back if it doesn't consume the record.
 bool KLT_Input::refill(size_t bytes) {
   if (ended_ || file_ == nullptr) return false;
   const size_t have = filled_ - pos_;
@@ -133,7 +133,7 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      // Only compressed data can end before its length. The bytes up to that length are missing.
+      // The data has ended before its length. The bytes up to that length are missing.
       reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
       return false;
     }

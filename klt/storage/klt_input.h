@@ -1,9 +1,9 @@
 // Reads one component through a buffer, for streams, the anchor loader and the history replay.
 //
 // Owns the read buffer, not the open component. A decoder calls ensure() with the number of bytes
-// that it needs for a record. If they can't be read, this module reports that, but only once; at
-// the end of the file with the number of missing bytes. A component may be compressed: offsets then
-// count inflated bytes, and it can only be read forward.
+// that it needs for a record. If they can't be read, this module reports that once: at the end of
+// the file the number of missing bytes, otherwise the error. A component may be compressed: offsets
+// then count inflated bytes, and it can only be read forward.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +27,7 @@ class KLT_Input {
 
   // Sets the component to be read, from the offset `start` on. REQUIRES: if `start` is 0, `file` is
   // positioned at 0. `base` and `suffix` (may be empty) name the component in messages and must
-  // outlive this object. False if the length can't be determined.
+  // outlive this object. False if the length can't be determined or a seek fails.
   [[nodiscard]] bool attach(KLT_IoFile* file, const char* base, const char* suffix,
                             uint64_t start = 0);
   // The same for a compressed component.
@@ -38,8 +38,8 @@ class KLT_Input {
   void freeBuffer();
 
   // Continues reading at `offset`. False after a failed seek, which is reported. A compressed
-  // component can't be positioned: reading continues at the position, or at the start if `offset`
-  // is before the position.
+  // component can't be positioned: reading continues at the current position, or at the start if
+  // `offset` is before the current position.
   [[nodiscard]] bool seek(uint64_t offset);
   // Bytes from this offset on aren't read, because no request needs them.
   void setLimit(uint64_t offset) { limit_ = offset; }

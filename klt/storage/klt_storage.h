@@ -17,14 +17,15 @@ enum : int { KLT_FORM_PLAIN = 0, KLT_FORM_SINGLE = 1, KLT_FORM_SERIAL = 2 };
 
 // Creates a trace with base name `name`, which is relative to `dir` unless that is null. `flags`
 // and `mode` are those of open(2), for the container file or for each component. In the serial form
-// the name "-" is standard output. Null, after PAL_Perror(name), if the container can't be created.
+// the name "-" is standard output. Null, after a report, if the container can't be created or
+// another process is writing the trace.
 [[nodiscard]] KLT_Container* KLT_ContainerCreate(const char* dir, int flags, mode_t mode, int form,
                                                  const char* name);
 
 // Opens an existing trace whose container or index file is `name`. Null if the file can't be opened
 // (after PAL_Perror(name)) or is a container with an invalid directory (without a report). A file
-// that isn't a container is taken as the index of a plain trace. A FIFO, directory or device is
-// never opened.
+// that isn't a container, or one of a newer version (after a report), is taken as the index of a
+// plain trace. So is a FIFO, directory or device, but it isn't opened.
 [[nodiscard]] KLT_Container* KLT_ContainerOpen(const char* dir, const char* name, int flags,
                                                mode_t mode);
 
