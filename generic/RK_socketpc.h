@@ -56,7 +56,7 @@ int RK_IPCReduce(const char* file, int line, const void* send, void* receive, si
 int RK_IPCAllreduce(const char* file, int line, const void* send, void* receive, size_t count,
                     RK_IPCType type, RK_IPCOperation operation, const RK_IPCComm* comm);
 
-// Closes the communicator's sockets, frees it and sets `comm` to null. `comm` may already be null.
+// Closes the communicator's sockets, frees it and sets `*comm` to null. `*comm` may be null.
 int RK_IPCCommFree(const char* file, int line, RK_IPCComm** comm);
 
 // Frees the group and ends the process with `status`. Output written so far is kept.

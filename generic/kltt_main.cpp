@@ -45,15 +45,15 @@ void occupyStandardDescriptors() {
   }
 }
 
-// The `serial` argument of the readers. Nonzero: they deliver the events of all streams in order of
-// time.
+// The `serial` argument of the readers. Nonzero: they deliver events in order of time; 0: stream by
+// stream.
 int32_t deliveryOrder() {
   const char* text = std::getenv("KLTT_SERIAL");
   return text == nullptr ? 1 : static_cast<int32_t>(std::strtol(text, nullptr, 10));
 }
 
-// If a progress display or a listing is written to a closed pipe, the program must still complete
-// its other output.
+// If messages, progress or statistics are written to a closed pipe, the operation must still be
+// completed.
 void ignoreBrokenPipes() { std::signal(SIGPIPE, SIG_IGN); }
 
 bool writesContainerToStandardOutput() {
@@ -247,8 +247,8 @@ const char* outputDirectory() {
   convert(handle);
 }
 
-// Runs the selected operation and returns the exit status. Operations that close or remove the
-// input end the process themselves.
+// Runs the selected operation and returns the exit status. Conversions, merges and summaries with
+// binary output, moves and removals end the process themselves.
 int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
   const RK_Conf& c = RK_conf;
   if (c.convert != 0 || c.merge != 0 || c.sumdata != 0) {
