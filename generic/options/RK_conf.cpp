@@ -38,8 +38,8 @@ void scanEnvironment() {
   }
 }
 
-// The text that an argument adds to its line. An argument with blanks gets quotes, because the
-// shell has removed those that the user typed.
+// The text that an argument adds to its line. An argument with blanks gets single quotes, unless it
+// contains one, because the shell has removed the quotes that the user typed.
 std::string quoted(std::string_view argument) {
   const bool blank = argument.find_first_of(" \t\r\n") != std::string_view::npos;
   if (blank && argument.find('\'') == std::string_view::npos)
@@ -62,7 +62,7 @@ uint32_t primeFrom(uint32_t value) {
   return value;
 }
 
-// Reads a configuration file. A device or FIFO might never end.
+// Reads a configuration file. Refuses devices and FIFOs, which might never end.
 void scanFile(const char* name) {
   constexpr off_t kMostBytes = off_t{1} << 20;
   struct stat info {};
@@ -74,7 +74,8 @@ void scanFile(const char* name) {
   if (const auto text = PAL_ReadFile(name)) (void)RK_ScanText(*text, RK_ScanMode::config);
 }
 
-// Lowers `value` in steps of 100, as long as `value` itself (and so its prime) isn't below `limit`.
+// Lowers `value` in steps of 100 until it is below 101 or `limit`: the primes of values that aren't
+// below `limit` are too large.
 uint32_t lowerByHundreds(uint32_t value, uint32_t limit) {
   if (value < limit || value < 101) return value;
   const uint32_t toLimit = (value - limit) / 100 + 1;

@@ -1,5 +1,5 @@
 // Fills RK_conf at start-up from the defaults, the configuration file, the environment and the
-// command line. Each source overrides the ones before it.
+// command line. Each source overrides the ones before it; only requests add up.
 //
 // RK_options has the option table and the store, RK_scan parses the grammar that all sources share,
 // and kltt_main runs the passes.

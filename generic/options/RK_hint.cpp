@@ -90,7 +90,7 @@ void RK_HintOption(std::string_view keyword, bool hasDashes) {
   for (const RK_Option& option : RK_ConfigOptions()) nearest.consider(option.key);
   if (nearest.name().empty()) return;
   const std::string name = lowerCase(nearest.name());
-  // If the name is right, only a blank between it and the value is missing.
+  // A value follows the name after "=" or, if the name is right, without a blank.
   const bool isValued = keyword.find('=') != std::string_view::npos || name == typed;
   std::fprintf(stderr, "Did you mean --%s%s?\n", name.c_str(), isValued ? " VALUE" : "");
 }

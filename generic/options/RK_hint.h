@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-// Names the option that is most similar to `keyword`, or nothing if no option is similar. If
+// Names the option that is most similar to `keyword`; prints nothing if none is similar. If
 // `keyword` is an option without its two dashes, the hint says that they are missing.
 void RK_HintOption(std::string_view keyword, bool hasDashes);
 // Shows how to write `value`, which contains blanks, as the value of the option `keyword`: as one

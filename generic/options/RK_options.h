@@ -1,8 +1,8 @@
 // The table of options and the store of their values.
 //
 // Every behaviour that a user can choose is a row of the option table and a member of RK_conf.
-// RK_conf.h fills the store during start-up. Afterwards only the start of an operation reads it and
-// passes each module the values that it needs.
+// RK_conf.h fills the store during start-up. Afterwards only kltt_main and kltt_extract use it, and
+// pass other modules the values that they need.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct RK_RequestText {
   bool isQuoted;
 };
 
-// One REQUEST as the user wrote it: times in seconds, or in ticks with TICKS.
+// One REQUEST as the user wrote it. Times are in seconds or, with TICKS, raw times.
 struct RK_Request {
   uint32_t categories = 0;  // one bit per category; 0 means all
   PAL_Triplets triplets;    // threads; empty means all
@@ -81,7 +81,7 @@ struct RK_Conf {
   std::string echo;  // characters of the sources that belong to no option; kltt_main prints them
 
   // Settings without a keyword.
-  static constexpr int32_t kMemBlockBytes = 2097152;  // bytes, of the merge's buffers
+  static constexpr int32_t kMemBlockBytes = 2097152;  // bytes; initial size of a merge's arenas
 };
 extern struct RK_Conf RK_conf;
 

@@ -3,7 +3,7 @@
 // The grammar in short. Blanks and a CR at the end of a line are removed first.
 //
 //   line     = "" | "#"... | "INFO" blanks... | keyword [blanks value]
-//   word     = printable characters except " ' < > ` { }
+//   word     = printable ASCII characters except the blank and " ' < > ` { }
 //   quoted   = '"' text '"' | "'" text "'"      text: word characters and blanks
 //   integer  = [sign] digits                    unsigned: no minus
 //   part     = [sign] digits ["." digits] [("e"|"E") [sign] digits] [unit letter]

@@ -2,8 +2,8 @@
 //
 // The configuration file, the environment and the command line share one grammar: a keyword in the
 // first column, followed by a value of the option's type. Invalid input is reported here, by
-// PAL_Error or PAL_Warning. RK_options has the table of options; the
-// functions of RK_conf.cpp decide which texts are read, and in which order.
+// PAL_Error or PAL_Warning. RK_options has the table of options; the functions of RK_conf.cpp
+// decide which texts are read, and in which order.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 enum class RK_ScanMode { config, environment, parameter };
 
 // Reads one line, without its line feed. Messages of mode config show `number`. Returns false after
-// an error other than a missing value. Only the command line fails as a whole in this case.
+// an error other than a missing value; of the passes only RK_ConfigParseArgs then fails, too.
 [[nodiscard]] bool RK_ScanLine(std::string_view line, RK_ScanMode mode, size_t number);
 
 // Reads an option of the command line with its values. A line break anywhere in `line` is an error:
