@@ -2,7 +2,7 @@
 //
 // All text for the user (trace text, listings, help) goes through an RK_Output. Such text never
 // goes through stdio, so the text on standard output is in the order of the calls. A failure is
-// sticky: it is reported once, later text is dropped, and the exit status of the process becomes 1
+// sticky: it is reported once, later text is dropped, and an exit status of 0 becomes 1
 // (kltt_exit). Line writers (RK_line.h) format their text in the buffer itself.
 #pragma once
 
@@ -48,8 +48,8 @@ struct RK_Output {
 // Writes the buffered text. Returns 0, or 1 if the output has failed, now or earlier.
 int RK_OutputFlush(RK_Output* output);
 
-// Flushes, closes and frees. Returns 0, or 1 if the output has failed. RK_Stdout and RK_Stderr
-// remain usable.
+// Flushes and closes the output, and frees it unless it is RK_Stdout or RK_Stderr, which remain
+// usable. Returns 0, or 1 if the output has failed.
 int RK_OutputClose(RK_Output* output);
 
 // Closes every open output with RK_OutputClose, at the end of the process. Returns 0, or 1 if any

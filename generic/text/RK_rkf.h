@@ -1,11 +1,11 @@
 // Writes the lines of RKF, the text form of a trace: one function for each kind of line.
 //
-// The arguments of a writer are the output and then the values in the order of the line. It returns
-// 0, or 1 once the output has failed. Values are passed as the trace stores them. The writers add 1
-// to threads, processes and some ids, which the text counts from 1; leave out a source location
-// (SCL) of 0 or 0x7fffffff; and write a missing text as "(null)". A time stamp is the value of
-// RK_SinkTime, signed unless a comment says otherwise. Lines and parts marked [extended] are only
-// written if the output is `extended`.
+// Every writer takes the output first and then the values of the line. It returns 0, or 1 once the
+// output has failed. Values are passed as the trace stores them. The writers add 1 to threads (but
+// not in COMDEF and COLLOP lines) and to some ids, which the text counts from 1; leave out a source
+// location (SCL) of 0 or 0x7fffffff; and write a missing text as "(null)". A time stamp is the
+// value of RK_SinkTime, signed unless a comment says otherwise. Lines and parts marked [extended]
+// are only written if the output is `extended`.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ struct RK_MessageSide {
 struct RK_Message {
   uint64_t time;
   uint32_t sender;
-  int64_t receiveTime;  // relative to `time`, or one of the values for an unknown side
+  int64_t receiveTime;  // receive minus send, or one of the values for an unknown side
   uint32_t receiver;
   uint32_t communicator;
   uint32_t size;
@@ -55,13 +55,13 @@ struct RK_OperationPart {
 // A collective operation with the parts of all members.
 struct RK_Collective {
   uint64_t time;
-  uint32_t kind;  // a klt::CollopKind; other values are written as UNDEFINED
+  uint32_t kind;  // a klt::CollopKind; invalid ones are written as UNDEFINED
   uint32_t operation;
   uint32_t communicator;
-  uint32_t root;           // or klt::kNoRoot
-  uint32_t rootBytes;      // not written
+  uint32_t root;           // gtp, or klt::kNoRoot
+  uint32_t rootBytes;      // not written as text
   uint32_t n;              // number of elements in each array
-  const uint64_t* starts;  // relative to `time`
+  const uint64_t* starts;  // relative to `time`; see klt::isUnknownStart
   const uint64_t* deltas;
   const uint32_t* sent;  // this and the next two may be null
   const uint32_t* received;
@@ -121,5 +121,5 @@ int RK_WriteEndScope(RK_Output* out, uint64_t time, uint32_t gtp, uint32_t scope
 // A `time` of klt::kSendUnknown is written as UNKNOWN, and `receiveTime` is then the time of the
 // receive. A `receiveTime` of klt::kReceiveUnknown is written as UNKNOWN, too.
 int RK_WriteOneToOne(RK_Output* out, const RK_Message& message);
-// A start of all ones, or all ones minus one, is written as UNKNOWN.
+// A start of all ones, or one less, is written as UNKNOWN, and so is its delta.
 int RK_WriteCollOp(RK_Output* out, const RK_Collective& operation);

@@ -14,8 +14,8 @@
 #include "util/pal_hash.h"
 #include "util/pal_strings.h"
 
-// The input may have many files, so they are looked up only if the output is an existing file or
-// its name begins with that of the input.
+// The input may have many files, so they are looked up only if the output is an existing regular
+// file, or doesn't exist and its name begins with that of the input.
 bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name) {
   struct stat info {};
   const bool isStandard = std::strcmp(name, "-") == 0;

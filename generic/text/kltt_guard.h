@@ -13,7 +13,7 @@ struct KLT_FileHandle;
 // trace declares its name.
 [[nodiscard]] bool KLTT_OutputIsInput(const KLT_FileHandle* handle, const char* name);
 
-// Ends the process with status 1, as for an output that can't be opened, if `name` is the input.
+// If `name` is a file of the input, reports that it can't be opened and ends the process, status 1.
 void KLTT_RefuseInput(const KLT_FileHandle* handle, const char* name);
 
 // The files of the trace, and the names of declared files that don't exist.
