@@ -98,7 +98,7 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
       PAL_Warning("raw events of %s are not extracted, merge the trace first",
                   PAL_Printable(handle->base).c_str());
     }
-    // The profiles are computed from internal times.
+    // The profiles drop the bits of internal times that can count events within a tick.
     const KLT_StatsParameters statistics{&KLTT_MembersForStats, &context,
                                          std::min(context.eventBits, kKlttEventBits)};
     KLT_WFileHandle* const writer =
@@ -196,7 +196,7 @@ bool showsProgress() {
          isatty(STDERR_FILENO) == 1;
 }
 
-// The requests of the event pass; none select all, which is always so with CONVERT and MERGE.
+// The requests of the event pass. None, as always with CONVERT and MERGE, means all events.
 std::vector<KLT_Request> requestsOf(const KLTT_Context& context) {
   if (RK_conf.convert != 0 || RK_conf.merge != 0) return {};
   return KLTT_BuildRequests(context, RK_conf.request, RK_conf.ticks != 0);

@@ -25,7 +25,7 @@ inline constexpr uint32_t KLTT_SET_REPORTS = 0x200;     // of a message checker
 void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t sets);
 
 // Runs the extraction that RK_conf describes on an open trace; `serial` is passed to the readers.
-// Returns the exit status of the process: 0, 2 if a stream failed and others continued, 4 if a
-// handler failed, 1 if the output couldn't be written. Ends the process if no stream can be read or
-// the output can't be opened.
+// Returns the exit status of the process: 0, 2 if a part of the trace couldn't be read, 4 if a
+// handler failed, 1 if the output couldn't be completed. Ends the process if a failure leaves no
+// stream to read, if the output can't be opened, or if text can't be written during a pass.
 [[nodiscard]] int KLTT_Extract(KLT_FileHandle* handle, int serial);

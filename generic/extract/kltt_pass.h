@@ -14,7 +14,7 @@ class KLTT_PassRunner {
   KLTT_PassRunner(KLT_FileHandle* handle, const KLTT_Context& context, bool showsProgress)
       : handle_(handle), context_(context), showsProgress_(showsProgress) {}
 
-  // 0; 2 if a stream failed and others continued; 4 if a handler failed; 1 if an output is
+  // 0; 2 if a part of the trace couldn't be read; 4 if a handler failed; 1 if an output is
   // incomplete.
   [[nodiscard]] int status() const { return status_; }
 
@@ -23,8 +23,8 @@ class KLTT_PassRunner {
     if (!complete && status_ == 0) status_ = 1;
   }
 
-  // Opens a reader, reads to its end and closes it. Reports failures, and ends the process if no
-  // stream is left or the output of the context has failed.
+  // Opens a reader, reads to its end and closes it. Reports failures. Ends the process if a failure
+  // leaves no stream to read, or if a text output of the context fails.
   void run(int mode, const KLT_HandlerTable& table, std::span<const KLT_Request> requests,
            int serial);
 

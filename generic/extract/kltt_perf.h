@@ -1,8 +1,8 @@
 // The performance test measures how fast the reader finds a point in time in a trace.
 //
 // It first gathers the collective operations of the trace. Then it requests the state at the times
-// of many operations, each time by a new reader with requests of one tick. The measured times are
-// written to standard error; events aren't written.
+// of many operations, each time by a new reader with requests of one unit of raw time. The measured
+// times are written to standard error; events aren't written.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,8 @@ int KLTT_GatherCollective(void* user, const KLTT_CollectiveRecord& record);
 
 // The gathered operations that a measurement visits, and their members.
 struct KLTT_PerfChoice {
-  bool subset;        // some operations in order of time; otherwise all, in large steps of time
-  bool allProcesses;  // all members; otherwise the first
+  bool subset;        // some operations in order; otherwise all, in steps of many operations
+  bool allProcesses;  // all members that took part; otherwise the first of them
 };
 
 // Makes one measurement with `runs` readers. `table` has the handlers of events, which write

@@ -4,9 +4,9 @@
 // `user` is the KLTT_Context, the other arguments are those of KLT_HandlerTable. Lines are written
 // to the context's listing: standard output, or standard error if a binary trace is written to
 // standard output. A trace text on standard output uses the same buffer, so the order of lines is
-// the order of the calls. If there is a sink, only KLTT_FunctionStatistics prints. A statistic for
-// an id that the trace doesn't define ends the process. All handlers return 0, or 1 if the output
-// failed.
+// the order of the calls. If there is a sink, only KLTT_FunctionStatistics prints. Function, collop
+// and custom statistics (not profiles) for an id that the trace doesn't define end the process. All
+// handlers return 0, or 1 if the output failed.
 #pragma once
 
 #include <cstdint>
@@ -41,7 +41,7 @@ int KLTT_LwStatistics(void* user, uint32_t gtp, uint32_t function, uint32_t rece
                       uint64_t maxInclusive, uint64_t sumInclusive, uint64_t minExclusive,
                       uint64_t maxExclusive, uint64_t sumExclusive);
 
-// Profiles, in ticks. A line before the first profile of each kind names the columns.
+// Profiles, with times as stored. A line before the first profile of each kind names the columns.
 int KLTT_FunctionProfile(void* user, uint32_t gtp, uint32_t function, uint32_t count,
                          uint64_t minSelf, uint64_t maxSelf, uint64_t totalSelf,
                          uint64_t minInclusive, uint64_t maxInclusive, uint64_t totalInclusive);

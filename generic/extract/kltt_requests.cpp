@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint64_t kEndOfTime = ~uint64_t{0};
 
-// `ticks` rounded down and limited to 0 and the largest int64_t; 0 for NaN.
+// `ticks` rounded down; at least 0 and at most the largest int64_t; 0 for NaN.
 uint64_t wholeTicks(double ticks) {
   constexpr double kLimit = 9223372036854775808.0;  // 2^63
   if (std::isnan(ticks) || ticks < 0) return 0;
