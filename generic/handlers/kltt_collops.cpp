@@ -26,7 +26,7 @@ uint64_t latestEnd(const Record& op) {
   return latest;
 }
 
-// An array with a size for each member, for a record that has the root's size only.
+// The sizes of all members, for a record that only has the root's: 0 for the others.
 const uint32_t* rootSizeArray(KLTT_Context& context, const Record& op,
                               const KLTT_MemberList& members) {
   std::vector<uint32_t>& sizes = context.scratchBytes;

@@ -14,12 +14,12 @@
 struct KLTT_CollectiveRecord {
   enum class AtRoot : uint8_t { kNothing, kSent, kReceived };
 
-  const char* name;  // for messages
+  const char* name;  // for error messages
   uint64_t time;     // raw
   uint32_t communicator;
-  uint32_t type;
+  uint32_t type;  // id of the operation
   uint32_t n;
-  const uint64_t* starts;  // raw, relative to `time`; klt::isUnknownStart() if there is none
+  const uint64_t* starts;  // raw, relative to `time`; see klt::isUnknownStart
   const uint64_t* deltas;
   const uint32_t* sent;  // this and the next two may be null
   const uint32_t* received;

@@ -60,7 +60,7 @@ struct KLTT_Context : KLTT_Clock {
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
   bool matched = false;        // one line for a message or operation, not for each side
-  uint64_t lastEventTime = 0;  // raw; the largest so far
+  uint64_t lastEventTime = 0;  // raw; the largest since the last begin_of_history
   KLTT_Queue pending;
   RK_FrameWriter frames;
 

@@ -292,8 +292,8 @@ int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet
 
 }  // namespace
 
-// If the record selects any thread, the delayed records before the end of the window are written,
-// even if nothing is open on the thread.
+// If the record selects calls or scopes of any thread, the delayed records before the end of the
+// window are written, even if nothing is open on the thread.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets) {
   const PAL_Place here;

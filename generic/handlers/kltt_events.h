@@ -35,7 +35,7 @@ int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t
                         const PAL_Triplet* triplets);
 int KLTT_EndOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                       const PAL_Triplet* triplets);
-// A `time` of 2^63 or more means no end: calls and scopes are closed at the last event.
+// A `time` of 2^63 or more means no end: calls and scopes are closed at the last event's time.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets);
 int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);

@@ -34,8 +34,8 @@ void queueReceive(KLTT_Context& context, const RK_Message& m, uint64_t internalT
                   .function = m.receiverFunction};
 }
 
-// Queues an event for each known side of a message. `ownInternalTime` is the time of the record,
-// which is that of the earlier side, and `end` the raw time of the later side.
+// Queues an event for each known side of a message. `ownInternalTime` is the time of the earlier or
+// only side (in a history the start of the window), `end` the raw time of the later side.
 void queueUnmatched(KLTT_Context& context, const RK_Message& m, uint64_t ownInternalTime,
                     uint64_t end) {
   if (static_cast<uint64_t>(m.receiveTime) == klt::kReceiveUnknown) {
