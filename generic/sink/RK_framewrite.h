@@ -1,6 +1,6 @@
 // RK_FrameWriter keeps the open calls and scopes of every thread during the event pass.
 //
-// No option of klttool defines frames, so none are kept. RK_WillyHash holds one state per thread,
+// Frames, to which its name refers, aren't supported. RK_WillyHash holds one state per thread,
 // created when a record first names the thread. RK_FrameEnter and RK_FrameLeave update the stack of
 // functions. kltt_events updates the scopes. It also reads the stacks, to find the function that a
 // call returns to and to close open calls at the end of a window.
@@ -54,8 +54,8 @@ inline RK_WillyState& RK_WillyHashGet(RK_WillyHash& table, uint32_t gtp) {
 inline void RK_FrameEnter(RK_WillyState& willy, uint32_t function) {
   willy.functions.push(function);
 }
-// Returns the function that the call returns to, or 0 if no call is open any more. REQUIRES: a call
-// is open.
+// Ends the innermost call. Returns the function to which it returns, or 0 if no call is open any
+// more. REQUIRES: a call is open.
 inline uint32_t RK_FrameLeave(RK_WillyState& willy) {
   willy.functions.pop();
   return willy.functions.empty() ? 0 : willy.functions.top();

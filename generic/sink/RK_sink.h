@@ -32,9 +32,9 @@ struct RK_Sink {
   int32_t timeShift = 0;              // bits by which RK_SinkTime shifts internal time right
   KLT_WFileHandle* writer = nullptr;  // kind 1
   std::string name;
-  size_t longestComment = SIZE_MAX;  // further bytes of a comment don't change the output
+  size_t longestComment = SIZE_MAX;  // bytes; further bytes of a comment don't change the output
 
-  // Definitions. The arguments are the fields of the records.
+  // Definitions. The arguments are the records' fields; a communicator's `flags` are its left_size.
   virtual int processDeclaration(std::span<const uint32_t> threads, uint64_t total) = 0;
   virtual int willyName(uint32_t gtp, const char* name) = 0;
   virtual int clockResolution(double resolution, uint32_t eventBits) = 0;

@@ -295,8 +295,8 @@ class Records final : public RK_Sink {
   }
 
  private:
-  // Ignores failures: the writer reports them, continues with its other streams, and reports at
-  // its end that the trace is incomplete.
+  // Ignores failures: the writer reports them, still writes the other components, and reports when
+  // it is closed that the trace is incomplete.
   template <int N, class... Args>
   int put(Args... args) {
     (void)KLT_Write<N>(writer, nullptr, args...);
@@ -317,8 +317,8 @@ class Records final : public RK_Sink {
   [[nodiscard]] bool mustWait(const KLTT_Clock& clock, uint64_t time) const {
     return clock.inHistory || held_.waitFor(time);
   }
-  // Delays such a record: `write` is called when a later record is written, in order of time. It
-  // must own all its data.
+  // Delays such a record: `write`, which must own its data, is called in order of time before the
+  // first later record is written.
   int hold(KLTT_Clock& clock, uint64_t time, KLTT_HeldRecords::WriteFunction write) {
     const uint64_t moment = clock.inHistory ? KLTT_InternalTime(clock, clock.historyTime) : time;
     if (held_.add(moment, time, std::move(write))) {

@@ -2,7 +2,7 @@
 //
 // Each operation writes one record of the shortest row that can hold the event. Times, and the
 // spans of messages and operations, are internal time. All operations return 0: the writer itself
-// reports a stream that can't be written, and the other streams continue.
+// reports a component that can't be written, and still writes the others.
 #pragma once
 
 #include <memory>

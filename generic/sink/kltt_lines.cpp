@@ -105,8 +105,8 @@ class Lines final : public RK_Sink {
     return RK_WriteSamps(output, shown(time), gtp, count, counters, types, values);
   }
 
-  // The line has the time of the send in internal time, and the difference to the receive in raw
-  // time.
+  // The line has the time of the send (RK_SinkTime) and the raw receiveTime. If the send isn't
+  // known, it has the time of the receive (RK_SinkTime) instead of receiveTime.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
     RK_Message line = m;
     line.time = shown(KLTT_InternalTime(clock, m.time));

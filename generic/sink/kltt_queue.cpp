@@ -88,7 +88,7 @@ void KLTT_Queue::addComment(uint64_t time, std::string_view text, uint32_t infoC
   node.comment = {.text = number, .infoClass = infoClass};
 }
 
-// Advances `now_` to the first key in a bucket and moves the keys of that time to `due_`.
+// Advances `now_` to the earliest time in the buckets and moves the keys of that time to `due_`.
 // REQUIRES: all keys in `due_` have been removed; a bucket holds keys.
 void KLTT_Queue::spreadLowestBucket() {
   due_.clear();

@@ -5,15 +5,15 @@
 // its nodes by time, and nodes of equal time in the order in which they were added. It owns the
 // nodes, in a pool, and the texts of comments. kltt_events fills it and writes the nodes.
 //
-// Half of the nodes have the time of their record, which is earlier than that of all other nodes.
+// About half of the nodes have the time of their record, which is before that of all other nodes.
 // They are kept in a plain list until the queue advances to a later time.
 //
 // The others are in a radix queue, which is fast because the returned times almost never decrease.
 // A time is a number with 6-bit digits, and a node is in the bucket of the highest digit in which
-// its time differs from the time returned last. When that time advances, the lowest bucket in use
-// is distributed over the buckets below it; no other node changes its bucket. So a node moves at
-// most once for each digit of its delay, in sequential memory, and nodes of equal time stay in
-// order of arrival.
+// its time differs from the time that the radix queue returned last. When that time advances, the
+// lowest bucket in use is distributed over the buckets below it; no other node changes its bucket.
+// So a node moves at most once for each digit of its delay, in sequential memory, and nodes of
+// equal time stay in order of arrival.
 #pragma once
 
 #include <array>
@@ -60,8 +60,8 @@ class KLTT_Queue {
   [[nodiscard]] bool empty() const { return count_ == 0; }
   [[nodiscard]] size_t size() const { return count_; }
 
-  // Adds a node at `time` (internal time), which the caller fills. The reference is valid until the
-  // next node is added.
+  // Adds a node at `time` (internal time). The caller fills it through the reference, which is
+  // valid until the next node is added.
   friend KLTT_Delayed& KLTT_QueueAdd(KLTT_Queue& queue, uint64_t time);
   void addComment(uint64_t time, std::string_view text, uint32_t infoClass = 0);
 
@@ -98,7 +98,7 @@ class KLTT_Queue {
   static constexpr int kDigitBits = 6;
   static constexpr size_t kLevels = 11;  // digits of 64 bits
 
-  // Whether the first node of the queue is in `frontList_`. No other node has the list's time.
+  // Whether the first node is in `frontList_`. No node outside the list has the list's time.
   [[nodiscard]] bool isFrontListFirst() const {
     return frontListNext_ != frontList_.size() && frontListTime_ == nextTime_;
   }
@@ -119,7 +119,7 @@ class KLTT_Queue {
   std::vector<KLTT_Delayed> frontList_;
   size_t frontListNext_ = 0;
 
-  uint64_t now_ = 0;      // the time returned last; no bucket holds an earlier one
+  uint64_t now_ = 0;      // returned last by the radix queue; no bucket has an earlier time
   std::vector<Key> due_;  // keys at `now_`; those before `dueNext_` have been removed
   size_t dueNext_ = 0;
   std::array<std::array<Bucket, 64>, kLevels> buckets_;  // by the digit's position and value
