@@ -14,12 +14,12 @@
 
 struct KLT_FileHandle;
 
-// A summary: a table of six operations, each for one kind of record. Owned by the caller, freed by
-// KLTT_SumClose.
+// A summary: an interface of six operations, each for one kind of record. Owned by the caller,
+// freed by KLTT_SumClose.
 struct KLTT_Summary {
   virtual ~KLTT_Summary() = default;
 
-  // A call begins (`entering`) or ends; `function` is ignored if it ends.
+  // A call begins (`entering`) or ends; `function` and `scl` are ignored if it ends.
   virtual void function_event(uint64_t time, uint32_t thread, uint32_t function, uint32_t scl,
                               bool entering) = 0;
   // `root` is klt::kNoRoot if there is none.

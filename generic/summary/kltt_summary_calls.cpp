@@ -105,8 +105,8 @@ void KLTT_CallTrees::close(const Call& call, uint64_t time) {
   touch(node, call.node);
 }
 
-// Counts the open calls up to the end of the bin. The self time of a call below the top includes
-// all time since the call was last resumed, which includes its callee's time.
+// Counts the open calls up to the end of the bin. A call below the top gets all time since it was
+// last resumed as self time: its callee's time, too, and its time before the callee a second time.
 void KLTT_CallTrees::closeAll(Thread& thread, uint64_t binEnd) {
   for (Call& call : thread.calls) {
     close(call, binEnd);
@@ -131,9 +131,9 @@ void KLTT_CallTrees::appendChildren(uint32_t place) {
   places_.back().moreSiblings = false;
 }
 
-// Puts the touched nodes of a thread's tree into `places_`, in the order of their records. Only the
-// child of the root with the lowest function number is part of the tree; the touched nodes of other
-// children go to `unwritten_`.
+// Puts the touched nodes of a thread's tree into `places_`, in the order of their records. Of the
+// root's touched children only that with the lowest function id is part of the tree; the others and
+// the touched nodes below them go to `unwritten_`.
 void KLTT_CallTrees::collectTree(uint32_t root) {
   places_.assign(1, {root, 0, 0, 0, true});
   unwritten_.clear();

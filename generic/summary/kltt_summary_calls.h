@@ -1,8 +1,8 @@
 // KLTT_CallTrees counts the calls and times of each thread in a bin, by call path.
 //
-// A node of a call path exists for the rest of the run; its counts are those of the current bin.
-// Only nodes that were touched in a bin are written and cleared at its end, so an idle thread with
-// a large tree costs no time. Times are those of the summary, shifted by the event bits.
+// A node of a call path exists for the rest of the run; its counts are those of the current bin. At
+// the end of a bin only the nodes touched in it (those whose calls were open in it) are visited, so
+// an idle thread with a large tree costs no time. Times are in ticks.
 #pragma once
 
 #include <cstdint>
@@ -47,9 +47,9 @@ class KLTT_CallTrees {
   // An open call.
   struct Call {
     uint32_t node;
-    uint64_t resumed;  // when it last became the top call, or the start of the bin
-    uint64_t entered;  // when it began, or the start of the bin
-    uint64_t self;     // self time up to `resumed` that its node doesn't contain yet
+    uint64_t resumed;  // when it last became the top call, at the earliest the bin's start
+    uint64_t entered;  // when it began, at the earliest the bin's start
+    uint64_t self;     // self time, up to its last callee, that its node doesn't contain yet
   };
   struct Thread {
     uint32_t gtp;

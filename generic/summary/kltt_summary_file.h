@@ -3,7 +3,7 @@
 //
 // The header consists of three u64 in host byte order: version 1, the width of a bin, the number of
 // records. Blocks are collected and written together. Each write ends with the header, so that the
-// file is always consistent. The file is only open during a write, so that many files don't use up
+// file is then consistent. The file is only open during a write, so that many files don't use up
 // descriptors. A failure is reported once, and then nothing more is written to the file.
 #pragma once
 

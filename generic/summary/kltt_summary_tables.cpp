@@ -177,7 +177,7 @@ void KLTT_SumTables::counter(uint64_t time, uint32_t thread, uint32_t id, uint64
     sums.first = time;
     sums.lowest = sums.highest = sums.mean = value;
   } else {
-    // There is a rate between consecutive samples; `count` doesn't include this sample yet.
+    // One rate for each two consecutive samples: `count` doesn't include this sample yet.
     const double rates = sums.count;
     const double rate =
         (value - sums.lastValue) / static_cast<double>(static_cast<int64_t>(time - sums.last));

@@ -1,8 +1,8 @@
 // KLTT_SumTables sums up a bin's collective operations, messages and counter samples by key.
 //
 // Each table is written and cleared at the end of the bin. A file has the keys in the order of a
-// hash table with 31 chains (pal_hash.h). Times and durations are in ticks; only the
-// arrays of KLTT_SumMembers contain raw times, which collective() shifts by the event bits.
+// hash table with 31 chains (pal_hash.h). Times and durations are in ticks; only the arrays of
+// KLTT_SumMembers contain differences of raw times, which collective() shifts by the event bits.
 #pragma once
 
 #include <array>
@@ -78,7 +78,7 @@ class KLTT_SumTables {
   void collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
                   uint32_t eventBits, const KLTT_SumMembers& members);
 
-  // The duration is negative if the receive was first, or if there was none.
+  // The duration is negative if the receive was first, or if a side isn't known.
   void message(const KLTT_SumMessage& message);
 
   void defineCounter(uint32_t id, uint32_t type);
