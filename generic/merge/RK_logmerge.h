@@ -35,7 +35,7 @@ struct KLTM_Matching {
   std::unique_ptr<KLTM_CollopTable> collops;
 };
 
-// Sets how many bits of a `kind` hold the process. REQUIRES: not started.
+// Sets how many bits of a `kind` hold the process, for `count` processes. REQUIRES: not started.
 void KLTM_DeclareProcesses(KLTM_Matching& matching, uint32_t count);
 
 // Both clear the registry of communicators, before and after its use. REQUIRES: not started.
@@ -44,12 +44,12 @@ void KLTM_FreeCommunicators(KLTM_Matching& matching);
 // Registers a communicator, replacing an earlier definition of the id. REQUIRES: not started.
 void KLTM_RegisterCommunicator(KLTM_Matching& matching, uint32_t id, KLTT_MemberList members);
 
-// Starts the matching. `writer` and `summary`, which may be null, are not owned. `blockBytes` is
-// the initial size of each arena.
+// Starts the matching. `writer` and `summary` are not owned; `summary` may be null. `blockBytes` is
+// the initial capacity of each arena.
 void KLTM_MatchStart(KLTM_Matching& matching, KLT_WFileHandle* writer, KLTT_Summary* summary,
                      uint64_t blockBytes);
 // REQUIRES: started.
 void KLTM_MatchMessage(KLTM_Matching& matching, const KLTM_RawMessage& event);
 void KLTM_MatchCollective(KLTM_Matching& matching, const KLTM_RawCollop& event);
-// Writes all incomplete records, messages first, and ends the matching.
+// Writes all waiting records, complete or not, messages first, and ends the matching.
 void KLTM_MatchFinish(KLTM_Matching& matching);

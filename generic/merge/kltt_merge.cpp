@@ -92,7 +92,7 @@ class Merge {
 
   bool openWriter() {
     if (KLTT_OutputIsInput(input_, outputName().c_str())) return false;
-    // The clock isn't known before the first pass, so the profiles use raw times.
+    // The clock isn't known before the first pass, so the profiles keep the event bits of times.
     const KLT_StatsParameters statistics{&KLTM_GetIndexInComm, &context_, 0};
     const int form = flag(KLTM_SINGLE_FILE) ? KLT_FORM_SINGLE : KLT_FORM_PLAIN;
     context_.writer =
@@ -139,7 +139,7 @@ class Merge {
     if (result_ == KLTM_DONE) result_ = KLTM_INCOMPLETE;
   }
 
-  // A fault that both passes find is reported only once. False if the merge can't continue.
+  // Reports a fault that both passes find only once. False if the merge can't continue.
   bool readDefinitions(KLT_HandlerTable& table) {
     PAL_MessagesOnce messages;
     KLTM_SetScanHandlers(table, context_);
@@ -215,7 +215,7 @@ class Merge {
   }
 
   // After a failure that ends the merge, the output gets no index, so that no reader accepts it. If
-  // only messages or operations are lost, the other streams are kept.
+  // only messages or operations can't be written, the other components are kept.
   void closeWriter() {
     const SignalBlocker blocker;
     KLT_WFileHandle* const writer = std::exchange(context_.writer, nullptr);

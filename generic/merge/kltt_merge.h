@@ -18,9 +18,9 @@ enum : int {
   KLTM_NO_OUTPUT = 3,          // the output can't be created, or is the input
   KLTM_INPUT_NOT_REMOVED = 4,  // but the output is complete
   KLTM_WRONG_TRACE = 5,        // merge of a merged trace, or summary of a raw trace
-  KLTM_INCOMPLETE = 6,         // part of the input couldn't be read, or of the summary written
-  KLTM_ABORTED = 7,            // no stream of the input could be read any more; there is no index
-  KLTM_NOT_WRITTEN = 8         // the output couldn't be written, or has lost streams
+  KLTM_INCOMPLETE = 6,         // part of the input wasn't read or merged, or of the summary written
+  KLTM_ABORTED = 7,            // no stream of the input is left to read; the output has no index
+  KLTM_NOT_WRITTEN = 8         // the output couldn't be written, or lacks components
 };
 
 // Reports the progress of a merge: state -1 at its start, 0 with a percentage, 1 at its end.
@@ -28,8 +28,9 @@ using KLTM_Progress = void (*)(RK_Output* stream, int state, int percent);
 
 // Merges or summarises the trace `input`, or both, and closes it. `target` is the name of the
 // output and of the summary's files, relative to the directory `prefix` (null: the working
-// directory); it may be null for a summary alone. With KLTM_DELETE_INPUT the input is removed after
-// all outputs have been completed without a failure. `progress` may be null; `stream` is passed to
-// it. The caller reports the results 1 to 5; other failures are reported here.
+// directory). For a summary alone it may be null, which means the name of the input. With
+// KLTM_DELETE_INPUT the input is removed after a merge whose outputs are complete. `progress` may
+// be null; `stream` is passed to it. The caller reports the results 1 to 5; other failures are
+// reported here.
 [[nodiscard]] int KLTM_Merge(const char* prefix, const char* target, KLT_FileHandle* input,
                              int flags, KLTM_Progress progress, RK_Output* stream);
