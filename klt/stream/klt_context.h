@@ -57,7 +57,7 @@ struct KLT_WillyState {
   KLT_OpenScopes scopes;
   KLT_StoredRecords messages;  // sent by this thread
   KLT_IdMap<KLT_CounterSample> counters;
-  std::vector<const KLT_StoredRecord*> operations;  // used while a history is produced
+  std::vector<const KLT_StoredRecord*> operations;  // collective, while a history is produced
 
   // Whether the thread has no state that a history contains.
   [[nodiscard]] bool empty() const;
@@ -71,7 +71,7 @@ class KLT_Context {
       return *last_;
     return find(gtp);
   }
-  // Clears the state of all threads that belongs to `categories`.
+  // Clears what belongs to `categories` in the states of all threads.
   void clear(uint32_t categories);
   // All states that aren't empty, in the order of a hash table into which the declared threads were
   // inserted first. So the order doesn't depend on which thread was used first.

@@ -132,7 +132,7 @@ Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   return finish<N>(s, time, disk, encoded, before);
 }
 
-// Of a record that fits no row only the time is used.
+// Of a record that isn't decoded only the time is used.
 Step skipUnread(KLT_Stream& s, uint64_t time, size_t disk) {
   (void)skip(s, time, disk);
   return s.filter.isAfterEnd(time) ? Step::kConsumedLast : Step::kConsumed;
@@ -185,7 +185,8 @@ KLT_Fill failed(KLT_Stream& s) {
 }
 
 KLT_Fill failAtRecord(KLT_Stream& s) {
-  // Without time order the records before it have been delivered, so the request is ended.
+  // Without time order the records before it have been delivered, so those for the request's end
+  // follow.
   if (s.packed.turn != nullptr && !s.requests.finished()) (void)KLT_NextRequest(s);
   PAL_Error("Corrupted data");
   return failed(s);
