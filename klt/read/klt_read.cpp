@@ -310,8 +310,8 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
   if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
-  // Bytes read before the first delivery aren't counted: they are those of skipped streams and of
-  // records before a window.
+  // The bytes read before the first delivery don't count until then: they are those of streams that
+  // have nothing to deliver and of records before a window.
   if (reader->pass.serial && !reader->hasDelivered) return 0.0;
   auto done = static_cast<double>(reader->bytesDone);
   std::vector<size_t> inSlice(reader->streams.size());  // bytes
