@@ -15,8 +15,8 @@
 // Opens a trace for writing. `name` is relative to `dir` unless that is null; `form` is the storage
 // form. With `writeIndex` the index component is opened at once, and written on closing. The bits
 // 0xb of `flags` are stored in the index; components of functions and raw events are compressed if
-// bits 0 and 1 are both set. With `stats` profiles are computed. Files of the input (`inputFiles`)
-// are neither removed nor opened. Null after a report.
+// bits 0 and 1 are both set. With `stats` profiles are computed. Components whose file is in
+// `inputFiles` are neither removed nor opened; `name` itself isn't checked. Null after a report.
 [[nodiscard]] KLT_WFileHandle* KLT_WriterOpen(const char* dir, const char* name, int writeIndex,
                                               int form, uint32_t flags,
                                               const KLT_StatsParameters* stats,
@@ -31,6 +31,7 @@ void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 // written to the files. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);
 
-// Flushes and frees without writing profiles and index. False if a write has failed. After both
-// functions the file of a missing or incomplete index is empty.
+// Flushes and frees without writing profiles and index. False if a write has failed. With
+// `writeIndex` both functions empty the file `name` if its index isn't complete, except in the
+// serial form.
 bool KLT_WriterFree(KLT_WFileHandle* writer);

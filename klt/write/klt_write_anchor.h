@@ -4,5 +4,6 @@
 
 #include "klt/write/klt_write_context.h"
 
-// Sets a seek point at the context's position. Returns an error text, or null.
+// Sets a seek point at the context's position, unless it would have more bytes than the data since
+// the last one. Returns an error text, or null.
 [[nodiscard]] const char* KLT_SetAnchor(KLT_WFileHandle& writer, KLT_WriteContext& context);

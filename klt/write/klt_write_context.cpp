@@ -62,7 +62,8 @@ bool isInputFile(const KLT_WFileHandle& writer, const std::string& name) {
   return writer.inputFiles.contains(PAL_PathInDir(writer.directory(), name));
 }
 
-// Opens the component `name` and removes an old file of that name first.
+// Opens the component `name`. In the plain form removes an old file of that name first, or fails
+// with EEXIST if it is a file of the input.
 KLT_IoFile* openComponent(KLT_WFileHandle& writer, const std::string& name) {
   if (KLT_ContainerForm(writer.container) == KLT_FORM_PLAIN) {
     if (isInputFile(writer, name)) {

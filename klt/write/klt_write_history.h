@@ -22,7 +22,7 @@
 struct KLT_OffsetEntry {
   enum class Kind : uint8_t { kSpan, kCounter, kScope };
 
-  uint64_t time = 0;  // the stream's output time just before the record
+  uint64_t time = 0;  // the component's running time just before the record
   uint64_t end = 0;   // absolute; all ones for never
   uint64_t offset = 0;
   Kind kind = Kind::kSpan;
@@ -32,7 +32,7 @@ struct KLT_OffsetEntry {
 
 // The arguments of KLT_AddOffsetHistory.
 struct KLT_OffsetNote {
-  uint64_t time = 0;    // the stream's output time just before the record
+  uint64_t time = 0;    // the component's running time just before the record
   uint64_t end = 0;     // the record is relevant before this time
   uint64_t offset = 0;  // of the record
   bool isOpen = false;  // its end isn't known yet
@@ -44,17 +44,17 @@ struct KLT_OffsetNote {
 
 struct KLT_WillyHistory;
 
-// Offset entries in order of insertion. All operations take amortised constant time; a removed
-// entry stays in the list, marked, until the next prune().
+// Offset entries in order of insertion. All operations take amortised constant or logarithmic time;
+// a removed entry stays in the list, marked, until the next prune().
 class KLT_OffsetEntries {
  public:
   void enterScope(uint32_t scope, uint32_t seqnr, uint64_t time, uint64_t offset);
   void leaveScope(uint32_t scope, uint32_t seqnr);
   // Removes the entries with an end at or before `limit`.
   void prune(uint64_t limit);
-  // The number of entries that prune(limit) would leave; the next prune() removes the others. If
-  // there are many entries, this function only processes those that have ended, but prune()
-  // processes all.
+  // The number of entries that prune(limit) would leave. Few entries are pruned at once. Of many
+  // entries, all of which prune() would have to process, only those that have ended are processed;
+  // the next prune() removes them.
   [[nodiscard]] size_t countAfter(uint64_t limit);
   [[nodiscard]] const std::vector<KLT_OffsetEntry>& entries() const { return entries_; }
 
@@ -101,7 +101,7 @@ struct alignas(64) KLT_WillyHistory {
     uint32_t function;
     uint32_t scl;
     uint64_t start;      // in ticks
-    uint64_t childTime;  // spent in callees so far
+    uint64_t childTime;  // in ticks, spent in callees so far
   };
 
   // These fields are used for every call and share a cache line: with thousands of threads, cache
@@ -146,8 +146,8 @@ using KLT_WriteHistory = KLT_WillyHistory;
   history.calls.push({function, scl, ticks, 0});
 }
 
-// The innermost call ends. Its times are added to `stats` unless that is null. Does nothing without
-// a call.
+// The innermost call ends. Its times are added to `stats` unless that is null. Does nothing if no
+// call is open.
 [[gnu::always_inline]] inline void KLT_LeaveFunctionHistory(KLT_WriteHistory& history,
                                                             uint64_t ticks, KLT_FileStats* stats) {
   PAL_Stack<KLT_WillyHistory::Call>& calls = history.calls;

@@ -109,8 +109,8 @@ PAL_Triplets declaredThreads(const KLT_WFileHandle& writer) {
   return threads.size() == total ? PAL_TripletsCompress(threads, true) : byProcess;
 }
 
-// The list of all threads: those with a component, and those selected by KLT_WriterListThreads. If
-// there are neither, all declared threads.
+// The list of all threads: those with a component, and those that KLT_WriterListThreads has added.
+// If it hasn't been called and no thread has a component, all declared threads.
 PAL_Triplets allThreads(const KLT_WFileHandle& writer) {
   std::vector<int32_t> threads;
   for (const auto& [thread, list] : writer.listIds) threads.push_back(static_cast<int32_t>(thread));

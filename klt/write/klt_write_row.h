@@ -2,7 +2,7 @@
 //
 //   KLT_Write<KLT_Row::enterFunction>(writer, nullptr, time, gtp, function);
 //
-// Arguments are the fields of the row in order: the absolute time; integers; a count followed by
+// Arguments are the fields of the row in order: the absolute raw time; numbers; a count followed by
 // pointers to the elements of the arrays it covers, null for zeros; texts as C strings, without
 // their count; values of type raw64 as the bytes to store. References to strings are passed as
 // texts.
@@ -431,8 +431,8 @@ class RowWriter {
 
 }  // namespace klt
 
-// Writes a record of row N. With `slot` the record can be written again later with the same length.
-// Returns the number of bytes written, 0 on failure.
+// Writes a record of row N. An empty `slot` is filled; a later call with it replaces the record by
+// one of the same length. Returns the number of bytes written, 0 on failure.
 template <int N, class... Args>
 uint32_t KLT_Write(KLT_WFileHandle* writer, KLT_UpdateSlot* slot, Args... args) {
   const klt::WriteArguments<N> arguments(args...);
