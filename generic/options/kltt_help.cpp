@@ -119,8 +119,8 @@ Supported Directives
   Prints the statistics that were stored when the trace was written: for
   functions, messages and collective operations. Each line that begins with INFO
   is one of them; lines that begin with # name the columns. Times of INFO
-  ACTSTATS are in seconds, those of the profiles in clock ticks. No events are
-  read.
+  ACTSTATS are in seconds, those of the profiles in raw time: clock ticks, if a
+  tick has no event bits. No events are read.
 
 --print-reports (off)
   Prints the reports of the message checker: the process, WARNING or ERROR, the

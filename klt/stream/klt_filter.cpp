@@ -83,11 +83,12 @@ constexpr bool isDropped(const KLT_Stream& s) {
 }
 
 // Whether records of row N are skipped: seek points and their histories are only used in anchor
-// files, and the records at the start and end of a window are produced by the reader itself.
+// files, and the reader itself produces the records at the start and end of a window.
 template <int N>
 constexpr bool isSkipped() {
   constexpr KLT_FilterClass filter = kKltRows[N - 1].filter;
-  return filter == KLT_FilterClass::kSeekPoint || filter == KLT_FilterClass::kBracket;
+  return filter == KLT_FilterClass::kSeekPoint || filter == KLT_FilterClass::kBracket ||
+         filter == KLT_FilterClass::kStack;
 }
 
 template <int N>

@@ -267,6 +267,7 @@ TEST_F(KltGeneric, FieldsHaveTheirDefaultsAndSigns) {
     trace.declarations().record(71, {{"tid", 4}, {"offset", 2.0}});
     trace.stream("f", tb::STATISTICS | tb::COLLOPS | tb::FUNCTIONS)
         .record(52, {{"willy_gtp", 1}, {"count", 2}})
+        .record(41, {{"willy_gtp", 0}})  // is only used in anchor files
         .enter(0, ~uint32_t{0})
         .collective({.communicator = 5, .operation = 9, .start = {1, 2}, .duration = {3, 4}});
     OpenTrace open(trace);
