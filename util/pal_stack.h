@@ -2,14 +2,15 @@
 //
 // A function that uses std::vector::push_back(), inlined or not, saves six registers each time it
 // is called, although only the rare growth of the vector needs them. Here growth is a separate
-// function that is never inlined.
+// function that is never inlined. It doesn't copy a large stack, which would need memory for both.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
-#include <memory>
 #include <type_traits>
 #include <utility>
+
+#include "util/pal_mem.h"
 
 template <class T>
 class PAL_Stack {
@@ -17,7 +18,7 @@ class PAL_Stack {
 
  public:
   PAL_Stack() = default;
-  ~PAL_Stack() = default;
+  ~PAL_Stack() { PAL_FREE(items_); }
   PAL_Stack(const PAL_Stack&) = delete;
   PAL_Stack& operator=(const PAL_Stack&) = delete;
   PAL_Stack(PAL_Stack&& other) noexcept { swap(other); }
@@ -38,8 +39,13 @@ class PAL_Stack {
   [[nodiscard]] bool empty() const { return size_ == 0; }
   [[nodiscard]] size_t size() const { return size_; }
   // The items from the bottom to the top.
-  [[nodiscard]] const T* begin() const { return items_.get(); }
-  [[nodiscard]] const T* end() const { return items_.get() + size_; }
+  [[nodiscard]] const T* begin() const { return items_; }
+  [[nodiscard]] const T* end() const { return items_ + size_; }
+  // Removes all items and frees the memory.
+  void release() {
+    PAL_FREE(items_);
+    size_ = capacity_ = 0;
+  }
 
  private:
   void swap(PAL_Stack& other) {
@@ -49,14 +55,11 @@ class PAL_Stack {
   }
   [[gnu::noinline, gnu::cold]] void grow() {
     constexpr size_t kFirst = 4;
-    const size_t capacity = std::max(kFirst, 2 * capacity_);
-    auto larger = std::make_unique_for_overwrite<T[]>(capacity);
-    std::copy(begin(), end(), larger.get());
-    items_ = std::move(larger);
-    capacity_ = capacity;
+    capacity_ = std::max(kFirst, 2 * capacity_);
+    PAL_REALLOC(items_, capacity_ * sizeof(T), PAL_Place::file(), PAL_Place::line());
   }
 
-  std::unique_ptr<T[]> items_;
+  T* items_ = nullptr;
   size_t size_ = 0;
   size_t capacity_ = 0;
 };

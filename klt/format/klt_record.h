@@ -200,6 +200,8 @@ class KLT_RecordBuffer {
   // Bytes that fit after the last record without growing.
   [[nodiscard]] size_t room() const { return capacity_ - used_; }
   void commit(size_t bytes) { used_ += bytes; }
+  // Removes the records from the offset `used` on.
+  void truncate(size_t used) { used_ = used; }
 
  private:
   void grow(size_t bytes) {

@@ -3,7 +3,7 @@
 
 #include <zlib.h>
 
-#include <cstdio>
+#include <algorithm>
 
 #include "klt/format/klt_wire.h"
 #include "util/pal_mem.h"
@@ -19,9 +19,8 @@ void* allocateForZlib(void*, unsigned count, unsigned size) {
 }
 void releaseForZlib(void*, void* block) { PAL_Release(block); }
 
-bool isPlausible(uint64_t length, uint64_t compressedBytes) {
-  return length <= kLargestRatio * compressedBytes + 64;
-}
+// The largest length to which a zlib stream of this size can inflate.
+uint64_t largestLength(uint64_t compressedBytes) { return kLargestRatio * compressedBytes + 64; }
 
 }  // namespace
 
@@ -32,15 +31,10 @@ std::unique_ptr<KLT_Inflate> KLT_Inflate::open(KLT_IoFile* file) {
       KLT_IoRead(file, field, sizeof field) != static_cast<int64_t>(sizeof field)) {
     return nullptr;
   }
-  const uint64_t compressed = static_cast<uint64_t>(size) - kLengthField;
+  const uint64_t largest = largestLength(static_cast<uint64_t>(size) - kLengthField);
   const auto claimed = klt::loadNative<uint64_t>(field);
   std::unique_ptr<KLT_Inflate> inflate(new KLT_Inflate(file));
-  inflate->length_ = kUnknownLength;
-  if (isPlausible(claimed, compressed)) {
-    inflate->length_ = claimed;
-  } else if (isPlausible(klt::swapBytes(claimed), compressed)) {
-    inflate->length_ = klt::swapBytes(claimed);
-  }
+  inflate->length_ = claimed <= largest ? claimed : std::min(klt::swapBytes(claimed), largest);
   return inflate;
 }
 

@@ -4,7 +4,8 @@
 //          8        zlib stream
 //
 // The length isn't trusted. If no zlib stream of the file's size can inflate to that length, the
-// reader tries the other byte order; if that fails, too, the length counts as unknown.
+// reader tries the other byte order, and takes the largest length that is possible if that fails
+// too. So a file can't ask for more than 1,032 times its size.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +18,6 @@ struct z_stream_s;
 
 class KLT_Inflate {
  public:
-  static constexpr uint64_t kUnknownLength = ~uint64_t{0};
-
   // Reads the length field of `file`, which the caller keeps. Null if the field can't be read.
   [[nodiscard]] static std::unique_ptr<KLT_Inflate> open(KLT_IoFile* file);
   ~KLT_Inflate();

@@ -133,8 +133,8 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      // The data has ended before its length. The bytes up to that length are missing.
-      reportMissing(length_ == KLT_Inflate::kUnknownLength ? length_ : length_ - offset_);
+      // Only compressed data can end before its length. The missing bytes count to that length.
+      reportMissing(length_ - offset_);
       return false;
     }
   }

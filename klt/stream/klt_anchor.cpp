@@ -182,7 +182,7 @@ class Replay {
       uint32_t scl = 0;
       if constexpr (N == KLT_Row::functionHistoryScl)
         scl = View::template array<uint32_t, 3>(record)[i];
-      state.functions.push_back({functions[i], scl});
+      state.functions.push({functions[i], scl});
       ++state.depth;
     }
   }

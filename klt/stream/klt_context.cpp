@@ -49,7 +49,7 @@ KLT_WillyState& KLT_Context::find(uint32_t gtp) {
 void KLT_Context::clear(uint32_t categories) {
   for (const auto& state : states_) {
     if ((categories & klt::kFunctions) != 0) {
-      state->functions.clear();
+      state->functions.release();
       state->depth = 0;
     }
     if ((categories & klt::kScopes) != 0) state->scopes.clear();
@@ -57,6 +57,16 @@ void KLT_Context::clear(uint32_t categories) {
     if ((categories & klt::kMessages) != 0) state->messages.clear();
   }
   if ((categories & klt::kCollops) != 0) collectives_.clear();
+}
+
+void KLT_Context::freeHistory() {
+  for (const auto& state : states_) {
+    state->functions.release();
+    state->messages = {};
+    state->counters = {};
+    state->operations = {};
+  }
+  collectives_ = {};
 }
 
 std::vector<KLT_WillyState*> KLT_Context::ordered(const KLT_FileHandle& handle) {
@@ -92,7 +102,7 @@ void KLT_ContextEnterFunction(KLT_Context& context, uint32_t gtp, uint32_t funct
                               bool full) {
   KLT_WillyState& state = context.of(gtp);
   ++state.depth;
-  if (full) state.functions.push_back({function, scl});
+  if (full) state.functions.push({function, scl});
 }
 
 void KLT_ContextLeaveFunction(KLT_Context& context, uint32_t gtp, uint64_t time, bool full) {
@@ -103,7 +113,7 @@ void KLT_ContextLeaveFunction(KLT_Context& context, uint32_t gtp, uint64_t time,
     return;
   }
   --state.depth;
-  if (full && !state.functions.empty()) state.functions.pop_back();
+  if (full && !state.functions.empty()) state.functions.pop();
 }
 
 void KLT_ContextEnterScope(KLT_Context& context, uint32_t gtp, uint64_t time, uint32_t scope,

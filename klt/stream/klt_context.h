@@ -15,6 +15,7 @@
 #include "klt/index/klt_idmap.h"
 #include "klt/index/klt_intern.h"
 #include "klt/stream/klt_scopes.h"
+#include "util/pal_stack.h"
 
 struct KLT_StackEntry {
   uint32_t function;
@@ -52,8 +53,8 @@ class KLT_StoredRecords {
 
 struct KLT_WillyState {
   uint32_t gtp = 0;
-  uint32_t depth = 0;  // of the call stack; while only the depth is kept, `functions` is shorter
-  std::vector<KLT_StackEntry> functions;
+  uint32_t depth = 0;  // of the call stack; `functions` is shorter where only the depth is kept
+  PAL_Stack<KLT_StackEntry> functions;
   KLT_OpenScopes scopes;
   KLT_StoredRecords messages;  // sent by this thread
   KLT_IdMap<KLT_CounterSample> counters;
@@ -73,8 +74,10 @@ class KLT_Context {
   }
   // Clears what belongs to `categories` in the states of all threads.
   void clear(uint32_t categories);
-  // All states that aren't empty, in the order of a hash table into which the declared threads were
-  // inserted first. So the order doesn't depend on which thread was used first.
+  // Frees the state that only a history contains.
+  void freeHistory();
+  // All states that aren't empty, in the order of a table in which all threads were declared. The
+  // order doesn't depend on which thread was used first.
   [[nodiscard]] std::vector<KLT_WillyState*> ordered(const KLT_FileHandle& handle);
   [[nodiscard]] bool empty() const { return states_.empty() && collectives_.records().empty(); }
   [[nodiscard]] std::vector<std::unique_ptr<KLT_WillyState>>& states() { return states_; }

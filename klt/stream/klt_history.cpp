@@ -51,10 +51,10 @@ class RecordWriter {
   size_t tail_;
 };
 
-// The records of one history. They are collected before delivery, to determine whether there is
-// room for them.
+// The records of one history. They are appended to the packed records first, since a history can be
+// large, and removed again if there is no room for them.
 struct HistoryRecords {
-  KLT_RecordBuffer records;
+  KLT_RecordBuffer& records;
   size_t encoded = 0;
 
   void add(size_t bytes) {
@@ -73,9 +73,9 @@ void addFunctions(HistoryRecords& out, const KLT_WillyState& state, uint64_t tim
   record.set<0>(state.gtp);
   record.set<1>(static_cast<uint32_t>(n));
   auto* functions = record.array<uint32_t>(n);
-  for (size_t i = 0; i < n; ++i) functions[i] = state.functions[i].function;
+  for (size_t i = 0; i < n; ++i) functions[i] = state.functions.begin()[i].function;
   auto* scls = record.array<uint32_t>(n);
-  for (size_t i = 0; i < n; ++i) scls[i] = state.functions[i].scl;
+  for (size_t i = 0; i < n; ++i) scls[i] = state.functions.begin()[i].scl;
   out.add(record.bytes());
 }
 
@@ -230,19 +230,25 @@ void collect(KLT_Stream& s, uint32_t unknown, bool brackets, HistoryRecords& out
 }
 
 template <int N>
-void appendBracket(KLT_Stream& s, uint64_t time) {
-  const RecordWriter<N> record(s.packed.records, time);
-  s.packed.add(record.bytes(), 2, time);
+void appendBracket(KLT_RecordBuffer& records, uint64_t time) {
+  const RecordWriter<N> record(records, time);
+  records.commit(record.bytes());
 }
 
-void appendHistory(KLT_Stream& s, HistoryRecords& history) {
-  for (size_t at = 0; at < history.records.used();) {
-    const uint8_t* record = history.records.data() + at;
-    const size_t bytes = KLT_RecordBytes(record);
-    std::memcpy(s.packed.records.reserve(bytes), record, bytes);
-    s.packed.add(bytes, KLT_EncodedBytes(record) - 1, KLT_RecordTime(record));
-    at += bytes;
+// Counts the packed records from the offset `from` on, or passes them to the stream's turn.
+void addFrom(KLT_PackedRecords& packed, size_t from) {
+  for (size_t at = from; at < packed.records.used();) {
+    uint8_t* const record = packed.records.data() + at;
+    at += KLT_RecordBytes(record);
+    const uint64_t time = KLT_RecordTime(record);
+    if (packed.turn == nullptr) {
+      packed.count(KLT_EncodedBytes(record) - 1, time);
+    } else {
+      packed.turn->take(record);
+      packed.outTime = time;
+    }
   }
+  if (packed.turn != nullptr) packed.records.truncate(from);
 }
 
 void markDone(KLT_Stream& s) {
@@ -250,6 +256,7 @@ void markDone(KLT_Stream& s) {
   s.history.addedThreads.clear();
   s.history.done = true;
   s.history.keepContext = s.requests.following() != nullptr;
+  if (!s.history.keepContext) s.history.context.freeHistory();
 }
 
 // Removes messages and operations that have ended at `time`, the start of the history.
@@ -296,7 +303,10 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
       (request.categories & kAny) != 0 ? kKltAllHistory : request.categories | kAny;
   const bool brackets =
       s.pass->handlers.begin_of_history != nullptr && s.pass->handlers.end_of_history != nullptr;
-  HistoryRecords history;
+  KLT_RecordBuffer& records = s.packed.records;
+  const size_t before = records.used();
+  HistoryRecords history{records};
+  if (brackets) appendBracket<KLT_Row::beginOfHistory>(records, request.start);
   if ((unknown != 0 || s.history.addedCategories != 0 || !s.history.addedThreads.empty()) &&
       !s.history.context.empty()) {
     collect(s, unknown, brackets, history);
@@ -305,10 +315,14 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
     constexpr size_t kBracketBytes = 15;
     constexpr size_t kTimeRecord = 9;
     const size_t needed = history.encoded + (brackets ? kBracketBytes : 0) + kTimeRecord + room;
-    if (!force && !s.packed.makeRoom(needed)) return false;
-    if (brackets) appendBracket<KLT_Row::beginOfHistory>(s, request.start);
-    appendHistory(s, history);
-    if (brackets) appendBracket<KLT_Row::endOfHistory>(s, request.start);
+    if (!force && !s.packed.makeRoom(needed)) {
+      records.truncate(before);
+      return false;
+    }
+    if (brackets) appendBracket<KLT_Row::endOfHistory>(records, request.start);
+    addFrom(s.packed, before);
+  } else {
+    records.truncate(before);
   }
   s.history.knownCategories = known;
   markDone(s);

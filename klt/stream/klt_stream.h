@@ -174,6 +174,10 @@ struct KLT_PackedRecords {
       return;
     }
     records.commit(bytes);
+    count(encoded, time);
+  }
+  // Counts a record that has been appended.
+  void count(size_t encoded, uint64_t time) {
     encodedBytes += 1 + encoded + KLT_TimeRecordBytes(outTime, time);
     outTime = time;
   }

@@ -163,6 +163,14 @@ void rawCrowd(tb::Trace& trace, uint64_t size) {
   }
 }
 
+// A record of 4 GB in a compressed component that inflates to a part of it.
+void inflated(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kRatio = 1000;
+  basics(trace);
+  tb::Stream& s = trace.stream("f.0", tb::FUNCTIONS, {0});
+  s.bytes({"\x40\0\1\0\0\0\0\xff\xff\xff\xff", 11}).bytes(std::string(kRatio * size, '\0'));
+}
+
 struct Case {
   std::string_view name;
   void (*make)(tb::Trace&, uint64_t size);
@@ -176,7 +184,8 @@ constexpr Case kCases[] = {{"crowd", crowd},
                            {"huge_declarations", hugeDeclarations},
                            {"thread_lists", threadLists},
                            {"names", names},
-                           {"raw_crowd", rawCrowd, 1}};
+                           {"raw_crowd", rawCrowd, 1},
+                           {"inflated", inflated, 3}};
 
 }  // namespace
 
@@ -188,7 +197,8 @@ int main(int argc, char** argv) {
     c.make(trace, std::strtoull(argv[3], nullptr, 10));
     const std::string base = std::string(argv[2]) + "/t.klt";
     const tb::TraceFiles files = trace.files();
-    for (const auto& [key, bytes] : files.parts()) {
+    for (auto [key, bytes] : files.parts()) {
+      if (c.flags == 3 && key == ".f.0") bytes.replace(0, 8, 8, '\xff');  // the inflated length
       tb::writeFile(key == " " ? base : base + key, bytes);
     }
     return 0;
