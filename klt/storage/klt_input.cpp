@@ -133,7 +133,7 @@ bool KLT_Input::refill(size_t bytes) {
     const bool readable = readInto(static_cast<size_t>(want));
     if (!readable) return false;
     if (filled_ == before) {
-      // Only compressed data can end before its length. The missing bytes count to that length.
+      // The data has ended before its length. The bytes up to that length are missing.
       reportMissing(length_ - offset_);
       return false;
     }

@@ -53,7 +53,7 @@ class KLT_StoredRecords {
 
 struct KLT_WillyState {
   uint32_t gtp = 0;
-  uint32_t depth = 0;  // of the call stack; `functions` is shorter where only the depth is kept
+  uint32_t depth = 0;  // of the call stack; while only the depth is kept, `functions` is shorter
   PAL_Stack<KLT_StackEntry> functions;
   KLT_OpenScopes scopes;
   KLT_StoredRecords messages;  // sent by this thread
@@ -76,8 +76,8 @@ class KLT_Context {
   void clear(uint32_t categories);
   // Frees the state that only a history contains.
   void freeHistory();
-  // All states that aren't empty, in the order of a table in which all threads were declared. The
-  // order doesn't depend on which thread was used first.
+  // All states that aren't empty, in the order of a hash table into which the declared threads were
+  // inserted first. So the order doesn't depend on which thread was used first.
   [[nodiscard]] std::vector<KLT_WillyState*> ordered(const KLT_FileHandle& handle);
   [[nodiscard]] bool empty() const { return states_.empty() && collectives_.records().empty(); }
   [[nodiscard]] std::vector<std::unique_ptr<KLT_WillyState>>& states() { return states_; }
