@@ -44,7 +44,17 @@ uint32_t MixedRand() {
   return value ^ part();
 }
 
+PAL_Fast FastFromEnvironment() {
+  const char* text = std::getenv("KLT_FAST");
+  if (text == nullptr || std::strlen(text) != 1) return PAL_Fast::kIfUseful;
+  return text[0] == '0'   ? PAL_Fast::kNever
+         : text[0] == '2' ? PAL_Fast::kAlways
+                          : PAL_Fast::kIfUseful;
+}
+
 }  // namespace
+
+PAL_Fast PAL_fast = FastFromEnvironment();
 
 std::optional<std::string> PAL_GetCwd() {
   for (size_t size = kCwdStepBytes;; size += kCwdStepBytes) {

@@ -11,6 +11,16 @@
 #include <string>
 #include <utility>
 
+// When shortcuts beside a general path are taken. The results are the same, so that tests compare
+// them. KLT_FAST in the environment is the number at the start of the program, or the default.
+enum class PAL_Fast : uint8_t {
+  kNever = 0,
+  kIfUseful = 1,  // the default
+  kAlways = 2,    // also those that only save time in large traces
+};
+// Read when an object that has shortcuts is created.
+extern PAL_Fast PAL_fast;
+
 // The working directory, or nothing (with errno) if it can't be read.
 [[nodiscard]] std::optional<std::string> PAL_GetCwd();
 

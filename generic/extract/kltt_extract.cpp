@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <span>
 #include <string>
 #include <utility>
@@ -223,7 +224,8 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
 
 int KLTT_Extract(KLT_FileHandle* handle, int serial) {
   const PAL_Place here;
-  KLTT_Context context;
+  const auto owner = std::make_unique<KLTT_Context>();  // it is too large for a small stack
+  KLTT_Context& context = *owner;
   context.names = handle->texts;
   const SinkKeeper keeper(context);
   KLT_HandlerTable table;

@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "klt/write/klt_write.h"
-#include "util/pal_mem.h"
 
 // The common base of messages and collective operations.
 struct KLTM_EntryHead {
@@ -34,14 +33,12 @@ struct KLTM_EntryHead {
 };
 
 // The entries of one kind. `Entry` derives from KLTM_EntryHead and has bytes(), its share of the
-// capacity. An `owner` has the functions write(Entry&), which writes the record, and
-// release(Entry&), which is called before an entry is freed. Entries keep their addresses.
+// capacity, which may be more than its memory. An `owner` has the functions write(Entry&), which
+// writes the record, and release(Entry&), which is called before an entry is freed. Entries keep
+// their addresses.
 template <class Entry>
 class KLTM_Arena {
  public:
-  // The largest capacity. If entries need more, the process ends as out of memory.
-  static constexpr uint64_t kLargest = (uint64_t{1} << 31) - 8;
-
   // A reference to an entry that may be freed and reused later.
   struct Reference {
     uint64_t sequence = 0;
@@ -128,9 +125,7 @@ class KLTM_Arena {
     // An arena that is nearly full of waiting entries would be flushed every few events, so it
     // grows.
     if (used_ <= capacity_ / 2 && capacity_ - used_ >= bytes) return;
-    const uint64_t wanted = std::max({2 * capacity_, capacity_ + blockBytes_, used_ + bytes});
-    capacity_ = std::max(capacity_, std::min(wanted, kLargest));
-    if (capacity_ - used_ < bytes) PAL_OutOfMemory(used_ + bytes, __FILE__, __LINE__);
+    capacity_ = std::max({2 * capacity_, capacity_ + blockBytes_, used_ + bytes});
   }
 
   // Writes entries, and frees the complete entries whose last event ends by `now`. With `force`

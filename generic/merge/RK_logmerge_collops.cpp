@@ -25,17 +25,35 @@ constexpr Kind kindOf(uint32_t operation) {
 
 constexpr bool isRooted(Kind kind) { return kind == Kind::kOneToAll || kind == Kind::kAllToOne; }
 
-bool hasSeen(const KLTM_Collop& collop, uint32_t member) {
-  return collop.members[member].time != KLTM_Collop::kNotSeen;
-}
+bool hasSeen(const KLTM_Collop& collop, uint32_t member) { return collop.seen.contains(member); }
 
 void fill(KLTM_Collop& collop, uint32_t member, const KLTM_RawCollop& event) {
-  collop.members[member] = {event.time, event.endtime, event.send, event.recv, event.scl};
+  collop.seen.add({event.time, event.endtime, member, event.send, event.recv, event.scl}, collop.n);
 }
 
 uint64_t groupKey(uint32_t operation, uint32_t root) { return uint64_t{operation} << 32 | root; }
 
 }  // namespace
+
+// --- members that have come ---------------------------------------------------------------------
+
+bool KLTM_SeenMembers::isInList(uint32_t rank) const {
+  return std::any_of(members_.begin(), members_.end(),
+                     [rank](const Member& m) { return m.rank == rank && m.time != kNotSeen; });
+}
+
+// Makes the list an array if it has become long. So the array is at most 64 times as large as the
+// list, and the search of a list is short.
+void KLTM_SeenMembers::growFor(uint32_t n) {
+  constexpr uint32_t kFew = 8;
+  constexpr uint32_t kLargestRatio = 64;
+  if (n > kLargestRatio && members_.size() < kFew + n / kLargestRatio) return;
+  std::vector<Member> list(n);
+  list.swap(members_);
+  for (uint32_t rank = 0; rank < n; ++rank) members_[rank].rank = rank;
+  for (const Member& member : list) members_[member.rank] = member;
+  isArray_ = true;
+}
 
 // --- open operations ----------------------------------------------------------------------------
 
@@ -61,8 +79,11 @@ size_t KLTM_OpenCollops::from(uint64_t sequence) const {
   return static_cast<size_t>(place - all_.begin());
 }
 
-KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list) : members(list) {
-  if (list.isRegular()) return;
+// A list of many runs takes much of the trace, so that its members may be stored.
+KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list)
+    : members(list), isRegular(list.runs() <= 4) {
+  constexpr size_t kManyRuns = 1024;
+  if (list.runs() < kManyRuns) return;
   KLTT_MemberList::Cursor member(list);
   uint32_t place = 0;
   for (uint32_t gtp = 0; member.next(&gtp);) {
@@ -71,9 +92,11 @@ KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list) : members(list) 
   }
 }
 
-uint32_t KLTM_CollopState::indexOf(uint32_t process) const {
-  if (members.isRegular()) return members.indexOf(process);
-  return places.find(process) - 1;  // kNoMember if it isn't a member
+uint32_t KLTM_CollopState::indexInRuns(uint32_t process) {
+  if (const uint32_t place = places.find(process)) return place - 1;
+  const uint32_t rank = members.indexOf(process);
+  if (rank != KLTT_MemberList::kNoMember) places.add(process, rank + 1);
+  return rank;
 }
 
 KLTM_CollopTable::KLTM_CollopTable(KLT_WFileHandle* writer, KLTT_Summary* summary,
@@ -102,7 +125,11 @@ bool KLTM_CollopTable::hasRecord(const KLTM_CollopState* state, const KLTM_RawCo
 // --- matching -----------------------------------------------------------------------------------
 
 void KLTM_CollopTable::event(const KLTM_RawCollop& event, uint32_t process) {
-  KLTM_CollopState* state = stateOf(event.comm);
+  if (event.comm != lastComm_) {
+    lastState_ = stateOf(event.comm);
+    lastComm_ = event.comm;
+  }
+  KLTM_CollopState* state = lastState_;
   uint32_t member = state == nullptr ? 0 : state->indexOf(process);
   if (state != nullptr && member != KLTT_MemberList::kNoMember) {
     if (KLTM_Collop* collop = search(*state, member, event)) {
@@ -137,22 +164,21 @@ KLTM_Collop* KLTM_CollopTable::searchKind(KLTM_CollopState& state, uint32_t memb
   if (found == state.groups.end()) return nullptr;
   KLTM_CollopGroup& kind = found->second;
   if (kind.open.count() == 0) return nullptr;
-  if (kind.open.size() > kFew && kind.reached.empty()) kind.reached.resize(state.members.size());
-  size_t i = kind.reached.empty() ? 0 : kind.open.from(kind.reached[member]);
-  for (; i < kind.open.size(); ++i) {
+  const bool few = kind.open.size() <= kFew && kind.reached.empty();
+  uint64_t* reached = few ? nullptr : &kind.reached[member + 1];
+  for (size_t i = few ? 0 : kind.open.from(*reached); i < kind.open.size(); ++i) {
     KLTM_Collop* collop = kind.open.at(i);
     if (collop == nullptr || hasSeen(*collop, member)) continue;
-    if (!kind.reached.empty()) kind.reached[member] = collop->sequence;
+    if (!few) *reached = collop->sequence;
     return collop;
   }
-  if (!kind.reached.empty()) kind.reached[member] = arena_.lastSequence() + 1;
+  if (!few) *reached = arena_.lastSequence() + 1;
   return nullptr;
 }
 
 KLTM_Collop* KLTM_CollopTable::searchCounter(KLTM_CollopState& state, uint32_t member,
                                              uint32_t counter) {
-  if (state.walks.empty()) state.walks.resize(state.members.size());
-  KLTM_CollopWalk& walk = state.walks[member];
+  KLTM_CollopWalk& walk = state.walks[member + 1];
   KLTM_Collop* found = nullptr;
 
   // First the operations that were skipped before. Operations that still wait are moved towards the
@@ -198,7 +224,8 @@ void KLTM_CollopTable::decrementPending(KLTM_Collop& collop) {
   collop.state->open.remove(collop);
   if (collop.group == nullptr) return;
   collop.group->open.remove(collop);
-  if (collop.group->open.count() == 0) collop.group->reached = {};
+  if (collop.group->open.count() > 0) return;
+  collop.group->reached = KLT_IdMap<uint64_t>(kKltmDirectRanks);
 }
 
 void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member, const KLTM_RawCollop& event) {
@@ -215,7 +242,6 @@ void KLTM_CollopTable::add(KLTM_CollopState* state, uint32_t member, const KLTM_
   collop.hasRecord = hasRecord(state, event);
   if (!collop.hasRecord) ++unplaced_;
   collop.n = n;
-  collop.members = std::make_unique<KLTM_Collop::Member[]>(n);
   fill(collop, member, event);
   if (n == 1) return;
   collop.state = state;
@@ -237,16 +263,17 @@ void KLTM_CollopTable::group(KLTM_CollopState& state, KLTM_Collop& collop) {
 
 uint32_t KLTM_CollopTable::collect(const KLTM_Collop& collop) {
   const uint32_t n = collop.n;
-  arrays_.start.resize(n);
-  arrays_.delta.resize(n);
-  arrays_.sent.resize(n);
-  arrays_.received.resize(n);
-  arrays_.scl.resize(n);
-  for (uint32_t i = 0; i < n; ++i) {
-    const KLTM_Collop::Member& member = collop.members[i];
-    const bool seen = hasSeen(collop, i);
-    arrays_.start[i] = seen ? member.time - collop.time : KLTM_Collop::kNotSeen;
-    arrays_.delta[i] = seen ? member.end - member.time : 0;
+  arrays_.start.assign(n, KLTM_SeenMembers::kNotSeen);
+  arrays_.delta.assign(n, 0);
+  arrays_.sent.assign(n, 0);
+  arrays_.received.assign(n, 0);
+  arrays_.scl.assign(n, 0);
+  for (const KLTM_SeenMembers::Member& member : collop.seen.all()) {
+    const uint32_t i = member.rank;
+    if (member.time != KLTM_SeenMembers::kNotSeen) {
+      arrays_.start[i] = member.time - collop.time;
+      arrays_.delta[i] = member.end - member.time;
+    }
     arrays_.sent[i] = member.send;
     arrays_.received[i] = member.recv;
     arrays_.scl[i] = member.scl == klt::kNoScl ? 0 : member.scl;

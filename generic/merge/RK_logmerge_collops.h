@@ -43,28 +43,56 @@ struct KLTM_RawCollop {
 struct KLTM_CollopGroup;
 struct KLTM_CollopState;
 
-struct KLTM_Collop : KLTM_EntryHead {
+// The members of an operation whose events have come. A communicator can have 65,535 members, so
+// they are in a list while few have come, and then in an array with a place for each rank.
+class KLTM_SeenMembers {
+ public:
   static constexpr uint64_t kNotSeen = ~uint64_t{0};
 
   struct Member {
-    uint64_t time = kNotSeen;
+    uint64_t time = kNotSeen;  // an event with this time is taken for none
     uint64_t end = kNotSeen;
+    uint32_t rank = 0;
     uint32_t send = 0;
     uint32_t recv = 0;
     uint32_t scl = klt::kNoScl;
   };
 
+  [[nodiscard]] bool contains(uint32_t rank) const {
+    return isArray_ ? members_[rank].time != kNotSeen : isInList(rank);
+  }
+  // `n` is the number of members of the communicator.
+  void add(const Member& member, uint32_t n) {
+    if (!isArray_) growFor(n);
+    if (isArray_)
+      members_[member.rank] = member;
+    else
+      members_.push_back(member);
+  }
+  // Those that haven't come may be among them. If there are two of a rank, the later one counts.
+  [[nodiscard]] const std::vector<Member>& all() const { return members_; }
+
+ private:
+  [[nodiscard]] bool isInList(uint32_t rank) const;
+  void growFor(uint32_t n);
+
+  std::vector<Member> members_;
+  bool isArray_ = false;
+};
+
+struct KLTM_Collop : KLTM_EntryHead {
   uint32_t operation = 0;
   uint32_t comm = 0;
   uint32_t counter = 0;
   uint32_t root = 0;
   uint32_t n = 0;
   bool hasRecord = false;  // the merged trace can hold a record of it
-  std::unique_ptr<Member[]> members;
+  KLTM_SeenMembers seen;
   KLTM_CollopState* state = nullptr;  // of its communicator; null if one event completes it
   KLTM_CollopGroup* group = nullptr;  // null until the communicator's operations are grouped
 
-  // The share of the arena's capacity, a multiple of 8.
+  // The share of the arena's capacity, with room for all members: it determines when records are
+  // written.
   [[nodiscard]] uint64_t bytes() const { return bytes(n); }
   [[nodiscard]] static uint64_t bytes(uint32_t members) { return 88 + uint64_t{32} * members; }
 };
@@ -89,11 +117,15 @@ class KLTM_OpenCollops {
   size_t count_ = 0;
 };
 
+// Members with ranks below this are found in an array, others by a hash.
+inline constexpr uint32_t kKltmDirectRanks = 257;
+
 // The operations of one kind on a communicator: those with equal operation and root.
 struct KLTM_CollopGroup {
   KLTM_OpenCollops open;
-  // For each member a sequence: no older operation waits for it. Empty if few operations are open.
-  std::vector<uint64_t> reached;
+  // For each member by rank, from 1, a sequence: no older operation waits for the member. Empty if
+  // few operations are open.
+  KLT_IdMap<uint64_t> reached{kKltmDirectRanks};
 };
 
 // The operations that the searches for one member's events with counters have visited.
@@ -107,14 +139,21 @@ struct KLTM_CollopWalk {
 struct KLTM_CollopState {
   explicit KLTM_CollopState(const KLTT_MemberList& list);
 
-  [[nodiscard]] uint32_t indexOf(uint32_t process) const;
+  // The rank of the process; KLTT_MemberList::kNoMember if it isn't a member.
+  [[nodiscard]] uint32_t indexOf(uint32_t process) {
+    return isRegular ? members.indexOf(process) : indexInRuns(process);
+  }
 
   const KLTT_MemberList& members;
-  KLT_IdIndex places;  // the ranks of members, from 1, if the list isn't regular
+  const bool isRegular;  // it has few runs
+  KLT_IdIndex places;    // else: known ranks, from 1, by process
   KLTM_OpenCollops open;
-  std::vector<KLTM_CollopWalk> walks;  // by member; empty before the first event with a counter
-  bool grouped = false;                // an event without a counter has been seen
+  KLT_IdMap<KLTM_CollopWalk> walks{kKltmDirectRanks};  // by the member's rank, from 1
+  bool grouped = false;                                // an event without a counter has been seen
   PAL_HashMap<uint64_t, KLTM_CollopGroup> groups;
+
+ private:
+  [[nodiscard]] uint32_t indexInRuns(uint32_t process);
 };
 
 class KLTM_CollopTable {
@@ -167,7 +206,9 @@ class KLTM_CollopTable {
   KLTM_Arena<KLTM_Collop> arena_;
   uint32_t added_ = 0;
   uint64_t unplaced_ = 0;
-  KLT_IdIndex statePlaces_;  // from 1
+  KLT_IdIndex statePlaces_;                // from 1
+  KLTM_CollopState* lastState_ = nullptr;  // of the communicator `lastComm_`
+  uint32_t lastComm_ = 0;
   std::vector<std::unique_ptr<KLTM_CollopState>> states_;
   Arrays arrays_;
 };

@@ -13,7 +13,6 @@
 #include <cmath>
 #include <limits>
 #include <memory>
-#include <numeric>
 #include <string>
 #include <vector>
 
@@ -22,6 +21,7 @@
 #include "generic/summary/kltt_summary_tables.h"
 #include "klt/index/klt_files.h"
 #include "klt/index/klt_intern.h"
+#include "klt/storage/klt_compress.h"
 
 namespace {
 
@@ -147,11 +147,9 @@ class Summary final : public KLTT_Summary {
 
 uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events) {
   constexpr uint64_t kSmallestEvent = 7;  // code, time step and thread
-  if (input->compressed(KLT_FileHandle::kCompressible)) return events;
-  std::vector<uint64_t> sizes;
-  KLT_FileList(input, nullptr, &sizes);
+  const bool isCompressed = input->compressed(KLT_FileHandle::kCompressible);
   return std::min(events,
-                  std::accumulate(sizes.begin(), sizes.end(), uint64_t{0}) / kSmallestEvent);
+                  KLT_FileBytes(input) * (isCompressed ? kKltLargestRatio : 1) / kSmallestEvent);
 }
 
 KLTT_Summary* KLTT_SumOpen(const char* target, uint64_t start, uint64_t span, int32_t eventBits,

@@ -36,8 +36,7 @@ struct KLTT_Summary {
 };
 
 // `events`, the number of events that `input` declares, limited to the number that its files can
-// hold: a wrong number could create more bins than fit on a disk. There is no limit for a trace
-// with compressed components.
+// hold: a wrong number could create more bins than fit on a disk.
 [[nodiscard]] uint64_t KLTT_SumEventLimit(const KLT_FileHandle* input, uint64_t events);
 
 // The suffixes of the five files' names.

@@ -46,6 +46,14 @@ KLTT_SumTables::Member KLTT_SumTables::memberOf(uint64_t time, uint32_t eventBit
           .mostReceived = received};
 }
 
+// A member that doesn't take part has no start time and only zeros.
+bool KLTT_SumTables::isSeen(const KLTT_SumMembers& members, uint32_t i) {
+  const auto value = [i](const auto* array) { return array == nullptr ? 0 : array[i]; };
+  return value(members.start_time) != ~uint64_t{0} || value(members.delta) != 0 ||
+         value(members.send_size) != 0 || value(members.receive_size) != 0 ||
+         value(members.scl) != 0;
+}
+
 void KLTT_SumTables::fold(Member& into, const Member& member) {
   into.start = std::min(into.start, member.start);
   into.end = std::max(into.end, member.end);
@@ -63,24 +71,46 @@ void KLTT_SumTables::fold(Member& into, const Member& member) {
   into.mostReceived = std::max(into.mostReceived, member.mostReceived);
 }
 
+void KLTT_SumTables::CollectiveSums::seeAll() {
+  std::vector<RankedMember> all;
+  auto next = seen.begin();
+  for (uint32_t i = 0; i < members; ++i) {
+    const bool isSeen = next != seen.end() && next->rank == i;
+    all.push_back(isSeen ? *next++ : RankedMember{i, unseen});
+  }
+  seen.swap(all);
+}
+
 void KLTT_SumTables::collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
                                 uint32_t eventBits, const KLTT_SumMembers& members) {
   const auto [sums, isNew] = collectives_[{communicator, type, root}];
   ++sums.count;
-  if (isNew) {
-    sums.time = time;
-    sums.members = members.n;
-    sums.firstMember = members_.size();
-    for (uint32_t i = 0; i < members.n; ++i) {
-      members_.push_back(memberOf(time, eventBits, members, i));
-    }
-    return;
-  }
-  sums.time = std::min(sums.time, time);
+  sums.time = isNew ? time : std::min(sums.time, time);
   // Only as many members are counted for a key as its first operation has.
+  if (isNew) sums.members = members.n;
+  if (members.n < sums.members) sums.seeAll();
+  std::vector<RankedMember>& seen = sums.seen;
+  const Member unseen = sums.unseen;
+  const size_t known = seen.size();
+  size_t at = 0;
   for (uint32_t i = 0; i < std::min(sums.members, members.n); ++i) {
-    fold(members_[sums.firstMember + i], memberOf(time, eventBits, members, i));
+    const Member member = memberOf(time, eventBits, members, i);
+    Member* into = &sums.unseen;
+    if (at < known && seen[at].rank == i) {
+      into = &seen[at++].sums;
+    } else if (isSeen(members, i)) {
+      seen.push_back({i, unseen});
+      into = &seen.back().sums;
+    } else {
+      *into = unseen;  // which all others share
+    }
+    if (isNew)
+      *into = member;
+    else
+      fold(*into, member);
   }
+  std::inplace_merge(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(known), seen.end(),
+                     [](const RankedMember& a, const RankedMember& b) { return a.rank < b.rank; });
 }
 
 // u64 earliest time; u32 communicator, type, root, operations, members, 0; and for each member
@@ -96,8 +126,10 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
     file.put(sums.count);
     file.put(sums.members);
     file.put(uint32_t{0});
+    auto next = sums.seen.begin();
     for (uint32_t i = 0; i < sums.members; ++i) {
-      const Member& m = members_[sums.firstMember + i];
+      const bool isSeen = next != sums.seen.end() && next->rank == i;
+      const Member& m = isSeen ? next++->sums : sums.unseen;
       file.put(uint32_t{0});
       file.put(m.scl);
       for (const uint64_t time : {m.start, m.end, m.sum, m.shortest, m.longest}) file.put(time);
@@ -111,7 +143,6 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
   });
   file.endBlock(collectives_.size());
   collectives_.clear();
-  members_.clear();
 }
 
 // --- Messages -----------------------------------------------------------------------------------

@@ -91,12 +91,6 @@ class KLTT_SumTables {
   void flushCounters(KLTT_SumFile& file);
 
  private:
-  struct CollectiveSums {
-    uint64_t time = 0;
-    uint32_t count = 0;
-    uint32_t members = 0;
-    size_t firstMember = 0;  // in members_
-  };
   // A member's part in one operation, or in all operations of a bin that have the same key.
   struct Member {
     uint64_t start, end, sum, shortest, longest;
@@ -104,6 +98,20 @@ class KLTT_SumTables {
     uint32_t scl;
     uint32_t sent, leastSent, mostSent;
     uint32_t received, leastReceived, mostReceived;
+  };
+  struct RankedMember {
+    uint32_t rank;
+    Member sums;
+  };
+  // Members that have taken part in no operation have equal sums, so that they are stored once.
+  struct CollectiveSums {
+    void seeAll();
+
+    uint64_t time = 0;
+    uint32_t count = 0;
+    uint32_t members = 0;
+    std::vector<RankedMember> seen;  // by rank
+    Member unseen{};                 // of each of the others
   };
   struct MessageSums {
     uint32_t count = 0;
@@ -123,11 +131,11 @@ class KLTT_SumTables {
 
   [[nodiscard]] static Member memberOf(uint64_t time, uint32_t eventBits,
                                        const KLTT_SumMembers& members, uint32_t i);
+  [[nodiscard]] static bool isSeen(const KLTT_SumMembers& members, uint32_t i);
   void fold(Member& into, const Member& member);
   void addBytes(uint32_t& sum, uint32_t bytes);
 
   KLTT_BinTable<3, CollectiveSums> collectives_;  // communicator, type, root
-  std::vector<Member> members_;
   // Sender, receiver, communicator, size, tag, function of sender and of receiver.
   KLTT_BinTable<7, MessageSums> messages_;
   KLTT_BinTable<2, CounterSums> counters_;  // thread, counter

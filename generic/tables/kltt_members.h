@@ -19,15 +19,16 @@ class KLTT_MemberList {
 
   [[nodiscard]] uint32_t size() const { return size_; }
 
+  // The number of runs, which determines the time of indexOf().
+  [[nodiscard]] size_t runs() const { return runs_.size(); }
+
   static constexpr uint32_t kNoMember = 0xffffffff;
-  // Whether indexOf() can be used: there are few runs, and none contains a number twice.
-  [[nodiscard]] bool isRegular() const;
   // The rank of the first member with this number, from 0; kNoMember if there is none.
-  // REQUIRES: isRegular().
   [[nodiscard]] uint32_t indexOf(uint32_t gtp) const;
 
  private:
-  // The `count` (at least 1) members first, first + step, ..., modulo 2^32.
+  // The `count` (at least 1) members first, first + step, ..., modulo 2^32. They are different
+  // unless `step` is 0.
   struct Run {
     uint32_t first;
     uint32_t step;

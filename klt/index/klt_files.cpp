@@ -84,6 +84,19 @@ size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* name
   return files.size();
 }
 
+uint64_t KLT_FileBytes(const KLT_FileHandle* handle) {
+  struct stat info {};
+  if (isSingleFile(*handle)) {  // the extents of its components may overlap
+    return stat(handle->base.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+  }
+  uint64_t bytes = 0;
+  KLT_FileSet counted;
+  for (const KLT_FileEntry* file : indexLast(*handle)) {
+    if (counted.add(nameOf(*handle, *file))) bytes += sizeOf(*handle, *file);
+  }
+  return bytes;
+}
+
 // --- move and remove ----------------------------------------------------------------------------
 
 namespace {
@@ -129,7 +142,8 @@ std::string quoted(std::string_view name) {
 // Tries to move the file with rename(2), which takes a fraction of the time of mv. This fails
 // across file systems, and isn't tried if `to` is a directory, into which mv would move the file.
 bool tryRename(const std::string& from, const std::string& to) {
-  return PAL_IsDir(to.c_str(), nullptr) == 0 && std::rename(from.c_str(), to.c_str()) == 0;
+  return PAL_fast != PAL_Fast::kNever && PAL_IsDir(to.c_str(), nullptr) == 0 &&
+         std::rename(from.c_str(), to.c_str()) == 0;
 }
 
 // Reports errno with the name of the file. Returns the exit status for it.

@@ -21,6 +21,10 @@ struct KLT_FileHandle;
 size_t KLT_FileList(const KLT_FileHandle* handle, std::vector<std::string>* names,
                     std::vector<uint64_t>* sizes);
 
+// The bytes of the trace's files. A file counts once, however often and by whatever names the index
+// declares it.
+[[nodiscard]] uint64_t KLT_FileBytes(const KLT_FileHandle* handle);
+
 // Whether all files of the trace are known. False, after a message, if its index couldn't be read
 // to the end, or declares two files with the same id. Then only a single-file trace can be moved or
 // removed, and listings and copies are incomplete.

@@ -67,6 +67,9 @@ class KLT_IdMap {
     Value value;
   };
 
+  // As for KLT_IdIndex.
+  explicit KLT_IdMap(uint32_t directLimit = 0) : index_(directLimit) {}
+
   [[nodiscard]] Value* find(uint32_t id) {
     const uint32_t index = index_.find(id);
     return index == 0 ? nullptr : &entries_[index - 1].value;

@@ -23,6 +23,7 @@
 #include "klt/stream/klt_filter.h"
 #include "klt/stream/klt_position.h"
 #include "util/pal_error.h"
+#include "util/pal_util.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ bool acceptHeader(KLT_FileHandle& handle, size_t bytes) {
 }
 
 bool genericOnlyAsked() {
+  if (PAL_fast == PAL_Fast::kNever) return true;
   const char* value = std::getenv("KLT_GENERIC_ONLY");
   return value != nullptr && std::strtol(value, nullptr, 10) != 0;
 }

@@ -23,7 +23,7 @@ size_t wantedRecords(size_t streams) { return std::min<size_t>(8 * streams, 6553
 bool KLT_Slice::isDue(std::span<const KLT_Lane> lanes) {
   constexpr int64_t kMaxAttempts = 8;  // covered by the largest credit; 64 are as fast
   const auto cost = static_cast<int64_t>(lanes.size());
-  if (minStreams_ < kManyStreams) return true;  // in tests
+  if (minStreams_ < kManyStreams) return true;  // whenever that is possible
   const bool isBlocked = blocker_ < lanes.size() && lanes[blocker_].lastTime == blockedAt_;
   if (isBlocked || credit_ < cost) {
     credit_ += 2;

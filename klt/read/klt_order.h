@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "klt/format/klt_record.h"
+#include "util/pal_util.h"
 
 struct KLT_Stream;
 
@@ -185,7 +186,8 @@ class KLT_MergeTree {
       earliest = std::min<uint64_t>(earliest, timeOf(i));
       latest = std::max<uint64_t>(latest, timeOf(i));
     }
-    isWide_ = !KLT_Tournament<uint64_t>::fits(latest, earliest, bits);
+    isWide_ =
+        PAL_fast == PAL_Fast::kNever || !KLT_Tournament<uint64_t>::fits(latest, earliest, bits);
     if (isWide_)
       wide_.build(count, 0, kWideBits, timeOf);
     else
@@ -246,9 +248,6 @@ class KLT_Slice {
     size_t position = kNone;
     uint8_t* record = nullptr;
   };
-
-  // For tests: collects a slice whenever that is possible, with any number of streams.
-  void forceSlices() { minStreams_ = 1; }
 
   // Collects the records of the next slice from the lanes. False, with the lanes unchanged, if a
   // slice wouldn't save time or isn't possible; then the caller serves a turn by the tournament.
@@ -351,9 +350,12 @@ class KLT_Slice {
   size_t early_ = kNone;
   const uint8_t* earlyEnd_ = nullptr;
 
-  size_t minStreams_ = kManyStreams;  // with fewer streams no slices are collected
-  uint64_t width_ = 1;                // of a slice, in raw time
-  size_t blocker_ = kNone;            // the stream that must be filled before the next slice
-  uint64_t blockedAt_ = 0;            // time of the last record of that stream
-  int64_t credit_ = 0;                // see isDue()
+  // With fewer streams no slices are collected.
+  size_t minStreams_ = PAL_fast == PAL_Fast::kNever    ? kNone
+                       : PAL_fast == PAL_Fast::kAlways ? 1
+                                                       : kManyStreams;
+  uint64_t width_ = 1;      // of a slice, in raw time
+  size_t blocker_ = kNone;  // the stream that must be filled before the next slice
+  uint64_t blockedAt_ = 0;  // time of the last record of that stream
+  int64_t credit_ = 0;      // see isDue()
 };

@@ -11,8 +11,6 @@
 namespace {
 
 constexpr size_t kLengthField = 8;
-// The largest compression ratio of zlib's deflate.
-constexpr uint64_t kLargestRatio = 1032;
 
 void* allocateForZlib(void*, unsigned count, unsigned size) {
   return PAL_AllocateZeroed(count, size, __FILE__, __LINE__);
@@ -20,7 +18,7 @@ void* allocateForZlib(void*, unsigned count, unsigned size) {
 void releaseForZlib(void*, void* block) { PAL_Release(block); }
 
 // The largest length to which a zlib stream of this size can inflate.
-uint64_t largestLength(uint64_t compressedBytes) { return kLargestRatio * compressedBytes + 64; }
+uint64_t largestLength(uint64_t compressedBytes) { return kKltLargestRatio * compressedBytes + 64; }
 
 }  // namespace
 

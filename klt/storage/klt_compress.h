@@ -16,6 +16,9 @@
 
 struct z_stream_s;
 
+// The largest compression ratio of zlib's deflate.
+inline constexpr uint64_t kKltLargestRatio = 1032;
+
 class KLT_Inflate {
  public:
   // Reads the length field of `file`, which the caller keeps. Null if the field can't be read.

@@ -11,13 +11,11 @@ std::optional<KLT_FileSet::Place> KLT_FileSet::placeOf(const std::string& path) 
   return Place{{info.st_dev, info.st_ino}, path.substr(start)};
 }
 
-void KLT_FileSet::add(const std::string& path) {
+bool KLT_FileSet::add(const std::string& path) {
   struct stat info {};
-  if (stat(path.c_str(), &info) == 0) {
-    files_.emplace(info.st_dev, info.st_ino);
-  } else if (const auto place = placeOf(path)) {
-    absent_.insert(*place);
-  }
+  if (stat(path.c_str(), &info) == 0) return files_.emplace(info.st_dev, info.st_ino).second;
+  const auto place = placeOf(path);
+  return place && absent_.insert(*place).second;
 }
 
 bool KLT_FileSet::contains(const struct stat& info) const {

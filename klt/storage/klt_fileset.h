@@ -16,8 +16,8 @@
 
 class KLT_FileSet {
  public:
-  // Adds the file at `path`, or the name if there is no file.
-  void add(const std::string& path);
+  // Adds the file at `path`, or the name if there is no file. Returns whether it is new.
+  bool add(const std::string& path);
   // Whether the file with this status is in the set.
   [[nodiscard]] bool contains(const struct stat& info) const;
   // Whether the file at `path`, or its name if there is none, is in the set.

@@ -6,6 +6,7 @@
 
 #include "klt/index/klt_generic.h"
 #include "util/pal_error.h"
+#include "util/pal_util.h"
 
 namespace {
 
@@ -75,10 +76,11 @@ void KLT_SelectRequest(KLT_Stream& s) {
   filter.testThreads = request.testThreads;
   filter.commonMembers.clear();
   filter.plainRows = 0;
+  const bool usesPlain = PAL_fast != PAL_Fast::kNever && s.source.component != nullptr;
   for (const KLT_Row& row : kKltRows) {
     filter.wanted[row.number] = isWanted(s, row);
-    const bool isPlain = row.plain() && row.number < KLT_FilterState::kPlainRowBits &&
-                         s.source.component != nullptr && isFast(s, row);
+    const bool isPlain =
+        usesPlain && row.plain() && row.number < KLT_FilterState::kPlainRowBits && isFast(s, row);
     if (isPlain && filter.wanted[row.number]) filter.plainRows |= uint64_t{1} << row.number;
   }
 }

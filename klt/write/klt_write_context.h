@@ -27,6 +27,7 @@
 #include "klt/write/klt_filestats.h"
 #include "klt/write/klt_write_history.h"
 #include "util/pal_hash.h"
+#include "util/pal_util.h"
 #include "util/triplets/pal_triplets.h"
 
 struct KLT_WFileHandle;
@@ -88,8 +89,9 @@ struct alignas(64) KLT_WriteContext {
   }
   // Sets `fastPathEnd`. To be called when `data`, `flushed` or `nextAnchor` has changed.
   void setFastPathEnd() {
-    fastPathEnd = static_cast<size_t>(
-        std::min<uint64_t>(data.size, nextAnchor > flushed ? nextAnchor - flushed : 0));
+    const bool isOff = PAL_fast == PAL_Fast::kNever || nextAnchor <= flushed;
+    fastPathEnd =
+        isOff ? 0 : static_cast<size_t>(std::min<uint64_t>(data.size, nextAnchor - flushed));
   }
   // Overwrites the record at `position`. False if the component is lost.
   [[nodiscard]] bool replace(KLT_WFileHandle& writer, uint64_t position, const uint8_t* record,

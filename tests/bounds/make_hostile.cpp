@@ -171,6 +171,29 @@ void inflated(tb::Trace& trace, uint64_t size) {
   s.bytes({"\x40\0\1\0\0\0\0\xff\xff\xff\xff", 11}).bytes(std::string(kRatio * size, '\0'));
 }
 
+// Operations of a communicator with many members, few of which come. They begin again and again,
+// with and without a counter, on more and more communicators.
+void lonelyMembers(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kShare = 2000;
+  basics(trace);
+  tb::Stream& s = trace.stream("r.0", tb::RAW_EVENTS, {0});
+  for (uint32_t i = 0; i < size / kShare; ++i) {
+    if (i % 16 == 0) trace.communicator(1 + i / 16, "c", {{0, 65534, 1}});
+    s.at(1 + i).rawCollective(
+        {.kind = 10, .operation = 1, .communicator = 1 + i / 16, .counter = i % 32 < 16 ? 0 : i});
+  }
+}
+
+// A file that is declared many times, and far more events than it holds.
+void repeatedFiles(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kShare = 8;
+  wildTimes(trace, size / kShare);
+  for (uint32_t i = 0; i < size / kShare; ++i) {
+    trace.extraIndex().record(33, {{"id", 0x20000 + i}, {"suffix", "f.0"}});
+    if (i % kShare == 0) trace.define("willy_definition", {{"willy_gtp", i}});
+  }
+}
+
 struct Case {
   std::string_view name;
   void (*make)(tb::Trace&, uint64_t size);
@@ -185,7 +208,9 @@ constexpr Case kCases[] = {{"crowd", crowd},
                            {"thread_lists", threadLists},
                            {"names", names},
                            {"raw_crowd", rawCrowd, 1},
-                           {"inflated", inflated, 3}};
+                           {"inflated", inflated, 3},
+                           {"repeated_files", repeatedFiles},
+                           {"lonely_members", lonelyMembers, 1}};
 
 }  // namespace
 

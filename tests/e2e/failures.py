@@ -41,7 +41,7 @@ def check_full_disk(place):
 
 
 def check_bad_output(place):
-    """A full device, and standard output that is closed before or during the run."""
+    """A full device, standard output that is closed before or during the run, and a small stack."""
     with open("/dev/full", "wb") as full:
         failed = "klttool ERROR: writing to stdout failed: No space left on device\n"
         for options, says in (("--dump", failed), (f"--convert - {SINGLE}", ""),
@@ -51,6 +51,7 @@ def check_bad_output(place):
     closed = ("sh", "-c", '"$@" >&- <&-', "sh")
     place.run("--dump", 1, "writing to stdout failed", prefix=closed)
     place.run(f"--logfile-name ../out.klt {KLT}", prefix=closed)
+    place.run("--dump", prefix=("sh", "-c", 'ulimit -s 32; env -i "$@"', "sh"))  # a small stack
     # If the reader of a pipe ends, the run ends without a message.
     done = subprocess.run(["sh", "-c", f'"$0" {INPUT} --dump 2>../err | head -n 1', place.program],
                           cwd=place.path, stdout=subprocess.PIPE, check=True)

@@ -64,14 +64,15 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
 
 // All events. With slices each call has a time limit of 0. `stopAt` is that of a Recorder.
 Lines eventsOf(KLT_FileHandle* trace, bool isSliced, size_t stopAt) {
+  PAL_fast = isSliced ? PAL_Fast::kAlways : PAL_Fast::kNever;
   Recorder recorder;
   recorder.stopAt = stopAt;
   const Reader reader = openReader(trace, recorder.table, {}, 1, KLT_MODE_EVENTS);
-  if (isSliced) reader->slice.forceSlices();
   int status = KLT_STATUS_BUILT;
   while (status != KLT_STATUS_FINISHED && status != KLT_STATUS_ABORTING) {
     status = KLT_ReadEvents(reader.get(), isSliced ? 0 : -1);
   }
+  PAL_fast = PAL_Fast::kIfUseful;
   return std::move(recorder.lines);
 }
 
