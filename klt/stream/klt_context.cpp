@@ -63,7 +63,7 @@ void KLT_Context::freeHistory() {
   for (const auto& state : states_) {
     state->functions.release();
     state->messages = {};
-    state->counters = {};
+    state->counters = KLT_IdMap<KLT_CounterSample>();
     state->operations = {};
   }
   collectives_ = {};
