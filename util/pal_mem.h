@@ -5,7 +5,7 @@
 // retried as long as the `retry` hook says so, and otherwise ends the process with one message and
 // status 1. So no caller has to check whether memory is exhausted. The module also has temporary
 // blocks (whose allocation isn't retried) and a pack format for structured data in a growing byte
-// buffer. Failures are reported through pal_error.
+// buffer. Failed allocations are reported through pal_error.
 #pragma once
 
 #include <cstddef>

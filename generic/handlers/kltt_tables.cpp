@@ -25,7 +25,7 @@ const char* shown(const char* text) { return text == nullptr ? "(null)" : text; 
 std::string printable(const char* text) { return PAL_Printable(shown(text)); }
 
 // The class that a definition describes, without the definition's redundant names. Ends the process
-// if the definition contradicts itself.
+// if the definition is invalid.
 KLTT_Class checkedClass(KLTT_Context& context, uint32_t id, const char* name, const char* nameSelf,
                         uint32_t parent) {
   if (parent == 0) {

@@ -74,8 +74,8 @@ void scanFile(const char* name) {
   if (const auto text = PAL_ReadFile(name)) (void)RK_ScanText(*text, RK_ScanMode::config);
 }
 
-// Lowers `value` in steps of 100 until it is below 101 or `limit`: the primes of values that aren't
-// below `limit` are too large.
+// Lowers `value` in steps of 100 until it is below 101 or `limit`: from `limit` on, the next prime
+// is too large.
 uint32_t lowerByHundreds(uint32_t value, uint32_t limit) {
   if (value < limit || value < 101) return value;
   const uint32_t toLimit = (value - limit) / 100 + 1;

@@ -2,8 +2,8 @@
 //
 // A line writer makes an RK_Line, appends its fields, and ends it. Fields of bounded size are
 // written without a check for the buffer's end: an RK_Output has kSlack bytes for them after its
-// limit. Unbounded fields are written by text(const char*), or call room() after each item of a
-// list. Numbers look as printf writes them in the C locale.
+// limit. Text of any length is written by text(const char*); the writer of a list calls room()
+// after each item. Numbers look as printf writes them in the C locale.
 #pragma once
 
 #include <bit>

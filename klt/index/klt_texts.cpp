@@ -54,7 +54,7 @@ uint32_t KLT_Texts::number(std::string_view text) {
   return head.number;
 }
 
-// Up to a limit each block is larger than the last, so that few texts take little memory.
+// The least size of a block doubles up to a limit, so that few texts take little memory.
 char* KLT_Texts::allocate(size_t bytes) {
   if (bytes > freeBytes_) {
     const size_t size = std::max(bytes, nextBlock_);

@@ -192,8 +192,8 @@ class Normaliser {
 
   // A window whose start is its end selects no event, but the state at this instant is delivered.
   // So the window becomes a piece, before those that start at the instant. Windows of one instant
-  // are united. The piece is left out if another window surrounds the instant, or if an adjoining
-  // piece covers it.
+  // that the piece before doesn't cover are united. The union is left out if another window
+  // surrounds the instant, or if the piece after covers it.
   void insertEmptyWindows() {
     std::vector<Window> result;
     auto piece = pieces_.begin();

@@ -1,4 +1,4 @@
-// A set of files compared by device and inode: the files of an input, which no output may
+// A set of files compared by device and inode, such as those of an input, which no output may
 // overwrite.
 //
 // Names don't identify a file: through a link or a second path an output with another name can be a
@@ -20,7 +20,7 @@ class KLT_FileSet {
   bool add(const std::string& path);
   // Whether the file with this status is in the set.
   [[nodiscard]] bool contains(const struct stat& info) const;
-  // Whether the file at `path`, or its name if there is none, is in the set.
+  // Whether the file at `path`, or its name, is in the set.
   [[nodiscard]] bool contains(const std::string& path) const;
   // Whether `descriptor` refers to a regular file of the set.
   [[nodiscard]] bool containsOpen(int descriptor) const;

@@ -58,7 +58,7 @@ struct KLT_WillyState {
   KLT_OpenScopes scopes;
   KLT_StoredRecords messages;  // sent by this thread
   KLT_IdMap<KLT_CounterSample> counters;
-  std::vector<const KLT_StoredRecord*> operations;  // collective, while a history is produced
+  std::vector<const KLT_StoredRecord*> operations;  // collective; only used in a history
 
   // Whether the thread has no state that a history contains.
   [[nodiscard]] bool empty() const;
@@ -74,14 +74,14 @@ class KLT_Context {
   }
   // Clears what belongs to `categories` in the states of all threads.
   void clear(uint32_t categories);
-  // Frees the state that only a history contains.
+  // Frees the state that only a history needs.
   void freeHistory();
   // All states that aren't empty, in the order of a hash table into which the declared threads were
   // inserted first. So the order doesn't depend on which thread was used first.
   [[nodiscard]] std::vector<KLT_WillyState*> ordered(const KLT_FileHandle& handle);
   [[nodiscard]] bool empty() const { return states_.empty() && collectives_.records().empty(); }
   [[nodiscard]] std::vector<std::unique_ptr<KLT_WillyState>>& states() { return states_; }
-  // The operations of all threads. The request determines with which member each is delivered.
+  // The operations of all threads. Each is delivered with the state of one selected member.
   [[nodiscard]] KLT_StoredRecords& collectives() { return collectives_; }
 
  private:

@@ -2,8 +2,8 @@
 //
 // Only used by pal_triplets.cpp. The ranges [low, high] of the sections in a set don't overlap, so
 // a binary operation reads both lists once, and its result is compressed while it is computed.
-// Single numbers are only processed where two sections with different strides interleave in a
-// range. That work is limited (see Budget).
+// Single numbers are only processed where two sections interleave in a range. That work is limited
+// (see Budget).
 #pragma once
 
 #include <cstddef>
