@@ -1,21 +1,12 @@
-// Compares the order of streams with a linear search, and the order of records from slices with
-// that from turns, for all samples.
+// Compares the order of streams with a linear search.
 #include "klt/read/klt_order.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include <random>
-#include <string>
 #include <vector>
 
-#include "klt/read/klt_reader.h"
-#include "tests/unit/klt_reading.h"
-
 namespace {
-
-using namespace reading;
 
 // The first position with the lowest time, except `without`.
 size_t lowest(const std::vector<uint64_t>& times, size_t without = KLT_MergeTree::kNone) {
@@ -60,39 +51,6 @@ TEST(KltMergeTree, AgreesWithASearchThroughChangesAndRemovals) {
       }
     }
   }
-}
-
-// All events. With slices each call has a time limit of 0. `stopAt` is that of a Recorder.
-Lines eventsOf(KLT_FileHandle* trace, bool isSliced, size_t stopAt) {
-  PAL_fast = isSliced ? PAL_Fast::kAlways : PAL_Fast::kNever;
-  Recorder recorder;
-  recorder.stopAt = stopAt;
-  const Reader reader = openReader(trace, recorder.table, {}, 1, KLT_MODE_EVENTS);
-  int status = KLT_STATUS_BUILT;
-  while (status != KLT_STATUS_FINISHED && status != KLT_STATUS_ABORTING) {
-    status = KLT_ReadEvents(reader.get(), isSliced ? 0 : -1);
-  }
-  PAL_fast = PAL_Fast::kIfUseful;
-  return std::move(recorder.lines);
-}
-
-TEST(KltOrder, SlicesDeliverSamplesInTheOrderOfTurns) {
-  const Messages messages;
-  size_t samples = 0;
-  for (const auto& sample : std::filesystem::directory_iterator(KLT_TEST_DATA)) {
-    const std::string name = sample.path() / "t.klt";
-    if (!std::filesystem::exists(name)) continue;
-    const KLT_OwnedTrace trace(KLT_Open(name.c_str()));
-    ASSERT_NE(trace, nullptr) << name;
-    const Lines expected = eventsOf(trace.get(), false, 0);
-    for (const size_t stopAt : {size_t{0}, expected.size() / 2}) {
-      EXPECT_EQ(
-          difference(eventsOf(trace.get(), false, stopAt), eventsOf(trace.get(), true, stopAt)), "")
-          << name;
-    }
-    ++samples;
-  }
-  EXPECT_GT(samples, 10U);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "klt/index/klt_intern.h"
 #include "klt/stream/klt_stream.h"
 #include "tests/unit/klt_reading.h"
+#include "util/pal_util.h"
 
 namespace {
 
@@ -153,12 +154,14 @@ TEST(KltOrder, FollowsTheRulesForAnyTimes) {
       if (isBad) streams.back().clear();
       if (i % 50 == 48) stream.bytes("\x12");  // ends inside a record
     }
+    PAL_fast = round % 2 == 0 ? PAL_Fast::kIfUseful : PAL_Fast::kAlways;
     OpenTrace open(trace);
     Messages messages;
     const size_t stopEach = round % 3 == 0 ? 1 + random() % 5 : 0;
     ASSERT_EQ(difference(expectedOrder(streams, stopEach), deliveredOrder(open, stopEach, -1)), "");
     ASSERT_EQ(difference(expectedOrder(streams), deliveredOrder(open, 0, 0)), "");
   }
+  PAL_fast = PAL_Fast::kIfUseful;
 }
 
 // --- statuses ------------------------------------------------------------------------------------
