@@ -81,9 +81,8 @@ size_t KLTM_OpenCollops::from(uint64_t sequence) const {
 
 // A list of many runs takes much of the trace, so that its members may be stored.
 KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list)
-    : members(list), isRegular(list.runs() <= 4) {
-  constexpr size_t kManyRuns = 1024;
-  if (list.runs() < kManyRuns) return;
+    : members(list), isRegular(list.runs() <= 4), isExpanded(list.runs() > 1024) {
+  if (!isExpanded) return;
   KLTT_MemberList::Cursor member(list);
   uint32_t place = 0;
   for (uint32_t gtp = 0; member.next(&gtp);) {
@@ -94,7 +93,7 @@ KLTM_CollopState::KLTM_CollopState(const KLTT_MemberList& list)
 
 uint32_t KLTM_CollopState::indexInRuns(uint32_t process) {
   if (const uint32_t place = places.find(process)) return place - 1;
-  const uint32_t rank = members.indexOf(process);
+  const uint32_t rank = isExpanded ? KLTT_MemberList::kNoMember : members.indexOf(process);
   if (rank != KLTT_MemberList::kNoMember) places.add(process, rank + 1);
   return rank;
 }

@@ -145,8 +145,9 @@ struct KLTM_CollopState {
   }
 
   const KLTT_MemberList& members;
-  const bool isRegular;  // it has few runs
-  KLT_IdIndex places;    // else: known ranks, from 1, by process
+  const bool isRegular;   // it has few runs
+  const bool isExpanded;  // it has many runs
+  KLT_IdIndex places;     // if it isn't regular: ranks, from 1, by process; all if it is expanded
   KLTM_OpenCollops open;
   KLT_IdMap<KLTM_CollopWalk> walks{kKltmDirectRanks};  // by the member's rank, from 1
   bool grouped = false;                                // an event without a counter has been seen

@@ -139,8 +139,7 @@ class RK_Line {
       return i64(value);
     char* const begin = p_;
     u64(value);
-    // Times from 2^62 on aren't kept, so that a negative value never equals `timeHigh`.
-    if (high != 0 && value >> 62 == 0 && PAL_fast != PAL_Fast::kNever) {
+    if (high != 0 && value < output_->timesKept) {
       output_->timeHigh = high;
       output_->timeDigits = static_cast<size_t>(p_ - begin) - 4;
       memcpy(output_->timeText, begin, sizeof output_->timeText);

@@ -30,7 +30,9 @@ struct RK_Output {
   bool extended = true;  // RK_rkf writes lines and parts marked [extended]
 
   // The time of the last line without its last four digits, as a number and as text (RK_line.h).
+  // Only of times below `timesKept`, so that a negative value never equals `timeHigh`.
   uint64_t timeHigh = 0;
+  uint64_t timesKept = PAL_fast == PAL_Fast::kNever ? 0 : uint64_t{1} << 62;
   size_t timeDigits = 0;
   char timeText[16] = {};
 };

@@ -22,7 +22,9 @@ KLT_IdIndex::KLT_IdIndex(uint32_t directLimit)
 
 void KLT_IdIndex::add(uint32_t id, uint32_t index) {
   if (id < directLimit_) {
-    if (id >= directSize_) direct_.resize(std::bit_ceil(std::max(id + 1, uint32_t{64})));
+    if (id >= directSize_) {
+      direct_.resize(std::min(std::bit_ceil(std::max(id + 1, uint32_t{64})), directLimit_));
+    }
     directSize_ = direct_.size();
     direct_[id] = index;
     return;
