@@ -67,14 +67,15 @@ const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t
   return communicator->members;
 }
 
-const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator, size_t* count) {
+const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator, size_t most,
+                                     size_t* count) {
   KLTT_Context& own = contextOf(context);
   const KLTT_Communicator* found = own.communicators.find(communicator);
   if (found == nullptr) return nullptr;
   std::vector<uint32_t>& gtps = own.scratchMembers;
   gtps.clear();
   KLTT_MemberList::Cursor member(found->members);
-  for (uint32_t gtp = 0; member.next(&gtp);) gtps.push_back(gtp);
+  for (uint32_t gtp = 0; gtps.size() < most && member.next(&gtp);) gtps.push_back(gtp);
   *count = gtps.size();
   return gtps.data();
 }
@@ -175,13 +176,13 @@ int KLTT_CommunicatorDefinition(void* user, uint32_t id, const char* name, uint3
                                 const PAL_Triplet* triplets, int32_t leftSize) {
   const PAL_Place here;
   KLTT_Context& context = contextOf(user);
-  const std::vector<int32_t> members = PAL_TripletsExpand({triplets, numTriplets});
+  const PAL_Triplets members = PAL_TripletsExpandable({triplets, numTriplets});
   if (KLTT_Communicator* communicator = context.communicators.insert(id)) {
     communicator->members = KLTT_MemberList(members);
   }
   if (context.sink == nullptr) return 0;
-  return RK_SinkDefineCommunicator(context.sink, name, id, static_cast<uint32_t>(members.size()),
-                                   members.data(), static_cast<uint32_t>(leftSize));
+  return RK_SinkDefineCommunicator(context.sink, name, id, members,
+                                   static_cast<uint32_t>(leftSize));
 }
 
 int KLTT_CollectiveOperationDefinition(void* user, uint32_t id, const char* name, uint32_t kind) {

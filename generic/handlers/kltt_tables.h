@@ -19,10 +19,11 @@ class KLTT_MemberList;
 const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t id,
                                            const char* record);
 
-// The members of a communicator for the profiles that a writer computes; null if the communicator
-// isn't defined. `context` is the KLTT_Context. The array is valid until the next call.
+// The first `most` members of a communicator for the profiles that a writer computes; null if the
+// communicator isn't defined. `context` is the KLTT_Context. The array is valid until the next
+// call.
 [[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
-                                                   size_t* count);
+                                                   size_t most, size_t* count);
 
 int KLTT_ProcessDeclaration(void* user, uint32_t n, const uint32_t* threads);
 int KLTT_WillyName(void* user, uint32_t gtp, const char* name);

@@ -3,6 +3,7 @@
 // Members are stored as runs (kltt_members) and expanded for one communicator at a time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -23,9 +24,9 @@ class KLTM_Communicators {
   void replace(uint32_t id, KLTT_MemberList members);
   // Null if the id is unknown.
   [[nodiscard]] const KLTT_MemberList* find(uint32_t id) const;
-  // The members in rank order; data() is never null. Valid until the next call for another
-  // communicator. REQUIRES: the id is known.
-  [[nodiscard]] const std::vector<uint32_t>& membersOf(uint32_t id);
+  // At least the first `most` members in rank order, or all; data() is never null. Valid until the
+  // next call. REQUIRES: the id is known.
+  [[nodiscard]] const std::vector<uint32_t>& membersOf(uint32_t id, size_t most);
 
  private:
   struct Communicator {

@@ -428,13 +428,14 @@ bool KLTM_WriteCounts(KLTM_Context& context) {
          KLT_Write<KLT_Row::info>(context.writer, nullptr, context.countsClass, text) != 0;
 }
 
-const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t* count) {
+const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t most,
+                                    size_t* count) {
   KLTM_Communicators& communicators = contextOf(context).communicators;
   if (communicator == 0) KLTT_Fatal("%s record without communicator id", "KLTM_GetIndexInComm");
   if (communicators.find(communicator) == nullptr) {
     KLTT_Fatal("%s record with undefined communicator id", "KLTM_GetIndexInComm");
   }
-  const std::vector<uint32_t>& members = communicators.membersOf(communicator);
-  *count = members.size();
+  const std::vector<uint32_t>& members = communicators.membersOf(communicator, most);
+  *count = std::min(most, members.size());
   return members.data();
 }

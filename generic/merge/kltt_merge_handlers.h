@@ -45,7 +45,7 @@ void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context);
 // Writes the numbers of events of the merged trace. False if that failed.
 [[nodiscard]] bool KLTM_WriteCounts(KLTM_Context& context);
 
-// The members of a communicator in rank order, for the profiles. `context` is a KLTM_Context. Ends
-// the process if the communicator isn't defined.
-[[nodiscard]] const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator,
+// The first `most` members of a communicator in rank order, for the profiles. `context` is a
+// KLTM_Context. Ends the process if the communicator isn't defined.
+[[nodiscard]] const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t most,
                                                   size_t* count);

@@ -67,9 +67,9 @@ int RK_SinkDefineFile(RK_Sink* sink, uint32_t id, const char* path, uint32_t* ou
   return sink->fileDefinition(id, path);
 }
 
-int RK_SinkDefineCommunicator(RK_Sink* sink, const char* name, uint32_t id, uint32_t memberCount,
-                              const int32_t* members, uint32_t flags) {
+int RK_SinkDefineCommunicator(RK_Sink* sink, const char* name, uint32_t id, PAL_TripletSpan members,
+                              uint32_t flags) {
   // Not sorted, because the order of the members is their rank.
-  const PAL_Triplets triplets = PAL_TripletsCompress({members, memberCount}, false);
-  return sink->communicatorDefinition(id, name, memberCount, triplets, flags);
+  return sink->communicatorDefinition(id, name, PAL_TripletsCount(members),
+                                      PAL_TripletsCompress(members), flags);
 }

@@ -41,6 +41,6 @@ void RK_SinkAbandon(RK_Sink* sink);
 
 // Stores `id` in `outId`. A binary trace gets one definition of each file.
 int RK_SinkDefineFile(RK_Sink* sink, uint32_t id, const char* path, uint32_t* outId);
-// `members` are in rank order. `flags` are written to a binary trace only.
-int RK_SinkDefineCommunicator(RK_Sink* sink, const char* name, uint32_t id, uint32_t memberCount,
-                              const int32_t* members, uint32_t flags);
+// `members` are valid triplets in rank order. `flags` are written to a binary trace only.
+int RK_SinkDefineCommunicator(RK_Sink* sink, const char* name, uint32_t id, PAL_TripletSpan members,
+                              uint32_t flags);

@@ -16,19 +16,29 @@ size_t largestCount(uint32_t step) {
 
 }  // namespace
 
-// Greedy: a run continues while the step between members stays the same.
-KLTT_MemberList::KLTT_MemberList(std::span<const int32_t> gtps)
-    : size_(static_cast<uint32_t>(gtps.size())) {
-  for (size_t i = 0; i < gtps.size();) {
-    const uint32_t first = static_cast<uint32_t>(gtps[i]);
-    const uint32_t step = i + 1 < gtps.size() ? static_cast<uint32_t>(gtps[i + 1]) - first : 0;
-    const size_t end = i + std::min(gtps.size() - i, largestCount(step));
-    uint32_t count = 1;
-    while (i + count < end && static_cast<uint32_t>(gtps[i + count]) == first + count * step) {
-      ++count;
+KLTT_MemberList::KLTT_MemberList(PAL_TripletSpan gtps, uint32_t limit) {
+  for (const PAL_Triplet& t : gtps) {
+    const uint32_t count = std::min(PAL_TripletsCount({&t, 1}), limit - size_);
+    add({static_cast<uint32_t>(t.first), static_cast<uint32_t>(t.stride), count});
+    size_ += count;
+  }
+}
+
+// Greedy: a run continues while the step between members stays the same. After at most three
+// members the open run has the step of `run`; then it takes the others at once.
+void KLTT_MemberList::add(Run run) {
+  while (run.count > 0) {
+    uint32_t taken = 1;
+    Run* const open = runs_.empty() ? nullptr : &runs_.back();
+    if (open != nullptr && open->count == 1) open->step = run.first - open->first;
+    if (open == nullptr || run.first != open->first + open->count * open->step) {
+      runs_.push_back({.first = run.first, .step = 0, .count = 1});
+    } else {
+      if (open->step == run.step) taken = run.count;
+      open->count += taken;
     }
-    runs_.push_back(Run{.first = first, .step = step, .count = count});
-    i += count;
+    run.first += taken * run.step;
+    run.count -= taken;
   }
 }
 

@@ -6,16 +6,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <vector>
+
+#include "util/triplets/pal_triplets.h"
 
 class KLTT_MemberList {
  public:
   class Cursor;
 
   KLTT_MemberList() = default;
-  // `gtps`: the members in rank order. Repeated members are kept.
-  explicit KLTT_MemberList(std::span<const int32_t> gtps);
+  // The first `limit` numbers of valid triplets, in rank order. Repeated ones are kept.
+  explicit KLTT_MemberList(PAL_TripletSpan gtps, uint32_t limit = 0xffffffff);
 
   [[nodiscard]] uint32_t size() const { return size_; }
 
@@ -34,6 +35,8 @@ class KLTT_MemberList {
     uint32_t step;
     uint32_t count;
   };
+
+  void add(Run run);
 
   std::vector<Run> runs_;
   uint32_t size_ = 0;

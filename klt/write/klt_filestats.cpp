@@ -87,7 +87,7 @@ const uint32_t* KLT_FileStatsRootOnly(KLT_FileStats& stats, uint32_t communicato
   const uint32_t* gtps =
       parameters.memberLookup == nullptr
           ? nullptr
-          : parameters.memberLookup(parameters.lookupContext, communicator, &count);
+          : parameters.memberLookup(parameters.lookupContext, communicator, members, &count);
   if (count == kUnknown) {
     PAL_Error("Could not retrieve communicator definiton for FileStats.");
     return nullptr;

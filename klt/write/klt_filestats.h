@@ -19,9 +19,10 @@
 
 // Parameters of the profiles.
 struct KLT_StatsParameters {
-  // Returns the members of a communicator in rank order, or null if it has none. Sets `count` only
-  // if the communicator is known.
-  const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t* count) = nullptr;
+  // Returns the first `most` members of a communicator in rank order, or null if it has none. Sets
+  // `count` to their number only if the communicator is known.
+  const uint32_t* (*memberLookup)(void* context, uint32_t communicator, size_t most,
+                                  size_t* count) = nullptr;
   void* lookupContext = nullptr;
   uint32_t eventBits = 0;  // of the time stamps that are written
 };

@@ -135,6 +135,12 @@ void threadLists(tb::Trace& trace, uint64_t size) {
   }
 }
 
+void communicators(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  for (uint32_t i = 1; i <= size / 10; ++i) trace.communicator(i, "c", {{0, (1 << 20) - 1, 1}});
+  trace.stream("r.0", tb::RAW_EVENTS, {0}).at(1).rawMessage({.kind = 8, .other = 1});
+}
+
 void names(tb::Trace& trace, uint64_t) {
   using namespace std::string_view_literals;
   basics(trace);
@@ -206,6 +212,7 @@ constexpr Case kCases[] = {{"crowd", crowd},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},
                            {"thread_lists", threadLists},
+                           {"communicators", communicators, 1},
                            {"names", names},
                            {"raw_crowd", rawCrowd, 1},
                            {"inflated", inflated, 3},

@@ -90,6 +90,7 @@ TEST_F(PalTriplets, AgreeWithSetsOfNumbers) {
     }
     ASSERT_EQ(PAL_TripletsExpand(a), order);
     ASSERT_EQ(PAL_TripletsCompress(order, false), greedy(order));
+    ASSERT_EQ(PAL_TripletsCompress(PAL_TripletSpan(a)), greedy(order));
     const Numbers others = PAL_TripletsExpand(b);
     const Set x(order.begin(), order.end()), y(others.begin(), others.end());
     Set either = x, both, left;

@@ -48,6 +48,26 @@ KLTM_RawCollop part(uint64_t time, uint32_t process, uint32_t operation, uint32_
           kNoScl};
 }
 
+// Lists of members are made of whole triplets.
+TEST(Logmerge, MembersAreTheFirstNumbersOfTheirTriplets) {
+  std::mt19937 random(3);
+  const auto number = [&] { return static_cast<int32_t>(random() % 7) - 3; };
+  for (int round = 0; round < 2000; ++round) {
+    PAL_Triplets triplets(1 + random() % 4);
+    for (auto& [first, last, stride] : triplets) {
+      first = number();
+      stride = number() | 1;
+      last = first + static_cast<int32_t>(random() % 4) * stride;
+    }
+    std::vector<int32_t> expected = PAL_TripletsExpand(triplets), members;
+    expected.resize(std::min<size_t>(expected.size(), 1 + random() % 12));
+    const KLTT_MemberList list(triplets, static_cast<uint32_t>(expected.size()));
+    KLTT_MemberList::Cursor cursor(list);
+    for (uint32_t gtp = 0; cursor.next(&gtp);) members.push_back(static_cast<int32_t>(gtp));
+    ASSERT_EQ(members, expected) << round;
+  }
+}
+
 using Members = std::map<uint32_t, std::vector<int32_t>>;  // by communicator
 
 // The records of a merged trace, and the number of messages in its profiles.
@@ -60,7 +80,7 @@ Merged merge(const Members& communicators, const std::vector<Event>& events,
              uint64_t blockBytes = RK_Conf::kMemBlockBytes) {
   const tb::TempDir directory;
   const std::string name = directory / "m.klt";
-  const auto membersOf = [](void*, uint32_t, size_t* n) -> const uint32_t* {
+  const auto membersOf = [](void*, uint32_t, size_t, size_t* n) -> const uint32_t* {
     static const uint32_t kMembers[] = {0, 1, 2, 3};
     return *n = 4, kMembers;
   };
@@ -69,8 +89,11 @@ Merged merge(const Members& communicators, const std::vector<Event>& events,
       KLT_WriterOpen(nullptr, name.c_str(), 1, KLT_FORM_PLAIN, 0, &statistics);
   KLTM_Matching matching;
   KLTM_DeclareProcesses(matching, 8);
-  for (const auto& [id, members] : communicators)
-    KLTM_RegisterCommunicator(matching, id, KLTT_MemberList(members));
+  for (const auto& [id, members] : communicators) {
+    PAL_Triplets list;
+    for (const int32_t member : members) list.push_back({member, member, 1});
+    KLTM_RegisterCommunicator(matching, id, KLTT_MemberList(list));
+  }
   KLTM_MatchStart(matching, writer, nullptr, blockBytes);
   for (const Event& event : events) {
     if (const auto* message = std::get_if<KLTM_RawMessage>(&event))

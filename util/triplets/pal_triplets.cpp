@@ -146,6 +146,11 @@ int64_t countCommon(const Sections& a, const Sections& b) {
   return count;
 }
 
+// The last number of a valid triplet.
+int64_t lastOf(const PAL_Triplet& t) {
+  return t.first + (int64_t{t.last} - t.first) / t.stride * t.stride;
+}
+
 // Removes the next piece (the letter N or digits) and the colons before it from `text`, and returns
 // the piece; empty if there is none.
 std::string_view nextPiece(std::string_view& text) {
@@ -206,20 +211,31 @@ uint32_t PAL_TripletsCount(PAL_TripletSpan list) {
   return static_cast<uint32_t>(count);
 }
 
-std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list) {
+PAL_Triplets PAL_TripletsExpandable(PAL_TripletSpan list) {
   const uint32_t count = PAL_TripletsCount(list);
   if (count > kPalMaxExpansion) PAL_Error(kInvalidData);
   if (count == 0 || count > kPalMaxExpansion) return {};
-  std::vector<int32_t> numbers;
-  numbers.reserve(count);
+  PAL_Triplets valid;
+  valid.reserve(list.size());
   for (const PAL_Triplet& t : list) {
     if (t.stride == 0) {
       PAL_Error(kStrideZero);
-      continue;
+    } else {
+      valid.push_back(t);
     }
-    int64_t left = (int64_t{t.last} - t.first) / t.stride + 1;
-    for (int64_t v = t.first; left > 0; left--, v += t.stride) {
+  }
+  return valid;
+}
+
+std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list) {
+  const PAL_Triplets valid = PAL_TripletsExpandable(list);
+  std::vector<int32_t> numbers;
+  numbers.reserve(PAL_TripletsCount(valid));
+  for (const PAL_Triplet& t : valid) {
+    const int64_t last = lastOf(t);
+    for (int64_t v = t.first;; v += t.stride) {
       numbers.push_back(static_cast<int32_t>(v));
+      if (v == last) break;
     }
   }
   return numbers;
@@ -234,6 +250,12 @@ PAL_Triplets PAL_TripletsCompress(std::span<const int32_t> numbers, bool sort) {
   }
   Compressor compressor;
   for (const int32_t v : numbers) compressor.add(v);
+  return compressor.finish();
+}
+
+PAL_Triplets PAL_TripletsCompress(PAL_TripletSpan list) {
+  Compressor compressor;
+  for (const PAL_Triplet& t : list) compressor.add(t.first, lastOf(t), t.stride);
   return compressor.finish();
 }
 

@@ -42,10 +42,14 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 // The numbers in list order. Entries with stride 0 are reported and skipped. Other invalid entries,
 // or more than kPalMaxExpansion numbers, are reported and the result is empty.
 [[nodiscard]] std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list);
+// The entries of whose numbers the result of PAL_TripletsExpand consists, with the same reports.
+[[nodiscard]] PAL_Triplets PAL_TripletsExpandable(PAL_TripletSpan list);
 
 // Compresses `numbers` greedily to triplets, in the given order, or in ascending order with `sort`.
 // Equal neighbours count once. 1 2 3 7 9 11 gives 1:3:1 7:11:2.
 [[nodiscard]] PAL_Triplets PAL_TripletsCompress(std::span<const int32_t> numbers, bool sort);
+// Likewise for the numbers of valid triplets, in the order of the list, without expanding them.
+[[nodiscard]] PAL_Triplets PAL_TripletsCompress(PAL_TripletSpan list);
 
 // Whether `number` is in the list. Takes time linear in the list; for a test per record see
 // PAL_TripletSet.

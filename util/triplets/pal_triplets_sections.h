@@ -50,7 +50,7 @@ enum class Operation { kIntersect, kUnite, kSubtract };
 [[nodiscard]] std::optional<PAL_Triplets> combineSets(Operation operation, const Sections& a,
                                                       const Sections& b, Budget& budget);
 
-// Compresses numbers, or whole sections in ascending order, greedily to triplets.
+// Compresses numbers, whole sections in ascending order and triplets greedily to triplets.
 class Compressor {
  public:
   // Adds a number: it extends the open triplet, becomes its second number, or opens a new one.
@@ -81,17 +81,19 @@ class Compressor {
     state_ = State::kSecond;
   }
 
-  // Adds all numbers of a section. After at most three numbers the open triplet has the section's
-  // stride; then its last number is set, which adds the others in one step.
-  void add(const Section& section) {
-    for (int64_t v = section.low; v <= section.high; v += section.step) {
+  // Adds the numbers first, first + step, ... last. After at most three of them the open triplet
+  // has their stride; then its last number is set, which adds the others in one step.
+  void add(int64_t first, int64_t last, int64_t step) {
+    for (int64_t v = first;; v += step) {
       add(v);
-      if (state_ == State::kMore && stride_ == section.step) {
-        last_ = section.high;
+      if (v == last) return;
+      if (state_ == State::kMore && stride_ == step) {
+        last_ = last;
         return;
       }
     }
   }
+  void add(const Section& section) { add(section.low, section.high, section.step); }
 
   [[nodiscard]] size_t size() const { return triplets_.size(); }
 
