@@ -24,17 +24,18 @@ KLTT_MemberList::KLTT_MemberList(PAL_TripletSpan gtps, uint32_t limit) {
   }
 }
 
-// Greedy: a run continues while the step between members stays the same. After at most three
-// members the open run has the step of `run`; then it takes the others at once.
+// Greedy: a run continues while the step between members stays the same and none comes twice. After
+// at most three members the open run has the step of `run`; then it takes the others at once.
 void KLTT_MemberList::add(Run run) {
   while (run.count > 0) {
     uint32_t taken = 1;
     Run* const open = runs_.empty() ? nullptr : &runs_.back();
     if (open != nullptr && open->count == 1) open->step = run.first - open->first;
-    if (open == nullptr || run.first != open->first + open->count * open->step) {
+    const size_t room = open != nullptr ? largestCount(open->step) - open->count : 0;
+    if (room == 0 || run.first != open->first + open->count * open->step) {
       runs_.push_back({.first = run.first, .step = 0, .count = 1});
     } else {
-      if (open->step == run.step) taken = run.count;
+      if (open->step == run.step) taken = static_cast<uint32_t>(std::min<size_t>(run.count, room));
       open->count += taken;
     }
     run.first += taken * run.step;
