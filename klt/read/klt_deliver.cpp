@@ -235,12 +235,8 @@ int deliverEndOfFilter(KLT_Stream& s, const uint8_t* record) {
   using View = KLT_Record<KLT_Row::endOfFilter>;
   const KLT_HandlerTable& handlers = s.pass->handlers;
   if (handlers.end_of_filter == nullptr) return 0;
-  const auto* numbers = View::array<int32_t, 3>(record);
-  PAL_Triplets triplets(View::count<3>(record) / 3);
-  for (PAL_Triplet& triplet : triplets) {
-    triplet = {numbers[0], numbers[1], numbers[2]};
-    numbers += 3;
-  }
+  const KLT_ThreadList* threads = s.pass->lists.byId(View::array<uint32_t, 3>(record)[0]);
+  const PAL_Triplets& triplets = threads->triplets();
   return handlers.end_of_filter(handlers.user_data, KLT_RecordTime(record), View::get32<1>(record),
                                 static_cast<uint32_t>(triplets.size()), triplets.data());
 }

@@ -15,10 +15,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <string>
+#include <utility>
 
 #include "klt/index/klt_generic.h"
 #include "klt/read/klt_deliver.h"
+#include "klt/read/klt_plan.h"
 #include "klt/read/klt_reader.h"
 #include "klt/stream/klt_filter.h"
 #include "klt/stream/klt_position.h"
@@ -63,53 +65,100 @@ bool genericOnlyAsked() {
 
 // --- streams ------------------------------------------------------------------------------------
 
-bool categoriesMatch(const KLT_Component& component, const KLT_Request& request) {
-  if (component.dataFile->filetype == static_cast<uint32_t>(KLT_FileType::kStatistics)) {
-    return request.categories == klt::kStatistics;
-  }
-  return (component.categories & request.categories) != 0 ||
-         ((component.categories & kAny) != 0 && request.categories != klt::kStatistics) ||
-         (request.categories & kAny) != 0;
+bool isStatistics(const KLT_Component& component) {
+  return component.dataFile->filetype == static_cast<uint32_t>(KLT_FileType::kStatistics);
 }
 
-bool threadsMatch(const KLT_Component& component, const KLT_Request& request) {
-  return component.willies == nullptr || component.willies->empty() || request.threads.empty() ||
-         PAL_TripletsOverlap(*component.willies, request.threads);
+bool hasEvents(const KLT_Component& component) {
+  return component.dataFile != nullptr &&
+         (isStatistics(component) ||
+          component.dataFile->filetype == static_cast<uint32_t>(KLT_FileType::kData));
 }
 
-uint32_t commonCategories(uint32_t component, uint32_t request) {
-  uint32_t common = component & request;
-  if ((request & kAny) != 0) {
-    common = component;
-  } else if ((component & kAny) != 0) {
-    common = request;
+// The categories of a component that a request selects; 0 if the component has nothing for it.
+uint32_t commonCategories(const KLT_Component& component, uint32_t asked) {
+  const uint32_t stored = component.categories;
+  if (isStatistics(component) && asked != klt::kStatistics) return 0;
+  uint32_t common = stored & asked;
+  if ((asked & kAny) != 0) {
+    common = stored;
+  } else if ((stored & kAny) != 0 && (asked != klt::kStatistics || isStatistics(component))) {
+    common = asked;
   }
   return (common & kAny) != 0 ? klt::kWholeSelection : common;
 }
 
-// The part of the request that applies to the component, if there is any.
-std::optional<KLT_StreamRequest> restrict(const KLT_Component& component,
-                                          const KLT_Request& request) {
-  KLT_StreamRequest own;
-  own.start = request.start;
-  own.end = request.end;
-  own.asked = request.categories;
-  own.categories = commonCategories(component.categories, request.categories);
-  if (own.categories == 0) return std::nullopt;
-  const bool componentHas = component.willies != nullptr && !component.willies->empty();
-  if (request.threads.empty()) {
-    if (componentHas) own.threads = *component.willies;
-  } else if (!componentHas) {
-    own.threads = request.threads;
-    own.testThreads = true;
-  } else {
-    own.threads = PAL_TripletsIntersect(request.threads, *component.willies);
-    if (own.threads.empty()) return std::nullopt;
-    own.testThreads = !PAL_TripletsEqual(own.threads, *component.willies);
+// Makes the requests of components. Those with the same categories and the same relation to the
+// requests of the pass share them.
+class RequestMaker {
+ public:
+  RequestMaker(KLT_RequestPlan& plan, KLT_ThreadLists& lists) : plan_(plan), lists_(lists) {}
+
+  // Null if the component has nothing for any request. `own`: its threads.
+  std::shared_ptr<const KLT_StreamRequests> of(const KLT_Component& component,
+                                               const KLT_ThreadList* own) {
+    if (own != own_) {
+      own_ = own;
+      relation_ = own->empty() ? plan_.relationToAny() : plan_.relationTo(own);
+    }
+    auto& known = known_[keyOf(component)];
+    if (known == nullptr) known = make(component);
+    return known->list.empty() ? nullptr : known;
   }
-  if (own.testThreads) own.set = PAL_TripletSet(own.threads);
-  return own;
-}
+
+ private:
+  std::string keyOf(const KLT_Component& component) const {
+    std::string key = {isStatistics(component), own_->empty()};
+    const auto append = [&key](uint32_t number) {
+      key.append(reinterpret_cast<const char*>(&number), sizeof number);
+    };
+    append(component.categories);
+    for (const KLT_RequestPlan::Part& part : relation_) {
+      append(part.list);
+      append(part.threads->id());
+    }
+    return key;
+  }
+
+  std::shared_ptr<const KLT_StreamRequests> make(const KLT_Component& component) {
+    auto requests = std::make_shared<KLT_StreamRequests>();
+    const KLT_ThreadList* lastSet = nullptr;
+    for (const KLT_RequestPlan::Piece& piece : plan_.piecesOf(relation_, own_->empty())) {
+      KLT_StreamRequest request;
+      request.start = piece.start;
+      request.end = piece.end;
+      request.asked = piece.categories;
+      request.categories = commonCategories(component, piece.categories);
+      if (request.categories == 0) continue;
+      if (piece.given != own_ && !piece.given->empty()) {
+        request.threads = piece.given;
+        request.testThreads = own_->empty() || !lists_.areEqual(piece.given, own_);
+      }
+      const KLT_ThreadList* set = request.testThreads ? piece.threads : own_;
+      add(*requests, request, set == std::exchange(lastSet, set));
+    }
+    requests->list.shrink_to_fit();
+    return requests;
+  }
+
+  // Appends a request, or extends the last one if the two can be joined.
+  static void add(KLT_StreamRequests& to, const KLT_StreamRequest& request, bool sameThreads) {
+    to.asked |= request.categories;
+    KLT_StreamRequest* last = to.list.empty() ? nullptr : &to.list.back();
+    if (sameThreads && last != nullptr && last->categories == request.categories &&
+        request.start <= last->end) {
+      last->end = std::max(last->end, request.end);
+    } else {
+      to.list.push_back(request);
+    }
+  }
+
+  KLT_RequestPlan& plan_;
+  KLT_ThreadLists& lists_;
+  const KLT_ThreadList* own_ = nullptr;  // that `relation_` belongs to
+  KLT_RequestPlan::Relation relation_;
+  PAL_HashMap<std::string, std::shared_ptr<const KLT_StreamRequests>> known_;
+};
 
 std::unique_ptr<KLT_Stream> makeStream(KLT_Reader& reader, const KLT_FileEntry* file,
                                        uint32_t categories) {
@@ -117,6 +166,7 @@ std::unique_ptr<KLT_Stream> makeStream(KLT_Reader& reader, const KLT_FileEntry* 
   stream->pass = &reader.pass;
   stream->source.file = file;
   stream->source.categories = categories;
+  stream->source.threads = reader.pass.lists.none();
   return stream;
 }
 
@@ -124,48 +174,57 @@ void addWholeStream(KLT_Reader& reader, const KLT_FileEntry* file, uint32_t cate
   auto stream = makeStream(reader, file, categories);
   KLT_StreamRequest request;
   request.categories = request.asked = categories;
-  stream->requests.add(std::move(request));
+  stream->requests.set(std::make_shared<KLT_StreamRequests>(
+      KLT_StreamRequests{.list = {request}, .asked = categories}));
   reader.streams.push_back(std::move(stream));
 }
 
-void addEventStreams(KLT_Reader& reader) {
+// The order of the streams is that of the components. Their requests are made list by list.
+void addEventStreams(KLT_Reader& reader, std::span<const KLT_Request* const> requests) {
+  KLT_ThreadLists& lists = reader.pass.lists;
+  KLT_RequestPlan plan(requests, lists);
+  PAL_HashMap<uint32_t, const KLT_ThreadList*> ownLists;  // by their ids in the trace
+  std::vector<std::unique_ptr<KLT_Stream>> streams;
   for (KLT_Component* component : KLT_ComponentsInOrder(*reader.pass.handle)) {
-    if (component->dataFile == nullptr) continue;
-    if (component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kData) &&
-        component->dataFile->filetype != static_cast<uint32_t>(KLT_FileType::kStatistics)) {
-      continue;
+    if (!hasEvents(*component)) continue;
+    streams.push_back(makeStream(reader, component->dataFile, component->categories));
+    streams.back()->source.component = component;
+    if (component->willies == nullptr) continue;
+    const KLT_ThreadList*& own = ownLists[component->listId];
+    if (own == nullptr) own = lists.share(*component->willies);
+    streams.back()->source.threads = own;
+  }
+  std::vector<KLT_Stream*> byList;
+  for (const auto& stream : streams) byList.push_back(stream.get());
+  std::sort(byList.begin(), byList.end(), [](const KLT_Stream* a, const KLT_Stream* b) {
+    return a->source.threads->id() < b->source.threads->id();
+  });
+  RequestMaker maker(plan, lists);
+  for (KLT_Stream* stream : byList) {
+    if (auto own = maker.of(*stream->source.component, stream->source.threads)) {
+      stream->requests.set(std::move(own));
     }
-    std::unique_ptr<KLT_Stream> stream;
-    for (const KLT_Request& request : reader.requests) {
-      if (!categoriesMatch(*component, request) || !threadsMatch(*component, request)) continue;
-      std::optional<KLT_StreamRequest> own = restrict(*component, request);
-      if (!own) continue;
-      if (stream == nullptr) {
-        stream = makeStream(reader, component->dataFile, component->categories);
-        stream->source.component = component;
-      }
-      stream->requests.add(std::move(*own));
-    }
-    if (stream != nullptr) reader.streams.push_back(std::move(stream));
+  }
+  for (auto& stream : streams) {
+    if (!stream->requests.finished()) reader.streams.push_back(std::move(stream));
   }
 }
 
-void copyRequests(KLT_Reader& reader, uint32_t numRequests, const KLT_Request* const* requests) {
-  if (numRequests == 0) {
-    reader.requests.emplace_back().categories = kAny;
-    return;
-  }
-  std::vector<KLT_Request> copies(numRequests);
+// Adds the streams for the requests; for all events if there are none.
+void addRequestedStreams(KLT_Reader& reader, uint32_t numRequests,
+                         const KLT_Request* const* requests) {
+  std::vector<KLT_Request> copies(std::max(numRequests, 1U));
+  copies[0].categories = kAny;
   std::vector<const KLT_Request*> pointers;
-  for (uint32_t i = 0; i < numRequests; ++i) {
-    copies[i] = *requests[i];
+  for (uint32_t i = 0; i < copies.size(); ++i) {
+    if (i < numRequests) copies[i] = *requests[i];
     if ((copies[i].categories & klt::kStatistics) != 0) {
       copies[i].categories = klt::kStatistics;
       copies[i].threads.clear();
     }
     pointers.push_back(&copies[i]);
   }
-  reader.requests = KLT_NormaliseRequests(pointers);
+  addEventStreams(reader, pointers);
 }
 
 // Opens the streams and, for delivery in time order, fills each of them once.
@@ -249,9 +308,6 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
   for (const KLT_Row& row : kKltRows) {
     reader->pass.hasHandler[row.number] = KLT_HasHandler(*table, row.number);
   }
-  if (mode == KLT_MODE_EVENTS || mode == KLT_MODE_EVENTS_ONCE) {
-    copyRequests(*reader, numRequests, requests);
-  }
   if (mode == KLT_MODE_INTERNAL) {
     addWholeStream(*reader, nullptr, klt::kInternal);
     if (!openIndexStream(*reader)) {
@@ -263,7 +319,7 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
       addWholeStream(*reader, file, klt::kDeclarations);
     }
   } else {
-    addEventStreams(*reader);
+    addRequestedStreams(*reader, numRequests, requests);
   }
   openStreams(*reader);
   return reader.release();

@@ -65,7 +65,6 @@ class KLT_StreamTurn final : public KLT_Turn {
 
 struct KLT_Reader {
   KLT_Pass pass;
-  std::vector<KLT_Request> requests;                 // normalised
   std::vector<std::unique_ptr<KLT_Stream>> streams;  // at equal times the first one is served
   int status = KLT_STATUS_BUILT;
   bool lostData = false;

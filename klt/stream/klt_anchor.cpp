@@ -334,23 +334,20 @@ std::span<const KLT_Anchor> usableAnchors(const KLT_Stream& s) {
 
 }  // namespace
 
-void KLT_PlanRequests(KLT_Stream& s) {
+void KLT_LoadAnchors(KLT_Stream& s) { (void)usableAnchors(s); }
+
+KLT_Extent KLT_ExtentOf(const KLT_Stream& s, const KLT_StreamRequest& request) {
+  if (s.source.component == nullptr) return {};
   const std::span<const KLT_Anchor> anchors = usableAnchors(s);
-  if (anchors.empty()) return;
-  for (KLT_StreamRequest& request : s.requests.all()) {
-    request.anchor = anchorBefore(anchors, request.start);
-    const auto first =
-        anchors.begin() + (request.anchor == nullptr ? 0 : request.anchor - anchors.data() + 1);
-    const auto end = std::lower_bound(first, anchors.end(), request.end,
-                                      [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
-    request.limit =
-        end == anchors.end() || request.end == ~uint64_t{0} ? KLT_Input::kNoLimit : end->offset;
-    // A group without offsets may be by a program that stores no open scopes at seek points.
-    const bool scopes = (KLT_StoredCategories(s, request.categories) & klt::kScopes) != 0;
-    if (scopes && request.anchor != nullptr && !request.anchor->hasOffsetHistory) {
-      request.anchor = nullptr;
-    }
-  }
+  const KLT_Anchor* anchor = anchorBefore(anchors, request.start);
+  const auto first = anchors.begin() + (anchor == nullptr ? 0 : anchor - anchors.data() + 1);
+  const auto end = std::lower_bound(first, anchors.end(), request.end,
+                                    [](const KLT_Anchor& a, uint64_t t) { return a.time < t; });
+  const bool toTheEnd = end == anchors.end() || request.end == ~uint64_t{0};
+  // A group without offsets may be by a program that stores no open scopes at seek points.
+  const bool scopes = (KLT_StoredCategories(s, request.categories) & klt::kScopes) != 0;
+  if (scopes && anchor != nullptr && !anchor->hasOffsetHistory) anchor = nullptr;
+  return {anchor, toTheEnd ? KLT_Input::kNoLimit : end->offset};
 }
 
 void KLT_ReplayAnchor(KLT_Stream& stream, const KLT_Anchor& anchor, uint32_t categories) {

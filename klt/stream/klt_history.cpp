@@ -91,37 +91,42 @@ void addScopes(HistoryRecords& out, const KLT_WillyState& state) {
 
 // --- records that an earlier request has delivered ----------------------------------------------
 
-bool selectsThread(const KLT_StreamRequest& request, uint32_t gtp) {
-  return !request.testThreads || request.set.contains(static_cast<int32_t>(gtp));
+bool selectsThread(const KLT_Stream& s, const KLT_StreamRequest& request, uint32_t gtp) {
+  return !request.testThreads || s.threadsOf(request).contains(gtp);
 }
 
 // Whether the history at the request's start contains this thread's state.
-bool reportsStateOf(const KLT_StreamRequest& request, uint32_t gtp) {
-  return PAL_TripletsContains(request.threads, static_cast<int32_t>(gtp));
+bool reportsStateOf(const KLT_Stream& s, const KLT_StreamRequest& request, uint32_t gtp) {
+  return s.threadsOf(request).contains(gtp);
 }
 
-bool hasDeliveredMessage(const KLT_StreamRequest& request, uint32_t sender,
+bool hasDeliveredMessage(const KLT_Stream& s, const KLT_StreamRequest& request, uint32_t sender,
                          const KLT_StoredRecord& message) {
   const uint64_t time = KLT_RecordTime(message.bytes.data());
-  if (time < request.start) return message.end > request.start && reportsStateOf(request, sender);
+  if (time < request.start) {
+    return message.end > request.start && reportsStateOf(s, request, sender);
+  }
   return time < request.end &&
-         (selectsThread(request, sender) || selectsThread(request, message.partner));
+         (selectsThread(s, request, sender) || selectsThread(s, request, message.partner));
 }
 
 bool hasDeliveredCollective(const KLT_Stream& s, const KLT_StreamRequest& request,
                             const KLT_StoredRecord& operation) {
   const uint64_t time = KLT_RecordTime(operation.bytes.data());
   const bool isUnderWay = time < request.end && operation.end > request.start;
-  if (!isUnderWay || (time < request.start && request.threads.empty())) return false;
+  const KLT_ThreadList& threads = s.threadsOf(request);
+  if (!isUnderWay || (time < request.start && threads.empty())) return false;
   if (!request.testThreads) return true;
   const PAL_Triplets* members = s.pass->handle->communicators.find(operation.partner);
-  return members != nullptr && PAL_TripletsOverlap(*members, request.threads);
+  int32_t member = 0;
+  return members != nullptr && threads.set().firstCommon(*members, &member);
 }
 
 // REQUIRES: the sample is the last one of its counter at the current request's start.
-bool hasDeliveredSample(const KLT_StreamRequest& request, uint32_t gtp, uint64_t time) {
-  if (time < request.start) return KLT_TellsCounters(request) && reportsStateOf(request, gtp);
-  return time < request.end && selectsThread(request, gtp);
+bool hasDeliveredSample(const KLT_Stream& s, const KLT_StreamRequest& request, uint32_t gtp,
+                        uint64_t time) {
+  if (time < request.start) return KLT_TellsCounters(request) && reportsStateOf(s, request, gtp);
+  return time < request.end && selectsThread(s, request, gtp);
 }
 
 // Whether an earlier request has delivered a record of `category` and `time`. hasDelivered(request)
@@ -155,7 +160,7 @@ void addCounters(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState&
   for (const auto* sample : ordered) {
     const bool known =
         s.pass->once && isKnown(s, kCounters, sample->value.time, [&](const auto& request) {
-          return hasDeliveredSample(request, state.gtp, sample->value.time);
+          return hasDeliveredSample(s, request, state.gtp, sample->value.time);
         });
     if (known) continue;
     RecordWriter<KLT_Row::counterValue> record(out.records, sample->value.time);
@@ -171,7 +176,7 @@ void addMessages(const KLT_Stream& s, HistoryRecords& out, const KLT_WillyState&
                  bool onlyNew) {
   for (const KLT_StoredRecord& message : state.messages.records()) {
     const auto hasDelivered = [&](const KLT_StreamRequest& request) {
-      return hasDeliveredMessage(request, state.gtp, message);
+      return hasDeliveredMessage(s, request, state.gtp, message);
     };
     const uint64_t time = KLT_RecordTime(message.bytes.data());
     if (!onlyNew || !isKnown(s, kMessages, time, hasDelivered)) out.add(message.bytes);
@@ -206,9 +211,9 @@ void collect(KLT_Stream& s, uint32_t unknown, bool brackets, HistoryRecords& out
   const uint32_t stored = KLT_StoredCategories(s, request.categories);
   if ((stored & kCollops) != 0) assignCollectives(s);
   for (const KLT_WillyState* state : s.history.context.ordered(*s.pass->handle)) {
-    const auto gtp = static_cast<int32_t>(state->gtp);
-    const bool isAdded = PAL_TripletsContains(s.history.addedThreads, gtp);
-    if (!isAdded && !reportsStateOf(request, state->gtp)) continue;
+    const KLT_ThreadList* added = s.history.addedThreads;
+    const bool isAdded = added != nullptr && added->contains(state->gtp);
+    if (!isAdded && !reportsStateOf(s, request, state->gtp)) continue;
     const uint32_t mask = isAdded ? stored : s.history.addedCategories;
     // Messages and operations of an added thread may have been delivered already, because another
     // thread that takes part in them was selected.
@@ -253,7 +258,7 @@ void addFrom(KLT_PackedRecords& packed, size_t from) {
 
 void markDone(KLT_Stream& s) {
   s.history.addedCategories = 0;
-  s.history.addedThreads.clear();
+  s.history.addedThreads = nullptr;
   s.history.done = true;
   s.history.keepContext = s.requests.following() != nullptr;
   if (!s.history.keepContext) s.history.context.freeHistory();
@@ -268,23 +273,22 @@ void pruneContext(KLT_Stream& s, uint32_t categories, uint64_t time) {
 }
 
 // Appends an end_of_filter for categories and threads that the next request doesn't select. An
-// empty list of threads means all threads.
+// empty list of threads means all threads. In memory the record has the list's id instead of the
+// list, which may be long and of many streams.
 void appendEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
-                       const PAL_Triplets& threads) {
+                       const KLT_ThreadList& threads) {
   if (s.pass->handlers.end_of_filter == nullptr) return;
   // Without time order the record may be delivered before earlier records of other streams. So it
   // only ends categories that this stream stores: a stream of comments ends no calls.
   if (!s.pass->serial) categories &= s.source.categories;
   RecordWriter<KLT_Row::endOfFilter> record(s.packed.records, time);
   record.set<1>(categories);
-  record.set<2>(static_cast<uint32_t>(3 * threads.size()));
-  auto* willies = record.array<uint32_t>(3 * threads.size());
-  for (const PAL_Triplet& triplet : threads) {
-    *willies++ = static_cast<uint32_t>(triplet.first);
-    *willies++ = static_cast<uint32_t>(triplet.last);
-    *willies++ = static_cast<uint32_t>(triplet.stride);
-  }
-  s.packed.add(record.bytes(), KLT_EncodedBytes(s.packed.records.tail()) - 1, time);
+  record.set<2>(1);
+  *record.array<uint32_t>(1) = threads.id();
+  // The size of the record with the list itself, three numbers for a triplet.
+  const size_t encoded = KLT_EncodedBytes(s.packed.records.tail()) - 1 - sizeof(uint32_t) +
+                         sizeof(PAL_Triplet) * threads.triplets().size();
+  s.packed.add(record.bytes(), encoded, time);
 }
 
 bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }
@@ -293,7 +297,7 @@ bool isInstant(const KLT_StreamRequest& request) { return request.start == reque
 
 bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
   const KLT_StreamRequest& request = s.requests.current();
-  if (request.threads.empty()) {
+  if (s.threadsOf(request).empty()) {
     markDone(s);
     return true;
   }
@@ -307,7 +311,7 @@ bool KLT_ProduceHistory(KLT_Stream& s, size_t room, bool force) {
   const size_t before = records.used();
   HistoryRecords history{records};
   if (brackets) appendBracket<KLT_Row::beginOfHistory>(records, request.start);
-  if ((unknown != 0 || s.history.addedCategories != 0 || !s.history.addedThreads.empty()) &&
+  if ((unknown != 0 || s.history.addedCategories != 0 || s.history.addedThreads != nullptr) &&
       !s.history.context.empty()) {
     collect(s, unknown, brackets, history);
   }
@@ -335,13 +339,15 @@ void KLT_EndRequest(KLT_Stream& s) {
   const KLT_StreamRequest* next = s.requests.following();
   if (next == nullptr || next->start != ended.end) {
     s.history.knownCategories = 0;
-    appendEndOfFilter(s, ended.end, ended.categories, ended.threads);
+    appendEndOfFilter(s, ended.end, ended.categories, s.threadsOf(ended));
     return;
   }
   s.history.knownCategories &=
       (next->categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : next->categories;
-  const PAL_Triplets threads =
-      next->threads.empty() ? PAL_Triplets{} : PAL_TripletsSubtract(ended.threads, next->threads);
+  KLT_ThreadLists& lists = s.pass->lists;
+  const KLT_ThreadList& threads = s.threadsOf(*next).empty()
+                                      ? *lists.none()
+                                      : *lists.subtract(&s.threadsOf(ended), &s.threadsOf(*next));
   uint32_t categories = ended.categories & ~next->categories;
   // If the start of a request is its end, other streams may have no part in it and read on. So the
   // records that this stream appends then only contain categories that it stores itself.
@@ -354,6 +360,6 @@ void KLT_EndRequest(KLT_Stream& s) {
   // thread would deliver a second call stack for it.
   if (!threads.empty()) appendEndOfFilter(s, ended.end, leaving, threads);
   if (categories != 0) {
-    appendEndOfFilter(s, ended.end, categories, ownOnly ? ended.threads : PAL_Triplets{});
+    appendEndOfFilter(s, ended.end, categories, ownOnly ? s.threadsOf(ended) : *lists.none());
   }
 }

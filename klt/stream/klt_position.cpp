@@ -15,10 +15,13 @@ namespace {
 using klt::kAny;
 
 // Whether `other` selects all categories and threads of `request`.
-bool isCoveredBy(const KLT_StreamRequest& request, const KLT_StreamRequest& other) {
+bool isCoveredBy(const KLT_Stream& s, const KLT_StreamRequest& request,
+                 const KLT_StreamRequest& other) {
   if ((other.categories & kAny) == 0 && (request.categories & ~other.categories) != 0) return false;
-  if (other.threads.empty()) return true;
-  return !request.threads.empty() && PAL_TripletsSubset(other.threads, request.threads);
+  const KLT_ThreadList& threads = s.threadsOf(request);
+  const KLT_ThreadList& others = s.threadsOf(other);
+  if (others.empty()) return true;
+  return !threads.empty() && s.pass->lists.isSubset(&others, &threads);
 }
 
 // Whether the request's history contains samples and the seek point has none. Some programs store
@@ -32,13 +35,13 @@ bool lacksSamples(KLT_Stream& s, const KLT_StreamRequest& request) {
 }
 
 // Clears the context and moves to the offset at which reading for the request starts.
-bool jump(KLT_Stream& s, const KLT_StreamRequest& request) {
+bool jump(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_Anchor* anchor) {
   s.history.context.clear(~uint32_t{0});
-  if (request.anchor != nullptr) {
-    KLT_ReplayAnchor(s, *request.anchor, KLT_StoredCategories(s, request.categories));
+  if (anchor != nullptr) {
+    KLT_ReplayAnchor(s, *anchor, KLT_StoredCategories(s, request.categories));
     if (!lacksSamples(s, request)) {
-      s.filter.time = request.anchor->time;
-      return s.input.seek(request.anchor->offset);
+      s.filter.time = anchor->time;
+      return s.input.seek(anchor->offset);
     }
     s.history.context.clear(~uint32_t{0});
   }
@@ -52,9 +55,11 @@ void setAdded(KLT_Stream& s, const KLT_StreamRequest& request, const KLT_StreamR
       (request.categories & kAny) != 0 ? klt::kWholeSelection & ~kAny : request.categories;
   s.history.addedCategories = (before.categories & kAny) != 0 ? 0 : asked & ~before.categories;
   s.history.addedCategories &= s.source.categories;
-  s.history.addedThreads.clear();
-  if (!before.threads.empty())
-    s.history.addedThreads = PAL_TripletsSubtract(request.threads, before.threads);
+  s.history.addedThreads = nullptr;
+  const KLT_ThreadList& threads = s.threadsOf(before);
+  if (threads.empty()) return;
+  const KLT_ThreadList* added = s.pass->lists.subtract(&s.threadsOf(request), &threads);
+  if (!added->empty()) s.history.addedThreads = added;
 }
 
 }  // namespace
@@ -63,6 +68,7 @@ bool KLT_EnterRequest(KLT_Stream& s) {
   const KLT_StreamRequest& request = s.requests.current();
   const auto earlier = s.requests.earlier();
   const KLT_StreamRequest* before = earlier.empty() ? nullptr : &earlier.back();
+  const auto [anchor, limit] = KLT_ExtentOf(s, request);
   KLT_HistoryState& history = s.history;
   KLT_SelectRequest(s);
   history.done = false;
@@ -70,19 +76,19 @@ bool KLT_EnterRequest(KLT_Stream& s) {
   bool readsOn = false;
   if (before != nullptr && before->end == request.start) {
     setAdded(s, request, *before);
-    readsOn = history.addedCategories == 0 && history.addedThreads.empty();
+    readsOn = history.addedCategories == 0 && history.addedThreads == nullptr;
     history.done = readsOn;
     if (readsOn) history.keepContext = s.requests.following() != nullptr;
   } else {
     history.addedCategories = KLT_StoredCategories(s, request.categories);
-    history.addedThreads.clear();
+    history.addedThreads = nullptr;
     // The context that the previous request kept is sufficient, and a jump wouldn't save reading.
-    readsOn = before != nullptr && isCoveredBy(request, *before) &&
-              (request.anchor == nullptr || request.anchor->offset <= s.input.position());
+    readsOn = before != nullptr && isCoveredBy(s, request, *before) &&
+              (anchor == nullptr || anchor->offset <= s.input.position());
   }
   if (!history.done) history.seenUntil = before == nullptr ? 0 : before->end;
-  if (!readsOn && !jump(s, request)) return false;
-  s.input.setLimit(request.limit);
+  if (!readsOn && !jump(s, request, anchor)) return false;
+  s.input.setLimit(limit);
   return true;
 }
 
@@ -118,7 +124,7 @@ bool KLT_StreamOpen(KLT_Stream& s) {
     KLT_ReportUnopened(name);
     return false;
   }
-  if (source.component != nullptr) KLT_PlanRequests(s);
+  if (source.component != nullptr) KLT_LoadAnchors(s);
   source.failed = !KLT_EnterRequest(s);
   return !source.failed;
 }

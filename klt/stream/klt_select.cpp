@@ -74,7 +74,9 @@ void KLT_SelectRequest(KLT_Stream& s) {
   filter.start = request.start;
   filter.end = request.end;
   filter.testThreads = request.testThreads;
-  filter.commonMembers.clear();
+  filter.selected = request.testThreads ? &s.threadsOf(request).set() : nullptr;
+  if (filter.categories == request.categories) return;
+  filter.categories = request.categories;
   filter.plainRows = 0;
   const bool usesPlain = PAL_fast != PAL_Fast::kNever && s.source.component != nullptr;
   for (const KLT_Row& row : kKltRows) {
@@ -85,28 +87,33 @@ void KLT_SelectRequest(KLT_Stream& s) {
   }
 }
 
-// The result is stored until the next request.
-int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
-  const auto known = s.filter.commonMembers.find(communicator);
-  if (known != s.filter.commonMembers.end()) return known->second;
-  const PAL_Triplets& threads = s.requests.current().threads;
-  int64_t member = kKltNoMember;
-  int32_t number = 0;
+namespace {
+
+int64_t findCommonMember(KLT_Stream& s, uint32_t communicator, const KLT_ThreadList& threads) {
   const PAL_Triplets* members = s.pass->handle->communicators.find(communicator);
   if (members == nullptr || members->empty()) {
     if (s.pass->reportedCommunicators.insert(communicator).second) {
       PAL_Warning("Requesting unkown or undefined communicator\n");
     }
-    member = kKltUndefined;
-  } else if (!s.filter.testThreads && PAL_TripletsContains(threads, members->front().first)) {
-    member = static_cast<uint32_t>(members->front().first);
-  } else if (PAL_TripletsFirstCommon(*members, threads, &number)) {
-    member = static_cast<uint32_t>(number);
-  } else if (!s.filter.testThreads) {  // no member is in the component's list of threads
-    member = static_cast<uint32_t>(members->front().first);
+    return kKltUndefined;
   }
-  s.filter.commonMembers.emplace(communicator, member);
-  return member;
+  const auto first = static_cast<uint32_t>(members->front().first);
+  int32_t number = 0;
+  if (!s.filter.testThreads && threads.contains(first)) return first;
+  if (threads.set().firstCommon(*members, &number)) return static_cast<uint32_t>(number);
+  // Without a test, no member may be in the component's list of threads.
+  return s.filter.testThreads ? kKltNoMember : first;
+}
+
+}  // namespace
+
+// The result is kept for all requests with the same threads.
+int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
+  const KLT_ThreadList& threads = s.threadsOf(s.requests.current());
+  const auto [known, isNew] = s.pass->commonMembers[s.filter.testThreads ? 1 : 0].try_emplace(
+      uint64_t{threads.id()} << 32 | communicator);
+  if (isNew) known->second = findCommonMember(s, communicator, threads);
+  return known->second;
 }
 
 bool KLT_ThreadsSelected(KLT_Stream& stream, const uint8_t* record) {

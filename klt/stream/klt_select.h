@@ -38,7 +38,7 @@ void KLT_UpdateContext(KLT_Stream& stream, const uint8_t* record);
 namespace klt {
 
 inline bool isSelected(const KLT_Stream& s, uint32_t gtp) {
-  return s.requests.current().set.contains(static_cast<int32_t>(gtp));
+  return s.filter.selected->contains(static_cast<int32_t>(gtp));
 }
 
 template <int N>

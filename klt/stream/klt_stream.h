@@ -9,9 +9,9 @@
 // The comment on each part of the state names the module that changes it.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
@@ -20,6 +20,7 @@
 #include "klt/format/klt_handlers.h"
 #include "klt/format/klt_record.h"
 #include "klt/index/klt_intern.h"
+#include "klt/index/klt_threads.h"
 #include "klt/storage/klt_input.h"
 #include "klt/stream/klt_context.h"
 #include "util/pal_hash.h"
@@ -32,12 +33,17 @@ struct KLT_Pass {
   bool serial = true;                               // records are delivered merged by time
   bool once = false;         // KLT_MODE_EVENTS_ONCE: no request repeats events of an earlier one
   bool fillsTables = false;  // the stream is the index, whose records fill the trace's tables
+  KLT_ThreadLists lists;
   PAL_HashSet<uint32_t> reportedCommunicators;
+  // The first selected member by communicator and list of threads, for a list that isn't tested and
+  // for one that is.
+  std::array<PAL_HashMap<uint64_t, int64_t>, 2> commonMembers;
 };
 
 // The component that a stream reads (klt_position).
 struct KLT_StreamSource {
-  KLT_Component* component = nullptr;  // null for the index and the declarations
+  KLT_Component* component = nullptr;       // null for the index and the declarations
+  const KLT_ThreadList* threads = nullptr;  // of the component; empty: any
   const KLT_FileEntry* file = nullptr;
   KLT_IoFile* io = nullptr;
   uint64_t firstOffset = 0;  // of the first record
@@ -48,41 +54,34 @@ struct KLT_StreamSource {
   [[nodiscard]] const char* suffix() const { return file == nullptr ? "" : file->suffix.c_str(); }
 };
 
-// A request as it applies to one component.
+// A request as it applies to a component.
 struct KLT_StreamRequest {
   uint64_t start = 0;
   uint64_t end = ~uint64_t{0};
   uint32_t categories = 0;
-  uint32_t asked = 0;                    // the caller's categories at the request's start
-  PAL_Triplets threads;                  // empty: neither request nor component names threads
-  bool testThreads = false;              // the selection doesn't cover all threads of the component
-  PAL_TripletSet set;                    // `threads`, if they are tested
-  const KLT_Anchor* anchor = nullptr;    // where reading starts; null: at the first record
-  uint64_t limit = KLT_Input::kNoLimit;  // offset at which reading ends
+  uint32_t asked = 0;                       // the caller's categories at the request's start
+  const KLT_ThreadList* threads = nullptr;  // null: those of the component
+  bool testThreads = false;  // the selection doesn't cover all threads of the component
+};
+
+// The requests of the streams that want the same.
+struct KLT_StreamRequests {
+  std::vector<KLT_StreamRequest> list;
+  uint32_t asked = 0;  // categories of all requests
 };
 
 // The requests of a stream and the position among them (klt_position).
 class KLT_RequestCursor {
  public:
-  // Appends a request, or extends the last one if the two can be joined.
-  void add(KLT_StreamRequest&& request) {
-    asked_ |= request.categories;
-    if (!list_.empty()) {
-      KLT_StreamRequest& last = list_.back();
-      if (last.categories == request.categories && request.start <= last.end &&
-          PAL_TripletsEqual(last.threads, request.threads)) {
-        last.end = std::max(last.end, request.end);
-        return;
-      }
-    }
-    list_.push_back(std::move(request));
+  void set(std::shared_ptr<const KLT_StreamRequests> requests) {
+    requests_ = std::move(requests);
+    list_ = requests_->list;
   }
 
-  [[nodiscard]] std::vector<KLT_StreamRequest>& all() { return list_; }
-  [[nodiscard]] uint32_t asked() const { return asked_; }  // categories of all requests
+  [[nodiscard]] uint32_t asked() const { return requests_->asked; }  // categories of all requests
   [[nodiscard]] const KLT_StreamRequest& current() const { return list_[at_]; }
   // The requests before the current one.
-  [[nodiscard]] std::span<const KLT_StreamRequest> earlier() const { return {list_.data(), at_}; }
+  [[nodiscard]] std::span<const KLT_StreamRequest> earlier() const { return list_.first(at_); }
   // The request after the current one, or null.
   [[nodiscard]] const KLT_StreamRequest* following() const {
     return at_ + 1 < list_.size() ? &list_[at_ + 1] : nullptr;
@@ -92,9 +91,9 @@ class KLT_RequestCursor {
   void finish() { at_ = list_.size(); }
 
  private:
-  std::vector<KLT_StreamRequest> list_;
+  std::shared_ptr<const KLT_StreamRequests> requests_;
+  std::span<const KLT_StreamRequest> list_;
   size_t at_ = 0;
-  uint32_t asked_ = 0;
 };
 
 // The state of the filter (klt_filter), and what the current request selects (klt_select).
@@ -106,8 +105,9 @@ struct KLT_FilterState {
   uint64_t end = ~uint64_t{0};
   uint64_t plainRows = 0;  // bit n: KLT_FilterPlain may process row n
   bool testThreads = false;
-  std::array<bool, kKltRowCount + 1> wanted{};   // by row
-  PAL_HashMap<uint32_t, int64_t> commonMembers;  // first selected member by communicator
+  const PAL_TripletSet* selected = nullptr;     // the threads of the request, if they are tested
+  uint32_t categories = 0;                      // for which the rows below have been determined
+  std::array<bool, kKltRowCount + 1> wanted{};  // by row
 
   // Whether a record at time `t` is after the request. An end of all ones means no end.
   [[nodiscard]] bool isAfterEnd(uint64_t t) const { return t >= end && end != ~uint64_t{0}; }
@@ -119,8 +119,8 @@ struct KLT_HistoryState {
   bool keepContext = true;       // a history may still have to be produced
   uint32_t knownCategories = 0;  // categories whose delivered state is up to date
   uint32_t addedCategories = 0;  // of the current request, but not of the previous one
-  PAL_Triplets addedThreads;     // the same for threads
-  uint64_t seenUntil = 0;        // records before this time were filtered for earlier requests
+  const KLT_ThreadList* addedThreads = nullptr;  // the same for threads; null if there are none
+  uint64_t seenUntil = 0;  // records before this time were filtered for earlier requests
   KLT_Context context;
 };
 
@@ -191,4 +191,9 @@ struct KLT_Stream {
   KLT_FilterState filter;
   KLT_HistoryState history;
   KLT_PackedRecords packed;
+
+  // The threads that a request of this stream selects; empty: all.
+  [[nodiscard]] const KLT_ThreadList& threadsOf(const KLT_StreamRequest& request) const {
+    return request.threads == nullptr ? *source.threads : *request.threads;
+  }
 };

@@ -20,7 +20,7 @@ BASE_MEMORY = 8 << 20  # of data
 MEMORY_PER_FILE = 256 << 10  # of the trace
 MEMORY_PER_BYTE = 8  # of the trace
 # An output has a file for each thread, so the case `threads` needs more memory for each byte.
-PER_BYTE = {("thread_lists", "some threads"): 64, ("threads", "extract"): 1000}
+PER_BYTE = {("threads", "extract"): 1000}
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
 SHORT_SECONDS = 0.4  # the growth of less is not measured

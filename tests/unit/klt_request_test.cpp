@@ -1,6 +1,6 @@
-// Normalised requests: compared at each instant with what the requests select, and examples of what
+// Planned requests: compared at each instant with what the requests select, and examples of what
 // this comparison doesn't show.
-#include "klt/read/klt_request.h"
+#include "klt/read/klt_plan.h"
 
 #include <gtest/gtest.h>
 
@@ -23,10 +23,19 @@ std::string text(const Requests& requests) {
   return result.str();
 }
 
-Requests normalised(const Requests& requests) {
+// The pieces for a component with these threads, or with any. An empty list selects all of them.
+Requests planned(const Requests& requests, const PAL_Triplets& component = {}) {
   std::vector<const KLT_Request*> pointers;
   for (const KLT_Request& request : requests) pointers.push_back(&request);
-  return KLT_NormaliseRequests(pointers);
+  KLT_ThreadLists lists;
+  KLT_RequestPlan plan(pointers, lists);
+  const bool any = component.empty();
+  Requests result;
+  for (const KLT_RequestPlan::Piece& piece :
+       plan.piecesOf(any ? plan.relationToAny() : plan.relationTo(lists.share(component)), any)) {
+    result.push_back({piece.start, piece.end, piece.categories, piece.given->triplets()});
+  }
+  return result;
 }
 
 TEST(KltRequest, KeepsUnitesAndCuts) {
@@ -44,12 +53,14 @@ TEST(KltRequest, KeepsUnitesAndCuts) {
       {{{1, 9, 4, {{3, 1, 1}}}, {1, 9, 8, {{4, 6, 1}}}}, "1-9 12 4:6 "},
   };
   testing::internal::CaptureStderr();
-  for (const auto& [requests, result] : cases) EXPECT_EQ(text(normalised(requests)), result);
+  for (const auto& [requests, result] : cases) EXPECT_EQ(text(planned(requests)), result);
   testing::internal::GetCapturedStderr();
 }
 
+using Selected = std::pair<uint32_t, std::set<int32_t>>;
+
 // The selected categories (1: all) and threads (-1: all) at an instant.
-std::pair<uint32_t, std::set<int32_t>> selectedAt(uint64_t instant, const Requests& requests) {
+Selected selectedAt(uint64_t instant, const Requests& requests) {
   uint32_t categories = 0;
   std::set<int32_t> threads;
   for (const KLT_Request& request : requests) {
@@ -61,6 +72,15 @@ std::pair<uint32_t, std::set<int32_t>> selectedAt(uint64_t instant, const Reques
   }
   if (threads.count(-1) != 0) threads = {-1};
   return {categories & 1 ? 1 : categories, threads};
+}
+
+// What is left of a selection in a component with the threads `own`.
+Selected within(Selected selected, const std::set<int32_t>& own) {
+  auto& [categories, threads] = selected;
+  if (threads.count(-1) != 0) threads = own;
+  std::erase_if(threads, [&](int32_t thread) { return own.count(thread) == 0; });
+  if (threads.empty()) categories = 0;
+  return selected;
 }
 
 TEST(KltRequest, EachInstantSelectsWhatItsRequestsSelectTogether) {
@@ -76,7 +96,7 @@ TEST(KltRequest, EachInstantSelectsWhatItsRequestsSelectTogether) {
         threads.push_back({first, first + upTo(6), 1 + upTo(3)});
       }
     }
-    const Requests result = normalised(requests);
+    const Requests result = planned(requests);
     for (size_t i = 1; i < result.size(); ++i) {
       ASSERT_LE(result[i - 1].end, result[i].start);
       if (result[i - 1].end < result[i].start) continue;
@@ -84,6 +104,15 @@ TEST(KltRequest, EachInstantSelectsWhatItsRequestsSelectTogether) {
     }
     for (uint64_t instant = 0; instant < 210; ++instant) {
       ASSERT_EQ(selectedAt(instant, result), selectedAt(instant, requests)) << text(requests);
+    }
+    const std::set<int32_t> own{upTo(10), upTo(10), upTo(10)};
+    const PAL_Triplets component =
+        PAL_TripletsCompress(std::vector<int32_t>(own.begin(), own.end()), false);
+    const Requests ofComponent = planned(requests, component);
+    for (uint64_t instant = 0; instant < 210; ++instant) {
+      ASSERT_EQ(within(selectedAt(instant, ofComponent), own),
+                within(selectedAt(instant, requests), own))
+          << text(requests);
     }
   }
 }

@@ -109,6 +109,8 @@ TEST_F(PalTriplets, AgreeWithSetsOfNumbers) {
     ASSERT_EQ(PAL_TripletsFirstCommon(a, b, &number), first != order.end());
     ASSERT_TRUE(first == order.end() || number == *first);
     const PAL_TripletSet set(b);
+    ASSERT_EQ(set.intersect(a), greedy(both));
+    ASSERT_EQ(set.firstCommon(a, &number), first != order.end());
     for (int32_t v = base; v < base + 99; v++) {
       ASSERT_EQ(set.contains(v), y.contains(v)) << v;
       ASSERT_EQ(PAL_TripletsContains(b, v), y.contains(v)) << v;

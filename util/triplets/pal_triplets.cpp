@@ -287,35 +287,7 @@ PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b) {
 }
 
 bool PAL_TripletsFirstCommon(PAL_TripletSpan a, PAL_TripletSpan b, int32_t* number) {
-  // The budget is for a section of `a` whose range overlaps those of many sections of `b` that have
-  // no number in common with it.
-  Budget budget;
-  const Sections sections = checkedSections(a);
-  const std::optional<Sections> set = makeSet(validSections(b), budget);
-  if (!set) PAL_Error(kInvalidData);
-  if (!set || sections.empty()) return false;
-
-  size_t entry = 0;
-  for (const Section& x : sections) {
-    while (a[entry].stride == 0) entry++;
-    const bool down = a[entry++].stride < 0;
-    auto from = std::partition_point(set->begin(), set->end(),
-                                     [&](const Section& y) { return y.high < x.low; });
-    auto to =
-        std::partition_point(from, set->end(), [&](const Section& y) { return y.low <= x.high; });
-    while (from != to) {
-      if (--budget.steps < 0) {
-        PAL_Error(kInvalidData);
-        return false;
-      }
-      const auto both = common(x, down ? *--to : *from++);
-      if (both) {
-        *number = static_cast<int32_t>(down ? both->high : both->low);
-        return true;
-      }
-    }
-  }
-  return false;
+  return PAL_TripletSet(b).firstCommon(a, number);
 }
 
 bool PAL_TripletsOverlap(PAL_TripletSpan a, PAL_TripletSpan b) {
@@ -387,4 +359,65 @@ bool PAL_TripletSet::search(int32_t number) const {
   const auto next = std::upper_bound(sections_.begin(), sections_.end(), number,
                                      [](int32_t v, const CompactSection& s) { return v < s.low; });
   return next != sections_.begin() && std::prev(next)->contains(number);
+}
+
+// The sections that may have numbers from `low` to `high`.
+std::span<const PAL_TripletSet::CompactSection> PAL_TripletSet::near(int64_t low,
+                                                                     int64_t high) const {
+  if (!sorted_) return sections_;
+  const auto from =
+      std::partition_point(sections_.begin(), sections_.end(),
+                           [&](const CompactSection& s) { return int64_t{s.low} + s.span < low; });
+  const auto to = std::partition_point(from, sections_.end(),
+                                       [&](const CompactSection& s) { return s.low <= high; });
+  return {from, to};
+}
+
+// The slow case is an entry whose range overlaps with many sections without a common number.
+bool PAL_TripletSet::firstCommon(PAL_TripletSpan list, int32_t* number) const {
+  int64_t steps = Budget().steps;
+  const Sections sections = checkedSections(list);
+  size_t entry = 0;
+  for (const Section& x : sections) {
+    while (list[entry].stride == 0) entry++;
+    const bool down = list[entry++].stride < 0;
+    const std::span<const CompactSection> others = near(x.low, x.high);
+    std::optional<int64_t> first;
+    for (size_t i = 0; i < others.size() && !(sorted_ && first); i++) {
+      if (--steps < 0) {
+        PAL_Error(kInvalidData);
+        return false;
+      }
+      const CompactSection& y = others[down ? others.size() - 1 - i : i];
+      const auto both = common(x, {y.low, int64_t{y.low} + y.span, y.step});
+      if (!both) continue;
+      const int64_t own = down ? both->high : both->low;
+      first = !first ? own : down ? std::max(*first, own) : std::min(*first, own);
+    }
+    if (!first) continue;
+    *number = static_cast<int32_t>(*first);
+    return true;
+  }
+  return false;
+}
+
+PAL_Triplets PAL_TripletSet::intersect(PAL_TripletSpan list) const {
+  constexpr size_t kMaxPairs = size_t{1} << 20;
+  const auto section = [](const CompactSection& s) {
+    return Section{s.low, int64_t{s.low} + s.span, s.step};
+  };
+  size_t pairs = 0;
+  const Sections sections = checkedSections(list);
+  Sections both;
+  for (const Section& x : sections) {
+    const std::span<const CompactSection> others = near(x.low, x.high);
+    pairs += others.size();
+    for (size_t i = 0; i < others.size() && pairs <= kMaxPairs; i++) {
+      if (const auto own = common(x, section(others[i]))) both.push_back(*own);
+    }
+  }
+  if (pairs <= kMaxPairs) return valueOrReport(combine(Operation::kUnite, both, {}));
+  Sections own(sections_.size());
+  std::transform(sections_.begin(), sections_.end(), own.begin(), section);
+  return valueOrReport(combine(Operation::kIntersect, sections, own));
 }

@@ -51,8 +51,7 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 // Likewise for the numbers of valid triplets, in the order of the list, without expanding them.
 [[nodiscard]] PAL_Triplets PAL_TripletsCompress(PAL_TripletSpan list);
 
-// Whether `number` is in the list. Takes time linear in the list; for a test per record see
-// PAL_TripletSet.
+// Whether `number` is in the list. For a test per record see PAL_TripletSet.
 [[nodiscard]] bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number);
 
 // Set operations. A result is the list that PAL_TripletsCompress returns for the sorted numbers.
@@ -78,7 +77,9 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 [[nodiscard]] PAL_Triplets PAL_TripletsFromParallel(size_t n, const int32_t* first,
                                                     const int32_t* last, const int32_t* stride);
 
-// A list prepared for a membership test per record. The results are those of PAL_TripletsContains.
+// A list prepared for a membership test per record, or for operations with many other lists. The
+// results are those of PAL_TripletsContains, PAL_TripletsFirstCommon and PAL_TripletsIntersect with
+// this list as the second operand, but take time proportional to the other list, not to this one.
 // Up to four sections are searched linearly. A longer list is converted to sorted sections without
 // overlaps for a binary search, unless its strides interleave so much that the result would be too
 // large.
@@ -94,6 +95,8 @@ class PAL_TripletSet {
     }
     return false;
   }
+  [[nodiscard]] bool firstCommon(PAL_TripletSpan list, int32_t* number) const;
+  [[nodiscard]] PAL_Triplets intersect(PAL_TripletSpan list) const;
 
  private:
   static constexpr size_t kMaxLinear = 4;  // sections that are searched linearly
@@ -111,6 +114,7 @@ class PAL_TripletSet {
   };
 
   bool search(int32_t number) const;
+  [[nodiscard]] std::span<const CompactSection> near(int64_t low, int64_t high) const;
 
   std::vector<CompactSection> sections_;
   bool sorted_ = false;

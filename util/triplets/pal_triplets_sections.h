@@ -37,6 +37,8 @@ struct Budget {
 
 // Whether the stride leads away from `last`.
 [[nodiscard]] bool isInverted(const PAL_Triplet& t);
+// The section of a valid triplet.
+[[nodiscard]] Section toSection(const PAL_Triplet& t);
 // The sections of the valid entries of a list, in its order.
 [[nodiscard]] Sections validSections(PAL_TripletSpan list);
 // The numbers that two sections have in common, which form a section; nothing if there are none.
