@@ -142,6 +142,13 @@ class PAL_KeyIndex {
 // table of the program is iterated in this order, so it is computed here.
 template <class T, class HashOf>
 void PAL_SortByBucket(std::vector<T>& items, uint32_t buckets, HashOf hashOf) {
+  if (items.size() < 2) return;
+  if (items.size() < buckets / 16) {  // then the buckets cost more than a sort
+    std::stable_sort(items.begin(), items.end(), [&](const T& a, const T& b) {
+      return hashOf(a) % buckets < hashOf(b) % buckets;
+    });
+    return;
+  }
   std::vector<size_t> starts(size_t{buckets} + 1);
   for (const T& item : items) ++starts[hashOf(item) % buckets + 1];
   for (size_t i = 1; i < starts.size(); ++i) starts[i] += starts[i - 1];

@@ -11,9 +11,6 @@
 
 namespace {
 
-constexpr uint32_t kFunctions = 0x4;  // category bits of an end_of_filter record
-constexpr uint32_t kScopes = 0x8;
-
 KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); }
 
 // Starts a handler: converts the record's time, and writes the delayed records before it. Returns
@@ -51,7 +48,7 @@ int writeFront(KLTT_Context& context) {
                                         uint64_t internalTime, uint32_t function, uint32_t scl) {
   if (context.functions.indexOf(function) == 0) [[unlikely]]
     KLTT_Fatal("undefined function #%d", static_cast<int>(function));
-  RK_FrameEnter(willy, function);
+  RK_FrameEnter(context.frames.willys, willy, function);
   if (context.sink == nullptr) return 0;
   return context.sink->enterFunction(internalTime, willy.gtp, function, scl);
 }
@@ -138,7 +135,8 @@ int KLTT_EnterScope(void* user, uint64_t time, uint32_t gtp, uint32_t scope, uin
   KLTT_Context& context = contextOf(user);
   uint64_t internalTime = 0;
   if (!open(context, KLTT_EventTime(context, time), &internalTime)) return 1;
-  RK_WillyHashGet(context.frames.willys, gtp).scopes.enter(internalTime, scope, seqnr);
+  RK_WillyHash& willys = context.frames.willys;
+  RK_FrameEnterScope(willys, RK_WillyHashGet(willys, gtp), internalTime, scope, seqnr);
   if (context.sink == nullptr) return 0;
   return context.sink->enterScope(internalTime, gtp, scope, seqnr, scl);
 }
@@ -207,113 +205,4 @@ int KLTT_CounterValue(void* user, uint64_t time, uint32_t gtp, uint32_t count,
   if (context.sink == nullptr) return 0;
   return context.sink->counterValue(context, internalTime, gtp, count, counters, types.data(),
                                     values);
-}
-
-int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
-                     uint32_t categories) {
-  RK_WillyState& willy = RK_WillyHashGet(context.frames.willys, gtp);
-  if ((categories & kFunctions) != 0) {
-    while (!willy.functions.empty()) {
-      if (leave(context, willy, internalTime, 0) != 0) return 1;
-    }
-  }
-  if ((categories & kScopes) != 0) {
-    std::vector<KLT_OpenScope> open;
-    willy.scopes.each([&open](const KLT_OpenScope& scope) { open.push_back(scope); });
-    willy.scopes.clear();
-    for (auto scope = open.rbegin(); scope != open.rend(); ++scope) {
-      if (context.sink != nullptr &&
-          context.sink->leaveScope(internalTime, willy.gtp, scope->scope, scope->seqnr, 0) != 0)
-        return 1;
-    }
-  }
-  return 0;
-}
-
-namespace {
-
-int closeThreads(KLTT_Context& context, uint64_t internalTime, const std::vector<uint32_t>& gtps,
-                 uint32_t categories) {
-  for (const uint32_t gtp : gtps) {
-    if (KLTT_CloseThread(context, internalTime, gtp, categories) != 0) return 1;
-  }
-  return 0;
-}
-
-// Closes all declared threads, process by process.
-int closeDeclared(KLTT_Context& context, uint64_t internalTime, uint32_t categories) {
-  std::vector<uint32_t> gtps;
-  for (const RK_WillyState& willy : context.frames.willys.states) {
-    const uint32_t process = willy.gtp & 0xffff;
-    if (willy.isOpen() && process < context.threadCounts.size() &&
-        willy.gtp >> 16 < context.threadCounts[process]) {
-      gtps.push_back(willy.gtp);
-    }
-  }
-  const auto position = [](uint32_t gtp) { return gtp << 16 | gtp >> 16; };
-  std::sort(gtps.begin(), gtps.end(),
-            [&](uint32_t a, uint32_t b) { return position(a) < position(b); });
-  return closeThreads(context, internalTime, gtps, categories);
-}
-
-// The number of threads in a triplet.
-uint64_t countOf(const PAL_Triplet& triplet) {
-  const int64_t distance = int64_t{triplet.last} - triplet.first;
-  const int64_t stride = triplet.stride;
-  if (stride == 0 || (distance != 0 && (distance < 0) != (stride < 0))) return 0;
-  return static_cast<uint64_t>(distance / stride) + 1;
-}
-
-// Closes the threads of one triplet in the triplet's order. Looks up each number of the triplet or,
-// if the triplet has more numbers than there are threads, tests each thread.
-int closeTriplet(KLTT_Context& context, uint64_t internalTime, const PAL_Triplet& triplet,
-                 uint32_t categories) {
-  const uint64_t count = countOf(triplet);
-  std::vector<uint32_t> gtps;
-  if (count <= context.frames.willys.states.size()) {
-    for (uint64_t k = 0; k < count; ++k) {
-      const int64_t number = triplet.first + static_cast<int64_t>(k) * triplet.stride;
-      const RK_WillyState* willy =
-          RK_WillyHashFind(context.frames.willys, static_cast<uint32_t>(number));
-      if (willy != nullptr && willy->isOpen()) gtps.push_back(willy->gtp);
-    }
-  } else {
-    for (const RK_WillyState& willy : context.frames.willys.states) {
-      if (willy.isOpen() && PAL_TripletsContains({&triplet, 1}, static_cast<int32_t>(willy.gtp)))
-        gtps.push_back(willy.gtp);
-    }
-    std::sort(gtps.begin(), gtps.end(), [&](uint32_t a, uint32_t b) {
-      const bool below = static_cast<int32_t>(a) < static_cast<int32_t>(b);
-      return triplet.stride > 0 ? below : a != b && !below;
-    });
-  }
-  return closeThreads(context, internalTime, gtps, categories);
-}
-
-}  // namespace
-
-// If the record selects calls or scopes of any thread, the delayed records before the end of the
-// window are written, even if nothing is open on the thread.
-int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
-                     const PAL_Triplet* triplets) {
-  const PAL_Place here;
-  KLTT_Context& context = contextOf(user);
-  const bool openEnd = static_cast<int64_t>(time) < 0;
-  const uint64_t internalTime = KLTT_InternalTime(context, openEnd ? context.lastEventTime : time);
-  if ((categories & (kFunctions | kScopes)) == 0) return 0;
-  if (numTriplets == 0) {
-    if (context.totalThreads == 0) return 0;
-    if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
-    return closeDeclared(context, internalTime, categories);
-  }
-  for (uint32_t i = 0; i < numTriplets; ++i) {
-    if (triplets[i].stride == 0) {
-      PAL_Error("Wrong triplet syntax, stride == 0, ignoring triplet.\n");
-      continue;
-    }
-    if (countOf(triplets[i]) == 0) continue;
-    if (KLTT_LogFormatRecord(context, internalTime) != 0) return 1;
-    if (closeTriplet(context, internalTime, triplets[i], categories) != 0) return 1;
-  }
-  return 0;
 }

@@ -26,16 +26,13 @@ inline int KLTT_LogFormatRecord(KLTT_Context& context, uint64_t upTo) {
 // Writes all delayed records at the end of the event pass.
 int KLTT_DrainDelayed(KLTT_Context& context);
 
-// Closes the open calls of a thread if `categories` include functions, and then its open scopes if
-// they include scopes, the innermost first.
-int KLTT_CloseThread(KLTT_Context& context, uint64_t internalTime, uint32_t gtp,
-                     uint32_t categories);
-
 int KLTT_BeginOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                         const PAL_Triplet* triplets);
 int KLTT_EndOfHistory(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                       const PAL_Triplet* triplets);
-// A `time` of 2^63 or more means no end: calls and scopes are closed at the last event's time.
+// Closes calls and scopes (kltt_closing.cpp). A `time` of 2^63 or more means no end: they are
+// closed at the last event's time. A list of more than a few threads must keep its address and its
+// contents until the pass ends.
 int KLTT_EndOfFilter(void* user, uint64_t time, uint32_t categories, uint32_t numTriplets,
                      const PAL_Triplet* triplets);
 int KLTT_EnterFunction(void* user, uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl);

@@ -7,3 +7,8 @@ RK_WillyState& RK_WillyHashAdd(RK_WillyHash& table, uint32_t gtp) {
   table.index.add(gtp, static_cast<uint32_t>(table.states.size()));
   return table.states.back();
 }
+
+void RK_FrameList(RK_WillyHash& table, RK_WillyState& willy) {
+  willy.isListed = true;
+  table.opened.push_back(static_cast<uint32_t>(&willy - table.states.data()) + 1);
+}

@@ -256,6 +256,7 @@ Step processRecords(KLT_Stream& s) {
 KLT_Fill KLT_FillStream(KLT_Stream& s) {
   s.packed.records.clear();
   s.packed.encodedBytes = 0;
+  s.packed.ends = 0;
   s.packed.consumedBeforeFill = s.input.bytesTaken();
   while (!s.requests.finished()) {
     if (s.input.drained()) [[unlikely]] {
@@ -270,6 +271,7 @@ KLT_Fill KLT_FillStream(KLT_Stream& s) {
       const bool endsRequest = step == Step::kConsumedLast || step == Step::kLeaveRequest;
       if (endsRequest && !KLT_NextRequest(s)) return failed(s);
     }
+    if (s.packed.ends >= KLT_PackedRecords::kFillEnds) return KLT_Fill::kFilled;
     if (s.packed.turn != nullptr) [[unlikely]] {
       const KLT_Turn::State state = s.packed.turn->state();
       if (state == KLT_Turn::State::kStopped) return KLT_Fill::kStopped;

@@ -289,6 +289,7 @@ void appendEndOfFilter(KLT_Stream& s, uint64_t time, uint32_t categories,
   const size_t encoded = KLT_EncodedBytes(s.packed.records.tail()) - 1 - sizeof(uint32_t) +
                          sizeof(PAL_Triplet) * threads.triplets().size();
   s.packed.add(record.bytes(), encoded, time);
+  if (s.packed.turn == nullptr) ++s.packed.ends;
 }
 
 bool isInstant(const KLT_StreamRequest& request) { return request.start == request.end; }

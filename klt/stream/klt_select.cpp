@@ -101,13 +101,13 @@ int64_t findCommonMember(KLT_Stream& s, uint32_t communicator, const KLT_ThreadL
   int32_t number = 0;
   if (!s.filter.testThreads && threads.contains(first)) return first;
   if (threads.set().firstCommon(*members, &number)) return static_cast<uint32_t>(number);
-  // Without a test, no member may be in the component's list of threads.
+  // Without a test of threads all operations are selected, also if no member is in the list.
   return s.filter.testThreads ? kKltNoMember : first;
 }
 
 }  // namespace
 
-// The result is kept for all requests with the same threads.
+// The result is stored for all requests with the same threads.
 int64_t KLT_CommonMember(KLT_Stream& s, uint32_t communicator) {
   const KLT_ThreadList& threads = s.threadsOf(s.requests.current());
   const auto [known, isNew] = s.pass->commonMembers[s.filter.testThreads ? 1 : 0].try_emplace(

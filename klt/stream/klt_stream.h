@@ -144,12 +144,16 @@ struct KLT_PackedRecords {
   // Limit of the encoded bytes that a fill collects before they are delivered. The records are kept
   // in memory form; their encoded size limits how far a stream is read ahead.
   static constexpr size_t kFillBytes = 0x10000;
+  // Limit of the end_of_filter records that a fill collects. They are appended even if there is no
+  // room, and a stream without events may have thousands of windows.
+  static constexpr size_t kFillEnds = 128;
   // Encoded bytes to reserve for a record besides its fields: the number byte, a time record of 9
   // bytes, and 1 byte.
   static constexpr size_t kRecordOverhead = 11;
 
   KLT_RecordBuffer records;
   size_t encodedBytes = 0;
+  size_t ends = 0;                  // end_of_filter records of this fill
   size_t capacity = kFillBytes;     // for encoded bytes
   uint64_t outTime = 0;             // time of the last record
   uint64_t consumedBeforeFill = 0;  // bytes consumed from the input before the last fill

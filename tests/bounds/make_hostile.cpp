@@ -135,6 +135,18 @@ void threadLists(tb::Trace& trace, uint64_t size) {
   }
 }
 
+// Components that share one long list of threads, with calls that stay open on a few of them.
+void sharedList(tb::Trace& trace, uint64_t size) {
+  basics(trace);
+  std::vector<tb::Triplet> list;
+  for (auto first = static_cast<int32_t>(5 * size); first > 0; first -= 10) {
+    list.push_back({first, first + 5, 5});
+  }
+  for (uint32_t i = 0; i < size / 20; ++i) {
+    trace.streamOf("f." + std::to_string(i), tb::FUNCTIONS, list).at(1 + i).enter(10 + i % 9, 1);
+  }
+}
+
 void communicators(tb::Trace& trace, uint64_t size) {
   basics(trace);
   for (uint32_t i = 1; i <= size / 10; ++i) trace.communicator(i, "c", {{0, (1 << 20) - 1, 1}});
@@ -212,6 +224,7 @@ constexpr Case kCases[] = {{"crowd", crowd},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},
                            {"thread_lists", threadLists},
+                           {"shared_list", sharedList},
                            {"communicators", communicators, 1},
                            {"names", names},
                            {"raw_crowd", rawCrowd, 1},

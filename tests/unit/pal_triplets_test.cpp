@@ -111,7 +111,9 @@ TEST_F(PalTriplets, AgreeWithSetsOfNumbers) {
     const PAL_TripletSet set(b);
     ASSERT_EQ(set.intersect(a), greedy(both));
     ASSERT_EQ(set.firstCommon(a, &number), first != order.end());
+    const PAL_TripletOrder places(b);
     for (int32_t v = base; v < base + 99; v++) {
+      ASSERT_EQ(places.find(v), PAL_TripletsFind(b, v)) << v;
       ASSERT_EQ(set.contains(v), y.contains(v)) << v;
       ASSERT_EQ(PAL_TripletsContains(b, v), y.contains(v)) << v;
     }

@@ -5,6 +5,7 @@
 #include "util/triplets/pal_triplets.h"
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <numeric>
 #include <optional>
@@ -76,8 +77,8 @@ PAL_Triplets valueOrReport(std::optional<PAL_Triplets>&& result) {
 }
 
 // A small budget for the first attempt. If it is exceeded, each pair of sections is compared
-// instead, in time proportional to the number of pairs. That is faster if a list from a file
-// interleaves over the whole range of numbers and the user selects few of them.
+// instead, in time proportional to the number of pairs. That is faster if the triplets of a list
+// from a file overlap over the whole range of numbers and the user selects few of them.
 constexpr Budget kSmallBudget{.steps = 4096};
 
 bool pairsAreFew(const Sections& a, const Sections& b) {
@@ -259,14 +260,19 @@ PAL_Triplets PAL_TripletsCompress(PAL_TripletSpan list) {
   return compressor.finish();
 }
 
-bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number) {
-  for (const PAL_Triplet& t : list) {
+uint32_t PAL_TripletsFind(PAL_TripletSpan list, int32_t number) {
+  for (size_t i = 0; i < list.size(); i++) {
+    const PAL_Triplet& t = list[i];
     const int64_t distance = int64_t{number} - t.first;
     const bool inside = t.stride > 0 ? number >= t.first && number <= t.last
                                      : number <= t.first && number >= t.last;
-    if (t.stride != 0 && inside && distance % t.stride == 0) return true;
+    if (t.stride != 0 && inside && distance % t.stride == 0) return static_cast<uint32_t>(i);
   }
-  return false;
+  return kPalNotFound;
+}
+
+bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number) {
+  return PAL_TripletsFind(list, number) != kPalNotFound;
 }
 
 PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b) {
@@ -420,4 +426,45 @@ PAL_Triplets PAL_TripletSet::intersect(PAL_TripletSpan list) const {
   Sections own(sections_.size());
   std::transform(sections_.begin(), sections_.end(), own.begin(), section);
   return valueOrReport(combine(Operation::kIntersect, sections, own));
+}
+
+PAL_TripletOrder::PAL_TripletOrder(PAL_TripletSpan list) {
+  struct Place {
+    Section section;
+    uint32_t index;
+  };
+  std::vector<Place> places;
+  places.reserve(list.size());
+  for (size_t i = 0; i < list.size(); i++) {
+    if (list[i].stride == 0 || pal::isInverted(list[i])) continue;
+    places.push_back({pal::toSection(list[i]), static_cast<uint32_t>(i)});
+  }
+  std::sort(places.begin(), places.end(),
+            [](const Place& a, const Place& b) { return a.section.low < b.section.low; });
+  for (const auto& [section, index] : places) {
+    const auto step = static_cast<uint32_t>(section.step);
+    const auto shift = static_cast<uint32_t>(std::countr_zero(step));
+    const uint32_t odd = step >> shift;
+    uint32_t inverse = odd;  // modulo 8; each step doubles the number of bits
+    for (int bits = 3; bits < 32; bits *= 2) inverse *= 2 - odd * inverse;
+    progressions_.push_back({static_cast<uint32_t>(section.low), inverse,
+                             static_cast<uint32_t>(section.count() - 1), shift, index});
+    const auto high = static_cast<int32_t>(section.high);
+    highest_.push_back(highest_.empty() ? high : std::max(high, highest_.back()));
+  }
+}
+
+uint32_t PAL_TripletOrder::find(int32_t number) const {
+  const auto above = std::partition_point(
+      progressions_.begin(), progressions_.end(),
+      [number](const Progression& p) { return static_cast<int32_t>(p.low) <= number; });
+  uint32_t first = kPalNotFound;
+  for (auto i = static_cast<size_t>(above - progressions_.begin());
+       i-- > 0 && highest_[i] >= number;) {
+    const Progression& p = progressions_[i];
+    const uint32_t distance = static_cast<uint32_t>(number) - p.low;
+    const uint32_t quotient = std::rotr(distance * p.inverse, static_cast<int>(p.shift));
+    if (quotient <= p.last && p.index < first) first = p.index;
+  }
+  return first;
 }

@@ -1,9 +1,11 @@
-// Operates on sets of small numbers (threads, processes) as lists of first:last:stride triplets.
+// Operates on numbers of threads or processes that are stored as lists of first:last:stride
+// triplets.
 //
-// A list represents the set of its numbers; their order and repetitions have no meaning. Lists come
-// from files and from the command line, so they aren't trusted: all arithmetic is 64-bit, and only
-// PAL_TripletsExpand takes time or memory proportional to the numbers in a list. The module has no
-// state; it reports invalid data through pal_error.
+// The set operations and tests regard a list as a set. PAL_TripletsCount, PAL_TripletsExpand,
+// PAL_TripletsCompress and PAL_TripletsFirstCommon also use the order and the repetitions of the
+// numbers. Lists come from files and from the command line, so they aren't trusted: all arithmetic
+// is 64-bit, and only PAL_TripletsExpand takes time or memory proportional to the numbers in a
+// list. The module has no state; it reports invalid data through pal_error.
 #pragma once
 
 #include <cstddef>
@@ -42,25 +44,30 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 // The numbers in list order. Entries with stride 0 are reported and skipped. Other invalid entries,
 // or more than kPalMaxExpansion numbers, are reported and the result is empty.
 [[nodiscard]] std::vector<int32_t> PAL_TripletsExpand(PAL_TripletSpan list);
-// The entries of whose numbers the result of PAL_TripletsExpand consists, with the same reports.
+// The entries that PAL_TripletsExpand expands, with the same reports.
 [[nodiscard]] PAL_Triplets PAL_TripletsExpandable(PAL_TripletSpan list);
 
 // Compresses `numbers` greedily to triplets, in the given order, or in ascending order with `sort`.
 // Equal neighbours count once. 1 2 3 7 9 11 gives 1:3:1 7:11:2.
 [[nodiscard]] PAL_Triplets PAL_TripletsCompress(std::span<const int32_t> numbers, bool sort);
-// Likewise for the numbers of valid triplets, in the order of the list, without expanding them.
+// The same for the numbers of valid triplets, in the order of the list, without expanding them.
 [[nodiscard]] PAL_Triplets PAL_TripletsCompress(PAL_TripletSpan list);
 
+// The index of the first triplet that contains `number`, or kPalNotFound. Takes time linear in the
+// list; for many numbers see PAL_TripletOrder.
+inline constexpr uint32_t kPalNotFound = ~uint32_t{0};
+[[nodiscard]] uint32_t PAL_TripletsFind(PAL_TripletSpan list, int32_t number);
 // Whether `number` is in the list. For a test per record see PAL_TripletSet.
 [[nodiscard]] bool PAL_TripletsContains(PAL_TripletSpan list, int32_t number);
 
 // Set operations. A result is the list that PAL_TripletsCompress returns for the sorted numbers.
 //
-// One operand is checked (`a`; both in PAL_TripletsUnite and PAL_TripletsEqual; `b` in
-// PAL_TripletsSubset): entries with stride 0 are reported and skipped; if `last` of an entry is on
-// the wrong side of `first`, that is reported and the operand counts as empty. In the other operand
-// such entries contain no numbers. If lists interleave so much that an operation takes more than
-// 2^20 sections or 2^23 steps, they are reported as invalid; the result is empty or false.
+// Operand `a` is checked; in PAL_TripletsUnite and PAL_TripletsEqual both are, in
+// PAL_TripletsSubset only `b`. Of a checked operand, entries with stride 0 are reported and skipped,
+// and an entry whose `last` is on the wrong side of `first` is reported and makes the operand empty.
+// In the other operand such entries contain no numbers. Memory is limited to 2^20 triplets and time
+// to 2^23 comparisons of two triplets. Lists that need more are reported as invalid, and the result
+// is empty or false.
 [[nodiscard]] PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b);
@@ -80,9 +87,10 @@ inline constexpr uint32_t kPalMaxExpansion = uint32_t{1} << 20;
 // A list prepared for a membership test per record, or for operations with many other lists. The
 // results are those of PAL_TripletsContains, PAL_TripletsFirstCommon and PAL_TripletsIntersect with
 // this list as the second operand, but take time proportional to the other list, not to this one.
-// Up to four sections are searched linearly. A longer list is converted to sorted sections without
-// overlaps for a binary search, unless its strides interleave so much that the result would be too
-// large.
+//
+// The list is stored as sections, which are triplets in ascending order of their numbers. Up to four
+// are searched linearly. More are sorted and cut until their ranges don't overlap, so that a binary
+// search finds the only one that can contain a number. If that makes too many, all are searched.
 class PAL_TripletSet {
  public:
   PAL_TripletSet() = default;
@@ -118,4 +126,27 @@ class PAL_TripletSet {
 
   std::vector<CompactSection> sections_;
   bool sorted_ = false;
+};
+
+// A list prepared for PAL_TripletsFind. It tests each triplet whose range contains the number, which
+// takes a nanosecond a triplet. If the ranges don't overlap, that is one triplet.
+class PAL_TripletOrder {
+ public:
+  explicit PAL_TripletOrder(PAL_TripletSpan list);
+  [[nodiscard]] uint32_t find(int32_t number) const;
+
+ private:
+  // The numbers low, low + step, ... low + last * step. With the inverse of the step's odd factor,
+  // modulo 2^32, `q = rotr((number - low) * inverse, shift)` is the quotient if the step divides
+  // the distance. Otherwise q is above all quotients.
+  struct Progression {
+    uint32_t low;
+    uint32_t inverse;
+    uint32_t last;
+    uint32_t shift;
+    uint32_t index;
+  };
+
+  std::vector<Progression> progressions_;  // by `low` as a signed number
+  std::vector<int32_t> highest_;           // number of each progression and those before it
 };

@@ -2,7 +2,7 @@
 //
 // Only used by pal_triplets.cpp. The ranges [low, high] of the sections in a set don't overlap, so
 // a binary operation reads both lists once, and its result is compressed while it is computed.
-// Single numbers are only processed where two sections interleave in a range. That work is limited
+// Single numbers are only processed where the ranges of two sections overlap. That work is limited
 // (see Budget).
 #pragma once
 
