@@ -63,11 +63,11 @@ inline constexpr uint32_t kPalNotFound = ~uint32_t{0};
 // Set operations. A result is the list that PAL_TripletsCompress returns for the sorted numbers.
 //
 // Operand `a` is checked; in PAL_TripletsUnite and PAL_TripletsEqual both are, in
-// PAL_TripletsSubset only `b`. Of a checked operand, entries with stride 0 are reported and skipped,
-// and an entry whose `last` is on the wrong side of `first` is reported and makes the operand empty.
-// In the other operand such entries contain no numbers. Memory is limited to 2^20 triplets and time
-// to 2^23 comparisons of two triplets. Lists that need more are reported as invalid, and the result
-// is empty or false.
+// PAL_TripletsSubset only `b`. Of a checked operand, entries with stride 0 are reported and
+// skipped, and an entry whose `last` is on the wrong side of `first` is reported and makes the
+// operand empty. In the other operand such entries contain no numbers. Memory is limited to 2^20
+// triplets and time to 2^23 comparisons of two triplets. Lists that need more are reported as
+// invalid, and the result is empty or false.
 [[nodiscard]] PAL_Triplets PAL_TripletsIntersect(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsUnite(PAL_TripletSpan a, PAL_TripletSpan b);
 [[nodiscard]] PAL_Triplets PAL_TripletsSubtract(PAL_TripletSpan a, PAL_TripletSpan b);
@@ -88,9 +88,10 @@ inline constexpr uint32_t kPalNotFound = ~uint32_t{0};
 // results are those of PAL_TripletsContains, PAL_TripletsFirstCommon and PAL_TripletsIntersect with
 // this list as the second operand, but take time proportional to the other list, not to this one.
 //
-// The list is stored as sections, which are triplets in ascending order of their numbers. Up to four
-// are searched linearly. More are sorted and cut until their ranges don't overlap, so that a binary
-// search finds the only one that can contain a number. If that makes too many, all are searched.
+// The list is stored as sections, which are triplets in ascending order of their numbers. Up to
+// four are searched linearly. More are sorted and cut until their ranges don't overlap, so that a
+// binary search finds the only one that can contain a number. If that makes too many, all are
+// searched.
 class PAL_TripletSet {
  public:
   PAL_TripletSet() = default;
@@ -128,8 +129,8 @@ class PAL_TripletSet {
   bool sorted_ = false;
 };
 
-// A list prepared for PAL_TripletsFind. It tests each triplet whose range contains the number, which
-// takes a nanosecond a triplet. If the ranges don't overlap, that is one triplet.
+// A list prepared for PAL_TripletsFind. It tests each triplet whose range contains the number,
+// which takes a nanosecond a triplet. If the ranges don't overlap, that is one triplet.
 class PAL_TripletOrder {
  public:
   explicit PAL_TripletOrder(PAL_TripletSpan list);
