@@ -258,11 +258,15 @@ bool hasUsableTime(const KLT_StoredLayout& layout) {
   return false;
 }
 
+// `field`: the bytes of the record's time.
+uint64_t stepTime(const KLT_StoredLayout& layout, const uint8_t* field, uint64_t time) {
+  const uint64_t step = convert(field, layout.fields[layout.timeIndex].type(), KLT_Type::kU64);
+  return layout.row != nullptr && layout.row->name == "sub_time" ? time - step : time + step;
+}
+
 uint64_t movedTime(const KLT_StoredLayout& layout, const uint8_t* input, uint64_t time) {
   if (layout.timeIndex == layout.fields.size() || layout.count[layout.timeIndex] == 0) return time;
-  const KLT_StoredField& field = layout.fields[layout.timeIndex];
-  const uint64_t step = convert(input + layout.at[layout.timeIndex], field.type(), KLT_Type::kU64);
-  return layout.row != nullptr && layout.row->name == "sub_time" ? time - step : time + step;
+  return stepTime(layout, input + layout.at[layout.timeIndex], time);
 }
 
 template <int N>
@@ -316,9 +320,24 @@ KLT_Parse takeField(KLT_Input& input, size_t& done, KLT_StoredField& field) {
 }
 
 // Sets the decoder for a layout: the row's own if the layout equals the row.
+// Sets the part of a layout that has the same place in all records.
+void measureHead(KLT_StoredLayout& layout) {
+  size_t timeAt = ~size_t{0};
+  size_t j = 0;
+  for (unsigned left = 0; j < layout.fields.size() && left == 0; ++j) {
+    const KLT_StoredField& field = layout.fields[j];
+    const bool isTime = j == layout.timeIndex && isInteger(field.type());
+    if (isTime) timeAt = layout.headBytes;
+    layout.headBytes += KLT_TypeBytes(field.type());
+    if (field.isCount()) left = field.covered();
+  }
+  layout.timeAt = std::min(timeAt, layout.headBytes);
+}
+
 void setDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
                 bool genericOnly) {
   KLT_MapLayout(*layout);
+  measureHead(*layout);
   entry.row = layout->row == nullptr ? 0 : layout->row->number;
   entry.isFast = layout->exact && !genericOnly;
   entry.parse = entry.isFast ? kParseExact[entry.row - 1U] : &KLT_ParseGeneric;
@@ -368,6 +387,11 @@ void KLT_MapLayout(KLT_StoredLayout& layout) {
   layout.source = best.source;
   layout.exact = sameCounts && exactness == 2 * layout.fields.size() &&
                  exactness == 2 * size_t{best.row->numFields};
+}
+
+uint64_t KLT_GenericTime(const KLT_DecoderEntry& entry, const uint8_t* head, uint64_t time) {
+  const KLT_StoredLayout& layout = *entry.layout;
+  return layout.timeAt == layout.headBytes ? time : stepTime(layout, head + layout.timeAt, time);
 }
 
 KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input, KLT_RecordBuffer& out,

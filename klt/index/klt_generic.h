@@ -43,6 +43,8 @@ struct KLT_StoredLayout {
   const KLT_Row* row = nullptr;
   bool exact = false;     // equals the row
   bool reported = false;  // a record with too many elements has been reported
+  size_t headBytes = 0;   // of the fields before the first array
+  size_t timeAt = 0;      // offset of the time among them; `headBytes` if it isn't there
   // For each field of the row the stored field from which it is read, or -1.
   std::array<int, kKltMaxFields> source{};
   // Offset and number of elements of each stored field in the record that is being read.
@@ -72,6 +74,11 @@ struct KLT_DecoderTable {
 
 // Maps a layout onto the table's rows: fills `row`, `exact`, the fields' `map` and `source`.
 void KLT_MapLayout(KLT_StoredLayout& layout);
+
+// The time of a record of which the fields before the first array are at `head`. `time` is that of
+// the record before it. Those fields have `entry.layout->headBytes` bytes.
+[[nodiscard]] uint64_t KLT_GenericTime(const KLT_DecoderEntry& entry, const uint8_t* head,
+                                       uint64_t time);
 
 // Reads a record by the layout in `entry` into its row's memory form.
 [[nodiscard]] KLT_Parse KLT_ParseGeneric(const KLT_DecoderEntry& entry, KLT_Input& input,

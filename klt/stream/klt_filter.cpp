@@ -123,7 +123,7 @@ Step finishGeneric(KLT_Stream& s, uint64_t time, size_t disk) {
   constexpr const KLT_Row& row = kKltRows[N - 1];
   constexpr KLT_FilterTraits traits = row.traits();
   if constexpr (traits.window || row.movesTimeOnly()) {
-    if (s.filter.isAfterEnd(time)) return Step::kLeaveRequest;
+    if (s.filter.isAfterEnd(time)) return Step::kLeaveRequest;  // the time is after an array
   }
   const bool before = traits.window && time < s.filter.start;
   if (row.movesTimeOnly() || isSkipped<N>() || isDropped<N>(s) || (before && !traits.context)) {
@@ -143,6 +143,16 @@ Step skipUnread(KLT_Stream& s, uint64_t time, size_t disk) {
 template <int N>
 Step filterGeneric(KLT_Stream& s, const KLT_DecoderEntry& entry) {
   uint64_t time = s.filter.time;
+  if constexpr (N != 0) {
+    // A record after the end isn't read, because its arrays may be cut short.
+    constexpr const KLT_Row& row = kKltRows[N - 1];
+    if constexpr (row.traits().window || row.movesTimeOnly()) {
+      if (!s.input.ensure(entry.layout->headBytes)) return Step::kNoData;
+      if (s.filter.isAfterEnd(KLT_GenericTime(entry, s.input.at(), time))) {
+        return Step::kLeaveRequest;
+      }
+    }
+  }
   size_t disk = 0;
   const KLT_Parse parsed = KLT_ParseGeneric(entry, s.input, s.packed.records, time, disk);
   if (parsed == KLT_Parse::kNoData) return Step::kNoData;
