@@ -2,14 +2,24 @@
 //
 // Usage: make_trace KIND DIRECTORY PROCESSES ITERATIONS
 //
-// In each iteration every process begins two calls, sends a message to its right neighbour,
-// receives one from its left, and ends the calls: six lines of text. KIND is `merged`, `raw` (each
-// side of a message is an event of its own), or `compressed` (raw, with compressed components). The
-// trace is DIRECTORY/t.klt.
+// The trace is DIRECTORY/t.klt. In each iteration every process begins two calls, sends a message
+// to its right neighbour, receives one from its left, and ends the calls: six lines of text. KIND:
+//
+//   merged      this
+//   raw         each side of a message is an event of its own
+//   compressed  raw, with compressed components
+//   realistic   each process begins or ends eight calls in an iteration, of 200 functions, up to 12
+//               deep, and sends a message to one of 30 others, with one of 20 tags
+//   keys        realistic, but nearly every message has its own tag
+//   flight      merged, but no message arrives before the end of the run
+//   scopes      each process begins a scope in each iteration; they end in the same order after the
+//               last one
+//   functions   an iteration is the definition of a function and one call of it, on process 0
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -68,14 +78,14 @@ void calls(tb::Trace& trace, const Run& run) {
   }
 }
 
-void messages(tb::Trace& trace, const Run& run) {
+void messages(tb::Trace& trace, const Run& run, bool arrive) {
   tb::Stream& s = trace.stream("msg", tb::MESSAGES);
   s.anchorEvery(kAnchorBytes);
   for (uint64_t i = 0; i < run.iterations; ++i) {
     for (uint32_t offset = 0; offset < 100 && offset < run.processes; ++offset) {
       for (uint32_t p = offset; p < run.processes; p += 100) {
         const uint64_t sent = run.time(i, p, 2);
-        const uint64_t received = run.time(i, run.right(p), 3);
+        const uint64_t received = run.time(arrive ? i : run.iterations + i, run.right(p), 3);
         s.at(sent).message({.sender = p,
                             .receiver = run.right(p),
                             .receiveTime = static_cast<int64_t>(received - sent),
@@ -86,6 +96,84 @@ void messages(tb::Trace& trace, const Run& run) {
                             .receiverFunction = 2});
       }
     }
+  }
+}
+
+// --- realistic runs -----------------------------------------------------------------------------
+
+constexpr uint32_t kFunctions = 200;
+constexpr uint32_t kCallsPerIteration = 8;
+constexpr uint32_t kDepth = 12;
+
+// Random numbers below a limit, the same in every run.
+class Random {
+ public:
+  explicit Random(uint32_t seed) : engine_(seed) {}
+  uint32_t operator()(uint32_t limit) { return static_cast<uint32_t>(engine_() % limit); }
+
+ private:
+  std::mt19937 engine_;
+};
+
+void nestedCalls(tb::Trace& trace, const Run& run) {
+  for (uint32_t f = 1; f <= kFunctions; ++f) trace.function(f, "work" + std::to_string(f), 1);
+  for (uint32_t p = 0; p < run.processes; ++p) {
+    Random random(p);
+    tb::Stream& s = trace.stream("f." + std::to_string(p), tb::FUNCTIONS, {p});
+    s.anchorEvery(kAnchorBytes);
+    uint32_t depth = 0;
+    for (uint64_t i = 0; i < run.iterations; ++i) {
+      for (uint32_t k = 0; k < kCallsPerIteration; ++k) {
+        const uint64_t time = 1000 + i * kIterationTicks + k * 70 + random(60);
+        const bool begins = depth == 0 || (depth < kDepth && random(2) == 0);
+        s.at(time);
+        begins ? s.enter(p, 1 + random(kFunctions)) : s.leave(p);
+        depth += begins ? 1U : ~0U;
+      }
+    }
+    s.at(run.time(run.iterations, 0, 0));
+    for (; depth > 0; --depth) s.leave(p);
+  }
+}
+
+void scatteredMessages(tb::Trace& trace, const Run& run, uint32_t tags) {
+  Random random(1);
+  tb::Stream& s = trace.stream("msg", tb::MESSAGES);
+  s.anchorEvery(kAnchorBytes);
+  for (uint64_t i = 0; i < run.iterations; ++i) {
+    for (uint32_t k = 0; k < run.processes; ++k) {
+      const uint32_t sender = random(run.processes);
+      s.at(1000 + i * kIterationTicks + k * kIterationTicks / run.processes)
+          .message({.sender = sender,
+                    .receiver = (sender + 1 + random(30)) % run.processes,
+                    .receiveTime = int64_t{100} + random(1000),
+                    .communicator = 1,
+                    .size = kSize << random(8),
+                    .tag = random(tags),
+                    .senderFunction = 1 + random(kFunctions),
+                    .receiverFunction = 1 + random(kFunctions)});
+    }
+  }
+}
+
+// --- special shapes -----------------------------------------------------------------------------
+
+void openScopes(tb::Trace& trace, const Run& run) {
+  trace.scope(1, "s", 1);
+  for (uint32_t p = 0; p < run.processes; ++p) {
+    tb::Stream& s = trace.stream("s." + std::to_string(p), tb::SCOPES, {p});
+    s.anchorEvery(kAnchorBytes);
+    const auto count = static_cast<uint32_t>(run.iterations);
+    for (uint32_t i = 0; i < count; ++i) s.at(run.time(i, p, 0)).enterScope(p, 1, i);
+    for (uint32_t i = 0; i < count; ++i) s.at(run.time(count + i, p, 0)).leaveScope(p, 1, i);
+  }
+}
+
+void manyFunctions(tb::Trace& trace, const Run& run) {
+  tb::Stream& s = trace.stream("f.0", tb::FUNCTIONS, {0});
+  for (uint32_t i = 0; i < run.iterations; ++i) {
+    trace.function(10 + i, "function_number_" + std::to_string(i), 1);
+    s.at(run.time(i, 0, 0)).enter(0, 10 + i).at(run.time(i, 0, 1)).leave(0);
   }
 }
 
@@ -111,14 +199,29 @@ void rawEvents(tb::Trace& trace, const Run& run) {
   }
 }
 
-int make(std::string_view kind, const std::string& directory, const Run& run) {
-  tb::Trace trace(kind == "merged" ? 0 : kind == "raw" ? 1 : 3);
+using Contents = void (*)(tb::Trace&, const Run&);
+
+struct Kind {
+  std::string_view name;
+  int flags;  // of the index
+  Contents contents;
+};
+
+constexpr Kind kKinds[] = {
+    {"merged", 0, [](auto& t, auto& r) { calls(t, r), messages(t, r, true); }},
+    {"raw", 1, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
+    {"compressed", 3, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
+    {"realistic", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 20); }},
+    {"keys", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 1U << 30); }},
+    {"flight", 0, [](auto& t, auto& r) { messages(t, r, false); }},
+    {"scopes", 0, openScopes},
+    {"functions", 0, manyFunctions},
+};
+
+int make(const Kind& kind, const std::string& directory, const Run& run) {
+  tb::Trace trace(kind.flags);
   define(trace, run);
-  calls(trace, run);
-  if (kind == "merged")
-    messages(trace, run);
-  else
-    rawEvents(trace, run);
+  kind.contents(trace, run);
   std::filesystem::create_directories(directory);
   const tb::TraceFiles files = trace.files();
   for (const auto& [key, bytes] : files.parts()) {
@@ -130,12 +233,16 @@ int make(std::string_view kind, const std::string& directory, const Run& run) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string_view kind = argc == 5 ? argv[1] : "";
-  if (kind != "merged" && kind != "raw" && kind != "compressed") {
-    std::fputs("usage: make_trace merged|raw|compressed DIRECTORY PROCESSES ITERATIONS\n", stderr);
-    return 1;
+  const std::string_view name = argc == 5 ? argv[1] : "";
+  for (const Kind& kind : kKinds) {
+    if (kind.name != name) continue;
+    const Run run{static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)),
+                  std::strtoull(argv[4], nullptr, 10)};
+    return make(kind, argv[2], run);
   }
-  const Run run{static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)),
-                std::strtoull(argv[4], nullptr, 10)};
-  return make(kind, argv[2], run);
+  std::fputs("usage: make_trace KIND DIRECTORY PROCESSES ITERATIONS\n", stderr);
+  for (const Kind& kind : kKinds) {
+    std::fprintf(stderr, "  %.*s\n", static_cast<int>(kind.name.size()), kind.name.data());
+  }
+  return 1;
 }

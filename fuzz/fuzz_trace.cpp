@@ -217,9 +217,11 @@ void fuzz::run(std::string_view input) {
   for (const char* listing : {"STATISTICS", "REPORTS", "THREADS"}) {
     (void)extract(name, std::string("PRINT-") + listing + " on\n");
   }
+  if ((options & 0x80) == 0) PAL_fast = PAL_Fast::kAlways;  // also the calls thread by thread
   if (extract(name, requests + outputTo(single ? "SINGLEKLT" : "KLT", output)) == 0) {
     require(dump(output).first != -1, "a complete extraction can't be opened");
   }
+  PAL_fast = PAL_Fast::kIfUseful;
 
   RK_ConfigDefaults();
   trace.reset(KLT_Open(name.c_str()));

@@ -49,6 +49,25 @@ void KLT_Close(KLT_FileHandle* handle);
 [[nodiscard]] KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);
+// The receiver of calls that are read thread by thread (klt/read/klt_alone.h).
+struct KLT_AloneReceiver {
+  KLT_HandlerTable handlers;  // for the same records as those of the other table
+  // Set by a handler: its record is to be delivered again, to the other table.
+  bool* repeats = nullptr;
+  // Called with `handlers.user_data` after the records of a component, and before the first record
+  // that is delivered to the other table.
+  void (*streamEnded)(void* user) = nullptr;
+  void (*mergeStarts)(void* user) = nullptr;
+};
+// Like KLT_OpenReader for events in time order, but the calls of each thread are delivered to
+// `alone`, before all other records, if the trace has a component for each thread and the requests
+// select it whole. The other records, and those that are repeated, are delivered to `table`, in
+// time order.
+[[nodiscard]] KLT_Reader* KLT_OpenReaderByThread(KLT_FileHandle* handle, int mode,
+                                                 uint32_t numRequests,
+                                                 const KLT_Request* const* requests,
+                                                 const KLT_AloneReceiver& alone,
+                                                 const KLT_HandlerTable* table);
 void KLT_CloseReader(KLT_Reader* reader);
 
 // Owning pointers, which close a trace or a reader.

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "generic/extract/kltt_by_thread.h"
 #include "generic/extract/kltt_pass.h"
 #include "generic/extract/kltt_perf.h"
 #include "generic/extract/kltt_print.h"
@@ -31,6 +32,7 @@
 #include "klt/write/klt_write.h"
 #include "util/pal_error.h"
 #include "util/pal_mem.h"
+#include "util/pal_util.h"
 
 namespace {
 
@@ -222,8 +224,33 @@ void KLTT_InitHandlers(KLT_HandlerTable& table, KLTT_Context& context, uint32_t 
   if ((sets & KLTT_SET_REPORTS) != 0) table.report = &KLTT_Report;
 }
 
-int KLTT_Extract(KLT_FileHandle* handle, int serial) {
-  const PAL_Place here;
+namespace {
+
+constexpr int kRefused = -1;
+
+// Writes the events that the requests select. False if they have to be merged by time and aren't.
+bool extractEvents(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_HandlerTable& table,
+                   int serial, bool byThread) {
+  const RK_Sink& sink = *context.sink;
+  const std::vector<KLT_Request> requests = requestsOf(context);
+  const bool isTrace = sink.kind == 1;
+  if (isTrace) KLT_WriterListThreads(sink.writer, selectedThreads(requests));
+  context.frames = RK_FrameWriterCreate();
+  // A trace must contain each record once, even if several windows contain it.
+  const int mode = isTrace ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
+  if (isTrace && byThread) {
+    const auto threads = std::make_unique<KLTT_ByThread>(context, table);
+    if (!passes.runByThread(mode, *threads, requests)) return false;
+  } else {
+    passes.run(mode, table, requests, serial);
+  }
+  KLTT_DrainDelayed(context);
+  RK_FrameWriterFinish(context.frames);
+  return true;
+}
+
+// An extraction. Returns the status, or kRefused if `byThread` isn't possible.
+int extract(KLT_FileHandle* handle, int serial, bool byThread) {
   const auto owner = std::make_unique<KLTT_Context>();  // it is too large for a small stack
   KLTT_Context& context = *owner;
   context.names = handle->texts;
@@ -255,15 +282,17 @@ int KLTT_Extract(KLT_FileHandle* handle, int serial) {
     testPerformance(passes, context, serial);
     passes.noteOutput(closeSink(context));
   } else if (sink != nullptr) {
-    const std::vector<KLT_Request> requests = requestsOf(context);
-    if (sink->kind == 1) KLT_WriterListThreads(sink->writer, selectedThreads(requests));
-    context.frames = RK_FrameWriterCreate();
-    // A trace must contain each record once, even if several windows contain it.
-    const int mode = sink->kind == 1 ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
-    passes.run(mode, table, requests, serial);
-    KLTT_DrainDelayed(context);
-    RK_FrameWriterFinish(context.frames);
+    if (!extractEvents(passes, context, table, serial, byThread)) return kRefused;
     passes.noteOutput(closeSink(context));
   }
   return passes.status();
+}
+
+}  // namespace
+
+int KLTT_Extract(KLT_FileHandle* handle, int serial) {
+  const PAL_Place here;
+  const bool byThread = serial != 0 && PAL_fast != PAL_Fast::kNever;
+  const int status = extract(handle, serial, byThread);
+  return status == kRefused ? extract(handle, serial, false) : status;
 }

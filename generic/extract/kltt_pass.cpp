@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "generic/extract/kltt_by_thread.h"
 #include "generic/handlers/kltt_context.h"
 #include "generic/text/RK_output.h"
 #include "generic/text/kltt_exit.h"
@@ -34,16 +35,36 @@ class ProgressLine {
   bool shown_ = false;
 };
 
+std::vector<const KLT_Request*> pointersTo(std::span<const KLT_Request> requests) {
+  std::vector<const KLT_Request*> pointers;
+  for (const KLT_Request& request : requests) pointers.push_back(&request);
+  return pointers;
+}
+
 }  // namespace
 
 void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
                           std::span<const KLT_Request> requests, int serial) {
   const PAL_Place here;
-  std::vector<const KLT_Request*> pointers;
-  for (const KLT_Request& request : requests) pointers.push_back(&request);
-  const KLT_OwnedReader owner(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()),
-                                             pointers.data(), &table, serial));
-  KLT_Reader* const reader = owner.get();
+  const std::vector<const KLT_Request*> pointers = pointersTo(requests);
+  (void)read(KLT_OpenReader(handle_, mode, static_cast<uint32_t>(pointers.size()), pointers.data(),
+                            &table, serial),
+             mode, nullptr);
+}
+
+bool KLTT_PassRunner::runByThread(int mode, KLTT_ByThread& byThread,
+                                  std::span<const KLT_Request> requests) {
+  const PAL_Place here;
+  const std::vector<const KLT_Request*> pointers = pointersTo(requests);
+  return read(
+      KLT_OpenReaderByThread(handle_, mode, static_cast<uint32_t>(pointers.size()), pointers.data(),
+                             byThread.receiver(), &byThread.mergedHandlers()),
+      mode, &byThread);
+}
+
+// Reads to the end and closes the reader. False if `byThread` refuses the trace.
+bool KLTT_PassRunner::read(KLT_Reader* reader, int mode, const KLTT_ByThread* byThread) {
+  const KLT_OwnedReader owner(reader);
   if (reader == nullptr) handleStatus(KLT_STATUS_ABORTING);
   handleStatus(KLT_ReaderStatus(reader));
   const bool showsProgress = showsProgress_ && mode != KLT_MODE_DEFINITIONS;
@@ -51,11 +72,13 @@ void KLTT_PassRunner::run(int mode, const KLT_HandlerTable& table,
   int result = 0;
   while ((result = KLT_ReadEvents(reader, showsProgress ? kStepMilliseconds : kNoLimit)) !=
          KLT_STATUS_FINISHED) {
+    if (byThread != nullptr && byThread->hasRefused()) return false;
     if (showsProgress && result == KLT_STATUS_TIME) line.show(KLT_Progress(reader));
     const bool lastFailed = result == KLT_STATUS_CORRUPTED && !KLT_ReaderHasStreams(reader);
     handleStatus(lastFailed ? KLT_STATUS_ABORTING : result);
   }
   if (status_ == 0 && KLT_ReaderLostData(reader)) status_ = KLT_STATUS_CONTINUING;
+  return true;
 }
 
 // Other results than these need no action; the pass continues.

@@ -3,9 +3,11 @@
 
 #include <span>
 
+class KLTT_ByThread;
 struct KLTT_Context;
 struct KLT_FileHandle;
 struct KLT_HandlerTable;
+struct KLT_Reader;
 struct KLT_Request;
 
 class KLTT_PassRunner {
@@ -27,8 +29,13 @@ class KLTT_PassRunner {
   // leaves no stream to read, or if a text output of the context fails.
   void run(int mode, const KLT_HandlerTable& table, std::span<const KLT_Request> requests,
            int serial);
+  // Likewise for events, by way of `byThread`. Returns early, with false, if that refuses the
+  // trace.
+  [[nodiscard]] bool runByThread(int mode, KLTT_ByThread& byThread,
+                                 std::span<const KLT_Request> requests);
 
  private:
+  bool read(KLT_Reader* reader, int mode, const KLTT_ByThread* byThread);
   void handleStatus(int result);
   [[nodiscard]] bool outputFailed() const;
 

@@ -36,6 +36,8 @@ struct KLTT_PerfMember {
   uint64_t time;  // raw
 };
 
+class KLTT_ByThread;
+
 struct KLTT_Context : KLTT_Clock {
   // Duration and clock, from the setup pass.
   int64_t startTime = -1;     // raw
@@ -63,6 +65,7 @@ struct KLTT_Context : KLTT_Clock {
   uint64_t lastEventTime = 0;  // raw; the largest since the last begin_of_history
   KLTT_Queue pending;
   RK_FrameWriter frames;
+  KLTT_ByThread* byThread = nullptr;  // null unless the calls of each thread are read on their own
 
   // Listings, and which of their header lines have been written.
   RK_Output* listing = RK_Stdout();

@@ -22,7 +22,6 @@
 #include "klt/read/klt_deliver.h"
 #include "klt/read/klt_plan.h"
 #include "klt/read/klt_reader.h"
-#include "klt/stream/klt_filter.h"
 #include "klt/stream/klt_position.h"
 #include "util/pal_error.h"
 #include "util/pal_util.h"
@@ -227,19 +226,6 @@ void addRequestedStreams(KLT_Reader& reader, uint32_t numRequests,
   addEventStreams(reader, pointers);
 }
 
-// Opens the streams and, for delivery in time order, fills each of them once.
-void openStreams(KLT_Reader& reader) {
-  KLT_PrepareDelivery(reader);
-  for (size_t i = 0; i < reader.streams.size(); ++i) {
-    KLT_Stream& stream = *reader.streams[i];
-    const bool isOpen = stream.source.io != nullptr || KLT_StreamOpen(stream);
-    if (isOpen) reader.bytesTotal += stream.input.length();
-    if (!reader.pass.serial) continue;
-    if (isOpen) (void)KLT_FillStream(stream);
-    reader.lanes[i].isFilled = true;
-  }
-}
-
 // Opens the index and reads its header, for a reader of KLT_MODE_INTERNAL. False after a report.
 bool openIndexStream(KLT_Reader& reader) {
   KLT_FileHandle& handle = *reader.pass.handle;
@@ -296,9 +282,11 @@ KLT_FileHandle* KLT_Open(const char* name) {
 
 void KLT_Close(KLT_FileHandle* handle) { delete handle; }
 
-KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
-                           const KLT_Request* const* requests, const KLT_HandlerTable* table,
-                           int serial) {
+namespace {
+
+// A reader without streams.
+std::unique_ptr<KLT_Reader> makeReader(KLT_FileHandle* handle, int mode,
+                                       const KLT_HandlerTable* table, int serial) {
   auto reader = std::make_unique<KLT_Reader>();
   reader->pass.handle = handle;
   reader->pass.handlers = *table;
@@ -308,6 +296,15 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
   for (const KLT_Row& row : kKltRows) {
     reader->pass.hasHandler[row.number] = KLT_HasHandler(*table, row.number);
   }
+  return reader;
+}
+
+}  // namespace
+
+KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
+                           const KLT_Request* const* requests, const KLT_HandlerTable* table,
+                           int serial) {
+  auto reader = makeReader(handle, mode, table, serial);
   if (mode == KLT_MODE_INTERNAL) {
     addWholeStream(*reader, nullptr, klt::kInternal);
     if (!openIndexStream(*reader)) {
@@ -321,7 +318,25 @@ KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequest
   } else {
     addRequestedStreams(*reader, numRequests, requests);
   }
-  openStreams(*reader);
+  KLT_PrepareDelivery(*reader);
+  KLT_OpenStreams(*reader);
+  return reader.release();
+}
+
+KLT_Reader* KLT_OpenReaderByThread(KLT_FileHandle* handle, int mode, uint32_t numRequests,
+                                   const KLT_Request* const* requests,
+                                   const KLT_AloneReceiver& alone, const KLT_HandlerTable* table) {
+  auto reader = makeReader(handle, mode, table, 1);
+  addRequestedStreams(*reader, numRequests, requests);
+  KLT_PrepareDelivery(*reader);
+  reader->alone = KLT_ChooseAlone(*reader);
+  if (reader->alone == nullptr) {
+    alone.mergeStarts(alone.handlers.user_data);
+    KLT_OpenStreams(*reader);
+  } else {
+    reader->alone->receiver = alone;
+    reader->alone->merged = std::exchange(reader->pass.handlers, alone.handlers);
+  }
   return reader.release();
 }
 

@@ -51,6 +51,7 @@ Next prepareNext(KLT_Reader& reader, size_t index) {
   if (!lane.isFilled) {
     if (lane.next < lane.end) return Next::kReady;
     (void)KLT_FillStream(stream);
+    stream.source.failed = stream.source.failed || stream.source.failsAtEnd;
   }
   lane.isFilled = false;
   if (stream.source.failed || stream.packed.records.empty()) {
@@ -234,7 +235,23 @@ int prepareAll(KLT_Reader& reader) {
   return kNoStatus;
 }
 
+// Reads the streams that are alone, then opens the others. Returns a status, or kNoStatus.
+int readAlone(KLT_Reader& reader) {
+  const int status = KLT_ReadAlone(reader);
+  if (status != KLT_STATUS_FINISHED) return status;
+  const KLT_AloneReceiver& receiver = reader.alone->receiver;
+  receiver.mergeStarts(receiver.handlers.user_data);
+  reader.pass.handlers = reader.alone->merged;
+  KLT_OpenStreams(reader);
+  reader.alone = nullptr;
+  return kNoStatus;
+}
+
 int readInOrder(KLT_Reader& reader) {
+  if (reader.alone != nullptr) {
+    const int status = readAlone(reader);
+    if (status != kNoStatus) return status;
+  }
   int status = prepareAll(reader);
   if (status == kNoStatus) reader.hasDelivered = true;
   while (status == kNoStatus && !reader.streams.empty()) {
@@ -309,6 +326,9 @@ bool KLT_ReaderHasStreams(const KLT_Reader* reader) { return !reader->streams.em
 
 double KLT_Progress(const KLT_Reader* reader) {
   if (reader->status == KLT_STATUS_FINISHED) return 1.0;
+  if (reader->alone != nullptr) {
+    return static_cast<double>(reader->alone->next) / static_cast<double>(reader->streams.size());
+  }
   if (reader->bytesTotal == 0) return reader->pass.serial ? 1.0 : 0.0;
   // The bytes read before the first delivery don't count until then: they are those of streams that
   // have nothing to deliver and of records before a window.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "klt/klt.h"
+#include "klt/read/klt_alone.h"
 #include "klt/read/klt_order.h"
 #include "klt/stream/klt_stream.h"
 
@@ -71,6 +72,8 @@ struct KLT_Reader {
   int historyDepth = 0;  // open history brackets, of which only the outermost is delivered
   // Buffers for arrays of texts, one vector for each array of a record.
   std::vector<std::vector<const char*>> texts;
+
+  std::unique_ptr<KLT_AloneStreams> alone;  // streams to read before the others; null: none
 
   // Delivery in time order.
   std::vector<KLT_Lane> lanes;  // one per stream

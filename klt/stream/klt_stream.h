@@ -50,6 +50,7 @@ struct KLT_StreamSource {
   uint32_t categories = 0;   // of the component
   bool failed = false;       // nothing more can be read, which has been reported
   bool lostData = false;     // a part couldn't be read, which has been reported
+  bool failsAtEnd = false;   // it fails after the records that are packed
 
   [[nodiscard]] const char* suffix() const { return file == nullptr ? "" : file->suffix.c_str(); }
 };

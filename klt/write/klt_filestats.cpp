@@ -57,7 +57,10 @@ std::unique_ptr<KLT_FileStats> KLT_FileStatsInit(const KLT_StatsParameters& para
 }
 
 uint32_t KLT_FunctionPlace(KLT_FileStats& stats, const KLT_FunctionStat::Key& key) {
-  return stats.functions.place(key);
+  const size_t before = stats.functions.all().size();
+  const uint32_t place = stats.functions.place(key);
+  if (place > before && !stats.defersFunctions) stats.functionOrder.push_back(place);
+  return place;
 }
 
 void KLT_FileStatsMessage(KLT_FileStats& stats, const KLT_MessageStat::Key& key, int64_t duration) {

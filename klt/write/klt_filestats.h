@@ -105,6 +105,8 @@ struct KLT_FileStats {
   KLT_StatTable<KLT_CollectiveStat> collectives;
   std::vector<uint32_t> scratch;
   bool wrapped = false;  // a sum of bytes has exceeded 32 bits, which has been reported
+  std::vector<uint32_t> functionOrder;  // the places of `functions` in the order of the output
+  bool defersFunctions = false;         // new profiles aren't added to `functionOrder`
 
   // Converts time stamps and spans to ticks.
   [[nodiscard]] uint64_t ticks(uint64_t time) const { return time >> eventBits; }

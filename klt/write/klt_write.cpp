@@ -67,6 +67,41 @@ bool KLT_WriterFree(KLT_WFileHandle* writer) {
   return !writer->failed;
 }
 
+void KLT_WriterDeferPlaces(KLT_WFileHandle* writer) {
+  writer->defersPlaces = true;
+  if (KLT_FileStats* stats = writer->stats()) stats->defersFunctions = true;
+}
+
+void KLT_WriterGivePlaces(KLT_WFileHandle* writer) {
+  writer->defersPlaces = false;
+  if (KLT_FileStats* stats = writer->stats()) stats->defersFunctions = false;
+}
+
+void KLT_WriterPlaceCalls(KLT_WFileHandle* writer, uint32_t thread) {
+  const uint32_t place = writer->placeOf(klt::kFunctions, thread);
+  if (place != 0) KLT_PlaceContext(*writer, *writer->contexts[place - 1]);
+}
+
+void KLT_WriterPlaceProfile(KLT_WFileHandle* writer, uint32_t number) {
+  if (KLT_FileStats* stats = writer->stats()) stats->functionOrder.push_back(number + 1);
+}
+
+KLT_WriterCounts KLT_WriterCount(const KLT_WFileHandle* writer) {
+  KLT_FileStats* const stats = writer->stats();
+  return {writer->contexts.size(), stats == nullptr ? 0 : stats->functions.all().size()};
+}
+
+void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread) {
+  const uint32_t place = writer->placeOf(klt::kFunctions, thread);
+  if (place == 0) return;
+  KLT_WriteContext& context = *writer->contexts[place - 1];
+  KLT_FlushContext(*writer, context, true, false);
+  KLT_FlushContext(*writer, context, false, false);
+  context.anchors.release();
+  context.data.release();
+  context.setFastPathEnd();
+}
+
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {
   const PAL_Place here;
   if (!KLT_FileStatsFinish(*writer)) {

@@ -27,6 +27,27 @@
 // this list. They also contain records of threads that have no component.
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 
+// A caller that writes the calls of each thread on their own can let the index and the profiles
+// have the order that they would get if the records of all threads were merged by time. After
+// KLT_WriterDeferPlaces new components and profiles of functions get no place in it, until
+// KLT_WriterGivePlaces. Then the caller gives them their places, in this order, while it writes the
+// other records: KLT_WriterPlaceCalls to the component of a thread's calls, and
+// KLT_WriterPlaceProfile to the profile that was created as number `number`, from 0. Seek points in
+// the components of calls contain no ids of components, so they can be written before.
+void KLT_WriterDeferPlaces(KLT_WFileHandle* writer);
+void KLT_WriterGivePlaces(KLT_WFileHandle* writer);
+void KLT_WriterPlaceCalls(KLT_WFileHandle* writer, uint32_t thread);
+void KLT_WriterPlaceProfile(KLT_WFileHandle* writer, uint32_t number);
+// The numbers of components and of profiles of functions that have been created.
+struct KLT_WriterCounts {
+  size_t components;
+  size_t profiles;
+  bool operator==(const KLT_WriterCounts&) const = default;
+};
+[[nodiscard]] KLT_WriterCounts KLT_WriterCount(const KLT_WFileHandle* writer);
+// Writes and frees the buffers of the component of a thread's calls. More records may follow.
+void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread);
+
 // Writes profiles and index, and frees the handle. `complete` receives whether all bytes have been
 // written to the files. Returns the text of an error, or null.
 [[nodiscard]] const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete);

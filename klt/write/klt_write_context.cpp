@@ -173,16 +173,23 @@ KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, 
   context->history.gtp = thread;
   if (category != klt::kInternal) {
     context->suffix = suffixOf(category, thread);
-    if ((category & kShared) == 0) context->listId = listOf(writer, thread);
+    context->fileId = KLT_WriteContext::kUnplaced;
     if (category != klt::kDeclarations && category != klt::kStatistics) {
-      context->anchorId = kFirstFileId + ++writer.filesDeclared;
+      context->anchorId = KLT_WriteContext::kUnplaced;
     }
-    context->fileId = kFirstFileId + ++writer.filesDeclared;
+    if (!writer.defersPlaces) KLT_PlaceContext(writer, *context);
   }
   writer.contexts.push_back(std::move(context));
   writer.byThread[static_cast<size_t>(std::countr_zero(category))].add(
       thread, static_cast<uint32_t>(writer.contexts.size()));
   return *writer.contexts.back();
+}
+
+void KLT_PlaceContext(KLT_WFileHandle& writer, KLT_WriteContext& context) {
+  if ((context.categories & kShared) == 0) context.listId = listOf(writer, context.history.gtp);
+  if (context.anchorId != 0) context.anchorId = kFirstFileId + ++writer.filesDeclared;
+  context.fileId = kFirstFileId + ++writer.filesDeclared;
+  writer.inOrder.push_back(&context);
 }
 
 void KLT_InitWFileHandle(KLT_WFileHandle& writer) {

@@ -56,6 +56,8 @@ struct KLT_WriteBuffer {
 };
 
 struct alignas(64) KLT_WriteContext {
+  static constexpr uint32_t kUnplaced = ~uint32_t{0};
+
   // These fields are used for every record. They are adjacent to share cache lines.
   bool opened = false;
   bool broken = false;  // its files can't be opened
@@ -71,8 +73,8 @@ struct alignas(64) KLT_WriteContext {
   uint64_t lastTime = 0;    // the largest output time, if the time has decreased; otherwise 0
   uint32_t categories = 0;
   std::string suffix;     // empty for the index
-  uint32_t fileId = 0;    // 0: no declaration
-  uint32_t anchorId = 0;  // 0: no anchors
+  uint32_t fileId = 0;    // 0: no declaration; kUnplaced: it gets one by KLT_PlaceContext
+  uint32_t anchorId = 0;  // 0: no anchors; or kUnplaced
   uint32_t listId = 0;    // willy list; 0: the list of all threads
   KLT_WriteBuffer anchors;
   size_t anchorsUsed = 0;
@@ -121,6 +123,8 @@ struct KLT_WFileHandle {
   bool failed = false;    // a part of the output hasn't been written
   KLT_IoFile* indexFile = nullptr;
   std::vector<std::unique_ptr<KLT_WriteContext>> contexts;  // in order of creation
+  std::vector<KLT_WriteContext*> inOrder;                   // those of the index, in its order
+  bool defersPlaces = false;             // new contexts aren't placed in `inOrder`
   std::array<KLT_IdIndex, 16> byThread;  // by category bit and gtp: index in `contexts` plus 1
   // Before the first record these may be replaced by those of the trace that the records are from.
   std::shared_ptr<KLT_Texts> texts = std::make_shared<KLT_Texts>();
@@ -205,6 +209,9 @@ void KLT_CloseContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
 // Creates a context for a category bit and, unless the category is shared, a thread. Its files
 // aren't open yet.
 KLT_WriteContext& KLT_CreateContext(KLT_WFileHandle& writer, uint32_t category, uint32_t thread);
+// Places a context after the others in the index, and gives it its ids. KLT_CreateContext does this
+// unless the writer defers places.
+void KLT_PlaceContext(KLT_WFileHandle& writer, KLT_WriteContext& context);
 // Creates the contexts that all threads share. They come first, in a fixed order, even if they get
 // no records.
 void KLT_InitWFileHandle(KLT_WFileHandle& writer);

@@ -135,7 +135,7 @@ void writeStructure(KLT_WFileHandle& writer) {
   const PAL_Triplets all = allThreads(writer);
   if (!all.empty()) writer.willyLists.insert(kAllThreadsList, all);
   const uint32_t allId = all.empty() ? 0 : kAllThreadsList;
-  for (const auto& context : writer.contexts) {
+  for (const KLT_WriteContext* context : writer.inOrder) {
     if (isDeclared(*context)) {
       KLT_Write<KLT_Row::fileDeclaration>(w, nullptr, context->fileId, filetypeOf(*context),
                                           context->suffix.c_str());
@@ -145,7 +145,7 @@ void writeStructure(KLT_WFileHandle& writer) {
   for (const auto* entry : inTableOrder(writer.willyLists)) {
     writeList(writer, entry->id, entry->value);
   }
-  for (const auto& context : writer.contexts) {
+  for (const KLT_WriteContext* context : writer.inOrder) {
     if (context->categories == klt::kStatistics) {
       KLT_Write<KLT_Row::anchorFileDeclaration>(w, nullptr, uint32_t{0}, context->fileId,
                                                 klt::kStatistics, allId);

@@ -52,7 +52,8 @@ bool writeCollectives(KLT_WFileHandle* writer, KLT_FileStats& stats) {
 bool writeFunctions(KLT_WFileHandle* writer, KLT_FileStats& stats) {
   bool written = true;
   const uint32_t bits = stats.eventBits;
-  for (const KLT_FunctionStat& s : stats.functions.all()) {
+  for (const uint32_t place : stats.functionOrder) {
+    const KLT_FunctionStat& s = stats.functions.at(place);
     written &= KLT_Write<KLT_Row::functionProfile>(
                    writer, nullptr, s.key.gtp, s.key.function, s.count, s.minSelf << bits,
                    s.maxSelf << bits, s.totalSelf << bits, s.minInclusive << bits,
