@@ -3,8 +3,14 @@
 # and `root`, the top of the source tree.
 #
 # need NAME PACKAGE...     notes the Debian packages if NAME, a command or a file, doesn't exist
-# install_needed           installs the noted packages; uses sudo unless run by root
+# install_needed           installs the noted packages, by sudo unless run by root. Without sudo it
+#                          prints the command for an administrator and ends the script with status 2
 # build PRESET [OPTION...] configures the preset with the options and builds it
+#
+# Output of installations goes to the file `log`, build/setup.log unless the caller has set it.
+
+mkdir -p "${root:?}/build"
+log=${log:-$root/build/setup.log}
 
 needed_packages=()
 
@@ -33,30 +39,49 @@ need_test_tools() {
   need /usr/bin/time time
   need file file
   need dpkg-shlibdeps dpkg-dev
+  # The test of pages is skipped without a browser, which is large. Machines that have none install
+  # it only on request.
+  if [ "${KLT_BROWSER_TEST:-OFF}" = ON ]; then need chromium chromium; fi
+}
+
+# Whether this user can install packages: root, or a user of sudo who can be asked for a password.
+can_install() {
+  command -v apt-get >/dev/null 2>&1 || return 1
+  [ "$(id -u)" -eq 0 ] && return
+  command -v sudo >/dev/null 2>&1 && { [ -t 0 ] || sudo -n true 2>/dev/null; }
+}
+
+# Ends the script with status 2 and the command that an administrator has to run.
+refuse_install() {
+  if command -v apt-get >/dev/null 2>&1; then
+    echo "Packages are missing, and this user can't install them. As an administrator, run:"
+    echo "  apt-get install -y ${needed_packages[*]}"
+  else
+    echo "Please install the equivalent of these Debian packages: ${needed_packages[*]}"
+  fi >&2
+  exit 2
 }
 
 install_needed() {
   [ "${#needed_packages[@]}" -gt 0 ] || return 0
-  if ! command -v apt-get >/dev/null 2>&1; then
-    echo "Please install the equivalent of these Debian packages: ${needed_packages[*]}" >&2
-    return 1
-  fi
+  can_install || refuse_install
   local as_root=()
-  if [ "$(id -u)" -ne 0 ]; then
-    as_root=(sudo)
-    echo "Installing with sudo: ${needed_packages[*]}"
-  else
-    echo "Installing: ${needed_packages[*]}"
-  fi
-  local install=(env DEBIAN_FRONTEND=noninteractive apt-get install -qq --no-install-recommends)
-  install+=(-y "${needed_packages[@]}")
-  # The package lists may be missing or outdated: update them once and try again.
-  if ! "${as_root[@]}" "${install[@]}" </dev/null; then
-    "${as_root[@]}" apt-get update -qq
-    "${as_root[@]}" "${install[@]}" </dev/null
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  echo "Installing ${needed_packages[*]} ..."
+  local install=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qq
+    --no-install-recommends -y "${needed_packages[@]}")
+  # The package lists may be missing or outdated: if the packages aren't found, update them once.
+  if ! logged "${install[@]}" &&
+    ! { logged "${as_root[@]}" apt-get update -qq && logged "${install[@]}"; }; then
+    echo "Packages can't be installed; the last lines of $log:" >&2
+    tail -n 20 "$log" >&2
+    refuse_install
   fi
   needed_packages=()
 }
+
+# Runs a command that needs no input, with its output in the file `log`.
+logged() { "$@" </dev/null >>"$log" 2>&1; }
 
 build() {
   local preset=$1
