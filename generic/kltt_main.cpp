@@ -13,10 +13,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 #include "generic/RK_socketpc.h"
 #include "generic/extract/kltt_extract.h"
 #include "generic/extract/kltt_print.h"
+#include "generic/kltt_advice.h"
 #include "generic/merge/kltt_merge.h"
 #include "generic/options/RK_conf.h"
 #include "generic/options/kltt_help.h"
@@ -24,6 +26,7 @@
 #include "generic/text/kltt_exit.h"
 #include "generic/text/kltt_guard.h"
 #include "klt/index/klt_files.h"
+#include "klt/index/klt_intern.h"
 #include "klt/klt.h"
 #include "klt/write/klt_write_context.h"
 #include "util/pal_error.h"
@@ -74,6 +77,7 @@ void printEcho() {
   printEcho();
   std::fputs(KLTT_Banner().c_str(), stderr);
   std::fwrite(KLTT_UsageText().data(), 1, KLTT_UsageText().size(), stderr);
+  KLTT_AdviseOnUsage();
   KLTT_Exit(kUsageError);
 }
 
@@ -88,6 +92,7 @@ void printEcho() {
 
 void readConfiguration(int argc, char** argv) {
   const PAL_Place here;
+  const char* const input = argv[1];
   argv[0] = nullptr;
   argv[1] = nullptr;
   // No warnings: the collector may use the same file and variables, with options of its own.
@@ -96,6 +101,7 @@ void readConfiguration(int argc, char** argv) {
   putenv(rank);
   (void)RK_ConfigInit("rk");
   PAL_messages.infoEnabled = 1;
+  RK_conf.input = input;
   if (RK_ConfigParseArgs(argc, argv, &usage) != 0) usage();
 }
 
@@ -138,6 +144,7 @@ KLT_FileHandle* openInput(const char* name) {
   KLT_FileHandle* handle = KLT_Open(name);
   if (handle != nullptr) return handle;
   std::fprintf(stderr, "Could not open file %s for reading.\n", PAL_Printable(name).c_str());
+  KLTT_AdviseOnInput(name);
   KLTT_Exit(kCantOpen);
 }
 
@@ -148,6 +155,7 @@ void prepareOutput() {
   if (!RK_conf.logfile_format_set) RK_conf.output_format = 0;
   if (RK_conf.verbose != 0 && RK_conf.move == 0)
     std::fprintf(stderr, "Writing tracefile %s\n", PAL_Printable(RK_conf.logfile_name).c_str());
+  KLTT_AdviseOnFormat();
 }
 
 [[noreturn]] void failWithoutName(const char* directive) {
@@ -227,13 +235,19 @@ const char* outputDirectory() {
   const PAL_Place here;
   if (!RK_conf.logfile_name_set) failWithoutName("--move <filename>");
   ignoreBrokenPipes();
-  KLTT_Exit(KLT_Move(handle, RK_conf.logfile_name.c_str(), KLTT_InputFiles(handle)));
+  const std::string source = handle->base;
+  const int status = KLT_Move(handle, RK_conf.logfile_name.c_str(), KLTT_InputFiles(handle));
+  if (status == kSuccess) KLTT_AdviseOnSummaries(source.c_str(), "moved");
+  KLTT_Exit(status);
 }
 
 [[noreturn]] void remove(KLT_FileHandle* handle) {
   const PAL_Place here;
   ignoreBrokenPipes();
-  KLTT_Exit(KLT_Remove(handle));
+  const std::string source = handle->base;
+  const int status = KLT_Remove(handle);
+  if (status == kSuccess) KLTT_AdviseOnSummaries(source.c_str(), "removed");
+  KLTT_Exit(status);
 }
 
 // Converts, merges or summarises with binary output.
@@ -285,6 +299,7 @@ void KLTT_Main(int argc, char** argv) {
   printEcho();
   KLT_FileHandle* handle = openInput(input);
   prepareOutput();
+  KLTT_AdviseOnOperations();
   const int status = runOperation(handle, input, serial);
   KLT_Close(handle);
   KLTT_Exit(status);

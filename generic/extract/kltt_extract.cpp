@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
@@ -16,11 +18,13 @@
 #include "generic/extract/kltt_perf.h"
 #include "generic/extract/kltt_print.h"
 #include "generic/extract/kltt_requests.h"
+#include "generic/extract/kltt_unmatched.h"
 #include "generic/handlers/kltt_collops.h"
 #include "generic/handlers/kltt_context.h"
 #include "generic/handlers/kltt_events.h"
 #include "generic/handlers/kltt_messages.h"
 #include "generic/handlers/kltt_tables.h"
+#include "generic/options/RK_hint.h"
 #include "generic/options/RK_options.h"
 #include "generic/sink/RK_wtrace.h"
 #include "generic/text/kltt_exit.h"
@@ -110,8 +114,11 @@ RK_Sink* openSink(const KLT_FileHandle* handle, KLTT_Context& context) {
     sink = RK_SinkOpenKlt(writer, name, context.pending);
   }
   if (sink == nullptr) {
-    std::fprintf(stderr, "Could not open file %s for writing.\n",
-                 PAL_Printable(RK_conf.logfile_name).c_str());
+    const int error = errno;
+    const std::string shown = PAL_Printable(RK_conf.logfile_name);
+    std::fprintf(stderr, "Could not open file %s for writing.\n", shown.c_str());
+    // The writer of a trace has already reported the reason.
+    if (RK_conf.output_format == 0) RK_Hint("%s: %s", shown.c_str(), std::strerror(error));
     KLTT_Exit(1);
   }
   // With PRINT-STATISTICS the output has definitions only, and their times stay internal.
@@ -152,23 +159,33 @@ class SinkKeeper {
   KLTT_Context& context_;
 };
 
+// Says that a listing which began at `start` bytes of output is empty.
+void noteEmptyListing(const KLTT_Context& context, uint64_t start, const char* what) {
+  if (RK_OutputBytes(context.listing) == start) RK_Hint("The trace contains no %s.", what);
+}
+
 void listThreads(KLTT_PassRunner& passes, KLTT_Context& context) {
+  const uint64_t start = RK_OutputBytes(context.listing);
   KLT_HandlerTable table;
   table.user_data = &context;
   table.willy_definition = &KLTT_ListThread;
   passes.run(KLT_MODE_DEFINITIONS, table, {}, 1);
+  noteEmptyListing(context, start, "information about native threads");
 }
 
 // Lists statistics or reports. `table` is that of the definition pass; its handlers of statistics
 // print because there is no sink.
-void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial) {
+void list(KLTT_PassRunner& passes, KLTT_Context& context, KLT_HandlerTable& table, int serial,
+          uint64_t start) {
+  const bool reports = RK_conf.print_statistics == 0;
   KLT_Request request;
   request.categories = klt::kStatistics;
-  if (RK_conf.print_statistics == 0) {
+  if (reports) {
     request.categories = klt::kErrors;
     KLTT_InitHandlers(table, context, KLTT_SET_REPORTS);
   }
   passes.run(KLT_MODE_EVENTS, table, std::span(&request, 1), serial);
+  noteEmptyListing(context, start, reports ? "reports" : "statistics");
 }
 
 // Gathers the operations of the trace and measures how fast the reader finds them.
@@ -229,8 +246,8 @@ namespace {
 constexpr int kRefused = -1;
 
 // Writes the events that the requests select. False if they have to be merged by time and aren't.
-bool extractEvents(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_HandlerTable& table,
-                   int serial, bool byThread) {
+bool extractEvents(const KLT_FileHandle* handle, KLTT_PassRunner& passes, KLTT_Context& context,
+                   const KLT_HandlerTable& table, int serial, bool byThread) {
   const RK_Sink& sink = *context.sink;
   const std::vector<KLT_Request> requests = requestsOf(context);
   const bool isTrace = sink.kind == 1;
@@ -238,6 +255,8 @@ bool extractEvents(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_Han
   context.frames = RK_FrameWriterCreate();
   // A trace must contain each record once, even if several windows contain it.
   const int mode = isTrace ? KLT_MODE_EVENTS_ONCE : KLT_MODE_EVENTS;
+  const auto events = [&] { return sink.amount() - context.commentAmount; };
+  const uint64_t before = events();
   if (isTrace && byThread) {
     const auto threads = std::make_unique<KLTT_ByThread>(context, table);
     if (!passes.runByThread(mode, *threads, requests)) return false;
@@ -246,6 +265,11 @@ bool extractEvents(KLTT_PassRunner& passes, KLTT_Context& context, const KLT_Han
   }
   KLTT_DrainDelayed(context);
   RK_FrameWriterFinish(context.frames);
+  if (events() == before) KLTT_ExplainNothing(context, requests);
+  if (!isTrace && (handle->flags & 1) != 0) {
+    RK_Hint("%s is a raw trace. Its messages and collective operations appear after --merge.",
+            PAL_Printable(handle->base).c_str());
+  }
   return true;
 }
 
@@ -269,6 +293,7 @@ int extract(KLT_FileHandle* handle, int serial, bool byThread) {
   const bool listing = RK_conf.print_statistics != 0 || RK_conf.print_reports != 0;
   RK_Sink* sink = openSink(handle, context);
   context.sink = sink;
+  const uint64_t listingStart = RK_OutputBytes(context.listing);
   uint32_t sets = KLTT_SET_TRACE | KLTT_SET_EVENTS | KLTT_SET_CLOCK | KLTT_SET_PROCESSES;
   if (RK_conf.print_statistics != 0) sets |= KLTT_SET_STATISTICS;
   KLTT_InitHandlers(table, context, sets);
@@ -277,12 +302,12 @@ int extract(KLT_FileHandle* handle, int serial, bool byThread) {
 
   if (listing) {
     passes.noteOutput(closeSink(context));
-    list(passes, context, table, serial);
+    list(passes, context, table, serial, listingStart);
   } else if (sink != nullptr && RK_conf.perftest != 0) {
     testPerformance(passes, context, serial);
     passes.noteOutput(closeSink(context));
   } else if (sink != nullptr) {
-    if (!extractEvents(passes, context, table, serial, byThread)) return kRefused;
+    if (!extractEvents(handle, passes, context, table, serial, byThread)) return kRefused;
     passes.noteOutput(closeSink(context));
   }
   return passes.status();

@@ -62,6 +62,7 @@ struct KLTT_Context : KLTT_Clock {
   // Events.
   RK_Sink* sink = nullptr;     // null while nothing is written
   bool matched = false;        // one line for a message or operation, not for each side
+  uint64_t commentAmount = 0;  // the part of the sink's amount() that comes from definitions
   uint64_t lastEventTime = 0;  // raw; the largest since the last begin_of_history
   KLTT_Queue pending;
   RK_FrameWriter frames;

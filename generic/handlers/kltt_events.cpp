@@ -22,12 +22,17 @@ KLTT_Context& contextOf(void* user) { return *static_cast<KLTT_Context*>(user); 
   return KLTT_LogFormatRecord(context, *internalTime) == 0;
 }
 
-int writeComment(const KLTT_Context& context, uint64_t internalTime, const KLTT_Delayed& node) {
+int writeComment(KLTT_Context& context, uint64_t internalTime, const KLTT_Delayed& node) {
   const std::string& text = context.pending.text(node);
   const KLTT_Class* about = context.classes.find(node.comment.infoClass);
-  if (about == nullptr) return context.sink->comment(internalTime, node.gtp, text.c_str());
-  const std::string path = KLTT_ClassPath(context.classes, *about, context.sink->longestComment);
-  return context.sink->comment(internalTime, node.gtp, (path + ": " + text).c_str());
+  const uint64_t before = context.sink->amount();
+  const std::string path =
+      about == nullptr
+          ? std::string()
+          : KLTT_ClassPath(context.classes, *about, context.sink->longestComment) + ": ";
+  const int result = context.sink->comment(internalTime, node.gtp, (path + text).c_str());
+  context.commentAmount += context.sink->amount() - before;
+  return result;
 }
 
 int writeFront(KLTT_Context& context) {

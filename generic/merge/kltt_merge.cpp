@@ -158,7 +158,7 @@ class Merge {
 
   void openSummary() {
     const std::string name = summaryName();
-    const KLTM_Context::Counts& c = context_.counts;
+    const KLTM_Context::Counts& c = context_.countsSeen ? context_.counts : context_.sliceCounts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
     context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,
                                     static_cast<int32_t>(context_.eventBits),

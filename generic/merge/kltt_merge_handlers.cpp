@@ -331,6 +331,13 @@ int scanInfo(void* user, uint32_t /*classId*/, const char* text) {
   return 0;
 }
 
+// A slice declares the number of its events only in this record.
+int scanEventSummary(void* user, uint32_t functions, uint32_t oneToOnes, uint32_t collectives,
+                     uint32_t scopes, uint32_t counters) {
+  contextOf(user).sliceCounts = {functions, oneToOnes, collectives, scopes, counters};
+  return 0;
+}
+
 int scanClock(void* user, double /*resolution*/, uint32_t eventBits) {
   contextOf(user).eventBits = eventBits;
   return 0;
@@ -377,6 +384,7 @@ void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context) {
   table.info = &scanInfo;
   table.willy_definition = &scanThread;
   table.communicator_definition = &scanCommunicator;
+  if (context.writer == nullptr) table.event_summary = &scanEventSummary;
 }
 
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context) {

@@ -33,6 +33,7 @@ struct KLTM_Context {
     uint32_t functions = 0, oneToOnes = 0, collectives = 0, scopes = 0, counters = 0;
   };
   Counts counts;
+  Counts sliceCounts;  // of an event_summary record, in the scan of a trace that isn't merged
   bool countsSeen = false;
   uint32_t countsClass = 0;  // the class of the info text with these numbers
 };

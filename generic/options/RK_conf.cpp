@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "generic/options/RK_scan.h"
 #include "util/pal_error.h"
@@ -31,7 +34,19 @@ void scanEnvironmentValue(const RK_Option& option, std::string_view value) {
   }
 }
 
+// Reads the amount of messages first, because it also applies to hints about the options before it.
+// Errors are reported when the line is read again.
+void readVerbosity(const std::vector<std::string>& lines) {
+  const int errors = std::exchange(PAL_messages.errorEnabled, 0);
+  for (const std::string& line : lines) {
+    if (RK_ConfigSameText(line.substr(0, line.find(' ')), "VERBOSE")) (void)RK_ScanArguments(line);
+  }
+  PAL_messages.errorEnabled = errors;
+}
+
 void scanEnvironment() {
+  if (const char* level = std::getenv("RK_VERBOSE"))
+    readVerbosity({std::string("VERBOSE ") + level});
   for (const RK_Option& option : RK_ConfigOptions()) {
     const char* value = std::getenv(RK_ConfigEnvironmentName(option.key).c_str());
     if (value != nullptr) scanEnvironmentValue(option, value);
@@ -117,6 +132,7 @@ int RK_ConfigParseArgs(int argc, char** argv, void (*usage)()) {
     }
     lines.emplace_back(argument.substr(2));
   }
+  readVerbosity(lines);
   bool valid = true;
   for (const std::string& line : lines) valid &= RK_ScanArguments(line);
   return RK_ConfigFinish() == 0 && valid ? 0 : kSyntaxError;

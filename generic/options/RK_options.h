@@ -22,9 +22,10 @@ struct RK_RequestText {
 
 // One REQUEST as the user wrote it. Times are in seconds or, with TICKS, raw times.
 struct RK_Request {
-  uint32_t categories = 0;  // one bit per category; 0 means all
-  PAL_Triplets triplets;    // threads; empty means all
-  double time = 0;          // a single time; selects nothing
+  uint32_t categories = 0;            // one bit per category; 0 means all
+  PAL_Triplets triplets;              // threads; empty means all
+  bool has_refused_triplets = false;  // such as those with a sign, which are ignored
+  double time = 0;                    // a single time; selects nothing
   double window_start = 0;
   double window_end = -1.0;           // negative: no end
   std::vector<RK_RequestText> types;  // quoted texts and unknown words; they select nothing
@@ -78,6 +79,7 @@ struct RK_Conf {
 
   std::string progname;     // the program's name, set by RK_ConfigInit
   std::string current_dir;  // working directory at start-up; empty if it is unknown
+  std::string input;        // the first argument, set by kltt_main
   std::string echo;  // characters of the sources that belong to no option; kltt_main prints them
 
   // Settings without a keyword.

@@ -177,6 +177,8 @@ void takeTriplet(RK_Request& request, std::string_view text) {
   if (PAL_TripletParse(std::string(text).c_str(), kHighestProcess, &triplet.first, &triplet.last,
                        &triplet.stride) != 0)
     request.triplets.push_back(triplet);
+  else
+    request.has_refused_triplets = true;
 }
 
 void takeWindow(RK_Request& request, std::string_view text) {
@@ -332,7 +334,11 @@ bool wouldSelectUnquoted(std::string_view text) {
   return hasThreads && !hasOthers;
 }
 
-void adviseOnRequest(const Line& line, const RK_Request& request, bool isBroken) {
+// `rest` is the end of `value` that can't be read.
+void adviseOnRequest(const Line& line, const RK_Request& request, std::string_view value,
+                     std::string_view rest) {
+  if (!rest.empty()) RK_HintUnreadable(value, value.size() - rest.size());
+  const bool hasUnits = RK_HintUnits(value);
   std::vector<std::string> words;
   for (const RK_RequestText& type : request.types) {
     if (!type.isQuoted)
@@ -340,7 +346,9 @@ void adviseOnRequest(const Line& line, const RK_Request& request, bool isBroken)
     else if (wouldSelectUnquoted(type.text))
       RK_HintNoQuotes(line.keyword, type.text, line.mode == RK_ScanMode::environment);
   }
-  RK_HintRequest(words, isBroken);
+  // With an unknown unit its last letters are such a word.
+  if (hasUnits) words.clear();
+  RK_HintRequest(words, !rest.empty());
 }
 
 bool readOption(const Line& line, const RK_Option& option, std::string_view value) {
@@ -353,7 +361,7 @@ bool readOption(const Line& line, const RK_Option& option, std::string_view valu
     RK_Request& request = RK_conf.request.emplace_back();
     const std::string_view rest = readRequest(value, request);
     if (!rest.empty()) reportTrailing(line, rest);
-    if (!isFromFile(line)) adviseOnRequest(line, request, !rest.empty());
+    if (!isFromFile(line)) adviseOnRequest(line, request, value, rest);
     return rest.empty();
   }
   if (value.empty()) {

@@ -202,9 +202,9 @@ Supported Directives
 
 --verbose [on|off|<level>] (on)
   The amount of messages on standard error. 0 or off: warnings and errors only.
-  1 or on: also the name of the output, and the progress of a merge, which goes
-  to standard output. 2: also the progress of an extraction into a file, if
-  standard error is a terminal. 3 and above: also date and time in each message.
+  1 or on: also hints, the name of the output, and the progress of a merge, on
+  standard output. 2: also the progress of an extraction into a file, if standard
+  error is a terminal. 3 and above: also date and time in each message.
   The level must be given: --verbose alone is an error that changes nothing.
 )HELP";
 

@@ -16,6 +16,7 @@
 #include "generic/sink/kltt_clock.h"
 #include "generic/sink/kltt_queue.h"
 #include "generic/tables/kltt_classes.h"
+#include "generic/text/RK_output.h"
 #include "generic/text/RK_rkf.h"
 #include "klt/format/klt_values.h"
 
@@ -82,6 +83,11 @@ struct RK_Sink {
   // The times of messages and collective operations are raw.
   virtual int message(KLTT_Clock& clock, const RK_Message& message) = 0;
   virtual int collective(KLTT_Clock& clock, const RK_Collective& operation) = 0;
+
+  // A number that grows with every event that is written: bytes of text, or records.
+  [[nodiscard]] virtual uint64_t amount() const { return RK_OutputBytes(output); }
+  // Writes what follows the events, before the output is closed.
+  virtual int finish() { return 0; }
 
   // Writes a node of the queue when its time is reached. Not called for comments.
   virtual int delayed(uint64_t time, const KLTT_Delayed& node) = 0;

@@ -53,6 +53,7 @@ int closeWriter(KLT_WFileHandle* writer) {
 
 int RK_SinkClose(RK_Sink* sink, int32_t) {
   const std::unique_ptr<RK_Sink> owner(sink);
+  if (sink) (void)sink->finish();
   if (sink && sink->writer) return closeWriter(sink->writer);
   return sink && sink->output ? RK_OutputClose(sink->output) : 0;
 }

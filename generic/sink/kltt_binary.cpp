@@ -210,6 +210,7 @@ class Records final : public RK_Sink {
   }
 
   int enterFunction(uint64_t time, uint32_t gtp, uint32_t function, uint32_t scl) override {
+    ++counts_.functions;
     return isScl(scl) ? put<KLT_Row::enterFunctionScl>(time, gtp, function, scl)
                       : put<KLT_Row::enterFunction>(time, gtp, function);
   }
@@ -219,6 +220,7 @@ class Records final : public RK_Sink {
   }
   int enterScope(uint64_t time, uint32_t gtp, uint32_t scope, uint32_t seqnr,
                  uint32_t scl) override {
+    ++counts_.scopes;
     return isScl(scl) ? put<KLT_Row::enterScopeScl>(time, gtp, scope, seqnr, scl)
                       : put<KLT_Row::enterScope>(time, gtp, scope, seqnr);
   }
@@ -228,14 +230,17 @@ class Records final : public RK_Sink {
                       : put<KLT_Row::leaveScope>(time, gtp, scope, seqnr);
   }
   int comment(uint64_t time, uint32_t gtp, const char* text) override {
+    ++counts_.others;
     return put<KLT_Row::comment>(time, gtp, text);
   }
   int opaqueData(uint64_t time, uint32_t gtp, uint32_t size, const uint8_t* data,
                  uint32_t scl) override {
+    ++counts_.others;
     return put<KLT_Row::opaqueData>(time, gtp, size, data, storedScl(scl));
   }
   int fileIoBegin(uint64_t time, uint32_t gtp, uint32_t operation, uint32_t file, uint32_t bytes,
                   uint32_t scl) override {
+    ++counts_.others;
     return isScl(scl) ? put<KLT_Row::fileIoBeginScl>(time, gtp, operation, file, bytes, scl)
                       : put<KLT_Row::fileIoBegin>(time, gtp, operation, file, bytes);
   }
@@ -248,6 +253,7 @@ class Records final : public RK_Sink {
   int counterValue(KLTT_Clock& clock, uint64_t time, uint32_t gtp, uint32_t count,
                    const uint32_t* counters, const uint8_t* /*types*/,
                    const uint64_t* values) override {
+    ++counts_.counters;
     if (!mustWait(clock, time)) return putSamples(writer, time, gtp, count, counters, values);
     return hold(clock, time,
                 [=, ids = std::vector<uint32_t>(counters, counters + count),
@@ -259,6 +265,7 @@ class Records final : public RK_Sink {
   // A record has the time of one side and the time span to the other side. Both are converted to
   // internal time.
   int message(KLTT_Clock& clock, const RK_Message& m) override {
+    ++counts_.messages;
     const uint64_t time = KLTT_InternalTime(clock, m.time);
     int64_t span = m.receiveTime;
     if (!klt::isUnknownSide(span)) {
@@ -272,6 +279,7 @@ class Records final : public RK_Sink {
 
   int collective(KLTT_Clock& clock, const RK_Collective& op) override {
     const PAL_Place here;
+    ++counts_.collectives;
     RK_Collective record = op;
     record.time = KLTT_InternalTime(clock, op.time);
     std::vector<uint64_t> starts(op.starts, op.starts + op.n);
@@ -287,6 +295,17 @@ class Records final : public RK_Sink {
     record.deltas = deltas.data();
     if (!mustWait(clock, record.time)) return putOperation(writer, record);
     return hold(clock, record.time, deferredOperation(record));
+  }
+
+  [[nodiscard]] uint64_t amount() const override {
+    const Counts& c = counts_;
+    return uint64_t{c.functions} + c.messages + c.collectives + c.scopes + c.counters + c.others;
+  }
+  // The number of events, from which a summary computes the number of its bins.
+  int finish() override {
+    const Counts& c = counts_;
+    if ((c.functions | c.messages | c.collectives | c.scopes | c.counters) == 0) return 0;
+    return put<KLT_Row::eventSummary>(c.functions, c.messages, c.collectives, c.scopes, c.counters);
   }
 
   int delayed(uint64_t time, const KLTT_Delayed& node) override {
@@ -327,6 +346,12 @@ class Records final : public RK_Sink {
     return 0;
   }
 
+  struct Counts {
+    uint32_t functions = 0, messages = 0, collectives = 0, scopes = 0, counters = 0;
+    uint32_t others = 0;  // comments, opaque data, file I/O
+  };
+
+  Counts counts_;
   KLTT_Queue& pending_;
   KLTT_HeldRecords held_;
   PAL_HashSet<uint32_t> definedFiles_;

@@ -10,18 +10,22 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "generic/options/RK_hint.h"
 #include "generic/summary/kltt_summary_calls.h"
 #include "generic/summary/kltt_summary_file.h"
 #include "generic/summary/kltt_summary_tables.h"
 #include "klt/index/klt_files.h"
 #include "klt/index/klt_intern.h"
 #include "klt/storage/klt_compress.h"
+#include "util/pal_error.h"
 
 namespace {
 
@@ -48,9 +52,7 @@ class Summary final : public KLTT_Summary {
     binWidth_ = std::max(span / binCount_, uint64_t{1});
     binEnd_ = binStart_ + std::min(binWidth_, ~binStart_);
     for (const uint32_t thread : threads) calls_.addThread(thread);
-    for (size_t i = 0; i < files_.size(); ++i) {
-      files_[i].create(std::string(target) + kKlttSumSuffixes[i], binWidth_);
-    }
+    createFiles(target);
   }
 
   // Writes the last bin. Returns true if every file is complete.
@@ -109,6 +111,25 @@ class Summary final : public KLTT_Summary {
 
  private:
   enum : size_t { kCalls, kCollectives, kMessages, kCounters, kReports, kFiles };
+
+  // Reports each file that can't be created, but of those that exist only the first.
+  void createFiles(const std::string& target) {
+    int existing = 0;
+    for (size_t i = 0; i < files_.size(); ++i) {
+      const std::string path = target + kKlttSumSuffixes[i];
+      const int error = files_[i].create(path, binWidth_);
+      if (error == EEXIST && ++existing > 1) continue;
+      if (error != 0) {
+        PAL_Error("could not create summary file %s: %s", PAL_Printable(path).c_str(),
+                  std::strerror(error));
+      }
+    }
+    if (existing == 0) return;
+    RK_Hint(
+        "%d of the %zu files exist and stay as they are. Remove %s.sum.* first, or choose another "
+        "name: --sumdata NAME --logfile-format KLT",
+        existing, files_.size(), PAL_Printable(target).c_str());
+  }
 
   void flushTables() {
     tables_.flushCollectives(files_[kCollectives]);

@@ -19,20 +19,16 @@ constexpr size_t kBufferBytes = 2 * kWriteBytes;
 
 }  // namespace
 
-void KLTT_SumFile::create(std::string path, uint64_t binWidth) {
+int KLTT_SumFile::create(std::string path, uint64_t binWidth) {
   path_ = std::move(path);
   binWidth_ = binWidth;
   buffer_.resize(kBufferBytes);
   descriptor_ = Vfd_Open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, kFileMode);
-  if (descriptor_ < 0) {
-    const int error = errno;
-    PAL_Error("could not create summary file %s: %s", PAL_Printable(path_).c_str(),
-              std::strerror(error));
-    return;
-  }
+  if (descriptor_ < 0) return errno;
   good_ = true;
   end_ = 3 * sizeof(uint64_t);
   writeHeader();
+  return 0;
 }
 
 void KLTT_SumFile::putText(const char* text) {

@@ -16,8 +16,9 @@
 
 class KLTT_SumFile {
  public:
-  // Creates the file, which must not exist, with a header for bins of this width.
-  void create(std::string path, uint64_t binWidth);
+  // Creates the file, which must not exist, with a header for bins of this width. Returns 0 or, if
+  // the file can't be created, errno; a failure to write the header is reported.
+  [[nodiscard]] int create(std::string path, uint64_t binWidth);
 
   // A block is written by calls of put() and putText() for the fields of its records, in order, and
   // then endBlock() with the number of records.

@@ -61,6 +61,7 @@ void fail(RK_Output* output) {
 }
 
 void writeBytes(RK_Output* output, size_t bytes) {
+  output->written += bytes;
   if (output->failed || bytes == 0) return;
   errno = 0;
   if (output->vfd < 0) output->vfd = Vfd_Adopt(output->standard);

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -26,6 +27,7 @@ struct RK_Output {
   int vfd = -1;          // virtual descriptor; -1 while there is none
   int standard = -1;     // STDOUT_FILENO or STDERR_FILENO; -1 for a file
   PAL_FileLock lock;     // of a file
+  uint64_t written = 0;  // bytes before those in the buffer
   bool failed = false;   // a write, flush or close failed
   bool extended = true;  // RK_rkf writes lines and parts marked [extended]
 
@@ -59,6 +61,11 @@ int RK_OutputClose(RK_Output* output);
 int RK_OutputCloseAll();
 
 [[nodiscard]] inline bool RK_OutputFailed(const RK_Output* output) { return output->failed; }
+
+// The bytes of all text so far, in the buffer and before it.
+[[nodiscard]] inline uint64_t RK_OutputBytes(const RK_Output* output) {
+  return output->written + static_cast<uint64_t>(output->pos - output->buffer.get());
+}
 
 // Appends text. RK_OutputPrintf formats as printf does.
 void RK_OutputWrite(RK_Output* output, std::string_view text);

@@ -213,6 +213,40 @@ def check_windows(place):
     place.run("--dump", name="../none.klt")
 
 
+def check_hints(place):
+    """What a user should do is said after the messages, and not with --verbose 0."""
+    dump, none = "--dump --request ", "The request selects no event.\n"
+    place.run(f"--convert x.klt {KLT}")
+    for name, options, status, says in (
+            (INPUT, "", 10, "\nSee klttool --help for all options, with examples.\n"),
+            (INPUT, "--convert", 10, f"--convert needs a name: klttool {INPUT} --convert new.klt "),
+            ("--dump", INPUT, 10, "The trace comes first: klttool run.klt --dump\n"),
+            (".", "--dump", 1, ". is a directory. The input is the index of a trace, such as run."),
+            ("/dev/null", "--dump", 1, "/dev/null is a device. "),
+            ("x.klt.f.0.anc", "--dump", 1, "The trace is opened by its index: x.klt\n"),
+            ("x", "--dump", 1, "Did you mean x.klt?\n"),
+            (INPUT, "--logfile-name no/x.ark", 1, "no/x.ark: No such file or directory\n"),
+            (INPUT, "--logfile-name y.klt", 0, "Text is written to y.klt. For a trace add "),
+            ("y.klt", "--dump", 1, "y.klt is text in the format RKF, "),
+            (INPUT, dump + "7:8", 0, none + "There is no thread 7: the processes are 0 to 3. "),
+            (INPUT, dump + "7:8", 0, "7:8 selects threads. A window needs a unit: 7s:8s\n"),
+            (INPUT, dump + "9s:8s,COUNTERS,-1", 0, none + "The window 9:8 ends before it starts, "),
+            (INPUT, dump + "9s:8s,COUNTERS,-1", 0, "\nA thread number with a sign is ignored.\n"),
+            (INPUT, f"--logfile-name z.klt {KLT} --request 5s:6s,COUNTERS", 0,
+             none + "The window is outside the trace, which lasts from "),
+            (INPUT, "--print-reports", 0, "The trace contains no reports.\n"),
+            (INPUT, "--print-files --print-threads", 0,
+             "Only --print-files is done: --print-threads needs a run of its own.\n"),
+            (INPUT, "--sumdata", 0, ""), (INPUT, "--sumdata", 1, "5 of the 5 files exist and stay "),
+            ("x.klt", "--sumdata", 0, ""),
+            ("x.klt", "--move n.klt", 0, "The summary files x.klt.sum.* aren't moved: ")):
+        place.run(options.split(), status, says, name=name)
+        if says and "--move" not in options:
+            quiet = place.finished([*options.split(), "--verbose", "0"], name=name)
+            expect(f"{name} {options}: status, hints", (status, True),
+                   (quiet.returncode, says.encode() not in quiet.stderr))
+
+
 def check_merge_results(place):
     """Each failure of a merge has its own message and status 1."""
     # One component can't be written; the others and the index are complete.
@@ -247,5 +281,5 @@ CHECKS = {name: (lambda folder, samples=samples: folder.name in samples, check)
               ("locked", ("stencil",), check_locked),
               ("missing-parts", ("stencil",), check_missing_parts),
               ("removals", ("stencil", "stats", "raw_ring"), check_removals),
-              ("windows", ("stencil",), check_windows),
+              ("windows", ("stencil",), check_windows), ("hints", ("ring",), check_hints),
               ("merge-results", ("raw_ring",), check_merge_results))}

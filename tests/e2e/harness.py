@@ -15,14 +15,16 @@ resource.setrlimit(resource.RLIMIT_CPU, (300, 300))
 
 # Messages for valid traces: the output's name, times of evbits0 and evbits14 that don't fit internal
 # time, a scope of `threads` that is left but was never entered, raw events that an extraction leaves
-# out, and sums of bytes that don't fit in 32 bits.
+# out, and sums of bytes that don't fit in 32 bits. Hints about raw traces and empty windows.
 EXPECTED_MESSAGES = (b"Writing tracefile ",
                      b"klttool ERROR: time stamp 2251799813685255 exceeds maximum number of clock ",
                      b"klttool ERROR: time stamp 10691368 exceeds maximum number of events ",
                      b"klttool ERROR: time stamp 11445032 exceeds maximum number of events ",
                      b"klttool ERROR: Leaving scope 9/99 which was never entered.",
                      b"klttool WARNING: raw events of t.klt are not extracted, ",
-                     b"klttool WARNING: sums of bytes in the ")
+                     b"klttool WARNING: sums of bytes in the ",
+                     b"t.klt is a raw trace. ", b"one.klt is a raw trace. ",
+                     b"two.klt is a raw trace. ", b"The request")
 
 
 class Failure(Exception):

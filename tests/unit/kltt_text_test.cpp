@@ -363,6 +363,7 @@ TEST_F(KlttText, BinaryOutputsKeepUnknownStarts) {
   }
   context.matched = true;
   KLTT_AllCommunication(c, 1, 2, 4, 3, starts, deltas, nullptr);
+  expected.push_back("event_summary 0 0 1 0 0");
   expected.push_back(
       "all_communication 8192 2 4 3 [40960 18446744073709551614 18446744073709551615] "
       "[49152 7 8] [null]");

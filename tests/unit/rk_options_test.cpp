@@ -134,7 +134,8 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
       {"-- # VERBOSE 2", "echo=  fails", unknown("#")},
       {"--nmcmd 'a\nREMOVE\n'", "fails", invalid("nmcmd", "'a\\x0aREMOVE\\x0a'")},
       {"--Request 1:2:3:4:5 \t6", "REQUEST 1:2:3 fails",
-       "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\nFORMS\n"},
+       "ERROR: parameter error after --Request, unrecognized text: :5 \\x096\n"
+       "\"1:2:3:4:5\" can't be read.\nFORMS\n"},
       // Hints.
       {"--verbose=2", "fails", unknown("verbose=2") + "Did you mean --verbose VALUE?\n"},
       {"--logfile", "fails", unknown("logfile") + "Did you mean --logfile-name?\n"},
@@ -147,6 +148,12 @@ TEST_F(RkOptions, LinesAreReadByTheGrammar) {
        selectsNothing("functon") + "\nDid you mean FUNCTIONS?\n"},
       {"--request '0:3,5'", "REQUEST '0:3,5' ",
        selectsNothing("0:3,5") + " Without quotes it does: --request 0:3,5\n"},
+      {"--request 2.5ms:3ms,3", "REQUEST 150s 's' fails",
+       "ERROR: parameter error after --request, unrecognized text: :3ms,3\n"
+       "\"2.5ms:3ms\" can't be read.\nWrite 2.5l for 2.5ms.\nWrite 3l for 3ms.\nFORMS\n"},
+      {"--request 500NS FUNCTIONS", "REQUEST 500:500:1 0x4 'NS' ", "Write 0.5c for 500NS.\n"},
+      {"--request 2.5ms|--verbosity|--verbose|0", "REQUEST 150s 's' VERBOSE=0 fails",
+       unknown("verbosity")},
       // A long word gets no hint.
       {"--" + std::string(70000, 'x'), "fails", unknown(std::string(70000, 'x'))},
       // Several arguments; names and formats of the output.
