@@ -1,4 +1,4 @@
-"""Reads the five summary files of a run for sum-report.
+"""Reads the five summary files of a run for klt-sum-report.
 
 All files begin with version 1, the width of a bin and the number of records (uint64 each), in the
 byte order of the machine that wrote them, which the version shows. Times are ticks of the trace's

@@ -12,8 +12,8 @@ COLUMNS = 120
 ROWS = 32
 MATRIX = 24
 THREADS = 1 << 20        # different threads
-FUNCTIONS = 5000         # different functions
-CELL_FUNCTIONS = 64      # different functions of one group of threads in one column
+FUNCTIONS = 1 << 18      # different functions; twice as many are counted, then the least are joined
+LANE_FUNCTIONS = 64      # different functions of one group of threads in one column
 OPERATIONS = 1000
 COUNTERS = 64
 LINES = 6                # different threads of one counter
@@ -66,33 +66,51 @@ def add(table, key, limit, make):
 
 
 class Functions:
-    """Own time of functions: by function, by column, and by group of threads and column."""
+    """Own time of functions: by function, by column, and by group of threads and column. The
+    functions with most time are counted on their own, all others under None."""
 
     def __init__(self):
         self.totals = {}      # function: own time and calls
+        self.joined = 0       # functions that are counted under None
         self.columns = []     # for each column, function: own time
         self.available = []   # for each column, the time of all threads
         self.lanes = {}       # (group, column): function: own time
         self.lane_time = {}   # (group, column): the time of its threads
 
     def read(self, file, axis, groups):
+        for _, nodes in file.records():
+            for function, own, calls in own_times(nodes):
+                total = self.totals.setdefault(function, [0, 0])
+                total[0] += own
+                total[1] += calls
+            if len(self.totals) > 2 * FUNCTIONS:
+                self._join_least()
         self.columns = [{} for _ in range(axis.count)]
         self.available = [0] * axis.count
+        kept = set(self.ranked()[:LANE_FUNCTIONS])
         for thread, nodes in file.records():
             column = axis.column(thread.start)
             cell = (groups.of(thread.thread), column)
             self.available[column] += thread.width
             self.lane_time[cell] = self.lane_time.get(cell, 0) + thread.width
             lane = self.lanes.setdefault(cell, {})
-            for function, own, calls in own_times(nodes):
-                total = add(self.totals, function, FUNCTIONS, lambda: [0, 0])
-                total[0] += own
-                total[1] += calls
-                key = function if function in self.totals else None
+            for function, own, _ in own_times(nodes):
+                key = function if function in kept else None
                 self.columns[column][key] = self.columns[column].get(key, 0) + own
-                if key not in lane and len(lane) >= CELL_FUNCTIONS:
-                    key = None
                 lane[key] = lane.get(key, 0) + own
+
+    def ranked(self):
+        """The functions, those with most time first."""
+        return sorted((key for key in self.totals if key is not None),
+                      key=lambda key: (-self.totals[key][0], key))
+
+    def _join_least(self):
+        rest = self.totals.setdefault(None, [0, 0])
+        for key in self.ranked()[FUNCTIONS:]:
+            total = self.totals.pop(key)
+            rest[0] += total[0]
+            rest[1] += total[1]
+            self.joined += 1
 
 
 def own_times(nodes):
@@ -110,14 +128,18 @@ def own_times(nodes):
 
 
 class Matrix:
-    """Messages between groups of threads: number, bytes and summed duration by pair of groups."""
+    """Messages between groups of threads: number, bytes, and number and summed duration of those
+    whose both sides are known, by pair of groups."""
 
     def __init__(self):
         self.groups = None
         self.cells = {}
-        self.count = self.bytes = 0
+        self.count = self.bytes = self.unknown = 0
+        self.shortest = None
 
-    def read(self, file):
+    def read(self, file, span):
+        """`span` is the length of the run. The special durations of messages with an unknown side
+        are longer."""
         threads = set()
         for message in file.records():
             if len(threads) < THREADS:
@@ -125,10 +147,17 @@ class Matrix:
         self.groups = Groups(threads, MATRIX)
         for m in file.records():
             key = (self.groups.of(m.sender), self.groups.of(m.receiver))
-            cell = self.cells.setdefault(key, [0, 0, 0])
+            cell = self.cells.setdefault(key, [0, 0, 0, 0])
             size = m.count * m.size  # the sum in the file wraps at 32 bits
-            for i, value in enumerate((m.count, size, m.total)):
-                cell[i] += value
+            cell[0] += m.count
+            cell[1] += size
+            if -span <= m.shortest <= m.longest <= span:
+                cell[2] += m.count
+                cell[3] += m.total
+                self.shortest = m.shortest if self.shortest is None else \
+                    min(self.shortest, m.shortest)
+            else:
+                self.unknown += m.count
             self.count += m.count
             self.bytes += size
 
@@ -206,11 +235,12 @@ class Run:
         self.collectives, self.counters = Collectives(), Counters()
         self.reports, self.report_count = [], 0
         self.bins = 0
-        self.axis, self.groups = self._axis_and_groups(files)
+        start, self.axis, self.groups = self._axis_and_groups(files)
         if "fnc" in files:
             self.functions.read(files["fnc"], self.axis, self.groups)
         if "msg" in files:
-            self.matrix.read(files["msg"])
+            known = start is not None
+            self.matrix.read(files["msg"], self.axis.end - self.axis.start if known else 1 << 40)
         if "cop" in files:
             self.collectives.read(files["cop"])
         if "cnt" in files:
@@ -222,7 +252,7 @@ class Run:
 
     def _axis_and_groups(self, files):
         """The time of the run and its threads, from the call trees; without them, the time is taken
-        from the counters."""
+        from the counters. The first result is None if there are neither."""
         start = end = None
         threads = set()
         last = None
@@ -238,4 +268,4 @@ class Run:
                 start = samples.first if start is None else min(start, samples.first)
                 end = samples.last if end is None else max(end, samples.last)
         width = max((file.width for file in files.values()), default=1)
-        return Axis(start or 0, end or 0, width), Groups(threads, ROWS)
+        return start, Axis(start or 0, end or 0, width), Groups(threads, ROWS)

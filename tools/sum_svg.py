@@ -1,6 +1,8 @@
-"""Draws the pictures of sum-report as SVG text. Colours are defined by the page's style: series
-have the classes s1 to s8, and s0 for "others"; cells of a matrix have q1 to q7. The <title> of a
-mark describes the mark, and browsers show it as a tooltip.
+"""Draws the pictures of klt-sum-report as SVG text. Colours are defined by the page's style:
+functions have the classes f1 to f8, and f0 for "others"; curves have l1 to l8, cells of a matrix q1
+to q7. The <title> of a mark describes the mark, and browsers show it as a tooltip.
+
+The functions get names as they are, and cut and escape them.
 """
 
 import html
@@ -11,12 +13,26 @@ LEFT = 150      # width of the labels
 RIGHT = 12
 PLOT = WIDTH - LEFT - RIGHT
 NAME = 60       # characters of a name that are shown
+AXIS_NAME = 22  # beside a picture
 
 
-def name_text(name, limit=NAME):
-    """A name as HTML text; characters that can't be shown become replacement characters."""
-    shown = "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name[:limit])
-    return html.escape(shown) + ("…" if len(name) > limit else "")
+def plain(name):
+    """A name on one line; characters that can't be shown become replacement characters."""
+    return "".join(" " if c in "\t\n\r\v\f" else c if c.isprintable() else "\N{REPLACEMENT CHARACTER}"
+                   for c in name)
+
+
+def name_text(name, limit=300):
+    """A name as HTML text, cut in the middle, since names often differ in their ends only."""
+    if len(name) > limit:
+        name = name[:(limit + 1) // 2] + "…" + name[len(name) - limit // 2:]
+    return html.escape(plain(name))
+
+
+def name_label(name, limit=NAME):
+    """A name as HTML that is cut and shown whole on hover."""
+    shown = name_text(name, limit)
+    return shown if len(name) <= limit else f'<span title="{name_text(name)}">{shown}</span>'
 
 
 def number(value):
@@ -80,8 +96,17 @@ def svg(height, label, content):
             f'{"".join(content)}</svg>\n')
 
 
-def text(x, y, words, anchor="end"):
-    return f'<text x="{coordinate(x)}" y="{coordinate(y)}" text-anchor="{anchor}">{words}</text>'
+def text(x, y, words, anchor="end", title=""):
+    """`words` and `title` are HTML."""
+    title = f"<title>{title}</title>" if title else ""
+    return (f'<text x="{coordinate(x)}" y="{coordinate(y)}" text-anchor="{anchor}">{words}{title}'
+            "</text>")
+
+
+def name_at(x, y, name, anchor="end", limit=AXIS_NAME):
+    """A name as a text that shows the whole name on hover if it is cut."""
+    return text(x, y, name_text(name, limit), anchor,
+                name_text(name) if len(name) > limit else "")
 
 
 def titled_rect(x, y, width, height, kind, title):
@@ -90,26 +115,48 @@ def titled_rect(x, y, width, height, kind, title):
             f"<title>{title}</title></rect>")
 
 
+def round_step(span, count):
+    """The smallest of 1, 2 and 5 times a power of ten that divides `span` in at most `count`."""
+    power = 10.0 ** math.floor(math.log10(span / count))
+    return next(step * power for step in (1, 2, 5, 10) if step * power * count >= span * .999999)
+
+
+def round_numbers(low, high, count):
+    """Round numbers from `low` to `high`, about `count` of them, as pairs of number and text."""
+    step = round_step(high - low, count)
+    digits = max(-math.floor(math.log10(step) + 1e-9), 0)
+    first = math.ceil(low / step - 1e-9)
+    values = [(first + k) * step for k in range(count + 2)]
+    return [(v, f"{v + 0.0:,.{digits}f}") for v in values if v <= high + step * 1e-9]
+
+
 class TimeScale:
-    """The positions of an axis's columns."""
+    """The positions of an axis's columns. The axis ends at the end of the run, in its last column."""
 
     def __init__(self, axis, time_text):
         self.axis, self.time_text = axis, time_text
-        self.step = PLOT / axis.count
+        self.step = PLOT * axis.width / (axis.end - axis.start)
 
     def x(self, column):
-        return LEFT + column * self.step
+        return min(LEFT + column * self.step, LEFT + PLOT)
+
+    def width(self, column):
+        return self.x(column + 1) - self.x(column)
 
     def span(self, column):
         start = self.axis.start + column * self.axis.width
-        return f"{self.time_text(start)} to {self.time_text(start + self.axis.width)}"
+        end = min(start + self.axis.width, self.axis.end)
+        return f"{self.time_text(start)} to {self.time_text(end)}"
 
     def labels(self, y):
-        for k in range(5):
-            column = self.axis.count * k / 4
-            anchor = ("start", "middle", "middle", "middle", "end")[k]
-            time = self.axis.start + column * self.axis.width
-            yield text(self.x(column), y, self.time_text(time), anchor)
+        """Round times, each with a mark."""
+        factor, unit = self.time_text.unit
+        start, end = (time * factor for time in (self.axis.start, self.axis.end))
+        for value, shown in round_numbers(start, end, 8) if end > start else ():
+            x = LEFT + PLOT * (value - start) / (end - start)
+            anchor = "start" if x < LEFT + 20 else "end" if x > LEFT + PLOT - 30 else "middle"
+            yield f'<path class="grid" d="M{coordinate(x)} {coordinate(y - 17)}v5"/>'
+            yield text(x, y, f"{shown} {unit}", anchor)
 
 
 def stacked(scale, columns, available, series):
@@ -132,22 +179,22 @@ def stacked(scale, columns, available, series):
             share = min(value / available[column], 1 - base[column]) if available[column] else 0
             if share > 0:
                 y = top + height * (1 - base[column] - share)
-                width = coordinate(max(scale.step - gap, .5))
+                width = coordinate(max(scale.width(column) - gap, .5))
                 marks.append(f"M{coordinate(scale.x(column))} {coordinate(y)}"
                              f"h{width}v{coordinate(height * share)}h-{width}z")
                 base[column] += share
         if marks:
-            kind = f"s{place}" if key is not None else "s0"
+            kind = f"f{place}" if key is not None else "f0"
             parts.append(f'<path class="{kind} layer" d="{"".join(marks)}"/>')
     for column, own in enumerate(columns):
         lines = [scale.span(column)]
         for key, name in series:
             if own.get(key):
-                lines.append(f"{name}: {own[key] / max(available[column], 1):.1%}")
+                lines.append(f"{name_text(name)}: {own[key] / max(available[column], 1):.1%}")
         rest = sum(v for k, v in own.items() if k not in keys)
         if rest:
             lines.append(f"others: {rest / max(available[column], 1):.1%}")
-        parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover",
+        parts.append(titled_rect(scale.x(column), top, scale.width(column), height, "hover",
                                  "\n".join(lines)))
     parts += scale.labels(top + height + 18)
     return svg(top + height + 26, "Share of functions over time", parts)
@@ -162,7 +209,7 @@ def lanes(scale, cells, times, names, series):
     parts = []
     for group, name in enumerate(names):
         y = top + group * row
-        parts.append(text(LEFT - 8, y + row - 5, name))
+        parts.append(name_at(LEFT - 8, y + row - 5, name))
         column = 0
         while column < scale.axis.count:
             main = main_key(cells.get((group, column)), keys)
@@ -175,11 +222,11 @@ def lanes(scale, cells, times, names, series):
                 column += 1
             if main == "idle":
                 continue
-            title = (f"{name}, {scale.span(start).split(' to ')[0]} to "
+            title = (f"{name_text(name)}, {scale.span(start).split(' to ')[0]} to "
                      f"{scale.span(column - 1).split(' to ')[1]}\n"
-                     f"{labels.get(main, 'others')}: {own / max(time, 1):.1%}")
-            parts.append(titled_rect(scale.x(start), y, (column - start) * scale.step, row - 2,
-                                     f"s{keys.get(main, 0)}", title))
+                     f"{name_text(labels.get(main, 'others'))}: {own / max(time, 1):.1%}")
+            parts.append(titled_rect(scale.x(start), y, scale.x(column) - scale.x(start), row - 2,
+                                     f"f{keys.get(main, 0)}", title))
     height = top + len(names) * row
     parts += scale.labels(height + 14)
     return svg(height + 22, "Main function of each thread over time", parts)
@@ -205,16 +252,17 @@ def matrix(cells, names, what, show):
     parts = [text(left, 12, "receiver →", "start"), text(left - 8, top - 6, "sender ↓")]
     for group, name in enumerate(names):
         if step >= 12 or group % 2 == 0:
-            parts.append(text(left - 8, top + (group + .5) * step + 4, name))
+            parts.append(name_at(left - 8, top + (group + .5) * step + 4, name, limit=17))
     stride = max(math.ceil(60 / step), 1)
     for group in range(0, len(names), stride):
         if group == 0 or left + group * step < width - 55:
-            parts.append(text(left + group * step, top - 6, names[group], "start"))
+            parts.append(name_at(left + group * step, top - 6, names[group], "start", 9))
     for (sender, receiver), value in sorted(cells.items()):
         shade = 1 + round(6 * (math.log(value) - low) / (high - low)) if high > low else 7
         parts.append(titled_rect(left + receiver * step, top + sender * step, max(step - 1, 1),
                                  max(step - 1, 1), f"q{shade}",
-                                 f"{names[sender]} → {names[receiver]}: {show(value)}"))
+                                 f"{name_text(names[sender])} → {name_text(names[receiver])}: "
+                                 f"{show(value)}"))
     height = top + len(names) * step + 4
     if cells:
         what += f", {show(min(cells.values()))} to {show(max(cells.values()))}"
@@ -234,33 +282,39 @@ def lines(scale, curves, band, label):
     if not extent:
         return ""
     low, high = min(extent), max(extent)
+    marks = []
+    # A value may be so much larger than the difference that no round numbers lie between them.
+    if max(abs(low), abs(high)) * 1e-12 < high - low < 1e300 and high - low > 1e-300:
+        step = round_step(high - low, 3)
+        low, high = math.floor(low / step) * step, math.ceil(high / step) * step
+        marks = [value for value, _ in round_numbers(low, high, 5)]
     # Halved, because the difference of large numbers may overflow.
     room = (high / 2 - low / 2) or 1.0
+    marks = marks or [low + room * k for k in range(3)]
 
     def y(value):
         return top + height * (1 - min(max((value / 2 - low / 2) / room, 0.0), 1.0))
 
     parts = []
-    for k in range(3):
-        value = low + room * k
+    for value in marks:
         parts.append(f'<path class="grid" d="M{LEFT} {coordinate(y(value))}h{PLOT}"/>')
         parts.append(text(LEFT - 8, y(value) + 4, number(value)))
     if band:
         for column, point in enumerate(band.points):
             if point:
                 parts.append(f'<path class="s1 band" d="M{coordinate(scale.x(column))} '
-                             f'{coordinate(y(point[3]))}h{coordinate(scale.step)}'
-                             f'V{coordinate(y(point[2]))}h-{coordinate(scale.step)}z"/>')
+                             f'{coordinate(y(point[3]))}h{coordinate(scale.width(column))}'
+                             f'V{coordinate(y(point[2]))}h-{coordinate(scale.width(column))}z"/>')
     for place, (_, points) in enumerate(drawn, 1):
         path = "".join(path_of(scale, points, y))
         parts.append(f'<path class="line l{place}" d="{path}"/>')
     for column in range(scale.axis.count):
-        values = [f"{name}: {number(points[column])}" for name, points in drawn
+        values = [f"{name_text(name)}: {number(points[column])}" for name, points in drawn
                   if points[column] is not None]
         if band and band.points[column]:
             values.append(f"{number(band.points[column][2])} to {number(band.points[column][3])}")
         if values:
-            parts.append(titled_rect(scale.x(column), top, scale.step, height, "hover",
+            parts.append(titled_rect(scale.x(column), top, scale.width(column), height, "hover",
                                      "\n".join([scale.span(column), *values])))
     parts += scale.labels(top + height + 18)
     return svg(top + height + 26, label, parts)
@@ -278,7 +332,7 @@ def path_of(scale, points, y):
         if value is None:
             pen_down = False
             continue
-        x = scale.x(column + .5)
+        x = scale.x(column) + scale.width(column) / 2
         alone = not pen_down and (column + 1 == len(points) or points[column + 1] is None)
         yield f"{'L' if pen_down else 'M'}{coordinate(x)} {coordinate(y(value))}"
         if alone:

@@ -14,6 +14,7 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -32,8 +33,8 @@ from harness import DATA, INPUT, Folder  # noqa: E402
 
 
 CONVERTER, REPORT, WINDOWS = (
-    str(ROOT / path) for path in ("tools/rkf-to-trace-json", "tools/sum-report",
-                                  "examples/parallel-windows"))
+    str(ROOT / path) for path in ("tools/klt-trace-json", "tools/klt-sum-report",
+                                  "tools/klt-parallel-windows"))
 loader = importlib.machinery.SourceFileLoader("windows", WINDOWS)
 windows = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
 loader.exec_module(windows)
@@ -50,8 +51,8 @@ def outline(page):
     """The texts of a page, with a line for each paragraph, heading, table row and mark of a picture,
     and the numbers of marks. Checks that elements nest, that each class of marks has a colour in both
     colour schemes, and that the page refers to no other file."""
-    assert not re.search(r"<script|@import|url\(|https?:|\b(nan|inf)\b| (src|href)=|\x1b", page)
-    marks = re.findall(r"\b(?:[slq]\d|band)\b", " ".join(re.findall('class="([^"]*)"', page)))
+    assert not re.search(r"<script|@import|url\((?!#p\d\))|https?:|\b(nan|inf)\b| (src|href)=|\x1b", page)
+    marks = re.findall(r"\b(?:[slqf]\d|band)\b", " ".join(re.findall('class="([^"]*)"', page)))
     light, dark = page.split("prefers-color-scheme: dark", 1)
     colours = {f"--{name.replace('l', 's')}:" for name in marks if name != "band"}
     assert all(colour in light and colour in dark.split("}")[0] for colour in colours), colours
@@ -76,11 +77,18 @@ def golden():
         for name, trace, *options in (
                 ("page-counters", "counters", "--names", DATA / "counters" / "expected.dump"),
                 ("page-reports", "reports", "--names", DATA / "reports" / "expected.dump"),
-                ("page-threads", "threads", "--names", HERE / "golden" / "lines.rkf", "--title",
-                 "<&b>\x1b"),
+                ("page-threads", "threads", "--title", "<&b>\x1b\t\n" + 99 * "(" + 99 * ")"),
+                ("page-negative", "negative", "--names", DATA / "negative" / "expected.dump"),
+                ("page-refused", "threads", "--names", HERE / "golden" / "lines.rkf"),
                 ("page-damaged", directory)):
             page, *rest = run(REPORT, DATA / trace / "expected", *options)
-            yield name, (outline(page), *rest)
+            yield name, (outline(page) if page else "", *rest)
+        # A trace brings its names, and the summary is made if there is none or an older one.
+        trace = pathlib.Path(shutil.copytree(DATA / "ring", f"{directory}/ring"), INPUT)
+        pathlib.Path(f"{trace}.sum.fnc").touch()
+        os.utime(f"{trace}.sum.fnc", (0, 0))
+        page, *rest = run(REPORT, trace)
+        yield "page-trace", (outline(page), *rest)
 
 
 class Golden(unittest.TestCase):
@@ -91,6 +99,30 @@ class Golden(unittest.TestCase):
             with self.subTest(name):
                 expected = (HERE / "golden" / f"{name}.expected").read_text(encoding="utf-8")
                 self.assertEqual(expected, TEXT.format(*output))
+
+
+class Browser(unittest.TestCase):
+    """Pages as a browser lays them out."""
+
+    def test_nothing_is_wider_than_its_section(self):
+        browser = shutil.which("chromium") or shutil.which("google-chrome")
+        if not browser:
+            print("skipped: there is no Chromium; KLT_BROWSER_TEST=ON scripts/test installs it")
+            self.skipTest("no Chromium")
+        measure = """<script>document.title = "widest " + Math.max(...Array.from(
+            document.querySelectorAll("section, .wide"), e => e.scrollWidth - e.clientWidth))</script>"""
+        for trace in ("reports", "counters", "threads"):
+            with self.subTest(trace), tempfile.TemporaryDirectory() as directory:
+                page = pathlib.Path(directory, "page.html")
+                text = run(REPORT, DATA / trace / "expected", "--names",
+                           DATA / trace / "expected.dump")[0]
+                page.write_text(text.replace("</body>", measure + "</body>"), encoding="utf-8")
+                done = subprocess.run(
+                    [browser, "--headless", "--no-sandbox", "--disable-gpu", "--dump-dom",
+                     f"--user-data-dir={directory}/profile", "--window-size=1000,800", page.as_uri()],
+                    stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=True,
+                    timeout=120)
+                self.assertIn("<title>widest 0</title>", done.stdout)
 
 
 class TraceJson(unittest.TestCase):
@@ -156,6 +188,19 @@ class ParallelWindows(unittest.TestCase):
                         self.assertEqual(compared(output.getvalue()), expected)
                         times = [int(t) for t in re.findall(rb"^(\d+) ", output.getvalue(), re.M)]
                         self.assertTrue(kind == "matched" or times == sorted(times))
+
+
+    def test_two_workers_write_what_one_dump_writes(self):
+        # The path of the program is relative to a directory that isn't the workers' own.
+        place = self.directory / "a" / "b"
+        place.mkdir(parents=True)
+        program = os.path.relpath(shutil.which(KLTTOOL), place)
+        done = subprocess.run(
+            [sys.executable, WINDOWS, "-n", "4", "-j", "2", "--program", program, DATA / "ring" / INPUT],
+            cwd=place, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True, timeout=300)
+        self.assertEqual(done.stdout, Folder(DATA / "ring").expected("dump"))
+        usage = run(WINDOWS)
+        self.assertTrue(usage[1].startswith("usage: ") and usage[2] == 10)
 
 
 if __name__ == "__main__":
