@@ -15,7 +15,7 @@ import shutil
 import sys
 import tempfile
 
-FILES = ("job.klt", "my out.klt")
+FILES = ("job.klt", "job.klt.dcl", "my out.klt", "text.ark")
 
 # Text that is typed after "klttool ", with tabs for completion, and the resulting arguments. A word
 # without a completion stays unchanged.
@@ -25,6 +25,7 @@ TYPED = (
       "FUNCTIONS", "MESSAGES", "--ticks"]),
     ("jo\t--convert my\\ o\t--extended-rkf of\t",
      ["job.klt", "--convert", "my out.klt", "--extended-rkf", "off"]),
+    ("te\t--du\t", ["text.ark", "--dump"]),
     *((line + "\t", line.split()) for line in (
         "--du", "job.klt --dump jo", "job.klt --request inter", "job.klt --logfile-name of")))
 
