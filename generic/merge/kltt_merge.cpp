@@ -11,6 +11,7 @@
 #include "generic/options/RK_options.h"
 #include "generic/summary/kltt_summary.h"
 #include "generic/text/kltt_guard.h"
+#include "klt/format/klt_schema.h"
 #include "klt/index/klt_files.h"
 #include "klt/index/klt_intern.h"
 #include "klt/klt.h"
@@ -156,8 +157,25 @@ class Merge {
     return name.find('/') == std::string::npos ? PAL_PathInDir(prefix_, name) : name;
   }
 
+  // A slice declares the number of its events in its statistics, which no other pass before the
+  // first event reads. Messages are left to the pass over the events, which reads them, too.
+  void readSliceCounts() {
+    KLT_HandlerTable table;
+    KLTM_SetCountHandler(table, context_);
+    KLT_Request request;
+    request.categories = klt::kStatistics;
+    const KLT_Request* const requests[] = {&request};
+    const PAL_MessageSettings messages = PAL_messages;
+    PAL_messages.errorEnabled = PAL_messages.infoEnabled = 0;
+    const KLT_OwnedReader owner(KLT_OpenReader(input_, KLT_MODE_EVENTS, 1, requests, &table, 1));
+    while (owner != nullptr && KLT_ReadEvents(owner.get(), -1) == KLT_STATUS_CONTINUING) {
+    }
+    PAL_messages = messages;
+  }
+
   void openSummary() {
     const std::string name = summaryName();
+    if (!context_.countsSeen && !flag(KLTM_MERGE)) readSliceCounts();
     const KLTM_Context::Counts& c = context_.countsSeen ? context_.counts : context_.sliceCounts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
     context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,

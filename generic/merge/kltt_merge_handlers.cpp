@@ -384,7 +384,12 @@ void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context) {
   table.info = &scanInfo;
   table.willy_definition = &scanThread;
   table.communicator_definition = &scanCommunicator;
-  if (context.writer == nullptr) table.event_summary = &scanEventSummary;
+}
+
+void KLTM_SetCountHandler(KLT_HandlerTable& table, KLTM_Context& context) {
+  table = KLT_HandlerTable{};
+  table.user_data = &context;
+  table.event_summary = &scanEventSummary;
 }
 
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context) {

@@ -33,13 +33,15 @@ struct KLTM_Context {
     uint32_t functions = 0, oneToOnes = 0, collectives = 0, scopes = 0, counters = 0;
   };
   Counts counts;
-  Counts sliceCounts;  // of an event_summary record, in the scan of a trace that isn't merged
+  Counts sliceCounts;  // of an event_summary record, which only the summary of a slice uses
   bool countsSeen = false;
   uint32_t countsClass = 0;  // the class of the info text with these numbers
 };
 
 // Sets the handlers of the scan pass, which store the definitions that the other passes need.
 void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context);
+// Sets the handler of the pass over the statistics of a slice, which stores `sliceCounts`.
+void KLTM_SetCountHandler(KLT_HandlerTable& table, KLTM_Context& context);
 // Sets the handlers of the passes that write. Handlers of the merge are set only with a writer.
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context);
 

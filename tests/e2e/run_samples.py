@@ -87,6 +87,12 @@ def check_summary(place):
     matched = place.folder.expected("matched")
     if b"UNKNOWN" not in matched:  # sums need all times
         sums.check_sums(place.path / "x.klt", *sums.events(matched))
+    # A slice of the whole trace has its number of events and so its bins.
+    if place.folder.name == "ring":
+        place.run("--logfile-name slice.klt --logfile-format KLT")
+        place.run("--sumdata", name="slice.klt")
+        expect("width of a slice's bins", *(place.files(name)[".sum.fnc"][8:16]
+                                            for name in ("x.klt", "slice.klt")))
     for word in ("fnc", "cop", "msg", "cnt", "rep") if place.folder.expected("sum.fnc") else ():
         # The sign of a NaN isn't defined.
         sums.compare_files(f".sum.{word}", *(

@@ -8,18 +8,21 @@ usage: check_package.py BUILD SOURCE
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
 
-INSTALLED = ("bin/klttool", "share/man/man1/klttool.1", "share/doc/klttool/README.md",
+PROGRAMS = ("klttool", "klt-sum-report", "klt-trace-json", "klt-parallel-windows")
+INSTALLED = (*(f"bin/{name}" for name in PROGRAMS), "share/doc/klttool/README.md",
+             *(f"share/man/man1/{name}.1.gz" for name in PROGRAMS), "share/klttool/magic",
              "share/bash-completion/completions/klttool", "share/zsh/site-functions/_klttool",
              "share/fish/vendor_completions.d/klttool.fish", "include/klttool/klt/klt.h")
 
 
 def run(*command, **options):
-    done = subprocess.run([str(part) for part in command], stdin=subprocess.DEVNULL,
-                          capture_output=True, text=True, check=False, **options)
+    done = subprocess.run([str(part) for part in command], capture_output=True, text=True,
+                          check=False, **{"input": "", **options})
     if done.returncode != 0:
         sys.exit(f"{command}: status {done.returncode}\n{done.stdout}\n{done.stderr}")
     return done.stdout
@@ -31,6 +34,20 @@ def check_install(build, source, place):
     trace = prefix / "share/doc/klttool/examples/hpcc.klt"
     lines = re.findall("^.* ONETOONE .*$", run(prefix / "bin/klttool", trace, "--dump", "--matched-rkf"),
                        re.M)
+
+    # The other programs find klttool and their modules, and file(1) knows both forms of a trace.
+    text = run(prefix / "bin/klttool", trace, "--dump")
+    for command, options in (("klt-sum-report", (trace, "-o", place / "run.html")),
+                             ("klt-trace-json", ("-o", place / "run.json.gz")),
+                             ("klt-parallel-windows", ("--program", prefix / "bin/klttool", trace))):
+        run(sys.executable, prefix / "bin" / command, *options, input=text)
+    if "MPI_Send" not in (place / "run.html").read_text():
+        sys.exit("the page lacks names")
+    index = place / "index.klt"
+    run(prefix / "bin/klttool", trace, "--convert", index, "--logfile-format", "KLT")
+    kinds = run("file", "-bm", prefix / "share/klttool/magic", trace, index).splitlines()
+    if kinds != ["KLT trace, single file (version 1)", "KLT trace, index"]:
+        sys.exit(f"file(1) says {kinds}")
 
     # Builds the installed example in a separate directory.
     example = prefix / "share/doc/klttool/examples/reader"
@@ -45,13 +62,25 @@ def check_install(build, source, place):
 
 
 def check_packages(build, place):
-    run("cpack", "--config", build / "CPackConfig.cmake", "-B", place)
+    config = ("cpack", "--config", build / "CPackConfig.cmake", "-B", place)
+    run(*config)
     (package,) = place.glob("*.deb")
     names = run("dpkg-deb", "--contents", package).split()
     missing = [name for name in INSTALLED if f"./usr/{name}" not in names]
     depends = run("dpkg-deb", "--field", package, "Depends")
-    if missing or "zlib1g" not in depends or len(depends.split(",")) > 4:
+    if (missing or "zlib1g" not in depends or "python3" not in depends
+            or len(depends.split(",")) > 5):
         sys.exit(f"the package depends on {depends}, not in it: {missing}")
+    # Without dpkg-shlibdeps there is no package rather than one without dependencies.
+    tools = place / "tools"
+    tools.mkdir()
+    for name in ("cpack", "cmake"):
+        (tools / name).symlink_to(shutil.which(name))
+    package.unlink()
+    subprocess.run([str(part) for part in (*config, "-G", "DEB")], env={"PATH": str(tools)},
+                   capture_output=True, check=False)
+    if list(place.glob("*.deb")):
+        sys.exit("a package was built without dpkg-shlibdeps")
 
 
 if __name__ == "__main__":
