@@ -9,7 +9,7 @@
 //   raw         each side of a message is an event of its own
 //   compressed  raw, with compressed components
 //   realistic   each process begins or ends eight calls in an iteration, of 200 functions, up to 12
-//               deep, and sends a message to one of 30 others, with one of 20 tags
+//               deep, and sends a message to one of 6 others, with one of 8 tags
 //   keys        realistic, but nearly every message has its own tag
 //   flight      merged, but no message arrives before the end of the run
 //   scopes      each process begins a scope in each iteration; they end in the same order after the
@@ -143,15 +143,17 @@ void scatteredMessages(tb::Trace& trace, const Run& run, uint32_t tags) {
   for (uint64_t i = 0; i < run.iterations; ++i) {
     for (uint32_t k = 0; k < run.processes; ++k) {
       const uint32_t sender = random(run.processes);
+      const uint32_t tag = random(tags);
+      const uint32_t function = 1 + tag % kFunctions;
       s.at(1000 + i * kIterationTicks + k * kIterationTicks / run.processes)
           .message({.sender = sender,
-                    .receiver = (sender + 1 + random(30)) % run.processes,
+                    .receiver = (sender + 1 + random(6)) % run.processes,
                     .receiveTime = int64_t{100} + random(1000),
                     .communicator = 1,
-                    .size = kSize << random(8),
-                    .tag = random(tags),
-                    .senderFunction = 1 + random(kFunctions),
-                    .receiverFunction = 1 + random(kFunctions)});
+                    .size = kSize << tag % 8,
+                    .tag = tag,
+                    .senderFunction = function,
+                    .receiverFunction = function});
     }
   }
 }
@@ -211,7 +213,7 @@ constexpr Kind kKinds[] = {
     {"merged", 0, [](auto& t, auto& r) { calls(t, r), messages(t, r, true); }},
     {"raw", 1, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
     {"compressed", 3, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
-    {"realistic", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 20); }},
+    {"realistic", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 8); }},
     {"keys", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 1U << 30); }},
     {"flight", 0, [](auto& t, auto& r) { messages(t, r, false); }},
     {"scopes", 0, openScopes},

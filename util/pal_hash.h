@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -89,6 +91,14 @@ class PAL_KeyIndex {
     return 0;
   }
 
+  // Starts to fetch the slot of a hash into the caches.
+  void fetch(uint32_t hash) const { __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]); }
+  // The number that find() probably compares first; 0 if there is none.
+  [[nodiscard]] uint32_t guess(uint32_t hash) const {
+    const Slot& slot = slots_[hash & (slots_.size() - 1)];
+    return slot.key > cleared_ && slot.hash == hash ? slot.key - cleared_ : 0;
+  }
+
   // Adds a key that isn't in the index yet. `number` is from 1 to 2^31.
   void add(uint32_t hash, uint32_t number) {
     if (2 * ++size_ > slots_.size()) rebuild(4 * slots_.size());
@@ -132,6 +142,70 @@ class PAL_KeyIndex {
   uint32_t highest_ = 0;  // of the numbers of the keys
   uint32_t cleared_ = 0;  // sum of the highest numbers before each clear()
   PAL_Hash<Numbers> hash_;
+};
+
+// A vector in chunks of `PerChunk` elements, a power of two. Elements never move.
+template <class T, size_t PerChunk = 256>
+class PAL_Chunks {
+ public:
+  [[nodiscard]] size_t size() const { return size_; }
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  [[nodiscard]] T& operator[](size_t i) { return (*chunks_[i / PerChunk])[i % PerChunk]; }
+  [[nodiscard]] const T& operator[](size_t i) const {
+    return (*chunks_[i / PerChunk])[i % PerChunk];
+  }
+
+  // Adds an element and returns it.
+  T& add(T element) {
+    if (size_ == chunks_.size() * PerChunk) chunks_.push_back(std::make_unique<Chunk>());
+    return (*this)[size_++] = std::move(element);
+  }
+  // Removes all elements and keeps the chunks.
+  void clear() {
+    if constexpr (!std::is_trivially_destructible_v<T>) {
+      for (size_t i = 0; i < size_; ++i) (*this)[i] = T{};
+    }
+    size_ = 0;
+  }
+
+ private:
+  using Chunk = std::array<T, PerChunk>;
+
+  std::vector<std::unique_ptr<Chunk>> chunks_;
+  size_t size_ = 0;
+};
+
+// Items that wait until their memory has been fetched. With a table that is larger than the caches,
+// each lookup waits for main memory twice, for the slot of the hash table and for the entry. While
+// an item waits here, both are fetched. Items leave in the order in which they were added.
+template <class Item>
+class PAL_FetchQueue {
+ public:
+  // Adds an item, for which fetchSlot(item) is called now, fetchEntry(item) some items later, and
+  // use(item) again some items later.
+  template <class FetchSlot, class FetchEntry, class Use>
+  void add(const Item& item, FetchSlot fetchSlot, FetchEntry fetchEntry, Use use) {
+    at(added_) = item;
+    fetchSlot(item);
+    if (added_ >= kDistance) fetchEntry(at(added_ - kDistance));
+    if (added_ - used_ == 2 * kDistance) use(at(used_++));
+    ++added_;
+  }
+  // Calls use(item) for all that wait.
+  template <class Use>
+  void flush(Use use) {
+    while (used_ != added_) use(at(used_++));
+    added_ = used_ = 0;
+  }
+
+ private:
+  static constexpr size_t kDistance = 8;
+
+  [[nodiscard]] Item& at(size_t i) { return items_[i % items_.size()]; }
+
+  std::array<Item, 4 * kDistance> items_;
+  size_t added_ = 0;
+  size_t used_ = 0;
 };
 
 // Sorts `items`, which are in order of insertion, into the order in which a chained hash table with

@@ -148,8 +148,18 @@ void KLTT_SumTables::flushCollectives(KLTT_SumFile& file) {
 // --- Messages -----------------------------------------------------------------------------------
 
 void KLTT_SumTables::message(const KLTT_SumMessage& m) {
-  const auto [sums, isNew] = messages_[{m.sender, m.receiver, m.communicator, m.size, m.tag,
-                                        m.senderFunction, m.receiverFunction}];
+  const MessageTable::Key key = {m.sender, m.receiver,       m.communicator,    m.size,
+                                 m.tag,    m.senderFunction, m.receiverFunction};
+  using Waiting = WaitingMessage;
+  waiting_.add(
+      {m, key, messages_.hashOf(key)}, [this](const Waiting& w) { messages_.fetchSlot(w.hash); },
+      [this](const Waiting& w) { messages_.fetchEntry(w.hash); },
+      [this](const Waiting& w) { addMessage(w); });
+}
+
+void KLTT_SumTables::addMessage(const WaitingMessage& waiting) {
+  const KLTT_SumMessage& m = waiting.message;
+  const auto [sums, isNew] = messages_.at(waiting.key, waiting.hash);
   ++sums.count;
   sums.times += m.time;
   sums.durations += static_cast<uint64_t>(m.duration);
@@ -163,6 +173,7 @@ void KLTT_SumTables::message(const KLTT_SumMessage& m) {
 // u32 messages; u64 sum of their times; i64 sum of durations, shortest, longest; u32 sender,
 // receiver, communicator, tag, size, sum of sizes, function of sender and receiver, scl of both.
 void KLTT_SumTables::flushMessages(KLTT_SumFile& file) {
+  waiting_.flush([this](const WaitingMessage& waiting) { addMessage(waiting); });
   if (messages_.empty()) return;
   const auto hash = [](const auto& key) {
     const auto [sender, receiver, communicator, size, tag, senderFunction, receiverFunction] = key;

@@ -12,12 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "generic/summary/kltt_summary_events.h"
 #include "klt/index/klt_idmap.h"
 #include "util/pal_hash.h"
 
 class KLTT_SumFile;
 struct KLTT_SumMembers;
-struct KLTT_SumMessage;
 
 // The number of chains of the hash table that defines the order of keys in the files.
 inline constexpr uint32_t kKlttSumBuckets = 31;
@@ -32,15 +32,21 @@ class KLTT_BinTable {
     Value value;
   };
 
-  // The value of `key`, and whether it is new. The reference is valid until an entry is added.
-  std::pair<Value&, bool> operator[](const Key& key) {
-    const uint32_t hash = index_.hashOf(key);
+  // The value of `key`, and whether it is new. The reference is valid until clear().
+  std::pair<Value&, bool> operator[](const Key& key) { return at(key, hashOf(key)); }
+  std::pair<Value&, bool> at(const Key& key, uint32_t hash) {
     const uint32_t known =
         index_.find(hash, [&](uint32_t number) { return same(entries_[number - 1].key, key); });
     if (known != 0) return {entries_[known - 1].value, false};
-    entries_.push_back({key, Value{}});
+    Entry& entry = entries_.add({key, Value{}});
     index_.add(hash, static_cast<uint32_t>(entries_.size()));
-    return {entries_.back().value, true};
+    return {entry.value, true};
+  }
+  [[nodiscard]] uint32_t hashOf(const Key& key) const { return index_.hashOf(key); }
+  // Start to fetch what at() needs for this hash: the slot, and later the entry.
+  void fetchSlot(uint32_t hash) const { index_.fetch(hash); }
+  void fetchEntry(uint32_t hash) const {
+    if (const uint32_t number = index_.guess(hash)) __builtin_prefetch(&entries_[number - 1], 1);
   }
 
   [[nodiscard]] bool empty() const { return entries_.empty(); }
@@ -69,7 +75,7 @@ class KLTT_BinTable {
     return differing == 0;
   }
 
-  std::vector<Entry> entries_;  // in the order of insertion
+  PAL_Chunks<Entry> entries_;  // in the order of insertion
   PAL_KeyIndex<Words> index_;
 };
 
@@ -78,7 +84,8 @@ class KLTT_SumTables {
   void collective(uint64_t time, uint32_t root, uint32_t communicator, uint32_t type,
                   uint32_t eventBits, const KLTT_SumMembers& members);
 
-  // The duration is negative if the receive was first, or if a side isn't known.
+  // The duration is negative if the receive was first, or if a side isn't known. The sums change
+  // after some more messages, or by flushMessages().
   void message(const KLTT_SumMessage& message);
 
   void defineCounter(uint32_t id, uint32_t type);
@@ -129,6 +136,14 @@ class KLTT_SumTables {
     double lastValue = 0;
   };
 
+  using MessageTable = KLTT_BinTable<7, MessageSums>;
+  struct WaitingMessage {
+    KLTT_SumMessage message;
+    MessageTable::Key key{};
+    uint32_t hash = 0;
+  };
+
+  void addMessage(const WaitingMessage& waiting);
   [[nodiscard]] static Member memberOf(uint64_t time, uint32_t eventBits,
                                        const KLTT_SumMembers& members, uint32_t i);
   [[nodiscard]] static bool isSeen(const KLTT_SumMembers& members, uint32_t i);
@@ -137,7 +152,8 @@ class KLTT_SumTables {
 
   KLTT_BinTable<3, CollectiveSums> collectives_;  // communicator, type, root
   // Sender, receiver, communicator, size, tag, function of sender and of receiver.
-  KLTT_BinTable<7, MessageSums> messages_;
+  MessageTable messages_;
+  PAL_FetchQueue<WaitingMessage> waiting_;
   KLTT_BinTable<2, CounterSums> counters_;  // thread, counter
   KLT_IdIndex counterIndex_{65536};
   std::vector<uint8_t> counterFlags_;

@@ -47,6 +47,15 @@ void addMember(KLT_FileStats& stats, KLT_CollectiveStat& stat, size_t i, const u
   stat.sumDuration[i] += duration;
 }
 
+void addMessage(KLT_FileStats& stats, const KLT_MessageDuration& m) {
+  KLT_MessageStat& stat = stats.messages.at(stats.messages.place(m.key, m.hash));
+  ++stat.count;
+  stat.sum =
+      static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(m.duration));
+  stat.min = std::min(stat.min, m.duration);
+  stat.max = std::max(stat.max, m.duration);
+}
+
 }  // namespace
 
 std::unique_ptr<KLT_FileStats> KLT_FileStatsInit(const KLT_StatsParameters& parameters) {
@@ -57,19 +66,23 @@ std::unique_ptr<KLT_FileStats> KLT_FileStatsInit(const KLT_StatsParameters& para
 }
 
 uint32_t KLT_FunctionPlace(KLT_FileStats& stats, const KLT_FunctionStat::Key& key) {
-  const size_t before = stats.functions.all().size();
+  const size_t before = stats.functions.size();
   const uint32_t place = stats.functions.place(key);
   if (place > before && !stats.defersFunctions) stats.functionOrder.push_back(place);
   return place;
 }
 
 void KLT_FileStatsMessage(KLT_FileStats& stats, const KLT_MessageStat::Key& key, int64_t duration) {
-  KLT_MessageStat& stat = stats.messages.at(stats.messages.place(key));
-  ++stat.count;
-  stat.sum =
-      static_cast<int64_t>(static_cast<uint64_t>(stat.sum) + static_cast<uint64_t>(duration));
-  stat.min = std::min(stat.min, duration);
-  stat.max = std::max(stat.max, duration);
+  using Message = KLT_MessageDuration;
+  stats.waiting.add(
+      {key, stats.messages.hashOf(key), duration},
+      [&](const Message& m) { stats.messages.fetchSlot(m.hash); },
+      [&](const Message& m) { stats.messages.fetchEntry(m.hash); },
+      [&](const Message& m) { addMessage(stats, m); });
+}
+
+void KLT_FileStatsFlush(KLT_FileStats& stats) {
+  stats.waiting.flush([&](const KLT_MessageDuration& m) { addMessage(stats, m); });
 }
 
 void KLT_FileStatsCollective(KLT_FileStats& stats, const KLT_CollectiveStat::Key& key,

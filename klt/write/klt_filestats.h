@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "util/pal_hash.h"
@@ -69,32 +70,49 @@ class KLT_StatTable {
   using Key = typename Stat::Key;
 
   // The place (index plus 1) of the key's profile, which is created if there is none.
-  [[nodiscard, gnu::always_inline]] uint32_t place(const Key& key) {
-    const uint32_t hash = index_.hashOf(std::bit_cast<Numbers>(key));
+  [[nodiscard]] uint32_t place(const Key& key) { return place(key, hashOf(key)); }
+  [[nodiscard, gnu::always_inline]] uint32_t place(const Key& key, uint32_t hash) {
     const uint32_t known =
         index_.find(hash, [&](uint32_t place) { return stats_[place - 1].key == key; });
     return known != 0 ? known : add(key, hash);
+  }
+  [[nodiscard]] uint32_t hashOf(const Key& key) const {
+    return index_.hashOf(std::bit_cast<Numbers>(key));
+  }
+  // Start to fetch what place() needs for this hash: the slot, and later the profile.
+  void fetchSlot(uint32_t hash) const { index_.fetch(hash); }
+  void fetchEntry(uint32_t hash) const {
+    if (const uint32_t place = index_.guess(hash)) __builtin_prefetch(&stats_[place - 1], 1);
   }
   // Whether `place` is the place of the key's profile. Any number is allowed.
   [[nodiscard]] bool isAt(uint32_t place, const Key& key) const {
     return place - 1 < stats_.size() && stats_[place - 1].key == key;
   }
   [[nodiscard]] Stat& at(uint32_t place) { return stats_[place - 1]; }
-  [[nodiscard]] std::vector<Stat>& all() { return stats_; }
+  [[nodiscard]] size_t size() const { return stats_.size(); }
 
  private:
   static constexpr size_t kNumbers = sizeof(Key) / sizeof(uint32_t);
   using Numbers = std::array<uint32_t, kNumbers>;
 
   [[gnu::cold]] uint32_t add(const Key& key, uint32_t hash) {
-    stats_.emplace_back().key = key;
+    Stat stat;
+    stat.key = key;
+    stats_.add(std::move(stat));
     const auto place = static_cast<uint32_t>(stats_.size());
     index_.add(hash, place);
     return place;
   }
 
-  std::vector<Stat> stats_;
+  PAL_Chunks<Stat> stats_;
   PAL_KeyIndex<kNumbers> index_;
+};
+
+// A message that waits for its profile.
+struct KLT_MessageDuration {
+  KLT_MessageStat::Key key;
+  uint32_t hash;
+  int64_t duration;
 };
 
 struct KLT_FileStats {
@@ -103,6 +121,7 @@ struct KLT_FileStats {
   KLT_StatTable<KLT_FunctionStat> functions;
   KLT_StatTable<KLT_MessageStat> messages;
   KLT_StatTable<KLT_CollectiveStat> collectives;
+  PAL_FetchQueue<KLT_MessageDuration> waiting;
   std::vector<uint32_t> scratch;
   bool wrapped = false;  // a sum of bytes has exceeded 32 bits, which has been reported
   std::vector<uint32_t> functionOrder;  // the places of `functions` in the order of the output
@@ -136,8 +155,9 @@ struct KLT_FileStats {
   stat.totalInclusive += inclusive;
 }
 
-// Adds one message.
+// Adds one message. Its profile changes after some more messages, or by KLT_FileStatsFlush.
 void KLT_FileStatsMessage(KLT_FileStats& stats, const KLT_MessageStat::Key& key, int64_t duration);
+void KLT_FileStatsFlush(KLT_FileStats& stats);
 
 // Adds one operation of `members` members. `sent` or `received` may be null: that side counts as 0
 // bytes for the rate, and its minimum, maximum and sum don't change.

@@ -88,7 +88,7 @@ void KLT_WriterPlaceProfile(KLT_WFileHandle* writer, uint32_t number) {
 
 KLT_WriterCounts KLT_WriterCount(const KLT_WFileHandle* writer) {
   KLT_FileStats* const stats = writer->stats();
-  return {writer->contexts.size(), stats == nullptr ? 0 : stats->functions.all().size()};
+  return {writer->contexts.size(), stats == nullptr ? 0 : stats->functions.size()};
 }
 
 void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread) {

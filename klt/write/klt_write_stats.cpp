@@ -13,7 +13,8 @@ bool writeMessages(KLT_WFileHandle* writer, KLT_FileStats& stats) {
   const auto shifted = [&](int64_t ticks) {
     return static_cast<int64_t>(static_cast<uint64_t>(ticks) << stats.eventBits);
   };
-  for (const KLT_MessageStat& stat : stats.messages.all()) {
+  for (uint32_t place = 1; place <= stats.messages.size(); ++place) {
+    const KLT_MessageStat& stat = stats.messages.at(place);
     const KLT_MessageStat::Key& k = stat.key;
     written &= KLT_Write<KLT_Row::oneToOneProfile>(writer, nullptr, k.sender, k.receiver,
                                                    k.funcSender, k.funcReceiver, k.tag, k.comm,
@@ -27,7 +28,8 @@ bool writeCollectives(KLT_WFileHandle* writer, KLT_FileStats& stats) {
   bool written = true;
   const uint32_t bits = stats.eventBits;
   const double scale = std::ldexp(1.0, static_cast<int>(bits));
-  for (KLT_CollectiveStat& stat : stats.collectives.all()) {
+  for (uint32_t place = 1; place <= stats.collectives.size(); ++place) {
+    KLT_CollectiveStat& stat = stats.collectives.at(place);
     const size_t n = stat.exchanges.size();
     for (size_t i = 0; i < n; ++i) {
       if (stat.exchanges[i] != 0) stat.sumRate[i] /= stat.exchanges[i] * scale;
@@ -67,6 +69,7 @@ bool writeFunctions(KLT_WFileHandle* writer, KLT_FileStats& stats) {
 bool KLT_FileStatsFinish(KLT_WFileHandle& writer) {
   const std::unique_ptr<KLT_FileStats> stats = std::exchange(writer.fileStats, nullptr);
   if (stats == nullptr) return true;
+  KLT_FileStatsFlush(*stats);
   const bool messages = writeMessages(&writer, *stats);
   const bool collectives = writeCollectives(&writer, *stats);
   const bool functions = writeFunctions(&writer, *stats);
