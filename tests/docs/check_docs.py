@@ -35,7 +35,7 @@ def check_links(root, _):
     """Linked files and headings exist, and so do files of the source tree that are named."""
     source = re.compile(r"(?<![\w./])((?:util|klt|generic|tests|scripts|examples|tools|fuzz)"
                         r"/[\w./-]*[\w/])")
-    for path in (root / "README.md", *(root / "docs").glob("*.md")):
+    for path in (*root.glob("*.md"), *(root / "docs").glob("*.md")):
         text = Document(path).text
         for target in re.findall(r"\[[^\]]*\]\((?![a-z]+:)([^)\s]+)\)", text):
             name, _, anchor = target.partition("#")
@@ -61,8 +61,9 @@ def check_readme(root, program):
         place = pathlib.Path(directory)
         (place / "bin").mkdir()
         (place / "bin/klttool").symlink_to(program)
-        for part in ("examples", "tests/data/raw_ring"):
-            shutil.copytree(root / part, place / part)
+        for tool in (root / "tools").glob("klt-*"):
+            (place / "bin" / tool.name).symlink_to(tool)
+        shutil.copytree(root / "examples", place / "examples")
         environment = {"PATH": f"{place / 'bin'}:{os.environ['PATH']}", "LC_ALL": "C"}
         for command, shown in examples:
             done = subprocess.run(["sh", "-c", command], cwd=place, env=environment, text=True,
