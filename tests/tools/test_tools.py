@@ -14,6 +14,7 @@ import json
 import os
 import pathlib
 import re
+import resource
 import shutil
 import subprocess
 import sys
@@ -21,6 +22,7 @@ import tempfile
 import unittest
 from xml.etree import ElementTree
 
+resource.setrlimit(resource.RLIMIT_CPU, (300, 300))  # of each process, also of those it starts
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 KLTTOOL = os.environ.get("KLTTOOL", "klttool")
@@ -43,7 +45,7 @@ loader.exec_module(windows)
 def run(program, *arguments):
     """Standard output, standard error and status of a program."""
     done = subprocess.run([sys.executable, program, *map(str, arguments)], stdin=subprocess.DEVNULL,
-                          capture_output=True, encoding="utf-8", check=False, timeout=300)
+                          capture_output=True, encoding="utf-8", check=False)
     return done.stdout, done.stderr, done.returncode
 
 
@@ -120,8 +122,7 @@ class Browser(unittest.TestCase):
                 done = subprocess.run(
                     [browser, "--headless", "--no-sandbox", "--disable-gpu", "--dump-dom",
                      f"--user-data-dir={directory}/profile", "--window-size=1000,800", page.as_uri()],
-                    stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=True,
-                    timeout=120)
+                    stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=True)
                 self.assertIn("<title>widest 0</title>", done.stdout)
 
 
@@ -197,7 +198,7 @@ class ParallelWindows(unittest.TestCase):
         program = os.path.relpath(shutil.which(KLTTOOL), place)
         done = subprocess.run(
             [sys.executable, WINDOWS, "-n", "4", "-j", "2", "--program", program, DATA / "ring" / INPUT],
-            cwd=place, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True, timeout=300)
+            cwd=place, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True)
         self.assertEqual(done.stdout, Folder(DATA / "ring").expected("dump"))
         usage = run(WINDOWS)
         self.assertTrue(usage[1].startswith("usage: ") and usage[2] == 10)

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -14,6 +15,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+// A test that doesn't end is killed after this CPU time, whatever the load of the machine.
+const bool kLimitsTime = [] {
+  const rlimit limit = {600, 600};
+  return setrlimit(RLIMIT_CPU, &limit) == 0;
+}();
 
 TEST(PalUtil, CallsInADirectoryReturnToThePreviousOneWithTheirErrno) {
   const tb::TempDir directory;
