@@ -100,7 +100,8 @@ std::string PAL_PathInDir(const char* directory, const std::string& path) {
 }
 
 int PAL_OpenInDir(const char* directory, const char* path, int flags, mode_t mode) {
-  if (directory != nullptr && directory[0] != '\0' && path[0] != '/' && !IsDot(directory)) {
+  if (path[0] == '/') return Vfd_Open(path, flags, mode);
+  if (directory != nullptr && directory[0] != '\0' && !IsDot(directory)) {
     // vfd may close the file and later open it again by this path, from the working directory of
     // that time. So the path includes the directory, and the working directory isn't changed.
     const int descriptor = Vfd_Open(PAL_PathInDir(directory, path).c_str(), flags, mode);
@@ -126,6 +127,7 @@ bool PAL_FileLock::acquire(const char* directory, const char* path, mode_t mode)
 }
 
 int PAL_RemoveInDir(const char* directory, const char* path) {
+  if (path[0] == '/') return std::remove(path);
   return PAL_InDir(directory, [&] { return std::remove(path); });
 }
 
