@@ -45,7 +45,7 @@ std::string indexOf(std::string_view name) {
   const size_t first = slash == std::string_view::npos ? 0 : slash + 1;
   for (size_t dot = name.rfind('.'); dot != std::string_view::npos && dot > first;
        dot = name.rfind('.', dot - 1)) {
-    const std::string base(name.substr(0, dot));
+    std::string base(name.substr(0, dot));
     if (beginning(base.c_str()).starts_with("KLT")) return base;
   }
   return {};

@@ -135,8 +135,8 @@ bool RK_HintUnits(std::string_view value) {
     const Unit* unit = unknownUnit(lowerCase(word));
     if (unit == nullptr) continue;
     found = true;
-    RK_Hint("Write %g%c for %s%s.", std::atof(number.c_str()) * unit->factor, unit->letter,
-            number.c_str(), word.c_str());
+    RK_Hint("Write %g%c for %s%s.", std::strtod(number.c_str(), nullptr) * unit->factor,
+            unit->letter, number.c_str(), word.c_str());
   }
   return found;
 }
