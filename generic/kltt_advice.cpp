@@ -60,13 +60,14 @@ std::string traceIn(const char* directory) {
   for (int count = 0;
        !error && entry != std::filesystem::directory_iterator() && count < kMostEntries;
        entry.increment(error), ++count) {
-    if (entry->path().extension() == ".klt" && entry->is_regular_file(error)) {
-      names.push_back(entry->path().string());
-    }
-    error.clear();
+    if (entry->path().extension() == ".klt") names.push_back(entry->path().string());
   }
-  const auto least = std::min_element(names.begin(), names.end());
-  return least == names.end() ? std::string() : *least;
+  std::sort(names.begin(), names.end());
+  const auto trace = std::find_if(names.begin(), names.end(), [](const std::string& name) {
+    const std::string bytes = beginning(name.c_str());
+    return bytes.starts_with("KLT") || bytes.starts_with("SKLT");
+  });
+  return trace == names.end() ? std::string() : *trace;
 }
 
 void adviseOnRegularFile(const char* name) {

@@ -21,6 +21,7 @@
 #include "generic/kltt_advice.h"
 #include "generic/merge/kltt_merge.h"
 #include "generic/options/RK_conf.h"
+#include "generic/options/RK_hint.h"
 #include "generic/options/kltt_help.h"
 #include "generic/text/RK_output.h"
 #include "generic/text/kltt_exit.h"
@@ -198,6 +199,9 @@ void reportMergeFailure(int result, const char* input) {
     case KLTM_WRONG_TRACE:
       PAL_Error(RK_conf.sumdata != 0 ? "summary operation isn't applicable to unmerged traces\n"
                                      : "merge operation isn't applicable to merged traces\n");
+      if (RK_conf.sumdata != 0 && RK_conf.merge == 0)
+        RK_Hint("Merge it first: klttool %s --merge run.klt --logfile-format KLT --sumdata",
+                PAL_Printable(input).c_str());
       break;
     default:
       break;
