@@ -190,16 +190,24 @@ class ParallelWindows(unittest.TestCase):
                         times = [int(t) for t in re.findall(rb"^(\d+) ", output.getvalue(), re.M)]
                         self.assertTrue(kind == "matched" or times == sorted(times))
 
-
     def test_two_workers_write_what_one_dump_writes(self):
         # The path of the program is relative to a directory that isn't the workers' own.
         place = self.directory / "a" / "b"
         place.mkdir(parents=True)
         program = os.path.relpath(shutil.which(KLTTOOL), place)
-        done = subprocess.run(
-            [sys.executable, WINDOWS, "-n", "4", "-j", "2", "--program", program, DATA / "ring" / INPUT],
-            cwd=place, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=True)
-        self.assertEqual(done.stdout, Folder(DATA / "ring").expected("dump"))
+        command = [sys.executable, WINDOWS, "-n", "4", "-j", "2", "--program", program]
+        for name in ("ring", "collops", "io"):
+            expected = Folder(DATA / name).expected("dump")
+            with self.subTest(trace=name):
+                done = subprocess.run([*command, DATA / name / INPUT], cwd=place, check=True,
+                                      stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+                self.assertEqual(done.stdout, expected)
+                # The first window is dumped into a file, after what is in it already.
+                with open(place / "run.rkf", "wb", buffering=0) as output:
+                    output.write(b"before\n")
+                    subprocess.run([*command, DATA / name / INPUT], cwd=place, check=True,
+                                   stdin=subprocess.DEVNULL, stdout=output)
+                self.assertEqual((place / "run.rkf").read_bytes(), b"before\n" + expected)
         usage = run(WINDOWS)
         self.assertTrue(usage[1].startswith("usage: ") and usage[2] == 10)
 
