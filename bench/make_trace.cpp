@@ -57,7 +57,7 @@ void define(tb::Trace& trace, const Run& run) {
       .processes(std::vector<uint32_t>(run.processes, 1))
       .defineClass(1, "Application")
       .function(1, "step", 1)
-      .function(2, "exchange", 1)
+      .function(2, "MPI_Sendrecv", 1)
       .communicator(1, "world", {{0, static_cast<int32_t>(run.processes) - 1, 1}});
   const uint64_t messages = run.iterations * run.processes;
   trace.declarations().record(

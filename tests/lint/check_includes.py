@@ -18,7 +18,12 @@ import sys
 # From the lowest room to the highest. Rooms in one set of APART don't include each other.
 ROOMS = ("util", "util/triplets", "klt/format", "klt/storage", "klt/index", "klt/stream", "klt/read",
          "klt", "klt/write", "generic/options", "generic/text", "generic/tables", "generic/sink",
-         "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic")
+         "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic",
+         "analyze/core", "analyze/sums", "analyze/pass", "analyze/tables", "analyze")
+# Programs beside klttool include nothing of it but the installed headers.
+PROGRAMS = ("analyze",)
+INSTALLED = {"klt/klt.h", "klt/format/klt_handlers.h", "klt/format/klt_schema.h",
+             "klt/read/klt_request.h", "util/triplets/pal_triplets.h"}
 APART = ({"klt/read", "klt/write"}, {"klt/stream", "klt/write"},
          {"generic/options", "generic/text", "generic/tables"})
 # The reader includes the public header, whose functions it implements.
@@ -34,6 +39,9 @@ def problem_of_include(root, room, target):
     other = str(pathlib.PurePath(target).parent)
     if other not in ROOMS or not (root / target).exists():
         return f"write includes from the root, not \"{target}\""
+    program = room.split("/")[0]
+    if program in PROGRAMS and not other.startswith(program) and target not in INSTALLED:
+        return f"{target} isn't an installed header"
     together = {room, other}
     if ROOMS.index(other) > ROOMS.index(room) or any(
             together <= apart for apart in APART if room != other):
@@ -45,7 +53,7 @@ def defined_and_used(root, objects):
     """For each .cpp file the symbols that it defines, and the symbols that it uses."""
     defined, used = {}, {}
     for path in sorted(objects.rglob("*.cpp.o")):
-        match = re.search(r"\.dir/((?:util|klt|generic)/.*\.cpp)\.o$", str(path))
+        match = re.search(r"\.dir/((?:util|klt|generic|analyze)/.*\.cpp)\.o$", str(path))
         if not match or not (root / match[1]).exists():
             continue
         symbols = subprocess.run(["nm", "--format=posix", path], capture_output=True, text=True,

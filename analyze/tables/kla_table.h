@@ -1,0 +1,79 @@
+// A table of results, and its forms: text for people, CSV and JSON for programs.
+//
+// Names come from traces: control characters and invalid UTF-8 are escaped.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "analyze/core/kla_types.h"
+
+namespace kla {
+
+struct Ticks {
+  Sum value;
+};
+// A ratio, a bandwidth or a counter's value.
+struct Real {
+  double value;
+};
+using Cell = std::variant<std::monostate, std::string, uint64_t, Ticks, Real>;
+
+struct Column {
+  const char* name;
+  bool onlyText = false;          // not in CSV and JSON
+  const char* heading = nullptr;  // in text, if it is shorter than the name
+};
+
+struct Table {
+  const char* name;
+  std::vector<Column> columns;
+  std::vector<std::vector<Cell>> rows;
+};
+
+enum class Format : uint8_t { kText, kCsv, kJson, kFolded };
+
+// Writes tables to a file. Owns its buffer, not the file.
+class TableWriter {
+ public:
+  // `width`: columns of the terminal; `resolution`: seconds of a tick; `mostRows`: of each table.
+  TableWriter(FILE* file, Format format, size_t width, double resolution, size_t mostRows);
+  ~TableWriter() { (void)finish(); }
+  TableWriter(const TableWriter&) = delete;
+  TableWriter& operator=(const TableWriter&) = delete;
+
+  void write(const Table& table);
+  // A line of text, for what a table can't contain. Other formats leave it out.
+  void note(std::string_view text);
+  // Completes the output. Returns whether everything was written.
+  bool finish();
+
+ private:
+  void put(std::string_view text);
+  void writeText(const Table& table);
+  void writeCsv(const Table& table);
+  void writeJson(const Table& table);
+  [[nodiscard]] std::string cell(const Cell& cell) const;
+  [[nodiscard]] size_t rowsOf(const Table& table) const;
+
+  FILE* file_;
+  Format format_;
+  size_t width_;
+  double resolution_;
+  size_t mostRows_;
+  bool failed_ = false, finished_ = false;
+  uint32_t tables_ = 0;
+  std::string buffer_;
+};
+
+// The decimals that tell two times of this resolution apart.
+[[nodiscard]] int decimalsOf(double resolution);
+// Ticks as seconds with that many decimals.
+[[nodiscard]] std::string secondsText(Sum ticks, double resolution);
+
+}  // namespace kla
