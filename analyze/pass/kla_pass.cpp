@@ -53,9 +53,13 @@ int Analysis::run(const Wanted& wanted) {
   };
   if (wanted.bins != 0) {
     bool ignored = false;
-    if (!window_) (void)readAll(openReader(spanHandlers(*this)).get(), ignored);
+    if (!window_ || !definitions.hasRun)
+      (void)readAll(openReader(spanHandlers(*this)).get(), ignored);
     const Window span = window_ ? Window{window_->start, windowEnd()} : Window{first_, last_};
-    if (span.start < span.end) bins = std::make_unique<MpiBins>(span, wanted.bins);
+    if (span.start < span.end) {
+      bins = std::make_unique<MpiBins>(span, wanted.bins);
+      if (listener != nullptr) listener->begin(span);
+    }
   }
   const KLT_HandlerTable table = eventHandlers(*this);
   const KLT_OwnedReader reader = openReader(table);

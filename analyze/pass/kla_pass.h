@@ -39,6 +39,8 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
+  // Before the first event, if the pass has bins: the span.
+  virtual void begin(Window span) = 0;
   virtual void enter(uint32_t thread, Time time, uint32_t function) = 0;
   virtual void leave(uint32_t thread, Time time) = 0;
   // A message with both sides; its receipt may be before its send or after the window.

@@ -19,7 +19,8 @@ import sys
 ROOMS = ("util", "util/triplets", "klt/format", "klt/storage", "klt/index", "klt/stream", "klt/read",
          "klt", "klt/write", "generic/options", "generic/text", "generic/tables", "generic/sink",
          "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic",
-         "analyze/core", "analyze/sums", "analyze/pass", "analyze/tables", "analyze")
+         "analyze/core", "analyze/sums", "analyze/pass", "analyze/tables",
+         "analyze/timeline", "analyze")
 # Programs beside klttool include nothing of it but the installed headers.
 PROGRAMS = ("analyze",)
 INSTALLED = {"klt/klt.h", "klt/format/klt_handlers.h", "klt/format/klt_schema.h",
@@ -30,7 +31,7 @@ APART = ({"klt/read", "klt/write"}, {"klt/stream", "klt/write"},
 ALLOWED = {("klt/read", "klt/klt.h")}
 MOST_FILES = 16
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"', re.M)
-GENERATED = ("klt_version.h",)
+GENERATED = ("klt_version.h", "kla_page_files.h")
 
 
 def problem_of_include(root, room, target):

@@ -1,0 +1,13 @@
+# Writes the files of the page to OUTPUT as constants of C++.
+set(header "// The files of analyze/page. Generated.\n#pragma once\n")
+foreach(pair Html:page.html Style:page.css Script:page.js)
+  string(REPLACE ":" ";" pair ${pair})
+  list(GET pair 0 name)
+  list(GET pair 1 file)
+  file(READ ${ROOT}/${file} bytes HEX)
+  string(REGEX REPLACE "(..)" "\\\\x\\1" bytes "${bytes}")
+  string(REPEAT "." 80 line)
+  string(REGEX REPLACE "(${line})" "\\1\"\n    \"" bytes "${bytes}")
+  string(APPEND header "inline constexpr char kPage${name}[] =\n    \"${bytes}\";\n")
+endforeach()
+file(WRITE ${OUTPUT} "${header}")
