@@ -59,6 +59,10 @@ class ThreadCalls {
     return node.function;
   }
 
+  // Whether the thread counts as one of the run although it may have no calls.
+  bool isDeclared = false;
+  [[nodiscard]] bool hasCalls() const { return nodes_.size() > 1 || isDeclared; }
+
   // MPI calls that are open, and the start and function of the outermost.
   uint32_t mpiDepth = 0;
   uint32_t mpiFunction = kNone;

@@ -49,6 +49,8 @@ async function load() {
     cols[name] = decodeColumn(bytes, 4 + size, place);
   }
   for (const kind of ['call', 'scope', 'file']) cols[kind + 'Groups'] = groupsOf(kind);
+  cols.density = [0, 1, 2].map((rank) => cols['density' + rank]);
+  cols.share = [0, 1, 2].map((rank) => new Uint8Array(cols['share' + rank]));
   cols.waitGroups = runsOf(cols.waitRow);
   cols.partStart = [];
   let part = 0;
@@ -211,7 +213,14 @@ function fill(x0, y0, x1, y1, colour) {
   const right = Math.min(image.width, Math.max(left + 1, Math.round(x1 * ratio)));
   const top = Math.max(Math.round(AXIS * ratio), Math.round(y0 * ratio));
   const bottom = Math.min(image.height, Math.round(y1 * ratio));
-  for (let y = top; y < bottom; ++y) pixels.fill(colour, y * image.width + left, y * image.width + right);
+  const width = image.width;
+  if (right - left > 24) {
+    for (let y = top; y < bottom; ++y) pixels.fill(colour, y * width + left, y * width + right);
+    return;
+  }
+  for (let y = top; y < bottom; ++y) {
+    for (let i = y * width + left, end = y * width + right; i < end; ++i) pixels[i] = colour;
+  }
 }
 
 const colourFor = (what) => state.matches && !state.matches.has(what) ? theme.dim[what] : theme.packed[what];
@@ -225,34 +234,56 @@ function firstAfter(from, length, start, end, unit) {
   return start;
 }
 
-// The shares of functions in each column of pixels.
-function paintDensity(line, y0, height) {
-  const bins = trace.bins, perBin = state.end / bins;
-  const step = 1 / ratio;
-  const sums = new Map();
-  for (let x = GUTTER; x < state.width; x += step) {
-    const start = unitAt(x), end = unitAt(x + step);
-    if (end < 0 || start > state.end) continue;
-    const first = Math.max(0, Math.floor(start / perBin)), last = Math.min(bins - 1, Math.max(first, Math.ceil(end / perBin) - 1));
-    const stride = Math.max(1, Math.floor((last - first + 1) / 8));
-    let count = 0;
-    sums.clear();
-    for (const member of line.members) {
-      for (let bin = first; bin <= last; bin += stride) {
-        ++count;
-        for (const rank of [0, 1, 2]) {
-          const what = cols['density' + rank][member * bins + bin];
-          if (what === 0) break;
-          sums.set(what - 1, (sums.get(what - 1) || 0) + cols['share' + rank][member * bins + bin]);
+// The shares of functions between two bins of some rows, the largest first, in `shares`.
+const shares = {count: 0, whats: new Uint32Array(64), sums: new Float64Array(64)};
+function addShares(members, first, last) {
+  const {whats, sums} = shares, stride = Math.max(1, Math.floor((last - first + 1) / 6));
+  let cells = 0, count = 0;
+  for (const member of members) {
+    for (let bin = first; bin <= last; bin += stride, ++cells) {
+      const at = member * trace.bins + bin;
+      for (let rank = 0; rank < 3; ++rank) {
+        const what = cols.density[rank][at];
+        if (what === 0) break;
+        let i = 0;
+        while (i < count && whats[i] !== what - 1) ++i;
+        if (i === count) {
+          if (count === whats.length) continue;
+          whats[count] = what - 1;
+          sums[count++] = 0;
         }
+        sums[i] += cols.share[rank][at];
       }
     }
+  }
+  for (let i = 0; i < count; ++i) {
+    sums[i] /= cells * 255;
+    for (let j = i; j > 0 && sums[j] > sums[j - 1]; --j) {
+      [sums[j], sums[j - 1]] = [sums[j - 1], sums[j]];
+      [whats[j], whats[j - 1]] = [whats[j - 1], whats[j]];
+    }
+  }
+  shares.count = count;
+}
+
+// The shares of functions in each column of pixels. Columns in the same bins are drawn together.
+function paintDensity(line, y0, height) {
+  const perBin = state.end / trace.bins, step = 1 / ratio;
+  for (let x = GUTTER; x < state.width;) {
+    const start = unitAt(x);
+    if (start > state.end) return;
+    const first = Math.max(0, Math.floor(start / perBin));
+    let next = x + step;
+    const last = Math.min(trace.bins - 1, Math.max(first, Math.ceil(unitAt(next) / perBin) - 1));
+    if (first === last) next = Math.max(next, Math.min(state.width, Math.floor(xOf((first + 1) * perBin) * ratio) / ratio));
+    addShares(line.members, first, last);
     let bottom = y0 + height;
-    for (const [what, sum] of [...sums].sort((a, b) => b[1] - a[1])) {
-      const part = sum / count / 255 * height;
-      fill(x, bottom - part, x + step, bottom, colourFor(what));
+    for (let i = 0; i < shares.count; ++i) {
+      const part = shares.sums[i] * height;
+      fill(x, bottom - part, next, bottom, colourFor(shares.whats[i]));
       bottom -= part;
     }
+    x = next;
   }
 }
 
@@ -546,35 +577,31 @@ let overview, overviewImage;
 function paintOverview() {
   overview.width = Math.round(overview.clientWidth * ratio);
   overview.height = Math.round(overview.clientHeight * ratio);
-  const c = overview.getContext('2d'), width = overview.width, height = overview.height;
-  const rows = trace.threads.length, stride = Math.max(1, Math.floor(rows / 64));
+  overviewImage = element('canvas');
+  overviewImage.width = overview.width;
+  overviewImage.height = overview.height;
+  const c = overviewImage.getContext('2d'), width = overview.width, height = overview.height;
+  const stride = Math.max(1, Math.floor(trace.threads.length / 64)), some = [];
+  for (let row = 0; row < trace.threads.length; row += stride) some.push(row);
   c.fillStyle = css(theme.back);
   c.fillRect(0, 0, width, height);
   const left = Math.round(GUTTER * ratio);
   for (let x = left; x < width; ++x) {
     const bin = Math.floor((x - left) / (width - left) * trace.bins);
-    const sums = new Map();
-    let count = 0;
-    for (let row = 0; row < rows; row += stride, ++count) {
-      for (const rank of [0, 1, 2]) {
-        const what = cols['density' + rank][row * trace.bins + bin];
-        if (what !== 0) sums.set(what - 1, (sums.get(what - 1) || 0) + cols['share' + rank][row * trace.bins + bin]);
-      }
-    }
+    addShares(some, bin, bin);
     let y = height;
-    for (const [what, sum] of [...sums].sort((a, b) => a[0] - b[0])) {
-      const part = sum / count / 255 * height;
-      c.fillStyle = css(colours[what]);
+    for (let i = 0; i < shares.count; ++i) {
+      const part = shares.sums[i] * height;
+      c.fillStyle = css(colours[shares.whats[i]]);
       c.fillRect(x, y - part, 1, part);
       y -= part;
     }
   }
-  overviewImage = c.getImageData(0, 0, width, height);
 }
 
 function paintOverviewWindow() {
   const c = overview.getContext('2d'), left = GUTTER * ratio, width = overview.width - left;
-  c.putImageData(overviewImage, 0, 0);
+  c.drawImage(overviewImage, 0, 0);
   const a = left + state.from / state.end * width, b = left + state.to / state.end * width;
   c.fillStyle = theme.dark ? 'rgba(10,12,16,.62)' : 'rgba(255,255,255,.68)';
   c.fillRect(left, 0, a - left, overview.height);

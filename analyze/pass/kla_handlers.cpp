@@ -240,6 +240,10 @@ KLT_HandlerTable eventHandlers(Analysis& a) {
     table.file_io_begin = &fileBegin;
     table.file_io_end = &fileEnd;
   }
+  // A reader delivers the messages and operations that are open at the start of a window only if
+  // these two are there.
+  table.begin_of_history = table.end_of_history = [](void*, uint64_t, uint32_t, uint32_t,
+                                                     const PAL_Triplet*) { return 0; };
   table.message_raw_event = &rawMessage;
   table.collop_raw_event = &rawCollective;
   return table;

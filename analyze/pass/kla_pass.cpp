@@ -85,6 +85,7 @@ void Analysis::finish() {
     span_ = otherFirst_ <= otherLast_ ? Window{otherFirst_, otherLast_} : Window{0, 0};
   }
   for (uint32_t thread = 0; thread < calls.size(); ++thread) {
+    anyCalls_ = anyCalls_ || calls[thread].hasCalls();
     while (!calls[thread].stack().empty()) {
       const uint32_t function = calls[thread].leave(span_.end);
       if (needsCalls(*this)) callEnded(*this, thread, function);
@@ -96,14 +97,21 @@ void Analysis::finish() {
 // A process without any call in the window is outside MPI all the time.
 void Analysis::addDeclaredThreads() {
   for (uint32_t process = 0; process < definitions.threads.size(); ++process) {
-    if (process <= kProcessMask && definitions.threads[process] != 0) (void)calls.indexOf(process);
+    if (process > kProcessMask || definitions.threads[process] == 0) continue;
+    const uint32_t thread = calls.indexOf(process);
+    calls[thread].isDeclared = true;
   }
+}
+
+// If no thread has calls, those with other events count.
+bool Analysis::counts(uint32_t thread) const {
+  return calls[thread].selected() && (!anyCalls_ || calls[thread].hasCalls());
 }
 
 std::vector<Analysis::Process> Analysis::processes() const {
   std::map<uint32_t, std::map<uint32_t, uint32_t>> found;
   for (uint32_t thread = 0; thread < calls.size(); ++thread) {
-    if (!calls[thread].selected()) continue;
+    if (!counts(thread)) continue;
     const uint32_t gtp = calls[thread].gtp();
     found[processOf(gtp)][gtp] = thread;
   }
@@ -117,7 +125,7 @@ std::vector<Analysis::Process> Analysis::processes() const {
 
 uint64_t Analysis::threadCount() const {
   uint64_t count = 0;
-  for (uint32_t thread = 0; thread < calls.size(); ++thread) count += calls[thread].selected();
+  for (uint32_t thread = 0; thread < calls.size(); ++thread) count += counts(thread);
   return count;
 }
 

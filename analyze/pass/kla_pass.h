@@ -84,7 +84,9 @@ class Analysis {
   // From the first to the last call of the selected threads, or the window; without any calls,
   // from the first to the last event.
   [[nodiscard]] Window span() const { return span_; }
-  // The processes with selected threads, and the indices of these threads, both ascending.
+  // Whether a thread is selected and has calls.
+  [[nodiscard]] bool counts(uint32_t thread) const;
+  // The processes with such threads, and the indices of these threads, both ascending.
   struct Process {
     uint32_t process;
     std::vector<uint32_t> threads;
@@ -122,6 +124,7 @@ class Analysis {
   Time first_ = kNever, last_ = 0;            // of calls
   Time otherFirst_ = kNever, otherLast_ = 0;  // of other events
   Window span_;
+  bool anyCalls_ = false;
 };
 
 }  // namespace kla

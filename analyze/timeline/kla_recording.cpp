@@ -7,7 +7,7 @@ namespace kla {
 
 namespace {
 
-constexpr size_t kMostCalls = 250000;
+constexpr size_t kMostCalls = 400000;
 constexpr size_t kMostMessages = 60000;
 constexpr size_t kMostWaits = 60000;
 constexpr size_t kMostOperations = 20000;
