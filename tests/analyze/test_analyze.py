@@ -152,6 +152,16 @@ class Forms(unittest.TestCase):
             for row in made[name]:
                 self.assertEqual(",".join(row), columns)
 
+    def test_options_are_documented(self):
+        for program, variable in (("klt-analyze", "KLT_ANALYZE"), ("klt-timeline", "KLT_TIMELINE")):
+            options = set(re.findall(r"--[a-z-]+", run(variable, "--help")[0]))
+            self.assertGreater(len(options), 5)
+            for place in (f"man/{program}.1", *(f"completions/analyze/klt-analyze.{shell}"
+                                                for shell in ("bash", "zsh", "fish"))):
+                text = (ROOT / place).read_text(encoding="utf-8").replace("\\-", "-")
+                for option in options:
+                    self.assertRegex(text, f"(--|-l ){option[2:]}\\b", place)
+
     def test_text_fits_the_terminal(self):
         os.environ["COLUMNS"] = "90"
         for line in run("KLT_ANALYZE", HPCC, "callpaths")[0].splitlines()[1:]:

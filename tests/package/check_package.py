@@ -19,6 +19,10 @@ INSTALLED = (*(f"bin/{name}" for name in PROGRAMS), "share/doc/klttool/README.md
              "share/bash-completion/completions/klttool", "share/zsh/site-functions/_klttool",
              "share/fish/vendor_completions.d/klttool.fish", "include/klttool/klt/klt.h")
 
+ANALYSIS = ("bin/klt-analyze", "bin/klt-timeline", "share/bash-completion/completions/klt-timeline",
+            "share/zsh/site-functions/_klt-analyze",
+            "share/fish/vendor_completions.d/klt-analyze.fish")
+
 
 def run(*command, **options):
     done = subprocess.run([str(part) for part in command], capture_output=True, text=True,
@@ -64,7 +68,13 @@ def check_install(build, source, place):
 def check_packages(build, place):
     config = ("cpack", "--config", build / "CPackConfig.cmake", "-B", place)
     run(*config)
-    (package,) = place.glob("*.deb")
+    (package,) = place.glob("klttool_*.deb")
+    (analysis,) = place.glob("klt-analyze_*.deb")
+    names = run("dpkg-deb", "--contents", analysis).split()
+    missing = [name for name in ANALYSIS if f"./usr/{name}" not in names]
+    depends = run("dpkg-deb", "--field", analysis, "Depends")
+    if missing or "klttool (=" not in depends:
+        sys.exit(f"the package of the analysis depends on {depends}, not in it: {missing}")
     names = run("dpkg-deb", "--contents", package).split()
     missing = [name for name in INSTALLED if f"./usr/{name}" not in names]
     depends = run("dpkg-deb", "--field", package, "Depends")
@@ -76,7 +86,8 @@ def check_packages(build, place):
     tools.mkdir()
     for name in ("cpack", "cmake"):
         (tools / name).symlink_to(shutil.which(name))
-    package.unlink()
+    for built in place.glob("*.deb"):
+        built.unlink()
     subprocess.run([str(part) for part in (*config, "-G", "DEB")], env={"PATH": str(tools)},
                    capture_output=True, check=False)
     if list(place.glob("*.deb")):
