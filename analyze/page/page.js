@@ -173,9 +173,10 @@ function buildRows() {
     const members = state.grouped ?
         trace.threads.flatMap((t, i) => t[1] === process ? [i] : []) : [row];
     rows.push({kind: 'thread', row, members});
-    if (cols.scopeGroups.has(row)) rows.push({kind: 'scope', row});
-    if (cols.fileGroups.has(row)) rows.push({kind: 'file', row});
-    for (const track of trace.tracks) if (track.row === row) rows.push({kind: 'track', row, track});
+    const scopes = cols.scopeGroups.get(row);
+    if (scopes) rows.push({kind: 'scope', row, height: STRIP * (1 + scopes[scopes.length - 1][2])});
+    if (cols.fileGroups.has(row)) rows.push({kind: 'file', row, height: STRIP});
+    for (const track of trace.tracks) if (track.row === row) rows.push({kind: 'track', row, track, height: TRACK});
   });
   state.rows = rows;
   layout();
@@ -183,13 +184,13 @@ function buildRows() {
 
 function layout() {
   const threads = state.rows.filter((r) => r.kind === 'thread').length || 1;
-  const others = state.rows.reduce((sum, r) => sum + (r.kind === 'track' ? TRACK : r.kind === 'thread' ? 0 : STRIP), 0);
+  const others = state.rows.reduce((sum, r) => sum + (r.kind === 'thread' ? 0 : r.height), 0);
   const space = state.height - AXIS - others;
-  const height = state.rowHeight || Math.max(6, Math.min(84, Math.floor(space / threads)));
+  const height = state.rowHeight || Math.max(others > 0 || threads < 40 ? 26 : 6, Math.min(84, Math.floor(space / threads)));
   let y = 0;
   for (const row of state.rows) {
     row.y = y;
-    row.height = row.kind === 'thread' ? height : row.kind === 'track' ? TRACK : STRIP;
+    if (row.kind === 'thread') row.height = height;
     y += row.height;
   }
   state.used = height;
@@ -287,6 +288,12 @@ function paintDensity(line, y0, height) {
   }
 }
 
+// Top and bottom of a bar in its row: calls are nested, scopes have lanes.
+function edgesOf(kind, depth, y0, height) {
+  if (kind === 'scope') return [y0 + depth * STRIP, y0 + (depth + 1) * STRIP - 1];
+  return [y0 + (kind === 'call' ? insetOf(depth, height) : 0), y0 + height - 1];
+}
+
 function insetOf(depth, height) {
   return Math.min(depth * Math.max(2, Math.min(12, height / 5)), Math.max(0, height - 5));
 }
@@ -294,16 +301,17 @@ function insetOf(depth, height) {
 // The calls of one depth; adds the texts in them to `labels`.
 function paintBars(kind, [start, end, depth], y0, height, colour, labels) {
   const from = cols[kind + 'From'], length = cols[kind + 'Length'], what = cols[kind + 'What'];
-  const top = y0 + insetOf(depth, height);
+  const [top, bottom] = edgesOf(kind, depth, y0, height);
   const least = 0.8 / state.scale;
   for (let i = firstAfter(from, length, start, end, state.from); i < end && from[i] < state.to; ++i) {
     if (length[i] < least) continue;
     const x0 = xOf(from[i]), x1 = xOf(from[i] + length[i]);
-    fill(x0, top, x1, y0 + height - 1, colour(what[i]));
-    if (kind === 'call' && x1 - x0 >= 3) fill(x0, top, x0 + 1 / ratio, y0 + height - 1, theme.edge[what[i]]);
+    fill(x0, top, x1, bottom, colour(what[i]));
+    if (kind === 'call' && x1 - x0 >= 3) fill(x0, top, x0 + 1 / ratio, bottom, theme.edge[what[i]]);
     const left = Math.max(GUTTER, x0), width = Math.min(x1, state.width) - left;
+    if (kind !== 'call') fill(x0, top, x0 + 1 / ratio, bottom, packed(theme.back));
     if (labels.length < MOST_LABELS && width >= LEAST_LABEL && height >= 11) {
-      labels.push({kind, what: what[i], x: left, y: top, width, height: y0 + height - top, inner: i});
+      labels.push({kind, what: what[i], x: left, y: top, width, height: bottom + 1 - top, inner: i});
     }
   }
 }
@@ -500,9 +508,9 @@ function paintSelection() {
     const line = s.kind === 'call' ? state.lineOf.get(cols.callRow[s.index]) :
         state.rows.find((r) => r.kind === s.kind && r.row === cols[s.kind + 'Row'][s.index]);
     if (line) {
-      const y = AXIS + line.y - state.scroll + (s.kind === 'call' ? insetOf(cols.callDepth[s.index], line.height) : 0);
+      const [y, bottom] = edgesOf(s.kind, cols[s.kind + 'Depth'][s.index], AXIS + line.y - state.scroll, line.height);
       const x = xOf(cols[s.kind + 'From'][s.index]);
-      context.strokeRect(x, y + 1, Math.max(2, cols[s.kind + 'Length'][s.index] * state.scale), AXIS + line.y - state.scroll + line.height - y - 2);
+      context.strokeRect(x, y + 1, Math.max(2, cols[s.kind + 'Length'][s.index] * state.scale), bottom - y - 1);
     }
   }
   if (state.measure) {
@@ -564,7 +572,7 @@ function paintAxis() {
     if (x > state.width || i - first > 100) break;
     context.moveTo(x + 0.5, AXIS - 5);
     context.lineTo(x + 0.5, AXIS);
-    context.fillText(`${(i * step * factor).toFixed(Math.max(0, digits - less))} ${unit}`, x + 4, AXIS / 2);
+    if (x + 70 < state.width) context.fillText(`${(i * step * factor).toFixed(Math.max(0, digits - less))} ${unit}`, x + 4, AXIS / 2);
   }
   context.moveTo(0, AXIS - 0.5);
   context.lineTo(state.width, AXIS - 0.5);
@@ -672,7 +680,9 @@ function find(x, y) {
   const kind = line.kind === 'thread' ? 'call' : line.kind;
   let found = null;
   for (const [start, end, depth] of cols[kind + 'Groups'].get(line.row) || []) {
-    if (y < AXIS + line.y - state.scroll + (kind === 'call' ? insetOf(depth, line.height) : 0)) break;
+    const [top, bottom] = edgesOf(kind, depth, AXIS + line.y - state.scroll, line.height);
+    if (y < top) break;
+    if (y > bottom) continue;
     const i = firstAfter(cols[kind + 'From'], cols[kind + 'Length'], start, end, unit);
     if (i < end && cols[kind + 'From'][i] <= unit) found = {kind, index: i, row: line.row};
   }

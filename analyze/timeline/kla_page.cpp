@@ -194,6 +194,7 @@ class Page {
   void addTracks() {
     std::vector<Track::Point> points;
     for (const auto& [key, track] : recording_.tracks) {
+      if (row(key.first) == kNone) continue;  // a thread without calls
       tracks_ += tracks_.empty() ? "" : ",";
       const uint32_t index = analysis_.definitions.counterIds.find(key.second);
       const std::string unit = index == kNone ? "" : analysis_.definitions.counters[index].unit;

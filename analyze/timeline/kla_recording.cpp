@@ -2,6 +2,9 @@
 #include "analyze/timeline/kla_recording.h"
 
 #include <algorithm>
+#include <cmath>
+#include <tuple>
+#include <utility>
 
 namespace kla {
 
@@ -16,6 +19,7 @@ constexpr size_t kMostOtherBars = 20000;
 constexpr uint32_t kMostDepth = 60;  // deeper calls are only in the density
 constexpr uint32_t kCells = 600000;  // of the density
 constexpr uint32_t kMostBins = 4096, kLeastBins = 16;
+constexpr uint32_t kMostLanes = 8;  // of overlapping scopes
 constexpr size_t kMostTracks = 200;
 constexpr uint32_t kTrackPoints = 1000;
 
@@ -55,7 +59,8 @@ void Recording::begin(Window span) {
   for (const uint32_t threads : analysis_.definitions.threads) declared += threads;
   const auto threads = static_cast<uint32_t>(
       std::max(analysis_.threadCount(), std::min<uint64_t>(declared, kCells)));
-  density.begin(span, std::clamp(kCells / std::max(threads, 1U), kLeastBins, kMostBins));
+  const uint32_t bins = std::clamp(kCells / std::max(threads, 1U), kLeastBins, kMostBins);
+  density.begin(span, static_cast<uint32_t>(std::min<Time>(bins, span.end - span.start)));
 }
 
 std::vector<Recording::Frame>& Recording::stackOf(uint32_t thread) {
@@ -101,7 +106,8 @@ void Recording::scope(uint32_t thread, Time time, uint32_t scope, uint32_t numbe
 }
 
 void Recording::sample(uint32_t thread, Time time, uint32_t counter, double value) {
-  if (!analysis_.calls[thread].selected() || span_.start >= span_.end) return;
+  if (!analysis_.calls[thread].selected() || !std::isfinite(value) || span_.start >= span_.end)
+    return;
   const std::pair<uint32_t, uint32_t> key{thread, counter};
   const auto found = tracks.find(key);
   if (found == tracks.end() && tracks.size() >= kMostTracks) return;
@@ -130,7 +136,23 @@ void Recording::finish() {
     scopes.add(
         {thread, static_cast<uint32_t>(key.first), 0, key.second, from, std::max(from, span.end)});
   }
+  stackScopes();
   density.finish();
+}
+
+// Scopes of a thread may overlap: gives each the first lane in which it doesn't, as its depth.
+void Recording::stackScopes() {
+  std::vector<Bar>& bars = scopes.elements();
+  std::sort(bars.begin(), bars.end(), [](const Bar& a, const Bar& b) {
+    return std::tuple(a.thread, a.from, b.to) < std::tuple(b.thread, b.from, a.to);
+  });
+  std::vector<Time> ends(kMostLanes);
+  uint32_t thread = kNone;
+  for (Bar& bar : bars) {
+    if (std::exchange(thread, bar.thread) != bar.thread) std::fill(ends.begin(), ends.end(), 0);
+    while (bar.depth + 1 < kMostLanes && ends[bar.depth] > bar.from) ++bar.depth;
+    ends[bar.depth] = std::max(ends[bar.depth], bar.to);
+  }
 }
 
 }  // namespace kla

@@ -73,6 +73,7 @@ class Recording : public Listener {
     Time enter;
   };
   std::vector<Frame>& stackOf(uint32_t thread);
+  void stackScopes();
 
   Analysis& analysis_;
   Window span_;
