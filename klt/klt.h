@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "klt/format/klt_handlers.h"
+#include "klt/klt_messages.h"
 #include "klt/read/klt_request.h"
 
 struct KLT_FileHandle;

@@ -148,6 +148,10 @@ char* JoinLines(char* block, std::string_view prefix, std::string_view text) {
 }
 
 void WriteToTargets(const char* block, size_t length) {
+  if (PAL_messages.replacement != nullptr) {
+    PAL_messages.replacement(PAL_messages.replacementContext, block, length);
+    return;
+  }
   std::fwrite(block, 1, length, stderr);
   std::fflush(stderr);
   if (PAL_messages.logStream != nullptr) std::fwrite(block, 1, length, PAL_messages.logStream);
@@ -233,6 +237,10 @@ void PAL_Perror(const char* text) {
   if (text != nullptr && text[0] != '\0') line = PAL_Printable(text) + ": ";
   line += reason;
   line += '\n';
+  if (PAL_messages.replacement != nullptr) {
+    PAL_messages.replacement(PAL_messages.replacementContext, line.data(), line.size());
+    return;
+  }
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::fflush(stderr);
 }

@@ -18,6 +18,9 @@ struct PAL_MessageSettings {
   int errorEnabled;         // nonzero enables PAL_Error
   FILE* logStream;          // second target, or null
   void (*logCallback)(void* context, const char* text, size_t length);  // third target, or null
+  // If set, it receives all messages instead of standard error and the other targets.
+  void (*replacement)(void* context, const char* text, size_t length) = nullptr;
+  void* replacementContext = nullptr;
 };
 extern PAL_MessageSettings PAL_messages;
 
@@ -42,6 +45,7 @@ class PAL_MessagesOnce {
 void PAL_SetLogStream(FILE* stream);
 void PAL_SetLogCallback(void (*callback)(void* context, const char* text, size_t length));
 
-// Writes "`text`: <text of errno>" to standard error, without a level, like perror(); without the
-// first part if `text` is null or empty. Control bytes of `text` are escaped. errno is kept.
+// Writes "`text`: <text of errno>" to standard error or the replacement, without a level, like
+// perror(); without the first part if `text` is null or empty. Control bytes of `text` are escaped.
+// errno is kept.
 void PAL_Perror(const char* text);

@@ -17,13 +17,13 @@ import sys
 
 # From the lowest room to the highest. Rooms in one set of APART don't include each other.
 ROOMS = ("util", "util/triplets", "klt/format", "klt/storage", "klt/index", "klt/stream", "klt/read",
-         "klt", "klt/write", "generic/options", "generic/text", "generic/tables", "generic/sink",
-         "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic",
+         "klt", "klt/write", "klt/public", "generic/options", "generic/text", "generic/tables",
+         "generic/sink", "generic/handlers", "generic/extract", "generic/summary", "generic/merge", "generic",
          "analyze/core", "analyze/sums", "analyze/pass", "analyze/tables",
          "analyze/timeline", "analyze")
 # Programs beside klttool include nothing of it but the installed headers.
 PROGRAMS = ("analyze",)
-INSTALLED = {"klt/klt.h", "klt/format/klt_handlers.h", "klt/format/klt_schema.h",
+INSTALLED = {"klt/klt.h", "klt/klt_messages.h", "klt/klt_writer.h", "klt/format/klt_handlers.h", "klt/format/klt_schema.h",
              "klt/read/klt_request.h", "util/triplets/pal_triplets.h"}
 APART = ({"klt/read", "klt/write"}, {"klt/stream", "klt/write"},
          {"generic/options", "generic/text", "generic/tables"})

@@ -61,6 +61,17 @@ def check_install(build, source, place):
                         run(place / "example/messages", trace), re.M)
     if len(counts) != 12 or sum(map(int, counts)) != len(lines):
         sys.exit(f"the example counts {counts}, there are {len(lines)} messages of 12 pairs")
+    # The trace that the other example writes is read by both programs.
+    writer = prefix / "share/doc/klttool/examples/writer"
+    run("cmake", "-S", writer, "-B", place / "writer", f"-DCMAKE_PREFIX_PATH={prefix}")
+    run("cmake", "--build", place / "writer")
+    run(place / "writer/ring", place / "ring.klt")
+    if run(place / "example/messages", place / "ring.klt").count(" 1 messages, 4096 bytes") != 3:
+        sys.exit("the written trace doesn't contain three messages")
+    events = run(prefix / "bin/klttool", place / "ring.klt", "--dump")
+    counts = [len(re.findall(f" {word} ", events)) for word in ("EXCHEXT", "GLOBALOP", "SENDMSG")]
+    if counts != [28, 4, 3] or "DURATION 0 60000\n" not in events:
+        sys.exit(f"the written trace has the events {counts}")
     if str(source) in (prefix / "lib/cmake/klt/klt-targets.cmake").read_text():
         sys.exit("the package refers to its sources")
 
