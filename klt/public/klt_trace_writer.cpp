@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -129,6 +130,7 @@ struct KLT_TraceWriter {
   }
   void sawTime(uint64_t time) { end = std::max(end, time); }
   bool defineOperation(uint32_t operation);
+  bool putCounts();
   [[nodiscard]] uint32_t rawKind(uint32_t kind, uint32_t thread) const {
     return kind | klt::processOf(thread) << 6 | klt::threadOf(thread) << (6 + processBits);
   }
@@ -144,6 +146,17 @@ bool KLT_TraceWriter::defineOperation(uint32_t operation) {
   const Operation& known = kOperations[operation - 1];
   return put<KLT_Row::collectiveOperationDefinition>(operation, known.name,
                                                      static_cast<uint32_t>(known.kind));
+}
+
+// The number of events, as a record and as a text: a merge needs the class of the text.
+bool KLT_TraceWriter::putCounts() {
+  char text[160];
+  std::snprintf(text, sizeof text,
+                "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
+                "%u counters",
+                calls, messages, collectives, scopes, samples);
+  return put<KLT_Row::eventSummary>(calls, messages, collectives, scopes, samples) &&
+         put<KLT_Row::info>(KLT_CLASS_APPLICATION, text);
 }
 
 KLT_TraceWriter* KLT_CreateTrace(const std::string& name, const KLT_TraceOptions& options,
@@ -177,8 +190,7 @@ std::string KLT_FinishTrace(KLT_TraceWriter* writer) {
   if (writer->out == nullptr) return "the trace is finished";
   if (!writer->hasProcesses) writer->fail("the processes aren't defined");
   writer->put<KLT_Row::duration>(uint64_t{0}, writer->end);
-  writer->put<KLT_Row::eventSummary>(writer->calls, writer->messages, writer->collectives,
-                                     writer->scopes, writer->samples);
+  writer->putCounts();
   bool isComplete = false;
   if (const char* problem = KLT_WriterClose(writer->out.release(), &isComplete))
     writer->fail(problem);

@@ -1,0 +1,120 @@
+/* MPI_Init, MPI_Finalize and MPI_Pcontrol: who this process is, what time it is elsewhere, and the
+ * end of the record. See klt_hooks.h. */
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "record/mpi/klt_hooks.h"
+
+enum { CLOCK_TAG = 1, ROUND_TRIPS = 40 };
+
+static MPI_Comm own = MPI_COMM_NULL; /* for the messages of the recorder */
+static int isInitialised;
+
+void klt_initialising(void) {}
+
+/* Round trips with process 0 to the clock of one other host; the shortest one counts. */
+static void askClock(MPI_Comm comm, int moment) {
+  uint64_t shortest = UINT64_MAX;
+  for (int i = 0; i < ROUND_TRIPS; ++i) {
+    uint64_t theirs = 0;
+    const uint64_t before = klt_ticks();
+    PMPI_Send(&theirs, 1, MPI_UINT64_T, 0, CLOCK_TAG, comm);
+    PMPI_Recv(&theirs, 1, MPI_UINT64_T, 0, CLOCK_TAG, comm, MPI_STATUS_IGNORE);
+    const uint64_t after = klt_ticks();
+    if (after - before >= shortest) continue;
+    shortest = after - before;
+    klt_header->sync[moment].ticks = before + shortest / 2;
+    klt_header->sync[moment].other = theirs;
+  }
+  klt_header->round_trip[moment] = shortest;
+  klt_header->flags |= moment == 0 ? KLT_SPOOL_SYNC_START : KLT_SPOOL_SYNC_END;
+}
+
+static void answerClock(MPI_Comm comm, int process) {
+  for (int i = 0; i < ROUND_TRIPS; ++i) {
+    uint64_t mine = 0;
+    PMPI_Recv(&mine, 1, MPI_UINT64_T, process, CLOCK_TAG, comm, MPI_STATUS_IGNORE);
+    mine = klt_ticks();
+    PMPI_Send(&mine, 1, MPI_UINT64_T, process, CLOCK_TAG, comm);
+  }
+}
+
+void klt_measure_clocks(MPI_Comm comm, int moment) {
+  int rank = 0;
+  int size = 0;
+  PMPI_Comm_rank(comm, &rank);
+  PMPI_Comm_size(comm, &size);
+  uint64_t* hosts = malloc((size_t)size * sizeof *hosts);
+  if (hosts == NULL) abort(); /* as MPI itself would */
+  PMPI_Allgather(&klt_header->host_hash, 1, MPI_UINT64_T, hosts, 1, MPI_UINT64_T, comm);
+  int leader = 0;
+  while (hosts[leader] != hosts[rank]) ++leader;
+  klt_header->leader = (uint32_t)leader;
+  for (int i = 1; i < size; ++i) {
+    int first = 0;
+    while (hosts[first] != hosts[i]) ++first;
+    if (first != i) continue;
+    if (rank == 0) answerClock(comm, i);
+    if (rank == i) askClock(comm, moment);
+  }
+  free(hosts);
+}
+
+void klt_initialised(void) {
+  int level = MPI_THREAD_SINGLE;
+  int rank = 0;
+  int size = 1;
+  if (isInitialised) return;
+  klt_begin();
+  if (klt_state == KLT_OFF) {
+    /* The others measure clocks with this process. */
+    klt_header->host_hash = 0;
+  }
+  isInitialised = 1;
+  PMPI_Query_thread(&level);
+  klt_has_threads = level == MPI_THREAD_MULTIPLE;
+  PMPI_Comm_rank(MPI_COMM_WORLD, &rank);
+  PMPI_Comm_size(MPI_COMM_WORLD, &size);
+  PMPI_Comm_dup(MPI_COMM_WORLD, &own);
+  klt_header->rank = (uint32_t)rank;
+  klt_header->size = (uint32_t)size;
+  uint64_t job = klt_header->job;
+  PMPI_Bcast(&job, 1, MPI_UINT64_T, 0, own);
+  klt_header->job = job;
+  klt_header->flags |= KLT_SPOOL_MPI;
+  klt_measure_clocks(own, 0);
+  setenv("KLT_RECORD_PID", "0", 1);
+  struct klt_thread* t = klt_self();
+  if (t == NULL) return;
+  /* The usual communicators have the first numbers. */
+  klt_comm_of(t, MPI_COMM_WORLD);
+  klt_note_clock();
+}
+
+int MPI_Finalize(void);
+int MPI_Finalize(void) {
+  struct klt_thread* t = klt_call(KLT_CALL_Finalize);
+  if (!isInitialised) return PMPI_Finalize();
+  /* A process that doesn't record takes part in the messages of the recorder all the same. */
+  klt_measure_clocks(own, 1);
+  if (t != NULL) klt_return(t, KLT_CALL_Finalize);
+  const int wasOn = klt_state != KLT_OFF;
+  klt_end(KLT_SPOOL_FINALIZED);
+  PMPI_Barrier(own);
+  PMPI_Comm_free(&own);
+  isInitialised = 0;
+  const int result = PMPI_Finalize();
+  if (klt_header->rank == 0 && (wasOn || (klt_header->flags & KLT_SPOOL_STOPPED) != 0))
+    klt_finish_run();
+  return result;
+}
+
+/* Level 0 pauses recording, every other level resumes it. */
+int MPI_Pcontrol(const int level, ...) {
+  struct klt_thread* t = klt_call(KLT_CALL_Pcontrol);
+  const int result = PMPI_Pcontrol(level);
+  if (t != NULL) klt_return(t, KLT_CALL_Pcontrol);
+  if (klt_state != KLT_OFF) klt_state = level == 0 ? KLT_PAUSED : KLT_ON;
+  return result;
+}

@@ -1,0 +1,271 @@
+#!/usr/bin/env python3
+"""Makes C code of the table of calls and the prototypes of an installed mpi.h.
+
+usage: klt_wrappers.py names TABLE > klt_calls.h
+       klt_wrappers.py wrappers TABLE COMPILER... > wrappers.c
+       klt_wrappers.py fortran TABLE COMPILER... > fortran.c        for Open MPI
+
+COMPILER is a C compiler with the options that find mpi.h. `names` needs no MPI. The wrappers of
+`fortran` are the entry points that all three Fortran interfaces of Open MPI call. Each records like
+the C wrapper and calls the library's own entry point; only the arguments that the actions of its
+row use are converted.
+"""
+
+import re
+import sys
+
+import klt_prototypes
+
+HEAD = "/* Made by klt_wrappers.py from klt_calls.table. */\n"
+BY_HAND = ("MPI_Finalize", "MPI_Pcontrol")
+HANDLES = {"MPI_Comm": "Comm", "MPI_Request": "Request", "MPI_Datatype": "Type",
+           "MPI_Message": "Message", "MPI_File": "File", "MPI_Group": "Group"}
+STATUSES = ("status", "statuses")
+
+
+def call_id(name):
+    return "KLT_CALL_" + name[4:]
+
+
+def names(rows):
+    lines = [HEAD + "#ifndef KLT_CALLS_H", "#define KLT_CALLS_H", "", "enum klt_call_number {"]
+    lines += [f"  {call_id(row.name)} = {i}," for i, row in enumerate(rows)]
+    lines += [f"  KLT_CALL_COUNT = {len(rows)}", "};", "", "/* Operations of collective calls. */"]
+    operations = re.findall(r'"(MPI_\w+)"', OPERATIONS)
+    lines += ["enum klt_operation {"]
+    lines += [f"  KLT_OP_{name[4:]} = {i + 1}," for i, name in enumerate(operations)]
+    lines += ["};", "", "#ifdef KLT_CALL_NAMES", "static const char* const klt_call_names[] = {"]
+    lines += [f'    "{row.name}",' for row in rows]
+    return "\n".join(lines + ["};", "#endif", "", "#endif", ""])
+
+
+OPERATIONS = """
+"MPI_Barrier" "MPI_Ibarrier" "MPI_Bcast" "MPI_Ibcast" "MPI_Gather" "MPI_Igather" "MPI_Gatherv"
+"MPI_Igatherv" "MPI_Scatter" "MPI_Iscatter" "MPI_Scatterv" "MPI_Iscatterv" "MPI_Allgather"
+"MPI_Iallgather" "MPI_Allgatherv" "MPI_Iallgatherv" "MPI_Alltoall" "MPI_Ialltoall" "MPI_Alltoallv"
+"MPI_Ialltoallv" "MPI_Alltoallw" "MPI_Ialltoallw" "MPI_Neighbor_allgather"
+"MPI_Ineighbor_allgather" "MPI_Neighbor_allgatherv" "MPI_Ineighbor_allgatherv"
+"MPI_Neighbor_alltoall" "MPI_Ineighbor_alltoall" "MPI_Neighbor_alltoallv"
+"MPI_Ineighbor_alltoallv" "MPI_Neighbor_alltoallw" "MPI_Ineighbor_alltoallw" "MPI_Reduce"
+"MPI_Reduce_local" "MPI_Ireduce" "MPI_Allreduce" "MPI_Iallreduce" "MPI_Reduce_Scatter"
+"MPI_Reduce_Scatter_Block" "MPI_Ireduce_Scatter" "MPI_Ireduce_Scatter_Block" "MPI_Scan"
+"MPI_Iscan" "MPI_Exscan" "MPI_Iexscan"
+"""
+
+
+def renamed(texts, parameters, arguments):
+    """The parameters of a prototype with the names of the row."""
+    return [re.sub(rf"\b{old}\b(?=[\s\[\]\d]*$)", new, text)
+            for text, (_, old), new in zip(texts, parameters, arguments)]
+
+
+def actions(row, when):
+    return [f"  {action};" for action in row.actions[when]]
+
+
+def after(row, success):
+    """The actions after a call, for the result that `success` tests."""
+    done, failed = actions(row, "after"), actions(row, "failed")
+    lines = []
+    if done:
+        lines += [f"  if ({success}) {{", *("  " + line for line in done), "  }"]
+    if failed:
+        lines += [f"  if (!({success})) {{", *("  " + line for line in failed), "  }"]
+    return lines
+
+
+def status_argument(row, passed):
+    """The lines that replace an ignored status, and the arguments to pass."""
+    lines = []
+    for name in STATUSES:
+        if name in row.arguments and name in row.used("after"):
+            own = "&ownStatus" if name == "status" else "klt_statuses(t, n)"
+            if name == "status":
+                lines.append("  MPI_Status ownStatus;")
+            ignored = "MPI_STATUS_IGNORE" if name == "status" else "MPI_STATUSES_IGNORE"
+            lines.append(f"  if ({name} == {ignored}) {name} = {own};")
+    return lines, passed
+
+
+def wrapper(name, row, prototype):
+    result, texts, parameters = prototype
+    passed = ", ".join(row.arguments)
+    signature = ", ".join(renamed(texts, parameters, row.arguments)) or "void"
+    number = call_id(row.name)
+    lines = [f"{result} {name}({signature}) {{",
+             f"  struct klt_thread* t = klt_call({number});",
+             f"  if (KLT_RARE(t == NULL)) return P{name}({passed});" if name != "MPI_Init"
+             and name != "MPI_Init_thread" else
+             f"  if (t == NULL && klt_state != KLT_OFF) return P{name}({passed});"]
+    lines += actions(row, "before")
+    lines += status_argument(row, passed)[0]
+    lines.append(f"  const {result} klt_result = P{name}({passed});")
+    lines += after(row, "klt_result == MPI_SUCCESS")
+    if name in ("MPI_Init", "MPI_Init_thread"):
+        lines.append("  if (t == NULL) return klt_result;")
+    return "\n".join(lines + [f"  klt_return(t, {number});", "  return klt_result;", "}", ""])
+
+
+def fitting(row, name, parameters):
+    """The row, or one with the prototype's own names if it has another number of arguments."""
+    if len(parameters) == len(row.arguments):
+        return row
+    if any(row.actions.values()):
+        sys.exit(f"{name} has {len(parameters)} parameters, its row has {len(row.arguments)}")
+    return klt_prototypes.Row(row.name, [name for _, name in parameters])
+
+
+def wrappers(rows, found):
+    lines = [HEAD + '#include "record/mpi/klt_hooks.h"', "",
+             '#pragma GCC diagnostic ignored "-Wdeprecated-declarations"', ""]
+    for row in rows:
+        for name in (row.name, row.name + "_c"):
+            if name in found and name not in BY_HAND:
+                lines.append(wrapper(name, fitting(row, name, found[name][2]), found[name]))
+    missing = {name for name in found if not name.endswith("_c")} - {row.name for row in rows}
+    if missing:
+        print(f"calls of mpi.h that have no row: {' '.join(sorted(missing))}", file=sys.stderr)
+    return "\n".join(lines)
+
+
+def fortran_prototypes(compiler):
+    """By C name: (result, parameters as (type, name)) of the entry points of Open MPI."""
+    include = "openmpi/ompi/mpi/fortran/mpif-h/prototypes_mpi.h"
+    path = next((option[2:] + "/" + include for option in compiler if option.startswith("-I") and
+                 _exists(option[2:] + "/" + include)), None)
+    if path is None:
+        return {}
+    with open(path, encoding="utf-8") as header:
+        text = header.read()
+    found = {}
+    for result, name, lower, upper, arguments in re.findall(
+            r"^PN2?\((\w+),\s*(MPI_\w+),\s*(\w+),\s*(\w+),\s*\(([^;]*)\)\);", text, re.M):
+        if not klt_prototypes.LEFT_OUT.search(name):
+            # Types that only the library's own headers define are pointers of some kind.
+            texts = [re.sub(r"^(?!(?:MPI_(?:Fint|Aint|Offset|Count)|char|int)\b).*?\b(\w+)$",
+                            r"void *\1", one)
+                     for one in klt_prototypes.split_list(arguments) if one != "void"]
+            found[name] = (result, lower, upper, texts)
+    return found
+
+
+def _exists(path):
+    try:
+        with open(path, encoding="utf-8"):
+            return True
+    except OSError:
+        return False
+
+
+def converted(row, c_parameters):
+    """The lines before and after a call that give the actions their arguments."""
+    before, afterwards, late_arrays = [], [], []
+    used = row.used("before") + row.used("after") + row.used("failed")
+    for (kind, _), name in zip(c_parameters, row.arguments):
+        if name not in used or any("klt_imade" in line and name == "newcomm"
+                                   for line in row.actions["after"]):
+            continue
+        given = f"f_{name}"
+        handle = HANDLES.get(kind.rstrip("*"))
+        early, late = name in row.used("before"), name in row.used("after")
+        if name == "status":
+            before += ["  MPI_Fint ownStatus[sizeof(MPI_Status) / sizeof(MPI_Fint)];",
+                       f"  if (klt_f_is_status_ignore({given})) {given} = ownStatus;",
+                       "  MPI_Status cStatus;", "  const MPI_Status* status = &cStatus;"]
+            afterwards.append(f"  PMPI_Status_f2c({given}, &cStatus);")
+        elif name == "statuses":
+            before += [f"  if (klt_f_is_statuses_ignore({given})) {given} = klt_f_statuses(t, n);"]
+            count = "*outcount" if "outcount" in row.arguments else "n"
+            afterwards.append(f"  const MPI_Status* statuses = klt_f_convert_statuses(t, {count}, "
+                              f"{given});")
+        elif name == "requests":
+            before.append(f"  const MPI_Request* requests = klt_f_requests(t, n, {given});")
+        elif name in ("index", "indices"):
+            count = "*outcount" if name == "indices" else "1"
+            afterwards.append(f"  const int* {name} = klt_f_indices(t, {count}, {given});")
+        elif handle and kind.endswith("*") and name.endswith("types"):
+            late_arrays.append(f"  const MPI_Datatype* {name} = klt_f_types(t, "
+                               f"{name[0] == 'r':d}, comm, {given});")
+        elif handle and kind.endswith("*"):
+            first = f"*{given}" if early else "0"
+            before += [f"  {kind[:-1]} c_{name} = PMPI_{handle}_f2c({first});",
+                       f"  {kind} {name} = &c_{name};"]
+            if late:
+                afterwards.append(f"  c_{name} = PMPI_{handle}_f2c(*{given});")
+        elif handle:
+            before.append(f"  {kind} {name} = PMPI_{handle}_f2c(*{given});")
+        elif kind == "char*":
+            before.append(f"  char {name}[4097];")
+            before.append(f"  klt_f_text({name}, {given}, f_{name}_length);")
+        elif kind == "void*":
+            before.append(f"  const void* {name} = klt_f_buffer({given});")
+        elif kind.endswith("*"):
+            before.append(f"  const int* {name} = (const int*){given};")
+        else:
+            before.append(f"  const {kind} {name} = *{given};")
+    return before + late_arrays, afterwards
+
+
+def fortran_wrapper(row, prototype, c_parameters):
+    result, lower, upper, texts = prototype
+    parameters = [klt_prototypes.parameter(text) for text in texts]
+    # The first parameters are those of C; then the error code and the lengths of texts follow.
+    texts_of = [name for (kind, _), name in zip(c_parameters, row.arguments) if kind == "char*"]
+    passed, given = [], []
+    lengths = list(texts_of)
+    for i, (text, (_, old)) in enumerate(zip(texts, parameters)):
+        if i < len(row.arguments) and len(texts) > len(row.arguments):
+            new = "f_" + row.arguments[i]
+        elif old == "ierr":
+            new = "f_ierr"
+        else:
+            new = f"f_{lengths.pop(0)}_length" if lengths else f"f_more{i}"
+        given.append(re.sub(rf"\b{old}\b(?=[\s\[\]\d]*$)", new, text))
+        passed.append(new)
+    name = f"ompi_{lower[4:]}_f"
+    own = f"p{lower}_"
+    signature, call = ", ".join(given) or "void", f"{own}({', '.join(passed)})"
+    number = call_id(row.name)
+    lines = [f"{result} {own}({signature});", f"{result} {name}({signature});",
+             f"{result} {name}({signature}) {{", f"  struct klt_thread* t = klt_call({number});"]
+    if result != "void":
+        lines += [f"  const {result} klt_result = {call};",
+                  f"  if (t != NULL) klt_return(t, {number});", "  return klt_result;", "}"]
+    else:
+        starts = row.name in ("MPI_Init", "MPI_Init_thread")
+        condition = "t == NULL && klt_state != KLT_OFF" if starts else "KLT_RARE(t == NULL)"
+        before, afterwards = converted(row, c_parameters)
+        lines += [f"  if ({condition}) {{", f"    {call};", "    return;", "  }", *before,
+                  *actions(row, "before"), f"  {call};", *afterwards,
+                  *(line.replace("klt_imade", "klt_f_imade").replace("newcomm", "f_newcomm")
+                    if "klt_imade" in line else line
+                    for line in after(row, "*f_ierr == MPI_SUCCESS")),
+                  f"  if (t != NULL) klt_return(t, {number});" if starts else
+                  f"  klt_return(t, {number});", "}"]
+    # Weak: a program may define one of them itself.
+    for alias in (lower, lower + "_", lower + "__", upper, row.name + "_f", row.name + "_f08"):
+        lines.append(f"{result} {alias}({signature}) __attribute__((weak, alias(\"{name}\")));")
+    return "\n".join(lines + [""])
+
+
+def fortran(rows, compiler):
+    found, c_found = fortran_prototypes(compiler), klt_prototypes.prototypes(compiler)
+    lines = [HEAD + '#include "record/mpi/klt_fortran.h"', ""]
+    for row in rows:
+        if row.name in found and row.name in c_found and row.name not in BY_HAND:
+            lines.append(fortran_wrapper(row, found[row.name], c_found[row.name][2]))
+    return "\n".join(lines)
+
+
+def main():
+    rows = klt_prototypes.table(sys.argv[2])
+    if sys.argv[1] == "names":
+        print(names(rows), end="")
+    elif sys.argv[1] == "wrappers":
+        print(wrappers(rows, klt_prototypes.prototypes(sys.argv[3:])), end="")
+    else:
+        print(fortran(rows, sys.argv[3:]), end="")
+
+
+if __name__ == "__main__":
+    main()
