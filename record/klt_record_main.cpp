@@ -16,7 +16,7 @@
 
 #include "klt_record_config.h"
 #include "record/convert/klt_elf.h"
-#include "record/convert/klt_finish.h"
+#include "record/finish/klt_finish.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Looks at a merged trace. See klt_check.h.
-#include "record/convert/klt_check.h"
+#include "record/finish/klt_check.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,5 +1,5 @@
 // Makes the trace of a run from its spools. See klt_finish.h.
-#include "record/convert/klt_finish.h"
+#include "record/finish/klt_finish.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "klt/klt_writer.h"
-#include "record/convert/klt_check.h"
+#include "record/finish/klt_check.h"
 #include "record/convert/klt_convert.h"
 
 namespace record {
