@@ -89,8 +89,7 @@ void setFlags(std::string_view list, record::FinishOptions& finish) {
 }
 
 std::string libraryPath(std::string_view mpi) {
-  const std::string file =
-      "libklt-record" + (mpi == "none" ? std::string() : "-" + std::string(mpi)) + ".so";
+  const std::string file = "libklt-record-" + std::string(mpi) + ".so";
   const std::filesystem::path own = record::ownDirectory();
   for (const std::filesystem::path& place : {own / file, own / KLT_RECORD_LIBRARIES / file}) {
     if (access(place.c_str(), R_OK) == 0) return std::filesystem::weakly_canonical(place).string();

@@ -109,9 +109,9 @@ std::string listOf(const std::vector<uint32_t>& processes) {
 void reportConversion(const ConvertResult& result) {
   if (!result.missing.empty()) say("there is no record of " + listOf(result.missing));
   if (!result.unfinished.empty())
-    say("the record of " + listOf(result.unfinished) + " ends without MPI_Finalize");
+    say("MPI_Finalize is missing in the record of " + listOf(result.unfinished));
   if (!result.stopped.empty())
-    say("the record of " + listOf(result.stopped) + " ends before the run");
+    say("recording has stopped early in " + listOf(result.stopped));
   if (result.lostCommunicators != 0)
     say(std::to_string(result.lostCommunicators) +
         " communicators exceed the 65535 of a trace; their messages are left out");

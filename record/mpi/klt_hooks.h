@@ -56,6 +56,12 @@ KLT_HIDDEN void klt_message_ireceive(struct klt_thread* t, MPI_Request request);
 KLT_HIDDEN void klt_start(struct klt_thread* t, MPI_Request request);
 /* Keeps the handles of requests, which the call clears. */
 KLT_HIDDEN void klt_keep(struct klt_thread* t, int n, const MPI_Request* requests);
+/* Puts kept requests that aren't complete back into the table. */
+KLT_HIDDEN void klt_put_back(struct klt_thread* t);
+/* Ends what klt_keep has begun. */
+static inline void klt_restore(struct klt_thread* t) {
+  if (KLT_RARE(t->taken != 0)) klt_put_back(t);
+}
 /* Statuses for a call whose caller ignores them; MPI_STATUSES_IGNORE if none are needed. */
 KLT_HIDDEN MPI_Status* klt_statuses(struct klt_thread* t, int n);
 /* Requests that were kept are complete. */

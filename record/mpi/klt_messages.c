@@ -7,7 +7,7 @@
 
 #include "record/mpi/klt_hooks.h"
 
-enum { KEPT = 0, STATUSES = 1 };
+enum { KEPT = 0, STATUSES = 1, TAKEN = 4 };
 
 static struct klt_record sendRecord(struct klt_thread* t, MPI_Count count, MPI_Datatype type,
                                     int dest, int tag, MPI_Comm comm) {
@@ -138,6 +138,18 @@ void klt_start(struct klt_thread* t, MPI_Request request) {
   klt_put(t, persistent->record);
 }
 
+/* With several threads a completed request's handle may be that of another thread's new request at
+ * once. So the requests leave the table before the call. */
+static void takeRequests(struct klt_thread* t, int n, const MPI_Request* requests) {
+  struct klt_request* taken = klt_scratch(t, TAKEN, (size_t)n * sizeof *taken);
+  if (taken == NULL) return;
+  for (int i = 0; i < n; ++i) {
+    taken[i].kind = 0;
+    if (requests[i] != MPI_REQUEST_NULL) taken[i] = klt_request_take(KLT_KEY(requests[i]));
+  }
+  t->taken = n;
+}
+
 void klt_keep(struct klt_thread* t, int n, const MPI_Request* requests) {
   t->kept = 0;
   if (__atomic_load_n(&klt_requests, __ATOMIC_RELAXED) == 0 || n <= 0) return;
@@ -146,6 +158,15 @@ void klt_keep(struct klt_thread* t, int n, const MPI_Request* requests) {
   if (kept == NULL) return;
   memcpy(kept, requests, bytes);
   t->kept = n;
+  if (klt_has_threads) takeRequests(t, n, requests);
+}
+
+void klt_put_back(struct klt_thread* t) {
+  const struct klt_request* taken = t->scratch[TAKEN].bytes;
+  for (int i = 0; i < t->taken; ++i) {
+    if (taken[i].kind != 0) klt_request_add(taken[i]);
+  }
+  t->taken = 0;
 }
 
 MPI_Status* klt_statuses(struct klt_thread* t, int n) {
@@ -199,10 +220,18 @@ static void requestDone(struct klt_thread* t, struct klt_request request,
   }
 }
 
-/* One of the kept requests is complete. */
-static void oneDone(struct klt_thread* t, MPI_Request handle, const MPI_Status* status) {
+/* Request `i` of those kept is complete. */
+static void oneDone(struct klt_thread* t, int i, const MPI_Status* status) {
+  const MPI_Request handle = ((const MPI_Request*)t->scratch[KEPT].bytes)[i];
   if (handle == MPI_REQUEST_NULL) return;
-  const struct klt_request request = klt_request_take(KLT_KEY(handle));
+  struct klt_request request;
+  if (t->taken != 0) {
+    struct klt_request* taken = t->scratch[TAKEN].bytes;
+    request = taken[i];
+    taken[i].kind = 0;
+  } else {
+    request = klt_request_take(KLT_KEY(handle));
+  }
   if (request.kind != 0) {
     requestDone(t, request, status);
     return;
@@ -211,17 +240,13 @@ static void oneDone(struct klt_thread* t, MPI_Request handle, const MPI_Status* 
   if (persistent != NULL) persistentDone(t, persistent, status);
 }
 
-static const MPI_Request* keptRequests(const struct klt_thread* t) {
-  return t->scratch[KEPT].bytes;
-}
-
 void klt_done(struct klt_thread* t, int index, const MPI_Status* status) {
-  if (index >= 0 && index < t->kept) oneDone(t, keptRequests(t)[index], status);
+  if (index >= 0 && index < t->kept) oneDone(t, index, status);
 }
 
 void klt_done_all(struct klt_thread* t, int n, const MPI_Status* statuses) {
   if (statuses == MPI_STATUSES_IGNORE) return;
-  for (int i = 0; i < n && i < t->kept; ++i) oneDone(t, keptRequests(t)[i], &statuses[i]);
+  for (int i = 0; i < n && i < t->kept; ++i) oneDone(t, i, &statuses[i]);
 }
 
 void klt_done_some(struct klt_thread* t, int outcount, const int* indices,

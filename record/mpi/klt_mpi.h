@@ -11,6 +11,14 @@
 /* Handles are pointers in one library and numbers in another. */
 #define KLT_KEY(handle) ((uintptr_t)(intptr_t)(handle))
 #if defined(OPEN_MPI)
+/* Weak, so that a child process without MPI can load the library. */
+#pragma weak ompi_message_no_proc
+#pragma weak ompi_message_null
+#pragma weak ompi_mpi_comm_null
+#pragma weak ompi_mpi_comm_world
+#pragma weak ompi_mpi_datatype_null
+#pragma weak ompi_mpi_uint64_t
+#pragma weak ompi_request_null
 #define KLT_STATUS_BYTES(status) ((long long)(status)->_ucount)
 #define KLT_STATUS_CANCELLED(status) ((status)->_cancelled != 0)
 #else

@@ -6,23 +6,27 @@
 
 #include "record/mpi/klt_hooks.h"
 
-enum { CLOCK_TAG = 1, ROUND_TRIPS = 40 };
+enum { CLOCK_TAG = 1, ROUND_TRIPS = 50, MOST_ROUND_TRIPS = 2000 };
 
 static MPI_Comm own = MPI_COMM_NULL; /* for the messages of the recorder */
 static int isInitialised;
 
 void klt_initialising(void) {}
 
-/* Round trips with process 0 to the clock of one other host; the shortest one counts. */
+/* Round trips with process 0 to the clock of one other host, until none has been shorter for a
+ * while; the shortest one counts. The first word of a question says whether it is the last one. */
 static void askClock(MPI_Comm comm, int moment) {
   uint64_t shortest = UINT64_MAX;
-  for (int i = 0; i < ROUND_TRIPS; ++i) {
+  uint64_t isLast = 0;
+  for (int i = 0, since = 0; isLast == 0; ++i, ++since) {
     uint64_t theirs = 0;
+    isLast = i == MOST_ROUND_TRIPS || since == ROUND_TRIPS;
     const uint64_t before = klt_ticks();
-    PMPI_Send(&theirs, 1, MPI_UINT64_T, 0, CLOCK_TAG, comm);
+    PMPI_Send(&isLast, 1, MPI_UINT64_T, 0, CLOCK_TAG, comm);
     PMPI_Recv(&theirs, 1, MPI_UINT64_T, 0, CLOCK_TAG, comm, MPI_STATUS_IGNORE);
     const uint64_t after = klt_ticks();
     if (after - before >= shortest) continue;
+    since = 0;
     shortest = after - before;
     klt_header->sync[moment].ticks = before + shortest / 2;
     klt_header->sync[moment].other = theirs;
@@ -32,10 +36,10 @@ static void askClock(MPI_Comm comm, int moment) {
 }
 
 static void answerClock(MPI_Comm comm, int process) {
-  for (int i = 0; i < ROUND_TRIPS; ++i) {
-    uint64_t mine = 0;
-    PMPI_Recv(&mine, 1, MPI_UINT64_T, process, CLOCK_TAG, comm, MPI_STATUS_IGNORE);
-    mine = klt_ticks();
+  uint64_t isLast = 0;
+  while (isLast == 0) {
+    PMPI_Recv(&isLast, 1, MPI_UINT64_T, process, CLOCK_TAG, comm, MPI_STATUS_IGNORE);
+    const uint64_t mine = klt_ticks();
     PMPI_Send(&mine, 1, MPI_UINT64_T, process, CLOCK_TAG, comm);
   }
 }

@@ -3,12 +3,13 @@
 
 usage: klt_wrappers.py names TABLE > klt_calls.h
        klt_wrappers.py wrappers TABLE COMPILER... > wrappers.c
-       klt_wrappers.py fortran TABLE COMPILER... > fortran.c        for Open MPI
+       klt_wrappers.py fortran TABLE COMPILER... > fortran.c
 
-COMPILER is a C compiler with the options that find mpi.h. `names` needs no MPI. The wrappers of
-`fortran` are the entry points that all three Fortran interfaces of Open MPI call. Each records like
-the C wrapper and calls the library's own entry point; only the arguments that the actions of its
-row use are converted.
+COMPILER is a C compiler with the options that find mpi.h. `names` needs no MPI. `fortran` makes
+those Fortran entry points whose calls the C wrappers don't see: all of Open MPI, of MPICH those of
+mpi_f08 that call PMPI_ functions. Each records like the C
+wrapper and calls the library's own entry point; only the arguments that the actions of its row use
+are converted.
 """
 
 import re
@@ -129,7 +130,8 @@ def wrappers(rows, found):
 
 
 def fortran_prototypes(compiler):
-    """By C name: (result, parameters as (type, name)) of the entry points of Open MPI."""
+    """By C name: (result, lower case name, upper case name, parameters) of Open MPI's entry points;
+    nothing for another MPI."""
     include = "openmpi/ompi/mpi/fortran/mpif-h/prototypes_mpi.h"
     path = next((option[2:] + "/" + include for option in compiler if option.startswith("-I") and
                  _exists(option[2:] + "/" + include)), None)
@@ -172,7 +174,7 @@ def converted(row, c_parameters):
             before += ["  MPI_Fint ownStatus[sizeof(MPI_Status) / sizeof(MPI_Fint)];",
                        f"  if (klt_f_is_status_ignore({given})) {given} = ownStatus;",
                        "  MPI_Status cStatus;", "  const MPI_Status* status = &cStatus;"]
-            afterwards.append(f"  PMPI_Status_f2c({given}, &cStatus);")
+            afterwards.append(f"  klt_f_status({given}, &cStatus);")
         elif name == "statuses":
             before += [f"  if (klt_f_is_statuses_ignore({given})) {given} = klt_f_statuses(t, n);"]
             count = "*outcount" if "outcount" in row.arguments else "n"
@@ -206,36 +208,71 @@ def converted(row, c_parameters):
     return before + late_arrays, afterwards
 
 
-def fortran_wrapper(row, prototype, c_parameters):
+def openmpi_entry(row, prototype, c_parameters):
+    """Names of the entry point, of the library's own one and of aliases; parameters as pairs of
+    declaration and name."""
     result, lower, upper, texts = prototype
-    parameters = [klt_prototypes.parameter(text) for text in texts]
+    lengths = [name for (kind, _), name in zip(c_parameters, row.arguments) if kind == "char*"]
+    parameters = []
     # The first parameters are those of C; then the error code and the lengths of texts follow.
-    texts_of = [name for (kind, _), name in zip(c_parameters, row.arguments) if kind == "char*"]
-    passed, given = [], []
-    lengths = list(texts_of)
-    for i, (text, (_, old)) in enumerate(zip(texts, parameters)):
+    for i, text in enumerate(texts):
+        old = klt_prototypes.parameter(text)[1]
         if i < len(row.arguments) and len(texts) > len(row.arguments):
             new = "f_" + row.arguments[i]
         elif old == "ierr":
             new = "f_ierr"
         else:
             new = f"f_{lengths.pop(0)}_length" if lengths else f"f_more{i}"
-        given.append(re.sub(rf"\b{old}\b(?=[\s\[\]\d]*$)", new, text))
-        passed.append(new)
-    name = f"ompi_{lower[4:]}_f"
-    own = f"p{lower}_"
-    signature, call = ", ".join(given) or "void", f"{own}({', '.join(passed)})"
+        parameters.append((re.sub(rf"\b{old}\b(?=[\s\[\]\d]*$)", new, text), new))
+    aliases = [lower, lower + "_", lower + "__", upper, row.name + "_f", row.name + "_f08"]
+    return result, f"ompi_{lower[4:]}_f", f"p{lower}_", aliases, parameters
+
+
+def openmpi_f08_entry(entry):
+    """The entry point of mpi_f08. Most call the one of the other interfaces, but not all."""
+    result, _, own, _, parameters = entry
+    return result, own[1:] + "f08_", own + "f08_", [], parameters
+
+
+def mpich_entry(row, prototype, c_parameters):
+    """The same for mpi_f08 of MPICH: all arguments are pointers, then those of lengths."""
+    result = "void" if prototype[0] == "int" else prototype[0]
+    names = [] if row.name in ("MPI_Init", "MPI_Init_thread") else row.arguments
+    if row.name == "MPI_Init_thread":
+        names = row.arguments[2:]
+    parameters = [(f"MPI_Fint *f_{name}", f"f_{name}") if "*" not in kind or kind[:3] == "MPI" or
+                  kind[:3] == "int" else (f"void *f_{name}", f"f_{name}")
+                  for (kind, _), name in list(zip(c_parameters, row.arguments))[-len(names):]
+                  if names]
+    if result == "void":
+        parameters.append(("MPI_Fint *f_ierr", "f_ierr"))
+    parameters += [(f"int f_{name}_length", f"f_{name}_length")
+                   for (kind, _), name in zip(c_parameters, row.arguments)
+                   if names and kind.startswith("char*")]
+    lower = row.name.lower()
+    return result, f"{lower}_f08_", f"pmpir_{lower[4:]}_f08_", [], parameters
+
+
+def fortran_wrapper(row, entry, c_parameters):
+    result, name, own, aliases, parameters = entry
+    signature = ", ".join(text for text, _ in parameters) or "void"
+    call = f"{own}({', '.join(name for _, name in parameters)})"
     number = call_id(row.name)
     lines = [f"{result} {own}({signature});", f"{result} {name}({signature});",
-             f"{result} {name}({signature}) {{", f"  struct klt_thread* t = klt_call({number});"]
-    if result != "void":
-        lines += [f"  const {result} klt_result = {call};",
+             f"{result} {name}({signature}) {{"]
+    if row.name == "MPI_Finalize":
+        lines += ["  klt_f_finalize(f_ierr);", "}"]
+    elif result != "void":
+        lines += [f"  struct klt_thread* t = klt_call({number});",
+                  f"  const {result} klt_result = {call};",
                   f"  if (t != NULL) klt_return(t, {number});", "  return klt_result;", "}"]
     else:
         starts = row.name in ("MPI_Init", "MPI_Init_thread")
         condition = "t == NULL && klt_state != KLT_OFF" if starts else "KLT_RARE(t == NULL)"
         before, afterwards = converted(row, c_parameters)
-        lines += [f"  if ({condition}) {{", f"    {call};", "    return;", "  }", *before,
+        lines += ["  MPI_Fint ownError;", "  if (f_ierr == NULL) f_ierr = &ownError;",
+                  f"  struct klt_thread* t = klt_call({number});",
+                  f"  if ({condition}) {{", f"    {call};", "    return;", "  }", *before,
                   *actions(row, "before"), f"  {call};", *afterwards,
                   *(line.replace("klt_imade", "klt_f_imade").replace("newcomm", "f_newcomm")
                     if "klt_imade" in line else line
@@ -243,7 +280,7 @@ def fortran_wrapper(row, prototype, c_parameters):
                   f"  if (t != NULL) klt_return(t, {number});" if starts else
                   f"  klt_return(t, {number});", "}"]
     # Weak: a program may define one of them itself.
-    for alias in (lower, lower + "_", lower + "__", upper, row.name + "_f", row.name + "_f08"):
+    for alias in aliases:
         lines.append(f"{result} {alias}({signature}) __attribute__((weak, alias(\"{name}\")));")
     return "\n".join(lines + [""])
 
@@ -252,8 +289,17 @@ def fortran(rows, compiler):
     found, c_found = fortran_prototypes(compiler), klt_prototypes.prototypes(compiler)
     lines = [HEAD + '#include "record/mpi/klt_fortran.h"', ""]
     for row in rows:
-        if row.name in found and row.name in c_found and row.name not in BY_HAND:
-            lines.append(fortran_wrapper(row, found[row.name], c_found[row.name][2]))
+        if row.name not in c_found or row.name == "MPI_Pcontrol":
+            continue
+        c_parameters = c_found[row.name][2]
+        if found and row.name in found:
+            entry = openmpi_entry(row, found[row.name], c_parameters)
+            lines.append(fortran_wrapper(row, entry, c_parameters))
+            if entry[0] == "void":
+                lines.append(fortran_wrapper(row, openmpi_f08_entry(entry), c_parameters))
+        elif not found and len(c_parameters) == len(row.arguments):
+            lines.append(fortran_wrapper(row, mpich_entry(row, c_found[row.name], c_parameters),
+                                         c_parameters))
     return "\n".join(lines)
 
 

@@ -6,6 +6,7 @@
 #include <glob.h>
 #include <limits.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -63,6 +64,28 @@ static int descriptorOf(struct file* file, int flags) {
   return file->descriptor;
 }
 
+/* A write above the limit of file sizes fails without the signal, which would end the program. */
+static void blockSizeSignal(sigset_t* before) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGXFSZ);
+  pthread_sigmask(SIG_BLOCK, &signals, before);
+}
+
+static void unblockSizeSignal(const sigset_t* before) {
+  const struct timespec now = {0, 0};
+  sigset_t signals;
+  const int saved = errno;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGXFSZ);
+  if (!sigismember(before, SIGXFSZ)) {
+    while (sigtimedwait(&signals, NULL, &now) == SIGXFSZ) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, before, NULL);
+  errno = saved;
+}
+
 static void hostName(char* name, size_t size) {
   if (gethostname(name, size) != 0) snprintf(name, size, "host");
   name[size - 1] = '\0';
@@ -107,7 +130,10 @@ void klt_forget_files(void) {
 void* klt_map(off_t at, size_t bytes) {
   const int descriptor = descriptorOf(&spool, 0);
   if (descriptor < 0) return NULL;
+  sigset_t before;
+  blockSizeSignal(&before);
   const int error = posix_fallocate(descriptor, at, (off_t)bytes);
+  unblockSizeSignal(&before);
   if (error != 0) {
     errno = error;
     return NULL;
@@ -116,9 +142,7 @@ void* klt_map(off_t at, size_t bytes) {
   return mapped == MAP_FAILED ? NULL : mapped;
 }
 
-int klt_write_slot(const void* bytes, size_t size, off_t at) {
-  const int descriptor = descriptorOf(&spool, 0);
-  const char* from = bytes;
+static int writeAll(int descriptor, const char* from, size_t size, off_t at) {
   while (size != 0) {
     const ssize_t written = pwrite(descriptor, from, size, at);
     if (written < 0 && errno == EINTR) continue;
@@ -128,6 +152,14 @@ int klt_write_slot(const void* bytes, size_t size, off_t at) {
     size -= (size_t)written;
   }
   return 0;
+}
+
+int klt_write_slot(const void* bytes, size_t size, off_t at) {
+  sigset_t before;
+  blockSizeSignal(&before);
+  const int error = writeAll(descriptorOf(&spool, 0), bytes, size, at);
+  unblockSizeSignal(&before);
+  return error;
 }
 
 int klt_has_spool(void) {
@@ -146,6 +178,8 @@ void klt_define(uint32_t kind, uint32_t id, uint32_t other, const void* first, s
                            {(void*)(uintptr_t)first, first_bytes},
                            {(void*)(uintptr_t)second, second_bytes}};
   const size_t size = sizeof def + first_bytes + second_bytes;
+  sigset_t before;
+  blockSizeSignal(&before);
   pthread_mutex_lock(&lock);
   ssize_t written;
   do {
@@ -153,6 +187,7 @@ void klt_define(uint32_t kind, uint32_t id, uint32_t other, const void* first, s
   } while (written < 0 && errno == EINTR);
   const int error = written < 0 ? errno : ENOSPC;
   pthread_mutex_unlock(&lock);
+  unblockSizeSignal(&before);
   if (written != (ssize_t)size) klt_stop("a definition can't be written", error);
   errno = saved;
 }

@@ -23,7 +23,7 @@ struct klt_scratch {
   void* bytes;
   size_t size;
 };
-enum { KLT_SCRATCHES = 4, KLT_CACHED = 8 };
+enum { KLT_SCRATCHES = 5, KLT_CACHED = 8 };
 struct klt_comm;
 
 struct klt_thread {
@@ -46,6 +46,7 @@ struct klt_thread {
   } comms[KLT_CACHED];
   uint32_t generation; /* of the cached communicators */
   int kept;            /* requests in scratch 0 */
+  int taken;           /* requests in scratch 4 */
   int mode;            /* of the collective operation of the current call, enum klt_mode */
   struct klt_record operation;
   const struct klt_comm* message_comm; /* of the message that is being received */
