@@ -70,6 +70,9 @@ KLT_HIDDEN void klt_done_all(struct klt_thread* t, int n, const MPI_Status* stat
 KLT_HIDDEN void klt_done_some(struct klt_thread* t, int outcount, const int* indices,
                               const MPI_Status* statuses);
 KLT_HIDDEN void klt_forget(MPI_Request request);
+static inline void klt_type_freed(void) {
+  __atomic_add_fetch(&klt_types_freed, 1, __ATOMIC_RELAXED);
+}
 
 /* --- collective operations
  * ------------------------------------------------------------------------- */

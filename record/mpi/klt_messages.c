@@ -9,6 +9,17 @@
 
 enum { KEPT = 0, STATUSES = 1, TAKEN = 4 };
 
+uint32_t klt_types_freed = 1;
+
+/* The size of a datatype, most often that of the last message. */
+static int sizeOf(struct klt_thread* t, MPI_Datatype type) {
+  if (t->type == KLT_KEY(type) && t->types == klt_types_freed) return t->type_size;
+  t->type = KLT_KEY(type);
+  t->types = klt_types_freed;
+  PMPI_Type_size(type, &t->type_size);
+  return t->type_size;
+}
+
 static struct klt_record sendRecord(struct klt_thread* t, MPI_Count count, MPI_Datatype type,
                                     int dest, int tag, MPI_Comm comm) {
   struct klt_record record = {.time = t->now, .kind = KLT_NONE};
@@ -16,8 +27,7 @@ static struct klt_record sendRecord(struct klt_thread* t, MPI_Count count, MPI_D
   if (to == NULL || to->id == 0) return record;
   const uint32_t process = klt_process(to, dest);
   if (process == KLT_NO_PROCESS) return record;
-  int size = 0;
-  PMPI_Type_size(type, &size);
+  const int size = sizeOf(t, type);
   long long bytes = (long long)size * (long long)count;
   if (KLT_RARE(size == MPI_UNDEFINED)) {
     MPI_Count wide = 0;

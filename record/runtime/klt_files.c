@@ -115,8 +115,11 @@ struct klt_spool_header* klt_open_spool(int keep_parent) {
   if (first != NULL && !keep_parent) removeFilesOf(dir, host, strtol(first, NULL, 10));
   snprintf(spool.path, sizeof spool.path, "%s/%s-%ld-0.spool", dir, host, (long)getpid());
   snprintf(defs.path, sizeof defs.path, "%s/%s-%ld-0.defs", dir, host, (long)getpid());
-  if (openFile(&spool, O_CREAT | O_EXCL) < 0 || openFile(&defs, O_CREAT | O_EXCL | O_APPEND) < 0)
-    return NULL;
+  /* Another process that is at its end may remove the empty directory. */
+  for (int i = 0; i < 10 && openFile(&spool, O_CREAT | O_EXCL) < 0; ++i) {
+    if (errno != ENOENT || (mkdir(dir, 0777) != 0 && errno != EEXIST)) return NULL;
+  }
+  if (spool.descriptor < 0 || openFile(&defs, O_CREAT | O_EXCL | O_APPEND) < 0) return NULL;
   return klt_map(0, HEADER_BYTES);
 }
 

@@ -47,7 +47,10 @@ struct klt_thread {
   uint32_t generation; /* of the cached communicators */
   int kept;            /* requests in scratch 0 */
   int taken;           /* requests in scratch 4 */
-  int mode;            /* of the collective operation of the current call, enum klt_mode */
+  uintptr_t type;      /* a datatype whose size is known while `types` is klt_types_freed */
+  int type_size;
+  uint32_t types;
+  int mode; /* of the collective operation of the current call, enum klt_mode */
   struct klt_record operation;
   const struct klt_comm* message_comm; /* of the message that is being received */
 };

@@ -88,7 +88,7 @@ static void children(void) {
 }
 
 static void many(void) {
-  enum { COUNT = 50000 };
+  enum { COUNT = 10000 };
   MPI_Request* requests = malloc(COUNT * sizeof *requests);
   start();
   for (int i = 0; i < COUNT; ++i)

@@ -1,7 +1,9 @@
 /* Gives each process a host name and a clock of its own, as the recorder sees them: process R is
- * R * 50 ms ahead and gains R * 100 us in a second. */
+ * R * 50 ms ahead and gains R * 100 us in a second. With FULL_AFTER in the environment, the disk is
+ * full after that many slots of a spool. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -37,4 +39,14 @@ int gethostname(char* name, size_t length) {
   if (file == NULL || fgets(name, (int)length, file) == NULL) return -1;
   name[strcspn(name, "\n")] = '\0';
   return fclose(file);
+}
+
+ssize_t pwrite(int file, const void* bytes, size_t size, off_t at) {
+  static int written;
+  const char* most = getenv("FULL_AFTER");
+  if (most != NULL && fromRecorder(__builtin_return_address(0)) && ++written > atoi(most)) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return syscall(SYS_pwrite64, file, bytes, size, at);
 }
