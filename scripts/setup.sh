@@ -62,6 +62,16 @@ refuse_install() {
   exit 2
 }
 
+# Notes the packages with which programs are recorded: MPI libraries, compilers and launchers.
+need_mpi() {
+  [ "${KLT_MPI:-ON}" != OFF ] || return 0
+  need mpicc.openmpi libopenmpi-dev
+  need mpirun.openmpi openmpi-bin
+  need mpicc.mpich libmpich-dev
+  need mpirun.mpich mpich
+  need gfortran gfortran
+}
+
 install_needed() {
   [ "${#needed_packages[@]}" -gt 0 ] || return 0
   can_install || refuse_install

@@ -31,8 +31,13 @@ bool isElf64(std::span<const std::byte> bytes) {
   return isElf(bytes) && bytes[EI_CLASS] == std::byte{ELFCLASS64} && bytes[EI_DATA] == kNative;
 }
 
+// The name as the program's source has it: of C++, and of a procedure in a module of gfortran
+// (__MODULE_MOD_PROCEDURE).
 std::string demangled(const std::string& name) {
   int status = 0;
+  const size_t module = name.find("_MOD_");
+  if (name.starts_with("__") && module != std::string::npos)
+    return name.substr(2, module - 2) + "::" + name.substr(module + 5);
   const std::unique_ptr<char, void (*)(void*)> text(
       abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
   return status == 0 && text != nullptr ? text.get() : name;

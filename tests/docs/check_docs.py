@@ -33,7 +33,7 @@ class Document:
 
 def check_links(root, _):
     """Linked files and headings exist, and so do files of the source tree that are named."""
-    source = re.compile(r"(?<![\w./])((?:util|klt|generic|tests|scripts|examples|tools|fuzz)"
+    source = re.compile(r"(?<![\w./])((?:util|klt|generic|record|tests|scripts|examples|tools|fuzz)"
                         r"/[\w./-]*[\w/])")
     for path in (*root.glob("*.md"), *(root / "docs").glob("*.md")):
         text = Document(path).text

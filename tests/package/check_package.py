@@ -22,6 +22,9 @@ INSTALLED = (*(f"bin/{name}" for name in PROGRAMS), "share/doc/klttool/README.md
 ANALYSIS = ("bin/klt-analyze", "bin/klt-timeline", "share/bash-completion/completions/klt-timeline",
             "share/zsh/site-functions/_klt-analyze",
             "share/fish/vendor_completions.d/klt-analyze.fish")
+RECORDER = ("bin/klt-record", "share/man/man1/klt-record.1.gz", "include/klt_record.h",
+            "share/bash-completion/completions/klt-record", "share/klt-record/klt_record.f90",
+            "lib/klt-record/libklt-record-none.so")
 
 
 def run(*command, **options):
@@ -79,13 +82,14 @@ def check_install(build, source, place):
 def check_packages(build, place):
     config = ("cpack", "--config", build / "CPackConfig.cmake", "-B", place)
     run(*config)
+    for name, files in (("klt-analyze", ANALYSIS), ("klt-record", RECORDER)):
+        (package,) = place.glob(f"{name}_*.deb")
+        names = run("dpkg-deb", "--contents", package).split()
+        missing = [file for file in files if f"./usr/{file}" not in names]
+        depends = run("dpkg-deb", "--field", package, "Depends")
+        if missing or "klttool (=" not in depends or "mpi" in depends:
+            sys.exit(f"{name} depends on {depends}, not in it: {missing}")
     (package,) = place.glob("klttool_*.deb")
-    (analysis,) = place.glob("klt-analyze_*.deb")
-    names = run("dpkg-deb", "--contents", analysis).split()
-    missing = [name for name in ANALYSIS if f"./usr/{name}" not in names]
-    depends = run("dpkg-deb", "--field", analysis, "Depends")
-    if missing or "klttool (=" not in depends:
-        sys.exit(f"the package of the analysis depends on {depends}, not in it: {missing}")
     names = run("dpkg-deb", "--contents", package).split()
     missing = [name for name in INSTALLED if f"./usr/{name}" not in names]
     depends = run("dpkg-deb", "--field", package, "Depends")

@@ -1,0 +1,11 @@
+# Completion of klt-record for fish.
+complete -c klt-record -s o -r -d 'Name of the trace'
+complete -c klt-record -l raw -d 'Keep the raw trace'
+complete -c klt-record -l sumdata -d 'Write summary files'
+complete -c klt-record -l counters -x -a 'rss faults majfaults ctxsw cputime' -d 'Counters to sample'
+complete -c klt-record -l mpi -x -a 'openmpi mpich none' -d 'The MPI library'
+complete -c klt-record -l quiet -d 'Report problems only'
+complete -c klt-record -l finish -x -a '(__fish_complete_directories)' -d 'Make the trace of a killed run'
+complete -c klt-record -l check -d 'List the MPI libraries that can be recorded'
+complete -c klt-record -l help -d 'Show the help'
+complete -c klt-record -l version -d 'Show the version'
