@@ -1066,7 +1066,7 @@ function onKey(event) {
   if (event.target === $('search')) {
     if (event.key === 'Enter') step(event.shiftKey ? -1 : 1);
     if (event.key === 'Escape') $('canvas').focus();
-    if (event.key !== 'Escape') return;
+    return;
   }
   if (event.ctrlKey && event.key !== 'ArrowUp' && event.key !== 'ArrowDown') return;
   if (event.ctrlKey) {
