@@ -3,7 +3,7 @@
 //   std::string error;
 //   const KLT_OwnedWriter trace = KLT_CreateTrace("run.klt", {.resolution = 1e-9}, error);
 //   KLT_DefineProcesses(trace.get(), {1, 1});
-//   KLT_DefineFunction(trace.get(), 1, "main", KLT_CLASS_APPLICATION);
+//   KLT_DefineFunction(trace.get(), 1, "main", kKltClassApplication);
 //   KLT_PutEnter(trace.get(), 0, 0, 1);
 //   ...
 //   if (const std::string problem = KLT_FinishTrace(trace.get()); !problem.empty()) ...
@@ -56,11 +56,11 @@ using KLT_OwnedWriter = std::unique_ptr<KLT_TraceWriter, KLT_TraceFreer>;
 // ----------------------------------------------------------------------------------
 
 // The classes of functions, scopes and counters that every trace has.
-inline constexpr uint32_t KLT_CLASS_APPLICATION = 1;
-inline constexpr uint32_t KLT_CLASS_MPI = 2;
+inline constexpr uint32_t kKltClassApplication = 1;
+inline constexpr uint32_t kKltClassMpi = 2;
 
 // Who a counter belongs to: a thread, or all processes.
-inline constexpr uint32_t KLT_ALL_PROCESSES = 0x80000001;
+inline constexpr uint32_t kKltAllProcesses = 0x80000001;
 
 // The number of threads of each process. Required, once; at most 65,536 processes.
 bool KLT_DefineProcesses(KLT_TraceWriter* writer, const std::vector<uint32_t>& threads);

@@ -171,7 +171,7 @@ std::string findProgram(const std::string& name) {
   std::string_view list = path == nullptr ? "/usr/bin:/bin" : path;
   while (true) {
     const size_t end = std::min(list.find(':'), list.size());
-    const std::string file = std::string(list.substr(0, end)) + "/" + name;
+    std::string file = std::string(list.substr(0, end)) + "/" + name;
     if (access(file.c_str(), X_OK) == 0) return file;
     if (end == list.size()) return {};
     list.remove_prefix(end + 1);

@@ -1,8 +1,8 @@
 /* Heat in a square plate: a solver of the heat equation with MPI, to be recorded with klt-record.
  *
  * The plate is divided into strips of rows, one for each process. In every step a process exchanges
- * its outer rows with its neighbours, computes the new temperatures, and every 50 steps all find out
- * how much they have changed.
+ * its outer rows with its neighbours, computes the new temperatures, and every 50 steps all find
+ * out how much they have changed.
  *
  *   mpicc -O2 -DKLT_RECORD heat.c -o heat -lm && mpirun -n 4 klt-record ./heat
  *
@@ -46,7 +46,8 @@ static struct strip makeStrip(int total, int rank, int size) {
   return strip;
 }
 
-/* Exchanges the outer rows with the neighbours, of which the first and the last process lack one. */
+/* Exchanges the outer rows with the neighbours, of which the first and the last process lack one.
+ */
 static void exchange(const struct strip* strip, int up, int down) {
   MPI_Request requests[4];
   const int n = strip->columns;

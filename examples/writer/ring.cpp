@@ -41,10 +41,10 @@ int main(int argc, char** argv) {
   }
   KLT_DefineProcesses(trace, std::vector<uint32_t>(kProcesses, 1));
   KLT_DefineCommunicator(trace, kWorld, "world", std::vector<uint32_t>{0, 1, 2, 3});
-  KLT_DefineFunction(trace, kMain, "main", KLT_CLASS_APPLICATION);
-  KLT_DefineFunction(trace, kSend, "MPI_Send", KLT_CLASS_MPI);
-  KLT_DefineFunction(trace, kReceive, "MPI_Recv", KLT_CLASS_MPI);
-  KLT_DefineFunction(trace, kBarrier, "MPI_Barrier", KLT_CLASS_MPI);
+  KLT_DefineFunction(trace, kMain, "main", kKltClassApplication);
+  KLT_DefineFunction(trace, kSend, "MPI_Send", kKltClassMpi);
+  KLT_DefineFunction(trace, kReceive, "MPI_Recv", kKltClassMpi);
+  KLT_DefineFunction(trace, kBarrier, "MPI_Barrier", kKltClassMpi);
   std::vector<KLT_CollectivePart> parts;
   for (uint32_t p = 0; p < kProcesses; ++p) {
     writeProcess(trace, p);

@@ -76,7 +76,7 @@ constexpr std::array<Operation, 45> kOperations = {{
 constexpr uint32_t kInteger = 1;
 constexpr uint32_t kReal = 2;
 constexpr uint32_t kRawCollective = 10;
-constexpr uint32_t kAllProcessesGroup = KLT_ALL_PROCESSES & 0x7fffffff;
+constexpr uint32_t kAllProcessesGroup = kKltAllProcesses & 0x7fffffff;
 constexpr uint32_t kMaxProcesses = 0x10000;
 constexpr uint32_t kMaxId16 = 0xffff;
 
@@ -156,7 +156,7 @@ bool KLT_TraceWriter::putCounts() {
                 "%u counters",
                 calls, messages, collectives, scopes, samples);
   return put<KLT_Row::eventSummary>(calls, messages, collectives, scopes, samples) &&
-         put<KLT_Row::info>(KLT_CLASS_APPLICATION, text);
+         put<KLT_Row::info>(kKltClassApplication, text);
 }
 
 KLT_TraceWriter* KLT_CreateTrace(const std::string& name, const KLT_TraceOptions& options,
@@ -177,8 +177,8 @@ KLT_TraceWriter* KLT_CreateTrace(const std::string& name, const KLT_TraceOptions
   KLT_TraceWriter* const w = writer.get();
   const bool defined =
       w->put<KLT_Row::clockResolution>(options.resolution, uint32_t{0}) &&
-      w->put<KLT_Row::classDefinition>(KLT_CLASS_APPLICATION, "Application", "Application", 0U) &&
-      w->put<KLT_Row::classDefinition>(KLT_CLASS_MPI, "MPI", "MPI", 0U);
+      w->put<KLT_Row::classDefinition>(kKltClassApplication, "Application", "Application", 0U) &&
+      w->put<KLT_Row::classDefinition>(kKltClassMpi, "MPI", "MPI", 0U);
   if (!defined) {
     error = w->error;
     return nullptr;
@@ -221,7 +221,7 @@ bool KLT_DefineHost(KLT_TraceWriter* writer, uint32_t thread, const char* host, 
 }
 
 bool KLT_DefineClass(KLT_TraceWriter* writer, uint32_t id, const char* name) {
-  if (id <= KLT_CLASS_MPI) return writer->fail("classes have ids above 2");
+  if (id <= kKltClassMpi) return writer->fail("classes have ids above 2");
   return writer->put<KLT_Row::classDefinition>(id, name, name, 0U);
 }
 
@@ -251,11 +251,11 @@ bool KLT_DefineCounter(KLT_TraceWriter* writer, uint32_t id, const char* name, c
   if (id == 0 || id > kMaxId16) return writer->fail("counters have ids from 1 to 65535");
   return writer->put<KLT_Row::counterDefinition>(id, name, isReal ? kReal : kInteger, 0U,
                                                  uint64_t{0}, uint64_t{0}, owner,
-                                                 KLT_CLASS_APPLICATION, unit);
+                                                 kKltClassApplication, unit);
 }
 
 bool KLT_DefineInfo(KLT_TraceWriter* writer, const char* text) {
-  return writer->put<KLT_Row::info>(KLT_CLASS_APPLICATION, text);
+  return writer->put<KLT_Row::info>(kKltClassApplication, text);
 }
 
 bool KLT_PutEnter(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, uint32_t function) {

@@ -102,7 +102,7 @@ void Names::defineCounter(const Definition& definition, LocalIds& ids) {
   if (id > kMostIds) return;
   if (id > known)
     KLT_DefineCounter(writer_, id, name.c_str(), unit.c_str(), definition.other != 0,
-                      KLT_ALL_PROCESSES);
+                      kKltAllProcesses);
   ids.counters[definition.id] = id;
 }
 
@@ -146,14 +146,14 @@ LocalIds Names::define(const std::vector<Definition>& definitions) {
         const size_t known = functions_.size();
         const uint32_t number = shared(functions_, "n" + text);
         if (number > known)
-          KLT_DefineFunction(writer_, kFirstOther + number, text.c_str(), KLT_CLASS_APPLICATION);
+          KLT_DefineFunction(writer_, kFirstOther + number, text.c_str(), kKltClassApplication);
         ids.functions[definition.id] = kFirstOther + number;
         break;
       }
       case KLT_DEF_SCOPE: {
         const size_t known = scopes_.size();
         const uint32_t number = shared(scopes_, text);
-        if (number > known) KLT_DefineScope(writer_, number, text.c_str(), KLT_CLASS_APPLICATION);
+        if (number > known) KLT_DefineScope(writer_, number, text.c_str(), kKltClassApplication);
         ids.scopes[definition.id] = number;
         break;
       }
@@ -178,13 +178,13 @@ uint32_t Names::callFunction(uint32_t call) {
   definedCalls_.resize(KLT_CALL_COUNT);
   if (!definedCalls_[call]) {
     definedCalls_[call] = true;
-    KLT_DefineFunction(writer_, kFirstCall + call, klt_call_names[call], KLT_CLASS_MPI);
+    KLT_DefineFunction(writer_, kFirstCall + call, klt_call_names[call], kKltClassMpi);
   }
   return kFirstCall + call;
 }
 
 uint32_t Names::mainFunction() {
-  if (!hasMain_) KLT_DefineFunction(writer_, kMain, "main", KLT_CLASS_APPLICATION);
+  if (!hasMain_) KLT_DefineFunction(writer_, kMain, "main", kKltClassApplication);
   hasMain_ = true;
   return kMain;
 }
@@ -222,7 +222,7 @@ uint32_t Names::codeFunction(LocalIds& ids, uint64_t address) {
   const size_t known = functions_.size();
   const uint32_t number = shared(functions_, "c" + key);
   if (number > known)
-    KLT_DefineFunction(writer_, kFirstOther + number, name.c_str(), KLT_CLASS_APPLICATION);
+    KLT_DefineFunction(writer_, kFirstOther + number, name.c_str(), kKltClassApplication);
   return place->second = kFirstOther + number;
 }
 

@@ -32,7 +32,7 @@ CrossReferences::CrossReferences(std::span<const ThreadRecords> threads) {
 
 uint64_t ThreadWriter::timeOf(uint64_t ticks) {
   const double time = line_.at(ticks);
-  if (time > static_cast<double>(last_)) last_ = static_cast<uint64_t>(time + 0.5);
+  if (time > static_cast<double>(last_)) last_ = static_cast<uint64_t>(time);
   return last_;
 }
 
@@ -123,7 +123,7 @@ void ThreadWriter::putMessage(KLT_RawKind kind, const klt_record& record) {
   if (comm == 0) return;
   // Not timeOf: a receive that has waited for its place has an earlier time.
   const double exact = line_.at(record.time);
-  const uint64_t time = exact > 0 ? static_cast<uint64_t>(exact + 0.5) : 0;
+  const uint64_t time = exact > 0 ? static_cast<uint64_t>(exact) : 0;
   last_ = std::max(last_, time);
   KLT_PutRawMessage(writer_, kind, {time, gtp_, stack_.empty() ? 0 : stack_.back().function},
                     record.u.two.c & 0xffff, {comm, record.u.two.b, record.a});
@@ -140,7 +140,7 @@ void ThreadWriter::putCollective(const klt_record& record, uint64_t end) {
   const uint64_t begin = timeOf(record.time);
   // The end lies ahead, so it isn't the last time yet.
   const double exact = line_.at(end);
-  const uint64_t ended = std::max(begin, exact > 0 ? static_cast<uint64_t>(exact + 0.5) : 0);
+  const uint64_t ended = std::max(begin, exact > 0 ? static_cast<uint64_t>(exact) : 0);
   KLT_PutRawCollective(writer_, gtp_, record.detail, comm, record.u.two.c, ++counters_[comm],
                        {begin, ended, record.a, record.u.two.b});
 }

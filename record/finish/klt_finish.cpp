@@ -14,8 +14,8 @@
 #include <utility>
 
 #include "klt/klt_writer.h"
-#include "record/finish/klt_check.h"
 #include "record/convert/klt_convert.h"
+#include "record/finish/klt_check.h"
 
 namespace record {
 namespace {
@@ -110,8 +110,7 @@ void reportConversion(const ConvertResult& result) {
   if (!result.missing.empty()) say("there is no record of " + listOf(result.missing));
   if (!result.unfinished.empty())
     say("MPI_Finalize is missing in the record of " + listOf(result.unfinished));
-  if (!result.stopped.empty())
-    say("recording has stopped early in " + listOf(result.stopped));
+  if (!result.stopped.empty()) say("recording has stopped early in " + listOf(result.stopped));
   if (result.lostCommunicators != 0)
     say(std::to_string(result.lostCommunicators) +
         " communicators exceed the 65535 of a trace; their messages are left out");

@@ -123,3 +123,21 @@ void klt_f_finalize(MPI_Fint* error) {
   const int result = MPI_Finalize();
   if (error != NULL) *error = result;
 }
+
+/* MPI_Pcontrol has a variable number of arguments in C, so its entry points aren't made from the
+ * table. */
+#if defined(OPEN_MPI)
+void ompi_pcontrol_f(const MPI_Fint* level);
+void ompi_pcontrol_f(const MPI_Fint* level) { MPI_Pcontrol(*level); }
+#define PCONTROL(name) \
+  void name(const MPI_Fint* level) __attribute__((weak, alias("ompi_pcontrol_f")))
+PCONTROL(mpi_pcontrol);
+PCONTROL(mpi_pcontrol_);
+PCONTROL(mpi_pcontrol__);
+PCONTROL(MPI_PCONTROL);
+PCONTROL(MPI_Pcontrol_f);
+PCONTROL(MPI_Pcontrol_f08);
+#else
+void mpi_pcontrol_f08_(const MPI_Fint* level);
+void mpi_pcontrol_f08_(const MPI_Fint* level) { MPI_Pcontrol(*level); }
+#endif

@@ -6,8 +6,10 @@ usage: check_record.py BUILD SOURCE openmpi|mpich CASE...     (all cases without
        check_record.py --list
 """
 
+import collections
 import os
 import pathlib
+import random
 import shutil
 import subprocess
 import sys
@@ -122,6 +124,33 @@ def endings(place):
             sys.exit(f"{what}: klt-record --finish says {said}")
 
 
+def damaged(place):
+    """A spool in which anything may be wrong gives a trace or a message."""
+    place.compile("mpicc", "faults", "faults.c", "-DKLT_RECORD", "-lpthread")
+    place.run(2, place.record, "./faults", "kill", status=None)
+    kept = {one.name: one.read_bytes() for one in (place.path / "run.klt.rec").iterdir()}
+    dice = random.Random(7)
+    statuses = collections.Counter()
+    for _ in range(25):
+        place.clean()
+        (place.path / "run.klt.rec").mkdir()
+        for name, content in kept.items():
+            damage = bytearray(content)
+            for _ in range(dice.choice((1, 20, 400))):
+                # Most of it in the header, in slot headers and in the first records.
+                at = dice.choice((0, 65536, 131072)) + dice.randrange(dice.choice((40, 600, 4000)))
+                if at < len(damage):
+                    damage[at] = dice.choice((0, 1, 255, dice.randrange(256)))
+            cut = dice.choice((len(damage), len(damage), dice.randrange(len(damage) + 1)))
+            (place.path / "run.klt.rec" / name).write_bytes(damage[:cut])
+        done = subprocess.run([place.record, "--finish", "run.klt.rec"], cwd=place.path, check=False,
+                              capture_output=True, text=True, timeout=LIMIT)
+        statuses[done.returncode] += 1
+        if done.returncode not in (0, 1) or not done.stderr or "Sanitizer" in done.stderr:
+            sys.exit(f"status {done.returncode}: {done.stderr}")
+    print(f"{statuses[0]} traces, {statuses[1]} messages")
+
+
 def behaviours(place):
     """Programs that start threads and processes, initialise MPI elsewhere, or record in part."""
     place.compile("mpicc", "faults", "faults.c", "-DKLT_RECORD", "-lpthread")
@@ -213,7 +242,8 @@ def clocks(place):
     print(f"{len(early)} of {len(trace.messages)} messages are early: {said}")
 
 
-CASES = {case.__name__: case for case in (kinds, fortran, endings, behaviours, programs, clocks)}
+CASES = {case.__name__: case for case in (kinds, fortran, endings, damaged, behaviours, programs,
+                                     clocks)}
 
 
 def main():

@@ -91,8 +91,7 @@ static void many(void) {
   enum { COUNT = 10000 };
   MPI_Request* requests = malloc(COUNT * sizeof *requests);
   start();
-  for (int i = 0; i < COUNT; ++i)
-    MPI_Irecv(&got, 1, MPI_INT, 0, 1, MPI_COMM_SELF, &requests[i]);
+  for (int i = 0; i < COUNT; ++i) MPI_Irecv(&got, 1, MPI_INT, 0, 1, MPI_COMM_SELF, &requests[i]);
   for (int i = 0; i < COUNT; ++i) MPI_Send(&value, 1, MPI_INT, 0, 1, MPI_COMM_SELF);
   MPI_Waitall(COUNT, requests, MPI_STATUSES_IGNORE);
   free(requests);

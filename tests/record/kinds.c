@@ -28,8 +28,8 @@ static int data[4096], other[4096];
 /* One message to the next process by each kind of send, taken in by each kind of completion. */
 static void nonblocking(void) {
   typedef int (*isend)(const void*, int, MPI_Datatype, int, int, MPI_Comm, MPI_Request*);
-  const isend sends[] = {MPI_Isend, MPI_Issend, MPI_Ibsend, MPI_Isend, MPI_Irsend,
-                         MPI_Isend, MPI_Isend,  MPI_Isend};
+  const isend sends[] = {MPI_Isend,  MPI_Issend, MPI_Ibsend, MPI_Isend,
+                         MPI_Irsend, MPI_Isend,  MPI_Isend,  MPI_Isend};
   const char* const names[] = {"MPI_Isend",  "MPI_Issend", "MPI_Ibsend", "MPI_Isend",
                                "MPI_Irsend", "MPI_Isend",  "MPI_Isend",  "MPI_Isend"};
   for (int how = 0; how < 8; ++how) {
@@ -89,15 +89,15 @@ static void nonblocking(void) {
 }
 
 /* Each process sends first if its number is even. */
-#define PAIRED(send, receive)   \
-  do {                          \
-    if (rank % 2 == 0) {        \
-      send;                     \
-      receive;                  \
-    } else {                    \
-      receive;                  \
-      send;                     \
-    }                           \
+#define PAIRED(send, receive) \
+  do {                        \
+    if (rank % 2 == 0) {      \
+      send;                   \
+      receive;                \
+    } else {                  \
+      receive;                \
+      send;                   \
+    }                         \
   } while (0)
 
 static void blocking(void) {
