@@ -862,6 +862,37 @@ function tableOf(headings, rows, chosen) {
   return table;
 }
 
+// The matrix of messages between rows, as squares.
+function matrixPane() {
+  if (trace.pairs.length === 0) return element('div', 'No messages.', {class: 'note'});
+  const box = element('div', undefined, {class: 'note'});
+  const c = element('canvas');
+  const rows = trace.threads.length, size = Math.max(1, Math.min(26, Math.floor(420 / rows) || 1));
+  const scale = rows > 420 ? 420 / rows : 1;
+  c.width = c.height = Math.ceil(rows * size * scale) + 1;
+  c.style.width = c.width + 'px';
+  const p = c.getContext('2d');
+  const most = Math.log(1 + Math.max(...trace.pairs.map((pair) => pair[3])));
+  p.fillStyle = theme.dark ? '#222936' : '#eef1f5';
+  p.fillRect(0, 0, c.width, c.height);
+  for (const [sender, receiver, , bytes] of trace.pairs) {
+    const t = most > 0 ? Math.log(1 + bytes) / most : 0;
+    p.fillStyle = css(mix(theme.dark ? [40, 60, 100] : [205, 220, 250], theme.dark ? [150, 190, 255] : [20, 70, 190], t));
+    const side = Math.max(1, size * scale - (size > 3 ? 1 : 0));
+    p.fillRect(receiver * size * scale, sender * size * scale, side, side);
+  }
+  const text = element('p', 'Rows send, columns receive; darker: more bytes. Click a cell to see its messages only.');
+  c.addEventListener('click', (event) => {
+    const receiver = Math.floor(event.offsetX / size / scale), sender = Math.floor(event.offsetY / size / scale);
+    const pair = trace.pairs.find((q) => q[0] === sender && q[1] === receiver);
+    state.pair = pair ? [sender, receiver] : null;
+    text.textContent = pair ? `${labelOf(sender)} to ${labelOf(receiver)}: ${pair[2].toLocaleString('en')} messages, ${bytesText(pair[3])}. Escape shows all.` : 'All messages.';
+    draw();
+  });
+  box.append(text, c);
+  return box;
+}
+
 const panes = {
   Functions() {
     const all = trace.span * trace.threads.length;
@@ -877,35 +908,7 @@ const panes = {
           },
         })));
   },
-  Matrix() {
-    if (trace.pairs.length === 0) return element('div', 'No messages.', {class: 'note'});
-    const box = element('div', undefined, {class: 'note'});
-    const c = element('canvas');
-    const rows = trace.threads.length, size = Math.max(1, Math.min(26, Math.floor(420 / rows) || 1));
-    const scale = rows > 420 ? 420 / rows : 1;
-    c.width = c.height = Math.ceil(rows * size * scale) + 1;
-    c.style.width = c.width + 'px';
-    const p = c.getContext('2d');
-    const most = Math.log(1 + Math.max(...trace.pairs.map((pair) => pair[3])));
-    p.fillStyle = theme.dark ? '#222936' : '#eef1f5';
-    p.fillRect(0, 0, c.width, c.height);
-    for (const [sender, receiver, , bytes] of trace.pairs) {
-      const t = most > 0 ? Math.log(1 + bytes) / most : 0;
-      p.fillStyle = css(mix(theme.dark ? [40, 60, 100] : [205, 220, 250], theme.dark ? [150, 190, 255] : [20, 70, 190], t));
-      const side = Math.max(1, size * scale - (size > 3 ? 1 : 0));
-      p.fillRect(receiver * size * scale, sender * size * scale, side, side);
-    }
-    const text = element('p', 'Rows send, columns receive; darker: more bytes. Click a cell to see its messages only.');
-    c.addEventListener('click', (event) => {
-      const receiver = Math.floor(event.offsetX / size / scale), sender = Math.floor(event.offsetY / size / scale);
-      const pair = trace.pairs.find((q) => q[0] === sender && q[1] === receiver);
-      state.pair = pair ? [sender, receiver] : null;
-      text.textContent = pair ? `${labelOf(sender)} to ${labelOf(receiver)}: ${pair[2].toLocaleString('en')} messages, ${bytesText(pair[3])}. Escape shows all.` : 'All messages.';
-      draw();
-    });
-    box.append(text, c);
-    return box;
-  },
+  Matrix: matrixPane,
   Waits() {
     if (trace.waits.length === 0) return element('div', 'No waiting times.', {class: 'note'});
     return tableOf(['Kind', 'Process', 'Function', 'Caused by', 'Count', 'Time'],
@@ -1118,6 +1121,9 @@ function onPointer() {
       show(from - length * 0.1, from + length * 1.1);
     }
   });
+}
+
+function onWheelAndOverview() {
   canvas.addEventListener('wheel', (event) => {
     event.preventDefault();
     if (event.shiftKey || Math.abs(event.deltaX) > Math.abs(event.deltaY)) pan((event.deltaX || event.deltaY) / 800);
@@ -1190,6 +1196,7 @@ async function main() {
   buildRows();
   onButtons();
   onPointer();
+  onWheelAndOverview();
   resize();
   recallView();
   requestAnimationFrame(() => state.firstView = performance.now());
