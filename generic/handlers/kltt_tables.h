@@ -20,7 +20,8 @@ const KLTT_MemberList& KLTT_GetIndexInComm(const KLTT_Context& context, uint32_t
                                            const char* record);
 
 // The first `most` members of a communicator for the profiles that a writer computes; null if the
-// communicator isn't defined. `context` is the KLTT_Context. The array is valid until the next call.
+// communicator isn't defined. `context` is the KLTT_Context. The array is valid until the next
+// call.
 [[nodiscard]] const uint32_t* KLTT_MembersForStats(void* context, uint32_t communicator,
                                                    size_t most, size_t* count);
 
