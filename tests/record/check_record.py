@@ -26,7 +26,7 @@ class Place:
 
     def __init__(self, build, source, mpi, path):
         self.build, self.source = pathlib.Path(build).resolve(), pathlib.Path(source).resolve()
-        self.mpi, self.path = mpi, path
+        self.mpi, self.path, self.status = mpi, path, 0
         self.record, self.klttool = self.build / "klt-record", self.build / "klttool"
 
     def compile(self, compiler, name, source, *options):
@@ -48,6 +48,7 @@ class Place:
                               env={**os.environ, **dict(env)}, **options)
         if status is not None and done.returncode != status:
             sys.exit(f"{command}: status {done.returncode}\n{done.stdout}\n{done.stderr}")
+        self.status = done.returncode
         return done.stdout + done.stderr
 
     def trace(self, name="run.klt"):
@@ -74,7 +75,7 @@ def check_program(place, program, size):
 
 def kinds(place):
     place.compile("mpicc", "kinds", "kinds.c")
-    for size in (1, 2, 8) if place.mpi == "openmpi" else (3, 4):
+    for size in (2, 8) if place.mpi == "openmpi" else (1, 3):
         trace = check_program(place, "kinds", size)
         # Of two equal messages the first one was waited for later.
         delays = [one[4] for one in trace.messages if one[:3] == (size - 1, 0, 30)]
@@ -171,10 +172,10 @@ def behaviours(place):
             expect("threads", 12, len(trace.process))
     # A second MPI_Init is the program's mistake: its end is the same with the recorder.
     place.clean()
-    bare = place.run(2, "./faults", "twice", status=None)
-    said = place.run(2, *record, "./faults", "twice", status=None)
-    expect("two calls of MPI_Init", "twice" in bare or "more than once" in bare,
-           "more than once" in said or "twice" in said)
+    place.run(2, "./faults", "twice", status=None)
+    bare = place.status
+    place.run(2, *record, "./faults", "twice", status=None)
+    expect("status of two calls of MPI_Init", bare, place.status)
     # A process that can't write its record takes part in the run of the others.
     place.clean()
     said = place.run(2, *record, "sh", "-c", 'case "${OMPI_COMM_WORLD_RANK:-$PMI_RANK}" in '
