@@ -436,8 +436,11 @@ bool KLTM_WriteCounts(KLTM_Context& context) {
                 "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
                 "%u counters",
                 c.functions, c.oneToOnes, c.collectives, c.scopes, c.counters);
-  return KLT_Write<KLT_Row::eventSummary>(context.writer, nullptr, c.functions, c.oneToOnes,
-                                          c.collectives, c.scopes, c.counters) != 0 &&
+  if (KLT_Write<KLT_Row::eventSummary>(context.writer, nullptr, c.functions, c.oneToOnes,
+                                       c.collectives, c.scopes, c.counters) == 0)
+    return false;
+  // Without a class the text would be an info record that a reader refuses.
+  return context.countsClass == 0 ||
          KLT_Write<KLT_Row::info>(context.writer, nullptr, context.countsClass, text) != 0;
 }
 

@@ -75,6 +75,16 @@ TEST_F(KlttMerge, CountsOfEventsGrowByWhatWasMatched) {
             "WARNING: 1 raw message events are neither sends nor receives, taken for receives.\n");
 }
 
+// The text of the counts needs a class, which a trace without such a text doesn't name.
+TEST_F(KlttMerge, CountsWithoutAClassGetNoText) {
+  tb::Trace trace(1);
+  fill(trace, 2);
+  trace.declarations().record("event_summary", {});
+  ASSERT_EQ(merge(trace), KLTM_DONE);
+  EXPECT_EQ(reading::only(linesOf(output_), {"info"}), Lines{});
+  messages_.take();
+}
+
 TEST_F(KlttMerge, TheInputIsRemovedOnlyAfterASuccess) {
   tb::Trace trace(1);
   fill(trace, 2);
