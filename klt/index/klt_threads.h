@@ -43,6 +43,7 @@ class KLT_ThreadLists {
   KLT_ThreadLists() { (void)share({}); }
   KLT_ThreadLists(const KLT_ThreadLists&) = delete;
   KLT_ThreadLists& operator=(const KLT_ThreadLists&) = delete;
+  ~KLT_ThreadLists() = default;
 
   // The list with these triplets.
   [[nodiscard]] List share(const PAL_Triplets& triplets);
