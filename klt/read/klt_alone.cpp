@@ -18,13 +18,17 @@ bool hasCalls(const KLT_Stream& stream) {
   return (stream.source.categories & klt::kFunctions) != 0;
 }
 
+bool hasOneThread(const KLT_Stream& stream) {
+  const PAL_Triplets& threads = stream.source.threads->triplets();
+  return threads.size() == 1 && threads[0].first == threads[0].last;
+}
+
 // Whether the component has the calls of one thread and nothing else, and all of it is selected.
 bool isCallsOfThread(const KLT_Stream& stream) {
   const PAL_Triplets& threads = stream.source.threads->triplets();
   const KLT_StreamRequest& request = stream.requests.current();
-  return stream.source.categories == klt::kFunctions && threads.size() == 1 &&
-         threads[0].first == threads[0].last && threads[0].stride != 0 &&
-         stream.requests.following() == nullptr && request.start == 0 &&
+  return stream.source.categories == klt::kFunctions && hasOneThread(stream) &&
+         threads[0].stride != 0 && stream.requests.following() == nullptr && request.start == 0 &&
          request.end == ~uint64_t{0} && !request.testThreads;
 }
 
@@ -139,11 +143,17 @@ void KLT_OpenStreams(KLT_Reader& reader) {
   };
   size_t count = 0;
   for (size_t i = 0; i < reader.streams.size(); ++i) count += isAlone(i) ? 0 : 1;
-  const size_t block = blockOf(count);
+  const size_t share = blockOf(count);
+  // A stream of many threads has more records than the others. If it collected few at a time, it
+  // would limit how many of the others can be sorted at once (klt_order).
+  size_t whole = 64;  // streams that may have whole blocks
   for (size_t i = 0; i < reader.streams.size(); ++i) {
     if (isAlone(i)) continue;
     KLT_Stream& stream = *reader.streams[i];
     const bool isOpen = stream.source.io != nullptr || KLT_StreamOpen(stream);
+    const bool isWhole = share == KLT_Input::kBlock || (!hasOneThread(stream) && whole > 0);
+    const size_t block = isWhole ? KLT_Input::kBlock : share;
+    if (!hasOneThread(stream) && whole > 0) --whole;
     if (isOpen) {
       reader.bytesTotal += stream.input.length();
       if (block < KLT_Input::kInflatedBlock || !stream.input.compressed()) {
