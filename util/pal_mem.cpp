@@ -44,6 +44,7 @@ void PAL_MemInit() {
 }
 
 void PAL_OutOfMemory(size_t bytes, const char* file, int line) {
+  PAL_messages.errorEnabled = 1;  // the process never ends without a message
   PAL_Error("out of memory (%zu byte) [%s:%d], aborting.", bytes, file, line);
   EndProcess();
 }
