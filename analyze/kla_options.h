@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -67,5 +68,25 @@ int runAnalysis(const char* program, Analysis& analysis, const Wanted& wanted);
 
 // Prints a message, and where help is; returns kWrongUsage.
 int wrongUsage(const char* program, const std::string& message);
+
+// The main function of a program: prints the help or the version, or reads the options and runs it.
+// `readOptions` returns a message about wrong usage, or an empty text. Returns the exit status.
+template <class Options>
+int runProgram(const char* program, const char* version, int argc, char** argv, void (*printHelp)(),
+               std::string (*readOptions)(Words&, Options&), int (*run)(const Options&)) {
+  const std::string first = argc > 1 ? argv[1] : "";
+  if (first == "--help" || first == "-h") {
+    printHelp();
+    return kDone;
+  }
+  if (first == "--version") {
+    std::printf("%s %s\n", program, version);
+    return kDone;
+  }
+  Words words(argc, argv);
+  Options options;
+  const std::string message = readOptions(words, options);
+  return message.empty() ? run(options) : wrongUsage(program, message);
+}
 
 }  // namespace kla

@@ -261,18 +261,7 @@ int compare(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string first = argc > 1 ? argv[1] : "";
-  if (first == "--help" || first == "-h") {
-    printHelp();
-    return kla::kDone;
-  }
-  if (first == "--version") {
-    std::printf("%s %s\n", kProgram, KLT_VERSION);
-    return kla::kDone;
-  }
-  kla::Words words(argc, argv);
-  Options options;
-  const std::string message = readOptions(words, options);
-  if (!message.empty()) return kla::wrongUsage(kProgram, message);
-  return options.compare ? compare(options) : analyze(options);
+  return kla::runProgram<Options>(
+      kProgram, KLT_VERSION, argc, argv, &printHelp, &readOptions,
+      [](const Options& options) { return options.compare ? compare(options) : analyze(options); });
 }

@@ -90,17 +90,6 @@ int draw(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string first = argc > 1 ? argv[1] : "";
-  if (first == "--help" || first == "-h") {
-    printHelp();
-    return kla::kDone;
-  }
-  if (first == "--version") {
-    std::printf("%s %s\n", kProgram, KLT_VERSION);
-    return kla::kDone;
-  }
-  kla::Words words(argc, argv);
-  Options options;
-  const std::string message = readOptions(words, options);
-  return message.empty() ? draw(options) : kla::wrongUsage(kProgram, message);
+  return kla::runProgram<Options>(kProgram, KLT_VERSION, argc, argv, &printHelp, &readOptions,
+                                  &draw);
 }

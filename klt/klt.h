@@ -50,6 +50,7 @@ void KLT_Close(KLT_FileHandle* handle);
 [[nodiscard]] KLT_Reader* KLT_OpenReader(KLT_FileHandle* handle, int mode, uint32_t numRequests,
                                          const KLT_Request* const* requests,
                                          const KLT_HandlerTable* table, int serial);
+
 // The receiver of calls that are read thread by thread (klt/read/klt_alone.h).
 struct KLT_AloneReceiver {
   KLT_HandlerTable handlers;  // for the same records as those of the other table

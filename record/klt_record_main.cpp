@@ -1,8 +1,8 @@
 // klt-record: runs a program so that it leaves a trace.
 //
-// It chooses the preload library of the program's MPI, sets the environment that tells it what to
-// do, and becomes the program: so the program's process, its signals and its exit status are its
-// own. At the end the library runs klt-record --finish.
+// It chooses the preload library for the program's MPI, passes the options to this library in the
+// environment, and executes the program in its own process. So signals reach the program, and the
+// exit status is the program's. At the end the library runs klt-record --finish.
 #include <unistd.h>
 
 #include <cerrno>

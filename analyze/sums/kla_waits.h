@@ -65,7 +65,7 @@ class Waits {
   WaitObserver observer;
   Window window;
 
-  // Tells the time of the next event.
+  // Sets the time of the next event.
   void advance(Time time) {
     if (time > now_) {
       if (!ended_.empty()) judge();

@@ -71,7 +71,7 @@ class TableWriter {
   std::string buffer_;
 };
 
-// The decimals that tell two times of this resolution apart.
+// The number of decimals with which two different times of this resolution look different.
 [[nodiscard]] int decimalsOf(double resolution);
 // Ticks as seconds with that many decimals.
 [[nodiscard]] std::string secondsText(Sum ticks, double resolution);

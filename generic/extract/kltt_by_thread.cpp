@@ -25,7 +25,7 @@ KLTT_ByThread::KLTT_ByThread(KLTT_Context& context, const KLT_HandlerTable& merg
   merged_.leave_function = &leaveMerged;
   context_.byThread = this;
   std::swap(context_.pending, pending_);
-  KLT_WriterDeferPlaces(writer_);
+  KLT_WriterDeferPlaces(writer_, true);
 }
 
 KLT_AloneReceiver KLTT_ByThread::receiver() {
@@ -50,7 +50,8 @@ bool KLTT_ByThread::startThread(uint32_t gtp) {
   const auto [thread, isNew] = threads_.try_emplace(gtp);
   if (!isNew) return false;
   current_ = &thread->second;
-  current_->profile = static_cast<uint32_t>(KLT_WriterCount(writer_).profiles);
+  counts_ = KLT_WriterCount(writer_);
+  current_->profile = static_cast<uint32_t>(counts_.profiles);
   gtp_ = gtp;
   hasStarted_ = false;
   return true;
@@ -62,11 +63,11 @@ void KLTT_ByThread::endThread() {
 
 // Has a record repeated that has created something, or that is the first after the time 0, before
 // which the delayed records are written.
-void KLTT_ByThread::note(uint64_t time, KLT_WriterCounts before) {
-  const KLT_WriterCounts now = KLT_WriterCount(writer_);
+void KLTT_ByThread::note(uint64_t time, KLT_WriterCounts now) {
   current_->created.push_back(
-      static_cast<uint8_t>((now.components != before.components ? kComponent : kNothing) |
-                           (now.profiles != before.profiles ? kProfile : kNothing)));
+      static_cast<uint8_t>((now.components != counts_.components ? kComponent : kNothing) |
+                           (now.profiles != counts_.profiles ? kProfile : kNothing)));
+  counts_ = now;
   hasStarted_ = hasStarted_ || KLTT_InternalTime(context_, time) != 0;
   repeats_ = true;
 }
@@ -76,11 +77,11 @@ template <class Handle>
                                                              Handle handle) {
   if (current_ == nullptr || gtp != gtp_) [[unlikely]]
     if (!startThread(gtp)) return refuse();
-  const KLT_WriterCounts before = KLT_WriterCount(writer_);
   const int result = handle();
+  const KLT_WriterCounts now = KLT_WriterCount(writer_);
   const bool isFirst = !hasStarted_ && KLTT_InternalTime(context_, time) != 0;
-  if (isFirst || KLT_WriterCount(writer_) != before) [[unlikely]]
-    note(time, before);
+  if (isFirst || now != counts_) [[unlikely]]
+    note(time, now);
   return result;
 }
 
@@ -107,7 +108,7 @@ int KLTT_ByThread::endAlone(void* user, uint64_t /*time*/, uint32_t /*categories
 // --- the merge ----------------------------------------------------------------------------------
 
 void KLTT_ByThread::startMerge() {
-  KLT_WriterGivePlaces(writer_);
+  KLT_WriterDeferPlaces(writer_, false);
   std::swap(context_.pending, pending_);
 }
 

@@ -62,7 +62,7 @@ class KLTT_ByThread {
   int refuse();
   [[nodiscard]] bool startThread(uint32_t gtp);
   void endThread();
-  void note(uint64_t time, KLT_WriterCounts before);
+  void note(uint64_t time, KLT_WriterCounts now);
   void startMerge();
   int place(uint64_t time, uint32_t gtp, Thread& thread);
 
@@ -72,8 +72,9 @@ class KLTT_ByThread {
   KLTT_Queue pending_;  // the context's, which the calls that are read on their own don't write
   PAL_HashMap<uint32_t, Thread> threads_;
   Thread* current_ = nullptr;
-  uint32_t gtp_ = 0;         // of `current_`
-  bool hasStarted_ = false;  // a call of it after the time 0 has been noted
+  KLT_WriterCounts counts_{};  // after the last record
+  uint32_t gtp_ = 0;           // of `current_`
+  bool hasStarted_ = false;    // a call of it after the time 0 has been noted
   bool repeats_ = false;
   bool hasRefused_ = false;
 };

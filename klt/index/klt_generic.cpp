@@ -319,7 +319,6 @@ KLT_Parse takeField(KLT_Input& input, size_t& done, KLT_StoredField& field) {
   return KLT_Parse::kRecord;
 }
 
-// Sets the decoder for a layout: the row's own if the layout equals the row.
 // Sets the part of a layout that has the same place in all records.
 void measureHead(KLT_StoredLayout& layout) {
   size_t timeAt = ~size_t{0};
@@ -334,6 +333,7 @@ void measureHead(KLT_StoredLayout& layout) {
   layout.timeAt = std::min(timeAt, layout.headBytes);
 }
 
+// Sets the decoder for a layout: the row's own if the layout equals the row.
 void setDecoder(KLT_DecoderEntry& entry, std::unique_ptr<KLT_StoredLayout> layout,
                 bool genericOnly) {
   KLT_MapLayout(*layout);

@@ -50,11 +50,10 @@ class KLT_ThreadLists {
   [[nodiscard]] List none() const { return &lists_.front(); }  // the empty list
   [[nodiscard]] List byId(uint32_t id) const { return &lists_[id]; }
 
-  // PAL_TripletsIntersect, Unite, Subtract, Equal and Subset.
-  [[nodiscard]] List intersect(List a, List b) { return result(0, a, b, &PAL_TripletsIntersect); }
-  [[nodiscard]] List unite(List a, List b) { return result(1, a, b, &PAL_TripletsUnite); }
+  // PAL_TripletsUnite, Subtract, Equal and Subset.
+  [[nodiscard]] List unite(List a, List b) { return result(0, a, b, &PAL_TripletsUnite); }
   [[nodiscard]] List subtract(List a, List b) {
-    return a == b ? none() : result(2, a, b, &PAL_TripletsSubtract);
+    return a == b ? none() : result(1, a, b, &PAL_TripletsSubtract);
   }
   [[nodiscard]] bool areEqual(List a, List b) {
     return a == b || holds(0, a, b, &PAL_TripletsEqual);
@@ -71,6 +70,6 @@ class KLT_ThreadLists {
 
   std::deque<KLT_ThreadList> lists_;
   PAL_HashMap<std::string_view, List> byTriplets_;  // the bytes of the triplets
-  PAL_HashMap<uint64_t, List> results_[3];          // by operands
+  PAL_HashMap<uint64_t, List> results_[2];          // by operands
   PAL_HashMap<uint64_t, bool> relations_[2];        // likewise
 };

@@ -151,9 +151,11 @@ void KLT_OpenStreams(KLT_Reader& reader) {
     if (isAlone(i)) continue;
     KLT_Stream& stream = *reader.streams[i];
     const bool isOpen = stream.source.io != nullptr || KLT_StreamOpen(stream);
-    const bool isWhole = share == KLT_Input::kBlock || (!hasOneThread(stream) && whole > 0);
-    const size_t block = isWhole ? KLT_Input::kBlock : share;
-    if (!hasOneThread(stream) && whole > 0) --whole;
+    size_t block = share;
+    if (!hasOneThread(stream) && whole > 0) {
+      block = KLT_Input::kBlock;
+      --whole;
+    }
     if (isOpen) {
       reader.bytesTotal += stream.input.length();
       if (block < KLT_Input::kInflatedBlock || !stream.input.compressed()) {

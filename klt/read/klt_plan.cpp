@@ -35,6 +35,19 @@ bool hasNumbers(const PAL_Triplet& t) {
   return t.stride > 0 ? t.first <= t.last : t.stride < 0 && t.first >= t.last;
 }
 
+template <class T>
+void sortUnique(std::vector<T>& values) {
+  std::sort(values.begin(), values.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+}
+
+// The index of a value that is in a sorted list.
+template <class T>
+uint32_t indexIn(const std::vector<T>& sorted, T value) {
+  return static_cast<uint32_t>(std::lower_bound(sorted.begin(), sorted.end(), value) -
+                               sorted.begin());
+}
+
 // The number of open windows of each category.
 class CategoryCounts {
  public:
@@ -142,15 +155,10 @@ void KLT_RequestPlan::sortWindows() {
     instants_.insert(instants_.end(), {window.start, window.end});
   }
   std::sort(ends_.begin(), ends_.end());
-  std::sort(instants_.begin(), instants_.end());
-  instants_.erase(std::unique(instants_.begin(), instants_.end()), instants_.end());
-  const auto indexOf = [&](uint64_t time) {
-    return static_cast<uint32_t>(std::lower_bound(instants_.begin(), instants_.end(), time) -
-                                 instants_.begin());
-  };
+  sortUnique(instants_);
   for (Window& window : open_) {
-    window.from = indexOf(window.start);
-    window.to = indexOf(window.end);
+    window.from = indexIn(instants_, window.start);
+    window.to = indexIn(instants_, window.end);
   }
 }
 
@@ -258,8 +266,7 @@ std::vector<uint32_t> KLT_RequestPlan::nearTo(PAL_TripletSpan component) const {
       if (range->high >= low) near.push_back(range->list);
     }
   }
-  std::sort(near.begin(), near.end());
-  near.erase(std::unique(near.begin(), near.end()), near.end());
+  sortUnique(near);
   return near;
 }
 
@@ -318,15 +325,10 @@ std::vector<KLT_RequestPlan::Span> KLT_RequestPlan::selectedSpans(const Relation
       borders.insert(borders.end(), {open_[number].from, open_[number].to});
     }
   }
-  std::sort(borders.begin(), borders.end());
-  borders.erase(std::unique(borders.begin(), borders.end()), borders.end());
-  const auto indexOf = [&](uint32_t instant) {
-    return static_cast<uint32_t>(std::lower_bound(borders.begin(), borders.end(), instant) -
-                                 borders.begin());
-  };
+  sortUnique(borders);
   for (Span& window : windows) {
-    window.from = indexOf(window.from);
-    window.to = indexOf(window.to);
+    window.from = indexIn(borders, window.from);
+    window.to = indexIn(borders, window.to);
   }
   std::vector<List> united(borders.size() - 1);
   uniteOver(0, united.size(), nullptr, std::move(windows), united);

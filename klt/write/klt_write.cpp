@@ -24,6 +24,12 @@ void emptyIndex(const KLT_WFileHandle& writer, int form) {
   if (truncate(path.c_str(), 0) != 0) return;  // a device or a pipe
 }
 
+// The component of a thread's calls; null if there is none.
+KLT_WriteContext* callsOf(const KLT_WFileHandle& writer, uint32_t thread) {
+  const uint32_t place = writer.placeOf(klt::kFunctions, thread);
+  return place == 0 ? nullptr : writer.contexts[place - 1].get();
+}
+
 }  // namespace
 
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection) {
@@ -67,19 +73,13 @@ bool KLT_WriterFree(KLT_WFileHandle* writer) {
   return !writer->failed;
 }
 
-void KLT_WriterDeferPlaces(KLT_WFileHandle* writer) {
-  writer->defersPlaces = true;
-  if (KLT_FileStats* stats = writer->stats()) stats->defersFunctions = true;
-}
-
-void KLT_WriterGivePlaces(KLT_WFileHandle* writer) {
-  writer->defersPlaces = false;
-  if (KLT_FileStats* stats = writer->stats()) stats->defersFunctions = false;
+void KLT_WriterDeferPlaces(KLT_WFileHandle* writer, bool on) {
+  writer->defersPlaces = on;
+  if (KLT_FileStats* stats = writer->stats()) stats->defersFunctions = on;
 }
 
 void KLT_WriterPlaceCalls(KLT_WFileHandle* writer, uint32_t thread) {
-  const uint32_t place = writer->placeOf(klt::kFunctions, thread);
-  if (place != 0) KLT_PlaceContext(*writer, *writer->contexts[place - 1]);
+  if (KLT_WriteContext* context = callsOf(*writer, thread)) KLT_PlaceContext(*writer, *context);
 }
 
 void KLT_WriterPlaceProfile(KLT_WFileHandle* writer, uint32_t number) {
@@ -92,14 +92,13 @@ KLT_WriterCounts KLT_WriterCount(const KLT_WFileHandle* writer) {
 }
 
 void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread) {
-  const uint32_t place = writer->placeOf(klt::kFunctions, thread);
-  if (place == 0) return;
-  KLT_WriteContext& context = *writer->contexts[place - 1];
-  KLT_FlushContext(*writer, context, true, false);
-  KLT_FlushContext(*writer, context, false, false);
-  context.anchors.release();
-  context.data.release();
-  context.setFastPathEnd();
+  KLT_WriteContext* const context = callsOf(*writer, thread);
+  if (context == nullptr) return;
+  KLT_FlushContext(*writer, *context, true, false);
+  KLT_FlushContext(*writer, *context, false, false);
+  context->anchors.release();
+  context->data.release();
+  context->setFastPathEnd();
 }
 
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {

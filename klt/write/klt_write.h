@@ -28,14 +28,13 @@
 void KLT_WriterListThreads(KLT_WFileHandle* writer, PAL_Triplets selection);
 
 // A caller that writes the calls of each thread on their own can let the index and the profiles
-// have the order that they would get if the records of all threads were merged by time. After
-// KLT_WriterDeferPlaces new components and profiles of functions get no place in it, until
-// KLT_WriterGivePlaces. Then the caller gives them their places, in this order, while it writes the
-// other records: KLT_WriterPlaceCalls to the component of a thread's calls, and
+// have the order that they would get if the records of all threads were merged by time. While
+// KLT_WriterDeferPlaces is on, new components and profiles of functions get no place in it. Then
+// the caller gives them their places, in this order, while it writes the other records:
+// KLT_WriterPlaceCalls to the component of a thread's calls, and
 // KLT_WriterPlaceProfile to the profile that was created as number `number`, from 0. Seek points in
 // the components of calls contain no ids of components, so they can be written before.
-void KLT_WriterDeferPlaces(KLT_WFileHandle* writer);
-void KLT_WriterGivePlaces(KLT_WFileHandle* writer);
+void KLT_WriterDeferPlaces(KLT_WFileHandle* writer, bool on);
 void KLT_WriterPlaceCalls(KLT_WFileHandle* writer, uint32_t thread);
 void KLT_WriterPlaceProfile(KLT_WFileHandle* writer, uint32_t number);
 // The numbers of components and of profiles of functions that have been created.
