@@ -5,6 +5,8 @@
 # need NAME PACKAGE...     notes the Debian packages if NAME, a command or a file, doesn't exist
 # install_needed           installs the noted packages, by sudo unless run by root. Without sudo it
 #                          prints the command for an administrator and ends the script with status 2
+# need_build_tools, need_test_tools, need_mpi, need_openmpi, need_mpich
+#                          note what every build, the tests, and recorded programs need
 # build PRESET [OPTION...] configures the preset with the options and builds it
 #
 # Output of installations goes to the file `log`, build/setup.log unless the caller has set it.
@@ -39,6 +41,11 @@ need_test_tools() {
   need /usr/bin/time time
   need file file
   need dpkg-shlibdeps dpkg-dev
+  # Manual pages, completion, and the script of the page that klt-timeline makes.
+  need groff groff
+  need zsh zsh
+  need fish fish
+  need node nodejs
   # The test of pages is skipped without a browser, which is large. Machines that have none install
   # it only on request.
   if [ "${KLT_BROWSER_TEST:-OFF}" = ON ]; then need chromium chromium; fi
@@ -65,11 +72,19 @@ refuse_install() {
 # Notes the packages with which programs are recorded: MPI libraries, compilers and launchers.
 need_mpi() {
   [ "${KLT_MPI:-ON}" != OFF ] || return 0
-  need mpicc.openmpi libopenmpi-dev
-  need mpirun.openmpi openmpi-bin
-  need mpicc.mpich libmpich-dev
-  need mpirun.mpich mpich
+  need_openmpi
+  need_mpich
   need gfortran gfortran
+}
+
+# The headers are in another place on each architecture, so this looks for their packages.
+need_openmpi() {
+  need mpirun.openmpi openmpi-bin
+  need /usr/share/doc/libopenmpi-dev libopenmpi-dev
+}
+need_mpich() {
+  need mpirun.mpich mpich
+  need /usr/share/doc/libmpich-dev libmpich-dev
 }
 
 install_needed() {
