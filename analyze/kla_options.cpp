@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <map>
 
+#include "analyze/tables/kla_tables.h"
 #include "analyze/tables/kla_text.h"
 
 namespace kla {
@@ -183,6 +184,13 @@ int runAnalysis(const char* program, Analysis& analysis, const Wanted& wanted) {
   std::fprintf(stderr, "%s: %s\n", program,
                nothing ? "no events could be read" : "parts of the trace couldn't be read");
   return nothing ? kNothingRead : kDamaged;
+}
+
+void printNotes(const char* program, const Analysis& analysis, const Wanted& wanted,
+                const std::string& trace) {
+  for (const std::string& note : notesOn(analysis, wanted, trace)) {
+    std::fprintf(stderr, "%s: %s\n", program, printable(note).c_str());
+  }
 }
 
 int wrongUsage(const char* program, const std::string& message) {

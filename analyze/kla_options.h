@@ -66,6 +66,9 @@ struct OpenAnalysis {
 // Reads the events. Returns the exit status, which is reported if it isn't 0.
 int runAnalysis(const char* program, Analysis& analysis, const Wanted& wanted);
 
+// Prints what the trace lacks for the tables.
+void printNotes(const char* program, const Analysis& analysis, const Wanted& wanted,
+                const std::string& trace);
 // Prints a message, and where help is; returns kWrongUsage.
 int wrongUsage(const char* program, const std::string& message);
 

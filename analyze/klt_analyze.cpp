@@ -229,9 +229,7 @@ int analyze(const Options& options) {
   const kla::Wanted wanted = wantedBy(options);
   const int status = kla::runAnalysis(kProgram, *open.analysis, wanted);
   const int result = writeTables(options, *open.analysis, status);
-  for (const std::string& note : kla::notesOn(*open.analysis, wanted, options.traces.front())) {
-    std::fprintf(stderr, "%s: %s\n", kProgram, kla::printable(note).c_str());
-  }
+  kla::printNotes(kProgram, *open.analysis, wanted, options.traces.front());
   return result;
 }
 

@@ -76,9 +76,7 @@ int draw(const Options& options) {
                            .bins = kBins};
   const int status = kla::runAnalysis(kProgram, analysis, wanted);
   recording.finish();
-  for (const std::string& note : kla::notesOn(analysis, wanted, options.trace)) {
-    std::fprintf(stderr, "%s: %s\n", kProgram, kla::printable(note).c_str());
-  }
+  kla::printNotes(kProgram, analysis, wanted, options.trace);
   if (!writePage(options.output, kla::makePage(analysis, recording, options.trace))) {
     std::fprintf(stderr, "%s: %s can't be written\n", kProgram,
                  kla::printable(options.output).c_str());

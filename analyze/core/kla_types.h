@@ -20,6 +20,14 @@ struct Window {
 
 inline constexpr uint32_t kProcessMask = 0xffff;
 [[nodiscard]] constexpr uint32_t processOf(uint32_t gtp) { return gtp & kProcessMask; }
+// A key that sorts threads by process, then by thread.
+[[nodiscard]] constexpr uint32_t threadOrder(uint32_t gtp) {
+  return processOf(gtp) << 16 | gtp >> 16;
+}
+// The start of part `part` of `parts` equal parts of a window.
+[[nodiscard]] constexpr Time edgeOf(Window window, uint32_t part, uint32_t parts) {
+  return window.start + static_cast<Time>(Sum{window.end - window.start} * part / parts);
+}
 
 // "3" for the first thread of process 3, "3.1" for the second.
 [[nodiscard]] inline std::string threadLabel(uint32_t gtp) {

@@ -1095,7 +1095,7 @@ function onPointer() {
   canvas.addEventListener('pointermove', (event) => {
     const [x, y] = place(event);
     if (!drag) {
-      const under = x > GUTTER && y > AXIS && $('hover').dataset.last !== `${x},${y}` ? find(x, y) : null;
+      const under = x > GUTTER && y > AXIS ? find(x, y) : null;
       $('hover').textContent = `${instant(unitAt(x))}${under && under.kind !== 'row' ? ' · ' + describe(under)[0] + (under.kind === 'message' ? '' : ' · ' + duration(cols[under.kind + 'Length'][under.index])) : ''}`;
       return;
     }

@@ -9,20 +9,6 @@
 
 namespace kla {
 
-namespace {
-
-enum Category : uint32_t {
-  kFunctions = 0x4,
-  kScopes = 0x8,
-  kFileIo = 0x20,
-  kCounters = 0x40,
-  kMessages = 0x80,
-  kCollops = 0x100,
-  kRawEvents = 0x8000,
-};
-
-}  // namespace
-
 bool Analysis::readDefinitions() {
   const int status = kla::readDefinitions(trace_, definitions, damaged);
   return status != KLT_STATUS_ABORTING;
@@ -37,8 +23,8 @@ void Analysis::select(const PAL_Triplets& threads) {
 int Analysis::run(const Wanted& wanted) {
   wanted_ = wanted;
   KLT_Request request;
-  request.categories =
-      kFunctions | kScopes | kFileIo | kCounters | kMessages | kCollops | kRawEvents;
+  request.categories = klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters |
+                       klt::kMessages | klt::kCollops | klt::kRawEvents;
   if (window_) {
     request.start = window_->start;
     request.end = window_->end;

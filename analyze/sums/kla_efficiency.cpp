@@ -5,9 +5,7 @@
 
 namespace kla {
 
-Time MpiBins::edge(uint32_t bin) const {
-  return span_.start + static_cast<Time>(Sum{span_.end - span_.start} * bin / bins_);
-}
+Time MpiBins::edge(uint32_t bin) const { return edgeOf(span_, bin, bins_); }
 
 void MpiBins::add(uint32_t process, Time from, Time to) {
   from = std::max(from, span_.start);

@@ -25,8 +25,13 @@ std::string percentText(double part) {
   return text.data();
 }
 
-// The threads of a message: sorted by process, then by thread.
-std::pair<uint32_t, uint32_t> byProcess(uint32_t gtp) { return {processOf(gtp), gtp >> 16}; }
+// The values of a map, in its order.
+template <class Map>
+auto valuesOf(Map found) {
+  std::vector<typename Map::mapped_type> values;
+  for (auto& [key, value] : found) values.push_back(std::move(value));
+  return values;
+}
 
 }  // namespace
 
@@ -100,9 +105,7 @@ Comparison::Figures Comparison::functions() const {
       figure.values[i] += runs_[i]->seconds(row.exclusive);
     }
   }
-  Figures figures;
-  for (auto& [key, figure] : found) figures.push_back(std::move(figure));
-  return figures;
+  return valuesOf(std::move(found));
 }
 
 // The time of each process outside MPI.
@@ -116,28 +119,24 @@ Comparison::Figures Comparison::processes() const {
       figure.values[i] = spanOf(run) - run.seconds(run.mpiTime(process.threads.front()));
     }
   }
-  Figures figures;
-  for (auto& [key, figure] : found) figures.push_back(std::move(figure));
-  return figures;
+  return valuesOf(std::move(found));
 }
 
 Comparison::Figures Comparison::messages() const {
-  std::map<std::array<std::pair<uint32_t, uint32_t>, 2>, Figure> found;
+  std::map<std::pair<uint32_t, uint32_t>, Figure> found;  // by the order of threads
   for (size_t i = 0; i < 2; ++i) {
     const Messages& messages = runs_[i]->messages;
     for (size_t pair = 0; pair < messages.totals().size(); ++pair) {
       const uint64_t key = messages.pairs().keys()[pair];
       const uint32_t sender = runs_[i]->calls[static_cast<uint32_t>(key >> 32)].gtp();
       const uint32_t receiver = runs_[i]->calls[static_cast<uint32_t>(key)].gtp();
-      Figure& figure = found[{byProcess(sender), byProcess(receiver)}];
+      Figure& figure = found[{threadOrder(sender), threadOrder(receiver)}];
       figure.names = {threadLabel(sender), threadLabel(receiver)};
       figure.counts[i] = static_cast<double>(messages.totals()[pair].count);
       figure.values[i] = static_cast<double>(messages.totals()[pair].bytes);
     }
   }
-  Figures figures;
-  for (auto& [key, figure] : found) figures.push_back(std::move(figure));
-  return figures;
+  return valuesOf(std::move(found));
 }
 
 Comparison::Figures Comparison::waits() const {

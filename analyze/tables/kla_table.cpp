@@ -88,12 +88,6 @@ void TableWriter::put(std::string_view text) {
   buffer_.clear();
 }
 
-void TableWriter::note(std::string_view text) {
-  if (format_ != Format::kText) return;
-  put(text);
-  put("\n");
-}
-
 void TableWriter::write(const Table& table) {
   if (format_ == Format::kText)
     writeText(table);

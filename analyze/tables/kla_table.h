@@ -48,8 +48,6 @@ class TableWriter {
   TableWriter& operator=(const TableWriter&) = delete;
 
   void write(const Table& table);
-  // A line of text, for what a table can't contain. Other formats leave it out.
-  void note(std::string_view text);
   // Completes the output. Returns whether everything was written.
   bool finish();
 

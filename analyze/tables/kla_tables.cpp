@@ -37,8 +37,7 @@ std::string label(const Analysis& analysis, uint32_t thread) {
 // A key that sorts threads by process, then by thread.
 uint32_t order(const Analysis& analysis, uint32_t thread) {
   if (thread == kNone) return kNone;
-  const uint32_t gtp = analysis.calls[thread].gtp();
-  return processOf(gtp) << 16 | gtp >> 16;
+  return threadOrder(analysis.calls[thread].gtp());
 }
 
 Real ratio(double part, double whole) { return {whole > 0 ? part / whole : 0}; }
@@ -131,7 +130,8 @@ Table overviewTable(const Analysis& analysis) {
   };
   const Window span = analysis.span();
   Sum inMpi = 0;
-  for (const Analysis::Process& process : analysis.processes()) {
+  const std::vector<Analysis::Process> processes = analysis.processes();
+  for (const Analysis::Process& process : processes) {
     for (const uint32_t thread : process.threads) inMpi += analysis.mpiTime(thread);
   }
   uint64_t fileOperations = 0;
@@ -139,7 +139,7 @@ Table overviewTable(const Analysis& analysis) {
   add("from_s", Ticks{span.start});
   add("to_s", Ticks{span.end});
   add("span_s", Ticks{span.end - span.start});
-  add("processes", uint64_t{analysis.processes().size()});
+  add("processes", uint64_t{processes.size()});
   add("threads", analysis.threadCount());
   add("calls", analysis.enters);
   add("messages", analysis.messages.count);
@@ -165,12 +165,13 @@ Table functionsTable(const Analysis& analysis) {
   std::vector<ProfileRow> profile = functionProfile(analysis);
   std::sort(profile.begin(), profile.end(), &isCostlier);
   const size_t processes = analysis.processes().size();
+  const Sum whole = wholeTime(analysis);
   for (const ProfileRow& row : profile) {
     std::vector<Cell> cells{functionName(analysis, row.function)};
     cells.emplace_back(row.function == kNone ? ""
                                              : analysis.definitions.className(
                                                    analysis.definitions.functions[row.function]));
-    appendTimes(cells, row, processes, wholeTime(analysis));
+    appendTimes(cells, row, processes, whole);
     table.rows.push_back(std::move(cells));
   }
   return table;
@@ -186,6 +187,7 @@ Table callPathsTable(const Analysis& analysis) {
     return profile[a].exclusive > profile[b].exclusive;
   });
   const size_t processes = analysis.processes().size();
+  const Sum whole = wholeTime(analysis);
   for (const uint32_t row : rows) {
     std::string path = row == 0 ? functionName(analysis, kNone) : "";
     for (const uint32_t function : functionsOf(profile, row)) {
@@ -193,7 +195,7 @@ Table callPathsTable(const Analysis& analysis) {
       path += analysis.definitions.functionName(function);
     }
     std::vector<Cell> cells{std::move(path)};
-    appendTimes(cells, profile[row], processes, wholeTime(analysis));
+    appendTimes(cells, profile[row], processes, whole);
     table.rows.push_back(std::move(cells));
   }
   return table;

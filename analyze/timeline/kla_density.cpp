@@ -10,9 +10,7 @@ void Density::begin(Window span, uint32_t bins) {
   bins_ = bins;
 }
 
-Time Density::edge(uint32_t bin) const {
-  return span_.start + static_cast<Time>(Sum{span_.end - span_.start} * bin / bins_);
-}
+Time Density::edge(uint32_t bin) const { return edgeOf(span_, bin, bins_); }
 
 Density::Row& Density::rowOf(uint32_t thread) {
   if (rows_.size() <= thread) rows_.resize(thread + 1);
@@ -56,10 +54,7 @@ void Density::add(uint32_t thread, uint32_t function, Time to) {
     const Time until = std::min(to, row.edge);
     addShare(row, function, until - row.at);
     row.at = until;
-    if (until < row.edge || row.bin + 1 >= bins_) {
-      if (until >= row.edge) return;
-      continue;
-    }
+    if (until < row.edge || row.bin + 1 >= bins_) return;
     closeBin(row);
     ++row.bin;
     row.edge = edge(row.bin + 1);

@@ -25,7 +25,6 @@ class Trace:
         self.names, self.mpi, self.members, self.operations = {}, set(), {}, {}
         self.calls, self.messages, self.collectives = collections.defaultdict(list), [], []
         self.classes, self.resolution, self.bits = {}, 1.0, 0
-        self.unmatched = 0
         self.stacks = collections.defaultdict(list)
         self.own, self.inclusive = collections.Counter(), collections.Counter()
         self.count, self.last = collections.Counter(), {}
@@ -95,7 +94,6 @@ class Trace:
 
         functions = [field(side + "_FUNCTION") for side in ("SENDER", "RECEIVER")]
         if "UNKNOWN" in (word[0], word[7]):
-            self.unmatched += 1
             return
         sent = int(word[0])
         self.messages.append(Message(int(word[3]) - 1, int(word[5]) - 1, sent, sent + int(word[7]),
