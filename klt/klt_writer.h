@@ -52,8 +52,7 @@ using KLT_OwnedWriter = std::unique_ptr<KLT_TraceWriter, KLT_TraceFreer>;
   return process | thread << 16;
 }
 
-// --- Definitions
-// ----------------------------------------------------------------------------------
+// --- Definitions ---
 
 // The classes of functions, scopes and counters that every trace has.
 inline constexpr uint32_t kKltClassApplication = 1;
@@ -81,8 +80,7 @@ bool KLT_DefineCounter(KLT_TraceWriter* writer, uint32_t id, const char* name, c
 // A text about the run.
 bool KLT_DefineInfo(KLT_TraceWriter* writer, const char* text);
 
-// --- Events of a thread
-// ---------------------------------------------------------------------------
+// --- Events of a thread ---
 
 bool KLT_PutEnter(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, uint32_t function);
 bool KLT_PutLeave(KLT_TraceWriter* writer, uint64_t time, uint32_t thread);
@@ -103,8 +101,7 @@ bool KLT_PutFileEnd(KLT_TraceWriter* writer, uint64_t time, uint32_t thread,
                     KLT_FileOperation operation, uint32_t file, uint32_t bytes);
 bool KLT_PutComment(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, const char* text);
 
-// --- Messages and collective operations
-// -------------------------------------------------------------
+// --- Messages and collective operations ---
 
 // The id of a collective operation by its MPI name ("MPI_Bcast"), 1 to 45; 0 if there is none.
 [[nodiscard]] uint32_t KLT_CollectiveOperation(const char* name);

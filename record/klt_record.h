@@ -24,13 +24,8 @@ extern "C" {
 typedef struct {
   uint32_t number; /* 0: not defined yet */
 } klt_record_id;
-#ifdef __cplusplus
 #define KLT_RECORD_ID \
   { 0 }
-#else
-#define KLT_RECORD_ID \
-  { 0 }
-#endif
 
 #ifdef KLT_RECORD
 #define KLT_RECORD_WEAK __attribute__((weak))

@@ -31,7 +31,6 @@ class RunClock {
 
   // The line of the host of a process.
   [[nodiscard]] const TimeLine& lineOf(const Process& process) const;
-  [[nodiscard]] size_t hosts() const { return lines_.size(); }
 
  private:
   std::map<uint64_t, TimeLine> lines_;  // by host

@@ -1,5 +1,4 @@
 /* Records collective operations with the bytes of this process. See klt_hooks.h. */
-#include <stdlib.h>
 
 #include "record/mpi/klt_hooks.h"
 
@@ -59,16 +58,11 @@ void klt_istarted(struct klt_thread* t, MPI_Request request) {
 }
 
 void klt_collective_init(struct klt_thread* t, MPI_Request request) {
-  struct klt_persistent* persistent = calloc(1, sizeof *persistent);
-  if (persistent == NULL) return;
-  persistent->record = t->operation;
-  const struct klt_request entry = {
-      .handle = KLT_KEY(request), .what = persistent, .kind = KLT_REQUEST_PERSISTENT};
-  klt_request_add(entry);
+  klt_persistent_add(request, t->operation, NULL);
 }
 
-void klt_rootless(struct klt_thread* t, int op, MPI_Comm comm, long long sent, long long received) {
-  put(t, op, klt_comm_of(t, comm), 0, sent, received);
+void klt_barrier(struct klt_thread* t, int op, MPI_Comm comm) {
+  put(t, op, klt_comm_of(t, comm), 0, 0, 0);
 }
 
 /* The process of the root, and the role of this process. On an intercommunicator the root's group

@@ -27,8 +27,7 @@ static inline struct klt_counts klt_wide_counts(const MPI_Count* counts) {
       const MPI_Count*: klt_wide_counts, \
       MPI_Count*: klt_wide_counts)(counts)
 
-/* --- messages
- * ------------------------------------------------------------------------------------- */
+/* --- messages --- */
 
 /* Records a send at the time of its call. */
 KLT_HIDDEN void klt_send(struct klt_thread* t, MPI_Count count, MPI_Datatype type, int dest,
@@ -50,8 +49,7 @@ KLT_HIDDEN void klt_message(struct klt_thread* t, MPI_Message message);
 KLT_HIDDEN void klt_message_received(struct klt_thread* t, const MPI_Status* status);
 KLT_HIDDEN void klt_message_ireceive(struct klt_thread* t, MPI_Request request);
 
-/* --- completion
- * ------------------------------------------------------------------------------------ */
+/* --- completion --- */
 
 KLT_HIDDEN void klt_start(struct klt_thread* t, MPI_Request request);
 /* Keeps the handles of requests, which the call clears. */
@@ -74,8 +72,7 @@ static inline void klt_type_freed(void) {
   __atomic_add_fetch(&klt_types_freed, 1, __ATOMIC_RELAXED);
 }
 
-/* --- collective operations
- * ------------------------------------------------------------------------- */
+/* --- collective operations --- */
 
 /* Bytes in and out of this process, its own part included; MPI_IN_PLACE counts like a copy. */
 enum klt_mode { KLT_BLOCKING = 0, KLT_NONBLOCKING, KLT_PERSISTENT };
@@ -84,8 +81,7 @@ static inline void klt_persistent(struct klt_thread* t) { t->mode = KLT_PERSISTE
 KLT_HIDDEN void klt_istarted(struct klt_thread* t, MPI_Request request);
 KLT_HIDDEN void klt_collective_init(struct klt_thread* t, MPI_Request request);
 
-KLT_HIDDEN void klt_rootless(struct klt_thread* t, int op, MPI_Comm comm, long long sent,
-                             long long received);
+KLT_HIDDEN void klt_barrier(struct klt_thread* t, int op, MPI_Comm comm);
 KLT_HIDDEN void klt_bcast(struct klt_thread* t, int op, MPI_Count count, MPI_Datatype type,
                           int root, MPI_Comm comm);
 KLT_HIDDEN void klt_gather(struct klt_thread* t, int op, const void* sendbuf, MPI_Count sendcount,
@@ -140,8 +136,7 @@ KLT_HIDDEN void klt_reduce_scatter(struct klt_thread* t, int op, struct klt_coun
 KLT_HIDDEN void klt_reduce_block(struct klt_thread* t, int op, MPI_Count recvcount,
                                  MPI_Datatype type, MPI_Comm comm);
 
-/* --- communicators, files, the process
- * ------------------------------------------------------------- */
+/* --- communicators, files, the process --- */
 
 KLT_HIDDEN void klt_made(struct klt_thread* t, uint32_t call, MPI_Comm parent, int tag,
                          MPI_Comm comm);
@@ -167,7 +162,6 @@ KLT_HIDDEN void klt_file_started(struct klt_thread* t, int direction, MPI_File f
 KLT_HIDDEN void klt_file_done(struct klt_thread* t, uint16_t direction, uint64_t file,
                               const MPI_Status* status);
 
-KLT_HIDDEN void klt_initialising(void);
 KLT_HIDDEN void klt_initialised(void);
 
 #endif

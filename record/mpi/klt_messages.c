@@ -64,7 +64,7 @@ void klt_isent(struct klt_thread* t, MPI_Request request) {
   klt_request_add(entry);
 }
 
-static void addPersistent(MPI_Request request, struct klt_record record, struct klt_comm* comm) {
+void klt_persistent_add(MPI_Request request, struct klt_record record, struct klt_comm* comm) {
   struct klt_persistent* persistent = calloc(1, sizeof *persistent);
   if (persistent == NULL) return;
   persistent->record = record;
@@ -77,7 +77,7 @@ static void addPersistent(MPI_Request request, struct klt_record record, struct 
 void klt_send_init(struct klt_thread* t, MPI_Count count, MPI_Datatype type, int dest, int tag,
                    MPI_Comm comm, MPI_Request request) {
   const struct klt_record record = sendRecord(t, count, type, dest, tag, comm);
-  if (record.kind != KLT_NONE) addPersistent(request, record, NULL);
+  if (record.kind != KLT_NONE) klt_persistent_add(request, record, NULL);
 }
 
 static void putReceive(struct klt_thread* t, const struct klt_comm* comm, uint32_t post,
@@ -111,7 +111,7 @@ void klt_ireceive(struct klt_thread* t, int source, MPI_Comm comm, MPI_Request r
 
 void klt_receive_init(struct klt_thread* t, int source, MPI_Comm comm, MPI_Request request) {
   const struct klt_record none = {.kind = KLT_NONE};
-  if (source != MPI_PROC_NULL) addPersistent(request, none, klt_comm_of(t, comm));
+  if (source != MPI_PROC_NULL) klt_persistent_add(request, none, klt_comm_of(t, comm));
 }
 
 void klt_probed(struct klt_thread* t, MPI_Comm comm, MPI_Message message) {
@@ -133,8 +133,7 @@ void klt_message_ireceive(struct klt_thread* t, MPI_Request request) {
   addReceive(t, KLT_KEY(request), t->message_comm, KLT_REQUEST_RECEIVE);
 }
 
-/* --- completion
- * ------------------------------------------------------------------------------------ */
+/* --- completion --- */
 
 void klt_start(struct klt_thread* t, MPI_Request request) {
   struct klt_persistent* persistent = klt_request_persistent(KLT_KEY(request), 0);

@@ -104,6 +104,9 @@ KLT_HIDDEN void klt_request_add(struct klt_request request);
 KLT_HIDDEN struct klt_request klt_request_take(uintptr_t handle);
 /* The persistent request of a handle, or null; it is removed if `remove`. */
 KLT_HIDDEN struct klt_persistent* klt_request_persistent(uintptr_t handle, int remove);
+/* Adds the persistent request `request`. `record` and `comm` as in klt_persistent. */
+KLT_HIDDEN void klt_persistent_add(MPI_Request request, struct klt_record record,
+                                   struct klt_comm* comm);
 /* The number of calls of MPI_Type_free so far: then a handle may have a new meaning. */
 extern KLT_HIDDEN uint32_t klt_types_freed;
 /* Whether several threads may call MPI at a time. */

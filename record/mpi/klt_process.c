@@ -11,8 +11,6 @@ enum { CLOCK_TAG = 1, ROUND_TRIPS = 50, MOST_ROUND_TRIPS = 2000 };
 static MPI_Comm own = MPI_COMM_NULL; /* for the messages of the recorder */
 static int isInitialised;
 
-void klt_initialising(void) {}
-
 /* Round trips with process 0 to the clock of one other host, until none has been shorter for a
  * while; the shortest one counts. The first word of a question says whether it is the last one. */
 static void askClock(MPI_Comm comm, int moment) {

@@ -28,8 +28,7 @@ static pthread_key_t threadKey;
 static int begun;
 static int isForked; /* this process is a fork of a recorded one */
 
-/* --- clock --------------------------------------------------------------------------------------
- */
+/* --- clock --- */
 
 /* Whether the processor has a counter that runs at a constant rate in all its states. */
 static int hasInvariantCounter(void) {
@@ -63,8 +62,7 @@ static struct klt_clock_pair clockPair(void) {
 
 void klt_note_clock(void) { klt_header->last = clockPair(); }
 
-/* --- threads -------------------------------------------------------------------------------------
- */
+/* --- threads --- */
 
 /* Called when a thread ends. Its ring stays in the spool. */
 static void endThread(void* pointer) {
@@ -137,8 +135,7 @@ void* klt_scratch(struct klt_thread* t, int which, size_t bytes) {
   return scratch->bytes;
 }
 
-/* --- the process
- * ----------------------------------------------------------------------------------- */
+/* --- the process --- */
 
 void klt_stop(const char* what, int error) {
   if (klt_state == KLT_OFF) return;

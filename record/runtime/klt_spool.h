@@ -2,11 +2,12 @@
  *
  * A process has two files in the directory of the run:
  *
- *   HOST-PID-N.spool   slots of KLT_SLOT_BYTES bytes. Slot 0 is a klt_spool_header. Each other slot
- *                      is a klt_spool_slot and its records, all of one thread. The slots of a
- * thread have a sequence number. The last one is the thread's ring: the thread writes its records
- * there (the slot is mapped), and copies a full ring to a new slot. HOST-PID-N.defs klt_spool_def
- * after klt_spool_def, each with its bytes: names, communicators
+ * HOST-PID-N.spool: slots of KLT_SLOT_BYTES bytes. Slot 0 is a klt_spool_header. Each other slot is
+ * a klt_spool_slot and its records, all of one thread, with a sequence number. The last slot of a
+ * thread is its ring: the slot is mapped, the thread writes its records there, and copies a full
+ * ring to a new slot.
+ *
+ * HOST-PID-N.defs: one klt_spool_def after the other, each with its bytes: names, communicators.
  *
  * So a spool is complete at any moment, also if the process is killed. Numbers have the byte order
  * of the machine. The file is valid C and C++. */
