@@ -19,8 +19,6 @@
 
 namespace {
 
-std::string shown(std::string_view name) { return PAL_Printable(name); }
-
 bool exists(const std::string& name) {
   struct stat info {};
   return stat(name.c_str(), &info) == 0;
@@ -74,16 +72,16 @@ void adviseOnRegularFile(const char* name) {
   const std::string bytes = beginning(name);
   const auto startsWith = [&](std::string_view text) { return bytes.starts_with(text); };
   if (const std::string index = indexOf(name); !index.empty()) {
-    RK_Hint("%s is a part of a trace. The trace is opened by its index: %s", shown(name).c_str(),
-            shown(index).c_str());
+    RK_Hint("%s is a part of a trace. The trace is opened by its index: %s",
+            PAL_Printable(name).c_str(), PAL_Printable(index).c_str());
   } else if (startsWith("CLKPERIOD ")) {
     RK_Hint("%s is text in the format RKF, which can only be written. The input is a trace.",
-            shown(name).c_str());
+            PAL_Printable(name).c_str());
   } else if (startsWith("\x1f\x8b") ||
              startsWith("\xfd"
                         "7zXZ") ||
              startsWith("\x28\xb5\x2f\xfd")) {
-    RK_Hint("%s is a compressed file. Expand it first.", shown(name).c_str());
+    RK_Hint("%s is a compressed file. Expand it first.", PAL_Printable(name).c_str());
   }
 }
 
@@ -114,13 +112,13 @@ void KLTT_AdviseOnUsage() {
   const RK_Conf& c = RK_conf;
   const std::string_view input = c.input;
   if (input.starts_with("--") && RK_ConfigFindOption(input.substr(2)) != nullptr)
-    RK_Hint("The trace comes first: klttool run.klt %s", shown(input).c_str());
+    RK_Hint("The trace comes first: klttool run.klt %s", PAL_Printable(input).c_str());
   else if (!c.logfile_name_set && c.move != 0)
     RK_Hint("--move needs a new name or a directory: klttool %s --move new.klt",
-            shown(input).c_str());
+            PAL_Printable(input).c_str());
   else if (!c.logfile_name_set && (c.convert != 0 || c.merge != 0))
     RK_Hint("--%s needs a name: klttool %s --%s new.klt --logfile-format KLT",
-            c.merge != 0 ? "merge" : "convert", shown(input).c_str(),
+            c.merge != 0 ? "merge" : "convert", PAL_Printable(input).c_str(),
             c.merge != 0 ? "merge" : "convert");
   RK_Hint("See klttool --help for all options, with examples.");
 }
@@ -130,7 +128,7 @@ void KLTT_AdviseOnInput(const char* name) {
   if (stat(name, &info) != 0) {
     const std::string withSuffix = std::string(name) + ".klt";
     if (errno == ENOENT && exists(withSuffix))
-      RK_Hint("Did you mean %s?", shown(withSuffix).c_str());
+      RK_Hint("Did you mean %s?", PAL_Printable(withSuffix).c_str());
     return;
   }
   if (S_ISREG(info.st_mode)) return adviseOnRegularFile(name);
@@ -139,10 +137,10 @@ void KLTT_AdviseOnInput(const char* name) {
                      : S_ISSOCK(info.st_mode) ? "socket"
                                               : "device";
   RK_Hint("%s is a %s. The input is the index of a trace, such as run.klt, in a regular file.",
-          shown(name).c_str(), kind);
+          PAL_Printable(name).c_str(), kind);
   if (!S_ISDIR(info.st_mode)) return;
   const std::string trace = traceIn(name);
-  if (!trace.empty()) RK_Hint("Did you mean %s?", shown(trace).c_str());
+  if (!trace.empty()) RK_Hint("Did you mean %s?", PAL_Printable(trace).c_str());
 }
 
 void KLTT_AdviseOnFormat() {
@@ -151,7 +149,7 @@ void KLTT_AdviseOnFormat() {
   const bool isMissed = c.merge != 0 || c.sumdata != 0;
   if (!isMissed && !c.logfile_name.ends_with(".klt")) return;
   RK_Hint("Text is written to %s%s. For a trace add --logfile-format KLT.",
-          shown(c.logfile_name).c_str(),
+          PAL_Printable(c.logfile_name).c_str(),
           c.merge != 0     ? ", and nothing is merged"
           : c.sumdata != 0 ? ", and nothing is summarised"
                            : "");
@@ -172,7 +170,7 @@ void KLTT_AdviseOnSummaries(const char* name, const char* done) {
   for (const char* suffix : kKlttSumSuffixes) {
     if (!exists(std::string(name) + suffix)) continue;
     RK_Hint("The summary files %s.sum.* aren't %s: they don't belong to the trace.",
-            shown(name).c_str(), done);
+            PAL_Printable(name).c_str(), done);
     return;
   }
 }

@@ -1,5 +1,5 @@
 """Draws the pictures of klt-sum-report as SVG text. Colours are defined by the page's style:
-functions have the classes f1 to f8, and f0 for "others"; curves have l1 to l8, cells of a matrix q1
+functions have the classes f1 to f8, and f0 for "others"; curves have l1 to l6, cells of a matrix q1
 to q7. The <title> of a mark describes the mark, and browsers show it as a tooltip.
 
 The functions get names as they are, and cut and escape them.
@@ -159,6 +159,11 @@ class TimeScale:
             yield text(x, y, f"{shown} {unit}", anchor)
 
 
+def others(own, keys):
+    """The time of the functions that aren't in `keys`."""
+    return sum(value for key, value in own.items() if key not in keys)
+
+
 def stacked(scale, columns, available, series):
     """The share of functions in the time of all threads, column by column. `series` are pairs of
     key and name; other keys are shown as "others"."""
@@ -174,8 +179,7 @@ def stacked(scale, columns, available, series):
     for place, key in enumerate(keys + [None], 1):
         marks = []
         for column, own in enumerate(columns):
-            value = own.get(key, 0) if key is not None else \
-                sum(v for k, v in own.items() if k not in keys)
+            value = own.get(key, 0) if key is not None else others(own, keys)
             share = min(value / available[column], 1 - base[column]) if available[column] else 0
             if share > 0:
                 y = top + height * (1 - base[column] - share)
@@ -191,7 +195,7 @@ def stacked(scale, columns, available, series):
         for key, name in series:
             if own.get(key):
                 lines.append(f"{name_text(name)}: {own[key] / max(available[column], 1):.1%}")
-        rest = sum(v for k, v in own.items() if k not in keys)
+        rest = others(own, keys)
         if rest:
             lines.append(f"others: {rest / max(available[column], 1):.1%}")
         parts.append(titled_rect(scale.x(column), top, scale.width(column), height, "hover",
@@ -216,8 +220,7 @@ def lanes(scale, cells, times, names, series):
             start, own, time = column, 0, 0
             while column < scale.axis.count and main_key(cells.get((group, column)), keys) == main:
                 cell = cells.get((group, column), {})
-                own += cell.get(main, 0) if main is not None else \
-                    sum(v for k, v in cell.items() if k not in keys)
+                own += cell.get(main, 0) if main is not None else others(cell, keys)
                 time += times.get((group, column), 0)
                 column += 1
             if main == "idle":

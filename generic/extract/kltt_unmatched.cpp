@@ -60,12 +60,11 @@ void explainThreads(const KLTT_Context& context, const RK_Request& wanted) {
       RK_Hint(
           "There is no thread %d: the processes are 0 to %zu. Thread t of process p is p + "
           "65536 * t.",
-          static_cast<int>(triplet.first), context.threadCounts.size() - 1);
+          triplet.first, context.threadCounts.size() - 1);
     }
     if (triplet.last > triplet.first && !hasWindow(wanted)) {
-      RK_Hint("%d:%d selects threads. A window needs a unit: %ds:%ds",
-              static_cast<int>(triplet.first), static_cast<int>(triplet.last),
-              static_cast<int>(triplet.first), static_cast<int>(triplet.last));
+      RK_Hint("%d:%d selects threads. A window needs a unit: %ds:%ds", triplet.first, triplet.last,
+              triplet.first, triplet.last);
     }
   }
   if (wanted.has_refused_triplets) RK_Hint("A thread number with a sign is ignored.");
