@@ -53,6 +53,13 @@ void KLT_Input::freeBuffer() {
   capacity_ = filled_ = pos_ = 0;
 }
 
+bool KLT_Input::shrinkBlock(size_t bytes) {
+  setBlock(bytes);
+  if (inflate_ != nullptr || capacity_ <= bytes) return true;
+  freeBuffer();
+  return seekFile(offset_);
+}
+
 bool KLT_Input::seek(uint64_t offset) {
   ended_ = false;
   if (inflate_ != nullptr) {
@@ -66,14 +73,19 @@ bool KLT_Input::seek(uint64_t offset) {
     return true;
   }
   filled_ = pos_ = 0;
-  errno = 0;
-  if (KLT_IoSeek(file_, static_cast<int64_t>(offset), SEEK_SET) != static_cast<int64_t>(offset)) {
-    if (errno != 0) reportUnreadable();
-    ended_ = true;
-    return false;
-  }
+  if (!seekFile(offset)) return false;
   offset_ = offset;
   return true;
+}
+
+bool KLT_Input::seekFile(uint64_t offset) {
+  errno = 0;
+  if (KLT_IoSeek(file_, static_cast<int64_t>(offset), SEEK_SET) == static_cast<int64_t>(offset)) {
+    return true;
+  }
+  if (errno != 0) reportUnreadable();
+  ended_ = true;
+  return false;
 }
 
 void KLT_Input::reportUnreadable() const {

@@ -45,6 +45,9 @@ class KLT_Input {
   void setLimit(uint64_t offset) { limit_ = offset; }
   // Sets how many bytes are read at a time until detach(); kBlock or kInflatedBlock by default.
   void setBlock(size_t bytes) { block_ = bytes; }
+  // The same, and frees a buffer that is larger; bytes in it are read again. False after a failed
+  // seek, which is reported.
+  [[nodiscard]] bool shrinkBlock(size_t bytes);
 
   // Makes `bytes` bytes available at at(). False, after a report, if that isn't possible; the
   // stream ends there.
@@ -79,6 +82,7 @@ class KLT_Input {
 
  private:
   [[nodiscard]] uint64_t end() const { return limit_ < length_ ? limit_ : length_; }
+  bool seekFile(uint64_t offset);
   bool refill(size_t bytes);
   bool readInto(size_t want);
   void reportUnreadable() const;  // with errno

@@ -233,12 +233,16 @@ Step stepUndecoded(KLT_Stream& s, unsigned number) {
   return Step::kCorrupt;
 }
 
-// Whether KLT_FilterPlain may process a record with this number now.
-bool isPlain(const KLT_Stream& s, unsigned number) {
+// Processes plain records if the next one, with this number, is plain.
+void processPlain(KLT_Stream& s, unsigned number) {
   const KLT_FilterState& filter = s.filter;
-  return number < KLT_FilterState::kPlainRowBits && (filter.plainRows >> number & 1) != 0 &&
-         s.history.done && !s.history.keepContext && !filter.testThreads &&
-         s.packed.turn == nullptr && filter.time >= filter.start;
+  if (number >= KLT_FilterState::kPlainRowBits || (filter.plainRows >> number & 1) == 0) return;
+  if (filter.testThreads || s.packed.turn != nullptr) return;
+  if (filter.time < filter.start) {
+    if (s.history.keepContext) KLT_FilterPlainBefore(s);
+  } else if (s.history.done && !s.history.keepContext) {
+    KLT_FilterPlain(s);
+  }
 }
 
 // Processes records until the step of a record needs an action or the buffer is empty. Without time
@@ -247,10 +251,8 @@ Step processRecords(KLT_Stream& s) {
   const KLT_DecoderEntry* const entries = s.pass->handle->decoders->entries.data();
   Step step = Step::kConsumed;
   do {
-    if (isPlain(s, *s.input.at())) {
-      KLT_FilterPlain(s);
-      if (s.input.drained()) break;
-    }
+    processPlain(s, *s.input.at());
+    if (s.input.drained()) break;
     const unsigned number = *s.input.at();
     const KLT_DecoderEntry& entry = entries[number];
     if (entry.parse == nullptr) [[unlikely]]
