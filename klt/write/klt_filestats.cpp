@@ -72,6 +72,25 @@ uint32_t KLT_FunctionPlace(KLT_FileStats& stats, const KLT_FunctionStat::Key& ke
   return place;
 }
 
+uint32_t KLT_ProfileHints::search(KLT_FileStats& stats, const KLT_FunctionStat::Key& key) {
+  constexpr uint32_t kSearchesPerEntry = 4;
+  if (++searches_ > kSearchesPerEntry * (mask_ + 1) && mask_ + 1 < kMost) grow();
+  uint32_t* const hints = more_ == nullptr ? few_.data() : more_.get();
+  return hints[key.function & mask_] = KLT_FunctionPlace(stats, key);
+}
+
+// Old hints are kept at both of their new entries, since the bit that decides isn't known.
+void KLT_ProfileHints::grow() {
+  const uint32_t size = mask_ + 1;
+  const uint32_t* const hints = more_ == nullptr ? few_.data() : more_.get();
+  auto larger = std::make_unique_for_overwrite<uint32_t[]>(size_t{2} * size);
+  std::copy_n(hints, size, larger.get());
+  std::copy_n(hints, size, larger.get() + size);
+  more_ = std::move(larger);
+  mask_ = 2 * size - 1;
+  searches_ = 0;
+}
+
 void KLT_FileStatsMessage(KLT_FileStats& stats, const KLT_MessageStat::Key& key, int64_t duration) {
   using Message = KLT_MessageDuration;
   stats.waiting.add(

@@ -138,14 +138,40 @@ struct KLT_FileStats {
 
 // The place of a function's profile, which is created if there is none.
 [[nodiscard]] uint32_t KLT_FunctionPlace(KLT_FileStats& stats, const KLT_FunctionStat::Key& key);
-// Adds one call. `hint` is a guess of the place of the function's profile, at first 0; it receives
-// the actual place.
+
+// The places of the profiles of a thread's functions, by the low bits of the function. The table
+// grows when functions often share an entry, in proportion to the calls. With a table of fixed size
+// an extraction of 200 functions takes 1.08 times as long.
+class KLT_ProfileHints {
+ public:
+  // The place of the function's profile, as KLT_FunctionPlace returns it. The key has the thread of
+  // these hints.
+  [[nodiscard, gnu::always_inline]] uint32_t place(KLT_FileStats& stats,
+                                                   const KLT_FunctionStat::Key& key) {
+    const uint32_t hint =
+        more_ == nullptr ? few_[key.function % kFew] : more_[key.function & mask_];
+    return stats.functions.isAt(hint, key) ? hint : search(stats, key);
+  }
+
+ private:
+  static constexpr uint32_t kFew = 4;
+  static constexpr uint32_t kMost = 4096;
+
+  uint32_t search(KLT_FileStats& stats, const KLT_FunctionStat::Key& key);
+  void grow();
+
+  std::array<uint32_t, kFew> few_{};
+  uint32_t mask_ = kFew - 1;
+  uint32_t searches_ = 0;  // since the table has its size
+  std::unique_ptr<uint32_t[]> more_;
+};
+
+// Adds one call of the thread to which `hints` belong.
 [[gnu::always_inline]] inline void KLT_FileStatsFunction(KLT_FileStats& stats,
                                                          const KLT_FunctionStat::Key& key,
                                                          uint64_t self, uint64_t inclusive,
-                                                         uint32_t& hint) {
-  if (!stats.functions.isAt(hint, key)) hint = KLT_FunctionPlace(stats, key);
-  KLT_FunctionStat& stat = stats.functions.at(hint);
+                                                         KLT_ProfileHints& hints) {
+  KLT_FunctionStat& stat = stats.functions.at(hints.place(stats, key));
   ++stat.count;
   stat.minSelf = std::min(stat.minSelf, self);
   stat.maxSelf = std::max(stat.maxSelf, self);

@@ -8,7 +8,6 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -106,16 +105,13 @@ struct alignas(64) KLT_WillyHistory {
 
   // These fields are used for every call and share a cache line: with thousands of threads, cache
   // misses take most of the time.
-  uint32_t gtp = 0;                        // the component's thread, 0 for none
-  bool hasRecords = false;                 // a record with a history has been written
-  PAL_Stack<Call> calls;                   // outermost first
-  std::array<uint32_t, 8> profileHints{};  // places of the profiles of recent functions
+  uint32_t gtp = 0;         // the component's thread, 0 for none
+  bool hasRecords = false;  // a record with a history has been written
+  PAL_Stack<Call> calls;    // outermost first
+  KLT_ProfileHints profileHints;
 
   KLT_OffsetEntries offsets;
 
-  [[nodiscard]] uint32_t& profileHint(uint32_t function) {
-    return profileHints[function % profileHints.size()];
-  }
   // Whether any of the calls has a source location.
   [[nodiscard]] bool hasLocations() const {
     return std::any_of(calls.begin(), calls.end(), [](const Call& call) { return call.scl != 0; });
@@ -160,7 +156,6 @@ using KLT_WriteHistory = KLT_WillyHistory;
   const uint64_t self = inclusive - call.childTime;
   calls.pop();
   if (stats == nullptr) return;
-  KLT_FileStatsFunction(*stats, {history.gtp, function}, self, inclusive,
-                        history.profileHint(function));
+  KLT_FileStatsFunction(*stats, {history.gtp, function}, self, inclusive, history.profileHints);
   if (!calls.empty()) calls.top().childTime += inclusive;
 }
