@@ -10,11 +10,13 @@
 //   compressed  raw, with compressed components
 //   realistic   each process begins or ends eight calls in an iteration, of 200 functions, up to 12
 //               deep, and sends a message to one of 6 others, with one of 8 tags
+//   rawevents   realistic, where each side of a message is an event of its own
 //   keys        realistic, but nearly every message has its own tag
 //   flight      merged, but no message arrives before the end of the run
 //   scopes      each process begins a scope in each iteration; they end in the same order after the
 //               last one
 //   functions   an iteration is the definition of a function and one call of it, on process 0
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +24,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tests/builder/trace_builder.h"
@@ -32,6 +35,8 @@ constexpr uint64_t kStepTicks = 90;
 constexpr uint64_t kIterationTicks = 600;
 constexpr size_t kAnchorBytes = 0x10000;
 constexpr uint32_t kSize = 1024;
+constexpr uint32_t kSend = 7;
+constexpr uint32_t kReceive = 8;
 
 struct Run {
   uint32_t processes;
@@ -158,6 +163,41 @@ void scatteredMessages(tb::Trace& trace, const Run& run, uint32_t tags) {
   }
 }
 
+// The sides of such messages, in the streams of their processes. Two receives with the same key may
+// be in another order than their sends.
+void scatteredEvents(tb::Trace& trace, const Run& run, uint32_t tags) {
+  Random random(1);
+  std::vector<std::vector<std::pair<uint64_t, tb::RawMessage>>> events(run.processes);
+  const auto add = [&](uint32_t process, uint64_t time, uint32_t kind, uint32_t other,
+                       uint32_t tag) {
+    events[process].push_back({time,
+                               {.thread = process,
+                                .kind = kind | process << 6,
+                                .other = other,
+                                .tag = tag,
+                                .size = kSize << tag % 8,
+                                .communicator = 1,
+                                .function = 1 + tag % kFunctions}});
+  };
+  for (uint64_t i = 0; i < run.iterations; ++i) {
+    for (uint32_t k = 0; k < run.processes; ++k) {
+      const uint32_t sender = random(run.processes);
+      const uint32_t receiver = (sender + 1 + random(6)) % run.processes;
+      const uint32_t tag = random(tags);
+      const uint64_t time = 1000 + i * kIterationTicks + k * kIterationTicks / run.processes;
+      add(sender, time, kSend, receiver, tag);
+      add(receiver, time + 100 + random(1000), kReceive, sender, tag);
+    }
+  }
+  for (uint32_t p = 0; p < run.processes; ++p) {
+    tb::Stream& s = trace.stream("r." + std::to_string(p), tb::RAW_EVENTS, {p});
+    s.anchorEvery(kAnchorBytes);
+    std::stable_sort(events[p].begin(), events[p].end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [time, event] : events[p]) s.at(time).rawMessage(event);
+  }
+}
+
 // --- special shapes -----------------------------------------------------------------------------
 
 void openScopes(tb::Trace& trace, const Run& run) {
@@ -180,8 +220,6 @@ void manyFunctions(tb::Trace& trace, const Run& run) {
 }
 
 void rawEvents(tb::Trace& trace, const Run& run) {
-  constexpr uint32_t kSend = 7;
-  constexpr uint32_t kReceive = 8;
   for (uint32_t p = 0; p < run.processes; ++p) {
     tb::Stream& s = trace.stream("r." + std::to_string(p), tb::RAW_EVENTS, {p});
     s.anchorEvery(kAnchorBytes);
@@ -214,6 +252,7 @@ constexpr Kind kKinds[] = {
     {"raw", 1, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
     {"compressed", 3, [](auto& t, auto& r) { calls(t, r), rawEvents(t, r); }},
     {"realistic", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 8); }},
+    {"rawevents", 1, [](auto& t, auto& r) { nestedCalls(t, r), scatteredEvents(t, r, 8); }},
     {"keys", 0, [](auto& t, auto& r) { nestedCalls(t, r), scatteredMessages(t, r, 1U << 30); }},
     {"flight", 0, [](auto& t, auto& r) { messages(t, r, false); }},
     {"scopes", 0, openScopes},
