@@ -190,6 +190,15 @@ class KLT_RecordBuffer {
     used_ = capacity_ = 0;
   }
 
+  // Replaces the records by copies, in no more memory than they need.
+  void assign(const uint8_t* records, size_t bytes) {
+    release();
+    if (bytes == 0) return;
+    PAL_REALLOC(data_, bytes);
+    std::memcpy(data_, records, bytes);
+    used_ = capacity_ = bytes;
+  }
+
   // The address of the next record, with room for `bytes` bytes.
   [[nodiscard]] uint8_t* reserve(size_t bytes) {
     if (capacity_ - used_ < bytes) [[unlikely]]

@@ -61,10 +61,8 @@ void closeAlone(KLT_Reader& reader, KLT_Stream& stream) {
   stream.source.failsAtEnd = std::exchange(stream.source.failed, false);
   stream.requests.finish();
   KLT_StreamClose(stream);
-  KLT_RecordBuffer& records = stream.packed.records;
   const size_t bytes = alone.repeated.used();
-  if (bytes != 0) std::memcpy(records.reserve(bytes), alone.repeated.data(), bytes);
-  records.commit(bytes);
+  stream.packed.records.assign(alone.repeated.data(), bytes);
   stream.packed.outTime = alone.lastTime;
   stream.source.failed = bytes == 0 && stream.source.failsAtEnd;
   alone.repeated.clear();
