@@ -41,6 +41,8 @@ The exit status is the program's.
   --sumdata        also writes the summary files of the trace
   --counters LIST  samples counters at MPI calls: rss, faults, majfaults, ctxsw,
                    cputime, separated by commas
+  --skip-polls     leaves out calls that ask whether something is complete and
+                   find that it isn't: MPI_Test, MPI_Iprobe and the like
   --mpi LIBRARY    openmpi, mpich or none, if the program doesn't link with its
                    MPI library itself
   --quiet          reports problems only
@@ -59,6 +61,7 @@ struct Options {
   std::string name = "run.klt";
   bool hasName = false;
   std::string counters;
+  bool skipPolls = false;
   std::string mpi;
   std::string job;
   record::FinishOptions finish;
@@ -121,6 +124,8 @@ bool takeOption(int argc, char** argv, int& i, Options& options) {
   } else if (word == "--counters") {
     options.counters = value();
     checkCounters(options.counters);
+  } else if (word == "--skip-polls") {
+    options.skipPolls = true;
   } else if (word == "--mpi") {
     options.mpi = value();
     if (options.mpi != "openmpi" && options.mpi != "mpich" && options.mpi != "none")
@@ -238,6 +243,7 @@ int runRecorded(const Options& options, char** argv) {
   setenv("KLT_RECORD_EXE", (record::ownDirectory() + "/klt-record").c_str(), 1);
   setenv("KLT_RECORD_OPTIONS", flags.c_str(), 1);
   setenv("KLT_RECORD_COUNTERS", options.counters.c_str(), 1);
+  setenv("KLT_RECORD_SKIP_POLLS", options.skipPolls ? "1" : "", 1);
   setenv("KLT_RECORD_PID", std::to_string(getpid()).c_str(), 1);
   execvp(argv[options.program], argv + options.program);
   const int error = errno;

@@ -24,8 +24,8 @@ _klt_record() {
     -o) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
     *)
       if [[ $cur == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '-o --raw --sumdata --counters --mpi --quiet --finish
-          --check --help --version' -- "$cur")
+        mapfile -t COMPREPLY < <(compgen -W '-o --raw --sumdata --counters --skip-polls --mpi --quiet
+          --finish --check --help --version' -- "$cur")
       else
         mapfile -t COMPREPLY < <(compgen -c -f -- "$cur")
       fi

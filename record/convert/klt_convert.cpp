@@ -45,6 +45,8 @@ void describeRun(KLT_TraceWriter* trace, std::span<const Process> processes) {
     std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S UTC", &parts);
   KLT_DefineInfo(trace, (std::string("program: ") + header.program).c_str());
   KLT_DefineInfo(trace, (std::string("started: ") + when).c_str());
+  if ((header.flags & KLT_SPOOL_SKIPS_POLLS) != 0)
+    KLT_DefineInfo(trace, "not recorded: calls that ask for completion and find nothing");
 }
 
 class Converter {

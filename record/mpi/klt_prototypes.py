@@ -66,11 +66,11 @@ def prototypes(compiler):
 
 
 class Row:
-    """A call of the table: its arguments, and what is done before and after it."""
+    """A call of the table: its arguments, what is done before and after it, and when it is idle."""
 
     def __init__(self, name, arguments):
         self.name, self.arguments = name, arguments
-        self.actions = {"before": [], "after": [], "failed": []}
+        self.actions = {"before": [], "after": [], "failed": [], "idle": []}
 
     def used(self, when):
         """The arguments that the actions of `when` use."""

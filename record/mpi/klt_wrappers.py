@@ -75,6 +75,14 @@ def after(row, success):
     return lines
 
 
+def leaving(row, success):
+    """The statement that ends a recorded call."""
+    number = call_id(row.name)
+    if row.actions["idle"]:
+        return f"klt_return_poll(t, {number}, {success} && {row.actions['idle'][0]});"
+    return f"klt_return(t, {number});"
+
+
 def status_argument(row, passed):
     """The lines that replace an ignored status, and the arguments to pass."""
     lines = []
@@ -104,7 +112,8 @@ def wrapper(name, row, prototype):
     lines += after(row, "klt_result == MPI_SUCCESS")
     if name in ("MPI_Init", "MPI_Init_thread"):
         lines.append("  if (t == NULL) return klt_result;")
-    return "\n".join(lines + [f"  klt_return(t, {number});", "  return klt_result;", "}", ""])
+    lines.append("  " + leaving(row, "klt_result == MPI_SUCCESS"))
+    return "\n".join(lines + ["  return klt_result;", "}", ""])
 
 
 def fitting(row, name, parameters):
@@ -162,7 +171,7 @@ def _exists(path):
 def converted(row, c_parameters):
     """The lines before and after a call that give the actions their arguments."""
     before, afterwards, late_arrays = [], [], []
-    used = row.used("before") + row.used("after") + row.used("failed")
+    used = row.used("before") + row.used("after") + row.used("failed") + row.used("idle")
     for (kind, _), name in zip(c_parameters, row.arguments):
         if name not in used or any("klt_imade" in line and name == "newcomm"
                                    for line in row.actions["after"]):
@@ -278,7 +287,7 @@ def fortran_wrapper(row, entry, c_parameters):
                     if "klt_imade" in line else line
                     for line in after(row, "*f_ierr == MPI_SUCCESS")),
                   f"  if (t != NULL) klt_return(t, {number});" if starts else
-                  f"  klt_return(t, {number});", "}"]
+                  "  " + leaving(row, "*f_ierr == MPI_SUCCESS"), "}"]
     # Weak: a program may define one of them itself.
     for alias in aliases:
         lines.append(f"{result} {alias}({signature}) __attribute__((weak, alias(\"{name}\")));")

@@ -18,6 +18,7 @@
 
 int klt_state = KLT_OFF;
 int klt_use_tsc;
+int klt_skip_polls;
 __thread struct klt_thread klt_this __attribute__((tls_model("initial-exec")));
 static struct klt_spool_header noHeader;
 struct klt_spool_header* klt_header = &noHeader;
@@ -165,7 +166,8 @@ static void fillHeader(struct klt_spool_header* header, uint64_t start) {
   header->version = KLT_SPOOL_VERSION;
   header->slot_bytes = KLT_SLOT_BYTES;
   header->calls = KLT_CALL_COUNT;
-  header->flags = klt_use_tsc ? KLT_SPOOL_TSC : 0;
+  if (klt_use_tsc) header->flags |= KLT_SPOOL_TSC;
+  if (klt_skip_polls) header->flags |= KLT_SPOOL_SKIPS_POLLS;
   header->pid = (uint32_t)getpid();
   header->size = 1;
   header->start = start;
@@ -183,6 +185,8 @@ void klt_begin(void) {
   begun = 1;
   const int saved = errno;
   klt_use_tsc = hasInvariantCounter();
+  const char* skip = getenv("KLT_RECORD_SKIP_POLLS");
+  klt_skip_polls = skip != NULL && skip[0] != '\0';
   const uint64_t start = klt_ticks();
   atomic_store(&nextSlot, 1);
   struct klt_spool_header* header = klt_open_spool(isForked);

@@ -65,6 +65,9 @@ extern KLT_HIDDEN struct klt_spool_header* klt_header;
 /* A record of samples follows a call if this many ticks have passed; 0: there are no counters. */
 extern KLT_HIDDEN uint64_t klt_sample_ticks;
 
+/* Whether polls that find nothing leave no record (--skip-polls). */
+extern KLT_HIDDEN int klt_skip_polls;
+
 /* Starts recording in this process; nothing if it has been started. */
 KLT_HIDDEN void klt_begin(void);
 /* Ends recording. `flags` are added to those of the spool. */
@@ -172,6 +175,26 @@ static inline void klt_return(struct klt_thread* t, uint32_t call) {
   klt_put_plain(t, now, KLT_LEAVE, call);
   if (KLT_RARE(klt_sample_ticks != 0) && now - t->sampled >= klt_sample_ticks) klt_sample(t, now);
   t->inside = 0;
+}
+
+/* Removes the record with which the current call has begun. False if it isn't the last one. */
+static inline int klt_take_back_enter(struct klt_thread* t, uint32_t call) {
+  if (t->slot->used == 0) return 0;
+  const struct klt_record* last = t->next - 1;
+  if (last->kind != KLT_ENTER || last->a != call || last->time != t->now) return 0;
+  t->slot->used = t->slot->used - 1;
+  /* The place is used again after the count is stored. */
+  __asm__ volatile("" ::: "memory");
+  --t->next;
+  return 1;
+}
+
+/* Ends a call that asks whether something is complete; `is_idle`: it isn't. */
+static inline void klt_return_poll(struct klt_thread* t, uint32_t call, int is_idle) {
+  if (KLT_RARE(klt_skip_polls) && is_idle && klt_take_back_enter(t, call))
+    t->inside = 0;
+  else
+    klt_return(t, call);
 }
 
 #endif

@@ -1,7 +1,7 @@
 ! Counts what it sends, receives and calls like kinds.c, with one of the Fortran interfaces:
 ! compiled with -DMPIF, -DUSEMPI or -DF08.
 !
-! usage: kinds LOG
+! usage: kinds LOG [skip]
 #ifdef F08
 #define COMM type(MPI_Comm)
 #define REQUEST type(MPI_Request)
@@ -28,7 +28,7 @@ program kinds
   integer, parameter :: unit = 20
   integer :: rank, nprocs, next, before, ierr, i, idx, n, indices(2)
   integer :: values(100), others(100)
-  logical :: flag
+  logical :: flag, skips
   character(len=1000) :: path
   COMM :: half, twin
   REQUEST :: requests(2), operation
@@ -39,6 +39,7 @@ program kinds
   call MPI_Comm_rank(MPI_COMM_WORLD, rank, ierr)
   call MPI_Comm_size(MPI_COMM_WORLD, nprocs, ierr)
   call get_command_argument(1, path)
+  skips = command_argument_count() > 1
   write(path, '(a,a,i0)') trim(path), '.', rank
   open(unit, file=trim(path), status='replace')
   write(unit, '(a)') 'F MPI_Init', 'F MPI_Comm_rank', 'F MPI_Comm_size', 'F MPI_Finalize'
@@ -60,7 +61,8 @@ program kinds
     case (4)
       flag = .false.
       do while (.not. flag)
-        CALLED('MPI_Testall') MPI_Testall(2, requests, flag, states, ierr)
+        call MPI_Testall(2, requests, flag, states, ierr)
+        if (flag .or. .not. skips) write(unit, '(a)') 'F MPI_Testall'
       end do
     case (5)
       n = 0
@@ -73,6 +75,10 @@ program kinds
     write(unit, '(a,3(1x,i0))') 'R', before, i, 4 * i
     CALLED('MPI_Barrier') MPI_Barrier(MPI_COMM_WORLD, ierr)
     write(unit, '(a)') 'C MPI_Barrier 0 0'
+  end do
+  do i = 1, 3
+    call MPI_Iprobe(before, 99, MPI_COMM_WORLD, flag, MPI_STATUS_IGNORE, ierr)
+    if (.not. skips) write(unit, '(a)') 'F MPI_Iprobe'
   end do
   CALLED('MPI_Sendrecv') MPI_Sendrecv(values, 7, MPI_INTEGER, next, 9, others, 100, MPI_INTEGER, before, 9, MPI_COMM_WORLD, MPI_STATUS_IGNORE, ierr)
   write(unit, '(a,3(1x,i0))') 'S', next, 9, 28
