@@ -117,7 +117,8 @@ class Merge {
     if (context_.countsSeen) {
       context_.counts.oneToOnes += context_.matching.messagesAdded();
       context_.counts.collectives += context_.matching.collopsAdded();
-      if (!KLTM_WriteCounts(context_)) result_ = KLTM_NOT_WRITTEN;
+      if (!KLT_WriteEventCounts(context_.writer, context_.counts, context_.countsClass))
+        result_ = KLTM_NOT_WRITTEN;
     }
     reportOddEvents();
     KLTM_MatchFinish(context_.matching);
@@ -176,7 +177,7 @@ class Merge {
   void openSummary() {
     const std::string name = summaryName();
     if (!context_.countsSeen && !flag(KLTM_MERGE)) readSliceCounts();
-    const KLTM_Context::Counts& c = context_.countsSeen ? context_.counts : context_.sliceCounts;
+    const KLT_EventCounts& c = context_.countsSeen ? context_.counts : context_.sliceCounts;
     const uint64_t events = 2 * uint64_t{c.functions} + c.oneToOnes + c.collectives;
     context_.summary = KLTT_SumOpen(name.c_str(), context_.startTime, context_.timeSpan,
                                     static_cast<int32_t>(context_.eventBits),

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -15,8 +14,6 @@
 #include "klt/write/klt_write.h"
 
 namespace {
-
-constexpr std::string_view kCountsText = "number of events:";
 
 KLTM_Context& contextOf(void* user) { return *static_cast<KLTM_Context*>(user); }
 
@@ -248,7 +245,7 @@ int processDeclaration(void* user, uint32_t n, const uint32_t* threads) {
 }
 
 bool isCountsText(const char* text) {
-  return text != nullptr && std::string_view(text).starts_with(kCountsText);
+  return text != nullptr && std::string_view(text).starts_with(kKltCountsText);
 }
 
 int info(void* user, uint32_t classId, const char* text) {
@@ -320,8 +317,8 @@ bool readCount(std::string_view& text, std::string_view separator, uint32_t& cou
 int scanInfo(void* user, uint32_t /*classId*/, const char* text) {
   KLTM_Context& context = contextOf(user);
   if (context.countsSeen || !isCountsText(text)) return 0;
-  std::string_view rest = std::string_view(text).substr(kCountsText.size());
-  KLTM_Context::Counts counts;
+  std::string_view rest = std::string_view(text).substr(kKltCountsText.size());
+  KLT_EventCounts counts;
   context.countsSeen = readCount(rest, " ", counts.functions) &&
                        readCount(rest, " functions, ", counts.oneToOnes) &&
                        readCount(rest, " onetoones, ", counts.collectives) &&
@@ -427,21 +424,6 @@ void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context) {
   table.collop_raw_event = &collopRawEvent;
   table.function_statistics = &functionStatistics;
   table.onetoone_statistics = &oneToOneStatistics;
-}
-
-bool KLTM_WriteCounts(KLTM_Context& context) {
-  const KLTM_Context::Counts& c = context.counts;
-  char text[160];
-  std::snprintf(text, sizeof text,
-                "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
-                "%u counters",
-                c.functions, c.oneToOnes, c.collectives, c.scopes, c.counters);
-  if (KLT_Write<KLT_Row::eventSummary>(context.writer, nullptr, c.functions, c.oneToOnes,
-                                       c.collectives, c.scopes, c.counters) == 0)
-    return false;
-  // Without a class the text would be an info record that a reader refuses.
-  return context.countsClass == 0 ||
-         KLT_Write<KLT_Row::info>(context.writer, nullptr, context.countsClass, text) != 0;
 }
 
 const uint32_t* KLTM_GetIndexInComm(void* context, uint32_t communicator, size_t most,

@@ -12,8 +12,7 @@
 #include "generic/merge/RK_logmerge_comms.h"
 #include "generic/summary/kltt_summary.h"
 #include "klt/format/klt_handlers.h"
-
-struct KLT_WFileHandle;
+#include "klt/write/klt_write.h"
 
 // The `user_data` of the merge's handlers.
 struct KLTM_Context {
@@ -28,12 +27,9 @@ struct KLTM_Context {
   uint64_t startTime = 0;
   uint64_t timeSpan = 0;
 
-  // The numbers of events that the trace declares.
-  struct Counts {
-    uint32_t functions = 0, oneToOnes = 0, collectives = 0, scopes = 0, counters = 0;
-  };
-  Counts counts;
-  Counts sliceCounts;  // of an event_summary record, which only the summary of a slice uses
+  KLT_EventCounts counts;  // that the trace declares
+  KLT_EventCounts
+      sliceCounts;  // of an event_summary record, which only the summary of a slice uses
   bool countsSeen = false;
   uint32_t countsClass = 0;  // the class of the info text with these numbers
 };
@@ -44,9 +40,6 @@ void KLTM_SetScanHandlers(KLT_HandlerTable& table, KLTM_Context& context);
 void KLTM_SetCountHandler(KLT_HandlerTable& table, KLTM_Context& context);
 // Sets the handlers of the passes that write. Handlers of the merge are set only with a writer.
 void KLTM_SetCopyHandlers(KLT_HandlerTable& table, KLTM_Context& context);
-
-// Writes the numbers of events of the merged trace. False if that failed.
-[[nodiscard]] bool KLTM_WriteCounts(KLTM_Context& context);
 
 // The first `most` members of a communicator in rank order, for the profiles. `context` is a
 // KLTM_Context. Ends the process if the communicator isn't defined.

@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -73,6 +72,7 @@ constexpr std::array<Operation, 45> kOperations = {{
     {"MPI_Iexscan", CollopKind::kAllToAll},
 }};
 
+constexpr const char* kNotWritten = "a file of the trace can't be written";
 constexpr uint32_t kInteger = 1;
 constexpr uint32_t kReal = 2;
 constexpr uint32_t kRawCollective = 10;
@@ -111,11 +111,7 @@ struct KLT_TraceWriter {
   unsigned processBits = 2;
   bool hasProcesses = false;
   uint64_t definedOperations = 0;  // a bit for each id
-  uint32_t calls = 0;
-  uint32_t messages = 0;
-  uint32_t collectives = 0;
-  uint32_t scopes = 0;
-  uint32_t samples = 0;
+  KLT_EventCounts counts;
 
   bool fail(const char* reason) {
     if (error.empty()) error = reason;
@@ -126,11 +122,10 @@ struct KLT_TraceWriter {
     if (out == nullptr) return fail("the trace is finished");
     if (KLT_Write<Row>(out.get(), nullptr, args...) != 0) [[likely]]
       return true;
-    return fail("a file of the trace can't be written");
+    return fail(kNotWritten);
   }
   void sawTime(uint64_t time) { end = std::max(end, time); }
   bool defineOperation(uint32_t operation);
-  bool putCounts();
   [[nodiscard]] uint32_t rawKind(uint32_t kind, uint32_t thread) const {
     return kind | klt::processOf(thread) << 6 | klt::threadOf(thread) << (6 + processBits);
   }
@@ -146,17 +141,6 @@ bool KLT_TraceWriter::defineOperation(uint32_t operation) {
   const Operation& known = kOperations[operation - 1];
   return put<KLT_Row::collectiveOperationDefinition>(operation, known.name,
                                                      static_cast<uint32_t>(known.kind));
-}
-
-// The number of events, as a record and as a text: a merge needs the class of the text.
-bool KLT_TraceWriter::putCounts() {
-  char text[160];
-  std::snprintf(text, sizeof text,
-                "number of events: %u functions, %u onetoones, %u collectives, %u scopes, "
-                "%u counters",
-                calls, messages, collectives, scopes, samples);
-  return put<KLT_Row::eventSummary>(calls, messages, collectives, scopes, samples) &&
-         put<KLT_Row::info>(kKltClassApplication, text);
 }
 
 KLT_TraceWriter* KLT_CreateTrace(const std::string& name, const KLT_TraceOptions& options,
@@ -190,7 +174,9 @@ std::string KLT_FinishTrace(KLT_TraceWriter* writer) {
   if (writer->out == nullptr) return "the trace is finished";
   if (!writer->hasProcesses) writer->fail("the processes aren't defined");
   writer->put<KLT_Row::duration>(uint64_t{0}, writer->end);
-  writer->putCounts();
+  // A merge needs the class of the text.
+  if (!KLT_WriteEventCounts(writer->out.get(), writer->counts, kKltClassApplication))
+    writer->fail(kNotWritten);
   bool isComplete = false;
   if (const char* problem = KLT_WriterClose(writer->out.release(), &isComplete))
     writer->fail(problem);
@@ -260,7 +246,7 @@ bool KLT_DefineInfo(KLT_TraceWriter* writer, const char* text) {
 
 bool KLT_PutEnter(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, uint32_t function) {
   writer->sawTime(time);
-  ++writer->calls;
+  ++writer->counts.functions;
   return writer->put<KLT_Row::enterFunction>(time, thread, function);
 }
 
@@ -272,7 +258,7 @@ bool KLT_PutLeave(KLT_TraceWriter* writer, uint64_t time, uint32_t thread) {
 bool KLT_PutScopeBegin(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, uint32_t scope,
                        uint32_t instance) {
   writer->sawTime(time);
-  ++writer->scopes;
+  ++writer->counts.scopes;
   return writer->put<KLT_Row::enterScope>(time, thread, scope, instance);
 }
 
@@ -285,7 +271,7 @@ bool KLT_PutScopeEnd(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, ui
 bool KLT_PutSample(KLT_TraceWriter* writer, uint64_t time, uint32_t thread, uint32_t counter,
                    int64_t value) {
   writer->sawTime(time);
-  ++writer->samples;
+  ++writer->counts.counters;
   const uint64_t bytes = klt::bigEndian(std::bit_cast<uint64_t>(value));
   return writer->put<KLT_Row::counterValue>(time, thread, 1U, &bytes, &counter);
 }
@@ -326,7 +312,7 @@ bool KLT_PutMessage(KLT_TraceWriter* writer, const KLT_MessageSide& sender,
   const uint64_t start = std::min(sender.time, receiver.time);
   const auto delay = static_cast<int64_t>(receiver.time - sender.time);
   writer->sawTime(std::max(sender.time, receiver.time));
-  ++writer->messages;
+  ++writer->counts.oneToOnes;
   if (envelope.tag > kMaxId16) {
     return writer->put<KLT_Row::oneToOneCommunicationWide>(
         start, sender.thread, delay, receiver.thread, envelope.communicator, envelope.bytes,
@@ -354,7 +340,7 @@ bool KLT_PutCollective(KLT_TraceWriter* writer, uint32_t operation, uint32_t com
     sent.push_back(part.sent);
     received.push_back(part.received);
   }
-  ++writer->collectives;
+  ++writer->counts.collectives;
   const auto n = static_cast<uint32_t>(parts.size());
   // The amount of the root is the largest one, since it has no rank here.
   switch (kOperations[operation - 1].kind) {

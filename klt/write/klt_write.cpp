@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <utility>
 
 #include "klt/write/klt_write_index.h"
@@ -99,6 +100,19 @@ void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread) {
   context->anchors.release();
   context->data.release();
   context->setFastPathEnd();
+}
+
+bool KLT_WriteEventCounts(KLT_WFileHandle* writer, const KLT_EventCounts& counts,
+                          uint32_t textClass) {
+  const KLT_EventCounts& c = counts;
+  if (KLT_Write<KLT_Row::eventSummary>(writer, nullptr, c.functions, c.oneToOnes, c.collectives,
+                                       c.scopes, c.counters) == 0)
+    return false;
+  char text[160];
+  std::snprintf(
+      text, sizeof text, "%s %u functions, %u onetoones, %u collectives, %u scopes, %u counters",
+      kKltCountsText.data(), c.functions, c.oneToOnes, c.collectives, c.scopes, c.counters);
+  return textClass == 0 || KLT_Write<KLT_Row::info>(writer, nullptr, textClass, text) != 0;
 }
 
 const char* KLT_WriterClose(KLT_WFileHandle* writer, bool* complete) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "klt/storage/klt_fileset.h"
 #include "klt/write/klt_write_row.h"
@@ -46,6 +47,17 @@ struct KLT_WriterCounts {
 [[nodiscard]] KLT_WriterCounts KLT_WriterCount(const KLT_WFileHandle* writer);
 // Writes and frees the buffers of the component of a thread's calls. More records may follow.
 void KLT_WriterRestCalls(KLT_WFileHandle* writer, uint32_t thread);
+
+// The numbers of events that a trace declares.
+struct KLT_EventCounts {
+  uint32_t functions = 0, oneToOnes = 0, collectives = 0, scopes = 0, counters = 0;
+};
+// How the text with these numbers begins.
+inline constexpr std::string_view kKltCountsText = "number of events:";
+// Writes them as a record, and as a text of class `textClass` unless that is 0: readers refuse a
+// text without a class. False if that fails.
+[[nodiscard]] bool KLT_WriteEventCounts(KLT_WFileHandle* writer, const KLT_EventCounts& counts,
+                                        uint32_t textClass);
 
 // Writes profiles and index, and frees the handle. `complete` receives whether all bytes have been
 // written to the files. Returns the text of an error, or null.

@@ -66,7 +66,7 @@ void Names::defineCommunicator(const Definition& definition, LocalIds& ids,
     std::erase(made.members, KLT_NO_PROCESS);
     made.leftSize = head.left_size;
     if (head.call < KLT_CALL_COUNT) {
-      made.name = head.call == 0 ? "communicator" : klt_call_names[head.call];
+      made.name = head.call == 0 ? "communicator" : kCallNames[head.call];
       made.name += '#' + std::to_string(++made_[head.call]);
     }
     if (made.id == 0) ++lost_;
@@ -178,7 +178,7 @@ uint32_t Names::callFunction(uint32_t call) {
   definedCalls_.resize(KLT_CALL_COUNT);
   if (!definedCalls_[call]) {
     definedCalls_[call] = true;
-    KLT_DefineFunction(writer_, kFirstCall + call, klt_call_names[call], kKltClassMpi);
+    KLT_DefineFunction(writer_, kFirstCall + call, kCallNames[call], kKltClassMpi);
   }
   return kFirstCall + call;
 }
@@ -187,6 +187,10 @@ uint32_t Names::mainFunction() {
   if (!hasMain_) KLT_DefineFunction(writer_, kMain, "main", kKltClassApplication);
   hasMain_ = true;
   return kMain;
+}
+
+uint32_t Names::collectiveOperation(uint32_t number) {
+  return number < std::size(kOperationNames) ? KLT_CollectiveOperation(kOperationNames[number]) : 0;
 }
 
 const Symbols& Names::symbolsOf(const std::string& object) {

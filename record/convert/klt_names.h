@@ -48,6 +48,8 @@ class Names {
   // The function of a call, or main; defined at its first use.
   [[nodiscard]] uint32_t callFunction(uint32_t call);
   [[nodiscard]] uint32_t mainFunction();
+  // The writer's id of an operation of the table of calls; 0: there is none.
+  [[nodiscard]] static uint32_t collectiveOperation(uint32_t number);
   // The function at an address of a process; 0 for its main.
   [[nodiscard]] uint32_t codeFunction(LocalIds& ids, uint64_t address);
   // Communicators that have no id because there are too many.

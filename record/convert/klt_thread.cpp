@@ -141,8 +141,8 @@ void ThreadWriter::putCollective(const klt_record& record, uint64_t end) {
   // The end lies ahead, so it isn't the last time yet.
   const double exact = line_.at(end);
   const uint64_t ended = std::max(begin, exact > 0 ? static_cast<uint64_t>(exact) : 0);
-  KLT_PutRawCollective(writer_, gtp_, record.detail, comm, record.u.two.c, ++counters_[comm],
-                       {begin, ended, record.a, record.u.two.b});
+  KLT_PutRawCollective(writer_, gtp_, Names::collectiveOperation(record.detail), comm,
+                       record.u.two.c, ++counters_[comm], {begin, ended, record.a, record.u.two.b});
 }
 
 void ThreadWriter::putFile(const klt_record& record, uint64_t time) {

@@ -184,7 +184,6 @@ void klt_comm_freed(MPI_Comm comm) {
   pthread_mutex_lock(&lock);
   struct known* place = places == 0 ? NULL : placeOf(table, places, KLT_KEY(comm));
   if (place != NULL && place->comm != NULL) {
-    klt_define(KLT_DEF_COMM_FREED, place->comm->id, 0, NULL, 0, NULL, 0);
     place->comm = &freed;
     ++klt_comm_generation;
   }

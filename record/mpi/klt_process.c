@@ -29,7 +29,6 @@ static void askClock(MPI_Comm comm, int moment) {
     klt_header->sync[moment].ticks = before + shortest / 2;
     klt_header->sync[moment].other = theirs;
   }
-  klt_header->round_trip[moment] = shortest;
   klt_header->flags |= moment == 0 ? KLT_SPOOL_SYNC_START : KLT_SPOOL_SYNC_END;
 }
 
@@ -50,9 +49,6 @@ void klt_measure_clocks(MPI_Comm comm, int moment) {
   uint64_t* hosts = malloc((size_t)size * sizeof *hosts);
   if (hosts == NULL) abort(); /* as MPI itself would */
   PMPI_Allgather(&klt_header->host_hash, 1, MPI_UINT64_T, hosts, 1, MPI_UINT64_T, comm);
-  int leader = 0;
-  while (hosts[leader] != hosts[rank]) ++leader;
-  klt_header->leader = (uint32_t)leader;
   for (int i = 1; i < size; ++i) {
     int first = 0;
     while (hosts[first] != hosts[i]) ++first;

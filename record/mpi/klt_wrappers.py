@@ -32,26 +32,14 @@ def names(rows):
     lines = [HEAD + "#ifndef KLT_CALLS_H", "#define KLT_CALLS_H", "", "enum klt_call_number {"]
     lines += [f"  {call_id(row.name)} = {i}," for i, row in enumerate(rows)]
     lines += [f"  KLT_CALL_COUNT = {len(rows)}", "};", "", "/* Operations of collective calls. */"]
-    operations = re.findall(r'"(MPI_\w+)"', OPERATIONS)
+    operations = dict.fromkeys(re.findall(r"\bKLT_OP_(\w+)", str([row.actions for row in rows])))
     lines += ["enum klt_operation {"]
-    lines += [f"  KLT_OP_{name[4:]} = {i + 1}," for i, name in enumerate(operations)]
-    lines += ["};", "", "#ifdef KLT_CALL_NAMES", "static const char* const klt_call_names[] = {"]
+    lines += [f"  KLT_OP_{name} = {i}," for i, name in enumerate(operations)]
+    lines += ["};", "", "#ifdef KLT_CALL_NAMES", "static const char* const kCallNames[] = {"]
     lines += [f'    "{row.name}",' for row in rows]
+    lines += ["};", "static const char* const kOperationNames[] = {"]
+    lines += [f'    "MPI_{name}",' for name in operations]
     return "\n".join(lines + ["};", "#endif", "", "#endif", ""])
-
-
-OPERATIONS = """
-"MPI_Barrier" "MPI_Ibarrier" "MPI_Bcast" "MPI_Ibcast" "MPI_Gather" "MPI_Igather" "MPI_Gatherv"
-"MPI_Igatherv" "MPI_Scatter" "MPI_Iscatter" "MPI_Scatterv" "MPI_Iscatterv" "MPI_Allgather"
-"MPI_Iallgather" "MPI_Allgatherv" "MPI_Iallgatherv" "MPI_Alltoall" "MPI_Ialltoall" "MPI_Alltoallv"
-"MPI_Ialltoallv" "MPI_Alltoallw" "MPI_Ialltoallw" "MPI_Neighbor_allgather"
-"MPI_Ineighbor_allgather" "MPI_Neighbor_allgatherv" "MPI_Ineighbor_allgatherv"
-"MPI_Neighbor_alltoall" "MPI_Ineighbor_alltoall" "MPI_Neighbor_alltoallv"
-"MPI_Ineighbor_alltoallv" "MPI_Neighbor_alltoallw" "MPI_Ineighbor_alltoallw" "MPI_Reduce"
-"MPI_Reduce_local" "MPI_Ireduce" "MPI_Allreduce" "MPI_Iallreduce" "MPI_Reduce_Scatter"
-"MPI_Reduce_Scatter_Block" "MPI_Ireduce_Scatter" "MPI_Ireduce_Scatter_Block" "MPI_Scan"
-"MPI_Iscan" "MPI_Exscan" "MPI_Iexscan"
-"""
 
 
 def renamed(texts, parameters, arguments):

@@ -14,11 +14,11 @@
 #ifndef KLT_SPOOL_H
 #define KLT_SPOOL_H
 
-#include <stdint.h>
+#include <stdint.h> /* NOLINT(modernize-deprecated-headers) */
 
 #define KLT_SPOOL_MAGIC 0x4c4f4f50534b4c54ULL /* TLKSPOOL in memory */
 #define KLT_SLOT_MAGIC 0x544f4c53U            /* SLOT */
-#define KLT_SPOOL_VERSION 1U
+#define KLT_SPOOL_VERSION 2U
 #define KLT_SLOT_BYTES 65536U
 #define KLT_SLOT_RECORDS ((KLT_SLOT_BYTES - 32U) / 24U)
 
@@ -49,19 +49,17 @@ struct klt_spool_header {
   uint32_t pid;
   uint32_t rank;
   uint32_t size;
-  uint32_t leader; /* the process that has measured the offset of this host's clock */
-  uint64_t start;  /* ticks at which main began */
-  uint64_t stop;   /* ticks at which recording stopped or was complete; 0 otherwise */
+  uint32_t stop_errno;
+  uint64_t start; /* ticks at which main began */
+  uint64_t stop;  /* ticks at which recording stopped or was complete; 0 otherwise */
   /* This host's ticks and its CLOCK_MONOTONIC in nanoseconds, at the start and last. */
   struct klt_clock_pair first;
   struct klt_clock_pair last;
-  /* Of a leader: this host's ticks and those of process 0, at Init and at Finalize. */
+  /* Of the process that has measured the clock of this host: its ticks and those of process 0, at
+   * Init and at Finalize. */
   struct klt_clock_pair sync[2];
-  uint64_t round_trip[2]; /* of these measurements, in ticks */
-  uint64_t realtime;      /* CLOCK_REALTIME at the start, in nanoseconds */
-  uint32_t stop_errno;
-  uint32_t threads; /* that have recorded */
-  uint64_t lost;    /* records that were not written after recording has stopped */
+  uint64_t realtime; /* CLOCK_REALTIME at the start, in nanoseconds */
+  uint32_t threads;  /* that have recorded */
   char host[64];
   char program[256];
 };
@@ -85,7 +83,8 @@ enum klt_record_kind {
   KLT_SEND,        /* small: communicator, a: bytes, b: tag, c: process */
   KLT_RECEIVE,     /* the same; the high half of c numbers the receives as they are posted */
   KLT_TAKE_BACK,   /* the send with number `wide` of thread a has not happened */
-  KLT_COLLECTIVE,  /* detail: operation, small: communicator, a: sent, b: received, c: root */
+  KLT_COLLECTIVE,  /* detail: enum klt_operation, small: communicator, a: sent, b: received, c: root
+                    */
   KLT_ICOLLECTIVE, /* the same, and it goes on after its call */
   KLT_COMPLETED,   /* the ICOLLECTIVE with number `wide` of thread a */
   KLT_FILE_BEGIN,  /* detail: 1 read, 2 write, small: file, a: bytes */
@@ -114,7 +113,6 @@ struct klt_record {
 enum klt_def_kind {
   KLT_DEF_COMMUNICATOR = 1, /* klt_def_communicator and its members */
   KLT_DEF_COMM_NAME,        /* id; text */
-  KLT_DEF_COMM_FREED,       /* id */
   KLT_DEF_FILE,             /* id, other: communicator; text */
   KLT_DEF_FUNCTION,         /* id; text */
   KLT_DEF_SCOPE,            /* id; text */
