@@ -36,7 +36,7 @@ void describeProcess(KLT_TraceWriter* trace, const Process& process) {
   }
 }
 
-void describeRun(KLT_TraceWriter* trace, std::span<const Process> processes) {
+void describeRun(KLT_TraceWriter* trace, std::span<const Process> processes, bool hasOutsiders) {
   const klt_spool_header& header = processes.front().header;
   const auto seconds = static_cast<time_t>(header.realtime / 1000000000U);
   char when[64] = "";
@@ -47,6 +47,8 @@ void describeRun(KLT_TraceWriter* trace, std::span<const Process> processes) {
   KLT_DefineInfo(trace, (std::string("started: ") + when).c_str());
   if ((header.flags & KLT_SPOOL_SKIPS_POLLS) != 0)
     KLT_DefineInfo(trace, "not recorded: calls that ask for completion and find nothing");
+  if (hasOutsiders)
+    KLT_DefineInfo(trace, "not recorded: messages with processes outside of this run");
 }
 
 class Converter {
@@ -114,7 +116,10 @@ ConvertResult convert(std::span<const Process> processes, const std::string& tar
       threads[p] = std::min<uint32_t>(std::max<uint32_t>(ranks[p]->header.threads, 1), 0x10000);
   }
   KLT_DefineProcesses(trace, threads);
-  describeRun(trace, processes);
+  result.hasOutsiders = std::any_of(processes.begin(), processes.end(), [](const Process& one) {
+    return (one.header.flags & KLT_SPOOL_OUTSIDERS) != 0;
+  });
+  describeRun(trace, processes, result.hasOutsiders);
   Converter converter(trace, processes, result);
   for (const Process* process : ranks) {
     if (process == nullptr) continue;

@@ -111,6 +111,9 @@ void reportConversion(const ConvertResult& result) {
   if (!result.unfinished.empty())
     say("MPI_Finalize is missing in the record of " + listOf(result.unfinished));
   if (!result.stopped.empty()) say("recording has stopped early in " + listOf(result.stopped));
+  if (result.hasOutsiders)
+    say("messages with processes outside of this run (spawned, connected, or of a session without "
+        "MPI_Init) aren't recorded");
   if (result.lostCommunicators != 0)
     say(std::to_string(result.lostCommunicators) +
         " communicators exceed the 65535 of a trace; their messages are left out");

@@ -53,7 +53,7 @@ static void remember(uintptr_t handle, struct klt_comm* comm) {
   place->comm = comm;
 }
 
-/* The processes of a group by rank. */
+/* The processes of a group by rank; KLT_NO_PROCESS for those outside of the run. */
 static uint32_t* processesOf(MPI_Group group, int n) {
   uint32_t* processes = malloc((size_t)(n + 1) * sizeof *processes);
   int* ranks = malloc((size_t)(n + 1) * 2 * sizeof *ranks);
@@ -63,14 +63,20 @@ static uint32_t* processesOf(MPI_Group group, int n) {
     free(ranks);
     return NULL;
   }
-  for (int i = 0; i < n; ++i) ranks[i] = i;
-  PMPI_Comm_group(MPI_COMM_WORLD, &world);
-  PMPI_Group_translate_ranks(group, n, ranks, world, ranks + n + 1);
+  int* of = ranks + n + 1;
   for (int i = 0; i < n; ++i) {
-    const int process = ranks[n + 1 + i];
-    processes[i] = process == MPI_UNDEFINED ? KLT_NO_PROCESS : (uint32_t)process;
+    ranks[i] = i;
+    of[i] = MPI_UNDEFINED;
   }
-  PMPI_Group_free(&world);
+  if (klt_has_world) {
+    PMPI_Comm_group(MPI_COMM_WORLD, &world);
+    PMPI_Group_translate_ranks(group, n, ranks, world, of);
+    PMPI_Group_free(&world);
+  }
+  for (int i = 0; i < n; ++i) {
+    processes[i] = of[i] == MPI_UNDEFINED ? KLT_NO_PROCESS : (uint32_t)of[i];
+    if (of[i] == MPI_UNDEFINED) klt_header->flags |= KLT_SPOOL_OUTSIDERS;
+  }
   free(ranks);
   return processes;
 }
@@ -123,8 +129,9 @@ static struct klt_comm* make(MPI_Comm handle, uint32_t parent, uint32_t call, in
   if (own == NULL || comm->world == NULL) return NULL;
   comm->self = own[comm->rank];
   comm->indegree = -1;
-  comm->id = lastId < 0xffff ? (uint16_t)++lastId : 0;
-  if (comm->id != 0) define(comm, own, parent, call, tag);
+  if (lastId == 0xffff || comm->self == KLT_NO_PROCESS) return comm;
+  comm->id = (uint16_t)++lastId;
+  define(comm, own, parent, call, tag);
   nameOf(handle, comm);
   return comm;
 }

@@ -163,5 +163,7 @@ KLT_HIDDEN void klt_file_done(struct klt_thread* t, uint16_t direction, uint64_t
                               const MPI_Status* status);
 
 KLT_HIDDEN void klt_initialised(void);
+/* Threads of a session may call MPI at a time. */
+static inline void klt_session_begun(void) { klt_has_threads = 1; }
 
 #endif

@@ -62,7 +62,7 @@ void klt_file_begin(struct klt_thread* t, int direction, MPI_File file, MPI_Coun
                     MPI_Datatype type) {
   MPI_Count size = 0;
   PMPI_Type_size_x(type, &size);
-  put(t, t->now, KLT_FILE_BEGIN, direction, idOf(file), (long long)(count_ * size));
+  put(t, t->now, KLT_FILE_BEGIN, direction, idOf(file), (long long)count_ * size);
 }
 
 void klt_file_end(struct klt_thread* t, int direction, MPI_File file, const MPI_Status* status) {

@@ -32,7 +32,7 @@ static struct klt_record sendRecord(struct klt_thread* t, MPI_Count count, MPI_D
   if (KLT_RARE(size == MPI_UNDEFINED)) {
     MPI_Count wide = 0;
     PMPI_Type_size_x(type, &wide);
-    bytes = (long long)(wide * count);
+    bytes = (long long)wide * count;
   }
   record.kind = KLT_SEND;
   record.small = to->id;

@@ -30,7 +30,7 @@
 
 /* A communicator. Never freed: records and requests refer to it after MPI_Comm_free. */
 struct klt_comm {
-  uint16_t id; /* in the definitions of this process; 0: too many */
+  uint16_t id; /* in the definitions of this process; 0: too many, or not of this run */
   int isInter;
   int size;        /* of the own group */
   int peers;       /* processes that a rank of a message can mean */
@@ -109,6 +109,9 @@ KLT_HIDDEN void klt_persistent_add(MPI_Request request, struct klt_record record
                                    struct klt_comm* comm);
 /* The number of calls of MPI_Type_free so far: then a handle may have a new meaning. */
 extern KLT_HIDDEN uint32_t klt_types_freed;
+/* Whether MPI_COMM_WORLD exists, whose ranks are the numbers of the processes of a run. A program
+ * that only uses sessions has none. */
+extern KLT_HIDDEN int klt_has_world;
 /* Whether several threads may call MPI at a time. */
 extern KLT_HIDDEN int klt_has_threads;
 

@@ -1,15 +1,18 @@
 /* MPI_Init, MPI_Finalize and MPI_Pcontrol: who this process is, what time it is elsewhere, and the
  * end of the record. See klt_hooks.h. */
+#include <limits.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "record/mpi/klt_hooks.h"
 
 enum { CLOCK_TAG = 1, ROUND_TRIPS = 50, MOST_ROUND_TRIPS = 2000 };
 
 static MPI_Comm own = MPI_COMM_NULL; /* for the messages of the recorder */
-static int isInitialised;
+int klt_has_world;
 
 /* Round trips with process 0 to the clock of one other host, until none has been shorter for a
  * while; the shortest one counts. The first word of a question says whether it is the last one. */
@@ -59,19 +62,34 @@ void klt_measure_clocks(MPI_Comm comm, int moment) {
   free(hosts);
 }
 
+/* A spawned run doesn't write its trace over that of its parents: run.klt becomes
+ * run.spawned-PID.klt. */
+static void nameSpawned(void) {
+  static const char ending[] = ".klt";
+  const char* given = getenv("KLT_RECORD_NAME");
+  MPI_Comm parents = MPI_COMM_NULL;
+  PMPI_Comm_get_parent(&parents);
+  if (parents == MPI_COMM_NULL || given == NULL) return;
+  const size_t length = strlen(given);
+  const size_t stem = length < 4 || strcmp(given + length - 4, ending) != 0 ? length : length - 4;
+  char name[PATH_MAX];
+  snprintf(name, sizeof name, "%.*s.spawned-%ld%s", (int)stem, given, (long)getpid(), ending);
+  setenv("KLT_RECORD_NAME", name, 1);
+}
+
 void klt_initialised(void) {
   int level = MPI_THREAD_SINGLE;
   int rank = 0;
   int size = 1;
-  if (isInitialised) return;
+  if (klt_has_world) return;
   klt_begin();
   if (klt_state == KLT_OFF) {
     /* The others measure clocks with this process. */
     klt_header->host_hash = 0;
   }
-  isInitialised = 1;
+  klt_has_world = 1;
   PMPI_Query_thread(&level);
-  klt_has_threads = level == MPI_THREAD_MULTIPLE;
+  if (level == MPI_THREAD_MULTIPLE) klt_has_threads = 1;
   PMPI_Comm_rank(MPI_COMM_WORLD, &rank);
   PMPI_Comm_size(MPI_COMM_WORLD, &size);
   PMPI_Comm_dup(MPI_COMM_WORLD, &own);
@@ -83,6 +101,7 @@ void klt_initialised(void) {
   klt_header->flags |= KLT_SPOOL_MPI;
   klt_measure_clocks(own, 0);
   setenv("KLT_RECORD_PID", "0", 1);
+  nameSpawned();
   struct klt_thread* t = klt_self();
   if (t == NULL) return;
   /* The usual communicators have the first numbers. */
@@ -90,10 +109,9 @@ void klt_initialised(void) {
   klt_note_clock();
 }
 
-int MPI_Finalize(void);
 int MPI_Finalize(void) {
   struct klt_thread* t = klt_call(KLT_CALL_Finalize);
-  if (!isInitialised) return PMPI_Finalize();
+  if (!klt_has_world) return PMPI_Finalize();
   /* A process that doesn't record takes part in the messages of the recorder all the same. */
   klt_measure_clocks(own, 1);
   if (t != NULL) klt_return(t, KLT_CALL_Finalize);
@@ -101,7 +119,7 @@ int MPI_Finalize(void) {
   klt_end(KLT_SPOOL_FINALIZED);
   PMPI_Barrier(own);
   PMPI_Comm_free(&own);
-  isInitialised = 0;
+  klt_has_world = 0;
   const int result = PMPI_Finalize();
   if (klt_header->rank == 0 && (wasOn || (klt_header->flags & KLT_SPOOL_STOPPED) != 0))
     klt_finish_run();

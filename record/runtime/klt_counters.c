@@ -12,10 +12,10 @@
 
 enum { FIRST_ID = 0xff00, COUNTERS = 5 };
 
-static const char* const names[COUNTERS] = {"rss", "faults", "majfaults", "ctxsw", "cputime"};
-static const char* const texts[COUNTERS] = {"resident memory\nbytes", "page faults\n",
-                                            "major page faults\n", "context switches\n",
-                                            "processor time\nns"};
+static const char* const kNames[COUNTERS] = {"rss", "faults", "majfaults", "ctxsw", "cputime"};
+static const char* const kTexts[COUNTERS] = {"resident memory\nbytes", "page faults\n",
+                                             "major page faults\n", "context switches\n",
+                                             "processor time\nns"};
 static int wanted[COUNTERS];
 
 uint64_t klt_sample_ticks;
@@ -32,9 +32,9 @@ void klt_counters_init(void) {
   const char* list = getenv("KLT_RECORD_COUNTERS");
   if (list == NULL || list[0] == '\0') return;
   for (uint32_t i = 0; i < COUNTERS; ++i) {
-    wanted[i] = has(list, names[i]);
+    wanted[i] = has(list, kNames[i]);
     if (wanted[i])
-      klt_define(KLT_DEF_COUNTER, FIRST_ID + i, 0, texts[i], strlen(texts[i]), NULL, 0);
+      klt_define(KLT_DEF_COUNTER, FIRST_ID + i, 0, kTexts[i], strlen(kTexts[i]), NULL, 0);
   }
   /* A millisecond, or less with a processor below 1 GHz. */
   klt_sample_ticks = klt_use_tsc ? 2000000 : 1000000;

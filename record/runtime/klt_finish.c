@@ -12,8 +12,6 @@
 
 #include "record/runtime/klt_runtime.h"
 
-extern char** environ;
-
 struct command {
   const char* path;
   char* const* arguments;

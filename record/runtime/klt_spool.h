@@ -35,7 +35,8 @@ enum klt_spool_flags {
   KLT_SPOOL_STOPPED = 8,   /* recording has stopped because of stop_errno */
   KLT_SPOOL_SYNC_START = 16,
   KLT_SPOOL_SYNC_END = 32,
-  KLT_SPOOL_SKIPS_POLLS = 64 /* polls that find nothing aren't recorded */
+  KLT_SPOOL_SKIPS_POLLS = 64, /* polls that find nothing aren't recorded */
+  KLT_SPOOL_OUTSIDERS = 128   /* communicators have processes outside of the run */
 };
 
 struct klt_spool_header {

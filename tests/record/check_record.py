@@ -186,6 +186,32 @@ def behaviours(place):
     expect("calls of the other", 5, place.trace().calls[0]["MPI_Sendrecv"])
 
 
+def worlds(place):
+    """Sessions, in MPI libraries that have them, and spawned processes, in those that can start them
+    here."""
+    place.compile("mpicc", "faults", "faults.c", "-DKLT_RECORD", "-lpthread")
+    outside = "messages with processes outside of this run"
+    record = [place.record, "--quiet"]
+    if place.mpi == "openmpi":
+        said = place.run(2, *record, "./faults", "spawn")
+        expect("what is said of two runs", 2, said.count(outside))
+        expected, names = (20, 2), ["run.klt", *(
+            one.name for one in place.path.glob("run.spawned-*.klt"))]
+        expect("traces", 2, len(names))
+    else:
+        expect("a session beside MPI_Init", "", place.run(2, *record, "./faults", "session"))
+        expect("its messages", 2, len(place.trace().messages))
+        place.clean()
+        said = place.run(2, *record, "./faults", "alone")
+        expect("what is said of sessions", 2, said.count(outside))
+        expected, names = (0, 0), ["run.0.klt", "run.1.klt"]
+    for name in names:
+        trace = place.trace(name)
+        expect(f"{name}: messages and operations", expected,
+               (len(trace.messages) + len(trace.unmatched), len(trace.collops)))
+        expect(f"{name}: what isn't recorded", True, any(outside in one for one in trace.comments))
+
+
 def programs(place):
     """Without MPI: marks, instrumented functions, a full disk, other names and statuses."""
     place.compile("mpicc", "faults", "faults.c", "-DKLT_RECORD", "-lpthread")
@@ -244,8 +270,8 @@ def clocks(place):
     print(f"{len(early)} of {len(trace.messages)} messages are early: {said}")
 
 
-CASES = {case.__name__: case for case in (kinds, fortran, endings, damaged, behaviours, programs,
-                                     clocks)}
+CASES = {case.__name__: case for case in (kinds, fortran, endings, damaged, behaviours, worlds,
+                                     programs, clocks)}
 
 
 def main():
