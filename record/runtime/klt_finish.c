@@ -1,12 +1,15 @@
 /* Runs klt-record --finish at the end of a run.
  *
- * The child is made by clone without a signal, so that the program's handlers, wait and waitpid
- * don't see it. */
+ * The program's handlers, wait and waitpid don't see the process that does it. A child that
+ * executes another program sends SIGCHLD when it ends, so a child without a signal, which isn't
+ * seen either, waits for that one. */
 #include <errno.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,12 +19,30 @@ struct command {
   const char* path;
   char* const* arguments;
   char* const* environment;
+  sigset_t signals; /* that the program blocks */
+  char* stack;      /* of the process that executes the command */
+  int status;       /* of that process; that of an exit with 127 if it can't be run */
 };
 
-static int run(void* pointer) {
-  const struct command* command = pointer;
+enum { STACK = 65536 };
+
+static int execute(void* pointer) {
+  struct command* command = pointer;
+  sigprocmask(SIG_SETMASK, &command->signals, NULL);
   execve(command->path, command->arguments, command->environment);
   _exit(127);
+}
+
+/* Runs in a child that shares the program's memory and the thread's local storage, so it makes
+ * system calls only. All signals are blocked: none of the program's handlers may run here. The
+ * dispositions are the child's own. */
+static int waitFor(void* pointer) {
+  struct command* command = pointer;
+  signal(SIGCHLD, SIG_DFL);
+  const int child =
+      clone(execute, command->stack + STACK, CLONE_VM | CLONE_VFORK | SIGCHLD, command);
+  if (child > 0) syscall(SYS_wait4, child, &command->status, 0, NULL);
+  _exit(0);
 }
 
 /* The environment without what makes a program a recorded one. Null if memory is exhausted. */
@@ -45,7 +66,6 @@ static const char* variable(const char* name) {
 }
 
 void klt_finish_run(void) {
-  enum { STACK = 65536 };
   const int saved = errno;
   char job[32];
   snprintf(job, sizeof job, "%016llx", (unsigned long long)klt_header->job);
@@ -60,15 +80,22 @@ void klt_finish_run(void) {
                                    variable("KLT_RECORD_OPTIONS"),
                                    NULL};
   char** environment = plainEnvironment();
-  char* stack = malloc(STACK);
+  char* stack = malloc((size_t)STACK * 2);
   if (environment != NULL && stack != NULL) {
-    struct command command = {variable("KLT_RECORD_EXE"), (char* const*)(uintptr_t)arguments,
-                              environment};
-    const int child = clone(run, stack + STACK, CLONE_VM | CLONE_VFORK, &command);
-    int status = 0;
-    while (child > 0 && waitpid(child, &status, (int)__WCLONE) < 0 && errno == EINTR) {
+    struct command command = {.path = variable("KLT_RECORD_EXE"),
+                              .arguments = (char* const*)(uintptr_t)arguments,
+                              .environment = environment,
+                              .stack = stack + STACK,
+                              .status = 127 << 8};
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &command.signals);
+    const int child = clone(waitFor, stack + STACK, CLONE_VM, &command);
+    pthread_sigmask(SIG_SETMASK, &command.signals, NULL);
+    while (child > 0 && waitpid(child, NULL, (int)__WCLONE) < 0 && errno == EINTR) {
     }
-    if (child < 0 || (WIFEXITED(status) && WEXITSTATUS(status) == 127))
+    const int status = command.status;
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127)
       klt_say("%s can't be run; make the trace by: klt-record --finish %s", command.path,
               variable("KLT_RECORD_DIR"));
   }

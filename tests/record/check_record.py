@@ -171,6 +171,10 @@ def behaviours(place):
                    [trace.calls[rank]["MPI_Barrier"] for rank in range(3)])
         if what == "threads":
             expect("threads", 12, len(trace.process))
+    place.clean()
+    said = place.run(1, place.record, "./faults", "more")
+    if " 250000 messages" not in said or "lack" in said:
+        sys.exit(f"250000 requests at a time: {said}")
     # A second MPI_Init is the program's mistake: its end is the same with the recorder.
     place.clean()
     place.run(2, "./faults", "twice", status=None)
@@ -247,6 +251,10 @@ def programs(place):
             not 1000 < len(trace.messages) < 10000 or \
             not any("recording stopped" in one for one in trace.comments):
         sys.exit(f"a full disk: {len(trace.messages)} messages, {said}")
+    # The end of a program whose output nobody waits for, and which ignores the ends of its children.
+    place.clean()
+    place.run(0, "sh", "-c", f"trap '' CHLD; {place.record} ./faults many >said 2>&1; exec test -e run.klt "
+              "-a ! -e run.klt.rec")
     # Programs of a parallel start that don't use MPI have a trace each.
     place.clean()
     place.run(2, place.record, "--quiet", "true")
