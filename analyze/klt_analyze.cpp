@@ -163,7 +163,9 @@ size_t terminalWidth() {
 
 kla::Wanted wantedBy(const Options& options) {
   kla::Wanted wanted;
+  wanted.paths = options.format == Format::kFolded;
   for (const kla::TableKind* table : options.tables) {
+    wanted.paths |= table->needs.paths;
     wanted.messages |= table->needs.messages;
     wanted.collectives |= table->needs.collectives;
     wanted.waits |= table->needs.waits;

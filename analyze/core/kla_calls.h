@@ -1,12 +1,13 @@
-// The calls of each thread: its stack, and a tree of its call paths with the number of calls and
-// their inclusive time. All other times of calls are computed from the trees.
+// The calls of each thread: its stack, the sums of each of its functions, and, if they are wanted,
+// the sums of its call paths.
 //
-// Times of one thread never decrease; an earlier time counts as the last one. So the inclusive
-// times of the children of a path are never longer than its own, and the sums are exact.
+// Times of one thread never decrease; an earlier time counts as the last one. So no time is counted
+// twice, and the sums are exact.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "analyze/core/kla_keys.h"
@@ -15,82 +16,117 @@
 
 namespace kla {
 
-// A call path of a thread. Number 0 is the thread itself.
-struct PathNode {
-  uint32_t parent;
-  uint32_t function;   // index in Definitions::functions; kNone in node 0
-  uint32_t lastChild;  // the child that was entered last; kNone: none
-  uint32_t follower;   // the sibling that was entered after this node the last time
-  uint64_t calls;
-  Time inclusive;
+// The calls of a function on one thread that have ended, and the time up to the last event.
+struct FunctionSums {
+  uint32_t function;  // index in Definitions::functions
+  uint32_t open = 0;  // calls that haven't ended
+  uint64_t calls = 0;
+  Time inclusive = 0;  // recursive calls count once
+  Time exclusive = 0;
+};
+
+// The call paths of a thread. Number 0 is the thread itself, a parent comes before its children.
+class CallTree {
+ public:
+  struct Sums {
+    uint64_t calls = 0;
+    Time inclusive = 0;
+  };
+
+  // The path of `function` called from `parent`, which is added on first use.
+  uint32_t child(uint32_t parent, uint32_t function) {
+    const uint32_t path = keys_[uint64_t{parent} << 32 | function] + 1;
+    if (path == sums_.size()) sums_.emplace_back();
+    return path;
+  }
+  void add(uint32_t path, Time time) {
+    ++sums_[path].calls;
+    sums_[path].inclusive += time;
+  }
+
+  [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(sums_.size()); }
+  [[nodiscard]] const Sums& operator[](uint32_t path) const { return sums_[path]; }
+  // Of a path other than 0.
+  [[nodiscard]] uint32_t parent(uint32_t path) const {
+    return static_cast<uint32_t>(keys_.keys()[path - 1] >> 32);
+  }
+  [[nodiscard]] uint32_t function(uint32_t path) const {
+    return static_cast<uint32_t>(keys_.keys()[path - 1]);
+  }
+
+ private:
+  KeyIndex keys_;  // path - 1 of parent and function
+  std::vector<Sums> sums_{1};
 };
 
 class ThreadCalls {
  public:
-  struct Frame {
-    uint32_t node;
-    Time enter;
-  };
-
-  ThreadCalls(uint32_t gtp, bool selected) : gtp_(gtp), selected_(selected) {
-    nodes_.push_back({kNone, kNone, kNone, kNone, 0, 0});
-  }
+  ThreadCalls(uint32_t gtp, bool selected, bool keepsPaths)
+      : gtp_(gtp), selected_(selected), tree_(keepsPaths ? new CallTree : nullptr) {}
 
   [[nodiscard]] uint32_t gtp() const { return gtp_; }
   [[nodiscard]] bool selected() const { return selected_; }
-  [[nodiscard]] const std::vector<PathNode>& nodes() const { return nodes_; }
-  [[nodiscard]] const std::vector<Frame>& stack() const { return stack_; }
+  [[nodiscard]] const std::vector<FunctionSums>& functions() const { return functions_; }
+  // Null if call paths aren't wanted.
+  [[nodiscard]] const CallTree* tree() const { return tree_.get(); }
+  [[nodiscard]] bool isOpen() const { return !stack_.empty(); }
   [[nodiscard]] Time last() const { return last_; }
-  [[nodiscard]] Time clamp(Time time) const { return std::max(time, last_); }
 
   void enter(Time time, uint32_t function) {
-    last_ = clamp(time);
-    const uint32_t parent = stack_.empty() ? 0 : stack_.back().node;
-    stack_.push_back({child(parent, function), last_});
+    advance(time);
+    const uint32_t index = indices_[function];
+    if (index == functions_.size()) functions_.push_back({.function = function});
+    ++functions_[index].open;
+    uint32_t path = 0;
+    if (tree_ != nullptr) path = tree_->child(stack_.empty() ? 0 : stack_.back().path, function);
+    stack_.push_back({index, path, last_});
   }
-  // Ends the innermost call and returns its function. REQUIRES: a call is open.
+  // Ends the innermost call and returns its function. REQUIRES: isOpen().
   uint32_t leave(Time time) {
-    last_ = clamp(time);
+    advance(time);
     const Frame frame = stack_.back();
     stack_.pop_back();
-    PathNode& node = nodes_[frame.node];
-    ++node.calls;
-    node.inclusive += last_ - frame.enter;
-    return node.function;
+    FunctionSums& sums = functions_[frame.index];
+    ++sums.calls;
+    if (--sums.open == 0) sums.inclusive += last_ - frame.enter;
+    if (tree_ != nullptr) tree_->add(frame.path, last_ - frame.enter);
+    return sums.function;
   }
 
   // Whether the thread counts as one of the run although it may have no calls.
   bool isDeclared = false;
-  [[nodiscard]] bool hasCalls() const { return nodes_.size() > 1 || isDeclared; }
+  [[nodiscard]] bool hasCalls() const { return !functions_.empty() || isDeclared; }
 
-  // MPI calls that are open, and the start and function of the outermost.
+  // MPI calls that are open, the start and function of the outermost, and the time in those that
+  // have ended.
   uint32_t mpiDepth = 0;
   uint32_t mpiFunction = kNone;
   Time mpiEnter = 0;
+  Time mpiTime = 0;
 
  private:
-  // The path of `function` called from `parent`. Loops call the same functions in the same order,
-  // so the last child and the one that followed it before are tried first.
-  uint32_t child(uint32_t parent, uint32_t function) {
-    const uint32_t last = nodes_[parent].lastChild;
-    if (last != kNone) {
-      if (nodes_[last].function == function) return last;
-      const uint32_t next = nodes_[last].follower;
-      if (next != kNone && nodes_[next].function == function) {
-        nodes_[parent].lastChild = next;
-        return next;
-      }
-    }
-    return findChild(parent, function);
+  // A function index up to this is found in an array of the thread.
+  static constexpr uint32_t kDirect = 256;
+
+  struct Frame {
+    uint32_t index;  // in `functions_`
+    uint32_t path;   // in `tree_`
+    Time enter;
+  };
+
+  void advance(Time time) {
+    time = std::max(time, last_);
+    if (!stack_.empty()) functions_[stack_.back().index].exclusive += time - last_;
+    last_ = time;
   }
-  uint32_t findChild(uint32_t parent, uint32_t function);
 
   uint32_t gtp_;
   bool selected_;
   Time last_ = 0;
   std::vector<Frame> stack_;
-  std::vector<PathNode> nodes_;  // a parent comes before its children
-  KeyIndex children_;            // node index + 1 of parent and function
+  std::vector<FunctionSums> functions_;
+  KeyIndex indices_{kDirect};
+  std::unique_ptr<CallTree> tree_;
 };
 
 // The calls of all threads.
@@ -106,6 +142,8 @@ class Calls {
   [[nodiscard]] const ThreadCalls& operator[](uint32_t index) const { return threads_[index]; }
   [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(threads_.size()); }
 
+  // Before the first thread: whether call paths are wanted.
+  bool keepsPaths = false;
   // The threads of the tables, as the user selects them; all by default.
   PAL_TripletSet selection;
   bool selectsAll = true;

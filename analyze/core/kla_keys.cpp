@@ -31,7 +31,7 @@ uint32_t KeyIndex::add(uint64_t key) {
     return index;
   }
   if (2 * (size_t{used_} + 1) > slots_.size()) {
-    const size_t size = std::max<size_t>(8, 4 * slots_.size());
+    const size_t size = std::max<size_t>(8, 2 * slots_.size());
     slots_.assign(size, kNone);
     shift_ = static_cast<uint32_t>(64 - std::countr_zero(size));
     for (uint32_t old = 0; old < index; ++old) {

@@ -23,15 +23,34 @@ int enter(void* user, uint64_t time, uint32_t gtp, uint32_t id, uint32_t) {
   ++a.enters;
   time = a.timeOf(time, calls.selected());
   calls.enter(time, function);
+  if (a.definitions.functions[function].isMpi && calls.mpiDepth++ == 0) {
+    calls.mpiFunction = function;
+    calls.mpiEnter = calls.last();
+  }
   if constexpr (kFull) {
     a.waits.advance(time);
-    if (a.definitions.functions[function].isMpi && calls.mpiDepth++ == 0) {
-      calls.mpiFunction = function;
-      calls.mpiEnter = calls.last();
-    }
     if (a.listener != nullptr) a.listener->enter(thread, calls.last(), function);
   }
   return 0;
+}
+
+// Ends the innermost call of a thread.
+template <bool kFull>
+void endCall(Analysis& a, uint32_t thread, Time time) {
+  ThreadCalls& calls = a.calls[thread];
+  const uint32_t function = calls.leave(time);
+  if (a.definitions.functions[function].isMpi && --calls.mpiDepth == 0) {
+    calls.mpiTime += calls.last() - calls.mpiEnter;
+    if constexpr (kFull) {
+      a.waits.mpiCall(thread, calls.mpiFunction, calls.mpiEnter, calls.last());
+      if (a.bins != nullptr && calls.gtp() <= kProcessMask) {
+        a.bins->add(calls.gtp(), calls.mpiEnter, calls.last());
+      }
+    }
+  }
+  if constexpr (kFull) {
+    if (a.listener != nullptr) a.listener->leave(thread, calls.last());
+  }
 }
 
 template <bool kFull>
@@ -41,12 +60,11 @@ int leave(void* user, uint64_t time, uint32_t gtp, uint32_t) {
   ThreadCalls& calls = a.calls[thread];
   time = a.timeOf(time, calls.selected());
   if constexpr (kFull) a.waits.advance(time);
-  if (calls.stack().empty()) [[unlikely]] {
+  if (!calls.isOpen()) [[unlikely]] {
     ++a.strayLeaves;
     return 0;
   }
-  const uint32_t function = calls.leave(time);
-  if constexpr (kFull) callEnded(a, thread, function);
+  endCall<kFull>(a, thread, time);
   return 0;
 }
 
@@ -196,6 +214,11 @@ int rawCollective(void* user, uint64_t time, uint32_t, uint32_t, uint32_t, uint3
   return 0;
 }
 
+// Whether the analysis needs more of a call than its time.
+bool needsCalls(const Analysis& a) {
+  return a.wanted().waits || a.bins != nullptr || a.listener != nullptr;
+}
+
 template <bool kFull>
 void setCalls(KLT_HandlerTable& table) {
   table.enter_function = &enter<kFull>;
@@ -204,19 +227,10 @@ void setCalls(KLT_HandlerTable& table) {
 }
 }  // namespace
 
-bool needsCalls(const Analysis& a) {
-  return a.wanted().waits || a.bins != nullptr || a.listener != nullptr;
-}
-
-void callEnded(Analysis& a, uint32_t thread, uint32_t function) {
-  ThreadCalls& calls = a.calls[thread];
-  if (a.definitions.functions[function].isMpi && --calls.mpiDepth == 0) {
-    a.waits.mpiCall(thread, calls.mpiFunction, calls.mpiEnter, calls.last());
-    if (a.bins != nullptr && calls.gtp() <= kProcessMask) {
-      a.bins->add(calls.gtp(), calls.mpiEnter, calls.last());
-    }
+void endCalls(Analysis& a, uint32_t thread, Time time) {
+  while (a.calls[thread].isOpen()) {
+    needsCalls(a) ? endCall<true>(a, thread, time) : endCall<false>(a, thread, time);
   }
-  if (a.listener != nullptr) a.listener->leave(thread, calls.last());
 }
 
 KLT_HandlerTable eventHandlers(Analysis& a) {

@@ -22,6 +22,7 @@ void Analysis::select(const PAL_Triplets& threads) {
 
 int Analysis::run(const Wanted& wanted) {
   wanted_ = wanted;
+  calls.keepsPaths = wanted.paths;
   KLT_Request request;
   request.categories = klt::kFunctions | klt::kScopes | klt::kFileIo | klt::kCounters |
                        klt::kMessages | klt::kCollops | klt::kRawEvents;
@@ -72,10 +73,7 @@ void Analysis::finish() {
   }
   for (uint32_t thread = 0; thread < calls.size(); ++thread) {
     anyCalls_ = anyCalls_ || calls[thread].hasCalls();
-    while (!calls[thread].stack().empty()) {
-      const uint32_t function = calls[thread].leave(span_.end);
-      if (needsCalls(*this)) callEnded(*this, thread, function);
-    }
+    endCalls(*this, thread, span_.end);
   }
   waits.finish();
 }
@@ -113,18 +111,6 @@ uint64_t Analysis::threadCount() const {
   uint64_t count = 0;
   for (uint32_t thread = 0; thread < calls.size(); ++thread) count += counts(thread);
   return count;
-}
-
-Time Analysis::mpiTime(uint32_t thread) const {
-  const std::vector<PathNode>& nodes = calls[thread].nodes();
-  std::vector<bool> inMpi(nodes.size());
-  Time sum = 0;
-  for (size_t i = 1; i < nodes.size(); ++i) {
-    const bool isMpi = definitions.functions[nodes[i].function].isMpi;
-    inMpi[i] = isMpi || inMpi[nodes[i].parent];
-    if (isMpi && !inMpi[nodes[i].parent]) sum += nodes[i].inclusive;
-  }
-  return sum;
 }
 
 }  // namespace kla

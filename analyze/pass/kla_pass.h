@@ -22,6 +22,7 @@ namespace kla {
 
 // What a pass computes. Calls are always read.
 struct Wanted {
+  bool paths = false;  // call paths of the selected threads
   bool messages = false;
   bool collectives = false;
   bool waits = false;  // also reads the threads that aren't selected, because they may be late
@@ -93,8 +94,6 @@ class Analysis {
   };
   [[nodiscard]] std::vector<Process> processes() const;
   [[nodiscard]] uint64_t threadCount() const;
-  // Time in outermost MPI calls of a thread.
-  [[nodiscard]] Time mpiTime(uint32_t thread) const;
   [[nodiscard]] double seconds(Sum ticks) const {
     return static_cast<double>(ticks) * definitions.resolution;
   }

@@ -116,7 +116,7 @@ Comparison::Figures Comparison::processes() const {
     for (const Analysis::Process& process : run.processes()) {
       Figure& figure = found[process.process];
       figure.names = {std::to_string(process.process)};
-      figure.values[i] = spanOf(run) - run.seconds(run.mpiTime(process.threads.front()));
+      figure.values[i] = spanOf(run) - run.seconds(run.calls[process.threads.front()].mpiTime);
     }
   }
   return valuesOf(std::move(found));

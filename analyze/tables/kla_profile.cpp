@@ -12,25 +12,28 @@ namespace {
 class Rows {
  public:
   struct Values {
+    uint32_t row;
     uint64_t calls = 0;
     Sum inclusive = 0, exclusive = 0;
-    bool used = false;
   };
 
   [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(rows_.size()); }
-  uint32_t add(const ProfileRow& row) {
+  void add(const ProfileRow& row) {
     rows_.push_back(row);
-    values_.emplace_back();
-    return static_cast<uint32_t>(rows_.size() - 1);
+    places_.push_back(kNone);
   }
   Values& of(uint32_t row) {
-    if (!std::exchange(values_[row].used, true)) used_.push_back(row);
-    return values_[row];
+    uint32_t& place = places_[row];
+    if (place == kNone) {
+      place = static_cast<uint32_t>(values_.size());
+      values_.push_back({.row = row});
+    }
+    return values_[place];
   }
   void endProcess(uint32_t process) {
-    for (const uint32_t index : used_) {
-      ProfileRow& row = rows_[index];
-      const Values values = std::exchange(values_[index], {});
+    for (const Values& values : values_) {
+      ProfileRow& row = rows_[values.row];
+      places_[values.row] = kNone;
       row.calls += values.calls;
       row.inclusive += values.inclusive;
       row.exclusive += values.exclusive;
@@ -41,9 +44,9 @@ class Rows {
       row.least = row.processes == 0 ? values.exclusive : std::min(row.least, values.exclusive);
       ++row.processes;
     }
-    used_.clear();
+    values_.clear();
   }
-  std::vector<ProfileRow> finish(size_t processes) {
+  Profile finish(size_t processes) {
     for (ProfileRow& row : rows_) {
       if (row.processes < processes) row.least = 0;
     }
@@ -51,105 +54,79 @@ class Rows {
   }
 
  private:
-  std::vector<ProfileRow> rows_;
+  Profile rows_;
+  std::vector<uint32_t> places_;  // of the rows in `values_`; kNone: none
   std::vector<Values> values_;
-  std::vector<uint32_t> used_;
 };
 
 // The exclusive times of a thread's paths; that of path 0 is the time outside of all calls.
-std::vector<Time> exclusiveTimes(const std::vector<PathNode>& nodes, Time span) {
-  std::vector<Time> times(nodes.size());
-  for (size_t i = nodes.size(); i-- > 1;) {
-    times[i] += nodes[i].inclusive;
-    times[nodes[i].parent] -= nodes[i].inclusive;  // modulo 2^64, until the parent is added
+void exclusiveTimes(const CallTree& tree, Time span, std::vector<Time>& times) {
+  times.assign(tree.size(), 0);
+  for (uint32_t i = tree.size(); i-- > 1;) {
+    times[i] += tree[i].inclusive;
+    times[tree.parent(i)] -= tree[i].inclusive;  // modulo 2^64, until the parent is added
   }
   times[0] += span;
-  return times;
-}
-
-// For each path, whether its function doesn't call itself through it: the paths in depth-first
-// order, with the number of times that each function is open.
-std::vector<bool> outermost(const std::vector<PathNode>& nodes, std::vector<uint32_t>& open) {
-  std::vector<uint32_t> firstChild(nodes.size(), kNone), sibling(nodes.size(), kNone);
-  for (auto i = static_cast<uint32_t>(nodes.size()); i-- > 1;) {
-    sibling[i] = std::exchange(firstChild[nodes[i].parent], i);
-  }
-  std::vector<bool> result(nodes.size());
-  for (uint32_t at = firstChild[0]; at != kNone && at != 0;) {
-    result[at] = open[nodes[at].function]++ == 0;
-    if (firstChild[at] != kNone) {
-      at = firstChild[at];
-      continue;
-    }
-    while (at != 0) {
-      --open[nodes[at].function];
-      if (sibling[at] != kNone) break;
-      at = nodes[at].parent;
-    }
-    if (at != 0) at = sibling[at];
-  }
-  return result;
 }
 
 }  // namespace
 
-std::vector<ProfileRow> functionProfile(const Analysis& analysis) {
+Profile functionProfile(const Analysis& analysis) {
   Rows rows;
   const auto functions = static_cast<uint32_t>(analysis.definitions.functions.size());
-  for (uint32_t i = 0; i < functions; ++i) (void)rows.add({.function = i});
-  (void)rows.add({});
+  for (uint32_t i = 0; i < functions; ++i) rows.add({.function = i});
+  rows.add({});
   const Window span = analysis.span();
-  std::vector<uint32_t> open(functions);
   const std::vector<Analysis::Process> processes = analysis.processes();
   for (const Analysis::Process& process : processes) {
     for (const uint32_t thread : process.threads) {
-      const std::vector<PathNode>& nodes = analysis.calls[thread].nodes();
-      const std::vector<Time> exclusive = exclusiveTimes(nodes, span.end - span.start);
-      const std::vector<bool> isOutermost = outermost(nodes, open);
-      rows.of(functions).exclusive += exclusive[0];
-      rows.of(functions).inclusive += exclusive[0];
-      for (size_t i = 1; i < nodes.size(); ++i) {
-        Rows::Values& values = rows.of(nodes[i].function);
-        values.calls += nodes[i].calls;
-        values.exclusive += exclusive[i];
-        if (isOutermost[i]) values.inclusive += nodes[i].inclusive;
+      Time outside = span.end - span.start;
+      for (const FunctionSums& sums : analysis.calls[thread].functions()) {
+        Rows::Values& values = rows.of(sums.function);
+        values.calls += sums.calls;
+        values.inclusive += sums.inclusive;
+        values.exclusive += sums.exclusive;
+        outside -= sums.exclusive;
       }
+      Rows::Values& noCall = rows.of(functions);
+      noCall.inclusive += outside;
+      noCall.exclusive += outside;
     }
     rows.endProcess(process.process);
   }
-  std::vector<ProfileRow> all = rows.finish(processes.size());
+  Profile all = rows.finish(processes.size());
   std::erase_if(all, [](const ProfileRow& row) { return row.processes == 0; });
   return all;
 }
 
-std::vector<ProfileRow> pathProfile(const Analysis& analysis) {
+Profile pathProfile(const Analysis& analysis) {
   Rows rows;
   KeyIndex paths;  // row - 1 of the parent's row and the function
-  (void)rows.add({});
+  rows.add({});
   const Window span = analysis.span();
   const std::vector<Analysis::Process> processes = analysis.processes();
   std::vector<uint32_t> rowOf, depth;
+  std::vector<Time> exclusive;
   for (const Analysis::Process& process : processes) {
     for (const uint32_t thread : process.threads) {
-      const std::vector<PathNode>& nodes = analysis.calls[thread].nodes();
-      const std::vector<Time> exclusive = exclusiveTimes(nodes, span.end - span.start);
-      rowOf.assign(nodes.size(), 0);
-      depth.assign(nodes.size(), 0);
+      const CallTree& tree = *analysis.calls[thread].tree();
+      exclusiveTimes(tree, span.end - span.start, exclusive);
+      rowOf.assign(tree.size(), 0);
+      depth.assign(tree.size(), 0);
       rows.of(0).exclusive += exclusive[0];
       rows.of(0).inclusive += exclusive[0];
-      for (size_t i = 1; i < nodes.size(); ++i) {
-        const uint32_t parent = nodes[i].parent;
+      for (uint32_t i = 1; i < tree.size(); ++i) {
+        const uint32_t parent = tree.parent(i), function = tree.function(i);
         const uint32_t above = rowOf[parent];
         depth[i] = depth[parent] + 1;
         const bool isShown = depth[i] <= kMostDepth;
-        rowOf[i] = isShown ? paths[uint64_t{above} << 32 | nodes[i].function] + 1 : above;
-        if (rowOf[i] == rows.size())
-          (void)rows.add({.function = nodes[i].function, .parent = above});
+        rowOf[i] = isShown ? paths[uint64_t{above} << 32 | function] + 1 : above;
+        if (rowOf[i] == rows.size()) rows.add({.function = function, .parent = above});
         Rows::Values& values = rows.of(rowOf[i]);
         values.exclusive += exclusive[i];
         if (!isShown) continue;
-        values.calls += nodes[i].calls;
-        values.inclusive += nodes[i].inclusive;
+        values.calls += tree[i].calls;
+        values.inclusive += tree[i].inclusive;
       }
     }
     rows.endProcess(process.process);

@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
+#include <deque>
 
 #include "analyze/pass/kla_pass.h"
 
@@ -23,12 +23,15 @@ struct ProfileRow {
   }
 };
 
+// Not a vector: there can be millions of call paths, and a vector copies all when it grows.
+using Profile = std::deque<ProfileRow>;
+
 // By function; recursive calls count once in the inclusive time. The row without a function has the
 // time outside of all calls. The exclusive times add up to the span times the number of threads.
-[[nodiscard]] std::vector<ProfileRow> functionProfile(const Analysis& analysis);
+[[nodiscard]] Profile functionProfile(const Analysis& analysis);
 // By call path, a parent before its children. Row 0 is the time outside of all calls. Calls deeper
-// than kMostDepth count for the path of this depth.
+// than kMostDepth count for the path of this depth. REQUIRES: the pass had `paths`.
 inline constexpr uint32_t kMostDepth = 200;
-[[nodiscard]] std::vector<ProfileRow> pathProfile(const Analysis& analysis);
+[[nodiscard]] Profile pathProfile(const Analysis& analysis);
 
 }  // namespace kla

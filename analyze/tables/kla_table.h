@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,10 +31,18 @@ struct Column {
   const char* heading = nullptr;  // in text, if it is shorter than the name
 };
 
+using Row = std::vector<Cell>;
+
 struct Table {
   const char* name;
   std::vector<Column> columns;
-  std::vector<std::vector<Cell>> rows;
+  std::vector<Row> rows;
+  // Instead of `rows`, for tables that are too long to be kept: their number, and what makes one.
+  size_t count = 0;
+  std::function<Row(size_t)> rowAt{};
+
+  [[nodiscard]] size_t size() const { return rowAt ? count : rows.size(); }
+  [[nodiscard]] Row row(size_t index) const { return rowAt ? rowAt(index) : rows[index]; }
 };
 
 enum class Format : uint8_t { kText, kCsv, kJson, kFolded };
@@ -63,6 +72,7 @@ class TableWriter {
   Format format_;
   size_t width_;
   double resolution_;
+  int decimals_;  // of times
   size_t mostRows_;
   bool failed_ = false, finished_ = false;
   uint32_t tables_ = 0;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <memory>
 #include <numeric>
 #include <tuple>
 #include <utility>
@@ -21,7 +22,7 @@ constexpr std::array<TableKind, 10> kKinds{{
      &overviewTable,
      {.messages = true, .collectives = true, .scopes = true, .counters = true, .files = true}},
     {"functions", "calls and times of functions, compared over processes", &functionsTable, {}},
-    {"callpaths", "the same by call path", &callPathsTable, {}},
+    {"callpaths", "the same by call path", &callPathsTable, {.paths = true}},
     {"messages", "messages by sender and receiver", &messagesTable, {.messages = true}},
     {"message_sizes", "messages by size", &messageSizesTable, {.messages = true}},
     {"collectives", "collective operations", &collectivesTable, {.collectives = true}},
@@ -76,17 +77,68 @@ Sum wholeTime(const Analysis& analysis) {
   return Sum{span.end - span.start} * analysis.threadCount();
 }
 
-// Names of the functions of each path, the outermost first.
-std::vector<uint32_t> functionsOf(const std::vector<ProfileRow>& rows, uint32_t row) {
-  std::vector<uint32_t> functions;
-  for (; row != 0 && row != kNone; row = rows[row].parent) functions.push_back(rows[row].function);
-  std::reverse(functions.begin(), functions.end());
-  return functions;
+// The call paths and their texts: names joined by ";".
+class PathTexts {
+ public:
+  // `change` is applied to each name. `analysis` must be kept.
+  PathTexts(const Analysis& analysis, std::string (*change)(std::string))
+      : analysis_(analysis),
+        change_(change),
+        profile_(pathProfile(analysis)),
+        names_(analysis.definitions.functions.size()) {}
+
+  [[nodiscard]] const Profile& profile() const { return profile_; }
+  [[nodiscard]] std::string text(uint32_t row) {
+    if (row == 0) return functionName(analysis_, kNone);
+    functions_.clear();
+    for (; row != 0; row = profile_[row].parent) functions_.push_back(profile_[row].function);
+    std::string text;
+    for (size_t i = functions_.size(); i-- > 0;) {
+      text += name(functions_[i]);
+      if (i != 0) text += ';';
+    }
+    return text;
+  }
+
+ private:
+  const std::string& name(uint32_t function) {
+    std::string& name = names_[function];
+    if (name.empty()) name = change_(analysis_.definitions.functionName(function));
+    return name;
+  }
+
+  const Analysis& analysis_;
+  std::string (*change_)(std::string);
+  Profile profile_;
+  std::vector<std::string> names_;  // by function; empty until they are used
+  std::vector<uint32_t> functions_;
+};
+
+// The numbers of the rows, the one with the longest exclusive time first.
+std::vector<uint32_t> costliestFirst(const Profile& profile) {
+  // A sum of times of 64 bits over at most 2^31 threads.
+  struct Key {
+    uint32_t high, row;
+    uint64_t low;
+  };
+  std::vector<Key> keys;
+  keys.reserve(profile.size());
+  for (const ProfileRow& row : profile) {
+    keys.push_back({static_cast<uint32_t>(row.exclusive >> 64), static_cast<uint32_t>(keys.size()),
+                    static_cast<uint64_t>(row.exclusive)});
+  }
+  std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
+    return std::tuple(a.high, a.low, b.row) > std::tuple(b.high, b.low, a.row);
+  });
+  std::vector<uint32_t> rows;
+  rows.reserve(keys.size());
+  for (const Key& key : keys) rows.push_back(key.row);
+  return rows;
 }
 
 // Adds the five functions with the longest exclusive time.
 void appendCostliest(const Analysis& analysis, Table& table) {
-  std::vector<ProfileRow> profile = functionProfile(analysis);
+  Profile profile = functionProfile(analysis);
   std::erase_if(profile, [](const ProfileRow& row) { return row.function == kNone; });
   std::sort(profile.begin(), profile.end(), &isCostlier);
   for (size_t i = 0; i < std::min<size_t>(5, profile.size()); ++i) {
@@ -118,7 +170,7 @@ std::string functionName(const Analysis& analysis, uint32_t function) {
 EfficiencyRow wholeEfficiency(const Analysis& analysis) {
   std::vector<Time> mpi;
   for (const Analysis::Process& process : analysis.processes()) {
-    mpi.push_back(analysis.mpiTime(process.threads.front()));
+    mpi.push_back(analysis.calls[process.threads.front()].mpiTime);
   }
   return efficiencyOf(analysis.span(), mpi);
 }
@@ -132,7 +184,7 @@ Table overviewTable(const Analysis& analysis) {
   Sum inMpi = 0;
   const std::vector<Analysis::Process> processes = analysis.processes();
   for (const Analysis::Process& process : processes) {
-    for (const uint32_t thread : process.threads) inMpi += analysis.mpiTime(thread);
+    for (const uint32_t thread : process.threads) inMpi += analysis.calls[thread].mpiTime;
   }
   uint64_t fileOperations = 0;
   for (const auto& row : analysis.files.rows()) fileOperations += row.count;
@@ -162,7 +214,7 @@ Table overviewTable(const Analysis& analysis) {
 Table functionsTable(const Analysis& analysis) {
   Table table{"functions", {{"function"}, {"class"}}, {}};
   appendTimeColumns(table.columns);
-  std::vector<ProfileRow> profile = functionProfile(analysis);
+  Profile profile = functionProfile(analysis);
   std::sort(profile.begin(), profile.end(), &isCostlier);
   const size_t processes = analysis.processes().size();
   const Sum whole = wholeTime(analysis);
@@ -180,24 +232,15 @@ Table functionsTable(const Analysis& analysis) {
 Table callPathsTable(const Analysis& analysis) {
   Table table{"callpaths", {{"path"}}, {}};
   appendTimeColumns(table.columns);
-  const std::vector<ProfileRow> profile = pathProfile(analysis);
-  std::vector<uint32_t> rows(profile.size());
-  std::iota(rows.begin(), rows.end(), 0U);
-  std::stable_sort(rows.begin(), rows.end(), [&](uint32_t a, uint32_t b) {
-    return profile[a].exclusive > profile[b].exclusive;
-  });
+  const auto paths = std::make_shared<PathTexts>(analysis, [](std::string name) { return name; });
+  table.count = paths->profile().size();
   const size_t processes = analysis.processes().size();
   const Sum whole = wholeTime(analysis);
-  for (const uint32_t row : rows) {
-    std::string path = row == 0 ? functionName(analysis, kNone) : "";
-    for (const uint32_t function : functionsOf(profile, row)) {
-      path += path.empty() ? "" : ";";
-      path += analysis.definitions.functionName(function);
-    }
-    std::vector<Cell> cells{std::move(path)};
-    appendTimes(cells, profile[row], processes, whole);
-    table.rows.push_back(std::move(cells));
-  }
+  table.rowAt = [=, order = costliestFirst(paths->profile())](size_t index) {
+    Row cells{paths->text(order[index])};
+    appendTimes(cells, paths->profile()[order[index]], processes, whole);
+    return cells;
+  };
   return table;
 }
 
@@ -342,23 +385,21 @@ Table filesTable(const Analysis& analysis) {
 }
 
 void foldedStacks(const Analysis& analysis, const std::function<void(const std::string&)>& put) {
-  const std::vector<ProfileRow> profile = pathProfile(analysis);
+  PathTexts paths(analysis, [](std::string name) {
+    std::string safe = printable(name);
+    std::replace(safe.begin(), safe.end(), ';', ':');
+    return safe;
+  });
   // The remainder of each line is carried to the next, so that the sum is right.
   long double exact = 0;
   long double written = 0;
-  for (uint32_t row = 1; row < profile.size(); ++row) {
-    std::string line;
-    for (const uint32_t function : functionsOf(profile, row)) {
-      std::string name = printable(analysis.definitions.functionName(function));
-      std::replace(name.begin(), name.end(), ';', ':');
-      line += (line.empty() ? "" : ";") + name;
-    }
-    exact +=
-        static_cast<long double>(profile[row].exclusive) * analysis.definitions.resolution * 1e6L;
+  for (uint32_t row = 1; row < paths.profile().size(); ++row) {
+    exact += static_cast<long double>(paths.profile()[row].exclusive) *
+             analysis.definitions.resolution * 1e6L;
     const long double microseconds = std::floor(exact - written + 0.5L);
     if (microseconds < 1) continue;
     written += microseconds;
-    put(line + " " + std::to_string(static_cast<uint64_t>(microseconds)) + "\n");
+    put(paths.text(row) + " " + std::to_string(static_cast<uint64_t>(microseconds)) + "\n");
   }
 }
 

@@ -267,7 +267,7 @@ class Page {
 
   // Functions with their totals, the costliest first.
   [[nodiscard]] std::string profile() {
-    std::vector<ProfileRow> rows = functionProfile(analysis_);
+    Profile rows = functionProfile(analysis_);
     std::erase_if(rows, [](const ProfileRow& row) { return row.function == kNone; });
     std::sort(rows.begin(), rows.end(),
               [](const ProfileRow& a, const ProfileRow& b) { return a.exclusive > b.exclusive; });
