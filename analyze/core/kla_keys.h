@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "analyze/core/kla_types.h"
@@ -30,7 +31,8 @@ class KeyIndex {
 
   [[nodiscard]] uint32_t size() const { return static_cast<uint32_t>(keys_.size()); }
   // The keys by index.
-  [[nodiscard]] const std::vector<uint64_t>& keys() const { return keys_; }
+  [[nodiscard]] const std::vector<uint64_t>& keys() const& { return keys_; }
+  [[nodiscard]] std::vector<uint64_t> keys() && { return std::move(keys_); }
 
  private:
   [[nodiscard]] size_t slotOf(uint64_t key) const {

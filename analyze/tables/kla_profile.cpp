@@ -99,9 +99,9 @@ Profile functionProfile(const Analysis& analysis) {
   return all;
 }
 
-Profile pathProfile(const Analysis& analysis) {
+PathProfile pathProfile(const Analysis& analysis) {
   Rows rows;
-  KeyIndex paths;  // row - 1 of the parent's row and the function
+  KeyIndex paths;  // row - 1
   rows.add({});
   const Window span = analysis.span();
   const std::vector<Analysis::Process> processes = analysis.processes();
@@ -121,7 +121,7 @@ Profile pathProfile(const Analysis& analysis) {
         depth[i] = depth[parent] + 1;
         const bool isShown = depth[i] <= kMostDepth;
         rowOf[i] = isShown ? paths[uint64_t{above} << 32 | function] + 1 : above;
-        if (rowOf[i] == rows.size()) rows.add({.function = function, .parent = above});
+        if (rowOf[i] == rows.size()) rows.add({.function = function});
         Rows::Values& values = rows.of(rowOf[i]);
         values.exclusive += exclusive[i];
         if (!isShown) continue;
@@ -131,7 +131,7 @@ Profile pathProfile(const Analysis& analysis) {
     }
     rows.endProcess(process.process);
   }
-  return rows.finish(processes.size());
+  return {rows.finish(processes.size()), std::move(paths).keys()};
 }
 
 }  // namespace kla

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <vector>
 
 #include "analyze/pass/kla_pass.h"
 
@@ -11,7 +12,6 @@ namespace kla {
 // A function or a call path, over all processes.
 struct ProfileRow {
   uint32_t function = kNone;  // kNone: outside of all calls
-  uint32_t parent = kNone;    // the row of the calling path; kNone: none
   uint64_t calls = 0;
   Sum inclusive = 0, exclusive = 0;
   Sum least = 0, most = 0;  // exclusive time of a process
@@ -29,9 +29,15 @@ using Profile = std::deque<ProfileRow>;
 // By function; recursive calls count once in the inclusive time. The row without a function has the
 // time outside of all calls. The exclusive times add up to the span times the number of threads.
 [[nodiscard]] Profile functionProfile(const Analysis& analysis);
+struct PathProfile {
+  Profile rows;
+  // Of the rows after row 0: the row of the calling path in the upper half, 0 for none, and the
+  // function in the lower half.
+  std::vector<uint64_t> paths;
+};
 // By call path, a parent before its children. Row 0 is the time outside of all calls. Calls deeper
 // than kMostDepth count for the path of this depth. REQUIRES: the pass had `paths`.
 inline constexpr uint32_t kMostDepth = 200;
-[[nodiscard]] Profile pathProfile(const Analysis& analysis);
+[[nodiscard]] PathProfile pathProfile(const Analysis& analysis);
 
 }  // namespace kla

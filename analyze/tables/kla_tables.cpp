@@ -87,16 +87,20 @@ class PathTexts {
         profile_(pathProfile(analysis)),
         names_(analysis.definitions.functions.size()) {}
 
-  [[nodiscard]] const Profile& profile() const { return profile_; }
+  [[nodiscard]] const Profile& rows() const { return profile_.rows; }
   [[nodiscard]] std::string text(uint32_t row) {
     if (row == 0) return functionName(analysis_, kNone);
     functions_.clear();
-    for (; row != 0; row = profile_[row].parent) functions_.push_back(profile_[row].function);
+    for (; row != 0; row = static_cast<uint32_t>(profile_.paths[row - 1] >> 32)) {
+      functions_.push_back(static_cast<uint32_t>(profile_.paths[row - 1]));
+    }
     std::string text;
+    text.reserve(longest_);
     for (size_t i = functions_.size(); i-- > 0;) {
       text += name(functions_[i]);
       if (i != 0) text += ';';
     }
+    longest_ = std::max(longest_, text.size());
     return text;
   }
 
@@ -109,9 +113,10 @@ class PathTexts {
 
   const Analysis& analysis_;
   std::string (*change_)(std::string);
-  Profile profile_;
+  PathProfile profile_;
   std::vector<std::string> names_;  // by function; empty until they are used
   std::vector<uint32_t> functions_;
+  size_t longest_ = 0;  // text
 };
 
 // The numbers of the rows, the one with the longest exclusive time first.
@@ -233,12 +238,12 @@ Table callPathsTable(const Analysis& analysis) {
   Table table{"callpaths", {{"path"}}, {}};
   appendTimeColumns(table.columns);
   const auto paths = std::make_shared<PathTexts>(analysis, [](std::string name) { return name; });
-  table.count = paths->profile().size();
+  table.count = paths->rows().size();
   const size_t processes = analysis.processes().size();
   const Sum whole = wholeTime(analysis);
-  table.rowAt = [=, order = costliestFirst(paths->profile())](size_t index) {
+  table.rowAt = [=, order = costliestFirst(paths->rows())](size_t index) {
     Row cells{paths->text(order[index])};
-    appendTimes(cells, paths->profile()[order[index]], processes, whole);
+    appendTimes(cells, paths->rows()[order[index]], processes, whole);
     return cells;
   };
   return table;
@@ -393,8 +398,8 @@ void foldedStacks(const Analysis& analysis, const std::function<void(const std::
   // The remainder of each line is carried to the next, so that the sum is right.
   long double exact = 0;
   long double written = 0;
-  for (uint32_t row = 1; row < paths.profile().size(); ++row) {
-    exact += static_cast<long double>(paths.profile()[row].exclusive) *
+  for (uint32_t row = 1; row < paths.rows().size(); ++row) {
+    exact += static_cast<long double>(paths.rows()[row].exclusive) *
              analysis.definitions.resolution * 1e6L;
     const long double microseconds = std::floor(exact - written + 0.5L);
     if (microseconds < 1) continue;

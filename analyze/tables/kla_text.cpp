@@ -64,6 +64,9 @@ std::string cutMiddle(const std::string& text, size_t most) {
 }
 
 std::string printable(std::string_view name) {
+  if (std::all_of(name.begin(), name.end(), [](char c) { return c >= 0x20 && c < 0x7f; })) {
+    return std::string(name);
+  }
   std::string result;
   while (!name.empty()) {
     const size_t size = characterBytes(name);
