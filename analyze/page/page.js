@@ -27,18 +27,21 @@ async function inflate(base64) {
   return new Uint8Array(await new Response(stream).arrayBuffer());
 }
 
-function decodeColumn(bytes, start, [offset, count, ascending]) {
-  const column = new Uint32Array(count);
+// Numbers below 256 stay bytes.
+function decodeColumn(bytes, start, [offset, count, ascending, planes]) {
   const at = start + offset;
-  let before = 0;
-  for (let i = 0; i < count; ++i) {
-    let value = bytes[at + i] | bytes[at + count + i] << 8 | bytes[at + 2 * count + i] << 16 |
-        bytes[at + 3 * count + i] << 24;
-    if (ascending) value = before = (before + value) | 0;
-    column[i] = value;
+  if (planes === 1 && !ascending) return bytes.subarray(at, at + count);
+  const column = new Uint32Array(count);
+  for (let plane = 0; plane < planes; ++plane) {
+    const first = at + plane * count, shift = 8 * plane;
+    for (let i = 0; i < count; ++i) column[i] |= bytes[first + i] << shift;
   }
+  if (ascending) for (let i = 1; i < count; ++i) column[i] += column[i - 1];
   return column;
 }
+
+// The numbers of a column as the floats whose bits they are.
+const floatsOf = (column) => new Float32Array(Uint32Array.from(column).buffer);
 
 async function load() {
   const bytes = await inflate($('data').textContent.trim());
@@ -50,7 +53,7 @@ async function load() {
   }
   for (const kind of ['call', 'scope', 'file']) cols[kind + 'Groups'] = groupsOf(kind);
   cols.density = [0, 1, 2].map((rank) => cols['density' + rank]);
-  cols.share = [0, 1, 2].map((rank) => new Uint8Array(cols['share' + rank]));
+  cols.share = [0, 1, 2].map((rank) => cols['share' + rank]);
   cols.waitGroups = runsOf(cols.waitRow);
   cols.partStart = [];
   let part = 0;
@@ -58,16 +61,16 @@ async function load() {
     cols.partStart.push(part);
     part += count;
   }
+  for (const name of ['pointLow', 'pointHigh']) cols[name] = floatsOf(cols[name]);
   let point = 0;
   for (const track of trace.tracks) {
     track.first = point;
     point += track.count;
     track.low = Infinity;
     track.high = -Infinity;
-    const floats = new Float32Array(cols.pointLow.buffer), highs = new Float32Array(cols.pointHigh.buffer);
     for (let i = track.first; i < point; ++i) {
-      track.low = Math.min(track.low, floats[i]);
-      track.high = Math.max(track.high, highs[i]);
+      track.low = Math.min(track.low, cols.pointLow[i]);
+      track.high = Math.max(track.high, cols.pointHigh[i]);
     }
   }
   state.end = state.to = Math.max(1, trace.span / trace.unit);
@@ -342,14 +345,13 @@ const matchesWait = (i) => cols.waitKind[i] === state.wait.kind && cols.waitRow[
 
 function paintTrack(line, y0) {
   const {first, count, low, high} = line.track;
-  const floats = new Float32Array(cols.pointLow.buffer), highs = new Float32Array(cols.pointHigh.buffer);
   const scale = (line.height - 6) / (high - low || 1);
   context.beginPath();
   for (let i = first; i < first + count; ++i) {
     const x = xOf(cols.pointTime[i]), next = i + 1 < first + count ? xOf(cols.pointTime[i + 1]) : state.width;
     if (next < GUTTER || x > state.width) continue;
-    const y = y0 + line.height - 3 - (highs[i] - low) * scale;
-    const bottom = y0 + line.height - 3 - (floats[i] - low) * scale;
+    const y = y0 + line.height - 3 - (cols.pointHigh[i] - low) * scale;
+    const bottom = y0 + line.height - 3 - (cols.pointLow[i] - low) * scale;
     context.moveTo(Math.max(GUTTER, x), bottom);
     context.lineTo(Math.max(GUTTER, x), y);
     context.lineTo(next, y);

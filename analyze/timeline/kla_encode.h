@@ -1,8 +1,8 @@
 // The data of a page: a JSON text and columns of numbers, deflated, as a text in base64.
 //
 // Layout before deflation: the length of the JSON in 4 bytes, little-endian; the JSON; the columns.
-// A column is stored as four planes, the lowest bytes of all numbers first, because that deflates
-// best. Ascending numbers are stored as differences.
+// A column is stored as planes, the lowest bytes of all numbers first, because that deflates best;
+// without the upper planes that are all 0. Ascending numbers are stored as differences.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ class Columns {
  public:
   void add(const char* name, const std::vector<uint32_t>& numbers, bool ascending = false);
 
-  // {"name": [offset, count, ascending], ...}
+  // {"name": [offset, count, ascending, planes], ...}
   [[nodiscard]] std::string json() const { return "{" + json_ + "}"; }
   [[nodiscard]] const std::string& bytes() const { return bytes_; }
 
