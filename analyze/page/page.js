@@ -19,24 +19,53 @@ const state = {
 
 // --- Data ----------------------------------------------------------------------------------------
 
-async function inflate(base64) {
+function bytesOf(base64) {
+  if (Uint8Array.fromBase64) return Uint8Array.fromBase64(base64);
   const binary = atob(base64);
   const bytes = new Uint8Array(binary.length);
   for (let i = 0; i < bytes.length; ++i) bytes[i] = binary.charCodeAt(i);
-  const stream = new Blob([bytes]).stream().pipeThrough(new DecompressionStream('deflate'));
-  return new Uint8Array(await new Response(stream).arrayBuffer());
+  return bytes;
+}
+
+// Without Blob and Response, whose bytes pass through another process.
+async function inflate(bytes) {
+  const stream = new DecompressionStream('deflate'), writer = stream.writable.getWriter();
+  const written = Promise.all([writer.write(bytes), writer.close()]);
+  const pieces = [];
+  let size = 0;
+  for (const reader = stream.readable.getReader(); ;) {
+    const {done, value} = await reader.read();
+    if (done) break;
+    pieces.push(value);
+    size += value.length;
+  }
+  await written;
+  const all = new Uint8Array(size);
+  let at = 0;
+  for (const piece of pieces) {
+    all.set(piece, at);
+    at += piece.length;
+  }
+  return all;
+}
+
+// The loops are functions of their own and have small whole numbers only, so that they become fast
+// after few columns.
+function spreadPlane(from, to, plane) {
+  for (let i = 0; i < from.length; ++i) to[4 * i + plane] = from[i];
+}
+function addUp(numbers) {
+  for (let i = 1; i < numbers.length; ++i) numbers[i] = numbers[i] + numbers[i - 1] | 0;
 }
 
 // Numbers below 256 stay bytes.
 function decodeColumn(bytes, start, [offset, count, ascending, planes]) {
   const at = start + offset;
-  if (planes === 1 && !ascending) return bytes.subarray(at, at + count);
+  const planeOf = (plane) => bytes.subarray(at + plane * count, at + (plane + 1) * count);
+  if (planes === 1 && !ascending) return planeOf(0);
   const column = new Uint32Array(count);
-  for (let plane = 0; plane < planes; ++plane) {
-    const first = at + plane * count, shift = 8 * plane;
-    for (let i = 0; i < count; ++i) column[i] |= bytes[first + i] << shift;
-  }
-  if (ascending) for (let i = 1; i < count; ++i) column[i] += column[i - 1];
+  for (let plane = 0; plane < planes; ++plane) spreadPlane(planeOf(plane), new Uint8Array(column.buffer), plane);
+  if (ascending) addUp(new Int32Array(column.buffer));
   return column;
 }
 
@@ -44,7 +73,7 @@ function decodeColumn(bytes, start, [offset, count, ascending, planes]) {
 const floatsOf = (column) => new Float32Array(Uint32Array.from(column).buffer);
 
 async function load() {
-  const bytes = await inflate($('data').textContent.trim());
+  const bytes = await inflate(bytesOf($('data').textContent));
   const size = new DataView(bytes.buffer).getUint32(0, true);
   trace = JSON.parse(new TextDecoder().decode(bytes.subarray(4, 4 + size)));
   cols = {};
@@ -209,7 +238,7 @@ const unitAt = (x) => state.from + (x - GUTTER) / state.scale;
 
 // --- Bars ----------------------------------------------------------------------------------------
 
-let canvas, context, image, pixels, ratio;
+let canvas, context, image, pixels, ratio, palette;
 
 // Fills a rectangle of the image, in CSS pixels.
 function fill(x0, y0, x1, y1, colour) {
@@ -227,7 +256,11 @@ function fill(x0, y0, x1, y1, colour) {
   }
 }
 
-const colourFor = (what) => state.matches && !state.matches.has(what) ? theme.dim[what] : theme.packed[what];
+// The colours of functions; those that a search doesn't match are dim.
+function setPalette() {
+  const {matches} = state;
+  palette = matches ? theme.packed.map((colour, what) => matches.has(what) ? colour : theme.dim[what]) : theme.packed;
+}
 
 // The first element of an ascending range whose end is after `unit`.
 function firstAfter(from, length, start, end, unit) {
@@ -270,24 +303,56 @@ function addShares(members, first, last) {
   shares.count = count;
 }
 
-// The shares of functions in each column of pixels. Columns in the same bins are drawn together.
-function paintDensity(line, y0, height) {
-  const perBin = state.end / trace.bins, step = 1 / ratio;
-  for (let x = GUTTER; x < state.width;) {
-    const start = unitAt(x);
-    if (start > state.end) return;
-    const first = Math.max(0, Math.floor(start / perBin));
-    let next = x + step;
-    const last = Math.min(trace.bins - 1, Math.max(first, Math.ceil(unitAt(next) / perBin) - 1));
-    if (first === last) next = Math.max(next, Math.min(state.width, Math.floor(xOf((first + 1) * perBin) * ratio) / ratio));
-    addShares(line.members, first, last);
-    let bottom = y0 + height;
-    for (let i = 0; i < shares.count; ++i) {
-      const part = shares.sums[i] * height;
-      fill(x, bottom - part, next, bottom, colourFor(shares.whats[i]));
-      bottom -= part;
+// The shares of functions in one bin of one row, which are stored in this order.
+function readShares(row, bin) {
+  const {whats, sums} = shares, at = row * trace.bins + bin;
+  let count = 0;
+  for (; count < 3 && cols.density[count][at] !== 0; ++count) {
+    whats[count] = cols.density[count][at] - 1;
+    sums[count] = cols.share[count][at] / 255;
+  }
+  shares.count = count;
+}
+
+// Stacks the shares in columns of an image, upwards from `bottom`, but not above `least` or below `most`.
+function stackShares(target, left, right, bottom, height, least, most) {
+  const {count, whats, sums} = shares, {data, width, scale, colours} = target;
+  let end = Math.min(most, Math.round(bottom * scale));
+  for (let i = 0; i < count; ++i) {
+    const colour = colours[whats[i]];
+    bottom -= sums[i] * height;
+    const start = Math.max(least, Math.round(bottom * scale));
+    for (let y = start; y < end; ++y) {
+      for (let at = y * width + left, stop = y * width + right; at < stop; ++at) data[at] = colour;
     }
+    end = Math.min(end, start);
+  }
+}
+
+// Columns of pixels that show the same bins: left, right, the first bin and the last. A bin that is
+// wider than a pixel has the columns whose middle lies in it.
+function densityRuns() {
+  const runs = [], perBin = state.end / trace.bins, isWide = perBin * state.scale * ratio >= 1;
+  for (let x = Math.round(GUTTER * ratio); x < image.width;) {
+    const start = unitAt((x + (isWide ? 0.5 : 0)) / ratio);
+    if (start > state.end) break;
+    const first = Math.max(0, Math.min(trace.bins - 1, Math.floor(start / perBin)));
+    let next = x + 1, last = first;
+    if (isWide) next = Math.max(next, Math.min(image.width, Math.ceil(xOf((first + 1) * perBin) * ratio - 0.5)));
+    else last = Math.min(trace.bins - 1, Math.max(first, Math.ceil(unitAt(next / ratio) / perBin) - 1));
+    runs.push([x, next, first, last]);
     x = next;
+  }
+  return runs;
+}
+
+// The shares of functions in each column of pixels of a row.
+function paintDensity({members}, y0, height, runs) {
+  const target = {data: pixels, width: image.width, scale: ratio, colours: palette};
+  const least = Math.round(AXIS * ratio);
+  for (const [left, right, first, last] of runs) {
+    if (first === last && members.length === 1) readShares(members[0], first); else addShares(members, first, last);
+    stackShares(target, left, right, y0 + height, height, least, image.height);
   }
 }
 
@@ -376,16 +441,17 @@ function draw() {
 function paint() {
   ++state.frames;
   state.scale = (state.width - GUTTER) / (state.to - state.from);
+  setPalette();
   pixels.fill(packed(theme.back));
-  const labels = [], visible = [];
+  const labels = [], visible = [], runs = densityRuns();
   for (const line of state.rows) {
     const y = AXIS + line.y - state.scroll;
     if (y + line.height < AXIS || y > state.height) continue;
     visible.push(line);
     if (line.kind === 'thread') {
-      paintDensity(line, y, line.height - 1);
+      paintDensity(line, y, line.height - 1, runs);
       if (line.members.length === 1) {
-        for (const group of cols.callGroups.get(line.row) || []) paintBars('call', group, y, line.height, colourFor, labels);
+        for (const group of cols.callGroups.get(line.row) || []) paintBars('call', group, y, line.height, (what) => palette[what], labels);
       }
       if (state.waits) for (const member of line.members) paintWaits(member, y, line.height);
     } else if (line.kind !== 'track') {
@@ -411,7 +477,7 @@ function paint() {
   paintGutter(visible);
   paintAxis();
   paintOverviewWindow();
-  showDetailLimit();
+  if (showDetailLimit()) requestAnimationFrame(resize);
   rememberView();
 }
 
@@ -587,31 +653,24 @@ let overview, overviewImage;
 function paintOverview() {
   overview.width = Math.round(overview.clientWidth * ratio);
   overview.height = Math.round(overview.clientHeight * ratio);
-  overviewImage = element('canvas');
-  overviewImage.width = overview.width;
-  overviewImage.height = overview.height;
-  const c = overviewImage.getContext('2d'), width = overview.width, height = overview.height;
+  overviewImage = overview.getContext('2d').createImageData(overview.width, overview.height);
+  const {width, height} = overviewImage, data = new Uint32Array(overviewImage.data.buffer);
+  const target = {data, width, scale: 1, colours: theme.packed};
   const stride = Math.max(1, Math.floor(trace.threads.length / 64)), some = [];
   for (let row = 0; row < trace.threads.length; row += stride) some.push(row);
-  c.fillStyle = css(theme.back);
-  c.fillRect(0, 0, width, height);
+  data.fill(packed(theme.back));
   const left = Math.round(GUTTER * ratio);
-  for (let x = left; x < width; ++x) {
-    const bin = Math.floor((x - left) / (width - left) * trace.bins);
-    addShares(some, bin, bin);
-    let y = height;
-    for (let i = 0; i < shares.count; ++i) {
-      const part = shares.sums[i] * height;
-      c.fillStyle = css(colours[shares.whats[i]]);
-      c.fillRect(x, y - part, 1, part);
-      y -= part;
-    }
+  const binAt = (x) => Math.floor((x - left) / (width - left) * trace.bins);
+  for (let x = left, next; x < width; x = next) {
+    for (next = x + 1; next < width && binAt(next) === binAt(x);) ++next;
+    addShares(some, binAt(x), binAt(x));
+    stackShares(target, x, next, height, height, 0, height);
   }
 }
 
 function paintOverviewWindow() {
   const c = overview.getContext('2d'), left = GUTTER * ratio, width = overview.width - left;
-  c.drawImage(overviewImage, 0, 0);
+  c.putImageData(overviewImage, 0, 0);
   const a = left + state.from / state.end * width, b = left + state.to / state.end * width;
   c.fillStyle = theme.dark ? 'rgba(10,12,16,.62)' : 'rgba(255,255,255,.68)';
   c.fillRect(left, 0, a - left, overview.height);
@@ -632,16 +691,15 @@ function commandText() {
   return `klttool ${trace.word} --request ${window} --logfile-name cut.klt --logfile-format KLT`;
 }
 
+// Returns whether the chart has another height now.
 function showDetailLimit() {
   const isCut = trace.leastCall > 0 && trace.leastCall * state.scale > 3;
-  const box = $('detail');
-  if (box.hidden === isCut) {
-    box.hidden = !isCut;
-    requestAnimationFrame(resize);
-  }
-  if (!isCut) return;
+  const box = $('detail'), changes = box.hidden === isCut;
+  box.hidden = !isCut;
+  if (!isCut) return changes;
   $('detailText').textContent = `Calls shorter than ${duration(trace.leastCall)} are not in this page. A trace of the time in view has them:`;
   $('command').textContent = commandText();
+  return changes;
 }
 
 // --- Moving --------------------------------------------------------------------------------------
@@ -1021,7 +1079,7 @@ function recallView() {
   const [kind, index, row] = (parts.get('s') || '').split(',');
   const count = kind === 'message' ? cols.messageFrom.length : ['call', 'scope', 'file'].includes(kind) ? cols[kind + 'From'].length : 0;
   const isKnown = (Number(index) < count && index !== '') || (kind === 'row' && trace.threads[Number(row)]);
-  select(isKnown ? {kind, index: Number(index), row: Number(row)} : null);
+  state.selected = isKnown ? {kind, index: Number(index), row: Number(row)} : null;
 }
 
 // --- Input ---------------------------------------------------------------------------------------
@@ -1169,6 +1227,8 @@ function onButtons() {
 function resize() {
   ratio = Math.min(2, window.devicePixelRatio || 1);
   state.width = canvas.clientWidth;
+  state.scale = (state.width - GUTTER) / (state.to - state.from);
+  showDetailLimit();
   state.height = canvas.clientHeight;
   canvas.width = Math.max(1, Math.round(state.width * ratio));
   canvas.height = Math.max(1, Math.round(state.height * ratio));
@@ -1201,7 +1261,16 @@ async function main() {
   onWheelAndOverview();
   resize();
   recallView();
-  requestAnimationFrame(() => state.firstView = performance.now());
+  requestAnimationFrame(() => {
+    state.firstView = performance.now();
+    setTimeout(afterFirstView);
+  });
+  window.klt = {trace, cols, state, paint, show, pan, zoom};  // for tests
+}
+
+// The rest isn't needed to draw the first frame.
+function afterFirstView() {
+  select(state.selected);
   showPane('Functions');
   addEventListener('keydown', onKey);
   addEventListener('resize', resize);
@@ -1212,7 +1281,6 @@ async function main() {
     resize();
   });
   canvas.focus();
-  window.klt = {trace, cols, state, paint, show, pan, zoom};  // for tests
 }
 
 main().catch((error) => {
