@@ -2,15 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "analyze/pass/kla_pass.h"
 #include "analyze/tables/kla_profile.h"
+#include "analyze/tables/kla_table.h"
 #include "analyze/tables/kla_text.h"
 #include "tests/builder/trace_builder.h"
 
@@ -215,8 +218,38 @@ TEST(KlaWaits, AreThoseOfTheirDefinitions) {
   }
 }
 
+// Calls, inclusive and exclusive time by function.
+using Sums = std::map<uint32_t, std::array<uint64_t, 3>>;
+
+void addTo(Sums& sums, const kla::ProfileRow& row, bool isOutermost) {
+  std::array<uint64_t, 3>& own = sums[row.function + 1];
+  own[0] += row.calls;
+  if (isOutermost) own[1] += static_cast<uint64_t>(row.inclusive);
+  own[2] += static_cast<uint64_t>(row.exclusive);
+}
+
+Sums sumsOfFunctions(const kla::Analysis& analysis) {
+  Sums sums;
+  for (const kla::ProfileRow& row : kla::functionProfile(analysis)) addTo(sums, row, true);
+  return sums;
+}
+
+Sums sumsOfPaths(const kla::Analysis& analysis) {
+  const kla::PathProfile profile = kla::pathProfile(analysis);
+  Sums sums;
+  for (uint32_t row = 0; row < profile.rows.size(); ++row) {
+    bool isOutermost = true;
+    for (uint32_t at = row; at != 0;) {
+      at = static_cast<uint32_t>(profile.paths[at - 1] >> 32);
+      isOutermost &= at == 0 || profile.rows[at].function != profile.rows[row].function;
+    }
+    addTo(sums, profile.rows[row], isOutermost);
+  }
+  return sums;
+}
+
 // Random nested calls, also recursive ones. A model sums up each tick for the function that is
-// innermost.
+// innermost, and once for each function that is open.
 TEST(KlaCalls, SumsAreExactOnRandomTraces) {
   constexpr uint32_t kFunctions = 5;
   for (uint32_t seed = 0; seed < 20; ++seed) {
@@ -224,7 +257,7 @@ TEST(KlaCalls, SumsAreExactOnRandomTraces) {
     tb::Trace trace;
     trace.clock(1e-9, 0).processes({2, 1});
     for (uint32_t f = 1; f <= kFunctions; ++f) trace.function(f, "f" + std::to_string(f));
-    std::map<uint32_t, uint64_t> exclusive;
+    Sums expected;
     uint64_t end = 0, start = ~uint64_t{0};
     for (const uint32_t gtp : {tb::gtp(0), tb::gtp(0, 1), tb::gtp(1)}) {
       tb::Stream& stream = trace.stream("f." + std::to_string(gtp), tb::FUNCTIONS, {gtp});
@@ -232,11 +265,14 @@ TEST(KlaCalls, SumsAreExactOnRandomTraces) {
       uint64_t time = 100 + random() % 50;
       for (int i = 0; i < 400 || !stack.empty(); ++i) {
         const uint64_t step = random() % 4;
-        if (!stack.empty()) exclusive[stack.back()] += step;
+        if (!stack.empty()) expected[stack.back()][2] += step;
+        for (const uint32_t f : std::set<uint32_t>(stack.begin(), stack.end()))
+          expected[f][1] += step;
         stream.at(time += step);
         start = std::min(start, time);
         if (stack.empty() || (i < 400 && random() % 2 == 0)) {
           stack.push_back(1 + static_cast<uint32_t>(random() % kFunctions));
+          ++expected[stack.back()][0];
           stream.enter(gtp, stack.back());
         } else {
           stack.pop_back();
@@ -249,21 +285,29 @@ TEST(KlaCalls, SumsAreExactOnRandomTraces) {
     const KLT_OwnedTrace open(KLT_Open(trace.files().writePlain(directory).c_str()));
     kla::Analysis analysis(open.get());
     ASSERT_TRUE(analysis.readDefinitions());
-    ASSERT_EQ(analysis.run({}), KLT_STATUS_FINISHED);
+    ASSERT_EQ(analysis.run({.paths = true}), KLT_STATUS_FINISHED);
     ASSERT_EQ(std::tuple(analysis.span().start, analysis.span().end), std::tuple(start, end));
-    for (const auto& profile : {kla::functionProfile(analysis), kla::pathProfile(analysis)}) {
-      kla::Sum all = 0;
-      std::map<uint32_t, uint64_t> found;
-      for (const kla::ProfileRow& row : profile) {
-        all += row.exclusive;
-        if (row.function == kla::kNone) continue;
-        found[row.function + 1] += static_cast<uint64_t>(row.exclusive);
-        EXPECT_GE(row.inclusive, row.exclusive);
-      }
-      EXPECT_EQ(static_cast<uint64_t>(all), 3 * (end - start));
-      EXPECT_EQ(found, exclusive);
+    uint64_t inCalls = 0;
+    for (const auto& [function, sums] : expected) inCalls += sums[2];
+    const uint64_t outside = 3 * (end - start) - inCalls;
+    expected[kla::kNone + 1] = {0, outside, outside};
+    EXPECT_EQ(sumsOfFunctions(analysis), expected);
+    EXPECT_EQ(sumsOfPaths(analysis), expected);
+  }
+}
+
+TEST(KlaTable, TimesHaveTheDigitsOfTheExactForm) {
+  std::mt19937_64 random(1);
+  for (const double resolution : {1.0, 0.25, 1e-3, 1.5e-6, 1e-9 / 8192, 3.7e-9, 1e-9}) {
+    for (int i = 0; i < 3000; ++i) {
+      const kla::Sum ticks = kla::Sum{random() >> random() % 64} << (i % 50 == 0 ? 40 : 0);
+      std::array<char, 100> exact{};
+      std::snprintf(exact.data(), exact.size(), "%.*Lf", kla::decimalsOf(resolution),
+                    static_cast<long double>(ticks) * resolution);
+      EXPECT_EQ(kla::secondsText(ticks, resolution), exact.data());
     }
   }
+  EXPECT_EQ(kla::secondsText(0, 1e-6), "0.000000");
 }
 
 TEST(KlaText, CutsAndEscapes) {
