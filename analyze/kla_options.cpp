@@ -87,19 +87,20 @@ Words::Words(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
     const size_t equals = word.starts_with("--") ? word.find('=') : std::string::npos;
-    words_.push_back(word.substr(0, equals));
-    if (equals != std::string::npos) words_.push_back(word.substr(equals + 1));
+    words_.push_back({word.substr(0, equals), false});
+    if (equals != std::string::npos) words_.push_back({word.substr(equals + 1), true});
   }
 }
 
 std::optional<std::string> Words::next() {
   if (at_ == words_.size()) return std::nullopt;
-  return words_[at_++];
+  return words_[at_++].text;
 }
 
 std::optional<std::string> Words::value() {
-  if (at_ == words_.size() || words_[at_].starts_with("--")) return std::nullopt;
-  return words_[at_++];
+  if (at_ == words_.size() || words_[at_].text.empty()) return std::nullopt;
+  if (!words_[at_].isJoined && words_[at_].text.starts_with("--")) return std::nullopt;
+  return words_[at_++].text;
 }
 
 std::optional<uint64_t> wholeNumber(const std::string& text, uint64_t least, uint64_t most) {

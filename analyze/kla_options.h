@@ -28,11 +28,17 @@ class Words {
   Words(int argc, char** argv);
   // The next word; none at the end.
   [[nodiscard]] std::optional<std::string> next();
-  // The value of the option that was returned last; none if there is none.
+  // The value of the option that was returned last; none if there is none or an empty one.
   [[nodiscard]] std::optional<std::string> value();
+  // Whether that option has a value of the form "=value" which hasn't been read.
+  [[nodiscard]] bool hasExtraValue() const { return at_ < words_.size() && words_[at_].isJoined; }
 
  private:
-  std::vector<std::string> words_;
+  struct Word {
+    std::string text;
+    bool isJoined;  // the value in "--name=value"
+  };
+  std::vector<Word> words_;
   size_t at_ = 0;
 };
 

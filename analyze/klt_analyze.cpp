@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "analyze/kla_options.h"
@@ -80,7 +82,15 @@ std::optional<double> percentOf(std::string text) {
 }
 
 // Reads an option with a value. Returns an error message, empty if there is none.
-std::string readOption(const std::string& name, const std::string& value, Options& options) {
+std::string readOption(const std::string& name, kla::Words& words, Options& options) {
+  static constexpr std::string_view kNames[] = {"--window", "--threads", "--output",    "--format",
+                                                "--bins",   "--rows",    "--fail-above"};
+  if (std::find(std::begin(kNames), std::end(kNames), name) == std::end(kNames)) {
+    return "unknown option " + name;
+  }
+  const std::optional<std::string> given = words.value();
+  if (!given) return name + " needs a value";
+  const std::string& value = *given;
   const auto number = [&](uint64_t most, auto& target) {
     const auto found = kla::wholeNumber(value, 1, most);
     if (found) target = static_cast<std::remove_reference_t<decltype(target)>>(*found);
@@ -99,10 +109,8 @@ std::string readOption(const std::string& name, const std::string& value, Option
     isValid = number(kMostBins, options.bins);
   else if (name == "--rows")
     isValid = number(SIZE_MAX, options.rows);
-  else if (name == "--fail-above")
-    isValid = (options.failAbove = percentOf(value)).has_value();
   else
-    return "unknown option " + name;
+    isValid = (options.failAbove = percentOf(value)).has_value();
   return isValid ? "" : "wrong value of " + name + ": " + value;
 }
 
@@ -132,13 +140,12 @@ std::string readOptions(kla::Words& words, Options& options) {
       options.compare = true;
     } else if (*word == "--ticks") {
       options.selection.ticks = true;
-    } else if (word->starts_with("--")) {
-      const std::optional<std::string> value = words.value();
-      const std::string message = readOption(*word, value.value_or(""), options);
-      if (!message.empty()) return message;
+    } else if (word->starts_with("-")) {
+      if (std::string message = readOption(*word, words, options); !message.empty()) return message;
     } else {
       names.push_back(*word);
     }
+    if (words.hasExtraValue()) return *word + " takes no value";
   }
   if (std::string message = readNames(names, options); !message.empty()) return message;
   if (options.failAbove && !options.compare) return "--fail-above needs --compare";

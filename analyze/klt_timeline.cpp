@@ -33,22 +33,30 @@ void printHelp() {
       "  --help, --version");
 }
 
+// Where the value of an option goes; null for words that aren't options with a value.
+std::string* valueOf(const std::string& word, Options& options) {
+  if (word == "-o" || word == "--output") return &options.output;
+  if (word == "--window") return &options.selection.window;
+  return word == "--threads" ? &options.selection.threads : nullptr;
+}
+
 // Reads the command line. Returns an error message, empty if there is none.
 std::string readOptions(kla::Words& words, Options& options) {
   while (const std::optional<std::string> word = words.next()) {
     if (*word == "--ticks") {
       options.selection.ticks = true;
-    } else if (*word == "-o" || *word == "--output") {
-      options.output = words.value().value_or("");
-    } else if (*word == "--window") {
-      options.selection.window = words.value().value_or("");
-    } else if (*word == "--threads") {
-      options.selection.threads = words.value().value_or("");
-    } else if (word->starts_with("-") || !options.trace.empty()) {
+    } else if (std::string* target = valueOf(*word, options)) {
+      const std::optional<std::string> value = words.value();
+      if (!value) return *word + " needs a value";
+      *target = *value;
+    } else if (word->starts_with("-")) {
       return "unknown option " + *word;
+    } else if (!options.trace.empty()) {
+      return "only one trace can be drawn, not also " + *word;
     } else {
       options.trace = *word;
     }
+    if (words.hasExtraValue()) return *word + " takes no value";
   }
   if (options.trace.empty()) return "the name of a trace is missing";
   return options.output.empty() ? "the name of the page is missing: -o PAGE" : "";

@@ -206,14 +206,20 @@ class Forms(unittest.TestCase):
                 (("nothing.klt",), 1, "can't be opened"), ((HPCC, "--bins", "0"), 10, "--bins"),
                 ((HPCC, "--window", "2s:1s"), 10, "window"), ((HPCC, "--threads", "1-2"), 10, "list"),
                 ((HPCC, "--format", "xml"), 10, "--format"), ((HPCC, "--colour"), 10, "--colour"),
+                ((HPCC, "--window"), 10, "--window needs a value"), ((HPCC, "-o"), 10, "option -o"),
+                ((HPCC, "--output=", "x"), 10, "needs"), ((HPCC, "--ticks=5"), 10, "no value"),
                 ((HPCC, "--fail-above", "3%"), 10, "--compare"),
                 ((HPCC, "--output", "/nowhere/x"), 1, "can't be written"),
                 ((HPCC, "--output", "/dev/full"), 1, "can't be written")):
             self.assertIn(message, run("KLT_ANALYZE", *words, status=status)[1])
         raw = ROOT / "tests/data/raw_ring/t.klt"
         self.assertIn("--merge", run("KLT_ANALYZE", raw, "messages")[1])
-        run("KLT_TIMELINE", HPCC, status=10)
-        run("KLT_TIMELINE", HPCC, "-o", "/dev/full", status=1)
+        for words, status, message in (
+                ((HPCC,), 10, "-o PAGE"), ((HPCC, "-o", "/dev/full"), 1, "can't be written"),
+                ((HPCC, RING, "-o", "x"), 10, "only one trace"), ((HPCC, "-x"), 10, "option -x"),
+                ((HPCC, "--window"), 10, "needs"), ((HPCC, "--ticks=5"), 10, "no value"),
+                ((HPCC, "-o", "--ticks"), 10, "-o needs")):
+            self.assertIn(message, run("KLT_TIMELINE", *words, status=status)[1])
 
     def test_damage(self):
         with tempfile.TemporaryDirectory() as place:
