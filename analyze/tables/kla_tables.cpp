@@ -53,7 +53,7 @@ void appendTimes(std::vector<Cell>& cells, const ProfileRow& row, size_t process
   cells.insert(cells.end(),
                {row.calls, Ticks{row.inclusive}, Ticks{row.exclusive},
                 ratio(100 * static_cast<double>(row.exclusive), static_cast<double>(whole)),
-                Ticks{row.least}, Ticks{static_cast<Sum>(mean + 0.5)}, Ticks{row.most},
+                Ticks{row.least}, Ticks{static_cast<Sum>(std::round(mean))}, Ticks{row.most},
                 ratio(static_cast<double>(row.most), mean), uint64_t{row.mostProcess}});
 }
 void appendTimeColumns(std::vector<Column>& columns) {
@@ -81,7 +81,7 @@ Sum wholeTime(const Analysis& analysis) {
 class PathTexts {
  public:
   // `change` is applied to each name. `analysis` must be kept.
-  PathTexts(const Analysis& analysis, std::string (*change)(std::string))
+  PathTexts(const Analysis& analysis, std::string (*change)(const std::string&))
       : analysis_(analysis),
         change_(change),
         profile_(pathProfile(analysis)),
@@ -112,7 +112,7 @@ class PathTexts {
   }
 
   const Analysis& analysis_;
-  std::string (*change_)(std::string);
+  std::string (*change_)(const std::string&);
   PathProfile profile_;
   std::vector<std::string> names_;  // by function; empty until they are used
   std::vector<uint32_t> functions_;
@@ -237,7 +237,8 @@ Table functionsTable(const Analysis& analysis) {
 Table callPathsTable(const Analysis& analysis) {
   Table table{"callpaths", {{"path"}}, {}};
   appendTimeColumns(table.columns);
-  const auto paths = std::make_shared<PathTexts>(analysis, [](std::string name) { return name; });
+  const auto paths =
+      std::make_shared<PathTexts>(analysis, [](const std::string& name) { return name; });
   table.count = paths->rows().size();
   const size_t processes = analysis.processes().size();
   const Sum whole = wholeTime(analysis);
@@ -390,7 +391,7 @@ Table filesTable(const Analysis& analysis) {
 }
 
 void foldedStacks(const Analysis& analysis, const std::function<void(const std::string&)>& put) {
-  PathTexts paths(analysis, [](std::string name) {
+  PathTexts paths(analysis, [](const std::string& name) {
     std::string safe = printable(name);
     std::replace(safe.begin(), safe.end(), ';', ':');
     return safe;

@@ -2,6 +2,7 @@
 #include "analyze/timeline/kla_density.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace kla {
 
@@ -41,8 +42,8 @@ void Density::closeBin(Row& row) {
   Cell& cell = row.cells[row.bin];
   for (size_t rank = 0; rank < std::min(kRanks, row.shares.size()); ++rank) {
     cell.functions[rank] = row.shares[rank].function;
-    cell.shares[rank] =
-        static_cast<uint8_t>(static_cast<double>(row.shares[rank].ticks) * 255 / length + 0.5);
+    cell.shares[rank] = static_cast<uint8_t>(
+        std::lround(static_cast<double>(row.shares[rank].ticks) * 255 / length));
   }
   row.shares.clear();
 }

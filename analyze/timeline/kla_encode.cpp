@@ -85,14 +85,14 @@ void Columns::add(const char* name, const std::vector<uint32_t>& numbers, bool a
     any |= number - before;
     if (ascending) before = number;
   }
-  const int planes = (std::bit_width(any) + 7) / 8;
+  const uint32_t planes = static_cast<uint32_t>(std::bit_width(any) + 7) / 8;
   json_ += json_.empty() ? "" : ",";
   json_ += "\"" + std::string(name) + "\":[" + std::to_string(bytes_.size()) + "," +
            std::to_string(numbers.size()) + "," + (ascending ? "1" : "0") + "," +
            std::to_string(planes) + "]";
   size_t at = bytes_.size();
-  bytes_.resize(at + static_cast<size_t>(planes) * numbers.size());
-  for (int shift = 0; shift < 8 * planes; shift += 8) {
+  bytes_.resize(at + planes * numbers.size());
+  for (uint32_t shift = 0; shift < 8 * planes; shift += 8) {
     before = 0;
     for (const uint32_t number : numbers) {
       bytes_[at++] = static_cast<char>((number - before) >> shift & 0xff);
