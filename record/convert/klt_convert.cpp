@@ -24,9 +24,13 @@ std::vector<const Process*> byRank(std::span<const Process> processes) {
   return ranks;
 }
 
+uint32_t recordedThreads(const Process& process) {
+  return std::clamp(process.header.threads, 1U, KLT_MOST_THREADS);
+}
+
 void describeProcess(KLT_TraceWriter* trace, const Process& process) {
   const klt_spool_header& header = process.header;
-  const uint32_t threads = std::min<uint32_t>(std::max<uint32_t>(header.threads, 1), 0x10000);
+  const uint32_t threads = recordedThreads(process);
   const std::string name = "Process " + std::to_string(header.rank);
   for (uint32_t t = 0; t < threads; ++t) {
     const uint32_t gtp = KLT_ThreadOf(header.rank, t);
@@ -83,6 +87,7 @@ class Converter {
   // A comment where the record of a process ends before its run.
   void noteEnd(const Process& process, const TimeLine& line) {
     const klt_spool_header& header = process.header;
+    result_.lostThreads += header.threads - std::min(header.threads, KLT_MOST_THREADS);
     if ((header.flags & KLT_SPOOL_STOPPED) != 0) {
       const std::string text =
           std::string("recording stopped: ") + std::strerror(static_cast<int>(header.stop_errno));
@@ -113,7 +118,7 @@ ConvertResult convert(std::span<const Process> processes, const std::string& tar
     if (ranks[p] == nullptr)
       result.missing.push_back(p);
     else
-      threads[p] = std::min<uint32_t>(std::max<uint32_t>(ranks[p]->header.threads, 1), 0x10000);
+      threads[p] = recordedThreads(*ranks[p]);
   }
   KLT_DefineProcesses(trace, threads);
   result.hasOutsiders = std::any_of(processes.begin(), processes.end(), [](const Process& one) {

@@ -14,6 +14,7 @@ struct ConvertResult {
   std::string error;  // empty: the trace is written
   uint64_t records = 0;
   uint64_t lostCommunicators = 0;
+  uint64_t lostThreads = 0;
   bool hasOutsiders = false;         // communicators have processes outside of the run
   std::vector<uint32_t> missing;     // processes without a spool
   std::vector<uint32_t> unfinished;  // that were killed or didn't call MPI_Finalize

@@ -114,6 +114,9 @@ void reportConversion(const ConvertResult& result) {
   if (result.hasOutsiders)
     say("messages with processes outside of this run (spawned, connected, or of a session without "
         "MPI_Init) aren't recorded");
+  if (result.lostThreads != 0)
+    say(std::to_string(result.lostThreads) +
+        " threads exceed the 65536 of a process; they aren't recorded");
   if (result.lostCommunicators != 0)
     say(std::to_string(result.lostCommunicators) +
         " communicators exceed the 65535 of a trace; their messages are left out");

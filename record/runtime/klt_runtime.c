@@ -86,12 +86,25 @@ static struct klt_spool_slot* mapRing(void) {
   return klt_map(at, KLT_SLOT_BYTES);
 }
 
+/* Notes that there are at least `count` threads; several may start at a time. */
+static void noteThreads(uint32_t count) {
+  uint32_t* threads = &klt_header->threads;
+  uint32_t seen = __atomic_load_n(threads, __ATOMIC_RELAXED);
+  while (seen < count && !__atomic_compare_exchange_n(threads, &seen, count, 0, __ATOMIC_RELAXED,
+                                                      __ATOMIC_RELAXED)) {
+  }
+}
+
 int klt_start_thread(struct klt_thread* t) {
+  if (t->is_left_out) return 0;
   const int saved = errno;
   const unsigned number = atomic_fetch_add(&threadCount, 1);
-  struct klt_spool_slot* slot = number <= 0xffff ? mapRing() : NULL;
+  noteThreads(number + 1);
+  t->is_left_out = number >= KLT_MOST_THREADS;
+  if (t->is_left_out) return 0;
+  struct klt_spool_slot* slot = mapRing();
   if (slot == NULL) {
-    if (number <= 0xffff) klt_stop("the record of a thread can't be begun", errno);
+    klt_stop("the record of a thread can't be begun", errno);
     errno = saved;
     return 0;
   }
@@ -101,7 +114,6 @@ int klt_start_thread(struct klt_thread* t) {
   slot->thread = number;
   setRing(t, slot);
   if (number != 0) pthread_setspecific(threadKey, t);
-  klt_header->threads = number + 1;
   klt_note_clock();
   errno = saved;
   return 1;

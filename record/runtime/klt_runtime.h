@@ -34,6 +34,7 @@ struct klt_thread {
   uint64_t now;                /* the time of the current call */
   uint64_t sampled;            /* the time of the last samples */
   uint32_t number;
+  int is_left_out; /* the process has too many threads */
   uint32_t inside; /* nonzero within a recorded call: calls of the library itself aren't recorded */
   uint32_t hidden; /* functions that were entered during a pause */
   uint32_t post;   /* number of the receive of the current call */

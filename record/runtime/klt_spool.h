@@ -19,6 +19,7 @@
 #define KLT_SPOOL_MAGIC 0x4c4f4f50534b4c54ULL /* TLKSPOOL in memory */
 #define KLT_SLOT_MAGIC 0x544f4c53U            /* SLOT */
 #define KLT_SPOOL_VERSION 2U
+#define KLT_MOST_THREADS 65536U
 #define KLT_SLOT_BYTES 65536U
 #define KLT_SLOT_RECORDS ((KLT_SLOT_BYTES - 32U) / 24U)
 
@@ -60,7 +61,7 @@ struct klt_spool_header {
    * Init and at Finalize. */
   struct klt_clock_pair sync[2];
   uint64_t realtime; /* CLOCK_REALTIME at the start, in nanoseconds */
-  uint32_t threads;  /* that have recorded */
+  uint32_t threads;  /* that have been started; KLT_MOST_THREADS at most are recorded */
   char host[64];
   char program[256];
 };
