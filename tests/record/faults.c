@@ -172,7 +172,7 @@ static int run(const char* what) {
   } else if (strcmp(what, "many") == 0) {
     many(10000);
   } else if (strcmp(what, "more") == 0) {
-    many(250000); /* MPICH itself stops at 2^18 requests */
+    many(250000); /* MPICH itself stops below 270000 */
   } else if (strcmp(what, "spawn") == 0) {
     spawn();
   } else if (strcmp(what, "quiet") == 0) {
