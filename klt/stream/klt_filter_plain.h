@@ -46,7 +46,7 @@ class PlainFilter {
     const uint8_t* const begin = in_;
     const uint8_t* const last = in_ + s_.input.available() - kMaxDiskBytes;
     reserveRoom();
-    while (in_ <= last && step(std::make_integer_sequence<int, kKltRowCount>{})) {
+    while (in_ <= last && step<false>(std::make_integer_sequence<int, kKltRowCount>{})) {
       if (out_ > lastOut_) [[unlikely]] {
         commit();
         reserveRoom();
@@ -62,7 +62,7 @@ class PlainFilter {
   [[gnu::always_inline]] void runBefore() {
     const uint8_t* const begin = in_;
     const uint8_t* const last = in_ + s_.input.available() - kMaxDiskBytes;
-    while (in_ <= last && stepBefore(std::make_integer_sequence<int, kKltRowCount>{})) {
+    while (in_ <= last && step<true>(std::make_integer_sequence<int, kKltRowCount>{})) {
     }
     s_.input.advance(static_cast<size_t>(in_ - begin));
     s_.filter.time = time_;
@@ -79,12 +79,14 @@ class PlainFilter {
   }
 
   // Processes the next record. False, with nothing changed, if the fast path can't process it.
-  template <int... N>
+  template <bool kBefore, int... N>
   [[gnu::always_inline]] bool step(std::integer_sequence<int, N...>) {
     const unsigned number = *in_;
     if (number >= KLT_FilterState::kPlainRowBits || (rows_ >> number & 1) == 0) return false;
     bool isProcessed = false;
-    (void)((number == N + 1 && (isProcessed = process<N + 1>(), true)) || ...);
+    (void)((number == N + 1 &&
+            (isProcessed = kBefore ? processBefore<N + 1>() : process<N + 1>(), true)) ||
+           ...);
     return isProcessed;
   }
 
@@ -117,17 +119,7 @@ class PlainFilter {
     return false;
   }
 
-  // Processes a record before the request. False, with nothing changed, if the general filter must
-  // process it.
-  template <int... N>
-  [[gnu::always_inline]] bool stepBefore(std::integer_sequence<int, N...>) {
-    const unsigned number = *in_;
-    if (number >= KLT_FilterState::kPlainRowBits || (rows_ >> number & 1) == 0) return false;
-    bool isProcessed = false;
-    (void)((number == N + 1 && (isProcessed = processBefore<N + 1>(), true)) || ...);
-    return isProcessed;
-  }
-
+  // The same for a record before the request.
   template <int N>
   [[gnu::always_inline]] bool processBefore() {
     constexpr const KLT_Row& row = kKltRows[N - 1];
