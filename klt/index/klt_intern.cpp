@@ -44,9 +44,14 @@ std::string componentKey(const KLT_Component& component, uint32_t dataFile) {
 
 void enterComponent(KLT_FileHandle& handle, std::unique_ptr<KLT_Component> component,
                     uint32_t dataFile) {
-  if (handle.componentKeys.emplace(componentKey(*component, dataFile), component.get()).second) {
-    handle.components.push_back(std::move(component));
+  if (!handle.componentKeys.insert(componentKey(*component, dataFile)).second) return;
+  if (component->dataFile != nullptr) {
+    const std::string& suffix = component->dataFile->suffix;
+    const uint32_t count = ++handle.componentCounts[suffix];
+    if (count == kKltMostComponents + 1) handle.crowded.push_back(suffix);
+    if (count > kKltMostComponents) return;
   }
+  handle.components.push_back(std::move(component));
 }
 
 }  // namespace
@@ -129,6 +134,11 @@ std::string_view whyUnread(const KLT_FileHandle& handle, const KLT_FileEntry& fi
   return isKnown ? "" : "its type is unknown";
 }
 
+bool isCrowded(const KLT_FileHandle& handle, const KLT_FileEntry& file) {
+  const auto count = handle.componentCounts.find(file.suffix);
+  return count != handle.componentCounts.end() && count->second > kKltMostComponents;
+}
+
 void reportUnread(KLT_FileHandle& handle, const std::string& suffix, std::string_view why) {
   if (why.empty()) return;
   handle.unread = true;
@@ -153,11 +163,17 @@ void KLT_ReportUnreadFiles(KLT_FileHandle& handle) {
     }
   }
   for (const auto& entry : handle.files.entries()) {
-    if (seen.contains(entry.value.get())) continue;
+    if (seen.contains(entry.value.get()) || isCrowded(handle, *entry.value)) continue;
     reportUnread(handle, entry.value->suffix, whyUnread(handle, *entry.value));
   }
   for (const std::string& suffix : handle.unlisted) {
     reportUnread(handle, suffix, "its id is 0 or that of another file");
+  }
+  for (const std::string& suffix : handle.crowded) {
+    handle.unread = true;
+    PAL_Warning("%s.%s has more than %u components. The others aren't read.",
+                PAL_Printable(handle.base).c_str(), PAL_Printable(suffix).c_str(),
+                kKltMostComponents);
   }
 }
 

@@ -64,6 +64,11 @@ struct KLT_Group {
   std::vector<uint32_t> members;
 };
 
+// Each component of a data file reads it and delivers its records. One component is usual, and one
+// for each category is conceivable. Without a limit a small index could make a run as expensive as
+// thousands of copies of the file.
+inline constexpr uint32_t kKltMostComponents = 16;
+
 struct KLT_FileHandle {
   std::string base;  // the name given by the user
   KLT_Container* container = nullptr;
@@ -73,7 +78,8 @@ struct KLT_FileHandle {
   KLT_IdMap<std::unique_ptr<PAL_Triplets>> willyLists;
   KLT_IdMap<std::unique_ptr<KLT_FileEntry>> files;
   std::vector<std::unique_ptr<KLT_Component>> components;  // in order of declaration
-  PAL_HashMap<std::string, KLT_Component*> componentKeys;
+  PAL_HashSet<std::string> componentKeys;
+  PAL_HashMap<std::string_view, uint32_t> componentCounts;      // by suffix of the data file
   PAL_HashMap<std::string_view, KLT_AnchorTable> anchorTables;  // by suffix of the data file
   std::vector<uint32_t> threadsPerProcess;
   KLT_IdMap<PAL_Triplets> communicators;
@@ -85,6 +91,7 @@ struct KLT_FileHandle {
   bool lostData = false;              // the index ended early
   bool unread = false;                // some declared files are never read, as reported
   std::vector<std::string> unlisted;  // suffixes of files whose id is 0 or has been used before
+  std::vector<std::string> crowded;   // suffixes of files with more components than are read
 
   KLT_FileHandle();
   ~KLT_FileHandle();
@@ -105,7 +112,8 @@ struct KLT_FileHandle {
 [[nodiscard]] const char* KLT_StringOf(const KLT_FileHandle& handle, uint32_t id);
 
 // Adds a component. If an id is unknown, it has no anchors, data file or thread list. A second
-// component with the same categories, threads and data file is ignored.
+// component with the same categories, threads and data file is ignored. So are components of one
+// data file above kKltMostComponents.
 void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t dataFile,
                       uint32_t categories, uint32_t willies);
 
@@ -114,8 +122,8 @@ void KLT_AddComponent(KLT_FileHandle& handle, uint32_t anchorFile, uint32_t data
 [[nodiscard]] bool KLT_AddFile(KLT_FileHandle& handle, uint32_t id, uint32_t filetype,
                                std::string_view suffix);
 
-// Reports each file that no reader opens, because its records will be missing. Sets `handle.unread`
-// if there is one. REQUIRES: the index has been read to its end.
+// Reports each file that no reader opens, or not for all components, because records will be
+// missing. Sets `handle.unread` if there is one. REQUIRES: the index has been read to its end.
 void KLT_ReportUnreadFiles(KLT_FileHandle& handle);
 
 // Reports that the component can't be opened, with the system's text for errno.

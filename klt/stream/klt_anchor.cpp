@@ -116,6 +116,10 @@ class Replay {
   Replay(KLT_Stream& stream, uint32_t categories) : s_(stream), categories_(categories) {}
 
   void run(const KLT_Anchor& anchor) {
+    for (const auto& [suffix, bytes] : s_.history.replayedBytes) {
+      s_.pass->replayedBytes[suffix] -= bytes;
+    }
+    s_.history.replayedBytes.clear();
     readGroup(anchor);
     replayEntries(anchor.offset);
   }
@@ -222,8 +226,41 @@ class Replay {
         reportUnopened(file, false);
         return;
       }
-      if (isReadable_) replayRecord(entry.offset, entry.time, resume);
+      if (isReadable_ && !isOverused()) replayRecord(entry.offset, entry.time, resume);
     }
+  }
+
+  [[nodiscard]] bool isOwn(const KLT_FileEntry& file) const {
+    return file.suffix == s_.source.file->suffix;
+  }
+
+  // Whether streams of other files have replayed too many bytes of `file_`, after a report.
+  // Each of these streams keeps a copy of the records, so that seek points of many streams which
+  // refer to the same records would take many times the memory of these records.
+  [[nodiscard]] bool isOverused() {
+    constexpr uint64_t kMostCopies = 8;
+    constexpr uint64_t kSmall = 1 << 20;
+    if (isOwn(*file_)) return false;
+    if (s_.pass->replayedBytes[file_->suffix] <= kSmall + kMostCopies * data_.input.length()) {
+      return false;
+    }
+    PAL_Error("Too many seek points, like those in %s.%s.anc, refer to %s.%s.",
+              PAL_Printable(s_.pass->handle->base).c_str(),
+              PAL_Printable(s_.source.suffix()).c_str(),
+              PAL_Printable(s_.pass->handle->base).c_str(), PAL_Printable(file_->suffix).c_str());
+    s_.source.lostData = true;
+    isReadable_ = false;
+    return true;
+  }
+
+  // Counts the bytes of a record of `file_`.
+  void countRead(uint64_t bytes) {
+    if (isOwn(*file_)) return;
+    auto& shares = s_.history.replayedBytes;
+    if (shares.empty() || shares.back().first != file_->suffix)
+      shares.emplace_back(file_->suffix, 0);
+    shares.back().second += bytes;
+    s_.pass->replayedBytes[file_->suffix] += bytes;
   }
 
   // Opens `file` for reading entries, unless it is open or compressed. False if it can't be opened.
@@ -264,7 +301,7 @@ class Replay {
       reportEntry(file_, 0, offset);
       return;
     }
-    if (file_->suffix == s_.source.file->suffix && offset >= resume) return;  // the stream reads it
+    if (isOwn(*file_) && offset >= resume) return;  // the stream reads it
     if (!input.seek(offset) || !input.ensure(1)) {
       recordLoss(input);
       return;
@@ -285,6 +322,7 @@ class Replay {
       recordLoss(input);
       return;
     }
+    countRead(1 + disk);
     if (parsed != KLT_Parse::kRecord || !KLT_RowOf(KLT_RecordNumber(record_.data()))->replayed()) {
       reportEntry(file_, number, offset);
       return;

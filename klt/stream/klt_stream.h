@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,6 +36,8 @@ struct KLT_Pass {
   bool fillsTables = false;  // the stream is the index, whose records fill the trace's tables
   KLT_ThreadLists lists;
   PAL_HashSet<uint32_t> reportedCommunicators;
+  // The bytes that streams of other files have replayed from a file, by its suffix.
+  PAL_HashMap<std::string_view, uint64_t> replayedBytes;
   // The first selected member by communicator and list of threads, for a list that isn't tested and
   // for one that is.
   std::array<PAL_HashMap<uint64_t, int64_t>, 2> commonMembers;
@@ -122,6 +125,8 @@ struct KLT_HistoryState {
   uint32_t addedCategories = 0;  // of the current request, but not of the previous one
   const KLT_ThreadList* addedThreads = nullptr;  // the same for threads; null if there are none
   uint64_t seenUntil = 0;  // records before this time were filtered for earlier requests
+  // The share of this stream in KLT_Pass::replayedBytes, since its last seek point.
+  std::vector<std::pair<std::string_view, uint64_t>> replayedBytes;
   KLT_Context context;
 };
 

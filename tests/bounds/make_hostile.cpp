@@ -71,16 +71,22 @@ void threads(tb::Trace& trace, uint64_t size) {
   }
 }
 
+constexpr size_t kHead = 8;  // bytes of a collective operation before the times of its members
+
+// A component of which each 8 bytes are the head of an operation of 65,535 members.
+tb::Stream& largeOperations(tb::Trace& trace) {
+  trace.communicator(1, "c", {{0, 65534, 1}}).operation(1, "o", 4);
+  tb::Stream& c = trace.streamOf("cop", tb::COLLOPS, {{0, 0, 1}});
+  for (int i = 0; i < 1 << 18; ++i) c.bytes({"\3\0\0\0\1\1\xff\xff", kHead});
+  return c;
+}
+
 // Components that share an anchor file, and entries of a history for one large record.
 void seekPoints(tb::Trace& trace, uint64_t size) {
   constexpr uint64_t kShare = 50;
-  constexpr size_t kHead = 8;  // bytes of a collective operation before the times of its members
   basics(trace);
-  trace.communicator(1, "c", {{0, 65534, 1}}).operation(1, "o", 4);
   tb::Stream& f = trace.streamOf("f.0", tb::FUNCTIONS, {{0, 0, 1}}).at(1).enter(0, 1).leave(0);
-  tb::Stream& c = trace.streamOf("cop", tb::COLLOPS, {{0, 0, 1}});
-  // Each 8 bytes are the head of an operation of 65,535 members.
-  for (int i = 0; i < 1 << 18; ++i) c.bytes({"\3\0\0\0\1\1\xff\xff", kHead});
+  tb::Stream& c = largeOperations(trace);
   for (uint32_t i = 0; i < size / kShare; ++i) {
     const uint32_t id = 100 + i;
     trace.extraIndex().record("file_declaration", {{"id", id}, {"suffix", "f.0"}});
@@ -92,6 +98,24 @@ void seekPoints(tb::Trace& trace, uint64_t size) {
     c.anchorRecord(46, {{"file", c.fileId()}, {"offset", kHead * i}});
   }
   c.anchorRecord(9, {{"time_prev", 1}, {"offset", c.size()}});
+}
+
+// Components that share a file of large records, or whose seek points refer to it.
+void sharedRecords(tb::Trace& trace, uint64_t size) {
+  constexpr uint64_t kShare = 1000;
+  basics(trace);
+  trace.duration(0, kLatest);
+  tb::Stream& c = largeOperations(trace);
+  for (uint32_t i = 0; i < size / kShare; ++i) {
+    const uint32_t id = 0x20000 + i;
+    trace.extraIndex().record("file_declaration", {{"id", id}, {"suffix", "cop"}});
+    trace.extraIndex().record("anchor_file_declaration",
+                              {{"data_file", id}, {"categories", tb::COLLOPS}, {"willies", 1}});
+    trace.streamOf("c." + std::to_string(i), tb::COLLOPS, {{0, 0, 1}})
+        .at(1)
+        .anchorRecord(46, {{"file", c.fileId()}, {"offset", kHead * i}})
+        .anchorRecord(9, {{"time_prev", 1}});
+  }
 }
 
 void wildTimes(tb::Trace& trace, uint64_t size) {
@@ -221,6 +245,7 @@ constexpr Case kCases[] = {{"crowd", crowd},
                            {"long_names", longNames},
                            {"threads", threads},
                            {"seek_points", seekPoints},
+                           {"shared_records", sharedRecords},
                            {"wild_times", wildTimes},
                            {"huge_declarations", hugeDeclarations},
                            {"thread_lists", threadLists},

@@ -19,8 +19,6 @@ import tempfile
 BASE_MEMORY = 8 << 20  # of data
 MEMORY_PER_FILE = 256 << 10  # of the trace
 MEMORY_PER_BYTE = 8  # of the trace
-# An output has a file for each thread, so the case `threads` needs more memory for each byte.
-PER_BYTE = {("threads", "extract"): 1000}
 BASE_SECONDS = 5  # of CPU time
 SECONDS_PER_MEGABYTE = 1
 SHORT_SECONDS = 0.4  # the growth of less is not measured
@@ -42,7 +40,9 @@ OPERATIONS = {
     "summary": "--sumdata out/s --logfile-format KLT",
     "merge": "--merge out/m.klt --logfile-format KLT --sumdata",
 }
-
+# An output has a file for each thread, so the case `threads` needs more memory for each byte. A few
+# components may read the same bytes.
+PER_BYTE = {("threads", "extract"): 1000} | {("shared_records", name): 64 for name in OPERATIONS}
 
 ENVIRONMENT = {"RK_VERBOSE": "0", "ASAN_OPTIONS": "abort_on_error=1",
                "UBSAN_OPTIONS": "abort_on_error=1"}

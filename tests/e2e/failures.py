@@ -132,7 +132,11 @@ def check_unread_files(place):
              ({"filetype": 1, "after": component}, "its type isn't that of a file of events."),
              ({"after": component}, "t.klt.q isn't read: its categories are unknown."),
              ({"after": component.replace(b"\x99", b"\x9b")},
-              "t.klt has a component whose data file isn't declared."))
+              "t.klt has a component whose data file isn't declared."),
+             ({"after": b"".join(b"\x0a" + struct.pack(">IIIH", 0, 0x10099, n << 16 | 16, 0)
+                                 for n in range(17))},
+              "t.klt.q has more than 16 components. The others aren't read."))
+    (place.path / "t.klt.q").touch()
     for how, says in cases:
         (place.path / INPUT).write_bytes(index)
         declare(place, b"q", **how)
