@@ -7,13 +7,17 @@
 #include "generic/kltt_main.h"
 
 #include <fcntl.h>
+#include <sys/auxv.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "generic/RK_socketpc.h"
 #include "generic/extract/kltt_extract.h"
@@ -37,6 +41,25 @@
 namespace {
 
 enum : int { kSuccess = 0, kCantOpen = 1, kUsageError = 10 };
+
+// Arguments and environment are at the start of the stack. If they leave too little of it, the
+// limit is raised. If that isn't allowed, the process ends with a message, instead of a signal
+// later.
+void ensureStack() {
+  constexpr rlim_t kNeeded = 20 << 10;  // operations take up to 17 KiB
+  constexpr rlim_t kRaised = 1 << 20;
+  constexpr std::string_view kMessage =
+      "klttool: arguments and environment leave less than 20 KiB of the stack (ulimit -s)\n";
+  rlimit limit{};
+  const uintptr_t start = getauxval(AT_EXECFN);
+  const auto used = start - reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  if (getrlimit(RLIMIT_STACK, &limit) != 0 || used > limit.rlim_cur) return;  // another stack
+  if (limit.rlim_cur - used >= kNeeded) return;
+  limit.rlim_cur = std::min(limit.rlim_max, used + kRaised);
+  if (limit.rlim_cur - used >= kNeeded && setrlimit(RLIMIT_STACK, &limit) == 0) return;
+  (void)!write(STDERR_FILENO, kMessage.data(), kMessage.size());
+  _exit(kCantOpen);
+}
 
 // Opens closed standard descriptors on /dev/null. Otherwise the first opened file would get such a
 // descriptor and receive the program's text. Descriptor 1 is read-only, so that writing to it
@@ -286,6 +309,7 @@ int runOperation(KLT_FileHandle* handle, const char* input, int32_t serial) {
 
 void KLTT_Main(int argc, char** argv) {
   const PAL_Place here;
+  ensureStack();
   occupyStandardDescriptors();
   std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the file size limit must fail and be reported
   const int32_t serial = deliveryOrder();

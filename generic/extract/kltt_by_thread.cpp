@@ -1,6 +1,7 @@
 // Extracts a binary trace without merging all calls by time. See kltt_by_thread.h.
 #include "generic/extract/kltt_by_thread.h"
 
+#include <memory>
 #include <utility>
 
 #include "generic/handlers/kltt_context.h"
@@ -24,7 +25,7 @@ KLTT_ByThread::KLTT_ByThread(KLTT_Context& context, const KLT_HandlerTable& merg
   merged_.enter_function = &enterMerged;
   merged_.leave_function = &leaveMerged;
   context_.byThread = this;
-  std::swap(context_.pending, pending_);
+  exchangeQueues();
   KLT_WriterDeferPlaces(writer_, true);
 }
 
@@ -40,6 +41,13 @@ KLTT_ByThread::~KLTT_ByThread() { context_.byThread = nullptr; }
 int KLTT_ByThread::refuse() {
   hasRefused_ = true;
   return 1;
+}
+
+// A queue is too large for a temporary one on a small stack.
+void KLTT_ByThread::exchangeQueues() {
+  const auto other = std::make_unique<KLTT_Queue>(std::move(pending_));
+  pending_ = std::move(context_.pending);
+  context_.pending = std::move(*other);
 }
 
 // --- calls on their own -------------------------------------------------------------------------
@@ -109,7 +117,7 @@ int KLTT_ByThread::endAlone(void* user, uint64_t /*time*/, uint32_t /*categories
 
 void KLTT_ByThread::startMerge() {
   KLT_WriterDeferPlaces(writer_, false);
-  std::swap(context_.pending, pending_);
+  exchangeQueues();
 }
 
 int KLTT_ByThread::place(uint64_t time, uint32_t gtp, Thread& thread) {

@@ -63,6 +63,7 @@ class KLTT_ByThread {
   [[nodiscard]] bool startThread(uint32_t gtp);
   void endThread();
   void note(uint64_t time, KLT_WriterCounts now);
+  void exchangeQueues();
   void startMerge();
   int place(uint64_t time, uint32_t gtp, Thread& thread);
 

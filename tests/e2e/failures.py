@@ -52,6 +52,10 @@ def check_bad_output(place):
     place.run("--dump", 1, "writing to stdout failed", prefix=closed)
     place.run(f"--logfile-name ../out.klt {KLT}", prefix=closed)
     place.run("--dump", prefix=("sh", "-c", 'ulimit -s 32; env -i "$@"', "sh"))  # a small stack
+    filled = {"filled": "x" * 125_000}  # with these limits, it leaves too little of the stack
+    place.run("--dump", prefix=("sh", "-c", 'ulimit -S -s 140; "$@"', "sh"), environment=filled)
+    place.run("--dump", 1, "leave less than 20 KiB of the stack (ulimit -s)\n",
+              prefix=("sh", "-c", 'ulimit -s 140; "$@"', "sh"), environment=filled)
     # If the reader of a pipe ends, the run ends without a message.
     done = subprocess.run(["sh", "-c", f'"$0" {INPUT} --dump 2>../err | head -n 1', place.program],
                           cwd=place.path, stdout=subprocess.PIPE, check=True)
