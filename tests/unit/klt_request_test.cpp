@@ -55,6 +55,12 @@ TEST(KltRequest, KeepsUnitesAndCuts) {
   testing::internal::CaptureStderr();
   for (const auto& [requests, result] : cases) EXPECT_EQ(text(planned(requests)), result);
   testing::internal::GetCapturedStderr();
+  for (const auto& [end, copied] : {std::pair{5U, uint64_t{5}}, {4U, ~uint64_t{0}}}) {
+    const KLT_Request request{5, end, 6, {}};
+    KLT_Request* copy = KLT_RequestCopy(&request);
+    EXPECT_EQ(copy->end, copied);
+    KLT_RequestRelease(copy);
+  }
 }
 
 using Selected = std::pair<uint32_t, std::set<int32_t>>;

@@ -91,6 +91,7 @@ TEST_F(KltWrite, EveryFormIsReadBackTheSameWithSeekPointsAndWithout) {
   EXPECT_TRUE(write("t.klt", run(false)));
   EXPECT_TRUE(write("l.klt", run(true)));
   EXPECT_TRUE(tb::readFile(path("l.klt.msg")) == tb::readFile(path("t.klt.msg")));
+  EXPECT_EQ(tb::readFile(path("t.klt.msg.anc"))[0], KLT_Row::history);  // no empty call stack
   reading::Messages messages;
   const KLT_Request whole = window(0, reading::kOpenEnd);
   const Lines all = read("t.klt", whole);
@@ -119,6 +120,18 @@ TEST_F(KltWrite, EveryFormIsReadBackTheSameWithSeekPointsAndWithout) {
   for (const auto& [request, lines] : windows) {
     EXPECT_EQ(reading::difference(lines, read("t.klt", request)), "") << request.start;
   }
+}
+
+TEST_F(KltWrite, AThreadHasOneProfileForEachFunction) {
+  constexpr uint32_t kFunctions = 1000, kRounds = 3;
+  write("t.klt", [](KLT_WFileHandle* w) {
+    for (uint32_t i = 0; i < kRounds * kFunctions; ++i) {
+      KLT_Write<28>(w, nullptr, uint64_t{2 * i}, 0U, 1 + i % kFunctions);
+      KLT_Write<48>(w, nullptr, uint64_t{2 * i + 1}, 0U);
+    }
+  });
+  const Lines all = read("t.klt", window(0, reading::kOpenEnd, 0x4000));
+  EXPECT_EQ(reading::only(all, {"function_profile"}).size(), kFunctions);
 }
 
 // What exceeds a count is left out and reported with the source location; the output is incomplete.

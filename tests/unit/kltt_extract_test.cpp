@@ -95,4 +95,28 @@ TEST(KlttRequests, WindowsBecomeRawTimes) {
   RK_ConfigDefaults();
 }
 
+// The highest thread can't be named if the trace declares no processes.
+TEST(KlttUnmatched, NamesTheThreadsOfTheTraceIfThereAreAny) {
+  for (const bool declares : {true, false}) {
+    tb::Trace trace;
+    trace.clock(1e-6, 0).defineClass(1, "App").function(1, "main", 1);
+    if (declares) trace.processes({1, 1});
+    trace.stream("f.0", tb::FUNCTIONS, {0}).at(5).enter(0, 1);
+    const reading::OpenTrace open(trace);
+    const tb::TempDir directory;
+    RK_ConfigDefaults();
+    RK_conf.logfile_name = directory / "out.rkf";
+    RK_conf.logfile_name_set = true;
+    RK_conf.request.emplace_back().triplets = {{77, 77, 1}};
+    reading::Messages messages;
+    EXPECT_EQ(KLTT_Extract(open.handle(), 1), 0);
+    const std::string written = messages.take();
+    EXPECT_NE(written.find("The request selects no event.\n"), std::string::npos) << written;
+    EXPECT_EQ(written.find("There is no thread 77: the processes are 0 to 1.") != written.npos,
+              declares);
+    EXPECT_EQ(written.find("There is no thread") != written.npos, declares);
+  }
+  RK_ConfigDefaults();
+}
+
 }  // namespace
