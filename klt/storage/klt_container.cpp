@@ -69,7 +69,7 @@ class DirectoryReader {
  private:
   bool refill(size_t bytes) {
     if (remaining() < bytes) return false;
-    if (buffer_.empty()) buffer_.resize(kBufferBytes);
+    if (buffer_.empty()) buffer_.resize(std::min<uint64_t>(kBufferBytes, unread_));
     std::memmove(buffer_.data(), buffer_.data() + pos_, filled_ - pos_);
     filled_ -= pos_;
     pos_ = 0;
