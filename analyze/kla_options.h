@@ -83,14 +83,16 @@ int wrongUsage(const char* program, const std::string& message);
 template <class Options>
 int runProgram(const char* program, const char* version, int argc, char** argv, void (*printHelp)(),
                std::string (*readOptions)(Words&, Options&), int (*run)(const Options&)) {
-  const std::string first = argc > 1 ? argv[1] : "";
-  if (first == "--help" || first == "-h") {
-    printHelp();
-    return kDone;
-  }
-  if (first == "--version") {
-    std::printf("%s %s\n", program, version);
-    return kDone;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--help" || word == "-h") {
+      printHelp();
+      return kDone;
+    }
+    if (word == "--version") {
+      std::printf("%s %s\n", program, version);
+      return kDone;
+    }
   }
   Words words(argc, argv);
   Options options;

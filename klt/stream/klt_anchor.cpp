@@ -234,9 +234,9 @@ class Replay {
     return file.suffix == s_.source.file->suffix;
   }
 
-  // Whether streams of other files have replayed too many bytes of `file_`, after a report.
-  // Each of these streams keeps a copy of the records, so that seek points of many streams which
-  // refer to the same records would take many times the memory of these records.
+  // Reports whether streams of other files have replayed too many bytes of `file_`. Each of these
+  // streams has its own copies. So if the seek points of many streams refer to the same records,
+  // these take many times the memory that they need once.
   [[nodiscard]] bool isOverused() {
     constexpr uint64_t kMostCopies = 8;
     constexpr uint64_t kSmall = 1 << 20;

@@ -154,7 +154,7 @@ class Forms(unittest.TestCase):
 
     def test_options_are_documented(self):
         for program, variable in (("klt-analyze", "KLT_ANALYZE"), ("klt-timeline", "KLT_TIMELINE")):
-            options = set(re.findall(r"--[a-z-]+", run(variable, "--help")[0]))
+            options = set(re.findall(r"--[a-z-]+", run(variable, RING, "--help")[0]))
             self.assertGreater(len(options), 5)
             for place in (f"man/{program}.1", *(f"completions/analyze/klt-analyze.{shell}"
                                                 for shell in ("bash", "zsh", "fish"))):
