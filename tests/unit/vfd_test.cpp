@@ -121,6 +121,18 @@ TEST_F(VfdTest, ADuplicateIsOpenedOnItsFirstUseAndSharesThePosition) {
   EXPECT_EQ(Vfd_Close(twin), 0);
 }
 
+TEST_F(VfdTest, AfterClosingAFileThatWasNotOpenOthersStillMakeRoom) {
+  const int closed = open("closed"), other = open("other");
+  evictAll();
+  write(other, "x");
+  EXPECT_EQ(Vfd_Close(closed), 0);
+  evictAll();
+  opens = 0;
+  write(other, "y");
+  EXPECT_EQ(opens, 1U);
+  EXPECT_EQ(Vfd_Close(other), 0);
+}
+
 TEST_F(VfdTest, ErrorsAreReportedOnceAlsoThoseOfClosingToMakeRoom) {
   const int file = open("f"), closed = open("g");
   for (const int result : {0, -1}) EXPECT_EQ(Vfd_Close(closed), result);
