@@ -77,7 +77,8 @@ void writeRun(KLT_WFileHandle* w, bool completesLater) {
     KLT_Write<50>(w, nullptr, t + 5, 0U, 41U, i);
     KLT_Write<48>(w, nullptr, t + 5, 0U);
     const uint64_t sent = i / 5000 == 1 ? 5000 + i : t;
-    const int64_t span = i % 1000 == 0 ? kUnknown : i / 5000 == 1 ? 60000 : 1 + random() % 3000;
+    const auto usual = static_cast<int64_t>(1 + random() % 3000);
+    const int64_t span = i % 1000 == 0 ? kUnknown : i / 5000 == 1 ? 60000 : usual;
     Late& next = late[i % late.size()];
     complete(next);
     if (completesLater) next = {{}, sent, span, i};
