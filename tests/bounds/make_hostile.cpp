@@ -88,12 +88,7 @@ void seekPoints(tb::Trace& trace, uint64_t size) {
   tb::Stream& f = trace.streamOf("f.0", tb::FUNCTIONS, {{0, 0, 1}}).at(1).enter(0, 1).leave(0);
   tb::Stream& c = largeOperations(trace);
   for (uint32_t i = 0; i < size / kShare; ++i) {
-    const uint32_t id = 100 + i;
-    trace.extraIndex().record("file_declaration", {{"id", id}, {"suffix", "f.0"}});
-    trace.extraIndex().record("anchor_file_declaration", {{"anchor_file", f.fileId()},
-                                                          {"data_file", id},
-                                                          {"categories", tb::FUNCTIONS},
-                                                          {"willies", 1}});
+    trace.declareComponent(100 + i, "f.0", tb::FUNCTIONS, f.fileId());
     for (int k = 0; k < 10; ++k) f.anchorRecord(9, {{"time_prev", 1}});
     c.anchorRecord(46, {{"file", c.fileId()}, {"offset", kHead * i}});
   }
@@ -107,10 +102,7 @@ void sharedRecords(tb::Trace& trace, uint64_t size) {
   trace.duration(0, kLatest);
   tb::Stream& c = largeOperations(trace);
   for (uint32_t i = 0; i < size / kShare; ++i) {
-    const uint32_t id = 0x20000 + i;
-    trace.extraIndex().record("file_declaration", {{"id", id}, {"suffix", "cop"}});
-    trace.extraIndex().record("anchor_file_declaration",
-                              {{"data_file", id}, {"categories", tb::COLLOPS}, {"willies", 1}});
+    trace.declareComponent(0x20000 + i, "cop", tb::COLLOPS);
     trace.streamOf("c." + std::to_string(i), tb::COLLOPS, {{0, 0, 1}})
         .at(1)
         .anchorRecord(46, {{"file", c.fileId()}, {"offset", kHead * i}})

@@ -333,6 +333,15 @@ std::string Trace::index() const {
   return header + layout_.block() + records.contents() + extraIndex_.contents();
 }
 
+Trace& Trace::declareComponent(uint32_t id, std::string_view suffix, uint32_t categories,
+                               uint32_t anchorFile) {
+  extraIndex_.record("file_declaration", {{"id", id}, {"suffix", suffix}});
+  extraIndex_.record(
+      "anchor_file_declaration",
+      {{"anchor_file", anchorFile}, {"data_file", id}, {"categories", categories}, {"willies", 1}});
+  return *this;
+}
+
 TraceFiles Trace::files() const {
   TraceFiles files;
   files.add(" ", index());

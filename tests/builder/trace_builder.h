@@ -285,6 +285,9 @@ class Trace {
                    const std::vector<Triplet>& threads);
   // Any records for the end of the index.
   [[nodiscard]] RecordBytes& extraIndex() { return extraIndex_; }
+  // Declares a file and a component of it, with the first list of threads, besides the streams'.
+  Trace& declareComponent(uint32_t id, std::string_view suffix, uint32_t categories,
+                          uint32_t anchorFile = 0);
 
   [[nodiscard]] TraceFiles files() const;
 

@@ -433,18 +433,12 @@ TEST(KltAnchors, WrongAnchorsAndEntriesChangeNothing) {
 
 TEST(KltAnchors, AreOnlyUsedIfTheIndexDeclaresThem) {
   for (const bool declared : {false, true}) {
-    constexpr uint32_t kFile = 0x20000;
     tb::Trace trace;
     trace.clock(1e-6, 0).processes({1}).defineClass(1, "A").function(1, "f", 1);
     tb::Stream& f = trace.stream("f.0", tb::FUNCTIONS, {0}).at(1).enter(0, 1).at(9).leave(0);
     // The offset is wrong, so that reading from it skips the end of the call.
     f.anchorRecord(9, {{"time_prev", 2}, {"offset", f.size()}});
-    trace.extraIndex().record("file_declaration", {{"id", kFile}, {"suffix", "z"}});
-    trace.extraIndex().record("anchor_file_declaration",
-                              {{"anchor_file", declared ? f.fileId() + 1 : 0},
-                               {"data_file", kFile},
-                               {"categories", tb::FUNCTIONS},
-                               {"willies", 1}});
+    trace.declareComponent(0x20000, "z", tb::FUNCTIONS, declared ? f.fileId() + 1 : 0);
     tb::TraceFiles files = trace.files();
     for (const std::string part : {"", ".anc"}) files.add(".z" + part, files[".f.0" + part]);
     reading::OpenTrace open(files);
